@@ -1,0 +1,16 @@
+# Compiler options of everything that is ours: the interface target corpdir_options.
+add_library(corpdir_options INTERFACE)
+target_compile_options(corpdir_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wnon-virtual-dtor -Werror
+  # Log records and messages name files relative to the source tree, the same from every checkout.
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+
+if(CORPDIR_SANITIZE)
+  add_compile_options(-fsanitize=${CORPDIR_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${CORPDIR_SANITIZE})
+  # With the sanitizers' code in it, gcc 12 takes the standard library's own std::regex for a use of
+  # uninitialized memory.
+  target_compile_options(corpdir_options INTERFACE
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
+endif()

@@ -1,0 +1,37 @@
+#include "console_sink.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+namespace corpdir_log
+{
+namespace
+{
+// The client may have made standard error non-blocking.
+bool AwaitRoom()
+{
+    pollfd console = {STDERR_FILENO, POLLOUT, 0};
+    return errno == EAGAIN && poll(&console, 1, -1) == 1;
+}
+
+}  // namespace
+
+void ConsoleSink::sink_it_(const spdlog::details::log_msg& message)
+{
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    for (std::string_view rest(line.data(), line.size()); !rest.empty();)
+    {
+        const ssize_t written = write(STDERR_FILENO, rest.data(), rest.size());
+        if (written < 0 && !AwaitRoom())
+        {
+            return;
+        }
+        rest.remove_prefix(written < 0 ? 0 : static_cast<std::size_t>(written));
+    }
+}
+
+}  // namespace corpdir_log

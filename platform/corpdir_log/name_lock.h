@@ -1,0 +1,43 @@
+// The right to use one log file name in a directory.
+#ifndef CORPDIR_LOG_NAME_LOCK_H
+#define CORPDIR_LOG_NAME_LOCK_H
+
+#include <string>
+
+namespace corpdir_log
+{
+// Several processes may log into one directory: the first one gets corpdir.log, the next ones
+// corpdir-2.log and so on. A name is taken by a lock on one byte of the file .corpdir.lock, which
+// stays in the directory when the lock goes. The log file itself could not carry the lock: rotation
+// renames it. Where locks are not to be had (a file system without them, a lock file of another
+// user) the name is corpdir-PID.log. One thread only.
+class NameLock
+{
+public:
+    // Never fails; throws std::bad_alloc.
+    explicit NameLock(const std::string& directory);
+    ~NameLock();
+    NameLock(const NameLock&) = delete;
+    NameLock& operator=(const NameLock&) = delete;
+
+    const std::string& FileName() const
+    {
+        return m_fileName;
+    }
+
+    // False when the lock is worth nothing there: another directory, or a new one of that name.
+    bool IsFor(const std::string& directory) const;
+
+    // To be called in the child of a fork, which would keep the parent's name taken.
+    static void ReleaseInForkedChild();
+
+private:
+    bool TakeName(unsigned int number);
+
+    int m_descriptor = -1;
+    std::string m_fileName;
+};
+
+}  // namespace corpdir_log
+
+#endif

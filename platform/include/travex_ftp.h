@@ -1,0 +1,221 @@
+// FTP/FTPS client layer (RFC 959, RFC 2428, RFC 4217): asynchronous downloads with notifications.
+//
+// One transfer thread drives all transfers; one notification thread calls back, so that a slow
+// callback stalls no transfer. Every function may be called on any thread, within a callback too,
+// and none waits for the network. Nothing throws. Result codes: tagTRAVEX_FTP_RESULT.
+//
+// A download goes to a temporary file in the target directory, which replaces the target by rename
+// once it is complete, checked and flushed. A failed one leaves the target as it was.
+#ifndef TRAVEX_FTP_H
+#define TRAVEX_FTP_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+// Result codes, of calls (1 to 9) and of failed transfers (from 16).
+enum tagTRAVEX_FTP_RESULT
+{
+    TRAVEX_FTP_OK = 0,
+    TRAVEX_FTP_ERR_PARAM = 1,     // a null, empty, over-long or otherwise unusable argument
+    TRAVEX_FTP_ERR_HANDLE = 2,    // no live handle
+    TRAVEX_FTP_ERR_NOT_INIT = 3,  // TRAVEX_FTP_Init has not been called
+    TRAVEX_FTP_ERR_NOT_SET = 4,   // control or data parameters were not set on the handle
+    TRAVEX_FTP_ERR_CIPHER = 5,    // a cipher suite that the TLS library does not know
+    TRAVEX_FTP_ERR_TRUST = 6,     // a trust text that cannot be used
+    TRAVEX_FTP_ERR_SYSTEM = 7,    // memory or another resource of the system ran out
+
+    TRAVEX_FTP_ERR_CONNECT = 16,     // no connection: zero address, refused, unreachable, no answer
+    TRAVEX_FTP_ERR_TLS = 17,         // TLS refused or its handshake failed
+    TRAVEX_FTP_ERR_CERT = 18,        // the certificate was not accepted
+    TRAVEX_FTP_ERR_LOGIN = 19,       // user or password not accepted
+    TRAVEX_FTP_ERR_FILE = 20,        // the server does not give the file
+    TRAVEX_FTP_ERR_REPLY = 21,       // the server said something it must not, or too much
+    TRAVEX_FTP_ERR_TIMEOUT = 22,     // a limit on time ran out
+    TRAVEX_FTP_ERR_PARTIAL = 23,     // the file ended early, or its size is not the one announced
+    TRAVEX_FTP_ERR_TOO_LARGE = 24,   // the file is larger than the limit
+    TRAVEX_FTP_ERR_LOCAL_FILE = 25,  // the local file cannot be written
+    TRAVEX_FTP_ERR_TRANSFER = 26     // any other failure of the transfer
+};
+
+// Kinds of notification.
+enum tagTRAVEX_FTP_NOTIFY_TYPE
+{
+    TRAVEX_FTP_NOTIFY_SUCCESS = 0,  // the file is complete and in place
+    TRAVEX_FTP_NOTIFY_FAILED = 3,   // the transfer failed; pstErrInfo says why
+    TRAVEX_FTP_NOTIFY_OVER = 12     // follows each success
+};
+
+typedef struct tagTRAVEX_FTP_HANDLE* TRAVEX_FTP_HANDLE;
+
+// Asked once per TLS connection of a control channel, after the layer's own checks, on the transfer
+// thread: the server's address as text and the certificate's subject (const char* both, valid for
+// the call). Non-zero vetoes the connection; 0 never overrules a failed check.
+typedef int (*TRAVEX_FTP_VERIFY_CB)(void* pServer, void* pSubject);
+
+// Control parameters. Zero the whole record first.
+struct tagTRAVEX_FTP_S_CTRL_PARAM
+{
+    unsigned int ulServerType;  // 0 plain FTP; 1 FTPS, control and data channel encrypted:
+                                // explicit (AUTH TLS), implicit on port 990
+    unsigned int ulReserved1;
+    unsigned int ulServerIpType;  // 0 IPv4, 1 IPv6
+    unsigned int ulReserved2;
+    unsigned char aucServerIp[16];  // network byte order, an IPv4 address in the first 4; a zero
+                                    // address is accepted here, and its transfers fail
+    unsigned int ulServerPort;      // 0: 21
+    unsigned int ulCtrlOption1;     // carried, no effect
+    char acUserName[128];           // NUL-terminated, not empty
+    char acPassword[128];           // NUL-terminated, not empty
+    unsigned char aucReserved3[128];
+    unsigned int ulCtrlOption2;  // carried, no effect
+    unsigned int ulCtrlOption3;  // carried, no effect
+    char acWorkDir[128];         // local directory, not empty
+    unsigned char aucReserved4[8];
+    const char* pcFtpCtrlInfo;           // trust text: a path of a PEM file or directory of
+                                         // certification authorities; "system"; or key=value pairs
+                                         // separated by ";": ca=, name= (DNS names separated by
+                                         // ","), tls=implicit
+    unsigned int ulTlsOption1;           // carried, no effect
+    unsigned short usTlsOption2;         // carried, no effect
+    unsigned int ulTlsOption3;           // carried, no effect
+    TRAVEX_FTP_VERIFY_CB pfnFtpsVerify;  // may be null
+    const int* piCipherList;   // the suites offered, 0x03000000 + IANA number; the protocol
+    unsigned int ulCipherNum;  // versions follow from them. None: the library's default
+    unsigned int ulReserved5;
+    unsigned int ulLocalIpType;  // 0 IPv4, 1 IPv6
+    unsigned int ulReserved6;
+    unsigned char aucLocalIp[16];  // address to connect from; all zero: the system's choice
+    unsigned int ulCertVerify;     // 1: chain, dates and identity (a name of the trust text or
+                                   // the address connected to) are checked; 0: they are not
+    unsigned int ulReserved7;
+};
+
+// Data parameters: carried, no effect.
+struct tagTRAVEX_FTP_S_DATA_PARAM
+{
+    unsigned int ulDataOption1;
+    unsigned int ulDataOption2;
+    unsigned int ulDataOption3;
+    unsigned int ulDataOption4;
+    unsigned char aucReserved[8];
+};
+
+// Why a transfer failed.
+struct tagTRAVEX_FTP_S_ERR_INFO
+{
+    unsigned int ulRet;  // tagTRAVEX_FTP_RESULT
+    char acReason[508];  // a sentence: server, step and reason; printable, NUL-terminated
+};
+
+// What a notification carries.
+struct tagTRAVEX_FTP_S_NOTIFY_DATA
+{
+    unsigned int ulTaskID;
+    char DownFileName[256];                // the server file, byte for byte as it was given
+    unsigned int ulType;                   // tagTRAVEX_FTP_NOTIFY_TYPE
+    tagTRAVEX_FTP_S_ERR_INFO* pstErrInfo;  // with a failure, else null
+};
+
+// Runs on the layer's one notification thread; the record and pstErrInfo stay valid until it
+// returns. pUserData is null. A success is a 0 and then a 12, a failure one 3.
+typedef void (*TRAVEX_FTP_NOTIFY_CB)(void* pUserData, tagTRAVEX_FTP_S_NOTIFY_DATA* pstNotify);
+
+// What an observer sees of a task.
+enum tagTRAVEX_FTP_OBSERVED
+{
+    TRAVEX_FTP_OBSERVED_PROGRESS = 0,  // bytes have arrived; at most ten a second per task
+    TRAVEX_FTP_OBSERVED_SUCCESS = 1,   // before the task's 0
+    TRAVEX_FTP_OBSERVED_FAILED = 2,    // before the task's 3
+    TRAVEX_FTP_OBSERVED_REFUSED = 3    // no task came to be: parameters or a download were refused
+};
+
+struct tagTRAVEX_FTP_S_OBSERVATION
+{
+    unsigned int ulKind;       // tagTRAVEX_FTP_OBSERVED
+    unsigned int ulTaskID;     // 0 when refused
+    const char* pcServer;      // "192.0.2.1:21" or "[2001:db8::1]:21"; empty when not known
+    const char* pcServerFile;  // empty when not known
+    uint64_t ullBytes;         // received so far
+    uint64_t ullTotal;         // size the server announced; TRAVEX_FTP_SIZE_UNKNOWN until it did
+    unsigned int ulRet;        // tagTRAVEX_FTP_RESULT of a failure or refusal
+    const char* pcReason;      // in words, else empty
+};
+
+#define TRAVEX_FTP_SIZE_UNKNOWN UINT64_MAX
+
+// The record is valid for the call. Runs on the notification thread; for a refusal on the thread
+// whose call was refused, before that call returns.
+typedef void (*TRAVEX_FTP_OBSERVER_CB)(void* pUser, const tagTRAVEX_FTP_S_OBSERVATION* pstSeen);
+
+static_assert(sizeof(void*) != 8 || (sizeof(tagTRAVEX_FTP_S_CTRL_PARAM) == 648 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulServerType) == 0 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulServerIpType) == 8 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, aucServerIp) == 16 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulServerPort) == 32 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulCtrlOption1) == 36 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, acUserName) == 40 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, acPassword) == 168 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulCtrlOption2) == 424 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulCtrlOption3) == 428 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, acWorkDir) == 432 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, pcFtpCtrlInfo) == 568 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulTlsOption1) == 576 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, usTlsOption2) == 580 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulTlsOption3) == 584 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, pfnFtpsVerify) == 592 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, piCipherList) == 600 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulCipherNum) == 608 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulLocalIpType) == 616 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, aucLocalIp) == 624 &&
+                                     offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulCertVerify) == 640),
+              "control record layout");
+static_assert(sizeof(tagTRAVEX_FTP_S_DATA_PARAM) == 24, "data record layout");
+static_assert(sizeof(void*) != 8 || (sizeof(tagTRAVEX_FTP_S_NOTIFY_DATA) == 272 &&
+                                     offsetof(tagTRAVEX_FTP_S_NOTIFY_DATA, DownFileName) == 4 &&
+                                     offsetof(tagTRAVEX_FTP_S_NOTIFY_DATA, ulType) == 260 &&
+                                     offsetof(tagTRAVEX_FTP_S_NOTIFY_DATA, pstErrInfo) == 264),
+              "notification record layout");
+
+extern "C"
+{
+    // Starts the layer; a second call changes nothing. 0, or TRAVEX_FTP_ERR_SYSTEM.
+    unsigned int TRAVEX_FTP_Init();
+
+    // Ends the layer: cancels all transfers without a notification, closes all handles and
+    // connections, waits for the notification in progress and joins the layer's threads. Called on
+    // the notification thread it waits for nothing: the layer is un-initialised at once, its
+    // threads end when the callback has returned, and an Init after that, inside the callback too,
+    // starts afresh. Harmless without Init.
+    unsigned int TRAVEX_FTP_UnInit();
+
+    // A new handle, or null when the layer was not initialised or memory ran out.
+    TRAVEX_FTP_HANDLE TRAVEX_FTP_CreateHandle();
+
+    // Closes a handle: cancels its transfers and returns, never waiting for a notification. A
+    // cancelled task gets no notification, none of that handle begins afterwards, one in progress
+    // may end later.
+    unsigned int TRAVEX_FTP_CloseHandle(TRAVEX_FTP_HANDLE handle);
+
+    // Sets the parameters of the downloads started after it. Everything is copied during the call,
+    // the trust text and the cipher list included. Refused with a code, a log line and an
+    // observation: empty user name, password or work directory, an unknown suite, a bad trust text.
+    unsigned int TRAVEX_FTP_SetCtrlParam(TRAVEX_FTP_HANDLE handle,
+                                         const tagTRAVEX_FTP_S_CTRL_PARAM* param);
+    unsigned int TRAVEX_FTP_SetDataParam(TRAVEX_FTP_HANDLE handle,
+                                         const tagTRAVEX_FTP_S_DATA_PARAM* param);
+
+    // Accepts a download with the parameters as they stand now. serverFile: at most 255 bytes; dir:
+    // local directory, relative to acWorkDir unless absolute; localFile: a name without "/".
+    // *taskId, never 0 and unique among live tasks, is set before any notification of the task can
+    // begin, and left alone when the download is refused. callback: may be null.
+    unsigned int TRAVEX_FTP_AsynDownloadFile(TRAVEX_FTP_HANDLE handle, unsigned int* taskId,
+                                             const char* serverFile, const char* dir,
+                                             const char* localFile, TRAVEX_FTP_NOTIFY_CB callback);
+
+    // Sets the one observer of the process, null for none. After it returns the earlier one is not
+    // called any more, unless the caller is that observer. Works without Init.
+    void TRAVEX_FTP_SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user);
+
+}  // extern "C"
+
+#endif

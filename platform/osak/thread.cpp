@@ -1,0 +1,399 @@
+// Threads: a registry of those that were not joined, by numbers that serve as handles.
+//
+// A join waits for the record's end, not in pthread_join: so a second joiner, a circle of joiners
+// and a thread that was held while the process exits each get a code. pthread_join then collects a
+// thread that has nothing left to do.
+#include "thread.h"
+
+#include "handle.h"
+#include "osak_log.h"
+#include "process.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <utility>
+
+namespace osak
+{
+__thread unsigned int t_threadNumber = 0;
+
+unsigned int GiveThreadNumber()
+{
+    static std::atomic<unsigned int> s_last{0};
+    t_threadNumber = s_last.fetch_add(1, std::memory_order_relaxed) + 1;
+    return t_threadNumber;
+}
+
+namespace
+{
+// One thread of the layer.
+struct Thread
+{
+    // Constant after the start.
+    const char* name = nullptr;  // static text of at most 15 bytes, the system's limit
+    OSAK_THREAD_PROC entry = nullptr;
+    unsigned long slackNanoseconds = 0;  // 0: the system's default
+
+    // Guarded by the registry's guard.
+    pthread_t native = {};
+    unsigned int threadNumber = 0;  // 0 until the thread runs
+    bool runsClient = false;        // the exit of the process waits for it
+    bool joined = false;            // somebody waits for its end
+    bool ended = false;
+    bool parked = false;               // held for good, the process exits
+    const Thread* waitsFor = nullptr;  // the thread that this one joins
+};
+
+// The threads that were not joined. Thread-safe: everything is under the guard.
+struct Registry
+{
+    Guard guard;
+    Signal changed;  // a thread ended, was held, or left a callback
+    std::map<std::uintptr_t, std::unique_ptr<Thread>> threads OSAK_GUARDED_BY(guard);
+    std::uintptr_t lastNumber OSAK_GUARDED_BY(guard) = 0;
+};
+
+Registry& TheRegistry()
+{
+    static NeverDestroyed<Registry> s_registry;
+    return s_registry.Get();
+}
+
+// The record of the calling thread; null when the layer did not make it.
+thread_local Thread* t_self = nullptr;
+
+// Timer slack from CORPDIR_TIMER_SLACK_US, in nanoseconds; 0 when it is not set or not a number
+// from 1 to 1,000,000 microseconds.
+unsigned long WantedTimerSlack()
+{
+    constexpr unsigned long kMostMicroseconds = 1000000;
+    // In a set-user-id program the environment is somebody else's.
+    const char* text = secure_getenv("CORPDIR_TIMER_SLACK_US");
+    if (text == nullptr || *text == '\0')
+    {
+        return 0;
+    }
+    char* end = nullptr;
+    errno = 0;  // the only sign of a number beyond the type
+    const unsigned long value = std::strtoul(text, &end, 10);
+    if (errno != 0 || *end != '\0' || value == 0 || value > kMostMicroseconds)
+    {
+        OSAK_LOG(CORPDIR_LOG_NOTICE, "CORPDIR_TIMER_SLACK_US is not 1 to %lu: %s",
+                 kMostMicroseconds, text);
+        return 0;
+    }
+    return value * 1000;
+}
+
+// The signals that a thread brings upon itself stay deliverable, for a client's crash handler.
+// SIGPIPE is not among them: a lost connection is an error code.
+void FillAsynchronousSignals(sigset_t* signals)
+{
+    sigfillset(signals);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
+    {
+        sigdelset(signals, fault);
+    }
+}
+
+// Marks the end of a thread on every way out of its entry, pthread_exit included.
+class EndOfThread
+{
+public:
+    EndOfThread() = default;
+    EndOfThread(const EndOfThread&) = delete;
+    EndOfThread& operator=(const EndOfThread&) = delete;
+    ~EndOfThread()
+    {
+        Registry& registry = TheRegistry();
+        Hold hold(registry.guard);
+        t_self->ended = true;
+        t_self = nullptr;
+        registry.changed.NotifyAll();
+    }
+};
+
+// Where a thread of the layer begins. Its record lives at least until EndOfThread.
+void* RunThread(void* argument)
+{
+    t_self = static_cast<Thread*>(argument);
+    {
+        Hold hold(TheRegistry().guard);
+        t_self->threadNumber = CurrentThreadNumber();
+    }
+    const EndOfThread end;
+    // Name and slack are conveniences: the thread does its work without them.
+    (void)pthread_setname_np(pthread_self(), t_self->name);
+    if (t_self->slackNanoseconds != 0)
+    {
+        (void)prctl(PR_SET_TIMERSLACK, t_self->slackNanoseconds);
+    }
+    return PointerOf<void*>(t_self->entry());
+}
+
+// pthread_create with the signal mask that the new thread is to inherit.
+int CreateNative(pthread_t* native, Thread* thread)
+{
+    // Set before the start: a signal that arrives at once is not to find the new thread open.
+    sigset_t blocked;
+    sigset_t before;
+    FillAsynchronousSignals(&blocked);
+    pthread_sigmask(SIG_SETMASK, &blocked, &before);
+    const int error = pthread_create(native, nullptr, RunThread, thread);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return error;
+}
+
+// Enters the record, stores the handle and starts the thread. The guard is held across the start,
+// so that whoever the entry hands its handle to finds the record complete.
+unsigned int StartRegistered(std::unique_ptr<Thread> record, OSAK_THREAD* handle)
+{
+    Registry& registry = TheRegistry();
+    Hold hold(registry.guard);
+    const std::uintptr_t number = ++registry.lastNumber;
+    Thread* const thread = record.get();
+    registry.threads.emplace(number, std::move(record));
+    *handle = PointerOf<OSAK_THREAD>(number);
+    if (CreateNative(&thread->native, thread) != 0)
+    {
+        *handle = nullptr;
+        registry.threads.erase(number);
+        return OSAK_ERR_SYSTEM;
+    }
+    return OSAK_OK;
+}
+
+// True when the thread, or one that it waits for, waits for the caller: the join would never end.
+bool WaitsForCaller(const Thread* thread)
+{
+    while (thread != nullptr && thread != t_self)
+    {
+        thread = thread->waitsFor;
+    }
+    return thread != nullptr;
+}
+
+// Waits for the end of a thread that is not going to be held for good.
+unsigned int AwaitEnd(Registry& registry, const Thread& thread) OSAK_REQUIRES(registry.guard)
+{
+    // A join that static destructors make is not to hang the exit.
+    const bool exiting = CurrentPhase() == Phase::kExiting;
+    const Clock::time_point deadline = Clock::now() + kLongestWait;
+    while (!thread.ended && !thread.parked)
+    {
+        if (!exiting)
+        {
+            registry.changed.Wait(registry.guard);
+        }
+        else if (!registry.changed.WaitUntil(registry.guard, deadline))
+        {
+            break;
+        }
+    }
+    return thread.ended ? OSAK_OK : OSAK_ERR_BUSY;
+}
+
+// Waits as above, visibly to those who want to join the calling thread.
+unsigned int AwaitEndVisibly(Registry& registry, const Thread& thread) OSAK_REQUIRES(registry.guard)
+{
+    if (t_self == nullptr)
+    {
+        return AwaitEnd(registry, thread);
+    }
+    t_self->waitsFor = &thread;
+    const unsigned int code = AwaitEnd(registry, thread);
+    t_self->waitsFor = nullptr;
+    return code;
+}
+
+// Takes the right to join the thread, waits for its end, and forgets it.
+unsigned int JoinRegistered(std::uintptr_t number, pthread_t* native)
+{
+    Registry& registry = TheRegistry();
+    Hold hold(registry.guard);
+    const auto found = registry.threads.find(number);
+    if (found == registry.threads.end())
+    {
+        return OSAK_ERR_HANDLE;
+    }
+    Thread& thread = *found->second;
+    // First the circle: it names the caller's mistake better than the handle does.
+    if (t_self != nullptr && WaitsForCaller(&thread))
+    {
+        return OSAK_ERR_SELF;
+    }
+    if (thread.joined)
+    {
+        return OSAK_ERR_HANDLE;
+    }
+    thread.joined = true;
+    const unsigned int code = AwaitEndVisibly(registry, thread);
+    if (code != OSAK_OK)
+    {
+        thread.joined = false;  // another may try
+        return code;
+    }
+    *native = thread.native;
+    registry.threads.erase(number);
+    return OSAK_OK;
+}
+
+// True when the exit of the process need not wait for the thread. The caller is the one that exits.
+bool IsAtRest(const Thread& thread)
+{
+    return &thread == t_self || thread.ended || thread.parked || !thread.runsClient;
+}
+
+unsigned int CountAtWork(Registry& registry) OSAK_REQUIRES(registry.guard)
+{
+    unsigned int count = 0;
+    for (const auto& entry : registry.threads)
+    {
+        count += IsAtRest(*entry.second) ? 0U : 1U;
+    }
+    return count;
+}
+
+void SetRunsClient(bool runsClient)
+{
+    Registry& registry = TheRegistry();
+    Hold hold(registry.guard);
+    t_self->runsClient = runsClient;
+    registry.changed.NotifyAll();
+}
+
+}  // namespace
+
+unsigned int StartThread(const char* name, Duty duty, OSAK_THREAD_PROC entry, OSAK_THREAD* handle)
+{
+    *handle = nullptr;
+    try
+    {
+        auto thread = std::make_unique<Thread>();
+        thread->name = name;
+        thread->entry = entry;
+        thread->slackNanoseconds = WantedTimerSlack();
+        thread->runsClient = duty == Duty::kClient;
+        return StartRegistered(std::move(thread), handle);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return OSAK_ERR_SYSTEM;
+    }
+}
+
+void BeginClientCall()
+{
+    SetRunsClient(true);
+}
+
+void EndClientCall()
+{
+    SetRunsClient(false);
+}
+
+bool MustPark()
+{
+    return CurrentPhase() == Phase::kExiting && t_self != nullptr && !IsExitingThread();
+}
+
+void ParkIfExiting()
+{
+    if (!MustPark())
+    {
+        return;
+    }
+    Registry& registry = TheRegistry();
+    {
+        Hold hold(registry.guard);
+        t_self->parked = true;
+        registry.changed.NotifyAll();
+    }
+    for (;;)  // a signal that the client's handler took ends one pause
+    {
+        pause();
+    }
+}
+
+bool IsParked(unsigned int threadNumber)
+{
+    Registry& registry = TheRegistry();
+    Hold hold(registry.guard);
+    for (const auto& entry : registry.threads)
+    {
+        if (entry.second->threadNumber == threadNumber)
+        {
+            return entry.second->parked;
+        }
+    }
+    return false;
+}
+
+unsigned int AwaitThreadsAtRest(Clock::time_point deadline)
+{
+    Registry& registry = TheRegistry();
+    Hold hold(registry.guard);
+    unsigned int running = CountAtWork(registry);
+    while (running != 0 && registry.changed.WaitUntil(registry.guard, deadline))
+    {
+        running = CountAtWork(registry);
+    }
+    return running;
+}
+
+}  // namespace osak
+
+unsigned int OSAK_PthreadCreate(OSAK_THREAD* thread, void* attr, OSAK_THREAD_PROC entry, void* arg)
+{
+    if (thread == nullptr)
+    {
+        return OSAK_ERR_PARAM;
+    }
+    *thread = nullptr;
+    if (entry == nullptr || attr != nullptr || arg != nullptr)
+    {
+        return OSAK_ERR_PARAM;
+    }
+    if (osak::CurrentPhase() != osak::Phase::kRunning)
+    {
+        return OSAK_ERR_SYSTEM;
+    }
+    osak::WatchProcess();
+    return osak::StartThread("corpdir-worker", osak::Duty::kClient, entry, thread);
+}
+
+unsigned int OSAK_PthreadJoin(OSAK_THREAD thread, void** result)
+{
+    if (thread == nullptr)
+    {
+        return OSAK_ERR_PARAM;
+    }
+    if (osak::IsForkedChild())
+    {
+        return OSAK_ERR_SYSTEM;
+    }
+    pthread_t native = {};
+    const unsigned int code = osak::JoinRegistered(osak::NumberOf(thread), &native);
+    if (code != OSAK_OK)
+    {
+        return code;
+    }
+    void* value = nullptr;
+    if (pthread_join(native, &value) != 0)
+    {
+        return OSAK_ERR_SYSTEM;
+    }
+    if (result != nullptr)
+    {
+        *result = value;
+    }
+    return OSAK_OK;
+}

@@ -1,0 +1,54 @@
+// The layer's threads, as its own parts see them.
+#ifndef OSAK_THREAD_H
+#define OSAK_THREAD_H
+
+#include "guard.h"
+#include "osak.h"
+
+namespace osak
+{
+// Number of the calling thread, 0 until it was given one. Plain __thread: the lock path reads it
+// and an `extern thread_local` would go through a wrapper function.
+extern __thread unsigned int t_threadNumber;
+
+unsigned int GiveThreadNumber();
+
+// A number of the calling thread that no other thread of the process has had, never 0.
+inline unsigned int CurrentThreadNumber()
+{
+    return t_threadNumber != 0 ? t_threadNumber : GiveThreadNumber();
+}
+
+// Whose code a thread of the layer runs, which tells the exit of the process what to wait for.
+enum class Duty
+{
+    kClient,  // the client's entry, until it returns
+    kLayer    // the layer's own loop; a client's callback between BeginClientCall and EndClientCall
+};
+
+// Starts a thread with the name, all asynchronous signals blocked and the timer slack that was
+// asked for. *handle is stored before the entry runs, null on failure. An exception that leaves
+// the entry ends the process.
+unsigned int StartThread(const char* name, Duty duty, OSAK_THREAD_PROC entry, OSAK_THREAD* handle);
+
+// Mark the calling thread, one with Duty::kLayer, as running a client's callback.
+void BeginClientCall();
+void EndClientCall();
+
+// True for a thread of the layer while the process exits, unless it is the one that called exit:
+// it must not run client code any further.
+bool MustPark();
+
+// Holds the calling thread for good if MustPark.
+void ParkIfExiting();
+
+// True when the thread with this number was held for good: what it holds, nobody will release.
+bool IsParked(unsigned int threadNumber);
+
+// Waits until no other thread of the layer runs client code, or until the deadline. Returns how
+// many still do.
+unsigned int AwaitThreadsAtRest(Clock::time_point deadline);
+
+}  // namespace osak
+
+#endif

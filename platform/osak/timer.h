@@ -1,0 +1,12 @@
+// What the exit of the process needs of the timers.
+#ifndef OSAK_TIMER_H
+#define OSAK_TIMER_H
+
+namespace osak
+{
+// From now on no callback begins and no timer is made or started. Does not wait.
+void EndTimers();
+
+}  // namespace osak
+
+#endif

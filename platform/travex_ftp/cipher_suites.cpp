@@ -1,0 +1,138 @@
+#include "cipher_suites.h"
+
+#include <cstring>
+#include <memory>
+
+namespace travex_ftp
+{
+namespace
+{
+struct Freed
+{
+    void operator()(SSL_CTX* context) const
+    {
+        SSL_CTX_free(context);
+    }
+    void operator()(SSL* ssl) const
+    {
+        SSL_free(ssl);
+    }
+    void operator()(STACK_OF(SSL_CIPHER) * ciphers) const
+    {
+        sk_SSL_CIPHER_free(ciphers);
+    }
+};
+using Context = std::unique_ptr<SSL_CTX, Freed>;
+using Session = std::unique_ptr<SSL, Freed>;
+
+// An identifier is 0x0300 and the number under which IANA registers the suite.
+const SSL_CIPHER* findSuite(SSL* ssl, int identifier)
+{
+    const unsigned int bits = static_cast<unsigned int>(identifier);
+    if (bits >> 16 != 0x0300)
+    {
+        return nullptr;
+    }
+    const unsigned char number[2] = {static_cast<unsigned char>(bits >> 8),
+                                     static_cast<unsigned char>(bits)};
+    return SSL_CIPHER_find(ssl, number);
+}
+
+bool isTls13(const SSL_CIPHER* suite)
+{
+    return strcmp(SSL_CIPHER_get_version(suite), "TLSv1.3") == 0;
+}
+
+// Without encryption there is nothing private, without authentication no certificate to check.
+bool isSafe(const SSL_CIPHER* suite)
+{
+    return SSL_CIPHER_get_cipher_nid(suite) != NID_undef &&
+           SSL_CIPHER_get_auth_nid(suite) != NID_auth_null;
+}
+
+bool addSuite(SSL* ssl, int identifier, CipherSuites& suites, Failure& failure)
+{
+    const unsigned int bits = static_cast<unsigned int>(identifier);
+    const SSL_CIPHER* suite = findSuite(ssl, identifier);
+    if (suite == nullptr)
+    {
+        return fail(failure, TRAVEX_FTP_ERR_CIPHER, "cipher suite 0x%08X is unknown", bits);
+    }
+    if (!isSafe(suite))
+    {
+        return fail(failure, TRAVEX_FTP_ERR_CIPHER,
+                    "cipher suite 0x%08X (%s) does not encrypt or does not authenticate", bits,
+                    SSL_CIPHER_get_name(suite));
+    }
+    std::string& names = isTls13(suite) ? suites.tls13 : suites.tls12;
+    names.append(names.empty() ? "" : ":").append(SSL_CIPHER_get_name(suite));
+    return true;
+}
+
+// What a context with these suites really offers: OpenSSL drops what its security level forbids.
+bool allOffered(const CipherSuites& suites, const int* identifiers, unsigned int count,
+                Failure& failure)
+{
+    const Context context(SSL_CTX_new(TLS_client_method()));
+    const bool applied = context && suites.apply(context.get());
+    const Session ssl(applied ? SSL_new(context.get()) : nullptr);
+    const std::unique_ptr<STACK_OF(SSL_CIPHER), Freed> offered(
+        ssl ? SSL_get1_supported_ciphers(ssl.get()) : nullptr);
+    for (unsigned int i = 0; i < count; ++i)
+    {
+        const SSL_CIPHER* suite = ssl ? findSuite(ssl.get(), identifiers[i]) : nullptr;
+        if (!offered || suite == nullptr || sk_SSL_CIPHER_find(offered.get(), suite) < 0)
+        {
+            return fail(failure, TRAVEX_FTP_ERR_CIPHER,
+                        "cipher suite 0x%08X is not allowed by this system's security level",
+                        static_cast<unsigned int>(identifiers[i]));
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool CipherSuites::apply(SSL_CTX* context) const
+{
+    const bool only13 = chosen && tls12.empty();
+    const bool only12 = chosen && tls13.empty();
+    if (SSL_CTX_set_min_proto_version(context, only13 ? TLS1_3_VERSION : TLS1_2_VERSION) != 1 ||
+        SSL_CTX_set_max_proto_version(context, only12 ? TLS1_2_VERSION : 0) != 1)
+    {
+        return false;
+    }
+    if (!chosen)
+    {
+        return true;
+    }
+    // An empty list of TLS 1.3 suites is valid; one of TLS 1.2 is not, but then it is not offered.
+    return SSL_CTX_set_ciphersuites(context, tls13.c_str()) == 1 &&
+           (only13 || SSL_CTX_set_cipher_list(context, tls12.c_str()) == 1);
+}
+
+bool chooseSuites(const int* identifiers, unsigned int count, CipherSuites& suites,
+                  Failure& failure)
+{
+    if (count == 0)
+    {
+        return true;
+    }
+    const Context context(SSL_CTX_new(TLS_client_method()));
+    const Session ssl(context ? SSL_new(context.get()) : nullptr);
+    if (!ssl)
+    {
+        return failSystem(failure, "cipher suites");
+    }
+    for (unsigned int i = 0; i < count; ++i)
+    {
+        if (!addSuite(ssl.get(), identifiers[i], suites, failure))
+        {
+            return false;
+        }
+    }
+    suites.chosen = true;
+    return allOffered(suites, identifiers, count, failure);
+}
+
+}  // namespace travex_ftp

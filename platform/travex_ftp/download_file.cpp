@@ -1,0 +1,272 @@
+#include "download_file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+namespace travex_ftp
+{
+namespace
+{
+constexpr char kPrefix[] = ".travex_ftp-";
+constexpr char kSuffix[] = ".part";
+constexpr size_t kDigits = 16;
+
+// Names are told by their whole form: no file that a user named is ever taken for an orphan.
+bool isTemporaryName(const char* name)
+{
+    if (strlen(name) != sizeof kPrefix - 1 + kDigits + sizeof kSuffix - 1 ||
+        strncmp(name, kPrefix, sizeof kPrefix - 1) != 0)
+    {
+        return false;
+    }
+    const char* const digits = name + sizeof kPrefix - 1;
+    return strspn(digits, "0123456789abcdef") == kDigits && strcmp(digits + kDigits, kSuffix) == 0;
+}
+
+bool randomName(char (&name)[64])
+{
+    uint64_t number = 0;
+    if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number))
+    {
+        return false;
+    }
+    (void)snprintf(name, sizeof name, "%s%016llx%s", kPrefix,
+                   static_cast<unsigned long long>(number), kSuffix);
+    return true;
+}
+
+// Restarted after a signal: the lock of a sweeper on our new file lasts but a moment.
+bool lock(int fd, int operation)
+{
+    int result = 0;
+    do
+    {
+        result = flock(fd, operation);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+// Removes a temporary file if it is of this user and nobody holds it.
+void removeIfOrphan(int directory, const char* name)
+{
+    const int fd = openat(directory, name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+    {
+        return;
+    }
+    struct stat status = {};
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+        lock(fd, LOCK_EX | LOCK_NB))
+    {
+        // Its owner may have renamed it since: then the name is gone, and this fails harmlessly.
+        (void)unlinkat(directory, name, 0);
+    }
+    (void)::close(fd);
+}
+
+}  // namespace
+
+DownloadFile::~DownloadFile()
+{
+    discard();
+}
+
+bool DownloadFile::open(const std::string& directory, const std::string& name, Failure& failure)
+{
+    directory_ = directory;
+    name_ = name;
+    directoryFd_ = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directoryFd_ < 0)
+    {
+        return localFailure(failure, "cannot open the directory of");
+    }
+    struct stat target = {};
+    const bool exists = fstatat(directoryFd_, name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
+    if (exists && S_ISDIR(target.st_mode))
+    {
+        errno = EISDIR;
+        return localFailure(failure, "cannot replace");
+    }
+    replaces_ = exists && S_ISREG(target.st_mode);
+    removeOrphans();
+    return createTemporary(failure);
+}
+
+bool DownloadFile::createTemporary(Failure& failure)
+{
+    // A replacement gets the permissions of the replaced file at the end; until then nobody else
+    // may read it, as nobody else may read a private target.
+    const mode_t mode = replaces_ ? 0600 : 0666;
+    do
+    {
+        if (!randomName(temporary_))
+        {
+            temporary_[0] = '\0';
+            return localFailure(failure, "cannot create");
+        }
+        fd_ = openat(directoryFd_, temporary_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    } while (fd_ < 0 && errno == EEXIST);
+    if (fd_ < 0)
+    {
+        temporary_[0] = '\0';
+        return localFailure(failure, "cannot create");
+    }
+    return lockTemporary(failure);
+}
+
+bool DownloadFile::lockTemporary(Failure& failure)
+{
+    struct stat status = {};
+    if (!lock(fd_, LOCK_EX) || fstat(fd_, &status) != 0)
+    {
+        return localFailure(failure, "cannot lock");
+    }
+    if (status.st_nlink != 0)
+    {
+        return true;
+    }
+    // A sweeper got hold of the file between its creation and its lock, and removed it.
+    (void)::close(fd_);
+    fd_ = -1;
+    return createTemporary(failure);
+}
+
+void DownloadFile::removeOrphans()
+{
+    // A stream of its own: closing it closes the descriptor.
+    const int fd = openat(directoryFd_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* const entries = fd < 0 ? nullptr : fdopendir(fd);
+    if (entries == nullptr)
+    {
+        if (fd >= 0)
+        {
+            (void)::close(fd);
+        }
+        return;
+    }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this thread's own.
+    while (const dirent* entry = readdir(entries))
+    {
+        if (isTemporaryName(entry->d_name))
+        {
+            removeIfOrphan(directoryFd_, entry->d_name);
+        }
+    }
+    (void)closedir(entries);
+}
+
+bool DownloadFile::write(const char* data, size_t length, Failure& failure)
+{
+    if (piece_ == nullptr)
+    {
+        piece_.reset(new (std::nothrow) char[kFilePiece]);
+        if (piece_ == nullptr)
+        {
+            return failSystem(failure, "file buffer");
+        }
+    }
+    while (length != 0)
+    {
+        const size_t taken = std::min(length, kFilePiece - used_);
+        memcpy(piece_.get() + used_, data, taken);
+        used_ += taken;
+        data += taken;
+        length -= taken;
+        if (used_ == kFilePiece && !flushPiece(failure))
+        {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool DownloadFile::flushPiece(Failure& failure)
+{
+    for (size_t written = 0; written != used_;)
+    {
+        const ssize_t count = ::write(fd_, piece_.get() + written, used_ - written);
+        if (count < 0 && errno != EINTR)
+        {
+            return localFailure(failure, "cannot write");
+        }
+        written += count < 0 ? 0 : static_cast<size_t>(count);
+    }
+    used_ = 0;
+    return true;
+}
+
+bool DownloadFile::takePermissions(Failure& failure)
+{
+    struct stat target = {};
+    if (fstatat(directoryFd_, name_.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISREG(target.st_mode) && fchmod(fd_, target.st_mode & 07777) != 0)
+    {
+        return localFailure(failure, "cannot set the permissions of");
+    }
+    return true;
+}
+
+bool DownloadFile::commit(Failure& failure)
+{
+    if (!flushPiece(failure) || !takePermissions(failure))
+    {
+        return false;
+    }
+    if (fsync(fd_) != 0)
+    {
+        return localFailure(failure, "cannot flush");
+    }
+    if (renameat(directoryFd_, temporary_, directoryFd_, name_.c_str()) != 0)
+    {
+        return localFailure(failure, "cannot replace");
+    }
+    temporary_[0] = '\0';
+    // The file is complete and in place whatever comes of this; some file systems cannot do it.
+    (void)fsync(directoryFd_);
+    close();
+    return true;
+}
+
+void DownloadFile::discard()
+{
+    if (temporary_[0] != '\0')
+    {
+        // Before it is unlocked, so that no sweeper sees it without its owner.
+        (void)unlinkat(directoryFd_, temporary_, 0);
+        temporary_[0] = '\0';
+    }
+    close();
+}
+
+void DownloadFile::close()
+{
+    for (int* fd : {&fd_, &directoryFd_})
+    {
+        if (*fd >= 0)
+        {
+            (void)::close(*fd);
+            *fd = -1;
+        }
+    }
+    piece_.reset();
+    used_ = 0;
+}
+
+bool DownloadFile::localFailure(Failure& failure, const char* step)
+{
+    const int error = errno;
+    return fail(failure, TRAVEX_FTP_ERR_LOCAL_FILE, "%s %s/%s: %s", step, directory_.c_str(),
+                name_.c_str(), systemError(error));
+}
+
+}  // namespace travex_ftp

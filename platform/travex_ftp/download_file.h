@@ -1,0 +1,61 @@
+// The file being written.
+#ifndef TRAVEX_FTP_DOWNLOAD_FILE_H
+#define TRAVEX_FTP_DOWNLOAD_FILE_H
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+#include "failure.h"
+#include "limits.h"
+
+namespace travex_ftp
+{
+// A temporary file beside the target, which it replaces once it is complete. It is locked (flock)
+// while in use: what no one holds is left over from a process that was killed, and is removed by
+// the next download into that directory. Not thread-safe.
+class DownloadFile
+{
+public:
+    DownloadFile() = default;
+    ~DownloadFile();
+    DownloadFile(const DownloadFile&) = delete;
+    DownloadFile& operator=(const DownloadFile&) = delete;
+
+    // Finds out early what will not work: a directory that is missing or cannot be written, a
+    // target that is a directory. Removes orphans of ours. Throws std::bad_alloc.
+    bool open(const std::string& directory, const std::string& name, Failure& failure);
+
+    // Collects large pieces before it writes.
+    bool write(const char* data, size_t length, Failure& failure);
+
+    // Writes out, flushes to the disk and renames over the target: a symbolic link is replaced
+    // itself, the permissions of a replaced file are kept. Afterwards the object is as new.
+    bool commit(Failure& failure);
+
+    // Removes the temporary file, if there is one.
+    void discard();
+
+private:
+    bool createTemporary(Failure& failure);
+    bool lockTemporary(Failure& failure);
+    void removeOrphans();
+    bool flushPiece(Failure& failure);
+    bool takePermissions(Failure& failure);
+    bool localFailure(Failure& failure, const char* step);
+    void close();
+
+    std::string directory_;
+    std::string name_;
+    bool replaces_ = false;  // the target is a file, whose permissions are kept
+    int directoryFd_ = -1;
+    int fd_ = -1;
+    char temporary_[64] = "";  // name in the directory, empty: no file to remove
+    std::unique_ptr<char[]> piece_;
+    size_t used_ = 0;
+};
+
+}  // namespace travex_ftp
+
+#endif

@@ -1,0 +1,49 @@
+// Every limit of the layer, in one place.
+#ifndef TRAVEX_FTP_LIMITS_H
+#define TRAVEX_FTP_LIMITS_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace travex_ftp
+{
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+// How long a peer may take and how much it may send. The environment variable named beside a limit
+// overrides it, as a positive number of its unit; it is read at TRAVEX_FTP_Init.
+struct Limits
+{
+    milliseconds connect{10000};    // CORPDIR_FTP_CONNECT_MS: one TCP connection, control or data
+    milliseconds handshake{10000};  // CORPDIR_FTP_HANDSHAKE_MS: one TLS handshake
+    milliseconds response{20000};   // CORPDIR_FTP_RESPONSE_MS: from a command to its reply's next
+                                    // line, the greeting included
+    milliseconds stall{30000};      // CORPDIR_FTP_STALL_MS: window of the data channel's pace
+    uint64_t stallBytes = 1024;     // CORPDIR_FTP_STALL_BYTES: least that must arrive in a window
+    milliseconds confirm{5000};     // CORPDIR_FTP_CONFIRM_MS, in effect whole seconds: from the end
+                                    // of the data channel to the 226. libcurl waits for it in a
+                                    // blocking call, which holds up all transfers: a short one
+    milliseconds transfer{6 * 3600 * 1000};  // CORPDIR_FTP_TRANSFER_MS: one transfer, all in all
+    milliseconds idle{15000};         // CORPDIR_FTP_IDLE_MS: an unused control connection is closed
+    milliseconds observe{100};        // CORPDIR_FTP_OBSERVE_MS: between two progress observations
+    uint64_t fileBytes = 1ull << 34;  // CORPDIR_FTP_FILE_BYTES: 16 GiB, ends an endless file
+    uint64_t replyBytes = 64 * 1024;  // CORPDIR_FTP_REPLY_BYTES: all replies of one transfer
+    uint64_t replyLines = 1000;       // CORPDIR_FTP_REPLY_LINES: the same, in lines
+    uint64_t connections = 64;        // CORPDIR_FTP_CONNECTIONS: control connections at a time
+
+    static Limits fromEnvironment();
+};
+
+// At process exit nothing of the layer is waited for longer than this.
+constexpr milliseconds kExitPatience{1000};
+
+// Bytes collected before they are written to the file: libcurl hands out 16 KB at a time.
+constexpr size_t kFilePiece = 256 * 1024;
+
+// Receive buffer of libcurl, per control connection in use.
+constexpr long kReceiveBuffer = 256 * 1024;
+
+}  // namespace travex_ftp
+
+#endif

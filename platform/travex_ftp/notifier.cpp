@@ -1,0 +1,140 @@
+#include "notifier.h"
+
+#include <cstring>
+
+#include "observer.h"
+
+namespace travex_ftp
+{
+void Notifier::start()
+{
+    worker_.start([this] { run(); });
+}
+
+void Notifier::stop()
+{
+    Lock lock(mutex_);
+    stopping_ = true;
+    changed_.notify_all();
+}
+
+void Notifier::progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
+{
+    Lock lock(mutex_);
+    task->news.bytes = bytes;
+    task->news.total = total;
+    enqueue(task);
+}
+
+void Notifier::finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total)
+{
+    Lock lock(mutex_);
+    task->news.over = true;
+    task->news.bytes = bytes;
+    task->news.total = total;
+    task->news.failure = failure;
+    enqueue(task);
+}
+
+void Notifier::close(Handle& handle)
+{
+    Lock lock(mutex_);
+    handle.closed = true;
+}
+
+void Notifier::enqueue(const TaskPtr& task)
+{
+    if (!task->news.queued && !stopping_)
+    {
+        task->news.queued = true;
+        queue_.push(task);
+        changed_.notify_one();
+    }
+}
+
+void Notifier::run()
+{
+    TaskPtr task;
+    Task::News news;
+    while (take(task, news))
+    {
+        deliver(*task, news);
+        task.reset();
+    }
+}
+
+// Waits for news. The lock is released before they are told.
+bool Notifier::take(TaskPtr& task, Task::News& news)
+{
+    Lock lock(mutex_);
+    while (!stopping_ && queue_.empty())
+    {
+        lock.wait(changed_);
+    }
+    if (stopping_)
+    {
+        return false;
+    }
+    task = queue_.pop();
+    task->news.queued = false;
+    news = task->news;
+    return true;
+}
+
+// Asked before each single callback: a handle may be closed, or the layer stopped, between two.
+bool Notifier::mayBegin(const Task& task)
+{
+    Lock lock(mutex_);
+    return !stopping_ && !task.handle->closed;
+}
+
+void Notifier::deliver(const Task& task, Task::News& news)
+{
+    if (mayBegin(task))
+    {
+        tellObserver(task, news);
+    }
+    if (!news.over)
+    {
+        return;
+    }
+    if (failed(news.failure))
+    {
+        notify(task, TRAVEX_FTP_NOTIFY_FAILED, &news.failure);
+        return;
+    }
+    notify(task, TRAVEX_FTP_NOTIFY_SUCCESS, nullptr);
+    notify(task, TRAVEX_FTP_NOTIFY_OVER, nullptr);
+}
+
+void Notifier::notify(const Task& task, unsigned int type, Failure* failure)
+{
+    if (task.callback == nullptr || !mayBegin(task))
+    {
+        return;
+    }
+    tagTRAVEX_FTP_S_NOTIFY_DATA data{};
+    data.ulTaskID = task.id.value();
+    memcpy(data.DownFileName, task.serverFile.c_str(), task.serverFile.size());
+    data.ulType = type;
+    data.pstErrInfo = failure;
+    task.callback(nullptr, &data);
+}
+
+void Notifier::tellObserver(const Task& task, const Task::News& news)
+{
+    tagTRAVEX_FTP_S_OBSERVATION seen{};
+    seen.ulKind = !news.over             ? TRAVEX_FTP_OBSERVED_PROGRESS
+                  : failed(news.failure) ? TRAVEX_FTP_OBSERVED_FAILED
+                                         : TRAVEX_FTP_OBSERVED_SUCCESS;
+    seen.ulTaskID = task.id.value();
+    seen.pcServer = task.settings->serverText.c_str();
+    seen.pcServerFile = task.serverFile.c_str();
+    seen.ullBytes = news.bytes;
+    seen.ullTotal = news.total;
+    seen.ulRet = news.over ? news.failure.ulRet : static_cast<unsigned int>(TRAVEX_FTP_OK);
+    seen.pcReason = news.over && failed(news.failure) ? news.failure.acReason : "";
+    observe(seen);
+}
+
+}  // namespace travex_ftp

@@ -1,0 +1,55 @@
+// The notification thread: calls the client back, and nothing else.
+#ifndef TRAVEX_FTP_NOTIFIER_H
+#define TRAVEX_FTP_NOTIFIER_H
+
+#include "guarded.h"
+#include "task.h"
+#include "worker.h"
+
+namespace travex_ftp
+{
+// Thread-safe: all state is under one lock, which is not held during a callback.
+class Notifier
+{
+public:
+    // Throws std::system_error or std::bad_alloc.
+    void start();
+
+    // From now on no notification begins. Waits for nothing.
+    void stop() EXCLUDES(mutex_);
+
+    Worker& worker()
+    {
+        return worker_;
+    }
+
+    // A task has received bytes. A progress that was not yet told is overwritten.
+    void progress(const TaskPtr& task, uint64_t bytes, uint64_t total) EXCLUDES(mutex_);
+
+    // A task is over; a failure without a code is success. Told once, in the order of these calls.
+    void finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total)
+        EXCLUDES(mutex_);
+
+    // Closes a handle: none of its notifications begins any more.
+    void close(Handle& handle) EXCLUDES(mutex_);
+
+private:
+    void run() EXCLUDES(mutex_);
+    bool take(TaskPtr& task, Task::News& news) EXCLUDES(mutex_);
+    bool mayBegin(const Task& task) EXCLUDES(mutex_);
+    void enqueue(const TaskPtr& task) REQUIRES(mutex_);
+    void deliver(const Task& task, Task::News& news);
+    void notify(const Task& task, unsigned int type, Failure* failure);
+    void tellObserver(const Task& task, const Task::News& news);
+
+    Worker worker_;
+
+    Mutex mutex_;
+    std::condition_variable changed_;
+    bool stopping_ GUARDED_BY(mutex_) = false;
+    TaskQueue<&Task::nextNews> queue_ GUARDED_BY(mutex_);
+};
+
+}  // namespace travex_ftp
+
+#endif

@@ -1,0 +1,80 @@
+// A control record, checked and copied.
+#ifndef TRAVEX_FTP_SETTINGS_H
+#define TRAVEX_FTP_SETTINGS_H
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "failure.h"
+#include "tls_policy.h"
+
+namespace travex_ftp
+{
+// A password. Its memory is wiped when it goes; it is never copied.
+class Secret
+{
+public:
+    explicit Secret(const char* text)
+    {
+        memcpy(text_, text, strnlen(text, sizeof text_ - 1));
+    }
+    ~Secret()
+    {
+        explicit_bzero(text_, sizeof text_);
+    }
+    Secret(const Secret&) = delete;
+    Secret& operator=(const Secret&) = delete;
+
+    const char* text() const
+    {
+        return text_;
+    }
+
+private:
+    char text_[128] = "";
+};
+
+// An address of the record: as bytes for the certificate, as a literal for the URL.
+struct Address
+{
+    unsigned char bytes[16] = {};
+    size_t length = 4;    // 4 or 16 bytes
+    std::string literal;  // "192.0.2.1", "2001:db8::1"
+
+    // Of no use as a peer: connecting to it would reach the local host.
+    bool zero() const;
+};
+
+// Immutable, and shared by the handle and by all tasks accepted with it.
+struct Settings
+{
+    explicit Settings(const tagTRAVEX_FTP_S_CTRL_PARAM& record);
+
+    Address server;
+    unsigned int port = 21;
+    std::string serverText;  // "192.0.2.1:21", "[2001:db8::1]:21": names the server in sentences
+    Address local;           // zero: the system's choice
+    std::string user;
+    Secret password;
+    std::string workDir;
+    TlsPolicy tls;
+
+    // A control connection made with the other settings serves these too: the same server, user,
+    // local address and security. The work directory does not matter.
+    bool sameConnection(const Settings& other) const;
+};
+
+// Checks and copies a record; null, with the reason, when it is refused. Throws std::bad_alloc.
+std::shared_ptr<const Settings> readSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& record,
+                                             Failure& failure);
+
+// "192.0.2.1:21" as far as the record gives it, for the observation of a refusal.
+std::string serverOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record);
+
+// A byte that may end a command or hide in it.
+bool hasControlByte(const char* text);
+
+}  // namespace travex_ftp
+
+#endif

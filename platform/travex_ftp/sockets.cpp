@@ -1,0 +1,47 @@
+#include "sockets.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <new>
+
+namespace travex_ftp
+{
+int Sockets::open(int family, int type, int protocol)
+{
+    Lock lock(mutex_);
+    const int made = shutDown_ ? -1 : socket(family, type | SOCK_CLOEXEC, protocol);
+    if (made < 0)
+    {
+        return -1;
+    }
+    try
+    {
+        open_.insert(made);
+    }
+    catch (const std::bad_alloc&)
+    {
+        (void)::close(made);
+        return -1;
+    }
+    return made;
+}
+
+int Sockets::close(int socket)
+{
+    Lock lock(mutex_);
+    open_.erase(socket);
+    return ::close(socket);
+}
+
+void Sockets::shutDownAll()
+{
+    Lock lock(mutex_);
+    shutDown_ = true;
+    for (const int socket : open_)
+    {
+        (void)shutdown(socket, SHUT_RDWR);
+    }
+}
+
+}  // namespace travex_ftp

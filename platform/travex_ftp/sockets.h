@@ -1,0 +1,34 @@
+// The open sockets of the transfer thread, for those who want to end what it is doing.
+#ifndef TRAVEX_FTP_SOCKETS_H
+#define TRAVEX_FTP_SOCKETS_H
+
+#include <unordered_set>
+
+#include "guarded.h"
+
+namespace travex_ftp
+{
+// libcurl makes some steps in blocking calls: the TLS handshake of an explicit control channel, the
+// wait for the 226, QUIT. Shutting the sockets down from another thread ends them at once.
+// Thread-safe: a socket is closed under the lock, so that its number is never another one's.
+class Sockets
+{
+public:
+    // Makes a socket. -1 when that fails, and after shutDownAll().
+    int open(int family, int type, int protocol) EXCLUDES(mutex_);
+
+    // Returns close()'s result.
+    int close(int socket) EXCLUDES(mutex_);
+
+    // Makes every pending and every later read or write fail.
+    void shutDownAll() EXCLUDES(mutex_);
+
+private:
+    Mutex mutex_;
+    bool shutDown_ GUARDED_BY(mutex_) = false;
+    std::unordered_set<int> open_ GUARDED_BY(mutex_);
+};
+
+}  // namespace travex_ftp
+
+#endif

@@ -1,0 +1,261 @@
+#include "transfer.h"
+
+#include <algorithm>
+
+#include "log.h"
+#include "observer.h"
+
+namespace travex_ftp
+{
+namespace
+{
+double seconds(Clock::duration duration)
+{
+    return std::chrono::duration<double>(duration).count();
+}
+
+constexpr unsigned int kServiceEnds = 421;
+
+}  // namespace
+
+Transfer::Transfer(TaskPtr task, Notifier& notifier, const Limits& limits)
+    : task_(std::move(task)),
+      notifier_(notifier),
+      limits_(limits),
+      begun_(Clock::now()),
+      waitBegun_(begun_),
+      waitUntil_(begun_ + limits.connect),
+      reported_(begun_)
+{
+}
+
+bool Transfer::prepare()
+{
+    // Connecting to the zero address would reach the local host, and hand it the password.
+    if (task_->settings->server.zero())
+    {
+        return fail(failure_, TRAVEX_FTP_ERR_CONNECT, "the server address is zero");
+    }
+    return file_.open(task_->directory, task_->localFile, failure_);
+}
+
+void Transfer::begin(bool reused)
+{
+    retried_ = retried_ || reused_;
+    reused_ = reused;
+    failure_ = Failure{};
+    replies_ = Replies{};
+    waitFor(reused ? Wait::Reply : Wait::Connection, reused ? limits_.response : limits_.connect);
+    TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s on a %s connection",
+                   task_->settings->serverText.c_str(), task_->id.value(),
+                   task_->serverFile.c_str(), reused ? "known" : "new");
+}
+
+void Transfer::waitFor(Wait what, milliseconds limit)
+{
+    wait_ = what;
+    waitBegun_ = Clock::now();
+    waitUntil_ = waitBegun_ + limit;
+    windowBegin_ = received_;
+}
+
+void Transfer::connecting(bool data)
+{
+    // For a data connection libcurl keeps the same limit, which comes first.
+    constexpr milliseconds kMargin{1000};
+    waitFor(data ? Wait::DataConnection : Wait::Connection,
+            data ? limits_.connect + kMargin : limits_.connect);
+}
+
+void Transfer::shaking()
+{
+    waitFor(Wait::Handshake, limits_.handshake);
+}
+
+void Transfer::commandSent(const char* line, size_t length)
+{
+    replies_.commandSent(line, length);
+    waitFor(Wait::Reply, limits_.response);
+}
+
+bool Transfer::replyHeard(const char* line, size_t length)
+{
+    switch (replies_.lineHeard(line, length, limits_))
+    {
+        case Replies::Line::TooMuch:
+            return fail(failure_, TRAVEX_FTP_ERR_REPLY, "the server says too much: %llu lines",
+                        static_cast<unsigned long long>(replies_.lines()));
+        case Replies::Line::BadSize:
+            return fail(failure_, TRAVEX_FTP_ERR_REPLY, "SIZE answered without a size: %u %s",
+                        replies_.code(), replies_.text());
+        case Replies::Line::Fine:
+            break;
+    }
+    return sizeAllowed(total());
+}
+
+void Transfer::goOn()
+{
+    if (replies_.opened())
+    {
+        waitFor(Wait::File, limits_.stall);
+    }
+    else
+    {
+        waitFor(Wait::Reply, limits_.response);
+    }
+}
+
+bool Transfer::sizeAllowed(uint64_t size)
+{
+    if (size != TRAVEX_FTP_SIZE_UNKNOWN && size > limits_.fileBytes)
+    {
+        return fail(failure_, TRAVEX_FTP_ERR_TOO_LARGE, "the file is larger than %llu bytes",
+                    static_cast<unsigned long long>(limits_.fileBytes));
+    }
+    return true;
+}
+
+bool Transfer::dataArrived(const char* data, size_t length)
+{
+    if (wait_ != Wait::File)
+    {
+        waitFor(Wait::File, limits_.stall);
+    }
+    received_ += length;
+    if (!sizeAllowed(received_) || !file_.write(data, length, failure_))
+    {
+        return false;
+    }
+    report();
+    return true;
+}
+
+uint64_t Transfer::total() const
+{
+    return replies_.sizeAnswered() != TRAVEX_FTP_SIZE_UNKNOWN ? replies_.sizeAnswered()
+                                                              : replies_.sizeOpened();
+}
+
+void Transfer::report()
+{
+    const Clock::time_point now = Clock::now();
+    if (now - reported_ >= limits_.observe && observed())
+    {
+        reported_ = now;
+        notifier_.progress(task_, received_, total());
+    }
+}
+
+Clock::time_point Transfer::deadline() const
+{
+    return std::min(waitUntil_, begun_ + limits_.transfer);
+}
+
+void Transfer::expire(Clock::time_point now, bool connected)
+{
+    if (now >= begun_ + limits_.transfer)
+    {
+        (void)fail(failure_, TRAVEX_FTP_ERR_TIMEOUT, "not done in %g s", seconds(limits_.transfer));
+        return;
+    }
+    if (now < waitUntil_)
+    {
+        return;
+    }
+    switch (wait_)
+    {
+        case Wait::Connection:
+        case Wait::DataConnection:
+            // libcurl does not tell when a connection is there; what is missing then is a reply.
+            if (connected)
+            {
+                wait_ = Wait::Reply;
+                waitUntil_ = waitBegun_ + std::max(limits_.connect, limits_.response);
+                return expire(now, connected);
+            }
+            (void)fail(failure_, TRAVEX_FTP_ERR_TIMEOUT, "no %sconnection in %g s",
+                       wait_ == Wait::DataConnection ? "data " : "", seconds(limits_.connect));
+            return;
+        case Wait::Handshake:
+            (void)fail(failure_, TRAVEX_FTP_ERR_TIMEOUT, "no end of the TLS handshake in %g s",
+                       seconds(limits_.handshake));
+            return;
+        case Wait::Reply:
+            return expireReply();
+        case Wait::File:
+            if (received_ - windowBegin_ >= limits_.stallBytes)
+            {
+                return waitFor(Wait::File, limits_.stall);
+            }
+            (void)fail(failure_, TRAVEX_FTP_ERR_TIMEOUT, "stalled: %llu bytes in %g s",
+                       static_cast<unsigned long long>(received_ - windowBegin_),
+                       seconds(limits_.stall));
+            return;
+    }
+}
+
+void Transfer::expireReply()
+{
+    const bool greeting = replies_.verb()[0] == '\0';
+    (void)fail(failure_, TRAVEX_FTP_ERR_TIMEOUT, "no %s%s in %g s",
+               greeting ? "greeting" : "answer to ", replies_.verb(), seconds(limits_.response));
+}
+
+bool Transfer::wantsFreshConnection() const
+{
+    const bool unheard = replies_.lines() == 0 || replies_.code() == kServiceEnds;
+    return reused_ && !retried_ && unheard && received_ == 0;
+}
+
+bool Transfer::checkComplete()
+{
+    if (!replies_.opened() || (replies_.code() != 226 && replies_.code() != 250))
+    {
+        return fail(failure_, TRAVEX_FTP_ERR_PARTIAL,
+                    "the end of the file was not confirmed: %u %s", replies_.code(),
+                    replies_.text());
+    }
+    for (const uint64_t announced : {replies_.sizeAnswered(), replies_.sizeOpened()})
+    {
+        if (announced != TRAVEX_FTP_SIZE_UNKNOWN && announced != received_)
+        {
+            return fail(failure_, TRAVEX_FTP_ERR_PARTIAL, "%llu bytes arrived of %llu announced",
+                        static_cast<unsigned long long>(received_),
+                        static_cast<unsigned long long>(announced));
+        }
+    }
+    return true;
+}
+
+bool Transfer::commit()
+{
+    return file_.commit(failure_);
+}
+
+void Transfer::abandon()
+{
+    file_.discard();
+}
+
+void Transfer::finish()
+{
+    file_.discard();
+    const Settings& settings = *task_->settings;
+    if (failed(failure_))
+    {
+        mask(failure_.acReason, settings.password.text());
+        prefix(failure_, settings.serverText.c_str());
+        TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s (task %u, %s)", failure_.acReason, task_->id.value(),
+                       task_->serverFile.c_str());
+    }
+    else
+    {
+        TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s complete, %llu bytes in %.3f s",
+                       settings.serverText.c_str(), task_->id.value(), task_->serverFile.c_str(),
+                       static_cast<unsigned long long>(received_), seconds(Clock::now() - begun_));
+    }
+    notifier_.finished(task_, failure_, received_, total());
+}
+
+}  // namespace travex_ftp

@@ -1,0 +1,365 @@
+#include "transfer_thread.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <new>
+
+#include "log.h"
+
+namespace travex_ftp
+{
+namespace
+{
+// A wait without a deadline still ends now and then; it is woken whenever there is something to do.
+constexpr milliseconds kLongestWait{60 * 1000};
+
+// The program's signals are not for this thread to handle, and SIGPIPE must not end the process:
+// with CURLOPT_NOSIGNAL libcurl leaves that to us.
+void blockSignals()
+{
+    sigset_t blocked;
+    (void)sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
+    {
+        (void)sigdelset(&blocked, fault);
+    }
+    (void)pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+}
+
+}  // namespace
+
+TransferThread::TransferThread(Notifier& notifier, const Limits& limits)
+    : notifier_(notifier), limits_(limits), multi_(curl_multi_init())
+{
+    if (multi_ == nullptr)
+    {
+        throw std::bad_alloc();
+    }
+    // Our own count of connections rules; the pool must never close one behind our back.
+    (void)curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS,
+                            static_cast<long>(limits.connections) * 2);
+}
+
+// Sockets that are still open were shut down by the thread: nothing here blocks.
+TransferThread::~TransferThread()
+{
+    (void)curl_multi_cleanup(multi_);
+}
+
+void TransferThread::start()
+{
+    worker_.start([this] { run(); });
+}
+
+void TransferThread::stop()
+{
+    {
+        Lock lock(mutex_);
+        stopping_ = true;
+    }
+    sockets_.shutDownAll();
+    (void)curl_multi_wakeup(multi_);
+}
+
+void TransferThread::submit(TaskPtr task)
+{
+    {
+        Lock lock(mutex_);
+        submitted_.push(std::move(task));
+    }
+    (void)curl_multi_wakeup(multi_);
+}
+
+void TransferThread::handleClosed()
+{
+    (void)curl_multi_wakeup(multi_);
+}
+
+void TransferThread::run()
+{
+    blockSignals();
+    while (takeOrders())
+    {
+        dropClosed();
+        perform();
+        expire();
+        forgetDead();
+        startWaiting();  // last: what ended above has made room
+        wait();
+    }
+    windUp();
+}
+
+bool TransferThread::takeOrders()
+{
+    Lock lock(mutex_);
+    waiting_.append(submitted_);
+    return !stopping_;
+}
+
+// Transfers and waiting tasks of handles that were closed end without a word.
+void TransferThread::dropClosed()
+{
+    for (const auto& connection : connections_)
+    {
+        if (connection->transfer() != nullptr && connection->transfer()->task().handle->closed)
+        {
+            connection->end()->abandon();
+        }
+    }
+    TaskQueue<&Task::nextTransfer> kept;
+    while (TaskPtr task = waiting_.pop())
+    {
+        if (!task->handle->closed)
+        {
+            kept.push(std::move(task));
+        }
+    }
+    waiting_.append(kept);
+}
+
+void TransferThread::startWaiting()
+{
+    while (!waiting_.empty() && startFront())
+    {
+    }
+}
+
+// False when the task at the front has to wait for a connection; those behind it wait with it.
+bool TransferThread::startFront()
+{
+    TaskPtr task;
+    try
+    {
+        Connection* const connection = connectionFor(*waiting_.front());
+        if (connection == nullptr)
+        {
+            return false;
+        }
+        task = waiting_.pop();
+        beginTransfer(std::make_unique<Transfer>(task, notifier_, limits_), *connection);
+    }
+    catch (const std::bad_alloc&)
+    {
+        Failure failure{};
+        (void)failSystem(failure, "transfer");
+        notifier_.finished(task != nullptr ? task : waiting_.pop(), failure, 0,
+                           TRAVEX_FTP_SIZE_UNKNOWN);
+    }
+    return true;
+}
+
+// An idle connection that serves the task, else a new one if there may be another.
+Connection* TransferThread::connectionFor(const Task& task)
+{
+    for (const auto& connection : connections_)
+    {
+        if (connection->serves(*task.settings))
+        {
+            return connection.get();
+        }
+    }
+    if (connections_.size() >= limits_.connections)
+    {
+        makeRoom();
+        return nullptr;
+    }
+    return &addConnection(task.settings);
+}
+
+Connection& TransferThread::addConnection(const std::shared_ptr<const Settings>& settings)
+{
+    const size_t count = connections_.size() + 1;
+    connections_.reserve(count);
+    watched_.reserve(count);
+    watchers_.reserve(count);
+    connections_.push_back(
+        std::make_unique<Connection>(settings, limits_, sockets_, ++connectionNumber_));
+    return *connections_.back();
+}
+
+// Closes the connection that has been idle for longest, if there is one.
+void TransferThread::makeRoom()
+{
+    Connection* oldest = nullptr;
+    for (const auto& connection : connections_)
+    {
+        if (connection->idle() &&
+            (oldest == nullptr || connection->idleSince() < oldest->idleSince()))
+        {
+            oldest = connection.get();
+        }
+    }
+    if (oldest != nullptr)
+    {
+        oldest->leave(multi_);
+    }
+}
+
+void TransferThread::beginTransfer(std::unique_ptr<Transfer> transfer, Connection& connection)
+{
+    if (!transfer->prepare())
+    {
+        transfer->finish();
+    }
+    else if (!connection.start(multi_, std::move(transfer)))
+    {
+        conclude(connection, connection.end());
+    }
+}
+
+void TransferThread::perform()
+{
+    int running = 0;
+    (void)curl_multi_perform(multi_, &running);
+    finishDone();
+}
+
+void TransferThread::finishDone()
+{
+    int left = 0;
+    while (const CURLMsg* message = curl_multi_info_read(multi_, &left))
+    {
+        const CURLcode result = message->data.result;
+        void* connection = nullptr;
+        (void)curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &connection);
+        Connection& ended = *static_cast<Connection*>(connection);
+        conclude(ended, ended.end(result));
+    }
+}
+
+// The transfer is null when the connection has taken its leave.
+void TransferThread::conclude(Connection& connection, std::unique_ptr<Transfer> transfer)
+{
+    if (transfer == nullptr)
+    {
+        return;
+    }
+    const bool success = !failed(transfer->failure());
+    // Only a plain refusal leaves a dialogue of which it is known whose turn it is; after any other
+    // failure the next transfer could take a late reply for its own.
+    if (connection.idle() && !success && transfer->failure().ulRet != TRAVEX_FTP_ERR_FILE)
+    {
+        connection.shutDown();
+        connection.leave(multi_);
+    }
+    if (!success && transfer->wantsFreshConnection())
+    {
+        retry(std::move(transfer));
+    }
+    else
+    {
+        transfer->finish();
+    }
+}
+
+// May exceed the number of connections by one, for the moment that the old one takes to close.
+void TransferThread::retry(std::unique_ptr<Transfer> transfer)
+{
+    try
+    {
+        Connection& fresh = addConnection(transfer->task().settings);
+        if (!fresh.start(multi_, std::move(transfer)))
+        {
+            fresh.end()->finish();
+        }
+    }
+    catch (const std::bad_alloc&)
+    {
+        transfer->finish();  // with the failure that it had
+    }
+}
+
+void TransferThread::expire()
+{
+    const Clock::time_point now = Clock::now();
+    for (size_t i = 0; i != connections_.size(); ++i)  // a retry adds to them
+    {
+        Connection& connection = *connections_[i];
+        if (now < connection.deadline())
+        {
+            continue;
+        }
+        if (connection.idle())
+        {
+            connection.leave(multi_);
+        }
+        else if (connection.expire(now))
+        {
+            conclude(connection, connection.end());
+        }
+    }
+}
+
+void TransferThread::wait()
+{
+    const Clock::time_point now = Clock::now();
+    Clock::time_point next = now + kLongestWait;
+    watched_.clear();
+    watchers_.clear();
+    for (const auto& connection : connections_)
+    {
+        next = std::min(next, connection->wakeAt(now));
+        const curl_socket_t socket = connection->watched(now);
+        if (socket != CURL_SOCKET_BAD)
+        {
+            watched_.push_back({socket, CURL_WAIT_POLLIN, 0});
+            watchers_.push_back(connection.get());
+        }
+    }
+    // Rounded up: a wait that ends before its deadline would be followed by one of 0 ms.
+    const auto timeout = std::chrono::ceil<milliseconds>(std::max(next, now) - now).count();
+    (void)curl_multi_poll(multi_, watched_.data(), static_cast<unsigned int>(watched_.size()),
+                          static_cast<int>(timeout), nullptr);
+    readWatched();
+}
+
+void TransferThread::readWatched()
+{
+    const Clock::time_point now = Clock::now();
+    for (size_t i = 0; i != watched_.size(); ++i)
+    {
+        if (watched_[i].revents == 0)
+        {
+            continue;
+        }
+        // What an idle server says is that it has had enough.
+        if (watchers_[i]->idle())
+        {
+            watchers_[i]->leave(multi_);
+        }
+        else
+        {
+            watchers_[i]->woken(now);
+        }
+    }
+}
+
+void TransferThread::forgetDead()
+{
+    const auto dead = [](const std::unique_ptr<Connection>& connection)
+    { return !connection->alive() && !connection->busy(); };
+    connections_.erase(std::remove_if(connections_.begin(), connections_.end(), dead),
+                       connections_.end());
+}
+
+// All sockets were shut down by stop(): nothing here waits for a server. When the process is
+// ending, OpenSSL may be gone at any moment: then only the files are seen to.
+void TransferThread::windUp()
+{
+    const bool exiting = Worker::exiting();
+    for (const auto& connection : connections_)
+    {
+        if (connection->transfer() != nullptr)
+        {
+            connection->transfer()->abandon();
+        }
+        if (!exiting)
+        {
+            (void)connection->end();
+        }
+    }
+}
+
+}  // namespace travex_ftp

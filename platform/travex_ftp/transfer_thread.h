@@ -1,0 +1,85 @@
+// The transfer thread: owns libcurl's multi handle and drives all transfers.
+#ifndef TRAVEX_FTP_TRANSFER_THREAD_H
+#define TRAVEX_FTP_TRANSFER_THREAD_H
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <vector>
+
+#include "connection.h"
+#include "guarded.h"
+#include "notifier.h"
+#include "task.h"
+#include "worker.h"
+
+namespace travex_ftp
+{
+// submit(), handleClosed() and stop() may be called on any thread; everything else happens on the
+// thread itself, which is the only one to touch the multi handle but for curl_multi_wakeup.
+class TransferThread
+{
+public:
+    TransferThread(Notifier& notifier, const Limits& limits);
+    ~TransferThread();
+    TransferThread(const TransferThread&) = delete;
+    TransferThread& operator=(const TransferThread&) = delete;
+
+    // Throws std::system_error or std::bad_alloc.
+    void start();
+
+    // Lets the thread end: its transfers are cancelled, its connections closed. Waits for nothing.
+    void stop() EXCLUDES(mutex_);
+
+    Worker& worker()
+    {
+        return worker_;
+    }
+
+    // Accepts a task. Cannot fail; after stop() the task is dropped.
+    void submit(TaskPtr task) EXCLUDES(mutex_);
+
+    // Handles were closed: their transfers are to be dropped.
+    void handleClosed();
+
+private:
+    void run();
+    bool takeOrders() EXCLUDES(mutex_);
+    void dropClosed();
+    void startWaiting();
+    bool startFront();
+    Connection* connectionFor(const Task& task);
+    Connection& addConnection(const std::shared_ptr<const Settings>& settings);
+    void makeRoom();
+    void beginTransfer(std::unique_ptr<Transfer> transfer, Connection& connection);
+    void perform();
+    void finishDone();
+    void conclude(Connection& connection, std::unique_ptr<Transfer> transfer);
+    void retry(std::unique_ptr<Transfer> transfer);
+    void expire();
+    void wait();
+    void readWatched();
+    void forgetDead();
+    void windUp();
+
+    Notifier& notifier_;
+    const Limits limits_;
+    Sockets sockets_;
+    CURLM* const multi_;
+    Worker worker_;
+
+    Mutex mutex_;
+    bool stopping_ GUARDED_BY(mutex_) = false;
+    TaskQueue<&Task::nextTransfer> submitted_ GUARDED_BY(mutex_);
+
+    // Transfer thread only.
+    TaskQueue<&Task::nextTransfer> waiting_;
+    std::vector<std::unique_ptr<Connection>> connections_;
+    std::vector<curl_waitfd> watched_;
+    std::vector<Connection*> watchers_;  // whose socket watched_ holds at the same place
+    unsigned int connectionNumber_ = 0;
+};
+
+}  // namespace travex_ftp
+
+#endif

@@ -1,0 +1,62 @@
+// A thread of the layer that can be waited for in bounded time.
+#ifndef TRAVEX_FTP_WORKER_H
+#define TRAVEX_FTP_WORKER_H
+
+#include <functional>
+#include <thread>
+
+#include "guarded.h"
+#include "limits.h"
+
+namespace travex_ftp
+{
+// Thread-safe. A started worker must be joined before it is destroyed, or never be destroyed.
+class Worker
+{
+public:
+    Worker() = default;
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    // Runs `body` on a new thread. Throws std::system_error or std::bad_alloc.
+    void start(std::function<void()> body);
+
+    // Waits for the end of the body, for ever or until a deadline, and joins the thread. Any number
+    // of callers may; not this thread itself. False when the deadline came first.
+    bool join(Clock::time_point deadline = Clock::time_point::max());
+
+    // The body has ended: a join would not wait.
+    bool over();
+
+    // The caller is this thread; the caller is a thread of the layer, of an earlier run perhaps.
+    bool isCaller();
+    static bool callerIsOurs();
+
+    // The process has begun to end: threads are asked to end without touching other libraries.
+    static void beginExit();
+    static bool exiting();
+
+    // Nobody waits for the threads any more, and the libraries are being torn down around them. A
+    // thread of the layer that comes by the check then sleeps until the process is gone.
+    static void endExit();
+    static void parkAtExit();
+
+private:
+    enum class State
+    {
+        Idle,
+        Running,
+        Over,
+        Joining,
+        Joined,
+    };
+
+    Mutex mutex_;
+    std::condition_variable changed_;
+    State state_ GUARDED_BY(mutex_) = State::Idle;
+    std::thread thread_;  // set by start(), used by the one caller that joins
+};
+
+}  // namespace travex_ftp
+
+#endif
