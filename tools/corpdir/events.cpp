@@ -1,0 +1,142 @@
+#include "events.h"
+
+#include <algorithm>
+#include <iterator>
+#include <new>
+#include <utility>
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+EventKind KindOf(unsigned int observed)
+{
+    switch (observed)
+    {
+        case TRAVEX_FTP_OBSERVED_SUCCESS:
+            return EventKind::TRANSFERRED;
+        case TRAVEX_FTP_OBSERVED_FAILED:
+            return EventKind::FAILED;
+        case TRAVEX_FTP_OBSERVED_REFUSED:
+            return EventKind::REFUSED;
+        default:
+            return EventKind::PROGRESS;
+    }
+}
+
+// Messages name the server by its label, so that the layer's own "server: " is left out.
+std::string ReasonOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
+{
+    const std::string reason = seen.pcReason;
+    const std::string prefix = std::string(seen.pcServer) + ": ";
+    const bool named = prefix.size() > 2 && reason.compare(0, prefix.size(), prefix) == 0;
+    return named ? reason.substr(prefix.size()) : reason;
+}
+
+// The record is valid during the observer's call only, so everything is copied.
+Event CopyOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
+{
+    Event event;
+    event.kind = KindOf(seen.ulKind);
+    event.server = AddressOfEndpoint(seen.pcServer);
+    event.file = seen.pcServerFile;
+    event.bytes = seen.ullBytes;
+    event.total = seen.ullTotal;
+    event.code = seen.ulRet;
+    event.reason = ReasonOf(seen);
+    return event;
+}
+
+}  // namespace
+
+std::string AddressOfEndpoint(const std::string& endpoint)
+{
+    if (!endpoint.empty() && endpoint.front() == '[')
+    {
+        return endpoint.substr(1, endpoint.find(']') - 1);
+    }
+    return endpoint.substr(0, endpoint.find(':'));
+}
+
+void EventQueue::Push(Event event) noexcept
+{
+    try
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_events.push_back(std::move(event));
+    }
+    catch (const std::bad_alloc&)
+    {
+        SetOutOfMemory();
+    }
+    // Without the lock, which the woken thread would have to wait for.
+    m_changed.notify_one();
+}
+
+void EventQueue::PushKind(EventKind kind) noexcept
+{
+    Event event;
+    event.kind = kind;
+    Push(std::move(event));
+}
+
+void EventQueue::PushSignal(int signalNumber) noexcept
+{
+    Event event;
+    event.kind = EventKind::SIGNAL;
+    event.signalNumber = signalNumber;
+    Push(std::move(event));
+}
+
+void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
+{
+    try
+    {
+        Push(CopyOf(seen));
+    }
+    catch (const std::bad_alloc&)
+    {
+        SetOutOfMemory();
+        m_changed.notify_one();
+    }
+}
+
+Event EventQueue::WaitUntil(Clock::time_point deadline)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait_until(lock, deadline, [this] { return m_outOfMemory || !m_events.empty(); });
+    // An event that is lost may be the one that is waited for, so this goes before all others.
+    Event event;
+    if (m_outOfMemory)
+    {
+        event.kind = EventKind::OUT_OF_MEMORY;
+    }
+    else if (!m_events.empty())
+    {
+        event = std::move(m_events.front());
+        m_events.pop_front();
+    }
+    return event;
+}
+
+std::vector<Event> EventQueue::TakeServiceEvents()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto isSignal = [](const Event& event) { return event.kind == EventKind::SIGNAL; };
+    // The order of both kinds is kept.
+    const auto first = std::stable_partition(m_events.begin(), m_events.end(), isSignal);
+    std::vector<Event> taken(std::make_move_iterator(first),
+                             std::make_move_iterator(m_events.end()));
+    m_events.erase(first, m_events.end());
+    return taken;
+}
+
+void EventQueue::SetOutOfMemory() noexcept
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_outOfMemory = true;
+}
+
+}  // namespace corpdir_tool

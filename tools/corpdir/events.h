@@ -1,0 +1,76 @@
+// What happens while the program waits, and the one queue that carries it to the main thread.
+#ifndef CORPDIR_TOOL_EVENTS_H
+#define CORPDIR_TOOL_EVENTS_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "travex_ftp.h"
+
+namespace corpdir_tool
+{
+
+enum class EventKind
+{
+    PROGRESS,     // bytes of a file have arrived
+    TRANSFERRED,  // a file is complete and in place
+    FAILED,       // a transfer failed
+    REFUSED,      // a transfer was refused before it began
+    DELIVERED,    // the service says that the directory file has arrived
+    RESOLVED,     // the names of the servers have been looked up
+    SIGNAL,       // the program is asked to stop
+    DEADLINE,     // the time that a wait was given is over
+    OUT_OF_MEMORY
+};
+
+struct Event
+{
+    EventKind kind = EventKind::DEADLINE;
+    std::string server;  // address of the server; empty when not known
+    std::string file;    // file on the server; empty when not known
+    std::uint64_t bytes = 0;
+    std::uint64_t total = TRAVEX_FTP_SIZE_UNKNOWN;
+    unsigned int code = 0;  // tagTRAVEX_FTP_RESULT of a failure or refusal
+    std::string reason;     // in words
+    int signalNumber = 0;
+};
+
+// "[2001:db8::1]:21" or "192.0.2.1:21" without brackets and port.
+std::string AddressOfEndpoint(const std::string& endpoint);
+
+// Thread-safe: one mutex guards all members and is held for no call out of the class.
+class EventQueue
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // Appends an event. Runs in callbacks of other layers, so it never throws: when memory runs
+    // out the waiting thread gets OUT_OF_MEMORY instead.
+    void Push(Event event) noexcept;
+    void PushKind(EventKind kind) noexcept;
+    void PushSignal(int signalNumber) noexcept;
+    void PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept;
+
+    // The next event, or DEADLINE when there is none before that time. One thread waits at a time.
+    Event WaitUntil(Clock::time_point deadline);
+
+    // Removes and returns all events of a service that has been stopped; signals stay.
+    std::vector<Event> TakeServiceEvents();
+
+private:
+    void SetOutOfMemory() noexcept;
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<Event> m_events;
+    bool m_outOfMemory = false;
+};
+
+}  // namespace corpdir_tool
+
+#endif

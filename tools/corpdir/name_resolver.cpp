@@ -1,0 +1,43 @@
+#include "name_resolver.h"
+
+#include <new>
+#include <utility>
+
+namespace corpdir_tool
+{
+
+NameResolver::NameResolver(const std::vector<ServerEntry>& entries, int family, Lookup lookup,
+                           EventQueue& events)
+    : m_entries(entries), m_family(family), m_lookup(std::move(lookup)), m_events(events)
+{
+    m_thread = std::thread(&NameResolver::Resolve, this);
+}
+
+NameResolver::~NameResolver()
+{
+    if (m_thread.joinable())
+    {
+        m_thread.join();
+    }
+}
+
+ResolvedServers NameResolver::Take()
+{
+    m_thread.join();
+    return std::move(m_resolved);
+}
+
+void NameResolver::Resolve() noexcept
+{
+    try
+    {
+        m_resolved = ResolveServers(m_entries, m_family, m_lookup);
+        m_events.PushKind(EventKind::RESOLVED);
+    }
+    catch (const std::bad_alloc&)
+    {
+        m_events.PushKind(EventKind::OUT_OF_MEMORY);
+    }
+}
+
+}  // namespace corpdir_tool

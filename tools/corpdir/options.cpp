@@ -1,0 +1,301 @@
+#include "options.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "failure.h"
+#include "output_files.h"
+#include "text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+// Bytes that fit, without the terminator: a field of the request record, and the FTP layer's own
+// narrower ones.
+constexpr std::size_t MAX_FIELD = 255;
+constexpr std::size_t MAX_USER = 127;
+constexpr std::size_t MAX_DIRECTORY = 127;
+
+constexpr unsigned long CIPHER_PREFIX = 0x03000000;
+constexpr unsigned int EVERYTHING = 2;  // log level of a log that was asked for without one
+
+[[noreturn]] void Refuse(const std::string& message)
+{
+    throw Failure(EXIT_ARGUMENTS, message);
+}
+
+void CheckLength(const std::string& what, std::size_t length, std::size_t limit)
+{
+    if (length > limit)
+    {
+        Refuse(what + " is " + std::to_string(length) + " bytes long; at most " +
+               std::to_string(limit) + " are allowed");
+    }
+}
+
+// A text of the request record that goes to the server or becomes a file name.
+void CheckText(const std::string& option, const std::string& text, std::size_t limit)
+{
+    if (text.empty())
+    {
+        Refuse(option + " is empty");
+    }
+    CheckLength(option, text.size(), limit);
+    if (std::any_of(text.begin(), text.end(), IsControlByte))
+    {
+        Refuse(option + " contains a control byte, such as a newline: '" + Printable(text) + "'");
+    }
+}
+
+// The local name: as given, else the last part of the name on the server.
+std::string LocalName(const std::string& option, const std::string& given,
+                      const std::string& remoteOption, const std::string& remote)
+{
+    if (given.empty())
+    {
+        std::string name = remote.substr(remote.rfind('/') + 1);
+        if (name.empty() || name == "." || name == "..")
+        {
+            Refuse(remoteOption + " '" + remote + "' does not end in the name of a file");
+        }
+        return name;
+    }
+    CheckText(option, given, MAX_FIELD);
+    if (given.find('/') != std::string::npos || given == "." || given == "..")
+    {
+        Refuse(option + " '" + given + "' is not a plain file name; the directory is --output-dir");
+    }
+    return given;
+}
+
+void PlanFiles(const FetchOptions& options, FetchPlan& plan)
+{
+    CheckText("--version-file", options.versionFile, MAX_FIELD);
+    CheckText("--directory-file", options.directoryFile, MAX_FIELD);
+    if (options.versionFile == options.directoryFile)
+    {
+        Refuse("--version-file and --directory-file are the same file '" + options.versionFile +
+               "'");
+    }
+    plan.versionFile = options.versionFile;
+    plan.directoryFile = options.directoryFile;
+    plan.versionName =
+        LocalName("--version-name", options.versionName, "--version-file", options.versionFile);
+    plan.directoryName = LocalName("--directory-name", options.directoryName, "--directory-file",
+                                   options.directoryFile);
+    if (plan.versionName == plan.directoryName)
+    {
+        Refuse("both files would be stored as '" + plan.versionName +
+               "'; give --version-name or --directory-name");
+    }
+    if (options.outputDir.empty())
+    {
+        Refuse("--output-dir is empty");
+    }
+    plan.outputDir = options.outputDir;
+    if (plan.outputDir.back() != '/')
+    {
+        plan.outputDir += '/';
+    }
+    CheckLength("--output-dir with its closing '/'", plan.outputDir.size(), MAX_DIRECTORY);
+}
+
+int FamilyOf(const std::string& address)
+{
+    unsigned char bytes[16];
+    if (inet_pton(AF_INET, address.c_str(), bytes) == 1)
+    {
+        return AF_INET;
+    }
+    return inet_pton(AF_INET6, address.c_str(), bytes) == 1 ? AF_INET6 : AF_UNSPEC;
+}
+
+void PlanServers(const FetchOptions& options, FetchPlan& plan)
+{
+    plan.servers = SplitServers(options.servers);
+    plan.port = options.port;
+    plan.family = AF_UNSPEC;
+    if (options.localIp.empty())
+    {
+        return;
+    }
+    plan.localIp = options.localIp;
+    plan.family = FamilyOf(options.localIp);
+    if (plan.family == AF_UNSPEC)
+    {
+        Refuse("--local-ip '" + Printable(options.localIp) + "' is not an IPv4 or IPv6 address");
+    }
+    // Names are looked up in this family only; an address of the other one is a contradiction.
+    for (const ServerEntry& entry : plan.servers)
+    {
+        if (entry.isAddress && FamilyOf(entry.text) != plan.family)
+        {
+            Refuse("server " + entry.text + " cannot be reached from --local-ip " +
+                   options.localIp + ": one is IPv4, the other IPv6");
+        }
+    }
+}
+
+// Options that would have no effect are refused: who gives them believes to be protected by them.
+void CheckProtection(const FetchOptions& options)
+{
+    const bool trustGiven = options.ca != "system" || !options.verifyNames.empty();
+    if (options.plain && (trustGiven || !options.ciphers.empty()))
+    {
+        Refuse("--plain has no TLS; leave out --ca, --verify-name and --ciphers");
+    }
+    if (options.noVerify && trustGiven)
+    {
+        Refuse("--no-verify checks no certificate; leave out --ca and --verify-name");
+    }
+}
+
+void CheckAuthorities(const std::string& ca)
+{
+    if (ca.empty())
+    {
+        Refuse("--ca is empty");
+    }
+    if (ca.find(';') != std::string::npos)
+    {
+        Refuse("--ca '" + Printable(ca) + "' contains a ';', which the trust text cannot carry");
+    }
+    if (ca != "system" && access(ca.c_str(), R_OK) != 0)
+    {
+        Refuse("--ca '" + Printable(ca) + "' cannot be read: " + SystemMessage(errno));
+    }
+}
+
+// Names that the certificate may carry, in the order given and each once.
+std::vector<std::string> AcceptedNames(const FetchOptions& options, const FetchPlan& plan)
+{
+    std::vector<std::string> names;
+    const auto add = [&names](std::string name)
+    {
+        if (name.back() == '.')
+        {
+            name.pop_back();  // certificates carry names without the closing dot
+        }
+        if (std::find(names.begin(), names.end(), name) == names.end())
+        {
+            names.push_back(name);
+        }
+    };
+    for (const std::string& name : options.verifyNames)
+    {
+        if (!IsHostName(name))
+        {
+            Refuse("--verify-name '" + Printable(name) + "' is not a DNS name");
+        }
+        add(name);
+    }
+    // Without --verify-name: whoever lists a host by name wants that host's certificate.
+    if (names.empty())
+    {
+        for (const ServerEntry& entry : plan.servers)
+        {
+            if (!entry.isAddress)
+            {
+                add(entry.text);
+            }
+        }
+    }
+    return names;
+}
+
+std::string TrustText(const FetchOptions& options, const FetchPlan& plan)
+{
+    CheckAuthorities(options.ca);
+    std::string trust = "ca=" + options.ca;
+    const char* separator = ";name=";
+    for (const std::string& name : AcceptedNames(options, plan))
+    {
+        trust += separator + name;
+        separator = ",";
+    }
+    CheckLength("the trust text made of --ca and " + std::string(options.verifyNames.empty()
+                                                                     ? "the host names of --servers"
+                                                                     : "--verify-name"),
+                trust.size(), MAX_FIELD);
+    return trust;
+}
+
+void PlanProtection(const FetchOptions& options, FetchPlan& plan)
+{
+    CheckProtection(options);
+    plan.plain = options.plain;
+    plan.verify = !options.plain && !options.noVerify;
+    // The service wants a trust text even when nothing is verified by it.
+    plan.trust = plan.verify ? TrustText(options, plan) : "system";
+    for (const std::string& cipher : options.ciphers)
+    {
+        plan.ciphers.push_back(ParseCipher(cipher));
+    }
+}
+
+void PlanLog(const FetchOptions& options, FetchPlan& plan)
+{
+    CheckLength("--log-dir", options.logDir.size(), MAX_FIELD);
+    plan.logDir = options.logDir;
+    plan.logLevel = options.logLevel;
+    if (!plan.logDir.empty() && !plan.logLevel)
+    {
+        plan.logLevel = EVERYTHING;
+    }
+}
+
+}  // namespace
+
+int ParseCipher(const std::string& text)
+{
+    const bool hexadecimal = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0;
+    const char* digits = text.c_str() + (hexadecimal ? 2 : 0);
+    char* end = nullptr;
+    errno = 0;
+    unsigned long number = std::strtoul(digits, &end, hexadecimal ? 16 : 10);
+    // strtoul itself would also take a sign, blanks and a second "0x".
+    const bool onlyDigits = *digits != '\0' && *end == '\0' && errno == 0 &&
+                            std::string(digits).find_first_of("+- xX\t\n") == std::string::npos;
+    if (onlyDigits && number <= 0xffff)
+    {
+        number |= CIPHER_PREFIX;
+    }
+    if (!onlyDigits || (number & ~0xffffUL) != CIPHER_PREFIX)
+    {
+        Refuse("--ciphers '" + Printable(text) +
+               "' is not a cipher suite identifier such as 0x03000035, 0x0035 or 53");
+    }
+    return static_cast<int>(number);
+}
+
+FetchPlan MakePlan(const FetchOptions& options)
+{
+    FetchPlan plan;
+    // In the order of the help text, which is the order in which people look for the mistake.
+    PlanServers(options, plan);
+    CheckText("--user", options.user, MAX_USER);
+    plan.user = options.user;
+    PlanFiles(options, plan);
+    PlanProtection(options, plan);
+    PlanLog(options, plan);
+    plan.timeout = std::chrono::seconds(options.timeoutSeconds);
+    // Last, so that a mistake in an argument is told as one.
+    CheckWritableDirectory("--output-dir", plan.outputDir);
+    CheckReplaceable(plan.VersionPath());
+    CheckReplaceable(plan.DirectoryPath());
+    if (!plan.logDir.empty())
+    {
+        CheckWritableDirectory("--log-dir", plan.logDir);
+    }
+    return plan;
+}
+
+}  // namespace corpdir_tool

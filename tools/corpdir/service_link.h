@@ -1,0 +1,50 @@
+// The program's side of the service: start it, make a request, stop it. What the service and the
+// FTP layer then say arrives in the event queue.
+#ifndef CORPDIR_TOOL_SERVICE_LINK_H
+#define CORPDIR_TOOL_SERVICE_LINK_H
+
+#include <string>
+
+#include "events.h"
+#include "ftpcorpdir.h"
+#include "options.h"
+#include "secret.h"
+#include "travex_ftp.h"
+
+namespace corpdir_tool
+{
+
+// Not thread-safe: belongs to the main thread, which alone may call the service; callbacks only
+// fill the queue. One at a time in a process, since the client callback carries no user pointer.
+class ServiceLink
+{
+public:
+    using ObserverSetter = void (*)(TRAVEX_FTP_OBSERVER_CB observer, void* user);
+
+    // service, plan and events must outlive the link.
+    ServiceLink(IFtpCorpDir& service, ObserverSetter setObserver, const FetchPlan& plan,
+                EventQueue& events);
+    ~ServiceLink();  // stops
+    ServiceLink(const ServiceLink&) = delete;
+    ServiceLink& operator=(const ServiceLink&) = delete;
+
+    // Starts the service and sets the cipher list, which a stop releases. Throws Failure.
+    void Start();
+
+    // Asks for the files. servers: addresses separated by ";". 0 when the first check was started.
+    [[nodiscard]] unsigned int Request(const std::string& servers, const Secret& password);
+
+    // Stops the service; nothing is under way afterwards, and none of its events are left.
+    void Stop();
+
+private:
+    IFtpCorpDir& m_service;
+    const ObserverSetter m_setObserver;
+    const FetchPlan& m_plan;
+    EventQueue& m_events;
+    bool m_started = false;
+};
+
+}  // namespace corpdir_tool
+
+#endif

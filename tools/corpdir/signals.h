@@ -1,0 +1,49 @@
+// SIGINT, SIGTERM and SIGHUP as events, with a last resort when the stop that they ask for hangs.
+#ifndef CORPDIR_TOOL_SIGNALS_H
+#define CORPDIR_TOOL_SIGNALS_H
+
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+namespace corpdir_tool
+{
+
+// Receives the signals on a thread of its own for as long as it lives. Make it before any other
+// thread: those inherit that the signals are blocked. One at a time in a process.
+//
+// SIGINT and SIGHUP stay ignored when the program was started so (as "nohup" and "&" do).
+class SignalWatch
+{
+public:
+    using Handler = std::function<void(int signalNumber)>;
+
+    // onSignal is called with the first signal. lastResort is called when the watch still lives
+    // `patience` after that, or when a second signal comes; it should end the process. Both run on
+    // the watch's thread and must not throw.
+    SignalWatch(Handler onSignal, Handler lastResort, std::chrono::milliseconds patience);
+
+    // Ends the watch and restores the signal mask. Waits for a handler in progress.
+    ~SignalWatch();
+
+    SignalWatch(const SignalWatch&) = delete;
+    SignalWatch& operator=(const SignalWatch&) = delete;
+
+private:
+    void Watch();
+
+    const Handler m_onSignal;
+    const Handler m_lastResort;
+    const std::chrono::milliseconds m_patience;
+    sigset_t m_signals;
+    sigset_t m_savedMask;
+    std::atomic<bool> m_ending{false};
+    std::thread m_thread;  // last: it uses all of the above
+};
+
+}  // namespace corpdir_tool
+
+#endif
