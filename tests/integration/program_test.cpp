@@ -1,0 +1,507 @@
+// The program `corpdir fetch` as a process, against real servers: exit statuses, files, messages.
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "files.h"
+#include "ftp_servers.h"
+#include "process.h"
+
+namespace integration
+{
+namespace
+{
+
+using support::Command;
+using support::CommandResult;
+using support::FtpServer;
+using support::FtpServerOptions;
+using support::PatternBytes;
+using support::Process;
+using support::PyFtpServer;
+using support::ReadFile;
+using support::RunCommand;
+using support::Sha256;
+using support::TemporaryDirectory;
+using support::TestCertificates;
+using support::Tls;
+using support::VsftpdServer;
+using support::WaitUntil;
+using support::WriteFile;
+using ::testing::AllOf;
+using ::testing::AnyOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+// What the program ends with.
+enum Status
+{
+    kFetched = 0,
+    kBadArguments = 2,
+    kNoServerLeft = 3,
+    kBadVersion = 4,
+    kNoOutcome = 5,
+    kLocalFile = 6
+};
+
+const std::string kVersion = "edition 17\n";
+const std::string kLeftOut = "(left out)";
+const std::string kOlder = "the directory that was there before\n";
+
+class Program : public ::testing::Test
+{
+protected:
+    Program() : m_directory(PatternBytes(200000, 1))
+    {
+        m_options.tls = Tls::kExplicit;
+        m_options.certificate = m_certificates.Good();
+    }
+
+    // A sanitizer's report would be lost: the program keeps its standard error to itself while the
+    // service runs.
+    ~Program() override
+    {
+        for (const std::string& name : support::FilesIn(m_reports.Path()))
+        {
+            ADD_FAILURE() << ReadFile(m_reports.File(name));
+        }
+    }
+
+    FtpServer& Serve()
+    {
+        return Use(std::make_unique<PyFtpServer>(m_options));
+    }
+
+    FtpServer& ServeWithVsftpd()
+    {
+        return Use(std::make_unique<VsftpdServer>(m_options));
+    }
+
+    // A complete command line; `more` replaces or adds options, each with its value after a '=',
+    // and leaves out those whose value is kLeftOut.
+    Command Fetch(const std::vector<std::string>& more = {}) const
+    {
+        std::vector<std::string> options = {
+            "--servers=" + m_options.host,    "--port=" + std::to_string(m_port),
+            "--user=" + m_options.user,       "--version-file=version.txt",
+            "--directory-file=directory.csv", "--output-dir=" + m_output.Path()};
+        if (m_options.tls == Tls::kNone)
+        {
+            options.push_back("--plain");
+        }
+        else
+        {
+            options.push_back("--ca=" + m_certificates.Authority());
+        }
+        for (const std::string& option : more)
+        {
+            const std::string name = option.substr(0, option.find('='));
+            options.erase(std::remove_if(options.begin(), options.end(),
+                                         [&name](const std::string& old)
+                                         { return old.substr(0, old.find('=')) == name; }),
+                          options.end());
+            if (option != name + "=" + kLeftOut)
+            {
+                options.push_back(option);
+            }
+        }
+        std::vector<std::string> arguments = {CORPDIR_TEST_PROGRAM, "fetch"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        return {arguments, Environment(m_options.password), ""};
+    }
+
+    std::vector<std::pair<std::string, std::string>> Environment(const std::string& password) const
+    {
+        std::vector<std::pair<std::string, std::string>> variables = {
+            {"CORPDIR_PASSWORD", password}};
+        for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"})
+        {
+            const char* present = std::getenv(name);
+            variables.emplace_back(name, std::string(present == nullptr ? "" : present) +
+                                             ":log_path=" + m_reports.File("report"));
+        }
+        return variables;
+    }
+
+    CommandResult Run(const std::vector<std::string>& more = {}) const
+    {
+        return RunCommand(Fetch(more));
+    }
+
+    void ExpectBothFiles() const
+    {
+        EXPECT_EQ(ReadFile(m_output.File("version.txt")), kVersion);
+        EXPECT_EQ(Sha256(ReadFile(m_output.File("directory.csv"))), Sha256(m_directory));
+        EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
+    }
+
+    TestCertificates m_certificates;
+    FtpServerOptions m_options;
+    std::string m_directory;
+    std::unique_ptr<FtpServer> m_server;
+    int m_port = 1;  // nothing listens there
+    TemporaryDirectory m_output;
+    TemporaryDirectory m_reports;
+
+private:
+    FtpServer& Use(std::unique_ptr<FtpServer> server)
+    {
+        m_server = std::move(server);
+        m_port = m_server->Port();
+        m_server->AddFile("version.txt", kVersion);
+        m_server->AddFile("directory.csv", m_directory);
+        return *m_server;
+    }
+};
+
+TEST_F(Program, FetchesOverFtps)
+{
+    Serve();
+    const CommandResult result = Run();
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output, Not(HasSubstr(m_options.password)));
+    ExpectBothFiles();
+}
+
+TEST_F(Program, FetchesOverPlainFtp)
+{
+    m_options.tls = Tls::kNone;
+    Serve();
+    const CommandResult result = Run();
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    ExpectBothFiles();
+}
+
+TEST_F(Program, FetchesOverIpv6)
+{
+    m_options.host = "::1";
+    Serve();
+    const CommandResult result = Run();
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    ExpectBothFiles();
+}
+
+struct Suite
+{
+    const char* id;
+    const char* name;
+};
+
+void PrintTo(const Suite& suite, std::ostream* stream)
+{
+    *stream << suite.name;
+}
+
+class ProgramSuite : public Program, public ::testing::WithParamInterface<Suite>
+{
+};
+
+TEST_P(ProgramSuite, FetchesWithSessionReuseDemanded)
+{
+    m_options.require_session_reuse = true;
+    ServeWithVsftpd();
+    const CommandResult result = Run({std::string("--ciphers=") + GetParam().id});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    ExpectBothFiles();
+    EXPECT_THAT(m_server->Log(),
+                HasSubstr("SSL cipher: " + std::string(GetParam().name) + ", reused"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Vsftpd, ProgramSuite,
+                         ::testing::Values(Suite{"0x03000035", "AES256-SHA"},
+                                           Suite{"0x0300003C", "AES128-SHA256"},
+                                           Suite{"0x0300003D", "AES256-SHA256"}),
+                         [](const auto& test) { return std::string(test.param.id); });
+
+TEST_F(Program, FetchesFromVsftpdOverPlainFtp)
+{
+    m_options.tls = Tls::kNone;
+    ServeWithVsftpd();
+    const CommandResult result = Run();
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    ExpectBothFiles();
+}
+
+TEST_F(Program, NamesTheDeadServerAndMovesOn)
+{
+    Serve();
+    const CommandResult result = Run({"--servers=127.0.0.2;127.0.0.1"});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("127.0.0.2"));
+    ExpectBothFiles();
+}
+
+// The service leaves a failed directory file to its client.
+TEST_F(Program, AsksTheNextServerForADirectoryThatFailed)
+{
+    m_options.certificate = m_certificates.WithNames("IP:127.0.0.1,IP:127.0.0.2");
+    Serve();
+    FtpServerOptions options = m_options;
+    options.host = "127.0.0.2";
+    options.port = m_port;
+    PyFtpServer without_directory(options);
+    without_directory.AddFile("version.txt", kVersion);
+    const CommandResult result = Run({"--servers=127.0.0.2;127.0.0.1"});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("127.0.0.2"));
+    EXPECT_EQ(without_directory.CountCommands("RETR version.txt"), 1u);
+    ExpectBothFiles();
+}
+
+TEST_F(Program, TakesThePasswordFromAFile)
+{
+    Serve();
+    TemporaryDirectory secrets;
+    WriteFile(secrets.File("password"), m_options.password + "\n");
+    Command command = Fetch({"--password-file=" + secrets.File("password")});
+    command.environment = Environment("not-the-password");
+    const CommandResult result = RunCommand(command);
+    EXPECT_EQ(result.status, kFetched) << result.output;
+}
+
+TEST_F(Program, TakesThePasswordFromStandardInput)
+{
+    Serve();
+    Command command = Fetch({"--password-file=-"});
+    command.environment = Environment("not-the-password");
+    const CommandResult result = RunCommand(command, m_options.password + "\n");
+    EXPECT_EQ(result.status, kFetched) << result.output;
+}
+
+TEST_F(Program, ReadsNoPasswordFromItsArguments)
+{
+    Serve();
+    const CommandResult result = Run({"--password=" + m_options.password});
+    EXPECT_EQ(result.status, kBadArguments) << result.output;
+    EXPECT_THAT(m_server->Commands(), ElementsAre());
+}
+
+TEST_F(Program, SaysNothingWhenQuiet)
+{
+    Serve();
+    const CommandResult result = RunCommand(Fetch({"--quiet"}));
+    EXPECT_EQ(result.status, kFetched);
+    EXPECT_EQ(result.output, "");
+}
+
+TEST_F(Program, WritesALogThatOnlyItsOwnerCanRead)
+{
+    Serve();
+    TemporaryDirectory logs;
+    const CommandResult result = Run({"--log-dir=" + logs.Path()});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    const std::string log = logs.File("corpdir.log");
+    EXPECT_THAT(ReadFile(log), AllOf(HasSubstr("edition 17"), Not(HasSubstr(m_options.password))));
+    EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0600));
+}
+
+struct Refused
+{
+    const char* name;
+    std::vector<std::string> options;
+    std::vector<std::string> message;  // parts that it must have
+};
+
+void PrintTo(const Refused& refused, std::ostream* stream)
+{
+    *stream << refused.name;
+}
+
+// Bad arguments are told before anything starts: nothing listens on the port of these tests.
+class ProgramArguments : public Program, public ::testing::WithParamInterface<Refused>
+{
+};
+
+TEST_P(ProgramArguments, AreRefusedWithAReason)
+{
+    const CommandResult result = Run(GetParam().options);
+    EXPECT_EQ(result.status, kBadArguments) << result.output;
+    for (const std::string& part : GetParam().message)
+    {
+        EXPECT_THAT(result.output, HasSubstr(part));
+    }
+    EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre());
+}
+
+std::string Long(const std::string& option, std::size_t length)
+{
+    return option + "=" + std::string(length, 'x');
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Refused, ProgramArguments,
+    ::testing::Values(
+        Refused{"NoServers", {"--servers=" + kLeftOut}, {"--servers"}},
+        Refused{"EmptyServer", {"--servers=127.0.0.1;;127.0.0.3"}, {"--servers"}},
+        Refused{"EmptyLastServer", {"--servers=127.0.0.1;"}, {"--servers"}},
+        Refused{"User", {Long("--user", 128)}, {"--user", "127", "128"}},
+        Refused{"VersionFile", {Long("--version-file", 256)}, {"--version-file", "255", "256"}},
+        Refused{
+            "DirectoryFile", {Long("--directory-file", 256)}, {"--directory-file", "255", "256"}},
+        Refused{"VersionName", {Long("--version-name", 256)}, {"--version-name", "255", "256"}},
+        Refused{
+            "DirectoryName", {Long("--directory-name", 256)}, {"--directory-name", "255", "256"}},
+        Refused{"OutputDirectory", {Long("--output-dir", 127)}, {"--output-dir", "127", "128"}},
+        Refused{"Port", {"--port=65536"}, {"--port"}},
+        Refused{"Timeout", {"--timeout=never"}, {"--timeout"}},
+        Refused{"LogLevel", {"--log-level=3"}, {"--log-level"}},
+        Refused{"LocalAddress", {"--local-ip=localhost"}, {"--local-ip"}},
+        Refused{"Cipher", {"--ciphers=0x0300FFFF"}, {}},
+        Refused{"NewlineInAName", {"--version-file=version.txt\nDELE x"}, {"--version-file"}},
+        Refused{"UnknownOption", {"--directory"}, {"--directory"}}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(Program, RefusesAPasswordThatIsTooLong)
+{
+    Command command = Fetch();
+    command.environment = Environment(std::string(128, 'x'));
+    const CommandResult result = RunCommand(command);
+    EXPECT_EQ(result.status, kBadArguments) << result.output;
+    EXPECT_THAT(result.output, AllOf(HasSubstr("127"), HasSubstr("128")));
+}
+
+// Failures that leave what was there before.
+class ProgramFailure : public Program
+{
+protected:
+    ProgramFailure()
+    {
+        WriteFile(m_output.File("directory.csv"), kOlder);
+    }
+
+    void ExpectOlderDirectory() const
+    {
+        EXPECT_EQ(ReadFile(m_output.File("directory.csv")), kOlder);
+        for (const std::string& name : support::FilesIn(m_output.Path()))
+        {
+            EXPECT_THAT(name, AnyOf("directory.csv", "version.txt"));
+        }
+    }
+};
+
+TEST_F(ProgramFailure, NoServerAnswers)
+{
+    const CommandResult result = Run({"--servers=127.0.0.2;127.0.0.3"});
+    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_THAT(result.output, AllOf(HasSubstr("127.0.0.2"), HasSubstr("127.0.0.3")));
+    ExpectOlderDirectory();
+}
+
+TEST_F(ProgramFailure, NameThatDoesNotResolve)
+{
+    const CommandResult result = Run({"--servers=directory.invalid"});
+    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("directory.invalid"));
+    ExpectOlderDirectory();
+}
+
+TEST_F(ProgramFailure, WrongPassword)
+{
+    Serve();
+    Command command = Fetch();
+    command.environment = Environment("not-the-password");
+    const CommandResult result = RunCommand(command);
+    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_THAT(result.output, AllOf(HasSubstr("127.0.0.1"), Not(HasSubstr("not-the-password"))));
+    ExpectOlderDirectory();
+}
+
+TEST_F(ProgramFailure, AuthorityThatIsNotTrusted)
+{
+    Serve();
+    const CommandResult result = Run({"--ca=" + m_certificates.OtherAuthority()});
+    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(m_server->CountCommands("PASS"), 0u);
+    ExpectOlderDirectory();
+}
+
+TEST_F(ProgramFailure, NameThatTheCertificateDoesNotCarry)
+{
+    m_options.certificate = m_certificates.WithNames("DNS:directory.test");
+    Serve();
+    CommandResult result = Run({"--verify-name=elsewhere.test"});
+    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(m_server->CountCommands("PASS"), 0u);
+    ExpectOlderDirectory();
+    result = Run({"--verify-name=directory.test"});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+}
+
+TEST_F(ProgramFailure, VersionFileTooShort)
+{
+    Serve().AddFile("version.txt", "1.2\n");
+    const CommandResult result = Run();
+    EXPECT_EQ(result.status, kBadVersion) << result.output;
+    ExpectOlderDirectory();
+}
+
+TEST_F(ProgramFailure, NoOutcomeInTime)
+{
+    m_options.bytes_per_second = 100000;
+    m_directory = PatternBytes(20000000, 2);
+    Serve();
+    const CommandResult result = Run({"--timeout=2"});
+    EXPECT_EQ(result.status, kNoOutcome) << result.output;
+    ExpectOlderDirectory();
+}
+
+TEST_F(ProgramFailure, OutputDirectoryThatIsNotThere)
+{
+    Serve();
+    const CommandResult result = Run({"--output-dir=" + m_output.File("missing")});
+    EXPECT_EQ(result.status, kLocalFile) << result.output;
+    ExpectOlderDirectory();
+}
+
+TEST_F(ProgramFailure, OutputDirectoryThatTakesNoFile)
+{
+    Serve();
+    const CommandResult result = Run({"--output-dir=/proc"});
+    EXPECT_EQ(result.status, kLocalFile) << result.output;
+}
+
+TEST_F(ProgramFailure, TargetThatIsADirectory)
+{
+    Serve();
+    TemporaryDirectory output;
+    std::filesystem::create_directory(output.File("directory.csv"));
+    const CommandResult result = Run({"--output-dir=" + output.Path()});
+    EXPECT_EQ(result.status, kLocalFile) << result.output;
+}
+
+class ProgramSignal : public ProgramFailure, public ::testing::WithParamInterface<int>
+{
+};
+
+TEST_P(ProgramSignal, StopsCleanlyInTheMiddle)
+{
+    m_options.bytes_per_second = 100000;
+    m_directory = PatternBytes(20000000, 2);
+    Serve();
+    TemporaryDirectory messages;
+    Command command = Fetch();
+    command.output_file = messages.File("output");
+    Process program(command);
+    // Version file, directory file and the temporary one.
+    ASSERT_TRUE(WaitUntil([this] { return support::FilesIn(m_output.Path()).size() == 3; }))
+        << ReadFile(command.output_file);
+    program.Signal(GetParam());
+    const auto status = program.Wait(std::chrono::seconds(5));
+    ASSERT_TRUE(status.has_value()) << "still running";
+    EXPECT_EQ(*status, 128 + GetParam()) << ReadFile(command.output_file);
+    ExpectOlderDirectory();
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ProgramSignal, ::testing::Values(SIGINT, SIGTERM),
+                         [](const auto& test)
+                         { return std::string(test.param == SIGINT ? "Interrupt" : "Terminate"); });
+
+}  // namespace
+}  // namespace integration

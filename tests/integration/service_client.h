@@ -1,0 +1,91 @@
+// A client of the service, for tests: it knows the client header and nothing else.
+#ifndef CORPDIR_TESTS_SERVICE_CLIENT_H
+#define CORPDIR_TESTS_SERVICE_CLIENT_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "files.h"
+#include "ftp_servers.h"
+#include "ftpcorpdir.h"
+
+namespace integration
+{
+
+// One call of the client's callback.
+struct Result
+{
+    unsigned int kind;
+    unsigned int result;
+    const char* text;
+    void* reserved;
+};
+
+inline bool operator==(const Result& left, const Result& right)
+{
+    return left.kind == right.kind && left.result == right.result && left.text == right.text &&
+           left.reserved == right.reserved;
+}
+
+extern const Result kFetched;
+extern const Result kFailed;
+
+// How GoogleTest shows one.
+void PrintTo(const Result& result, std::ostream* stream);
+
+// What a request asks for.
+struct Request
+{
+    std::string servers;
+    unsigned int port = 0;
+    std::string user;
+    std::string password;
+    std::string trust = "system";
+    bool plain = false;
+    bool verify = true;
+    std::string version_file = "version.txt";
+    std::string directory_file = "directory.csv";
+};
+
+// The request that fits a server.
+Request RequestTo(const support::FtpServer& server,
+                  const support::TestCertificates* certificates = nullptr);
+
+// The client with its output directory and its log. The service is started on demand and stopped at
+// the end. One at a time, since the service is one; use it on one thread.
+class Client
+{
+public:
+    Client();
+    ~Client();
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    unsigned int Start();
+    void Stop();
+    unsigned int Ask(const Request& request);
+
+    // Runs on the notification thread after the result was recorded.
+    void OnResult(std::function<void()> action);
+
+    std::vector<Result> Results() const;
+    bool WaitForResults(std::size_t count) const;  // false when they do not come in time
+
+    const std::string& OutputDirectory() const;
+    std::string Version() const;                   // bytes of the version file
+    std::string Directory() const;                 // bytes of the directory file
+    void PutDirectory(const std::string& bytes);   // as if fetched earlier
+    std::vector<std::string> OutputFiles() const;  // names in the output directory
+    bool TransferIsUnderWay() const;               // a temporary file has bytes
+
+    std::string Log() const;
+
+private:
+    support::TemporaryDirectory m_output;
+    support::TemporaryDirectory m_log;
+};
+
+}  // namespace integration
+
+#endif

@@ -1,0 +1,639 @@
+// Where records go: directories, files, rotation, several processes, disks that refuse.
+#include "corpdir_log_fixture.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+#include <regex>
+
+namespace
+{
+namespace fs = std::filesystem;
+using log_test::AfterColumns;
+using log_test::CaughtStandardError;
+using log_test::Child;
+using log_test::Info;
+using log_test::Open;
+using log_test::SplitLines;
+using log_test::Write;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+unsigned int ModeOf(const std::string& path)
+{
+    struct stat status = {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+std::vector<std::string> TextsIn(const std::string& path)
+{
+    std::vector<std::string> texts;
+    for (const std::string& line : SplitLines(support::ReadFile(path)))
+    {
+        texts.push_back(AfterColumns(line, 6));
+    }
+    return texts;
+}
+
+bool Contains(const std::string& path, const std::string& text)
+{
+    return support::FileExists(path) && support::ReadFile(path).find(text) != std::string::npos;
+}
+
+// Writes the record again and again until the file holds it.
+bool ArrivesIn(const std::string& path, const char* text)
+{
+    return support::WaitUntil(
+        [&]
+        {
+            Write(0, "%s", text);
+            return Contains(path, text);
+        });
+}
+
+std::size_t Count(const std::string& text, const std::string& part)
+{
+    std::size_t count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    {
+        ++count;
+    }
+    return count;
+}
+
+// The first test of this program: later ones have opened the log.
+TEST(LogStart, ThereIsNoLogUntilOneWasOpened)
+{
+    EXPECT_EQ(g_LogMode, 0U);
+    EXPECT_EQ(g_LogOne, nullptr);
+    CorpDir_CloseLog();
+    EXPECT_EQ(Open(Info("/nowhere")), static_cast<unsigned int>(ENOENT));
+    EXPECT_EQ(g_LogOne, nullptr);
+    const support::TemporaryDirectory directory;
+    EXPECT_EQ(Open(Info(directory.Path())), 0U);
+    EXPECT_NE(g_LogOne, nullptr);
+    CorpDir_CloseLog();
+}
+
+class LogFile : public log_test::LogTest
+{
+};
+
+TEST_F(LogFile, IsPrivateWhateverTheUmask)
+{
+    const mode_t before = umask(0);
+    EXPECT_EQ(Open(Info(Directory(), 2, 300, 2)), 0U);
+    for (int number = 0; number < 20; ++number)
+    {
+        Write(2, "record %d", number);
+    }
+    CorpDir_CloseLog();
+    umask(before);
+    for (const char* name : {"corpdir.log", "corpdir.1.log", "corpdir.2.log", ".corpdir.lock"})
+    {
+        EXPECT_EQ(ModeOf(File(name)), 0600U) << name;
+    }
+}
+
+TEST_F(LogFile, ThatExistsIsContinuedAndMadePrivate)
+{
+    support::WriteFile(File(), "an old line\n");
+    chmod(File().c_str(), 0644);
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "a new one");
+    CorpDir_CloseLog();
+    EXPECT_EQ(ModeOf(File()), 0600U);
+    const std::vector<std::string> lines = SplitLines(support::ReadFile(File()));
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0], "an old line");
+    EXPECT_EQ(AfterColumns(lines[1], 6), "a new one");
+}
+
+TEST_F(LogFile, ThatEndsInACutLineGetsItsNextRecordOnANewOne)
+{
+    support::WriteFile(File(), "cut");
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "whole");
+    CorpDir_CloseLog();
+    EXPECT_THAT(SplitLines(support::ReadFile(File())), ElementsAre("cut", HasSubstr(" whole")));
+}
+
+TEST_F(LogFile, IsRotatedBySizeAndCountWithoutLosingTheNewest)
+{
+    constexpr unsigned int kSize = 1000;
+    ASSERT_EQ(Open(Info(Directory(), 2, kSize, 3)), 0U);
+    for (int number = 0; number < 200; ++number)
+    {
+        Write(2, "%d", number);
+    }
+    CorpDir_CloseLog();
+    EXPECT_THAT(support::FilesIn(Directory()),
+                ElementsAre(".corpdir.lock", "corpdir.1.log", "corpdir.2.log", "corpdir.3.log",
+                            "corpdir.log"));
+    std::vector<int> numbers;
+    for (const char* name : {"corpdir.3.log", "corpdir.2.log", "corpdir.1.log", "corpdir.log"})
+    {
+        EXPECT_LE(fs::file_size(File(name)), kSize) << name;
+        for (const std::string& text : TextsIn(File(name)))
+        {
+            numbers.push_back(std::stoi(text));
+        }
+    }
+    ASSERT_GT(numbers.size(), 30U);
+    for (std::size_t index = 1; index < numbers.size(); ++index)
+    {
+        EXPECT_EQ(numbers[index], numbers[index - 1] + 1);
+    }
+    EXPECT_EQ(numbers.back(), 199);
+}
+
+TEST_F(LogFile, SizeLeftByAnEarlierRunCountsForRotation)
+{
+    support::WriteFile(File(), std::string(999, 'x') + '\n');
+    ASSERT_EQ(Open(Info(Directory(), 2, 1000, 1)), 0U);
+    Write(2, "first");
+    CorpDir_CloseLog();
+    EXPECT_EQ(fs::file_size(File("corpdir.1.log")), 1000U);
+    EXPECT_THAT(TextsIn(File()), ElementsAre("first"));
+}
+
+TEST_F(LogFile, TakesARecordLargerThanItself)
+{
+    ASSERT_EQ(Open(Info(Directory(), 2, 1, 2)), 0U);
+    Write(2, "one");
+    Write(2, "two");
+    Write(2, "three");
+    CorpDir_CloseLog();
+    EXPECT_THAT(TextsIn(File("corpdir.2.log")), ElementsAre("one"));
+    EXPECT_THAT(TextsIn(File("corpdir.1.log")), ElementsAre("two"));
+    EXPECT_THAT(TextsIn(File()), ElementsAre("three"));
+}
+
+TEST_F(LogFile, DefaultsAreTenMebibytesAndFiveFiles)
+{
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    const std::string text(1024 * 1024, 'x');  // nine of them fit into a file
+    for (int number = 0; number < 9 * 7; ++number)
+    {
+        Write(0, "%02d%s", number, text.c_str());
+        ASSERT_TRUE(support::WaitUntil(
+            [&] {
+                return fs::file_size(File()) >
+                       text.size() * static_cast<unsigned int>(number % 9 + 1);
+            }));
+    }
+    CorpDir_CloseLog();
+    EXPECT_THAT(support::FilesIn(Directory()),
+                ElementsAre(".corpdir.lock", "corpdir.1.log", "corpdir.2.log", "corpdir.3.log",
+                            "corpdir.4.log", "corpdir.5.log", "corpdir.log"));
+    EXPECT_EQ(TextsIn(File("corpdir.5.log")).at(0).substr(0, 2), "09");
+}
+
+TEST_F(LogFile, RelativeDirectoryIsTheOneAtTheOpening)
+{
+    const fs::path before = fs::current_path();
+    fs::create_directory(File("sub"));
+    fs::current_path(Directory());
+    EXPECT_EQ(Open(Info("sub", 2, 200, 5)), 0U);
+    fs::current_path("/");
+    for (int number = 0; number < 20; ++number)
+    {
+        Write(2, "%d", number);  // rotates, which opens files by name
+    }
+    CorpDir_CloseLog();
+    fs::current_path(before);
+    EXPECT_THAT(TextsIn(File("sub/corpdir.log")).back(), "19");
+    EXPECT_TRUE(support::FileExists(File("sub/corpdir.2.log")));
+}
+
+TEST_F(LogFile, DirectoryNameMayFillItsFieldWithoutATerminator)
+{
+    // 255 bytes: the longest name that counts.
+    std::string directory = Directory();
+    while (directory.size() < 255)
+    {
+        const std::size_t rest = 255 - directory.size() - 1;
+        directory += '/' + std::string(rest == 101 ? 99 : std::min<std::size_t>(rest, 100), 'd');
+        ASSERT_TRUE(fs::create_directory(directory));
+    }
+    ASSERT_EQ(directory.size(), 255U);
+    tag_CORPDIR_LOGINFO info = Info(directory);
+    info.szLogDir[255] = 'x';
+    ASSERT_EQ(Open(info), 0U);
+    Write(0, "deep down");
+    CorpDir_CloseLog();
+    EXPECT_THAT(TextsIn(directory + "/corpdir.log"), ElementsAre("deep down"));
+}
+
+TEST_F(LogFile, DirectoriesThatCannotBeUsedGiveTheSystemsErrorNumber)
+{
+    support::WriteFile(File("file"), "");
+    EXPECT_EQ(Open(Info(File("missing"))), static_cast<unsigned int>(ENOENT));
+    EXPECT_FALSE(support::FileExists(File("missing")));
+    EXPECT_EQ(Open(Info(File("file"))), static_cast<unsigned int>(ENOTDIR));
+    EXPECT_EQ(Open(Info(File("file/below"))), static_cast<unsigned int>(ENOTDIR));
+    EXPECT_EQ(Open(Info("/proc")), static_cast<unsigned int>(ENOENT));  // nothing can be made there
+    tag_CORPDIR_LOGINFO info = Info(std::string(256, 'x'));
+    EXPECT_EQ(Open(info), static_cast<unsigned int>(ENOENT));
+}
+
+TEST_F(LogFile, FilesThatAreNotOursAreRefused)
+{
+    const std::string victim = File("victim");
+    support::WriteFile(victim, "precious");
+    ASSERT_EQ(symlink(victim.c_str(), File().c_str()), 0);
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ELOOP));
+    unlink(File().c_str());
+    ASSERT_EQ(mkfifo(File().c_str(), 0600), 0);
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(EINVAL));
+    unlink(File().c_str());
+    ASSERT_EQ(mkdir(File().c_str(), 0700), 0);
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(EISDIR));
+    EXPECT_EQ(support::ReadFile(victim), "precious");
+}
+
+TEST_F(LogFile, FilesOfAnotherUserAreRefused)
+{
+    ASSERT_EQ(geteuid(), 0U) << "only root can make a file of another user";
+    support::WriteFile(File(), "");
+    ASSERT_EQ(chown(File().c_str(), 65534, 65534), 0);
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(EACCES));
+}
+
+TEST_F(LogFile, ReopeningInTheSameDirectoryKeepsTheFileAndTheOrder)
+{
+    for (unsigned int number = 0; number < 20; ++number)
+    {
+        ASSERT_EQ(Open(Info(Directory(), number % 3, 1000000 + number)), 0U);
+        Write(2, "info %u", number);
+        Write(0, "error %u", number);
+    }
+    CorpDir_CloseLog();
+    EXPECT_THAT(support::FilesIn(Directory()), ElementsAre(".corpdir.lock", "corpdir.log"));
+    std::vector<std::string> expected;
+    for (unsigned int number = 0; number < 20; ++number)
+    {
+        if (number % 3 == 2)
+        {
+            expected.push_back("info " + std::to_string(number));
+        }
+        expected.push_back("error " + std::to_string(number));
+    }
+    EXPECT_EQ(TextsIn(File()), expected);
+}
+
+TEST_F(LogFile, ReopeningElsewhereMovesTheRecordsAndFreesTheName)
+{
+    const support::TemporaryDirectory other;
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "here");
+    ASSERT_EQ(Open(Info(other.Path())), 0U);
+    Write(0, "there");
+    EXPECT_TRUE(support::WaitUntil([&] { return Contains(other.File("corpdir.log"), "there"); }));
+    EXPECT_THAT(TextsIn(File()), ElementsAre("here"));
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "here again");
+    CorpDir_CloseLog();
+    EXPECT_THAT(TextsIn(File()), ElementsAre("here", "here again"));
+    EXPECT_THAT(TextsIn(other.File("corpdir.log")), ElementsAre("there"));
+}
+
+TEST_F(LogFile, AFailedReopeningKeepsTheOldLogAndItsLevel)
+{
+    ASSERT_EQ(Open(Info(Directory(), 1)), 0U);
+    Write(1, "before");
+    EXPECT_EQ(Open(Info(File("missing"), 2)), static_cast<unsigned int>(ENOENT));
+    EXPECT_EQ(Open(Info("/proc", 0)), static_cast<unsigned int>(ENOENT));
+    Write(1, "after");
+    Write(2, "above the level");
+    EXPECT_THAT(ClosedTexts(), ElementsAre("before", "after"));
+}
+
+TEST_F(LogFile, AClosedLogDropsRecordsAndMayBeClosedAgain)
+{
+    CorpDir_CloseLog();
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    CCorpDirLog* const log = g_LogOne;
+    Write(0, "first");
+    CorpDir_CloseLog();
+    Write(0, "dropped");
+    CorpDir_CloseLog();
+    EXPECT_EQ(g_LogOne, log);
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    EXPECT_EQ(g_LogOne, log);
+    Write(0, "second");
+    EXPECT_THAT(ClosedTexts(), ElementsAre("first", "second"));
+}
+
+TEST_F(LogFile, EachProcessGetsANameOfItsOwn)
+{
+    const auto hold = [this](const char* text)
+    {
+        return [this, text]
+        {
+            (void)Open(Info(Directory()));
+            Write(0, "%s", text);
+            pause();
+        };
+    };
+    std::optional<Child> first(std::in_place, hold("the first"));
+    ASSERT_TRUE(support::WaitUntil([&] { return Contains(File(), "the first"); }));
+    const Child second(hold("the second"));
+    ASSERT_TRUE(support::WaitUntil([&] { return Contains(File("corpdir-2.log"), "the second"); }));
+
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "the third");
+    CorpDir_CloseLog();
+    EXPECT_THAT(TextsIn(File("corpdir-3.log")), ElementsAre("the third"));
+
+    first.reset();  // killed: its name is free at once
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "the fourth");
+    EXPECT_THAT(ClosedTexts(), ElementsAre("the first", "the fourth"));
+    EXPECT_THAT(TextsIn(File("corpdir-2.log")), ElementsAre("the second"));
+}
+
+TEST_F(LogFile, WhereNamesCannotBeLockedItCarriesTheProcessNumber)
+{
+    fs::create_directory(File(".corpdir.lock"));
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "text");
+    CorpDir_CloseLog();
+    EXPECT_THAT(TextsIn(File("corpdir-" + std::to_string(getpid()) + ".log")), ElementsAre("text"));
+}
+
+TEST_F(LogFile, ThatWasMovedAwayIsMadeAnew)
+{
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    ASSERT_TRUE(ArrivesIn(File(), "before"));
+    fs::rename(File(), File("moved"));
+    EXPECT_TRUE(ArrivesIn(File(), "after"));
+    CorpDir_CloseLog();
+    EXPECT_TRUE(Contains(File("moved"), "before"));
+    EXPECT_EQ(ModeOf(File()), 0600U);
+}
+
+TEST_F(LogFile, ARemovedDirectoryIsToldOnceAndUsedAgainWhenItIsBack)
+{
+    const CaughtStandardError caught;
+    const std::string directory = File("sub");
+    fs::create_directory(directory);
+    ASSERT_EQ(Open(Info(directory)), 0U);
+    ASSERT_TRUE(ArrivesIn(directory + "/corpdir.log", "before"));
+    fs::remove_all(directory);
+    EXPECT_TRUE(support::WaitUntil(
+        [&]
+        {
+            Write(0, "lost");
+            return !caught.Text().empty();
+        }));
+    EXPECT_FALSE(support::FileExists(directory)) << "nobody asked for a new one";
+    fs::create_directory(directory);
+    EXPECT_TRUE(ArrivesIn(directory + "/corpdir.log", "after"));
+    fs::remove_all(directory);
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    CorpDir_CloseLog();
+    EXPECT_EQ(Count(caught.Text(), "\n"), 1U) << caught.Text();
+    EXPECT_THAT(caught.Text(), HasSubstr("corpdir: the log in " + directory +
+                                         " cannot be written, records are lost until it can: "));
+    EXPECT_THAT(caught.Text(), HasSubstr("No such file or directory"));
+}
+
+// A file system in memory, of its own and small.
+class SmallDisk
+{
+public:
+    SmallDisk(const std::string& directory, unsigned long flags, const char* options)
+        : m_directory(directory)
+    {
+        m_isMounted = mount("tmpfs", directory.c_str(), "tmpfs", flags, options) == 0;
+    }
+    ~SmallDisk()
+    {
+        if (m_isMounted)
+        {
+            umount2(m_directory.c_str(), MNT_DETACH);
+        }
+    }
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+
+    bool IsMounted() const
+    {
+        return m_isMounted;
+    }
+    void Fill()
+    {
+        const std::string filler = m_directory + "/filler";
+        const int file = open(filler.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        while (write(file, "#", 1) == 1)
+        {
+        }
+        EXPECT_EQ(errno, ENOSPC);
+        close(file);
+    }
+    void MakeRoom()
+    {
+        fs::remove(m_directory + "/filler");
+    }
+
+private:
+    std::string m_directory;
+    bool m_isMounted;
+};
+
+TEST_F(LogFile, AFullDiskIsToldOnceAndWrittenAgainWhenThereIsRoom)
+{
+    SmallDisk disk(Directory(), 0, "size=256k");
+    ASSERT_TRUE(disk.IsMounted()) << "the test needs the right to mount";
+    const CaughtStandardError caught;
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    ASSERT_TRUE(ArrivesIn(File(), "before"));
+    const std::size_t before = TextsIn(File()).size();
+    disk.Fill();
+    std::size_t written = 0;
+    EXPECT_TRUE(support::WaitUntil(
+        [&]
+        {
+            for (int count = 0; count < 100; ++count, ++written)
+            {
+                Write(0, "while it is full %zu", written);
+            }
+            return !caught.Text().empty();
+        }));
+    disk.MakeRoom();
+    EXPECT_TRUE(ArrivesIn(File(), "missing here"));  // the notice, or else this very text
+    EXPECT_TRUE(ArrivesIn(File(), "after"));
+    CorpDir_CloseLog();
+    EXPECT_EQ(Count(caught.Text(), "\n"), 1U) << caught.Text();
+    EXPECT_THAT(caught.Text(), HasSubstr("No space left on device"));
+
+    std::smatch match;
+    const std::string text = support::ReadFile(File());
+    ASSERT_TRUE(std::regex_search(
+        text, match,
+        std::regex("Up to ([0-9]+) records are missing here: .*No space left on device\n")))
+        << text;
+    EXPECT_GE(std::stoul(match[1]) + Count(text, "while it is full"), written) << before;
+}
+
+TEST_F(LogFile, AReadOnlyDiskIsRefused)
+{
+    const SmallDisk disk(Directory(), MS_RDONLY, "size=64k");
+    ASSERT_TRUE(disk.IsMounted()) << "the test needs the right to mount";
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(EROFS));
+}
+
+// In a child, since root may write everywhere.
+TEST_F(LogFile, ADirectoryThatBecomesReadOnlyNeitherBlocksNorEndsTheClient)
+{
+    const CaughtStandardError caught;
+    const bool isRoot = geteuid() == 0;
+    ASSERT_TRUE(!isRoot || chown(Directory().c_str(), 65534, 65534) == 0);
+    Child child(
+        [&]
+        {
+            if (isRoot && setresuid(65534, 65534, 65534) != 0)
+            {
+                _exit(2);
+            }
+            if (Open(Info(Directory(), 2, 2000, 2)) != 0 || chmod(Directory().c_str(), 0500) != 0)
+            {
+                _exit(3);
+            }
+            for (int number = 0; number < 100; ++number)
+            {
+                Write(2, "%d", number);
+            }
+            if (!ArrivesIn(File(), "after the rotation that failed"))
+            {
+                _exit(4);
+            }
+            CorpDir_CloseLog();
+            // The file itself may still be written.
+            _exit(Open(Info(Directory(), 2, 2000, 2)) == 0 ? 7 : 5);
+        });
+    EXPECT_EQ(child.Wait(), 7);
+    // A rotation may fail before the second's check notices; the second opening tells once more.
+    std::vector<std::string> told = SplitLines(caught.Text());
+    told.erase(std::remove_if(told.begin(), told.end(),
+                              [](const std::string& line)
+                              { return line.find("failed renaming") != std::string::npos; }),
+               told.end());
+    EXPECT_THAT(told, ElementsAre(HasSubstr("cannot be rotated"), HasSubstr("cannot be rotated")));
+    chmod(Directory().c_str(), 0700);
+}
+
+TEST_F(LogFile, ALimitOfTheFileSizeDoesNotEndTheClient)
+{
+    const CaughtStandardError caught;
+    Child child(
+        [&]
+        {
+            const rlimit limit = {16384, 16384};
+            setrlimit(RLIMIT_FSIZE, &limit);
+            (void)Open(Info(Directory()));
+            for (int number = 0; number < 1000; ++number)
+            {
+                Write(0, "%d", number);
+            }
+            CorpDir_CloseLog();
+            _exit(7);
+        });
+    EXPECT_EQ(child.Wait(), 7);
+    EXPECT_THAT(caught.Text(), HasSubstr("File too large"));
+    EXPECT_THAT(support::ReadFile(File()).size(), testing::Le(16384U));
+}
+
+TEST_F(LogFile, RunningOutOfDescriptorsIsACode)
+{
+    Child child(
+        [&]
+        {
+            const rlimit limit = {static_cast<rlim_t>(dup(0)), 4096};
+            setrlimit(RLIMIT_NOFILE, &limit);
+            _exit(Open(Info(Directory())) == EMFILE ? 7 : 8);
+        });
+    EXPECT_EQ(child.Wait(), 7);
+}
+
+TEST_F(LogFile, IsNotHandedToProgramsThatTheClientStarts)
+{
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "open");
+    bool isFound = false;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd"))
+    {
+        std::error_code ignored;
+        const fs::path target = fs::read_symlink(entry.path(), ignored);
+        if (target.parent_path() == Directory())
+        {
+            isFound = true;
+            const int number = std::stoi(entry.path().filename());
+            EXPECT_NE(fcntl(number, F_GETFD) & FD_CLOEXEC, 0) << target;
+        }
+    }
+    EXPECT_TRUE(isFound);
+}
+
+TEST_F(LogFile, EmptyDirectoryAndNullMeanStandardError)
+{
+    const CaughtStandardError caught;
+    ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
+    Write(2, "by null");
+    ASSERT_EQ(Open(Info("", 1)), 0U);
+    Write(1, "by an empty name");
+    Write(2, "above the level");
+    CorpDir_CloseLog();
+    std::vector<std::string> texts;
+    for (const std::string& line : SplitLines(caught.Text()))
+    {
+        texts.push_back(AfterColumns(line, 3));
+    }
+    EXPECT_THAT(texts,
+                ElementsAre("mod func file.cpp:7 by null", "mod func file.cpp:7 by an empty name"));
+}
+
+TEST_F(LogFile, AStandardErrorThatIsGoneDoesNotEndTheClient)
+{
+    Child brokenPipe(
+        []
+        {
+            int ends[2];
+            if (pipe2(ends, O_CLOEXEC) != 0)
+            {
+                _exit(2);
+            }
+            dup2(ends[1], STDERR_FILENO);
+            close(ends[0]);
+            signal(SIGPIPE, SIG_DFL);
+            (void)CorpDir_OpenLog(nullptr);
+            Write(0, "to nobody");
+            CorpDir_CloseLog();
+            _exit(7);
+        });
+    EXPECT_EQ(brokenPipe.Wait(), 7);
+    Child closed(
+        []
+        {
+            close(STDERR_FILENO);
+            (void)CorpDir_OpenLog(nullptr);
+            Write(0, "to nobody");
+            CorpDir_CloseLog();
+            _exit(7);
+        });
+    EXPECT_EQ(closed.Wait(), 7);
+}
+
+}  // namespace

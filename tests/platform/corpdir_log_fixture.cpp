@@ -1,0 +1,186 @@
+#include "corpdir_log_fixture.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+namespace log_test
+{
+tag_CORPDIR_LOGINFO Info(const std::string& directory, unsigned int level, unsigned int maxSize,
+                         unsigned int maxCount)
+{
+    tag_CORPDIR_LOGINFO info = {};
+    directory.copy(info.szLogDir, sizeof info.szLogDir);
+    info.ulLogLevel = level;
+    info.ulMaxFileSize = maxSize;
+    info.ulMaxFileCount = maxCount;
+    return info;
+}
+
+unsigned int Open(tag_CORPDIR_LOGINFO info)
+{
+    return CorpDir_OpenLog(&info);
+}
+
+std::vector<std::string> SplitLines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+    {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string AfterColumns(const std::string& line, int columns)
+{
+    std::size_t start = 0;
+    for (; columns > 0; --columns)
+    {
+        const std::size_t blank = line.find(' ', start);
+        if (blank == std::string::npos)
+        {
+            return "too few columns: " + line;
+        }
+        start = blank + 1;
+    }
+    return line.substr(start);
+}
+
+Child::Child(const std::function<void()>& body)
+{
+    fflush(nullptr);  // else both write what is buffered
+    m_id = fork();
+    if (m_id == 0)
+    {
+        body();
+        std::exit(0);
+    }
+}
+
+Child::~Child()
+{
+    if (m_id != -1)
+    {
+        kill(m_id, SIGKILL);
+        (void)waitpid(m_id, nullptr, 0);
+    }
+}
+
+int Child::Wait()
+{
+    int status = 0;
+    const bool hasEnded = support::WaitUntil(
+        [&] { return waitpid(m_id, &status, WNOHANG) == m_id; }, std::chrono::seconds(30));
+    if (!hasEnded)
+    {
+        return -1;
+    }
+    m_id = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+CaughtStandardError::CaughtStandardError() : m_saved(dup(STDERR_FILENO))
+{
+    const int file =
+        open(m_directory.File("stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    dup2(file, STDERR_FILENO);
+    close(file);
+}
+
+CaughtStandardError::~CaughtStandardError()
+{
+    dup2(m_saved, STDERR_FILENO);
+    close(m_saved);
+}
+
+std::string CaughtStandardError::Text() const
+{
+    return support::ReadFile(m_directory.File("stderr"));
+}
+
+StuckStandardError::StuckStandardError() : m_saved(dup(STDERR_FILENO))
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+    {
+        throw std::runtime_error("pipe2");
+    }
+    m_read = ends[0];
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+}
+
+StuckStandardError::~StuckStandardError()
+{
+    Restore();
+    close(m_read);
+}
+
+void StuckStandardError::Fill()
+{
+    const int flags = fcntl(STDERR_FILENO, F_GETFL);
+    fcntl(STDERR_FILENO, F_SETFL, flags | O_NONBLOCK);
+    while (write(STDERR_FILENO, "#", 1) == 1)
+    {
+    }
+    fcntl(STDERR_FILENO, F_SETFL, flags);
+}
+
+std::string StuckStandardError::TakeText()
+{
+    std::array<char, 65536> buffer;
+    const ssize_t size = read(m_read, buffer.data(), buffer.size());
+    return {buffer.data(), static_cast<std::size_t>(size < 0 ? 0 : size)};
+}
+
+std::string StuckStandardError::ReadToEnd()
+{
+    std::string all;
+    for (std::string part = TakeText(); !part.empty(); part = TakeText())
+    {
+        all += part;
+    }
+    return all;
+}
+
+void StuckStandardError::Restore()
+{
+    if (m_saved != -1)
+    {
+        dup2(m_saved, STDERR_FILENO);
+        close(m_saved);
+        m_saved = -1;
+    }
+}
+
+std::vector<std::string> LogTest::ClosedLines()
+{
+    CorpDir_CloseLog();
+    std::vector<std::string> lines = SplitLines(support::ReadFile(File()));
+    for (std::string& line : lines)
+    {
+        line = AfterColumns(line, 3);
+    }
+    return lines;
+}
+
+std::vector<std::string> LogTest::ClosedTexts()
+{
+    CorpDir_CloseLog();
+    std::vector<std::string> lines = SplitLines(support::ReadFile(File()));
+    for (std::string& line : lines)
+    {
+        line = AfterColumns(line, 6);
+    }
+    return lines;
+}
+
+}  // namespace log_test

@@ -1,0 +1,125 @@
+// What the tests of the log share.
+#ifndef CORPDIR_TESTS_CORPDIR_LOG_FIXTURE_H
+#define CORPDIR_TESTS_CORPDIR_LOG_FIXTURE_H
+
+#include "corpdir_log.h"
+#include "files.h"
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace log_test
+{
+// Record with these settings; 0 asks for the default.
+tag_CORPDIR_LOGINFO Info(const std::string& directory, unsigned int level = 2,
+                         unsigned int maxSize = 0, unsigned int maxCount = 0);
+
+unsigned int Open(tag_CORPDIR_LOGINFO info);
+
+std::vector<std::string> SplitLines(const std::string& text);
+
+// What follows the first `columns` blanks.
+std::string AfterColumns(const std::string& line, int columns);
+
+// One record of the test's: module "mod", function "func", file "file.cpp", line 7.
+template <typename... Arguments>
+void Write(unsigned int level, const char* format, Arguments... arguments)
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+    g_LogOne->WriteLog("mod", "func", "file.cpp", 7, level, format, arguments...);
+#pragma GCC diagnostic pop
+}
+
+// Runs the body in a child process. The status is that of exit, 128 plus a signal's number, or -1
+// when the child did not end within 30 s.
+class Child
+{
+public:
+    explicit Child(const std::function<void()>& body);  // then exit(0)
+    ~Child();                                           // kills it
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    pid_t Id() const
+    {
+        return m_id;
+    }
+    int Wait();
+
+private:
+    pid_t m_id;
+};
+
+// Standard error, caught in a file for a scope.
+class CaughtStandardError
+{
+public:
+    CaughtStandardError();
+    ~CaughtStandardError();
+    CaughtStandardError(const CaughtStandardError&) = delete;
+    CaughtStandardError& operator=(const CaughtStandardError&) = delete;
+
+    std::string Text() const;
+
+private:
+    support::TemporaryDirectory m_directory;
+    int m_saved;
+};
+
+// Standard error made a pipe that nobody reads until Release: the log's thread comes to a halt as
+// it would on a disk that does not answer.
+class StuckStandardError
+{
+public:
+    StuckStandardError();
+    ~StuckStandardError();
+    StuckStandardError(const StuckStandardError&) = delete;
+    StuckStandardError& operator=(const StuckStandardError&) = delete;
+
+    void Fill();              // with bytes of the test's own, to the last one
+    std::string TakeText();   // reads what is there
+    std::string ReadToEnd();  // after Restore
+    void Restore();
+
+private:
+    int m_read = -1;
+    int m_saved = -1;
+};
+
+// A log in a directory of its own, closed at the end.
+class LogTest : public testing::Test
+{
+protected:
+    ~LogTest() override
+    {
+        g_LogMode = 0;
+        CorpDir_CloseLog();
+    }
+
+    const std::string& Directory() const
+    {
+        return m_directory.Path();
+    }
+    std::string File(const std::string& name = "corpdir.log") const
+    {
+        return m_directory.File(name);
+    }
+    // Lines of the file without their first three columns (time, level, thread), the log closed.
+    std::vector<std::string> ClosedLines();
+
+    // The texts alone.
+    std::vector<std::string> ClosedTexts();
+
+private:
+    support::TemporaryDirectory m_directory;
+};
+
+}  // namespace log_test
+
+#endif

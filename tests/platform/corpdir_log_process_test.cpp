@@ -1,0 +1,297 @@
+// The log through crashes, exits and forks of its process.
+#include "corpdir_log_fixture.h"
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <regex>
+#include <set>
+#include <thread>
+
+// The thread sanitizer otherwise ends a child that starts threads after a fork beside threads, and
+// sleeps for a second at each exit.
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options()
+{
+    return "die_after_fork=0:atexit_sleep_ms=0";
+}
+
+namespace
+{
+using log_test::AfterColumns;
+using log_test::Child;
+using log_test::Info;
+using log_test::Open;
+using log_test::SplitLines;
+using log_test::Write;
+using testing::ElementsAre;
+
+class LogProcess : public log_test::LogTest
+{
+protected:
+    std::string Text() const
+    {
+        return support::FileExists(File()) ? support::ReadFile(File()) : "";
+    }
+    bool Arrives(const std::string& part, std::chrono::milliseconds limit) const
+    {
+        return support::WaitUntil([&] { return Text().find(part) != std::string::npos; }, limit);
+    }
+};
+
+// Registered before the log's handler, so it runs after it.
+void UseAfterTheEnd()
+{
+    {
+        const FunctionTrace trace(&g_LogOne, "m", "f", "t.cpp", 1, nullptr, 0, "m");
+        Write(0, "after the end");
+    }
+    const unsigned int code = CorpDir_OpenLog(nullptr);
+    CorpDir_CloseLog();
+    _exit(code == ESHUTDOWN ? 7 : 8);
+}
+
+// The first test of this program, in whose process the log has not been opened.
+TEST_F(LogProcess, AfterTheExitHandlersRecordsAreDroppedAndOpeningIsRefused)
+{
+    Child child(
+        [this]
+        {
+            std::atexit(UseAfterTheEnd);
+            (void)Open(Info(Directory()));
+            Write(0, "before the end");
+        });
+    EXPECT_EQ(child.Wait(), 7);
+    EXPECT_THAT(ClosedTexts(), ElementsAre("before the end"));
+}
+
+// Threads that write until the process ends, never joined.
+void StartWriters(int count)
+{
+    static std::vector<std::thread>& s_threads = *new std::vector<std::thread>;
+    static std::atomic<int> s_running{0};
+    for (int writer = 0; writer < count; ++writer)
+    {
+        s_threads.emplace_back(
+            [writer]
+            {
+                ++s_running;
+                for (int number = 0;; ++number)
+                {
+                    Write(2, "%d %d", writer, number);
+                }
+            });
+    }
+    while (s_running < count)
+    {
+        std::this_thread::yield();
+    }
+}
+
+TEST_F(LogProcess, ErrorsAreInTheFileAtOnce)
+{
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(2, "the detail before it");
+    Write(0, "an error");
+    // Long before the second in which everything else arrives; generous for a busy machine.
+    EXPECT_TRUE(Arrives(" an error\n", std::chrono::milliseconds(500)));
+    EXPECT_THAT(Text(), testing::HasSubstr(" the detail before it\n"));
+}
+
+TEST_F(LogProcess, EverythingIsInTheFileWithinASecond)
+{
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(2, "a detail");
+    EXPECT_TRUE(Arrives(" a detail\n", std::chrono::seconds(1)));
+}
+
+// The child is killed as soon as the error shows in the file, in a stream of records that never
+// lets the log's thread rest.
+TEST_F(LogProcess, AKilledProcessLeavesItsErrorsBehind)
+{
+    Child child(
+        [this]
+        {
+            (void)Open(Info(Directory(), 2, 1U << 30));
+            StartWriters(1);
+            Write(0, "the last words");
+            pause();
+        });
+    EXPECT_TRUE(Arrives(" the last words\n", std::chrono::seconds(10)));
+}
+
+TEST_F(LogProcess, AnExitWithoutAStopWritesEverything)
+{
+    Child child(
+        [this]
+        {
+            (void)Open(Info(Directory()));
+            for (int number = 0; number < 10000; ++number)
+            {
+                Write(2, "%d", number);
+            }
+        });
+    ASSERT_EQ(child.Wait(), 0);
+    const std::vector<std::string> texts = ClosedTexts();
+    ASSERT_EQ(texts.size(), 10000U);
+    for (int number = 0; number < 10000; ++number)
+    {
+        EXPECT_EQ(texts[static_cast<std::size_t>(number)], std::to_string(number));
+    }
+}
+
+TEST_F(LogProcess, ThreadsThatWriteDoNotKeepAnExitFromEnding)
+{
+    const std::regex line(".* (mod func file\\.cpp:7 [0-9]+ [0-9]+|corpdir_log .* missing here.*)");
+    for (int round = 0; round < 30; ++round)
+    {
+        const support::TemporaryDirectory directory;
+        Child child(
+            [&directory]
+            {
+                (void)Open(Info(directory.Path()));
+                StartWriters(3);
+            });
+        ASSERT_EQ(child.Wait(), 0) << "round " << round;
+        for (const std::string& text : SplitLines(support::ReadFile(directory.File("corpdir.log"))))
+        {
+            ASSERT_TRUE(std::regex_match(text, line)) << text;
+        }
+    }
+}
+
+TEST_F(LogProcess, ADiskThatDoesNotAnswerDelaysAnExitByASecond)
+{
+    log_test::StuckStandardError stuck;
+    stuck.Fill();
+    const auto begin = std::chrono::steady_clock::now();
+    Child child(
+        []
+        {
+            (void)CorpDir_OpenLog(nullptr);
+            Write(0, "nobody reads");
+        });
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+}
+
+TEST_F(LogProcess, RecordsOfAForkedChildAreDropped)
+{
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "of the parent, before");
+    Child child(
+        []
+        {
+            const FunctionTrace trace(&g_LogOne, "m", "f", "t.cpp", 1, nullptr, 0, "m");
+            Write(0, "of the child");
+            CorpDir_CloseLog();
+        });
+    EXPECT_EQ(child.Wait(), 0);
+    Write(0, "of the parent, after");
+    EXPECT_THAT(ClosedTexts(), ElementsAre("of the parent, before", "of the parent, after"));
+}
+
+// The child is made in the middle of everything that the parent's threads do, and what the parent
+// had buffered must not be written twice.
+TEST_F(LogProcess, AForkBesideWritingThreadsNeverHangsAndRepeatsNothing)
+{
+    const support::TemporaryDirectory directory;
+    Child parent(
+        [&]
+        {
+            (void)Open(Info(Directory(), 2, 1U << 30));
+            StartWriters(2);
+            for (int round = 0; round < 50; ++round)
+            {
+                Child child(
+                    [&]
+                    {
+                        Write(0, "dropped");
+                        if (Open(Info(directory.Path())) != 0)
+                        {
+                            _exit(2);
+                        }
+                        Write(0, "of the child");
+                    });
+                if (child.Wait() != 0)
+                {
+                    _exit(3);
+                }
+            }
+        });
+    ASSERT_EQ(parent.Wait(), 0);
+    const std::vector<std::string> children =
+        SplitLines(support::ReadFile(directory.File("corpdir.log")));
+    EXPECT_EQ(children.size(), 50U);
+    std::set<std::string> seen;
+    for (const std::string& text : ClosedTexts())
+    {
+        EXPECT_TRUE(text.find("missing here") != std::string::npos || seen.insert(text).second)
+            << text;
+    }
+    EXPECT_GT(seen.size(), 0U);
+}
+
+TEST_F(LogProcess, AForkedChildThatOpensGetsAFileOfItsOwnWithItsOwnThreadNumber)
+{
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "of the parent");
+    Child child(
+        [this]
+        {
+            if (Open(Info(Directory())) != 0)
+            {
+                _exit(2);
+            }
+            Write(0, "%d", static_cast<int>(getpid()));
+        });
+    const std::string number = std::to_string(child.Id());
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(AfterColumns(support::ReadFile(File("corpdir-2.log")), 2),
+              number + " mod func file.cpp:7 " + number + '\n');
+    EXPECT_THAT(ClosedTexts(), ElementsAre("of the parent"));
+}
+
+// A helper that the client left behind must not keep the name.
+TEST_F(LogProcess, AForkedChildDoesNotKeepItsParentsName)
+{
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    const Child child([] { pause(); });
+    CorpDir_CloseLog();
+    ASSERT_TRUE(support::WaitUntil(
+        [&]
+        {
+            EXPECT_EQ(Open(Info(Directory())), 0U);
+            Write(0, "text");
+            CorpDir_CloseLog();
+            return !Text().empty();
+        }));
+}
+
+#ifdef CORPDIR_TESTS_LIMIT_MEMORY
+// Not under the sanitizers: they need the address space themselves.
+TEST_F(LogProcess, WhenMemoryIsShortALongTextIsCutAndSaysSo)
+{
+    Child child(
+        [this]
+        {
+            (void)Open(Info(Directory()));
+            Write(0, "warm");
+            const std::string text(64 * 1024 * 1024, 'x');
+            const rlimit limit = {1, 1};  // nothing more than there is
+            setrlimit(RLIMIT_AS, &limit);
+            Write(0, "%s", text.c_str());
+        });
+    ASSERT_EQ(child.Wait(), 0);
+    EXPECT_THAT(ClosedTexts(),
+                ElementsAre("warm", std::string(1023, 'x') + " [cut: memory ran out]"));
+}
+#endif
+
+}  // namespace

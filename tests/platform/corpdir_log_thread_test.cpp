@@ -1,0 +1,276 @@
+// Many threads, a full queue, a disk that does not answer.
+#include "corpdir_log_fixture.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <thread>
+
+namespace
+{
+using log_test::AfterColumns;
+using log_test::Info;
+using log_test::Open;
+using log_test::SplitLines;
+using log_test::StuckStandardError;
+using log_test::Write;
+
+// What arrived, as the reader of a log would count it.
+struct Arrived
+{
+    std::size_t records = 0;
+    std::size_t missing = 0;  // by the log's own notices
+    bool isInOrder = true;    // within each thread
+    bool isWhole = true;      // every line is a record
+    std::string last;
+};
+
+// Lines "writer N" of any number of writers, each counting from 0.
+Arrived CountArrived(const std::string& text)
+{
+    static const std::regex kLine(
+        "[-0-9]{10}T[:.0-9]{12}[+-][:0-9]{5} info [0-9]+ mod func file\\.cpp:7 ([0-9]+) ([0-9]+)");
+    static const std::regex kNotice(
+        ".* error [0-9]+ corpdir_log .*:[0-9]+ ([0-9]+) records are "
+        "missing here: they came faster than they could be written");
+    Arrived arrived;
+    std::map<int, int> next;
+    for (const std::string& line : SplitLines(text))
+    {
+        std::smatch match;
+        if (std::regex_match(line, match, kLine))
+        {
+            ++arrived.records;
+            const int number = std::stoi(match[2]);
+            int& expected = next[std::stoi(match[1])];
+            arrived.isInOrder = arrived.isInOrder && number >= expected;
+            expected = number + 1;
+            arrived.last = AfterColumns(line, 6);
+        }
+        else if (std::regex_match(line, match, kNotice))
+        {
+            arrived.missing += std::stoul(match[1]);
+        }
+        else
+        {
+            arrived.isWhole = false;
+            ADD_FAILURE() << "no record: " << line;
+        }
+    }
+    return arrived;
+}
+
+void RunThreads(int threads, int records)
+{
+    std::vector<std::thread> running;
+    for (int writer = 0; writer < threads; ++writer)
+    {
+        running.emplace_back(
+            [writer, records]
+            {
+                for (int number = 0; number < records; ++number)
+                {
+                    Write(2, "%d %d", writer, number);
+                }
+            });
+    }
+    for (std::thread& thread : running)
+    {
+        thread.join();
+    }
+}
+
+class LogThreads : public log_test::LogTest
+{
+};
+
+TEST_F(LogThreads, RecordsOfEachThreadArriveWholeAndInOrderOrAreCounted)
+{
+    ASSERT_EQ(Open(Info(Directory(), 2, 1U << 30)), 0U);
+    RunThreads(8, 5000);
+    CorpDir_CloseLog();
+    const Arrived arrived = CountArrived(support::ReadFile(File()));
+    EXPECT_TRUE(arrived.isInOrder);
+    EXPECT_EQ(arrived.records + arrived.missing, 8U * 5000U);
+}
+
+TEST_F(LogThreads, AThousandThreadsMayWrite)
+{
+    ASSERT_EQ(Open(Info(Directory(), 2, 1U << 30)), 0U);
+    RunThreads(1000, 10);
+    CorpDir_CloseLog();
+    const Arrived arrived = CountArrived(support::ReadFile(File()));
+    EXPECT_TRUE(arrived.isInOrder);
+    EXPECT_EQ(arrived.records + arrived.missing, 1000U * 10U);
+}
+
+TEST_F(LogThreads, AFullQueueDropsTheOldestAndSaysHowMany)
+{
+    StuckStandardError stuck;
+    ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
+    // Some 20 MB: more than pipe and queue hold. Nobody reads, and no write waits for a reader.
+    constexpr int kRecords = 150000;
+    RunThreads(1, kRecords);
+    std::string text;
+    std::thread reader([&] { text = stuck.ReadToEnd(); });
+    CorpDir_CloseLog();
+    stuck.Restore();
+    reader.join();
+    const Arrived arrived = CountArrived(text);
+    EXPECT_TRUE(arrived.isInOrder);
+    EXPECT_GT(arrived.missing, 0U);
+    EXPECT_EQ(arrived.records + arrived.missing, static_cast<std::size_t>(kRecords));
+    EXPECT_EQ(arrived.last, "0 " + std::to_string(kRecords - 1));
+}
+
+// The client may have made it so; it is then full most of the time.
+TEST_F(LogThreads, AStandardErrorThatDoesNotBlockStillGetsWholeRecords)
+{
+    StuckStandardError stuck;
+    fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);
+    ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
+    RunThreads(1, 5000);
+    std::string text;
+    std::thread reader([&] { text = stuck.ReadToEnd(); });
+    CorpDir_CloseLog();
+    stuck.Restore();
+    reader.join();
+    EXPECT_EQ(CountArrived(text).records, 5000U);
+}
+
+TEST_F(LogThreads, ClosingAndOpeningGiveUpOnADiskThatDoesNotAnswer)
+{
+    using std::chrono::steady_clock;
+    StuckStandardError stuck;
+    stuck.Fill();
+    ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
+    Write(0, "nobody reads");
+    auto begin = steady_clock::now();
+    CorpDir_CloseLog();
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(8));
+    Write(0, "dropped: the log is closed");
+
+    begin = steady_clock::now();
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(8));
+
+    std::string text;
+    std::thread reader([&] { text = stuck.ReadToEnd(); });
+    EXPECT_EQ(Open(Info(Directory())), 0U);  // the disk answers again
+    Write(0, "back");
+    EXPECT_THAT(ClosedTexts(), testing::ElementsAre("back"));
+    stuck.Restore();
+    reader.join();
+    EXPECT_THAT(text, testing::HasSubstr(" nobody reads\n"));
+    EXPECT_THAT(text, testing::Not(testing::HasSubstr("dropped")));
+}
+
+TEST_F(LogThreads, AnAbandonedOpeningChangesNothingLater)
+{
+    StuckStandardError stuck;
+    stuck.Fill();
+    ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
+    Write(0, "nobody reads");
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
+    Write(0, "still the old log");
+    std::string text;
+    std::thread reader([&] { text = stuck.ReadToEnd(); });
+    CorpDir_CloseLog();
+    stuck.Restore();
+    reader.join();
+    EXPECT_THAT(text, testing::HasSubstr(" still the old log\n"));
+    EXPECT_FALSE(support::FileExists(File()) && !support::ReadFile(File()).empty());
+}
+
+TEST_F(LogThreads, OpeningAndClosingWhileOthersWrite)
+{
+    const support::TemporaryDirectory other;
+    ASSERT_EQ(Open(Info(Directory(), 2, 1U << 30)), 0U);
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (int writer = 0; writer < 3; ++writer)
+    {
+        threads.emplace_back(
+            [&isOver, writer]
+            {
+                for (int number = 0; !isOver; ++number)
+                {
+                    const FunctionTrace trace(&g_LogOne, "mod", "func", "file.cpp", 7, nullptr, 0,
+                                              "mod");
+                    Write(2, "%d %d", writer, number);
+                }
+            });
+    }
+    for (int opener = 0; opener < 2; ++opener)
+    {
+        threads.emplace_back(
+            [&, opener]
+            {
+                const std::string& directory = opener == 0 ? Directory() : other.Path();
+                for (int round = 0; round < 50; ++round)
+                {
+                    EXPECT_EQ(Open(Info(directory, 2, 1U << 30)), 0U);
+                    if (round % 3 == 0)
+                    {
+                        CorpDir_CloseLog();
+                    }
+                }
+            });
+    }
+    threads[3].join();
+    threads[4].join();
+    isOver = true;
+    for (int writer = 0; writer < 3; ++writer)
+    {
+        threads[static_cast<std::size_t>(writer)].join();
+    }
+    CorpDir_CloseLog();
+    const std::regex trace(".* func file\\.cpp:7 (Enter|Leave)");
+    for (const std::string& path : {File(), other.File("corpdir.log")})
+    {
+        std::string records;
+        for (const std::string& line : SplitLines(support::ReadFile(path)))
+        {
+            records += std::regex_match(line, trace) ? "" : line + '\n';
+        }
+        EXPECT_TRUE(CountArrived(records).isInOrder);
+    }
+    EXPECT_EQ(support::FilesIn(Directory()).size(), 2U);  // the log and the lock, no second name
+    EXPECT_EQ(support::FilesIn(other.Path()).size(), 2U);
+}
+
+// Those of the log: a sanitizer may have some of its own.
+std::size_t LogsThreads()
+{
+    std::size_t count = 0;
+    for (const std::string& thread : support::FilesIn("/proc/self/task"))
+    {
+        std::ifstream name("/proc/self/task/" + thread + "/comm");
+        std::string text;
+        count += std::getline(name, text) && text == "corpdir-log" ? 1 : 0;
+    }
+    return count;
+}
+
+TEST_F(LogThreads, TheLogsThreadLivesWhileTheLogIsOpen)
+{
+    for (int round = 0; round < 100; ++round)
+    {
+        EXPECT_NE(Open(Info("/nowhere")), 0U);
+        EXPECT_EQ(LogsThreads(), 0U);
+        ASSERT_EQ(Open(Info(Directory())), 0U);
+        EXPECT_EQ(LogsThreads(), 1U);
+        CorpDir_CloseLog();
+        EXPECT_EQ(LogsThreads(), 0U);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,429 @@
+// The contract of travex_ftp.h: handles, refusals, order of notifications, start and stop.
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <future>
+
+#include "captured_log.h"
+#include "travex_ftp_fixture.h"
+
+namespace
+{
+using ftp_test::FaultyServer;
+using ftp_test::LayerTest;
+using ftp_test::Notice;
+using ftp_test::Notices;
+using ftp_test::Parameters;
+using ftp_test::Record;
+using support::WaitUntil;
+using testing::HasSubstr;
+
+class Contract : public LayerTest
+{
+protected:
+    tagTRAVEX_FTP_S_CTRL_PARAM Valid() const
+    {
+        return Parameters("127.0.0.1", 2, m_directory.Path());
+    }
+
+    // Code and reason of a refusal, the latter as the observer and the log have it.
+    std::string Refusal(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
+    {
+        captured_log::Clear();
+        s_reason.clear();
+        TRAVEX_FTP_SetObserver(
+            [](void*, const tagTRAVEX_FTP_S_OBSERVATION* seen)
+            {
+                EXPECT_EQ(TRAVEX_FTP_OBSERVED_REFUSED, seen->ulKind);
+                EXPECT_EQ(0u, seen->ulTaskID);
+                s_reason = seen->pcReason;
+            },
+            nullptr);
+        const unsigned int code = TRAVEX_FTP_SetCtrlParam(m_handle, &record);
+        TRAVEX_FTP_SetObserver(nullptr, nullptr);
+        EXPECT_EQ(1u, captured_log::CountWith("control parameters refused: " + s_reason));
+        return std::to_string(code) + " " + s_reason;
+    }
+
+    static std::string s_reason;
+};
+
+std::string Contract::s_reason;
+
+TEST_F(Contract, SecondInitChangesNothing)
+{
+    EXPECT_EQ(0u, TRAVEX_FTP_Init());
+    const auto record = Valid();
+    EXPECT_EQ(0u, TRAVEX_FTP_SetCtrlParam(m_handle, &record));
+}
+
+TEST_F(Contract, WithoutInitNothingWorksAndNothingBreaks)
+{
+    ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
+    const auto record = Valid();
+    const tagTRAVEX_FTP_S_DATA_PARAM data{};
+    unsigned int task = 77;
+    EXPECT_EQ(nullptr, TRAVEX_FTP_CreateHandle());
+    EXPECT_EQ(TRAVEX_FTP_ERR_NOT_INIT, TRAVEX_FTP_SetCtrlParam(m_handle, &record));
+    EXPECT_EQ(TRAVEX_FTP_ERR_NOT_INIT, TRAVEX_FTP_SetDataParam(m_handle, &data));
+    EXPECT_EQ(TRAVEX_FTP_ERR_NOT_INIT,
+              TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "a", ".", "a", Record));
+    EXPECT_EQ(TRAVEX_FTP_ERR_NOT_INIT, TRAVEX_FTP_CloseHandle(m_handle));
+    EXPECT_EQ(77u, task);
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+}
+
+TEST_F(Contract, HandlesOfEarlierRunsAndClosedOnesGetACode)
+{
+    EXPECT_EQ(0u, TRAVEX_FTP_CloseHandle(m_handle));
+    EXPECT_EQ(TRAVEX_FTP_ERR_HANDLE, TRAVEX_FTP_CloseHandle(m_handle));
+    const TRAVEX_FTP_HANDLE earlier = TRAVEX_FTP_CreateHandle();
+    TRAVEX_FTP_UnInit();
+    ASSERT_EQ(0u, TRAVEX_FTP_Init());
+    const TRAVEX_FTP_HANDLE later = TRAVEX_FTP_CreateHandle();
+    EXPECT_NE(earlier, later);
+    const auto record = Valid();
+    EXPECT_EQ(TRAVEX_FTP_ERR_HANDLE, TRAVEX_FTP_SetCtrlParam(earlier, &record));
+    EXPECT_EQ(TRAVEX_FTP_ERR_HANDLE, TRAVEX_FTP_CloseHandle(nullptr));
+    unsigned char foreign = 0;
+    EXPECT_EQ(TRAVEX_FTP_ERR_HANDLE,
+              TRAVEX_FTP_CloseHandle(reinterpret_cast<TRAVEX_FTP_HANDLE>(&foreign)));
+    EXPECT_EQ(0u, TRAVEX_FTP_CloseHandle(later));
+}
+
+TEST_F(Contract, ControlParametersAreCheckedOneByOne)
+{
+    const auto with = [this](auto change)
+    {
+        auto record = Valid();
+        change(record);
+        return Refusal(record);
+    };
+    EXPECT_EQ("1 the user name is empty", with([](auto& r) { r.acUserName[0] = '\0'; }));
+    EXPECT_EQ("1 the password is empty", with([](auto& r) { r.acPassword[0] = '\0'; }));
+    EXPECT_EQ("1 the work directory is empty", with([](auto& r) { r.acWorkDir[0] = '\0'; }));
+    EXPECT_EQ("1 the user name has no end",
+              with([](auto& r) { memset(r.acUserName, 'u', sizeof r.acUserName); }));
+    EXPECT_EQ("1 the user name holds a control byte",
+              with([](auto& r) { strcpy(r.acUserName, "a\r\nDELE x"); }));
+    EXPECT_EQ("1 the password holds a control byte",
+              with([](auto& r) { strcpy(r.acPassword, "\x7f"); }));
+    EXPECT_EQ("1 server type 2 is unknown", with([](auto& r) { r.ulServerType = 2; }));
+    EXPECT_EQ("1 address type 7 is unknown", with([](auto& r) { r.ulLocalIpType = 7; }));
+    EXPECT_EQ("1 port 65536 is out of range", with([](auto& r) { r.ulServerPort = 65536; }));
+    EXPECT_EQ("1 the cipher list is null", with([](auto& r) { r.ulCipherNum = 1; }));
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, TRAVEX_FTP_SetCtrlParam(m_handle, nullptr));
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, TRAVEX_FTP_SetDataParam(m_handle, nullptr));
+}
+
+TEST_F(Contract, CipherSuitesAreRefusedByIdentifier)
+{
+    const auto with = [this](std::vector<int> suites)
+    {
+        auto record = Valid();
+        record.piCipherList = suites.data();
+        record.ulCipherNum = static_cast<unsigned int>(suites.size());
+        return Refusal(record);
+    };
+    EXPECT_EQ("5 cipher suite 0x0300FFFE is unknown", with({0x03000035, 0x0300FFFE}));
+    EXPECT_EQ("5 cipher suite 0x02010080 is unknown", with({0x02010080}));
+    EXPECT_THAT(with({0x0300003B}), HasSubstr("does not encrypt"));           // NULL-SHA256
+    EXPECT_THAT(with({0x030000A6}), HasSubstr("does not authenticate"));      // ADH-AES128-GCM
+    EXPECT_THAT(with({0x03000005}), HasSubstr("5 cipher suite 0x03000005"));  // RC4
+}
+
+TEST_F(Contract, TrustTextsAreChecked)
+{
+    const auto with = [this](const std::string& text)
+    {
+        auto record = Valid();
+        record.ulServerType = record.ulCertVerify = 1;
+        record.pcFtpCtrlInfo = text.c_str();
+        return Refusal(record);
+    };
+    EXPECT_EQ("6 trust text: it is empty", with(""));
+    EXPECT_EQ("6 trust text: /nowhere/ca.pem: No such file or directory", with("/nowhere/ca.pem"));
+    EXPECT_EQ("6 trust text: \"cb=x\" is not understood", with("cb=x"));
+    EXPECT_EQ("6 trust text: \"tls=explicit\" is not understood", with("ca=system;tls=explicit"));
+    EXPECT_EQ("6 trust text: /dev/null is no file of certificates", with("/dev/null"));
+    support::WriteFile(m_directory.File("x=y"), "no PEM here");
+    EXPECT_EQ("6 trust text: " + m_directory.File("x=y") + " holds no certificate",
+              with(m_directory.File("x=y")));
+    EXPECT_THAT(with("ca=" + m_directory.Path()), HasSubstr("holds no certificate"));
+}
+
+TEST_F(Contract, DownloadsAreCheckedAndLeaveTheTaskIdAlone)
+{
+    unsigned int task = 77;
+    const auto refused = [&](const char* server_file, const char* local_file)
+    { return TRAVEX_FTP_AsynDownloadFile(m_handle, &task, server_file, ".", local_file, Record); };
+    EXPECT_EQ(TRAVEX_FTP_ERR_NOT_SET, refused("a", "a"));
+    Use(Valid());
+    for (const char* local_file : {"", ".", "..", "a/b", "/a"})
+    {
+        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused("a", local_file)) << local_file;
+    }
+    const std::string long_name(256, 'n');
+    for (const char* server_file : {"", "a\r\nDELE b", "a\x7f", "pub/", long_name.c_str()})
+    {
+        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused(server_file, "a")) << server_file;
+    }
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused(nullptr, "a"));
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused("a", nullptr));
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused("a", long_name.c_str()));
+    EXPECT_EQ(77u, task);
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
+              TRAVEX_FTP_AsynDownloadFile(m_handle, nullptr, "a", ".", "a", Record));
+    EXPECT_TRUE(Notices().empty());
+}
+
+TEST_F(Contract, ZeroAddressIsAcceptedAndItsTransferFails)
+{
+    auto record = Valid();
+    memset(record.aucServerIp, 0, sizeof record.aucServerIp);
+    Use(record);
+    EXPECT_EQ("3 16 the server address is zero", Fetch("version.txt", "v"));
+    record.ulServerIpType = 1;
+    record.aucServerIp[10] = record.aucServerIp[11] = 0xff;  // ::ffff:0.0.0.0
+    Use(record);
+    EXPECT_EQ("3 16 the server address is zero", Fetch("version.txt", "v"));
+}
+
+TEST_F(Contract, SuccessIsZeroThenTwelveWithTheFileInPlace)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    const std::string name = "pub/" + std::string(251, 'x');
+    std::atomic<bool> complete{false};
+    ftp_test::SetHook(
+        [&](const Notice& notice)
+        {
+            if (notice.type == TRAVEX_FTP_NOTIFY_SUCCESS)
+            {
+                complete = Content("v") == FaultyServer::Body(100000);
+            }
+        });
+    const unsigned int task = Start(name, "v");
+    EXPECT_EQ("0 12", ftp_test::OutcomeOf(task));
+    EXPECT_TRUE(complete);
+    for (const Notice& notice : Notices())
+    {
+        EXPECT_EQ(name, notice.file);
+        EXPECT_NE(std::this_thread::get_id(), notice.thread);
+    }
+}
+
+TEST_F(Contract, ParametersAreThoseOfTheCall)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    const unsigned int task = Start("f", "v");
+    Use(Valid());  // port 2, where nobody listens
+    EXPECT_EQ("0 12", ftp_test::OutcomeOf(task));
+    EXPECT_EQ("3 16 no connection: Connection refused", Fetch("f", "v"));
+}
+
+TEST_F(Contract, DirectoryIsRelativeToTheWorkDirectory)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    ASSERT_EQ(0, mkdir(m_directory.File("sub").c_str(), 0700));
+    unsigned int task = 0;
+    ASSERT_EQ(0u, TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", "sub", "v", Record));
+    EXPECT_EQ("0 12", ftp_test::OutcomeOf(task));
+    EXPECT_TRUE(support::FileExists(m_directory.File("sub/v")));
+    support::TemporaryDirectory other;
+    ASSERT_EQ(
+        0u, TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", other.Path().c_str(), "v", nullptr));
+    EXPECT_TRUE(WaitUntil([&] { return support::FileExists(other.File("v")); }));
+}
+
+TEST_F(Contract, ClosedHandleGetsNoNotification)
+{
+    FaultyServer server("stall");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    (void)Start("f", "v");
+    ASSERT_TRUE(WaitUntil([&] { return server.Count("DATA") == 1; }));
+    EXPECT_EQ(0u, TRAVEX_FTP_CloseHandle(m_handle));
+    EXPECT_TRUE(WaitUntil([&] { return server.Count("END") == 1; }));
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+    EXPECT_TRUE(Notices().empty());
+    EXPECT_FALSE(support::FileExists(m_directory.File("v")));
+}
+
+TEST_F(Contract, HandleClosedBetweenTheTwoGetsNoTwelve)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    std::promise<unsigned int> closed;
+    ftp_test::SetHook([&](const Notice&) { closed.set_value(TRAVEX_FTP_CloseHandle(m_handle)); });
+    (void)Start("f", "v");
+    EXPECT_EQ(0u, closed.get_future().get());
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+    ASSERT_EQ(1u, Notices().size());
+    EXPECT_EQ(0u, Notices()[0].type);
+}
+
+TEST_F(Contract, SlowCallbackStallsNoTransferAndUnInitWaitsForIt)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    std::promise<void> release;
+    std::shared_future<void> released(release.get_future());
+    std::atomic<bool> ended{false};
+    std::atomic<bool> entered{false};
+    ftp_test::SetHook(
+        [&](const Notice&)
+        {
+            entered = true;
+            released.wait();
+            ended = true;
+        });
+    (void)Start("f", "one");
+    ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
+    (void)Start("f", "two");
+    EXPECT_TRUE(WaitUntil([&] { return support::FileExists(m_directory.File("two")); }));
+    auto stop = std::async(std::launch::async, [&] { return TRAVEX_FTP_UnInit(); });
+    EXPECT_TRUE(WaitUntil([] { return TRAVEX_FTP_CreateHandle() == nullptr; }));
+    EXPECT_FALSE(ended);
+    release.set_value();
+    EXPECT_EQ(0u, stop.get());
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(1u, Notices().size());
+}
+
+TEST_F(Contract, StopAndStartInsideTheCallback)
+{
+    FaultyServer server("none");
+    const auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    Use(record);
+    std::promise<unsigned int> second;
+    ftp_test::SetHook(
+        [&](const Notice& notice)
+        {
+            if (notice.file != "first" || notice.type != TRAVEX_FTP_NOTIFY_SUCCESS)
+            {
+                return;
+            }
+            EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+            EXPECT_EQ(nullptr, TRAVEX_FTP_CreateHandle());
+            EXPECT_EQ(0u, TRAVEX_FTP_Init());
+            m_handle = TRAVEX_FTP_CreateHandle();
+            const tagTRAVEX_FTP_S_DATA_PARAM data{};
+            EXPECT_EQ(0u, TRAVEX_FTP_SetDataParam(m_handle, &data));
+            EXPECT_EQ(0u, TRAVEX_FTP_SetCtrlParam(m_handle, &record));
+            second.set_value(Start("second", "two"));
+        });
+    (void)Start("first", "one");
+    EXPECT_EQ("0 12", ftp_test::OutcomeOf(second.get_future().get()));
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+    EXPECT_EQ(3u, Notices().size());  // the first task's 12 does not follow its stop
+}
+
+TEST_F(Contract, StopWithTransfersRunningIsQuick)
+{
+    FaultyServer server("stall");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    for (int i = 0; i != 20; ++i)
+    {
+        (void)Start("f", "v" + std::to_string(i));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return server.Count("DATA") == 20; }));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_TRUE(Notices().empty());
+    EXPECT_TRUE(support::FilesIn(m_directory.Path()).empty());
+}
+
+TEST_F(Contract, InitAndUnInitFromManyThreads)
+{
+    std::vector<std::thread> threads;
+    for (int i = 0; i != 8; ++i)
+    {
+        threads.emplace_back(
+            []
+            {
+                for (int round = 0; round != 20; ++round)
+                {
+                    EXPECT_EQ(0u, TRAVEX_FTP_Init());
+                    (void)TRAVEX_FTP_CloseHandle(TRAVEX_FTP_CreateHandle());
+                    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+                }
+            });
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    EXPECT_EQ(nullptr, TRAVEX_FTP_CreateHandle());
+}
+
+TEST_F(Contract, ChildOfAForkGetsCodes)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    ASSERT_EQ("0 12", Fetch("f", "v"));
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        unsigned int task = 0;
+        const bool codes = TRAVEX_FTP_Init() == TRAVEX_FTP_ERR_SYSTEM &&
+                           TRAVEX_FTP_CreateHandle() == nullptr &&
+                           TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", ".", "w", nullptr) ==
+                               TRAVEX_FTP_ERR_SYSTEM &&
+                           TRAVEX_FTP_CloseHandle(m_handle) == TRAVEX_FTP_ERR_SYSTEM &&
+                           TRAVEX_FTP_UnInit() == TRAVEX_FTP_ERR_SYSTEM;
+        _exit(codes ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("0 12", Fetch("f", "v"));  // on the same connection
+    EXPECT_EQ(1u, server.Count("CONNECT"));
+}
+
+// The process ends while transfers run and a callback does not return: not later than in a second.
+TEST(ContractExit, ProcessEndsWithoutAStop)
+{
+    FaultyServer server("stall");
+    support::TemporaryDirectory directory;
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        (void)TRAVEX_FTP_Init();
+        const TRAVEX_FTP_HANDLE handle = TRAVEX_FTP_CreateHandle();
+        const tagTRAVEX_FTP_S_DATA_PARAM data{};
+        auto record = Parameters("127.0.0.1", server.Port(), directory.Path());
+        (void)TRAVEX_FTP_SetDataParam(handle, &data);
+        (void)TRAVEX_FTP_SetCtrlParam(handle, &record);
+        unsigned int task = 0;
+        (void)TRAVEX_FTP_AsynDownloadFile(handle, &task, "f", ".", "v", Record);
+        (void)WaitUntil([&] { return server.Count("DATA") == 1; });
+        memset(record.aucServerIp, 0, sizeof record.aucServerIp);
+        (void)TRAVEX_FTP_SetCtrlParam(handle, &record);
+        static std::atomic<bool> entered{false};
+        (void)TRAVEX_FTP_AsynDownloadFile(handle, &task, "f", ".", "w",
+                                          [](void*, tagTRAVEX_FTP_S_NOTIFY_DATA*)
+                                          {
+                                              entered = true;
+                                              for (;;)
+                                              {
+                                                  (void)pause();
+                                              }
+                                          });
+        (void)WaitUntil([] { return entered.load(); });
+        std::exit(0);
+    }
+    int status = -1;
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    EXPECT_TRUE(support::FilesIn(directory.Path()).empty());
+}
+
+}  // namespace

@@ -1,0 +1,228 @@
+// Files: what is replaced, what is kept, what is left behind, and what the observer sees of it.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <mutex>
+
+#include "captured_log.h"
+#include "travex_ftp_fixture.h"
+
+namespace
+{
+using ftp_test::Environment;
+using ftp_test::FaultyServer;
+using ftp_test::LayerTest;
+using ftp_test::Parameters;
+using support::WaitUntil;
+using testing::ElementsAre;
+
+class FileTest : public LayerTest
+{
+protected:
+    void SetUp() override
+    {
+        LayerTest::SetUp();
+        Use(Parameters("127.0.0.1", m_server.Port(), m_directory.Path()));
+    }
+
+    mode_t ModeOf(const std::string& name) const
+    {
+        struct stat status = {};
+        EXPECT_EQ(0, lstat(m_directory.File(name).c_str(), &status));
+        return status.st_mode;
+    }
+
+    FaultyServer m_server{"none"};
+};
+
+TEST_F(FileTest, PermissionsOfAReplacedFileAreKept)
+{
+    const mode_t before = umask(027);
+    EXPECT_EQ("0 12", Fetch("f", "new"));
+    umask(before);
+    EXPECT_EQ(0640u, ModeOf("new") & 07777);
+    support::WriteFile(m_directory.File("old"), "old");
+    ASSERT_EQ(0, chmod(m_directory.File("old").c_str(), 0604));
+    EXPECT_EQ("0 12", Fetch("f", "old"));
+    EXPECT_EQ(0604u, ModeOf("old") & 07777);
+    EXPECT_TRUE(FaultyServer::Body(100000) == Content("old"));
+}
+
+TEST_F(FileTest, SymbolicLinkIsReplacedNotFollowed)
+{
+    support::WriteFile(m_directory.File("precious"), "precious");
+    ASSERT_EQ(0, symlink("precious", m_directory.File("link").c_str()));
+    EXPECT_EQ("0 12", Fetch("f", "link"));
+    EXPECT_TRUE(S_ISREG(ModeOf("link")));
+    EXPECT_EQ("precious", Content("precious"));
+}
+
+TEST_F(FileTest, HopelessTargetsFailBeforeConnecting)
+{
+    ASSERT_EQ(0, mkdir(m_directory.File("directory").c_str(), 0700));
+    EXPECT_EQ("3 25 cannot replace " + m_directory.Path() + "/./directory: Is a directory",
+              Fetch("f", "directory"));
+    unsigned int task = 0;
+    ASSERT_EQ(0u,
+              TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", "missing", "v", ftp_test::Record));
+    EXPECT_THAT(ftp_test::FailureOf(task).reason,
+                testing::EndsWith("cannot open the directory of " + m_directory.Path() +
+                                  "/missing/v: No such file or directory"));
+    EXPECT_EQ(0u, m_server.Count("CONNECT"));
+}
+
+TEST_F(FileTest, OrphansAreSweptAndFilesInUseAreNot)
+{
+    const std::string orphan = m_directory.File(".travex_ftp-0123456789abcdef.part");
+    const std::string held = m_directory.File(".travex_ftp-fedcba9876543210.part");
+    const std::string others = m_directory.File(".travex_ftp-of-somebody.part");
+    for (const std::string& file : {orphan, held, others})
+    {
+        support::WriteFile(file, "x");
+    }
+    const int fd = open(held.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, flock(fd, LOCK_EX));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_FALSE(support::FileExists(orphan));
+    EXPECT_TRUE(support::FileExists(held));
+    EXPECT_TRUE(support::FileExists(others));
+    close(fd);
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_FALSE(support::FileExists(held));
+    ASSERT_EQ(0, unlink(others.c_str()));
+}
+
+TEST_F(FileTest, RunningTransfersDoNotSweepEachOther)
+{
+    std::vector<unsigned int> tasks;
+    for (int i = 0; i != 40; ++i)
+    {
+        tasks.push_back(Start("f", "f" + std::to_string(i % 4)));
+    }
+    for (const unsigned int task : tasks)
+    {
+        EXPECT_EQ("0 12", ftp_test::OutcomeOf(task)) << ftp_test::FailureOf(task).reason;
+    }
+    EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f0", "f1", "f2", "f3"));
+}
+
+TEST_F(FileTest, FullDiskLeavesTheOldFile)
+{
+    // A file-size limit is as good as a full disk, and needs no mount.
+    support::WriteFile(m_directory.File("f"), "old");
+    rlimit limit{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &limit));
+    const rlimit small{50000, limit.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+    signal(SIGXFSZ, SIG_IGN);
+    const std::string outcome = Fetch("f", "f");
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+    EXPECT_EQ("3 25 cannot write " + m_directory.Path() + "/./f: File too large", outcome);
+    EXPECT_EQ("old", Content("f"));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+}
+
+// What the observer saw; for one task at a time.
+struct Watch
+{
+    std::mutex mutex;
+    std::vector<std::string> seen;
+    uint64_t last = 0;
+    bool forward = true;
+
+    static void See(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
+    {
+        auto& watch = *static_cast<Watch*>(user);
+        const std::lock_guard<std::mutex> lock(watch.mutex);
+        watch.forward = watch.forward && seen->ullBytes >= watch.last;
+        watch.last = seen->ullBytes;
+        watch.seen.push_back(std::to_string(seen->ulKind) + " " + seen->pcServerFile + " " +
+                             std::to_string(seen->ullTotal) + " " + seen->pcReason);
+    }
+};
+
+class ObserverTest : public LayerTest
+{
+protected:
+    ~ObserverTest() override
+    {
+        TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    }
+
+    const Environment m_observe{"CORPDIR_FTP_OBSERVE_MS", "1"};
+    Watch m_watch;
+};
+
+TEST_F(ObserverTest, SeesProgressAndOutcomeBeforeTheNotification)
+{
+    FaultyServer server("none", {"--size", "30000000"});
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    size_t seen_before = 0;
+    ftp_test::SetHook(
+        [&](const ftp_test::Notice& notice)
+        {
+            const std::lock_guard<std::mutex> lock(m_watch.mutex);
+            seen_before = notice.type == 0 ? m_watch.seen.size() : seen_before;
+        });
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_GE(m_watch.seen.size(), 2u);
+    EXPECT_EQ(seen_before, m_watch.seen.size());
+    EXPECT_EQ("0 f 30000000 ", m_watch.seen.front());
+    EXPECT_EQ("1 f 30000000 ", m_watch.seen.back());
+    EXPECT_TRUE(m_watch.forward);
+    EXPECT_EQ(30000000u, m_watch.last);
+}
+
+TEST_F(ObserverTest, SeesFailuresWithTheReasonAndRefusalsAtOnce)
+{
+    FaultyServer server("reply:RETR:550 gone");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    ASSERT_EQ("3 20 RETR refused: 550 gone", Fetch("f", "f"));
+    unsigned int task = 0;
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
+              TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", ".", "..", nullptr));
+    const std::string name = "127.0.0.1:" + std::to_string(server.Port());
+    EXPECT_THAT(m_watch.seen,
+                ElementsAre("2 f 100000 " + name + ": RETR refused: 550 gone",
+                            "3 f 18446744073709551615 the local file \"..\" is not a plain name"));
+}
+
+// Once SetObserver has returned the earlier observer does not run: its state may go.
+TEST_F(ObserverTest, ReplacedObserverIsNotCalledAnyMore)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    std::vector<unsigned int> tasks;
+    for (int i = 0; i != 50; ++i)
+    {
+        auto watch = std::make_unique<Watch>();
+        TRAVEX_FTP_SetObserver(Watch::See, watch.get());
+        tasks.push_back(Start("f", "f" + std::to_string(i)));
+        TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    }
+    for (const unsigned int task : tasks)
+    {
+        EXPECT_EQ("0 12", ftp_test::OutcomeOf(task));
+    }
+}
+
+TEST_F(ObserverTest, MayReplaceItself)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    TRAVEX_FTP_SetObserver([](void* user, const tagTRAVEX_FTP_S_OBSERVATION*)
+                           { TRAVEX_FTP_SetObserver(Watch::See, user); },
+                           &m_watch);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_FALSE(m_watch.seen.empty());
+}
+
+}  // namespace

@@ -1,0 +1,379 @@
+// Transfers from real servers: plain, explicit and implicit, IPv4 and IPv6, sessions and
+// connections used again, certificates.
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+
+#include <cstring>
+
+#include "captured_log.h"
+#include "travex_ftp_fixture.h"
+
+namespace
+{
+using ftp_test::LayerTest;
+using ftp_test::ParametersOf;
+using support::FtpServerOptions;
+using support::PyFtpServer;
+using support::Tls;
+using support::VsftpdServer;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const support::TestCertificates& Certificates()
+{
+    static const support::TestCertificates certificates;
+    return certificates;
+}
+
+FtpServerOptions Options(Tls tls, const std::string& host = "127.0.0.1")
+{
+    FtpServerOptions options;
+    options.host = host;
+    options.tls = tls;
+    if (tls != Tls::kNone)
+    {
+        options.certificate = Certificates().Good();
+    }
+    return options;
+}
+
+class RealServer : public LayerTest
+{
+protected:
+    // Trusts the test authority, with `more` behind it in the trust text.
+    void UseVerified(const support::FtpServer& server, const std::string& more = "")
+    {
+        m_trust = "ca=" + Certificates().Authority() + more +
+                  (server.Options().tls == Tls::kImplicit ? ";tls=implicit" : "");
+        auto record = ParametersOf(server, m_directory.Path());
+        record.pcFtpCtrlInfo = m_trust.c_str();
+        record.ulCertVerify = 1;
+        Use(record);
+    }
+
+    void UseWith(const support::FtpServer& server)
+    {
+        if (server.Options().tls == Tls::kNone)
+        {
+            Use(ParametersOf(server, m_directory.Path()));
+        }
+        else
+        {
+            UseVerified(server);
+        }
+    }
+
+    // Fetches both files and compares them.
+    void FetchBoth(support::FtpServer& server)
+    {
+        const std::string big = support::PatternBytes(65536, 7);
+        server.AddFile("version.txt", "edition 17\n");
+        server.AddFile("directory.dat", big);
+        ASSERT_EQ("0 12", Fetch("version.txt", "v"));
+        ASSERT_EQ("0 12", Fetch("directory.dat", "d"));
+        EXPECT_EQ("edition 17\n", Content("v"));
+        EXPECT_TRUE(big == Content("d"));
+    }
+
+    std::string m_trust;
+};
+
+using ServerKind = std::tuple<Tls, const char*>;
+
+class EveryKind : public RealServer, public testing::WithParamInterface<ServerKind>
+{
+};
+
+// Fact: both files share one login, and every data channel resumes the session of its control
+// channel, on TLS 1.3 here.
+TEST_P(EveryKind, PyFtpServesBothFilesOnOneLogin)
+{
+    const auto [tls, host] = GetParam();
+    PyFtpServer server(Options(tls, host));
+    captured_log::Clear();
+    UseWith(server);
+    FetchBoth(server);
+    EXPECT_EQ(1u, server.CountCommands("PASS"));
+    EXPECT_EQ(0u, server.CountCommands("CWD"));
+    EXPECT_EQ(
+        tls == Tls::kNone ? 0u : 2u,
+        captured_log::CountWith("data channel TLSv1.3 TLS_AES_256_GCM_SHA384, session resumed"));
+}
+
+TEST_P(EveryKind, VsftpdWithSessionReuseDemanded)
+{
+    const auto [tls, host] = GetParam();
+    VsftpdServer server(Options(tls, host));
+    UseWith(server);
+    FetchBoth(server);
+    EXPECT_EQ(1u, server.CountCommands("PASS"));
+}
+
+TEST_P(EveryKind, EmptyFileAndOneByte)
+{
+    const auto [tls, host] = GetParam();
+    PyFtpServer server(Options(tls, host));
+    server.AddFile("empty", "");
+    server.AddFile("one", "1");
+    Use(ParametersOf(server, m_directory.Path()));
+    EXPECT_EQ("0 12", Fetch("empty", "e"));
+    EXPECT_EQ("0 12", Fetch("one", "o"));
+    EXPECT_EQ("", Content("e"));
+    EXPECT_EQ("1", Content("o"));
+}
+
+std::string KindName(const testing::TestParamInfo<ServerKind>& kind)
+{
+    static const char* const kNames[] = {"Plain", "Explicit", "Implicit"};
+    const bool v6 = std::strchr(std::get<1>(kind.param), ':') != nullptr;
+    return std::string(kNames[static_cast<int>(std::get<0>(kind.param))]) + (v6 ? "V6" : "V4");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, EveryKind,
+                         testing::Combine(testing::Values(Tls::kNone, Tls::kExplicit,
+                                                          Tls::kImplicit),
+                                          testing::Values("127.0.0.1", "::1")),
+                         KindName);
+
+// The 200 ms timer of libcurl must not drive a transfer: two files took over 400 ms by it.
+TEST_F(RealServer, TwoFilesOverFtpsWithoutTheTimer)
+{
+    VsftpdServer server(Options(Tls::kExplicit));
+    server.AddFile("version.txt", "edition 17\n");
+    server.AddFile("directory.dat", support::PatternBytes(65536, 7));
+    UseVerified(server);
+    auto best = std::chrono::steady_clock::duration::max();
+    for (int round = 0; round != 5; ++round)
+    {
+        const auto begin = std::chrono::steady_clock::now();
+        ASSERT_EQ("0 12", Fetch("version.txt", "v"));
+        ASSERT_EQ("0 12", Fetch("directory.dat", "d"));
+        best = std::min(best, std::chrono::steady_clock::now() - begin);
+    }
+    EXPECT_LT(best, std::chrono::milliseconds(190));
+}
+
+TEST_F(RealServer, DefaultSuitesAreOfferedAndNothingElse)
+{
+    for (const int suite : {0x03000035, 0x0300003C, 0x0300003D})
+    {
+        PyFtpServer server(Options(Tls::kExplicit));
+        server.AddFile("f", "f");
+        auto record = ParametersOf(server, m_directory.Path());
+        record.piCipherList = &suite;
+        record.ulCipherNum = 1;
+        Use(record);
+        captured_log::Clear();
+        ASSERT_EQ("0 12", Fetch("f", "f"));
+        const char* const name = suite == 0x03000035   ? "AES256-SHA"
+                                 : suite == 0x0300003C ? "AES128-SHA256"
+                                                       : "AES256-SHA256";
+        EXPECT_EQ(1u, captured_log::CountWith("control channel TLSv1.2 " + std::string(name)));
+        EXPECT_EQ(1u, captured_log::CountWith("data channel TLSv1.2 " + std::string(name) +
+                                              ", session resumed"));
+    }
+}
+
+TEST_F(RealServer, OnlyTls13SuitesMeanNothingOlder)
+{
+    FtpServerOptions options = Options(Tls::kExplicit);
+    options.max_tls = "1.2";
+    PyFtpServer server(options);
+    server.AddFile("f", "f");
+    const int suite = 0x03001301;
+    auto record = ParametersOf(server, m_directory.Path());
+    record.piCipherList = &suite;
+    record.ulCipherNum = 1;
+    Use(record);
+    EXPECT_THAT(Fetch("f", "f"), StartsWith("3 17 TLS failed: "));
+}
+
+TEST_F(RealServer, RefusalsSpeakTheServersWords)
+{
+    PyFtpServer server(Options(Tls::kNone));
+    auto record = ParametersOf(server, m_directory.Path());
+    Use(record);
+    EXPECT_EQ("3 20 RETR refused: 550 No such file or directory.", Fetch("missing", "m"));
+    strcpy(record.acPassword, "not-this-one");
+    Use(record);
+    EXPECT_EQ("3 19 login refused: 530 Authentication failed.", Fetch("missing", "m"));
+    EXPECT_EQ(0u, captured_log::CountWith("not-this-one"));
+    server.Stop();
+    strcpy(record.acPassword, "another-one");
+    Use(record);
+    EXPECT_EQ("3 16 no connection: Connection refused", Fetch("missing", "m"));
+}
+
+// "/x" is absolute, "x" relative to the login directory; nothing in a name is interpreted.
+TEST_F(RealServer, PathsGoToTheServerByteForByte)
+{
+    PyFtpServer server(Options(Tls::kNone));
+    Use(ParametersOf(server, m_directory.Path()));
+    for (const std::string name :
+         {"a;type=a", "a b%2e", "#x?y", "\xc3\xa4", "*", "[1-3]", "-l", "\"quoted\"", "a\\b", "~"})
+    {
+        server.AddFile(name, "content of " + name);
+        EXPECT_EQ("0 12", Fetch("/" + name, "f")) << name;
+        EXPECT_EQ("content of " + name, Content("f"));
+        EXPECT_EQ("0 12", Fetch(name, "f")) << name;
+        EXPECT_EQ(1u, server.CountCommands("RETR /" + name)) << name;
+        EXPECT_EQ(1u, server.CountCommands("RETR " + name)) << name;
+    }
+    EXPECT_THAT(Fetch("../../etc/hostname", "f"), StartsWith("3 20 "));
+}
+
+TEST_F(RealServer, ManyTransfersUseAtMost64Connections)
+{
+    PyFtpServer server(Options(Tls::kNone));
+    server.AddFile("f", "some bytes");
+    Use(ParametersOf(server, m_directory.Path()));
+    std::vector<unsigned int> tasks;
+    for (int i = 0; i != 300; ++i)
+    {
+        tasks.push_back(Start("f", "f" + std::to_string(i)));
+    }
+    for (const unsigned int task : tasks)
+    {
+        ASSERT_EQ("0 12", ftp_test::OutcomeOf(task)) << ftp_test::FailureOf(task).reason;
+    }
+    EXPECT_LE(server.CountCommands("PASS"), 64u);
+    EXPECT_EQ(300u, support::FilesIn(m_directory.Path()).size());
+}
+
+// Settings that differ in anything that matters never share a login, nor a TLS session.
+TEST_F(RealServer, DifferentSecurityNeverSharesAConnection)
+{
+    PyFtpServer server(Options(Tls::kExplicit));
+    server.AddFile("f", "f");
+    captured_log::Clear();
+    auto record = ParametersOf(server, m_directory.Path());
+    Use(record);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    UseVerified(server);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    UseVerified(server, ";name=directory.test");
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    const int suite = 0x03001302;
+    record.piCipherList = &suite;
+    record.ulCipherNum = 1;
+    Use(record);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    record.pfnFtpsVerify = [](void*, void*) { return 0; };
+    Use(record);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(5u, server.CountCommands("PASS"));
+    EXPECT_EQ(5u, captured_log::CountWith("control channel TLSv1.3"));
+    for (const std::string& text : captured_log::Texts(2))
+    {
+        EXPECT_FALSE(text.find("control channel") != std::string::npos &&
+                     text.find("resumed") != std::string::npos);
+    }
+    Use(record);  // equal settings, set again
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(5u, server.CountCommands("PASS"));
+    strcpy(record.acPassword, "wrong");
+    Use(record);
+    EXPECT_THAT(Fetch("f", "f"), StartsWith("3 19 login refused"));
+}
+
+class CertificateTest : public RealServer
+{
+protected:
+    std::string FetchFrom(const support::ServerCertificate& certificate,
+                          const std::string& more = "")
+    {
+        FtpServerOptions options = Options(Tls::kExplicit);
+        options.certificate = certificate;
+        PyFtpServer server(options);
+        server.AddFile("f", "f");
+        UseVerified(server, more);
+        const std::string outcome = Fetch("f", "f");
+        // A certificate that is not accepted costs no password.
+        EXPECT_EQ(outcome == "0 12" ? 1u : 0u, server.CountCommands("PASS"));
+        return outcome;
+    }
+};
+
+TEST_F(CertificateTest, RefusalsHaveTheirOwnWords)
+{
+    const auto& all = Certificates();
+    EXPECT_EQ("0 12", FetchFrom(all.Good()));
+    EXPECT_EQ("0 12", FetchFrom(all.ViaIntermediate()));
+    EXPECT_EQ("3 18 certificate has expired", FetchFrom(all.Expired()));
+    EXPECT_EQ("3 18 certificate is not yet valid", FetchFrom(all.NotYetValid()));
+    EXPECT_EQ("3 18 certificate is not for 127.0.0.1", FetchFrom(all.WrongName()));
+    EXPECT_EQ("3 18 self-signed certificate", FetchFrom(all.SelfSigned()));
+    EXPECT_EQ("3 18 unable to get local issuer certificate", FetchFrom(all.FromOtherAuthority()));
+}
+
+TEST_F(CertificateTest, OneOfTheNamesOrTheAddressMustMatch)
+{
+    const auto by_name = Certificates().WithNames("DNS:directory.test");
+    EXPECT_EQ("3 18 certificate is not for 127.0.0.1", FetchFrom(by_name));
+    EXPECT_EQ("3 18 certificate is not for 127.0.0.1 nor for other.test",
+              FetchFrom(by_name, ";name=other.test"));
+    EXPECT_EQ("0 12", FetchFrom(by_name, ";name=other.test,directory.test"));
+    EXPECT_EQ("0 12", FetchFrom(Certificates().WithNames("IP:127.0.0.1"), ";name=other.test"));
+    EXPECT_EQ("3 18 certificate is not for 127.0.0.1",
+              FetchFrom(Certificates().WithNames("IP:127.0.0.2")));
+    EXPECT_EQ("0 12", FetchFrom(Certificates().WithNames("DNS:*.directory.test"),
+                                ";name=a.directory.test"));
+}
+
+TEST_F(CertificateTest, DirectoryOfAuthoritiesNeedsNoHashedNames)
+{
+    support::TemporaryDirectory authorities;
+    support::WriteFile(authorities.File("readme.txt"), "no certificate");
+    support::WriteFile(authorities.File("our.pem"), support::ReadFile(Certificates().Authority()));
+    PyFtpServer server(Options(Tls::kExplicit));
+    server.AddFile("f", "f");
+    auto record = ParametersOf(server, m_directory.Path());
+    record.ulCertVerify = 1;
+    record.pcFtpCtrlInfo = authorities.Path().c_str();
+    Use(record);
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    support::WriteFile(authorities.File("our.pem"),
+                       support::ReadFile(Certificates().OtherAuthority()));
+    Use(record);  // the same path with another content: another connection
+    EXPECT_EQ("3 18 unable to get local issuer certificate", Fetch("f", "f"));
+    record.pcFtpCtrlInfo = "system";
+    Use(record);
+    EXPECT_EQ("3 18 unable to get local issuer certificate", Fetch("f", "f"));
+}
+
+std::vector<std::string> g_asked;
+int g_answer = 0;
+
+TEST_F(CertificateTest, ClientIsAskedOncePerControlConnection)
+{
+    PyFtpServer server(Options(Tls::kExplicit));
+    server.AddFile("f", "f");
+    auto record = ParametersOf(server, m_directory.Path());
+    record.pfnFtpsVerify = [](void* address, void* subject)
+    {
+        g_asked.push_back(std::string(static_cast<const char*>(address)) + " " +
+                          static_cast<const char*>(subject));
+        return g_answer;
+    };
+    g_asked.clear();
+    g_answer = 0;
+    Use(record);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_EQ(1u, g_asked.size());
+    EXPECT_THAT(g_asked[0], StartsWith("127.0.0.1 /"));
+    g_answer = 1;
+    record.ulCertVerify = 1;
+    record.pcFtpCtrlInfo = Certificates().Authority().c_str();
+    Use(record);
+    EXPECT_EQ("3 18 certificate was vetoed by the client", Fetch("f", "f"));
+    EXPECT_EQ(2u, g_asked.size());
+    // Zero does not overrule a failed check: the client is not even asked.
+    record.pcFtpCtrlInfo = Certificates().OtherAuthority().c_str();
+    g_answer = 0;
+    Use(record);
+    EXPECT_THAT(Fetch("f", "f"), StartsWith("3 18 "));
+    EXPECT_EQ(2u, g_asked.size());
+}
+
+}  // namespace

@@ -1,0 +1,102 @@
+// The process ends while threads are inside the crypto library, or use it afterwards.
+#include "zep.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+#include <vector>
+
+// The thread sanitizer otherwise sleeps for a second at each exit.
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options()
+{
+    return "atexit_sleep_ms=0";
+}
+
+namespace
+{
+// What the child's status means; a crash is a signal.
+int StatusOfChild(const std::function<void()>& body)
+{
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        body();
+        std::exit(0);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+unsigned int Seal()
+{
+    const unsigned char key[32] = {};
+    const unsigned char iv[16] = {};
+    const unsigned char text[] = "a password";
+    unsigned char out[32];
+    unsigned int size = sizeof out;
+    return ZEP_CPYPT_Encrypt(0, key, sizeof key, iv, sizeof iv, text, sizeof text, out, &size);
+}
+
+// Registered before the layer's handler, so it runs after it.
+void UseAfterTheEnd()
+{
+    unsigned char byte = 0;
+    const bool isRefused =
+        Seal() == ZEP_ERR_CIPHER && ZEP_CPYPT_RealRandom(&byte, 1) == ZEP_ERR_RANDOM;
+    _exit(isRefused ? 7 : 8);
+}
+
+TEST(ZepExit, AfterTheExitHandlersCallsAreRefused)
+{
+    EXPECT_EQ(StatusOfChild(
+                  []
+                  {
+                      std::atexit(UseAfterTheEnd);
+                      EXPECT_EQ(Seal(), 0U);
+                  }),
+              7);
+}
+
+TEST(ZepExit, ThreadsThatNobodyStopsDoNotCrashTheEnd)
+{
+    for (int round = 0; round < 100; ++round)
+    {
+        ASSERT_EQ(StatusOfChild(
+                      []
+                      {
+                          // Never joined and never destroyed: the process ends beneath them.
+                          static std::vector<std::thread>& s_threads =
+                              *new std::vector<std::thread>;
+                          static std::atomic<int> s_running{0};
+                          EXPECT_EQ(Seal(), 0U);
+                          for (int index = 0; index < 4; ++index)
+                          {
+                              s_threads.emplace_back(
+                                  []
+                                  {
+                                      unsigned char byte[32];
+                                      for (++s_running; Seal() == 0;)
+                                      {
+                                          (void)ZEP_CPYPT_RealRandom(byte, sizeof byte);
+                                      }
+                                      pause();  // refused: the end has begun
+                                  });
+                          }
+                          while (s_running < 4)
+                          {
+                              std::this_thread::yield();
+                          }
+                      }),
+                  0)
+            << "round " << round;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,68 @@
+// Throw-away certificates, for tests, made with the openssl program.
+#ifndef CORPDIR_TESTS_CERTIFICATES_H
+#define CORPDIR_TESTS_CERTIFICATES_H
+
+#include <string>
+
+#include "files.h"
+
+namespace support
+{
+
+// PEM files of a server; the certificate's intermediates follow it in its file.
+struct ServerCertificate
+{
+    std::string certificate_file;
+    std::string key_file;
+};
+
+// A certification authority, another one that signed nothing that counts, and server certificates,
+// each made when it is asked for. Servers have RSA keys, since the older suites need them. Not
+// thread-safe.
+class TestCertificates
+{
+public:
+    // What the good ones carry. directory.test stands for the name of a server.
+    static constexpr const char* kNames = "IP:127.0.0.1,IP:::1,DNS:directory.test";
+
+    TestCertificates();
+
+    const std::string& Authority() const;       // PEM of the one to be trusted
+    const std::string& OtherAuthority() const;  // PEM of the other one
+
+    ServerCertificate Good() const;
+    ServerCertificate WithNames(const std::string& names) const;  // subjectAltName of OpenSSL
+    ServerCertificate WrongName() const;  // for another address and another name
+    ServerCertificate Expired() const;
+    ServerCertificate NotYetValid() const;
+    ServerCertificate FromOtherAuthority() const;
+    ServerCertificate SelfSigned() const;
+    ServerCertificate ViaIntermediate() const;
+
+private:
+    struct Validity
+    {
+        const char* from;
+        const char* until;
+    };
+
+    static const Validity kValidNow;
+
+    std::string NewFile(const std::string& suffix) const;
+    std::string MakeRootAuthority(const std::string& name) const;
+    void Sign(const std::string& authority, const std::string& subject, const std::string& key,
+              const std::string& certificate, const std::string& extensions,
+              Validity validity) const;
+    ServerCertificate Leaf(const std::string& authority, const std::string& names,
+                           Validity validity) const;
+
+    TemporaryDirectory m_directory;
+    mutable int m_files = 0;
+    std::string m_key;  // of all servers: making an RSA key is slow
+    std::string m_authority;
+    std::string m_other_authority;
+};
+
+}  // namespace support
+
+#endif

@@ -1,0 +1,319 @@
+// The TLS cipher list: replacing, adding, releasing, and what a lack of memory leaves.
+#include <cstddef>
+
+#include "service_test.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+constexpr int DEFAULT_1 = 0x03000035;
+constexpr int DEFAULT_2 = 0x0300003C;
+constexpr int DEFAULT_3 = 0x0300003D;
+constexpr int OTHER = 0x0300C030;
+constexpr int ANOTHER = 0x0300C02F;
+
+class CipherListTest : public ServiceTest
+{
+protected:
+    unsigned int Replace(const std::vector<int>& vecList)
+    {
+        return client.CorpDirSetFtpCipherListToDirImpl(vecList.data(),
+                                                       static_cast<unsigned int>(vecList.size()));
+    }
+
+    unsigned int AddAll(const std::vector<int>& vecList)
+    {
+        return client.CorpDirAddFtpCipherListToDirImpl(vecList.data(),
+                                                       static_cast<unsigned int>(vecList.size()));
+    }
+
+    std::vector<int> List() const
+    {
+        const int* const piList = g_stFtpCiperList.piCipherList;
+        return piList == nullptr ? std::vector<int>{}
+                                 : std::vector<int>(piList, piList + g_stFtpCiperList.ulCipherNum);
+    }
+};
+
+}  // namespace
+
+TEST_F(CipherListTest, TheDefaultIsThreeSuites)
+{
+    ASSERT_EQ(inside::DefaultCipherListSize(), 3);
+    EXPECT_THAT(std::vector<int>(inside::DefaultCipherList(), inside::DefaultCipherList() + 3),
+                ElementsAre(DEFAULT_1, DEFAULT_2, DEFAULT_3));
+}
+
+TEST_F(CipherListTest, TheRecordIsACountAndAPointer)
+{
+    EXPECT_EQ(offsetof(tagCORPDIR_CIPHER_LIST, ulCipherNum), 0U);
+    EXPECT_EQ(offsetof(tagCORPDIR_CIPHER_LIST, piCipherList), 8U);
+    EXPECT_EQ(sizeof(tagCORPDIR_CIPHER_LIST), 16U);
+}
+
+// --- Replacing ----------------------------------------------------------------------------------
+
+TEST_F(CipherListTest, ReplacingCopiesTheListInItsOrder)
+{
+    std::vector<int> vecGiven = {OTHER, ANOTHER};
+    EXPECT_EQ(Replace(vecGiven), 0U);
+    vecGiven.assign(2, 0);
+    EXPECT_THAT(List(), ElementsAre(OTHER, ANOTHER));
+    EXPECT_EQ(fakes::LiveMemory(), 8U);
+    EXPECT_THAT(Trace(), ElementsAre("enter CorpDirSetFtpCipherListToDirImpl",
+                                     "OSAK_MemMallocS(8, 0)", "zep_memcpy_s(block 1, 8, local, 8)",
+                                     "leave CorpDirSetFtpCipherListToDirImpl"));
+}
+
+TEST_F(CipherListTest, ReplacingReleasesTheOldListBeforeItAllocatesTheNew)
+{
+    ASSERT_EQ(Replace({OTHER, ANOTHER}), 0U);
+    Trace();
+    EXPECT_EQ(Replace({DEFAULT_1}), 0U);
+    EXPECT_THAT(List(), ElementsAre(DEFAULT_1));
+    EXPECT_THAT(Trace(),
+                ElementsAre("enter CorpDirSetFtpCipherListToDirImpl", "OSAK_MemFreeD(block 1)",
+                            "OSAK_MemMallocS(4, 0)", "zep_memcpy_s(block 2, 4, local, 4)",
+                            "leave CorpDirSetFtpCipherListToDirImpl"));
+}
+
+TEST_F(CipherListTest, ReplacingKeepsDuplicates)
+{
+    EXPECT_EQ(Replace({OTHER, OTHER}), 0U);
+    EXPECT_THAT(List(), ElementsAre(OTHER, OTHER));
+}
+
+TEST_F(CipherListTest, ReplacingWithNothingFailsAndKeepsTheList)
+{
+    ASSERT_EQ(Replace({OTHER}), 0U);
+    Logged();
+    EXPECT_EQ(client.CorpDirSetFtpCipherListToDirImpl(inside::DefaultCipherList(), 0), 1U);
+    EXPECT_EQ(client.CorpDirSetFtpCipherListToDirImpl(nullptr, 0), 1U);
+    EXPECT_THAT(List(), ElementsAre(OTHER));
+    EXPECT_THAT(Logged(),
+                ElementsAre("0 CorpDirSetFtpCipherListToDirImpl: input cipher list is empty !",
+                            "0 CorpDirSetFtpCipherListToDirImpl: input cipher list is empty !"));
+}
+
+TEST_F(CipherListTest, TheCountIsSetBeforeAnythingIsAllocatedOrReleased)
+{
+    ASSERT_EQ(Replace({OTHER}), 0U);
+    unsigned int ulAtFree = 0;
+    fakes::OnCall("OSAK_MemFreeD", 1, [&] { ulAtFree = g_stFtpCiperList.ulCipherNum; });
+    ASSERT_EQ(Replace({1, 2, 3, 4}), 0U);
+    EXPECT_EQ(ulAtFree, 4U);
+}
+
+TEST_F(CipherListTest, AFailedAllocationShowsAsTheFailingCopysCode)
+{
+    ASSERT_EQ(Replace({OTHER}), 0U);
+    fakes::FailCall("OSAK_MemMallocS", 1, 1);
+    EXPECT_EQ(Replace({1, 2}), static_cast<unsigned int>(ZEP_ERR_PARAM));
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 2U);
+    EXPECT_EQ(g_stFtpCiperList.piCipherList, nullptr);
+    EXPECT_EQ(fakes::LiveMemory(), 0U);
+    EXPECT_EQ(Replace({1, 2}), 0U);
+    EXPECT_THAT(List(), ElementsAre(1, 2));
+}
+
+TEST_F(CipherListTest, ReplacingPassesTheCodeOfTheCopyAsItCame)
+{
+    fakes::FailCall("zep_memcpy_s", 1, 77);
+    EXPECT_EQ(Replace({OTHER}), 77U);
+    EXPECT_THAT(Logged(), IsEmpty());
+}
+
+TEST_F(CipherListTest, ReplacingWithANullListAndACountGivesACode)
+{
+    EXPECT_NE(client.CorpDirSetFtpCipherListToDirImpl(nullptr, 2), 0U);
+}
+
+TEST_F(CipherListTest, ACountWhoseBytesDoNotFit32BitsGivesACode)
+{
+    ASSERT_EQ(Replace({OTHER}), 0U);
+    const int aiList[] = {1};
+    EXPECT_NE(client.CorpDirSetFtpCipherListToDirImpl(aiList, 0x40000000U), 0U);
+    EXPECT_NE(client.CorpDirSetFtpCipherListToDirImpl(aiList, 0xFFFFFFFFU), 0U);
+    EXPECT_NE(client.CorpDirAddFtpCipherListToDirImpl(aiList, 0x40000000U), 0U);
+    EXPECT_NE(client.CorpDirAddFtpCipherListToDirImpl(aiList, 0xFFFFFFFFU), 0U);
+}
+
+// --- Adding one ---------------------------------------------------------------------------------
+
+TEST_F(CipherListTest, AddingToAListNeverSetSeedsItWithTheDefault)
+{
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(OTHER), 0U);
+    EXPECT_THAT(List(), ElementsAre(DEFAULT_1, DEFAULT_2, DEFAULT_3, OTHER));
+    EXPECT_EQ(fakes::LiveMemory(), 16U);
+    EXPECT_THAT(
+        Trace(),
+        ElementsAre("enter CorpDirAddFtpCipherListToDirImplByOne", "OSAK_MemMallocS(12, 0)",
+                    "zep_memcpy_s(block 1, 12, default list, 12)", "OSAK_MemMallocS(16, 0)",
+                    "zep_memcpy_s(block 2, 12, block 1, 12)", "OSAK_MemFreeSetNullD(block 1)",
+                    "leave CorpDirAddFtpCipherListToDirImplByOne"));
+}
+
+TEST_F(CipherListTest, AddingADefaultSuiteToAListNeverSetLeavesTheDefault)
+{
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(DEFAULT_2), 0U);
+    EXPECT_THAT(List(), ElementsAre(DEFAULT_1, DEFAULT_2, DEFAULT_3));
+    EXPECT_THAT(Logged(), ElementsAre("0 CorpDirAddFtpCipherListToDirImplByOne: cipher 0x300003c "
+                                      "already exists!"));
+}
+
+TEST_F(CipherListTest, ADuplicateIsNoErrorAndChangesNothing)
+{
+    ASSERT_EQ(Replace({OTHER, ANOTHER}), 0U);
+    Trace();
+    for (const int iCipher : {OTHER, ANOTHER})
+    {
+        EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(iCipher), 0U);
+    }
+    EXPECT_THAT(List(), ElementsAre(OTHER, ANOTHER));
+    EXPECT_EQ(fakes::Calls("OSAK_MemMallocS"), 1U);
+}
+
+TEST_F(CipherListTest, AddingGrowsByExactlyOneEntry)
+{
+    ASSERT_EQ(Replace({1}), 0U);
+    for (int i = 2; i <= 40; ++i)
+    {
+        ASSERT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(i), 0U);
+        ASSERT_EQ(List().size(), static_cast<size_t>(i));
+        ASSERT_EQ(List().back(), i);
+        ASSERT_EQ(fakes::LiveMemory(), static_cast<size_t>(i) * 4);
+    }
+}
+
+TEST_F(CipherListTest, ASeedThatCannotBeCopiedFailsWithOneAndSaysItsCode)
+{
+    fakes::FailCall("zep_memcpy_s", 1, 77);
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(OTHER), 1U);
+    EXPECT_THAT(Logged(), ElementsAre("0 CorpDirAddFtpCipherListToDirImplByOne: add ftp cipher "
+                                      "list zep_memcpy_s error! 77"));
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 3U);
+}
+
+TEST_F(CipherListTest, ASeedWithoutMemoryFailsAndCanBeTriedAgain)
+{
+    fakes::FailCall("OSAK_MemMallocS", 1, 1);
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(OTHER), 1U);
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(OTHER), 0U);
+    EXPECT_THAT(List(), ElementsAre(DEFAULT_1, DEFAULT_2, DEFAULT_3, OTHER));
+}
+
+TEST_F(CipherListTest, AGrowthThatCannotBeCopiedKeepsTheOldListInForce)
+{
+    ASSERT_EQ(Replace({1, 2}), 0U);
+    fakes::FailCall("zep_memcpy_s", 1, 77);
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(3), 1U);
+    EXPECT_THAT(List(), ElementsAre(1, 2));
+    EXPECT_THAT(Logged(), ElementsAre("0 CorpDirAddFtpCipherListToDirImplByOne: add ftp cipher "
+                                      "list zep_memcpy_s error!"));
+    EXPECT_EQ(fakes::LiveMemory(), 8U + 12U) << "the new block is not released";
+}
+
+TEST_F(CipherListTest, AGrowthWithoutMemoryKeepsTheOldListInForce)
+{
+    ASSERT_EQ(Replace({1, 2}), 0U);
+    fakes::FailCall("OSAK_MemMallocS", 1, 1);
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(3), 1U);
+    EXPECT_THAT(List(), ElementsAre(1, 2));
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(3), 0U);
+    EXPECT_THAT(List(), ElementsAre(1, 2, 3));
+}
+
+// --- Adding several -----------------------------------------------------------------------------
+
+TEST_F(CipherListTest, AddingSeveralAppendsOneByOne)
+{
+    EXPECT_EQ(AddAll({OTHER, OTHER, ANOTHER}), 0U);
+    EXPECT_THAT(List(), ElementsAre(DEFAULT_1, DEFAULT_2, DEFAULT_3, OTHER, ANOTHER));
+    EXPECT_THAT(Logged(), ElementsAre("0 CorpDirAddFtpCipherListToDirImplByOne: cipher 0x300c030 "
+                                      "already exists!"));
+}
+
+TEST_F(CipherListTest, AddingNoneSucceedsAndChangesNothing)
+{
+    EXPECT_EQ(AddAll({}), 0U);
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImpl(nullptr, 0), 0U);
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 0U);
+    EXPECT_EQ(g_stFtpCiperList.piCipherList, nullptr);
+}
+
+TEST_F(CipherListTest, AddingSeveralStopsAtTheFirstFailureAndKeepsWhatWasAdded)
+{
+    ASSERT_EQ(Replace({1}), 0U);
+    fakes::FailCall("OSAK_MemMallocS", 2, 1);
+    EXPECT_EQ(AddAll({2, 3, 4}), 1U);
+    EXPECT_THAT(List(), ElementsAre(1, 2));
+}
+
+TEST_F(CipherListTest, AddingFromANullListGivesACode)
+{
+    EXPECT_NE(client.CorpDirAddFtpCipherListToDirImpl(nullptr, 2), 0U);
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 0U);
+}
+
+namespace
+{
+
+// Gives the code in place of every third suite.
+class PickyService : public CFTPCorpDirImpl
+{
+public:
+    unsigned int CorpDirAddFtpCipherListToDirImplByOne(int iCipher) override
+    {
+        fakes::Note("add " + std::to_string(iCipher));
+        return iCipher == 3 ? 42 : 0;
+    }
+};
+
+}  // namespace
+
+TEST_F(CipherListTest, AddingSeveralGoesThroughTheVirtualTableAndPassesTheCode)
+{
+    PickyService picky;
+    Trace();
+    const int aiList[] = {1, 3, 5};
+    EXPECT_EQ(picky.CorpDirAddFtpCipherListToDirImpl(aiList, 3), 42U);
+    EXPECT_THAT(Only(Trace(), {"add"}), ElementsAre("add 1", "add 3"));
+}
+
+// --- Releasing ----------------------------------------------------------------------------------
+
+TEST_F(CipherListTest, ReleasingKeepsTheCount)
+{
+    ASSERT_EQ(Replace({1, 2}), 0U);
+    Trace();
+    service.freeFtpCipherList();
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 2U);
+    EXPECT_EQ(g_stFtpCiperList.piCipherList, nullptr);
+    EXPECT_EQ(fakes::LiveMemory(), 0U);
+    EXPECT_THAT(Trace(), ElementsAre("OSAK_MemFreeSetNullD(block 1)"));
+}
+
+TEST_F(CipherListTest, ReleasingNothingCallsNothing)
+{
+    service.freeFtpCipherList();
+    EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(CipherListTest, AfterAReleaseReplacingWorksAsFromAnyState)
+{
+    ASSERT_EQ(Replace({1, 2}), 0U);
+    service.freeFtpCipherList();
+    EXPECT_EQ(Replace({3}), 0U);
+    EXPECT_THAT(List(), ElementsAre(3));
+}
+
+TEST_F(CipherListTest, AfterAReleaseAddingBehavesAsForAListNeverSet)
+{
+    ASSERT_EQ(Replace({1, 2}), 0U);
+    service.freeFtpCipherList();
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(OTHER), 0U);
+    EXPECT_THAT(List(), ElementsAre(DEFAULT_1, DEFAULT_2, DEFAULT_3, OTHER));
+}

@@ -1,0 +1,206 @@
+// The server list of the program: splitting, refusing, resolving.
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "corpdir_tool_support.h"
+#include "name_resolver.h"
+#include "servers.h"
+
+namespace corpdir_tool
+{
+namespace
+{
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+std::vector<std::string> Texts(const std::vector<ServerEntry>& entries)
+{
+    std::vector<std::string> texts;
+    for (const ServerEntry& entry : entries)
+    {
+        texts.push_back((entry.isAddress ? "address " : "name ") + entry.text);
+    }
+    return texts;
+}
+
+std::vector<std::string> Labels(const ResolvedServers& resolved)
+{
+    std::vector<std::string> labels;
+    for (const Server& server : resolved.servers)
+    {
+        labels.push_back(server.Label());
+    }
+    return labels;
+}
+
+TEST(ToolServers, SplitsAddressesAndNamesInOrder)
+{
+    EXPECT_THAT(Texts(SplitServers("192.0.2.1;dir.example;2001:db8::1")),
+                ElementsAre("address 192.0.2.1", "name dir.example", "address 2001:db8::1"));
+}
+
+TEST(ToolServers, TakesBlanksBracketsAndUnusualSpellings)
+{
+    EXPECT_THAT(Texts(SplitServers(" 192.0.2.1 ;\t[2001:DB8:0:0::1]; localhost")),
+                ElementsAre("address 192.0.2.1", "address 2001:db8::1", "name localhost"));
+}
+
+TEST(ToolServers, RefusesEmptyLists)
+{
+    for (const char* list : {"", " ", "\t"})
+    {
+        const Thrown thrown = FailureOf([list] { SplitServers(list); });
+        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+        EXPECT_EQ(thrown.message, "--servers is empty");
+    }
+}
+
+TEST(ToolServers, RefusesEmptyEntriesWithTheirPlace)
+{
+    EXPECT_EQ(FailureOf([] { SplitServers("a.example;;b.example"); }).message,
+              "--servers: entry 2 of 'a.example;;b.example' is empty");
+    EXPECT_EQ(FailureOf([] { SplitServers("a.example;"); }).message,
+              "--servers: entry 2 of 'a.example;' is empty");
+    EXPECT_EQ(FailureOf([] { SplitServers(";a.example"); }).message,
+              "--servers: entry 1 of ';a.example' is empty");
+}
+
+TEST(ToolServers, RefusesWhatIsNeitherAddressNorName)
+{
+    for (const char* entry : {"10.1", "127.1", "0x7f.1", "10.1.1.256", "2130706433", "0x7f000001",
+                              "dir example", "ftp://dir.example", "dir..example", ".", "a,b", "a=b",
+                              "user@dir.example", "dir.example\n"})
+    {
+        const Thrown thrown = FailureOf([entry] { SplitServers(entry); });
+        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS) << entry;
+        EXPECT_THAT(thrown.message, HasSubstr("is neither an address nor a host name")) << entry;
+    }
+}
+
+TEST(ToolServers, SaysWhereThePortGoes)
+{
+    for (const char* entry : {"192.0.2.1:2121", "dir.example:21", "[::1]:21"})
+    {
+        EXPECT_THAT(FailureOf([entry] { SplitServers(entry); }).message,
+                    HasSubstr("the port is given with --port"));
+    }
+    EXPECT_THAT(FailureOf([] { SplitServers("fe80::1%eth0"); }).message, HasSubstr("zone"));
+}
+
+TEST(ToolServers, RefusesZeroAddresses)
+{
+    for (const char* entry : {"0.0.0.0", "::", "[::]", "::ffff:0.0.0.0"})
+    {
+        EXPECT_THAT(FailureOf([entry] { SplitServers(entry); }).message,
+                    HasSubstr("is not the address of a server"));
+    }
+}
+
+TEST(ToolServers, HostNamesKeepTheirLimits)
+{
+    const std::string label(63, 'a');
+    EXPECT_TRUE(IsHostName(label + ".example"));
+    EXPECT_FALSE(IsHostName(label + "a.example"));
+    const std::string longest = label + "." + label + "." + label + "." + std::string(61, 'b');
+    EXPECT_EQ(longest.size(), 253U);
+    EXPECT_TRUE(IsHostName(longest));
+    EXPECT_FALSE(IsHostName(longest + "b"));
+    EXPECT_TRUE(IsHostName("dir.example."));
+    EXPECT_TRUE(IsHostName("10.example"));
+}
+
+TEST(ToolServers, GivesEveryAddressOfANameOnceAndInOrder)
+{
+    const Lookup lookup = [](const std::string& name, int)
+    {
+        return name == "a.example" ? LookupResult{{"192.0.2.2", "2001:db8::2"}, ""}
+                                   : LookupResult{{"192.0.2.3", "192.0.2.2"}, ""};
+    };
+    const ResolvedServers resolved =
+        ResolveServers(SplitServers("192.0.2.1;a.example;b.example;192.0.2.1"), AF_UNSPEC, lookup);
+    EXPECT_THAT(Labels(resolved), ElementsAre("192.0.2.1", "192.0.2.2 (a.example)",
+                                              "2001:db8::2 (a.example)", "192.0.2.3 (b.example)"));
+    EXPECT_THAT(resolved.problems, IsEmpty());
+}
+
+TEST(ToolServers, DropsAndNamesWhatDoesNotResolve)
+{
+    const Lookup lookup = [](const std::string&, int) { return LookupResult{{}, "no such name"}; };
+    const ResolvedServers resolved =
+        ResolveServers(SplitServers("dead.example;192.0.2.1"), AF_UNSPEC, lookup);
+    EXPECT_THAT(Labels(resolved), ElementsAre("192.0.2.1"));
+    EXPECT_THAT(resolved.problems, ElementsAre("dead.example: no such name"));
+}
+
+TEST(ToolServers, AsksForTheFamilyOfTheLocalAddress)
+{
+    int asked = -1;
+    const Lookup lookup = [&asked](const std::string&, int family)
+    {
+        asked = family;
+        return LookupResult{{"2001:db8::1"}, ""};
+    };
+    ResolveServers(SplitServers("dir.example"), AF_INET6, lookup);
+    EXPECT_EQ(asked, AF_INET6);
+}
+
+TEST(ToolServers, TheSystemResolvesAddressesWithoutAServer)
+{
+    EXPECT_THAT(SystemLookup("192.0.2.1", AF_UNSPEC).addresses, ElementsAre("192.0.2.1"));
+    EXPECT_THAT(SystemLookup("2001:db8::1", AF_UNSPEC).addresses, ElementsAre("2001:db8::1"));
+}
+
+TEST(ToolServers, TheSystemSaysWhyThereIsNoAddress)
+{
+    const LookupResult wrongFamily = SystemLookup("192.0.2.1", AF_INET6);
+    EXPECT_THAT(wrongFamily.addresses, IsEmpty());
+    EXPECT_NE(wrongFamily.problem, "");
+
+    const LookupResult zero = SystemLookup("0.0.0.0", AF_UNSPEC);
+    EXPECT_THAT(zero.addresses, IsEmpty());
+    EXPECT_EQ(zero.problem, "no address that can be connected to");
+}
+
+TEST(ToolNameResolver, TellsWhenItIsReadyAndLeavesTheMainThreadFree)
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool answer = false;
+    const Lookup lookup = [&](const std::string&, int)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [&answer] { return answer; });
+        return LookupResult{{"192.0.2.9"}, ""};
+    };
+    const std::vector<ServerEntry> entries = SplitServers("slow.example");
+    EventQueue events;
+    NameResolver resolver(entries, AF_UNSPEC, lookup, events);
+
+    events.PushSignal(15);
+    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::SIGNAL);
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        answer = true;
+    }
+    changed.notify_one();
+    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::RESOLVED);
+    EXPECT_THAT(Labels(resolver.Take()), ElementsAre("192.0.2.9 (slow.example)"));
+}
+
+TEST(ToolNameResolver, TellsWhenMemoryRunsOut)
+{
+    const Lookup lookup = [](const std::string&, int) -> LookupResult { throw std::bad_alloc(); };
+    const std::vector<ServerEntry> entries = SplitServers("dir.example");
+    EventQueue events;
+    const NameResolver resolver(entries, AF_UNSPEC, lookup, events);
+    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind,
+              EventKind::OUT_OF_MEMORY);
+}
+
+}  // namespace
+}  // namespace corpdir_tool

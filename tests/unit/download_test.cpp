@@ -1,0 +1,270 @@
+// A download's start, and the way of its notifications.
+#include <cstddef>
+#include <cstring>
+
+#include "service_test.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+class DownloadTest : public ServiceTest
+{
+protected:
+    void SetUp() override
+    {
+        tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+        ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
+        Trace();
+        Logged();
+    }
+
+    unsigned int Begin(const std::string& strServerFile = "pub/file",
+                       const std::string& strLocalDir = "/local/dir",
+                       const std::string& strLocalFile = "file.local")
+    {
+        return inside::AsynFtpDownload(service, strServerFile, strLocalDir, strLocalFile, ulTaskID);
+    }
+
+    unsigned int ulTaskID = 99;
+};
+
+class DispatchTest : public ServiceTest
+{
+};
+
+std::string Detail(unsigned int ulTask, unsigned int ulType, unsigned int ulVersion,
+                   unsigned int ulCorpDir, const std::string& strFile)
+{
+    return "2 DownloadCallback: DownloadCallback : ulTaskID = " + std::to_string(ulTask) +
+           "l, ulType = " + std::to_string(ulType) +
+           "l, VersionTaskID = " + std::to_string(ulVersion) +
+           ", CorpDirTaskID = " + std::to_string(ulCorpDir) + ", DownFileName : " + strFile;
+}
+
+}  // namespace
+
+// --- Start of a download ------------------------------------------------------------------------
+
+TEST_F(DownloadTest, PushesBothParameterSetsBeforeTheDownload)
+{
+    members.m_hFtpHandle = TRAVEX_FTP_CreateHandle();
+    Trace();
+    EXPECT_EQ(Begin(), 0U);
+    EXPECT_EQ(ulTaskID, 1U);
+    EXPECT_THAT(Only(Trace(), {"TRAVEX", "log 1 Asyn", "log 2 Asyn", "log 0"}),
+                ElementsAre("log 1 AsynFtpDownload: Already Init FTPS!",
+                            "TRAVEX_FTP_SetCtrlParam(ftp 1)", "TRAVEX_FTP_SetDataParam(ftp 1)",
+                            "TRAVEX_FTP_AsynDownloadFile(ftp 1, local, pub/file, ., file.local, "
+                            "DownloadCallback)",
+                            "log 2 AsynFtpDownload: Download file : file.local, TaskID : 1"));
+    EXPECT_STREQ(fakes::LastControlParameters().stRecord.acWorkDir, "/local/dir/");
+}
+
+TEST_F(DownloadTest, GivesTheLibraryTheAddressOfTheTaskMemberAndTheCallback)
+{
+    members.m_hFtpHandle = TRAVEX_FTP_CreateHandle();
+    ASSERT_EQ(Begin(), 0U);
+    const fakes::Download download = fakes::LastDownload();
+    EXPECT_EQ(download.pulTaskID, &ulTaskID);
+    EXPECT_EQ(download.pfnNotify, inside::NotifyCallback());
+    EXPECT_EQ(download.strDir, ".");
+    EXPECT_EQ(download.hFtp, members.m_hFtpHandle);
+}
+
+TEST_F(DownloadTest, MakesAMissingHandle)
+{
+    EXPECT_EQ(Begin(), 0U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
+    EXPECT_THAT(Only(Trace(), {"log 1 Asyn", "TRAVEX_FTP_CreateHandle"}),
+                ElementsAre("log 1 AsynFtpDownload: Ftp Handle is Null, creating.",
+                            "TRAVEX_FTP_CreateHandle()"));
+}
+
+TEST_F(DownloadTest, FailsWhenNoHandleCanBeMade)
+{
+    fakes::FailCall("TRAVEX_FTP_CreateHandle", 1, 1);
+    EXPECT_EQ(Begin(), 1U);
+    EXPECT_EQ(members.m_hFtpHandle, nullptr);
+    EXPECT_THAT(Trace(), ElementsAre("log 1 AsynFtpDownload: Ftp Handle is Null, creating.",
+                                     "TRAVEX_FTP_CreateHandle() = 1",
+                                     "log 0 AsynFtpDownload: TRAVEX_FTP_CreateHandle Failed!"));
+}
+
+TEST_F(DownloadTest, EveryTextHasToBeThere)
+{
+    EXPECT_EQ(Begin("", "/local/dir", "file.local"), 1U);
+    EXPECT_EQ(Begin("pub/file", "", "file.local"), 1U);
+    EXPECT_EQ(Begin("pub/file", "/local/dir", ""), 1U);
+    EXPECT_EQ(ulTaskID, 99U);
+    EXPECT_THAT(Trace(), ElementsAre("log 0 AsynFtpDownload: Input param is empty.",
+                                     "log 0 AsynFtpDownload: Input param is empty.",
+                                     "log 0 AsynFtpDownload: Input param is empty."));
+}
+
+TEST_F(DownloadTest, RejectedControlParametersStopItInTheWordsOfTheDataParameters)
+{
+    fakes::FailCall("TRAVEX_FTP_SetCtrlParam", 1, 5);
+    EXPECT_EQ(Begin(), 1U);
+    EXPECT_EQ(ulTaskID, 99U);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetDataParam"), 0U);
+    EXPECT_THAT(Only(Logged(), {"0"}),
+                ElementsAre("0 SetFtpCtrlParam: TRAVEX_FTP_SetCtrlParam Failed! Ret = 5",
+                            "0 AsynFtpDownload: SetFtpDataParam failed, iRet = 1"));
+}
+
+TEST_F(DownloadTest, RejectedDataParametersStopIt)
+{
+    fakes::FailCall("TRAVEX_FTP_SetDataParam", 1, 5);
+    EXPECT_EQ(Begin(), 1U);
+    EXPECT_EQ(ulTaskID, 99U);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 0U);
+    EXPECT_THAT(Only(Logged(), {"0"}),
+                ElementsAre("0 SetFtpDataParam: TRAVEX_FTP_SetDataParam Failed! Ret = 5",
+                            "0 AsynFtpDownload: SetFtpDataParam failed, iRet = 1"));
+}
+
+TEST_F(DownloadTest, ARefusedDownloadLeavesTaskZeroAndPassesTheCode)
+{
+    fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 1, 0xFFFFFFFF);
+    EXPECT_EQ(Begin(), 0xFFFFFFFFU);
+    EXPECT_EQ(ulTaskID, 0U);
+    const Lines vecLogged = Logged();
+    EXPECT_THAT(Lines(vecLogged.end() - 2, vecLogged.end()),
+                ElementsAre("2 AsynFtpDownload: Download file : file.local, TaskID : 0",
+                            "0 AsynFtpDownload: TRAVEX_FTP_AsynDownloadFile Failed! ulRet = -1"));
+}
+
+TEST_F(DownloadTest, TheTaskIsZeroWhileTheLibraryDecides)
+{
+    unsigned int ulDuring = 99;
+    fakes::OnCall("TRAVEX_FTP_AsynDownloadFile", 1, [&] { ulDuring = ulTaskID; });
+    ASSERT_EQ(Begin(), 0U);
+    EXPECT_EQ(ulDuring, 0U);
+}
+
+TEST_F(DownloadTest, TheHandleLivesAcrossDownloads)
+{
+    ASSERT_EQ(Begin(), 0U);
+    ASSERT_EQ(Begin(), 0U);
+    EXPECT_EQ(ulTaskID, 2U);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_CreateHandle"), 1U);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetCtrlParam"), 2U);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetDataParam"), 2U);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_CloseHandle"), 0U);
+}
+
+// --- Dispatch of notifications ------------------------------------------------------------------
+
+TEST_F(DispatchTest, ANullNotificationIsLoggedWithItsArguments)
+{
+    inside::NotifyCallback()(reinterpret_cast<void*>(0x77), nullptr);
+    EXPECT_THAT(Trace(),
+                ElementsAre("log 0 DownloadCallback: DownloadCallback Param is NULL, 0x77, "
+                            "(nil)"));
+}
+
+TEST_F(DispatchTest, ASuccessIsOnlyLogged)
+{
+    members.m_ulVersionTaskID = 1;
+    members.m_ulCorpDirTaskID = 2;
+    members.m_pfnDownloadCb = ClientCallback;
+    for (const unsigned int ulTask : {1U, 2U, 3U})
+    {
+        Notification(SUCCESS, ulTask, "pub/file").Deliver();
+        EXPECT_THAT(Logged(), ElementsAre("2 DownloadCallback: Download SUCCESS!",
+                                          Detail(ulTask, 0, 1, 2, "pub/file")));
+    }
+    EXPECT_THAT(Only(Trace(), {"enter", "client"}), IsEmpty());
+}
+
+TEST_F(DispatchTest, AnOverGoesToTheHandlerOfItsTask)
+{
+    members.m_ulVersionTaskID = 1;
+    members.m_ulCorpDirTaskID = 2;
+    members.m_strVersionLocalPath = "/nowhere/v";
+    Notification(OVER, 1, "a").Deliver();
+    EXPECT_THAT(Only(Trace(), {"log 2 DownloadCallback", "enter"}),
+                ElementsAre("log 2 DownloadCallback: Download is OVER!",
+                            "log " + Detail(1, 12, 1, 2, "a"), "enter VersionDownloadOver"));
+    Notification(OVER, 2, "b").Deliver();
+    EXPECT_THAT(Only(Trace(), {"log 2 DownloadCallback", "enter"}),
+                ElementsAre("log 2 DownloadCallback: Download is OVER!",
+                            "log " + Detail(2, 12, 1, 2, "b"), "enter CorpDirDownloadOver"));
+}
+
+TEST_F(DispatchTest, AnOverOfAnUnknownTaskIsOnlyLogged)
+{
+    members.m_ulVersionTaskID = 1;
+    members.m_ulCorpDirTaskID = 2;
+    Notification(OVER, 3, "c").Deliver();
+    EXPECT_THAT(Trace(), ElementsAre("log 2 DownloadCallback: Download is OVER!",
+                                     "log " + Detail(3, 12, 1, 2, "c")));
+}
+
+TEST_F(DispatchTest, TheVersionTaskIsTestedFirst)
+{
+    members.m_ulVersionTaskID = 5;
+    members.m_ulCorpDirTaskID = 5;
+    Notification(OVER, 5, "a").Deliver();
+    EXPECT_THAT(Only(Trace(), {"enter"}), ElementsAre("enter VersionDownloadOver"));
+}
+
+TEST_F(DispatchTest, AFailureIsLoggedAndHandedToTheFailureHandling)
+{
+    members.m_ulVersionTaskID = 1;
+    Notification(FAILED, 1, "a").Deliver();
+    const Lines vecLogged = Logged();
+    EXPECT_THAT(Lines(vecLogged.begin(), vecLogged.begin() + 2),
+                ElementsAre(Detail(1, 3, 1, 0, "a"),
+                            "0 VersionCorpDownloadErr: Download Error, taskid = 1"));
+}
+
+TEST_F(DispatchTest, OtherKindsAreIgnoredWithoutARecord)
+{
+    members.m_ulVersionTaskID = 1;
+    for (const unsigned int ulType : {1U, 2U, 4U, 11U, 13U, 0xFFFFFFFFU})
+    {
+        Notification(ulType, 1, "a").Deliver();
+    }
+    EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(DispatchTest, AFileNameWithoutATerminatorIsReadWithinItsField)
+{
+    Notification notification(OVER, 3, "");
+    std::memset(notification.stRecord.DownFileName, 'n', 256);
+    notification.Deliver();
+    EXPECT_EQ(Logged().back(), Detail(3, 12, 0, 0, std::string(255, 'n')));
+}
+
+TEST_F(DispatchTest, TheNotificationIsReadButNeverWritten)
+{
+    StartWithRequest("192.0.2.1;192.0.2.2");
+    Notification notification(FAILED, 1, "pub/version.txt");
+    notification.WithError(19);
+    const Notification before = notification;
+    notification.Deliver();
+    EXPECT_EQ(std::memcmp(&before.stRecord, &notification.stRecord, 260), 0);
+    EXPECT_EQ(before.stRecord.ulType, notification.stRecord.ulType);
+    EXPECT_EQ(notification.stError.ulRet, 19U);
+}
+
+TEST_F(DispatchTest, LargeNumbersAreUnsigned)
+{
+    Notification(OVER, 0xFFFFFFFF, "a").Deliver();
+    EXPECT_EQ(Logged().back(), Detail(0xFFFFFFFF, 12, 0, 0, "a"));
+}
+
+TEST(NotificationRecord, HasTheLibrarysLayout)
+{
+    using Record = tagTRAVEX_FTP_S_NOTIFY_DATA;
+    EXPECT_EQ(sizeof(Record), 272U);
+    EXPECT_EQ(offsetof(Record, ulTaskID), 0U);
+    EXPECT_EQ(offsetof(Record, DownFileName), 4U);
+    EXPECT_EQ(offsetof(Record, ulType), 260U);
+    EXPECT_EQ(offsetof(Record, pstErrInfo), 264U);
+    EXPECT_EQ(offsetof(tagTRAVEX_FTP_S_ERR_INFO, ulRet), 0U);
+}

@@ -1,0 +1,294 @@
+// The one service object: how clients reach it, its virtual table, construction and destruction.
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <typeinfo>
+
+#include "memory.h"
+#include "service_test.h"
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+class ObjectTest : public ServiceTest
+{
+};
+
+// Storage for a second object, filled with ones so that what a constructor leaves out shows.
+struct RawService
+{
+    RawService()
+    {
+        std::memset(aucStorage, 0xFF, sizeof(aucStorage));
+        pService = new (aucStorage) CFTPCorpDirImpl;
+    }
+
+    alignas(CFTPCorpDirImpl) unsigned char aucStorage[sizeof(CFTPCorpDirImpl)];
+    CFTPCorpDirImpl* pService;
+};
+
+void ExpectNoTexts(const inside::Members& members)
+{
+    for (const std::string* pstrMember :
+         {&members.m_strUserName, &members.m_strFtpIP, &members.m_strIPs, &members.m_strAllIPs,
+          &members.m_strLocalIP, &members.m_strOldVersion, &members.m_strVersionServerPath,
+          &members.m_strCorpDirServerPath, &members.m_strVersionLocalPath,
+          &members.m_strVersionFileName, &members.m_strCorpDirLocalPath,
+          &members.m_strCorpDirFileName})
+    {
+        EXPECT_EQ(*pstrMember, "");
+    }
+}
+
+void FillTexts(inside::Members& members)
+{
+    for (std::string* pstrMember :
+         {&members.m_strFtpCtrlInfo, &members.m_strUserName, &members.m_strFtpIP, &members.m_strIPs,
+          &members.m_strAllIPs, &members.m_strLocalIP, &members.m_strOldVersion,
+          &members.m_strVersionServerPath, &members.m_strCorpDirServerPath,
+          &members.m_strVersionLocalPath, &members.m_strVersionFileName,
+          &members.m_strCorpDirLocalPath, &members.m_strCorpDirFileName})
+    {
+        *pstrMember = "filled";
+    }
+}
+
+}  // namespace
+
+TEST_F(ObjectTest, EveryoneGetsTheSameObjectBeforeAnyStart)
+{
+    EXPECT_EQ(GetCorpDirInstance(), GetCorpDirInstance());
+    EXPECT_EQ(GetCorpDirInstance(), CFTPCorpDirImpl::GetInstance());
+    EXPECT_EQ(CFTPCorpDirImpl::GetInstance(), &inside::TheService());
+    EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(ObjectTest, TheInterfaceIsTheBeginningOfTheObjectAndCarriesRunTimeTypeInformation)
+{
+    EXPECT_EQ(static_cast<void*>(&client), static_cast<void*>(&service));
+    EXPECT_TRUE(typeid(client) == typeid(CFTPCorpDirImpl));
+    EXPECT_EQ(dynamic_cast<CFTPCorpDirImpl*>(&client), &service);
+}
+
+TEST_F(ObjectTest, TheInterfaceHasNoVirtualDestructor)
+{
+    EXPECT_FALSE(std::has_virtual_destructor_v<IFtpCorpDir>);
+    EXPECT_FALSE(std::is_destructible_v<IFtpCorpDir>) << "a client could delete the service";
+    EXPECT_TRUE(std::has_virtual_destructor_v<CFTPCorpDirImpl>);
+}
+
+// Slots of the Itanium C++ ABI: the object begins with a pointer to its table of functions.
+template <class Function>
+static Function Slot(void* pObject, size_t ulSlot)
+{
+    void** const pTable = *static_cast<void***>(pObject);
+    Function pfnSlot = nullptr;
+    std::memcpy(&pfnSlot, &pTable[ulSlot], sizeof(pfnSlot));
+    return pfnSlot;
+}
+
+TEST_F(ObjectTest, TheSixOperationsStandInTheFirstSixSlots)
+{
+    using Init = unsigned int (*)(void*, tag_CORPDIR_LOGINFO*);
+    using Uninit = void (*)(void*);
+    using Request = unsigned int (*)(void*, tag_CORPDIR_DOWNLOADINFO*, CORPDIR_DOWNLOAD_CB);
+    using List = unsigned int (*)(void*, const int*, unsigned int);
+    using One = unsigned int (*)(void*, int);
+    const int aiList[] = {7};
+    EXPECT_EQ(Slot<Init>(&client, 0)(&client, &stLogInfo), 0U);
+    EXPECT_EQ(Slot<Request>(&client, 2)(&client, nullptr, nullptr), 1U);
+    EXPECT_EQ(Slot<List>(&client, 3)(&client, aiList, 1), 0U);
+    EXPECT_EQ(Slot<One>(&client, 4)(&client, 8), 0U);
+    EXPECT_EQ(Slot<List>(&client, 5)(&client, nullptr, 0), 0U);
+    Slot<Uninit>(&client, 1)(&client);
+    EXPECT_THAT(Only(Trace(), {"enter "}),
+                ElementsAre("enter CorpDirInit", "enter CorpDirDownloadNetaddr",
+                            "enter CorpDirSetFtpCipherListToDirImpl",
+                            "enter CorpDirAddFtpCipherListToDirImplByOne",
+                            "enter CorpDirAddFtpCipherListToDirImpl", "enter CorpDirUninit"));
+}
+
+TEST_F(ObjectTest, TheDestructorsAndTheReleaseOfTheCipherListFollow)
+{
+    RawService raw;
+    Slot<void (*)(void*)>(raw.pService, 6)(raw.pService);
+    EXPECT_THAT(Only(Trace(), {"zep_memset_s(local, 32", "zep_memset_s(local, 16"}),
+                ElementsAre("zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)",
+                            "zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)"));
+
+    ASSERT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(1), 0U);
+    Slot<void (*)(void*)>(&client, 8)(&client);
+    EXPECT_EQ(g_stFtpCiperList.piCipherList, nullptr);
+}
+
+TEST_F(ObjectTest, TheDeletingDestructorReleasesTheStorage)
+{
+    memory::StartCounting(0, memory::Failing::One);
+    const long lBefore = memory::LiveBlocks();
+    auto* const pService = new CFTPCorpDirImpl;
+    EXPECT_EQ(memory::LiveBlocks(), lBefore + 1) << "the constructor allocates nothing";
+    Slot<void (*)(void*)>(pService, 7)(pService);
+    EXPECT_EQ(memory::LiveBlocks(), lBefore);
+    memory::StopCounting();
+}
+
+TEST_F(ObjectTest, AFreshObjectIsEmpty)
+{
+    inside::WorkerThread() = reinterpret_cast<OSAK_THREAD>(0x7001);
+    inside::WorkerRunFlag() = 1;
+    RawService raw;
+    const inside::Members fresh(*raw.pService);
+    ExpectNoTexts(fresh);
+    EXPECT_EQ(fresh.m_strFtpCtrlInfo, "");
+    EXPECT_EQ(fresh.m_pucPassword, nullptr);
+    EXPECT_THAT(fresh.m_aucKey, Each(0));
+    EXPECT_THAT(fresh.m_aucIV, Each(0));
+    EXPECT_EQ(fresh.m_ulPort, 0U);
+    EXPECT_EQ(fresh.m_ulFtpMode, 0U);
+    EXPECT_EQ(fresh.m_ulCertVerify, 0U);
+    EXPECT_EQ(fresh.m_pDownVersionTimer, nullptr);
+    EXPECT_EQ(fresh.m_hFtpHandle, nullptr);
+    EXPECT_EQ(fresh.m_pfnDownloadCb, nullptr);
+    EXPECT_EQ(fresh.m_ulVersionTaskID, 0U);
+    EXPECT_EQ(fresh.m_ulCorpDirTaskID, 0U);
+    EXPECT_TRUE(fresh.m_listThreadPro.empty());
+    EXPECT_EQ(fresh.m_hMutex, nullptr);
+    EXPECT_EQ(inside::WorkerThread(), nullptr);
+    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
+    raw.pService->~CFTPCorpDirImpl();
+}
+
+TEST_F(ObjectTest, ConstructionCallsNothingButTheTwoWipes)
+{
+    RawService raw;
+    EXPECT_THAT(Trace(),
+                ElementsAre("zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)"));
+    raw.pService->~CFTPCorpDirImpl();
+}
+
+TEST_F(ObjectTest, DestructionOfAnUnusedObjectCallsNothingButTheTwoWipes)
+{
+    RawService raw;
+    Trace();
+    raw.pService->~CFTPCorpDirImpl();
+    EXPECT_THAT(Trace(),
+                ElementsAre("zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)"));
+}
+
+TEST_F(ObjectTest, DestructionLeavesZeroKeyBytesEvenWithoutAPassword)
+{
+    RawService raw;
+    inside::Members members2(*raw.pService);
+    std::memset(members2.m_aucKey, 0xAA, sizeof(members2.m_aucKey));
+    std::memset(members2.m_aucIV, 0xAA, sizeof(members2.m_aucIV));
+    bool bKeyZero = false;
+    bool bIVZero = false;
+    // The wipe of the IV comes second: by then the key is zero; the mutex goes after both.
+    OSAK_MUTEX stMutex;
+    (void)OSAK_MutexInitRecursive(&stMutex, nullptr);
+    members2.m_hMutex =
+        static_cast<OSAK_MUTEX*>(OSAK_MemMallocD(sizeof(OSAK_MUTEX), 1, "ftpcorpdirimpl.cpp"));
+    (void)OSAK_MutexInitRecursive(members2.m_hMutex, nullptr);
+    fakes::OnCall("OSAK_MutexDestroy", 1,
+                  [&]
+                  {
+                      bKeyZero = std::count(members2.m_aucKey, members2.m_aucKey + 32, 0) == 32;
+                      bIVZero = std::count(members2.m_aucIV, members2.m_aucIV + 16, 0) == 16;
+                  });
+    raw.pService->~CFTPCorpDirImpl();
+    EXPECT_TRUE(bKeyZero);
+    EXPECT_TRUE(bIVZero);
+}
+
+TEST_F(ObjectTest, DestructionReleasesWhatAStopWouldHaveReleased)
+{
+    StartWithRequest();
+    AddTask(1);
+    FillTexts(members);
+    bool bCleared = false;
+    fakes::OnCall("OSAK_MutexDestroy", 1,
+                  [&]
+                  {
+                      ExpectNoTexts(members);
+                      EXPECT_EQ(members.m_strFtpCtrlInfo, "filled");
+                      EXPECT_EQ(members.m_pucPassword, nullptr);
+                      EXPECT_EQ(members.m_ulVersionTaskID, 0U);
+                      EXPECT_EQ(members.m_ulCorpDirTaskID, 0U);
+                      EXPECT_TRUE(members.m_listThreadPro.empty());
+                      bCleared = true;
+                  });
+    service.~CFTPCorpDirImpl();
+    EXPECT_TRUE(bCleared);
+    EXPECT_THAT(Trace(),
+                ElementsAre("OSAK_FreeRelTimer(timer 1)", "free(malloced)",
+                            "zep_memset_s(m_aucKey, 32, 0, 32)", "zep_memset_s(m_aucIV, 16, 0, 16)",
+                            "OSAK_MutexDestroy(block 1)", "OSAK_MemFreeD(block 1)"));
+    EXPECT_EQ(fakes::LiveFtpHandles(), 1U) << "the handle is not the destructor's business";
+    EXPECT_EQ(inside::WorkerRunFlag(), 1U) << "nor is the worker";
+    new (&service) CFTPCorpDirImpl;
+}
+
+// In a process of its own: an exit handler that was registered later runs before the destructor.
+TEST_F(ObjectTest, TheObjectIsDestroyedAtProcessExitAfterLaterExitHandlers)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            StartWithRequest();
+            fakes::OnCall("OSAK_FreeRelTimer", 1, [] { std::fputs("timer freed\n", stderr); });
+            (void)std::atexit(
+                []
+                {
+                    const auto* const pService = GetCorpDirInstance();
+                    std::fputs(pService != nullptr ? "handler ran\n" : "", stderr);
+                });
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "handler ran\ntimer freed");
+}
+
+TEST_F(ObjectTest, NothingIsLoggedWithoutALogObject)
+{
+    CCorpDirLog* const pLog = g_LogOne;
+    g_LogOne = nullptr;
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    client.CorpDirUninit();
+    g_LogOne = pLog;
+    EXPECT_THAT(Logged(), IsEmpty());
+}
+
+TEST_F(ObjectTest, NothingIsLoggedWhenTheLogModeIsNotZero)
+{
+    g_LogMode = 1;
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    client.CorpDirUninit();
+    EXPECT_THAT(Logged(), IsEmpty());
+}
+
+TEST(RequestRecord, HasTheLayoutThatClientsWereBuiltWith)
+{
+    using Info = tag_CORPDIR_DOWNLOADINFO;
+    EXPECT_EQ(sizeof(Info), 2352U);
+    EXPECT_EQ(offsetof(Info, szFtpCtrlInfo), 0U);
+    EXPECT_EQ(offsetof(Info, szUserName), 256U);
+    EXPECT_EQ(offsetof(Info, szPassword), 512U);
+    EXPECT_EQ(offsetof(Info, szVersionServerFile), 768U);
+    EXPECT_EQ(offsetof(Info, szCorpDirServerFile), 1024U);
+    EXPECT_EQ(offsetof(Info, szVersionLocalDir), 1280U);
+    EXPECT_EQ(offsetof(Info, szVersionLocalFileName), 1536U);
+    EXPECT_EQ(offsetof(Info, szCorpDirLocalDir), 1792U);
+    EXPECT_EQ(offsetof(Info, szCorpDirLocalFileName), 2048U);
+    EXPECT_EQ(offsetof(Info, pReserved1), 2304U);
+    EXPECT_EQ(offsetof(Info, pszFtpIPs), 2312U);
+    EXPECT_EQ(offsetof(Info, ulPort), 2320U);
+    EXPECT_EQ(offsetof(Info, ulFtpMode), 2324U);
+    EXPECT_EQ(offsetof(Info, pReserved2), 2328U);
+    EXPECT_EQ(offsetof(Info, pszLocalIP), 2336U);
+    EXPECT_EQ(offsetof(Info, ulCertVerify), 2344U);
+}

@@ -1,0 +1,236 @@
+// Sealing of the password: sizes, failures, and the length that is found from the padded block.
+#include <cstring>
+
+#include "service_test.h"
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace
+{
+
+class SealingTest : public ServiceTest
+{
+protected:
+    unsigned int Seal(const std::string& strPlain, unsigned int ulCapacity)
+    {
+        ulLength = ulCapacity;
+        std::string strCopy = strPlain;
+        return CommonEncrypt(reinterpret_cast<unsigned char*>(&strCopy[0]),
+                             static_cast<unsigned int>(strCopy.size()), aucKey, 32, aucIV, 16,
+                             aucBlock, &ulLength);
+    }
+
+    unsigned int Unseal(unsigned int ulSealedLen = 0)
+    {
+        ulPlainLength = sizeof(aucPlain);
+        return CommonDecrypt(aucBlock, ulSealedLen, aucKey, 32, aucIV, 16, aucPlain,
+                             &ulPlainLength);
+    }
+
+    std::string Plain() const
+    {
+        return std::string(reinterpret_cast<const char*>(aucPlain), ulPlainLength);
+    }
+
+    unsigned char aucKey[32] = {};
+    unsigned char aucIV[16] = {};
+    unsigned char aucBlock[256] = {};
+    unsigned int ulLength = 0;
+    unsigned char aucPlain[256] = {};
+    unsigned int ulPlainLength = 0;
+};
+
+}  // namespace
+
+TEST_F(SealingTest, DrawsKeyThenIVThenAsksForTheBlockSizeThenEncrypts)
+{
+    EXPECT_EQ(Seal("secret", 256), 0U);
+    EXPECT_EQ(ulLength, 16U);
+    EXPECT_THAT(Trace(),
+                ElementsAre("ZEP_CPYPT_RealRandom(32)", "ZEP_CPYPT_RealRandom(16)",
+                            "ZEP_CRYPT_GetblockSize(0)", "ZEP_CPYPT_Encrypt(0, 32, 16, 6, 256)"));
+    EXPECT_THAT(aucKey, Not(Each(0)));
+    EXPECT_THAT(aucIV, Not(Each(0)));
+}
+
+TEST_F(SealingTest, RoundTripsEveryLengthFrom1To255)
+{
+    for (unsigned int ulPlain = 1; ulPlain <= 255; ++ulPlain)
+    {
+        std::memset(aucBlock, 0, sizeof(aucBlock));
+        std::string strPlain;
+        for (unsigned int i = 0; i < ulPlain; ++i)
+        {
+            strPlain += static_cast<char>('!' + (i * 7 + ulPlain) % 90);
+        }
+        ASSERT_EQ(Seal(strPlain, 256), 0U) << ulPlain;
+        ASSERT_EQ(ulLength, (ulPlain / 16 + 1) * 16) << ulPlain;
+        ASSERT_EQ(CommonPasswordLength(aucBlock), ulLength) << ulPlain;
+        ASSERT_EQ(Unseal(), 0U) << ulPlain;
+        ASSERT_EQ(Plain(), strPlain);
+    }
+}
+
+TEST_F(SealingTest, APlainTextOfWholeBlocksNeedsOneBlockMore)
+{
+    EXPECT_EQ(Seal(std::string(16, 'x'), 32), 0U);
+    EXPECT_EQ(ulLength, 32U);
+    EXPECT_EQ(Seal(std::string(16, 'x'), 31), 1U);
+    EXPECT_EQ(ulLength, 0U);
+    EXPECT_THAT(Logged(), ElementsAre("0 CommonEncrypt: out buffer is not enough."));
+}
+
+TEST_F(SealingTest, AnEmptyPlainTextNeedsOneBlock)
+{
+    EXPECT_EQ(Seal("", 16), 0U);
+    EXPECT_EQ(ulLength, 16U);
+    EXPECT_EQ(Seal("", 15), 1U);
+    EXPECT_EQ(ulLength, 0U);
+}
+
+TEST_F(SealingTest, EncryptsNothingIntoABufferThatIsTooSmall)
+{
+    EXPECT_EQ(Seal(std::string(255, 'x'), 255), 1U);
+    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 0U);
+}
+
+TEST_F(SealingTest, MakesBothDrawsAndJoinsTheirCodes)
+{
+    fakes::FailCall("ZEP_CPYPT_RealRandom", 1, 5);
+    fakes::FailCall("ZEP_CPYPT_RealRandom", 2, 10);
+    EXPECT_EQ(Seal("secret", 256), 15U);
+    EXPECT_EQ(ulLength, 0U);
+    EXPECT_THAT(Trace(),
+                ElementsAre("ZEP_CPYPT_RealRandom(32) = 5", "ZEP_CPYPT_RealRandom(16) = 10",
+                            "log 0 CommonEncrypt: Get RealRandom failed, errno is 15 ."));
+}
+
+TEST_F(SealingTest, FailsWhenTheDrawOfTheIVAloneFails)
+{
+    fakes::FailCall("ZEP_CPYPT_RealRandom", 2, 0x80000000);
+    EXPECT_EQ(Seal("secret", 256), 0x80000000U);
+    EXPECT_EQ(ulLength, 0U);
+    EXPECT_THAT(Logged(),
+                ElementsAre("0 CommonEncrypt: Get RealRandom failed, errno is 2147483648 ."));
+}
+
+TEST_F(SealingTest, FailsWhenTheDrawOfTheKeyAloneFails)
+{
+    fakes::FailCall("ZEP_CPYPT_RealRandom", 1, 3);
+    EXPECT_EQ(Seal("secret", 256), 3U);
+    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_RealRandom"), 2U) << "the IV is drawn all the same";
+    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 0U);
+    EXPECT_EQ(ulLength, 0U);
+}
+
+TEST_F(SealingTest, PassesTheCiphersCodeAndLeavesTheLengthToIt)
+{
+    fakes::FailCall("ZEP_CPYPT_Encrypt", 1, 0xFFFFFFFF);
+    EXPECT_EQ(Seal("secret", 256), 0xFFFFFFFFU);
+    EXPECT_EQ(ulLength, 256U) << "as the cipher left it";
+    EXPECT_THAT(Logged(), ElementsAre("0 CommonEncrypt: ZEP_CPYPT_Encrypt error : 4294967295"));
+}
+
+TEST_F(SealingTest, ACipherWithoutABlockSizeFailsInsteadOfDividingByZero)
+{
+    fakes::FailCall("ZEP_CRYPT_GetblockSize", 1, 0);
+    EXPECT_NE(Seal("secret", 256), 0U);
+    EXPECT_EQ(ulLength, 0U);
+    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 0U);
+}
+
+TEST_F(SealingTest, TheBlockSizeIsTheCryptoLayersInTheCapacityRule)
+{
+    fakes::FailCall("ZEP_CRYPT_GetblockSize", 1, 64);
+    EXPECT_EQ(Seal("secret", 63), 1U);
+    fakes::FailCall("ZEP_CRYPT_GetblockSize", 1, 64);
+    EXPECT_EQ(Seal("secret", 64), 0U);
+}
+
+TEST_F(SealingTest, DrawsAFreshKeyAndIVEachTime)
+{
+    ASSERT_EQ(Seal("secret", 256), 0U);
+    const std::string strKey(reinterpret_cast<char*>(aucKey), 32);
+    const std::string strIV(reinterpret_cast<char*>(aucIV), 16);
+    ASSERT_EQ(Seal("secret", 256), 0U);
+    EXPECT_NE(std::string(reinterpret_cast<char*>(aucKey), 32), strKey);
+    EXPECT_NE(std::string(reinterpret_cast<char*>(aucIV), 16), strIV);
+}
+
+// --- The length of a sealed password ------------------------------------------------------------
+
+TEST_F(SealingTest, AnAllZeroBlockHasLengthZero)
+{
+    EXPECT_EQ(CommonPasswordLength(aucBlock), 0U);
+}
+
+TEST_F(SealingTest, TheLengthEndsWithTheSixteenBytesThatHoldTheLastNonZeroByte)
+{
+    for (unsigned int ulIndex = 0; ulIndex < 256; ++ulIndex)
+    {
+        std::memset(aucBlock, 0, sizeof(aucBlock));
+        aucBlock[ulIndex] = 1;
+        EXPECT_EQ(CommonPasswordLength(aucBlock), (ulIndex / 16 + 1) * 16) << ulIndex;
+    }
+    std::memset(aucBlock, 0, sizeof(aucBlock));
+    aucBlock[0] = 1;
+    EXPECT_EQ(CommonPasswordLength(aucBlock), 16U);
+    aucBlock[16] = 1;
+    EXPECT_EQ(CommonPasswordLength(aucBlock), 32U);
+    aucBlock[255] = 1;
+    EXPECT_EQ(CommonPasswordLength(aucBlock), 256U);
+}
+
+TEST_F(SealingTest, TheBlockSizeOfTheLengthRuleIsFixed)
+{
+    aucBlock[0] = 1;
+    CommonPasswordLength(aucBlock);
+    EXPECT_THAT(Trace(), IsEmpty()) << "the crypto layer is not asked";
+}
+
+TEST_F(SealingTest, ASealedTextWhoseLastBytesAreZeroKeepsItsFullLength)
+{
+    fakes::SetSealed(std::string(17, 'c') + std::string(15, '\0'));
+    ASSERT_EQ(Seal(std::string(20, 'x'), 256), 0U);
+    EXPECT_EQ(CommonPasswordLength(aucBlock), 32U);
+}
+
+// --- Unsealing ----------------------------------------------------------------------------------
+
+TEST_F(SealingTest, UnsealingIgnoresTheLengthItIsGiven)
+{
+    ASSERT_EQ(Seal("secret", 256), 0U);
+    for (const unsigned int ulWrong : {0U, 1U, 15U, 255U, 0xFFFFFFFFU})
+    {
+        Trace();
+        EXPECT_EQ(Unseal(ulWrong), 0U);
+        EXPECT_EQ(Plain(), "secret");
+        EXPECT_THAT(Trace(), ElementsAre("ZEP_CPYPT_Decrypt(0, 32, 16, 16, 256)"));
+    }
+}
+
+TEST_F(SealingTest, UnsealingPassesTheCiphersCode)
+{
+    ASSERT_EQ(Seal("secret", 256), 0U);
+    fakes::FailCall("ZEP_CPYPT_Decrypt", 1, 0xFFFFFFFE);
+    EXPECT_EQ(Unseal(), 0xFFFFFFFEU);
+    EXPECT_THAT(Logged(), ElementsAre("0 CommonDecrypt: ZEP_CPYPT_Decrypt error : 4294967294"));
+}
+
+TEST_F(SealingTest, AWrongKeyDoesNotUnseal)
+{
+    ASSERT_EQ(Seal("secret", 256), 0U);
+    aucKey[15] ^= 0x40;
+    EXPECT_NE(Unseal(), 0U);
+    EXPECT_THAT(Logged(), ElementsAre("0 CommonDecrypt: ZEP_CPYPT_Decrypt error : 4"));
+}
+
+TEST_F(SealingTest, AnEmptyBlockDoesNotUnseal)
+{
+    EXPECT_NE(Unseal(), 0U);
+    EXPECT_THAT(Trace(), ElementsAre("ZEP_CPYPT_Decrypt(0, 32, 16, 0, 256)",
+                                     "log 0 CommonDecrypt: ZEP_CPYPT_Decrypt error : 1"));
+}

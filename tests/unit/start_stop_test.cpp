@@ -1,0 +1,531 @@
+// Start and stop: the order of their steps, the values each failure leaves behind, a second start,
+// and who wins when the worker, a notification and a stop meet.
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "service_test.h"
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+class StartTest : public ServiceTest
+{
+};
+
+class StopTest : public ServiceTest
+{
+};
+
+}  // namespace
+
+// --- Start --------------------------------------------------------------------------------------
+
+TEST_F(StartTest, BringsLogLibraryHandleMutexAndWorkerUp)
+{
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
+    EXPECT_NE(members.m_hMutex, nullptr);
+    EXPECT_EQ(fakes::LiveMemory(), 72U);
+    EXPECT_NE(inside::WorkerThread(), nullptr);
+    EXPECT_EQ(inside::WorkerRunFlag(), 1U);
+    EXPECT_THAT(Logged(), ElementsAre("2 CorpDirInit: built date: Feb 03 2004, 05:06:07",
+                                      "2 CorpDirInit: built at svn version :35197",
+                                      "2 CorpDirInit: ftp init OK!",
+                                      "2 CorpDirInit: Ftp create handle success.",
+                                      "2 CorpDirInit: Thread Process Runing: 1",
+                                      "2 CorpDirInit: CorpDirInit OK, Thread Handle: 0x7001"));
+}
+
+TEST_F(StartTest, HandsTheLogSettingsThroughUnread)
+{
+    EXPECT_EQ(client.CorpDirInit(nullptr), 0U);
+    EXPECT_THAT(Only(Trace(), {"CorpDir_OpenLog"}), ElementsAre("CorpDir_OpenLog(null)"));
+}
+
+TEST_F(StartTest, GivesTheLogsOwnCodeAndCallsNothingElseWhenTheLogDoesNotOpen)
+{
+    fakes::FailCall("CorpDir_OpenLog", 1, 5);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 5U);
+    EXPECT_THAT(Trace(),
+                ElementsAre("enter CorpDirInit", "CorpDir_OpenLog(loginfo) = 5",
+                            "log 0 CorpDirInit: Openlog failed : 50", "leave CorpDirInit"));
+}
+
+TEST_F(StartTest, PrintsTheLogsCodeAsSigned)
+{
+    fakes::FailCall("CorpDir_OpenLog", 1, 0xFFFFFFFE);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0xFFFFFFFEU);
+    EXPECT_THAT(Logged(), ElementsAre("0 CorpDirInit: Openlog failed : -20"));
+}
+
+TEST_F(StartTest, ClosesTheLogWhenTheLibraryDoesNotStart)
+{
+    fakes::FailCall("TRAVEX_FTP_Init", 1, 0xFFFFFFFF);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 1U);
+    EXPECT_EQ(members.m_hFtpHandle, nullptr);
+    EXPECT_THAT(Trace(), ElementsAre("enter CorpDirInit", "CorpDir_OpenLog(loginfo)",
+                                     "log 2 CorpDirInit: built date: Feb 03 2004, 05:06:07",
+                                     "log 2 CorpDirInit: built at svn version :35197",
+                                     "TRAVEX_FTP_Init() = -1",
+                                     "log 0 CorpDirInit: ftp init fail, ret:4294967295",
+                                     "CorpDir_CloseLog()", "leave CorpDirInit"));
+}
+
+TEST_F(StartTest, TakesTheLibraryDownAgainWhenThereIsNoHandle)
+{
+    fakes::FailCall("TRAVEX_FTP_CreateHandle", 1, 1);
+    fakes::FailCall("TRAVEX_FTP_UnInit", 1, 4);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 1U);
+    EXPECT_EQ(members.m_hFtpHandle, nullptr);
+    EXPECT_EQ(members.m_hMutex, nullptr);
+    const Lines vecTrace = Trace();
+    EXPECT_THAT(Lines(vecTrace.begin() + 6, vecTrace.end()),
+                ElementsAre("TRAVEX_FTP_CreateHandle() = 1",
+                            "log 0 CorpDirInit: TRAVEX_FTP_CreateHandle fail !",
+                            "TRAVEX_FTP_UnInit() = 4", "log 2 CorpDirInit: ftp uninit ret:4",
+                            "CorpDir_CloseLog()", "leave CorpDirInit"));
+}
+
+TEST_F(StartTest, ClosesTheHandleButKeepsItsValueWhenThereIsNoMutexStorage)
+{
+    fakes::FailCall("OSAK_MemMallocD", 1, 1);
+    fakes::FailCall("TRAVEX_FTP_CloseHandle", 1, 0xFFFFFFFF);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 1U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
+    EXPECT_EQ(members.m_hMutex, nullptr);
+    EXPECT_EQ(inside::WorkerThread(), nullptr);
+    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
+    EXPECT_EQ(fakes::LiveFtpHandles(), 0U);
+    const Lines vecTrace = Trace();
+    EXPECT_THAT(Lines(vecTrace.begin() + 8, vecTrace.end()),
+                ElementsAre("OSAK_MemMallocD(72) = 1", "log 0 CorpDirInit: Metex create failed. ",
+                            "TRAVEX_FTP_CloseHandle(ftp 1) = -1",
+                            "log 2 CorpDirInit: TRAVEX_FTP_CloseHandle Ret : -1",
+                            "TRAVEX_FTP_UnInit()", "log 2 CorpDirInit: ftp uninit ret:0",
+                            "CorpDir_CloseLog()", "leave CorpDirInit"));
+}
+
+TEST_F(StartTest, KeepsTheClosedHandleAndTheReleasedMutexWhenThereIsNoThread)
+{
+    fakes::FailCall("OSAK_PthreadCreate", 1, 11);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 1U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
+    EXPECT_NE(members.m_hMutex, nullptr);
+    EXPECT_FALSE(fakes::IsLiveBlock(members.m_hMutex));
+    EXPECT_EQ(inside::WorkerThread(), nullptr);
+    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
+    const Lines vecTrace = Trace();
+    EXPECT_THAT(
+        Lines(vecTrace.begin() + 10, vecTrace.end()),
+        ElementsAre("OSAK_PthreadCreate(g_stThread, null, ThreadProcess, null) = 11",
+                    "log 0 CorpDirInit: OSAK_PthreadCreate fail !", "OSAK_MutexDestroy(block 1)",
+                    "OSAK_MemFreeD(block 1)", "TRAVEX_FTP_CloseHandle(ftp 1)",
+                    "log 2 CorpDirInit: TRAVEX_FTP_CloseHandle Ret : 0", "TRAVEX_FTP_UnInit()",
+                    "log 2 CorpDirInit: ftp uninit ret:0", "CorpDir_CloseLog()",
+                    "leave CorpDirInit"));
+    members.m_hMutex = nullptr;  // the destructor would release it once more
+}
+
+TEST_F(StartTest, AfterAFailedThreadANewStartKeepsTheClosedHandleAndReplacesTheMutex)
+{
+    fakes::FailCall("OSAK_PthreadCreate", 1, 11);
+    ASSERT_EQ(client.CorpDirInit(&stLogInfo), 1U);
+    Trace();
+    Logged();
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1)) << "no second handle";
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_CreateHandle"), 1U);
+    EXPECT_THAT(Logged(), ElementsAre("2 CorpDirInit: built date: Feb 03 2004, 05:06:07",
+                                      "2 CorpDirInit: built at svn version :35197",
+                                      "2 CorpDirInit: ftp init OK!",
+                                      "0 CorpDirInit: Mutex existed, it will be destoried.",
+                                      "2 CorpDirInit: Thread Process Runing: 1",
+                                      "2 CorpDirInit: CorpDirInit OK, Thread Handle: 0x7001"));
+    EXPECT_THAT(fakes::TakeMisuses(), ElementsAre("OSAK_MutexDestroy of a mutex that is not live",
+                                                  "OSAK_MemFreeD of a block that is not live"));
+}
+
+TEST_F(StartTest, AStopAfterAFailedStartMakesTheNextStartAFullOne)
+{
+    fakes::FailCall("OSAK_PthreadCreate", 1, 11);
+    ASSERT_EQ(client.CorpDirInit(&stLogInfo), 1U);
+    client.CorpDirUninit();
+    fakes::TakeMisuses();
+    EXPECT_EQ(members.m_hFtpHandle, nullptr);
+    EXPECT_EQ(members.m_hMutex, nullptr);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(2));
+    EXPECT_EQ(fakes::LiveFtpHandles(), 1U);
+}
+
+TEST_F(StartTest, IgnoresAMutexThatDoesNotInitialise)
+{
+    fakes::FailCall("OSAK_MutexInitRecursive", 1, 7);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+}
+
+TEST_F(StartTest, DropsQueuedTasksBetweenTheMutexAndTheWorker)
+{
+    AddTask(1);
+    AddTask(2);
+    std::vector<unsigned int> vecAtMutex;
+    std::vector<unsigned int> vecAtThread = {9};
+    fakes::OnCall("OSAK_MutexInitRecursive", 1, [&] { vecAtMutex = Tasks(); });
+    fakes::OnCall("OSAK_PthreadCreate", 1, [&] { vecAtThread = Tasks(); });
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_THAT(vecAtMutex, ElementsAre(1, 2));
+    EXPECT_THAT(vecAtThread, IsEmpty());
+}
+
+TEST_F(StartTest, TwiceGivesOneHandleOneThreadAndANewMutex)
+{
+    Start();
+    AddTask(1);
+    OSAK_MUTEX* const hFirst = members.m_hMutex;
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_NE(members.m_hMutex, hFirst);
+    EXPECT_EQ(inside::WorkerRunFlag(), 1U);
+    EXPECT_THAT(Tasks(), IsEmpty());
+    EXPECT_EQ(fakes::Calls("OSAK_PthreadCreate"), 1U);
+    EXPECT_EQ(fakes::LiveFtpHandles(), 1U);
+    EXPECT_EQ(fakes::LiveMemory(), 72U);
+    EXPECT_THAT(Trace(),
+                ElementsAre("enter CorpDirInit", "CorpDir_OpenLog(loginfo)",
+                            "log 2 CorpDirInit: built date: Feb 03 2004, 05:06:07",
+                            "log 2 CorpDirInit: built at svn version :35197", "TRAVEX_FTP_Init()",
+                            "log 2 CorpDirInit: ftp init OK!",
+                            "log 0 CorpDirInit: Mutex existed, it will be destoried.",
+                            "OSAK_MutexDestroy(block 1)", "OSAK_MemFreeD(block 1)",
+                            "OSAK_MemMallocD(72)", "OSAK_MutexInitRecursive(block 2, null)",
+                            "log 2 CorpDirInit: CorpDirInit OK, Thread Handle: 0x7001",
+                            "leave CorpDirInit"));
+}
+
+TEST_F(StartTest, TwiceLeavesARunFlagAsItWas)
+{
+    Start();
+    inside::WorkerRunFlag() = 0;
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
+}
+
+TEST_F(StartTest, AWorkerThatRunsAtOnceKeepsTheStart)
+{
+    fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_TRUE(fakes::StepWorker()) << "the worker has ended";
+    EXPECT_EQ(fakes::LiveFtpHandles(), 1U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
+    client.CorpDirUninit();
+}
+
+TEST_F(StartTest, AWorkerThatRunsLateKeepsTheStart)
+{
+    fakes::SetWorkerMode(fakes::WorkerMode::Late);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    fakes::StartLateWorker();
+    EXPECT_TRUE(fakes::StepWorker()) << "the worker has ended";
+    EXPECT_EQ(fakes::LiveFtpHandles(), 1U);
+    client.CorpDirUninit();
+}
+
+TEST_F(StartTest, AWorkerThatRunsOnlyAfterTheStopJustLeaves)
+{
+    fakes::SetWorkerMode(fakes::WorkerMode::Late);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    client.CorpDirUninit();
+    EXPECT_EQ(fakes::LiveFtpHandles(), 0U);
+    EXPECT_EQ(fakes::Calls("usleep"), 0U);
+}
+
+// --- Stop ---------------------------------------------------------------------------------------
+
+TEST_F(StopTest, LeavesNothingOfARequestButTrustTextNumbersAndCallback)
+{
+    Start();
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    stInfo.ulPort = 2121;
+    stInfo.ulFtpMode = 3;
+    stInfo.ulCertVerify = 1;
+    stInfo.pszFtpIPs = "192.0.2.1;192.0.2.2";
+    stInfo.pszLocalIP = "192.0.2.99";
+    ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
+    members.m_strOldVersion = "1.2.3";
+    members.m_ulCorpDirTaskID = 5;
+    AddTask(1);
+    client.CorpDirUninit();
+
+    for (const std::string* pstrMember :
+         {&members.m_strUserName, &members.m_strFtpIP, &members.m_strIPs, &members.m_strAllIPs,
+          &members.m_strLocalIP, &members.m_strOldVersion, &members.m_strVersionServerPath,
+          &members.m_strCorpDirServerPath, &members.m_strVersionLocalPath,
+          &members.m_strVersionFileName, &members.m_strCorpDirLocalPath,
+          &members.m_strCorpDirFileName})
+    {
+        EXPECT_EQ(*pstrMember, "");
+    }
+    EXPECT_EQ(members.m_strFtpCtrlInfo, "ca=/etc/ca.pem");
+    EXPECT_EQ(members.m_ulPort, 2121U);
+    EXPECT_EQ(members.m_ulFtpMode, 3U);
+    EXPECT_EQ(members.m_ulCertVerify, 1U);
+    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
+
+    EXPECT_EQ(inside::WorkerThread(), nullptr);
+    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
+    EXPECT_EQ(members.m_hFtpHandle, nullptr);
+    EXPECT_EQ(members.m_hMutex, nullptr);
+    EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+    EXPECT_EQ(members.m_pucPassword, nullptr);
+    EXPECT_EQ(members.m_ulVersionTaskID, 0U);
+    EXPECT_EQ(members.m_ulCorpDirTaskID, 0U);
+    EXPECT_THAT(members.m_aucKey, Each(0));
+    EXPECT_THAT(members.m_aucIV, Each(0));
+    EXPECT_THAT(Tasks(), IsEmpty());
+    EXPECT_EQ(fakes::LiveMemory(), 0U);
+    EXPECT_EQ(fakes::LiveFtpHandles(), 0U);
+    EXPECT_EQ(fakes::LiveTimers(), 0U);
+}
+
+TEST_F(StopTest, WithoutAStartJoinsNothingButStillStopsLibraryAndLog)
+{
+    client.CorpDirUninit();
+    EXPECT_THAT(
+        Trace(),
+        ElementsAre(
+            "enter CorpDirUninit", "log 2 CorpDirUninit: DownVersionTimer is freed.",
+            "log 2 CorpDirUninit: ThreadRuning: 0", "log 2 CorpDirUninit: OSAK_PthreadJoin:(nil)",
+            "zep_memset_s(m_aucKey, 32, 0, 32)", "zep_memset_s(m_aucIV, 16, 0, 16)",
+            "TRAVEX_FTP_UnInit()", "log 2 CorpDirUninit: ftp uninit ret:0",
+            "log 2 CorpDirUninit: before close log.", "CorpDir_CloseLog()", "leave CorpDirUninit"));
+}
+
+TEST_F(StopTest, LeavesTheHandleOpenWhenTheWorkerCannotBeJoined)
+{
+    Start();
+    fakes::FailCall("OSAK_PthreadJoin", 1, 0xFFFFFFFF);
+    client.CorpDirUninit();
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
+    EXPECT_EQ(fakes::LiveFtpHandles(), 1U);
+    EXPECT_EQ(inside::WorkerThread(), nullptr);
+    EXPECT_EQ(members.m_hMutex, nullptr);
+    EXPECT_THAT(Only(Logged(), {"2 CorpDirUninit: OSAK_PthreadJoin Ret"}),
+                ElementsAre("2 CorpDirUninit: OSAK_PthreadJoin Ret : -1"));
+}
+
+TEST_F(StopTest, ClosesAHandleThatNoWorkerHasClosed)
+{
+    StartWithRequest();
+    client.CorpDirUninit();
+    // A request without a start makes a handle of its own, and there is no worker to close it.
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
+    Trace();
+    fakes::FailCall("TRAVEX_FTP_CloseHandle", 1, 6);
+    client.CorpDirUninit();
+    EXPECT_EQ(members.m_hFtpHandle, nullptr);
+    EXPECT_THAT(Only(Trace(), {"log 2 CorpDirUninit: OSAK_PthreadJoin", "TRAVEX_FTP_CloseHandle",
+                               "log 2 CorpDirUninit: TRAVEX_FTP_CloseHandle"}),
+                ElementsAre("log 2 CorpDirUninit: OSAK_PthreadJoin:(nil)",
+                            "TRAVEX_FTP_CloseHandle(ftp 2) = 6",
+                            "log 2 CorpDirUninit: TRAVEX_FTP_CloseHandle Ret : 6"));
+}
+
+TEST_F(StopTest, LogsWhatItDoesNotReport)
+{
+    Start();
+    fakes::FailCall("OSAK_MutexDestroy", 1, 3);
+    fakes::FailCall("TRAVEX_FTP_UnInit", 1, 0xFFFFFFFF);
+    client.CorpDirUninit();
+    EXPECT_THAT(Only(Logged(), {"2 CorpDirUninit: OSAK_MutexDestroy", "2 CorpDirUninit: ftp"}),
+                ElementsAre("2 CorpDirUninit: OSAK_MutexDestroy Ret : 3",
+                            "2 CorpDirUninit: ftp uninit ret:4294967295"));
+    EXPECT_EQ(fakes::LiveMemory(), 0U) << "the storage is released all the same";
+}
+
+TEST_F(StopTest, ReleasesTheCipherListAndKeepsItsCount)
+{
+    Start();
+    const int aiList[] = {1, 2, 3, 4};
+    ASSERT_EQ(client.CorpDirSetFtpCipherListToDirImpl(aiList, 4), 0U);
+    client.CorpDirUninit();
+    EXPECT_EQ(g_stFtpCiperList.piCipherList, nullptr);
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 4U);
+}
+
+namespace
+{
+
+class ReleaseObserver : public CFTPCorpDirImpl
+{
+public:
+    void freeFtpCipherList() override
+    {
+        fakes::Note("freeFtpCipherList of the derived class");
+    }
+};
+
+}  // namespace
+
+TEST_F(StopTest, ReleasesTheCipherListThroughTheVirtualTable)
+{
+    ReleaseObserver observer;
+    Trace();
+    observer.CorpDirUninit();
+    EXPECT_THAT(Only(Trace(), {"freeFtp", "TRAVEX"}),
+                ElementsAre("freeFtpCipherList of the derived class", "TRAVEX_FTP_UnInit()"));
+}
+
+TEST_F(StopTest, CanBeFollowedByAStart)
+{
+    Start();
+    client.CorpDirUninit();
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(2));
+    EXPECT_EQ(inside::WorkerRunFlag(), 1U);
+}
+
+TEST_F(StopTest, TheTimerGoesBeforeTheWorkerIsStopped)
+{
+    StartWithRequest();
+    unsigned int ulFlagAtTimer = 9;
+    unsigned int ulFlagAtJoin = 9;
+    fakes::OnCall("OSAK_FreeRelTimer", 1, [&] { ulFlagAtTimer = inside::WorkerRunFlag(); });
+    fakes::OnCall("OSAK_PthreadJoin", 1, [&] { ulFlagAtJoin = inside::WorkerRunFlag(); });
+    fakes::OnCall("TRAVEX_FTP_CloseHandle", 1,
+                  [&] { EXPECT_EQ(members.m_strUserName, "alice") << "cleared before the join"; });
+    client.CorpDirUninit();
+    EXPECT_EQ(ulFlagAtTimer, 1U);
+    EXPECT_EQ(ulFlagAtJoin, 0U);
+}
+
+TEST_F(StopTest, ATimerThatDoesNotFreeIsForgottenAllTheSame)
+{
+    StartWithRequest();
+    fakes::FailCall("OSAK_FreeRelTimer", 1, 5);
+    client.CorpDirUninit();
+    EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+}
+
+// --- Stop and notifications ---------------------------------------------------------------------
+
+// Another thread is inside the client's callback. The stop goes round in its wait until the test
+// lets that thread out, and only then clears the request.
+TEST_F(StopTest, WaitsForANotificationInsideTheServiceBeforeItClearsTheRequest)
+{
+    StartWithRequest();
+    std::atomic<bool> bInside{false};
+    std::atomic<bool> bMayLeave{false};
+    std::atomic<bool> bLeft{false};
+    fakes::OnCall("client", 1,
+                  [&]
+                  {
+                      bInside = true;
+                      while (!bMayLeave)
+                      {
+                          std::this_thread::yield();
+                      }
+                      bLeft = true;
+                  });
+    std::thread notifier([] { Notification(FAILED, 1, "other").Deliver(); });
+    while (!bInside)
+    {
+        std::this_thread::yield();
+    }
+    fakes::OnCall("usleep", 3,
+                  [&]
+                  {
+                      EXPECT_EQ(members.m_strUserName, "alice");
+                      EXPECT_NE(members.m_pucPassword, nullptr);
+                      EXPECT_NE(members.m_hMutex, nullptr);
+                      EXPECT_EQ(members.m_hFtpHandle, nullptr) << "the handle is closed before";
+                      EXPECT_EQ(inside::WorkerThread(), nullptr) << "the join comes before";
+                      EXPECT_FALSE(bLeft);
+                      bMayLeave = true;
+                  });
+    client.CorpDirUninit();
+    EXPECT_TRUE(bLeft);
+    EXPECT_EQ(members.m_strUserName, "");
+    notifier.join();
+}
+
+TEST_F(StopTest, FromWithinTheClientsCallbackDoesNotWaitForItself)
+{
+    StartWithRequest();
+    fakes::OnCall("client", 1, [&] { client.CorpDirUninit(); });
+    Notification(FAILED, 1, "pub/version.txt").Deliver();
+    EXPECT_EQ(members.m_hFtpHandle, nullptr);
+    EXPECT_EQ(members.m_strUserName, "");
+    EXPECT_THAT(Tasks(), IsEmpty()) << "the list is empty, so nothing is tried again";
+    EXPECT_EQ(members.m_strFtpIP, "");
+}
+
+TEST_F(StopTest, AStopAndAStartFromWithinTheClientsCallbackLeaveARunningService)
+{
+    StartWithRequest();
+    fakes::OnCall("client", 1,
+                  [&]
+                  {
+                      client.CorpDirUninit();
+                      EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+                  });
+    Notification(FAILED, 1, "pub/version.txt").Deliver();
+    EXPECT_EQ(inside::WorkerRunFlag(), 1U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(2));
+    client.CorpDirUninit();
+}
+
+TEST_F(StopTest, StartRequestAndStopCanBeRepeatedTenThousandTimes)
+{
+    fakes::SetWorkerMode(fakes::WorkerMode::Free);
+    fakes::SetRecording(false);
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    stInfo.pszFtpIPs = "192.0.2.1;192.0.2.2;192.0.2.3";
+    for (int i = 0; i < 10000; ++i)
+    {
+        ASSERT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+        ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
+        client.CorpDirUninit();
+        ASSERT_EQ(fakes::LiveMemory(), 0U);
+        ASSERT_EQ(fakes::LiveFtpHandles(), 0U);
+        ASSERT_EQ(fakes::LiveTimers(), 0U);
+    }
+}
+
+namespace
+{
+
+std::atomic<bool> g_bClientIsInside{false};
+
+void TellThatTheClientIsInside(unsigned int, unsigned int, const char*, void*)
+{
+    g_bClientIsInside = true;
+}
+
+}  // namespace
+
+// The stop begins while the client's callback runs, and the two of them end in any order.
+TEST_F(StopTest, AStopDuringACallbackEndsAThousandTimes)
+{
+    fakes::SetWorkerMode(fakes::WorkerMode::Free);
+    fakes::SetRecording(false);
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    for (int i = 0; i < 1000; ++i)
+    {
+        ASSERT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+        ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, TellThatTheClientIsInside), 0U);
+        g_bClientIsInside = false;
+        std::thread notifier([] { Notification(FAILED, 77, "pub/version.txt").Deliver(); });
+        while (!g_bClientIsInside)
+        {
+            std::this_thread::yield();
+        }
+        client.CorpDirUninit();
+        EXPECT_THAT(Tasks(), IsEmpty());
+        notifier.join();
+    }
+}

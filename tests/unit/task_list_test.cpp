@@ -1,0 +1,354 @@
+// The worker's queue: a list for one taker and many producers, which take no lock.
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "memory.h"
+#include "service_test.h"
+
+using testing::ElementsAre;
+
+namespace
+{
+
+constexpr unsigned int PRODUCERS = 4;
+constexpr unsigned int TASKS_EACH = 250000;
+constexpr unsigned int PRODUCER_SHIFT = 28;
+
+CThreadProList::value_type Task(unsigned int ulValue)
+{
+    return static_cast<CThreadProList::value_type>(ulValue);
+}
+
+// What has come out of a queue: each producer's tasks in their order, none twice.
+class Receipt
+{
+public:
+    void Take(unsigned int ulTask)
+    {
+        const unsigned int ulProducer = ulTask >> PRODUCER_SHIFT;
+        const unsigned int ulNumber = ulTask & ((1U << PRODUCER_SHIFT) - 1);
+        bInOrder = bInOrder && ulProducer < PRODUCERS && ulNumber >= aulNext[ulProducer];
+        bWithoutGap = bWithoutGap && bInOrder && ulNumber == aulNext[ulProducer];
+        if (ulProducer < PRODUCERS)
+        {
+            aulNext[ulProducer] = ulNumber + 1;
+            ++ulTaken;
+        }
+    }
+
+    bool bInOrder = true;
+    bool bWithoutGap = true;
+    unsigned int ulTaken = 0;
+    std::array<unsigned int, PRODUCERS> aulNext = {};
+};
+
+template <class Push>
+std::array<std::thread, PRODUCERS> StartProducers(Push push)
+{
+    std::array<std::thread, PRODUCERS> threads;
+    for (unsigned int ulProducer = 0; ulProducer < PRODUCERS; ++ulProducer)
+    {
+        threads[ulProducer] = std::thread(
+            [=]
+            {
+                for (unsigned int i = 0; i < TASKS_EACH; ++i)
+                {
+                    push(ulProducer, i);
+                }
+            });
+    }
+    return threads;
+}
+
+class TaskListTest : public testing::Test
+{
+protected:
+    std::vector<unsigned int> TakeAll()
+    {
+        std::vector<unsigned int> vecTasks;
+        while (!list.empty())
+        {
+            vecTasks.push_back(list.front());
+            list.pop_front();
+        }
+        return vecTasks;
+    }
+
+    CThreadProList list;
+};
+
+class WorkerQueueTest : public ServiceTest
+{
+};
+
+}  // namespace
+
+TEST_F(TaskListTest, GivesTasksFirstInFirstOut)
+{
+    for (const unsigned int ulTask : {1U, 2U, 1U, 1U, 7U})
+    {
+        list.push_back(Task(ulTask));
+    }
+    EXPECT_THAT(TakeAll(), ElementsAre(1, 2, 1, 1, 7));
+    EXPECT_TRUE(list.empty());
+}
+
+TEST_F(TaskListTest, KeepsTheOrderAcrossReadsInBetween)
+{
+    list.push_back(Task(1));
+    EXPECT_FALSE(list.empty());
+    list.push_back(Task(2));
+    list.push_back(Task(3));
+    EXPECT_EQ(list.front(), Task(1));
+    list.push_back(Task(4));
+    list.pop_front();
+    list.push_back(Task(5));
+    EXPECT_THAT(TakeAll(), ElementsAre(2, 3, 4, 5));
+}
+
+TEST_F(TaskListTest, AnEmptyListGivesZeroAndRemovesNothing)
+{
+    EXPECT_TRUE(list.empty());
+    EXPECT_EQ(list.front(), Task(0));
+    list.pop_front();
+    list.clear();
+    EXPECT_TRUE(list.empty());
+    list.push_back(Task(1));
+    EXPECT_THAT(TakeAll(), ElementsAre(1));
+}
+
+TEST_F(TaskListTest, RemovalWithoutAReadTakesTheFront)
+{
+    list.push_back(Task(1));
+    list.push_back(Task(2));
+    list.pop_front();
+    EXPECT_THAT(TakeAll(), ElementsAre(2));
+}
+
+TEST_F(TaskListTest, TheFrontIsACopyAndStaysUntilItIsRemoved)
+{
+    list.push_back(Task(1));
+    list.push_back(Task(2));
+    EXPECT_EQ(list.front(), Task(1));
+    EXPECT_EQ(list.front(), Task(1));
+    list.pop_front();
+    EXPECT_EQ(list.front(), Task(2));
+}
+
+TEST_F(TaskListTest, ClearDropsEverythingAlsoWhatNobodyHasLookedAt)
+{
+    list.push_back(Task(1));
+    EXPECT_FALSE(list.empty());
+    list.push_back(Task(2));
+    list.clear();
+    EXPECT_TRUE(list.empty());
+    list.push_back(Task(3));
+    EXPECT_THAT(TakeAll(), ElementsAre(3));
+}
+
+// The worker has read the front, a second start clears, a producer appends, the worker removes.
+TEST_F(TaskListTest, ATaskThatArrivesBetweenAClearAndTheWorkersRemovalIsNotLost)
+{
+    list.push_back(Task(1));
+    EXPECT_EQ(list.front(), Task(1));
+    list.clear();
+    list.push_back(Task(2));
+    list.pop_front();
+    EXPECT_THAT(TakeAll(), ElementsAre(2));
+}
+
+TEST_F(TaskListTest, AnyValueOf32BitsPasses)
+{
+    for (const unsigned int ulTask : {0U, 0xFFFFFFFFU, 0x80000000U})
+    {
+        list.push_back(Task(ulTask));
+    }
+    EXPECT_THAT(TakeAll(), ElementsAre(0, 0xFFFFFFFF, 0x80000000));
+}
+
+TEST_F(TaskListTest, ATaskIsOneNodeOnTheHeap)
+{
+    memory::StartCounting(0, memory::Failing::One);
+    const long lBefore = memory::LiveBlocks();
+    list.push_back(Task(1));
+    list.push_back(Task(2));
+    EXPECT_EQ(memory::LiveBlocks(), lBefore + 2);
+    list.pop_front();
+    EXPECT_EQ(memory::LiveBlocks(), lBefore + 1);
+    list.clear();
+    EXPECT_EQ(memory::LiveBlocks(), lBefore);
+    memory::StopCounting();
+}
+
+TEST_F(TaskListTest, ItsDestructionReleasesWhatIsLeft)
+{
+    memory::StartCounting(0, memory::Failing::One);
+    const long lBefore = memory::LiveBlocks();
+    {
+        CThreadProList other;
+        other.push_back(Task(1));
+        EXPECT_FALSE(other.empty());
+        other.push_back(Task(2));
+    }
+    EXPECT_EQ(memory::LiveBlocks(), lBefore);
+    memory::StopCounting();
+}
+
+TEST_F(TaskListTest, AnAppendWithoutMemoryThrowsAndLeavesTheListAsItWas)
+{
+    list.push_back(Task(1));
+    memory::StartCounting(1, memory::Failing::One);
+    bool bThrown = false;
+    try
+    {
+        list.push_back(Task(2));
+    }
+    catch (const std::bad_alloc&)
+    {
+        bThrown = true;
+    }
+    memory::StopCounting();
+    EXPECT_TRUE(bThrown);
+    list.push_back(Task(3));
+    EXPECT_THAT(TakeAll(), ElementsAre(1, 3));
+}
+
+TEST_F(TaskListTest, AMillionTasksOfFourProducersAllComeOutOnceAndInOrder)
+{
+    auto producers =
+        StartProducers([this](unsigned int ulProducer, unsigned int ulNumber)
+                       { list.push_back(Task(ulProducer << PRODUCER_SHIFT | ulNumber)); });
+    Receipt receipt;
+    while (receipt.ulTaken < PRODUCERS * TASKS_EACH && receipt.bWithoutGap)
+    {
+        if (!list.empty())
+        {
+            receipt.Take(list.front());
+            list.pop_front();
+        }
+    }
+    for (std::thread& producer : producers)
+    {
+        producer.join();
+    }
+    EXPECT_TRUE(receipt.bWithoutGap);
+    EXPECT_TRUE(list.empty());
+}
+
+// A third thread clears while the others append and take. What was appended after the last clear
+// must all come out; of the rest any part may, in order and once.
+TEST_F(TaskListTest, ClearsInBetweenLoseNothingThatCameAfterThem)
+{
+    std::atomic<bool> bCleared{false};
+    std::array<std::atomic<unsigned int>, PRODUCERS> aulFirstSafe{};
+    for (auto& ulFirst : aulFirstSafe)
+    {
+        ulFirst = TASKS_EACH;
+    }
+    auto producers = StartProducers(
+        [&](unsigned int ulProducer, unsigned int ulNumber)
+        {
+            if (bCleared && aulFirstSafe[ulProducer] == TASKS_EACH)
+            {
+                aulFirstSafe[ulProducer] = ulNumber;
+            }
+            list.push_back(Task(ulProducer << PRODUCER_SHIFT | ulNumber));
+        });
+    std::thread clearer(
+        [&]
+        {
+            for (int i = 0; i < 500; ++i)
+            {
+                list.clear();
+                std::this_thread::yield();
+            }
+            bCleared = true;
+        });
+    std::atomic<bool> bProduced{false};
+    Receipt receipt;
+    std::array<unsigned int, PRODUCERS> aulSafeTaken = {};
+    std::thread taker(
+        [&]
+        {
+            // The flag is read first: what was appended before it is then in the list or taken.
+            for (bool bLast = false; !bLast;)
+            {
+                bLast = bProduced;
+                while (!list.empty())
+                {
+                    const unsigned int ulTask = list.front();
+                    list.pop_front();
+                    if (ulTask == 0 && receipt.aulNext[0] != 0)
+                    {
+                        continue;  // a clear came between: there was no front
+                    }
+                    receipt.Take(ulTask);
+                    const unsigned int ulProducer = ulTask >> PRODUCER_SHIFT;
+                    const unsigned int ulNumber = ulTask & ((1U << PRODUCER_SHIFT) - 1);
+                    aulSafeTaken[ulProducer] += ulNumber >= aulFirstSafe[ulProducer] ? 1 : 0;
+                }
+            }
+        });
+    for (std::thread& producer : producers)
+    {
+        producer.join();
+    }
+    clearer.join();
+    bProduced = true;
+    taker.join();
+    EXPECT_TRUE(receipt.bInOrder);
+    for (unsigned int i = 0; i < PRODUCERS; ++i)
+    {
+        EXPECT_EQ(aulSafeTaken[i], TASKS_EACH - aulFirstSafe[i]) << "producer " << i;
+    }
+}
+
+namespace
+{
+
+std::atomic<unsigned int> g_ulTaken{0};
+Receipt* g_pReceipt = nullptr;  // the worker's alone while it runs
+
+// The worker says which task it takes; tasks 1 and 2 would be downloads, so numbers begin at 16.
+void ReceiveFromLog(unsigned int, const char*, const char* pszText)
+{
+    const char* const pszBegin = "Thread download type : ";
+    if (std::strncmp(pszText, pszBegin, std::strlen(pszBegin)) == 0)
+    {
+        g_pReceipt->Take(static_cast<unsigned int>(
+            std::strtol(pszText + std::strlen(pszBegin), nullptr, 10) - 16));
+        ++g_ulTaken;
+    }
+}
+
+}  // namespace
+
+TEST_F(WorkerQueueTest, AMillionTasksOfFourProducersReachTheWorkerOnceAndInOrder)
+{
+    Receipt receipt;
+    g_pReceipt = &receipt;
+    g_ulTaken = 0;
+    fakes::SetWorkerMode(fakes::WorkerMode::Free);
+    fakes::SetRecording(false);
+    fakes::SetLogSink(ReceiveFromLog);
+    ASSERT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    auto producers = StartProducers(
+        [this](unsigned int ulProducer, unsigned int ulNumber) {
+            members.m_listThreadPro.push_back(Task((ulProducer << PRODUCER_SHIFT | ulNumber) + 16));
+        });
+    for (std::thread& producer : producers)
+    {
+        producer.join();
+    }
+    while (g_ulTaken < PRODUCERS * TASKS_EACH)
+    {
+        std::this_thread::yield();
+    }
+    client.CorpDirUninit();
+    fakes::SetLogSink(nullptr);
+    EXPECT_TRUE(receipt.bWithoutGap);
+    EXPECT_EQ(receipt.ulTaken, PRODUCERS * TASKS_EACH);
+}

@@ -1,0 +1,412 @@
+// The version check: the download's start, the timer, and the version file.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "files.h"
+#include "service_test.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+class VersionDownloadTest : public ServiceTest
+{
+};
+
+class TimerTest : public ServiceTest
+{
+};
+
+// A request is under way whose version file is said to have arrived.
+class VersionFileTest : public ServiceTest
+{
+protected:
+    void SetUp() override
+    {
+        StartWithRequest("192.0.2.1;192.0.2.2");
+        members.m_strVersionLocalPath = directory.Path();
+        strFile = directory.File("version.local");
+    }
+
+    // The file with these bytes has arrived.
+    void Arrive(const std::string& strBytes)
+    {
+        support::WriteFile(strFile, strBytes);
+        inside::VersionDownloadOver(service);
+    }
+
+    void ExpectAccepted(const std::string& strBytes, const std::string& strVersion)
+    {
+        members.m_strOldVersion = "0.0.0.0";
+        members.m_listThreadPro.clear();
+        Arrive(strBytes);
+        EXPECT_EQ(members.m_strOldVersion, strVersion);
+        EXPECT_THAT(Tasks(), ElementsAre(2)) << strBytes;
+    }
+
+    void ExpectInvalid(const std::string& strBytes)
+    {
+        Logged();
+        Arrive(strBytes);
+        EXPECT_THAT(Only(Logged(), {"0"}),
+                    ElementsAre("0 VersionDownloadOver: version is Invalid!"));
+        ExpectUntouched();
+    }
+
+    void ExpectUntouched()
+    {
+        EXPECT_EQ(members.m_strOldVersion, "");
+        EXPECT_EQ(members.m_strIPs, "192.0.2.2");
+        EXPECT_EQ(members.m_strFtpIP, "192.0.2.1");
+        EXPECT_THAT(Tasks(), IsEmpty());
+    }
+
+    support::TemporaryDirectory directory;
+    std::string strFile;
+};
+
+}  // namespace
+
+// --- Start of the version download --------------------------------------------------------------
+
+TEST_F(VersionDownloadTest, FetchesTheVersionFileIntoItsPlace)
+{
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
+    Trace();
+    EXPECT_EQ(inside::VersionDownload(service), 0U);
+    const fakes::Download download = fakes::LastDownload();
+    EXPECT_EQ(download.strServerFile, "pub/version.txt");
+    EXPECT_EQ(download.strLocalFile, "version.local");
+    EXPECT_EQ(download.pulTaskID, &members.m_ulVersionTaskID);
+    EXPECT_STREQ(fakes::LastControlParameters().stRecord.acWorkDir, "/nowhere/v/");
+    EXPECT_EQ(members.m_ulVersionTaskID, 1U);
+    const Lines vecTrace = Trace();
+    EXPECT_EQ(vecTrace.front(), "enter VersionDownload");
+    EXPECT_EQ(vecTrace.back(), "leave VersionDownload");
+}
+
+TEST_F(VersionDownloadTest, EveryPathHasToBeThere)
+{
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
+    members.m_ulVersionTaskID = 7;
+    for (std::string* const pstrMember :
+         {&members.m_strVersionServerPath, &members.m_strVersionLocalPath,
+          &members.m_strVersionFileName})
+    {
+        Trace();
+        const std::string strKept = *pstrMember;
+        pstrMember->clear();
+        EXPECT_EQ(inside::VersionDownload(service), 1U);
+        EXPECT_THAT(Trace(), ElementsAre("enter VersionDownload",
+                                         "log 0 VersionDownload: Input param is empty.",
+                                         "leave VersionDownload"));
+        *pstrMember = strKept;
+    }
+    EXPECT_EQ(members.m_ulVersionTaskID, 7U);
+}
+
+TEST_F(VersionDownloadTest, ForgetsTheEarlierTaskAndPassesTheCodeOfAStartThatFailed)
+{
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
+    members.m_ulVersionTaskID = 7;
+    fakes::FailCall("TRAVEX_FTP_SetCtrlParam", 1, 5);
+    EXPECT_EQ(inside::VersionDownload(service), 1U);
+    EXPECT_EQ(members.m_ulVersionTaskID, 0U);
+    EXPECT_EQ(Logged().back(),
+              "0 VersionDownload: AsynFtpDownload failed, filename : version.local");
+    fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 1, 20);
+    EXPECT_EQ(inside::VersionDownload(service), 20U);
+    EXPECT_EQ(Logged().back(),
+              "0 VersionDownload: AsynFtpDownload failed, filename : version.local");
+}
+
+// --- Timer --------------------------------------------------------------------------------------
+
+TEST_F(TimerTest, IsCreatedOnceAndStartedForTenMinutes)
+{
+    EXPECT_EQ(inside::StartTimerForVersion(service), 0U);
+    const fakes::Timer timer = fakes::LiveTimer();
+    EXPECT_EQ(timer.pfnCallback, inside::TimerCallback());
+    EXPECT_EQ(timer.ulMode, 0U) << "it repeats";
+    EXPECT_EQ(timer.ulLengthMs, 600000U);
+    EXPECT_EQ(timer.pParam, &service);
+    const std::string strCallback =
+        testing::PrintToString(reinterpret_cast<void*>(inside::TimerCallback()));
+    EXPECT_THAT(
+        Trace(),
+        ElementsAre("OSAK_CreateRelTimerM(timer callback, 0)",
+                    "log 2 StartTimerForVersion: CreateRelTimer uploadtimer success, uploadtimer = "
+                    "0x7101,                       timerproc : " +
+                        strCallback,
+                    "OSAK_StartRelTimer(timer 1, 600000, service)",
+                    "log 2 StartTimerForVersion: StartRelTimer UploadTimer success"));
+}
+
+TEST_F(TimerTest, IsStartedAnewWhenItExists)
+{
+    ASSERT_EQ(inside::StartTimerForVersion(service), 0U);
+    Trace();
+    EXPECT_EQ(inside::StartTimerForVersion(service), 0U);
+    const std::string strCallback =
+        testing::PrintToString(reinterpret_cast<void*>(inside::TimerCallback()));
+    EXPECT_THAT(Trace(),
+                ElementsAre("log 2 StartTimerForVersion: StartRelTimer UploadTimer = 0x7101, "
+                            "timerproc : " +
+                                strCallback,
+                            "OSAK_StartRelTimer(timer 1, 600000, service)"));
+    EXPECT_EQ(fakes::LiveTimers(), 1U);
+}
+
+TEST_F(TimerTest, ThatCannotBeCreatedIsNoFailure)
+{
+    fakes::FailCall("OSAK_CreateRelTimerM", 1, 1);
+    EXPECT_EQ(inside::StartTimerForVersion(service), 0U);
+    EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+    EXPECT_THAT(Trace(),
+                ElementsAre("OSAK_CreateRelTimerM(timer callback, 0) = 1",
+                            "log 0 StartTimerForVersion: CreateRelTimer uploadtimer Fail!"));
+}
+
+TEST_F(TimerTest, ThatDoesNotStartIsFreed)
+{
+    fakes::FailCall("OSAK_StartRelTimer", 1, 0xAB);
+    EXPECT_EQ(inside::StartTimerForVersion(service), 1U);
+    EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+    const Lines vecTrace = Trace();
+    EXPECT_THAT(Lines(vecTrace.begin() + 2, vecTrace.end()),
+                ElementsAre("OSAK_StartRelTimer(timer 1, 600000, service) = 171",
+                            "log 0 StartTimerForVersion: StartRelTimer UploadTimer Fail: ab",
+                            "OSAK_FreeRelTimer(timer 1)"));
+}
+
+TEST_F(TimerTest, ThatDoesNotStartAnewIsFreedToo)
+{
+    ASSERT_EQ(inside::StartTimerForVersion(service), 0U);
+    Trace();
+    fakes::FailCall("OSAK_StartRelTimer", 1, 0xFFFFFFFF);
+    EXPECT_EQ(inside::StartTimerForVersion(service), 1U);
+    EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+    EXPECT_EQ(fakes::LiveTimers(), 0U);
+    const Lines vecTrace = Trace();
+    EXPECT_THAT(Lines(vecTrace.begin() + 1, vecTrace.end()),
+                ElementsAre("OSAK_StartRelTimer(timer 1, 600000, service) = -1",
+                            "log 0 StartTimerForVersion: StartRelTimer UploadTimer Fail: ffffffff",
+                            "OSAK_FreeRelTimer(timer 1)"));
+    EXPECT_EQ(inside::StartTimerForVersion(service), 0U) << "the next request makes a new one";
+}
+
+TEST_F(TimerTest, AnExpiryQueuesAVersionTaskWithoutTheMutexAndWithoutStartingTheTimer)
+{
+    StartWithRequest();
+    inside::TimerCallback()(nullptr);
+    inside::TimerCallback()(reinterpret_cast<void*>(0x1));
+    EXPECT_THAT(Tasks(), ElementsAre(1, 1));
+    EXPECT_THAT(Trace(), ElementsAre("log 2 DownloadVersionTimerPro: Thread Add versiondown. ",
+                                     "log 2 DownloadVersionTimerPro: Thread Add versiondown. "));
+}
+
+TEST_F(TimerTest, TheTaskIsQueuedAfterItsRecord)
+{
+    fakes::SetLogSink(
+        [](unsigned int, const char*, const char*)
+        {
+            inside::Members now(inside::TheService());
+            fakes::Note(now.m_listThreadPro.empty() ? "queue empty" : "queue filled");
+        });
+    inside::TimerCallback()(nullptr);
+    EXPECT_THAT(Only(Trace(), {"queue"}), ElementsAre("queue empty"));
+}
+
+// --- Version file -------------------------------------------------------------------------------
+
+TEST_F(VersionFileTest, ANewVersionIsStoredAndQueuesTheDirectory)
+{
+    Arrive("2.0.0 of today\nsecond line\n");
+    EXPECT_EQ(members.m_strOldVersion, "2.0.0 of today");
+    EXPECT_THAT(Tasks(), ElementsAre(2));
+    EXPECT_EQ(members.m_strIPs, "192.0.2.1;192.0.2.2");
+    EXPECT_EQ(members.m_strFtpIP, "192.0.2.1") << "the server that answered stays";
+    EXPECT_THAT(
+        Trace(),
+        ElementsAre(
+            "enter VersionDownloadOver",
+            "log 2 VersionDownloadOver: Version Path : " + directory.Path() + "/",
+            "log 2 VersionDownloadOver: Version Name : version.local",
+            "log 2 VersionDownloadOver: Version File : " + strFile, "OSAK_StrLen(local)",
+            "log 2 VersionDownloadOver: Version Prepared Update! Version : [2.0.0 of today]",
+            "OSAK_StrCmp(, 2.0.0 of today)",
+            "log 2 VersionDownloadOver: OldVersion : , NewVersion : 2.0.0 of today ",
+            "log 2 VersionDownloadOver: Thread add corpdir download. ",
+            "log 2 VersionDownloadOver: FTP After rotating, IPs copy ftps = 192.0.2.1;192.0.2.2",
+            "leave VersionDownloadOver"));
+}
+
+TEST_F(VersionFileTest, TheSameVersionQueuesNothingButRefillsTheServers)
+{
+    Arrive("2.0.0\n");
+    members.m_listThreadPro.clear();
+    members.m_strIPs = "192.0.2.2";
+    Trace();
+    Arrive("2.0.0\n");
+    EXPECT_THAT(Tasks(), IsEmpty());
+    EXPECT_EQ(members.m_strIPs, "192.0.2.1;192.0.2.2");
+    EXPECT_THAT(Only(Trace(), {"log 2 VersionDownloadOver: Version Prepared",
+                               "log 2 "
+                               "VersionDownloadOver: OldVersion",
+                               "log 2 VersionDownloadOver: "
+                               "Thread",
+                               "log 2 VersionDownloadOver: FTP", "OSAK_StrCmp"}),
+                ElementsAre("log 2 VersionDownloadOver: Version Prepared Update! Version : [2.0.0]",
+                            "OSAK_StrCmp(2.0.0, 2.0.0)",
+                            "log 2 VersionDownloadOver: FTP After rotating, IPs copy ftps = "
+                            "192.0.2.1;192.0.2.2"));
+}
+
+TEST_F(VersionFileTest, AnyDifferenceIsANewVersionAlsoALowerOne)
+{
+    Arrive("2.0.0\n");
+    Arrive("1.9.9\n");
+    EXPECT_EQ(members.m_strOldVersion, "1.9.9");
+    EXPECT_THAT(Tasks(), ElementsAre(2, 2));
+}
+
+TEST_F(VersionFileTest, ARequestMakesTheSameVersionNewAgain)
+{
+    Arrive("2.0.0\n");
+    members.m_listThreadPro.clear();
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
+    members.m_strVersionLocalPath = directory.Path();
+    Arrive("2.0.0\n");
+    EXPECT_THAT(Tasks(), ElementsAre(2));
+}
+
+TEST_F(VersionFileTest, FiveBytesAreAVersionAndFourAreNot)
+{
+    ExpectInvalid("1.23");
+    ExpectInvalid("1.23\nlonger second line\n");
+    ExpectAccepted("1.2.3", "1.2.3");
+    ExpectAccepted("1.2.3\n", "1.2.3");
+}
+
+TEST_F(VersionFileTest, AnEmptyFileOrFirstLineIsNoVersion)
+{
+    ExpectInvalid("");
+    ExpectInvalid("\n");
+    ExpectInvalid("\n1.2.3.4\n");
+}
+
+TEST_F(VersionFileTest, AtMostThirtyBytesOfTheFirstLineAreTaken)
+{
+    const std::string strDigits = "0123456789012345678901234567890123456789";
+    for (const size_t ulLength : {5U, 29U, 30U})
+    {
+        ExpectAccepted(strDigits.substr(0, ulLength), strDigits.substr(0, ulLength));
+        ExpectAccepted(strDigits.substr(0, ulLength) + "\nmore", strDigits.substr(0, ulLength));
+    }
+    for (const size_t ulLength : {31U, 32U, 40U})
+    {
+        ExpectAccepted(strDigits.substr(0, ulLength), strDigits.substr(0, 30));
+        ExpectAccepted(strDigits.substr(0, ulLength) + "\nmore", strDigits.substr(0, 30));
+    }
+}
+
+TEST_F(VersionFileTest, ACarriageReturnAndBlanksArePartOfTheVersion)
+{
+    ExpectAccepted("1.2.3\r\n", "1.2.3\r");
+    ExpectAccepted("1.23\r\n", "1.23\r");
+    ExpectAccepted("  1.2 \n", "  1.2 ");
+    members.m_strOldVersion = "1.2.3";
+    members.m_listThreadPro.clear();
+    Arrive("1.2.3\r\n");
+    EXPECT_THAT(Tasks(), ElementsAre(2)) << "it differs from the same text without it";
+}
+
+TEST_F(VersionFileTest, AVersionEndsAtAZeroByte)
+{
+    ExpectInvalid(std::string("1.2\0.3.4.5\n", 11));
+    ExpectInvalid(std::string("\0001.2.3.4\n", 9));
+    ExpectAccepted(std::string("1.2.3\0.4\n", 9), "1.2.3");
+}
+
+TEST_F(VersionFileTest, AFileThatDoesNotOpenChangesNothing)
+{
+    inside::VersionDownloadOver(service);
+    EXPECT_THAT(
+        Only(Trace(), {"log 0", "leave"}),
+        ElementsAre("log 0 VersionDownloadOver: Open Version file Failed : " + strFile + "!",
+                    "leave VersionDownloadOver"));
+    ExpectUntouched();
+}
+
+TEST_F(VersionFileTest, ADirectoryInItsPlaceIsNoVersion)
+{
+    ASSERT_EQ(mkdir(strFile.c_str(), 0700), 0);
+    inside::VersionDownloadOver(service);
+    EXPECT_THAT(Only(Logged(), {"0"}), ElementsAre("0 VersionDownloadOver: version is Invalid!"));
+    ExpectUntouched();
+}
+
+// Root may read anything, so that a child process gives up its user id first.
+TEST_F(VersionFileTest, AnUnreadableFileChangesNothing)
+{
+    GTEST_FLAG_SET(death_test_style, "fast");
+    support::WriteFile(strFile, "2.0.0\n");
+    ASSERT_EQ(chmod(strFile.c_str(), 0), 0);
+    ASSERT_EQ(chmod(directory.Path().c_str(), 0755), 0);
+    EXPECT_EXIT(
+        {
+            if (geteuid() == 0 && setuid(65534) != 0)
+            {
+                _exit(2);
+            }
+            inside::VersionDownloadOver(service);
+            const Lines vecErrors = Only(Logged(), {"0"});
+            _exit(members.m_strOldVersion.empty() && Tasks().empty() && vecErrors.size() == 1 &&
+                          vecErrors[0] ==
+                              "0 VersionDownloadOver: Open Version file Failed : " + strFile + "!"
+                      ? 0
+                      : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(VersionFileTest, ATrailingSlashOfTheLocalDirectoryIsNotDoubled)
+{
+    members.m_strVersionLocalPath = directory.Path() + "/";
+    Arrive("2.0.0\n");
+    EXPECT_THAT(Only(Logged(), {"2 VersionDownloadOver: Version Path",
+                                "2 VersionDownloadOver: "
+                                "Version File"}),
+                ElementsAre("2 VersionDownloadOver: Version Path : " + directory.Path() + "/",
+                            "2 VersionDownloadOver: Version File : " + strFile));
+    EXPECT_EQ(members.m_strOldVersion, "2.0.0");
+}
+
+TEST_F(VersionFileTest, AnEmptyFullListIsNotCopied)
+{
+    members.m_strAllIPs.clear();
+    Arrive("2.0.0\n");
+    EXPECT_EQ(members.m_strIPs, "192.0.2.2");
+    EXPECT_THAT(Only(Logged(), {"2 VersionDownloadOver: FTP"}), IsEmpty());
+    EXPECT_THAT(Tasks(), ElementsAre(2));
+}
+
+TEST_F(VersionFileTest, ArrivingThroughANotificationRunsTheDirectoryDownloadOnTheWorker)
+{
+    support::WriteFile(strFile, "2.0.0\n");
+    Notification(SUCCESS, 1, "pub/version.txt").Deliver();
+    EXPECT_THAT(Tasks(), IsEmpty());
+    Notification(OVER, 1, "pub/version.txt").Deliver();
+    RunWorkerUntilIdle();
+    EXPECT_EQ(fakes::LastDownload().strServerFile, "pub/directory.xml");
+    EXPECT_EQ(members.m_ulVersionTaskID, 1U) << "a finished task's id stays";
+    EXPECT_EQ(members.m_ulCorpDirTaskID, 2U);
+    EXPECT_THAT(Only(Trace(), {"client"}), IsEmpty()) << "the client hears of the directory only";
+}
