@@ -1413,6 +1413,32 @@ void CFTPCorpDirImpl::freeFtpCipherList()
 // by the task id that the start left in its member. Success is acted on when the transfer is over
 // (12), never on the earlier 0.
 
+unsigned int CFTPCorpDirImpl::StartDownload(const char* pszFunction,
+                                            const std::string& strServerPath,
+                                            const std::string& strLocalPath,
+                                            const std::string& strFileName, unsigned int& ulTaskID)
+try
+{
+    if (SharedEmpty(strServerPath) || SharedEmpty(strLocalPath) || SharedEmpty(strFileName))
+    {
+        LOG_AS(pszFunction, 0, "Input param is empty.");
+        return 1;
+    }
+    SharedStore(ulTaskID, 0);
+    const unsigned int ulRet = AsynFtpDownload(SharedText(strServerPath), SharedText(strLocalPath),
+                                               SharedText(strFileName), ulTaskID);
+    if (ulRet != 0)
+    {
+        LOG_AS(pszFunction, 0, "AsynFtpDownload failed, filename : %s",
+               SharedTextPointer(strFileName));
+    }
+    return ulRet;
+}
+catch (const std::bad_alloc&)
+{
+    return 1;
+}
+
 unsigned int CFTPCorpDirImpl::AsynFtpDownload(std::string strServerFile, std::string strLocalDir,
                                               std::string strLocalFileName, unsigned int& ulTaskID)
 {
@@ -1577,29 +1603,10 @@ void AcceptVersion(std::string& strOldVersion, std::string strVersion,
 }  // namespace
 
 unsigned int CFTPCorpDirImpl::VersionDownload()
-try
 {
     TRACE();
-    const std::string strServerPath = SharedText(m_strVersionServerPath);
-    const std::string strLocalPath = SharedText(m_strVersionLocalPath);
-    const std::string strFileName = SharedText(m_strVersionFileName);
-    if (strServerPath.empty() || strLocalPath.empty() || strFileName.empty())
-    {
-        LOG(0, "Input param is empty.");
-        return 1;
-    }
-    SharedStore(m_ulVersionTaskID, 0);
-    const unsigned int ulRet =
-        AsynFtpDownload(strServerPath, strLocalPath, strFileName, m_ulVersionTaskID);
-    if (ulRet != 0)
-    {
-        LOG(0, "AsynFtpDownload failed, filename : %s", strFileName.c_str());
-    }
-    return ulRet;
-}
-catch (const std::bad_alloc&)
-{
-    return 1;
+    return StartDownload(__func__, m_strVersionServerPath, m_strVersionLocalPath,
+                         m_strVersionFileName, m_ulVersionTaskID);
 }
 
 unsigned int CFTPCorpDirImpl::StartTimerForVersion()
@@ -1717,29 +1724,10 @@ void TellClient(const char* pszFunction, CORPDIR_DOWNLOAD_CB pfnDownloadCb, unsi
 }  // namespace
 
 unsigned int CFTPCorpDirImpl::CorpDirDownload()
-try
 {
     TRACE();
-    const std::string strServerPath = SharedText(m_strCorpDirServerPath);
-    const std::string strLocalPath = SharedText(m_strCorpDirLocalPath);
-    const std::string strFileName = SharedText(m_strCorpDirFileName);
-    if (strServerPath.empty() || strLocalPath.empty() || strFileName.empty())
-    {
-        LOG(0, "Input param is empty.");
-        return 1;
-    }
-    SharedStore(m_ulCorpDirTaskID, 0);
-    const unsigned int ulRet =
-        AsynFtpDownload(strServerPath, strLocalPath, strFileName, m_ulCorpDirTaskID);
-    if (ulRet != 0)
-    {
-        LOG(0, "AsynFtpDownload failed, filename : %s", strFileName.c_str());
-    }
-    return ulRet;
-}
-catch (const std::bad_alloc&)
-{
-    return 1;
+    return StartDownload(__func__, m_strCorpDirServerPath, m_strCorpDirLocalPath,
+                         m_strCorpDirFileName, m_ulCorpDirTaskID);
 }
 
 void CFTPCorpDirImpl::CorpDirDownloadOver()

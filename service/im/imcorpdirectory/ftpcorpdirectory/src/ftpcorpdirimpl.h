@@ -120,6 +120,11 @@ private:
     // Starts the transfer of one of the two files.
     unsigned int VersionDownload();
     unsigned int CorpDirDownload();
+    // What both have in common. The texts and the task id are members, the function's name is for
+    // the records.
+    unsigned int StartDownload(const char* pszFunction, const std::string& strServerPath,
+                               const std::string& strLocalPath, const std::string& strFileName,
+                               unsigned int& ulTaskID);
     // Starts a transfer: parameters, then the download. ulTaskID is the member that is to hold the
     // task's id; it is 0 until the library has accepted the transfer.
     unsigned int AsynFtpDownload(std::string strServerFile, std::string strLocalDir,
