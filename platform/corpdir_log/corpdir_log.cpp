@@ -14,7 +14,7 @@ unsigned int g_LogMode = 0;
 
 namespace
 {
-constexpr std::size_t kDefaultFileSize = 10 * 1024 * 1024;
+constexpr std::size_t kDefaultFileSize = 10U << 20;
 constexpr std::size_t kDefaultFileCount = 5;
 constexpr unsigned int kMostFiles = 1000;  // each rotation looks at that many names
 
@@ -51,8 +51,12 @@ bool IsLogOff()
 void CCorpDirLog::WriteLog(const char* module, const char* function, const char* file,
                            unsigned int line, unsigned int level, const char* format, ...)
 {
+    if (IsLogOff())
+    {
+        return;
+    }
     corpdir_log::LogWriter* const writer = corpdir_log::Writer();
-    if (IsLogOff() || writer == nullptr || !writer->IsWritten(level))
+    if (writer == nullptr || !writer->IsWritten(level))
     {
         return;
     }

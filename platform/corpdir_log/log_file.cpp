@@ -13,7 +13,7 @@ namespace corpdir_log
 {
 namespace
 {
-constexpr std::size_t kBufferSize = 64 * 1024;
+constexpr std::size_t kBufferSize = 64U << 10;
 
 // The stream that may hold bytes of ours, for the fork handler.
 std::atomic<std::FILE*> g_stream{nullptr};

@@ -21,7 +21,8 @@ constexpr std::chrono::seconds kExitPatience{1};
 std::atomic<LogWriter*> g_writer{nullptr};
 
 // In the child of a fork, the parent's writer: it may be in any state and is never touched again.
-LogWriter* g_parentWriter = nullptr;
+// Kept so that it is no leak, and atomic so that the compiler does not find the store useless.
+std::atomic<LogWriter*> g_parentWriter{nullptr};
 
 void OnExit()
 {
@@ -39,7 +40,7 @@ void OnForkInChild()
     LogWriter* const writer = g_writer.exchange(nullptr);
     if (writer != nullptr)
     {
-        g_parentWriter = writer;
+        g_parentWriter.store(writer);
         LogFile::DropBufferInForkedChild();
         NameLock::ReleaseInForkedChild();
     }

@@ -24,6 +24,7 @@ namespace
 constexpr std::chrono::seconds kRetryInterval{1};
 constexpr std::chrono::seconds kPlaceCheckInterval{1};
 
+// An empty one stays empty: it means standard error.
 std::string AbsoluteDirectory(const char* directory)
 {
     if (*directory == '\0')
@@ -49,6 +50,7 @@ std::unique_ptr<spdlog::formatter> MakeFormatter()
     return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%e%z %v");
 }
 
+// Level and name are constants: the record's text holds what the pattern would make of them.
 void LogRecord(spdlog::sinks::sink* sink, const Record& record)
 {
     const std::string_view text = record.Text();
@@ -77,6 +79,8 @@ LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
     OpenFile();
 }
 
+// Asked before the sink is made: a rename that fails costs it the file's contents. With the rights
+// that renaming would have, which are not those of access() in a set-user-id program.
 bool LogTarget::CanRotate() const
 {
     return faccessat(AT_FDCWD, m_directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0;

@@ -54,6 +54,7 @@ std::unique_ptr<LogTarget> MakeTarget(const LogSettings& settings, const LogTarg
     return nullptr;
 }
 
+// An error, so that it is written at every level.
 void WriteDropNotice(LogTarget* target, std::uint64_t dropped)
 {
     const RecordPtr notice =
@@ -141,6 +142,7 @@ void LogWriter::FreeSlot()
     m_slotChanged.NotifyAll();
 }
 
+// The slot of an abandoned command is freed by the log's thread, once it is done with it.
 int LogWriter::Execute(Command command, Clock::time_point deadline)
 {
     m_command = command;
@@ -186,6 +188,7 @@ void LogWriter::JoinEndedThread()
     }
 }
 
+// At once, not only when the log's thread gets to it: records after a close are dropped.
 void LogWriter::RefuseRecords()
 {
     m_level.store(kClosed, std::memory_order_relaxed);
@@ -281,6 +284,7 @@ bool LogWriter::ExecuteOpen()
     return m_target != nullptr;
 }
 
+// The file is closed before the answer, so that the client may remove its directory.
 bool LogWriter::ExecuteClose()
 {
     m_target->Flush();

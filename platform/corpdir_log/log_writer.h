@@ -29,8 +29,8 @@ public:
     // False when the log is closed as well.
     bool IsWritten(unsigned int level) const
     {
-        return static_cast<int>(level) <= m_level.load(std::memory_order_relaxed) &&
-               level <= static_cast<unsigned int>(kHighestLevel);
+        return level <= static_cast<unsigned int>(kHighestLevel) &&
+               static_cast<int>(level) <= m_level.load(std::memory_order_relaxed);
     }
 
     // Queues a record; null counts as one that was dropped. Never waits for the disk.

@@ -30,7 +30,7 @@ struct Batch
 class RecordQueue
 {
 public:
-    static constexpr std::size_t kCapacity = 8 * 1024 * 1024;
+    static constexpr std::size_t kCapacity = 8U << 20;
 
     // A closed queue drops what is pushed, and does not count it.
     void Open();

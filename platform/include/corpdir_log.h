@@ -1,5 +1,23 @@
 // Module log: one log object for the process, written to size-rotated files or standard error.
 //
+// One line a record, its columns separated by one blank each:
+//
+//     2025-03-01T09:30:00.125+01:00 error 4711 MODULE FUNCTION FILE:LINE TEXT
+//
+// time with milliseconds and offset, level (error, notice, info), thread, place, text. A line feed
+// in the text is written as \n, a backslash as \\, and each byte of a control character or of
+// anything that is not UTF-8 as \x and two hexadecimal digits; blanks of the other columns too.
+//
+// Files: corpdir.log, when full renamed to corpdir.1.log and so on, mode 0600. The second process
+// that logs into a directory writes corpdir-2.log; .corpdir.lock, which stays, holds who has which.
+// A directory that is removed, read-only or full costs records and one line on standard error; the
+// log goes on when it can, and says how many records are missing.
+//
+// Records are written by a thread of the log's own, which lives while the log is open: errors at
+// once, others within a second. When 8 MiB of records wait, the oldest are dropped, and a record
+// says how many. When the process ends without CorpDir_CloseLog, what is pending is written within
+// at most 1 s; records after that are dropped. The child of a fork starts with a closed log.
+//
 // Everything here may be called on any thread at any time, before the log is opened and after it is
 // closed included. Nothing throws.
 #ifndef CORPDIR_LOG_H
@@ -20,9 +38,10 @@ class CCorpDirLog
 {
 public:
     // Writes one record. A record above the level of the opened log, or on a closed log, is
-    // dropped. module, function, file: static texts; line: source line; format: as printf's.
-    // Control bytes in the formatted text are escaped, so that no argument can forge another
-    // record.
+    // dropped. module, function, file: copied during the call; line: source line; format: as
+    // printf's. Control bytes in the formatted text are escaped, so that no argument can forge
+    // another record. A record may have any length; when memory runs out its text is cut, and says
+    // so. Never waits for the disk. errno is left as it was.
     void WriteLog(const char* module, const char* function, const char* file, unsigned int line,
                   unsigned int level, const char* format, ...)
         __attribute__((format(printf, 7, 8)));
@@ -37,12 +56,16 @@ extern "C"
     // 0: records are written; any other value: they are not, at the cost of this test.
     extern unsigned int g_LogMode;
 
-    // Opens the log, or changes the settings of an open one; when that fails the open one goes on.
-    // info: null for standard error at level 2. Not kept.
-    // Returns 0; a non-zero code when the directory cannot be used or memory ran out.
+    // Opens the log, or changes the settings of an open one once the records before are written;
+    // when that fails the open one goes on. info: null for standard error at level 2. Not kept. A
+    // relative directory is that of the moment; a missing one is not made.
+    // Returns 0, or the system's error number (errno.h) of why the directory cannot be used, of
+    // memory that ran out, ESHUTDOWN when the process is ending, or ETIMEDOUT when the disk does
+    // not answer: waits for it 5 s at most.
     unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* info);
 
-    // Writes out what is pending and closes the log. Closing a closed log does nothing.
+    // Writes out what is pending and closes the log; gives up on a disk that does not answer after
+    // 5 s. Closing a closed log does nothing.
     void CorpDir_CloseLog();
 
 }  // extern "C"

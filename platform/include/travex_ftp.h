@@ -73,8 +73,9 @@ struct tagTRAVEX_FTP_S_CTRL_PARAM
     unsigned char aucReserved4[8];
     const char* pcFtpCtrlInfo;           // trust text: a path of a PEM file or directory of
                                          // certification authorities; "system"; or key=value pairs
-                                         // separated by ";": ca=, name= (DNS names separated by
-                                         // ","), tls=implicit
+                                         // separated by ";": ca= (default: system), name= (DNS
+                                         // names separated by ","), tls=implicit. Read for FTPS,
+                                         // the authorities' files when ulCertVerify is 1
     unsigned int ulTlsOption1;           // carried, no effect
     unsigned short usTlsOption2;         // carried, no effect
     unsigned int ulTlsOption3;           // carried, no effect
@@ -204,8 +205,9 @@ extern "C"
     unsigned int TRAVEX_FTP_SetDataParam(TRAVEX_FTP_HANDLE handle,
                                          const tagTRAVEX_FTP_S_DATA_PARAM* param);
 
-    // Accepts a download with the parameters as they stand now. serverFile: at most 255 bytes; dir:
-    // local directory, relative to acWorkDir unless absolute; localFile: a name without "/".
+    // Accepts a download with the parameters as they stand now. serverFile: at most 255 bytes, no
+    // control bytes; absolute with a leading "/", else relative to the login directory; dir: local
+    // directory, relative to acWorkDir unless absolute; localFile: a name without "/".
     // *taskId, never 0 and unique among live tasks, is set before any notification of the task can
     // begin, and left alone when the download is refused. callback: may be null.
     unsigned int TRAVEX_FTP_AsynDownloadFile(TRAVEX_FTP_HANDLE handle, unsigned int* taskId,

@@ -1,7 +1,8 @@
 // Security layer: random source, block cipher, bounded memory and string helpers.
 //
-// Everything here may be called on any thread; nothing keeps state or throws. Results are 0 for
-// success and one of the codes below otherwise.
+// Everything here may be called on any thread; nothing keeps state, blocks or throws. Results are 0
+// for success and one of the codes below otherwise. Once the process has begun to end, random bytes
+// and ciphers fail with their codes: the crypto library takes itself down.
 #ifndef ZEP_H
 #define ZEP_H
 
@@ -20,7 +21,8 @@ enum tagZEP_RESULT
 
 extern "C"
 {
-    // Fills buffer with len cryptographic random bytes, or fails; there is no weaker fall-back.
+    // Fills buffer with len cryptographic random bytes, or fails and zeroes it; there is no weaker
+    // fall-back.
     unsigned int ZEP_CPYPT_RealRandom(unsigned char* buffer, unsigned int len);
 
     // Block size in bytes: 16 for algorithm 0, 0 for an unknown one.
@@ -30,7 +32,8 @@ extern "C"
     // bytes, IV 16 bytes. *outLen is the capacity of out on entry and the bytes written on return,
     // 0 after a failure. n bytes encrypt into (n / 16 + 1) * 16; a decryption writes the plain
     // bytes only and needs room for them alone. Nothing is written past the capacity. in and out
-    // may be the same buffer, other overlaps are refused.
+    // may be the same buffer, other overlaps are refused. When the padding is wrong out is as it
+    // was: no plain byte gets there.
     unsigned int ZEP_CPYPT_Encrypt(unsigned int alg, const unsigned char* key, unsigned int keyLen,
                                    const unsigned char* iv, unsigned int ivLen,
                                    const unsigned char* in, unsigned int inLen, unsigned char* out,
@@ -52,7 +55,8 @@ extern "C"
     int zep_memset_s(void* dest, size_t destMax, int c, size_t count);
 
     // Copies at most count bytes of a text, up to its NUL, and terminates. The text and its
-    // terminator must fit destMax bytes, else nothing is copied and dest becomes the empty text.
+    // terminator must fit destMax bytes and not overlap, else nothing is copied and dest becomes
+    // the empty text. Reads at most destMax bytes of src.
     int zep_strncpy_s(char* dest, size_t destMax, const char* src, size_t count);
 
 }  // extern "C"

@@ -7,6 +7,7 @@ namespace travex_ftp
 {
 namespace
 {
+// Frees what OpenSSL has made.
 struct Freed
 {
     void operator()(SSL_CTX* context) const
@@ -38,6 +39,7 @@ const SSL_CIPHER* findSuite(SSL* ssl, int identifier)
     return SSL_CIPHER_find(ssl, number);
 }
 
+// The version in which the suite was introduced; those of TLS 1.3 serve no other.
 bool isTls13(const SSL_CIPHER* suite)
 {
     return strcmp(SSL_CIPHER_get_version(suite), "TLSv1.3") == 0;
@@ -50,6 +52,7 @@ bool isSafe(const SSL_CIPHER* suite)
            SSL_CIPHER_get_auth_nid(suite) != NID_auth_null;
 }
 
+// Appends the suite's name to the list of its protocol version.
 bool addSuite(SSL* ssl, int identifier, CipherSuites& suites, Failure& failure)
 {
     const unsigned int bits = static_cast<unsigned int>(identifier);

@@ -46,11 +46,22 @@ Connection::Connection(std::shared_ptr<const Settings> settings, const Limits& l
 
 Connection::~Connection() = default;
 
-bool Connection::serves(const Settings& settings) const
+bool Connection::welcome() const
 {
-    return idle() && settings_->sameConnection(settings);
+    return alive() && (used_ || (transfer_ != nullptr && *transfer_->replies().verb() != '\0'));
 }
 
+bool Connection::matches(const Settings& settings) const
+{
+    return settings_->sameConnection(settings);
+}
+
+bool Connection::serves(const Settings& settings) const
+{
+    return idle() && matches(settings);
+}
+
+// Once per connection: what is set here holds for all its transfers.
 bool Connection::prepare()
 {
     if (easy_ != nullptr)
@@ -199,6 +210,7 @@ void Connection::shutDown()
     }
 }
 
+// Of what the connection is doing now; there is always one thing.
 Clock::time_point Connection::deadline() const
 {
     if (transfer_ != nullptr)
@@ -260,6 +272,8 @@ curl_socket_t Connection::watched(Clock::time_point now) const
     return handshakePending && now >= mutedUntil_ ? controlSocket_ : CURL_SOCKET_BAD;
 }
 
+// Called between two passes of libcurl: what it has not read in the last one it will not read in
+// the next.
 void Connection::woken(Clock::time_point now)
 {
     const uint64_t heard = transfer_ != nullptr ? transfer_->replies().lines() : 0;
@@ -301,6 +315,7 @@ void Connection::limitConnecting(milliseconds limit)
                            static_cast<long>((since + limit).count()));
 }
 
+// The last that is heard of a channel: after its TLS session has been freed.
 int Connection::onCloseSocket(void* self, curl_socket_t socket)
 {
     Connection& it = *static_cast<Connection*>(self);
@@ -317,10 +332,12 @@ int Connection::onCloseSocket(void* self, curl_socket_t socket)
 // Called when a control connection is there and logged in, new or reused.
 int Connection::onReady(void* self, char*, char*, int, int)
 {
-    static_cast<Connection*>(self)->loggedIn_ = true;
+    auto* const it = static_cast<Connection*>(self);
+    it->loggedIn_ = it->used_ = true;
     return CURL_PREREQFUNC_OK;
 }
 
+// Called with each line of a reply.
 size_t Connection::onReply(char* line, size_t size, size_t count, void* self)
 {
     Connection& it = *static_cast<Connection*>(self);
@@ -390,6 +407,7 @@ int Connection::onDebug(CURL*, curl_infotype type, char* data, size_t size, void
     return 0;
 }
 
+// Called with the fresh context of every TLS channel, before its handshake.
 CURLcode Connection::onTlsContext(CURL*, void* context, void* self)
 {
     Connection& it = *static_cast<Connection*>(self);

@@ -53,7 +53,11 @@ public:
         return alive() && !busy() && !leaving_;
     }
 
-    // Idle, and made with settings that serve these.
+    // The server has not turned it away: a command was sent, now or in an earlier transfer.
+    bool welcome() const;
+
+    // Made with settings that serve these; and idle too.
+    bool matches(const Settings& settings) const;
     bool serves(const Settings& settings) const;
 
     // Starts a transfer. When that fails the transfer has the reason, and end() is due.
@@ -126,6 +130,7 @@ private:
     std::unique_ptr<Transfer> transfer_;
     bool leaving_ = false;
     bool loggedIn_ = false;  // in this transfer: what is opened from here on is a data channel
+    bool used_ = false;      // a transfer got that far
     Clock::time_point started_;
     Clock::time_point idleSince_;
 

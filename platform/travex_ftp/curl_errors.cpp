@@ -7,6 +7,7 @@ namespace travex_ftp
 {
 namespace
 {
+// libcurl calls it a timeout.
 constexpr unsigned int kServiceEnds = 421;
 
 bool oneOf(const char* verb, std::initializer_list<const char*> verbs)
@@ -32,6 +33,7 @@ bool explainReply(const Replies& replies, Failure& failure)
     const unsigned int code = replies.code();
     const char* const verb = replies.verb();
     const char* const text = replies.text();
+    // A reply below is no refusal, even where it was out of place.
     if (code < 400)
     {
         return false;
@@ -91,6 +93,7 @@ bool explainTls(const Ending& ending, const Replies& replies, Failure& failure)
         (void)fail(failure, TRAVEX_FTP_ERR_TLS, "the data channel is not encrypted");
         return true;
     }
+    // The peer's end of the file, as opposed to the network's or an attacker's.
     if (replies.opened() && !ending.data.closed())
     {
         (void)fail(failure, TRAVEX_FTP_ERR_PARTIAL,
@@ -100,6 +103,7 @@ bool explainTls(const Ending& ending, const Replies& replies, Failure& failure)
     return false;
 }
 
+// The system says why, unless it was libcurl that lost patience.
 void explainConnect(const Ending& ending, Failure& failure)
 {
     long number = 0;
@@ -110,6 +114,7 @@ void explainConnect(const Ending& ending, Failure& failure)
                late ? wordsOf(ending) : systemError(static_cast<int>(number)));
 }
 
+// The control or the data connection broke without a word.
 void explainLoss(const Ending& ending, const Replies& replies, Failure& failure)
 {
     // A line without an end; libcurl collects so much of it and no more.
@@ -125,9 +130,11 @@ void explainLoss(const Ending& ending, const Replies& replies, Failure& failure)
                closed ? "closed by the server" : wordsOf(ending));
 }
 
+// What is left when neither server nor TLS has said anything.
 void explainResult(const Ending& ending, const Transfer& transfer, Failure& failure)
 {
     const Replies& replies = transfer.replies();
+    // On IPv6 there is no PASV to fall back on, and libcurl blames the answer to EPSV.
     if (transfer.connectingData())
     {
         return explainConnect(ending, failure);

@@ -17,6 +17,7 @@ namespace travex_ftp
 {
 namespace
 {
+// Hidden, and not derived from the target, whose name may be as long as a name can be.
 constexpr char kPrefix[] = ".travex_ftp-";
 constexpr char kSuffix[] = ".part";
 constexpr size_t kDigits = 16;
@@ -190,6 +191,7 @@ bool DownloadFile::write(const char* data, size_t length, Failure& failure)
     return true;
 }
 
+// A write may take less than it was given, as when the disk is nearly full.
 bool DownloadFile::flushPiece(Failure& failure)
 {
     for (size_t written = 0; written != used_;)
@@ -205,6 +207,7 @@ bool DownloadFile::flushPiece(Failure& failure)
     return true;
 }
 
+// Of the target as it is now: it may have changed, appeared or gone since the start.
 bool DownloadFile::takePermissions(Failure& failure)
 {
     struct stat target = {};
@@ -248,6 +251,7 @@ void DownloadFile::discard()
     close();
 }
 
+// Frees the buffer as well: an object lives on while its transfer waits to be told of.
 void DownloadFile::close()
 {
     for (int* fd : {&fd_, &directoryFd_})

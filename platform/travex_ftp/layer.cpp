@@ -88,6 +88,7 @@ std::shared_ptr<Layer> World::firstEnded(bool onlyOver)
     return layer;
 }
 
+// Without threads any process may start the layer: a fork made now is free to.
 void World::forget(const std::shared_ptr<Layer>& layer)
 {
     Lock lock(mutex);
@@ -209,6 +210,7 @@ void Layer::start()
     }
 }
 
+// The notifier first: what the transfer thread still finishes is told to nobody.
 void Layer::stop()
 {
     notifier_.stop();
@@ -237,8 +239,8 @@ TRAVEX_FTP_HANDLE Layer::createHandle()
     static std::atomic<uintptr_t> last{1};
     const uintptr_t number = last += 2;
     TRAVEX_FTP_HANDLE handle = nullptr;
-    static_assert(sizeof handle == sizeof number, "a handle holds a number");
-    memcpy(&handle, &number, sizeof handle);
+    static_assert(sizeof(void*) == sizeof number, "a handle holds a number");
+    memcpy(&handle, &number, sizeof number);
     auto state = std::make_shared<Handle>();
     Lock lock(mutex_);
     handles_.emplace(handle, std::move(state));
@@ -251,6 +253,7 @@ std::shared_ptr<Handle> Layer::find(TRAVEX_FTP_HANDLE handle)
     return found == handles_.end() ? nullptr : found->second;
 }
 
+// The handle is unknown to new calls before its notifications are stopped.
 bool Layer::closeHandle(TRAVEX_FTP_HANDLE handle)
 {
     std::shared_ptr<Handle> closed;

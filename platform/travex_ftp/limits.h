@@ -28,7 +28,7 @@ struct Limits
     milliseconds idle{15000};         // CORPDIR_FTP_IDLE_MS: an unused control connection is closed
     milliseconds observe{100};        // CORPDIR_FTP_OBSERVE_MS: between two progress observations
     uint64_t fileBytes = 1ull << 34;  // CORPDIR_FTP_FILE_BYTES: 16 GiB, ends an endless file
-    uint64_t replyBytes = 64 * 1024;  // CORPDIR_FTP_REPLY_BYTES: all replies of one transfer
+    uint64_t replyBytes = 65536;      // CORPDIR_FTP_REPLY_BYTES: all replies of one transfer
     uint64_t replyLines = 1000;       // CORPDIR_FTP_REPLY_LINES: the same, in lines
     uint64_t connections = 64;        // CORPDIR_FTP_CONNECTIONS: control connections at a time
 
@@ -39,10 +39,10 @@ struct Limits
 constexpr milliseconds kExitPatience{1000};
 
 // Bytes collected before they are written to the file: libcurl hands out 16 KB at a time.
-constexpr size_t kFilePiece = 256 * 1024;
+constexpr size_t kFilePiece = 262144;
 
 // Receive buffer of libcurl, per control connection in use.
-constexpr long kReceiveBuffer = 256 * 1024;
+constexpr long kReceiveBuffer = 262144;
 
 }  // namespace travex_ftp
 

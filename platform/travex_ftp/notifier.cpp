@@ -11,6 +11,7 @@ void Notifier::start()
     worker_.start([this] { run(); });
 }
 
+// What is queued stays queued, and goes with the object.
 void Notifier::stop()
 {
     Lock lock(mutex_);
@@ -18,6 +19,8 @@ void Notifier::stop()
     changed_.notify_all();
 }
 
+// A task that waits in the queue already is told of once, with the newest numbers: neither a slow
+// callback nor a fast network makes the queue grow.
 void Notifier::progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 {
     Lock lock(mutex_);
@@ -26,6 +29,7 @@ void Notifier::progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
     enqueue(task);
 }
 
+// A progress that waits in the queue is overtaken by the outcome.
 void Notifier::finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total)
 {
     Lock lock(mutex_);
@@ -59,7 +63,7 @@ void Notifier::run()
     while (take(task, news))
     {
         deliver(*task, news);
-        task.reset();
+        task.reset();  // before the wait: its id is free, its settings are wiped
     }
 }
 
@@ -88,6 +92,7 @@ bool Notifier::mayBegin(const Task& task)
     return !stopping_ && !task.handle->closed;
 }
 
+// The observer first: whoever is told by a notification may ask what the observer has seen.
 void Notifier::deliver(const Task& task, Task::News& news)
 {
     if (mayBegin(task))
@@ -113,6 +118,7 @@ void Notifier::notify(const Task& task, unsigned int type, Failure* failure)
     {
         return;
     }
+    // Of this call alone, so that a client that writes into it harms nobody.
     tagTRAVEX_FTP_S_NOTIFY_DATA data{};
     data.ulTaskID = task.id.value();
     memcpy(data.DownFileName, task.serverFile.c_str(), task.serverFile.size());

@@ -33,6 +33,7 @@ State& state()
 // Depth of observer calls on this thread.
 thread_local unsigned int t_observing = 0;
 
+// An observer that was replaced is still running.
 bool callsBefore(const State& all, uint64_t setting) REQUIRES(all.mutex)
 {
     for (const Call* call = all.calls; call != nullptr; call = call->next)
@@ -64,6 +65,7 @@ void setObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
     const uint64_t setting = ++all.settings;
     all.observer = observer;
     all.user = user;
+    // An observer that replaces itself cannot wait for its own end.
     while (t_observing == 0 && callsBefore(all, setting))
     {
         lock.wait(all.ended);

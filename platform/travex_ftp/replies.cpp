@@ -83,6 +83,8 @@ void Replies::commandSent(const char* line, size_t length)
     answered_ = false;
 }
 
+// Lines in the middle of a reply may look like the end of another one: only the code that began it
+// ends it.
 Replies::Line Replies::lineHeard(const char* line, size_t length, const Limits& limits)
 {
     ++lines_;
@@ -112,12 +114,13 @@ Replies::Line Replies::final(const char* line, size_t length)
     const size_t kept = std::min(static_cast<size_t>(end - begin), sizeof text_ - 1);
     memcpy(text_, begin, kept);
     text_[kept] = '\0';
-    answered_ = code_ >= 200;
+    answered_ = code_ >= 200;  // a 1xx is followed by another reply
     if (code_ == 150 || code_ == 125)
     {
         opened_ = true;
         sizeOpened_ = sizeInParentheses(begin, end);
     }
+    // 213 answers other commands too.
     if (code_ == 213 && strcmp(verb_, "SIZE") == 0)
     {
         uint64_t size = 0;

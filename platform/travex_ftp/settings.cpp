@@ -9,8 +9,9 @@ namespace travex_ftp
 namespace
 {
 constexpr unsigned int kFtpPort = 21;
-constexpr unsigned int kImplicitPort = 990;
+constexpr unsigned int kImplicitPort = 990;  // TLS from the first byte on, by convention
 
+// The bytes behind an IPv4 address are not looked at.
 Address readAddress(unsigned int type, const unsigned char (&bytes)[16])
 {
     Address address;
@@ -53,6 +54,7 @@ bool checkText(const char (&text)[N], const char* name, bool command, Failure& f
     return true;
 }
 
+// Numbers that have no meaning are refused rather than taken for one that has.
 bool checkNumbers(const tagTRAVEX_FTP_S_CTRL_PARAM& record, Failure& failure)
 {
     if (record.ulServerType > 1)
@@ -110,6 +112,7 @@ Settings::Settings(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
 {
 }
 
+// The address with its port tells the family too; the work directory is the transfer's affair.
 bool Settings::sameConnection(const Settings& other) const
 {
     return serverText == other.serverText && local.literal == other.local.literal &&

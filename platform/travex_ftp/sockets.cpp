@@ -7,6 +7,7 @@
 
 namespace travex_ftp
 {
+// Under the lock as a whole, so that shutDownAll() misses none that is just being made.
 int Sockets::open(int family, int type, int protocol)
 {
     Lock lock(mutex_);

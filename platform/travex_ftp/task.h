@@ -105,10 +105,20 @@ public:
         last_ = pushed;
     }
 
+    // Before all others.
+    void pushFront(TaskPtr task)
+    {
+        Task* const pushed = task.get();
+        pushed->*Next = std::move(first_);
+        first_ = std::move(task);
+        last_ = last_ == nullptr ? pushed : last_;
+    }
+
     // Null when the queue is empty.
     TaskPtr pop()
     {
-        TaskPtr task = std::move(first_);
+        TaskPtr task;
+        task.swap(first_);
         if (task != nullptr)
         {
             first_ = std::move(task.get()->*Next);

@@ -139,6 +139,8 @@ bool TlsChannel::checkChain(X509_STORE_CTX* presented)
     return false;
 }
 
+// The address comes first: it needs no configuration. The text of a name that is tried is the
+// client's, so it may stand in the reason.
 bool TlsChannel::checkIdentity(X509* certificate)
 {
     const Address& server = settings_.server;
@@ -198,6 +200,7 @@ void TlsChannel::onState(const SSL* ssl, int where, int)
     }
 }
 
+// Whatever the callbacks found is known now: an unaccepted certificate does not get here.
 void TlsChannel::done(const SSL* ssl)
 {
     shaking_ = false;
@@ -209,6 +212,7 @@ void TlsChannel::done(const SSL* ssl)
     listener_.handshakeDone();
 }
 
+// Sees alerts in clear, those of TLS 1.3 as well.
 void TlsChannel::onMessage(int sent, int, int type, const void* data, size_t length, SSL*,
                            void* channel)
 {

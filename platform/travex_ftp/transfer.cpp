@@ -14,6 +14,7 @@ double seconds(Clock::duration duration)
     return std::chrono::duration<double>(duration).count();
 }
 
+// The server gives up the control connection, whatever the command was.
 constexpr unsigned int kServiceEnds = 421;
 
 }  // namespace
@@ -39,6 +40,7 @@ bool Transfer::prepare()
     return file_.open(task_->directory, task_->localFile, failure_);
 }
 
+// All that an earlier try has learnt is forgotten, but not the time that it took.
 void Transfer::begin(bool reused)
 {
     retried_ = retried_ || reused_;
@@ -51,6 +53,7 @@ void Transfer::begin(bool reused)
                    task_->serverFile.c_str(), reused ? "known" : "new");
 }
 
+// Restarts the clock: called with every sign of life of the peer that counts as one.
 void Transfer::waitFor(Wait what, milliseconds limit)
 {
     wait_ = what;
@@ -91,6 +94,7 @@ bool Transfer::replyHeard(const char* line, size_t length)
         case Replies::Line::Fine:
             break;
     }
+    // A size beyond the limit need not be downloaded to be refused.
     return sizeAllowed(total());
 }
 
@@ -116,6 +120,8 @@ bool Transfer::sizeAllowed(uint64_t size)
     return true;
 }
 
+// The window of the pace is not moved by a single byte: expire() looks at what came in all of it,
+// so that a server cannot keep a transfer alive for ever by a byte now and then.
 bool Transfer::dataArrived(const char* data, size_t length)
 {
     if (wait_ != Wait::File)
@@ -131,12 +137,14 @@ bool Transfer::dataArrived(const char* data, size_t length)
     return true;
 }
 
+// What SIZE said comes first: it was asked for, while the text of a 150 is for people.
 uint64_t Transfer::total() const
 {
     return replies_.sizeAnswered() != TRAVEX_FTP_SIZE_UNKNOWN ? replies_.sizeAnswered()
                                                               : replies_.sizeOpened();
 }
 
+// Seldom asked for and never often told: the clock is read before the observer's lock is taken.
 void Transfer::report()
 {
     const Clock::time_point now = Clock::now();
@@ -202,10 +210,17 @@ void Transfer::expireReply()
                greeting ? "greeting" : "answer to ", replies_.verb(), seconds(limits_.response));
 }
 
+// Before the first answer on a connection that was used before; after one the server has begun to
+// work on this transfer, and what fails then would fail again.
 bool Transfer::wantsFreshConnection() const
 {
     const bool unheard = replies_.lines() == 0 || replies_.code() == kServiceEnds;
     return reused_ && !retried_ && unheard && received_ == 0;
+}
+
+bool Transfer::turnedAway() const
+{
+    return replies_.code() == kServiceEnds && replies_.verb()[0] == '\0';
 }
 
 bool Transfer::checkComplete()
@@ -216,6 +231,7 @@ bool Transfer::checkComplete()
                     "the end of the file was not confirmed: %u %s", replies_.code(),
                     replies_.text());
     }
+    // Each announcement on its own: they may disagree with each other as well.
     for (const uint64_t announced : {replies_.sizeAnswered(), replies_.sizeOpened()})
     {
         if (announced != TRAVEX_FTP_SIZE_UNKNOWN && announced != received_)
@@ -238,12 +254,14 @@ void Transfer::abandon()
     file_.discard();
 }
 
+// The reason is completed here, once, so that log, notification and observer say the same.
 void Transfer::finish()
 {
     file_.discard();
     const Settings& settings = *task_->settings;
     if (failed(failure_))
     {
+        // A server may repeat the password in its refusal.
         mask(failure_.acReason, settings.password.text());
         prefix(failure_, settings.serverText.c_str());
         TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s (task %u, %s)", failure_.acReason, task_->id.value(),

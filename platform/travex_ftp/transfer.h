@@ -20,6 +20,10 @@ public:
     {
         return *task_;
     }
+    const TaskPtr& taskPtr() const
+    {
+        return task_;
+    }
     const Replies& replies() const
     {
         return replies_;
@@ -66,6 +70,9 @@ public:
     // The try failed as it does on a connection that the server has given up meanwhile: another
     // one, on a new connection, is due. Asked at most once in vain.
     bool wantsFreshConnection() const;
+
+    // The server greeted with a 421: it has as many connections as it wants.
+    bool turnedAway() const;
 
     // All has arrived by what the server said: 226, and the sizes agree.
     bool checkComplete();

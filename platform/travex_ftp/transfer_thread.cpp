@@ -62,6 +62,7 @@ void TransferThread::stop()
     (void)curl_multi_wakeup(multi_);
 }
 
+// Nobody waits for the answer: the thread takes the task up when it is woken.
 void TransferThread::submit(TaskPtr task)
 {
     {
@@ -91,6 +92,7 @@ void TransferThread::run()
     windUp();
 }
 
+// False when the thread is to end.
 bool TransferThread::takeOrders()
 {
     Lock lock(mutex_);
@@ -160,6 +162,10 @@ Connection* TransferThread::connectionFor(const Task& task)
             return connection.get();
         }
     }
+    if (isCrowded(*task.settings))
+    {
+        return nullptr;
+    }
     if (connections_.size() >= limits_.connections)
     {
         makeRoom();
@@ -168,15 +174,63 @@ Connection* TransferThread::connectionFor(const Task& task)
     return &addConnection(task.settings);
 }
 
+// Makes room first: what is pushed later in a callback-driven pass must not fail for memory.
 Connection& TransferThread::addConnection(const std::shared_ptr<const Settings>& settings)
 {
     const size_t count = connections_.size() + 1;
     connections_.reserve(count);
+    crowds_.reserve(count);
     watched_.reserve(count);
     watchers_.reserve(count);
     connections_.push_back(
         std::make_unique<Connection>(settings, limits_, sockets_, ++connectionNumber_));
     return *connections_.back();
+}
+
+size_t TransferThread::countWelcome(const Settings& settings) const
+{
+    const auto welcome = [&settings](const std::unique_ptr<Connection>& connection)
+    { return connection->welcome() && connection->matches(settings); };
+    return static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(), welcome));
+}
+
+bool TransferThread::isCrowded(const Settings& settings) const
+{
+    const auto crowd = std::find_if(crowds_.begin(), crowds_.end(),
+                                    [&settings](const Crowd& each)
+                                    { return each.settings->sameConnection(settings); });
+    const auto open = [&settings](const std::unique_ptr<Connection>& connection)
+    { return (connection->alive() || connection->busy()) && connection->matches(settings); };
+    return crowd != crowds_.end() &&
+           static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(), open)) >=
+               crowd->most;
+}
+
+// A server that turns a connection away while it serves others of ours is not failing: the task
+// waits for one of those. False when there are none, or the reason was another one.
+bool TransferThread::queueAgain(const Transfer& transfer)
+{
+    const std::shared_ptr<const Settings>& settings = transfer.task().settings;
+    const size_t others = countWelcome(*settings);
+    if (!transfer.turnedAway() || others == 0)
+    {
+        return false;
+    }
+    const auto known = std::find_if(crowds_.begin(), crowds_.end(),
+                                    [&settings](const Crowd& each)
+                                    { return each.settings->sameConnection(*settings); });
+    if (known == crowds_.end())
+    {
+        crowds_.push_back({settings, others});  // room was made with the connection
+    }
+    else
+    {
+        known->most = std::max(known->most, others);
+    }
+    TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u waits: the server takes %zu connections",
+                   settings->serverText.c_str(), transfer.task().id.value(), others);
+    waiting_.pushFront(transfer.taskPtr());
+    return true;
 }
 
 // Closes the connection that has been idle for longest, if there is one.
@@ -197,6 +251,7 @@ void TransferThread::makeRoom()
     }
 }
 
+// Files and addresses that cannot work fail here, before anything is sent.
 void TransferThread::beginTransfer(std::unique_ptr<Transfer> transfer, Connection& connection)
 {
     if (!transfer->prepare())
@@ -216,6 +271,7 @@ void TransferThread::perform()
     finishDone();
 }
 
+// libcurl hands out a message for each transfer and each farewell that has ended.
 void TransferThread::finishDone()
 {
     int left = 0;
@@ -248,7 +304,7 @@ void TransferThread::conclude(Connection& connection, std::unique_ptr<Transfer> 
     {
         retry(std::move(transfer));
     }
-    else
+    else if (success || !queueAgain(*transfer))
     {
         transfer->finish();
     }
@@ -271,6 +327,7 @@ void TransferThread::retry(std::unique_ptr<Transfer> transfer)
     }
 }
 
+// Limits of transfers and farewells, and the patience with unused connections.
 void TransferThread::expire()
 {
     const Clock::time_point now = Clock::now();
@@ -292,6 +349,7 @@ void TransferThread::expire()
     }
 }
 
+// Until libcurl's sockets or timers, ours, a limit, or another thread has something for us.
 void TransferThread::wait()
 {
     const Clock::time_point now = Clock::now();
@@ -342,6 +400,8 @@ void TransferThread::forgetDead()
     { return !connection->alive() && !connection->busy(); };
     connections_.erase(std::remove_if(connections_.begin(), connections_.end(), dead),
                        connections_.end());
+    const auto deserted = [this](const Crowd& crowd) { return countWelcome(*crowd.settings) == 0; };
+    crowds_.erase(std::remove_if(crowds_.begin(), crowds_.end(), deserted), crowds_.end());
 }
 
 // All sockets were shut down by stop(): nothing here waits for a server. When the process is

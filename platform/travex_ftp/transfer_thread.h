@@ -54,6 +54,9 @@ private:
     void beginTransfer(std::unique_ptr<Transfer> transfer, Connection& connection);
     void perform();
     void finishDone();
+    bool isCrowded(const Settings& settings) const;
+    bool queueAgain(const Transfer& transfer);
+    size_t countWelcome(const Settings& settings) const;
     void conclude(Connection& connection, std::unique_ptr<Transfer> transfer);
     void retry(std::unique_ptr<Transfer> transfer);
     void expire();
@@ -72,7 +75,16 @@ private:
     bool stopping_ GUARDED_BY(mutex_) = false;
     TaskQueue<&Task::nextTransfer> submitted_ GUARDED_BY(mutex_);
 
+    // A server that takes no more than so many connections, learnt from its refusal of another one;
+    // remembered as long as there is one.
+    struct Crowd
+    {
+        std::shared_ptr<const Settings> settings;
+        size_t most;
+    };
+
     // Transfer thread only.
+    std::vector<Crowd> crowds_;
     TaskQueue<&Task::nextTransfer> waiting_;
     std::vector<std::unique_ptr<Connection>> connections_;
     std::vector<curl_waitfd> watched_;

@@ -13,6 +13,7 @@ namespace travex_ftp
 {
 namespace
 {
+// What the notification can give back byte for byte, terminator included.
 constexpr size_t kLongestServerFile = sizeof(tagTRAVEX_FTP_S_NOTIFY_DATA::DownFileName) - 1;
 
 // Runs the body of a public function: in the child of a fork it does not run at all, and lack of
@@ -68,6 +69,8 @@ std::shared_ptr<Layer> layerOf(TRAVEX_FTP_HANDLE handle, Layer::View& view, Fail
     return nullptr;
 }
 
+// Suites and trust anchors are looked up here, on the caller's thread and without a lock: a mistake
+// in them is reported at once, and the transfer thread reads no files.
 unsigned int setCtrlParam(TRAVEX_FTP_HANDLE handle, const tagTRAVEX_FTP_S_CTRL_PARAM& record)
 {
     Failure failure{};
@@ -86,6 +89,7 @@ unsigned int setCtrlParam(TRAVEX_FTP_HANDLE handle, const tagTRAVEX_FTP_S_CTRL_P
     return refused("control parameters", failure, serverOf(record).c_str(), "");
 }
 
+// The file becomes part of commands: what could end one, or hide in one, is refused.
 bool checkServerFile(const char* serverFile, Failure& failure)
 {
     if (serverFile == nullptr || *serverFile == '\0')
@@ -102,6 +106,7 @@ bool checkServerFile(const char* serverFile, Failure& failure)
     {
         return fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file holds a control byte");
     }
+    // libcurl would list the directory instead.
     if (serverFile[length - 1] == '/')
     {
         return fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is a directory");
@@ -109,6 +114,7 @@ bool checkServerFile(const char* serverFile, Failure& failure)
     return true;
 }
 
+// A plain name cannot lead out of the directory.
 bool checkLocalFile(const char* localFile, Failure& failure)
 {
     if (localFile == nullptr || *localFile == '\0' || strnlen(localFile, NAME_MAX + 1) > NAME_MAX)
@@ -131,6 +137,7 @@ bool checkParameters(const Layer::View& view, Failure& failure)
                 view.settings == nullptr ? "control" : "data");
 }
 
+// An absolute `dir` stands for itself.
 std::string directoryOf(const std::string& workDir, const char* dir)
 {
     if (dir == nullptr || *dir == '\0')
@@ -140,15 +147,19 @@ std::string directoryOf(const std::string& workDir, const char* dir)
     return *dir == '/' ? dir : workDir + "/" + dir;
 }
 
+// The parameters are taken as they stand: the task shares the settings, which never change.
 unsigned int download(TRAVEX_FTP_HANDLE handle, unsigned int* taskId, const char* serverFile,
                       const char* dir, const char* localFile, TRAVEX_FTP_NOTIFY_CB callback)
 {
     Failure failure{};
     Layer::View view;
+    if (taskId == nullptr)
+    {
+        (void)fail(failure, TRAVEX_FTP_ERR_PARAM, "there is no place for the task id");
+    }
     const std::shared_ptr<Layer> layer = layerOf(handle, view, failure);
-    if (layer == nullptr || !checkParameters(view, failure) ||
-        !checkServerFile(serverFile, failure) || !checkLocalFile(localFile, failure) ||
-        (taskId == nullptr && !fail(failure, TRAVEX_FTP_ERR_PARAM, "no place for the task id")))
+    if (taskId == nullptr || layer == nullptr || !checkParameters(view, failure) ||
+        !checkServerFile(serverFile, failure) || !checkLocalFile(localFile, failure))
     {
         const char* const server = view.settings ? view.settings->serverText.c_str() : "";
         return refused("download", failure, server, serverFile != nullptr ? serverFile : "");

@@ -33,7 +33,7 @@ struct Freed
 };
 
 // A file of authorities is small; what is larger is not one, and is not read into memory.
-constexpr off_t kLargestFile = 16 * 1024 * 1024;
+constexpr off_t kLargestFile = 16777216;
 
 std::vector<std::string> split(const std::string& text, char separator)
 {

@@ -22,6 +22,7 @@ void Worker::start(std::function<void()> body)
         Lock lock(mutex_);
         state_ = State::Running;
     }
+    // Before the thread exists, which may be over before this function is.
     try
     {
         thread_ = std::thread(
@@ -42,6 +43,7 @@ void Worker::start(std::function<void()> body)
     }
 }
 
+// One caller joins the thread; the others wait for it, or for their deadline.
 bool Worker::join(Clock::time_point deadline)
 {
     {

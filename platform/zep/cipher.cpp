@@ -151,7 +151,7 @@ struct LastBlock
 bool DecryptLastBlock(EVP_CIPHER_CTX* context, const Job& job, LastBlock* last)
 {
     const unsigned char* const end = job.in + job.inLen;
-    const unsigned char* const before = job.inLen == kBlock ? job.iv : end - 2 * kBlock;
+    const unsigned char* const before = job.inLen == kBlock ? job.iv : end - kBlock - kBlock;
     int written = 0;
     int tail = 0;
     if (!Start(context, Direction::kDecrypt, Padding::kPkcs7, job.key, before) ||

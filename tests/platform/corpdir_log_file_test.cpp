@@ -556,18 +556,6 @@ TEST_F(LogFile, ALimitOfTheFileSizeDoesNotEndTheClient)
     EXPECT_THAT(support::ReadFile(File()).size(), testing::Le(16384U));
 }
 
-TEST_F(LogFile, RunningOutOfDescriptorsIsACode)
-{
-    Child child(
-        [&]
-        {
-            const rlimit limit = {static_cast<rlim_t>(dup(0)), 4096};
-            setrlimit(RLIMIT_NOFILE, &limit);
-            _exit(Open(Info(Directory())) == EMFILE ? 7 : 8);
-        });
-    EXPECT_EQ(child.Wait(), 7);
-}
-
 TEST_F(LogFile, IsNotHandedToProgramsThatTheClientStarts)
 {
     ASSERT_EQ(Open(Info(Directory())), 0U);

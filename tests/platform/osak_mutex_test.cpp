@@ -3,11 +3,14 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <future>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -78,6 +81,44 @@ unsigned int OnAnotherThread(unsigned int (*operation)(OSAK_MUTEX*), OSAK_MUTEX*
 {
     return std::async(std::launch::async, operation, mutex).get();
 }
+
+// Another thread that calls an operation, which is to wait within it.
+class Caller
+{
+public:
+    Caller(unsigned int (*operation)(OSAK_MUTEX*), OSAK_MUTEX* mutex)
+        : m_code(std::async(std::launch::async,
+                            [this, operation, mutex]
+                            {
+                                m_thread.set_value(gettid());
+                                return operation(mutex);
+                            }))
+    {
+        const pid_t thread = m_thread.get_future().get();
+        while (StateOf(thread) != 'S')
+        {
+            std::this_thread::yield();
+        }
+    }
+    unsigned int Code()
+    {
+        return m_code.get();
+    }
+
+private:
+    // The kernel's letter for what the thread does; S: it sleeps.
+    static char StateOf(pid_t thread)
+    {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        const size_t name = text.rfind(')');
+        return name != std::string::npos && name + 2 < text.size() ? text[name + 2] : '?';
+    }
+
+    std::promise<pid_t> m_thread;
+    std::future<unsigned int> m_code;
+};
 
 void ExpectNoMutex(OSAK_MUTEX* mutex)
 {
@@ -196,10 +237,9 @@ TEST(OsakMutex, DestroyWaitsForAHolder)
 {
     ScopedMutex mutex;
     Holder holder(mutex.Get());
-    auto destroyed = std::async(std::launch::async, OSAK_MutexDestroy, mutex.Get());
-    EXPECT_EQ(std::future_status::timeout, destroyed.wait_for(milliseconds(20)));
+    Caller destroy(OSAK_MutexDestroy, mutex.Get());
     holder.Release();
-    EXPECT_EQ(OSAK_OK, destroyed.get());
+    EXPECT_EQ(OSAK_OK, destroy.Code());
 }
 
 TEST(OsakMutex, DestroyOfAMutexThatStaysHeldGivesUpAfterASecond)
@@ -233,31 +273,22 @@ TEST(OsakMutex, LockersWaitOutADestroyThatGivesUp)
     EXPECT_EQ(OSAK_OK, locked.get());
 }
 
+// Those who came first to lock stand back behind the one who destroys.
 TEST(OsakMutex, WaitingThreadsGetACodeWhenItIsDestroyed)
 {
-    ScopedMutex mutex;
-    Holder holder(mutex.Get());
-    std::vector<std::future<unsigned int>> waiters;
-    waiters.reserve(3);
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 50; ++i)
     {
-        waiters.push_back(std::async(std::launch::async,
-                                     [&mutex]
-                                     {
-                                         unsigned int code = OSAK_OK;
-                                         while ((code = OSAK_MutexLock(mutex.Get())) == OSAK_OK)
-                                         {
-                                             EXPECT_EQ(OSAK_OK, OSAK_MutexUnLock(mutex.Get()));
-                                         }
-                                         return code;
-                                     }));
-    }
-    auto destroyed = std::async(std::launch::async, OSAK_MutexDestroy, mutex.Get());
-    holder.Release();
-    EXPECT_EQ(OSAK_OK, destroyed.get());
-    for (auto& waiter : waiters)
-    {
-        EXPECT_EQ(OSAK_ERR_NO_MUTEX, waiter.get());
+        ScopedMutex mutex;
+        Holder holder(mutex.Get());
+        Caller first(OSAK_MutexLock, mutex.Get());
+        Caller second(OSAK_MutexLock, mutex.Get());
+        Caller destroy(OSAK_MutexDestroy, mutex.Get());
+        Caller last(OSAK_MutexLock, mutex.Get());
+        holder.Release();
+        EXPECT_EQ(OSAK_OK, destroy.Code());
+        EXPECT_EQ(OSAK_ERR_NO_MUTEX, first.Code());
+        EXPECT_EQ(OSAK_ERR_NO_MUTEX, second.Code());
+        EXPECT_EQ(OSAK_ERR_NO_MUTEX, last.Code());
     }
 }
 

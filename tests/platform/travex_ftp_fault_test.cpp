@@ -1,7 +1,13 @@
 // A server that misbehaves: what the client reports, that the file that was there is untouched,
 // that nothing is left over, and that the next transfer works.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
 
 #include "captured_log.h"
 #include "travex_ftp_fixture.h"
@@ -269,6 +275,127 @@ TEST_F(LayerTest, ProxyVariablesAndNetrcAreIgnored)
     Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
     EXPECT_EQ("0 12", Fetch("f", "f"));
     EXPECT_EQ(1u, server.Count("COMMAND USER ftp"));
+}
+
+// A server that takes few connections of a client at a time is served by those few.
+TEST_F(LayerTest, CrowdedServerIsNoFailure)
+{
+    FaultyServer server("none", {"--most", "3"});
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    ASSERT_EQ("0 12", Fetch("f", "first"));
+    std::vector<unsigned int> tasks;
+    for (int i = 0; i != 40; ++i)
+    {
+        tasks.push_back(Start("f", "f" + std::to_string(i)));
+    }
+    for (const unsigned int task : tasks)
+    {
+        EXPECT_EQ("0 12", ftp_test::OutcomeOf(task)) << ftp_test::FailureOf(task).reason;
+    }
+}
+
+TEST_F(LayerTest, ServerThatTurnsEverybodyAwayFailsThemAll)
+{
+    FaultyServer server("none", {"--most", "0"});
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    std::vector<unsigned int> tasks;
+    for (int i = 0; i != 20; ++i)
+    {
+        tasks.push_back(Start("f", "f" + std::to_string(i)));
+    }
+    for (const unsigned int task : tasks)
+    {
+        EXPECT_THAT(ftp_test::FailureOf(task).reason,
+                    testing::EndsWith("the server ends the service: 421 Too many connections."));
+    }
+    EXPECT_EQ(20u, server.Count("CONNECT"));
+}
+
+#if defined(__has_feature)
+#define CORPDIR_HAS_FEATURE(x) __has_feature(x)
+#else
+#define CORPDIR_HAS_FEATURE(x) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
+    CORPDIR_HAS_FEATURE(address_sanitizer) || CORPDIR_HAS_FEATURE(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// Counts a text, given backwards, in the writable memory of the process; not in its own workplace.
+size_t CountInMemory(const std::string& reversed)
+{
+    static char s_secret[64];
+    static char s_block[1 << 16];
+    const size_t length = reversed.size();
+    std::copy(reversed.rbegin(), reversed.rend(), s_secret);
+    const int memory = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
+    std::ifstream maps("/proc/self/maps");
+    size_t found = 0;
+    for (std::string line; std::getline(maps, line);)
+    {
+        unsigned long at = 0;
+        unsigned long end = 0;
+        char mode[5] = "";
+        if (sscanf(line.c_str(), "%lx-%lx %4s", &at, &end, mode) != 3 || mode[1] != 'w')
+        {
+            continue;
+        }
+        // Blocks overlap by a byte less than the text, so that it is found once wherever it lies.
+        for (ssize_t got = 0; at + length <= end;
+             at += static_cast<unsigned long>(got) - length + 1)
+        {
+            got =
+                pread(memory, s_block, std::min(sizeof s_block, end - at), static_cast<off_t>(at));
+            if (got < static_cast<ssize_t>(length))
+            {
+                break;
+            }
+            const char* const last = s_block + got;
+            const auto next = [last, length](const char* from)
+            { return std::search(from, last, &s_secret[0], &s_secret[length]); };
+            for (const char* hit = next(s_block); hit != last; hit = next(hit + 1))
+            {
+                const auto* place = reinterpret_cast<const char*>(at) + (hit - s_block);
+                const bool ours = (place >= s_secret && place < s_secret + sizeof s_secret) ||
+                                  (place >= s_block && place < s_block + sizeof s_block);
+                found += ours ? 0 : 1;
+            }
+        }
+    }
+    close(memory);
+    explicit_bzero(s_secret, sizeof s_secret);
+    explicit_bzero(s_block, sizeof s_block);
+    return found;
+}
+
+// Once the connection is gone no memory of the process holds the password. It is put together at
+// run time and wiped here, so that the layer's and libcurl's copies are the only ones.
+TEST_F(LayerTest, PasswordOutlivesNoConnection)
+{
+    if (kSanitized)
+    {
+        GTEST_SKIP() << "sanitizers keep freed memory, and map more than can be read";
+    }
+    // The beginning of a freed block is overwritten by the allocator itself: the end is looked for.
+    const std::string reversed = "71-drowssap-gnol-a-fo-dne-eht-si-siht-" + std::string(40, '.');
+    const std::string end = reversed.substr(0, 30);
+    for (const bool tls : {false, true})
+    {
+        FaultyServer server("none", tls ? TlsOptions() : std::vector<std::string>());
+        auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+        record.ulServerType = tls ? 1 : 0;
+        std::copy(reversed.rbegin(), reversed.rend(), record.acPassword);
+        record.acPassword[reversed.size()] = '\0';
+        Use(record);
+        explicit_bzero(record.acPassword, sizeof record.acPassword);
+        ASSERT_EQ("0 12", Fetch("f", "f"));
+        EXPECT_NE(0u, CountInMemory(end));  // of the pooled connection: the search works
+        ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
+        EXPECT_EQ(0u, CountInMemory(end)) << tls;
+        SetUp();
+    }
 }
 
 double CpuSeconds()

@@ -171,6 +171,7 @@ TEST_F(ObserverTest, SeesProgressAndOutcomeBeforeTheNotification)
             seen_before = notice.type == 0 ? m_watch.seen.size() : seen_before;
         });
     ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_EQ(0u, TRAVEX_FTP_UnInit());  // waits for the last notification, which uses our stack
     ASSERT_GE(m_watch.seen.size(), 2u);
     EXPECT_EQ(seen_before, m_watch.seen.size());
     EXPECT_EQ("0 f 30000000 ", m_watch.seen.front());

@@ -341,6 +341,77 @@ TEST_F(CertificateTest, DirectoryOfAuthoritiesNeedsNoHashedNames)
     EXPECT_EQ("3 18 unable to get local issuer certificate", Fetch("f", "f"));
 }
 
+// A certificate that its own authority has revoked; made with the openssl program.
+class RevocationTest : public RealServer
+{
+protected:
+    void OpenSsl(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), "openssl");
+        const support::CommandResult result = support::RunCommand({arguments, {}, ""});
+        ASSERT_EQ(0, result.status) << result.output;
+    }
+
+    std::string In(const char* name) const
+    {
+        return m_workplace.File(name);
+    }
+
+    void MakeAuthorityAndServer()
+    {
+        support::WriteFile(
+            In("ca.cnf"),
+            "[ca]\ndefault_ca=own\n[own]\ndatabase=" + In("index") + "\nserial=" + In("serial") +
+                "\ncrlnumber=" + In("number") + "\nnew_certs_dir=" + m_workplace.Path() +
+                "\ndefault_md=sha256\ndefault_days=9\ndefault_crl_days=9\n"
+                "policy=any\nprivate_key=" +
+                In("ca.key") + "\ncertificate=" + In("ca.pem") + "\n[any]\ncommonName=supplied\n");
+        support::WriteFile(In("index"), "");
+        support::WriteFile(In("serial"), "01\n");
+        support::WriteFile(In("number"), "01\n");
+        support::WriteFile(In("names"), "subjectAltName=IP:127.0.0.1\n");
+        OpenSsl({"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", In("ca.key"), "-out",
+                 In("ca.pem"), "-subj", "/CN=own"});
+        OpenSsl({"req", "-newkey", "rsa:2048", "-nodes", "-keyout", In("key"), "-out", In("csr"),
+                 "-subj", "/CN=server"});
+        OpenSsl({"ca", "-batch", "-config", In("ca.cnf"), "-in", In("csr"), "-out", In("cert"),
+                 "-extfile", In("names"), "-notext"});
+    }
+
+    const support::TemporaryDirectory m_workplace;
+    const support::TemporaryDirectory m_authorities;
+};
+
+TEST_F(RevocationTest, ListsBesideTheAuthoritiesCount)
+{
+    ASSERT_NO_FATAL_FAILURE(MakeAuthorityAndServer());
+    FtpServerOptions options = Options(Tls::kExplicit);
+    options.certificate = {In("cert"), In("key")};
+    PyFtpServer server(options);
+    server.AddFile("f", "f");
+    support::WriteFile(m_authorities.File("ca.pem"), support::ReadFile(In("ca.pem")));
+    auto record = ParametersOf(server, m_directory.Path());
+    record.ulCertVerify = 1;
+    record.pcFtpCtrlInfo = m_authorities.Path().c_str();
+    OpenSsl({"ca", "-config", In("ca.cnf"), "-gencrl", "-out", m_authorities.File("crl.pem")});
+    Use(record);
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    OpenSsl({"ca", "-config", In("ca.cnf"), "-revoke", In("cert")});
+    OpenSsl({"ca", "-config", In("ca.cnf"), "-gencrl", "-out", m_authorities.File("crl.pem")});
+    Use(record);
+    EXPECT_EQ("3 18 certificate revoked", Fetch("f", "f"));
+    // A list of one authority does not make one of every other authority necessary.
+    support::WriteFile(m_authorities.File("other.pem"),
+                       support::ReadFile(Certificates().Authority()));
+    PyFtpServer other(Options(Tls::kExplicit));
+    other.AddFile("f", "f");
+    record = ParametersOf(other, m_directory.Path());
+    record.ulCertVerify = 1;
+    record.pcFtpCtrlInfo = m_authorities.Path().c_str();
+    Use(record);
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+}
+
 std::vector<std::string> g_asked;
 int g_answer = 0;
 

@@ -10,6 +10,7 @@ RETR), at which the server, instead of answering,
     drop:VERB      closes the connection           reset:VERB    resets it
     hang:VERB      says nothing any more           reply:VERB:TEXT  answers TEXT
 Other faults are the methods of Faults, where each one is described. "none" is a server without fault.
+With --most N a connection beyond N at a time is greeted with a 421.
 With --once the fault is shown to the first transfer of the first control connection only.
 
 The --log file gets a line for each thing that happens: CONNECT, COMMAND <line>, DATA <address>.
@@ -75,7 +76,7 @@ class Faults:
         it.size_reply = "213 about a megabyte"
 
     def size_unknown(self, it):
-        """No fault: SIZE is not implemented."""
+        """No fault: SIZE is unknown to the server."""
         it.size_reply = None
 
     def size_refused(self, it):
@@ -83,7 +84,7 @@ class Faults:
         it.size_reply = "550 SIZE not allowed"
 
     def opening_lies(self, it):
-        """The 150 names another size, SIZE is not implemented."""
+        """The 150 names another size, SIZE is unknown to the server."""
         it.size_reply = None
         it.opening = "150 Opening BINARY mode data connection (%d bytes)." % (len(it.body) + 5)
 
@@ -374,10 +375,24 @@ def record(text):
             LOG.write(text + "\n")
 
 
+ACTIVE = 0
+
+
+def count(change):
+    global ACTIVE
+    with LOCK:
+        ACTIVE += change
+        return ACTIVE
+
+
 def serve(connection, options, fault):
     dialogue = Dialogue(connection, options)
+    active = count(1)
     try:
         record("CONNECT")
+        if active > options.most:
+            dialogue.say("421 Too many connections.")
+            raise Over
         if options.implicit:
             dialogue.secure()
         dialogue.apply(fault)
@@ -386,6 +401,7 @@ def serve(connection, options, fault):
         pass
     finally:
         dialogue.connection.close()
+        count(-1)
         record("END")
 
 
@@ -393,6 +409,7 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--fault", required=True)
+    parser.add_argument("--most", type=int, default=1 << 30)
     parser.add_argument("--once", action="store_true")
     parser.add_argument("--size", type=int, default=100000)
     parser.add_argument("--tls", default="none", choices=["none", "explicit", "implicit"])
