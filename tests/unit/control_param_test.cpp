@@ -363,6 +363,20 @@ TEST_F(ControlParamTest, AReleasedListGetsTheDefaultWithoutARecord)
     EXPECT_THAT(Only(Logged(), {"1"}), IsEmpty());
 }
 
+TEST_F(ControlParamTest, AListWithoutACountIsReplacedByTheDefault)
+{
+    const int aiList[] = {9, 8};
+    ASSERT_EQ(client.CorpDirSetFtpCipherListToDirImpl(aiList, 2), 0U);
+    g_stFtpCiperList.ulCipherNum = 0;
+    Logged();
+    ASSERT_EQ(Set(), 0U);
+    EXPECT_EQ(Record().piCipherList, inside::DefaultCipherList());
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 3U);
+    EXPECT_EQ(fakes::LiveMemory(), 12U) << "the old storage is released";
+    EXPECT_THAT(Only(Logged(), {"1"}),
+                ElementsAre("1 SetFtpCtrlParam: Ftp cipher list not set, use default value!"));
+}
+
 TEST_F(ControlParamTest, TheDefaultServesEvenWhenItCannotBeInstalled)
 {
     fakes::FailCall("OSAK_MemMallocS", 1, 1);
@@ -546,6 +560,15 @@ TEST_F(ControlParamTest, AnEntryWithoutAnAddressIsHandedOverAsZeroAndNotFreed)
     EXPECT_EQ(fakes::ResolverResultsNotFreed(), 1U) << "kept as it always was";
     EXPECT_THAT(Only(Logged(), {"0"}),
                 ElementsAre("0 SetFtpCtrlParam: pstRemoteHost->ai_addr is NULL "));
+}
+
+TEST_F(ControlParamTest, AResolutionWithoutAnyEntryIsReadNoFurther)
+{
+    members.m_strFtpIP = "ftp.example.test";
+    fakes::FailCall("OSAK_GetAddrInfo", 1, 0);  // a success that gives nothing
+    EXPECT_EQ(Set(), 0U);
+    EXPECT_EQ(ServerAddress(), ZERO_ADDRESS);
+    EXPECT_EQ(fakes::Calls("OSAK_FreeAddrInfo"), 0U);
 }
 
 TEST_F(ControlParamTest, AnEntryOfAnotherFamilyFailsAfterItWasFreed)

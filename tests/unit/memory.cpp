@@ -1,8 +1,6 @@
 #include "memory.h"
 
 #include <atomic>
-#include <cstring>
-#include <new>
 
 namespace
 {
@@ -31,42 +29,6 @@ struct alignas(alignof(std::max_align_t)) Header
 bool Counts()
 {
     return t_stCounting.bOn && t_stCounting.ulPaused == 0;
-}
-
-void* Allocate(size_t ulSize) noexcept
-{
-    if (memory::CountAllocation())
-    {
-        return nullptr;
-    }
-    auto* const pHeader = static_cast<Header*>(__real_malloc(sizeof(Header) + ulSize));
-    if (pHeader == nullptr)
-    {
-        return nullptr;
-    }
-    pHeader->bCounted = Counts();
-    g_lLive += pHeader->bCounted ? 1 : 0;
-    return pHeader + 1;
-}
-
-void* AllocateOrThrow(size_t ulSize)
-{
-    void* const pBlock = Allocate(ulSize);
-    if (pBlock == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    return pBlock;
-}
-
-void Release(void* pBlock) noexcept
-{
-    if (pBlock != nullptr)
-    {
-        auto* const pHeader = static_cast<Header*>(pBlock) - 1;
-        g_lLive -= pHeader->bCounted ? 1 : 0;
-        __real_free(pHeader);
-    }
 }
 
 }  // namespace
@@ -118,54 +80,30 @@ Paused::~Paused()
     --t_stCounting.ulPaused;
 }
 
+void* Allocate(size_t ulSize) noexcept
+{
+    if (CountAllocation())
+    {
+        return nullptr;
+    }
+    auto* const pHeader = static_cast<Header*>(__real_malloc(sizeof(Header) + ulSize));
+    if (pHeader == nullptr)
+    {
+        return nullptr;
+    }
+    pHeader->bCounted = Counts();
+    g_lLive += pHeader->bCounted ? 1 : 0;
+    return pHeader + 1;
+}
+
+void Release(void* pBlock) noexcept
+{
+    if (pBlock != nullptr)
+    {
+        auto* const pHeader = static_cast<Header*>(pBlock) - 1;
+        g_lLive -= pHeader->bCounted ? 1 : 0;
+        __real_free(pHeader);
+    }
+}
+
 }  // namespace memory
-
-void* operator new(size_t ulSize)
-{
-    return AllocateOrThrow(ulSize);
-}
-
-void* operator new[](size_t ulSize)
-{
-    return AllocateOrThrow(ulSize);
-}
-
-void* operator new(size_t ulSize, const std::nothrow_t&) noexcept
-{
-    return Allocate(ulSize);
-}
-
-void* operator new[](size_t ulSize, const std::nothrow_t&) noexcept
-{
-    return Allocate(ulSize);
-}
-
-void operator delete(void* pBlock) noexcept
-{
-    Release(pBlock);
-}
-
-void operator delete[](void* pBlock) noexcept
-{
-    Release(pBlock);
-}
-
-void operator delete(void* pBlock, size_t) noexcept
-{
-    Release(pBlock);
-}
-
-void operator delete[](void* pBlock, size_t) noexcept
-{
-    Release(pBlock);
-}
-
-void operator delete(void* pBlock, const std::nothrow_t&) noexcept
-{
-    Release(pBlock);
-}
-
-void operator delete[](void* pBlock, const std::nothrow_t&) noexcept
-{
-    Release(pBlock);
-}

@@ -28,6 +28,10 @@ bool CountAllocation();
 // Counted blocks, those allocated while a count was on, that have not been released yet.
 long LiveBlocks();
 
+// What operator new and delete do: a block that is counted, null when it is to fail.
+void* Allocate(size_t ulSize) noexcept;
+void Release(void* pBlock) noexcept;
+
 // What a fake allocates for its records does not count.
 class Paused
 {

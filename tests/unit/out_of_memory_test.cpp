@@ -115,6 +115,16 @@ void Nothing() {}
 
 }  // namespace
 
+namespace memory
+{
+
+static void PrintTo(Failing eFailing, std::ostream* pStream)
+{
+    *pStream << (eFailing == Failing::One ? "one allocation fails" : "all fail from then on");
+}
+
+}  // namespace memory
+
 INSTANTIATE_TEST_SUITE_P(Failing, OutOfMemoryTest, testing::Values(Failing::One, Failing::Rest),
                          [](const auto& instance) {
                              return instance.param == Failing::One ? "OneAllocation"

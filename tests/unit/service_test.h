@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,16 @@ Lines Only(const Lines& vecLines, const Lines& vecBeginnings);
 
 // The trace without what belongs to no step of a procedure: wipes of locals, and lengths measured.
 Lines Procedure(const Lines& vecTrace);
+
+// Slots of the Itanium C++ ABI: the object begins with a pointer to its table of functions.
+template <class Function>
+Function Slot(void* pObject, size_t ulSlot)
+{
+    void** const pTable = *static_cast<void***>(pObject);
+    Function pfnSlot = nullptr;
+    std::memcpy(&pfnSlot, &pTable[ulSlot], sizeof(pfnSlot));
+    return pfnSlot;
+}
 
 class ServiceTest : public testing::Test
 {

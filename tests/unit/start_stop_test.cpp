@@ -453,6 +453,38 @@ TEST_F(StopTest, WaitsForANotificationInsideTheServiceBeforeItClearsTheRequest)
     notifier.join();
 }
 
+// The library may have begun it before the handle was closed.
+TEST_F(StopTest, ANotificationThatComesWhileTheRequestIsClearedIsDropped)
+{
+    StartWithRequest("192.0.2.1;192.0.2.2");
+    for (const char* const pszStep : {"zep_memset_s", "OSAK_MutexDestroy", "TRAVEX_FTP_UnInit"})
+    {
+        fakes::OnCall(pszStep, 1, [] { Notification(FAILED, 1, "pub/version.txt").Deliver(); });
+    }
+    client.CorpDirUninit();
+    EXPECT_THAT(Only(Trace(), {"client", "log 2 DownloadCallback", "log 0"}), IsEmpty());
+    EXPECT_THAT(Tasks(), IsEmpty());
+    EXPECT_EQ(members.m_strFtpIP, "");
+
+    StartWithRequest("192.0.2.1;192.0.2.2");
+    Notification(FAILED, 2, "pub/version.txt").Deliver();
+    EXPECT_THAT(Only(Trace(), {"client"}), testing::SizeIs(1)) << "the next start hears again";
+}
+
+TEST_F(StopTest, ATaskThatTheWorkerStartedWhileItWasJoinedIsForgotten)
+{
+    StartWithRequest();
+    fakes::OnCall("OSAK_PthreadJoin", 1,
+                  [&]
+                  {
+                      members.m_ulVersionTaskID = 8;
+                      members.m_ulCorpDirTaskID = 9;
+                  });
+    client.CorpDirUninit();
+    EXPECT_EQ(members.m_ulVersionTaskID, 0U);
+    EXPECT_EQ(members.m_ulCorpDirTaskID, 0U);
+}
+
 TEST_F(StopTest, FromWithinTheClientsCallbackDoesNotWaitForItself)
 {
     StartWithRequest();
