@@ -36,10 +36,10 @@ int main(int argc, char** argv)
     std::snprintf(request.szCorpDirLocalFileName, 256, "directory.csv");
 
     IFtpCorpDir* service = GetCorpDirInstance();
-    bool fetched = service->CorpDirInit(nullptr) == 0 &&
-                   service->CorpDirDownloadNetaddr(&request, OnResult) == 0 &&
-                   g_arrived.get_future().wait_for(std::chrono::seconds(60)) ==
-                       std::future_status::ready;
+    bool fetched =
+        service->CorpDirInit(nullptr) == 0 &&
+        service->CorpDirDownloadNetaddr(&request, OnResult) == 0 &&
+        g_arrived.get_future().wait_for(std::chrono::seconds(60)) == std::future_status::ready;
     service->CorpDirUninit();
     return fetched ? 0 : 1;
 }

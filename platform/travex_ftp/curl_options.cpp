@@ -149,14 +149,18 @@ CURLcode setReplyLimit(CURL* easy, milliseconds limit)
 
 CURLcode setFarewell(CURL* easy, const Settings& settings, FileRequest& request)
 {
-    request.commands.reset();
+    // QUIT is the first thing that it does: libcurl 7.88 must not read from a connection before it
+    // has sent something on it. What the server said unasked would be taken for the rest of a line
+    // of the transfer before, whose buffer is gone.
+    request.commands.reset(curl_slist_append(nullptr, "QUIT"));
     request.url = makeUrl(settings, "");
-    if (!request.url)
+    if (!request.url || !request.commands)
     {
         return CURLE_OUT_OF_MEMORY;
     }
     Options options(easy);
     options.set(CURLOPT_CURLU, request.url.get());
+    options.set(CURLOPT_QUOTE, request.commands.get());
     options.set(CURLOPT_PREQUOTE, static_cast<curl_slist*>(nullptr));
     options.set(CURLOPT_NOBODY, 1L);
     options.set(CURLOPT_FORBID_REUSE, 1L);

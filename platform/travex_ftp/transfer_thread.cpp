@@ -293,9 +293,9 @@ void TransferThread::conclude(Connection& connection, std::unique_ptr<Transfer> 
         return;
     }
     const bool success = !failed(transfer->failure());
-    // Only a plain refusal leaves a dialogue of which it is known whose turn it is; after any other
-    // failure the next transfer could take a late reply for its own.
-    if (connection.idle() && !success && transfer->failure().ulRet != TRAVEX_FTP_ERR_FILE)
+    // After a failure it is not known whose turn it is: the next transfer could take a late reply
+    // for its own. Some servers say something even after they have refused a file.
+    if (connection.idle() && !success)
     {
         connection.shutDown();
         connection.leave(multi_);

@@ -175,7 +175,8 @@ unsigned int download(TRAVEX_FTP_HANDLE handle, unsigned int* taskId, const char
                                 {},
                                 {}});
     // Before anything can be told of the task.
-    *taskId = task->id.value();
+    // The caller may read the id on the notification thread meanwhile, for another task of its own.
+    __atomic_store_n(taskId, task->id.value(), __ATOMIC_RELEASE);
     layer->submit(task);
     return TRAVEX_FTP_OK;
 }

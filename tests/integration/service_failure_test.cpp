@@ -135,6 +135,8 @@ TEST_F(ServiceFailure, AMissingVersionFile)
     ExpectTwoFailures(request);
 }
 
+// For the data connection that was not needed pyftpdlib may send a reply of its own after the 550:
+// the layer below has to end a connection with a reply that nothing asked for.
 TEST_F(ServiceFailure, AMissingDirectoryFileIsToldOnce)
 {
     Serve();

@@ -188,6 +188,10 @@ class Faults:
         # A reset at once would take the 226 with it.
         it.after_file = lambda: (time.sleep(0.3), it.reset())
 
+    def idle_chatter(self, it):
+        """A while after the first file: a reply that nobody asked for; the connection stays."""
+        it.after_file = lambda: (time.sleep(0.1), it.say("226 Once more."))
+
     def idle_deaf(self, it):
         """After the first file nothing is answered any more."""
         it.after_file = it.hang
