@@ -47,6 +47,12 @@ TEST_F(CipherListTest, TheDefaultIsThreeSuites)
                 ElementsAre(DEFAULT_1, DEFAULT_2, DEFAULT_3));
 }
 
+TEST_F(CipherListTest, ThereIsNoListAtLoad)
+{
+    EXPECT_EQ(inside::CipherListAtLoad().ulCipherNum, 0U);
+    EXPECT_EQ(inside::CipherListAtLoad().piCipherList, nullptr);
+}
+
 TEST_F(CipherListTest, TheRecordIsACountAndAPointer)
 {
     EXPECT_EQ(offsetof(tagCORPDIR_CIPHER_LIST, ulCipherNum), 0U);
@@ -100,11 +106,20 @@ TEST_F(CipherListTest, ReplacingWithNothingFailsAndKeepsTheList)
 
 TEST_F(CipherListTest, TheCountIsSetBeforeAnythingIsAllocatedOrReleased)
 {
+    unsigned int ulAtFirst = 0;
+    fakes::OnCall("OSAK_MemMallocS", 1, [&] { ulAtFirst = g_stFtpCiperList.ulCipherNum; });
     ASSERT_EQ(Replace({OTHER}), 0U);
+    EXPECT_EQ(ulAtFirst, 1U);
+
     unsigned int ulAtFree = 0;
+    tagCORPDIR_CIPHER_LIST stAtMalloc = {};
     fakes::OnCall("OSAK_MemFreeD", 1, [&] { ulAtFree = g_stFtpCiperList.ulCipherNum; });
+    fakes::OnCall("OSAK_MemMallocS", 1, [&] { stAtMalloc = g_stFtpCiperList; });
+    const int* const piOld = g_stFtpCiperList.piCipherList;
     ASSERT_EQ(Replace({1, 2, 3, 4}), 0U);
     EXPECT_EQ(ulAtFree, 4U);
+    EXPECT_EQ(stAtMalloc.ulCipherNum, 4U);
+    EXPECT_EQ(stAtMalloc.piCipherList, piOld) << "overwritten, not cleared first";
 }
 
 TEST_F(CipherListTest, AFailedAllocationShowsAsTheFailingCopysCode)
@@ -124,21 +139,41 @@ TEST_F(CipherListTest, ReplacingPassesTheCodeOfTheCopyAsItCame)
     fakes::FailCall("zep_memcpy_s", 1, 77);
     EXPECT_EQ(Replace({OTHER}), 77U);
     EXPECT_THAT(Logged(), IsEmpty());
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 1U);
+    EXPECT_TRUE(fakes::IsLiveBlock(g_stFtpCiperList.piCipherList)) << "the new storage is in force";
+    EXPECT_EQ(fakes::LiveMemory(), 4U);
 }
 
-TEST_F(CipherListTest, ReplacingWithANullListAndACountGivesACode)
+TEST_F(CipherListTest, ReplacingWithANullListAndACountGivesOneAndKeepsTheList)
 {
-    EXPECT_NE(client.CorpDirSetFtpCipherListToDirImpl(nullptr, 2), 0U);
+    ASSERT_EQ(Replace({OTHER}), 0U);
+    EXPECT_EQ(client.CorpDirSetFtpCipherListToDirImpl(nullptr, 2), 1U);
+    EXPECT_THAT(List(), ElementsAre(OTHER));
 }
 
-TEST_F(CipherListTest, ACountWhoseBytesDoNotFit32BitsGivesACode)
+TEST_F(CipherListTest, ACountWhoseBytesDoNotFit32BitsGivesOneAndKeepsTheList)
 {
     ASSERT_EQ(Replace({OTHER}), 0U);
     const int aiList[] = {1};
-    EXPECT_NE(client.CorpDirSetFtpCipherListToDirImpl(aiList, 0x40000000U), 0U);
-    EXPECT_NE(client.CorpDirSetFtpCipherListToDirImpl(aiList, 0xFFFFFFFFU), 0U);
-    EXPECT_NE(client.CorpDirAddFtpCipherListToDirImpl(aiList, 0x40000000U), 0U);
-    EXPECT_NE(client.CorpDirAddFtpCipherListToDirImpl(aiList, 0xFFFFFFFFU), 0U);
+    for (const unsigned int ulCount : {0x40000000U, 0xFFFFFFFFU})
+    {
+        EXPECT_EQ(client.CorpDirSetFtpCipherListToDirImpl(aiList, ulCount), 1U);
+        EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImpl(aiList, ulCount), 1U);
+    }
+    EXPECT_THAT(List(), ElementsAre(OTHER));
+}
+
+// There is no memory for so many here: it is asked for, and that is all.
+TEST_F(CipherListTest, TheLargestCountWhoseBytesFit32BitsIsTried)
+{
+    const int aiList[] = {1};
+    fakes::FailCall("OSAK_MemMallocS", 1, 1);
+    EXPECT_NE(client.CorpDirSetFtpCipherListToDirImpl(aiList, 0x3FFFFFFFU), 0U);
+    EXPECT_THAT(Only(Trace(), {"OSAK_MemMallocS"}),
+                ElementsAre("OSAK_MemMallocS(4294967292, 0) = 1"));
+    fakes::FailCall("OSAK_MemMallocS", 1, 1);
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImpl(aiList, 0x3FFFFFFFU), 1U);
+    EXPECT_THAT(Only(Trace(), {"OSAK_MemMallocS"}), ElementsAre("OSAK_MemMallocS(12, 0) = 1"));
 }
 
 // --- Adding one ---------------------------------------------------------------------------------
@@ -195,6 +230,18 @@ TEST_F(CipherListTest, ASeedThatCannotBeCopiedFailsWithOneAndSaysItsCode)
     EXPECT_THAT(Logged(), ElementsAre("0 CorpDirAddFtpCipherListToDirImplByOne: add ftp cipher "
                                       "list zep_memcpy_s error! 77"));
     EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 3U);
+    EXPECT_EQ(fakes::LiveMemory(), 12U);
+}
+
+TEST_F(CipherListTest, AddingToAListWithoutACountReleasesItsOldStorage)
+{
+    ASSERT_EQ(Replace({1, 2}), 0U);
+    g_stFtpCiperList.ulCipherNum = 0;
+    Trace();
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImplByOne(OTHER), 0U);
+    EXPECT_THAT(List(), ElementsAre(DEFAULT_1, DEFAULT_2, DEFAULT_3, OTHER));
+    EXPECT_EQ(fakes::LiveMemory(), 16U);
+    EXPECT_THAT(Only(Trace(), {"OSAK_MemFreeD("}), ElementsAre("OSAK_MemFreeD(block 1)"));
 }
 
 TEST_F(CipherListTest, ASeedWithoutMemoryFailsAndCanBeTriedAgain)
@@ -252,16 +299,16 @@ TEST_F(CipherListTest, AddingSeveralStopsAtTheFirstFailureAndKeepsWhatWasAdded)
     EXPECT_THAT(List(), ElementsAre(1, 2));
 }
 
-TEST_F(CipherListTest, AddingFromANullListGivesACode)
+TEST_F(CipherListTest, AddingFromANullListGivesOne)
 {
-    EXPECT_NE(client.CorpDirAddFtpCipherListToDirImpl(nullptr, 2), 0U);
+    EXPECT_EQ(client.CorpDirAddFtpCipherListToDirImpl(nullptr, 2), 1U);
     EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 0U);
 }
 
 namespace
 {
 
-// Gives the code in place of every third suite.
+// Gives a code for suite 3.
 class PickyService : public CFTPCorpDirImpl
 {
 public:

@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "fake_state.h"
 #include "service_test.h"
 
 using testing::ElementsAre;
@@ -47,6 +48,13 @@ protected:
     std::string LocalAddress()
     {
         return std::string(reinterpret_cast<const char*>(Record().aucLocalIp), 16);
+    }
+
+    // The record was handed over, whatever address it holds.
+    void ExpectHandedOver()
+    {
+        EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetCtrlParam"), 1U);
+        EXPECT_STREQ(Record().acUserName, "alice");
     }
 
     fakes::ControlParameters control;
@@ -100,6 +108,7 @@ private:
 
 // --- The record ---------------------------------------------------------------------------------
 
+// The same for both modes but for the server type.
 TEST_F(ControlParamTest, TheWholeRecordIsAsTheLibraryExpectsIt)
 {
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
@@ -107,19 +116,35 @@ TEST_F(ControlParamTest, TheWholeRecordIsAsTheLibraryExpectsIt)
     stInfo.ulCertVerify = 1;
     stInfo.pszLocalIP = "192.0.2.99";
     Take(stInfo);
-    ASSERT_EQ(Set(), 0U);
     ExpectedRecord expected;
-    expected.At(0, 1U).Text(16, Bytes({192, 0, 2, 1})).At(32, 2121U).At(36, 1U);
+    expected.Text(16, Bytes({192, 0, 2, 1})).At(32, 2121U).At(36, 1U);
     expected.Text(40, "alice").Text(168, "secret").At(424, 2U).At(428, 10U);
     expected.Text(432, "/local/dir/").At(568, members.m_strFtpCtrlInfo.c_str());
     expected.At(576, 1U).At(580, static_cast<unsigned short>(28)).At(584, 1U);
     expected.At(592, inside::VerifyCallback()).At(600, inside::DefaultCipherList()).At(608, 3U);
     expected.Text(624, Bytes({192, 0, 2, 99})).At(640, 1U);
-    const tagTRAVEX_FTP_S_CTRL_PARAM& stRecord = Record();
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&stRecord), sizeof(stRecord)),
-              expected.AsBytes());
-    EXPECT_EQ(control.hFtp, members.m_hFtpHandle);
-    EXPECT_EQ(control.strTrustText, "ca=/etc/ca.pem");
+    for (const unsigned int ulMode : {0U, 1U})
+    {
+        members.m_ulFtpMode = ulMode;
+        g_stFtpCiperList.ulCipherNum = 0;
+        ASSERT_EQ(Set(), 0U);
+        expected.At(0, ulMode == 0 ? 1U : 0U);
+        const tagTRAVEX_FTP_S_CTRL_PARAM& stRecord = Record();
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(&stRecord), sizeof(stRecord)),
+                  expected.AsBytes());
+        EXPECT_EQ(control.hFtp, members.m_hFtpHandle);
+        EXPECT_EQ(control.strTrustText, "ca=/etc/ca.pem");
+    }
+}
+
+TEST_F(ControlParamTest, CertificatesAreVerifiedAsTheRequestAsked)
+{
+    for (const unsigned int ulVerify : {0U, 1U})
+    {
+        members.m_ulCertVerify = ulVerify;
+        ASSERT_EQ(Set(), 0U);
+        EXPECT_EQ(Record().ulCertVerify, ulVerify);
+    }
 }
 
 TEST_F(ControlParamTest, TheRecordIsZeroedAsAWholeThroughTheSecurityLayer)
@@ -222,8 +247,8 @@ TEST_F(ControlParamTest, ASealedBlockWithoutAnyZeroByteIsMeasuredWithinItsStorag
     std::memset(members.m_pucPassword, 0x5A, 256);
     fakes::SetUnsealed("secret");
     EXPECT_EQ(Set(), 0U);
-    EXPECT_THAT(Only(Trace(), {"ZEP_CPYPT_Decrypt"}),
-                ElementsAre("ZEP_CPYPT_Decrypt(0, 32, 16, 256, 256)"));
+    EXPECT_THAT(Only(Trace(), {"OSAK_StrLen", "ZEP_CPYPT_Decrypt"}),
+                ElementsAre("OSAK_StrLen(local, 256)", "ZEP_CPYPT_Decrypt(0, 32, 16, 256, 256)"));
 }
 
 TEST_F(ControlParamTest, WipesEveryPlainCopyOfThePassword)
@@ -232,6 +257,18 @@ TEST_F(ControlParamTest, WipesEveryPlainCopyOfThePassword)
     ASSERT_EQ(Set(), 0U);
     EXPECT_GE(fakes::SecretCopiesSeen(), 4U) << "two buffers, the text and the record";
     EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U);
+}
+
+// The second buffer is zeroed before it is filled; then come, wiped whole, both buffers, the sealed
+// block with key and IV, the record, and the password's text.
+TEST_F(ControlParamTest, WipesItsCopiesOfPasswordBlockKeyAndIVWhole)
+{
+    ASSERT_EQ(Set(), 0U);
+    EXPECT_THAT(Only(Trace(), {"zep_memset_s(local"}),
+                ElementsAre("zep_memset_s(local, 256, 0, 256)", "zep_memset_s(local, 256, 0, 256)",
+                            "zep_memset_s(local, 256, 0, 256)", "zep_memset_s(local, 305, 0, 305)",
+                            "zep_memset_s(local, 648, 0, 648)", "zep_memset_s(local, 648, 0, 648)",
+                            "zep_memset_s(local, 6, 0, 6)"));
 }
 
 TEST_F(ControlParamTest, WipesThePasswordAlsoWhenTheServerCannotBeResolved)
@@ -249,6 +286,7 @@ TEST_F(ControlParamTest, WipesThePasswordAlsoWhenTheLibraryRefuses)
     fakes::FailCall("TRAVEX_FTP_SetCtrlParam", 1, 5);
     fakes::WatchSecret("secret");
     ASSERT_EQ(Set(), 1U);
+    EXPECT_GE(fakes::SecretCopiesSeen(), 4U);
     EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U);
 }
 
@@ -383,7 +421,39 @@ TEST_F(ControlParamTest, TheDefaultServesEvenWhenItCannotBeInstalled)
     EXPECT_EQ(Set(), 0U);
     EXPECT_EQ(Record().piCipherList, inside::DefaultCipherList());
     EXPECT_EQ(Record().ulCipherNum, 3U);
+    EXPECT_EQ(g_stFtpCiperList.ulCipherNum, 3U);
     EXPECT_EQ(g_stFtpCiperList.piCipherList, nullptr);
+    Logged();
+    ASSERT_EQ(Set(), 0U) << "the next download installs it";
+    EXPECT_THAT(Only(Logged(), {"1"}), IsEmpty());
+    EXPECT_NE(g_stFtpCiperList.piCipherList, nullptr);
+}
+
+namespace
+{
+
+// Refuses to take a cipher list.
+class UnwillingService : public CFTPCorpDirImpl
+{
+public:
+    unsigned int CorpDirSetFtpCipherListToDirImpl(const int*, unsigned int ulCipherNum) override
+    {
+        fakes::Note("refused " + std::to_string(ulCipherNum));
+        return 42;
+    }
+};
+
+}  // namespace
+
+TEST_F(ControlParamTest, TheDefaultIsInstalledThroughTheVirtualTableWithoutRegardToTheResult)
+{
+    UnwillingService unwilling;
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    ASSERT_EQ(inside::SetFtpInfo(unwilling, &stInfo), 0U);
+    inside::Members(unwilling).m_hFtpHandle = members.m_hFtpHandle;
+    EXPECT_EQ(inside::SetFtpCtrlParam(unwilling, "/local/dir"), 0U);
+    EXPECT_THAT(Only(Trace(), {"refused"}), ElementsAre("refused 3"));
+    EXPECT_EQ(Record().piCipherList, inside::DefaultCipherList());
 }
 
 // --- Host name or literal -----------------------------------------------------------------------
@@ -405,7 +475,7 @@ TEST_F(ControlParamTest, IPv6IsAskedFirstThenIPv4ThenTheClassicParserThenTheLeng
     CommonIsHostName("10.1");
     EXPECT_THAT(Only(Trace(), {"OSAK"}),
                 ElementsAre("OSAK_Inet_Pton(IPv6, 10.1)", "OSAK_Inet_Pton(IPv4, 10.1)",
-                            "OSAK_InetAddr(10.1)", "OSAK_StrLen(local)"));
+                            "OSAK_InetAddr(10.1)", "OSAK_StrLen(local, 4)"));
     CommonIsHostName("::1");
     EXPECT_THAT(Only(Trace(), {"OSAK"}), ElementsAre("OSAK_Inet_Pton(IPv6, ::1)"));
     CommonIsHostName("192.0.2.1");
@@ -498,6 +568,7 @@ TEST_F(ControlParamTest, AShortFormOfNumbersAndDotsIsHandedOverWithoutAnAddress)
     EXPECT_EQ(fakes::Calls("OSAK_GetAddrInfo"), 0U);
     EXPECT_THAT(Only(Logged(), {"0"}),
                 ElementsAre("0 SetFtpCtrlParam: FTP Server IP convert error : 10.1"));
+    ExpectHandedOver();
 }
 
 TEST_F(ControlParamTest, ANameIsResolvedWithService0AndNoHints)
@@ -515,6 +586,7 @@ TEST_F(ControlParamTest, ANameIsResolvedWithService0AndNoHints)
                             "zep_memcpy_s(local, 4, local, 4)",
                             "log 2 SetFtpCtrlParam: after zep_memcpy_s, IPv4 : 73675718",
                             "OSAK_FreeAddrInfo()"));
+    EXPECT_EQ(fakes::Calls("ZEP_Socket_Get_AF_INET6"), 0U);
 }
 
 TEST_F(ControlParamTest, ANameMayResolveToIPv6WithoutARecord)
@@ -527,7 +599,9 @@ TEST_F(ControlParamTest, ANameMayResolveToIPv6WithoutARecord)
     EXPECT_EQ(Record().ulServerIpType, 1U);
     EXPECT_EQ(ServerAddress(), strAddress);
     EXPECT_EQ(fakes::ResolverResultsNotFreed(), 0U);
-    EXPECT_THAT(Only(Logged(), {"2 SetFtpCtrlParam: after", "0"}), IsEmpty());
+    EXPECT_THAT(Only(Trace(), {"zep_memcpy_s(local, 1", "OSAK_FreeAddrInfo",
+                               "log 2 SetFtpCtrlParam: after", "log 0"}),
+                ElementsAre("zep_memcpy_s(local, 16, local, 16)", "OSAK_FreeAddrInfo()"));
 }
 
 TEST_F(ControlParamTest, TheIPv6FamilyIsThePlatforms)
@@ -553,8 +627,11 @@ TEST_F(ControlParamTest, ANameThatDoesNotResolveFails)
 TEST_F(ControlParamTest, AnEntryWithoutAnAddressIsHandedOverAsZeroAndNotFreed)
 {
     members.m_strFtpIP = "ftp.example.test";
+    members.m_strLocalIP = "192.0.2.99";
     fakes::SetResolved(AF_INET6, "");
     EXPECT_EQ(Set(), 0U);
+    ExpectHandedOver();
+    EXPECT_EQ(LocalAddress(), Padded(Bytes({192, 0, 2, 99}))) << "the local address follows";
     EXPECT_EQ(Record().ulServerIpType, 0U);
     EXPECT_EQ(ServerAddress(), ZERO_ADDRESS);
     EXPECT_EQ(fakes::ResolverResultsNotFreed(), 1U) << "kept as it always was";
@@ -567,8 +644,30 @@ TEST_F(ControlParamTest, AResolutionWithoutAnyEntryIsReadNoFurther)
     members.m_strFtpIP = "ftp.example.test";
     fakes::FailCall("OSAK_GetAddrInfo", 1, 0);  // a success that gives nothing
     EXPECT_EQ(Set(), 0U);
+    ExpectHandedOver();
     EXPECT_EQ(ServerAddress(), ZERO_ADDRESS);
     EXPECT_EQ(fakes::Calls("OSAK_FreeAddrInfo"), 0U);
+    EXPECT_THAT(Only(Logged(), {"0"}),
+                ElementsAre("0 SetFtpCtrlParam: pstRemoteHost->ai_addr is NULL "));
+}
+
+TEST_F(ControlParamTest, OnlyTheFirstEntryOfAResolutionCounts)
+{
+    members.m_strFtpIP = "ftp.example.test";
+    sockaddr_in stIPv4 = {};
+    addrinfo stNext = {};
+    stNext.ai_family = AF_INET;
+    stNext.ai_addr = reinterpret_cast<sockaddr*>(&stIPv4);
+    fakes::SetResolved(AF_UNIX, std::string(4, 'x'));
+    fakes::TheState().stResolved.ai_next = &stNext;
+    EXPECT_EQ(Set(), 1U);
+    fakes::SetResolved(AF_INET6, "");
+    fakes::TheState().stResolved.ai_next = &stNext;
+    EXPECT_EQ(Set(), 0U);
+    fakes::TheState().stResolved.ai_next = nullptr;
+    EXPECT_THAT(Only(Logged(), {"0"}),
+                ElementsAre("0 SetFtpCtrlParam: DNS Parse error!",
+                            "0 SetFtpCtrlParam: pstRemoteHost->ai_addr is NULL "));
 }
 
 TEST_F(ControlParamTest, AnEntryOfAnotherFamilyFailsAfterItWasFreed)
@@ -579,6 +678,7 @@ TEST_F(ControlParamTest, AnEntryOfAnotherFamilyFailsAfterItWasFreed)
     EXPECT_EQ(fakes::ResolverResultsNotFreed(), 0U);
     EXPECT_THAT(Only(Trace(), {"OSAK_FreeAddrInfo", "log 0"}),
                 ElementsAre("OSAK_FreeAddrInfo()", "log 0 SetFtpCtrlParam: DNS Parse error!"));
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetCtrlParam"), 0U);
 }
 
 TEST_F(ControlParamTest, ALongTextOfNumbersAndDotsIsResolvedAsAName)
@@ -613,6 +713,9 @@ TEST_F(ControlParamTest, ALocalNameIsNeverResolvedAndLeavesTheAddressZero)
 {
     members.m_strLocalIP = "terminal.example.test";
     EXPECT_EQ(Set(), 0U);
+    ExpectHandedOver();
+    EXPECT_EQ(ServerAddress(), Padded(Bytes({192, 0, 2, 1})));
+    EXPECT_EQ(Record().ulLocalIpType, 0U);
     EXPECT_EQ(LocalAddress(), ZERO_ADDRESS);
     EXPECT_EQ(fakes::Calls("OSAK_GetAddrInfo"), 0U);
     EXPECT_THAT(Only(Logged(), {"0"}),

@@ -156,6 +156,19 @@ TEST_F(DownloadTest, TheHandleLivesAcrossDownloads)
     EXPECT_EQ(fakes::Calls("TRAVEX_FTP_CloseHandle"), 0U);
 }
 
+TEST_F(DownloadTest, TheTextsOfAStartAreItsOwn)
+{
+    fakes::OnCall("TRAVEX_FTP_SetCtrlParam", 1,
+                  [&]
+                  {
+                      members.m_strVersionServerPath = "other";
+                      members.m_strVersionFileName = "other";
+                  });
+    ASSERT_EQ(inside::VersionDownload(service), 0U);
+    EXPECT_EQ(fakes::LastDownload().strServerFile, "pub/version.txt");
+    EXPECT_EQ(fakes::LastDownload().strLocalFile, "version.local");
+}
+
 // --- Dispatch of notifications ------------------------------------------------------------------
 
 TEST_F(DispatchTest, ANullNotificationIsLoggedWithItsArguments)
@@ -254,8 +267,10 @@ TEST_F(DispatchTest, TheNotificationIsReadButNeverWritten)
 
 TEST_F(DispatchTest, LargeNumbersAreUnsigned)
 {
+    members.m_ulVersionTaskID = 0xFFFFFFFE;
+    members.m_ulCorpDirTaskID = 0xFFFFFFFD;
     Notification(OVER, 0xFFFFFFFF, "a").Deliver();
-    EXPECT_EQ(Logged().back(), Detail(0xFFFFFFFF, 12, 0, 0, "a"));
+    EXPECT_EQ(Logged().back(), Detail(0xFFFFFFFF, 12, 0xFFFFFFFE, 0xFFFFFFFD, "a"));
 }
 
 TEST(NotificationRecord, HasTheLibrarysLayout)

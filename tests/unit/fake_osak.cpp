@@ -375,11 +375,12 @@ extern "C" unsigned int OSAK_FreeRelTimer(OSAK_TIMER timer)
 
 // --- Strings ------------------------------------------------------------------------------------
 
+// Recorded with the length that it finds.
 extern "C" unsigned int OSAK_StrLen(const char* text)
 {
     const size_t ulLength = text == nullptr ? 0 : std::strlen(text);
     SeeSecret(text, ulLength);
-    const Call call("OSAK_StrLen", static_cast<const void*>(text));
+    const Call call("OSAK_StrLen", static_cast<const void*>(text), ulLength);
     return static_cast<unsigned int>(ulLength);
 }
 

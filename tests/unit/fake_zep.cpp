@@ -148,8 +148,13 @@ extern "C" int zep_memcpy_s(void* dest, size_t destMax, const void* src, size_t 
 extern "C" int zep_memset_s(void* dest, size_t destMax, int c, size_t count)
 {
     const Call call("zep_memset_s", static_cast<const void*>(dest), destMax, c, count);
+    if (call.Fails())
+    {
+        return static_cast<int>(call.Code());
+    }
     if (dest == nullptr || count > destMax)
     {
+        Misuse("zep_memset_s of what it cannot fill");
         return dest == nullptr ? ZEP_ERR_PARAM : ZEP_ERR_CAPACITY;
     }
     std::memset(dest, c, count);

@@ -206,6 +206,7 @@ void Reset()
     state.worker.reset();
     state.eWorkerMode = WorkerMode::Recorded;
     state.ulResolved = 0;
+    state.ulRandom = 0;
     state.strSealed.reset();
     state.strUnsealed.reset();
     state.secret = Secret{};

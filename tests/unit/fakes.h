@@ -64,7 +64,10 @@ void SetLogSink(void (*pfnSink)(unsigned int ulLevel, const char* pszFunction,
 // --- What shall happen --------------------------------------------------------------------------
 
 // The Nth call of the function from now on (from 1) does nothing and gives ulCode; a function that
-// gives a pointer then gives null.
+// gives a pointer then gives null. These do their work and give the code all the same, since the
+// service does not try again: TRAVEX_FTP_CloseHandle, OSAK_MutexDestroy and OSAK_FreeRelTimer
+// release, OSAK_MutexInitRecursive initialises. The FTP library's other functions note what they
+// were given, and zep_strncpy_s leaves an empty text.
 void FailCall(const std::string& strFunction, unsigned int ulNth, unsigned int ulCode);
 
 // The action runs at the beginning of the Nth call from now on, on the calling thread.

@@ -24,6 +24,10 @@ TEST_F(HeapTest, TheDeletingDestructorReleasesTheStorage)
     Slot<void (*)(void*)>(pService, 7)(pService);
     EXPECT_EQ(memory::LiveBlocks(), lBefore);
     memory::StopCounting();
+    EXPECT_THAT(Trace(), testing::ElementsAre(
+                             "zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)",
+                             "zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)"))
+        << "the destructor runs first";
 }
 
 TEST_F(HeapTest, ATaskIsOneNodeOnTheHeap)

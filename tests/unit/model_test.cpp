@@ -6,8 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <map>
 #include <memory>
 #include <random>
+#include <set>
+#include <tuple>
 
 #include "files.h"
 #include "service_test.h"
@@ -22,6 +25,41 @@ struct Version
     bool bExists = false;
     std::string strBytes;
 };
+
+// What the library is to have been given for a download.
+struct Given
+{
+    std::string strServerFile, strLocalFile, strWorkDir, strUser, strPassword, strAddress;
+    unsigned int ulServerType = 0, ulIpType = 0, ulPort = 0, ulVerify = 0;
+    std::vector<int> vecCiphers;
+
+    auto Tie() const
+    {
+        return std::tie(strServerFile, strLocalFile, strWorkDir, strUser, strPassword, strAddress,
+                        ulServerType, ulIpType, ulPort, ulVerify, vecCiphers);
+    }
+
+    bool operator==(const Given& other) const
+    {
+        return Tie() == other.Tie();
+    }
+};
+
+void PrintTo(const Given& given, std::ostream* pStream)
+{
+    *pStream << testing::PrintToString(given.Tie());
+}
+
+// Functions of the layers that may fail at their next call, and the code that they give then.
+const std::map<std::string, unsigned int> FAULTS = {{"TRAVEX_FTP_AsynDownloadFile", 20},
+                                                    {"TRAVEX_FTP_SetCtrlParam", 5},
+                                                    {"TRAVEX_FTP_SetDataParam", 6},
+                                                    {"ZEP_CPYPT_Encrypt", 3},
+                                                    {"ZEP_CPYPT_Decrypt", 7},
+                                                    {"malloc", 1},
+                                                    {"OSAK_GetAddrInfo", 8},
+                                                    {"OSAK_CreateRelTimerM", 1},
+                                                    {"OSAK_StartRelTimer", 9}};
 
 const std::vector<int> DEFAULT_CIPHERS = {0x03000035, 0x0300003C, 0x0300003D};
 
@@ -66,6 +104,7 @@ public:
     Mutex eMutex = Mutex::None;
     bool bTimer = false;
     std::string strTrust, strUser, strFtpIP, strIPs, strAllIPs, strLocalIP, strOldVersion;
+    std::string strPassword;
     std::string strVersionServer, strCorpDirServer, strVersionDir, strVersionName, strCorpDirDir,
         strCorpDirName;
     bool bPassword = false;
@@ -78,11 +117,18 @@ public:
     std::vector<int> vecCiphers;
     unsigned int ulToldGood = 0, ulToldBad = 0;
 
-    Version version;               // the version file on disk
-    unsigned int ulNextTask = 1;   // the library's
-    bool bRefuseDownload = false;  // the library refuses the next one
+    Version version;                  // the version file on disk
+    unsigned int ulNextTask = 1;      // the library's
+    std::set<std::string> setFaults;  // whose next call fails
+    Given given;                      // for the last download
 
 private:
+    bool Fails(const std::string& strFunction)
+    {
+        return setFaults.erase(strFunction) != 0;
+    }
+    unsigned int StartTimer();
+    bool SetAddress();
     unsigned int Download(const std::string& strServer, const std::string& strDir,
                           const std::string& strName, unsigned int& ulTask);
     void VersionOver();
@@ -162,7 +208,16 @@ unsigned int Model::Request(const tag_CORPDIR_DOWNLOADINFO* pstInfo, bool bWithC
     {
         return 1;
     }
-    bPassword = true;
+    if (Fails("ZEP_CPYPT_Encrypt"))
+    {
+        return 1;
+    }
+    bPassword = !Fails("malloc");
+    if (!bPassword)
+    {
+        return 1;
+    }
+    strPassword = pstInfo->szPassword;
     strIPs = strAllIPs = pstInfo->pszFtpIPs;
     TakeFirst();
     strLocalIP = pstInfo->pszLocalIP != nullptr ? pstInfo->pszLocalIP : strLocalIP;
@@ -183,8 +238,37 @@ unsigned int Model::Request(const tag_CORPDIR_DOWNLOADINFO* pstInfo, bool bWithC
     bCallback = true;
     const unsigned int ulRet =
         Download(strVersionServer, strVersionDir, strVersionName, ulVersionTask);
-    bTimer = bTimer || ulRet == 0;
-    return ulRet;
+    return ulRet != 0 ? ulRet : StartTimer();
+}
+
+// A timer that cannot be made is no failure; one that does not start is freed.
+unsigned int Model::StartTimer()
+{
+    if (!bTimer && Fails("OSAK_CreateRelTimerM"))
+    {
+        return 0;
+    }
+    bTimer = !Fails("OSAK_StartRelTimer");
+    return bTimer ? 0 : 1;
+}
+
+// Names resolve to 192.0.2.7; a short form of numbers and dots is no address.
+bool Model::SetAddress()
+{
+    static const std::map<std::string, std::pair<unsigned int, std::string>> LITERALS = {
+        {"192.0.2.1", {0, {'\xC0', '\0', '\2', '\1'}}},
+        {"::1", {1, std::string(15, '\0') + '\1'}},
+        {"10.1", {0, ""}}};
+    const auto it = LITERALS.find(strFtpIP);
+    if (it == LITERALS.end() && Fails("OSAK_GetAddrInfo"))
+    {
+        return false;
+    }
+    given.ulIpType = it == LITERALS.end() ? 0 : it->second.first;
+    given.strAddress =
+        it == LITERALS.end() ? std::string{'\xC0', '\0', '\2', '\7'} : it->second.second;
+    given.strAddress.resize(16, '\0');
+    return true;
 }
 
 unsigned int Model::Download(const std::string& strServer, const std::string& strDir,
@@ -196,7 +280,8 @@ unsigned int Model::Download(const std::string& strServer, const std::string& st
     }
     ulTask = 0;
     eHandle = eHandle == Handle::None ? Handle::Live : eHandle;
-    if (strTrust.empty() || strUser.empty() || !bPassword || strFtpIP.empty())
+    if (strTrust.empty() || strUser.empty() || !bPassword || strFtpIP.empty() ||
+        Fails("ZEP_CPYPT_Decrypt"))
     {
         return 1;
     }
@@ -204,15 +289,24 @@ unsigned int Model::Download(const std::string& strServer, const std::string& st
     {
         (void)ReplaceCiphers(DEFAULT_CIPHERS);
     }
-    if (eHandle == Handle::Closed)
+    if (!SetAddress() || Fails("TRAVEX_FTP_SetCtrlParam") || eHandle == Handle::Closed ||
+        Fails("TRAVEX_FTP_SetDataParam"))
     {
         return 1;
     }
-    if (bRefuseDownload)
+    if (Fails("TRAVEX_FTP_AsynDownloadFile"))
     {
-        bRefuseDownload = false;
-        return 20;
+        return FAULTS.at("TRAVEX_FTP_AsynDownloadFile");
     }
+    given.strServerFile = strServer;
+    given.strLocalFile = strName;
+    given.strWorkDir = strDir + (strDir.back() == '/' ? "" : "/");
+    given.strUser = strUser;
+    given.strPassword = strPassword;
+    given.ulServerType = ulMode == 0 ? 1 : 0;
+    given.ulPort = ulPort;
+    given.ulVerify = ulVerify;
+    given.vecCiphers = vecCiphers;
     ulTask = ulNextTask++;
     return 0;
 }
@@ -346,8 +440,9 @@ private:
     void DoWork();
     void DoVersionFile();
     void DoCiphers();
-    void DoRefuse();
+    void DoFault();
     void Compare();
+    void CompareDownload();
     void CompareTexts();
     void CompareResources();
 
@@ -360,6 +455,8 @@ private:
     std::unique_ptr<Model> model;
     support::TemporaryDirectory directory;
     Lines vecDone;  // the events of this sequence, for a failure's message
+    bool bStartFailed = false;
+    unsigned int ulCompared = 0;  // the task whose parameters were compared last
     unsigned int ulToldGood = 0;
     unsigned int ulToldBad = 0;
 };
@@ -375,7 +472,8 @@ void ModelTest::Renew()
     (void)std::remove(directory.File("version.local").c_str());
     model = std::make_unique<Model>();
     vecDone.clear();
-    ulToldGood = ulToldBad = 0;
+    bStartFailed = false;
+    ulToldGood = ulToldBad = ulCompared = 0;
 }
 
 void ModelTest::RunSequence(unsigned int ulSeed)
@@ -388,6 +486,10 @@ void ModelTest::RunSequence(unsigned int ulSeed)
         OneEvent();
         Compare();
     }
+    const Lines vecMisuses = fakes::TakeMisuses();
+    EXPECT_TRUE(bStartFailed || vecMisuses.empty())
+        << "only a failed start leaves closed and released values on purpose: "
+        << testing::PrintToString(vecMisuses);
     if (HasFailure())
     {
         ADD_FAILURE() << "sequence with seed " << ulSeed << ": " << testing::PrintToString(vecDone);
@@ -403,7 +505,7 @@ void ModelTest::OneEvent()
         &ModelTest::DoNotify, &ModelTest::DoNotify,      &ModelTest::DoNotify,
         &ModelTest::DoNotify, &ModelTest::DoExpire,      &ModelTest::DoWork,
         &ModelTest::DoWork,   &ModelTest::DoVersionFile, &ModelTest::DoCiphers,
-        &ModelTest::DoRefuse, &ModelTest::DoInit,        &ModelTest::DoRequest};
+        &ModelTest::DoFault,  &ModelTest::DoInit,        &ModelTest::DoRequest};
     (this->*EVENTS[Random(sizeof(EVENTS) / sizeof(EVENTS[0]))])();
 }
 
@@ -426,6 +528,7 @@ void ModelTest::DoInit()
         bFault &&
         (fault.eFault != Model::Fault::CreateHandle || model->eHandle == Model::Handle::None) &&
         (fault.eFault != Model::Fault::Thread || !model->bThread);
+    bStartFailed = bStartFailed || bReached;
     if (bReached)
     {
         fakes::FailCall(fault.pszFunction, 1, fault.ulCode);
@@ -448,6 +551,7 @@ void ModelTest::DoRequest()
         "A", "A;B", "A;B;C", "", ";B", "A;;C", "A;B;", "192.0.2.1;::1", "10.1;A;B;C;D;E"};
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
     SetField(stInfo.szVersionLocalDir, directory.Path() + (Random(2) == 0 ? "/" : ""));
+    SetField(stInfo.szPassword, std::string(1 + Random(127), static_cast<char>('a' + Random(26))));
     stInfo.pszFtpIPs = Random(20) == 0 ? nullptr : SERVERS[Random(9)];
     stInfo.ulPort = Random(2) * 2121;
     stInfo.ulFtpMode = Random(3);
@@ -480,6 +584,12 @@ void ModelTest::DoRequest()
 
 void ModelTest::DoNotify()
 {
+    if (Random(40) == 0)
+    {
+        vecDone.push_back("null notification");
+        inside::NotifyCallback()(nullptr, nullptr);
+        return;
+    }
     static const unsigned int TYPES[] = {SUCCESS, FAILED, FAILED, OVER, OVER, 5};
     static const char* const FILES[] = {"pub/version.txt", "pub/directory.xml", "other", ""};
     const unsigned int ulType = TYPES[Random(6)];
@@ -551,8 +661,12 @@ void ModelTest::DoCiphers()
                                          : static_cast<int>(Random(6)));
     }
     const auto ulCount = static_cast<unsigned int>(vecList.size());
-    switch (Random(4))
+    switch (Random(5))
     {
+        case 4:
+            vecDone.push_back("ciphers replaced by a null list");
+            EXPECT_EQ(client.CorpDirSetFtpCipherListToDirImpl(nullptr, Random(3)), 1U);
+            break;
         case 0:
             vecDone.push_back("ciphers replaced " + testing::PrintToString(vecList));
             EXPECT_EQ(client.CorpDirSetFtpCipherListToDirImpl(vecList.data(), ulCount),
@@ -573,14 +687,14 @@ void ModelTest::DoCiphers()
     }
 }
 
-// The library refuses the next download that comes to it.
-void ModelTest::DoRefuse()
+// A function of a layer fails when it is called next.
+void ModelTest::DoFault()
 {
-    if (!model->bRefuseDownload)
+    const auto fault = std::next(FAULTS.begin(), Random(static_cast<unsigned int>(FAULTS.size())));
+    if (model->setFaults.insert(fault->first).second)
     {
-        vecDone.push_back("next download refused");
-        model->bRefuseDownload = true;
-        fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 1, 20);
+        vecDone.push_back("next call fails: " + fault->first);
+        fakes::FailCall(fault->first, 1, fault->second);
     }
 }
 
@@ -588,6 +702,7 @@ void ModelTest::Compare()
 {
     CompareTexts();
     CompareResources();
+    CompareDownload();
     EXPECT_EQ(members.m_ulVersionTaskID, model->ulVersionTask);
     EXPECT_EQ(members.m_ulCorpDirTaskID, model->ulCorpDirTask);
     EXPECT_EQ(members.m_ulPort, model->ulPort);
@@ -603,6 +718,33 @@ void ModelTest::Compare()
     EXPECT_EQ(ulToldGood, model->ulToldGood);
     EXPECT_EQ(ulToldBad, model->ulToldBad);
     Logged();
+}
+
+// What the library was given last: a retry at the wrong server would show here.
+void ModelTest::CompareDownload()
+{
+    const fakes::Download download = fakes::LastDownload();
+    if (download.ulTaskID == 0 || download.ulTaskID == ulCompared)
+    {
+        return;  // refused, or seen before
+    }
+    EXPECT_EQ(download.ulTaskID + 1, model->ulNextTask);
+    ulCompared = download.ulTaskID;
+    const fakes::ControlParameters control = fakes::LastControlParameters();
+    const tagTRAVEX_FTP_S_CTRL_PARAM& stRecord = control.stRecord;
+    Given given;
+    given.strServerFile = download.strServerFile;
+    given.strLocalFile = download.strLocalFile;
+    given.strWorkDir = stRecord.acWorkDir;
+    given.strUser = stRecord.acUserName;
+    given.strPassword = stRecord.acPassword;
+    given.strAddress.assign(reinterpret_cast<const char*>(stRecord.aucServerIp), 16);
+    given.ulServerType = stRecord.ulServerType;
+    given.ulIpType = stRecord.ulServerIpType;
+    given.ulPort = stRecord.ulServerPort;
+    given.ulVerify = stRecord.ulCertVerify;
+    given.vecCiphers = control.vecCiphers;
+    EXPECT_EQ(given, model->given);
 }
 
 void ModelTest::CompareTexts()

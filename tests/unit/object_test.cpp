@@ -1,7 +1,9 @@
 // The one service object: how clients reach it, its virtual table, construction and destruction.
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 #include <typeinfo>
@@ -11,6 +13,7 @@
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
 namespace
 {
@@ -116,6 +119,46 @@ TEST_F(ObjectTest, TheDestructorsAndTheReleaseOfTheCipherListFollow)
     EXPECT_EQ(g_stFtpCiperList.piCipherList, nullptr);
 }
 
+TEST_F(ObjectTest, TheMembersStandInTheOrderOfTheirDeclaration)
+{
+    const std::vector<const void*> vecMembers = {&service,
+                                                 &members.m_strFtpCtrlInfo,
+                                                 &members.m_strUserName,
+                                                 &members.m_pucPassword,
+                                                 &members.m_aucKey,
+                                                 &members.m_aucIV,
+                                                 &members.m_strFtpIP,
+                                                 &members.m_strIPs,
+                                                 &members.m_strAllIPs,
+                                                 &members.m_ulPort,
+                                                 &members.m_ulFtpMode,
+                                                 &members.m_strLocalIP,
+                                                 &members.m_ulCertVerify,
+                                                 &members.m_strOldVersion,
+                                                 &members.m_strVersionServerPath,
+                                                 &members.m_strCorpDirServerPath,
+                                                 &members.m_strVersionLocalPath,
+                                                 &members.m_strVersionFileName,
+                                                 &members.m_strCorpDirLocalPath,
+                                                 &members.m_strCorpDirFileName,
+                                                 &members.m_pDownVersionTimer,
+                                                 &members.m_hFtpHandle,
+                                                 &members.m_pfnDownloadCb,
+                                                 &members.m_ulVersionTaskID,
+                                                 &members.m_ulCorpDirTaskID,
+                                                 &members.m_listThreadPro,
+                                                 &members.m_hMutex,
+                                                 &service + 1};
+    EXPECT_TRUE(std::is_sorted(vecMembers.begin(), vecMembers.end(), std::less<>()));
+}
+
+TEST_F(ObjectTest, IsBuiltAtLoad)
+{
+    EXPECT_EQ(inside::WipesAtLoad(), 2U);
+    EXPECT_EQ(inside::WorkerThreadAtLoad(), nullptr);
+    EXPECT_EQ(inside::WorkerRunFlagAtLoad(), 0U);
+}
+
 TEST_F(ObjectTest, AFreshObjectIsEmpty)
 {
     inside::WorkerThread() = reinterpret_cast<OSAK_THREAD>(0x7001);
@@ -150,6 +193,23 @@ TEST_F(ObjectTest, ConstructionCallsNothingButTheTwoWipes)
     raw.pService->~CFTPCorpDirImpl();
 }
 
+TEST_F(ObjectTest, ConstructionResetsTheWorkersGlobalsAfterTheWipes)
+{
+    const auto hThread = reinterpret_cast<OSAK_THREAD>(0x7001);
+    inside::WorkerThread() = hThread;
+    inside::WorkerRunFlag() = 1;
+    fakes::OnCall("zep_memset_s", 2,
+                  [&]
+                  {
+                      EXPECT_EQ(inside::WorkerThread(), hThread);
+                      EXPECT_EQ(inside::WorkerRunFlag(), 1U);
+                  });
+    RawService raw;
+    EXPECT_EQ(inside::WorkerThread(), nullptr);
+    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
+    raw.pService->~CFTPCorpDirImpl();
+}
+
 TEST_F(ObjectTest, DestructionOfAnUnusedObjectCallsNothingButTheTwoWipes)
 {
     RawService raw;
@@ -167,9 +227,7 @@ TEST_F(ObjectTest, DestructionLeavesZeroKeyBytesEvenWithoutAPassword)
     std::memset(members2.m_aucIV, 0xAA, sizeof(members2.m_aucIV));
     bool bKeyZero = false;
     bool bIVZero = false;
-    // The wipe of the IV comes second: by then the key is zero; the mutex goes after both.
-    OSAK_MUTEX stMutex;
-    (void)OSAK_MutexInitRecursive(&stMutex, nullptr);
+    // The mutex goes after both wipes.
     members2.m_hMutex =
         static_cast<OSAK_MUTEX*>(OSAK_MemMallocD(sizeof(OSAK_MUTEX), 1, "ftpcorpdirimpl.cpp"));
     (void)OSAK_MutexInitRecursive(members2.m_hMutex, nullptr);
@@ -211,6 +269,73 @@ TEST_F(ObjectTest, DestructionReleasesWhatAStopWouldHaveReleased)
                             "OSAK_MutexDestroy(block 1)", "OSAK_MemFreeD(block 1)"));
     EXPECT_EQ(fakes::LiveFtpHandles(), 1U) << "the handle is not the destructor's business";
     EXPECT_EQ(inside::WorkerRunFlag(), 1U) << "nor is the worker";
+    new (&service) CFTPCorpDirImpl;
+}
+
+TEST_F(ObjectTest, DestructionGoesFromTheTimerOverPasswordAndKeyToTextsTasksAndMutex)
+{
+    StartWithRequest();
+    AddTask(1);
+    FillTexts(members);
+    members.m_ulCorpDirTaskID = 5;
+    fakes::OnCall("OSAK_FreeRelTimer", 1,
+                  [&]
+                  {
+                      EXPECT_EQ(members.m_strUserName, "filled");
+                      EXPECT_NE(members.m_pucPassword, nullptr);
+                  });
+    fakes::OnCall("free", 1,
+                  [&]
+                  {
+                      EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+                      EXPECT_EQ(members.m_strUserName, "");
+                      EXPECT_THAT(members.m_aucKey, Not(Each(0)));
+                  });
+    fakes::OnCall("zep_memset_s", 1, [&] { EXPECT_EQ(members.m_pucPassword, nullptr); });
+    fakes::OnCall("zep_memset_s", 2,
+                  [&]
+                  {
+                      EXPECT_THAT(members.m_aucKey, Each(0));
+                      EXPECT_THAT(members.m_aucIV, Not(Each(0)));
+                      EXPECT_EQ(members.m_strFtpIP, "filled");
+                      EXPECT_EQ(members.m_strCorpDirFileName, "filled");
+                      EXPECT_EQ(members.m_ulVersionTaskID, 1U);
+                      EXPECT_EQ(members.m_ulCorpDirTaskID, 5U);
+                      EXPECT_FALSE(members.m_listThreadPro.empty());
+                  });
+    fakes::OnCall("OSAK_MutexDestroy", 1,
+                  [&]
+                  {
+                      ExpectNoTexts(members);
+                      EXPECT_TRUE(members.m_listThreadPro.empty());
+                      EXPECT_NE(members.m_hMutex, nullptr);
+                  });
+    service.~CFTPCorpDirImpl();
+    new (&service) CFTPCorpDirImpl;
+}
+
+TEST_F(ObjectTest, DestructionGoesOnWhenALayerFails)
+{
+    StartWithRequest();
+    AddTask(1);
+    FillTexts(members);
+    fakes::FailCall("OSAK_FreeRelTimer", 1, 5);
+    fakes::FailCall("zep_memset_s", 1, 6);
+    fakes::FailCall("zep_memset_s", 2, 7);
+    fakes::FailCall("OSAK_MutexDestroy", 1, 8);
+    fakes::OnCall("OSAK_MemFreeD", 1,
+                  [&]
+                  {
+                      ExpectNoTexts(members);
+                      EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+                      EXPECT_EQ(members.m_ulVersionTaskID, 0U);
+                      EXPECT_TRUE(members.m_listThreadPro.empty());
+                  });
+    service.~CFTPCorpDirImpl();
+    EXPECT_THAT(Trace(), ElementsAre("OSAK_FreeRelTimer(timer 1) = 5", "free(malloced)",
+                                     "zep_memset_s(m_aucKey, 32, 0, 32) = 6",
+                                     "zep_memset_s(m_aucIV, 16, 0, 16) = 7",
+                                     "OSAK_MutexDestroy(block 1) = 8", "OSAK_MemFreeD(block 1)"));
     new (&service) CFTPCorpDirImpl;
 }
 

@@ -156,7 +156,12 @@ TEST_P(OutOfMemoryTest, ARequestWithoutAStartMakesItsHandleOrGivesOne)
 {
     CountUp(
         Nothing, [&] { return client.CorpDirDownloadNetaddr(&stInfo, ClientCallback); },
-        [&](unsigned int ulRet, bool) { EXPECT_LE(ulRet, 1U); });
+        [&](unsigned int ulRet, bool bFailed)
+        {
+            EXPECT_LE(ulRet, 1U);
+            EXPECT_TRUE(ulRet == 1 || members.m_hFtpHandle != nullptr);
+            EXPECT_TRUE(bFailed || ulRet == 0);
+        });
 }
 
 TEST_P(OutOfMemoryTest, AVersionDownloadCountsAsAStartThatFailed)
@@ -184,8 +189,11 @@ TEST_P(OutOfMemoryTest, TheWorkerLogsAStartThatFailedAndTakesTheNextTask)
         [&](unsigned int ulRet, bool bFailed)
         {
             EXPECT_EQ(ulRet, 0U);
-            EXPECT_THAT(Tasks(), IsEmpty());
-            const Lines vecErrors = Only(Logged(), {"0 ThreadProcess"});
+            const Lines vecLogged = Logged();
+            EXPECT_THAT(Only(vecLogged, {"2 ThreadProcess: Thread download"}),
+                        ElementsAre("2 ThreadProcess: Thread download type : 1",
+                                    "2 ThreadProcess: Thread download type : 2"));
+            const Lines vecErrors = Only(vecLogged, {"0 ThreadProcess"});
             EXPECT_EQ(vecErrors.empty(), !bFailed);
             for (const std::string& strError : vecErrors)
             {
@@ -223,6 +231,7 @@ TEST_P(OutOfMemoryTest, ASuccessNotificationNeedsNoMemory)
 TEST_P(OutOfMemoryTest, AVersionThatArrivesIsDroppedAndFoundAgainByTheNextCheck)
 {
     Notification notification(OVER, 0, "a/version/file/far/down/version.txt");
+    unsigned int ulNotQueued = 0;
     CountUp(
         [&]
         {
@@ -239,13 +248,19 @@ TEST_P(OutOfMemoryTest, AVersionThatArrivesIsDroppedAndFoundAgainByTheNextCheck)
             // The version counts as accepted only together with its task.
             EXPECT_EQ(Tasks().size(), members.m_strOldVersion == "2.0.0 of today" ? 1U : 0U);
             EXPECT_TRUE(bFailed || Tasks().size() == 1);
+            // A valid version refills the working list, also when its task could not be queued.
+            const bool bValid =
+                !Only(Logged(), {"2 VersionDownloadOver: Thread add corpdir download. "}).empty();
+            EXPECT_EQ(members.m_strIPs == members.m_strAllIPs, bValid);
+            ulNotQueued += bValid && Tasks().empty() ? 1 : 0;
             notification.stRecord.ulTaskID = members.m_ulVersionTaskID;
             notification.Deliver();
             EXPECT_THAT(Tasks(), ElementsAre(2));
         });
+    EXPECT_EQ(ulNotQueued, 1U);
 }
 
-TEST_P(OutOfMemoryTest, ADirectoryThatArrivesIsToldToTheClientOrDropped)
+TEST_P(OutOfMemoryTest, ADirectoryThatArrivesIsToldToTheClientOnceAllTheSame)
 {
     Notification notification(OVER, 0, "a/directory/file/far/down/directory.xml");
     CountUp(
@@ -261,15 +276,11 @@ TEST_P(OutOfMemoryTest, ADirectoryThatArrivesIsToldToTheClientOrDropped)
             notification.Deliver();
             return 0U;
         },
-        [&](unsigned int, bool bFailed)
-        {
-            const Lines vecTold = Only(Trace(), {"client"});
-            EXPECT_LE(vecTold.size(), 1U);
-            EXPECT_TRUE(bFailed || vecTold.size() == 1);
-        });
+        [&](unsigned int, bool)
+        { EXPECT_THAT(Only(Trace(), {"client"}), ElementsAre("client(1, 0, null, null)")); });
 }
 
-TEST_P(OutOfMemoryTest, AFailureIsToldToTheClientOrDropped)
+TEST_P(OutOfMemoryTest, AFailureIsToldToTheClientOnceAllTheSame)
 {
     Notification notification(FAILED, 0, "a/version/file/far/down/version.txt");
     notification.WithError(16);
@@ -286,9 +297,8 @@ TEST_P(OutOfMemoryTest, AFailureIsToldToTheClientOrDropped)
         },
         [&](unsigned int, bool bFailed)
         {
-            const Lines vecTold = Only(Trace(), {"client"});
-            EXPECT_LE(vecTold.size(), 1U);
-            EXPECT_TRUE(bFailed || (vecTold.size() == 1 && Tasks().size() == 1));
+            EXPECT_THAT(Only(Trace(), {"client"}), ElementsAre("client(1, 1, null, null)"));
+            EXPECT_EQ(Tasks().size(), bFailed ? 0U : 1U);
         });
 }
 
@@ -309,6 +319,7 @@ TEST_P(OutOfMemoryTest, ARefillIsDroppedOrDone)
         },
         [&](unsigned int, bool bFailed)
         {
+            EXPECT_THAT(Only(Trace(), {"client"}), ElementsAre("client(1, 1, null, null)"));
             EXPECT_TRUE(bFailed || members.m_strFtpIP == "first.server.example.test");
             EXPECT_THAT(Tasks(), IsEmpty());
         });

@@ -29,7 +29,19 @@ protected:
     {
         return std::string(reinterpret_cast<char*>(members.m_pucPassword), 256);
     }
+
+    std::string Key() const
+    {
+        return std::string(reinterpret_cast<char*>(members.m_aucKey), 32);
+    }
+
+    std::string IV() const
+    {
+        return std::string(reinterpret_cast<char*>(members.m_aucIV), 16);
+    }
 };
+
+void OtherCallback(unsigned int, unsigned int, const char*, void*) {}
 
 struct ServerList
 {
@@ -51,6 +63,16 @@ TEST_F(RequestTest, StartsTheVersionDownloadAndTheTimer)
     EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
     EXPECT_EQ(fakes::LiveTimer().ulLengthMs, 600000U);
     EXPECT_THAT(Only(Trace(), {"client"}), IsEmpty());
+}
+
+TEST_F(RequestTest, StoresTheCallbackBeforeTheDownloadStarts)
+{
+    Start();
+    CORPDIR_DOWNLOAD_CB pfnAtDownload = nullptr;
+    fakes::OnCall("TRAVEX_FTP_AsynDownloadFile", 1,
+                  [&] { pfnAtDownload = members.m_pfnDownloadCb; });
+    EXPECT_EQ(Make(ARequest()), 0U);
+    EXPECT_EQ(pfnAtDownload, ClientCallback);
 }
 
 TEST_F(RequestTest, CopiesEveryFieldIntoItsMember)
@@ -184,6 +206,14 @@ TEST_F(RequestTest, KeepsThePasswordOnlySealedInAZeroPaddedBlock)
     EXPECT_THAT(members.m_aucIV, Not(Each(0)));
 }
 
+TEST_F(RequestTest, MeasuresThePasswordBeforeItDrawsAKey)
+{
+    EXPECT_EQ(Take(ARequest()), 0U);
+    EXPECT_THAT(Only(Trace(), {"OSAK_StrLen", "ZEP_CPYPT_RealRandom"}),
+                ElementsAre("OSAK_StrLen(local, 6)", "ZEP_CPYPT_RealRandom(32)",
+                            "ZEP_CPYPT_RealRandom(16)"));
+}
+
 TEST_F(RequestTest, SealsAPasswordOf255CharactersIntoTheWholeBlock)
 {
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
@@ -201,13 +231,23 @@ TEST_F(RequestTest, DrawsAFreshKeyForEveryRequestAndReplacesTheSealedPassword)
 {
     ASSERT_EQ(Take(ARequest()), 0U);
     const std::string strFirst = SealedBlock();
-    const std::string strFirstKey(reinterpret_cast<char*>(members.m_aucKey), 32);
-    const std::string strFirstIV(reinterpret_cast<char*>(members.m_aucIV), 16);
+    const std::string strFirstKey = Key();
+    const std::string strFirstIV = IV();
     Trace();
+    std::string strKeyAtFree = strFirstKey;
+    std::string strIVAtFree = strFirstIV;
+    fakes::OnCall("free", 1,
+                  [&]
+                  {
+                      strKeyAtFree = Key();
+                      strIVAtFree = IV();
+                  });
     ASSERT_EQ(Take(ARequest()), 0U);
     EXPECT_NE(SealedBlock(), strFirst);
-    EXPECT_NE(std::string(reinterpret_cast<char*>(members.m_aucKey), 32), strFirstKey);
-    EXPECT_NE(std::string(reinterpret_cast<char*>(members.m_aucIV), 16), strFirstIV);
+    EXPECT_NE(Key(), strFirstKey);
+    EXPECT_NE(IV(), strFirstIV);
+    EXPECT_EQ(strKeyAtFree, Key()) << "replaced before the old block is released";
+    EXPECT_EQ(strIVAtFree, IV()) << "replaced before the old block is released";
     EXPECT_THAT(Only(Trace(), {"free", "malloc"}), ElementsAre("free(malloced)", "malloc(256)"));
 }
 
@@ -217,6 +257,24 @@ TEST_F(RequestTest, WipesEveryPlainCopyOfThePassword)
     ASSERT_EQ(Take(ARequest()), 0U);
     EXPECT_GE(fakes::SecretCopiesSeen(), 1U);
     EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U);
+}
+
+// The password as text; then the sealed block with one byte more, the key and the IV.
+TEST_F(RequestTest, WipesItsCopiesOfPasswordBlockKeyAndIVWholeOnEveryPath)
+{
+    for (const char* pszFailing : {"", "ZEP_CPYPT_Encrypt", "malloc"})
+    {
+        if (*pszFailing != '\0')
+        {
+            fakes::FailCall(pszFailing, 1, 1);
+        }
+        Trace();
+        EXPECT_EQ(Take(ARequest()), *pszFailing != '\0' ? 1U : 0U);
+        EXPECT_THAT(
+            Only(Trace(), {"zep_memset_s(local"}),
+            ElementsAre("zep_memset_s(local, 256, 0, 256)", "zep_memset_s(local, 305, 0, 305)"))
+            << pszFailing;
+    }
 }
 
 // --- Failures -----------------------------------------------------------------------------------
@@ -249,22 +307,22 @@ TEST_F(RequestTest, TakingInANullRecordFails)
 
 TEST_F(RequestTest, RefusesAnEmptyPasswordAfterUserNameAndTrustTextAreCopied)
 {
-    ASSERT_EQ(Take(ARequest()), 0U);
-    const std::string strSealed = SealedBlock();
-    Logged();
+    StartWithRequest();
+    const Lines vecSealed = {SealedBlock(), Key(), IV()};
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
     SetField(stInfo.szFtpCtrlInfo, "system");
     SetField(stInfo.szUserName, "bob");
     SetField(stInfo.szPassword, "");
     SetField(stInfo.szVersionServerFile, "other");
     stInfo.pszFtpIPs = "x;y";
-    EXPECT_EQ(Make(stInfo), 1U);
+    EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
     EXPECT_EQ(members.m_strUserName, "bob");
     EXPECT_EQ(members.m_strFtpCtrlInfo, "system");
-    EXPECT_EQ(SealedBlock(), strSealed) << "the old sealed password remains";
+    EXPECT_EQ(Lines({SealedBlock(), Key(), IV()}), vecSealed) << "the old password remains";
     EXPECT_EQ(members.m_strVersionServerPath, "pub/version.txt");
     EXPECT_EQ(members.m_strAllIPs, "192.0.2.1");
-    EXPECT_EQ(members.m_pfnDownloadCb, nullptr);
+    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
     EXPECT_THAT(Logged(),
                 ElementsAre("2 SetFtpInfo: before setftpinfo, username : bob, FTPIPs : x;y ",
                             "0 SetFtpInfo: param Length is zero.",
@@ -273,35 +331,62 @@ TEST_F(RequestTest, RefusesAnEmptyPasswordAfterUserNameAndTrustTextAreCopied)
 
 TEST_F(RequestTest, FailsWithOneWhenThePasswordCannotBeSealed)
 {
-    ASSERT_EQ(Take(ARequest()), 0U);
-    const std::string strSealed = SealedBlock();
-    const std::string strKey(reinterpret_cast<char*>(members.m_aucKey), 32);
-    Logged();
+    StartWithRequest();
+    const Lines vecSealed = {SealedBlock(), Key(), IV()};
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    stInfo.pszFtpIPs = "x;y";
     fakes::FailCall("ZEP_CPYPT_Encrypt", 1, 77);
-    EXPECT_EQ(Make(ARequest()), 1U);
-    EXPECT_EQ(SealedBlock(), strSealed);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(members.m_aucKey), 32), strKey);
-    EXPECT_THAT(Logged(), ElementsAre("2 SetFtpInfo: before setftpinfo, username : alice, FTPIPs : "
-                                      "192.0.2.1 ",
-                                      "0 CommonEncrypt: ZEP_CPYPT_Encrypt error : 77",
-                                      "0 SetFtpInfo: CommonEncrypt failed.",
-                                      "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
+    EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
+    EXPECT_EQ(Lines({SealedBlock(), Key(), IV()}), vecSealed);
+    EXPECT_EQ(members.m_strFtpIP, "192.0.2.1");
+    EXPECT_EQ(members.m_strIPs, "192.0.2.1");
+    EXPECT_EQ(members.m_strAllIPs, "192.0.2.1");
+    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
+    EXPECT_THAT(Logged(),
+                ElementsAre("2 SetFtpInfo: before setftpinfo, username : alice, FTPIPs : x;y ",
+                            "0 CommonEncrypt: ZEP_CPYPT_Encrypt error : 77",
+                            "0 SetFtpInfo: CommonEncrypt failed.",
+                            "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
+}
+
+TEST_F(RequestTest, FailsWithOneWhenNoKeyCanBeDrawn)
+{
+    StartWithRequest();
+    const Lines vecSealed = {SealedBlock(), Key(), IV()};
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    stInfo.pszFtpIPs = "x;y";
+    for (const unsigned int ulNth : {1U, 2U})
+    {
+        fakes::FailCall("ZEP_CPYPT_RealRandom", ulNth, 5);
+        EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
+        EXPECT_EQ(Lines({SealedBlock(), Key(), IV()}), vecSealed);
+        EXPECT_EQ(members.m_strAllIPs, "192.0.2.1");
+        EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
+        EXPECT_THAT(Only(Logged(), {"0"}),
+                    ElementsAre("0 CommonEncrypt: Get RealRandom failed, errno is 5 .",
+                                "0 SetFtpInfo: CommonEncrypt failed.",
+                                "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
+    }
+    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 1U) << "the first request's";
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
 }
 
 TEST_F(RequestTest, HasANewKeyAndNoPasswordWhenItsBlockCannotBeAllocated)
 {
-    ASSERT_EQ(Take(ARequest()), 0U);
-    const std::string strKey(reinterpret_cast<char*>(members.m_aucKey), 32);
-    const std::string strIV(reinterpret_cast<char*>(members.m_aucIV), 16);
+    StartWithRequest();
+    const std::string strKey = Key();
+    const std::string strIV = IV();
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
     stInfo.pszFtpIPs = "x;y";
     fakes::FailCall("malloc", 1, 1);
-    Logged();
-    EXPECT_EQ(Make(stInfo), 1U);
+    EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
     EXPECT_EQ(members.m_pucPassword, nullptr);
-    EXPECT_NE(std::string(reinterpret_cast<char*>(members.m_aucKey), 32), strKey);
-    EXPECT_NE(std::string(reinterpret_cast<char*>(members.m_aucIV), 16), strIV);
+    EXPECT_NE(Key(), strKey);
+    EXPECT_NE(IV(), strIV);
     EXPECT_EQ(members.m_strAllIPs, "192.0.2.1") << "nothing behind the password is taken";
+    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
     EXPECT_THAT(Only(Logged(), {"0"}),
                 ElementsAre("0 SetFtpInfo: param malloc failed.",
                             "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));

@@ -44,6 +44,9 @@ const Scenario SCENARIOS[] = {
     {"ASingleServerIsTriedOnceMore",
      "A",
      {{'v', "A", "", true}, {'v', "A", "A", false}, {'v', "A", "", true}}},
+    {"ASuccessOfASingleServerLetsItBeTriedOnceMoreAgain",
+     "A",
+     {{'v', "A", "", true}, {'s', "A", "A", false}, {'v', "A", "", true}}},
     {"AnEmptyListStaysEmpty", "", {{'v', "", "", false}, {'d', "", "", false}}},
     {"ASuccessInTheMiddleOfAPassRefillsTheListAndKeepsTheServer",
      "A;B;C",
@@ -57,6 +60,11 @@ const Scenario SCENARIOS[] = {
     {"AFailedDirectoryFileRefillsAnEmptyList",
      "A;B",
      {{'v', "B", "", true}, {'d', "A", "B", false}, {'d', "A", "B", false}}},
+    {"AFailedDirectoryFileAfterASuccessMovesNothing",
+     "A;B",
+     {{'v', "B", "", true}, {'s', "B", "A;B", false}, {'d', "B", "A;B", false}}},
+    {"AFailedDirectoryFileBehindATrailingSeparatorRefills", "A;", {{'d', "A", "", false}}},
+    {"AFailedDirectoryFileBeforeAnEmptyEntryMovesNothing", "A;;C", {{'d', "A", ";C", false}}},
     {"AFailedDirectoryFileOfASingleServerMovesNothing",
      "A",
      {{'d', "A", "A", false}, {'v', "A", "", true}, {'d', "A", "A", false}}},
@@ -68,7 +76,12 @@ const Scenario SCENARIOS[] = {
      {{'v', "", "C", true}, {'v', "C", "", true}, {'v', "A", ";C", false}}},
     {"ALeadingSeparatorIsAnEmptyFirstAddress", ";B", {{'v', "B", "", true}, {'v', "", "B", false}}},
     {"BlanksAreNotTrimmed", " A ; B ", {{'v', " B ", "", true}, {'v', " A ", " B ", false}}},
-    {"TwoTrailingSeparators", "A;B;", {{'v', "B", "", true}, {'v', "A", "B;", false}}},
+    {"ATrailingSeparatorBehindTwoServersIsNoThird",
+     "A;B;",
+     {{'v', "B", "", true}, {'v', "A", "B;", false}}},
+    {"OfTwoTrailingSeparatorsTheFirstMakesAnEmptyAddress",
+     "A;;",
+     {{'v', "", "", true}, {'v', "A", ";", false}}},
 };
 
 void PrintTo(const Scenario& scenario, std::ostream* pStream)
@@ -140,9 +153,10 @@ TEST_F(FailureTest, TenThousandServersAreTriedInTheirOrder)
     }
     EXPECT_EQ(members.m_strIPs, "");
     EXPECT_EQ(Tasks().size(), 9999U);
-    Notification(FAILED, 1, VERSION_FILE).Deliver();
+    Notification(FAILED, 1, DIRECTORY_FILE).Deliver();
     EXPECT_EQ(members.m_strFtpIP, "s0");
-    EXPECT_EQ(Tasks().size(), 9999U);
+    EXPECT_EQ(members.m_strIPs, strServers.substr(3));
+    EXPECT_EQ(Tasks(), std::vector<unsigned int>(9999, 1));
 }
 
 TEST_F(FailureTest, ASecondRequestInTheMiddleOfAPassStartsItsOwn)
@@ -155,6 +169,8 @@ TEST_F(FailureTest, ASecondRequestInTheMiddleOfAPassStartsItsOwn)
     ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
     EXPECT_EQ(members.m_strFtpIP, "198.51.100.1");
     EXPECT_EQ(members.m_strIPs, "198.51.100.2");
+    EXPECT_EQ(members.m_strAllIPs, "198.51.100.1;198.51.100.2");
+    EXPECT_THAT(Tasks(), ElementsAre(1)) << "the earlier pass's check stays queued";
     Notification(FAILED, 2, VERSION_FILE).Deliver();
     EXPECT_EQ(members.m_strFtpIP, "198.51.100.2");
 }
@@ -166,6 +182,61 @@ TEST_F(FailureTest, ARetryConnectsToTheNextServer)
     RunWorkerUntilIdle();
     EXPECT_EQ(fakes::LastControlParameters().stRecord.aucServerIp[3], 2);
     EXPECT_EQ(members.m_ulVersionTaskID, 2U);
+}
+
+TEST_F(FailureTest, ARetryThatDoesNotStartIsLoggedAndMovesNothing)
+{
+    StartWithRequest("192.0.2.1;192.0.2.2;192.0.2.3");
+    Notification(FAILED, 1, VERSION_FILE).Deliver();
+    Trace();
+    fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 1, 20);
+    RunWorkerUntilIdle();
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 2U) << "it is not tried again";
+    EXPECT_EQ(members.m_strFtpIP, "192.0.2.2");
+    EXPECT_EQ(members.m_strIPs, "192.0.2.3");
+    EXPECT_THAT(Only(Trace(), {"client", "log 0 ThreadProcess"}),
+                ElementsAre("log 0 ThreadProcess: VersionDownload failed : 20"));
+}
+
+TEST_F(FailureTest, TheTimerStartsTheNextPassAtTheFirstServer)
+{
+    fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
+    StartWithRequest("192.0.2.1;192.0.2.2");
+    for (const unsigned int ulTask : {1U, 2U})
+    {
+        Notification(FAILED, ulTask, VERSION_FILE).Deliver();
+        ASSERT_TRUE(fakes::StepWorker());
+    }
+    EXPECT_EQ(fakes::LastDownload().ulTaskID, 2U) << "the pass has ended";
+    EXPECT_EQ(fakes::Calls("OSAK_StartRelTimer"), 1U) << "the timer is left alone";
+    inside::TimerCallback()(nullptr);
+    ASSERT_TRUE(fakes::StepWorker());
+    EXPECT_EQ(fakes::LastDownload().ulTaskID, 3U);
+    EXPECT_EQ(fakes::LastControlParameters().stRecord.aucServerIp[3], 1);
+    client.CorpDirUninit();
+}
+
+TEST_F(FailureTest, ARetryIsQueuedAfterItsRecord)
+{
+    for (const char* const pszServers : {"A;B;C", "A;B"})
+    {
+        StartWithRequest(pszServers);
+        fakes::SetLogSink(
+            [](unsigned int, const char*, const char* pszText)
+            {
+                if (std::strcmp(pszText, "Thread add version download") == 0)
+                {
+                    fakes::Note(inside::Members(inside::TheService()).m_listThreadPro.empty()
+                                    ? "not yet"
+                                    : "queued");
+                }
+            });
+        Notification(FAILED, 77, VERSION_FILE).Deliver();
+        fakes::SetLogSink(nullptr);
+        EXPECT_THAT(Only(Trace(), {"not yet", "queued"}), ElementsAre("not yet"));
+        EXPECT_THAT(Tasks(), ElementsAre(1));
+        client.CorpDirUninit();
+    }
 }
 
 TEST_F(FailureTest, AVersionFailureIsLoggedToldForgottenRotatedAndQueued)
@@ -228,9 +299,10 @@ TEST_F(FailureTest, ADirectoryFailureIsToldButNotTriedAgain)
     EXPECT_EQ(members.m_strFtpIP, "A");
     EXPECT_EQ(members.m_strIPs, "B;C");
     EXPECT_THAT(Tasks(), IsEmpty());
-    EXPECT_THAT(Only(Trace(), {"client", "log 2 VersionCorp"}),
+    EXPECT_THAT(Only(Trace(), {"client", "log 2 VersionCorp", "OSAK_StrCmp"}),
                 ElementsAre("client(1, 1, null, null)",
-                            "log 2 VersionCorpDownloadErr: FTP IP pos = 1, IPs = B;C"));
+                            "log 2 VersionCorpDownloadErr: FTP IP pos = 1, IPs = B;C",
+                            "OSAK_StrCmp(pub/version.txt, pub/directory.xml)"));
 }
 
 TEST_F(FailureTest, AnUnknownTaskIsToldAndMayRotate)

@@ -1,5 +1,6 @@
 // Sealing of the password: sizes, failures, and the length that is found from the padded block.
 #include <cstring>
+#include <set>
 
 #include "service_test.h"
 
@@ -56,8 +57,10 @@ TEST_F(SealingTest, DrawsKeyThenIVThenAsksForTheBlockSizeThenEncrypts)
     EXPECT_THAT(aucIV, Not(Each(0)));
 }
 
-TEST_F(SealingTest, RoundTripsEveryLengthFrom1To255)
+TEST_F(SealingTest, RoundTripsEveryLengthFrom1To255UnderAFreshKeyAndIVEachTime)
 {
+    std::set<std::string> setKeys;
+    std::set<std::string> setIVs;
     for (unsigned int ulPlain = 1; ulPlain <= 255; ++ulPlain)
     {
         std::memset(aucBlock, 0, sizeof(aucBlock));
@@ -71,7 +74,34 @@ TEST_F(SealingTest, RoundTripsEveryLengthFrom1To255)
         ASSERT_EQ(CommonPasswordLength(aucBlock), ulLength) << ulPlain;
         ASSERT_EQ(Unseal(), 0U) << ulPlain;
         ASSERT_EQ(Plain(), strPlain);
+        setKeys.emplace(reinterpret_cast<char*>(aucKey), sizeof(aucKey));
+        setIVs.emplace(reinterpret_cast<char*>(aucIV), sizeof(aucIV));
     }
+    EXPECT_EQ(setKeys.size(), 255U);
+    EXPECT_EQ(setIVs.size(), 255U);
+}
+
+TEST_F(SealingTest, KeyAndIVHaveTheLengthsThatTheCallerGave)
+{
+    fakes::FailCall("ZEP_CPYPT_Encrypt", 1, 4);
+    fakes::FailCall("ZEP_CPYPT_Decrypt", 1, 4);
+    unsigned char aucShort[1] = {'x'};
+    ulLength = 16;
+    EXPECT_EQ(CommonEncrypt(aucShort, 1, aucKey, 24, aucIV, 12, aucBlock, &ulLength), 4U);
+    EXPECT_EQ(CommonDecrypt(aucBlock, 0, aucKey, 24, aucIV, 12, aucPlain, &ulPlainLength), 4U);
+    EXPECT_THAT(Only(Trace(), {"ZEP"}),
+                ElementsAre("ZEP_CPYPT_RealRandom(24)", "ZEP_CPYPT_RealRandom(12)",
+                            "ZEP_CRYPT_GetblockSize(0)", "ZEP_CPYPT_Encrypt(0, 24, 12, 1, 16) = 4",
+                            "ZEP_CPYPT_Decrypt(0, 24, 12, 0, 0) = 4"));
+}
+
+// Of 2^32 - 1 bytes the size wraps to 0, for which any capacity is enough.
+TEST_F(SealingTest, TheRequiredSizeIsAnUnsigned32BitNumber)
+{
+    fakes::FailCall("ZEP_CPYPT_Encrypt", 1, 4);
+    ulLength = 0;
+    EXPECT_EQ(CommonEncrypt(aucPlain, 0xFFFFFFFF, aucKey, 32, aucIV, 16, aucBlock, &ulLength), 4U);
+    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 1U);
 }
 
 TEST_F(SealingTest, APlainTextOfWholeBlocksNeedsOneBlockMore)
@@ -196,6 +226,27 @@ TEST_F(SealingTest, ASealedTextWhoseLastBytesAreZeroKeepsItsFullLength)
     fakes::SetSealed(std::string(17, 'c') + std::string(15, '\0'));
     ASSERT_EQ(Seal(std::string(20, 'x'), 256), 0U);
     EXPECT_EQ(CommonPasswordLength(aucBlock), 32U);
+}
+
+TEST_F(SealingTest, ASealedPasswordWhoseLastByteIsZeroUnseals)
+{
+    unsigned int ulTries = 0;
+    do
+    {
+        ASSERT_EQ(Seal("secret", 256), 0U);
+        ASSERT_LT(++ulTries, 100000U);
+    } while (aucBlock[15] != 0);
+    EXPECT_EQ(Unseal(), 0U);
+    EXPECT_EQ(Plain(), "secret");
+}
+
+// Once in 2^128: the limit of a length that is stored nowhere.
+TEST_F(SealingTest, ASealedTextThatEndsInSixteenZeroBytesIsTakenForAShorterOne)
+{
+    fakes::SetSealed(std::string(16, 'c') + std::string(16, '\0'));
+    ASSERT_EQ(Seal(std::string(20, 'x'), 256), 0U);
+    EXPECT_EQ(ulLength, 32U);
+    EXPECT_EQ(CommonPasswordLength(aucBlock), 16U);
 }
 
 // --- Unsealing ----------------------------------------------------------------------------------

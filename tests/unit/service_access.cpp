@@ -1,7 +1,14 @@
 // The unit under test is part of this file, so that its file-static globals can be named here.
 #include "ftpcorpdirimpl.cpp"
 
+#include "fakes.h"
 #include "service_access.h"
+
+// Initialised behind the unit's own globals, before anybody uses the service.
+static const tagCORPDIR_CIPHER_LIST g_stAtLoad = g_stFtpCiperList;
+static const unsigned int g_ulWipesAtLoad = fakes::Calls("zep_memset_s");
+static const OSAK_THREAD g_stThreadAtLoad = g_stThread;
+static const unsigned int g_bThreadRuningAtLoad = g_bThreadRuning;
 
 namespace
 {
@@ -181,6 +188,26 @@ OSAK_THREAD& WorkerThread()
 unsigned int& WorkerRunFlag()
 {
     return g_bThreadRuning;
+}
+
+const tagCORPDIR_CIPHER_LIST& CipherListAtLoad()
+{
+    return g_stAtLoad;
+}
+
+unsigned int WipesAtLoad()
+{
+    return g_ulWipesAtLoad;
+}
+
+OSAK_THREAD WorkerThreadAtLoad()
+{
+    return g_stThreadAtLoad;
+}
+
+unsigned int WorkerRunFlagAtLoad()
+{
+    return g_bThreadRuningAtLoad;
 }
 
 const int* DefaultCipherList()

@@ -61,8 +61,12 @@ TRAVEX_FTP_NOTIFY_CB NotifyCallback();
 
 // The unit's file-static globals.
 CFTPCorpDirImpl& TheService();
-OSAK_THREAD& WorkerThread();     // g_stThread
-unsigned int& WorkerRunFlag();   // g_bThreadRuning
+OSAK_THREAD& WorkerThread();                       // g_stThread
+unsigned int& WorkerRunFlag();                     // g_bThreadRuning
+const tagCORPDIR_CIPHER_LIST& CipherListAtLoad();  // g_stFtpCiperList at the program's start
+unsigned int WipesAtLoad();        // calls of zep_memset_s up to the program's start
+OSAK_THREAD WorkerThreadAtLoad();  // g_stThread at the program's start
+unsigned int WorkerRunFlagAtLoad();
 const int* DefaultCipherList();  // g_aiDefaultFtpChiperList
 int DefaultCipherListSize();     // g_iDefaultFtpChiperListSize
 

@@ -9,6 +9,7 @@
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
 namespace
 {
@@ -79,16 +80,17 @@ TEST_F(StartTest, ClosesTheLogWhenTheLibraryDoesNotStart)
 TEST_F(StartTest, TakesTheLibraryDownAgainWhenThereIsNoHandle)
 {
     fakes::FailCall("TRAVEX_FTP_CreateHandle", 1, 1);
-    fakes::FailCall("TRAVEX_FTP_UnInit", 1, 4);
+    fakes::FailCall("TRAVEX_FTP_UnInit", 1, 0xFFFFFFFF);
     EXPECT_EQ(client.CorpDirInit(&stLogInfo), 1U);
     EXPECT_EQ(members.m_hFtpHandle, nullptr);
     EXPECT_EQ(members.m_hMutex, nullptr);
     const Lines vecTrace = Trace();
-    EXPECT_THAT(Lines(vecTrace.begin() + 6, vecTrace.end()),
-                ElementsAre("TRAVEX_FTP_CreateHandle() = 1",
-                            "log 0 CorpDirInit: TRAVEX_FTP_CreateHandle fail !",
-                            "TRAVEX_FTP_UnInit() = 4", "log 2 CorpDirInit: ftp uninit ret:4",
-                            "CorpDir_CloseLog()", "leave CorpDirInit"));
+    EXPECT_THAT(
+        Lines(vecTrace.begin() + 6, vecTrace.end()),
+        ElementsAre("TRAVEX_FTP_CreateHandle() = 1",
+                    "log 0 CorpDirInit: TRAVEX_FTP_CreateHandle fail !", "TRAVEX_FTP_UnInit() = -1",
+                    "log 2 CorpDirInit: ftp uninit ret:4294967295", "CorpDir_CloseLog()",
+                    "leave CorpDirInit"));
 }
 
 TEST_F(StartTest, ClosesTheHandleButKeepsItsValueWhenThereIsNoMutexStorage)
@@ -128,6 +130,30 @@ TEST_F(StartTest, KeepsTheClosedHandleAndTheReleasedMutexWhenThereIsNoThread)
                     "log 2 CorpDirInit: TRAVEX_FTP_CloseHandle Ret : 0", "TRAVEX_FTP_UnInit()",
                     "log 2 CorpDirInit: ftp uninit ret:0", "CorpDir_CloseLog()",
                     "leave CorpDirInit"));
+    members.m_hMutex = nullptr;  // the destructor would release it once more
+}
+
+TEST_F(StartTest, WithoutAThreadReleasesTheRestAlsoWhenMutexAndHandleFail)
+{
+    fakes::FailCall("OSAK_PthreadCreate", 1, 11);
+    fakes::FailCall("OSAK_MutexDestroy", 1, 3);
+    fakes::FailCall("TRAVEX_FTP_CloseHandle", 1, 0xFFFFFFFF);
+    OSAK_MUTEX* hMutex = nullptr;
+    fakes::OnCall("OSAK_MutexInitRecursive", 1, [&] { hMutex = members.m_hMutex; });
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 1U);
+    EXPECT_NE(hMutex, nullptr);
+    EXPECT_EQ(members.m_hMutex, hMutex);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
+    EXPECT_EQ(fakes::LiveMemory(), 0U);
+    const Lines vecTrace = Trace();
+    EXPECT_THAT(Lines(vecTrace.begin() + 10, vecTrace.end()),
+                ElementsAre("OSAK_PthreadCreate(g_stThread, null, ThreadProcess, null) = 11",
+                            "log 0 CorpDirInit: OSAK_PthreadCreate fail !",
+                            "OSAK_MutexDestroy(block 1) = 3", "OSAK_MemFreeD(block 1)",
+                            "TRAVEX_FTP_CloseHandle(ftp 1) = -1",
+                            "log 2 CorpDirInit: TRAVEX_FTP_CloseHandle Ret : -1",
+                            "TRAVEX_FTP_UnInit()", "log 2 CorpDirInit: ftp uninit ret:0",
+                            "CorpDir_CloseLog()", "leave CorpDirInit"));
     members.m_hMutex = nullptr;  // the destructor would release it once more
 }
 
@@ -204,6 +230,15 @@ TEST_F(StartTest, TwiceGivesOneHandleOneThreadAndANewMutex)
                             "OSAK_MemMallocD(72)", "OSAK_MutexInitRecursive(block 2, null)",
                             "log 2 CorpDirInit: CorpDirInit OK, Thread Handle: 0x7001",
                             "leave CorpDirInit"));
+}
+
+TEST_F(StartTest, TwiceForgetsTheOldMutexBeforeItAsksForANewOne)
+{
+    Start();
+    bool bForgotten = false;
+    fakes::OnCall("OSAK_MemMallocD", 1, [&] { bForgotten = members.m_hMutex == nullptr; });
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    EXPECT_TRUE(bForgotten);
 }
 
 TEST_F(StartTest, TwiceLeavesARunFlagAsItWas)
@@ -325,24 +360,24 @@ TEST_F(StopTest, ClosesAHandleThatNoWorkerHasClosed)
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
     ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
     Trace();
-    fakes::FailCall("TRAVEX_FTP_CloseHandle", 1, 6);
+    fakes::FailCall("TRAVEX_FTP_CloseHandle", 1, 0xFFFFFFFF);
     client.CorpDirUninit();
     EXPECT_EQ(members.m_hFtpHandle, nullptr);
     EXPECT_THAT(Only(Trace(), {"log 2 CorpDirUninit: OSAK_PthreadJoin", "TRAVEX_FTP_CloseHandle",
                                "log 2 CorpDirUninit: TRAVEX_FTP_CloseHandle"}),
                 ElementsAre("log 2 CorpDirUninit: OSAK_PthreadJoin:(nil)",
-                            "TRAVEX_FTP_CloseHandle(ftp 2) = 6",
-                            "log 2 CorpDirUninit: TRAVEX_FTP_CloseHandle Ret : 6"));
+                            "TRAVEX_FTP_CloseHandle(ftp 2) = -1",
+                            "log 2 CorpDirUninit: TRAVEX_FTP_CloseHandle Ret : -1"));
 }
 
 TEST_F(StopTest, LogsWhatItDoesNotReport)
 {
     Start();
-    fakes::FailCall("OSAK_MutexDestroy", 1, 3);
+    fakes::FailCall("OSAK_MutexDestroy", 1, 0xFFFFFFFF);
     fakes::FailCall("TRAVEX_FTP_UnInit", 1, 0xFFFFFFFF);
     client.CorpDirUninit();
     EXPECT_THAT(Only(Logged(), {"2 CorpDirUninit: OSAK_MutexDestroy", "2 CorpDirUninit: ftp"}),
-                ElementsAre("2 CorpDirUninit: OSAK_MutexDestroy Ret : 3",
+                ElementsAre("2 CorpDirUninit: OSAK_MutexDestroy Ret : -1",
                             "2 CorpDirUninit: ftp uninit ret:4294967295"));
     EXPECT_EQ(fakes::LiveMemory(), 0U) << "the storage is released all the same";
 }
@@ -409,6 +444,108 @@ TEST_F(StopTest, ATimerThatDoesNotFreeIsForgottenAllTheSame)
     fakes::FailCall("OSAK_FreeRelTimer", 1, 5);
     client.CorpDirUninit();
     EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+    EXPECT_EQ(members.m_strUserName, "");
+    EXPECT_THAT(
+        Only(Procedure(Trace()), {"OSAK_", "TRAVEX_", "free(", "zep_memset_s", "CorpDir_"}),
+        ElementsAre("OSAK_FreeRelTimer(timer 1) = 5", "OSAK_PthreadJoin(thread 1, null)",
+                    "TRAVEX_FTP_CloseHandle(ftp 1)", "free(malloced)",
+                    "zep_memset_s(m_aucKey, 32, 0, 32)", "zep_memset_s(m_aucIV, 16, 0, 16)",
+                    "OSAK_MutexDestroy(block 1)", "OSAK_MemFreeD(block 1)",
+                    "OSAK_MemFreeSetNullD(block 2)", "TRAVEX_FTP_UnInit()", "CorpDir_CloseLog()"));
+}
+
+TEST_F(StopTest, TheTasksAreForgottenOnceTheTimerIsFreed)
+{
+    StartWithRequest();
+    members.m_ulCorpDirTaskID = 5;
+    std::vector<unsigned int> vecTasks;
+    fakes::OnCall("OSAK_FreeRelTimer", 1,
+                  [&] {
+                      vecTasks = {members.m_ulVersionTaskID, members.m_ulCorpDirTaskID};
+                  });
+    client.CorpDirUninit();
+    EXPECT_THAT(vecTasks, ElementsAre(1, 5));
+}
+
+TEST_F(StopTest, GoesFromTheUserNameOverPasswordAndKeyToTextsQueueMutexAndCipherList)
+{
+    StartWithRequest();
+    fakes::OnCall("free", 1,
+                  [&]
+                  {
+                      EXPECT_EQ(members.m_strUserName, "");
+                      EXPECT_THAT(members.m_aucKey, Not(Each(0)));
+                  });
+    fakes::OnCall("zep_memset_s", 1, [&] { EXPECT_EQ(members.m_pucPassword, nullptr); });
+    fakes::OnCall("zep_memset_s", 2,
+                  [&]
+                  {
+                      EXPECT_THAT(members.m_aucKey, Each(0));
+                      EXPECT_THAT(members.m_aucIV, Not(Each(0)));
+                      EXPECT_EQ(members.m_strFtpIP, "192.0.2.1");
+                      EXPECT_EQ(members.m_strCorpDirFileName, "directory.local");
+                      AddTask(1);  // the worker has emptied the queue
+                  });
+    fakes::OnCall("OSAK_MutexDestroy", 1,
+                  [&]
+                  {
+                      EXPECT_EQ(members.m_strFtpIP, "");
+                      EXPECT_EQ(members.m_strCorpDirFileName, "");
+                      EXPECT_TRUE(members.m_listThreadPro.empty());
+                      EXPECT_NE(members.m_hMutex, nullptr);
+                      EXPECT_NE(g_stFtpCiperList.piCipherList, nullptr);
+                  });
+    fakes::OnCall("OSAK_MemFreeSetNullD", 1, [&] { EXPECT_EQ(members.m_hMutex, nullptr); });
+    fakes::OnCall("TRAVEX_FTP_UnInit", 1,
+                  [] { EXPECT_EQ(g_stFtpCiperList.piCipherList, nullptr); });
+    client.CorpDirUninit();
+}
+
+// The worker stands in the library, in the start of a queued download, with one more task behind
+// it.
+TEST_F(StopTest, WaitsForADownloadThatIsBeingStarted)
+{
+    fakes::SetWorkerMode(fakes::WorkerMode::Free);
+    StartWithRequest();
+    std::atomic<bool> bStarting{false};
+    std::atomic<bool> bMayGoOn{false};
+    std::atomic<bool> bJoining{false};
+    std::atomic<bool> bStopped{false};
+    fakes::OnCall("TRAVEX_FTP_AsynDownloadFile", 1,
+                  [&]
+                  {
+                      bStarting = true;
+                      while (!bMayGoOn)
+                      {
+                          std::this_thread::yield();
+                      }
+                  });
+    fakes::OnCall("OSAK_PthreadJoin", 1, [&] { bJoining = true; });
+    AddTask(1);
+    AddTask(1);
+    while (!bStarting)
+    {
+        std::this_thread::yield();
+    }
+    std::thread stopper(
+        [&]
+        {
+            client.CorpDirUninit();
+            bStopped = true;
+        });
+    while (!bJoining && !bStopped)
+    {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(bStopped);
+    EXPECT_EQ(members.m_strUserName, "alice");
+    EXPECT_NE(members.m_pucPassword, nullptr);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
+    bMayGoOn = true;
+    stopper.join();
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 2U) << "the request's and one more";
+    EXPECT_EQ(members.m_ulVersionTaskID, 0U);
+    EXPECT_EQ(members.m_strUserName, "");
 }
 
 // --- Stop and notifications ---------------------------------------------------------------------
@@ -469,6 +606,19 @@ TEST_F(StopTest, ANotificationThatComesWhileTheRequestIsClearedIsDropped)
     StartWithRequest("192.0.2.1;192.0.2.2");
     Notification(FAILED, 2, "pub/version.txt").Deliver();
     EXPECT_THAT(Only(Trace(), {"client"}), testing::SizeIs(1)) << "the next start hears again";
+}
+
+TEST_F(StopTest, BothTasksAreForgottenBeforeTheWorkerIsJoined)
+{
+    StartWithRequest();
+    members.m_ulCorpDirTaskID = 5;
+    std::vector<unsigned int> vecTasks;
+    fakes::OnCall("OSAK_PthreadJoin", 1,
+                  [&] {
+                      vecTasks = {members.m_ulVersionTaskID, members.m_ulCorpDirTaskID};
+                  });
+    client.CorpDirUninit();
+    EXPECT_THAT(vecTasks, ElementsAre(0, 0));
 }
 
 TEST_F(StopTest, ATaskThatTheWorkerStartedWhileItWasJoinedIsForgotten)

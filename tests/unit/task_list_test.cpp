@@ -7,6 +7,7 @@
 
 #include "service_test.h"
 
+using testing::Each;
 using testing::ElementsAre;
 
 namespace
@@ -14,6 +15,9 @@ namespace
 
 constexpr unsigned int PRODUCERS = 4;
 constexpr unsigned int TASKS_EACH = 250000;
+constexpr unsigned int TASKS_PER_CLEAR = 1000;  // of each producer, between two clears
+constexpr unsigned int CLEARS = TASKS_EACH / TASKS_PER_CLEAR - 1;
+constexpr unsigned int FIRST_LATE = CLEARS * TASKS_PER_CLEAR;  // the first after the last clear
 constexpr unsigned int PRODUCER_SHIFT = 28;
 constexpr unsigned int FIRST_TASK = 16;  // 1 and 2 would be downloads
 
@@ -51,6 +55,7 @@ public:
         if (ulProducer < PRODUCERS)
         {
             aulNext[ulProducer] = ulNumber + 1;
+            aulLate[ulProducer] += ulNumber >= FIRST_LATE ? 1 : 0;
             ++ulTaken;
         }
     }
@@ -59,6 +64,7 @@ public:
     bool bWithoutGap = true;
     unsigned int ulTaken = 0;
     std::array<unsigned int, PRODUCERS> aulNext = {};
+    std::array<unsigned int, PRODUCERS> aulLate = {};
 };
 
 template <class Push>
@@ -77,6 +83,73 @@ std::array<std::thread, PRODUCERS> StartProducers(Push push)
             });
     }
     return threads;
+}
+
+void WaitFor(const std::atomic<bool>& bWhat)
+{
+    while (!bWhat)
+    {
+        std::this_thread::yield();
+    }
+}
+
+// Four producers beside somebody who clears: each appends a thousand tasks for each clear and a
+// thousand after the last one.
+class InterruptedProducers
+{
+public:
+    explicit InterruptedProducers(CThreadProList& list)
+        : threads(StartProducers(
+              [this, &list](unsigned int ulProducer, unsigned int ulNumber)
+              {
+                  ulWaiting += ulNumber == FIRST_LATE ? 1 : 0;
+                  while (ulClears < ulNumber / TASKS_PER_CLEAR)
+                  {
+                      std::this_thread::yield();
+                  }
+                  list.push_back(Task(NumberedTask(ulProducer, ulNumber)));
+                  bStarted = true;
+              }))
+    {
+        WaitFor(bStarted);
+    }
+
+    // Four thousand more tasks will come than so far, at least.
+    void CountClear()
+    {
+        ++ulClears;
+    }
+
+    void WaitUntilOnlyTheLastClearIsMissing() const
+    {
+        while (ulWaiting < PRODUCERS)
+        {
+            std::this_thread::yield();
+        }
+    }
+
+    void Join()
+    {
+        for (std::thread& producer : threads)
+        {
+            producer.join();
+        }
+    }
+
+private:
+    std::atomic<bool> bStarted{false};
+    std::atomic<unsigned int> ulWaiting{0};
+    std::atomic<unsigned int> ulClears{0};
+    std::array<std::thread, PRODUCERS> threads;
+};
+
+void WaitForMore(const std::atomic<unsigned int>& ulTaken)
+{
+    const unsigned int ulBefore = ulTaken;
+    while (ulTaken < ulBefore + 100)
+    {
+        std::this_thread::yield();
+    }
 }
 
 class TaskListTest : public testing::Test
@@ -98,6 +171,10 @@ protected:
 
 class WorkerQueueTest : public ServiceTest
 {
+protected:
+    void StartReceiving();
+
+    Receipt receipt;
 };
 
 }  // namespace
@@ -183,6 +260,15 @@ TEST_F(TaskListTest, ATaskThatArrivesBetweenAClearAndTheWorkersRemovalIsNotLost)
     EXPECT_THAT(TakeAll(), ElementsAre(2));
 }
 
+TEST_F(TaskListTest, RemovalWithoutAReadTakesTheFrontAlsoAfterAClear)
+{
+    list.push_back(Task(1));
+    list.clear();
+    list.push_back(Task(2));
+    list.pop_front();
+    EXPECT_TRUE(list.empty());
+}
+
 // The worker has found a task, a second start clears, the worker reads, a producer appends.
 TEST_F(TaskListTest, ATaskThatArrivesAfterAReadOfNothingIsNotLost)
 {
@@ -225,38 +311,16 @@ TEST_F(TaskListTest, AMillionTasksOfFourProducersAllComeOutOnceAndInOrder)
     EXPECT_TRUE(list.empty());
 }
 
-// A third thread clears while the others append and take. What was appended after the last clear
-// must all come out; of the rest any part may, in order and once.
+// The taker begins after the first clear, which so finds a task. What was appended after the last
+// one must all come out; of the rest any part may, in order and once.
 TEST_F(TaskListTest, ClearsInBetweenLoseNothingThatCameAfterThem)
 {
-    std::atomic<bool> bCleared{false};
-    std::array<std::atomic<unsigned int>, PRODUCERS> aulFirstSafe{};
-    for (auto& ulFirst : aulFirstSafe)
-    {
-        ulFirst = TASKS_EACH;
-    }
-    auto producers = StartProducers(
-        [&](unsigned int ulProducer, unsigned int ulNumber)
-        {
-            if (bCleared && aulFirstSafe[ulProducer] == TASKS_EACH)
-            {
-                aulFirstSafe[ulProducer] = ulNumber;
-            }
-            list.push_back(Task(NumberedTask(ulProducer, ulNumber)));
-        });
-    std::thread clearer(
-        [&]
-        {
-            for (int i = 0; i < 500; ++i)
-            {
-                list.clear();
-                std::this_thread::yield();
-            }
-            bCleared = true;
-        });
+    InterruptedProducers producers(list);
+    list.clear();
+    producers.CountClear();
     std::atomic<bool> bProduced{false};
+    std::atomic<unsigned int> ulTaken{0};
     Receipt receipt;
-    std::array<unsigned int, PRODUCERS> aulSafeTaken = {};
     std::thread taker(
         [&]
         {
@@ -268,60 +332,83 @@ TEST_F(TaskListTest, ClearsInBetweenLoseNothingThatCameAfterThem)
                 {
                     const unsigned int ulTask = list.front();
                     list.pop_front();
-                    if (ulTask == 0)
+                    if (ulTask != 0)  // 0: a clear came between, there was no front
                     {
-                        continue;  // a clear came between: there was no front
+                        receipt.Take(ulTask);
+                        ++ulTaken;
                     }
-                    receipt.Take(ulTask);
-                    const unsigned int ulProducer = ProducerOf(ulTask);
-                    aulSafeTaken[ulProducer] +=
-                        NumberOf(ulTask) >= aulFirstSafe[ulProducer] ? 1 : 0;
                 }
             }
         });
-    for (std::thread& producer : producers)
+    for (unsigned int i = 1; i < CLEARS; ++i)
     {
-        producer.join();
+        WaitForMore(ulTaken);
+        list.clear();
+        producers.CountClear();
     }
-    clearer.join();
+    producers.Join();
     bProduced = true;
     taker.join();
     EXPECT_TRUE(receipt.bInOrder);
-    for (unsigned int i = 0; i < PRODUCERS; ++i)
-    {
-        EXPECT_EQ(aulSafeTaken[i], TASKS_EACH - aulFirstSafe[i]) << "producer " << i;
-    }
+    EXPECT_LT(receipt.ulTaken, PRODUCERS * TASKS_EACH) << "no clear found a task";
+    EXPECT_THAT(receipt.aulLate, Each(TASKS_PER_CLEAR));
 }
 
 namespace
 {
 
+constexpr unsigned int HOLD = 3;  // a task that the worker has read, but does not remove yet
+
 std::atomic<unsigned int> g_ulTaken{0};
+std::atomic<unsigned int> g_ulNothing{0};  // how often a clear was between the test and the read
+std::atomic<bool> g_bHeld{false};
+std::atomic<bool> g_bReleased{false};
 Receipt* g_pReceipt = nullptr;  // the worker's alone while it runs
 
 // The worker says which task it takes.
 void ReceiveFromLog(unsigned int, const char*, const char* pszText)
 {
     const char* const pszBegin = "Thread download type : ";
-    if (std::strncmp(pszText, pszBegin, std::strlen(pszBegin)) == 0)
+    if (std::strncmp(pszText, pszBegin, std::strlen(pszBegin)) != 0)
     {
-        g_pReceipt->Take(
-            static_cast<unsigned int>(std::strtol(pszText + std::strlen(pszBegin), nullptr, 10)));
+        return;
+    }
+    const auto ulTask =
+        static_cast<unsigned int>(std::strtol(pszText + std::strlen(pszBegin), nullptr, 10));
+    if (ulTask == 0)
+    {
+        ++g_ulNothing;
+    }
+    else if (ulTask == HOLD)
+    {
+        g_bHeld = true;
+        WaitFor(g_bReleased);
+    }
+    else
+    {
+        g_pReceipt->Take(ulTask);
         ++g_ulTaken;
     }
 }
 
 }  // namespace
 
-TEST_F(WorkerQueueTest, AMillionTasksOfFourProducersReachTheWorkerOnceAndInOrder)
+void WorkerQueueTest::StartReceiving()
 {
-    Receipt receipt;
     g_pReceipt = &receipt;
     g_ulTaken = 0;
+    g_ulNothing = 0;
+    g_bHeld = false;
+    g_bReleased = false;
     fakes::SetWorkerMode(fakes::WorkerMode::Free);
     fakes::SetRecording(false);
     fakes::SetLogSink(ReceiveFromLog);
     ASSERT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+}
+
+TEST_F(WorkerQueueTest, AMillionTasksOfFourProducersReachTheWorkerOnceAndInOrder)
+{
+    StartReceiving();
     auto producers = StartProducers(
         [this](unsigned int ulProducer, unsigned int ulNumber)
         { members.m_listThreadPro.push_back(Task(NumberedTask(ulProducer, ulNumber))); });
@@ -337,4 +424,35 @@ TEST_F(WorkerQueueTest, AMillionTasksOfFourProducersReachTheWorkerOnceAndInOrder
     fakes::SetLogSink(nullptr);
     EXPECT_TRUE(receipt.bWithoutGap);
     EXPECT_EQ(receipt.ulTaken, PRODUCERS * TASKS_EACH);
+    EXPECT_EQ(g_ulNothing, 0U);
+}
+
+// Each start of the running service clears the queue. At the last one the worker is held between
+// its read of a task and the removal: what arrives before it goes on must stay.
+TEST_F(WorkerQueueTest, ClearsBesideTheWorkerLoseNothingThatCameAfterThem)
+{
+    StartReceiving();
+    InterruptedProducers producers(members.m_listThreadPro);
+    for (unsigned int i = 1; i < CLEARS; ++i)
+    {
+        EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+        producers.CountClear();
+        WaitForMore(g_ulTaken);
+    }
+    producers.WaitUntilOnlyTheLastClearIsMissing();
+    AddTask(HOLD);
+    WaitFor(g_bHeld);
+    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+    producers.CountClear();
+    producers.Join();
+    g_bReleased = true;
+    while (!members.m_listThreadPro.empty())
+    {
+        std::this_thread::yield();
+    }
+    client.CorpDirUninit();
+    fakes::SetLogSink(nullptr);
+    EXPECT_TRUE(receipt.bInOrder);
+    EXPECT_LT(receipt.ulTaken, PRODUCERS * TASKS_EACH) << "no start found a task";
+    EXPECT_THAT(receipt.aulLate, Each(TASKS_PER_CLEAR));
 }

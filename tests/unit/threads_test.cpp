@@ -4,8 +4,6 @@
 
 #include "service_test.h"
 
-using testing::IsEmpty;
-
 namespace
 {
 
@@ -55,14 +53,15 @@ TEST_F(ThreadsTest, ExpiriesAndFailuresBesideARunningWorkerAllGetTheirDownload)
         });
     timer.join();
     notifier.join();
-    while (fakes::LastDownload().ulTaskID < 1 + EXPIRIES + FAILURES / 2)
+    // Also until the queue is empty: a task too many is to be run, not dropped by the stop.
+    while (fakes::LastDownload().ulTaskID < 1 + EXPIRIES + FAILURES / 2 ||
+           !members.m_listThreadPro.empty())
     {
         std::this_thread::yield();
     }
     client.CorpDirUninit();
     EXPECT_EQ(g_ulTold, FAILURES);
     EXPECT_EQ(fakes::LastDownload().ulTaskID, 1 + EXPIRIES + FAILURES / 2);
-    EXPECT_THAT(Tasks(), IsEmpty());
 }
 
 // A start of a running service replaces the mutex beneath a polling worker and drops the queue.

@@ -184,26 +184,58 @@ TEST_F(TraceTest, AddingSeveralToTheCipherList)
 // From the timer's expiry to the client's success, through worker and notifications.
 TEST_F(TraceTest, AWholeRoundFromTheTimerToTheClient)
 {
+    fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
     StartWithRequest();
     const support::TemporaryDirectory directory;
     support::WriteFile(directory.File("version.local"), "2.0.0\n");
     const std::string strDir = directory.Path() + "/";
     members.m_strVersionLocalPath = directory.Path();
     inside::TimerCallback()(&service);
-    RunWorkerUntilIdle();
-    members.m_hFtpHandle = fakes::FtpHandle(1);
-    const Lines vecVersion = Procedure(Trace());
+    EXPECT_TRUE(fakes::StepWorker());
+    Notification(OVER, 2, "pub/version.txt").Deliver();
+    EXPECT_TRUE(fakes::StepWorker());
+    Notification(OVER, 3, "pub/directory.xml").Deliver();
+    const Lines vecRound = Procedure(Trace());
+    client.CorpDirUninit();
     EXPECT_THAT(
-        Lines(vecVersion.begin(), vecVersion.end() - 7),
+        vecRound,
         ElementsAreArray(Joined(
-            {{"log 2 DownloadVersionTimerPro: Thread Add versiondown. ",
-              "log 2 ThreadProcess: Thread Process In : 0x7001.", "OSAK_MutexLock(block 1)",
+            {{"log 2 DownloadVersionTimerPro: Thread Add versiondown. ", "OSAK_MutexLock(block 1)",
               "log 2 ThreadProcess: Thread download type : 1", "OSAK_MutexUnLock(block 1)",
               "log 2 ThreadProcess: Thread begin VersionDownload.", "enter VersionDownload"},
              DownloadStart("pub/version.txt", strDir, "version.local", "m_ulVersionTaskID", 2),
-             {"leave VersionDownload"}})));
-    Notification(OVER, 2, "pub/version.txt").Deliver();
-    EXPECT_THAT(Tasks(), ElementsAre(2));
+             {"leave VersionDownload",
+              "OSAK_MutexLock(block 1)",
+              "OSAK_MutexUnLock(block 1)",
+              "usleep(50)",
+              "log 2 DownloadCallback: Download is OVER!",
+              "log 2 DownloadCallback: DownloadCallback : ulTaskID = 2l, ulType = 12l, "
+              "VersionTaskID = 2, CorpDirTaskID = 0, DownFileName : pub/version.txt",
+              "enter VersionDownloadOver",
+              "log 2 VersionDownloadOver: Version Path : " + strDir,
+              "log 2 VersionDownloadOver: Version Name : version.local",
+              "log 2 VersionDownloadOver: Version File : " + strDir + "version.local",
+              "log 2 VersionDownloadOver: Version Prepared Update! Version : [2.0.0]",
+              "OSAK_StrCmp(, 2.0.0)",
+              "log 2 VersionDownloadOver: OldVersion : , NewVersion : 2.0.0 ",
+              "log 2 VersionDownloadOver: Thread add corpdir download. ",
+              "log 2 VersionDownloadOver: FTP After rotating, IPs copy ftps = 192.0.2.1",
+              "leave VersionDownloadOver",
+              "OSAK_MutexLock(block 1)",
+              "log 2 ThreadProcess: Thread download type : 2",
+              "OSAK_MutexUnLock(block 1)",
+              "log 2 ThreadProcess: Thread begin CorpDirDownload.",
+              "enter CorpDirDownload"},
+             DownloadStart("pub/directory.xml", "/nowhere/d/", "directory.local",
+                           "m_ulCorpDirTaskID", 3),
+             {"leave CorpDirDownload", "OSAK_MutexLock(block 1)", "OSAK_MutexUnLock(block 1)",
+              "usleep(50)", "log 2 DownloadCallback: Download is OVER!",
+              "log 2 DownloadCallback: DownloadCallback : ulTaskID = 3l, ulType = 12l, "
+              "VersionTaskID = 2, CorpDirTaskID = 3, DownFileName : pub/directory.xml",
+              "enter CorpDirDownloadOver", "log 2 CorpDirDownloadOver: CorpDir Path : /nowhere/d/",
+              "log 2 CorpDirDownloadOver: CorpDir Name : directory.local",
+              "log 2 CorpDirDownloadOver: CorpDir File : /nowhere/d/directory.local",
+              "client(1, 0, null, null)", "leave CorpDirDownloadOver"}})));
 }
 
 // --- Function traces ----------------------------------------------------------------------------

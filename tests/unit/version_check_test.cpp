@@ -3,6 +3,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <filesystem>
+
 #include "files.h"
 #include "service_test.h"
 
@@ -19,6 +22,13 @@ class VersionDownloadTest : public ServiceTest
 class TimerTest : public ServiceTest
 {
 };
+
+// File descriptors of this process.
+size_t OpenFiles()
+{
+    const std::filesystem::directory_iterator begin("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin, std::filesystem::directory_iterator()));
+}
 
 // A request is under way whose version file is said to have arrived.
 class VersionFileTest : public ServiceTest
@@ -49,6 +59,9 @@ protected:
 
     void ExpectInvalid(const std::string& strBytes)
     {
+        members.m_strOldVersion = strOldVersion;
+        members.m_strIPs = "192.0.2.2";
+        members.m_listThreadPro.clear();
         Logged();
         Arrive(strBytes);
         EXPECT_THAT(Only(Logged(), {"0"}),
@@ -58,7 +71,7 @@ protected:
 
     void ExpectUntouched()
     {
-        EXPECT_EQ(members.m_strOldVersion, "");
+        EXPECT_EQ(members.m_strOldVersion, strOldVersion);
         EXPECT_EQ(members.m_strIPs, "192.0.2.2");
         EXPECT_EQ(members.m_strFtpIP, "192.0.2.1");
         EXPECT_THAT(Tasks(), IsEmpty());
@@ -66,6 +79,7 @@ protected:
 
     support::TemporaryDirectory directory;
     std::string strFile;
+    const std::string strOldVersion = "0.0.0.0";
 };
 
 }  // namespace
@@ -238,7 +252,7 @@ TEST_F(VersionFileTest, ANewVersionIsStoredAndQueuesTheDirectory)
             "enter VersionDownloadOver",
             "log 2 VersionDownloadOver: Version Path : " + directory.Path() + "/",
             "log 2 VersionDownloadOver: Version Name : version.local",
-            "log 2 VersionDownloadOver: Version File : " + strFile, "OSAK_StrLen(local)",
+            "log 2 VersionDownloadOver: Version File : " + strFile, "OSAK_StrLen(local, 14)",
             "log 2 VersionDownloadOver: Version Prepared Update! Version : [2.0.0 of today]",
             "OSAK_StrCmp(, 2.0.0 of today)",
             "log 2 VersionDownloadOver: OldVersion : , NewVersion : 2.0.0 of today ",
@@ -266,6 +280,40 @@ TEST_F(VersionFileTest, TheSameVersionQueuesNothingButRefillsTheServers)
                             "OSAK_StrCmp(2.0.0, 2.0.0)",
                             "log 2 VersionDownloadOver: FTP After rotating, IPs copy ftps = "
                             "192.0.2.1;192.0.2.2"));
+}
+
+TEST_F(VersionFileTest, TheVersionIsStoredBeforeItsTaskIsQueuedAndTheServersComeLast)
+{
+    fakes::SetLogSink(
+        [](unsigned int, const char*, const char* pszText)
+        {
+            const inside::Members now(inside::TheService());
+            fakes::Note("at " + std::string(pszText).substr(0, 9) + ": " + now.m_strOldVersion +
+                        (now.m_listThreadPro.empty() ? ", none, " : ", queued, ") + now.m_strIPs);
+        });
+    Arrive("2.0.0\n");
+    fakes::SetLogSink(nullptr);
+    EXPECT_THAT(
+        Only(Trace(), {"at OldVersio", "at Thread ad", "at FTP After"}),
+        ElementsAre("at OldVersio: , none, 192.0.2.2", "at Thread ad: 2.0.0, none, 192.0.2.2",
+                    "at FTP After: 2.0.0, queued, 192.0.2.1;192.0.2.2"));
+}
+
+TEST_F(VersionFileTest, TheFileIsClosedBeforeItsVersionIsLookedAt)
+{
+    static size_t ulOpenFiles = 0;
+    const size_t ulBefore = OpenFiles();
+    fakes::SetLogSink(
+        [](unsigned int, const char*, const char* pszText)
+        {
+            if (std::strstr(pszText, "Version Prepared") != nullptr)
+            {
+                ulOpenFiles = OpenFiles();
+            }
+        });
+    Arrive("2.0.0\n");
+    fakes::SetLogSink(nullptr);
+    EXPECT_EQ(ulOpenFiles, ulBefore);
 }
 
 TEST_F(VersionFileTest, AnyDifferenceIsANewVersionAlsoALowerOne)
@@ -337,6 +385,7 @@ TEST_F(VersionFileTest, AVersionEndsAtAZeroByte)
 
 TEST_F(VersionFileTest, AFileThatDoesNotOpenChangesNothing)
 {
+    members.m_strOldVersion = strOldVersion;
     inside::VersionDownloadOver(service);
     EXPECT_THAT(
         Only(Trace(), {"log 0", "leave"}),
@@ -348,6 +397,7 @@ TEST_F(VersionFileTest, AFileThatDoesNotOpenChangesNothing)
 TEST_F(VersionFileTest, ADirectoryInItsPlaceIsNoVersion)
 {
     ASSERT_EQ(mkdir(strFile.c_str(), 0700), 0);
+    members.m_strOldVersion = strOldVersion;
     inside::VersionDownloadOver(service);
     EXPECT_THAT(Only(Logged(), {"0"}), ElementsAre("0 VersionDownloadOver: version is Invalid!"));
     ExpectUntouched();
@@ -366,13 +416,13 @@ TEST_F(VersionFileTest, AnUnreadableFileChangesNothing)
             {
                 _exit(2);
             }
+            members.m_strOldVersion = strOldVersion;
             inside::VersionDownloadOver(service);
-            const Lines vecErrors = Only(Logged(), {"0"});
-            _exit(members.m_strOldVersion.empty() && Tasks().empty() && vecErrors.size() == 1 &&
-                          vecErrors[0] ==
-                              "0 VersionDownloadOver: Open Version file Failed : " + strFile + "!"
-                      ? 0
-                      : 1);
+            EXPECT_THAT(
+                Only(Logged(), {"0"}),
+                ElementsAre("0 VersionDownloadOver: Open Version file Failed : " + strFile + "!"));
+            ExpectUntouched();
+            _exit(HasFailure() ? 1 : 0);
         },
         testing::ExitedWithCode(0), "");
 }

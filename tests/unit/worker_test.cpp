@@ -4,6 +4,8 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+static_assert(sizeof(tagCORPDIR_E_THREADPRO_TYPE) == 4, "a task is a number of 32 bits");
+
 namespace
 {
 
@@ -41,13 +43,15 @@ TEST_F(WorkerTest, AnIdlePassLocksUnlocksAndSleepsFiftyMicroseconds)
 
 TEST_F(WorkerTest, LogsNothingWhileIdle)
 {
-    Start();
     fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
-    RunWorkerUntilIdle();
-    EXPECT_THAT(Logged(), ElementsAre("2 ThreadProcess: Thread Process In : 0x7001.",
-                                      "2 ThreadProcess: Before CloseHandle.",
-                                      "2 ThreadProcess: TRAVEX_FTP_CloseHandle Ret : 0",
-                                      "2 ThreadProcess: ThreadProcess Leave."));
+    Start();
+    for (int i = 0; i < 100; ++i)
+    {
+        EXPECT_TRUE(fakes::StepWorker());
+    }
+    EXPECT_EQ(fakes::Calls("usleep"), 101U) << "the start's pass and a hundred more";
+    EXPECT_THAT(Logged(), IsEmpty());
+    client.CorpDirUninit();
 }
 
 TEST_F(WorkerTest, TakesATaskUnderTheMutexAndRunsItWithout)
@@ -60,6 +64,29 @@ TEST_F(WorkerTest, TakesATaskUnderTheMutexAndRunsItWithout)
                      "log 2 ThreadProcess: Thread download type : 3", "OSAK_MutexUnLock(block 1)"},
                     IDLE_PASS,
                     LEAVING}));
+}
+
+TEST_F(WorkerTest, LooksForATaskOnlyOnceItHasTheLock)
+{
+    Start();
+    fakes::OnCall("OSAK_MutexLock", 1, [this] { AddTask(3); });
+    RunWorkerUntilIdle();
+    EXPECT_THAT(
+        Only(Trace(), {"OSAK_Mutex", "log 2 ThreadProcess: Thread download", "usleep"}),
+        ElementsAre("OSAK_MutexLock(block 1)", "log 2 ThreadProcess: Thread download type : 3",
+                    "OSAK_MutexUnLock(block 1)", "OSAK_MutexLock(block 1)",
+                    "OSAK_MutexUnLock(block 1)", "usleep(50)"));
+}
+
+TEST_F(WorkerTest, RemovesTheTaskBeforeItUnlocks)
+{
+    Start();
+    AddTask(3);
+    AddTask(4);
+    std::vector<unsigned int> vecAtUnlock;
+    fakes::OnCall("OSAK_MutexUnLock", 1, [&] { vecAtUnlock = Tasks(); });
+    RunWorkerUntilIdle();
+    EXPECT_THAT(vecAtUnlock, ElementsAre(4));
 }
 
 TEST_F(WorkerTest, RunsTheDownloadsInTheOrderOfTheirTasksWithoutAPause)
@@ -101,7 +128,7 @@ TEST_F(WorkerTest, ConsumesUnknownTasksWithoutAction)
         ElementsAre("2 ThreadProcess: Thread download type : 3",
                     "2 ThreadProcess: Thread download type : 0",
                     "2 ThreadProcess: Thread download type : -1"));
-    EXPECT_THAT(Tasks(), IsEmpty());
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the request's alone";
 }
 
 TEST_F(WorkerTest, LogsADownloadThatDidNotStartAndGoesOn)
@@ -110,12 +137,12 @@ TEST_F(WorkerTest, LogsADownloadThatDidNotStartAndGoesOn)
     AddTask(1);
     AddTask(2);
     fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 1, 0xFFFFFFFF);
-    fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 2, 20);
+    fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 2, 0xFFFFFFFE);
     RunWorkerUntilIdle();
     EXPECT_THAT(Only(Logged(), {"0 ThreadProcess"}),
                 ElementsAre("0 ThreadProcess: VersionDownload failed : -1",
-                            "0 ThreadProcess: CorpDirDownload failed : 20"));
-    EXPECT_THAT(Tasks(), IsEmpty()) << "a task is not queued again";
+                            "0 ThreadProcess: CorpDirDownload failed : -2"));
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 3U) << "a task is not queued again";
 }
 
 TEST_F(WorkerTest, LeavesWithoutTakingATaskWhenItsFlagIsGoneAtTheTop)
@@ -154,6 +181,18 @@ TEST_F(WorkerTest, ClosesTheHandleOnItsWayOutAndForgetsIt)
                 ElementsAre("2 ThreadProcess: TRAVEX_FTP_CloseHandle Ret : 4294967295"));
 }
 
+TEST_F(WorkerTest, ClearsTheQueueBeforeItClosesTheHandle)
+{
+    Start();
+    AddTask(1);
+    AddTask(2);
+    std::vector<unsigned int> vecAtClose = {9};
+    fakes::OnCall("TRAVEX_FTP_CloseHandle", 1, [&] { vecAtClose = Tasks(); });
+    inside::WorkerRunFlag() = 0;
+    CFTPCorpDirImpl::ThreadProcess();
+    EXPECT_THAT(vecAtClose, IsEmpty());
+}
+
 TEST_F(WorkerTest, HasNothingToCloseWithoutAHandle)
 {
     EXPECT_EQ(CFTPCorpDirImpl::ThreadProcess(), 0U);
@@ -174,12 +213,14 @@ TEST_F(WorkerTest, ReadsTheQueueWithoutLockingWhenThereIsNoMutex)
 
 TEST_F(WorkerTest, IgnoresTheMutexesResults)
 {
-    Start();
-    AddTask(3);
+    StartWithRequest();
+    AddTask(1);
     fakes::FailCall("OSAK_MutexLock", 1, 2);
     fakes::FailCall("OSAK_MutexUnLock", 1, 2);
     RunWorkerUntilIdle();
-    EXPECT_THAT(Tasks(), IsEmpty());
+    EXPECT_THAT(Only(Logged(), {"2 ThreadProcess: Thread download"}),
+                ElementsAre("2 ThreadProcess: Thread download type : 1"));
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 2U) << "the request's and the task's";
 }
 
 TEST_F(WorkerTest, LeavesItsHandleToTheStop)

@@ -238,22 +238,10 @@ CFTPCorpDirImpl* CFTPCorpDirImpl::GetInstance()
 }
 
 CFTPCorpDirImpl::CFTPCorpDirImpl()
-    : m_strUserName(""),
-      m_pucPassword(nullptr),
-      m_strFtpIP(""),
-      m_strIPs(""),
-      m_strAllIPs(""),
+    : m_pucPassword(nullptr),
       m_ulPort(0),
       m_ulFtpMode(0),
-      m_strLocalIP(""),
       m_ulCertVerify(0),
-      m_strOldVersion(""),
-      m_strVersionServerPath(""),
-      m_strCorpDirServerPath(""),
-      m_strVersionLocalPath(""),
-      m_strVersionFileName(""),
-      m_strCorpDirLocalPath(""),
-      m_strCorpDirFileName(""),
       m_pDownVersionTimer(nullptr),
       m_hFtpHandle(nullptr)
 {
@@ -307,14 +295,6 @@ void CFTPCorpDirImpl::ClearRequest() noexcept
 // was reached is taken back in reverse. A stop goes down in the order that leaves nobody behind:
 // first the timer, so that no check is queued; then the worker, which closes the handle, so that no
 // notification begins; then notifications in progress; only then the data that all of them use.
-
-// Both come from the build, so that two builds of one source are the same.
-#ifndef CORPDIR_BUILD_DATE
-#define CORPDIR_BUILD_DATE "unknown"
-#endif
-#ifndef CORPDIR_BUILD_TIME
-#define CORPDIR_BUILD_TIME "unknown"
-#endif
 
 namespace
 {
@@ -378,10 +358,10 @@ void WaitForOtherCallbacks()
     }
 }
 
-// The steps of CorpDirInit. Each returns 0, or the result of the start after taking back what was
-// reached before it.
+// The steps of CorpDirInit. One that fails takes back what was reached before it.
 constexpr char INIT[] = "CorpDirInit";
 
+// Gives the result of the start: 0, the log's own code, or 1.
 unsigned int OpenLogAndLibrary(tag_CORPDIR_LOGINFO* pstLogInfo)
 {
     unsigned int ulRet = CorpDir_OpenLog(pstLogInfo);
@@ -390,6 +370,7 @@ unsigned int OpenLogAndLibrary(tag_CORPDIR_LOGINFO* pstLogInfo)
         LOG_AS(INIT, 0, "Openlog failed : %d0", static_cast<int>(ulRet));
         return ulRet;
     }
+    // Both come from the build, so that two builds of one source are the same.
     LOG_AS(INIT, 2, "built date: %s, %s", CORPDIR_BUILD_DATE, CORPDIR_BUILD_TIME);
     LOG_AS(INIT, 2, "built at svn version :%d", REVISION);
 
@@ -405,11 +386,11 @@ unsigned int OpenLogAndLibrary(tag_CORPDIR_LOGINFO* pstLogInfo)
 }
 
 // A handle that is there already is kept, also the closed one that a failed start left.
-unsigned int CreateHandle(TRAVEX_FTP_HANDLE& hFtp)
+bool CreateHandle(TRAVEX_FTP_HANDLE& hFtp)
 {
     if (SharedLoad(hFtp) != nullptr)
     {
-        return 0;
+        return true;
     }
     SharedStore(hFtp, TRAVEX_FTP_CreateHandle());
     if (SharedLoad(hFtp) == nullptr)
@@ -417,14 +398,14 @@ unsigned int CreateHandle(TRAVEX_FTP_HANDLE& hFtp)
         LOG_AS(INIT, 0, "TRAVEX_FTP_CreateHandle fail !");
         UnInitFtpLibrary(INIT);
         CorpDir_CloseLog();
-        return 1;
+        return false;
     }
     LOG_AS(INIT, 2, "Ftp create handle success.");
-    return 0;
+    return true;
 }
 
 // The worker may be polling on the old mutex: the OS layer makes that harmless.
-unsigned int ReplaceMutex(OSAK_MUTEX*& hMutex, TRAVEX_FTP_HANDLE hFtp)
+bool ReplaceMutex(OSAK_MUTEX*& hMutex, TRAVEX_FTP_HANDLE hFtp)
 {
     if (SharedLoad(hMutex) != nullptr)
     {
@@ -439,19 +420,19 @@ unsigned int ReplaceMutex(OSAK_MUTEX*& hMutex, TRAVEX_FTP_HANDLE hFtp)
     {
         LOG_AS(INIT, 0, "Metex create failed. ");
         AbandonStart(INIT, hFtp);
-        return 1;
+        return false;
     }
     (void)OSAK_MutexInitRecursive(SharedLoad(hMutex), nullptr);
-    return 0;
+    return true;
 }
 
 // The run flag is set before the worker exists, since one that found it 0 would end at once. After
 // a failure the handle and the mutex keep their closed and released values on purpose.
-unsigned int CreateWorker(OSAK_MUTEX* hMutex, TRAVEX_FTP_HANDLE hFtp)
+bool CreateWorker(OSAK_MUTEX* hMutex, TRAVEX_FTP_HANDLE hFtp)
 {
     if (SharedLoad(g_stThread) != nullptr)
     {
-        return 0;
+        return true;
     }
     const unsigned int ulRuningBefore = SharedLoad(g_bThreadRuning);
     SharedStore(g_bThreadRuning, 1);
@@ -462,10 +443,10 @@ unsigned int CreateWorker(OSAK_MUTEX* hMutex, TRAVEX_FTP_HANDLE hFtp)
         (void)OSAK_MutexDestroy(hMutex);
         OSAK_MemFreeD(hMutex, __LINE__, __FILE__);
         AbandonStart(INIT, hFtp);
-        return 1;
+        return false;
     }
     LOG_AS(INIT, 2, "Thread Process Runing: %u", SharedLoad(g_bThreadRuning));
-    return 0;
+    return true;
 }
 
 }  // namespace
@@ -473,26 +454,19 @@ unsigned int CreateWorker(OSAK_MUTEX* hMutex, TRAVEX_FTP_HANDLE hFtp)
 unsigned int CFTPCorpDirImpl::CorpDirInit(tag_CORPDIR_LOGINFO* pstLogInfo)
 {
     TRACE();
-    unsigned int ulRet = OpenLogAndLibrary(pstLogInfo);
+    const unsigned int ulRet = OpenLogAndLibrary(pstLogInfo);
     if (ulRet != 0)
     {
         return ulRet;
     }
-    ulRet = CreateHandle(m_hFtpHandle);
-    if (ulRet != 0)
+    if (!CreateHandle(m_hFtpHandle) || !ReplaceMutex(m_hMutex, SharedLoad(m_hFtpHandle)))
     {
-        return ulRet;
-    }
-    ulRet = ReplaceMutex(m_hMutex, SharedLoad(m_hFtpHandle));
-    if (ulRet != 0)
-    {
-        return ulRet;
+        return 1;
     }
     m_listThreadPro.clear();
-    ulRet = CreateWorker(SharedLoad(m_hMutex), SharedLoad(m_hFtpHandle));
-    if (ulRet != 0)
+    if (!CreateWorker(SharedLoad(m_hMutex), SharedLoad(m_hFtpHandle)))
     {
-        return ulRet;
+        return 1;
     }
     LOG(2, "CorpDirInit OK, Thread Handle: %p", static_cast<void*>(SharedLoad(g_stThread)));
     return 0;
@@ -709,9 +683,9 @@ private:
     char m_acText[256] = {};
 };
 
-// Seals the request's password. 0, or 1 after a record.
-unsigned int SealPassword(const char (&acPassword)[256], tagSEALED_PASSWORD& stSealed,
-                          unsigned int& ulSealedLen)
+// Seals the request's password. False after a record.
+bool SealPassword(const char (&acPassword)[256], tagSEALED_PASSWORD& stSealed,
+                  unsigned int& ulSealedLen)
 {
     char acPlain[sizeof(acPassword)] = {};
     const CWiper wiper(acPlain, sizeof(acPlain));
@@ -720,16 +694,16 @@ unsigned int SealPassword(const char (&acPassword)[256], tagSEALED_PASSWORD& stS
     if (ulPlainLen == 0)
     {
         LOG_AS("SetFtpInfo", 0, "param Length is zero.");
-        return 1;
+        return false;
     }
     ulSealedLen = SEALED_SIZE;
     if (CommonEncrypt(reinterpret_cast<unsigned char*>(acPlain), ulPlainLen, stSealed.aucKey,
                       KEY_SIZE, stSealed.aucIV, IV_SIZE, stSealed.aucBlock, &ulSealedLen) != 0)
     {
         LOG_AS("SetFtpInfo", 0, "CommonEncrypt failed.");
-        return 1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 // A block of its own for the sealed bytes, zero behind them: their length is found from that.
@@ -813,7 +787,7 @@ try
     tagSEALED_PASSWORD stSealed = {};
     const CWiper wiper(&stSealed, sizeof(stSealed));
     unsigned int ulSealedLen = 0;
-    if (SealPassword(stInfo.szPassword, stSealed, ulSealedLen) != 0)
+    if (!SealPassword(stInfo.szPassword, stSealed, ulSealedLen))
     {
         return 1;
     }
@@ -944,10 +918,7 @@ public:
     explicit CTextWiper(std::string& strText) : m_strText(strText) {}
     ~CTextWiper()
     {
-        if (!m_strText.empty())
-        {
-            (void)zep_memset_s(&m_strText[0], m_strText.size(), 0, m_strText.size());
-        }
+        (void)zep_memset_s(&m_strText[0], m_strText.size(), 0, m_strText.size());
     }
     CTextWiper(const CTextWiper&) = delete;
     CTextWiper& operator=(const CTextWiper&) = delete;
@@ -956,10 +927,9 @@ private:
     std::string& m_strText;
 };
 
-// Unseals the password into strPlain, up to its first zero byte. 0, or 1 after a record.
-unsigned int UnsealPassword(const unsigned char* pucPassword,
-                            const unsigned char (&aucKey)[KEY_SIZE],
-                            const unsigned char (&aucIV)[IV_SIZE], std::string& strPlain)
+// Unseals the password into strPlain, up to its first zero byte. False after a record.
+bool UnsealPassword(const unsigned char* pucPassword, const unsigned char (&aucKey)[KEY_SIZE],
+                    const unsigned char (&aucIV)[IV_SIZE], std::string& strPlain)
 {
     tagSEALED_PASSWORD stSealed = {};
     const CWiper wiperSealed(&stSealed, sizeof(stSealed));
@@ -976,13 +946,13 @@ unsigned int UnsealPassword(const unsigned char* pucPassword,
                       IV_SIZE, aucUnsealed, &ulLength) != 0)
     {
         LOG_AS(CTRL_PARAM, 0, "CommonDecrypt failed.");
-        return 1;
+        return false;
     }
     (void)zep_memset_s(aucPlain, sizeof(aucPlain), 0, sizeof(aucPlain));
     (void)zep_memcpy_s(aucPlain, sizeof(aucPlain), aucUnsealed, ulLength);
     const char* const pcPlain = reinterpret_cast<const char*>(aucPlain);
     strPlain.assign(pcPlain, strnlen(pcPlain, sizeof(aucPlain)));
-    return 0;
+    return true;
 }
 
 unsigned int IPv4Value(const unsigned char (&aucAddress)[16])
@@ -1040,23 +1010,23 @@ void ConvertLocalLiteral(const std::string& strIP, tagTRAVEX_FTP_S_CTRL_PARAM& s
     }
 }
 
-// Takes the first address of the name. 0, or 1 after a record. An entry without an address leaves
-// the server address zero, and the result is not freed then; both are kept as they are.
-unsigned int ResolveServer(const std::string& strName, tagTRAVEX_FTP_S_CTRL_PARAM& stParam)
+// Takes the first address of the name. False after a record. An entry without an address
+// leaves the server address zero, and the result is not freed then; both are kept as they are.
+bool ResolveServer(const std::string& strName, tagTRAVEX_FTP_S_CTRL_PARAM& stParam)
 {
     addrinfo* pstRemoteHost = nullptr;
     const int iRet = OSAK_GetAddrInfo(strName.c_str(), "0", nullptr, &pstRemoteHost);
     if (iRet != 0)
     {
         LOG_AS(CTRL_PARAM, 0, "OSAK_GetAddrInfo failed : %d ", iRet);
-        return 1;
+        return false;
     }
     if (pstRemoteHost == nullptr || pstRemoteHost->ai_addr == nullptr)
     {
         LOG_AS(CTRL_PARAM, 0, "pstRemoteHost->ai_addr is NULL ");
-        return 0;
+        return true;
     }
-    unsigned int ulRet = 0;
+    bool bKnownFamily = true;
     if (pstRemoteHost->ai_family == AF_INET)
     {
         const auto* const pstIPv4 = reinterpret_cast<const sockaddr_in*>(pstRemoteHost->ai_addr);
@@ -1072,14 +1042,14 @@ unsigned int ResolveServer(const std::string& strName, tagTRAVEX_FTP_S_CTRL_PARA
     }
     else
     {
-        ulRet = 1;
+        bKnownFamily = false;
     }
     OSAK_FreeAddrInfo(pstRemoteHost);
-    if (ulRet != 0)
+    if (!bKnownFamily)
     {
         LOG_AS(CTRL_PARAM, 0, "DNS Parse error!");
     }
-    return ulRet;
+    return bKnownFamily;
 }
 
 // The list in force, or the default, which is installed for the next time too. A list that a stop
@@ -1102,14 +1072,14 @@ void SetCipherList(CFTPCorpDirImpl& service, tagTRAVEX_FTP_S_CTRL_PARAM& stParam
     stParam.ulCipherNum = g_iDefaultFtpChiperListSize;
 }
 
-unsigned int SetAddresses(const std::string& strFtpIP, const std::string& strLocalIP,
-                          tagTRAVEX_FTP_S_CTRL_PARAM& stParam)
+bool SetAddresses(const std::string& strFtpIP, const std::string& strLocalIP,
+                  tagTRAVEX_FTP_S_CTRL_PARAM& stParam)
 {
     if (CommonIsHostName(strFtpIP.c_str()) == 1)
     {
-        if (ResolveServer(strFtpIP, stParam) != 0)
+        if (!ResolveServer(strFtpIP, stParam))
         {
-            return 1;
+            return false;
         }
     }
     else
@@ -1120,7 +1090,7 @@ unsigned int SetAddresses(const std::string& strFtpIP, const std::string& strLoc
     {
         ConvertLocalLiteral(strLocalIP, stParam);
     }
-    return 0;
+    return true;
 }
 
 // A text that does not fit its field leaves the field empty, which the library refuses.
@@ -1186,9 +1156,9 @@ int CFTPCorpDirImpl::VerifyCallback(void* pServer, void* pSubject)
 
 int CommonIsHostName(const char* pcAddr)
 {
-    unsigned char aucParsed[16] = {};  // thrown away
-    if (OSAK_Inet_Pton(AF_INET6, pcAddr, aucParsed) > 0 ||
-        OSAK_Inet_Pton(AF_INET, pcAddr, aucParsed) > 0)
+    in6_addr stParsed = {};  // thrown away
+    if (OSAK_Inet_Pton(AF_INET6, pcAddr, &stParsed) > 0 ||
+        OSAK_Inet_Pton(AF_INET, pcAddr, &stParsed) > 0)
     {
         return 0;
     }
@@ -1220,7 +1190,7 @@ try
     }
     std::string strPassword;
     const CTextWiper wiperPassword(strPassword);
-    if (UnsealPassword(pucPassword, m_aucKey, m_aucIV, strPassword) != 0)
+    if (!UnsealPassword(pucPassword, m_aucKey, m_aucIV, strPassword))
     {
         return 1;
     }
@@ -1232,7 +1202,7 @@ try
     SetCipherList(*this, stParam);
     LOG(2, "Set ServerType:%d(0:ftp, 1:ftps), FTP IP : %s", static_cast<int>(stParam.ulServerType),
         strFtpIP.c_str());
-    if (SetAddresses(strFtpIP, SharedText(m_strLocalIP), stParam) != 0)
+    if (!SetAddresses(strFtpIP, SharedText(m_strLocalIP), stParam))
     {
         return 1;
     }
@@ -1288,7 +1258,7 @@ namespace
 {
 
 // The largest list whose size in bytes fits 32 bits.
-constexpr unsigned int MAX_CIPHERS = 0xFFFFFFFFU / sizeof(int);
+constexpr unsigned int MAX_CIPHERS = 0x3FFFFFFF;
 
 // Makes storage for ulCount entries the list's own, after the count was set and the old storage was
 // freed, and fills it. A failed allocation shows as a failing copy.
@@ -1514,30 +1484,28 @@ try
                pstNotify->ulTaskID, pstNotify->ulType, SharedLoad(pService->m_ulVersionTaskID),
                SharedLoad(pService->m_ulCorpDirTaskID), fileName.Text());
     };
-    switch (pstNotify->ulType)
+    if (pstNotify->ulType == TRAVEX_FTP_NOTIFY_SUCCESS)
     {
-        case TRAVEX_FTP_NOTIFY_SUCCESS:
-            LOG(2, "Download SUCCESS!");
-            LogDetail();
-            break;
-        case TRAVEX_FTP_NOTIFY_FAILED:
-            LogDetail();
-            pService->VersionCorpDownloadErr(pstNotify);
-            break;
-        case TRAVEX_FTP_NOTIFY_OVER:
-            LOG(2, "Download is OVER!");
-            LogDetail();
-            if (pstNotify->ulTaskID == SharedLoad(pService->m_ulVersionTaskID))
-            {
-                pService->VersionDownloadOver();
-            }
-            else if (pstNotify->ulTaskID == SharedLoad(pService->m_ulCorpDirTaskID))
-            {
-                pService->CorpDirDownloadOver();
-            }
-            break;
-        default:
-            break;
+        LOG(2, "Download SUCCESS!");
+        LogDetail();
+    }
+    else if (pstNotify->ulType == TRAVEX_FTP_NOTIFY_FAILED)
+    {
+        LogDetail();
+        pService->VersionCorpDownloadErr(pstNotify);
+    }
+    else if (pstNotify->ulType == TRAVEX_FTP_NOTIFY_OVER)
+    {
+        LOG(2, "Download is OVER!");
+        LogDetail();
+        if (pstNotify->ulTaskID == SharedLoad(pService->m_ulVersionTaskID))
+        {
+            pService->VersionDownloadOver();
+        }
+        else if (pstNotify->ulTaskID == SharedLoad(pService->m_ulCorpDirTaskID))
+        {
+            pService->CorpDirDownloadOver();
+        }
     }
 }
 catch (const std::bad_alloc&)
@@ -1568,8 +1536,8 @@ bool ReadVersion(const std::string& strFile, char (&acVersion)[32])
     return true;
 }
 
-// Starts the timer, or starts it anew. 0, or 1 after freeing it.
-unsigned int StartTimer(OSAK_TIMER& pTimer, void* pParam)
+// Starts the timer, or starts it anew. False after freeing it.
+bool StartTimer(OSAK_TIMER& pTimer, void* pParam)
 {
     const unsigned int ulRet = OSAK_StartRelTimer(SharedLoad(pTimer), VERSION_TIMER_MS, pParam);
     if (ulRet != 0)
@@ -1577,9 +1545,9 @@ unsigned int StartTimer(OSAK_TIMER& pTimer, void* pParam)
         LOG_AS("StartTimerForVersion", 0, "StartRelTimer UploadTimer Fail: %x", ulRet);
         (void)OSAK_FreeRelTimer(SharedLoad(pTimer));
         SharedStore(pTimer, nullptr);
-        return 1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 // Stores the version and queues the directory file. When no task can be queued for want of memory
@@ -1596,7 +1564,6 @@ void AcceptVersion(std::string& strOldVersion, std::string strVersion,
     catch (const std::bad_alloc&)
     {
         SharedSwap(strOldVersion, strVersion);
-        throw;
     }
 }
 
@@ -1616,7 +1583,7 @@ unsigned int CFTPCorpDirImpl::StartTimerForVersion()
     {
         LOG(2, "StartRelTimer UploadTimer = %p, timerproc : %p",
             static_cast<void*>(SharedLoad(m_pDownVersionTimer)), pCallback);
-        return StartTimer(m_pDownVersionTimer, this);
+        return StartTimer(m_pDownVersionTimer, this) ? 0 : 1;
     }
     SharedStore(m_pDownVersionTimer,
                 OSAK_CreateRelTimerM(DownloadVersionTimerPro, 0, __LINE__, __FILE__));
@@ -1630,7 +1597,7 @@ unsigned int CFTPCorpDirImpl::StartTimerForVersion()
         "CreateRelTimer uploadtimer success, uploadtimer = %p,                       timerproc : "
         "%p",
         static_cast<void*>(SharedLoad(m_pDownVersionTimer)), pCallback);
-    if (StartTimer(m_pDownVersionTimer, this) != 0)
+    if (!StartTimer(m_pDownVersionTimer, this))
     {
         return 1;
     }
@@ -1743,10 +1710,10 @@ void CFTPCorpDirImpl::CorpDirDownloadOver()
 //
 //     version file fails on A     B current, C left            tried again at once
 //     version file fails on B     C current, none left         tried again at once
-//     version file fails on C     A current, B;C left          the pass ends; the timer starts the
-//     next the directory file fails    nothing changes              unless none is left: as in the
-//     third line
+//     version file fails on C     A current, B;C left          the pass ends
+//     directory file fails        nothing changes              unless none is left: as above
 //
+// The timer starts the next pass.
 // Every failure is told to the client first.
 
 namespace
