@@ -516,12 +516,12 @@ void ModelTest::DoInit()
         Model::Fault eFault;
         const char* pszFunction;
         unsigned int ulCode;
-    } FAULTS[] = {{Model::Fault::Log, "CorpDir_OpenLog", 5},
-                  {Model::Fault::Library, "TRAVEX_FTP_Init", 9},
-                  {Model::Fault::CreateHandle, "TRAVEX_FTP_CreateHandle", 1},
-                  {Model::Fault::MutexStorage, "OSAK_MemMallocD", 1},
-                  {Model::Fault::Thread, "OSAK_PthreadCreate", 11}};
-    const auto& fault = FAULTS[Random(5)];
+    } START_FAULTS[] = {{Model::Fault::Log, "CorpDir_OpenLog", 5},
+                        {Model::Fault::Library, "TRAVEX_FTP_Init", 9},
+                        {Model::Fault::CreateHandle, "TRAVEX_FTP_CreateHandle", 1},
+                        {Model::Fault::MutexStorage, "OSAK_MemMallocD", 1},
+                        {Model::Fault::Thread, "OSAK_PthreadCreate", 11}};
+    const auto& fault = START_FAULTS[Random(5)];
     const bool bFault = Random(4) == 0;
     // A fault counts only when the start comes to its call.
     const bool bReached =
