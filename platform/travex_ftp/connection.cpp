@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
 
 #include "curl_errors.h"
@@ -99,6 +100,7 @@ bool Connection::installCallbacks()
 bool Connection::add(CURLM* multi)
 {
     loggedIn_ = false;
+    socketError_ = 0;
     detail_[0] = '\0';
     started_ = Clock::now();
     // Until the file flows Transfer finds the missing reply first.
@@ -183,7 +185,8 @@ bool Connection::judge(CURLcode result)
     }
     if (result != CURLE_OK || !checkDataChannel())
     {
-        explain({result, detail_, easy_.get(), loggedIn_, control_, data_, settings_->tls},
+        explain({result, detail_, easy_.get(), socketError_, loggedIn_, control_, data_,
+                 settings_->tls},
                 *transfer_);
         return false;
     }
@@ -295,6 +298,7 @@ curl_socket_t Connection::onOpenSocket(void* self, curlsocktype, curl_sockaddr* 
     }
     const curl_socket_t socket =
         it.sockets_.open(address->family, address->socktype, address->protocol);
+    it.socketError_ = socket == CURL_SOCKET_BAD ? errno : 0;
     (it.loggedIn_ ? it.dataSocket_ : it.controlSocket_) = socket;
     it.transfer_->connecting(it.loggedIn_);
     if (it.loggedIn_)

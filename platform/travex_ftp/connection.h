@@ -131,6 +131,7 @@ private:
     bool leaving_ = false;
     bool loggedIn_ = false;  // in this transfer: what is opened from here on is a data channel
     bool used_ = false;      // a transfer got that far
+    int socketError_ = 0;    // in this transfer: why no socket could be made
     Clock::time_point started_;
     Clock::time_point idleSince_;
 

@@ -106,8 +106,11 @@ bool explainTls(const Ending& ending, const Replies& replies, Failure& failure)
 // The system says why, unless it was libcurl that lost patience.
 void explainConnect(const Ending& ending, Failure& failure)
 {
-    long number = 0;
-    (void)curl_easy_getinfo(ending.easy, CURLINFO_OS_ERRNO, &number);
+    long number = ending.socketError;
+    if (number == 0)
+    {
+        (void)curl_easy_getinfo(ending.easy, CURLINFO_OS_ERRNO, &number);
+    }
     const bool late = ending.result == CURLE_OPERATION_TIMEDOUT || number == 0;
     (void)fail(failure, TRAVEX_FTP_ERR_CONNECT, "no %sconnection: %s",
                ending.loggedIn ? "data " : "",

@@ -15,6 +15,7 @@ struct Ending
     CURLcode result;
     const char* detail;  // libcurl's error text, may be empty
     CURL* easy;
+    int socketError;  // why no socket could be made, 0: one was made
     bool loggedIn;
     const TlsChannel& control;
     const TlsChannel& data;

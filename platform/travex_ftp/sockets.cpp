@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <new>
 
 namespace travex_ftp
@@ -11,7 +12,12 @@ namespace travex_ftp
 int Sockets::open(int family, int type, int protocol)
 {
     Lock lock(mutex_);
-    const int made = shutDown_ ? -1 : socket(family, type | SOCK_CLOEXEC, protocol);
+    if (shutDown_)
+    {
+        errno = ESHUTDOWN;
+        return -1;
+    }
+    const int made = socket(family, type | SOCK_CLOEXEC, protocol);
     if (made < 0)
     {
         return -1;
@@ -23,6 +29,7 @@ int Sockets::open(int family, int type, int protocol)
     catch (const std::bad_alloc&)
     {
         (void)::close(made);
+        errno = ENOMEM;
         return -1;
     }
     return made;

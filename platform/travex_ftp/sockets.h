@@ -14,7 +14,7 @@ namespace travex_ftp
 class Sockets
 {
 public:
-    // Makes a socket. -1 when that fails, and after shutDownAll().
+    // Makes a socket. -1 and errno when that fails, and after shutDownAll().
     int open(int family, int type, int protocol) EXCLUDES(mutex_);
 
     // Returns close()'s result.

@@ -1,7 +1,5 @@
 #include "transfer_thread.h"
 
-#include <signal.h>
-
 #include <algorithm>
 #include <new>
 
@@ -13,19 +11,6 @@ namespace
 {
 // A wait without a deadline still ends now and then; it is woken whenever there is something to do.
 constexpr milliseconds kLongestWait{60 * 1000};
-
-// The program's signals are not for this thread to handle, and SIGPIPE must not end the process:
-// with CURLOPT_NOSIGNAL libcurl leaves that to us.
-void blockSignals()
-{
-    sigset_t blocked;
-    (void)sigfillset(&blocked);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
-    {
-        (void)sigdelset(&blocked, fault);
-    }
-    (void)pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-}
 
 }  // namespace
 
@@ -79,7 +64,6 @@ void TransferThread::handleClosed()
 
 void TransferThread::run()
 {
-    blockSignals();
     while (takeOrders())
     {
         dropClosed();

@@ -1,5 +1,7 @@
 #include "worker.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,6 +16,33 @@ thread_local Worker* t_worker = nullptr;
 std::atomic<bool> g_exiting{false};
 std::atomic<bool> g_unwaited{false};
 
+// A thread made meanwhile has all signals blocked but those of its own faults. The program's
+// signals are the program's threads' business, and SIGPIPE must not end the process: with
+// CURLOPT_NOSIGNAL libcurl leaves that to us.
+class SignalsBlocked
+{
+public:
+    SignalsBlocked()
+    {
+        sigset_t blocked;
+        (void)sigfillset(&blocked);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
+        {
+            (void)sigdelset(&blocked, fault);
+        }
+        (void)pthread_sigmask(SIG_BLOCK, &blocked, &before_);
+    }
+    ~SignalsBlocked()
+    {
+        (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t before_;
+};
+
 }  // namespace
 
 void Worker::start(std::function<void()> body)
@@ -25,6 +54,7 @@ void Worker::start(std::function<void()> body)
     // Before the thread exists, which may be over before this function is.
     try
     {
+        const SignalsBlocked blocked;
         thread_ = std::thread(
             [this, run = std::move(body)]
             {

@@ -1,12 +1,15 @@
 // A server that misbehaves: what the client reports, that the file that was there is untouched,
 // that nothing is left over, and that the next transfer works.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include "captured_log.h"
@@ -19,6 +22,7 @@ using ftp_test::FaultyServer;
 using ftp_test::LayerTest;
 using ftp_test::Parameters;
 using support::WaitUntil;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
@@ -39,11 +43,10 @@ const support::TestCertificates& Certificates()
     return certificates;
 }
 
-std::vector<std::string> TlsOptions()
+std::vector<std::string> TlsOptions(const std::string& kind = "explicit")
 {
     const support::ServerCertificate certificate = Certificates().Good();
-    return {"--tls", "explicit",          "--cert", certificate.certificate_file,
-            "--key", certificate.key_file};
+    return {"--tls", kind, "--cert", certificate.certificate_file, "--key", certificate.key_file};
 }
 
 // Limits short enough for a test.
@@ -178,6 +181,91 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"data_reset", "3 23 the data channel ended without close_notify: .*"},
         Case{"file_grows", "3 23 100005 bytes arrived of 100000 announced"},
         Case{"late_426", "3 23 the server broke off: 426 Failure writing network stream\\."}));
+
+// The connection is lost at each step of a whole dialogue over explicit TLS. With a data connection
+// under way it may be that one whose loss shows first.
+INSTANTIATE_TEST_SUITE_P(
+    EachStep, TlsFault,
+    testing::Values(Case{"drop:GREETING", "3 26 connection lost at the greeting: .*"},
+                    Case{"reset:AUTH", "3 26 connection lost at AUTH: .*"},
+                    Case{"drop:USER", "3 26 connection lost at USER: .*"},
+                    Case{"drop:PASS", "3 26 connection lost at PASS: .*"},
+                    Case{"reset:PBSZ", "3 26 connection lost at PBSZ: .*"},
+                    Case{"drop:PROT", "3 26 connection lost at PROT: .*"},
+                    Case{"drop:PWD", "3 26 connection lost at PWD: .*"},
+                    Case{"drop:EPSV", "3 26 connection lost at EPSV: .*"},
+                    Case{"drop:TYPE", "3 26 connection lost at (TYPE|PASV): .*"},
+                    Case{"drop:SIZE", "3 26 connection lost at (SIZE|PASV): .*"},
+                    Case{"drop:RETR",
+                         "3 (26|23) connection lost at RETR: .*|3 17 data channel: TLS failed: "
+                         ".*reset by peer"}));
+
+// Implicit TLS protects the control channel whatever the server answers; the data channel must not
+// stay in clear for that.
+TEST_F(LayerTest, ARefusedProtFailsOverImplicitTlsToo)
+{
+    FaultyServer server("reply:PROT:534 no", TlsOptions("implicit"));
+    auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    record.ulServerType = 1;
+    record.pcFtpCtrlInfo = "tls=implicit";
+    Use(record);
+    support::WriteFile(m_directory.File("f"), "old");
+    EXPECT_EQ("3 17 PROT refused: 534 no", Fetch("f", "f"));
+    EXPECT_EQ("old", Content("f"));
+    EXPECT_EQ(0u, server.Count("COMMAND RETR"));
+}
+
+// What goes over the wire for both files, and nothing else. AUTH TLS comes first: some servers know
+// no AUTH SSL.
+TEST_F(LayerTest, AsksAsLittleAsAServerAllows)
+{
+    FaultyServer server("none", TlsOptions());
+    auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    record.ulServerType = 1;
+    Use(record);
+    ASSERT_EQ("0 12", Fetch("far/down/version", "v"));
+    ASSERT_EQ("0 12", Fetch("far/down/directory", "d"));
+    EXPECT_THAT(server.Commands(),
+                ElementsAre("AUTH TLS", "USER ftp", "PASS throw-away-17", "PBSZ 0", "PROT P", "PWD",
+                            "EPSV", "TYPE I", "SIZE far/down/version", "RETR far/down/version",
+                            "EPSV", "SIZE far/down/directory", "RETR far/down/directory"));
+}
+
+TEST_F(LayerTest, BothChannelsLeaveFromTheLocalAddress)
+{
+    FaultyServer server("none");
+    auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    ASSERT_EQ(1, inet_pton(AF_INET, "127.0.0.77", record.aucLocalIp));
+    Use(record);
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(1u, server.Count("CONNECT 127.0.0.77"));
+    EXPECT_EQ(1u, server.Count("DATA 127.0.0.77"));
+    ASSERT_EQ(1, inet_pton(AF_INET, "192.0.2.77", record.aucLocalIp));  // nobody's here
+    Use(record);
+    EXPECT_EQ("3 16 no connection: Cannot assign requested address", Fetch("f", "f"));
+}
+
+// A write to a connection that the server has left must not end the process.
+TEST_F(LayerTest, ItsThreadsBlockEverySignal)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    size_t threads = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+    {
+        if (task.path().filename() != std::to_string(getpid()))
+        {
+            ++threads;
+            const std::string status = support::ReadFile((task.path() / "status").string());
+            const size_t at = status.find("SigBlk:") + strlen("SigBlk:");
+            const auto blocked = std::stoull(status.substr(at, 18), nullptr, 16);
+            EXPECT_NE(0u, blocked & (1ull << (SIGPIPE - 1))) << task.path();
+            EXPECT_NE(0u, blocked & (1ull << (SIGTERM - 1))) << task.path();
+        }
+    }
+    EXPECT_EQ(2u, threads) << "of transfers and of notifications";
+}
 
 // Oddities that are no faults.
 class Tolerated : public LayerTest, public testing::WithParamInterface<const char*>

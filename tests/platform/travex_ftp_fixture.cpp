@@ -164,6 +164,21 @@ size_t FaultyServer::Count(const std::string& line) const
     return count;
 }
 
+std::vector<std::string> FaultyServer::Commands() const
+{
+    const std::string begin = "COMMAND ";
+    std::istringstream log(Log());
+    std::vector<std::string> commands;
+    for (std::string each; std::getline(log, each);)
+    {
+        if (each.compare(0, begin.size(), begin) == 0)
+        {
+            commands.push_back(each.substr(begin.size()));
+        }
+    }
+    return commands;
+}
+
 std::string FaultyServer::Body(size_t size)
 {
     std::string body;

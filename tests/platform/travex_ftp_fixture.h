@@ -66,6 +66,7 @@ public:
     unsigned int Port() const;
     std::string Log() const;
     size_t Count(const std::string& line) const;  // lines of the log that begin so
+    std::vector<std::string> Commands() const;
 
     static std::string Body(size_t size);  // what it serves under every name
 

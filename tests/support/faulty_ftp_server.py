@@ -13,7 +13,8 @@ Other faults are the methods of Faults, where each one is described. "none" is a
 With --most N a connection beyond N at a time is greeted with a 421.
 With --once the fault is shown to the first transfer of the first control connection only.
 
-The --log file gets a line for each thing that happens: CONNECT, COMMAND <line>, DATA <address>.
+The --log file gets a line for each thing that happens: CONNECT <address>, COMMAND <line>,
+DATA <address>, END.
 """
 
 import argparse
@@ -393,7 +394,7 @@ def serve(connection, options, fault):
     dialogue = Dialogue(connection, options)
     active = count(1)
     try:
-        record("CONNECT")
+        record("CONNECT %s" % connection.getpeername()[0])
         if active > options.most:
             dialogue.say("421 Too many connections.")
             raise Over

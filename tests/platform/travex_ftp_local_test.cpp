@@ -1,0 +1,186 @@
+// Faults of the machine that the client runs on: a process that is killed, a full disk, a read-only
+// one, no descriptors left. The file that was there stays.
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <random>
+
+#include "travex_ftp_fixture.h"
+
+namespace
+{
+using ftp_test::FaultyServer;
+using ftp_test::LayerTest;
+using ftp_test::Parameters;
+using support::Command;
+using support::Process;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+constexpr size_t kBytes = 4000000;
+
+class KilledProcess : public LayerTest
+{
+protected:
+    Command FetchCommand() const
+    {
+        return {{CORPDIR_FTP_FETCH, std::to_string(m_server.Port()), m_directory.Path(), "f"},
+                {},
+                m_output.File("output")};
+    }
+
+    size_t TemporaryFiles() const
+    {
+        const auto files = support::FilesIn(m_directory.Path());
+        return static_cast<size_t>(std::count_if(
+            files.begin(), files.end(), [](const std::string& name) { return name[0] == '.'; }));
+    }
+
+    support::TemporaryDirectory m_output;
+    FaultyServer m_server{"none", {"--size", std::to_string(kBytes)}};
+};
+
+// The moments are spread over a whole run of the process, its start and its end included.
+TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneWholeAtAnyMoment)
+{
+    using Clock = std::chrono::steady_clock;
+    const std::string body = FaultyServer::Body(kBytes);
+    auto whole_run = Clock::duration::zero();
+    for (int run = 0; run != 3; ++run)
+    {
+        const auto begin = Clock::now();
+        Process process(FetchCommand());
+        ASSERT_EQ(0, process.Wait(std::chrono::seconds(30)));
+        whole_run = Clock::now() - begin;
+    }
+    ASSERT_TRUE(body == Content("f"));
+
+    const unsigned int seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<double> part(0.0, 1.2);
+    int old_files = 0;
+    int interrupted = 0;
+    for (int round = 0; round != 100; ++round)
+    {
+        support::WriteFile(m_directory.File("f"), "old");
+        const size_t orphans = TemporaryFiles();
+        Process process(FetchCommand());
+        std::this_thread::sleep_for(
+            std::chrono::duration_cast<std::chrono::microseconds>(whole_run * part(random)));
+        process.Signal(SIGKILL);
+        ASSERT_TRUE(process.Wait(std::chrono::seconds(10)).has_value());
+        const std::string content = Content("f");
+        ASSERT_TRUE(content == "old" || content == body) << "round " << round;
+        old_files += content == "old" ? 1 : 0;
+        interrupted += TemporaryFiles() > 0 && TemporaryFiles() >= orphans ? 1 : 0;
+    }
+    EXPECT_GT(old_files, 20) << "the moments came too late";
+    EXPECT_GT(interrupted, 5) << "no transfer was interrupted in its file";
+
+    Use(Parameters("127.0.0.1", m_server.Port(), m_directory.Path()));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_TRUE(body == Content("f"));
+    EXPECT_EQ(0u, TemporaryFiles()) << "the next transfer sweeps what the killed ones left";
+}
+
+// A file system of the test's own, which ends with the process: mounting needs rights that not
+// every machine gives.
+class SmallFileSystem : public LayerTest
+{
+protected:
+    void SetUp() override
+    {
+        LayerTest::SetUp();
+        const std::string mount = m_directory.File("mount");
+        ASSERT_TRUE(std::filesystem::create_directory(mount));
+        if (support::RunCommand({Confined("true"), {}, ""}).status != 0)
+        {
+            GTEST_SKIP() << "no mount in a namespace of one's own is allowed here";
+        }
+    }
+
+    // The command sees the file system as $1, the program as $2, the server's port as $3.
+    std::vector<std::string> Confined(const std::string& command) const
+    {
+        std::vector<std::string> arguments{"unshare"};
+        arguments.insert(arguments.end(),
+                         geteuid() == 0 ? std::initializer_list<std::string>{"-m"}
+                                        : std::initializer_list<std::string>{"-U", "-r", "-m"});
+        const std::string mounted =
+            "mount -t tmpfs -o size=256k none \"$1\" && cd \"$1\" && " + command;
+        const std::vector<std::string> rest{"sh",
+                                            "-c",
+                                            mounted,
+                                            "sh",
+                                            m_directory.File("mount"),
+                                            CORPDIR_FTP_FETCH,
+                                            std::to_string(m_server.Port())};
+        arguments.insert(arguments.end(), rest.begin(), rest.end());
+        return arguments;
+    }
+
+    std::string Run(const std::string& command) const
+    {
+        return support::RunCommand({Confined(command), {}, ""}).output;
+    }
+
+    FaultyServer m_server{"none", {"--size", std::to_string(kBytes)}};
+};
+
+TEST_F(SmallFileSystem, AFullDiskLeavesTheOldFileAndNothingElse)
+{
+    EXPECT_THAT(
+        Run("printf old > f; \"$2\" \"$3\" \"$1\" f; cat f; echo; ls -A"),
+        MatchesRegex("3 25 [^\n]*cannot write [^\n]*/f: No space left on device\nold\nf\n"));
+}
+
+TEST_F(SmallFileSystem, AReadOnlyDirectoryFailsBeforeAnythingIsFetched)
+{
+    EXPECT_THAT(
+        Run("printf old > f; mount -o remount,ro \"$1\"; \"$2\" \"$3\" \"$1\" f; cat f; echo; "
+            "ls -A"),
+        MatchesRegex("3 25 [^\n]*/f: Read-only file system\nold\nf\n"));
+    EXPECT_EQ(0u, m_server.Count("COMMAND RETR"));
+}
+
+class FewDescriptors : public LayerTest
+{
+};
+
+TEST_F(FewDescriptors, NoneLeftFailsInWordsAndTheNextTransferWorks)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    support::WriteFile(m_directory.File("f"), "old");
+    rlimit limit{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    const int lowest_free = dup(0);
+    ASSERT_GE(lowest_free, 0);
+    close(lowest_free);
+    // From no descriptor at all up to one too few for a whole transfer.
+    std::string outcome;
+    for (rlim_t more = 0; more != 10 && outcome != "0 12"; ++more)
+    {
+        const rlimit small{static_cast<rlim_t>(lowest_free) + more, limit.rlim_max};
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &small));
+        outcome = Fetch("f", "f");
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        if (outcome != "0 12")
+        {
+            EXPECT_THAT(outcome, HasSubstr("Too many open files")) << "with " << more << " more";
+            EXPECT_EQ("old", Content("f"));
+        }
+    }
+    EXPECT_EQ("0 12", outcome);
+    rlimit after{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &after));
+    EXPECT_EQ(limit.rlim_cur, after.rlim_cur);
+}
+
+}  // namespace
