@@ -24,6 +24,10 @@ constexpr unsigned int kPasses = 4;
 // A farewell is over as soon as it has begun; should libcurl ever wait, then not for longer.
 constexpr milliseconds kFarewell{1000};
 
+// Some servers have room for few connections that they have not accepted yet. What does not fit is
+// offered again by the system after 1 s, 3 s, 7 s and so on.
+constexpr milliseconds kGreeting{1000};
+
 bool connected(curl_socket_t socket)
 {
     sockaddr_storage peer{};
@@ -47,9 +51,20 @@ Connection::Connection(std::shared_ptr<const Settings> settings, const Limits& l
 
 Connection::~Connection() = default;
 
+bool Connection::open() const
+{
+    return (transfer_ != nullptr || idle()) && connected(controlSocket_);
+}
+
 bool Connection::welcome() const
 {
     return alive() && (used_ || (transfer_ != nullptr && *transfer_->replies().verb() != '\0'));
+}
+
+Clock::time_point Connection::patience() const
+{
+    const bool greeted = transfer_ == nullptr || used_ || transfer_->replies().lines() != 0;
+    return greeted ? Clock::time_point::max() : started_ + kGreeting;
 }
 
 bool Connection::matches(const Settings& settings) const
@@ -185,6 +200,12 @@ bool Connection::judge(CURLcode result)
     }
     if (result != CURLE_OK || !checkDataChannel())
     {
+        // With implicit TLS a server with too many connections may say so before the handshake.
+        if (control_.turnedAway())
+        {
+            static const char kReply[] = "421 in clear, before TLS\r\n";
+            (void)transfer_->replyHeard(kReply, sizeof kReply - 1);
+        }
         explain({result, detail_, easy_.get(), socketError_, loggedIn_, control_, data_,
                  settings_->tls},
                 *transfer_);
@@ -259,7 +280,12 @@ Clock::time_point Connection::wakeAt(Clock::time_point now)
     {
         return now;  // dead, and in the way of what waits for a connection
     }
-    return mutedUntil_ > now ? std::min(deadline(), mutedUntil_) : deadline();
+    Clock::time_point at = deadline();
+    for (const Clock::time_point other : {mutedUntil_, patience()})
+    {
+        at = other > now ? std::min(at, other) : at;
+    }
+    return at;
 }
 
 curl_socket_t Connection::watched(Clock::time_point now) const

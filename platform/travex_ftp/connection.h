@@ -53,8 +53,15 @@ public:
         return alive() && !busy() && !leaving_;
     }
 
+    // Has reached the server, and is in use or free for it.
+    bool open() const;
+
     // The server has not turned it away: a command was sent, now or in an earlier transfer.
     bool welcome() const;
+
+    // When a transfer that still has no greeting need not wait for it if another connection can be
+    // had; time_point::max() once there is one, and without a transfer.
+    Clock::time_point patience() const;
 
     // Made with settings that serve these; and idle too.
     bool matches(const Settings& settings) const;

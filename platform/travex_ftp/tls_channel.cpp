@@ -4,6 +4,7 @@
 #include <openssl/x509v3.h>
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "log.h"
@@ -53,7 +54,7 @@ TlsChannel::TlsChannel(const Settings& settings, Kind kind, TlsListener& listene
 
 void TlsChannel::forget()
 {
-    shaking_ = established_ = closed_ = false;
+    shaking_ = established_ = closed_ = turnedAway_ = false;
     failure_.ulRet = TRAVEX_FTP_OK;
 }
 
@@ -212,10 +213,15 @@ void TlsChannel::done(const SSL* ssl)
     listener_.handshakeDone();
 }
 
-// Sees alerts in clear, those of TLS 1.3 as well.
+// Sees alerts in clear, those of TLS 1.3 as well, and the first bytes of each record, or of what
+// stands in the place of one.
 void TlsChannel::onMessage(int sent, int, int type, const void* data, size_t length, SSL*,
                            void* channel)
 {
+    if (sent == 0 && type == SSL3_RT_HEADER && length >= 4 && memcmp(data, "421 ", 4) == 0)
+    {
+        static_cast<TlsChannel*>(channel)->turnedAway_ = true;
+    }
     const auto* const alert = static_cast<const unsigned char*>(data);
     if (sent == 0 && type == SSL3_RT_ALERT && length == 2 && alert[1] == SSL_AD_CLOSE_NOTIFY)
     {

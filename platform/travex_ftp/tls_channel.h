@@ -62,6 +62,12 @@ public:
         return shaking_;
     }
 
+    // The peer began its handshake with a 421 in clear: it gives up before it speaks TLS.
+    bool turnedAway() const
+    {
+        return turnedAway_;
+    }
+
     // Why the certificate was not accepted.
     const Failure& failure() const
     {
@@ -86,6 +92,7 @@ private:
     bool shaking_ = false;
     bool established_ = false;
     bool closed_ = false;
+    bool turnedAway_ = false;
     Failure failure_{};
 };
 

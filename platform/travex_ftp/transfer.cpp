@@ -223,6 +223,12 @@ bool Transfer::turnedAway() const
     return replies_.code() == kServiceEnds && replies_.verb()[0] == '\0';
 }
 
+bool Transfer::unheard() const
+{
+    return replies_.lines() == 0 && replies_.verb()[0] == '\0' &&
+           (failure_.ulRet == TRAVEX_FTP_ERR_CONNECT || failure_.ulRet == TRAVEX_FTP_ERR_TRANSFER);
+}
+
 bool Transfer::checkComplete()
 {
     if (!replies_.opened() || (replies_.code() != 226 && replies_.code() != 250))

@@ -74,6 +74,10 @@ public:
     // The server greeted with a 421: it has as many connections as it wants.
     bool turnedAway() const;
 
+    // The server refused the connection, or dropped it before this transfer said or heard anything;
+    // some do that instead.
+    bool unheard() const;
+
     // All has arrived by what the server said: 226, and the sizes agree.
     bool checkComplete();
 

@@ -70,7 +70,8 @@ void TransferThread::run()
         perform();
         expire();
         forgetDead();
-        startWaiting();  // last: what ended above has made room
+        startWaiting();  // what ended above has made room
+        moveUngreeted();
         wait();
     }
     windUp();
@@ -136,15 +137,21 @@ bool TransferThread::startFront()
     return true;
 }
 
+Connection* TransferThread::idleFor(const Settings& settings) const
+{
+    const auto idle = std::find_if(connections_.begin(), connections_.end(),
+                                   [&settings](const std::unique_ptr<Connection>& connection)
+                                   { return connection->serves(settings); });
+    return idle != connections_.end() ? idle->get() : nullptr;
+}
+
 // An idle connection that serves the task, else a new one if there may be another.
 Connection* TransferThread::connectionFor(const Task& task)
 {
-    for (const auto& connection : connections_)
+    Connection* const idle = idleFor(*task.settings);
+    if (idle != nullptr)
     {
-        if (connection->serves(*task.settings))
-        {
-            return connection.get();
-        }
+        return idle;
     }
     if (isCrowded(*task.settings))
     {
@@ -178,6 +185,13 @@ size_t TransferThread::countWelcome(const Settings& settings) const
     return static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(), welcome));
 }
 
+size_t TransferThread::countOpen(const Settings& settings) const
+{
+    const auto open = [&settings](const std::unique_ptr<Connection>& connection)
+    { return connection->open() && connection->matches(settings); };
+    return static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(), open));
+}
+
 bool TransferThread::isCrowded(const Settings& settings) const
 {
     const auto crowd = std::find_if(crowds_.begin(), crowds_.end(),
@@ -191,12 +205,16 @@ bool TransferThread::isCrowded(const Settings& settings) const
 }
 
 // A server that turns a connection away while it serves others of ours is not failing: the task
-// waits for one of those. False when there are none, or the reason was another one.
+// waits for one of those. A 421 tells that it serves none of those that it has not greeted either;
+// without a word their greetings may be on their way. False when there are none, or the reason was
+// another one.
 bool TransferThread::queueAgain(const Transfer& transfer)
 {
     const std::shared_ptr<const Settings>& settings = transfer.task().settings;
-    const size_t others = countWelcome(*settings);
-    if (!transfer.turnedAway() || others == 0)
+    const size_t others = transfer.turnedAway() ? countWelcome(*settings)
+                          : transfer.unheard()  ? countOpen(*settings)
+                                                : 0;
+    if (others == 0)
     {
         return false;
     }
@@ -294,6 +312,22 @@ void TransferThread::conclude(Connection& connection, std::unique_ptr<Transfer> 
     }
 }
 
+// Transfers that were not greeted in time go on with connections that are idle by now.
+void TransferThread::moveUngreeted()
+{
+    const Clock::time_point now = Clock::now();
+    for (size_t i = 0; i != connections_.size(); ++i)  // a retry adds to them
+    {
+        Connection& slow = *connections_[i];
+        Connection* const idle =
+            now < slow.patience() ? nullptr : idleFor(*slow.transfer()->task().settings);
+        if (idle != nullptr && !idle->start(multi_, slow.end()))
+        {
+            conclude(*idle, idle->end());
+        }
+    }
+}
+
 // May exceed the number of connections by one, for the moment that the old one takes to close.
 void TransferThread::retry(std::unique_ptr<Transfer> transfer)
 {
@@ -384,7 +418,7 @@ void TransferThread::forgetDead()
     { return !connection->alive() && !connection->busy(); };
     connections_.erase(std::remove_if(connections_.begin(), connections_.end(), dead),
                        connections_.end());
-    const auto deserted = [this](const Crowd& crowd) { return countWelcome(*crowd.settings) == 0; };
+    const auto deserted = [this](const Crowd& crowd) { return countOpen(*crowd.settings) == 0; };
     crowds_.erase(std::remove_if(crowds_.begin(), crowds_.end(), deserted), crowds_.end());
 }
 

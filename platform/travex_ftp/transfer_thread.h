@@ -48,6 +48,7 @@ private:
     void dropClosed();
     void startWaiting();
     bool startFront();
+    Connection* idleFor(const Settings& settings) const;
     Connection* connectionFor(const Task& task);
     Connection& addConnection(const std::shared_ptr<const Settings>& settings);
     void makeRoom();
@@ -57,7 +58,9 @@ private:
     bool isCrowded(const Settings& settings) const;
     bool queueAgain(const Transfer& transfer);
     size_t countWelcome(const Settings& settings) const;
+    size_t countOpen(const Settings& settings) const;
     void conclude(Connection& connection, std::unique_ptr<Transfer> transfer);
+    void moveUngreeted();
     void retry(std::unique_ptr<Transfer> transfer);
     void expire();
     void wait();

@@ -405,10 +405,29 @@ TEST_F(LayerTest, ProxyVariablesAndNetrcAreIgnored)
 }
 
 // A server that takes few connections of a client at a time is served by those few.
-TEST_F(LayerTest, CrowdedServerIsNoFailure)
+class CrowdTest : public LayerTest
 {
-    FaultyServer server("none", {"--most", "3"});
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+protected:
+    void UseServer(const FaultyServer& server, bool implicit)
+    {
+        auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+        record.ulServerType = implicit ? 1 : 0;
+        record.pcFtpCtrlInfo = "tls=implicit";
+        Use(record);
+    }
+
+    static std::vector<std::string> Implicit(const std::vector<std::string>& more)
+    {
+        std::vector<std::string> options = TlsOptions("implicit");
+        options.insert(options.end(), more.begin(), more.end());
+        return options;
+    }
+
+    void FetchMany();
+};
+
+void CrowdTest::FetchMany()
+{
     ASSERT_EQ("0 12", Fetch("f", "first"));
     std::vector<unsigned int> tasks;
     for (int i = 0; i != 40; ++i)
@@ -419,6 +438,58 @@ TEST_F(LayerTest, CrowdedServerIsNoFailure)
     {
         EXPECT_EQ("0 12", ftp_test::OutcomeOf(task)) << ftp_test::FailureOf(task).reason;
     }
+}
+
+TEST_F(CrowdTest, CrowdedServerIsNoFailure)
+{
+    FaultyServer server("none", {"--most", "3"});
+    UseServer(server, false);
+    FetchMany();
+}
+
+// Such a server may refuse in clear, before the handshake.
+TEST_F(CrowdTest, CrowdedServerWithImplicitTlsIsNoFailure)
+{
+    FaultyServer server("none", Implicit({"--most", "3"}));
+    UseServer(server, true);
+    FetchMany();
+}
+
+TEST_F(CrowdTest, ServerThatHangsUpOnManyServesAll)
+{
+    FaultyServer server("none", {"--most", "3", "--beyond", "close"});
+    UseServer(server, false);
+    FetchMany();
+}
+
+TEST_F(CrowdTest, ServerThatHangsUpOnEverybodyFailsThemAll)
+{
+    FaultyServer server("none", {"--most", "0", "--beyond", "close"});
+    UseServer(server, false);
+    EXPECT_EQ("3 26 connection lost at the greeting: closed by the server", Fetch("f", "f"));
+    EXPECT_EQ(1u, server.Count("CONNECT"));
+}
+
+// What waits for a greeting goes on with a connection that has had one, long before its limit.
+TEST_F(CrowdTest, ServerThatGreetsFewServesAll)
+{
+    for (const bool implicit : {false, true})
+    {
+        const std::vector<std::string> options = {"--most", "3", "--beyond", "silence"};
+        FaultyServer server("none", implicit ? Implicit(options) : options);
+        UseServer(server, implicit);
+        const auto begin = std::chrono::steady_clock::now();
+        FetchMany();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+        EXPECT_GE(3u, server.Count("COMMAND PASS"));
+    }
+}
+
+TEST_F(CrowdTest, LoneConnectionTurnedAwayInClearHasItsReason)
+{
+    FaultyServer server("none", Implicit({"--most", "0"}));
+    UseServer(server, true);
+    EXPECT_EQ("3 16 the server ends the service: 421 in clear, before TLS", Fetch("f", "f"));
 }
 
 TEST_F(LayerTest, ServerThatTurnsEverybodyAwayFailsThemAll)

@@ -1,6 +1,7 @@
 // Fetches one file with the FTP layer, in a process of its own that a test may kill or confine:
 //     travex_ftp_fetch <port on 127.0.0.1> <directory> <local file> [<certification authorities>]
-// With authorities it is explicit FTPS, and the server's certificate is verified. Prints the outcome as the tests write it, "0 12" or "3 <code> <reason>".
+// With authorities it is explicit FTPS, and the server's certificate is verified. Prints the
+// outcome as the tests write it, "0 12" or "3 <code> <reason>".
 #include <cstdio>
 #include <cstdlib>
 

@@ -10,7 +10,8 @@ RETR), at which the server, instead of answering,
     drop:VERB      closes the connection           reset:VERB    resets it
     hang:VERB      says nothing any more           reply:VERB:TEXT  answers TEXT
 Other faults are the methods of Faults, where each one is described. "none" is a server without fault.
-With --most N a connection beyond N at a time is greeted with a 421.
+With --most N a connection beyond N at a time is greeted with a 421, or, with --beyond, is closed or
+gets no greeting.
 With --once the fault is shown to the first transfer of the first control connection only.
 
 The --log file gets a line for each thing that happens: CONNECT <address>, COMMAND <line>,
@@ -396,7 +397,10 @@ def serve(connection, options, fault):
     try:
         record("CONNECT %s" % connection.getpeername()[0])
         if active > options.most:
-            dialogue.say("421 Too many connections.")
+            if options.beyond == "421":
+                dialogue.say("421 Too many connections.")
+            while options.beyond == "silence" and connection.recv(4096):
+                pass
             raise Over
         if options.implicit:
             dialogue.secure()
@@ -415,6 +419,7 @@ def parse_arguments():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--fault", required=True)
     parser.add_argument("--most", type=int, default=1 << 30)
+    parser.add_argument("--beyond", default="421", choices=["421", "close", "silence"])
     parser.add_argument("--once", action="store_true")
     parser.add_argument("--size", type=int, default=100000)
     parser.add_argument("--tls", default="none", choices=["none", "explicit", "implicit"])

@@ -1,6 +1,7 @@
 #include "ftp_servers.h"
 
 #include <arpa/inet.h>
+#include <grp.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pwd.h>
@@ -8,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
@@ -20,11 +23,16 @@ namespace support
 namespace
 {
 
+bool IsIpv6(const std::string& host)
+{
+    return host.find(':') != std::string::npos;
+}
+
 class Socket
 {
 public:
     explicit Socket(const std::string& host)
-        : m_ipv6(host.find(':') != std::string::npos),
+        : m_ipv6(IsIpv6(host)),
           m_socket(socket(m_ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         m_address.sin6_family = static_cast<sa_family_t>(m_ipv6 ? AF_INET6 : AF_INET);
@@ -85,14 +93,26 @@ const std::string& PythonWithServer()
     return python;
 }
 
-std::string VsftpdProgram()
+std::string Unpacked(const std::string& path)
 {
-    const std::string program = CORPDIR_TEST_SERVERS_DIR "/vsftpd/usr/sbin/vsftpd";
-    if (!FileExists(program))
+    const std::string file = CORPDIR_TEST_SERVERS_DIR "/" + path;
+    if (!FileExists(file))
     {
-        throw std::runtime_error("no vsftpd: run scripts/get-servers");
+        throw std::runtime_error("no " + path + ": run scripts/get-servers");
     }
-    return program;
+    return file;
+}
+
+// The packages of a folder, on one line.
+std::string PackagesOf(const std::string& name)
+{
+    std::string text = ReadFile(Unpacked(name + "/packages"));
+    text.erase(text.find_last_not_of('\n') + 1);
+    for (auto at = text.find('\n'); at != std::string::npos; at = text.find('\n', at))
+    {
+        text.replace(at, 1, ", ");
+    }
+    return text;
 }
 
 const char* Name(Tls tls)
@@ -110,12 +130,35 @@ std::string CurrentUser()
     return entry->pw_name;
 }
 
+std::string CurrentGroup()
+{
+    const group* entry = getgrgid(getegid());
+    if (entry == nullptr)
+    {
+        throw std::runtime_error("the current group has no name");
+    }
+    return entry->gr_name;
+}
+
+// As crypt(3) has it, salted.
+std::string HashOf(const std::string& password)
+{
+    const CommandResult result =
+        RunCommand({{"openssl", "passwd", "-6", "-stdin"}, {}, ""}, password + "\n");
+    if (result.status != 0)
+    {
+        throw std::runtime_error("openssl passwd failed:\n" + result.output);
+    }
+    return result.output.substr(0, result.output.find('\n'));
+}
+
 }  // namespace
 
 FtpServer::FtpServer(const FtpServerOptions& options)
     : m_options(options), m_root(m_directory.File("root"))
 {
     std::filesystem::create_directory(m_root);
+    std::filesystem::permissions(m_root, std::filesystem::perms(0755));
 }
 
 FtpServer::~FtpServer()
@@ -153,6 +196,8 @@ void FtpServer::AddFile(const std::string& name, const std::string& bytes)
 {
     const std::string incoming = Workplace("incoming");
     WriteFile(incoming, bytes);
+    // Not every server reads it as our own user.
+    std::filesystem::permissions(incoming, std::filesystem::perms(0644));
     std::filesystem::rename(incoming, m_root + "/" + name);
 }
 
@@ -206,6 +251,24 @@ void FtpServer::Launch(Command command)
     m_process = std::make_unique<Process>(command);
 }
 
+void FtpServer::LaunchOnPort(const std::string& name,
+                             const std::function<Command(int port)>& command)
+{
+    for (int attempt = 0; attempt < 5; ++attempt)
+    {
+        const int port = m_options.port != 0 ? m_options.port : FreePort(m_options.host);
+        Launch(command(port));
+        bool greets = false;
+        (void)WaitUntil([&] { return (greets = Greets(port)) || Ended(); });
+        if (greets && !Ended())
+        {
+            SetPort(port);
+            return;
+        }
+    }
+    throw std::runtime_error(name + " does not start:\n" + Output() + Log());
+}
+
 bool FtpServer::Ended()
 {
     return m_process->Poll().has_value();
@@ -226,7 +289,7 @@ bool FtpServer::Greets(int port) const
     char greeting[4] = {};
     return poll(&readable, 1, 5000) == 1 &&
            recv(client.Handle(), greeting, sizeof greeting, 0) == sizeof greeting &&
-           std::string(greeting, sizeof greeting) == "220 ";
+           std::string(greeting, 3) == "220";
 }
 
 std::string FtpServer::Output() const
@@ -276,37 +339,29 @@ PyFtpServer::PyFtpServer(const FtpServerOptions& options) : FtpServer(options)
     SetPort(port);
 }
 
+std::string PyFtpServer::Version() const
+{
+    const std::string print = "import pyftpdlib; print('pyftpdlib ' + pyftpdlib.__ver__, end='')";
+    return RunCommand({{PythonWithServer(), "-c", print}, {}, ""}).output;
+}
+
 std::string PyFtpServer::CommandOfLine(const std::string& line) const
 {
     const std::string prefix = "COMMAND ";
     return line.rfind(prefix, 0) == 0 ? line.substr(prefix.size()) : "";
 }
 
-// vsftpd binds the port that its configuration names: another program may take it in between.
 VsftpdServer::VsftpdServer(const FtpServerOptions& options) : FtpServer(options)
 {
     WriteFile(Workplace("passwords"), options.password + "\n");
     std::filesystem::create_directory(Workplace("empty"));
-    for (int attempt = 0; attempt < 5; ++attempt)
-    {
-        const int port = options.port != 0 ? options.port : FreePort(options.host);
-        if (TryPort(port))
+    LaunchOnPort(
+        "vsftpd",
+        [this](int port) -> Command
         {
-            SetPort(port);
-            return;
-        }
-    }
-    throw std::runtime_error("vsftpd does not start:\n" + Output());
-}
-
-bool VsftpdServer::TryPort(int port)
-{
-    const std::string configuration = Workplace("vsftpd.conf");
-    WriteFile(configuration, Configuration(port));
-    Launch({{VsftpdProgram(), configuration}, {}, ""});
-    bool greets = false;
-    (void)WaitUntil([&] { return (greets = Greets(port)) || Ended(); });
-    return greets && !Ended();
+            WriteFile(Workplace("vsftpd.conf"), Configuration(port));
+            return {{Unpacked("vsftpd/usr/sbin/vsftpd"), Workplace("vsftpd.conf")}, {}, ""};
+        });
 }
 
 // Anonymous logins, whose password must be in a file of ours: a local user's would want PAM and
@@ -314,12 +369,12 @@ bool VsftpdServer::TryPort(int port)
 std::string VsftpdServer::Configuration(int port) const
 {
     const FtpServerOptions& options = Options();
-    const bool ipv6 = options.host == "::1";
     std::ostringstream text;
     text << "background=NO\nrun_as_launching_user=YES\nisolate=NO\nisolate_network=NO\n"
          << "seccomp_sandbox=NO\nsecure_chroot_dir=" << Workplace("empty") << "\n"
-         << (ipv6 ? std::string("listen=NO\nlisten_ipv6=YES\nlisten_address6=::1\n")
-                  : "listen=YES\nlisten_ipv6=NO\nlisten_address=" + options.host + "\n")
+         << (IsIpv6(options.host)
+                 ? std::string("listen=NO\nlisten_ipv6=YES\nlisten_address6=::1\n")
+                 : "listen=YES\nlisten_ipv6=NO\nlisten_address=" + options.host + "\n")
          << "listen_port=" << port << "\n"
          << "anonymous_enable=YES\nlocal_enable=NO\nftp_username=" << CurrentUser() << "\n"
          << "anon_root=" << Root() << "\nanon_world_readable_only=NO\n"
@@ -341,6 +396,11 @@ std::string VsftpdServer::Configuration(int port) const
     return text.str();
 }
 
+std::string VsftpdServer::Version() const
+{
+    return PackagesOf("vsftpd");
+}
+
 std::string VsftpdServer::CommandOfLine(const std::string& line) const
 {
     const std::string mark = "FTP command: Client \"" + Host() + "\", \"";
@@ -351,6 +411,161 @@ std::string VsftpdServer::CommandOfLine(const std::string& line) const
     }
     const std::string rest = line.substr(start + mark.size());
     return rest.substr(0, rest.rfind('"'));
+}
+
+ProftpdServer::ProftpdServer(const FtpServerOptions& options) : FtpServer(options)
+{
+    const std::string users = Workplace("users");
+    WriteFile(users, options.user + ":" + HashOf(options.password) + ":" +
+                         std::to_string(geteuid()) + ":" + std::to_string(getegid()) +
+                         "::" + Root() + ":/bin/sh\n");
+    // It takes no list of users that others may read.
+    std::filesystem::permissions(users, std::filesystem::perms(0600));
+    LaunchOnPort("ProFTPD",
+                 [this](int port) -> Command
+                 {
+                     WriteFile(Workplace("proftpd.conf"), Configuration(port));
+                     return {{Unpacked("proftpd/usr/sbin/proftpd"), "--nodaemon", "--config",
+                              Workplace("proftpd.conf")},
+                             {},
+                             ""};
+                 });
+}
+
+// Users of a file of ours, who may be root; nothing that is read or written outside the workplace.
+std::string ProftpdServer::Configuration(int port) const
+{
+    const FtpServerOptions& options = Options();
+    std::ostringstream text;
+    text << "ModulePath " CORPDIR_TEST_SERVERS_DIR "/proftpd/usr/lib/proftpd\n"
+         << "ServerType standalone\nUser " << CurrentUser() << "\nGroup " << CurrentGroup()
+         << "\nDefaultAddress " << options.host << "\nSocketBindTight on\nUseIPv6 "
+         << (IsIpv6(options.host) ? "on" : "off") << "\nPort " << port << "\nPidFile "
+         << Workplace("pid") << "\nScoreboardFile none\nControlsEngine off\nDelayEngine off\n"
+         << "UseReverseDNS off\nWtmpLog off\nUseLastlog off\nTransferLog none\n"
+         << "AuthPAM off\nAuthOrder mod_auth_file.c\nAuthUserFile " << Workplace("users")
+         << "\nRootLogin on\nRequireValidShell off\nUseFtpUsers off\nSystemLog " << Workplace("log")
+         << "\nLogFormat commands \"COMMAND %r\"\nExtendedLog " << Workplace("log")
+         << " ALL commands\n";
+    if (options.tls != Tls::kNone)
+    {
+        text << "LoadModule mod_tls.c\nTLSEngine on\nTLSLog " << Workplace("log")
+             << "\nTLSProtocol TLSv1.2" << (options.max_tls == "1.2" ? "" : " TLSv1.3")
+             << "\nTLSCipherSuite " << (options.ciphers.empty() ? "DEFAULT" : options.ciphers)
+             << "\nTLSRequired " << (options.require_tls ? "on" : "off")
+             << "\nTLSRSACertificateFile " << options.certificate.certificate_file
+             << "\nTLSRSACertificateKeyFile " << options.certificate.key_file << "\n"
+             << (options.tls == Tls::kImplicit ? "TLSOptions UseImplicitSSL\n" : "")
+             << (options.require_session_reuse ? "" : "TLSOptions NoSessionReuseRequired\n");
+    }
+    return text.str();
+}
+
+std::string ProftpdServer::Version() const
+{
+    return PackagesOf("proftpd");
+}
+
+std::string ProftpdServer::CommandOfLine(const std::string& line) const
+{
+    const std::string prefix = "COMMAND ";
+    return line.rfind(prefix, 0) == 0 ? line.substr(prefix.size()) : "";
+}
+
+PureFtpdServer::PureFtpdServer(const FtpServerOptions& options) : FtpServer(options)
+{
+    if (options.tls == Tls::kImplicit)
+    {
+        throw std::invalid_argument("Pure-FTPd has no implicit TLS");
+    }
+    MakeUsers();
+    LaunchOnPort("Pure-FTPd",
+                 [this](int port) -> Command
+                 {
+                     return {Arguments(port),
+                             {{"LD_PRELOAD", CORPDIR_TEST_PURE_FTPD_PRELOAD},
+                              {"CORPDIR_SYSLOG_FILE", Workplace("log")}},
+                             ""};
+                 });
+}
+
+// Written by hand: its own tool would ask for the password on a terminal and for a home directory
+// that exists under another name. Only the database must come from it.
+void PureFtpdServer::MakeUsers() const
+{
+    const passwd* nobody = geteuid() == 0 ? getpwnam("nobody") : getpwuid(geteuid());
+    if (nobody == nullptr)
+    {
+        throw std::runtime_error("no user for Pure-FTPd");
+    }
+    WriteFile(Workplace("users"), Options().user + ":" + HashOf(Options().password) + ":" +
+                                      std::to_string(nobody->pw_uid) + ":" +
+                                      std::to_string(nobody->pw_gid) + "::" + Root() +
+                                      "::::::::::::\n");
+    const CommandResult result = RunCommand({{Unpacked("pure-ftpd/usr/bin/pure-pw"), "mkdb",
+                                              Workplace("users.pdb"), "-f", Workplace("users")},
+                                             {},
+                                             ""});
+    if (result.status != 0)
+    {
+        throw std::runtime_error("pure-pw failed:\n" + result.output);
+    }
+}
+
+// A standard input that is a socket, as ours, it would take for its first and only client.
+std::vector<std::string> PureFtpdServer::Arguments(int port) const
+{
+    const FtpServerOptions& options = Options();
+    std::vector<std::string> arguments = {"/bin/sh",
+                                          "-c",
+                                          "exec \"$@\" </dev/null",
+                                          "sh",
+                                          Unpacked("pure-ftpd/usr/sbin/pure-ftpd"),
+                                          IsIpv6(options.host) ? "--ipv6only" : "--ipv4only",
+                                          "--bind=" + options.host + "," + std::to_string(port),
+                                          "--pidfile=" + Workplace("pid"),
+                                          "--login=puredb:" + Workplace("users.pdb"),
+                                          "--minuid=1",
+                                          "--noanonymous",
+                                          "--dontresolve",
+                                          "--verboselog"};
+    if (geteuid() == 0)
+    {
+        arguments.push_back("--chrooteveryone");
+    }
+    if (options.tls != Tls::kNone)
+    {
+        arguments.push_back(options.require_tls ? "--tls=3" : "--tls=1");
+        arguments.push_back("--certfile=" + options.certificate.certificate_file + "," +
+                            options.certificate.key_file);
+    }
+    if (!options.ciphers.empty())
+    {
+        arguments.push_back("--tlsciphersuite=" + options.ciphers);
+    }
+    return arguments;
+}
+
+std::string PureFtpdServer::Version() const
+{
+    return PackagesOf("pure-ftpd");
+}
+
+// "(user@address) [DEBUG] Command [retr] [directory.dat]"
+std::string PureFtpdServer::CommandOfLine(const std::string& line) const
+{
+    const std::string mark = "[DEBUG] Command [";
+    const auto start = line.find(mark);
+    const auto end = line.find("] [", start == std::string::npos ? start : start + mark.size());
+    if (end == std::string::npos)
+    {
+        return "";
+    }
+    std::string verb = line.substr(start + mark.size(), end - start - mark.size());
+    std::transform(verb.begin(), verb.end(), verb.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    const std::string parameter = line.substr(end + 3, line.rfind(']') - end - 3);
+    return parameter.empty() ? verb : verb + " " + parameter;
 }
 
 int FreePort(const std::string& host)

@@ -12,6 +12,7 @@
 #ifndef CORPDIR_TESTS_FTP_SERVERS_H
 #define CORPDIR_TESTS_FTP_SERVERS_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,10 +39,10 @@ struct FtpServerOptions
     ServerCertificate certificate;      // with TLS
     bool require_tls = true;            // with TLS: no login and no data connection without it
     std::string ciphers;                // suites up to TLS 1.2; empty: the server's default
-    std::string max_tls = "1.3";        // or "1.2"; PyFtpServer only
-    bool require_session_reuse = true;  // VsftpdServer only
-    int bytes_per_second = 0;           // of each transfer; 0: no limit
-    std::string user = "ftp";           // VsftpdServer knows no other
+    std::string max_tls = "1.3";        // or "1.2"; PyFtpServer and ProftpdServer only
+    bool require_session_reuse = true;  // VsftpdServer and ProftpdServer only
+    int bytes_per_second = 0;  // of each transfer, 0: no limit; PyFtpServer and VsftpdServer only
+    std::string user = "ftp";  // VsftpdServer knows no other
     std::string password = "throw-away-17";
 };
 
@@ -67,18 +68,23 @@ public:
     std::vector<std::string> Commands() const;
     std::size_t CountCommands(const std::string& command) const;
 
+    virtual std::string Version() const = 0;  // what it was installed from, for reports
+
     void Stop();  // refuses connections afterwards
 
 protected:
     explicit FtpServer(const FtpServerOptions& options);
     std::string Workplace(const std::string& name) const;
     void Launch(Command command);
+    // For a server that binds the port it is told: another program may take a free one in between,
+    // and then another one is tried.
+    void LaunchOnPort(const std::string& name, const std::function<Command(int port)>& command);
     bool Ended();
-    bool Greets(int port) const;  // implicit TLS: accepts a connection
     std::string Output() const;
     void SetPort(int port);
 
 private:
+    bool Greets(int port) const;  // implicit TLS: accepts a connection
     virtual std::string CommandOfLine(const std::string& line) const = 0;
 
     FtpServerOptions m_options;
@@ -93,6 +99,7 @@ class PyFtpServer : public FtpServer
 {
 public:
     explicit PyFtpServer(const FtpServerOptions& options);
+    std::string Version() const override;
 
 private:
     std::string CommandOfLine(const std::string& line) const override;
@@ -103,10 +110,38 @@ class VsftpdServer : public FtpServer
 {
 public:
     explicit VsftpdServer(const FtpServerOptions& options);
+    std::string Version() const override;
 
 private:
     std::string Configuration(int port) const;
-    bool TryPort(int port);
+    std::string CommandOfLine(const std::string& line) const override;
+};
+
+// ProFTPD, a process for each client. Absolute paths are this machine's, as in a login without a
+// root directory of its own.
+class ProftpdServer : public FtpServer
+{
+public:
+    explicit ProftpdServer(const FtpServerOptions& options);
+    std::string Version() const override;
+
+private:
+    std::string Configuration(int port) const;
+    std::string CommandOfLine(const std::string& line) const override;
+};
+
+// Pure-FTPd, two processes for each client. It has no implicit TLS. It refuses users that are root:
+// launched by root it gives up its rights at the login, and with them all but the root directory;
+// launched by another user, it serves as ProftpdServer does.
+class PureFtpdServer : public FtpServer
+{
+public:
+    explicit PureFtpdServer(const FtpServerOptions& options);
+    std::string Version() const override;
+
+private:
+    void MakeUsers() const;
+    std::vector<std::string> Arguments(int port) const;
     std::string CommandOfLine(const std::string& line) const override;
 };
 
