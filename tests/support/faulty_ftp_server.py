@@ -294,7 +294,7 @@ class Dialogue:
     def command(self, verb, argument):
         good = {"AUTH": "234 Go on.", "USER": "331 Password please.", "PASS": "230 Welcome.",
                 "PBSZ": "200 ok", "PROT": "200 ok", "PWD": '257 "/" is where you are.',
-                "TYPE": "200 ok", "QUIT": "221 Bye."}
+                "CWD": "250 ok", "TYPE": "200 ok", "QUIT": "221 Bye."}
         if verb in ("EPSV", "PASV"):
             self.passive(verb)
         elif verb == "SIZE":
