@@ -210,12 +210,14 @@ void Transfer::expireReply()
                greeting ? "greeting" : "answer to ", replies_.verb(), seconds(limits_.response));
 }
 
-// Before the first answer on a connection that was used before; after one the server has begun to
-// work on this transfer, and what fails then would fail again.
+// On a connection that was used before, and before a proper answer; after one the server has begun
+// to work on this transfer, and what fails then would fail again. An answer that makes no sense may
+// be one that nobody asked for after the transfer before.
 bool Transfer::wantsFreshConnection() const
 {
-    const bool unheard = replies_.lines() == 0 || replies_.code() == kServiceEnds;
-    return reused_ && !retried_ && unheard && received_ == 0;
+    const bool unanswered = replies_.lines() == 0 || replies_.code() == kServiceEnds ||
+                            failure_.ulRet == TRAVEX_FTP_ERR_REPLY;
+    return reused_ && !retried_ && unanswered && received_ == 0;
 }
 
 bool Transfer::turnedAway() const

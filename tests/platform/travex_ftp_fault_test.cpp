@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -306,7 +308,8 @@ TEST_P(Stale, IsReplaced)
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Stale,
-                         testing::Values("idle_421", "idle_close", "idle_reset", "idle_deaf"));
+                         testing::Values("idle_421", "idle_close", "idle_reset", "idle_deaf",
+                                         "closing_and_more"));
 
 // What a server says unasked is no line of a dialogue any more: the connection is left with a QUIT.
 TEST_F(LayerTest, ChatterEndsAnIdleConnection)
@@ -390,6 +393,73 @@ TEST_F(LayerTest, StopInterruptsABlockedHandshake)
     EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
     EXPECT_TRUE(ftp_test::Notices().empty());
+}
+
+// Each step in which libcurl waits for a server in a blocking call holds up the transfers from
+// other servers, but not beyond its limit.
+class Blocked : public LayerTest, public testing::WithParamInterface<const char*>
+{
+protected:
+    const Environment m_handshake{"CORPDIR_FTP_HANDSHAKE_MS", "2000"};
+    const Environment m_confirm{"CORPDIR_FTP_CONFIRM_MS", "2000"};
+};
+
+TEST_P(Blocked, OtherTransfersGoOnAtItsLimit)
+{
+    FaultyServer deaf(GetParam(), TlsOptions());
+    FaultyServer good("none");
+    auto record = Parameters("127.0.0.1", deaf.Port(), m_directory.Path());
+    record.ulServerType = 1;
+    Use(record);
+    const unsigned int blocked = Start("f", "blocked");
+    const std::string last =
+        GetParam() == std::string("hang_handshake") ? "COMMAND AUTH" : "COMMAND RETR";
+    ASSERT_TRUE(WaitUntil([&] { return deaf.Count(last) == 1; }));
+    Use(Parameters("127.0.0.1", good.Port(), m_directory.Path()));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    RecordProperty("waited_ms", static_cast<int>(waited / std::chrono::milliseconds(1)));
+    EXPECT_LT(waited, std::chrono::seconds(8));
+    EXPECT_EQ("3", ftp_test::OutcomeOf(blocked));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Blocked,
+                         testing::Values("hang_handshake", "hang_data_handshake", "no_226"),
+                         [](const auto& fault) { return std::string(fault.param); });
+
+// A router forgets a connection on which nothing is said, as on the control connection while a long
+// file is on its way.
+TEST_F(LayerTest, BothChannelsAreKeptAlive)
+{
+    FaultyServer server("stall");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    (void)Start("f", "f");
+    ASSERT_TRUE(WaitUntil([&] { return server.Count("COMMAND RETR") == 1; }));
+    int channels = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    {
+        const int fd = std::stoi(entry.path().filename());
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+            peer.sin_family != AF_INET)
+        {
+            continue;
+        }
+        const auto option = [fd](int level, int name)
+        {
+            int value = 0;
+            socklen_t size = sizeof value;
+            EXPECT_EQ(0, getsockopt(fd, level, name, &value, &size));
+            return value;
+        };
+        EXPECT_EQ(1, option(SOL_SOCKET, SO_KEEPALIVE));
+        EXPECT_EQ(45, option(IPPROTO_TCP, TCP_KEEPIDLE));
+        EXPECT_EQ(15, option(IPPROTO_TCP, TCP_KEEPINTVL));
+        ++channels;
+    }
+    EXPECT_EQ(2, channels) << "control and data";
 }
 
 // Environment variables and files of the user are none of ours.

@@ -1,15 +1,28 @@
 // Fetches one file with the FTP layer, in a process of its own that a test may kill or confine:
 //     travex_ftp_fetch <port on 127.0.0.1> <directory> <local file> [<certification authorities>]
 // With authorities it is explicit FTPS, and the server's certificate is verified. Prints the
-// outcome as the tests write it, "0 12" or "3 <code> <reason>".
+// outcome as the tests write it, "0 12" or "3 <code> <reason>". TRAVEX_FTP_FETCH_USER in the
+// environment is the number of a user to become first.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 
 #include "travex_ftp_fixture.h"
 
+namespace
+{
+bool becomeUser()
+{
+    const char* const number = std::getenv("TRAVEX_FTP_FETCH_USER");
+    return number == nullptr || setuid(static_cast<uid_t>(std::atoi(number))) == 0;
+}
+
+}  // namespace
+
 int main(int count, char** arguments)
 {
-    if (count < 4 || count > 5 || TRAVEX_FTP_Init() != 0)
+    if (count < 4 || count > 5 || !becomeUser() || TRAVEX_FTP_Init() != 0)
     {
         return 2;
     }

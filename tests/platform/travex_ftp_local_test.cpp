@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -162,6 +163,28 @@ TEST_F(SmallFileSystem, AReadOnlyDirectoryFailsBeforeAnythingIsFetched)
             "ls -A"),
         MatchesRegex("3 25 [^\n]*/f: Read-only file system\nold\nf\n"));
     EXPECT_EQ(0u, m_server.Count("COMMAND RETR"));
+}
+
+// Of another user when the tests run as root, who may write everywhere.
+TEST_F(LayerTest, ADirectoryThatMayNotBeWrittenFailsBeforeConnecting)
+{
+    FaultyServer server("none");
+    const std::string closed = m_directory.File("closed");
+    ASSERT_EQ(0, mkdir(closed.c_str(), 0700));
+    support::WriteFile(closed + "/f", "old");
+    ASSERT_EQ(0, chmod(closed.c_str(), 0555));
+    ASSERT_EQ(0, chmod(m_directory.Path().c_str(), 0755));
+    const std::string user = std::to_string(geteuid() == 0 ? 65534 : geteuid());
+    const auto result =
+        support::RunCommand({{CORPDIR_FTP_FETCH, std::to_string(server.Port()), closed, "f"},
+                             {{"TRAVEX_FTP_FETCH_USER", user}},
+                             ""});
+    EXPECT_THAT(result.output,
+                MatchesRegex("3 25 [^\n]*cannot create " + closed + "/\\./f: Permission denied\n"));
+    ASSERT_EQ(0, chmod(closed.c_str(), 0700));
+    EXPECT_EQ("old", support::ReadFile(closed + "/f"));
+    EXPECT_THAT(support::FilesIn(closed), testing::ElementsAre("f"));
+    EXPECT_EQ(0u, server.Count("CONNECT"));
 }
 
 #ifndef CORPDIR_TESTS_UNDER_SANITIZERS  // which need descriptors for their own checks

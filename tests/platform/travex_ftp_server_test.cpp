@@ -222,23 +222,61 @@ TEST_F(RealServer, PathsGoToTheServerByteForByte)
     EXPECT_THAT(Fetch("../../etc/hostname", "f"), StartsWith("3 20 "));
 }
 
-TEST_F(RealServer, ManyTransfersUseAtMost64Connections)
+class ManyTransfers : public RealServer, public testing::WithParamInterface<Tls>
 {
-    PyFtpServer server(Options(Tls::kNone));
-    server.AddFile("f", "some bytes");
-    Use(ParametersOf(server, m_directory.Path()));
-    std::vector<unsigned int> tasks;
-    for (int i = 0; i != 300; ++i)
+};
+
+// More than there are connections and, if each had its own, descriptors.
+TEST_P(ManyTransfers, AThousandTakeTurnsOnAtMost64Connections)
+{
+    constexpr size_t kTransfers = 1000;
+    constexpr size_t kConnections = 64;
+    PyFtpServer server(Options(GetParam()));
+    for (size_t i = 0; i != kTransfers; ++i)
     {
-        tasks.push_back(Start("f", "f" + std::to_string(i)));
+        server.AddFile("f" + std::to_string(i), "bytes of " + std::to_string(i));
+    }
+    UseWith(server);
+    rlimit before{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+    std::vector<unsigned int> tasks;
+    for (size_t i = 0; i != kTransfers; ++i)
+    {
+        const std::string name = "f" + std::to_string(i);
+        tasks.push_back(Start(name, name));
     }
     for (const unsigned int task : tasks)
     {
         ASSERT_EQ("0 12", ftp_test::OutcomeOf(task)) << ftp_test::FailureOf(task).reason;
     }
-    EXPECT_LE(server.CountCommands("PASS"), 64u);
-    EXPECT_EQ(300u, support::FilesIn(m_directory.Path()).size());
+    EXPECT_EQ(kTransfers, support::FilesIn(m_directory.Path()).size());
+    for (size_t i = 0; i != kTransfers; ++i)
+    {
+        ASSERT_EQ("bytes of " + std::to_string(i), Content("f" + std::to_string(i)));
+    }
+    EXPECT_LE(server.CountCommands("PASS"), kConnections);
+    rlimit after{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &after));
+    EXPECT_EQ(before.rlim_cur, after.rlim_cur);
+
+    // First come, first served: none is further from its place than there are others on their way.
+    size_t place = 0;
+    for (const std::string& command : server.Commands())
+    {
+        size_t number = 0;
+        if (sscanf(command.c_str(), "RETR f%zu", &number) == 1)
+        {
+            EXPECT_LT(number, place + kConnections) << "at place " << place;
+            EXPECT_LT(place, number + kConnections) << "at place " << place;
+            ++place;
+        }
+    }
+    EXPECT_EQ(kTransfers, place);
 }
+
+INSTANTIATE_TEST_SUITE_P(All, ManyTransfers, testing::Values(Tls::kNone, Tls::kExplicit),
+                         [](const auto& kind)
+                         { return kind.param == Tls::kNone ? "Plain" : "Explicit"; });
 
 // Settings that differ in anything that matters never share a login, nor a TLS session.
 TEST_F(RealServer, DifferentSecurityNeverSharesAConnection)

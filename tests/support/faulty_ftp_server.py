@@ -194,6 +194,10 @@ class Faults:
         """A while after the first file: a reply that nobody asked for; the connection stays."""
         it.after_file = lambda: (time.sleep(0.1), it.say("226 Once more."))
 
+    def closing_and_more(self, it):
+        """A reply that nobody asked for, in one piece with the 226."""
+        it.closing = "226 Transfer complete.\r\n200 Anything else?"
+
     def idle_deaf(self, it):
         """After the first file nothing is answered any more."""
         it.after_file = it.hang
