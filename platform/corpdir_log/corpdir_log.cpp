@@ -5,6 +5,8 @@
 #include "record.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -41,9 +43,24 @@ corpdir_log::LogSettings SettingsOf(const tag_CORPDIR_LOGINFO* info)
     return settings;
 }
 
+// Who has something to say at the close: filled from the front, never emptied.
+std::array<std::atomic<void (*)()>, 8> g_atClose;
+
 bool IsLogOff()
 {
     return __atomic_load_n(&g_LogMode, __ATOMIC_RELAXED) != 0;
+}
+
+void CallAtClose()
+{
+    for (const auto& place : g_atClose)
+    {
+        void (*const last)() = place.load();
+        if (last != nullptr)
+        {
+            last();
+        }
+    }
 }
 
 }  // namespace
@@ -88,8 +105,26 @@ unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* info)
 void CorpDir_CloseLog()
 {
     corpdir_log::LogWriter* const writer = corpdir_log::Writer();
-    if (writer != nullptr)
+    if (writer == nullptr)
     {
-        writer->Close(corpdir_log::Clock::now() + corpdir_log::kDiskPatience);
+        return;
     }
+    if (writer->IsWritten(CORPDIR_LOG_ERROR))
+    {
+        CallAtClose();
+    }
+    writer->Close(common::Clock::now() + corpdir_log::kDiskPatience);
+}
+
+bool CorpDir_AtCloseLog(void (*last)())
+{
+    for (auto& place : g_atClose)
+    {
+        void (*none)() = nullptr;
+        if (place.compare_exchange_strong(none, last))
+        {
+            return true;
+        }
+    }
+    return false;
 }

@@ -1,5 +1,6 @@
 #include "log_process.h"
 
+#include "line_formatter.h"
 #include "log_file.h"
 #include "name_lock.h"
 #include "record.h"
@@ -29,7 +30,7 @@ void OnExit()
     LogWriter* const writer = Writer();
     if (writer != nullptr)
     {
-        writer->CloseForEver(Clock::now() + kExitPatience);
+        writer->CloseForEver(common::Clock::now() + kExitPatience);
     }
 }
 
@@ -45,12 +46,14 @@ void OnForkInChild()
         NameLock::ReleaseInForkedChild();
     }
     ForgetThreadNumber();
+    LineFormatter::AfterFork();
 }
 
 bool WatchProcess()
 {
     static const bool s_isWatched =
-        std::atexit(OnExit) == 0 && pthread_atfork(nullptr, nullptr, OnForkInChild) == 0;
+        std::atexit(OnExit) == 0 &&
+        pthread_atfork(LineFormatter::BeforeFork, LineFormatter::AfterFork, OnForkInChild) == 0;
     return s_isWatched;
 }
 

@@ -3,10 +3,10 @@
 #include "console_sink.h"
 #include "corpdir_log.h"
 #include "escape.h"
+#include "line_formatter.h"
 
 #include <fcntl.h>
 #include <spdlog/details/log_msg.h>
-#include <spdlog/pattern_formatter.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,13 +44,7 @@ std::string AbsoluteDirectory(const char* directory)
     return resolved;
 }
 
-// Time with milliseconds and offset; the columns after it come with the record.
-std::unique_ptr<spdlog::formatter> MakeFormatter()
-{
-    return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%e%z %v");
-}
-
-// Level and name are constants: the record's text holds what the pattern would make of them.
+// Level and name are constants: the record's text holds all columns but the time.
 void LogRecord(spdlog::sinks::sink* sink, const Record& record)
 {
     const std::string_view text = record.Text();
@@ -68,7 +62,7 @@ LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
     if (IsStandardError())
     {
         m_console = std::make_unique<ConsoleSink>();
-        m_console->set_formatter(MakeFormatter());
+        m_console->set_formatter(std::make_unique<LineFormatter>());
         m_sink = m_console.get();
         return;
     }
@@ -95,9 +89,9 @@ void LogTarget::OpenFile()
     m_isRotated = CanRotate();
     m_file = std::make_unique<LogFile>(m_directory + '/' + m_name->FileName(), m_maxSize,
                                        m_isRotated ? m_maxCount : 0);
-    m_file->Sink().set_formatter(MakeFormatter());
+    m_file->Sink().set_formatter(std::make_unique<LineFormatter>());
     m_sink = &m_file->Sink();
-    m_nextPlaceCheck = Clock::now() + kPlaceCheckInterval;
+    m_nextPlaceCheck = common::Clock::now() + kPlaceCheckInterval;
     if (!m_isRotated)
     {
         TellOnce(&m_isRotationTold,
@@ -142,11 +136,11 @@ void LogTarget::Flush() noexcept
 
 void LogTarget::CheckPlace() noexcept
 {
-    if (m_file == nullptr || Clock::now() < m_nextPlaceCheck)
+    if (m_file == nullptr || common::Clock::now() < m_nextPlaceCheck)
     {
         return;
     }
-    m_nextPlaceCheck = Clock::now() + kPlaceCheckInterval;
+    m_nextPlaceCheck = common::Clock::now() + kPlaceCheckInterval;
     if (!m_file->IsInPlace() || CanRotate() != m_isRotated)
     {
         Flush();  // a file that was only moved away gets its last lines
@@ -159,7 +153,7 @@ void LogTarget::CheckPlace() noexcept
 // False when the file cannot be written yet.
 bool LogTarget::TryReopen() noexcept
 {
-    if (Clock::now() < m_nextAttempt)
+    if (common::Clock::now() < m_nextAttempt)
     {
         return false;
     }
@@ -202,7 +196,7 @@ void LogTarget::BeginOutage(const char* reason) noexcept
     m_lost += m_unflushed;
     m_unflushed = 0;
     m_sink = m_console.get();
-    m_nextAttempt = Clock::now() + kRetryInterval;
+    m_nextAttempt = common::Clock::now() + kRetryInterval;
     try
     {
         m_reason = reason;

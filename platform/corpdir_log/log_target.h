@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_LOG_TARGET_H
 #define CORPDIR_LOG_LOG_TARGET_H
 
-#include "guard.h"
+#include "common/guard.h"
 #include "log_file.h"
 #include "name_lock.h"
 #include "record.h"
@@ -74,8 +74,8 @@ private:
     std::string m_reason;           // of the outage
     bool m_isOutageTold = false;
     bool m_isRotationTold = false;
-    Clock::time_point m_nextAttempt;
-    Clock::time_point m_nextPlaceCheck;
+    common::Clock::time_point m_nextAttempt;
+    common::Clock::time_point m_nextPlaceCheck;
 };
 
 }  // namespace corpdir_log

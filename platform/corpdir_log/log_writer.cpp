@@ -76,8 +76,8 @@ void LogWriter::Submit(RecordPtr record)
 
 int LogWriter::Open(const LogSettings& settings)
 {
-    const auto deadline = Clock::now() + kDiskPatience;
-    const Hold hold(m_guard);
+    const auto deadline = common::Clock::now() + kDiskPatience;
+    const common::Hold hold(m_guard);
     if (!TakeSlot(deadline))
     {
         return ETIMEDOUT;
@@ -94,9 +94,9 @@ int LogWriter::Open(const LogSettings& settings)
     return result;
 }
 
-void LogWriter::Close(Clock::time_point deadline)
+void LogWriter::Close(common::Clock::time_point deadline)
 {
-    const Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     RefuseRecords();
     if (!TakeSlot(deadline))
     {
@@ -112,10 +112,10 @@ void LogWriter::Close(Clock::time_point deadline)
     JoinEndedThread();
 }
 
-void LogWriter::CloseForEver(Clock::time_point deadline)
+void LogWriter::CloseForEver(common::Clock::time_point deadline)
 {
     {
-        const Hold hold(m_guard);
+        const common::Hold hold(m_guard);
         m_isClosedForEver = true;
     }
     Close(deadline);
@@ -123,7 +123,7 @@ void LogWriter::CloseForEver(Clock::time_point deadline)
 
 // --- Commands, on the caller's thread
 
-bool LogWriter::TakeSlot(Clock::time_point deadline)
+bool LogWriter::TakeSlot(common::Clock::time_point deadline)
 {
     while (m_slot != Slot::kFree)
     {
@@ -143,7 +143,7 @@ void LogWriter::FreeSlot()
 }
 
 // The slot of an abandoned command is freed by the log's thread, once it is done with it.
-int LogWriter::Execute(Command command, Clock::time_point deadline)
+int LogWriter::Execute(Command command, common::Clock::time_point deadline)
 {
     m_command = command;
     m_slot = Slot::kPosted;
@@ -222,7 +222,7 @@ void LogWriter::Run()
 
 LogWriter::Command LogWriter::PostedCommand()
 {
-    const Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     return m_slot == Slot::kPosted || m_slot == Slot::kAbandoned ? m_command : Command::kNone;
 }
 
@@ -251,7 +251,7 @@ Rest LogWriter::Write(Batch batch)
 
 void LogWriter::FlushWhenDue(bool isDue)
 {
-    const Clock::time_point now = Clock::now();
+    const common::Clock::time_point now = common::Clock::now();
     if (isDue || now >= m_nextFlush)
     {
         m_target->Flush();
@@ -264,7 +264,7 @@ bool LogWriter::ExecuteOpen()
 {
     LogSettings settings;
     {
-        const Hold hold(m_guard);
+        const common::Hold hold(m_guard);
         settings = m_settings;
     }
     if (m_target != nullptr)
@@ -273,7 +273,7 @@ bool LogWriter::ExecuteOpen()
     }
     int error = 0;
     std::unique_ptr<LogTarget> target = MakeTarget(settings, m_target.get(), &error);
-    const Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     if (target != nullptr && m_slot != Slot::kAbandoned)
     {
         m_target.swap(target);
@@ -289,7 +289,7 @@ bool LogWriter::ExecuteClose()
 {
     m_target->Flush();
     m_target.reset();
-    const Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     Answer(0);
     return false;
 }

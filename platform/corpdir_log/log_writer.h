@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_LOG_WRITER_H
 #define CORPDIR_LOG_LOG_WRITER_H
 
-#include "guard.h"
+#include "common/guard.h"
 #include "log_target.h"
 #include "record_queue.h"
 
@@ -42,10 +42,10 @@ public:
 
     // Writes what is queued and closes. A disk that does not answer until the deadline goes on
     // being waited for by the log's thread alone.
-    void Close(Clock::time_point deadline);
+    void Close(common::Clock::time_point deadline);
 
     // Refuses to open from now on, and closes.
-    void CloseForEver(Clock::time_point deadline);
+    void CloseForEver(common::Clock::time_point deadline);
 
     static constexpr int kHighestLevel = 2;
 
@@ -74,11 +74,11 @@ private:
     };
 
     // Called by Open and Close.
-    bool TakeSlot(Clock::time_point deadline) CORPDIR_LOG_REQUIRES(m_guard);
-    void FreeSlot() CORPDIR_LOG_REQUIRES(m_guard);
-    int Execute(Command command, Clock::time_point deadline) CORPDIR_LOG_REQUIRES(m_guard);
-    int StartThread() CORPDIR_LOG_REQUIRES(m_guard);
-    void JoinEndedThread() CORPDIR_LOG_REQUIRES(m_guard);
+    bool TakeSlot(common::Clock::time_point deadline) CORPDIR_REQUIRES(m_guard);
+    void FreeSlot() CORPDIR_REQUIRES(m_guard);
+    int Execute(Command command, common::Clock::time_point deadline) CORPDIR_REQUIRES(m_guard);
+    int StartThread() CORPDIR_REQUIRES(m_guard);
+    void JoinEndedThread() CORPDIR_REQUIRES(m_guard);
     void RefuseRecords();
 
     // On the log's thread.
@@ -89,24 +89,24 @@ private:
     void FlushWhenDue(bool isDue);
     bool ExecuteOpen();
     bool ExecuteClose();
-    void Answer(int result) CORPDIR_LOG_REQUIRES(m_guard);
+    void Answer(int result) CORPDIR_REQUIRES(m_guard);
 
     RecordQueue m_queue;
     std::atomic<int> m_level{kClosed};  // the highest that is written; set under m_guard
 
-    Guard m_guard;
-    Signal m_slotChanged;
-    Slot m_slot CORPDIR_LOG_GUARDED_BY(m_guard) = Slot::kFree;
-    Command m_command CORPDIR_LOG_GUARDED_BY(m_guard) = Command::kNone;
-    LogSettings m_settings CORPDIR_LOG_GUARDED_BY(m_guard) = {};
-    int m_result CORPDIR_LOG_GUARDED_BY(m_guard) = 0;
-    bool m_isClosedForEver CORPDIR_LOG_GUARDED_BY(m_guard) = false;
-    Thread m_threadState CORPDIR_LOG_GUARDED_BY(m_guard) = Thread::kNone;
-    pthread_t m_thread CORPDIR_LOG_GUARDED_BY(m_guard) = {};
+    common::Guard m_guard;
+    common::Signal m_slotChanged;
+    Slot m_slot CORPDIR_GUARDED_BY(m_guard) = Slot::kFree;
+    Command m_command CORPDIR_GUARDED_BY(m_guard) = Command::kNone;
+    LogSettings m_settings CORPDIR_GUARDED_BY(m_guard) = {};
+    int m_result CORPDIR_GUARDED_BY(m_guard) = 0;
+    bool m_isClosedForEver CORPDIR_GUARDED_BY(m_guard) = false;
+    Thread m_threadState CORPDIR_GUARDED_BY(m_guard) = Thread::kNone;
+    pthread_t m_thread CORPDIR_GUARDED_BY(m_guard) = {};
 
     // The log's thread only.
     std::unique_ptr<LogTarget> m_target;
-    Clock::time_point m_nextFlush;
+    common::Clock::time_point m_nextFlush;
 };
 
 }  // namespace corpdir_log

@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_RECORD_QUEUE_H
 #define CORPDIR_LOG_RECORD_QUEUE_H
 
-#include "guard.h"
+#include "common/guard.h"
 #include "record.h"
 
 #include <cstddef>
@@ -54,18 +54,18 @@ private:
         kLongRest
     };
 
-    void MakeRoom(std::size_t bytes, RecordList* dropped) CORPDIR_LOG_REQUIRES(m_guard);
-    bool NeedsWaking() const CORPDIR_LOG_REQUIRES(m_guard);
-    void AwaitRecords(Rest rest) CORPDIR_LOG_REQUIRES(m_guard);
+    void MakeRoom(std::size_t bytes, RecordList* dropped) CORPDIR_REQUIRES(m_guard);
+    bool NeedsWaking() const CORPDIR_REQUIRES(m_guard);
+    void AwaitRecords(Rest rest) CORPDIR_REQUIRES(m_guard);
 
-    Guard m_guard;
-    Signal m_wake;
-    RecordList m_records CORPDIR_LOG_GUARDED_BY(m_guard);
-    std::size_t m_bytes CORPDIR_LOG_GUARDED_BY(m_guard) = 0;
-    std::uint64_t m_dropped CORPDIR_LOG_GUARDED_BY(m_guard) = 0;
-    bool m_isOpen CORPDIR_LOG_GUARDED_BY(m_guard) = false;
-    bool m_isUrgent CORPDIR_LOG_GUARDED_BY(m_guard) = false;  // no rest until the next Take
-    Reader m_reader CORPDIR_LOG_GUARDED_BY(m_guard) = Reader::kBusy;
+    common::Guard m_guard;
+    common::Signal m_wake;
+    RecordList m_records CORPDIR_GUARDED_BY(m_guard);
+    std::size_t m_bytes CORPDIR_GUARDED_BY(m_guard) = 0;
+    std::uint64_t m_dropped CORPDIR_GUARDED_BY(m_guard) = 0;
+    bool m_isOpen CORPDIR_GUARDED_BY(m_guard) = false;
+    bool m_isUrgent CORPDIR_GUARDED_BY(m_guard) = false;  // no rest until the next Take
+    Reader m_reader CORPDIR_GUARDED_BY(m_guard) = Reader::kBusy;
 };
 
 }  // namespace corpdir_log

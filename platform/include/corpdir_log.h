@@ -68,6 +68,11 @@ extern "C"
     // 5 s. Closing a closed log does nothing.
     void CorpDir_CloseLog();
 
+    // For a layer that has something to say at the end: `last` is called by each CorpDir_CloseLog
+    // of an open log, on its thread and while records are still written, in the order of
+    // registration. Lasts for the life of the process. False when there is no place: 8 at most.
+    bool CorpDir_AtCloseLog(void (*last)());
+
 }  // extern "C"
 
 // Logs that a function is entered (constructor) and left (destructor), at level 2. The log may be

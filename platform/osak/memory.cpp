@@ -1,7 +1,8 @@
 // Tracked memory. The C library does the allocating; what is known of a block stands in tables
 // beside it, so that a pointer can be judged without being followed: a live block is in one table,
 // one released lately in the other, and anything else is none of ours.
-#include "guard.h"
+#include "common/guard.h"
+#include "never_destroyed.h"
 #include "osak.h"
 #include "osak_diagnostics.h"
 #include "osak_log.h"
@@ -124,10 +125,10 @@ std::uintptr_t KeyOf(const void* address)
 // Thread-safe: everything is under the guard.
 struct Memory
 {
-    Guard guard;
-    std::unordered_map<std::uintptr_t, Block> live OSAK_GUARDED_BY(guard);
-    Quarantine released OSAK_GUARDED_BY(guard);
-    unsigned int requestsUntilFailure OSAK_GUARDED_BY(guard) = 0;  // 0: none is to fail
+    common::Guard guard;
+    std::unordered_map<std::uintptr_t, Block> live CORPDIR_GUARDED_BY(guard);
+    Quarantine released CORPDIR_GUARDED_BY(guard);
+    unsigned int requestsUntilFailure CORPDIR_GUARDED_BY(guard) = 0;  // 0: none is to fail
 };
 
 Memory& TheMemory()
@@ -140,7 +141,7 @@ Memory& TheMemory()
 bool FailsByWish()
 {
     Memory& memory = TheMemory();
-    Hold hold(memory.guard);
+    const common::Hold hold(memory.guard);
     return memory.requestsUntilFailure != 0 && --memory.requestsUntilFailure == 0;
 }
 
@@ -150,7 +151,7 @@ bool Enter(void* address, const Block& block)
     Memory& memory = TheMemory();
     try
     {
-        Hold hold(memory.guard);
+        const common::Hold hold(memory.guard);
         memory.live.emplace(KeyOf(address), block);
         return true;
     }
@@ -165,7 +166,7 @@ bool Enter(void* address, const Block& block)
 bool TakeOut(void* address, Block* block, Place* releasedAt)
 {
     Memory& memory = TheMemory();
-    Hold hold(memory.guard);
+    const common::Hold hold(memory.guard);
     const auto found = memory.live.find(KeyOf(address));
     if (found == memory.live.end())
     {
@@ -197,14 +198,14 @@ void PutAway(void* address, const Block& block)
     Memory& memory = TheMemory();
     Quarantine::Entry evicted;
     {
-        Hold hold(memory.guard);
+        const common::Hold hold(memory.guard);
         evicted = memory.released.Keep(address, block);
     }
     // One at a time, each outside the guard: the room for a large block may be that of many small.
     while (evicted.first != nullptr)
     {
         GiveBack(evicted);
-        Hold hold(memory.guard);
+        const common::Hold hold(memory.guard);
         evicted = memory.released.Surplus();
     }
 }
@@ -276,7 +277,7 @@ UseByPlace SumUp(OSAK_MEM_USE* total)
     std::vector<Block> blocks;
     {
         Memory& memory = TheMemory();
-        Hold hold(memory.guard);
+        const common::Hold hold(memory.guard);
         for (const auto& entry : memory.live)
         {
             blocks.push_back(entry.second);
@@ -376,7 +377,7 @@ void OSAK_MemFailRequest(unsigned int nth)
     if (!osak::IsForkedChild())
     {
         osak::Memory& memory = osak::TheMemory();
-        osak::Hold hold(memory.guard);
+        const common::Hold hold(memory.guard);
         memory.requestsUntilFailure = nth;
     }
 }

@@ -12,7 +12,7 @@
 // one has begun: they only count down, and wake everybody.
 #include "mutex.h"
 
-#include "guard.h"
+#include "common/guard.h"
 #include "osak.h"
 #include "process.h"
 #include "thread.h"
@@ -57,17 +57,18 @@ struct alignas(64) State
     std::atomic<const OSAK_MUTEX*> storage{nullptr};
     unsigned int depth = 0;  // the holder's own
 
-    Guard guard;
-    Signal changed;
-    unsigned int waiting OSAK_GUARDED_BY(guard) = 0;  // threads that the contended bit stands for
-    unsigned int ending OSAK_GUARDED_BY(guard) = 0;   // those of them that want to destroy it
+    common::Guard guard;
+    common::Signal changed;
+    unsigned int waiting CORPDIR_GUARDED_BY(guard) =
+        0;                                              // threads that the contended bit stands for
+    unsigned int ending CORPDIR_GUARDED_BY(guard) = 0;  // those of them that want to destroy it
 };
 
 // Enough that a chain has one state in any program but a test.
 constexpr unsigned int kChainBits = 10;
 
 // The chains grow at the head only, under this guard.
-Guard g_growth;
+common::Guard g_growth;
 std::atomic<State*> g_chains[1U << kChainBits];
 
 // Multiplicative hashing: the upper bits depend on all bits of the address.
@@ -94,7 +95,7 @@ State* Find(const OSAK_MUTEX* storage, std::uint64_t* word)
 }
 
 // Names a free state of the chain, or a new one. Null when memory ran out.
-State* Claim(const OSAK_MUTEX* storage) OSAK_REQUIRES(g_growth)
+State* Claim(const OSAK_MUTEX* storage) CORPDIR_REQUIRES(g_growth)
 {
     std::atomic<State*>& chain = ChainOf(storage);
     State* const head = chain.load(std::memory_order_acquire);
@@ -103,7 +104,7 @@ State* Claim(const OSAK_MUTEX* storage) OSAK_REQUIRES(g_growth)
         if (state->storage.load(std::memory_order_acquire) == nullptr)
         {
             // The destroying thread has the guard until the generation has changed too.
-            Hold hold(state->guard);
+            const common::Hold hold(state->guard);
             state->storage.store(storage, std::memory_order_release);
             return state;
         }
@@ -118,14 +119,14 @@ State* Claim(const OSAK_MUTEX* storage) OSAK_REQUIRES(g_growth)
 }
 
 // From here the fast paths fail, and the word changes under the guard only.
-void Enlist(State& state) OSAK_REQUIRES(state.guard)
+void Enlist(State& state) CORPDIR_REQUIRES(state.guard)
 {
     ++state.waiting;
     state.word.fetch_or(kContended);
 }
 
 // The contended bit goes with the last of those that it stands for.
-void Leave(State& state) OSAK_REQUIRES(state.guard)
+void Leave(State& state) CORPDIR_REQUIRES(state.guard)
 {
     if (--state.waiting == 0)
     {
@@ -134,11 +135,11 @@ void Leave(State& state) OSAK_REQUIRES(state.guard)
 }
 
 // Waits until the mutex is free for a locker, and takes it.
-unsigned int AwaitLock(State& state, std::uint64_t generation) OSAK_REQUIRES(state.guard)
+unsigned int AwaitLock(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
 {
     // Static destructors are not to hang on a thread that will not come back.
     const bool bounded = CurrentPhase() == Phase::kExiting;
-    const Clock::time_point deadline = Clock::now() + kLongestWait;
+    const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
     for (;;)
     {
         const std::uint64_t word = state.word.load();
@@ -173,7 +174,7 @@ unsigned int LockContended(State& state, std::uint64_t generation)
 {
     unsigned int code = OSAK_ERR_NO_MUTEX;
     {
-        Hold hold(state.guard);
+        const common::Hold hold(state.guard);
         if (GenerationOf(state.word.load()) == generation)
         {
             Enlist(state);
@@ -192,7 +193,7 @@ unsigned int LockContended(State& state, std::uint64_t generation)
 // mutex, or whose own has ended, and who would not pass the turn on.
 void UnlockContended(State& state)
 {
-    Hold hold(state.guard);
+    const common::Hold hold(state.guard);
     state.word.fetch_and(~kOwnerMask);
     state.changed.NotifyAll();
 }
@@ -205,9 +206,9 @@ bool IsUnheld(std::uint64_t word)
 }
 
 // Waits until the mutex is free to be destroyed; lockers stand back meanwhile.
-unsigned int AwaitUnheld(State& state, std::uint64_t generation) OSAK_REQUIRES(state.guard)
+unsigned int AwaitUnheld(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
 {
-    const Clock::time_point deadline = Clock::now() + kLongestWait;
+    const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
     bool inTime = true;
     for (;;)
     {
@@ -229,7 +230,7 @@ unsigned int AwaitUnheld(State& state, std::uint64_t generation) OSAK_REQUIRES(s
 }
 
 // Takes the name away, then lets a new generation begin, unheld.
-void Retire(State& state, std::uint64_t generation) OSAK_REQUIRES(state.guard)
+void Retire(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
 {
     state.storage.store(nullptr, std::memory_order_release);
     state.word.store(generation + kGenerationStep);
@@ -238,7 +239,7 @@ void Retire(State& state, std::uint64_t generation) OSAK_REQUIRES(state.guard)
 // The steps of a destruction; a mutex that is not held goes through them without waiting.
 unsigned int Destroy(State& state, std::uint64_t generation)
 {
-    Hold hold(state.guard);
+    const common::Hold hold(state.guard);
     const std::uint64_t word = state.word.load();
     if (GenerationOf(word) != generation)
     {
@@ -270,7 +271,7 @@ void WakeMutexWaiters()
         for (State* state = chain.load(std::memory_order_acquire); state != nullptr;
              state = state->next)
         {
-            Hold hold(state->guard);
+            const common::Hold hold(state->guard);
             state->changed.NotifyAll();
         }
     }
@@ -290,7 +291,8 @@ unsigned int OSAK_MutexInitRecursive(OSAK_MUTEX* mutex, void* attr)
     }
     osak::WatchProcess();
     std::uint64_t word = 0;
-    osak::Hold hold(osak::g_growth);  // covers the test and the claim: one of two inits wins
+    const common::Hold hold(
+        osak::g_growth);  // covers the test and the claim: one of two inits wins
     if (osak::Find(mutex, &word) != nullptr)
     {
         return OSAK_ERR_PARAM;

@@ -25,7 +25,7 @@ extern "C"
     unsigned int OSAK_MemReport(OSAK_MEM_USE* total, OSAK_MEM_PLACE_PROC each, void* user);
 
     // Writes that report to the log: nothing when no block is live, else the sum and the places at
-    // level 1.
+    // level 1. The log calls it when it is closed.
     void OSAK_MemLogReport();
 
     // Makes the nth request for a block from now on fail, once: 1 is the next one, 0 takes an

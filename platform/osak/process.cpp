@@ -1,8 +1,9 @@
 // The end of the process, and its forks.
 #include "process.h"
 
-#include "guard.h"
+#include "common/guard.h"
 #include "mutex.h"
+#include "osak_diagnostics.h"
 #include "osak_log.h"
 #include "thread.h"
 #include "timer.h"
@@ -33,7 +34,7 @@ void OnExit()
     // In this order: what is woken finds the phase changed, and no callback begins while we wait.
     EndTimers();
     WakeMutexWaiters();
-    const unsigned int running = AwaitThreadsAtRest(Clock::now() + kLongestWait);
+    const unsigned int running = AwaitThreadsAtRest(common::Clock::now() + kLongestWait);
     if (running != 0)
     {
         OSAK_LOG(CORPDIR_LOG_NOTICE, "The process ends while %u threads are at work", running);
@@ -51,8 +52,9 @@ void OnFork()
 void WatchProcess()
 {
     // Both fail for want of memory only; then the process ends as one without the handlers would.
-    static const bool s_watching =
-        std::atexit(OnExit) == 0 && pthread_atfork(nullptr, nullptr, OnFork) == 0;
+    static const bool s_watching = std::atexit(OnExit) == 0 &&
+                                   pthread_atfork(nullptr, nullptr, OnFork) == 0 &&
+                                   CorpDir_AtCloseLog(OSAK_MemLogReport);
     (void)s_watching;
 }
 

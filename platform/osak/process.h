@@ -3,9 +3,13 @@
 #define OSAK_PROCESS_H
 
 #include <atomic>
+#include <chrono>
 
 namespace osak
 {
+// The longest that a destroyed mutex or the exit of the process waits for another thread.
+constexpr std::chrono::seconds kLongestWait{1};
+
 enum class Phase
 {
     kRunning,

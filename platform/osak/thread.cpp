@@ -6,6 +6,7 @@
 #include "thread.h"
 
 #include "handle.h"
+#include "never_destroyed.h"
 #include "osak_log.h"
 #include "process.h"
 
@@ -55,10 +56,10 @@ struct Thread
 // The threads that were not joined. Thread-safe: everything is under the guard.
 struct Registry
 {
-    Guard guard;
-    Signal changed;  // a thread ended, was held, or left a callback
-    std::map<std::uintptr_t, std::unique_ptr<Thread>> threads OSAK_GUARDED_BY(guard);
-    std::uintptr_t lastNumber OSAK_GUARDED_BY(guard) = 0;
+    common::Guard guard;
+    common::Signal changed;  // a thread ended, was held, or left a callback
+    std::map<std::uintptr_t, std::unique_ptr<Thread>> threads CORPDIR_GUARDED_BY(guard);
+    std::uintptr_t lastNumber CORPDIR_GUARDED_BY(guard) = 0;
 };
 
 Registry& TheRegistry()
@@ -114,7 +115,7 @@ public:
     ~EndOfThread()
     {
         Registry& registry = TheRegistry();
-        Hold hold(registry.guard);
+        const common::Hold hold(registry.guard);
         t_self->ended = true;
         t_self = nullptr;
         registry.changed.NotifyAll();
@@ -126,7 +127,7 @@ void* RunThread(void* argument)
 {
     t_self = static_cast<Thread*>(argument);
     {
-        Hold hold(TheRegistry().guard);
+        const common::Hold hold(TheRegistry().guard);
         t_self->threadNumber = CurrentThreadNumber();
     }
     const EndOfThread end;
@@ -157,7 +158,7 @@ int CreateNative(pthread_t* native, Thread* thread)
 unsigned int StartRegistered(std::unique_ptr<Thread> record, OSAK_THREAD* handle)
 {
     Registry& registry = TheRegistry();
-    Hold hold(registry.guard);
+    const common::Hold hold(registry.guard);
     const std::uintptr_t number = ++registry.lastNumber;
     Thread* const thread = record.get();
     registry.threads.emplace(number, std::move(record));
@@ -182,11 +183,11 @@ bool WaitsForCaller(const Thread* thread)
 }
 
 // Waits for the end of a thread that is not going to be held for good.
-unsigned int AwaitEnd(Registry& registry, const Thread& thread) OSAK_REQUIRES(registry.guard)
+unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES(registry.guard)
 {
     // A join that static destructors make is not to hang the exit.
     const bool exiting = CurrentPhase() == Phase::kExiting;
-    const Clock::time_point deadline = Clock::now() + kLongestWait;
+    const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
     while (!thread.ended && !thread.parked)
     {
         if (!exiting)
@@ -202,7 +203,8 @@ unsigned int AwaitEnd(Registry& registry, const Thread& thread) OSAK_REQUIRES(re
 }
 
 // Waits as above, visibly to those who want to join the calling thread.
-unsigned int AwaitEndVisibly(Registry& registry, const Thread& thread) OSAK_REQUIRES(registry.guard)
+unsigned int AwaitEndVisibly(Registry& registry, const Thread& thread)
+    CORPDIR_REQUIRES(registry.guard)
 {
     if (t_self == nullptr)
     {
@@ -218,7 +220,7 @@ unsigned int AwaitEndVisibly(Registry& registry, const Thread& thread) OSAK_REQU
 unsigned int JoinRegistered(std::uintptr_t number, pthread_t* native)
 {
     Registry& registry = TheRegistry();
-    Hold hold(registry.guard);
+    const common::Hold hold(registry.guard);
     const auto found = registry.threads.find(number);
     if (found == registry.threads.end())
     {
@@ -252,7 +254,7 @@ bool IsAtRest(const Thread& thread)
     return &thread == t_self || thread.ended || thread.parked || !thread.runsClient;
 }
 
-unsigned int CountAtWork(Registry& registry) OSAK_REQUIRES(registry.guard)
+unsigned int CountAtWork(Registry& registry) CORPDIR_REQUIRES(registry.guard)
 {
     unsigned int count = 0;
     for (const auto& entry : registry.threads)
@@ -265,7 +267,7 @@ unsigned int CountAtWork(Registry& registry) OSAK_REQUIRES(registry.guard)
 void SetRunsClient(bool runsClient)
 {
     Registry& registry = TheRegistry();
-    Hold hold(registry.guard);
+    const common::Hold hold(registry.guard);
     t_self->runsClient = runsClient;
     registry.changed.NotifyAll();
 }
@@ -313,7 +315,7 @@ void ParkIfExiting()
     }
     Registry& registry = TheRegistry();
     {
-        Hold hold(registry.guard);
+        const common::Hold hold(registry.guard);
         t_self->parked = true;
         registry.changed.NotifyAll();
     }
@@ -326,7 +328,7 @@ void ParkIfExiting()
 bool IsParked(unsigned int threadNumber)
 {
     Registry& registry = TheRegistry();
-    Hold hold(registry.guard);
+    const common::Hold hold(registry.guard);
     for (const auto& entry : registry.threads)
     {
         if (entry.second->threadNumber == threadNumber)
@@ -337,10 +339,10 @@ bool IsParked(unsigned int threadNumber)
     return false;
 }
 
-unsigned int AwaitThreadsAtRest(Clock::time_point deadline)
+unsigned int AwaitThreadsAtRest(common::Clock::time_point deadline)
 {
     Registry& registry = TheRegistry();
-    Hold hold(registry.guard);
+    const common::Hold hold(registry.guard);
     unsigned int running = CountAtWork(registry);
     while (running != 0 && registry.changed.WaitUntil(registry.guard, deadline))
     {

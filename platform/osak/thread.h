@@ -2,7 +2,7 @@
 #ifndef OSAK_THREAD_H
 #define OSAK_THREAD_H
 
-#include "guard.h"
+#include "common/guard.h"
 #include "osak.h"
 
 namespace osak
@@ -47,7 +47,7 @@ bool IsParked(unsigned int threadNumber);
 
 // Waits until no other thread of the layer runs client code, or until the deadline. Returns how
 // many still do.
-unsigned int AwaitThreadsAtRest(Clock::time_point deadline);
+unsigned int AwaitThreadsAtRest(common::Clock::time_point deadline);
 
 }  // namespace osak
 

@@ -7,6 +7,7 @@
 #include "timer.h"
 
 #include "handle.h"
+#include "never_destroyed.h"
 #include "osak.h"
 #include "osak_log.h"
 #include "process.h"
@@ -78,23 +79,23 @@ private:
     };
 
     bool EnsureThread();
-    void StartThreadUnlocked() OSAK_REQUIRES(m_guard);
-    TimerRef Find(std::uintptr_t number) OSAK_REQUIRES(m_guard);
-    void Arm(const TimerRef& timer) OSAK_REQUIRES(m_guard);
-    bool Rearm(const TimerRef& timer) OSAK_REQUIRES(m_guard);
+    void StartThreadUnlocked() CORPDIR_REQUIRES(m_guard);
+    TimerRef Find(std::uintptr_t number) CORPDIR_REQUIRES(m_guard);
+    void Arm(const TimerRef& timer) CORPDIR_REQUIRES(m_guard);
+    bool Rearm(const TimerRef& timer) CORPDIR_REQUIRES(m_guard);
     bool BeginCall(const TimerRef& timer, std::uint64_t round, void** param, bool* armed);
     void EndCall();
     void Expired(const TimerRef& timer, std::uint64_t round);
 
-    Guard m_guard;
-    Signal m_changed;  // the thread has started or failed to, or a callback has returned
-    Stage m_stage OSAK_GUARDED_BY(m_guard) = Stage::kNone;
-    bool m_ended OSAK_GUARDED_BY(m_guard) = false;          // the process exits
-    std::unique_ptr<Loop> m_loop OSAK_GUARDED_BY(m_guard);  // constant once it is there
-    std::unordered_map<std::uintptr_t, TimerRef> m_timers OSAK_GUARDED_BY(m_guard);
-    std::uintptr_t m_lastNumber OSAK_GUARDED_BY(m_guard) = 0;
-    const Timer* m_called OSAK_GUARDED_BY(m_guard) = nullptr;  // whose callback runs
-    unsigned int m_threadNumber OSAK_GUARDED_BY(m_guard) = 0;
+    common::Guard m_guard;
+    common::Signal m_changed;  // the thread has started or failed to, or a callback has returned
+    Stage m_stage CORPDIR_GUARDED_BY(m_guard) = Stage::kNone;
+    bool m_ended CORPDIR_GUARDED_BY(m_guard) = false;          // the process exits
+    std::unique_ptr<Loop> m_loop CORPDIR_GUARDED_BY(m_guard);  // constant once it is there
+    std::unordered_map<std::uintptr_t, TimerRef> m_timers CORPDIR_GUARDED_BY(m_guard);
+    std::uintptr_t m_lastNumber CORPDIR_GUARDED_BY(m_guard) = 0;
+    const Timer* m_called CORPDIR_GUARDED_BY(m_guard) = nullptr;  // whose callback runs
+    unsigned int m_threadNumber CORPDIR_GUARDED_BY(m_guard) = 0;
 };
 
 TimerService& TheService()
@@ -114,7 +115,7 @@ void TimerService::Run()
 {
     Loop* loop = nullptr;
     {
-        Hold hold(m_guard);
+        const common::Hold hold(m_guard);
         m_threadNumber = CurrentThreadNumber();
         loop = m_loop.get();
     }
@@ -137,7 +138,7 @@ void TimerService::StartThreadUnlocked()
 // thread, the others wait for the outcome.
 bool TimerService::EnsureThread()
 {
-    Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     while (m_stage == Stage::kStarting)
     {
         m_changed.Wait(m_guard);
@@ -159,7 +160,7 @@ OSAK_TIMER TimerService::Create(const Plan& plan)
     {
         return nullptr;
     }
-    Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     const TimerRef timer = std::make_shared<Timer>(*m_loop, plan);
     ++m_lastNumber;
     m_timers.emplace(m_lastNumber, timer);
@@ -190,7 +191,7 @@ void TimerService::Arm(const TimerRef& timer)
 
 unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* param)
 {
-    Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     const TimerRef timer = Find(number);
     if (timer == nullptr)
     {
@@ -225,7 +226,7 @@ bool TimerService::Rearm(const TimerRef& timer)
 // one is. False when the expiry is void.
 bool TimerService::BeginCall(const TimerRef& timer, std::uint64_t round, void** param, bool* armed)
 {
-    Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     if (round != timer->round || m_ended)
     {
         return false;
@@ -240,7 +241,7 @@ bool TimerService::BeginCall(const TimerRef& timer, std::uint64_t round, void** 
 // Lets a free that waits for the callback go on.
 void TimerService::EndCall()
 {
-    Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     EndClientCall();
     m_called = nullptr;
     m_changed.NotifyAll();
@@ -267,7 +268,7 @@ void TimerService::Expired(const TimerRef& timer, std::uint64_t round)
 
 unsigned int TimerService::Free(std::uintptr_t number)
 {
-    Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     const TimerRef timer = Find(number);
     if (timer == nullptr)
     {
@@ -293,7 +294,7 @@ unsigned int TimerService::Free(std::uintptr_t number)
 // client's callback by the thread's record.
 void TimerService::End()
 {
-    Hold hold(m_guard);
+    const common::Hold hold(m_guard);
     m_ended = true;
 }
 

@@ -15,10 +15,11 @@ namespace travex_ftp
 // threads may come until the process is gone.
 struct World
 {
-    Mutex mutex;
-    std::shared_ptr<Layer> running GUARDED_BY(mutex);
-    std::shared_ptr<Layer> ended GUARDED_BY(mutex);  // runs whose threads are not all joined
-    bool exiting GUARDED_BY(mutex) = false;
+    common::Guard guard;
+    std::shared_ptr<Layer> running CORPDIR_GUARDED_BY(guard);
+    std::shared_ptr<Layer> ended
+        CORPDIR_GUARDED_BY(guard);  // runs whose threads are not all joined
+    bool exiting CORPDIR_GUARDED_BY(guard) = false;
 
     // The process that the threads belong to, 0 when there are none. Read before any lock is taken:
     // in the child of a fork a lock may be held by a thread that does not exist there.
@@ -28,11 +29,11 @@ struct World
     static void startOnce();
     static void atExit();
 
-    bool install(const std::shared_ptr<Layer>& layer) EXCLUDES(mutex);
-    std::shared_ptr<Layer> retire() EXCLUDES(mutex);
-    std::shared_ptr<Layer> firstEnded(bool onlyOver) EXCLUDES(mutex);
-    void forget(const std::shared_ptr<Layer>& layer) EXCLUDES(mutex);
-    void joinEnded(bool onlyOver) EXCLUDES(mutex);
+    bool install(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(guard);
+    std::shared_ptr<Layer> retire() CORPDIR_EXCLUDES(guard);
+    std::shared_ptr<Layer> firstEnded(bool onlyOver) CORPDIR_EXCLUDES(guard);
+    void forget(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(guard);
+    void joinEnded(bool onlyOver) CORPDIR_EXCLUDES(guard);
 };
 
 World& World::get()
@@ -54,7 +55,7 @@ void World::startOnce()
 // False when another thread was faster, or the process is ending.
 bool World::install(const std::shared_ptr<Layer>& layer)
 {
-    Lock lock(mutex);
+    const common::Hold hold(guard);
     if (exiting || running != nullptr)
     {
         return false;
@@ -67,7 +68,7 @@ bool World::install(const std::shared_ptr<Layer>& layer)
 // Ends the running layer, without waiting; null if there is none.
 std::shared_ptr<Layer> World::retire()
 {
-    Lock lock(mutex);
+    const common::Hold hold(guard);
     std::shared_ptr<Layer> layer = std::move(running);
     if (layer != nullptr)
     {
@@ -79,7 +80,7 @@ std::shared_ptr<Layer> World::retire()
 
 std::shared_ptr<Layer> World::firstEnded(bool onlyOver)
 {
-    Lock lock(mutex);
+    const common::Hold hold(guard);
     std::shared_ptr<Layer> layer = ended;
     while (layer != nullptr && onlyOver && !layer->over())
     {
@@ -91,7 +92,7 @@ std::shared_ptr<Layer> World::firstEnded(bool onlyOver)
 // Without threads any process may start the layer: a fork made now is free to.
 void World::forget(const std::shared_ptr<Layer>& layer)
 {
-    Lock lock(mutex);
+    const common::Hold hold(guard);
     for (std::shared_ptr<Layer>* link = &ended; *link != nullptr; link = &(*link)->nextEnded_)
     {
         if (*link == layer)
@@ -128,7 +129,7 @@ void World::atExit()
     (void)world.retire();
     static std::shared_ptr<Layer>* const left = new std::shared_ptr<Layer>;
     {
-        Lock lock(world.mutex);
+        const common::Hold hold(world.guard);
         world.exiting = true;
         *left = std::move(world.ended);
     }
@@ -153,7 +154,7 @@ bool Layer::forked()
 std::shared_ptr<Layer> Layer::running()
 {
     World& world = World::get();
-    Lock lock(world.mutex);
+    const common::Hold hold(world.guard);
     return world.running;
 }
 
@@ -242,7 +243,7 @@ TRAVEX_FTP_HANDLE Layer::createHandle()
     static_assert(sizeof(void*) == sizeof number, "a handle holds a number");
     memcpy(&handle, &number, sizeof number);
     auto state = std::make_shared<Handle>();
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     handles_.emplace(handle, std::move(state));
     return handle;
 }
@@ -258,7 +259,7 @@ bool Layer::closeHandle(TRAVEX_FTP_HANDLE handle)
 {
     std::shared_ptr<Handle> closed;
     {
-        Lock lock(mutex_);
+        const common::Hold hold(guard_);
         closed = find(handle);
         handles_.erase(handle);
     }
@@ -273,7 +274,7 @@ bool Layer::closeHandle(TRAVEX_FTP_HANDLE handle)
 
 bool Layer::setSettings(TRAVEX_FTP_HANDLE handle, std::shared_ptr<const Settings> settings)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     const std::shared_ptr<Handle> found = find(handle);
     if (found != nullptr)
     {
@@ -284,7 +285,7 @@ bool Layer::setSettings(TRAVEX_FTP_HANDLE handle, std::shared_ptr<const Settings
 
 bool Layer::setDataParam(TRAVEX_FTP_HANDLE handle)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     const std::shared_ptr<Handle> found = find(handle);
     if (found != nullptr)
     {
@@ -295,7 +296,7 @@ bool Layer::setDataParam(TRAVEX_FTP_HANDLE handle)
 
 bool Layer::look(TRAVEX_FTP_HANDLE handle, View& view)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     view.handle = find(handle);
     if (view.handle != nullptr)
     {

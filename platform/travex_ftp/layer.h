@@ -5,7 +5,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "guarded.h"
+#include "common/guard.h"
 #include "limits.h"
 #include "notifier.h"
 #include "task.h"
@@ -34,13 +34,13 @@ public:
     Layer& operator=(const Layer&) = delete;
 
     // Never null. Throws std::bad_alloc.
-    TRAVEX_FTP_HANDLE createHandle() EXCLUDES(mutex_);
+    TRAVEX_FTP_HANDLE createHandle() CORPDIR_EXCLUDES(guard_);
 
     // False, or null: no such handle.
-    bool closeHandle(TRAVEX_FTP_HANDLE handle) EXCLUDES(mutex_);
+    bool closeHandle(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(guard_);
     bool setSettings(TRAVEX_FTP_HANDLE handle, std::shared_ptr<const Settings> settings)
-        EXCLUDES(mutex_);
-    bool setDataParam(TRAVEX_FTP_HANDLE handle) EXCLUDES(mutex_);
+        CORPDIR_EXCLUDES(guard_);
+    bool setDataParam(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(guard_);
 
     // A handle's state as it stands at a moment.
     struct View
@@ -49,7 +49,7 @@ public:
         std::shared_ptr<const Settings> settings;
         bool dataParam = false;
     };
-    bool look(TRAVEX_FTP_HANDLE handle, View& view) EXCLUDES(mutex_);
+    bool look(TRAVEX_FTP_HANDLE handle, View& view) CORPDIR_EXCLUDES(guard_);
 
     void submit(TaskPtr task)
     {
@@ -64,7 +64,7 @@ private:
     bool join(Clock::time_point deadline);
     bool over();
 
-    std::shared_ptr<Handle> find(TRAVEX_FTP_HANDLE handle) REQUIRES(mutex_);
+    std::shared_ptr<Handle> find(TRAVEX_FTP_HANDLE handle) CORPDIR_REQUIRES(guard_);
 
     // Link of the runs that have ended but whose threads are not joined yet; under World's lock.
     std::shared_ptr<Layer> nextEnded_;
@@ -72,8 +72,9 @@ private:
     Notifier notifier_;
     TransferThread transfers_;
 
-    Mutex mutex_;
-    std::unordered_map<TRAVEX_FTP_HANDLE, std::shared_ptr<Handle>> handles_ GUARDED_BY(mutex_);
+    common::Guard guard_;
+    std::unordered_map<TRAVEX_FTP_HANDLE, std::shared_ptr<Handle>> handles_
+        CORPDIR_GUARDED_BY(guard_);
 };
 
 }  // namespace travex_ftp

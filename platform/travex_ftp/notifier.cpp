@@ -14,16 +14,16 @@ void Notifier::start()
 // What is queued stays queued, and goes with the object.
 void Notifier::stop()
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     stopping_ = true;
-    changed_.notify_all();
+    changed_.NotifyAll();
 }
 
 // A task that waits in the queue already is told of once, with the newest numbers: neither a slow
 // callback nor a fast network makes the queue grow.
 void Notifier::progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     task->news.bytes = bytes;
     task->news.total = total;
     enqueue(task);
@@ -32,7 +32,7 @@ void Notifier::progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 // A progress that waits in the queue is overtaken by the outcome.
 void Notifier::finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     task->news.over = true;
     task->news.bytes = bytes;
     task->news.total = total;
@@ -42,7 +42,7 @@ void Notifier::finished(const TaskPtr& task, const Failure& failure, uint64_t by
 
 void Notifier::close(Handle& handle)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     handle.closed = true;
 }
 
@@ -52,7 +52,7 @@ void Notifier::enqueue(const TaskPtr& task)
     {
         task->news.queued = true;
         queue_.push(task);
-        changed_.notify_one();
+        changed_.NotifyAll();
     }
 }
 
@@ -70,10 +70,10 @@ void Notifier::run()
 // Waits for news. The lock is released before they are told.
 bool Notifier::take(TaskPtr& task, Task::News& news)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     while (!stopping_ && queue_.empty())
     {
-        lock.wait(changed_);
+        changed_.Wait(guard_);
     }
     if (stopping_)
     {
@@ -88,7 +88,7 @@ bool Notifier::take(TaskPtr& task, Task::News& news)
 // Asked before each single callback: a handle may be closed, or the layer stopped, between two.
 bool Notifier::mayBegin(const Task& task)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     return !stopping_ && !task.handle->closed;
 }
 

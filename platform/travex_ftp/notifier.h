@@ -2,7 +2,7 @@
 #ifndef TRAVEX_FTP_NOTIFIER_H
 #define TRAVEX_FTP_NOTIFIER_H
 
-#include "guarded.h"
+#include "common/guard.h"
 #include "task.h"
 #include "worker.h"
 
@@ -16,7 +16,7 @@ public:
     void start();
 
     // From now on no notification begins. Waits for nothing.
-    void stop() EXCLUDES(mutex_);
+    void stop() CORPDIR_EXCLUDES(guard_);
 
     Worker& worker()
     {
@@ -24,30 +24,30 @@ public:
     }
 
     // A task has received bytes. A progress that was not yet told is overwritten.
-    void progress(const TaskPtr& task, uint64_t bytes, uint64_t total) EXCLUDES(mutex_);
+    void progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(guard_);
 
     // A task is over; a failure without a code is success. Told once, in the order of these calls.
     void finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total)
-        EXCLUDES(mutex_);
+        CORPDIR_EXCLUDES(guard_);
 
     // Closes a handle: none of its notifications begins any more.
-    void close(Handle& handle) EXCLUDES(mutex_);
+    void close(Handle& handle) CORPDIR_EXCLUDES(guard_);
 
 private:
-    void run() EXCLUDES(mutex_);
-    bool take(TaskPtr& task, Task::News& news) EXCLUDES(mutex_);
-    bool mayBegin(const Task& task) EXCLUDES(mutex_);
-    void enqueue(const TaskPtr& task) REQUIRES(mutex_);
+    void run() CORPDIR_EXCLUDES(guard_);
+    bool take(TaskPtr& task, Task::News& news) CORPDIR_EXCLUDES(guard_);
+    bool mayBegin(const Task& task) CORPDIR_EXCLUDES(guard_);
+    void enqueue(const TaskPtr& task) CORPDIR_REQUIRES(guard_);
     void deliver(const Task& task, Task::News& news);
     void notify(const Task& task, unsigned int type, Failure* failure);
     void tellObserver(const Task& task, const Task::News& news);
 
     Worker worker_;
 
-    Mutex mutex_;
-    std::condition_variable changed_;
-    bool stopping_ GUARDED_BY(mutex_) = false;
-    TaskQueue<&Task::nextNews> queue_ GUARDED_BY(mutex_);
+    common::Guard guard_;
+    common::Signal changed_;
+    bool stopping_ CORPDIR_GUARDED_BY(guard_) = false;
+    TaskQueue<&Task::nextNews> queue_ CORPDIR_GUARDED_BY(guard_);
 };
 
 }  // namespace travex_ftp

@@ -1,6 +1,6 @@
 #include "observer.h"
 
-#include "guarded.h"
+#include "common/guard.h"
 
 namespace travex_ftp
 {
@@ -16,12 +16,12 @@ struct Call
 // Never destroyed: observations may come until the process is gone.
 struct State
 {
-    Mutex mutex;
-    std::condition_variable ended;
-    TRAVEX_FTP_OBSERVER_CB observer GUARDED_BY(mutex) = nullptr;
-    void* user GUARDED_BY(mutex) = nullptr;
-    uint64_t settings GUARDED_BY(mutex) = 0;
-    Call* calls GUARDED_BY(mutex) = nullptr;
+    common::Guard guard;
+    common::Signal ended;
+    TRAVEX_FTP_OBSERVER_CB observer CORPDIR_GUARDED_BY(guard) = nullptr;
+    void* user CORPDIR_GUARDED_BY(guard) = nullptr;
+    uint64_t settings CORPDIR_GUARDED_BY(guard) = 0;
+    Call* calls CORPDIR_GUARDED_BY(guard) = nullptr;
 };
 
 State& state()
@@ -34,7 +34,7 @@ State& state()
 thread_local unsigned int t_observing = 0;
 
 // An observer that was replaced is still running.
-bool callsBefore(const State& all, uint64_t setting) REQUIRES(all.mutex)
+bool callsBefore(const State& all, uint64_t setting) CORPDIR_REQUIRES(all.guard)
 {
     for (const Call* call = all.calls; call != nullptr; call = call->next)
     {
@@ -46,7 +46,7 @@ bool callsBefore(const State& all, uint64_t setting) REQUIRES(all.mutex)
     return false;
 }
 
-void unlink(State& all, const Call& call) REQUIRES(all.mutex)
+void unlink(State& all, const Call& call) CORPDIR_REQUIRES(all.guard)
 {
     Call** link = &all.calls;
     while (*link != &call)
@@ -61,21 +61,21 @@ void unlink(State& all, const Call& call) REQUIRES(all.mutex)
 void setObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
 {
     State& all = state();
-    Lock lock(all.mutex);
+    const common::Hold hold(all.guard);
     const uint64_t setting = ++all.settings;
     all.observer = observer;
     all.user = user;
     // An observer that replaces itself cannot wait for its own end.
     while (t_observing == 0 && callsBefore(all, setting))
     {
-        lock.wait(all.ended);
+        all.ended.Wait(all.guard);
     }
 }
 
 bool observed()
 {
     State& all = state();
-    Lock lock(all.mutex);
+    const common::Hold hold(all.guard);
     return all.observer != nullptr;
 }
 
@@ -86,7 +86,7 @@ void observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     TRAVEX_FTP_OBSERVER_CB observer = nullptr;
     void* user = nullptr;
     {
-        Lock lock(all.mutex);
+        const common::Hold hold(all.guard);
         if (all.observer == nullptr)
         {
             return;
@@ -99,9 +99,9 @@ void observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     ++t_observing;
     observer(user, &seen);
     --t_observing;
-    Lock lock(all.mutex);
+    const common::Hold hold(all.guard);
     unlink(all, call);
-    all.ended.notify_all();
+    all.ended.NotifyAll();
 }
 
 }  // namespace travex_ftp

@@ -11,7 +11,7 @@ namespace travex_ftp
 // Under the lock as a whole, so that shutDownAll() misses none that is just being made.
 int Sockets::open(int family, int type, int protocol)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     if (shutDown_)
     {
         errno = ESHUTDOWN;
@@ -37,14 +37,14 @@ int Sockets::open(int family, int type, int protocol)
 
 int Sockets::close(int socket)
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     open_.erase(socket);
     return ::close(socket);
 }
 
 void Sockets::shutDownAll()
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     shutDown_ = true;
     for (const int socket : open_)
     {

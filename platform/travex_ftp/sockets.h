@@ -4,7 +4,7 @@
 
 #include <unordered_set>
 
-#include "guarded.h"
+#include "common/guard.h"
 
 namespace travex_ftp
 {
@@ -15,18 +15,18 @@ class Sockets
 {
 public:
     // Makes a socket. -1 and errno when that fails, and after shutDownAll().
-    int open(int family, int type, int protocol) EXCLUDES(mutex_);
+    int open(int family, int type, int protocol) CORPDIR_EXCLUDES(guard_);
 
     // Returns close()'s result.
-    int close(int socket) EXCLUDES(mutex_);
+    int close(int socket) CORPDIR_EXCLUDES(guard_);
 
     // Makes every pending and every later read or write fail.
-    void shutDownAll() EXCLUDES(mutex_);
+    void shutDownAll() CORPDIR_EXCLUDES(guard_);
 
 private:
-    Mutex mutex_;
-    bool shutDown_ GUARDED_BY(mutex_) = false;
-    std::unordered_set<int> open_ GUARDED_BY(mutex_);
+    common::Guard guard_;
+    bool shutDown_ CORPDIR_GUARDED_BY(guard_) = false;
+    std::unordered_set<int> open_ CORPDIR_GUARDED_BY(guard_);
 };
 
 }  // namespace travex_ftp

@@ -2,7 +2,7 @@
 
 #include <unordered_set>
 
-#include "guarded.h"
+#include "common/guard.h"
 
 namespace travex_ftp
 {
@@ -11,9 +11,9 @@ namespace
 // Ids of live tasks, of all runs of the layer. Never destroyed: a task may outlive static objects.
 struct LiveIds
 {
-    Mutex mutex;
-    std::unordered_set<unsigned int> ids GUARDED_BY(mutex);
-    unsigned int last GUARDED_BY(mutex) = 0;
+    common::Guard guard;
+    std::unordered_set<unsigned int> ids CORPDIR_GUARDED_BY(guard);
+    unsigned int last CORPDIR_GUARDED_BY(guard) = 0;
 };
 
 LiveIds& liveIds()
@@ -27,7 +27,7 @@ LiveIds& liveIds()
 TaskId::TaskId()
 {
     LiveIds& live = liveIds();
-    Lock lock(live.mutex);
+    const common::Hold hold(live.guard);
     // After four thousand million tasks the numbers start again, past those still in use.
     do
     {
@@ -39,7 +39,7 @@ TaskId::TaskId()
 TaskId::~TaskId()
 {
     LiveIds& live = liveIds();
-    Lock lock(live.mutex);
+    const common::Hold hold(live.guard);
     live.ids.erase(value_);
 }
 

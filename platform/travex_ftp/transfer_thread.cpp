@@ -40,7 +40,7 @@ void TransferThread::start()
 void TransferThread::stop()
 {
     {
-        Lock lock(mutex_);
+        const common::Hold hold(guard_);
         stopping_ = true;
     }
     sockets_.shutDownAll();
@@ -51,7 +51,7 @@ void TransferThread::stop()
 void TransferThread::submit(TaskPtr task)
 {
     {
-        Lock lock(mutex_);
+        const common::Hold hold(guard_);
         submitted_.push(std::move(task));
     }
     (void)curl_multi_wakeup(multi_);
@@ -80,7 +80,7 @@ void TransferThread::run()
 // False when the thread is to end.
 bool TransferThread::takeOrders()
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     waiting_.append(submitted_);
     return !stopping_;
 }

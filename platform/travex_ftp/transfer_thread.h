@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
+#include "common/guard.h"
 #include "connection.h"
-#include "guarded.h"
 #include "notifier.h"
 #include "task.h"
 #include "worker.h"
@@ -29,7 +29,7 @@ public:
     void start();
 
     // Lets the thread end: its transfers are cancelled, its connections closed. Waits for nothing.
-    void stop() EXCLUDES(mutex_);
+    void stop() CORPDIR_EXCLUDES(guard_);
 
     Worker& worker()
     {
@@ -37,14 +37,14 @@ public:
     }
 
     // Accepts a task. Cannot fail; after stop() the task is dropped.
-    void submit(TaskPtr task) EXCLUDES(mutex_);
+    void submit(TaskPtr task) CORPDIR_EXCLUDES(guard_);
 
     // Handles were closed: their transfers are to be dropped.
     void handleClosed();
 
 private:
     void run();
-    bool takeOrders() EXCLUDES(mutex_);
+    bool takeOrders() CORPDIR_EXCLUDES(guard_);
     void dropClosed();
     void startWaiting();
     bool startFront();
@@ -74,9 +74,9 @@ private:
     CURLM* const multi_;
     Worker worker_;
 
-    Mutex mutex_;
-    bool stopping_ GUARDED_BY(mutex_) = false;
-    TaskQueue<&Task::nextTransfer> submitted_ GUARDED_BY(mutex_);
+    common::Guard guard_;
+    bool stopping_ CORPDIR_GUARDED_BY(guard_) = false;
+    TaskQueue<&Task::nextTransfer> submitted_ CORPDIR_GUARDED_BY(guard_);
 
     // A server that takes no more than so many connections, learnt from its refusal of another one;
     // remembered as long as there is one.

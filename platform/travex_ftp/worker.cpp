@@ -48,7 +48,7 @@ private:
 void Worker::start(std::function<void()> body)
 {
     {
-        Lock lock(mutex_);
+        const common::Hold hold(guard_);
         state_ = State::Running;
     }
     // Before the thread exists, which may be over before this function is.
@@ -60,14 +60,14 @@ void Worker::start(std::function<void()> body)
             {
                 t_worker = this;
                 run();
-                Lock lock(mutex_);
+                const common::Hold hold(guard_);
                 state_ = State::Over;
-                changed_.notify_all();
+                changed_.NotifyAll();
             });
     }
     catch (...)
     {
-        Lock lock(mutex_);
+        const common::Hold hold(guard_);
         state_ = State::Idle;
         throw;
     }
@@ -77,14 +77,14 @@ void Worker::start(std::function<void()> body)
 bool Worker::join(Clock::time_point deadline)
 {
     {
-        Lock lock(mutex_);
+        const common::Hold hold(guard_);
         while (state_ == State::Running || state_ == State::Joining)
         {
             if (deadline == Clock::time_point::max())
             {
-                lock.wait(changed_);
+                changed_.Wait(guard_);
             }
-            else if (!lock.waitUntil(changed_, deadline) && state_ != State::Over)
+            else if (!changed_.WaitUntil(guard_, deadline) && state_ != State::Over)
             {
                 return false;
             }
@@ -96,15 +96,15 @@ bool Worker::join(Clock::time_point deadline)
         state_ = State::Joining;
     }
     thread_.join();
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     state_ = State::Joined;
-    changed_.notify_all();
+    changed_.NotifyAll();
     return true;
 }
 
 bool Worker::over()
 {
-    Lock lock(mutex_);
+    const common::Hold hold(guard_);
     return state_ != State::Running;
 }
 

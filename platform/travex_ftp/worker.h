@@ -5,7 +5,7 @@
 #include <functional>
 #include <thread>
 
-#include "guarded.h"
+#include "common/guard.h"
 #include "limits.h"
 
 namespace travex_ftp
@@ -51,9 +51,9 @@ private:
         Joined,
     };
 
-    Mutex mutex_;
-    std::condition_variable changed_;
-    State state_ GUARDED_BY(mutex_) = State::Idle;
+    common::Guard guard_;
+    common::Signal changed_;
+    State state_ CORPDIR_GUARDED_BY(guard_) = State::Idle;
     std::thread thread_;  // set by start(), used by the one caller that joins
 };
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -336,6 +337,28 @@ TEST_F(LogFile, AClosedLogDropsRecordsAndMayBeClosedAgain)
     EXPECT_EQ(g_LogOne, log);
     Write(0, "second");
     EXPECT_THAT(ClosedTexts(), ElementsAre("first", "second"));
+}
+
+// Registered for the life of the process: of no use to other tests, and harmless to them.
+std::atomic<int> g_closings{0};
+
+TEST_F(LogFile, LastWordsAreWrittenAtEachCloseOfAnOpenLog)
+{
+    ASSERT_TRUE(CorpDir_AtCloseLog(
+        []
+        {
+            ++g_closings;
+            Write(1, "last words");
+        }));
+    for (int time = 1; time <= 2; ++time)
+    {
+        ASSERT_EQ(Open(Info(Directory())), 0U);
+        Write(1, "a word");
+        CorpDir_CloseLog();
+        CorpDir_CloseLog();
+        EXPECT_EQ(g_closings, time);
+    }
+    EXPECT_THAT(ClosedTexts(), ElementsAre("a word", "last words", "a word", "last words"));
 }
 
 TEST_F(LogFile, EachProcessGetsANameOfItsOwn)

@@ -315,6 +315,18 @@ TEST_F(OsakMemory, LogsLiveBlocksByPlace)
                             "Live: 1 blocks, 10 bytes from a.cpp:5"));
 }
 
+TEST_F(OsakMemory, LiveBlocksAreLoggedWhenTheLogIsClosed)
+{
+    void* const block = OSAK_MemMallocD(10, 5, "a.cpp");
+    CorpDir_CloseLog();
+    OSAK_MemFreeD(block, kLine, kFile);
+    const std::vector<captured_log::Record> records = captured_log::Records();
+    ASSERT_EQ(3U, records.size());
+    EXPECT_EQ("Live: 1 blocks, 10 bytes", records[0].text);
+    EXPECT_EQ("Live: 1 blocks, 10 bytes from a.cpp:5", records[1].text);
+    EXPECT_EQ(captured_log::Kind::kClose, records[2].kind);
+}
+
 TEST_F(OsakMemory, TheNthRequestFailsOnce)
 {
     OSAK_MemFailRequest(2);

@@ -13,15 +13,17 @@ import sys
 
 PLATFORM_HEADERS = {"travex_ftp.h", "osak.h", "zep.h", "corpdir_log.h"}
 CLIENT_HEADERS = {"ftpcorpdir.h", "corpdir_loginfo.h"}
+COMMON = {"common/guard.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
 # Folder: the project's headers that it may include beside those of its own folder.
 ALLOWED = {
     "platform/include": CLIENT_HEADERS & {"corpdir_loginfo.h"},
-    "platform/corpdir_log": {"corpdir_log.h", "corpdir_loginfo.h"},
-    "platform/osak": {"osak.h", "corpdir_log.h"},
+    "platform/common": set(),
+    "platform/corpdir_log": {"corpdir_log.h", "corpdir_loginfo.h"} | COMMON,
+    "platform/osak": {"osak.h", "corpdir_log.h"} | COMMON,
     "platform/zep": {"zep.h"},
-    "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"},
+    "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | COMMON,
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
     "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"},

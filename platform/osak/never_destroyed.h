@@ -1,0 +1,30 @@
+// Storage for objects that outlive the exit handlers.
+#ifndef OSAK_NEVER_DESTROYED_H
+#define OSAK_NEVER_DESTROYED_H
+
+#include <new>
+
+namespace osak
+{
+// A static object that is never destroyed: threads and static destructors still use it after the
+// exit handlers have run. Making one takes no memory from the heap.
+template <typename T>
+class NeverDestroyed
+{
+public:
+    NeverDestroyed()
+    {
+        new (m_storage) T;
+    }
+    T& Get()
+    {
+        return *std::launder(reinterpret_cast<T*>(m_storage));
+    }
+
+private:
+    alignas(T) unsigned char m_storage[sizeof(T)];
+};
+
+}  // namespace osak
+
+#endif
