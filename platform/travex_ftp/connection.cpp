@@ -118,9 +118,8 @@ bool Connection::add(CURLM* multi)
     socketError_ = 0;
     detail_[0] = '\0';
     started_ = Clock::now();
-    // Until the file flows Transfer finds the missing reply first.
-    if (setReplyLimit(easy_.get(), leaving_ ? kFarewell : limits_.response + kFarewell) !=
-            CURLE_OK ||
+    // Until the file flows it is Transfer that finds a reply missing.
+    if (setReplyLimit(easy_.get(), leaving_ ? kFarewell : limits_.transfer) != CURLE_OK ||
         curl_multi_add_handle(multi, easy_.get()) != CURLM_OK)
     {
         return false;
@@ -194,7 +193,7 @@ std::unique_ptr<Transfer> Connection::end(CURLcode result)
 bool Connection::judge(CURLcode result)
 {
     Failure& failure = transfer_->failure();
-    if (failed(failure))
+    if (failed(failure) || cancelled())
     {
         return false;
     }
@@ -376,7 +375,7 @@ size_t Connection::onReply(char* line, size_t size, size_t count, void* self)
     {
         return length;
     }
-    if (!it.transfer_->replyHeard(line, length))
+    if (it.cancelled() || !it.transfer_->replyHeard(line, length))
     {
         it.shutDown();
         return 0;
@@ -396,7 +395,8 @@ size_t Connection::onData(char* data, size_t size, size_t count, void* self)
 {
     Connection& it = *static_cast<Connection*>(self);
     const size_t length = size * count;
-    if (it.transfer_ != nullptr && it.dataAllowed() && it.transfer_->dataArrived(data, length))
+    if (it.transfer_ != nullptr && !it.cancelled() && it.dataAllowed() &&
+        it.transfer_->dataArrived(data, length))
     {
         return length;
     }
@@ -444,7 +444,8 @@ CURLcode Connection::onTlsContext(CURL*, void* context, void* self)
     TlsChannel& channel = it.loggedIn_ ? it.data_ : it.control_;
     // The handshake of an explicit control channel is a blocking call; for all others this is far
     // beyond our own limit.
-    it.limitConnecting(it.loggedIn_ ? it.limits_.transfer : it.limits_.handshake);
+    const bool blocks = !it.loggedIn_ && it.blocksToConnect();
+    it.limitConnecting(blocks ? it.limits_.handshake : it.limits_.transfer);
     return channel.configure(static_cast<SSL_CTX*>(context)) ? CURLE_OK : CURLE_SSL_CIPHER;
 }
 

@@ -59,6 +59,12 @@ public:
     // The server has not turned it away: a command was sent, now or in an earlier transfer.
     bool welcome() const;
 
+    // Its handshake, if that is a blocking call, is behind it.
+    bool proven() const
+    {
+        return !blocksToConnect() || control_.established();
+    }
+
     // When a transfer that still has no greeting need not wait for it if another connection can be
     // had; time_point::max() once there is one, and without a transfer.
     Clock::time_point patience() const;
@@ -114,7 +120,16 @@ private:
 
     void handshakeStarted() override;
     void handshakeDone() override;
+    bool cancelled() const override
+    {
+        return transfer_ != nullptr && transfer_->cancelled();
+    }
 
+    // libcurl makes the handshake after AUTH in one call.
+    bool blocksToConnect() const
+    {
+        return settings_->tls.encrypted && !settings_->tls.implicit;
+    }
     bool prepare();
     bool installCallbacks();
     bool add(CURLM* multi);

@@ -219,7 +219,7 @@ bool DownloadFile::takePermissions(Failure& failure)
     return true;
 }
 
-bool DownloadFile::commit(Failure& failure)
+bool DownloadFile::complete(Failure& failure)
 {
     if (!flushPiece(failure) || !takePermissions(failure))
     {
@@ -229,6 +229,11 @@ bool DownloadFile::commit(Failure& failure)
     {
         return localFailure(failure, "cannot flush");
     }
+    return true;
+}
+
+bool DownloadFile::publish(Failure& failure)
+{
     if (renameat(directoryFd_, temporary_, directoryFd_, name_.c_str()) != 0)
     {
         return localFailure(failure, "cannot replace");

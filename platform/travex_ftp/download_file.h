@@ -30,9 +30,12 @@ public:
     // Collects large pieces before it writes.
     bool write(const char* data, size_t length, Failure& failure);
 
-    // Writes out, flushes to the disk and renames over the target: a symbolic link is replaced
-    // itself, the permissions of a replaced file are kept. Afterwards the object is as new.
-    bool commit(Failure& failure);
+    // Writes out and flushes to the disk, with the permissions of the file that is to be replaced.
+    bool complete(Failure& failure);
+
+    // Renames over the target what is complete: a symbolic link is replaced itself. Afterwards the
+    // object is as new.
+    bool publish(Failure& failure);
 
     // Removes the temporary file, if there is one.
     void discard();

@@ -211,10 +211,20 @@ void Layer::start()
     }
 }
 
-// The notifier first: what the transfer thread still finishes is told to nobody.
+// The notifier first: what the transfer thread still finishes is told to nobody. Then the handles:
+// nobody may wait for the threads, and until they end nothing more is to come of the transfers.
 void Layer::stop()
 {
     notifier_.stop();
+    std::unordered_map<TRAVEX_FTP_HANDLE, std::shared_ptr<Handle>> closed;
+    {
+        const common::Hold hold(guard_);
+        closed.swap(handles_);
+    }
+    for (const auto& entry : closed)
+    {
+        notifier_.close(*entry.second);
+    }
     transfers_.stop();
 }
 

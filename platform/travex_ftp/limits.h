@@ -22,8 +22,8 @@ struct Limits
     milliseconds stall{30000};      // CORPDIR_FTP_STALL_MS: window of the data channel's pace
     uint64_t stallBytes = 1024;     // CORPDIR_FTP_STALL_BYTES: least that must arrive in a window
     milliseconds confirm{5000};     // CORPDIR_FTP_CONFIRM_MS, in effect whole seconds: from the end
-                                    // of the data channel to the 226. libcurl waits for it in a
-                                    // blocking call, which holds up all transfers: a short one
+                                    // of the data channel to the 226. Short, since libcurl waits
+                                    // for it in a blocking call, which holds up all transfers
     milliseconds transfer{6 * 3600 * 1000};  // CORPDIR_FTP_TRANSFER_MS: one transfer, all in all
     milliseconds idle{15000};         // CORPDIR_FTP_IDLE_MS: an unused control connection is closed
     milliseconds observe{100};        // CORPDIR_FTP_OBSERVE_MS: between two progress observations

@@ -11,7 +11,7 @@ void Notifier::start()
     worker_.start([this] { run(); });
 }
 
-// What is queued stays queued, and goes with the object.
+// What is queued goes with the thread.
 void Notifier::stop()
 {
     const common::Hold hold(guard_);
@@ -64,6 +64,11 @@ void Notifier::run()
     {
         deliver(*task, news);
         task.reset();  // before the wait: its id is free, its settings are wiped
+    }
+    TaskQueue<&Task::nextNews> dropped;
+    {
+        const common::Hold hold(guard_);
+        dropped.append(queue_);
     }
 }
 

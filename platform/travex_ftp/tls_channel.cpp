@@ -169,6 +169,11 @@ bool TlsChannel::askClient(X509* certificate)
     {
         return true;
     }
+    if (listener_.cancelled())
+    {
+        refuse(failure_, kind_, "certificate of a closed handle's server");
+        return false;
+    }
     char subject[512] = "";
     (void)X509_NAME_oneline(X509_get_subject_name(certificate), subject, sizeof subject);
     std::string server = settings_.server.literal;

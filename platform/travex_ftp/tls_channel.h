@@ -18,6 +18,9 @@ public:
     virtual void handshakeStarted() = 0;
     virtual void handshakeDone() = 0;
 
+    // The client has lost interest: it is not to be asked any more.
+    virtual bool cancelled() const = 0;
+
 protected:
     ~TlsListener() = default;
 };

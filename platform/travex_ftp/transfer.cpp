@@ -53,6 +53,13 @@ void Transfer::begin(bool reused)
                    task_->serverFile.c_str(), reused ? "known" : "new");
 }
 
+void Transfer::makeUpFor(Clock::duration lost)
+{
+    begun_ += lost;
+    waitBegun_ += lost;
+    waitUntil_ += lost;
+}
+
 // Restarts the clock: called with every sign of life of the peer that counts as one.
 void Transfer::waitFor(Wait what, milliseconds limit)
 {
@@ -252,9 +259,10 @@ bool Transfer::checkComplete()
     return true;
 }
 
+// Flushing may take its time, in which the handle may be closed.
 bool Transfer::commit()
 {
-    return file_.commit(failure_);
+    return file_.complete(failure_) && !cancelled() && file_.publish(failure_);
 }
 
 void Transfer::abandon()

@@ -46,6 +46,15 @@ public:
         return wait_ == Wait::DataConnection;
     }
 
+    // Its handle was closed: nobody is told of it any more, and nothing of it may begin.
+    bool cancelled() const
+    {
+        return task_->handle->closed;
+    }
+
+    // Moves all limits on time by what was lost for it.
+    void makeUpFor(Clock::duration lost);
+
     // All that can fail without a connection: address, directory, file. Throws std::bad_alloc.
     bool prepare();
 
@@ -109,7 +118,7 @@ private:
     const TaskPtr task_;
     Notifier& notifier_;
     const Limits& limits_;
-    const Clock::time_point begun_;
+    Clock::time_point begun_;
     DownloadFile file_;
     Replies replies_;
     Failure failure_{};

@@ -26,10 +26,14 @@ TransferThread::TransferThread(Notifier& notifier, const Limits& limits)
                             static_cast<long>(limits.connections) * 2);
 }
 
-// Sockets that are still open were shut down by the thread: nothing here blocks.
+// Of a thread that never ran, or that the end of the process has stopped.
 TransferThread::~TransferThread()
 {
-    (void)curl_multi_cleanup(multi_);
+    const common::Hold hold(guard_);
+    if (!ended_)
+    {
+        (void)curl_multi_cleanup(multi_);
+    }
 }
 
 void TransferThread::start()
@@ -44,7 +48,7 @@ void TransferThread::stop()
         stopping_ = true;
     }
     sockets_.shutDownAll();
-    (void)curl_multi_wakeup(multi_);
+    wake();
 }
 
 // Nobody waits for the answer: the thread takes the task up when it is woken.
@@ -54,24 +58,41 @@ void TransferThread::submit(TaskPtr task)
         const common::Hold hold(guard_);
         submitted_.push(std::move(task));
     }
-    (void)curl_multi_wakeup(multi_);
+    wake();
 }
 
 void TransferThread::handleClosed()
 {
-    (void)curl_multi_wakeup(multi_);
+    {
+        const common::Hold hold(guard_);
+        someClosed_ = true;
+    }
+    wake();
+}
+
+// The one call of the multi handle that other threads may make.
+void TransferThread::wake()
+{
+    const common::Hold hold(guard_);
+    if (!ended_)
+    {
+        (void)curl_multi_wakeup(multi_);
+    }
 }
 
 void TransferThread::run()
 {
     while (takeOrders())
     {
+        Clock::time_point since = Clock::now();
         dropClosed();
         perform();
+        makeUpFor(since);
         expire();
         forgetDead();
         startWaiting();  // what ended above has made room
         moveUngreeted();
+        makeUpFor(since);
         wait();
     }
     windUp();
@@ -80,58 +101,135 @@ void TransferThread::run()
 // False when the thread is to end.
 bool TransferThread::takeOrders()
 {
-    const common::Hold hold(guard_);
-    waiting_.append(submitted_);
-    return !stopping_;
+    TaskQueue<&Task::nextTransfer> taken;
+    {
+        const common::Hold hold(guard_);
+        taken.append(submitted_);
+        dropping_ = dropping_ || someClosed_;
+        someClosed_ = false;
+        if (stopping_)
+        {
+            return false;
+        }
+    }
+    while (const TaskPtr task = taken.pop())
+    {
+        queue(task);
+    }
+    return true;
+}
+
+void TransferThread::queue(const TaskPtr& task)
+{
+    try
+    {
+        Lane* lane = laneOf(task->settings);
+        if (lane == nullptr)
+        {
+            lanes_.push_back(std::make_unique<Lane>(task->settings));
+            lane = lanes_.back().get();
+        }
+        lane->waiting.push(task);
+    }
+    catch (const std::bad_alloc&)
+    {
+        Failure failure{};
+        (void)failSystem(failure, "transfer");
+        notifier_.finished(task, failure, 0, TRAVEX_FTP_SIZE_UNKNOWN);
+    }
+}
+
+// Null: nothing waits for the server, nor is there a connection to it.
+Lane* TransferThread::laneOf(const std::shared_ptr<const Settings>& settings) const
+{
+    const auto found = std::find_if(lanes_.begin(), lanes_.end(),
+                                    [&settings](const std::unique_ptr<Lane>& lane)
+                                    { return lane->serves(settings); });
+    return found != lanes_.end() ? found->get() : nullptr;
 }
 
 // Transfers and waiting tasks of handles that were closed end without a word.
 void TransferThread::dropClosed()
 {
+    if (!dropping_)
+    {
+        return;
+    }
+    dropping_ = false;
     for (const auto& connection : connections_)
     {
-        if (connection->transfer() != nullptr && connection->transfer()->task().handle->closed)
+        if (connection->transfer() != nullptr && connection->transfer()->cancelled())
         {
             connection->end()->abandon();
         }
     }
-    TaskQueue<&Task::nextTransfer> kept;
-    while (TaskPtr task = waiting_.pop())
+    for (const auto& lane : lanes_)
     {
-        if (!task->handle->closed)
+        TaskQueue<&Task::nextTransfer> kept;
+        while (TaskPtr task = lane->waiting.pop())
         {
-            kept.push(std::move(task));
+            if (!task->handle->closed)
+            {
+                kept.push(std::move(task));
+            }
+        }
+        lane->waiting.append(kept);
+    }
+}
+
+// Time that the thread spent in one blocking call is nobody's fault: it does not count against the
+// limits of the others, whose answers may have been there all along.
+void TransferThread::makeUpFor(Clock::time_point& since)
+{
+    constexpr milliseconds kNoticeable{50};
+    const Clock::time_point now = Clock::now();
+    const Clock::duration lost = now - since;
+    since = now;
+    if (lost < kNoticeable)
+    {
+        return;
+    }
+    for (const auto& connection : connections_)
+    {
+        if (connection->transfer() != nullptr)
+        {
+            connection->transfer()->makeUpFor(lost);
         }
     }
-    waiting_.append(kept);
 }
 
+// A task of each server in turn: none waits for another server's.
 void TransferThread::startWaiting()
 {
-    while (!waiting_.empty() && startFront())
+    for (bool started = true; started;)
     {
+        started = false;
+        for (const auto& lane : lanes_)
+        {
+            started = (!lane->waiting.empty() && startFront(*lane)) || started;
+        }
     }
 }
 
-// False when the task at the front has to wait for a connection; those behind it wait with it.
-bool TransferThread::startFront()
+// False when the lane's first task has to wait for a connection; those behind it wait with it.
+bool TransferThread::startFront(Lane& lane)
 {
     TaskPtr task;
     try
     {
-        Connection* const connection = connectionFor(*waiting_.front());
+        Connection* const connection = connectionFor(lane);
         if (connection == nullptr)
         {
             return false;
         }
-        task = waiting_.pop();
+        task = lane.waiting.pop();
         beginTransfer(std::make_unique<Transfer>(task, notifier_, limits_), *connection);
     }
     catch (const std::bad_alloc&)
     {
         Failure failure{};
         (void)failSystem(failure, "transfer");
-        notifier_.finished(task != nullptr ? task : waiting_.pop(), failure, 0,
+        notifier_.finished(task != nullptr ? task : lane.waiting.pop(), failure, 0,
                            TRAVEX_FTP_SIZE_UNKNOWN);
     }
     return true;
@@ -145,15 +243,28 @@ Connection* TransferThread::idleFor(const Settings& settings) const
     return idle != connections_.end() ? idle->get() : nullptr;
 }
 
-// An idle connection that serves the task, else a new one if there may be another.
-Connection* TransferThread::connectionFor(const Task& task)
+// An idle connection that serves the lane, else a new one if there may be another.
+Connection* TransferThread::connectionFor(Lane& lane)
 {
-    Connection* const idle = idleFor(*task.settings);
+    Connection* const idle = idleFor(lane.settings());
     if (idle != nullptr)
     {
         return idle;
     }
-    if (isCrowded(*task.settings))
+    size_t open = 0;
+    bool proven = false;
+    for (const auto& connection : connections_)
+    {
+        if ((connection->alive() || connection->busy()) && connection->matches(lane.settings()))
+        {
+            ++open;
+            proven = proven || connection->proven();
+        }
+    }
+    const Clock::time_point now = Clock::now();
+    // A server that hangs in the one handshake that is a blocking call shall not do so on many
+    // connections one after the other.
+    if ((open != 0 && !proven) || !lane.mayConnect(open, now))
     {
         return nullptr;
     }
@@ -162,7 +273,9 @@ Connection* TransferThread::connectionFor(const Task& task)
         makeRoom();
         return nullptr;
     }
-    return &addConnection(task.settings);
+    Connection& added = addConnection(lane.waiting.front()->settings);
+    lane.connects(open, now);
+    return &added;
 }
 
 // Makes room first: what is pushed later in a callback-driven pass must not fail for memory.
@@ -170,7 +283,6 @@ Connection& TransferThread::addConnection(const std::shared_ptr<const Settings>&
 {
     const size_t count = connections_.size() + 1;
     connections_.reserve(count);
-    crowds_.reserve(count);
     watched_.reserve(count);
     watchers_.reserve(count);
     connections_.push_back(
@@ -192,18 +304,6 @@ size_t TransferThread::countOpen(const Settings& settings) const
     return static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(), open));
 }
 
-bool TransferThread::isCrowded(const Settings& settings) const
-{
-    const auto crowd = std::find_if(crowds_.begin(), crowds_.end(),
-                                    [&settings](const Crowd& each)
-                                    { return each.settings->sameConnection(settings); });
-    const auto open = [&settings](const std::unique_ptr<Connection>& connection)
-    { return (connection->alive() || connection->busy()) && connection->matches(settings); };
-    return crowd != crowds_.end() &&
-           static_cast<size_t>(std::count_if(connections_.begin(), connections_.end(), open)) >=
-               crowd->most;
-}
-
 // A server that turns a connection away while it serves others of ours is not failing: the task
 // waits for one of those. A 421 tells that it serves none of those that it has not greeted either;
 // without a word their greetings may be on their way. False when there are none, or the reason was
@@ -218,20 +318,11 @@ bool TransferThread::queueAgain(const Transfer& transfer)
     {
         return false;
     }
-    const auto known = std::find_if(crowds_.begin(), crowds_.end(),
-                                    [&settings](const Crowd& each)
-                                    { return each.settings->sameConnection(*settings); });
-    if (known == crowds_.end())
-    {
-        crowds_.push_back({settings, others});  // room was made with the connection
-    }
-    else
-    {
-        known->most = std::max(known->most, others);
-    }
+    Lane* const lane = laneOf(settings);  // there as long as its connections are
+    lane->turnedAway(others, Clock::now());
     TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u waits: the server takes %zu connections",
                    settings->serverText.c_str(), transfer.task().id.value(), others);
-    waiting_.pushFront(transfer.taskPtr());
+    lane->waiting.pushFront(transfer.taskPtr());
     return true;
 }
 
@@ -287,14 +378,15 @@ void TransferThread::finishDone()
     }
 }
 
-// The transfer is null when the connection has taken its leave.
+// What comes of a transfer that has left its connection; null when it was the connection that has
+// taken its leave.
 void TransferThread::conclude(Connection& connection, std::unique_ptr<Transfer> transfer)
 {
     if (transfer == nullptr)
     {
         return;
     }
-    const bool success = !failed(transfer->failure());
+    const bool success = !failed(transfer->failure()) && !transfer->cancelled();
     // After a failure it is not known whose turn it is: the next transfer could take a late reply
     // for its own. Some servers say something even after they have refused a file.
     if (connection.idle() && !success)
@@ -302,7 +394,11 @@ void TransferThread::conclude(Connection& connection, std::unique_ptr<Transfer> 
         connection.shutDown();
         connection.leave(multi_);
     }
-    if (!success && transfer->wantsFreshConnection())
+    if (transfer->cancelled())
+    {
+        transfer->abandon();
+    }
+    else if (!success && transfer->wantsFreshConnection())
     {
         retry(std::move(transfer));
     }
@@ -328,7 +424,7 @@ void TransferThread::moveUngreeted()
     }
 }
 
-// May exceed the number of connections by one, for the moment that the old one takes to close.
+// May exceed the number of connections, for the moment that the old one takes to close.
 void TransferThread::retry(std::unique_ptr<Transfer> transfer)
 {
     try
@@ -384,6 +480,13 @@ void TransferThread::wait()
             watchers_.push_back(connection.get());
         }
     }
+    for (const auto& lane : lanes_)
+    {
+        if (!lane->waiting.empty() && lane->triesAt() > now)
+        {
+            next = std::min(next, lane->triesAt());
+        }
+    }
     // Rounded up: a wait that ends before its deadline would be followed by one of 0 ms.
     const auto timeout = std::chrono::ceil<milliseconds>(std::max(next, now) - now).count();
     (void)curl_multi_poll(multi_, watched_.data(), static_cast<unsigned int>(watched_.size()),
@@ -418,12 +521,19 @@ void TransferThread::forgetDead()
     { return !connection->alive() && !connection->busy(); };
     connections_.erase(std::remove_if(connections_.begin(), connections_.end(), dead),
                        connections_.end());
-    const auto deserted = [this](const Crowd& crowd) { return countOpen(*crowd.settings) == 0; };
-    crowds_.erase(std::remove_if(crowds_.begin(), crowds_.end(), deserted), crowds_.end());
+    const auto deserted = [this](const std::unique_ptr<Lane>& lane)
+    {
+        return lane->waiting.empty() &&
+               std::none_of(connections_.begin(), connections_.end(),
+                            [&lane](const std::unique_ptr<Connection>& connection)
+                            { return connection->matches(lane->settings()); });
+    };
+    lanes_.erase(std::remove_if(lanes_.begin(), lanes_.end(), deserted), lanes_.end());
 }
 
-// All sockets were shut down by stop(): nothing here waits for a server. When the process is
-// ending, OpenSSL may be gone at any moment: then only the files are seen to.
+// All sockets were shut down by stop(): nothing here waits for a server. Nothing that a connection
+// or a task knows outlives the thread, whoever joins it and when. But when the process is ending,
+// OpenSSL may be gone at any moment: then only the files are seen to.
 void TransferThread::windUp()
 {
     const bool exiting = Worker::exiting();
@@ -438,6 +548,19 @@ void TransferThread::windUp()
             (void)connection->end();
         }
     }
+    if (exiting)
+    {
+        return;
+    }
+    lanes_.clear();
+    TaskQueue<&Task::nextTransfer> dropped;
+    {
+        const common::Hold hold(guard_);
+        dropped.append(submitted_);
+        ended_ = true;
+    }
+    (void)curl_multi_cleanup(multi_);
+    connections_.clear();
 }
 
 }  // namespace travex_ftp

@@ -9,6 +9,7 @@
 
 #include "common/guard.h"
 #include "connection.h"
+#include "lane.h"
 #include "notifier.h"
 #include "task.h"
 #include "worker.h"
@@ -45,17 +46,20 @@ public:
 private:
     void run();
     bool takeOrders() CORPDIR_EXCLUDES(guard_);
+    void wake() CORPDIR_EXCLUDES(guard_);
+    void queue(const TaskPtr& task);
+    Lane* laneOf(const std::shared_ptr<const Settings>& settings) const;
     void dropClosed();
+    void makeUpFor(Clock::time_point& since);
     void startWaiting();
-    bool startFront();
+    bool startFront(Lane& lane);
     Connection* idleFor(const Settings& settings) const;
-    Connection* connectionFor(const Task& task);
+    Connection* connectionFor(Lane& lane);
     Connection& addConnection(const std::shared_ptr<const Settings>& settings);
     void makeRoom();
     void beginTransfer(std::unique_ptr<Transfer> transfer, Connection& connection);
     void perform();
     void finishDone();
-    bool isCrowded(const Settings& settings) const;
     bool queueAgain(const Transfer& transfer);
     size_t countWelcome(const Settings& settings) const;
     size_t countOpen(const Settings& settings) const;
@@ -71,24 +75,18 @@ private:
     Notifier& notifier_;
     const Limits limits_;
     Sockets sockets_;
-    CURLM* const multi_;
+    CURLM* const multi_;  // until the thread has ended
     Worker worker_;
 
     common::Guard guard_;
     bool stopping_ CORPDIR_GUARDED_BY(guard_) = false;
+    bool ended_ CORPDIR_GUARDED_BY(guard_) = false;  // the multi handle is gone
+    bool someClosed_ CORPDIR_GUARDED_BY(guard_) = false;
     TaskQueue<&Task::nextTransfer> submitted_ CORPDIR_GUARDED_BY(guard_);
 
-    // A server that takes no more than so many connections, learnt from its refusal of another one;
-    // remembered as long as there is one.
-    struct Crowd
-    {
-        std::shared_ptr<const Settings> settings;
-        size_t most;
-    };
-
     // Transfer thread only.
-    std::vector<Crowd> crowds_;
-    TaskQueue<&Task::nextTransfer> waiting_;
+    bool dropping_ = false;  // handles were closed since the last look
+    std::vector<std::unique_ptr<Lane>> lanes_;
     std::vector<std::unique_ptr<Connection>> connections_;
     std::vector<curl_waitfd> watched_;
     std::vector<Connection*> watchers_;  // whose socket watched_ holds at the same place

@@ -254,6 +254,41 @@ TEST_F(Contract, ClosedHandleGetsNoNotification)
     EXPECT_FALSE(support::FileExists(m_directory.File("v")));
 }
 
+// In the middle of a step that the transfer thread cannot leave at once.
+TEST_F(Contract, ClosedHandleReplacesNoFileAndAsksNobodyAnyMore)
+{
+    static std::atomic<int> s_asked{0};
+    for (const bool tls : {false, true})
+    {
+        FaultyServer slow(tls ? "slow_handshake" : "slow_226",
+                          tls ? ftp_test::TlsOptions() : std::vector<std::string>());
+        auto record = Parameters("127.0.0.1", slow.Port(), m_directory.Path());
+        record.ulServerType = tls ? 1 : 0;
+        record.pfnFtpsVerify = [](void*, void*)
+        {
+            ++s_asked;
+            return 0;
+        };
+        const TRAVEX_FTP_HANDLE handle = TRAVEX_FTP_CreateHandle();
+        ASSERT_EQ(0u, TRAVEX_FTP_SetCtrlParam(handle, &record));
+        const tagTRAVEX_FTP_S_DATA_PARAM data{};
+        ASSERT_EQ(0u, TRAVEX_FTP_SetDataParam(handle, &data));
+        support::WriteFile(m_directory.File("f"), "old");
+        unsigned int task = 0;
+        ASSERT_EQ(0u, TRAVEX_FTP_AsynDownloadFile(handle, &task, "f", ".", "f", ftp_test::Record));
+        ASSERT_TRUE(WaitUntil([&] { return slow.Count(tls ? "COMMAND AUTH" : "DATA") == 1; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // it is in the step now
+        ASSERT_EQ(0u, TRAVEX_FTP_CloseHandle(handle));
+        ASSERT_TRUE(WaitUntil([&] { return slow.Count("END") == 1; }));
+        EXPECT_EQ(tls ? 0u : 1u, slow.Count("COMMAND USER"));
+        EXPECT_EQ(0, s_asked);
+        ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
+        SetUp();
+        EXPECT_EQ("old", Content("f"));
+        EXPECT_TRUE(ftp_test::Notices().empty());
+    }
+}
+
 TEST_F(Contract, HandleClosedBetweenTheTwoGetsNoTwelve)
 {
     FaultyServer server("none");

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -19,10 +20,12 @@
 
 namespace
 {
+using ftp_test::Certificates;
 using ftp_test::Environment;
 using ftp_test::FaultyServer;
 using ftp_test::LayerTest;
 using ftp_test::Parameters;
+using ftp_test::TlsOptions;
 using support::WaitUntil;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -37,18 +40,6 @@ struct Case
 void PrintTo(const Case& one, std::ostream* out)
 {
     *out << one.fault;
-}
-
-const support::TestCertificates& Certificates()
-{
-    static const support::TestCertificates certificates;
-    return certificates;
-}
-
-std::vector<std::string> TlsOptions(const std::string& kind = "explicit")
-{
-    const support::ServerCertificate certificate = Certificates().Good();
-    return {"--tls", kind, "--cert", certificate.certificate_file, "--key", certificate.key_file};
 }
 
 // Limits short enough for a test.
@@ -395,39 +386,6 @@ TEST_F(LayerTest, StopInterruptsABlockedHandshake)
     EXPECT_TRUE(ftp_test::Notices().empty());
 }
 
-// Each step in which libcurl waits for a server in a blocking call holds up the transfers from
-// other servers, but not beyond its limit.
-class Blocked : public LayerTest, public testing::WithParamInterface<const char*>
-{
-protected:
-    const Environment m_handshake{"CORPDIR_FTP_HANDSHAKE_MS", "2000"};
-    const Environment m_confirm{"CORPDIR_FTP_CONFIRM_MS", "2000"};
-};
-
-TEST_P(Blocked, OtherTransfersGoOnAtItsLimit)
-{
-    FaultyServer deaf(GetParam(), TlsOptions());
-    FaultyServer good("none");
-    auto record = Parameters("127.0.0.1", deaf.Port(), m_directory.Path());
-    record.ulServerType = 1;
-    Use(record);
-    const unsigned int blocked = Start("f", "blocked");
-    const std::string last =
-        GetParam() == std::string("hang_handshake") ? "COMMAND AUTH" : "COMMAND RETR";
-    ASSERT_TRUE(WaitUntil([&] { return deaf.Count(last) == 1; }));
-    Use(Parameters("127.0.0.1", good.Port(), m_directory.Path()));
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ("0 12", Fetch("f", "f"));
-    const auto waited = std::chrono::steady_clock::now() - begin;
-    RecordProperty("waited_ms", static_cast<int>(waited / std::chrono::milliseconds(1)));
-    EXPECT_LT(waited, std::chrono::seconds(8));
-    EXPECT_EQ("3", ftp_test::OutcomeOf(blocked));
-}
-
-INSTANTIATE_TEST_SUITE_P(All, Blocked,
-                         testing::Values("hang_handshake", "hang_data_handshake", "no_226"),
-                         [](const auto& fault) { return std::string(fault.param); });
-
 // A router forgets a connection on which nothing is said, as on the control connection while a long
 // file is on its way.
 TEST_F(LayerTest, BothChannelsAreKeptAlive)
@@ -474,111 +432,6 @@ TEST_F(LayerTest, ProxyVariablesAndNetrcAreIgnored)
     Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
     EXPECT_EQ("0 12", Fetch("f", "f"));
     EXPECT_EQ(1u, server.Count("COMMAND USER ftp"));
-}
-
-// A server that takes few connections of a client at a time is served by those few.
-class CrowdTest : public LayerTest
-{
-protected:
-    void UseServer(const FaultyServer& server, bool implicit)
-    {
-        auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
-        record.ulServerType = implicit ? 1 : 0;
-        record.pcFtpCtrlInfo = "tls=implicit";
-        Use(record);
-    }
-
-    static std::vector<std::string> Implicit(const std::vector<std::string>& more)
-    {
-        std::vector<std::string> options = TlsOptions("implicit");
-        options.insert(options.end(), more.begin(), more.end());
-        return options;
-    }
-
-    void FetchMany();
-};
-
-void CrowdTest::FetchMany()
-{
-    ASSERT_EQ("0 12", Fetch("f", "first"));
-    std::vector<unsigned int> tasks;
-    for (int i = 0; i != 40; ++i)
-    {
-        tasks.push_back(Start("f", "f" + std::to_string(i)));
-    }
-    for (const unsigned int task : tasks)
-    {
-        EXPECT_EQ("0 12", ftp_test::OutcomeOf(task)) << ftp_test::FailureOf(task).reason;
-    }
-}
-
-TEST_F(CrowdTest, CrowdedServerIsNoFailure)
-{
-    FaultyServer server("none", {"--most", "3"});
-    UseServer(server, false);
-    FetchMany();
-}
-
-// Such a server may refuse in clear, before the handshake.
-TEST_F(CrowdTest, CrowdedServerWithImplicitTlsIsNoFailure)
-{
-    FaultyServer server("none", Implicit({"--most", "3"}));
-    UseServer(server, true);
-    FetchMany();
-}
-
-TEST_F(CrowdTest, ServerThatHangsUpOnManyServesAll)
-{
-    FaultyServer server("none", {"--most", "3", "--beyond", "close"});
-    UseServer(server, false);
-    FetchMany();
-}
-
-TEST_F(CrowdTest, ServerThatHangsUpOnEverybodyFailsThemAll)
-{
-    FaultyServer server("none", {"--most", "0", "--beyond", "close"});
-    UseServer(server, false);
-    EXPECT_EQ("3 26 connection lost at the greeting: closed by the server", Fetch("f", "f"));
-    EXPECT_EQ(1u, server.Count("CONNECT"));
-}
-
-// What waits for a greeting goes on with a connection that has had one, long before its limit.
-TEST_F(CrowdTest, ServerThatGreetsFewServesAll)
-{
-    for (const bool implicit : {false, true})
-    {
-        const std::vector<std::string> options = {"--most", "3", "--beyond", "silence"};
-        FaultyServer server("none", implicit ? Implicit(options) : options);
-        UseServer(server, implicit);
-        const auto begin = std::chrono::steady_clock::now();
-        FetchMany();
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
-        EXPECT_GE(3u, server.Count("COMMAND PASS"));
-    }
-}
-
-TEST_F(CrowdTest, LoneConnectionTurnedAwayInClearHasItsReason)
-{
-    FaultyServer server("none", Implicit({"--most", "0"}));
-    UseServer(server, true);
-    EXPECT_EQ("3 16 the server ends the service: 421 in clear, before TLS", Fetch("f", "f"));
-}
-
-TEST_F(LayerTest, ServerThatTurnsEverybodyAwayFailsThemAll)
-{
-    FaultyServer server("none", {"--most", "0"});
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
-    std::vector<unsigned int> tasks;
-    for (int i = 0; i != 20; ++i)
-    {
-        tasks.push_back(Start("f", "f" + std::to_string(i)));
-    }
-    for (const unsigned int task : tasks)
-    {
-        EXPECT_THAT(ftp_test::FailureOf(task).reason,
-                    testing::EndsWith("the server ends the service: 421 Too many connections."));
-    }
-    EXPECT_EQ(20u, server.Count("CONNECT"));
 }
 
 #ifndef CORPDIR_TESTS_UNDER_SANITIZERS  // they keep freed memory, and map more than can be read
@@ -651,6 +504,29 @@ TEST_F(LayerTest, PasswordOutlivesNoConnection)
         EXPECT_EQ(0u, CountInMemory(end)) << tls;
         SetUp();
     }
+}
+
+// Nor when nobody waits for the layer's threads: they see to it themselves.
+TEST_F(LayerTest, PasswordOutlivesNoStopWithinACallback)
+{
+    const std::string reversed = "81-drowssap-gnol-a-fo-dne-eht-si-siht-" + std::string(40, '.');
+    const std::string end = reversed.substr(0, 30);
+    FaultyServer server("none", TlsOptions());
+    auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    record.ulServerType = 1;
+    std::copy(reversed.rbegin(), reversed.rend(), record.acPassword);
+    record.acPassword[reversed.size()] = '\0';
+    Use(record);
+    explicit_bzero(record.acPassword, sizeof record.acPassword);
+    std::atomic<size_t> before{0};
+    ftp_test::SetHook(
+        [&](const ftp_test::Notice&)
+        {
+            before = CountInMemory(end);
+            EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+        });
+    (void)Start("f", "f");
+    EXPECT_TRUE(WaitUntil([&] { return before != 0 && CountInMemory(end) == 0; }));
 }
 
 #endif  // CORPDIR_TESTS_UNDER_SANITIZERS

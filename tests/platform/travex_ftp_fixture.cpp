@@ -190,6 +190,18 @@ std::string FaultyServer::Body(size_t size)
     return body;
 }
 
+const support::TestCertificates& Certificates()
+{
+    static const support::TestCertificates certificates;
+    return certificates;
+}
+
+std::vector<std::string> TlsOptions(const std::string& kind)
+{
+    const support::ServerCertificate certificate = Certificates().Good();
+    return {"--tls", kind, "--cert", certificate.certificate_file, "--key", certificate.key_file};
+}
+
 tagTRAVEX_FTP_S_CTRL_PARAM Parameters(const std::string& host, unsigned int port,
                                       const std::string& directory)
 {

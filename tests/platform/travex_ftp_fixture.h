@@ -76,6 +76,10 @@ private:
     unsigned int m_port = 0;
 };
 
+// Certificates of the test program, and the options for a server of it with TLS.
+const support::TestCertificates& Certificates();
+std::vector<std::string> TlsOptions(const std::string& kind = "explicit");
+
 // Control parameters for 127.0.0.1 or ::1 and a work directory.
 tagTRAVEX_FTP_S_CTRL_PARAM Parameters(const std::string& host, unsigned int port,
                                       const std::string& directory);

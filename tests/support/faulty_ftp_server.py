@@ -114,6 +114,14 @@ class Faults:
         """The file is complete, but nothing is said any more."""
         it.closing = None
 
+    def slow_226(self, it):
+        """No fault: the 226 comes two seconds after the file."""
+        it.closing_delay = 2
+
+    def slow_handshake(self, it):
+        """No fault: the control channel's handshake is taken up after a second."""
+        it.handshake_delay = 1
+
     def late_426(self, it):
         """Aborted after the last byte."""
         it.closing = "426 Failure writing network stream."
@@ -227,7 +235,7 @@ class Dialogue:
         self.protect_data = self.close_notify = True
         self.data_reset = self.endless = self.stall = self.epsv_closed = False
         self.hang_handshake = self.hang_data_handshake = False
-        self.drip = 0
+        self.drip = self.closing_delay = self.handshake_delay = 0
         self.after_file = lambda: None
         self.transferred = False
 
@@ -321,6 +329,7 @@ class Dialogue:
     def secure(self):
         if self.hang_handshake:
             self.hang()
+        time.sleep(self.handshake_delay)
         self.connection = self.options.context.wrap_socket(self.connection, server_side=True)
 
     def passive(self, verb):
@@ -346,6 +355,7 @@ class Dialogue:
         record("DATA %s" % address[0])
         self.listener.close()
         self.send_file(data)
+        time.sleep(self.closing_delay)
         self.say(self.closing)
         self.after_file()
 
