@@ -16,7 +16,8 @@ using Clock = std::chrono::steady_clock;
 struct Limits
 {
     milliseconds connect{10000};    // CORPDIR_FTP_CONNECT_MS: one TCP connection, control or data
-    milliseconds handshake{10000};  // CORPDIR_FTP_HANDSHAKE_MS: one TLS handshake
+    milliseconds handshake{10000};  // CORPDIR_FTP_HANDSHAKE_MS: one TLS handshake; some hold up
+                                    // all transfers, as the wait for the 226 does
     milliseconds response{20000};   // CORPDIR_FTP_RESPONSE_MS: from a command to its reply's next
                                     // line, the greeting included
     milliseconds stall{30000};      // CORPDIR_FTP_STALL_MS: window of the data channel's pace
