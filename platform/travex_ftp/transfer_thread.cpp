@@ -56,6 +56,10 @@ void TransferThread::submit(TaskPtr task)
 {
     {
         const common::Hold hold(guard_);
+        if (ended_)
+        {
+            return;
+        }
         submitted_.push(std::move(task));
     }
     wake();
