@@ -7,9 +7,6 @@ namespace travex_ftp
 {
 namespace
 {
-// libcurl calls it a timeout.
-constexpr unsigned int kServiceEnds = 421;
-
 bool oneOf(const char* verb, std::initializer_list<const char*> verbs)
 {
     for (const char* candidate : verbs)
@@ -33,12 +30,12 @@ bool explainReply(const Replies& replies, Failure& failure)
     const unsigned int code = replies.code();
     const char* const verb = replies.verb();
     const char* const text = replies.text();
-    // A reply below is no refusal, even where it was out of place.
-    if (code < 400)
+    if (!replies.refused())
     {
         return false;
     }
-    if (code == kServiceEnds)
+    // libcurl calls it a timeout.
+    if (code == Replies::kServiceEnds)
     {
         (void)fail(failure, TRAVEX_FTP_ERR_CONNECT, "the server ends the service: %u %s", code,
                    text);
@@ -127,9 +124,8 @@ void explainLoss(const Ending& ending, const Replies& replies, Failure& failure)
         return;
     }
     const bool closed = strncmp(ending.detail, "response reading failed", 23) == 0;
-    const char* const verb = *replies.verb() != '\0' ? replies.verb() : "the greeting";
     (void)fail(failure, replies.opened() ? TRAVEX_FTP_ERR_PARTIAL : TRAVEX_FTP_ERR_TRANSFER,
-               "connection lost at %s: %s", verb,
+               "connection lost at %s: %s", replies.step(),
                closed ? "closed by the server" : wordsOf(ending));
 }
 
@@ -152,7 +148,7 @@ void explainResult(const Ending& ending, const Transfer& transfer, Failure& fail
             return;
         case CURLE_OPERATION_TIMEDOUT:
             (void)fail(failure, TRAVEX_FTP_ERR_TIMEOUT, "%s: %s",
-                       replies.opened() ? "the end of the file was not confirmed" : replies.verb(),
+                       replies.opened() ? "the end of the file was not confirmed" : replies.step(),
                        wordsOf(ending));
             return;
         case CURLE_FTP_COULDNT_RETR_FILE:  // without a refusal: a reply that has no place there

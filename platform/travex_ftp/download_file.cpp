@@ -22,17 +22,10 @@ constexpr char kPrefix[] = ".travex_ftp-";
 constexpr char kSuffix[] = ".part";
 constexpr size_t kDigits = 16;
 
-// Names are told by their whole form: no file that a user named is ever taken for an orphan.
-bool isTemporaryName(const char* name)
-{
-    if (strlen(name) != sizeof kPrefix - 1 + kDigits + sizeof kSuffix - 1 ||
-        strncmp(name, kPrefix, sizeof kPrefix - 1) != 0)
-    {
-        return false;
-    }
-    const char* const digits = name + sizeof kPrefix - 1;
-    return strspn(digits, "0123456789abcdef") == kDigits && strcmp(digits + kDigits, kSuffix) == 0;
-}
+// Sweepers hold a new file for a moment; who holds so many of them in a row is none.
+constexpr int kTries = 100;
+
+constexpr mode_t kPermissions = 0777;
 
 bool randomName(char (&name)[64])
 {
@@ -46,28 +39,42 @@ bool randomName(char (&name)[64])
     return true;
 }
 
-// Restarted after a signal: the lock of a sweeper on our new file lasts but a moment.
-bool lock(int fd, int operation)
+// Never waits: one thread serves all transfers. On a network's file system a signal may end it.
+bool lock(int fd)
 {
     int result = 0;
     do
     {
-        result = flock(fd, operation);
+        result = flock(fd, LOCK_EX | LOCK_NB);
     } while (result != 0 && errno == EINTR);
     return result == 0;
 }
 
-// Removes a temporary file if it is of this user and nobody holds it.
+// Orphans have the permissions that their target had. Some network file systems lock exclusively
+// only what is open for writing.
+int openOrphan(int directory, const char* name)
+{
+    constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const int fd = openat(directory, name, O_RDWR | kFlags);
+    return fd >= 0 ? fd : openat(directory, name, O_RDONLY | kFlags);
+}
+
+// A file of this user; of any for root, who gives files away before they are in place.
+bool mayRemove(const struct stat& status)
+{
+    return S_ISREG(status.st_mode) && (status.st_uid == geteuid() || geteuid() == 0);
+}
+
+// Removes a temporary file that nobody holds.
 void removeIfOrphan(int directory, const char* name)
 {
-    const int fd = openat(directory, name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int fd = openOrphan(directory, name);
     if (fd < 0)
     {
         return;
     }
     struct stat status = {};
-    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
-        lock(fd, LOCK_EX | LOCK_NB))
+    if (fstat(fd, &status) == 0 && mayRemove(status) && lock(fd))
     {
         // Its owner may have renamed it since: then the name is gone, and this fails harmlessly.
         (void)unlinkat(directory, name, 0);
@@ -76,6 +83,18 @@ void removeIfOrphan(int directory, const char* name)
 }
 
 }  // namespace
+
+// Names are told by their whole form: no file that a user named is ever taken for an orphan.
+bool isTemporaryName(const char* name)
+{
+    if (strlen(name) != sizeof kPrefix - 1 + kDigits + sizeof kSuffix - 1 ||
+        strncmp(name, kPrefix, sizeof kPrefix - 1) != 0)
+    {
+        return false;
+    }
+    const char* const digits = name + sizeof kPrefix - 1;
+    return strspn(digits, "0123456789abcdef") == kDigits && strcmp(digits + kDigits, kSuffix) == 0;
+}
 
 DownloadFile::~DownloadFile()
 {
@@ -98,16 +117,42 @@ bool DownloadFile::open(const std::string& directory, const std::string& name, F
         errno = EISDIR;
         return localFailure(failure, "cannot replace");
     }
-    replaces_ = exists && S_ISREG(target.st_mode);
+    if (exists && !S_ISREG(target.st_mode) && !S_ISLNK(target.st_mode))
+    {
+        return localFailure(failure, "cannot replace", "it is not a regular file");
+    }
+    replaced_ = {};
+    if (exists && S_ISREG(target.st_mode))
+    {
+        replaced_ = target;
+    }
     removeOrphans();
     return createTemporary(failure);
 }
 
 bool DownloadFile::createTemporary(Failure& failure)
 {
+    for (int tries = 0; tries != kTries; ++tries)
+    {
+        if (!makeTemporary(failure))
+        {
+            return false;
+        }
+        const Claim claim = lockTemporary();
+        if (claim != Claim::Lost)
+        {
+            return claim == Claim::Ours || localFailure(failure, "cannot lock");
+        }
+        removeTemporary();
+    }
+    return localFailure(failure, "cannot lock", "others lock every temporary file");
+}
+
+bool DownloadFile::makeTemporary(Failure& failure)
+{
     // A replacement gets the permissions of the replaced file at the end; until then nobody else
     // may read it, as nobody else may read a private target.
-    const mode_t mode = replaces_ ? 0600 : 0666;
+    const mode_t mode = replaced_.st_mode != 0 ? 0600 : 0666;
     do
     {
         if (!randomName(temporary_))
@@ -122,24 +167,34 @@ bool DownloadFile::createTemporary(Failure& failure)
         temporary_[0] = '\0';
         return localFailure(failure, "cannot create");
     }
-    return lockTemporary(failure);
+    return true;
 }
 
-bool DownloadFile::lockTemporary(Failure& failure)
+DownloadFile::Claim DownloadFile::lockTemporary()
 {
+    if (!lock(fd_))
+    {
+        switch (errno)
+        {
+            case EWOULDBLOCK:
+                return Claim::Lost;
+            // The file system knows no locks: then nobody sweeps there either.
+            case ENOLCK:
+            case EOPNOTSUPP:
+            case ENOSYS:
+            case EINVAL:
+                return Claim::Ours;
+            default:
+                return Claim::Failed;
+        }
+    }
     struct stat status = {};
-    if (!lock(fd_, LOCK_EX) || fstat(fd_, &status) != 0)
+    if (fstat(fd_, &status) != 0)
     {
-        return localFailure(failure, "cannot lock");
+        return Claim::Failed;
     }
-    if (status.st_nlink != 0)
-    {
-        return true;
-    }
-    // A sweeper got hold of the file between its creation and its lock, and removed it.
-    (void)::close(fd_);
-    fd_ = -1;
-    return createTemporary(failure);
+    // A sweeper may have had it between its creation and its lock, and removed it.
+    return status.st_nlink != 0 ? Claim::Ours : Claim::Lost;
 }
 
 void DownloadFile::removeOrphans()
@@ -207,16 +262,27 @@ bool DownloadFile::flushPiece(Failure& failure)
     return true;
 }
 
-// Of the target as it is now: it may have changed, appeared or gone since the start.
+// Of the target as it is now; if it has gone since the start, as it was then.
 bool DownloadFile::takePermissions(Failure& failure)
 {
     struct stat target = {};
     if (fstatat(directoryFd_, name_.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0 &&
-        S_ISREG(target.st_mode) && fchmod(fd_, target.st_mode & 07777) != 0)
+        S_ISREG(target.st_mode))
     {
-        return localFailure(failure, "cannot set the permissions of");
+        replaced_ = target;
     }
-    return true;
+    if (replaced_.st_mode == 0)
+    {
+        return true;
+    }
+    // Whoever could read the old file can read the new one, if we may see to it. A user may give
+    // away no file, but may change its group.
+    const bool given = fchown(fd_, replaced_.st_uid, replaced_.st_gid) == 0 ||
+                       fchown(fd_, static_cast<uid_t>(-1), replaced_.st_gid) == 0;
+    (void)given;  // else it is ours, as a new one would be
+    // What a server sent runs with nobody's rights but its caller's.
+    return fchmod(fd_, replaced_.st_mode & kPermissions) == 0 ||
+           localFailure(failure, "cannot set the permissions of");
 }
 
 bool DownloadFile::complete(Failure& failure)
@@ -247,13 +313,23 @@ bool DownloadFile::publish(Failure& failure)
 
 void DownloadFile::discard()
 {
+    removeTemporary();
+    close();
+}
+
+void DownloadFile::removeTemporary()
+{
     if (temporary_[0] != '\0')
     {
         // Before it is unlocked, so that no sweeper sees it without its owner.
         (void)unlinkat(directoryFd_, temporary_, 0);
         temporary_[0] = '\0';
     }
-    close();
+    if (fd_ >= 0)
+    {
+        (void)::close(fd_);
+        fd_ = -1;
+    }
 }
 
 // Frees the buffer as well: an object lives on while its transfer waits to be told of.
@@ -273,9 +349,13 @@ void DownloadFile::close()
 
 bool DownloadFile::localFailure(Failure& failure, const char* step)
 {
-    const int error = errno;
+    return localFailure(failure, step, systemError(errno));
+}
+
+bool DownloadFile::localFailure(Failure& failure, const char* step, const char* reason)
+{
     return fail(failure, TRAVEX_FTP_ERR_LOCAL_FILE, "%s %s/%s: %s", step, directory_.c_str(),
-                name_.c_str(), systemError(error));
+                name_.c_str(), reason);
 }
 
 }  // namespace travex_ftp

@@ -93,7 +93,7 @@ void makePrintable(char* text)
 void mask(char* text, const char* secret)
 {
     const size_t length = strlen(secret);
-    if (length < 4)
+    if (length < kShortestMasked)
     {
         return;
     }

@@ -34,8 +34,11 @@ const char* systemError(int number);
 // and bytes that are not UTF-8 become '?'.
 void makePrintable(char* text);
 
-// Replaces every `secret` in a text by asterisks. A secret of under four bytes is left alone: it
-// would be found by chance in innocent words, and its replacement would give it away.
+// A secret of fewer bytes cannot be masked: it would be found by chance in innocent words, and its
+// replacement would give it away.
+constexpr size_t kShortestMasked = 4;
+
+// Replaces every `secret` in a text by asterisks, unless it is too short for it.
 void mask(char* text, const char* secret);
 
 }  // namespace travex_ftp

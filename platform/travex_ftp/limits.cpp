@@ -1,11 +1,15 @@
 #include "limits.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace travex_ftp
 {
 namespace
 {
+// Each takes four descriptors.
+constexpr uint64_t kMostConnections = 4096;
+
 // secure_getenv: a set-user-id program does not let its caller loosen a limit.
 void read(const char* name, uint64_t& value)
 {
@@ -24,10 +28,12 @@ void read(const char* name, uint64_t& value)
 
 void read(const char* name, milliseconds& value)
 {
-    constexpr uint64_t kLongest = 1000ull * 3600 * 24 * 365;
+    // libcurl takes no reply limit beyond 24.8 days, and counts the milliseconds of a connection in
+    // 32 bits. Twice this fits too.
+    constexpr uint64_t kLongest = 1000ull * 3600 * 24 * 20;
     uint64_t number = static_cast<uint64_t>(value.count());
     read(name, number);
-    value = milliseconds(number < kLongest ? number : kLongest);
+    value = milliseconds(std::min(number, kLongest));
 }
 
 }  // namespace
@@ -48,6 +54,7 @@ Limits Limits::fromEnvironment()
     read("CORPDIR_FTP_REPLY_BYTES", limits.replyBytes);
     read("CORPDIR_FTP_REPLY_LINES", limits.replyLines);
     read("CORPDIR_FTP_CONNECTIONS", limits.connections);
+    limits.connections = std::min(limits.connections, kMostConnections);
     return limits;
 }
 

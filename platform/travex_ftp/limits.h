@@ -12,7 +12,8 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 // How long a peer may take and how much it may send. The environment variable named beside a limit
-// overrides it, as a positive number of its unit; it is read at TRAVEX_FTP_Init.
+// overrides it, as a positive number of its unit; it is read at TRAVEX_FTP_Init. No time is longer
+// than 20 days.
 struct Limits
 {
     milliseconds connect{10000};    // CORPDIR_FTP_CONNECT_MS: one TCP connection, control or data
@@ -31,7 +32,8 @@ struct Limits
     uint64_t fileBytes = 1ull << 34;  // CORPDIR_FTP_FILE_BYTES: 16 GiB, ends an endless file
     uint64_t replyBytes = 65536;      // CORPDIR_FTP_REPLY_BYTES: all replies of one transfer
     uint64_t replyLines = 1000;       // CORPDIR_FTP_REPLY_LINES: the same, in lines
-    uint64_t connections = 64;        // CORPDIR_FTP_CONNECTIONS: control connections at a time
+    uint64_t connections = 64;        // CORPDIR_FTP_CONNECTIONS: control connections at a time, at
+                                      // most 4096
 
     static Limits fromEnvironment();
 };

@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
+#include "failure.h"
+
 namespace travex_ftp
 {
 namespace
 {
+constexpr char kWithheld[] = "(text withheld)";
+
 bool digit(char c)
 {
     return c >= '0' && c <= '9';
@@ -107,13 +111,36 @@ Replies::Line Replies::lineHeard(const char* line, size_t length, const Limits& 
     return Line::Fine;
 }
 
+// The password is looked for in the line as it came: not trimmed, not shortened, not yet printable.
+void Replies::keepText(const char* begin, const char* end, const char* lineEnd)
+{
+    const size_t kept = std::min(static_cast<size_t>(end - begin), sizeof text_ - 1);
+    memcpy(text_, begin, kept);
+    text_[kept] = '\0';
+    const size_t length = strlen(secret_);
+    if (length < kShortestMasked)
+    {
+        if (strcmp(verb_, "USER") == 0 || strcmp(verb_, "PASS") == 0)
+        {
+            memcpy(text_, kWithheld, sizeof kWithheld);
+        }
+        return;
+    }
+    for (const char* at = begin; at < begin + kept; ++at)
+    {
+        if (static_cast<size_t>(lineEnd - at) >= length && memcmp(at, secret_, length) == 0)
+        {
+            const size_t offset = static_cast<size_t>(at - begin);
+            memset(text_ + offset, '*', std::min(length, kept - offset));
+        }
+    }
+}
+
 Replies::Line Replies::final(const char* line, size_t length)
 {
     const char* const begin = line + 4;
     const char* const end = std::max(begin, trimmedEnd(line, length));
-    const size_t kept = std::min(static_cast<size_t>(end - begin), sizeof text_ - 1);
-    memcpy(text_, begin, kept);
-    text_[kept] = '\0';
+    keepText(begin, end, line + length);
     answered_ = code_ >= 200;  // a 1xx is followed by another reply
     if (code_ == 150 || code_ == 125)
     {

@@ -13,6 +13,12 @@ namespace travex_ftp
 class Replies
 {
 public:
+    // `secret` is the password, which a server may repeat; it must outlive the object.
+    explicit Replies(const char* secret = "") : secret_(secret) {}
+
+    // The server gives up the control connection, whatever the command was.
+    static constexpr unsigned int kServiceEnds = 421;
+
     // Verdict on a line.
     enum class Line
     {
@@ -26,7 +32,8 @@ public:
 
     Line lineHeard(const char* line, size_t length, const Limits& limits);
 
-    // Code of the last complete reply, 0 before the first; its text, shortened.
+    // Code of the last complete reply, 0 before the first; its text, shortened and without the
+    // password.
     unsigned int code() const
     {
         return code_;
@@ -42,10 +49,23 @@ public:
         return verb_;
     }
 
+    // The same in words: what the next reply is, or should have been, the answer to.
+    const char* step() const
+    {
+        return *verb_ != '\0' ? verb_ : "the greeting";
+    }
+
     // The last command has its final reply.
     bool answered() const
     {
         return answered_;
+    }
+
+    // A refusal is the last that was said. One that libcurl tolerated before it sent the next
+    // command is none; a 421 needs no command.
+    bool refused() const
+    {
+        return code_ >= 400 && (answered_ || code_ == kServiceEnds);
     }
 
     uint64_t lines() const
@@ -71,7 +91,9 @@ public:
 
 private:
     Line final(const char* line, size_t length);
+    void keepText(const char* begin, const char* end, const char* lineEnd);
 
+    const char* secret_;
     char verb_[8] = "";
     char text_[256] = "";
     unsigned int code_ = 0;

@@ -73,6 +73,8 @@ bool TlsChannel::configure(SSL_CTX* context)
     SSL_CTX_set_info_callback(context, onState);
     SSL_CTX_set_msg_callback(context, onMessage);
     SSL_CTX_set_msg_callback_arg(context, this);
+    // libcurl would write our keys to the file that the environment's SSLKEYLOGFILE names.
+    SSL_CTX_set_keylog_callback(context, nullptr);
     (void)SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
     (void)SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
     return true;

@@ -5,6 +5,7 @@
 #include <new>
 #include <system_error>
 
+#include "download_file.h"
 #include "layer.h"
 #include "log.h"
 #include "observer.h"
@@ -126,6 +127,12 @@ bool checkLocalFile(const char* localFile, Failure& failure)
     {
         return fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file \"%s\" is not a plain name",
                     localFile);
+    }
+    // The next download into that directory would take it for an orphan.
+    if (isTemporaryName(localFile))
+    {
+        return fail(failure, TRAVEX_FTP_ERR_PARAM,
+                    "the local file \"%s\" has the name of a temporary file", localFile);
     }
     return true;
 }

@@ -1,12 +1,14 @@
 #include "trust.h"
 
 #include <dirent.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 
 namespace travex_ftp
 {
@@ -34,6 +36,29 @@ struct Freed
 
 // A file of authorities is small; what is larger is not one, and is not read into memory.
 constexpr off_t kLargestFile = 16777216;
+
+// Refuses a trust text for a file or a directory of it.
+bool refuse(Failure& failure, const std::string& path, const char* reason)
+{
+    return fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", path.c_str(), reason);
+}
+
+// Empties this thread's queue of OpenSSL's errors, and tells whether lack of memory was among them.
+bool outOfMemory()
+{
+    bool found = false;
+    for (unsigned long error = ERR_get_error(); error != 0; error = ERR_get_error())
+    {
+        found = found || ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE;
+    }
+    return found;
+}
+
+bool readError(BIO* file)
+{
+    FILE* stream = nullptr;
+    return BIO_get_fp(file, &stream) == 1 && ferror(stream) != 0;
+}
 
 std::vector<std::string> split(const std::string& text, char separator)
 {
@@ -94,20 +119,38 @@ public:
         return X509_STORE_set_default_paths(store_.get()) == 1;
     }
 
-    // Takes what the file holds; a file without PEM text holds nothing. False with errno set when
-    // it cannot be read.
-    bool addFile(const std::string& path)
+    // Takes what the file holds; a file without PEM text holds nothing. What cannot be read is a
+    // failure: it may be a revocation list.
+    bool addFile(const std::string& path, Failure& failure)
     {
+        ERR_clear_error();
         const std::unique_ptr<BIO, Freed> file(BIO_new_file(path.c_str(), "re"));
         if (!file)
         {
-            return false;
+            const int error = errno;
+            ERR_clear_error();
+            return refuse(failure, path, systemError(error));
         }
         const std::unique_ptr<STACK_OF(X509_INFO), Freed> infos(
             PEM_X509_INFO_read_bio(file.get(), nullptr, refusePassphrase, nullptr));
-        for (int i = 0; infos && i < sk_X509_INFO_num(infos.get()); ++i)
+        const bool memory = outOfMemory();
+        // OpenSSL takes it for the end of the file.
+        if (readError(file.get()))
         {
-            add(*sk_X509_INFO_value(infos.get(), i));
+            return refuse(failure, path, "it cannot be read");
+        }
+        if (!infos)
+        {
+            return memory ? failSystem(failure, "trust store")
+                          : refuse(failure, path, "it holds a broken PEM block");
+        }
+        for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i)
+        {
+            if (!add(*sk_X509_INFO_value(infos.get(), i)))
+            {
+                return outOfMemory() ? failSystem(failure, "trust store")
+                                     : refuse(failure, path, "the trust store does not take it");
+            }
         }
         return true;
     }
@@ -134,22 +177,32 @@ private:
         return -1;
     }
 
-    void add(const X509_INFO& info)
+    // What is in the store already is taken as well.
+    bool add(const X509_INFO& info)
     {
         unsigned char hash[EVP_MAX_MD_SIZE];
         unsigned int length = 0;
-        if (info.x509 != nullptr && X509_STORE_add_cert(store_.get(), info.x509) == 1 &&
-            X509_digest(info.x509, EVP_sha256(), hash, &length) == 1)
+        if (info.x509 != nullptr)
         {
             ++certificates_;
-            (void)EVP_DigestUpdate(digest_.get(), hash, length);
+            if (X509_STORE_add_cert(store_.get(), info.x509) != 1 ||
+                X509_digest(info.x509, EVP_sha256(), hash, &length) != 1 ||
+                EVP_DigestUpdate(digest_.get(), hash, length) != 1)
+            {
+                return false;
+            }
         }
-        if (info.crl != nullptr && X509_STORE_add_crl(store_.get(), info.crl) == 1 &&
-            X509_CRL_digest(info.crl, EVP_sha256(), hash, &length) == 1)
+        if (info.crl != nullptr)
         {
             ++lists_;
-            (void)EVP_DigestUpdate(digest_.get(), hash, length);
+            if (X509_STORE_add_crl(store_.get(), info.crl) != 1 ||
+                X509_CRL_digest(info.crl, EVP_sha256(), hash, &length) != 1 ||
+                EVP_DigestUpdate(digest_.get(), hash, length) != 1)
+            {
+                return false;
+            }
         }
+        return true;
     }
 
     std::shared_ptr<X509_STORE> store_;
@@ -158,25 +211,53 @@ private:
     unsigned int lists_ = 0;
 };
 
+// Adds what a path leads to, if it is a regular file. A name that has gone, or leads nowhere, is as
+// one that was never there.
+bool listFile(const std::string& path, std::vector<std::string>& files, Failure& failure)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0)
+    {
+        return errno == ENOENT || refuse(failure, path, systemError(errno));
+    }
+    if (!S_ISREG(status.st_mode))
+    {
+        return true;
+    }
+    if (status.st_size > kLargestFile)
+    {
+        return refuse(failure, path, "it is too large");
+    }
+    files.push_back(path);
+    return true;
+}
+
 // Regular files of a directory in the order of their names, so that the digest does not depend on
 // the directory's own order.
-bool listFiles(const std::string& path, std::vector<std::string>& files)
+bool listFiles(const std::string& path, std::vector<std::string>& files, Failure& failure)
 {
     const std::unique_ptr<DIR, Freed> directory(opendir(path.c_str()));
     if (!directory)
     {
-        return false;
+        return refuse(failure, path, systemError(errno));
     }
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this thread's own.
-    while (const dirent* entry = readdir(directory.get()))
+    for (;;)
     {
-        struct stat status = {};
-        const std::string file = path + "/" + entry->d_name;
-        if (stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-            status.st_size <= kLargestFile)
+        errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this thread's own.
+        const dirent* const entry = readdir(directory.get());
+        if (entry == nullptr)
         {
-            files.push_back(file);
+            break;
         }
+        if (!listFile(path + "/" + entry->d_name, files, failure))
+        {
+            return false;
+        }
+    }
+    if (errno != 0)
+    {
+        return refuse(failure, path, systemError(errno));
     }
     std::sort(files.begin(), files.end());
     return true;
@@ -188,13 +269,11 @@ bool expand(const std::string& path, std::vector<std::string>& files, Failure& f
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0)
     {
-        return fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", path.c_str(),
-                    systemError(errno));
+        return refuse(failure, path, systemError(errno));
     }
     if (S_ISDIR(status.st_mode))
     {
-        return listFiles(path, files) || fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s",
-                                              path.c_str(), systemError(errno));
+        return listFiles(path, files, failure);
     }
     if (!S_ISREG(status.st_mode) || status.st_size > kLargestFile)
     {
@@ -214,10 +293,9 @@ bool loadFiles(const std::string& path, Loader& loader, Failure& failure)
     }
     for (const std::string& file : files)
     {
-        if (!loader.addFile(file))
+        if (!loader.addFile(file, failure))
         {
-            return fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", file.c_str(),
-                        systemError(errno));
+            return false;
         }
     }
     if (loader.certificates() == 0)

@@ -35,7 +35,9 @@ struct Anchors
 };
 
 // Reads every certificate and revocation list of a PEM file, of all files of a directory, or opens
-// the system's store. No system anchor is added to private ones. Throws std::bad_alloc.
+// the system's store. No system anchor is added to private ones. A file that is there and cannot be
+// read whole is a failure: without its revocation lists too much would be believed. Throws
+// std::bad_alloc.
 bool loadAnchors(const std::string& authorities, Anchors& anchors, Failure& failure);
 
 }  // namespace travex_ftp

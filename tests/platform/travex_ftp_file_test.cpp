@@ -5,12 +5,40 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <mutex>
 
 #include "captured_log.h"
 #include "travex_ftp_fixture.h"
+
+namespace
+{
+// What the next calls of flock answer; each error once for each count.
+struct LockFault
+{
+    std::atomic<int> error{0};
+    std::atomic<int> count{0};
+    std::atomic<int> waiting{0};  // calls that would have waited
+} g_lock_fault;
+}  // namespace
+
+// Stands before the system's: file systems without locks and processes that take every lock are
+// hard to come by.
+extern "C" int flock(int fd, int operation) noexcept
+{
+    g_lock_fault.waiting += (operation & LOCK_NB) == 0 ? 1 : 0;
+    if (g_lock_fault.count > 0)
+    {
+        --g_lock_fault.count;
+        errno = g_lock_fault.error;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_flock, fd, operation));
+}
 
 namespace
 {
@@ -53,6 +81,36 @@ TEST_F(FileTest, PermissionsOfAReplacedFileAreKept)
     EXPECT_TRUE(FaultyServer::Body(100000) == Content("old"));
 }
 
+// To another user when the tests run as root.
+TEST_F(FileTest, OwnerOfAReplacedFileIsKeptAndItsSpecialBitsAreNot)
+{
+    const std::string file = m_directory.File("f");
+    const uid_t user = geteuid() == 0 ? 65534 : geteuid();
+    const gid_t group = geteuid() == 0 ? 65533 : getegid();
+    support::WriteFile(file, "old");
+    ASSERT_EQ(0, chown(file.c_str(), user, group));
+    ASSERT_EQ(0, chmod(file.c_str(), 07750));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    struct stat status = {};
+    ASSERT_EQ(0, stat(file.c_str(), &status));
+    EXPECT_EQ(0750u, status.st_mode & 07777);
+    EXPECT_EQ(user, status.st_uid);
+    EXPECT_EQ(group, status.st_gid);
+}
+
+TEST_F(FileTest, PermissionsOutliveAFileThatVanishes)
+{
+    const FaultyServer slow("slow_drip", {"--size", "60"});
+    Use(Parameters("127.0.0.1", slow.Port(), m_directory.Path()));
+    support::WriteFile(m_directory.File("f"), "old");
+    ASSERT_EQ(0, chmod(m_directory.File("f").c_str(), 0654));
+    const unsigned int task = Start("f", "f");
+    ASSERT_TRUE(WaitUntil([&] { return slow.Count("DATA") == 1; }));
+    ASSERT_EQ(0, unlink(m_directory.File("f").c_str()));
+    EXPECT_EQ("0 12", ftp_test::OutcomeOf(task));
+    EXPECT_EQ(0654u, ModeOf("f") & 07777);
+}
+
 TEST_F(FileTest, SymbolicLinkIsReplacedNotFollowed)
 {
     support::WriteFile(m_directory.File("precious"), "precious");
@@ -67,6 +125,10 @@ TEST_F(FileTest, HopelessTargetsFailBeforeConnecting)
     ASSERT_EQ(0, mkdir(m_directory.File("directory").c_str(), 0700));
     EXPECT_EQ("3 25 cannot replace " + m_directory.Path() + "/./directory: Is a directory",
               Fetch("f", "directory"));
+    ASSERT_EQ(0, mkfifo(m_directory.File("pipe").c_str(), 0600));
+    EXPECT_EQ("3 25 cannot replace " + m_directory.Path() + "/./pipe: it is not a regular file",
+              Fetch("f", "pipe"));
+    EXPECT_TRUE(S_ISFIFO(ModeOf("pipe")));
     unsigned int task = 0;
     ASSERT_EQ(0u,
               TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", "missing", "v", ftp_test::Record));
@@ -95,6 +157,102 @@ TEST_F(FileTest, OrphansAreSweptAndFilesInUseAreNot)
     EXPECT_EQ("0 12", Fetch("f", "f"));
     EXPECT_FALSE(support::FileExists(held));
     ASSERT_EQ(0, unlink(others.c_str()));
+}
+
+// As the replacement of a file that is only to be read leaves one. Root may write everything, and
+// becomes another user meanwhile.
+TEST_F(FileTest, OrphansThatMayNotBeWrittenAreSwept)
+{
+    const std::string orphan = m_directory.File(".travex_ftp-0123456789abcdef.part");
+    support::WriteFile(orphan, "x");
+    ASSERT_EQ(0, chmod(orphan.c_str(), 0444));
+    const uid_t before = geteuid();
+    const uid_t user = before == 0 ? 65534 : before;
+    for (const std::string& name : {m_directory.Path(), orphan})
+    {
+        ASSERT_EQ(0, chown(name.c_str(), user, static_cast<gid_t>(-1)));
+    }
+    ASSERT_EQ(0, seteuid(user));
+    const std::string outcome = Fetch("f", "f");
+    ASSERT_EQ(0, seteuid(before));
+    EXPECT_EQ("0 12", outcome);
+    EXPECT_FALSE(support::FileExists(orphan));
+}
+
+// Root gives the replacement of another user's file away before it is in place. Others have no
+// files but their own here.
+TEST_F(FileTest, OrphansOfOthersAreSweptByRootAlone)
+{
+    const bool root = geteuid() == 0;
+    const std::string orphan = m_directory.File(".travex_ftp-0123456789abcdef.part");
+    support::WriteFile(orphan, "x");
+    ASSERT_EQ(0, chmod(orphan.c_str(), 0666));
+    if (root)
+    {
+        ASSERT_EQ(0, chown(orphan.c_str(), 65533, 65533));
+        ASSERT_EQ(0, chown(m_directory.Path().c_str(), 65534, 65534));
+        ASSERT_EQ(0, seteuid(65534));
+    }
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(root, support::FileExists(orphan));
+    if (root)
+    {
+        ASSERT_EQ(0, seteuid(0));
+    }
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_FALSE(support::FileExists(orphan));
+}
+
+// It would be swept by the next download.
+TEST_F(FileTest, NameOfATemporaryFileIsRefused)
+{
+    unsigned int task = 0;
+    captured_log::Clear();
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
+              TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", ".",
+                                          ".travex_ftp-0123456789abcdef.part", nullptr));
+    EXPECT_EQ(1u, captured_log::CountWith("the local file \".travex_ftp-0123456789abcdef.part\" "
+                                          "has the name of a temporary file"));
+    EXPECT_EQ("0 12", Fetch("f", ".travex_ftp-0123456789abcdeg.part"));
+    EXPECT_EQ("0 12", Fetch("f", "g"));
+    EXPECT_THAT(support::FilesIn(m_directory.Path()),
+                ElementsAre(".travex_ftp-0123456789abcdeg.part", "g"));
+    ASSERT_EQ(0, unlink(m_directory.File(".travex_ftp-0123456789abcdeg.part").c_str()));
+}
+
+class LockTest : public FileTest
+{
+protected:
+    std::string FetchWith(int error, int count)
+    {
+        g_lock_fault.waiting = 0;
+        g_lock_fault.error = error;
+        g_lock_fault.count = count;
+        const std::string outcome = Fetch("f", "f");
+        EXPECT_EQ(0, g_lock_fault.waiting) << "on the thread of all transfers";
+        g_lock_fault.count = 0;
+        return outcome;
+    }
+};
+
+TEST_F(LockTest, ANewFileThatAnotherHoldsIsGivenUp)
+{
+    EXPECT_EQ("0 12", FetchWith(EWOULDBLOCK, 3));
+    EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
+    EXPECT_EQ("3 25 cannot lock " + m_directory.Path() + "/./f: others lock every temporary file",
+              FetchWith(EWOULDBLOCK, 1000000));
+    EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
+}
+
+TEST_F(LockTest, AFileSystemWithoutLocksWillDo)
+{
+    for (const int error : {ENOLCK, EOPNOTSUPP, ENOSYS, EINVAL})
+    {
+        EXPECT_EQ("0 12", FetchWith(error, 1000000)) << error;
+        EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
+    }
+    EXPECT_EQ("3 25 cannot lock " + m_directory.Path() + "/./f: Input/output error",
+              FetchWith(EIO, 1000000));
 }
 
 TEST_F(FileTest, RunningTransfersDoNotSweepEachOther)

@@ -1,15 +1,21 @@
 // Parts of the FTP layer that need no server: what is read from replies and texts.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
 
+#include "certificates.h"
+#include "files.h"
+#include "travex_ftp/curl_options.h"
 #include "travex_ftp/failure.h"
 #include "travex_ftp/replies.h"
 #include "travex_ftp/trust.h"
+#include "travex_ftp_fixture.h"
 
 namespace
 {
+using ftp_test::Environment;
 using travex_ftp::Failure;
 using travex_ftp::Limits;
 using travex_ftp::Replies;
@@ -104,6 +110,79 @@ TEST_F(RepliesTest, LinesAndBytesAreCapped)
     EXPECT_EQ(Replies::Line::TooMuch, Hear("x\n"));
 }
 
+TEST_F(RepliesTest, StepIsTheGreetingBeforeTheFirstCommand)
+{
+    EXPECT_STREQ("the greeting", m_replies.step());
+    Send("USER ftp\r\n");
+    EXPECT_STREQ("USER", m_replies.step());
+}
+
+TEST_F(RepliesTest, RefusalIsTheLastWord)
+{
+    EXPECT_FALSE(m_replies.refused());
+    Hear("421 too many\r\n");
+    EXPECT_TRUE(m_replies.refused());
+    Send("SIZE f\r\n");
+    EXPECT_TRUE(m_replies.refused()) << "it may have come before the command was sent";
+    Hear("550 no\r\n");
+    EXPECT_TRUE(m_replies.refused());
+    Send("RETR f\r\n");
+    EXPECT_FALSE(m_replies.refused());
+    Hear("150 opening\r\n");
+    EXPECT_FALSE(m_replies.refused());
+    Hear("426 broken off\r\n");
+    EXPECT_TRUE(m_replies.refused());
+}
+
+TEST_F(RepliesTest, PasswordIsMaskedInTheWholeLine)
+{
+    const auto text = [this](const char* secret, const std::string& line)
+    {
+        m_replies = Replies(secret);
+        Send("PASS x\r\n");
+        Hear(line + "\r\n");
+        return std::string(m_replies.text());
+    };
+    EXPECT_EQ("it was ******, ******", text("secret", "530 it was secret, secret"));
+    const std::string before(252, 'x');
+    EXPECT_EQ(before + "***", text("secret", "530 " + before + "secret"));
+    EXPECT_EQ("it was **********", text("p\xe4ssw\xf6rter", "530 it was p\xe4ssw\xf6rter"));
+    EXPECT_EQ("it was ****", text("tail ", "530 it was tail "));  // its end would be trimmed
+    EXPECT_EQ("*******", text("aaaaa", "530 aaaaaaa"));
+    EXPECT_EQ("it was secre", text("secret", "530 it was secre"));
+}
+
+TEST_F(RepliesTest, AnswersToALoginWithAShortPasswordHaveNoText)
+{
+    m_replies = Replies("abc");
+    Hear("220 abc ready\r\n");
+    EXPECT_STREQ("abc ready", m_replies.text());
+    for (const char* command : {"USER u\r\n", "PASS abc\r\n"})
+    {
+        Send(command);
+        Hear("530 not abc\r\n");
+        EXPECT_EQ(530u, m_replies.code());
+        EXPECT_STREQ("(text withheld)", m_replies.text());
+    }
+    Send("RETR abc\r\n");
+    Hear("550 no abc\r\n");
+    EXPECT_STREQ("no abc", m_replies.text());
+}
+
+TEST(LimitsTest, EnormousOnesAreBounded)
+{
+    const Environment connect("CORPDIR_FTP_CONNECT_MS", "4294967296");
+    const Environment response("CORPDIR_FTP_RESPONSE_MS", "4611686018427387904");
+    const Environment connections("CORPDIR_FTP_CONNECTIONS", "4611686018427387904");
+    const Limits limits = Limits::fromEnvironment();
+    EXPECT_EQ(std::chrono::hours(24 * 20), limits.connect);
+    EXPECT_EQ(std::chrono::hours(24 * 20), limits.response);
+    EXPECT_EQ(4096u, limits.connections);
+    const std::unique_ptr<CURL, travex_ftp::CurlFreed> easy(curl_easy_init());
+    EXPECT_EQ(CURLE_OK,
+              travex_ftp::setReplyLimit(easy.get(), limits.response + std::chrono::seconds(1)));
+}
+
 std::string Printable(std::string text)
 {
     travex_ftp::makePrintable(text.data());
@@ -177,6 +256,88 @@ TEST(TrustTextTest, PathsAndPairs)
     EXPECT_EQ("trust text: \"ca=\" is not understood", Parsed("ca="));
     EXPECT_EQ("trust text: \"CA=/x\" is not understood", Parsed("CA=/x"));
     EXPECT_EQ("trust text: \"x\" is not understood", Parsed("ca=/x;x"));
+}
+
+// What a directory of authorities gives: how many certificates are believed, or the reason.
+class TrustFiles : public testing::Test
+{
+protected:
+    TrustFiles()
+    {
+        Write("ca.pem", support::ReadFile(m_certificates.Authority()));
+    }
+
+    void Write(const std::string& name, const std::string& text)
+    {
+        support::WriteFile(m_directory.File(name), text);
+    }
+
+    std::string Load() const
+    {
+        Failure failure{};
+        travex_ftp::Anchors anchors;
+        if (!travex_ftp::loadAnchors(m_directory.Path(), anchors, failure))
+        {
+            return std::to_string(failure.ulRet) + " " + failure.acReason;
+        }
+        return std::to_string(sk_X509_OBJECT_num(X509_STORE_get0_objects(anchors.store.get())));
+    }
+
+    std::string Refusal(const std::string& name, const std::string& reason) const
+    {
+        return "6 trust text: " + m_directory.File(name) + ": " + reason;
+    }
+
+    const support::TestCertificates m_certificates;
+    const support::TemporaryDirectory m_directory;
+};
+
+TEST_F(TrustFiles, OthersAreNoHarm)
+{
+    Write("empty", "");
+    Write("readme", "no certificate");
+    Write("twice.pem", support::ReadFile(m_certificates.Authority()));
+    ASSERT_EQ(0, symlink("nowhere", m_directory.File("dangling").c_str()));
+    EXPECT_EQ("1", Load());
+    Write("other.pem", support::ReadFile(m_certificates.OtherAuthority()));
+    EXPECT_EQ("2", Load());
+}
+
+TEST_F(TrustFiles, BrokenOnesAreRefused)
+{
+    const std::string pem = support::ReadFile(m_certificates.OtherAuthority());
+    for (const std::string& text :
+         {std::string("-----BEGIN X509 CRL-----\nnonsense\n-----END X509 CRL-----\n"),
+          std::string("-----BEGIN X509 CRL-----\nAAAA\n-----END X509 CRL-----\n"),
+          std::string("-----BEGIN X509 CRL-----\n"), pem.substr(0, pem.size() / 2),
+          pem + "-----BEGIN X509 CRL-----\nAAAA\n"})
+    {
+        Write("z.pem", text);
+        EXPECT_EQ(Refusal("z.pem", "it holds a broken PEM block"), Load()) << text;
+    }
+}
+
+TEST_F(TrustFiles, TooLargeOnesAreRefused)
+{
+    Write("crl.pem", "");
+    ASSERT_EQ(0, truncate(m_directory.File("crl.pem").c_str(), 16777216));
+    EXPECT_EQ("1", Load());
+    ASSERT_EQ(0, truncate(m_directory.File("crl.pem").c_str(), 16777217));
+    EXPECT_EQ(Refusal("crl.pem", "it is too large"), Load());
+}
+
+// The memory of a process is a file whose first page cannot be read.
+TEST_F(TrustFiles, UnreadableOnesAreRefused)
+{
+    ASSERT_EQ(0, symlink("/proc/self/mem", m_directory.File("crl.pem").c_str()));
+    EXPECT_EQ(Refusal("crl.pem", "it cannot be read"), Load());
+}
+
+// A name that leads in a circle may have been that of a revocation list.
+TEST_F(TrustFiles, NamesThatCannotBeFollowedAreRefused)
+{
+    ASSERT_EQ(0, symlink("crl.pem", m_directory.File("crl.pem").c_str()));
+    EXPECT_EQ(Refusal("crl.pem", "Too many levels of symbolic links"), Load());
 }
 
 }  // namespace

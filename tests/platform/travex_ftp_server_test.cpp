@@ -1,5 +1,5 @@
 // Transfers from real servers: plain, explicit and implicit, IPv4 and IPv6, sessions and
-// connections used again, certificates.
+// connections used again, certificates, and what is said and kept quiet about them.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
@@ -10,6 +10,8 @@
 
 namespace
 {
+using ftp_test::Environment;
+using ftp_test::FaultyServer;
 using ftp_test::LayerTest;
 using ftp_test::ParametersOf;
 using support::FtpServerOptions;
@@ -17,6 +19,7 @@ using support::PyFtpServer;
 using support::Tls;
 using support::VsftpdServer;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
 const support::TestCertificates& Certificates()
@@ -188,6 +191,19 @@ TEST_F(RealServer, OnlyTls13SuitesMeanNothingOlder)
     EXPECT_THAT(Fetch("f", "f"), StartsWith("3 17 TLS failed: "));
 }
 
+// The variable is read once in the life of a process: here by another one, which runs a test above.
+TEST_F(RealServer, KeysAreWrittenToNoFile)
+{
+    const std::string keys = m_directory.File("keys");
+    const auto result = support::RunCommand(
+        {{"/proc/self/exe", "--gtest_filter=All/EveryKind.PyFtpServes*/ExplicitV4"},
+         {{"SSLKEYLOGFILE", keys}},
+         ""});
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("1 test from 1 test suite ran"));
+    EXPECT_TRUE(!support::FileExists(keys) || support::ReadFile(keys).empty());
+}
+
 TEST_F(RealServer, RefusalsSpeakTheServersWords)
 {
     PyFtpServer server(Options(Tls::kNone));
@@ -202,6 +218,82 @@ TEST_F(RealServer, RefusalsSpeakTheServersWords)
     strcpy(record.acPassword, "another-one");
     Use(record);
     EXPECT_EQ("3 16 no connection: Connection refused", Fetch("missing", "m"));
+}
+
+class ReasonTest : public LayerTest
+{
+protected:
+    std::string FetchWith(const char* fault, const char* password)
+    {
+        const FaultyServer server(fault);
+        auto record = ftp_test::Parameters("127.0.0.1", server.Port(), m_directory.Path());
+        strcpy(record.acPassword, password);
+        Use(record);
+        return Fetch("f", "f");
+    }
+};
+
+// However long the reply, however short the password, and in whatever code it is written.
+TEST_F(ReasonTest, PasswordsAreNeverRepeated)
+{
+    captured_log::Clear();
+    EXPECT_EQ("3 19 login refused: 530 Login incorrect, password was *************.",
+              FetchWith("password_echo", "p\xe4ssw\xf6rt-long"));
+    EXPECT_EQ("3 19 login refused: 530 " + std::string(246, 'x') + std::string(9, '*'),
+              FetchWith("password_echo_cut", "throw-away-17"));
+    EXPECT_EQ("3 19 login refused: 530 (text withheld)", FetchWith("password_echo", "abc"));
+    EXPECT_EQ(0u, captured_log::CountWith("throw-a"));
+    EXPECT_EQ(0u, captured_log::CountWith("rt-long"));
+    EXPECT_EQ(0u, captured_log::CountWith("abc"));
+}
+
+TEST_F(ReasonTest, ToleratedRefusalIsNotBlamedOnALaterCommand)
+{
+    EXPECT_THAT(FetchWith("size_refused_then_drop", "throw-away-17"),
+                MatchesRegex("3 (23|26) connection lost at RETR: .*"));
+    EXPECT_EQ("3 26 connection lost at PASV: closed by the server",
+              FetchWith("epsv_refused_then_drop", "throw-away-17"));
+    EXPECT_EQ("3 16 the server ends the service: 421 Bye.",
+              FetchWith("reply:EPSV:421 Bye.", "throw-away-17"));
+    EXPECT_EQ("3 23 the server broke off: 451 Read error on the disk.",
+              FetchWith("late_451", "throw-away-17"));
+}
+
+TEST_F(ReasonTest, EnormousLimitsAreNoObstacle)
+{
+    ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
+    const Environment connect("CORPDIR_FTP_CONNECT_MS", "4294967296");
+    const Environment response("CORPDIR_FTP_RESPONSE_MS", "4611686018427387904");
+    const Environment confirm("CORPDIR_FTP_CONFIRM_MS", "4611686018427387904");
+    const Environment transfer("CORPDIR_FTP_TRANSFER_MS", "4294967296");
+    const Environment handshake("CORPDIR_FTP_HANDSHAKE_MS", "4294967296");
+    const Environment connections("CORPDIR_FTP_CONNECTIONS", "4611686018427387904");
+    SetUp();
+    EXPECT_EQ("0 12", FetchWith("none", "throw-away-17"));
+}
+
+// A server that does not greet, while a handshake that does not end keeps libcurl busy: then it is
+// libcurl's own limit that is found to have passed.
+TEST_F(ReasonTest, MissingGreetingIsNamed)
+{
+    ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
+    const Environment response("CORPDIR_FTP_RESPONSE_MS", "500");
+    const Environment handshake("CORPDIR_FTP_HANDSHAKE_MS", "3000");
+    SetUp();
+    const FaultyServer silent("hang:GREETING");
+    const support::ServerCertificate certificate = Certificates().Good();
+    const FaultyServer deaf("hang_handshake",
+                            {"--tls", "explicit", "--cert", certificate.certificate_file, "--key",
+                             certificate.key_file});
+    Use(ftp_test::Parameters("127.0.0.1", silent.Port(), m_directory.Path()));
+    const unsigned int task = Start("f", "f");
+    ASSERT_TRUE(support::WaitUntil([&] { return silent.Count("CONNECT") == 1; }));
+    auto record = ftp_test::Parameters("127.0.0.1", deaf.Port(), m_directory.Path());
+    record.ulServerType = 1;
+    Use(record);
+    (void)Start("f", "g");
+    EXPECT_THAT(ftp_test::FailureOf(task).reason,
+                MatchesRegex("[^ ]* (the greeting: .*|no greeting in .*)"));
 }
 
 // "/x" is absolute, "x" relative to the login directory; nothing in a name is interpreted.

@@ -158,6 +158,19 @@ class Faults:
     def password_echo(self, it):
         it.replies["PASS"] = "530 Login incorrect, password was %s." % "{argument}"
 
+    def password_echo_cut(self, it):
+        """The password lies where a client may shorten the text."""
+        it.replies["PASS"] = "530 " + "x" * 246 + "{argument}"
+
+    def size_refused_then_drop(self, it):
+        """SIZE answers 550, which is no fault; RETR ends the connection."""
+        it.size_reply = "550 SIZE not allowed"
+        it.step_fault = ["drop", "RETR"]
+
+    def epsv_refused_then_drop(self, it):
+        it.replies["EPSV"] = "500 Unknown command."
+        it.step_fault = ["drop", "PASV"]
+
     def escape_in_reply(self, it):
         it.replies["RETR"] = "550 \x1b[2J\x07 gone \xc2\x9b"
 
