@@ -1,7 +1,5 @@
 #include "line_formatter.h"
 
-#include "common/guard.h"
-
 #include <spdlog/details/log_msg.h>
 
 #include <algorithm>

@@ -2,6 +2,8 @@
 #ifndef CORPDIR_LOG_LINE_FORMATTER_H
 #define CORPDIR_LOG_LINE_FORMATTER_H
 
+#include "common/guard.h"
+
 #include <spdlog/formatter.h>
 
 #include <cstddef>
@@ -19,8 +21,8 @@ public:
     std::unique_ptr<spdlog::formatter> clone() const override;
 
     // Around a fork: nobody is looking up the local time meanwhile.
-    static void BeforeFork();
-    static void AfterFork();
+    static void BeforeFork() CORPDIR_ANNOTATE(no_thread_safety_analysis);
+    static void AfterFork() CORPDIR_ANNOTATE(no_thread_safety_analysis);
 
 private:
     void SetSecond(std::time_t second);

@@ -136,6 +136,7 @@ void World::atExit()
     for (Layer* layer = left->get(); layer != nullptr; layer = layer->nextEnded_.get())
     {
         layer->stop();
+        layer->transfers_.leaveNoFiles();
     }
     const Clock::time_point deadline = Clock::now() + kExitPatience;
     for (Layer* layer = left->get(); layer != nullptr; layer = layer->nextEnded_.get())

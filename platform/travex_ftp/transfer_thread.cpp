@@ -65,6 +65,17 @@ void TransferThread::submit(TaskPtr task)
     wake();
 }
 
+void TransferThread::leaveNoFiles()
+{
+    for (size_t i = 0; worker_.isCaller() && i != connections_.size(); ++i)
+    {
+        if (connections_[i]->transfer() != nullptr)
+        {
+            connections_[i]->transfer()->abandon();
+        }
+    }
+}
+
 void TransferThread::handleClosed()
 {
     {

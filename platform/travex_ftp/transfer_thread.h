@@ -40,6 +40,10 @@ public:
     // Accepts a task. Cannot fail; after stop() the task is dropped.
     void submit(TaskPtr task) CORPDIR_EXCLUDES(guard_);
 
+    // The process ends. Does something only on the thread itself: when the client's verify callback
+    // has called exit, the thread will not get to wind up.
+    void leaveNoFiles();
+
     // Handles were closed: their transfers are to be dropped.
     void handleClosed();
 

@@ -421,6 +421,33 @@ TEST_F(Contract, ChildOfAForkGetsCodes)
     EXPECT_EQ(1u, server.Count("CONNECT"));
 }
 
+// The client's verify callback runs on the transfer thread, in the middle of a transfer.
+TEST(ContractExit, ProcessThatEndsWithinTheVerifyCallbackLeavesNoTemporaryFile)
+{
+    FaultyServer server("none", ftp_test::TlsOptions());
+    support::TemporaryDirectory directory;
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        (void)TRAVEX_FTP_Init();
+        const TRAVEX_FTP_HANDLE handle = TRAVEX_FTP_CreateHandle();
+        const tagTRAVEX_FTP_S_DATA_PARAM data{};
+        auto record = Parameters("127.0.0.1", server.Port(), directory.Path());
+        record.ulServerType = 1;
+        record.pfnFtpsVerify = [](void*, void*) -> int { std::exit(7); };
+        (void)TRAVEX_FTP_SetDataParam(handle, &data);
+        (void)TRAVEX_FTP_SetCtrlParam(handle, &record);
+        unsigned int task = 0;
+        (void)TRAVEX_FTP_AsynDownloadFile(handle, &task, "f", ".", "v", Record);
+        (void)sleep(20);
+        _exit(1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(7, WEXITSTATUS(status));
+    EXPECT_THAT(support::FilesIn(directory.Path()), testing::IsEmpty());
+}
+
 // The process ends while transfers run and a callback does not return: not later than in a second.
 TEST(ContractExit, ProcessEndsWithoutAStop)
 {
