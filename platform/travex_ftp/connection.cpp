@@ -425,6 +425,7 @@ int Connection::onDebug(CURL*, curl_infotype type, char* data, size_t size, void
     if (it.transfer_ != nullptr)
     {
         it.transfer_->commandSent(data, size);
+        it.proven_ = it.proven_ || !it.blocksToConnect();
         it.limitConnecting(it.limits_.transfer);
         it.passes_ = 0;
     }
@@ -456,6 +457,7 @@ void Connection::handshakeStarted()
 
 void Connection::handshakeDone()
 {
+    proven_ = proven_ || control_.established();
     limitConnecting(limits_.transfer);
     goOn();
 }

@@ -59,10 +59,17 @@ public:
     // The server has not turned it away: a command was sent, now or in an earlier transfer.
     bool welcome() const;
 
-    // Its handshake, if that is a blocking call, is behind it.
+    // The server has greeted it, now or in an earlier transfer, and its handshake is behind it if
+    // that is a blocking call.
     bool proven() const
     {
-        return !blocksToConnect() || control_.established();
+        return proven_;
+    }
+
+    // Since the transfer began on it, or the last one did.
+    Clock::duration age() const
+    {
+        return Clock::now() - started_;
     }
 
     // When a transfer that still has no greeting need not wait for it if another connection can be
@@ -153,7 +160,8 @@ private:
     bool leaving_ = false;
     bool loggedIn_ = false;  // in this transfer: what is opened from here on is a data channel
     bool used_ = false;      // a transfer got that far
-    int socketError_ = 0;    // in this transfer: why no socket could be made
+    bool proven_ = false;
+    int socketError_ = 0;  // in this transfer: why no socket could be made
     Clock::time_point started_;
     Clock::time_point idleSince_;
 

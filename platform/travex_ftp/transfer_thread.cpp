@@ -268,18 +268,21 @@ Connection* TransferThread::connectionFor(Lane& lane)
     }
     size_t open = 0;
     bool proven = false;
+    bool proving = false;
     for (const auto& connection : connections_)
     {
         if ((connection->alive() || connection->busy()) && connection->matches(lane.settings()))
         {
             ++open;
             proven = proven || connection->proven();
+            proving = proving || connection->transfer() != nullptr;
         }
     }
     const Clock::time_point now = Clock::now();
-    // A server that hangs in the one handshake that is a blocking call shall not do so on many
-    // connections one after the other.
-    if ((open != 0 && !proven) || !lane.mayConnect(open, now))
+    // The first connection shows that the server serves us at all. One that hangs in the handshake
+    // that is a blocking call must not do so on many connections one after the other; and only
+    // beside one that is served is the refusal of another one no failure.
+    if ((proving && !proven) || !lane.mayConnect(open, now))
     {
         return nullptr;
     }
@@ -419,7 +422,26 @@ void TransferThread::conclude(Connection& connection, std::unique_ptr<Transfer> 
     }
     else if (success || !queueAgain(*transfer))
     {
+        // What took its time would take it again for each of those that waited to see what comes of
+        // it; a quick failure they may find out for themselves.
+        constexpr milliseconds kQuick{1000};
+        if (!success && !connection.proven() && connection.age() >= kQuick)
+        {
+            failWaiting(transfer->task().settings, transfer->failure());
+        }
         transfer->finish();
+    }
+}
+
+void TransferThread::failWaiting(const std::shared_ptr<const Settings>& settings,
+                                 const Failure& failure)
+{
+    Lane* const lane = laneOf(settings);
+    while (TaskPtr task = lane->waiting.pop())
+    {
+        Transfer transfer(std::move(task), notifier_, limits_);
+        transfer.failure() = failure;
+        transfer.finish();
     }
 }
 

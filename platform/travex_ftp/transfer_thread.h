@@ -67,6 +67,7 @@ private:
     bool queueAgain(const Transfer& transfer);
     size_t countWelcome(const Settings& settings) const;
     size_t countOpen(const Settings& settings) const;
+    void failWaiting(const std::shared_ptr<const Settings>& settings, const Failure& failure);
     void conclude(Connection& connection, std::unique_ptr<Transfer> transfer);
     void moveUngreeted();
     void retry(std::unique_ptr<Transfer> transfer);

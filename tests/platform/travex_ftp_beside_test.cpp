@@ -172,6 +172,7 @@ protected:
 
     const Environment m_handshake{"CORPDIR_FTP_HANDSHAKE_MS", "1000"};
     const Environment m_response{"CORPDIR_FTP_RESPONSE_MS", "1500"};
+    const Environment m_connect{"CORPDIR_FTP_CONNECT_MS", "1500"};
 };
 
 // Three servers hold up the thread for longer than an answer may take; the answers of the good one
@@ -200,6 +201,37 @@ TEST_F(Beside, AServerThatHangsIsTriedOnOneConnectionAtATime)
     ASSERT_TRUE(WaitUntil([&] { return hanging.Count("COMMAND AUTH") >= 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(500));  // half of its limit
     EXPECT_GE(2u, hanging.Count("CONNECT"));
+}
+
+// Those that waited to see what comes of the first connection share its fate.
+TEST_F(Beside, AServerThatHangsFailsAllThatWaitAtOnce)
+{
+    for (const char* const fault : {"hang:GREETING", "hang_handshake"})
+    {
+        const bool tls = fault == std::string("hang_handshake");
+        FaultyServer hanging(fault, tls ? TlsOptions("explicit") : std::vector<std::string>());
+        const auto begin = std::chrono::steady_clock::now();
+        for (const unsigned int task : StartMany(hanging, tls, 40))
+        {
+            EXPECT_EQ("3", ftp_test::OutcomeOf(task));
+            EXPECT_THAT(ftp_test::FailureOf(task).reason,
+                        testing::HasSubstr(tls ? "TLS failed" : "no greeting in 1.5 s"));
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << fault;
+        EXPECT_GE(2u, hanging.Count("CONNECT"));
+    }
+}
+
+// A quick failure may be one of the moment.
+TEST_F(Beside, AServerThatDropsTheFirstServesTheOthers)
+{
+    FaultyServer server("drop:GREETING", {"--once"});
+    const std::vector<unsigned int> tasks = StartMany(server, false, 20);
+    EXPECT_EQ("3", ftp_test::OutcomeOf(tasks[0]));
+    for (size_t i = 1; i != tasks.size(); ++i)
+    {
+        EXPECT_EQ("0 12", ftp_test::OutcomeOf(tasks[i])) << ftp_test::FailureOf(tasks[i]).reason;
+    }
 }
 
 TEST_F(Beside, ACrowdedServerHoldsUpNoOther)
