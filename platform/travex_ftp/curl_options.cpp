@@ -99,7 +99,7 @@ CURLcode setConnectionOptions(CURL* easy, const Settings& settings, const Limits
     options.set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
     options.set(CURLOPT_PROTOCOLS_STR, "ftp,ftps");
     options.set(CURLOPT_USERNAME, settings.user.c_str());
-    options.set(CURLOPT_PASSWORD, settings.password.text());
+    options.set(CURLOPT_PASSWORD, Clear(settings.password).text());
     // FTP has no use for this text, but libcurl compares it before it reuses a connection: thereby
     // each handle finds the one connection that it made, with the TLS sessions that belong to it.
     options.set(CURLOPT_SASL_AUTHZID, std::to_string(number).c_str());

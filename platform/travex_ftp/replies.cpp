@@ -117,7 +117,12 @@ void Replies::keepText(const char* begin, const char* end, const char* lineEnd)
     const size_t kept = std::min(static_cast<size_t>(end - begin), sizeof text_ - 1);
     memcpy(text_, begin, kept);
     text_[kept] = '\0';
-    const size_t length = strlen(secret_);
+    if (secret_ == nullptr)
+    {
+        return;
+    }
+    const Clear secret(*secret_);
+    const size_t length = strlen(secret.text());
     if (length < kShortestMasked)
     {
         if (strcmp(verb_, "USER") == 0 || strcmp(verb_, "PASS") == 0)
@@ -128,7 +133,7 @@ void Replies::keepText(const char* begin, const char* end, const char* lineEnd)
     }
     for (const char* at = begin; at < begin + kept; ++at)
     {
-        if (static_cast<size_t>(lineEnd - at) >= length && memcmp(at, secret_, length) == 0)
+        if (static_cast<size_t>(lineEnd - at) >= length && memcmp(at, secret.text(), length) == 0)
         {
             const size_t offset = static_cast<size_t>(at - begin);
             memset(text_ + offset, '*', std::min(length, kept - offset));

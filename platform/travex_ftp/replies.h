@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "limits.h"
+#include "secret.h"
 
 namespace travex_ftp
 {
@@ -13,8 +14,8 @@ namespace travex_ftp
 class Replies
 {
 public:
-    // `secret` is the password, which a server may repeat; it must outlive the object.
-    explicit Replies(const char* secret = "") : secret_(secret) {}
+    // `secret` is the password, which a server may repeat; it must outlive the object. Null: none.
+    explicit Replies(const Secret* secret = nullptr) : secret_(secret) {}
 
     // The server gives up the control connection, whatever the command was.
     static constexpr unsigned int kServiceEnds = 421;
@@ -93,7 +94,7 @@ private:
     Line final(const char* line, size_t length);
     void keepText(const char* begin, const char* end, const char* lineEnd);
 
-    const char* secret_;
+    const Secret* secret_;
     char verb_[8] = "";
     char text_[256] = "";
     unsigned int code_ = 0;

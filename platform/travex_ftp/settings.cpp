@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace travex_ftp
 {
@@ -116,8 +117,7 @@ Settings::Settings(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
 bool Settings::sameConnection(const Settings& other) const
 {
     return serverText == other.serverText && local.literal == other.local.literal &&
-           user == other.user && strcmp(password.text(), other.password.text()) == 0 &&
-           tls == other.tls;
+           user == other.user && password == other.password && tls == other.tls;
 }
 
 std::shared_ptr<const Settings> readSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& record,

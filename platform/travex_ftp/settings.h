@@ -2,39 +2,15 @@
 #ifndef TRAVEX_FTP_SETTINGS_H
 #define TRAVEX_FTP_SETTINGS_H
 
-#include <cstring>
 #include <memory>
 #include <string>
 
 #include "failure.h"
+#include "secret.h"
 #include "tls_policy.h"
 
 namespace travex_ftp
 {
-// A password. Its memory is wiped when it goes; it is never copied.
-class Secret
-{
-public:
-    explicit Secret(const char* text)
-    {
-        memcpy(text_, text, strnlen(text, sizeof text_ - 1));
-    }
-    ~Secret()
-    {
-        explicit_bzero(text_, sizeof text_);
-    }
-    Secret(const Secret&) = delete;
-    Secret& operator=(const Secret&) = delete;
-
-    const char* text() const
-    {
-        return text_;
-    }
-
-private:
-    char text_[128] = "";
-};
-
 // An address of the record: as bytes for the certificate, as a literal for the URL.
 struct Address
 {

@@ -46,7 +46,7 @@ void Transfer::begin(bool reused)
     retried_ = retried_ || reused_;
     reused_ = reused;
     failure_ = Failure{};
-    replies_ = Replies(task_->settings->password.text());
+    replies_ = Replies(&task_->settings->password);
     waitFor(reused ? Wait::Reply : Wait::Connection, reused ? limits_.response : limits_.connect);
     TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s on a %s connection",
                    task_->settings->serverText.c_str(), task_->id.value(),
@@ -278,7 +278,7 @@ void Transfer::finish()
     if (failed(failure_))
     {
         // The replies are free of the password; what libcurl says of them may not be.
-        mask(failure_.acReason, settings.password.text());
+        mask(failure_.acReason, Clear(settings.password).text());
         prefix(failure_, settings.serverText.c_str());
         TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s (task %u, %s)", failure_.acReason, task_->id.value(),
                        task_->serverFile.c_str());

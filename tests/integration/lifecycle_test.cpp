@@ -3,13 +3,13 @@
 // CORPDIR_CYCLES sets how often each of them is repeated; the defaults keep the suite quick, the
 // more so under sanitizers, which slow everything down.
 #include <atomic>
-#include <cstdlib>
 #include <random>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "lifecycle_counts.h"
 #include "service_client.h"
 
 namespace integration
@@ -24,26 +24,9 @@ using support::Tls;
 using support::WaitUntil;
 using ::testing::Each;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define CORPDIR_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define CORPDIR_TEST_SANITIZED 1
-#endif
-#endif
-
 std::size_t Cycles(std::size_t usual)
 {
-    const char* wanted = std::getenv("CORPDIR_CYCLES");
-    if (wanted != nullptr)
-    {
-        return std::strtoul(wanted, nullptr, 10);
-    }
-#ifdef CORPDIR_TEST_SANITIZED
-    return usual / 4;
-#else
-    return usual;
-#endif
+    return Count("CORPDIR_CYCLES", usual, usual / 4);
 }
 
 class Lifecycle : public ::testing::TestWithParam<Tls>

@@ -85,11 +85,16 @@ Client::~Client()
     Stop();
 }
 
-unsigned int Client::Start()
+unsigned int Client::Start(unsigned int log_level)
+{
+    return StartWithLogIn(m_log.Path(), log_level);
+}
+
+unsigned int Client::StartWithLogIn(const std::string& directory, unsigned int log_level)
 {
     tag_CORPDIR_LOGINFO log = {};
-    Fill(log.szLogDir, m_log.Path());
-    log.ulLogLevel = 2;
+    Fill(log.szLogDir, directory);
+    log.ulLogLevel = log_level;
     return GetCorpDirInstance()->CorpDirInit(&log);
 }
 
@@ -99,6 +104,13 @@ void Client::Stop()
 }
 
 unsigned int Client::Ask(const Request& request)
+{
+    return AskWith(request, [](tag_CORPDIR_DOWNLOADINFO&) {});
+}
+
+unsigned int Client::AskWith(const Request& request,
+                             const std::function<void(tag_CORPDIR_DOWNLOADINFO&)>& change,
+                             bool told)
 {
     tag_CORPDIR_DOWNLOADINFO record = {};
     Fill(record.szFtpCtrlInfo, request.trust);
@@ -114,7 +126,16 @@ unsigned int Client::Ask(const Request& request)
     record.ulPort = request.port;
     record.ulFtpMode = request.plain ? 1 : 0;
     record.ulCertVerify = request.verify ? 1 : 0;
-    return GetCorpDirInstance()->CorpDirDownloadNetaddr(&record, Record);
+    change(record);
+    const unsigned int result =
+        GetCorpDirInstance()->CorpDirDownloadNetaddr(&record, told ? Record : nullptr);
+    explicit_bzero(&record, sizeof record);
+    return result;
+}
+
+unsigned int Client::AskWithoutRecord()
+{
+    return GetCorpDirInstance()->CorpDirDownloadNetaddr(nullptr, Record);
 }
 
 void Client::OnResult(std::function<void()> action)

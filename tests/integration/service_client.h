@@ -62,9 +62,16 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    unsigned int Start();
+    unsigned int Start(unsigned int log_level = 2);
+    unsigned int StartWithLogIn(const std::string& directory, unsigned int log_level = 2);
     void Stop();
     unsigned int Ask(const Request& request);
+    // With a record that `change` has had a hand in, and without a callback unless `told`. The
+    // record is wiped.
+    unsigned int AskWith(const Request& request,
+                         const std::function<void(tag_CORPDIR_DOWNLOADINFO&)>& change,
+                         bool told = true);
+    unsigned int AskWithoutRecord();
 
     // Runs on the notification thread after the result was recorded.
     void OnResult(std::function<void()> action);

@@ -13,9 +13,9 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
 #include "captured_log.h"
+#include "memory_search.h"
 #include "travex_ftp_fixture.h"
 
 namespace
@@ -435,51 +435,10 @@ TEST_F(LayerTest, ProxyVariablesAndNetrcAreIgnored)
 }
 
 #ifndef CORPDIR_TESTS_UNDER_SANITIZERS  // they keep freed memory, and map more than can be read
-// Counts a text, given backwards, in the writable memory of the process; not in its own workplace.
+// How often a text that is given backwards stands in the process's memory.
 size_t CountInMemory(const std::string& reversed)
 {
-    static char s_secret[64];
-    static char s_block[1 << 16];
-    const size_t length = reversed.size();
-    std::copy(reversed.rbegin(), reversed.rend(), s_secret);
-    const int memory = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
-    std::ifstream maps("/proc/self/maps");
-    size_t found = 0;
-    for (std::string line; std::getline(maps, line);)
-    {
-        unsigned long at = 0;
-        unsigned long end = 0;
-        char mode[5] = "";
-        if (sscanf(line.c_str(), "%lx-%lx %4s", &at, &end, mode) != 3 || mode[1] != 'w')
-        {
-            continue;
-        }
-        // Blocks overlap by a byte less than the text, so that it is found once wherever it lies.
-        for (ssize_t got = 0; at + length <= end;
-             at += static_cast<unsigned long>(got) - length + 1)
-        {
-            got =
-                pread(memory, s_block, std::min(sizeof s_block, end - at), static_cast<off_t>(at));
-            if (got < static_cast<ssize_t>(length))
-            {
-                break;
-            }
-            const char* const last = s_block + got;
-            const auto next = [last, length](const char* from)
-            { return std::search(from, last, &s_secret[0], &s_secret[length]); };
-            for (const char* hit = next(s_block); hit != last; hit = next(hit + 1))
-            {
-                const auto* place = reinterpret_cast<const char*>(at) + (hit - s_block);
-                const bool ours = (place >= s_secret && place < s_secret + sizeof s_secret) ||
-                                  (place >= s_block && place < s_block + sizeof s_block);
-                found += ours ? 0 : 1;
-            }
-        }
-    }
-    close(memory);
-    explicit_bzero(s_secret, sizeof s_secret);
-    explicit_bzero(s_block, sizeof s_block);
-    return found;
+    return support::PlacesInMemory(support::Scrambled::Reversed(reversed)).size();
 }
 
 // Once the connection is gone no memory of the process holds the password. It is put together at

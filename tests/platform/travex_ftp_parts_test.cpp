@@ -138,7 +138,8 @@ TEST_F(RepliesTest, PasswordIsMaskedInTheWholeLine)
 {
     const auto text = [this](const char* secret, const std::string& line)
     {
-        m_replies = Replies(secret);
+        const travex_ftp::Secret password(secret);
+        m_replies = Replies(&password);
         Send("PASS x\r\n");
         Hear(line + "\r\n");
         return std::string(m_replies.text());
@@ -154,7 +155,8 @@ TEST_F(RepliesTest, PasswordIsMaskedInTheWholeLine)
 
 TEST_F(RepliesTest, AnswersToALoginWithAShortPasswordHaveNoText)
 {
-    m_replies = Replies("abc");
+    const travex_ftp::Secret password("abc");
+    m_replies = Replies(&password);
     Hear("220 abc ready\r\n");
     EXPECT_STREQ("abc ready", m_replies.text());
     for (const char* command : {"USER u\r\n", "PASS abc\r\n"})

@@ -1,0 +1,31 @@
+// How often the life-cycle tests repeat themselves.
+#ifndef CORPDIR_TESTS_LIFECYCLE_COUNTS_H
+#define CORPDIR_TESTS_LIFECYCLE_COUNTS_H
+
+#include <cstddef>
+#include <cstdlib>
+
+namespace integration
+{
+
+// The number in an environment variable; without one `usual`, or under sanitizers, which slow
+// everything down, `sanitized`.
+inline std::size_t Count(const char* variable, std::size_t usual, std::size_t sanitized)
+{
+    const char* wanted = std::getenv(variable);
+    if (wanted != nullptr)
+    {
+        return std::strtoul(wanted, nullptr, 10);
+    }
+#ifdef CORPDIR_TESTS_UNDER_SANITIZERS
+    (void)usual;
+    return sanitized;
+#else
+    (void)sanitized;
+    return usual;
+#endif
+}
+
+}  // namespace integration
+
+#endif

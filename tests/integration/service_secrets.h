@@ -1,0 +1,20 @@
+// The service's key material, for tests. The unit itself is compiled into service_secrets.cpp; the
+// product has no hooks.
+#ifndef CORPDIR_TESTS_SERVICE_SECRETS_H
+#define CORPDIR_TESTS_SERVICE_SECRETS_H
+
+#include <vector>
+
+#include "memory_search.h"
+
+namespace integration
+{
+
+using Secrets = std::vector<support::Scrambled>;
+
+// What the password of the current request is sealed with: the halves of the key and of the IV.
+Secrets SealingSecrets();
+
+}  // namespace integration
+
+#endif
