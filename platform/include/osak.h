@@ -87,7 +87,7 @@ extern "C"
 
     // Locks, blocking; each lock of the holder wants an unlock of its own. Uncontended, a lock or
     // an unlock costs about as much as a bare pthread mutex's. While the process exits a lock waits
-    // at most 1 s, then OSAK_ERR_BUSY.
+    // at most 1 s, and not for a holder that is held for good, then OSAK_ERR_BUSY.
     unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex);
     unsigned int OSAK_MutexUnLock(OSAK_MUTEX* mutex);
 
@@ -99,8 +99,9 @@ extern "C"
                                     void* arg);
 
     // Waits for the thread's end; *result (unless result is null) is the entry's result as a
-    // pointer. The calling thread itself: OSAK_ERR_SELF. A second join, also while the first one
-    // still waits: OSAK_ERR_HANDLE.
+    // pointer. The calling thread itself: OSAK_ERR_SELF; once that thread has ended, the handle is
+    // good for a join until the next thread starts. A second join, also while the first one still
+    // waits: OSAK_ERR_HANDLE.
     unsigned int OSAK_PthreadJoin(OSAK_THREAD thread, void** result);
 
     // Relative timers.

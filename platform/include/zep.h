@@ -47,16 +47,16 @@ extern "C"
     int ZEP_Socket_Get_AF_INET6();
 
     // Copies count bytes into a destination of destMax bytes. Refused, with the destination
-    // unchanged: null pointers (a count of 0 too), count > destMax, overlap.
+    // unchanged: null pointers (a count of 0 too), count > destMax or PTRDIFF_MAX, overlap.
     int zep_memcpy_s(void* dest, size_t destMax, const void* src, size_t count);
 
-    // Sets count bytes to c. Refused, with the destination unchanged: null, count > destMax. Never
-    // optimised away, so that it serves for wiping secrets.
+    // Sets count bytes to c. Refused, with the destination unchanged: null, count > destMax or
+    // PTRDIFF_MAX. Never optimised away, so that it serves for wiping secrets.
     int zep_memset_s(void* dest, size_t destMax, int c, size_t count);
 
     // Copies at most count bytes of a text, up to its NUL, and terminates. The text and its
-    // terminator must fit destMax bytes and not overlap, else nothing is copied and dest becomes
-    // the empty text. Reads at most destMax bytes of src.
+    // terminator must fit destMax bytes and not overlap, and count be at most PTRDIFF_MAX, else
+    // nothing is copied and dest becomes the empty text. Reads at most destMax bytes of src.
     int zep_strncpy_s(char* dest, size_t destMax, const char* src, size_t count);
 
 }  // extern "C"

@@ -69,7 +69,9 @@ public:
 
     using Entry = std::pair<void*, Block>;
 
-    // Takes a block in. Returns one that is to be given back instead, null for none.
+    // Takes a block in. Returns one that is to be given back instead, null for none. A full ring
+    // thus loses one for each that comes, and never overflows; when the bytes want more to go, the
+    // caller asks Surplus for them.
     Entry Keep(void* address, const Block& block)
     {
         m_bytes += block.size;

@@ -25,16 +25,11 @@ namespace osak
 {
 namespace
 {
-// The lock word: number of the holding thread (0: none), the contended bit, the generation.
-constexpr std::uint64_t kOwnerMask = 0xFFFFFFFFU;
-constexpr std::uint64_t kContended = std::uint64_t{1} << 32;
-constexpr std::uint64_t kGenerationStep = std::uint64_t{1} << 33;
-
-// 0: nobody holds it.
-unsigned int OwnerOf(std::uint64_t word)
-{
-    return static_cast<unsigned int>(word & kOwnerMask);
-}
+// The lock word: the held bit, the contended bit, the generation. Who holds it stands beside it: a
+// number that is never given twice leaves no room for a generation.
+constexpr std::uint64_t kHeld = 1;
+constexpr std::uint64_t kContended = 2;
+constexpr std::uint64_t kGenerationStep = 4;
 
 // The word of the generation when nobody holds the mutex or waits for it.
 std::uint64_t GenerationOf(std::uint64_t word)
@@ -50,11 +45,15 @@ struct alignas(64) State
 
     State* const next;
 
-    // While the contended bit is set the word changes under the guard only, except that a holder
-    // without waiters in sight may fail its exchange and come back for the guard.
+    // While the contended bit is set the word changes under the guard only: an exchange without the
+    // guard expects the bit clear, and fails.
     std::atomic<std::uint64_t> word{0};
     // The name; null: free. It is cleared before the generation changes and set after it did.
     std::atomic<const OSAK_MUTEX*> storage{nullptr};
+    // Number of the holding thread; 0 while nobody holds it, and for a moment around that. A thread
+    // that reads its own number holds the mutex: it is the only one to write that number here, and
+    // writes 0 before it lets go.
+    std::atomic<std::uint64_t> owner{0};
     unsigned int depth = 0;  // the holder's own
 
     common::Guard guard;
@@ -134,6 +133,20 @@ void Leave(State& state) CORPDIR_REQUIRES(state.guard)
     }
 }
 
+// True when the holder was held for good while the process exits.
+bool IsHolderParked(const State& state)
+{
+    return CurrentPhase() == Phase::kExiting &&
+           IsParked(state.owner.load(std::memory_order_relaxed));
+}
+
+// Notes that the calling thread holds the mutex from now on.
+void BecomeHolder(State& state, std::uint64_t self)
+{
+    state.owner.store(self, std::memory_order_relaxed);
+    state.depth = 1;
+}
+
 // Waits until the mutex is free for a locker, and takes it.
 unsigned int AwaitLock(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
 {
@@ -151,12 +164,16 @@ unsigned int AwaitLock(State& state, std::uint64_t generation) CORPDIR_REQUIRES(
         {
             return OSAK_ERR_SYSTEM;
         }
-        if (OwnerOf(word) == 0 && state.ending == 0)
+        if ((word & kHeld) == 0 && state.ending == 0)
         {
             // Nobody else writes the word: the contended bit is set and the guard held.
-            state.word.store(word | CurrentThreadNumber());
-            state.depth = 1;
+            state.word.store(word | kHeld);
+            BecomeHolder(state, CurrentThreadNumber());
             return OSAK_OK;
+        }
+        if (bounded && IsHolderParked(state))
+        {
+            return OSAK_ERR_BUSY;
         }
         if (!bounded)
         {
@@ -194,18 +211,13 @@ unsigned int LockContended(State& state, std::uint64_t generation)
 void UnlockContended(State& state)
 {
     const common::Hold hold(state.guard);
-    state.word.fetch_and(~kOwnerMask);
+    state.word.fetch_and(~kHeld);
     state.changed.NotifyAll();
 }
 
-// A holder that was held for good while the process exits counts as none.
-bool IsUnheld(std::uint64_t word)
-{
-    const unsigned int owner = OwnerOf(word);
-    return owner == 0 || (CurrentPhase() == Phase::kExiting && IsParked(owner));
-}
-
-// Waits until the mutex is free to be destroyed; lockers stand back meanwhile.
+// Waits until the mutex is free to be destroyed; lockers stand back meanwhile. A holder that was
+// held for good counts as none. One more look follows the deadline: an unlock that comes with it
+// still counts.
 unsigned int AwaitUnheld(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
 {
     const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
@@ -217,7 +229,7 @@ unsigned int AwaitUnheld(State& state, std::uint64_t generation) CORPDIR_REQUIRE
         {
             return OSAK_ERR_NO_MUTEX;  // another thread destroyed it first
         }
-        if (IsUnheld(word))
+        if ((word & kHeld) == 0 || IsHolderParked(state))
         {
             return OSAK_OK;
         }
@@ -229,10 +241,13 @@ unsigned int AwaitUnheld(State& state, std::uint64_t generation) CORPDIR_REQUIRE
     }
 }
 
-// Takes the name away, then lets a new generation begin, unheld.
+// Takes the name away, then lets a new generation begin, unheld. The contended bit goes as well:
+// those in line are of the old generation and only leave, and whoever joins the line of the new one
+// sets it again.
 void Retire(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
 {
     state.storage.store(nullptr, std::memory_order_release);
+    state.owner.store(0, std::memory_order_relaxed);  // that of a thread that was held for good
     state.word.store(generation + kGenerationStep);
 }
 
@@ -245,7 +260,7 @@ unsigned int Destroy(State& state, std::uint64_t generation)
     {
         return OSAK_ERR_NO_MUTEX;
     }
-    if (OwnerOf(word) == CurrentThreadNumber())
+    if (state.owner.load(std::memory_order_relaxed) == CurrentThreadNumber())
     {
         return OSAK_ERR_OWNER;
     }
@@ -339,17 +354,17 @@ unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex)
     {
         return OSAK_ERR_NO_MUTEX;
     }
-    const unsigned int self = osak::CurrentThreadNumber();
-    // Only this thread writes its own number, so what the look-up saw still holds.
-    if (osak::OwnerOf(word) == self)
+    const std::uint64_t self = osak::CurrentThreadNumber();
+    if (state->owner.load(std::memory_order_relaxed) == self)
     {
         ++state->depth;
         return OSAK_OK;
     }
     std::uint64_t unheld = osak::GenerationOf(word);
-    if (state->word.compare_exchange_strong(unheld, unheld | self, std::memory_order_acquire))
+    if (state->word.compare_exchange_strong(unheld, unheld | osak::kHeld,
+                                            std::memory_order_acquire))
     {
-        state->depth = 1;
+        osak::BecomeHolder(*state, self);
         return OSAK_OK;
     }
     return osak::LockContended(*state, osak::GenerationOf(word));
@@ -371,8 +386,7 @@ unsigned int OSAK_MutexUnLock(OSAK_MUTEX* mutex)
     {
         return OSAK_ERR_NO_MUTEX;
     }
-    const unsigned int self = osak::CurrentThreadNumber();
-    if (osak::OwnerOf(word) != self)
+    if (state->owner.load(std::memory_order_relaxed) != osak::CurrentThreadNumber())
     {
         return OSAK_ERR_OWNER;
     }
@@ -381,8 +395,9 @@ unsigned int OSAK_MutexUnLock(OSAK_MUTEX* mutex)
     {
         return OSAK_OK;
     }
+    state->owner.store(0, std::memory_order_relaxed);
     const std::uint64_t unheld = osak::GenerationOf(word);
-    std::uint64_t held = unheld | self;
+    std::uint64_t held = unheld | osak::kHeld;
     if (!state->word.compare_exchange_strong(held, unheld, std::memory_order_release))
     {
         osak::UnlockContended(*state);

@@ -4,7 +4,8 @@
 
 namespace osak
 {
-// Wakes the threads that wait for a mutex, so that those of the layer come to rest instead.
+// Wakes the threads that wait for a mutex: those of the layer come to rest instead, and the others
+// see which holders have. Call it with no guard held.
 void WakeMutexWaiters();
 
 }  // namespace osak

@@ -10,6 +10,7 @@
 
 #include <pthread.h>
 
+#include <cstdint>
 #include <cstdlib>
 
 namespace osak
@@ -18,7 +19,7 @@ std::atomic<Phase> g_phase{Phase::kRunning};
 
 namespace
 {
-std::atomic<unsigned int> g_exitingThread{0};
+std::atomic<std::uint64_t> g_exitingThread{0};
 
 // Makes it safe for static destructors to run beneath threads that nobody stopped. Those that do
 // not come to rest within the time are left to run: they may be waiting for the network.
@@ -51,7 +52,8 @@ void OnFork()
 
 void WatchProcess()
 {
-    // Both fail for want of memory only; then the process ends as one without the handlers would.
+    // The first two fail for want of memory, the third when the log's places for handlers are
+    // taken. Then the process ends, or forks, as one without those handlers would.
     static const bool s_watching = std::atexit(OnExit) == 0 &&
                                    pthread_atfork(nullptr, nullptr, OnFork) == 0 &&
                                    CorpDir_AtCloseLog(OSAK_MemLogReport);

@@ -6,6 +6,7 @@
 #include "thread.h"
 
 #include "handle.h"
+#include "mutex.h"
 #include "never_destroyed.h"
 #include "osak_log.h"
 #include "process.h"
@@ -18,17 +19,18 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <utility>
 
 namespace osak
 {
-__thread unsigned int t_threadNumber = 0;
+__thread std::uint64_t t_threadNumber = 0;
 
-unsigned int GiveThreadNumber()
+std::uint64_t GiveThreadNumber()
 {
-    static std::atomic<unsigned int> s_last{0};
+    static std::atomic<std::uint64_t> s_last{0};
     t_threadNumber = s_last.fetch_add(1, std::memory_order_relaxed) + 1;
     return t_threadNumber;
 }
@@ -45,9 +47,10 @@ struct Thread
 
     // Guarded by the registry's guard.
     pthread_t native = {};
-    unsigned int threadNumber = 0;  // 0 until the thread runs
-    bool runsClient = false;        // the exit of the process waits for it
-    bool joined = false;            // somebody waits for its end
+    std::uint64_t threadNumber = 0;  // 0 until the thread runs
+    bool runsClient = false;         // the exit of the process waits for it
+    bool joined = false;             // somebody waits for its end
+    bool refusedItself = false;      // it tried to join itself: most likely nobody will
     bool ended = false;
     bool parked = false;               // held for good, the process exits
     const Thread* waitsFor = nullptr;  // the thread that this one joins
@@ -82,10 +85,11 @@ unsigned long WantedTimerSlack()
     {
         return 0;
     }
-    char* end = nullptr;
+    // strtoul would take blanks and a sign too.
+    const bool isNumber = text[std::strspn(text, "0123456789")] == '\0';
     errno = 0;  // the only sign of a number beyond the type
-    const unsigned long value = std::strtoul(text, &end, 10);
-    if (errno != 0 || *end != '\0' || value == 0 || value > kMostMicroseconds)
+    const unsigned long value = std::strtoul(text, nullptr, 10);
+    if (!isNumber || errno != 0 || value == 0 || value > kMostMicroseconds)
     {
         OSAK_LOG(CORPDIR_LOG_NOTICE, "CORPDIR_TIMER_SLACK_US is not 1 to %lu: %s",
                  kMostMicroseconds, text);
@@ -105,24 +109,55 @@ void FillAsynchronousSignals(sigset_t* signals)
     }
 }
 
-// Marks the end of a thread on every way out of its entry, pthread_exit included.
+// Marks the end of the calling thread.
+void MarkEnd(void* /*value*/)
+{
+    if (IsForkedChild())
+    {
+        return;
+    }
+    Registry& registry = TheRegistry();
+    const common::Hold hold(registry.guard);
+    t_self->ended = true;
+    t_self = nullptr;
+    registry.changed.NotifyAll();
+}
+
+// Thread-specific data whose destructor marks the end. Such destructors run after those of
+// thread_local objects, so that the client's still run on a thread that can be held and that a join
+// waits for. Unlike an object of that kind it is not destroyed by a call of exit, after which the
+// thread goes on, and it takes no memory that a forked child would miss.
+struct EndKey
+{
+    pthread_key_t key = 0;
+    bool isMade = pthread_key_create(&key, MarkEnd) == 0;
+};
+
+// Sees to it that the end is marked on every way out of the entry, pthread_exit included. When the
+// system has no place for the key, that happens as the entry is left.
 class EndOfThread
 {
 public:
-    EndOfThread() = default;
+    EndOfThread()
+    {
+        static const EndKey s_end;
+        m_isKeySet = s_end.isMade && pthread_setspecific(s_end.key, t_self) == 0;
+    }
     EndOfThread(const EndOfThread&) = delete;
     EndOfThread& operator=(const EndOfThread&) = delete;
     ~EndOfThread()
     {
-        Registry& registry = TheRegistry();
-        const common::Hold hold(registry.guard);
-        t_self->ended = true;
-        t_self = nullptr;
-        registry.changed.NotifyAll();
+        if (!m_isKeySet)
+        {
+            MarkEnd(nullptr);
+        }
     }
+
+private:
+    bool m_isKeySet = false;
 };
 
-// Where a thread of the layer begins. Its record lives at least until EndOfThread.
+// Where a thread of the layer begins. Its record lives at least until MarkEnd.
 void* RunThread(void* argument)
 {
     t_self = static_cast<Thread*>(argument);
@@ -170,6 +205,37 @@ unsigned int StartRegistered(std::unique_ptr<Thread> record, OSAK_THREAD* handle
         return OSAK_ERR_SYSTEM;
     }
     return OSAK_OK;
+}
+
+// Takes one ended thread out of the registry that was refused a join of itself and that nobody else
+// has joined. False when there is none.
+bool TakeAbandoned(pthread_t* native)
+{
+    Registry& registry = TheRegistry();
+    const common::Hold hold(registry.guard);
+    for (auto entry = registry.threads.begin(); entry != registry.threads.end(); ++entry)
+    {
+        const Thread& thread = *entry->second;
+        if (thread.ended && thread.refusedItself && !thread.joined)
+        {
+            *native = thread.native;
+            registry.threads.erase(entry);
+            return true;
+        }
+    }
+    return false;
+}
+
+// Gives the stacks of such threads back: who was refused that join has most likely dropped the
+// handle. They are detached since the last of an ended thread, destructors of thread-specific keys,
+// is nothing to wait for here.
+void CollectAbandoned()
+{
+    pthread_t native = {};
+    while (TakeAbandoned(&native))
+    {
+        (void)pthread_detach(native);
+    }
 }
 
 // True when the thread, or one that it waits for, waits for the caller: the join would never end.
@@ -230,6 +296,7 @@ unsigned int JoinRegistered(std::uintptr_t number, pthread_t* native)
     // First the circle: it names the caller's mistake better than the handle does.
     if (t_self != nullptr && WaitsForCaller(&thread))
     {
+        thread.refusedItself = thread.refusedItself || &thread == t_self;
         return OSAK_ERR_SELF;
     }
     if (thread.joined)
@@ -277,6 +344,7 @@ void SetRunsClient(bool runsClient)
 unsigned int StartThread(const char* name, Duty duty, OSAK_THREAD_PROC entry, OSAK_THREAD* handle)
 {
     *handle = nullptr;
+    CollectAbandoned();
     try
     {
         auto thread = std::make_unique<Thread>();
@@ -319,13 +387,14 @@ void ParkIfExiting()
         t_self->parked = true;
         registry.changed.NotifyAll();
     }
+    WakeMutexWaiters();
     for (;;)  // a signal that the client's handler took ends one pause
     {
         pause();
     }
 }
 
-bool IsParked(unsigned int threadNumber)
+bool IsParked(std::uint64_t threadNumber)
 {
     Registry& registry = TheRegistry();
     const common::Hold hold(registry.guard);

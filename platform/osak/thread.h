@@ -5,16 +5,19 @@
 #include "common/guard.h"
 #include "osak.h"
 
+#include <cstdint>
+
 namespace osak
 {
-// Number of the calling thread, 0 until it was given one. Plain __thread: the lock path reads it
-// and an `extern thread_local` would go through a wrapper function.
-extern __thread unsigned int t_threadNumber;
+// Number of the calling thread, 0 until it was given one. Of 64 bits: it tells who holds a mutex,
+// and a process can outlive 2^32 threads. Plain __thread: the lock path reads it and an `extern
+// thread_local` would go through a wrapper function.
+extern __thread std::uint64_t t_threadNumber;
 
-unsigned int GiveThreadNumber();
+std::uint64_t GiveThreadNumber();
 
 // A number of the calling thread that no other thread of the process has had, never 0.
-inline unsigned int CurrentThreadNumber()
+inline std::uint64_t CurrentThreadNumber()
 {
     return t_threadNumber != 0 ? t_threadNumber : GiveThreadNumber();
 }
@@ -39,11 +42,12 @@ void EndClientCall();
 // it must not run client code any further.
 bool MustPark();
 
-// Holds the calling thread for good if MustPark.
+// Holds the calling thread for good if MustPark, and wakes who waits for what it holds. Call it
+// with no guard held.
 void ParkIfExiting();
 
 // True when the thread with this number was held for good: what it holds, nobody will release.
-bool IsParked(unsigned int threadNumber);
+bool IsParked(std::uint64_t threadNumber);
 
 // Waits until no other thread of the layer runs client code, or until the deadline. Returns how
 // many still do.

@@ -95,7 +95,7 @@ private:
     std::unordered_map<std::uintptr_t, TimerRef> m_timers CORPDIR_GUARDED_BY(m_guard);
     std::uintptr_t m_lastNumber CORPDIR_GUARDED_BY(m_guard) = 0;
     const Timer* m_called CORPDIR_GUARDED_BY(m_guard) = nullptr;  // whose callback runs
-    unsigned int m_threadNumber CORPDIR_GUARDED_BY(m_guard) = 0;
+    std::uint64_t m_threadNumber CORPDIR_GUARDED_BY(m_guard) = 0;
 };
 
 TimerService& TheService()
@@ -281,9 +281,11 @@ unsigned int TimerService::Free(std::uintptr_t number)
     const bool exiting = m_ended;
     while (m_called == timer.get() && m_threadNumber != CurrentThreadNumber())
     {
-        if (exiting)
+        // The exit handler has waited for it already; or it waits for the caller too, and the
+        // callback may have been held for good.
+        if (exiting || MustPark())
         {
-            return OSAK_ERR_BUSY;  // the exit handler has waited for it already
+            return OSAK_ERR_BUSY;
         }
         m_changed.Wait(m_guard);
     }
@@ -291,11 +293,12 @@ unsigned int TimerService::Free(std::uintptr_t number)
 }
 
 // An expiry tests the flag under the guard: after this one it is either void, or counted as a
-// client's callback by the thread's record.
+// client's callback by the thread's record. Who waits for a callback is woken, to be held.
 void TimerService::End()
 {
     const common::Hold hold(m_guard);
     m_ended = true;
+    m_changed.NotifyAll();
 }
 
 }  // namespace
@@ -355,5 +358,10 @@ unsigned int OSAK_FreeRelTimer(OSAK_TIMER timer)
     {
         return OSAK_ERR_SYSTEM;
     }
-    return osak::TheService().Free(osak::NumberOf(timer));
+    const unsigned int code = osak::TheService().Free(osak::NumberOf(timer));
+    if (code == OSAK_ERR_BUSY)
+    {
+        osak::ParkIfExiting();
+    }
+    return code;
 }

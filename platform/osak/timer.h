@@ -4,7 +4,8 @@
 
 namespace osak
 {
-// From now on no callback begins and no timer is made or started. Does not wait.
+// From now on no callback begins and no timer is made or started; threads of the layer that wait
+// for a callback are held. Does not wait.
 void EndTimers();
 
 }  // namespace osak

@@ -2,10 +2,15 @@
 #include "ranges.h"
 #include "zep.h"
 
+#include <stdint.h>
 #include <string.h>
 
 namespace
 {
+// No object is larger, and the library's functions are not made for more: such a count is a
+// negative number gone wrong.
+constexpr size_t kLargestCount = PTRDIFF_MAX;
+
 int RefuseText(char* dest, size_t destMax, int code)
 {
     if (dest != nullptr && destMax != 0)
@@ -23,7 +28,7 @@ int zep_memcpy_s(void* dest, size_t destMax, const void* src, size_t count)
     {
         return ZEP_ERR_PARAM;
     }
-    if (count > destMax)
+    if (count > destMax || count > kLargestCount)
     {
         return ZEP_ERR_CAPACITY;
     }
@@ -41,7 +46,7 @@ int zep_memset_s(void* dest, size_t destMax, int c, size_t count)
     {
         return ZEP_ERR_PARAM;
     }
-    if (count > destMax)
+    if (count > destMax || count > kLargestCount)
     {
         return ZEP_ERR_CAPACITY;
     }
@@ -57,6 +62,10 @@ int zep_strncpy_s(char* dest, size_t destMax, const char* src, size_t count)
     if (dest == nullptr || src == nullptr)
     {
         return RefuseText(dest, destMax, ZEP_ERR_PARAM);
+    }
+    if (count > kLargestCount)
+    {
+        return RefuseText(dest, destMax, ZEP_ERR_CAPACITY);
     }
     // A text that fits ends within destMax bytes, so no more of it is ever read.
     const size_t length = strnlen(src, count < destMax ? count : destMax);

@@ -2,6 +2,7 @@
 
 #include <openssl/crypto.h>
 #include <openssl/err.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
@@ -28,13 +29,21 @@ void OnExit()
     }
 }
 
+// Runs in the child of a fork, on its only thread: the sessions in progress stayed with the parent.
+void OnFork()
+{
+    g_sessions.store(0);
+}
+
 // The library registers its exit handler when it starts. Handlers run in reverse order, so starting
 // it first puts ours before its own. Asked for nothing it does not start, so it is asked for what
-// its first use asks for.
+// its first use asks for. Before both the fork handler, so that a child that waits at its exit has
+// forgotten its parent's sessions.
 bool StartLibrary()
 {
-    static const bool s_started =
-        OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr) == 1 && std::atexit(OnExit) == 0;
+    static const bool s_started = pthread_atfork(nullptr, nullptr, OnFork) == 0 &&
+                                  OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr) == 1 &&
+                                  std::atexit(OnExit) == 0;
     return s_started;
 }
 

@@ -304,14 +304,40 @@ TEST_F(OsakExitDeathTest, AMutexOfAHeldThreadCanBeDestroyed)
     });
 }
 
-TEST_F(OsakExitDeathTest, AMutexOfAHeldThreadIsWaitedForOneSecond)
+TEST_F(OsakExitDeathTest, AMutexOfAThreadAtWorkIsWaitedForOneSecond)
 {
     EXPECT_CLEAN_EXIT({
         RunAfterTheLayersHandler(
             []
             {
+                const milliseconds before = SinceExit();
                 Demand(OSAK_MutexLock(&g_mutex) == OSAK_ERR_BUSY, "busy");
-                Demand(SinceExit() < milliseconds(3000), "in time");
+                Demand(SinceExit() - before >= milliseconds(990), "waited");
+                Demand(SinceExit() - before < milliseconds(3000), "not for long");
+            });
+        StartThread(
+            []() -> unsigned int
+            {
+                (void)OSAK_MutexLock(&g_mutex);
+                g_ready = true;
+                Await(g_done);
+                return 0;
+            });
+        EndProcess();
+    });
+}
+
+TEST_F(OsakExitDeathTest, AMutexOfAHeldThreadIsNotWaitedFor)
+{
+    EXPECT_CLEAN_EXIT({
+        RunAfterTheLayersHandler(
+            []
+            {
+                for (int i = 0; i < 4; ++i)
+                {
+                    Demand(OSAK_MutexLock(&g_mutex) == OSAK_ERR_BUSY, "busy");
+                }
+                Demand(SinceExit() < milliseconds(900), "without a wait");
             });
         Demand(OSAK_MutexInitRecursive(&g_second, nullptr) == OSAK_OK, "second mutex");
         StartThread(
@@ -323,6 +349,94 @@ TEST_F(OsakExitDeathTest, AMutexOfAHeldThreadIsWaitedForOneSecond)
                 {
                     (void)OSAK_MutexUnLock(&g_second);
                 }
+                return 0;
+            });
+        EndProcess();
+    });
+}
+
+// The thread comes to its next lock only after the destructor has begun to wait.
+TEST_F(OsakExitDeathTest, AMutexIsNotWaitedForOnceItsThreadIsHeld)
+{
+    EXPECT_CLEAN_EXIT({
+        RunAfterTheLayersHandler(
+            []
+            {
+                g_done = true;
+                const milliseconds before = SinceExit();
+                Demand(OSAK_MutexLock(&g_mutex) == OSAK_ERR_BUSY, "busy");
+                Demand(OSAK_MutexDestroy(&g_mutex) == OSAK_OK, "destroyed");
+                Demand(SinceExit() - before < milliseconds(900), "without a long wait");
+            });
+        StartThread(
+            []() -> unsigned int
+            {
+                (void)OSAK_MutexLock(&g_mutex);
+                g_ready = true;
+                Await(g_done);
+                std::this_thread::sleep_for(milliseconds(100));
+                (void)OSAK_MutexLock(&g_second);
+                return 0;
+            });
+        EndProcess();
+    });
+}
+
+TEST_F(OsakExitDeathTest, AThreadThatFreesATimerWhoseCallbackIsHeldIsHeldToo)
+{
+    EXPECT_CLEAN_EXIT({
+        RunAfterTheLayersHandler(
+            []
+            {
+                Demand(SinceExit() < milliseconds(900), "no wait");
+                Demand(!g_done, "the free has not returned");
+            });
+        StartTimer(
+            [](void*)
+            {
+                for (;;)
+                {
+                    (void)OSAK_MutexLock(&g_mutex);
+                    CountPass();
+                    (void)OSAK_MutexUnLock(&g_mutex);
+                    usleep(50);
+                }
+            },
+            1);
+        g_ready = false;
+        StartThread(
+            []() -> unsigned int
+            {
+                (void)OSAK_FreeRelTimer(g_timer);
+                g_done = true;
+                return 0;
+            });
+        std::this_thread::sleep_for(milliseconds(20));  // most often it waits by now
+        EndProcess();
+    });
+}
+
+TEST_F(OsakExitDeathTest, AThreadInItsThreadLocalDestructorsIsHeld)
+{
+    EXPECT_CLEAN_EXIT({
+        RunAfterTheLayersHandler(
+            []
+            {
+                Demand(SinceExit() < milliseconds(900), "a held thread is not waited for");
+                DemandThatNothingPassesAnyMore();
+            });
+        StartThread(
+            []() -> unsigned int
+            {
+                struct Polls
+                {
+                    ~Polls()
+                    {
+                        (void)PollAsTheServiceDoes();
+                    }
+                };
+                static thread_local Polls s_polls;
+                (void)&s_polls;
                 return 0;
             });
         EndProcess();

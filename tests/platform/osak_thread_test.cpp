@@ -8,12 +8,16 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <future>
+#include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -27,6 +31,8 @@ std::atomic<OSAK_THREAD> g_handle{nullptr};
 std::atomic<OSAK_THREAD> g_other{nullptr};
 std::atomic<bool> g_go{false};
 std::atomic<unsigned int> g_code{0};
+std::atomic<pthread_t> g_native{};
+std::atomic<pid_t> g_tid{0};
 OSAK_THREAD g_plainHandle = nullptr;  // not atomic: the thread sanitizer watches it
 
 void AwaitGo()
@@ -182,6 +188,118 @@ TEST_F(OsakThread, CannotJoinItself)
     EXPECT_EQ(OSAK_ERR_SELF, ResultOf(thread));
 }
 
+// Its owner takes the refused join for the last and drops the handle.
+TEST_F(OsakThread, OneThatWasRefusedItselfIsCollectedByALaterStart)
+{
+    constexpr size_t kThreads = 20;
+    std::set<pthread_t> natives;
+    OSAK_THREAD before = nullptr;
+    for (size_t i = 0; i < kThreads; ++i)
+    {
+        g_go = false;
+        g_code = 0;
+        const OSAK_THREAD thread = Start(
+            []() -> unsigned int
+            {
+                AwaitGo();
+                g_native = pthread_self();
+                g_tid = gettid();
+                g_code = OSAK_PthreadJoin(g_handle, nullptr);
+                return 0;
+            });
+        g_handle = thread;
+        g_go = true;
+        while (g_code == 0 || tgkill(getpid(), g_tid, 0) == 0)  // until the system forgot it
+        {
+            std::this_thread::yield();
+        }
+        ASSERT_EQ(OSAK_ERR_SELF, g_code);
+        natives.insert(g_native);
+        if (before != nullptr)
+        {
+            ASSERT_EQ(OSAK_ERR_HANDLE, OSAK_PthreadJoin(before, nullptr));
+        }
+        before = thread;
+    }
+    EXPECT_EQ(OSAK_OK, OSAK_PthreadJoin(before, nullptr));  // no later start yet
+    EXPECT_LT(natives.size(), kThreads);                    // stacks were used again
+}
+
+// True when the kernel says that the thread sleeps.
+bool Sleeps(pid_t thread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    return text.find(") S ") != std::string::npos;
+}
+
+void StartAnother(void* /*value*/)
+{
+    g_other = Start(ReturnAtOnce);
+}
+
+TEST_F(OsakThread, OneThatWasRefusedItselfStaysForTheOneWhoWaitsForIt)
+{
+    EXPECT_EQ(OSAK_OK, OSAK_PthreadJoin(Start(ReturnAtOnce), nullptr));
+    // Younger than the layer's own key, so that its destructor runs in the moment between the
+    // thread's end and the waking of the one who waits: that start must not collect the thread.
+    static pthread_key_t s_key;
+    ASSERT_EQ(0, pthread_key_create(&s_key, StartAnother));
+    for (int i = 0; i < 20; ++i)
+    {
+        g_go = false;
+        g_tid = 0;
+        const OSAK_THREAD thread = Start(
+            []() -> unsigned int
+            {
+                AwaitGo();
+                g_code = OSAK_PthreadJoin(g_handle, nullptr);
+                (void)pthread_setspecific(s_key, &g_code);
+                return 9;
+            });
+        g_handle = thread;
+        auto join = std::async(std::launch::async,
+                               [thread]
+                               {
+                                   g_tid = gettid();
+                                   return ResultOf(thread);
+                               });
+        while (g_tid == 0 || !Sleeps(g_tid))
+        {
+            std::this_thread::yield();
+        }
+        g_go = true;
+        ASSERT_EQ(9U, join.get());
+        ASSERT_EQ(OSAK_ERR_SELF, g_code);
+        ASSERT_EQ(0xFFFFFFFEU, ResultOf(g_other));
+    }
+    (void)pthread_key_delete(s_key);
+}
+
+TEST_F(OsakThread, AJoinWaitsForTheThreadLocalDestructorsToo)
+{
+    struct SlowEnd
+    {
+        ~SlowEnd()
+        {
+            g_code = OSAK_PthreadJoin(g_handle, nullptr);
+        }
+    };
+    const OSAK_THREAD thread = Start(
+        []() -> unsigned int
+        {
+            AwaitGo();
+            static thread_local SlowEnd s_end;
+            (void)&s_end;
+            return 5;
+        });
+    g_handle = thread;
+    g_go = true;
+    EXPECT_EQ(5U, ResultOf(thread));
+    EXPECT_EQ(OSAK_ERR_SELF, g_code);  // still a thread of the layer
+}
+
 TEST_F(OsakThread, TwoThreadsCannotJoinEachOther)
 {
     const OSAK_THREAD first = Start(
@@ -304,7 +422,8 @@ TEST_F(OsakThread, TimerSlackIsTheSystemsUnlessTheEnvironmentSetsIt)
 
 TEST_F(OsakThread, TimerSlackOutOfRangeIsIgnoredAndLogged)
 {
-    for (const char* setting : {"0", "1000001", "-1", "5ms", "99999999999999999999999"})
+    for (const char* setting : {"0", "1000001", "-1", "5ms", "99999999999999999999999",
+                                "-18446744073709551611", "+7", " 7", "\t7", "7 ", "0x7"})
     {
         captured_log::Clear();
         EXPECT_EQ(TimerSlack(), SlackOfAThreadWith(setting)) << setting;

@@ -11,6 +11,7 @@
 namespace
 {
 constexpr std::size_t kHuge = SIZE_MAX;
+constexpr std::size_t kLargest = PTRDIFF_MAX;  // that any object can have
 
 // Sixteen bytes "abcdefghijklmnop" of which the cases use offsets.
 class ZepBounded : public testing::Test
@@ -65,7 +66,11 @@ TEST_F(ZepBounded, CopyTable)
         {"one over", 0, 4, 8, 5, ZEP_ERR_CAPACITY, "abcdefghijklmnop"},
         {"huge count", 0, 4, 8, kHuge, ZEP_ERR_CAPACITY, "abcdefghijklmnop"},
         {"huge count minus one", 0, kHuge - 1, 8, kHuge, ZEP_ERR_CAPACITY, "abcdefghijklmnop"},
-        {"huge both", 0, kHuge, 8, kHuge, ZEP_ERR_OVERLAP, "abcdefghijklmnop"},
+        {"huge both", 0, kHuge, 8, kHuge, ZEP_ERR_CAPACITY, "abcdefghijklmnop"},
+        {"more than an object can have", 0, kHuge, 8, kLargest + 1, ZEP_ERR_CAPACITY,
+         "abcdefghijklmnop"},
+        {"as much as an object can have", 0, kHuge, 8, kLargest, ZEP_ERR_OVERLAP,
+         "abcdefghijklmnop"},
         {"huge room", 0, kHuge, 8, 4, ZEP_OK, "ijklefghijklmnop"},
         {"neighbours, destination first", 0, 8, 8, 8, ZEP_OK, "ijklmnopijklmnop"},
         {"neighbours, source first", 8, 8, 0, 8, ZEP_OK, "abcdefghabcdefgh"},
@@ -107,6 +112,10 @@ TEST_F(ZepBounded, SetTable)
         {"room to spare", false, 8, '#', 4, ZEP_OK, "####efghijklmnop"},
         {"one over", false, 4, '#', 5, ZEP_ERR_CAPACITY, "abcdefghijklmnop"},
         {"huge count", false, 4, '#', kHuge, ZEP_ERR_CAPACITY, "abcdefghijklmnop"},
+        {"huge both", false, kHuge, '#', kHuge, ZEP_ERR_CAPACITY, "abcdefghijklmnop"},
+        {"more than an object can have", false, kHuge, '#', kLargest + 1, ZEP_ERR_CAPACITY,
+         "abcdefghijklmnop"},
+        {"huge room", false, kHuge, '#', 4, ZEP_OK, "####efghijklmnop"},
         {"the value's low byte", false, 2, 0x12340000 + '#', 2, ZEP_OK, "##cdefghijklmnop"},
     };
     for (const Case& c : kCases)
@@ -146,9 +155,13 @@ TEST_F(ZepBounded, TextTable)
         {"one short of the terminator", 2, "xy", 2, ZEP_ERR_CAPACITY, kRefused},
         {"text ends before the count", 3, "xy", 9, ZEP_OK, kTwo},
         {"count ends before the text", 3, "xyz", 2, ZEP_OK, kTwo},
-        {"huge count", 3, "xy", kHuge, ZEP_OK, kTwo},
-        {"huge count, text too long", 3, "xyz", kHuge, ZEP_ERR_CAPACITY, kRefused},
-        {"huge room", kHuge, "xy", kHuge, ZEP_OK, kTwo},
+        {"huge count", 3, "xy", kHuge, ZEP_ERR_CAPACITY, kRefused},
+        {"huge both", kHuge, "xy", kHuge, ZEP_ERR_CAPACITY, kRefused},
+        {"more than an object can have", 3, "xy", kLargest + 1, ZEP_ERR_CAPACITY, kRefused},
+        {"as much as an object can have", 3, "xy", kLargest, ZEP_OK, kTwo},
+        {"as much as an object can have, text too long", 3, "xyz", kLargest, ZEP_ERR_CAPACITY,
+         kRefused},
+        {"huge room", kHuge, "xy", 2, ZEP_OK, kTwo},
     };
     for (const Case& c : kCases)
     {
@@ -187,7 +200,7 @@ TEST(ZepBoundedReads, NoMoreOfATextIsReadThanCanFitOrIsAsked)
     char dest[8];
     EXPECT_EQ(zep_strncpy_s(dest, sizeof dest, unterminated.get(), 4), ZEP_OK);
     EXPECT_STREQ(dest, "wxyz");
-    EXPECT_EQ(zep_strncpy_s(dest, 4, unterminated.get(), kHuge), ZEP_ERR_CAPACITY);
+    EXPECT_EQ(zep_strncpy_s(dest, 4, unterminated.get(), kLargest), ZEP_ERR_CAPACITY);
     EXPECT_STREQ(dest, "");
 }
 

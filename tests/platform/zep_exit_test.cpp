@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <thread>
@@ -44,6 +45,14 @@ unsigned int Seal()
     return ZEP_CPYPT_Encrypt(0, key, sizeof key, iv, sizeof iv, text, sizeof text, out, &size);
 }
 
+// True when a forked child that does nothing ends well, and long before the layer's one second.
+bool ChildEndsAtOnce()
+{
+    const auto start = std::chrono::steady_clock::now();
+    return StatusOfChild([] {}) == 0 &&
+           std::chrono::steady_clock::now() - start < std::chrono::milliseconds(900);
+}
+
 // Registered before the layer's handler, so it runs after it.
 void UseAfterTheEnd()
 {
@@ -62,6 +71,39 @@ TEST(ZepExit, AfterTheExitHandlersCallsAreRefused)
                       EXPECT_EQ(Seal(), 0U);
                   }),
               7);
+}
+
+TEST(ZepExit, AForkedChildDoesNotWaitForThreadsOfItsParent)
+{
+    EXPECT_EQ(StatusOfChild(
+                  []
+                  {
+                      // After the layer's handler, before the leak checker's: that one would
+                      // complain, in the children, of what the parent's thread holds.
+                      std::atexit([] { _exit(0); });
+                      EXPECT_EQ(Seal(), 0U);
+                      static std::atomic<bool> s_stop{false};
+                      std::thread sealing(
+                          []
+                          {
+                              // So large that nearly every fork falls within a session.
+                              std::vector<unsigned char> out((4U << 20) + 16);
+                              while (!s_stop)
+                              {
+                                  (void)ZEP_CPYPT_RealRandom(out.data(), 4U << 20);
+                              }
+                          });
+                      bool isWell = true;
+                      for (int child = 0; child < 5; ++child)
+                      {
+                          std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                          isWell = ChildEndsAtOnce() && isWell;
+                      }
+                      s_stop = true;
+                      sealing.join();
+                      _exit(isWell ? 0 : 1);
+                  }),
+              0);
 }
 
 TEST(ZepExit, ThreadsThatNobodyStopsDoNotCrashTheEnd)
