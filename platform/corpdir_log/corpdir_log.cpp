@@ -118,6 +118,10 @@ void CorpDir_CloseLog()
 
 bool CorpDir_AtCloseLog(void (*last)())
 {
+    if (last == nullptr)
+    {
+        return false;
+    }
     for (auto& place : g_atClose)
     {
         void (*none)() = nullptr;

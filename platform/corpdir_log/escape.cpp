@@ -1,7 +1,9 @@
 #include "escape.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <iterator>
 
 namespace corpdir_log
 {
@@ -63,23 +65,39 @@ std::size_t SequenceLength(std::string_view text)
     return length;
 }
 
-// Valid characters that a terminal or a viewer obeys instead of showing them: U+0080..U+009F (C1
-// controls), U+2028..U+202E (separators, embeddings and overrides of the direction) and
-// U+2066..U+2069 (isolates).
-bool IsObeyed(std::string_view sequence)
+// Of a valid sequence.
+std::uint32_t CodePoint(std::string_view sequence)
 {
-    const unsigned char second = ByteAt(sequence, 1);
-    const unsigned char third = ByteAt(sequence, 2);
-    switch (ByteAt(sequence, 0))
+    std::uint32_t code = ByteAt(sequence, 0) & (0xFFU >> (sequence.size() + 1));
+    for (std::size_t index = 1; index < sequence.size(); ++index)
     {
-        case 0xC2:
-            return second <= 0x9F;
-        case 0xE2:
-            return (second == 0x80 && IsBetween(third, 0xA8, 0xAE)) ||
-                   (second == 0x81 && IsBetween(third, 0xA6, 0xA9));
-        default:
-            return false;
+        code = code << 6 | (ByteAt(sequence, index) & 0x3FU);
     }
+    return code;
+}
+
+// Valid characters that a terminal or a viewer obeys, or swallows, instead of showing them.
+bool IsUnseen(std::string_view sequence)
+{
+    struct Range
+    {
+        std::uint32_t first;
+        std::uint32_t last;
+    };
+    constexpr Range kRanges[] = {
+        {0x0080, 0x009F},    // C1 controls
+        {0x061C, 0x061C},    // a mark of direction
+        {0x200B, 0x200F},    // of no width: space, joiners, marks of direction
+        {0x2028, 0x202E},    // separators, embeddings and overrides of the direction
+        {0x2060, 0x2060},    // word joiner
+        {0x2066, 0x2069},    // isolates
+        {0xFEFF, 0xFEFF},    // byte order mark
+        {0xE0000, 0xE007F},  // tags
+    };
+    const std::uint32_t code = CodePoint(sequence);
+    return std::any_of(std::begin(kRanges), std::end(kRanges),
+                       [code](const Range& range)
+                       { return code >= range.first && code <= range.last; });
 }
 
 // How many bytes at the front of the text are written as they are.
@@ -94,7 +112,7 @@ std::size_t PlainLength(std::string_view text, Blanks blanks)
             continue;
         }
         const std::size_t sequence = SequenceLength(text.substr(length));
-        if (sequence == 0 || IsObeyed(text.substr(length, sequence)))
+        if (sequence == 0 || IsUnseen(text.substr(length, sequence)))
         {
             break;
         }

@@ -14,9 +14,9 @@ enum class Blanks
 };
 
 // A line feed becomes \n and a backslash \\; each byte of a control character (the C1 set
-// included), of a line or paragraph separator, of a character that reverses the direction of what
-// follows, and of anything that is not UTF-8 becomes \x and two hexadecimal digits. Different texts
-// never look the same.
+// included), of a line or paragraph separator, of a character that is invisible or changes the
+// direction of what follows, and of anything that is not UTF-8 becomes \x and two hexadecimal
+// digits. Different texts never give the same bytes.
 
 // Bytes that WriteEscaped writes for the text.
 std::size_t EscapedSize(std::string_view text, Blanks blanks);

@@ -1,12 +1,11 @@
 #include "log_file.h"
 
-#include <fcntl.h>
-#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <string_view>
 #include <system_error>
 
 namespace corpdir_log
@@ -15,45 +14,14 @@ namespace
 {
 constexpr std::size_t kBufferSize = 64U << 10;
 
-// The stream that may hold bytes of ours, for the fork handler.
-std::atomic<std::FILE*> g_stream{nullptr};
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int number) : m_number(number) {}
-    ~Descriptor()
-    {
-        if (m_number != -1)
-        {
-            close(m_number);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int Number() const
-    {
-        return m_number;
-    }
-
-private:
-    int m_number;
-};
-
 [[noreturn]] void Refuse(int error, const std::string& path)
 {
     throw std::system_error(error, std::generic_category(), path);
 }
 
 // 0, or the error number of what is wrong with the file as a log file.
-int MakePrivate(int descriptor)
+int MakePrivate(int descriptor, const struct stat& status)
 {
-    struct stat status = {};
-    if (fstat(descriptor, &status) != 0)
-    {
-        return errno;
-    }
     if (!S_ISREG(status.st_mode))
     {
         return EINVAL;
@@ -67,9 +35,8 @@ int MakePrivate(int descriptor)
 }
 
 // 0, or the error number. A line that a full disk cut short would swallow the next record.
-int EndCutLine(int descriptor)
+int EndCutLine(int descriptor, off_t size)
 {
-    const off_t size = lseek(descriptor, 0, SEEK_END);
     char last = '\n';
     if (size > 0 && pread(descriptor, &last, 1, size - 1) != 1)
     {
@@ -78,45 +45,126 @@ int EndCutLine(int descriptor)
     return last == '\n' || write(descriptor, "\n", 1) == 1 ? 0 : errno;
 }
 
-// The sink opens files by name with the mode that the umask leaves; so the file is made here first.
-// O_NONBLOCK: opening a pipe in the file's place must not hang.
-void PrepareFile(const std::string& path)
+// 0, or the error number. EAGAIN cannot happen: a regular file knows no O_NONBLOCK.
+int WriteAll(int descriptor, std::string_view text)
 {
-    const Descriptor file(open(
-        path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-    int error = file.Number() == -1 ? errno : MakePrivate(file.Number());
-    if (error == 0)
+    while (!text.empty())
     {
-        error = EndCutLine(file.Number());
+        const ssize_t written = write(descriptor, text.data(), text.size());
+        if (written < 0 && errno != EINTR)
+        {
+            return errno;
+        }
+        text.remove_prefix(written < 0 ? 0 : static_cast<std::size_t>(written));
     }
-    if (error != 0)
-    {
-        Refuse(error, path);
-    }
+    return 0;
 }
 
 }  // namespace
 
 LogFile::LogFile(const std::string& path, std::size_t maxSize, std::size_t maxCount)
-    : m_path(path), m_buffer(kBufferSize)
+    : m_path(path), m_maxSize(maxSize), m_maxCount(maxCount)
 {
-    spdlog::file_event_handlers handlers;
-    handlers.before_open = [](const std::string& name) { PrepareFile(name); };
-    handlers.after_open = [this](const std::string&, std::FILE* stream) { AfterOpen(stream); };
-    handlers.before_close = [](const std::string&, std::FILE* stream)
-    { g_stream.compare_exchange_strong(stream, nullptr); };
-    m_sink.emplace(path, maxSize, maxCount, false, handlers);
+    m_buffer.reserve(kBufferSize);
+    Open();
 }
 
-void LogFile::AfterOpen(std::FILE* stream)
+LogFile::~LogFile()
 {
-    (void)setvbuf(stream, m_buffer.data(), _IOFBF, m_buffer.size());  // else a smaller one is used
-    (void)fcntl(fileno(stream), F_SETFD, FD_CLOEXEC);
+    (void)WriteAll(m_file.Number(), m_buffer);  // nobody is left to tell
+}
+
+void LogFile::Open()
+{
+    Descriptor file = OpenPrivate(m_path);
     struct stat status = {};
-    (void)fstat(fileno(stream), &status);  // zeros on failure: then the file is opened anew
+    int error = file.IsOpen() && fstat(file.Number(), &status) == 0 ? 0 : errno;
+    error = error == 0 ? MakePrivate(file.Number(), status) : error;
+    error = error == 0 ? EndCutLine(file.Number(), status.st_size) : error;
+    if (error != 0)
+    {
+        Refuse(error, m_path);
+    }
+    m_file = std::move(file);
     m_device = status.st_dev;
     m_inode = status.st_ino;
-    g_stream.store(stream);
+    m_size = static_cast<std::size_t>(status.st_size);
+}
+
+void LogFile::sink_it_(const spdlog::details::log_msg& message)
+{
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    if (m_size != 0 && m_size + line.size() > m_maxSize)
+    {
+        Rotate();
+    }
+    m_buffer.append(line.data(), line.size());
+    m_size += line.size();
+    if (m_buffer.size() >= kBufferSize)
+    {
+        flush_();
+    }
+}
+
+void LogFile::flush_()
+{
+    const int error = WriteAll(m_file.Number(), m_buffer);
+    m_buffer.clear();
+    if (error != 0)
+    {
+        Refuse(error, m_path);
+    }
+}
+
+// What bears the name of a file that is not in place is none of ours to rename.
+void LogFile::Rotate()
+{
+    flush_();
+    struct stat status = {};
+    m_size = fstat(m_file.Number(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+    m_isRotationDue = m_size != 0 && !IsInPlace();
+    if (m_size == 0 || m_isRotationDue)  // empty: somebody else has cut it
+    {
+        return;
+    }
+    m_rotationError = RenameAll() ? 0 : errno;
+    m_isRotationDue = m_rotationError == ENOENT;
+    if (m_isRotationDue)
+    {
+        return;  // it went at this very moment
+    }
+    if (m_rotationError == 0)
+    {
+        Open();
+    }
+    else if (ftruncate(m_file.Number(), 0) == 0)
+    {
+        m_size = 0;
+    }
+    else
+    {
+        Refuse(errno, m_path);
+    }
+    m_hasRotated = true;
+}
+
+// False, and errno set, when the newest file keeps its name. An older one that does is overwritten:
+// the oldest would have gone anyway.
+bool LogFile::RenameAll()
+{
+    for (std::size_t number = m_maxCount; number > 1; --number)
+    {
+        (void)rename(NumberedPath(number - 1).c_str(), NumberedPath(number).c_str());
+    }
+    return rename(m_path.c_str(), NumberedPath(1).c_str()) == 0;
+}
+
+// FILE.log becomes FILE.3.log.
+std::string LogFile::NumberedPath(std::size_t number) const
+{
+    const std::size_t dot = m_path.rfind('.');
+    return m_path.substr(0, dot) + '.' + std::to_string(number) + m_path.substr(dot);
 }
 
 bool LogFile::IsInPlace() const
@@ -126,13 +174,10 @@ bool LogFile::IsInPlace() const
            status.st_ino == m_inode;
 }
 
-void LogFile::DropBufferInForkedChild()
+bool LogFile::IsRemoved() const
 {
-    std::FILE* const stream = g_stream.exchange(nullptr);
-    if (stream != nullptr)
-    {
-        __fpurge(stream);
-    }
+    struct stat status = {};
+    return fstat(m_file.Number(), &status) == 0 && status.st_nlink == 0;
 }
 
 }  // namespace corpdir_log

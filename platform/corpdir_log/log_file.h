@@ -1,50 +1,78 @@
-// spdlog's rotating file sink, with what it lacks.
+// A size-rotated log file as a sink.
 #ifndef CORPDIR_LOG_LOG_FILE_H
 #define CORPDIR_LOG_LOG_FILE_H
 
-#include <spdlog/sinks/rotating_file_sink.h>
+#include "descriptor.h"
+
+#include <spdlog/details/null_mutex.h>
+#include <spdlog/sinks/base_sink.h>
 #include <sys/types.h>
 
 #include <cstddef>
-#include <cstdio>
-#include <optional>
 #include <string>
-#include <vector>
+#include <utility>
 
 namespace corpdir_log
 {
-// A size-rotated log file: FILE.log, and FILE.1.log (the newest) to FILE.n.log. What is added to
-// the sink: mode 0600 from the first moment; a directory that is missing is not made; symbolic
-// links, devices and other users' files are refused; the file is closed on exec; and a line that
-// was cut by a full disk is ended before the next one. After an exception the sink may hold no
-// open file and must not be used again: destroy the object. One thread only.
-class LogFile
+// FILE.log, and FILE.1.log (the newest) to FILE.n.log, mode 0600. Unlike spdlog's own rotating
+// sink, which opens files by name several times over and empties one that it cannot rename: the
+// descriptor that was checked is the one that is written; a missing directory is not made; symbolic
+// links in the file's place, devices and other users' files are refused, a second hard link to a
+// file of ours is not; and a line that was cut by a full disk is ended before the next one. What is
+// buffered stands in no stream of the C library's, so a child of fork does not write it. Throws
+// std::system_error; after that the object must not be used again. One thread only.
+class LogFile final : public spdlog::sinks::base_sink<spdlog::details::null_mutex>
 {
 public:
-    // Throws std::system_error or spdlog::spdlog_ex when the file cannot be opened for appending.
+    // Throws when the file cannot be opened for appending.
     LogFile(const std::string& path, std::size_t maxSize, std::size_t maxCount);
-    LogFile(const LogFile&) = delete;
-    LogFile& operator=(const LogFile&) = delete;
-
-    spdlog::sinks::sink& Sink()
-    {
-        return *m_sink;
-    }
+    ~LogFile() override;  // writes out what is buffered, if it can
 
     // False when the path no longer names the open file: it was removed or moved away.
     bool IsInPlace() const;
 
-    // To be called in the child of a fork: what the parent has buffered is the parent's to write.
-    static void DropBufferInForkedChild();
+    // True when the file has no name left anywhere, so that what it holds ends with this object.
+    bool IsRemoved() const;
+
+    // True when the file is full but not in its place: it grows on until it is opened anew.
+    bool IsRotationDue() const
+    {
+        return m_isRotationDue;
+    }
+
+    // Whether it has begun anew since the last call.
+    bool TakeHasRotated()
+    {
+        return std::exchange(m_hasRotated, false);
+    }
+
+    // Why the last rotation could not rename the file, which was emptied instead; 0: it could.
+    int RotationError() const
+    {
+        return m_rotationError;
+    }
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& message) override;
+    void flush_() override;
 
 private:
-    void AfterOpen(std::FILE* stream);
+    void Open();
+    void Rotate();
+    bool RenameAll();
+    std::string NumberedPath(std::size_t number) const;
 
-    std::string m_path;
+    const std::string m_path;
+    const std::size_t m_maxSize;
+    const std::size_t m_maxCount;
+    Descriptor m_file;
     dev_t m_device = 0;
     ino_t m_inode = 0;
-    std::vector<char> m_buffer;  // before the sink: it outlives the sink's stream
-    std::optional<spdlog::sinks::rotating_file_sink_st> m_sink;
+    std::size_t m_size = 0;  // with what is buffered
+    std::string m_buffer;
+    bool m_isRotationDue = false;
+    bool m_hasRotated = false;
+    int m_rotationError = 0;
 };
 
 }  // namespace corpdir_log

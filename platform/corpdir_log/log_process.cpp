@@ -1,7 +1,6 @@
 #include "log_process.h"
 
 #include "line_formatter.h"
-#include "log_file.h"
 #include "name_lock.h"
 #include "record.h"
 
@@ -42,7 +41,6 @@ void OnForkInChild()
     if (writer != nullptr)
     {
         g_parentWriter.store(writer);
-        LogFile::DropBufferInForkedChild();
         NameLock::ReleaseInForkedChild();
     }
     ForgetThreadNumber();

@@ -6,16 +6,19 @@
 #include "line_formatter.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spdlog/details/log_msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <exception>
 #include <new>
 #include <system_error>
+#include <utility>
 
 namespace corpdir_log
 {
@@ -59,25 +62,24 @@ LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
       m_maxCount(settings.maxCount),
       m_directory(AbsoluteDirectory(settings.directory))
 {
-    if (IsStandardError())
-    {
-        m_console = std::make_unique<ConsoleSink>();
-        m_console->set_formatter(std::make_unique<LineFormatter>());
-        m_sink = m_console.get();
-        return;
-    }
     if (previous != nullptr)
     {
         m_name = previous->m_name;
+        m_lost = previous->m_lost;
+        m_reason = previous->m_reason;
     }
-    OpenFile();
-}
-
-// Asked before the sink is made: a rename that fails costs it the file's contents. With the rights
-// that renaming would have, which are not those of access() in a set-user-id program.
-bool LogTarget::CanRotate() const
-{
-    return faccessat(AT_FDCWD, m_directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+    if (!IsStandardError())
+    {
+        OpenFile();
+        return;
+    }
+    if (fcntl(STDERR_FILENO, F_GETFD) == -1)
+    {
+        throw std::system_error(errno, std::generic_category(), "standard error");
+    }
+    m_console = std::make_unique<ConsoleSink>();
+    m_console->set_formatter(std::make_unique<LineFormatter>());
+    m_sink = m_console.get();
 }
 
 void LogTarget::OpenFile()
@@ -86,34 +88,60 @@ void LogTarget::OpenFile()
     {
         m_name = std::make_shared<NameLock>(m_directory);
     }
-    m_isRotated = CanRotate();
-    m_file = std::make_unique<LogFile>(m_directory + '/' + m_name->FileName(), m_maxSize,
-                                       m_isRotated ? m_maxCount : 0);
-    m_file->Sink().set_formatter(std::make_unique<LineFormatter>());
-    m_sink = &m_file->Sink();
+    m_file =
+        std::make_unique<LogFile>(m_directory + '/' + m_name->FileName(), m_maxSize, m_maxCount);
+    m_file->set_formatter(std::make_unique<LineFormatter>());
+    m_sink = m_file.get();
+    m_unchecked = 0;
     m_nextPlaceCheck = common::Clock::now() + kPlaceCheckInterval;
-    if (!m_isRotated)
-    {
-        TellOnce(&m_isRotationTold,
-                 "cannot be rotated, it begins anew when it is full: the directory is read-only");
-    }
 }
 
-void LogTarget::Write(const Record& record) noexcept
+void LogTarget::Write(const Record& record, std::uint64_t count) noexcept
 {
-    if (m_sink == nullptr && !TryReopen())
+    if (!IsReady())
     {
-        ++m_lost;
+        m_lost += count;
         return;
     }
+    m_unflushed += count;
+    m_unchecked += count;
     try
     {
-        ++m_unflushed;
         LogRecord(m_sink, record);
+        NoteRotation(count);
     }
     catch (const std::exception& error)
     {
         BeginOutage(error.what());
+    }
+}
+
+// Before a rotation the full file was in its place and flushed.
+void LogTarget::NoteRotation(std::uint64_t count)
+{
+    if (m_file == nullptr || !m_file->TakeHasRotated())
+    {
+        return;
+    }
+    m_unflushed = count;
+    m_unchecked = count;
+    if (m_file->RotationError() != 0)
+    {
+        TellOnce(&m_isRotationTold, "cannot be rotated, it begins anew when it is full: " +
+                                        std::generic_category().message(m_file->RotationError()));
+    }
+}
+
+void LogTarget::AddLost(std::uint64_t count, const char* reason) noexcept
+{
+    m_lost += count;
+    try
+    {
+        m_reason = reason;
+    }
+    catch (const std::bad_alloc&)
+    {
+        // The number matters more.
     }
 }
 
@@ -136,38 +164,68 @@ void LogTarget::Flush() noexcept
 
 void LogTarget::CheckPlace() noexcept
 {
-    if (m_file == nullptr || common::Clock::now() < m_nextPlaceCheck)
+    if (m_file == nullptr || (common::Clock::now() < m_nextPlaceCheck && !m_file->IsRotationDue()))
     {
         return;
     }
     m_nextPlaceCheck = common::Clock::now() + kPlaceCheckInterval;
-    if (!m_file->IsInPlace() || CanRotate() != m_isRotated)
+    if (m_file->IsInPlace())
     {
-        Flush();  // a file that was only moved away gets its last lines
-        m_sink = nullptr;
-        m_file.reset();
-        (void)TryReopen();
+        m_unchecked = m_unflushed;
+        return;
+    }
+    Flush();  // a file that was only moved away gets its last lines
+    LeaveRemovedFile();
+    m_file.reset();
+    m_sink = nullptr;
+    (void)IsReady();
+}
+
+void LogTarget::Settle() noexcept
+{
+    Flush();
+    LeaveRemovedFile();
+    if (m_lost != 0)
+    {
+        m_nextAttempt = {};
+        (void)IsReady();
     }
 }
 
-// False when the file cannot be written yet.
-bool LogTarget::TryReopen() noexcept
+void LogTarget::LeaveRemovedFile() noexcept
 {
-    if (common::Clock::now() < m_nextAttempt)
+    if (m_file != nullptr && m_file->IsRemoved())
+    {
+        if (m_unchecked != 0)
+        {
+            AddLost(std::exchange(m_unchecked, 0), "the file that held them was removed");
+        }
+        m_sink = nullptr;
+        m_file.reset();
+    }
+}
+
+// Opens the file if need be, and writes what has to be said first. False when there is nothing to
+// write to yet.
+bool LogTarget::IsReady() noexcept
+{
+    if (m_sink == nullptr && common::Clock::now() < m_nextAttempt)
     {
         return false;
     }
     try
     {
-        OpenFile();
+        if (m_sink == nullptr)
+        {
+            OpenFile();
+        }
         WriteLossNotice();
-        return true;
     }
     catch (const std::exception& error)
     {
         BeginOutage(error.what());
-        return false;
     }
+    return m_sink != nullptr;
 }
 
 // Flushed at once: on a disk that is still full only that tells.
@@ -187,14 +245,20 @@ void LogTarget::WriteLossNotice()
     }
     LogRecord(m_sink, *notice);
     m_sink->flush();
-    m_lost = 0;
+    NoteRotation(0);
+    m_unflushed = 0;
+    m_unchecked += std::exchange(m_lost, 0);
 }
 
-// What was written since the last flush may or may not have reached the file.
+// What was written since the last flush may or may not have reached the file. A file that is
+// removed besides takes along what did.
 void LogTarget::BeginOutage(const char* reason) noexcept
 {
-    m_lost += m_unflushed;
+    const bool isRemoved = m_file != nullptr && m_file->IsRemoved();
+    m_lost += isRemoved ? m_unchecked : m_unflushed;
     m_unflushed = 0;
+    m_unchecked = 0;
+    m_file.reset();
     m_sink = m_console.get();
     m_nextAttempt = common::Clock::now() + kRetryInterval;
     try
@@ -206,12 +270,15 @@ void LogTarget::BeginOutage(const char* reason) noexcept
     {
         // Out of memory for a sentence; the outage is handled all the same.
     }
-    m_file.reset();
 }
 
+// A standard error without room is not waited for, and told later: with poll's word a pipe takes a
+// line of PIPE_BUF bytes without blocking, if nobody else fills it at this moment.
 void LogTarget::TellOnce(bool* isTold, const std::string& trouble) const
 {
-    if (*isTold || IsStandardError())
+    pollfd console = {STDERR_FILENO, POLLOUT, 0};
+    if (*isTold || IsStandardError() || poll(&console, 1, 0) != 1 ||
+        (console.revents & POLLOUT) == 0)
     {
         return;
     }
@@ -219,6 +286,7 @@ void LogTarget::TellOnce(bool* isTold, const std::string& trouble) const
     const std::string text = "corpdir: the log in " + m_directory + ' ' + trouble;
     std::string line(EscapedSize(text, Blanks::kKeep), '\0');
     WriteEscaped(text, Blanks::kKeep, line.data());
+    line.resize(std::min<std::size_t>(line.size(), PIPE_BUF - 1));
     line += '\n';
     (void)!write(STDERR_FILENO, line.data(), line.size());  // the last resort: no other place
 }

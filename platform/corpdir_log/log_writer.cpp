@@ -2,8 +2,6 @@
 
 #include "corpdir_log.h"
 
-#include <spdlog/common.h>
-
 #include <cerrno>
 #include <csignal>
 #include <new>
@@ -47,10 +45,6 @@ std::unique_ptr<LogTarget> MakeTarget(const LogSettings& settings, const LogTarg
     {
         *error = ENOMEM;
     }
-    catch (const spdlog::spdlog_ex&)
-    {
-        *error = EIO;
-    }
     return nullptr;
 }
 
@@ -61,10 +55,12 @@ void WriteDropNotice(LogTarget* target, std::uint64_t dropped)
         MakeOwnRecord({"corpdir_log", __func__, __FILE__, __LINE__}, CORPDIR_LOG_ERROR,
                       "%llu records are missing here: they came faster than they could be written",
                       static_cast<unsigned long long>(dropped));
-    if (notice != nullptr)
+    if (notice == nullptr)
     {
-        target->Write(*notice);
+        target->AddLost(dropped, "memory ran out");
+        return;
     }
+    target->Write(*notice, dropped);
 }
 
 }  // namespace
@@ -177,8 +173,8 @@ int LogWriter::StartThread()
     return error;
 }
 
-// The thread marks itself as ended in its last section under the guard, so this waits for its
-// return alone.
+// The thread marks itself as ended in its last section under the guard, and owns no file by then:
+// so this waits for no disk, only for the thread to return.
 void LogWriter::JoinEndedThread()
 {
     if (m_threadState == Thread::kEnded)
@@ -269,25 +265,42 @@ bool LogWriter::ExecuteOpen()
     }
     if (m_target != nullptr)
     {
-        m_target->Flush();
+        m_target->Settle();
     }
     int error = 0;
     std::unique_ptr<LogTarget> target = MakeTarget(settings, m_target.get(), &error);
-    const common::Hold hold(m_guard);
-    if (target != nullptr && m_slot != Slot::kAbandoned)
+    if (!AnswerOpen(&target, settings, error))
     {
-        m_target.swap(target);
+        target.reset();  // first: whoever joins the thread after the answer waits for no disk
+        const common::Hold hold(m_guard);
+        Answer(0);
+    }
+    return m_target != nullptr;
+}
+
+// False when nobody waits for the new target any more.
+bool LogWriter::AnswerOpen(std::unique_ptr<LogTarget>* target, const LogSettings& settings,
+                           int error)
+{
+    const common::Hold hold(m_guard);
+    if (m_slot == Slot::kAbandoned)
+    {
+        return false;
+    }
+    if (*target != nullptr)
+    {
+        m_target.swap(*target);
         m_queue.Open();
         m_level.store(static_cast<int>(settings.level), std::memory_order_relaxed);
     }
     Answer(error);
-    return m_target != nullptr;
+    return true;
 }
 
 // The file is closed before the answer, so that the client may remove its directory.
 bool LogWriter::ExecuteClose()
 {
-    m_target->Flush();
+    m_target->Settle();
     m_target.reset();
     const common::Hold hold(m_guard);
     Answer(0);

@@ -88,6 +88,7 @@ private:
     Rest Write(Batch batch);
     void FlushWhenDue(bool isDue);
     bool ExecuteOpen();
+    bool AnswerOpen(std::unique_ptr<LogTarget>* target, const LogSettings& settings, int error);
     bool ExecuteClose();
     void Answer(int result) CORPDIR_REQUIRES(m_guard);
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 
 namespace corpdir_log
@@ -12,74 +13,99 @@ namespace
 {
 constexpr unsigned int kNames = 100;  // processes with a short name in one directory
 
-// The descriptor that holds a lock, for the fork handler. -1: none.
-std::atomic<int> g_lockDescriptor{-1};
+// The descriptors that hold locks, for the fork handler; 0: none, which is never one of ours. Two:
+// while the log is opened elsewhere its old name and the new one are both taken.
+std::array<std::atomic<int>, 2> g_lockDescriptors;
 
-std::string LockPath(const std::string& directory)
+void Replace(int before, int after)
 {
-    return directory + "/.corpdir.lock";
-}
-
-std::string NumberedName(unsigned int number)
-{
-    return number == 1 ? "corpdir.log" : "corpdir-" + std::to_string(number) + ".log";
-}
-
-}  // namespace
-
-NameLock::NameLock(const std::string& directory)
-    : m_fileName("corpdir-" + std::to_string(getpid()) + ".log")
-{
-    const std::string path = LockPath(directory);
-    m_descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-    for (unsigned int number = 1; m_descriptor != -1 && number <= kNames; ++number)
+    for (std::atomic<int>& place : g_lockDescriptors)
     {
-        if (TakeName(number))
+        int expected = before;
+        if (place.compare_exchange_strong(expected, after))
         {
-            m_fileName = NumberedName(number);
-            g_lockDescriptor.store(m_descriptor);
             return;
         }
     }
 }
 
+// Another user could hold every lock in a file of its own.
+bool IsOurs(const Descriptor& file)
+{
+    struct stat status = {};
+    return file.IsOpen() && fstat(file.Number(), &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_uid == geteuid();
+}
+
+}  // namespace
+
+NameLock::NameLock(const std::string& directory)
+{
+    const std::string user = std::to_string(geteuid());
+    if (!TakeNameIn(directory, ".corpdir.lock", "corpdir") &&
+        !TakeNameIn(directory, ".corpdir-" + user + ".lock", "corpdir-u" + user))
+    {
+        m_fileName = "corpdir-p" + std::to_string(getpid()) + ".log";
+    }
+}
+
 NameLock::~NameLock()
 {
-    if (m_descriptor != -1)
+    if (m_file.IsOpen())
     {
-        int mine = m_descriptor;
-        g_lockDescriptor.compare_exchange_strong(mine, -1);
-        close(m_descriptor);
+        Replace(m_file.Number(), 0);
     }
+}
+
+// False when the file is not to be used, or all its names are taken.
+bool NameLock::TakeNameIn(const std::string& directory, const std::string& lockName,
+                          const std::string& prefix)
+{
+    m_file = OpenPrivate(directory + '/' + lockName);
+    for (unsigned int number = 1; IsOurs(m_file) && number <= kNames; ++number)
+    {
+        if (TakeNumber(number))
+        {
+            m_lockName = lockName;
+            m_fileName = prefix + (number == 1 ? "" : '-' + std::to_string(number)) + ".log";
+            Replace(0, m_file.Number());
+            return true;
+        }
+    }
+    m_file = Descriptor();
+    return false;
 }
 
 // A lock of the open file description: unlike one of the process it ends with this descriptor
 // alone, whatever else of the client opens and closes the file.
-bool NameLock::TakeName(unsigned int number)
+bool NameLock::TakeNumber(unsigned int number) const
 {
     struct flock range = {};
     range.l_type = F_WRLCK;
     range.l_whence = SEEK_SET;
     range.l_start = number;
     range.l_len = 1;
-    return fcntl(m_descriptor, F_OFD_SETLK, &range) == 0;
+    return fcntl(m_file.Number(), F_OFD_SETLK, &range) == 0;
 }
 
 bool NameLock::IsFor(const std::string& directory) const
 {
     struct stat held = {};
     struct stat found = {};
-    return m_descriptor != -1 && fstat(m_descriptor, &held) == 0 &&
-           stat(LockPath(directory).c_str(), &found) == 0 && held.st_dev == found.st_dev &&
-           held.st_ino == found.st_ino;
+    return m_file.IsOpen() && fstat(m_file.Number(), &held) == 0 &&
+           stat((directory + '/' + m_lockName).c_str(), &found) == 0 &&
+           held.st_dev == found.st_dev && held.st_ino == found.st_ino;
 }
 
 void NameLock::ReleaseInForkedChild()
 {
-    const int descriptor = g_lockDescriptor.exchange(-1);
-    if (descriptor != -1)
+    for (std::atomic<int>& place : g_lockDescriptors)
     {
-        close(descriptor);
+        const int descriptor = place.exchange(0);
+        if (descriptor != 0)
+        {
+            close(descriptor);
+        }
     }
 }
 

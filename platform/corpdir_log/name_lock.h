@@ -2,6 +2,8 @@
 #ifndef CORPDIR_LOG_NAME_LOCK_H
 #define CORPDIR_LOG_NAME_LOCK_H
 
+#include "descriptor.h"
+
 #include <string>
 
 namespace corpdir_log
@@ -9,14 +11,15 @@ namespace corpdir_log
 // Several processes may log into one directory: the first one gets corpdir.log, the next ones
 // corpdir-2.log and so on. A name is taken by a lock on one byte of the file .corpdir.lock, which
 // stays in the directory when the lock goes. The log file itself could not carry the lock: rotation
-// renames it. Where locks are not to be had (a file system without them, a lock file of another
-// user) the name is corpdir-PID.log. One thread only.
+// renames it. Beside a lock file of another user, user UID has .corpdir-UID.lock of its own, and
+// the names corpdir-uUID.log, corpdir-uUID-2.log and so on. Where locks are not to be had at all (a
+// file system without them, or all names taken) the name is corpdir-pPID.log. One thread only.
 class NameLock
 {
 public:
     // Never fails; throws std::bad_alloc.
     explicit NameLock(const std::string& directory);
-    ~NameLock();
+    ~NameLock();  // frees the name
     NameLock(const NameLock&) = delete;
     NameLock& operator=(const NameLock&) = delete;
 
@@ -32,9 +35,12 @@ public:
     static void ReleaseInForkedChild();
 
 private:
-    bool TakeName(unsigned int number);
+    bool TakeNameIn(const std::string& directory, const std::string& lockName,
+                    const std::string& prefix);
+    bool TakeNumber(unsigned int number) const;
 
-    int m_descriptor = -1;
+    Descriptor m_file;  // not open: the name is not locked
+    std::string m_lockName;
     std::string m_fileName;
 };
 

@@ -17,7 +17,8 @@ namespace corpdir_log
 namespace
 {
 constexpr std::size_t kStackText = 1024;  // longer texts are formatted on the heap
-constexpr std::string_view kCutMark = " [cut: memory ran out]";
+// No text can end like this: its own backslashes are escaped.
+constexpr std::string_view kCutMark = " \\[cut: memory ran out]";
 
 thread_local unsigned int t_threadNumber = 0;  // 0: not asked for yet
 

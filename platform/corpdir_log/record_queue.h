@@ -26,7 +26,8 @@ struct Batch
 };
 
 // Holds at most kCapacity bytes, or one record that is larger; records that come when it is full
-// push out the oldest. Thread-safe, under a guard that is held for a few instructions.
+// push out the oldest. Thread-safe, under a guard that is held for a few instructions, or for as
+// many as the records are that one larger record pushes out; none is freed meanwhile.
 class RecordQueue
 {
 public:

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <spdlog/details/log_msg.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -327,6 +328,9 @@ TEST_F(LogProcess, AForkedChildThatOpensGetsAFileOfItsOwnWithItsOwnThreadNumber)
 TEST_F(LogProcess, AForkedChildDoesNotKeepItsParentsName)
 {
     ASSERT_EQ(Open(Info(Directory())), 0U);
+    const support::TemporaryDirectory other;
+    ASSERT_EQ(mkdir(other.File("corpdir.log").c_str(), 0700), 0);
+    EXPECT_EQ(Open(Info(other.Path())), static_cast<unsigned int>(EISDIR));  // changes nothing
     const Child child([] { pause(); });
     CorpDir_CloseLog();
     ASSERT_TRUE(support::WaitUntil(
@@ -355,7 +359,7 @@ TEST_F(LogProcess, WhenMemoryIsShortALongTextIsCutAndSaysSo)
         });
     ASSERT_EQ(child.Wait(), 0);
     EXPECT_THAT(ClosedTexts(),
-                ElementsAre("warm", std::string(1023, 'x') + " [cut: memory ran out]"));
+                ElementsAre("warm", std::string(1023, 'x') + " \\[cut: memory ran out]"));
 }
 
 TEST_F(LogProcess, RunningOutOfDescriptorsIsACode)

@@ -136,6 +136,22 @@ TEST_F(LogRecord, EscapesWhatIsNotPlainText)
         {"\x80", "\\x80"},                                           // a continuation alone
         {"\xC3", "\\xc3"},                                           // cut at the end
         {"\xE2\x82", "\\xe2\\x82"},                                  //
+        {"\xD8\x9C", "\\xd8\\x9c"},                                  // U+061C
+        {"\xE2\x80\x8B", "\\xe2\\x80\\x8b"},                         // U+200B
+        {"\xE2\x80\x8F", "\\xe2\\x80\\x8f"},                         // U+200F
+        {"\xE2\x81\xA0", "\\xe2\\x81\\xa0"},                         // U+2060
+        {"\xEF\xBB\xBF", "\\xef\\xbb\\xbf"},                         // U+FEFF
+        {"\xF3\xA0\x80\x80", "\\xf3\\xa0\\x80\\x80"},                // U+E0000
+        {"\xF3\xA0\x81\xBF", "\\xf3\\xa0\\x81\\xbf"},                // U+E007F
+        {"\xD8\x9B", "\xD8\x9B"},                                    // U+061B: a neighbour
+        {"\xD8\x9D", "\xD8\x9D"},                                    // U+061D: a neighbour
+        {"\xE2\x80\x8A", "\xE2\x80\x8A"},                            // U+200A: a neighbour
+        {"\xE2\x80\x90", "\xE2\x80\x90"},                            // U+2010: a neighbour
+        {"\xE2\x81\x9F", "\xE2\x81\x9F"},                            // U+205F: a neighbour
+        {"\xE2\x81\xA5", "\xE2\x81\xA5"},                            // U+2065: a neighbour
+        {"\xEF\xBB\xBE", "\xEF\xBB\xBE"},                            // U+FEFE: a neighbour
+        {"\xF3\xA0\x82\x80", "\xF3\xA0\x82\x80"},                    // U+E0080: a neighbour
+        {"\xF3\x9F\xBF\xBF", "\xF3\x9F\xBF\xBF"},                    // U+DFFFF: a neighbour
         {"\xF0\x9F\x98", "\\xf0\\x9f\\x98"},                         //
         {"\xC3x", "\\xc3x"},                                         // cut in the middle
         {"\xE2\x82x", "\\xe2\\x82x"},                                //

@@ -3,16 +3,70 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
+#include <string_view>
 #include <thread>
+
+namespace
+{
+// A disk that does not answer a call of the log's thread.
+struct Stall
+{
+    std::atomic<bool> isOn{false};
+    std::atomic<bool> isHit{false};
+
+    void Pass()
+    {
+        char name[16] = "";
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        while (isOn && std::string_view(name) == "corpdir-log")
+        {
+            isHit = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+};
+Stall g_chmodStall;
+Stall g_lockCloseStall;  // of the lock file
+
+bool IsLock(int descriptor)
+{
+    char target[4096] = "";
+    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+    const ssize_t size = readlink(link.c_str(), target, sizeof target);
+    return size > 0 && std::string_view(target, static_cast<std::size_t>(size)).find(".lock") !=
+                           std::string_view::npos;
+}
+
+}  // namespace
+
+// In the place of the C library's.
+extern "C" int fchmod(int descriptor, mode_t mode) noexcept
+{
+    g_chmodStall.Pass();
+    return static_cast<int>(syscall(SYS_fchmod, descriptor, mode));
+}
+
+extern "C" int close(int descriptor)
+{
+    if (g_lockCloseStall.isOn && IsLock(descriptor))
+    {
+        g_lockCloseStall.Pass();
+    }
+    return static_cast<int>(syscall(SYS_close, descriptor));
+}
 
 namespace
 {
@@ -188,6 +242,68 @@ TEST_F(LogThreads, AnAbandonedOpeningChangesNothingLater)
     reader.join();
     EXPECT_THAT(text, testing::HasSubstr(" still the old log\n"));
     EXPECT_FALSE(support::FileExists(File()) && !support::ReadFile(File()).empty());
+}
+
+// Its file is closed by the log's thread before anybody waits for that thread to end.
+TEST_F(LogThreads, AnAbandonedOpeningWhoseFileClosesSlowlyHoldsNobodyUp)
+{
+    using std::chrono::steady_clock;
+    support::WriteFile(File(), "");
+    chmod(File().c_str(), 0644);  // is made private by the opening
+    g_chmodStall.isOn = true;
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
+    g_lockCloseStall.isOn = true;
+    g_chmodStall.isOn = false;
+    ASSERT_TRUE(support::WaitUntil([] { return g_lockCloseStall.isHit.load(); }));
+    std::thread disk(
+        []
+        {
+            std::this_thread::sleep_for(std::chrono::seconds(9));
+            g_lockCloseStall.isOn = false;
+        });
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(8));
+    disk.join();
+    EXPECT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "back");
+    EXPECT_THAT(ClosedTexts(), testing::ElementsAre("back"));
+}
+
+// The notice about what the queue dropped comes to a file that cannot be written.
+TEST_F(LogThreads, WhatTheQueueDropsDuringAnOutageIsCountedWithIt)
+{
+    const log_test::CaughtStandardError caught;
+    const std::string directory = File("sub");
+    const std::string file = directory + "/corpdir.log";
+    ASSERT_EQ(mkdir(directory.c_str(), 0700), 0);
+    ASSERT_EQ(Open(Info(directory, 2, 1U << 30)), 0U);
+    g_lockCloseStall.isHit = false;
+    g_lockCloseStall.isOn = true;
+    std::filesystem::remove_all(directory);
+    const bool isStalled = support::WaitUntil(
+        []
+        {
+            Write(2, "the queue's reader looks for its file");
+            return g_lockCloseStall.isHit.load();
+        });
+    EXPECT_TRUE(isStalled);
+    constexpr int kRecords = 150000;  // more than the queue holds
+    RunThreads(1, kRecords);
+    g_lockCloseStall.isOn = false;
+    EXPECT_TRUE(support::WaitUntil([&] { return !caught.Text().empty(); }));
+    ASSERT_EQ(mkdir(directory.c_str(), 0700), 0);
+    EXPECT_TRUE(support::WaitUntil(
+        [&]
+        {
+            Write(2, "after");
+            return support::FileExists(file) && !support::ReadFile(file).empty();
+        }));
+    CorpDir_CloseLog();
+    const std::string text = support::ReadFile(file);
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(text, match, std::regex("Up to ([0-9]+) records are missing")));
+    EXPECT_GE(std::stoi(match[1]), kRecords);
 }
 
 TEST_F(LogThreads, OpeningAndClosingWhileOthersWrite)
