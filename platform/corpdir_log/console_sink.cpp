@@ -1,5 +1,6 @@
 #include "console_sink.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -19,8 +20,14 @@ bool AwaitRoom()
 
 }  // namespace
 
+ConsoleSink::ConsoleSink() : m_isOpen(fcntl(STDERR_FILENO, F_GETFD) != -1) {}
+
 void ConsoleSink::sink_it_(const spdlog::details::log_msg& message)
 {
+    if (!m_isOpen)
+    {
+        return;
+    }
     spdlog::memory_buf_t line;
     formatter_->format(message, line);
     for (std::string_view rest(line.data(), line.size()); !rest.empty();)

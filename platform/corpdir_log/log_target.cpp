@@ -73,10 +73,6 @@ LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
         OpenFile();
         return;
     }
-    if (fcntl(STDERR_FILENO, F_GETFD) == -1)
-    {
-        throw std::system_error(errno, std::generic_category(), "standard error");
-    }
     m_console = std::make_unique<ConsoleSink>();
     m_console->set_formatter(std::make_unique<LineFormatter>());
     m_sink = m_console.get();

@@ -34,8 +34,7 @@ class LogTarget
 {
 public:
     // `previous`, the target in use or null, has been settled; in the same directory its file name
-    // is kept. What it has lost and not told is told here. Throws std::system_error, of which EBADF
-    // is a standard error that is closed: the number may later be a file of the client's. Or throws
+    // is kept. What it has lost and not told is told here. Throws std::system_error or
     // std::bad_alloc.
     LogTarget(const LogSettings& settings, const LogTarget* previous);
     ~LogTarget() = default;

@@ -65,10 +65,11 @@ extern "C"
     // Opens the log, or changes the settings of an open one once the records before are written;
     // when that fails the open one goes on. info: null for standard error at level 2. Not kept. A
     // relative directory is that of the moment; a missing one is not made.
-    // Returns 0, or the system's error number (errno.h) of why the directory cannot be used, EBADF
-    // when standard error is closed, ENOMEM or EAGAIN when memory or threads ran out, ESHUTDOWN
-    // when the process is ending, or ETIMEDOUT when the disk, or a standard error that nobody
-    // reads, did not take what was pending or did not open within 5 s.
+    // Returns 0, or the system's error number (errno.h) of why the directory cannot be used,
+    // ENOMEM or EAGAIN when memory or threads ran out, ESHUTDOWN when the process is ending, or
+    // ETIMEDOUT when the disk, or a standard error that nobody reads, did not take what was pending
+    // or did not open within 5 s. A standard error that is closed is no failure: records are
+    // dropped then, also when its number is later another file's.
     unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* info);
 
     // Writes out what is pending and closes the log; gives up on a disk that does not answer after
