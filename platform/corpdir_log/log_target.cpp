@@ -5,7 +5,6 @@
 #include "escape.h"
 #include "line_formatter.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <spdlog/details/log_msg.h>
 #include <sys/stat.h>
