@@ -14,9 +14,6 @@ double seconds(Clock::duration duration)
     return std::chrono::duration<double>(duration).count();
 }
 
-// The server gives up the control connection, whatever the command was.
-constexpr unsigned int kServiceEnds = 421;
-
 }  // namespace
 
 Transfer::Transfer(TaskPtr task, Notifier& notifier, const Limits& limits)
@@ -222,14 +219,14 @@ void Transfer::expireReply()
 // be one that nobody asked for after the transfer before.
 bool Transfer::wantsFreshConnection() const
 {
-    const bool unanswered = replies_.lines() == 0 || replies_.code() == kServiceEnds ||
+    const bool unanswered = replies_.lines() == 0 || replies_.code() == Replies::kServiceEnds ||
                             failure_.ulRet == TRAVEX_FTP_ERR_REPLY;
     return reused_ && !retried_ && unanswered && received_ == 0;
 }
 
 bool Transfer::turnedAway() const
 {
-    return replies_.code() == kServiceEnds && replies_.verb()[0] == '\0';
+    return replies_.code() == Replies::kServiceEnds && replies_.verb()[0] == '\0';
 }
 
 bool Transfer::unheard() const

@@ -78,10 +78,7 @@ void TransferThread::leaveNoFiles()
 
 void TransferThread::handleClosed()
 {
-    {
-        const common::Hold hold(guard_);
-        someClosed_ = true;
-    }
+    someClosed_ = true;
     wake();
 }
 
@@ -120,8 +117,6 @@ bool TransferThread::takeOrders()
     {
         const common::Hold hold(guard_);
         taken.append(submitted_);
-        dropping_ = dropping_ || someClosed_;
-        someClosed_ = false;
         if (stopping_)
         {
             return false;
@@ -166,11 +161,10 @@ Lane* TransferThread::laneOf(const std::shared_ptr<const Settings>& settings) co
 // Transfers and waiting tasks of handles that were closed end without a word.
 void TransferThread::dropClosed()
 {
-    if (!dropping_)
+    if (!someClosed_.exchange(false))
     {
         return;
     }
-    dropping_ = false;
     for (const auto& connection : connections_)
     {
         if (connection->transfer() != nullptr && connection->transfer()->cancelled())

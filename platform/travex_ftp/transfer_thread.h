@@ -4,6 +4,7 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -86,11 +87,11 @@ private:
     common::Guard guard_;
     bool stopping_ CORPDIR_GUARDED_BY(guard_) = false;
     bool ended_ CORPDIR_GUARDED_BY(guard_) = false;  // the multi handle is gone
-    bool someClosed_ CORPDIR_GUARDED_BY(guard_) = false;
     TaskQueue<&Task::nextTransfer> submitted_ CORPDIR_GUARDED_BY(guard_);
 
+    std::atomic<bool> someClosed_{false};  // handles, since the thread last looked
+
     // Transfer thread only.
-    bool dropping_ = false;  // handles were closed since the last look
     std::vector<std::unique_ptr<Lane>> lanes_;
     std::vector<std::unique_ptr<Connection>> connections_;
     std::vector<curl_waitfd> watched_;
