@@ -43,7 +43,7 @@ struct Thread
     // Constant after the start.
     const char* name = nullptr;  // static text of at most 15 bytes, the system's limit
     OSAK_THREAD_PROC entry = nullptr;
-    unsigned long slackNanoseconds = 0;  // 0: the system's default
+    unsigned long slackNanoseconds = 0;  // by the environment; 0: it does not say
 
     // Guarded by the registry's guard.
     pthread_t native = {};
@@ -73,6 +73,9 @@ Registry& TheRegistry()
 
 // The record of the calling thread; null when the layer did not make it.
 thread_local Thread* t_self = nullptr;
+
+// How far a loose sleep may be stretched: a step that the thread takes up late costs that much.
+constexpr unsigned long kLooseNanoseconds = 1000000;
 
 // Timer slack from CORPDIR_TIMER_SLACK_US, in nanoseconds; 0 when it is not set or not a number
 // from 1 to 1,000,000 microseconds.
@@ -358,6 +361,22 @@ unsigned int StartThread(const char* name, Duty duty, OSAK_THREAD_PROC entry, OS
     {
         return OSAK_ERR_SYSTEM;
     }
+}
+
+__thread bool t_sleepsLoosely = false;
+
+void SleepLoosely()
+{
+    if (t_self != nullptr && t_self->slackNanoseconds == 0)
+    {
+        t_sleepsLoosely = prctl(PR_SET_TIMERSLACK, kLooseNanoseconds) == 0;
+    }
+}
+
+void StopSleepingLoosely()
+{
+    (void)prctl(PR_SET_TIMERSLACK, 0UL);  // the system's default again
+    t_sleepsLoosely = false;
 }
 
 void BeginClientCall()

@@ -22,6 +22,19 @@ inline std::uint64_t CurrentThreadNumber()
     return t_threadNumber != 0 ? t_threadNumber : GiveThreadNumber();
 }
 
+// Lets the kernel stretch the sleeps of the calling thread to save power, until SleepSharply. For
+// threads of the layer alone, unless the environment sets their timer slack.
+void SleepLoosely();
+extern __thread bool t_sleepsLoosely;
+void StopSleepingLoosely();
+inline void SleepSharply()
+{
+    if (t_sleepsLoosely)
+    {
+        StopSleepingLoosely();
+    }
+}
+
 // Whose code a thread of the layer runs, which tells the exit of the process what to wait for.
 enum class Duty
 {

@@ -72,13 +72,11 @@ bool addSuite(SSL* ssl, int identifier, CipherSuites& suites, Failure& failure)
     return true;
 }
 
-// What a context with these suites really offers: OpenSSL drops what its security level forbids.
-bool allOffered(const CipherSuites& suites, const int* identifiers, unsigned int count,
-                Failure& failure)
+// What the context really offers with these suites: OpenSSL drops what its security level forbids.
+bool allOffered(SSL_CTX* context, const CipherSuites& suites, const int* identifiers,
+                unsigned int count, Failure& failure)
 {
-    const Context context(SSL_CTX_new(TLS_client_method()));
-    const bool applied = context && suites.apply(context.get());
-    const Session ssl(applied ? SSL_new(context.get()) : nullptr);
+    const Session ssl(suites.apply(context) ? SSL_new(context) : nullptr);
     const std::unique_ptr<STACK_OF(SSL_CIPHER), Freed> offered(
         ssl ? SSL_get1_supported_ciphers(ssl.get()) : nullptr);
     for (unsigned int i = 0; i < count; ++i)
@@ -135,7 +133,7 @@ bool chooseSuites(const int* identifiers, unsigned int count, CipherSuites& suit
         }
     }
     suites.chosen = true;
-    return allOffered(suites, identifiers, count, failure);
+    return allOffered(context.get(), suites, identifiers, count, failure);
 }
 
 }  // namespace travex_ftp

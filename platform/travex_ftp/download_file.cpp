@@ -258,7 +258,15 @@ bool DownloadFile::flushPiece(Failure& failure)
         }
         written += count < 0 ? 0 : static_cast<size_t>(count);
     }
+    unbegun_ += static_cast<off_t>(used_);
     used_ = 0;
+    if (unbegun_ >= kWriteBehind)
+    {
+        // A hint: whether it all gets to the disk is what the flush at the end finds out.
+        (void)sync_file_range(fd_, begun_, unbegun_, SYNC_FILE_RANGE_WRITE);
+        begun_ += unbegun_;
+        unbegun_ = 0;
+    }
     return true;
 }
 
@@ -345,6 +353,7 @@ void DownloadFile::close()
     }
     piece_.reset();
     used_ = 0;
+    begun_ = unbegun_ = 0;
 }
 
 bool DownloadFile::localFailure(Failure& failure, const char* step)

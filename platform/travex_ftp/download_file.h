@@ -31,7 +31,8 @@ public:
     // std::bad_alloc.
     bool open(const std::string& directory, const std::string& name, Failure& failure);
 
-    // Collects large pieces before it writes.
+    // Collects large pieces before it writes, and has the system begin to bring them to the disk, so
+    // that little is left to wait for at the end.
     bool write(const char* data, size_t length, Failure& failure);
 
     // Writes out and flushes to the disk, with the permissions of the file that is to be replaced,
@@ -72,6 +73,8 @@ private:
     char temporary_[64] = "";  // name in the directory, empty: no file to remove
     std::unique_ptr<char[]> piece_;
     size_t used_ = 0;
+    off_t begun_ = 0;    // bytes that were told to go to the disk
+    off_t unbegun_ = 0;  // bytes written since
 };
 
 }  // namespace travex_ftp

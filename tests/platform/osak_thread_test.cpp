@@ -420,6 +420,50 @@ TEST_F(OsakThread, TimerSlackIsTheSystemsUnlessTheEnvironmentSetsIt)
     EXPECT_THAT(captured_log::Records(), IsEmpty());
 }
 
+OSAK_MUTEX g_polled;
+
+void LockAndUnlock(int times)
+{
+    for (int i = 0; i < times; ++i)
+    {
+        EXPECT_EQ(OSAK_OK, OSAK_MutexLock(&g_polled));
+        EXPECT_EQ(OSAK_OK, OSAK_MutexUnLock(&g_polled));
+    }
+}
+
+// The slack after many locks in a row, before and after another thread's lock has broken it.
+unsigned int PollInVain()
+{
+    LockAndUnlock(255);
+    EXPECT_EQ(TimerSlack(), g_code) << "too early";
+    LockAndUnlock(100);
+    const unsigned int loose = TimerSlack();
+    std::thread([] { LockAndUnlock(1); }).join();
+    LockAndUnlock(1);
+    EXPECT_EQ(TimerSlack(), g_code) << "work was there";
+    LockAndUnlock(255);
+    EXPECT_EQ(TimerSlack(), g_code) << "too early again";
+    LockAndUnlock(1);
+    EXPECT_EQ(TimerSlack(), loose);
+    return loose;
+}
+
+TEST_F(OsakThread, SleepsOfAThreadThatPollsInVainMayBeStretched)
+{
+    ASSERT_EQ(OSAK_OK, OSAK_MutexInitRecursive(&g_polled, nullptr));
+    (void)unsetenv("CORPDIR_TIMER_SLACK_US");  // NOLINT(concurrency-mt-unsafe)
+    const unsigned int usual = TimerSlack();
+    g_code = usual;
+    EXPECT_EQ(1000000U, ResultOf(Start(PollInVain)));
+    LockAndUnlock(1000);
+    EXPECT_EQ(usual, TimerSlack()) << "of a thread that is not the layer's";
+    g_code = 70000;
+    (void)setenv("CORPDIR_TIMER_SLACK_US", "70", 1);  // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(70000U, ResultOf(Start(PollInVain)));
+    (void)unsetenv("CORPDIR_TIMER_SLACK_US");  // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(OSAK_OK, OSAK_MutexDestroy(&g_polled));
+}
+
 TEST_F(OsakThread, TimerSlackOutOfRangeIsIgnoredAndLogged)
 {
     for (const char* setting : {"0", "1000001", "-1", "5ms", "99999999999999999999999",
