@@ -31,8 +31,8 @@ public:
     // std::bad_alloc.
     bool open(const std::string& directory, const std::string& name, Failure& failure);
 
-    // Collects large pieces before it writes, and has the system begin to bring them to the disk, so
-    // that little is left to wait for at the end.
+    // Collects large pieces before it writes, and has the system begin to bring them to the disk,
+    // so that little is left to wait for at the end.
     bool write(const char* data, size_t length, Failure& failure);
 
     // Writes out and flushes to the disk, with the permissions of the file that is to be replaced,
