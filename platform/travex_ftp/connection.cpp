@@ -53,7 +53,7 @@ Connection::~Connection() = default;
 
 bool Connection::open() const
 {
-    return (transfer_ != nullptr || idle()) && connected(controlSocket_);
+    return (transfer_ != nullptr || idle()) && connected(alive() ? controlSocket_ : connecting_);
 }
 
 bool Connection::welcome() const
@@ -176,6 +176,7 @@ std::unique_ptr<Transfer> Connection::end()
         (void)curl_multi_remove_handle(multi_, easy_.get());
         multi_ = nullptr;
     }
+    connecting_ = CURL_SOCKET_BAD;
     idleSince_ = Clock::now();
     return std::move(transfer_);
 }
@@ -250,7 +251,8 @@ bool Connection::expire(Clock::time_point now)
         shutDown();
         return true;
     }
-    transfer_->expire(now, connected(loggedIn_ ? dataSocket_ : controlSocket_));
+    const curl_socket_t made = loggedIn_ ? dataSocket_ : controlSocket_;
+    transfer_->expire(now, connected(connecting_ != CURL_SOCKET_BAD ? connecting_ : made));
     return failed(transfer_->failure());
 }
 
@@ -260,8 +262,8 @@ bool Connection::expire(Clock::time_point now)
 bool Connection::owesDataSocket() const
 {
     const unsigned int code = transfer_ != nullptr ? transfer_->replies().code() : 0;
-    return loggedIn_ && dataSocket_ == CURL_SOCKET_BAD && (code == 229 || code == 227) &&
-           passes_ < kPasses;
+    return loggedIn_ && dataSocket_ == CURL_SOCKET_BAD && connecting_ == CURL_SOCKET_BAD &&
+           (code == 229 || code == 227) && passes_ < kPasses;
 }
 
 Clock::time_point Connection::wakeAt(Clock::time_point now)
@@ -324,7 +326,7 @@ curl_socket_t Connection::onOpenSocket(void* self, curlsocktype, curl_sockaddr* 
     const curl_socket_t socket =
         it.sockets_.open(address->family, address->socktype, address->protocol);
     it.socketError_ = socket == CURL_SOCKET_BAD ? errno : 0;
-    (it.loggedIn_ ? it.dataSocket_ : it.controlSocket_) = socket;
+    it.connecting_ = socket;
     it.transfer_->connecting(it.loggedIn_);
     if (it.loggedIn_)
     {
@@ -333,6 +335,17 @@ curl_socket_t Connection::onOpenSocket(void* self, curlsocktype, curl_sockaddr* 
         it.limitConnecting(it.limits_.connect);
     }
     return socket;
+}
+
+// libcurl does not tell when a socket is connected; it shows by what comes next.
+void Connection::socketConnected()
+{
+    if (connecting_ != CURL_SOCKET_BAD)
+    {
+        sockets_.connected(connecting_);
+        (loggedIn_ ? dataSocket_ : controlSocket_) = connecting_;
+        connecting_ = CURL_SOCKET_BAD;
+    }
 }
 
 // libcurl's clock for connecting runs from the start of the transfer, and rules all it does before
@@ -348,7 +361,7 @@ void Connection::limitConnecting(milliseconds limit)
 int Connection::onCloseSocket(void* self, curl_socket_t socket)
 {
     Connection& it = *static_cast<Connection*>(self);
-    for (curl_socket_t* known : {&it.controlSocket_, &it.dataSocket_})
+    for (curl_socket_t* known : {&it.connecting_, &it.controlSocket_, &it.dataSocket_})
     {
         if (*known == socket)
         {
@@ -374,6 +387,10 @@ size_t Connection::onReply(char* line, size_t size, size_t count, void* self)
     if (it.transfer_ == nullptr)
     {
         return length;
+    }
+    if (!it.loggedIn_)
+    {
+        it.socketConnected();
     }
     if (it.cancelled() || !it.transfer_->replyHeard(line, length))
     {
@@ -424,6 +441,12 @@ int Connection::onDebug(CURL*, curl_infotype type, char* data, size_t size, void
     }
     if (it.transfer_ != nullptr)
     {
+        // A data socket that does not connect is followed by PASV; any other command finds it
+        // connected.
+        if (size < 4 || memcmp(data, "PASV", 4) != 0)
+        {
+            it.socketConnected();
+        }
         it.transfer_->commandSent(data, size);
         it.proven_ = it.proven_ || !it.blocksToConnect();
         it.limitConnecting(it.limits_.transfer);
@@ -442,6 +465,7 @@ int Connection::onDebug(CURL*, curl_infotype type, char* data, size_t size, void
 CURLcode Connection::onTlsContext(CURL*, void* context, void* self)
 {
     Connection& it = *static_cast<Connection*>(self);
+    it.socketConnected();
     TlsChannel& channel = it.loggedIn_ ? it.data_ : it.control_;
     // The handshake of an explicit control channel is a blocking call; for all others this is far
     // beyond our own limit.

@@ -35,7 +35,7 @@ public:
         return transfer_.get();
     }
 
-    // The control connection is open.
+    // The control connection is open, and the server has said something on it or begun with TLS.
     bool alive() const
     {
         return controlSocket_ != CURL_SOCKET_BAD;
@@ -91,7 +91,7 @@ public:
     std::unique_ptr<Transfer> end();
     std::unique_ptr<Transfer> end(CURLcode result);
 
-    // Makes every pending and later read or write on the sockets fail at once.
+    // Makes every pending and later read or write on the connected sockets fail at once.
     void shutDown();
 
     // When expire() is due, of the transfer, of a farewell, or of an idle connection.
@@ -140,6 +140,7 @@ private:
     bool prepare();
     bool installCallbacks();
     bool add(CURLM* multi);
+    void socketConnected();
     void limitConnecting(milliseconds limit);
     void goOn();
     bool owesDataSocket() const;
@@ -165,6 +166,9 @@ private:
     Clock::time_point started_;
     Clock::time_point idleSince_;
 
+    // A socket that libcurl connects may be closed, and its number another one's, without a word;
+    // the two others are closed by onCloseSocket() alone.
+    curl_socket_t connecting_ = CURL_SOCKET_BAD;
     curl_socket_t controlSocket_ = CURL_SOCKET_BAD;
     curl_socket_t dataSocket_ = CURL_SOCKET_BAD;
     TlsChannel control_;

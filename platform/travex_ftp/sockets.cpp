@@ -8,7 +8,6 @@
 
 namespace travex_ftp
 {
-// Under the lock as a whole, so that shutDownAll() misses none that is just being made.
 int Sockets::open(int family, int type, int protocol)
 {
     const common::Hold hold(guard_);
@@ -24,7 +23,7 @@ int Sockets::open(int family, int type, int protocol)
     }
     try
     {
-        open_.insert(made);
+        open_[made] = false;  // the place of one that libcurl has closed, maybe
     }
     catch (const std::bad_alloc&)
     {
@@ -33,6 +32,21 @@ int Sockets::open(int family, int type, int protocol)
         return -1;
     }
     return made;
+}
+
+void Sockets::connected(int socket)
+{
+    const common::Hold hold(guard_);
+    const auto found = open_.find(socket);
+    if (found == open_.end())
+    {
+        return;
+    }
+    found->second = true;
+    if (shutDown_)
+    {
+        (void)shutdown(socket, SHUT_RDWR);
+    }
 }
 
 int Sockets::close(int socket)
@@ -46,9 +60,12 @@ void Sockets::shutDownAll()
 {
     const common::Hold hold(guard_);
     shutDown_ = true;
-    for (const int socket : open_)
+    for (const auto& [socket, isConnected] : open_)
     {
-        (void)shutdown(socket, SHUT_RDWR);
+        if (isConnected)
+        {
+            (void)shutdown(socket, SHUT_RDWR);
+        }
     }
 }
 

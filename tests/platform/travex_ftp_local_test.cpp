@@ -1,14 +1,18 @@
 // Faults of the machine that the client runs on: a process that is killed, a full disk, a read-only
 // one, no descriptors left. The file that was there stays.
 #include <gmock/gmock.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <random>
 #include <set>
 
@@ -224,5 +228,106 @@ TEST_F(FewDescriptors, NoneLeftFailsInWordsAndTheNextTransferWorks)
 }
 
 #endif
+
+// An address whose port never answers: its queue of connections is full.
+class SilentAddress
+{
+public:
+    SilentAddress()
+    {
+        m_address.sin_family = AF_INET;
+        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof m_address;
+        EXPECT_EQ(0, bind(m_listener.Get(), Generic(), length));
+        EXPECT_EQ(0, listen(m_listener.Get(), 0));
+        EXPECT_EQ(0, getsockname(m_listener.Get(), Generic(), &length));
+        for (const Socket& filler : m_fillers)
+        {
+            (void)connect(filler.Get(), Generic(), length);
+        }
+    }
+
+    int Port() const
+    {
+        return ntohs(m_address.sin_port);
+    }
+
+private:
+    class Socket
+    {
+    public:
+        Socket() : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {}
+        Socket(const Socket&) = delete;
+        Socket& operator=(const Socket&) = delete;
+        ~Socket()
+        {
+            (void)close(m_socket);
+        }
+        int Get() const
+        {
+            return m_socket;
+        }
+
+    private:
+        int m_socket;
+    };
+
+    sockaddr* Generic()
+    {
+        return reinterpret_cast<sockaddr*>(&m_address);
+    }
+
+    sockaddr_in m_address{};
+    Socket m_listener;
+    Socket m_fillers[4];
+};
+
+class SilentServer : public LayerTest
+{
+protected:
+    void SetUp() override
+    {
+        m_connect.emplace("CORPDIR_FTP_CONNECT_MS", "300");
+        LayerTest::SetUp();
+    }
+
+    std::optional<ftp_test::Environment> m_connect;
+    SilentAddress m_silent;
+};
+
+// libcurl closes a socket that has not connected without telling: its number is the next one's.
+TEST_F(SilentServer, LeavesLaterDescriptorsOfTheProcessAlone)
+{
+    Use(Parameters("127.0.0.1", m_silent.Port(), m_directory.Path()));
+    EXPECT_THAT(Fetch("f", "f"), HasSubstr("no connection in 0.3 s"));
+    std::array<std::array<int, 2>, 20> pairs{};
+    for (auto& pair : pairs)
+    {
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // longer than a farewell lasts
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+    for (const auto& pair : pairs)
+    {
+        for (const int end : pair)
+        {
+            char byte = 'x';
+            EXPECT_EQ(1, send(end, &byte, 1, MSG_NOSIGNAL)) << end;
+            EXPECT_EQ(1, recv(end == pair[0] ? pair[1] : pair[0], &byte, 1, MSG_DONTWAIT)) << end;
+        }
+        (void)close(pair[0]);
+        (void)close(pair[1]);
+    }
+}
+
+// A transfer that lasts longer than the silent one's farewell.
+TEST_F(SilentServer, DoesNotDisturbTheOneAfterIt)
+{
+    const FaultyServer slow("slow_drip", {"--size", "80"});
+    Use(Parameters("127.0.0.1", m_silent.Port(), m_directory.Path()));
+    EXPECT_THAT(Fetch("f", "f"), HasSubstr("no connection in 0.3 s"));
+    Use(Parameters("127.0.0.1", slow.Port(), m_directory.Path()));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+}
 
 }  // namespace
