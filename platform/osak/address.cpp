@@ -1,13 +1,16 @@
 // Addresses: the system's functions with null taken care of.
 #include "osak.h"
+#include "thread.h"
 
 int OSAK_Inet_Pton(int family, const char* text, void* dest)
 {
+    osak::NoteWork();
     return text != nullptr && dest != nullptr ? inet_pton(family, text, dest) : 0;
 }
 
 unsigned int OSAK_InetAddr(const char* text)
 {
+    osak::NoteWork();
     return text != nullptr ? inet_addr(text) : INADDR_NONE;
 }
 

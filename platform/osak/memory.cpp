@@ -7,6 +7,7 @@
 #include "osak_diagnostics.h"
 #include "osak_log.h"
 #include "process.h"
+#include "thread.h"
 
 #include <array>
 #include <cstdint>
@@ -231,6 +232,7 @@ void LogNotLive(const void* address, const Place& place, const Place& releasedAt
 // end the process over them.
 void* Allocate(size_t size, const Place& place)
 {
+    NoteWork();
     if (size == 0 || size > PTRDIFF_MAX || IsForkedChild())
     {
         return nullptr;

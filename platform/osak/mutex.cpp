@@ -31,10 +31,6 @@ constexpr std::uint64_t kHeld = 1;
 constexpr std::uint64_t kContended = 2;
 constexpr std::uint64_t kGenerationStep = 4;
 
-// A thread that is the only one to lock a mutex for so many times in a row polls what the mutex
-// guards, in vain: with the usual sleep in between that is some 30 ms.
-constexpr unsigned int kLocksInVain = 256;
-
 // The word of the generation when nobody holds the mutex or waits for it.
 std::uint64_t GenerationOf(std::uint64_t word)
 {
@@ -58,10 +54,7 @@ struct alignas(64) State
     // that reads its own number holds the mutex: it is the only one to write that number here, and
     // writes 0 before it lets go.
     std::atomic<std::uint64_t> owner{0};
-    // The holder's own.
-    unsigned int depth = 0;
-    std::uint64_t lastHolder = 0;
-    unsigned int locksInARow = 0;  // by that one, after its first
+    unsigned int depth = 0;  // the holder's own
 
     common::Guard guard;
     common::Signal changed;
@@ -152,16 +145,7 @@ void BecomeHolder(State& state, std::uint64_t self)
 {
     state.owner.store(self, std::memory_order_relaxed);
     state.depth = 1;
-    if (state.lastHolder != self)
-    {
-        state.lastHolder = self;
-        state.locksInARow = 0;
-        SleepSharply();
-    }
-    else if (++state.locksInARow == kLocksInVain)
-    {
-        SleepLoosely();
-    }
+    NoteLock();
 }
 
 // Waits until the mutex is free for a locker, and takes it.

@@ -363,20 +363,22 @@ unsigned int StartThread(const char* name, Duty duty, OSAK_THREAD_PROC entry, OS
     }
 }
 
-__thread bool t_sleepsLoosely = false;
+__thread unsigned int t_locksInVain = 0;
 
 void SleepLoosely()
 {
     if (t_self != nullptr && t_self->slackNanoseconds == 0)
     {
-        t_sleepsLoosely = prctl(PR_SET_TIMERSLACK, kLooseNanoseconds) == 0;
+        (void)prctl(PR_SET_TIMERSLACK, kLooseNanoseconds);
     }
 }
 
-void StopSleepingLoosely()
+void SleepSharply()
 {
-    (void)prctl(PR_SET_TIMERSLACK, 0UL);  // the system's default again
-    t_sleepsLoosely = false;
+    if (t_self != nullptr && t_self->slackNanoseconds == 0)
+    {
+        (void)prctl(PR_SET_TIMERSLACK, 0UL);  // the thread's default
+    }
 }
 
 void BeginClientCall()

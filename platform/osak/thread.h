@@ -22,17 +22,31 @@ inline std::uint64_t CurrentThreadNumber()
     return t_threadNumber != 0 ? t_threadNumber : GiveThreadNumber();
 }
 
-// Lets the kernel stretch the sleeps of the calling thread to save power, until SleepSharply. For
-// threads of the layer alone, unless the environment sets their timer slack.
+// A thread that locks so many times in a row and asks for no memory, text or address meanwhile
+// polls in vain: with the usual sleep in between that is some 30 ms.
+constexpr unsigned int kLocksInVain = 256;
+extern __thread unsigned int t_locksInVain;
+
+// Lets the kernel stretch the sleeps of the calling thread, to save power; and again not. For
+// threads of the layer alone, and not when the environment sets their timer slack.
 void SleepLoosely();
-extern __thread bool t_sleepsLoosely;
-void StopSleepingLoosely();
-inline void SleepSharply()
+void SleepSharply();
+
+inline void NoteLock()
 {
-    if (t_sleepsLoosely)
+    if (++t_locksInVain == kLocksInVain)
     {
-        StopSleepingLoosely();
+        SleepLoosely();
     }
+}
+
+inline void NoteWork()
+{
+    if (t_locksInVain >= kLocksInVain)
+    {
+        SleepSharply();
+    }
+    t_locksInVain = 0;
 }
 
 // Whose code a thread of the layer runs, which tells the exit of the process what to wait for.

@@ -40,6 +40,9 @@ struct Limits
     static Limits fromEnvironment();
 };
 
+// Connections to one server that it has not greeted yet. Its queue may be no longer than 32.
+constexpr size_t kProving = 16;
+
 // At process exit nothing of the layer is waited for longer than this.
 constexpr milliseconds kExitPatience{1000};
 

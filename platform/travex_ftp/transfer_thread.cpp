@@ -262,21 +262,22 @@ Connection* TransferThread::connectionFor(Lane& lane)
     }
     size_t open = 0;
     bool proven = false;
-    bool proving = false;
+    size_t proving = 0;
     for (const auto& connection : connections_)
     {
         if ((connection->alive() || connection->busy()) && connection->matches(lane.settings()))
         {
             ++open;
             proven = proven || connection->proven();
-            proving = proving || connection->transfer() != nullptr;
+            proving += connection->transfer() != nullptr && !connection->proven() ? 1 : 0;
         }
     }
     const Clock::time_point now = Clock::now();
     // The first connection shows that the server serves us at all. One that hangs in the handshake
     // that is a blocking call must not do so on many connections one after the other; and only
-    // beside one that is served is the refusal of another one no failure.
-    if ((proving && !proven) || !lane.mayConnect(open, now))
+    // beside one that is served is the refusal of another one no failure. From then on a few at a
+    // time: what does not fit into a server's queue is offered to it again only after a second.
+    if (proving >= (proven ? kProving : 1) || !lane.mayConnect(open, now))
     {
         return nullptr;
     }
