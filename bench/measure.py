@@ -1,0 +1,95 @@
+"""Runs programs in turn and keeps what each has taken."""
+import hashlib
+import os
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import time
+
+from ftp_site import PASSWORD
+
+ENVIRONMENT = dict(os.environ, CORPDIR_PASSWORD=PASSWORD)
+
+
+class Figures:
+    """Of one contestant: seconds, seconds of CPU with those of its children, MB at the peak."""
+
+    def __init__(self, wall=(), cpu=()):
+        self.wall, self.cpu, self.memory = list(wall), list(cpu), []
+
+    def median(self, measure):
+        values = getattr(self, measure)
+        return statistics.median(values) if values else None
+
+
+def strings(command):
+    return [str(part) for part in command]
+
+
+def take(command, environment=ENVIRONMENT, expected=0):
+    """(seconds, seconds of CPU) of one run."""
+    begin = time.perf_counter()
+    process = subprocess.Popen(strings(command), env=environment, stdin=subprocess.DEVNULL,
+                               stdout=subprocess.DEVNULL)
+    _, status, usage = os.wait4(process.pid, 0)
+    wall = time.perf_counter() - begin
+    process.returncode = os.waitstatus_to_exitcode(status)
+    if process.returncode != expected:
+        sys.exit("%s ended with %d: %s" % (command[0], process.returncode, strings(command)))
+    return wall, usage.ru_utime + usage.ru_stime
+
+
+def peak_memory(command):
+    """MB. By a program of its own: a child of this one would be given its memory as a peak."""
+    result = subprocess.run(["time", "-f", "%M", *strings(command)], check=True, env=ENVIRONMENT,
+                            stdin=subprocess.DEVNULL, text=True, stdout=subprocess.DEVNULL,
+                            stderr=subprocess.PIPE)
+    return int(result.stderr.split()[-1]) / 1024
+
+
+def instructions(command):
+    """Millions, of all threads and without the kernel's, by callgrind."""
+    result = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
+                             *strings(command)], env=ENVIRONMENT, stdin=subprocess.DEVNULL,
+                            text=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=True)
+    return int(re.findall(r"Collected : (\d+)", result.stderr)[-1]) / 1e6
+
+
+def digest(path):
+    with open(path, "rb") as file:
+        hashed = hashlib.sha256()
+        while piece := file.read(1 << 20):
+            hashed.update(piece)
+    return hashed.digest()
+
+
+def empty(folder):
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir()
+
+
+def compete(contestants, job, served, rounds, memory=True):
+    """All in turn, A B C A B C; the first round does not count, but its files are checked."""
+    figures = {name: Figures() for name in contestants}
+    wanted = {file: digest(served / file) for file in job.files}
+    for number in range(rounds + 1):
+        for name, contestant in contestants.items():
+            empty(job.output)
+            command = contestant(job)
+            wall, cpu = take(command)
+            if number != 0:
+                figures[name].wall.append(wall)
+                figures[name].cpu.append(cpu)
+                continue
+            for file in os.listdir(job.output):
+                if digest(job.output / file) != wanted[file]:
+                    sys.exit("%s has fetched a wrong %s" % (name, file))
+            if not (job.output / job.files[-1]).exists():
+                sys.exit("%s has fetched nothing" % name)
+            if memory and "sync" not in name:
+                empty(job.output)
+                figures[name].memory.append(peak_memory(command))
+    empty(job.output)
+    return figures

@@ -1,0 +1,89 @@
+"""The programs that are compared: how each is told to fetch some files of a server on 127.0.0.1."""
+import pathlib
+import typing
+
+from ftp_site import PASSWORD, ROOT, VERSION
+
+OURS = ROOT / "build/release/tools/corpdir/corpdir"
+BARE = ROOT / "build/bench/bench/bare_download"
+PLAIN, TLS13 = "plain FTP", "FTPS, TLS 1.3"
+SUITES = {"AES256-SHA": "0x0035", "AES128-SHA256": "0x003c", "AES256-SHA256": "0x003d"}
+
+
+class Job(typing.NamedTuple):
+    """What is to be fetched. `kind`: PLAIN, TLS13, or the TLS 1.2 suite. Absolute paths."""
+    port: int
+    kind: str
+    files: list
+    output: pathlib.Path
+    authorities: pathlib.Path
+
+
+def ours(job, servers="127.0.0.1", more=()):
+    """The version file is always fetched first: the program knows no other work."""
+    command = [OURS, "fetch", "--servers", servers, "--port", job.port, "--user", "ftp", "--quiet",
+               "--version-file", VERSION, "--directory-file", job.files[-1],
+               "--output-dir", job.output, *more]
+    if job.kind == PLAIN:
+        return command + ["--plain"]
+    suites = {TLS13: "0x1302,0x1303,0x1301"}.get(job.kind) or SUITES[job.kind]
+    return command + ["--ca", job.authorities, "--ciphers", suites]
+
+
+def curl(job):
+    command = ["curl", "-s", "-S", "-u", "ftp:" + PASSWORD]
+    if job.kind != PLAIN:
+        command += ["--ssl-reqd", "--cacert", job.authorities]
+    if job.kind in SUITES:
+        command += ["--tls-max", "1.2", "--ciphers", job.kind]
+    for file in job.files:
+        command += ["ftp://127.0.0.1:%d/%s" % (job.port, file), "-o", job.output / file]
+    return command
+
+
+def lftp(job):
+    tls = "set ftp:ssl-allow no"
+    if job.kind != PLAIN:
+        version = "-VERS-TLS1.3" if job.kind in SUITES else "-VERS-ALL:+VERS-TLS1.3"
+        tls = ("set ftp:ssl-force yes; set ftp:ssl-protect-data yes; set ssl:ca-file %s; "
+               "set ssl:priority NORMAL:+RSA:+AES-256-CBC:+AES-128-CBC:+SHA256:+SHA1:%s"
+               % (job.authorities, version))
+    gets = "; ".join("get %s -o %s" % (file, job.output / file) for file in job.files)
+    return ["lftp", "--norc", "-c", "%s; set xfer:clobber yes; open -u ftp,%s ftp://127.0.0.1:%d; %s"
+            % (tls, PASSWORD, job.port, gets)]
+
+
+def wget(job):
+    return ["wget", "-q", "-P", job.output, "--user=ftp", "--password=" + PASSWORD,
+            *["ftp://127.0.0.1:%d/%s" % (job.port, file) for file in job.files]]
+
+
+def aria2(job):
+    return ["aria2c", "-q", "--no-conf", "--allow-overwrite=true", "--file-allocation=none", "-Z",
+            "-d", job.output, "--ftp-user=ftp", "--ftp-passwd=" + PASSWORD,
+            *["ftp://127.0.0.1:%d/%s" % (job.port, file) for file in job.files]]
+
+
+def bare(job):
+    """No peer: the least that the directory file alone can take."""
+    return [BARE, job.port, "ftp", job.files[-1], job.output / job.files[-1]]
+
+
+def flushed(peer):
+    """Followed by a flush of its files to the disk, as ours flushes them."""
+    return lambda job: ["sh", "-c", '"$@" && sync %s' % " ".join(str(job.output / name)
+                                                               for name in job.files),
+                        "sh", *peer(job)]
+
+
+OUR_NAME, BARE_NAME = "corpdir", "bare loop"
+PLAIN_PEERS = {"curl": curl, "lftp": lftp, "wget": wget, "aria2": aria2}
+TLS_PEERS = {"curl": curl, "lftp": lftp}
+SYNC = " + sync"
+
+
+def contestants(kind, with_flush=True):
+    """By name, ours first. wget and aria2 of Debian 12 know no FTPS."""
+    peers = PLAIN_PEERS if kind == PLAIN else TLS_PEERS
+    flushing = {name + SYNC: flushed(peer) for name, peer in peers.items()} if with_flush else {}
+    return {OUR_NAME: ours, **peers, **flushing}
