@@ -8,7 +8,6 @@
 // Prints one JSON object. The password is in CORPDIR_PASSWORD.
 #include <arpa/inet.h>
 #include <getopt.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -26,6 +25,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "cpu_seconds.h"
 #include "travex_ftp.h"
 
 namespace
@@ -218,10 +218,6 @@ public:
 
     void print() const
     {
-        rusage usage = {};
-        getrusage(RUSAGE_SELF, &usage);
-        const auto seconds = [](const timeval& time)
-        { return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6; };
         std::printf("{\"clients\": %u, \"interval\": %g, \"duration\": %g, \"idle\": %g,\n",
                     options_.clients, options_.interval, options_.duration, options_.idle());
         std::printf(" \"started_at\": %.3f,\n", Seconds(startedAt_.time_since_epoch()).count());
@@ -235,7 +231,7 @@ public:
         printDirectories();
         std::printf(" \"version_bytes\": %ju, \"directory_bytes\": %ju,\n", versionBytes_,
                     directoryBytes_);
-        std::printf(" \"cpu_seconds\": %.3f}\n", seconds(usage.ru_utime) + seconds(usage.ru_stime));
+        std::printf(" \"cpu_seconds\": %.3f}\n", bench::CpuSeconds());
     }
 
     bool complete() const

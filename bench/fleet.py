@@ -21,7 +21,6 @@ import contextlib
 import ctypes
 import fcntl
 import ftplib
-import getpass
 import json
 import os
 import pathlib
@@ -37,9 +36,9 @@ import tempfile
 import threading
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-PASSWORD = "throw-away-17"
-VERSION, DIRECTORY = "version.txt", "directory.dat"
+from ftp_site import PASSWORD, ROOT, VERSION, VSFTPD, configure, free_port, make_certificates
+
+DIRECTORY = "directory.dat"
 REAL_INTERVAL, REAL_IDLE = 600, 15
 SMALL, MIDDLE, LARGE = 65536, 1 << 20, 5 << 20
 PROGRAMS = 10
@@ -82,22 +81,6 @@ class Bench:
         fresh.rename(self.work / "served" / name)
 
 
-def make_certificates(folder):
-    """A certification authority and a server of 127.0.0.1."""
-    quiet = {"stderr": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "cwd": folder, "check": True}
-    (folder / "extensions").write_text("subjectAltName=IP:127.0.0.1\n")
-    for command in ("req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=Bench -keyout ca.key -out ca.pem",
-                    "req -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -keyout server.key -out server.csr",
-                    "x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 "
-                    "-extfile extensions -out server.pem"):
-        subprocess.run(["openssl", *command.split()], **quiet)
-
-
-def free_port():
-    with socket.create_server(("127.0.0.1", 0)) as probe:
-        return probe.getsockname()[1]
-
-
 def stat_fields(pid):
     """Of /proc/PID/stat, what follows the name: state, parent, ... Empty when it is gone."""
     try:
@@ -115,27 +98,7 @@ class Server:
         self.bench, self.port, self.address = bench, free_port(), address
         self.cpu_seconds = None
         self.parents = {}
-        work = bench.work
-        lines = {
-            "background": "NO", "run_as_launching_user": "YES", "isolate": "NO",
-            "isolate_network": "NO", "seccomp_sandbox": "NO", "secure_chroot_dir": work / "empty",
-            "listen": "YES", "listen_ipv6": "NO", "listen_address": address,
-            "listen_port": self.port, "anonymous_enable": "YES", "local_enable": "NO",
-            "ftp_username": getpass.getuser(), "anon_root": work / "served",
-            "anon_world_readable_only": "NO", "allow_writeable_chroot": "YES",
-            "secure_email_list_enable": "YES", "email_password_file": work / "passwords",
-            "xferlog_enable": "NO",
-        }
-        if tls:
-            lines.update({
-                "ssl_enable": "YES", "allow_anon_ssl": "YES", "force_anon_logins_ssl": "YES",
-                "force_anon_data_ssl": "YES", "require_ssl_reuse": "YES", "ssl_ciphers": "HIGH",
-                "rsa_cert_file": work / "server.pem", "rsa_private_key_file": work / "server.key",
-            })
-        lines.update(more)
-        self.configuration = work / ("vsftpd-%d.conf" % self.port)
-        self.configuration.write_text("".join("%s=%s\n" % item for item in lines.items()))
-        self.configuration.chmod(0o600)
+        self.configuration = configure(bench.work, tls, address, self.port, **more)
 
     def __enter__(self):
         self.process = subprocess.Popen([self.bench.vsftpd, self.configuration],
@@ -627,7 +590,7 @@ def main():
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--long", action="store_true")
     parser.add_argument("--build", default=ROOT / "build/bench", type=pathlib.Path)
-    parser.add_argument("--vsftpd", default=ROOT / ".cache/servers/vsftpd/usr/sbin/vsftpd")
+    parser.add_argument("--vsftpd", default=VSFTPD)
     parser.add_argument("file", nargs="?")
     options = parser.parse_args()
     plan = QUICK if options.quick else LONG if options.long else FULL

@@ -62,10 +62,8 @@ def await_greeting(address, port):
     sys.exit("no server on %s:%d" % (address, port))
 
 
-@contextlib.contextmanager
-def server(work, tls, suites="HIGH", address="127.0.0.1", **more):
-    """vsftpd, which demands that data channels resume the session; gives its port."""
-    port = free_port(address)
+def configure(work, tls, address, port, **more):
+    """A configuration of vsftpd, which demands that data channels resume the session; gives its path."""
     lines = {
         "background": "NO", "run_as_launching_user": "YES", "isolate": "NO", "isolate_network": "NO",
         "seccomp_sandbox": "NO", "secure_chroot_dir": work / "empty", "listen": "YES",
@@ -78,13 +76,21 @@ def server(work, tls, suites="HIGH", address="127.0.0.1", **more):
     if tls:
         lines.update({
             "ssl_enable": "YES", "allow_anon_ssl": "YES", "force_anon_logins_ssl": "YES",
-            "force_anon_data_ssl": "YES", "require_ssl_reuse": "YES", "ssl_ciphers": suites,
+            "force_anon_data_ssl": "YES", "require_ssl_reuse": "YES", "ssl_ciphers": "HIGH",
             "rsa_cert_file": work / "server.pem", "rsa_private_key_file": work / "server.key",
         })
     lines.update(more)
-    configuration = work / ("vsftpd-%d.conf" % port)
-    configuration.write_text("".join("%s=%s\n" % item for item in lines.items()))
-    configuration.chmod(0o600)
+    path = work / ("vsftpd-%d.conf" % port)
+    path.write_text("".join("%s=%s\n" % item for item in lines.items()))
+    path.chmod(0o600)
+    return path
+
+
+@contextlib.contextmanager
+def server(work, tls, address="127.0.0.1", **more):
+    """vsftpd; gives its port."""
+    port = free_port(address)
+    configuration = configure(work, tls, address, port, **more)
     process = subprocess.Popen([VSFTPD, configuration], stdout=subprocess.DEVNULL)
     try:
         await_greeting(address, port)

@@ -7,7 +7,6 @@
 // follows too, is the setting to compare.
 #include <pthread.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "cpu_seconds.h"
 #include "ftpcorpdir.h"
 
 namespace
@@ -37,15 +37,6 @@ struct Cost
         return cpu * 1e4 / passes;
     }
 };
-
-double CpuSeconds()
-{
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& time)
-    { return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6; };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
 
 // How often the thread of this name has gone to sleep so far: once in each pass.
 long long Passes(const char* thread)
@@ -76,10 +67,10 @@ long long Passes(const char* thread)
 Cost Measure(const char* what, const char* thread, double seconds)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const double cpu = CpuSeconds();
+    const double cpu = bench::CpuSeconds();
     const long long passes = Passes(thread);
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    const double cpuTaken = CpuSeconds() - cpu;
+    const double cpuTaken = bench::CpuSeconds() - cpu;
     const long long passesMade = Passes(thread) - passes;
     return {what, static_cast<double>(passesMade) / seconds, cpuTaken / seconds * 100};
 }

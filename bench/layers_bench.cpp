@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <thread>
 
 #include "corpdir_log.h"
 #include "osak.h"
@@ -223,16 +222,3 @@ void RecordInAnotherLogMode(benchmark::State& state)
 BENCHMARK(RecordInAnotherLogMode);
 
 }  // namespace
-
-// The C library's locks are cheaper in a process of one thread, which the service never is.
-int main(int count, char** arguments)
-{
-    std::thread([] { std::this_thread::sleep_for(std::chrono::hours(1)); }).detach();
-    benchmark::Initialize(&count, arguments);
-    if (benchmark::ReportUnrecognizedArguments(count, arguments))
-    {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
-}

@@ -83,7 +83,8 @@ SYNC = " + sync"
 
 
 def contestants(kind, with_flush=True):
-    """By name, ours first. wget and aria2 of Debian 12 know no FTPS."""
+    """By name, ours first. wget and aria2 of Debian 12 know no FTPS. The best of them flush, too."""
     peers = PLAIN_PEERS if kind == PLAIN else TLS_PEERS
-    flushing = {name + SYNC: flushed(peer) for name, peer in peers.items()} if with_flush else {}
-    return {OUR_NAME: ours, **peers, **flushing}
+    flushing = ("curl", "lftp", "wget") if kind == PLAIN else ("lftp",)
+    return {OUR_NAME: ours, **peers,
+            **({name + SYNC: flushed(peers[name]) for name in flushing} if with_flush else {})}

@@ -5,7 +5,6 @@
 // In turn, each from nothing: service or handle are made, a connection is opened, both files are
 // fetched, all is closed. Password in CORPDIR_PASSWORD. Prints JSON: seconds of each round.
 #include <curl/curl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "cpu_seconds.h"
 #include "ftpcorpdir.h"
 
 namespace
@@ -132,20 +132,11 @@ bool FetchByCurl(const Work& work, bool flush)
     return both;
 }
 
-double CpuSeconds()
-{
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& time)
-    { return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6; };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
 Figure Measure(const Work& work, const std::function<bool(const Work&)>& fetch)
 {
     std::filesystem::remove(work.output + "/version.txt");
     std::filesystem::remove(work.output + "/" + work.file);
-    const double cpu = CpuSeconds();
+    const double cpu = bench::CpuSeconds();
     const auto begin = std::chrono::steady_clock::now();
     if (!fetch(work))
     {
@@ -153,7 +144,7 @@ Figure Measure(const Work& work, const std::function<bool(const Work&)>& fetch)
         std::exit(1);
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-    return {took.count(), CpuSeconds() - cpu};
+    return {took.count(), bench::CpuSeconds() - cpu};
 }
 
 void Print(const char* name, const std::vector<Figure>& figures)

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "service_stage.h"
@@ -332,16 +331,3 @@ void BareIdlePass(benchmark::State& state)
 BENCHMARK(BareIdlePass);
 
 }  // namespace
-
-// The C library's locks are cheaper in a process of one thread, which the service never is.
-int main(int count, char** arguments)
-{
-    std::thread([] { std::this_thread::sleep_for(std::chrono::hours(1)); }).detach();
-    benchmark::Initialize(&count, arguments);
-    if (benchmark::ReportUnrecognizedArguments(count, arguments))
-    {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
-}

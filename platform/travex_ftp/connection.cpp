@@ -443,10 +443,11 @@ int Connection::onDebug(CURL*, curl_infotype type, char* data, size_t size, void
     {
         // A data socket that does not connect is followed by PASV; any other command finds it
         // connected.
-        if (size < 4 || memcmp(data, "PASV", 4) != 0)
+        if (size >= 4 && memcmp(data, "PASV", 4) == 0)
         {
-            it.socketConnected();
+            it.connecting_ = CURL_SOCKET_BAD;
         }
+        it.socketConnected();
         it.transfer_->commandSent(data, size);
         it.proven_ = it.proven_ || !it.blocksToConnect();
         it.limitConnecting(it.limits_.transfer);

@@ -1,6 +1,9 @@
 // Transfers beside one another: what the trouble with one server costs those from others, and
 // servers that take few connections of a client.
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "captured_log.h"
 #include "travex_ftp/lane.h"
@@ -219,6 +222,83 @@ TEST_F(Beside, AServerThatHangsFailsAllThatWaitAtOnce)
         }
         EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << fault;
         EXPECT_GE(2u, hanging.Count("CONNECT"));
+    }
+}
+
+// Greets connections one by one, when it is told to, and says no more to any of them.
+class SlowToGreet
+{
+public:
+    SlowToGreet() : m_listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        auto* const generic = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(0, bind(m_listener, generic, length));
+        EXPECT_EQ(0, listen(m_listener, 128));
+        EXPECT_EQ(0, getsockname(m_listener, generic, &length));
+        m_port = ntohs(address.sin_port);
+    }
+    SlowToGreet(const SlowToGreet&) = delete;
+    SlowToGreet& operator=(const SlowToGreet&) = delete;
+    ~SlowToGreet()
+    {
+        for (const int connection : m_connections)
+        {
+            (void)close(connection);
+        }
+        (void)close(m_listener);
+    }
+
+    unsigned int Port() const
+    {
+        return m_port;
+    }
+
+    // How many there are by now.
+    size_t Connections()
+    {
+        for (int made = 0; made >= 0;)
+        {
+            made = accept(m_listener, nullptr, nullptr);
+            if (made >= 0)
+            {
+                m_connections.push_back(made);
+            }
+        }
+        return m_connections.size();
+    }
+
+    void Greet()
+    {
+        static const char kGreeting[] = "220 at last\r\n";
+        EXPECT_LT(0, send(m_connections.at(m_greeted++), kGreeting, sizeof kGreeting - 1, 0));
+    }
+
+private:
+    int m_listener;
+    unsigned int m_port = 0;
+    std::vector<int> m_connections;
+    size_t m_greeted = 0;
+};
+
+// A server's queue of connections may be short.
+TEST_F(Beside, NoMoreThanSixteenConnectionsWaitForAGreeting)
+{
+    SlowToGreet server;
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    for (int i = 0; i != 40; ++i)
+    {
+        (void)Start("f", std::to_string(i));
+    }
+    for (const size_t expected : {1u, 17u, 18u, 19u})
+    {
+        EXPECT_TRUE(WaitUntil([&] { return server.Connections() == expected; })) << expected;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(expected, server.Connections());
+        server.Greet();
     }
 }
 

@@ -247,7 +247,7 @@ public:
         }
     }
 
-    int Port() const
+    unsigned int Port() const
     {
         return ntohs(m_address.sin_port);
     }
