@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <mutex>
 #include <ostream>
@@ -183,12 +184,13 @@ std::vector<std::string> Client::OutputFiles() const
 
 bool Client::TransferIsUnderWay() const
 {
+    constexpr std::uintmax_t kMoreThanAVersion = 1024;
     for (const std::string& name : OutputFiles())
     {
         // It may be renamed or removed between the listing and the look.
         std::error_code gone;
         const auto size = std::filesystem::file_size(m_output.File(name), gone);
-        if (name != kVersionName && name != kDirectoryName && !gone && size > 0)
+        if (name != kVersionName && name != kDirectoryName && !gone && size >= kMoreThanAVersion)
         {
             return true;
         }

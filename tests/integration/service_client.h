@@ -84,7 +84,7 @@ public:
     std::string Directory() const;                 // bytes of the directory file
     void PutDirectory(const std::string& bytes);   // as if fetched earlier
     std::vector<std::string> OutputFiles() const;  // names in the output directory
-    bool TransferIsUnderWay() const;               // a temporary file has bytes
+    bool TransferIsUnderWay() const;               // of the directory file, by its temporary one
 
     std::string Log() const;
 
