@@ -85,6 +85,8 @@ def plot(path, title, x, y, series, logarithmic="xy"):
               "set grid", "set key left top"]
     if logarithmic:
         script.append("set logscale " + logarithmic)
+    if "y" not in logarithmic:
+        script.append("set yrange [0:*]")
     script.append("plot " + ", ".join("'-' with linespoints title \"%s\"" % name for name in series))
     for points in series.values():
         script += ["%g %g" % point for point in points] + ["e"]
