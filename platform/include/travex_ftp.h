@@ -127,7 +127,25 @@ enum tagTRAVEX_FTP_OBSERVED
     TRAVEX_FTP_OBSERVED_PROGRESS = 0,  // bytes have arrived; at most ten a second per task
     TRAVEX_FTP_OBSERVED_SUCCESS = 1,   // before the task's 0
     TRAVEX_FTP_OBSERVED_FAILED = 2,    // before the task's 3
-    TRAVEX_FTP_OBSERVED_REFUSED = 3    // no task came to be: parameters or a download were refused
+    TRAVEX_FTP_OBSERVED_REFUSED = 3,   // no task came to be: parameters or a download were refused
+    TRAVEX_FTP_OBSERVED_ACCEPTED = 4   // a task has come to be; before anything else of it
+};
+
+// How a transfer went, as far as it came, and who answered. Times are microseconds from the begin
+// of its last try; 0: not reached, or behind the connection before the transfer began.
+struct tagTRAVEX_FTP_S_COURSE
+{
+    uint64_t ullConnected;       // the server had greeted, or its end of a TLS connection was there
+    uint64_t ullSecured;         // its TLS handshake was done
+    uint64_t ullLoggedIn;        // user and password were accepted
+    uint64_t ullOpened;          // the server began to send the file
+    uint64_t ullEnded;           // the outcome was known, a good file on disk
+    int64_t llCertificateUntil;  // last second of the certificate's validity since 1970; 0: none
+    char acTlsVersion[16];       // of the control channel: "TLSv1.2"; empty: no TLS, as below
+    char acTlsSuite[64];         // the suite's name in RFCs and the IANA registry
+    char acSubject[256];         // the certificate's (RFC 4514), shown though it was not accepted
+    unsigned int ulReused;       // 1: the control connection served an earlier transfer
+    unsigned int ulDataResumed;  // 1: the data channel resumed the control channel's TLS session
 };
 
 struct tagTRAVEX_FTP_S_OBSERVATION
@@ -140,13 +158,25 @@ struct tagTRAVEX_FTP_S_OBSERVATION
     uint64_t ullTotal;         // size the server announced; TRAVEX_FTP_SIZE_UNKNOWN until it did
     unsigned int ulRet;        // tagTRAVEX_FTP_RESULT of a failure or refusal
     const char* pcReason;      // in words, else empty
+    const tagTRAVEX_FTP_S_COURSE* pstCourse;  // of a success or failure, else null
 };
 
 #define TRAVEX_FTP_SIZE_UNKNOWN UINT64_MAX
 
-// The record is valid for the call. Runs on the notification thread; for a refusal on the thread
-// whose call was refused, before that call returns.
+// The record is valid for the call. Runs on the notification thread; when a task was accepted or
+// refused, on the thread whose call that was, before it returns.
 typedef void (*TRAVEX_FTP_OBSERVER_CB)(void* pUser, const tagTRAVEX_FTP_S_OBSERVATION* pstSeen);
+
+// A cipher suite that control parameters may name on this system.
+struct tagTRAVEX_FTP_S_CIPHER
+{
+    int iCipher;                 // 0x03000000 + IANA number
+    const char* pcStandardName;  // in RFCs and the IANA registry
+    const char* pcOpensslName;
+    const char* pcSince;  // "TLSv1.3", or the oldest protocol version that has it
+};
+
+typedef void (*TRAVEX_FTP_CIPHER_CB)(void* pUser, const tagTRAVEX_FTP_S_CIPHER* pstCipher);
 
 static_assert(sizeof(void*) != 8 || (sizeof(tagTRAVEX_FTP_S_CTRL_PARAM) == 648 &&
                                      offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulServerType) == 0 &&
@@ -217,6 +247,15 @@ extern "C"
     // Sets the one observer of the process, null for none. After it returns the earlier one is not
     // called any more, unless the caller is that observer. Works without Init.
     void TRAVEX_FTP_SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user);
+
+    // Calls back, during the call, for each cipher suite that control parameters may name, in the
+    // TLS library's order of preference; the record's texts stay valid for ever. Works without
+    // Init. 0, or TRAVEX_FTP_ERR_SYSTEM.
+    unsigned int TRAVEX_FTP_ListCiphers(TRAVEX_FTP_CIPHER_CB callback, void* user);
+
+    // Names and versions of the libraries below, as "libcurl/7.88.1 OpenSSL/3.0.15 ...". Works
+    // without Init; the text stays valid for ever.
+    const char* TRAVEX_FTP_Libraries();
 
 }  // extern "C"
 

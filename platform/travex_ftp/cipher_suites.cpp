@@ -112,6 +112,32 @@ bool CipherSuites::apply(SSL_CTX* context) const
            (only13 || SSL_CTX_set_cipher_list(context, tls12.c_str()) == 1);
 }
 
+// All that the library has, those of low security included, and of these what is offered.
+bool listSuites(TRAVEX_FTP_CIPHER_CB callback, void* user)
+{
+    const Context context(SSL_CTX_new(TLS_client_method()));
+    if (!context || SSL_CTX_set_cipher_list(context.get(), "ALL:COMPLEMENTOFALL") != 1 ||
+        SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1)
+    {
+        return false;
+    }
+    const Session ssl(SSL_new(context.get()));
+    const std::unique_ptr<STACK_OF(SSL_CIPHER), Freed> offered(
+        ssl ? SSL_get1_supported_ciphers(ssl.get()) : nullptr);
+    for (int i = 0; offered && i < sk_SSL_CIPHER_num(offered.get()); ++i)
+    {
+        const SSL_CIPHER* const suite = sk_SSL_CIPHER_value(offered.get(), i);
+        if (isSafe(suite))
+        {
+            const tagTRAVEX_FTP_S_CIPHER seen = {
+                static_cast<int>(SSL_CIPHER_get_id(suite)), SSL_CIPHER_standard_name(suite),
+                SSL_CIPHER_get_name(suite), SSL_CIPHER_get_version(suite)};
+            callback(user, &seen);
+        }
+    }
+    return offered != nullptr;
+}
+
 bool chooseSuites(const int* identifiers, unsigned int count, CipherSuites& suites,
                   Failure& failure)
 {

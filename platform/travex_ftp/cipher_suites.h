@@ -33,6 +33,9 @@ struct CipherSuites
 bool chooseSuites(const int* identifiers, unsigned int count, CipherSuites& suites,
                   Failure& failure);
 
+// Calls back for each suite that chooseSuites would take. False when OpenSSL fails.
+bool listSuites(TRAVEX_FTP_CIPHER_CB callback, void* user);
+
 }  // namespace travex_ftp
 
 #endif

@@ -171,6 +171,10 @@ void Connection::leave(CURLM* multi)
 
 std::unique_ptr<Transfer> Connection::end()
 {
+    if (transfer_ != nullptr)
+    {
+        describe(transfer_->course());
+    }
     if (busy())
     {
         (void)curl_multi_remove_handle(multi_, easy_.get());
@@ -188,6 +192,13 @@ std::unique_ptr<Transfer> Connection::end(CURLcode result)
         (void)judge(result);
     }
     return end();
+}
+
+// What only the connection knows of the transfer's course.
+void Connection::describe(tagTRAVEX_FTP_S_COURSE& course) const
+{
+    control_.describe(course);
+    course.ulDataResumed = data_.resumed() ? 1 : 0;
 }
 
 // The one place where success is decided: libcurl's word alone is not enough.
@@ -345,6 +356,10 @@ void Connection::socketConnected()
         sockets_.connected(connecting_);
         (loggedIn_ ? dataSocket_ : controlSocket_) = connecting_;
         connecting_ = CURL_SOCKET_BAD;
+        if (!loggedIn_ && transfer_ != nullptr)
+        {
+            transfer_->course().ullConnected = transfer_->elapsed();
+        }
     }
 }
 
@@ -376,6 +391,10 @@ int Connection::onReady(void* self, char*, char*, int, int)
 {
     auto* const it = static_cast<Connection*>(self);
     it->loggedIn_ = it->used_ = true;
+    if (it->transfer_ != nullptr && !it->transfer_->reused())
+    {
+        it->transfer_->course().ullLoggedIn = it->transfer_->elapsed();
+    }
     return CURL_PREREQFUNC_OK;
 }
 
@@ -483,6 +502,10 @@ void Connection::handshakeStarted()
 void Connection::handshakeDone()
 {
     proven_ = proven_ || control_.established();
+    if (transfer_ != nullptr && !loggedIn_)
+    {
+        transfer_->course().ullSecured = transfer_->elapsed();
+    }
     limitConnecting(limits_.transfer);
     goOn();
 }

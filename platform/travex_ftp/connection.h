@@ -145,6 +145,7 @@ private:
     void goOn();
     bool owesDataSocket() const;
     bool dataAllowed();
+    void describe(tagTRAVEX_FTP_S_COURSE& course) const;
     bool judge(CURLcode result);
     bool checkDataChannel();
 

@@ -89,6 +89,11 @@ void setTls(Options& options, const TlsPolicy& tls)
 
 }  // namespace
 
+const char* libraries()
+{
+    return curl_version();
+}
+
 CURLcode setConnectionOptions(CURL* easy, const Settings& settings, const Limits& limits,
                               unsigned int number)
 {

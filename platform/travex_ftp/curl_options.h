@@ -37,6 +37,9 @@ struct FileRequest
     CurlList commands;
 };
 
+// Names and versions of libcurl and of the libraries that it uses.
+const char* libraries();
+
 // Sets what holds for the life of a control connection. `number` is unique among connections:
 // libcurl gives a connection from its pool only to the handle that made it. Throws std::bad_alloc.
 CURLcode setConnectionOptions(CURL* easy, const Settings& settings, const Limits& limits,

@@ -30,13 +30,15 @@ void Notifier::progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 }
 
 // A progress that waits in the queue is overtaken by the outcome.
-void Notifier::finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total)
+void Notifier::finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
+                        const tagTRAVEX_FTP_S_COURSE& course)
 {
     const common::Hold hold(guard_);
     task->news.over = true;
     task->news.bytes = bytes;
     task->news.total = total;
     task->news.failure = failure;
+    task->news.course = course;
     enqueue(task);
 }
 
@@ -145,6 +147,7 @@ void Notifier::tellObserver(const Task& task, const Task::News& news)
     seen.ullTotal = news.total;
     seen.ulRet = news.over ? news.failure.ulRet : static_cast<unsigned int>(TRAVEX_FTP_OK);
     seen.pcReason = news.over && failed(news.failure) ? news.failure.acReason : "";
+    seen.pstCourse = news.over ? &news.course : nullptr;
     observe(seen);
 }
 

@@ -27,8 +27,9 @@ public:
     void progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(guard_);
 
     // A task is over; a failure without a code is success. Told once, in the order of these calls.
-    void finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total)
-        CORPDIR_EXCLUDES(guard_);
+    // The course stays empty when no connection had the task.
+    void finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
+                  const tagTRAVEX_FTP_S_COURSE& course = {}) CORPDIR_EXCLUDES(guard_);
 
     // Closes a handle: none of its notifications begins any more.
     void close(Handle& handle) CORPDIR_EXCLUDES(guard_);

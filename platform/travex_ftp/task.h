@@ -61,6 +61,7 @@ struct Task
         uint64_t bytes = 0;
         uint64_t total = UINT64_MAX;
         Failure failure{};  // of a task that is over; none: success
+        tagTRAVEX_FTP_S_COURSE course{};
     } news;
 
     // Links of the queue that the task waits in: to be transferred, to be told of. A task is in

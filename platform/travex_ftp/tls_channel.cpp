@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
 
 #include "log.h"
@@ -27,6 +28,10 @@ struct Freed
     {
         X509_STORE_CTX_free(context);
     }
+    void operator()(BIO* bio) const
+    {
+        BIO_free_all(bio);
+    }
 };
 
 // A list need not exist for every authority of the chain; where there is one, it counts.
@@ -38,6 +43,20 @@ int tolerateMissingList(int ok, X509_STORE_CTX* context)
 const char* channelName(TlsChannel::Kind kind)
 {
     return kind == TlsChannel::Kind::Control ? "" : "data channel: ";
+}
+
+// As RFC 4514 writes it, UTF-8 left as it is and control characters escaped.
+std::string subjectOf(X509* certificate)
+{
+    const std::unique_ptr<BIO, Freed> text(BIO_new(BIO_s_mem()));
+    const unsigned long form = XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
+    char* bytes = nullptr;
+    if (!text || X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0, form) < 0)
+    {
+        return {};
+    }
+    const long length = BIO_get_mem_data(text.get(), &bytes);
+    return {bytes, static_cast<size_t>(length)};
 }
 
 void refuse(Failure& failure, TlsChannel::Kind kind, const char* reason)
@@ -54,7 +73,10 @@ TlsChannel::TlsChannel(const Settings& settings, Kind kind, TlsListener& listene
 
 void TlsChannel::forget()
 {
-    shaking_ = established_ = closed_ = turnedAway_ = false;
+    shaking_ = established_ = closed_ = turnedAway_ = resumed_ = false;
+    version_ = suite_ = "";
+    subject_.clear();
+    validUntil_ = 0;
     failure_.ulRet = TRAVEX_FTP_OK;
 }
 
@@ -107,11 +129,31 @@ int TlsChannel::onCertificate(X509_STORE_CTX* presented, void* channel)
 bool TlsChannel::accept(X509_STORE_CTX* presented)
 {
     X509* const certificate = X509_STORE_CTX_get0_cert(presented);
+    keepFacts(certificate);
     if (settings_.tls.verify && (!checkChain(presented) || !checkIdentity(certificate)))
     {
         return false;
     }
     return kind_ == Kind::Data || askClient(certificate);
+}
+
+// Whatever comes of the certificate, it may have to be shown.
+void TlsChannel::keepFacts(X509* certificate)
+{
+    subject_ = subjectOf(certificate);
+    std::tm until{};
+    if (ASN1_TIME_to_tm(X509_get0_notAfter(certificate), &until) == 1)
+    {
+        validUntil_ = timegm(&until);
+    }
+}
+
+void TlsChannel::describe(tagTRAVEX_FTP_S_COURSE& course) const
+{
+    (void)snprintf(course.acTlsVersion, sizeof course.acTlsVersion, "%s", version_);
+    (void)snprintf(course.acTlsSuite, sizeof course.acTlsSuite, "%s", suite_);
+    (void)snprintf(course.acSubject, sizeof course.acSubject, "%s", subject_.c_str());
+    course.llCertificateUntil = validUntil_;
 }
 
 // With the anchors of the trust text alone; whatever store the context has is not consulted.
@@ -213,10 +255,13 @@ void TlsChannel::done(const SSL* ssl)
 {
     shaking_ = false;
     established_ = true;
+    resumed_ = SSL_session_reused(ssl) == 1;
+    version_ = SSL_get_version(ssl);
+    const char* const standard = SSL_CIPHER_standard_name(SSL_get_current_cipher(ssl));
+    suite_ = standard != nullptr ? standard : SSL_get_cipher_name(ssl);
     TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: %s channel %s %s%s", settings_.serverText.c_str(),
                    kind_ == Kind::Control ? "control" : "data", SSL_get_version(ssl),
-                   SSL_get_cipher_name(ssl),
-                   SSL_session_reused(ssl) == 1 ? ", session resumed" : "");
+                   SSL_get_cipher_name(ssl), resumed_ ? ", session resumed" : "");
     listener_.handshakeDone();
 }
 

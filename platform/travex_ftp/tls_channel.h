@@ -71,6 +71,15 @@ public:
         return turnedAway_;
     }
 
+    // The handshake resumed an earlier session.
+    bool resumed() const
+    {
+        return resumed_;
+    }
+
+    // Fills in version, suite and certificate, as far as they are known.
+    void describe(tagTRAVEX_FTP_S_COURSE& course) const;
+
     // Why the certificate was not accepted.
     const Failure& failure() const
     {
@@ -84,6 +93,7 @@ private:
                           SSL* ssl, void* channel);
 
     bool accept(X509_STORE_CTX* presented);
+    void keepFacts(X509* certificate);
     bool checkChain(X509_STORE_CTX* presented);
     bool checkIdentity(X509* certificate);
     bool askClient(X509* certificate);
@@ -96,6 +106,11 @@ private:
     bool established_ = false;
     bool closed_ = false;
     bool turnedAway_ = false;
+    bool resumed_ = false;
+    const char* version_ = "";  // these two are OpenSSL's, and stay
+    const char* suite_ = "";
+    std::string subject_;
+    int64_t validUntil_ = 0;
     Failure failure_{};
 };
 

@@ -21,6 +21,7 @@ Transfer::Transfer(TaskPtr task, Notifier& notifier, const Limits& limits)
       notifier_(notifier),
       limits_(limits),
       begun_(Clock::now()),
+      tryBegun_(begun_),
       waitBegun_(begun_),
       waitUntil_(begun_ + limits.connect),
       reported_(begun_)
@@ -43,11 +44,21 @@ void Transfer::begin(bool reused)
     retried_ = retried_ || reused_;
     reused_ = reused;
     failure_ = Failure{};
+    course_ = tagTRAVEX_FTP_S_COURSE{};
+    course_.ulReused = reused ? 1 : 0;
+    tryBegun_ = Clock::now();
     replies_ = Replies(&task_->settings->password);
     waitFor(reused ? Wait::Reply : Wait::Connection, reused ? limits_.response : limits_.connect);
     TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s on a %s connection",
                    task_->settings->serverText.c_str(), task_->id.value(),
                    task_->serverFile.c_str(), reused ? "known" : "new");
+}
+
+uint64_t Transfer::elapsed() const
+{
+    using std::chrono::microseconds;
+    const auto since = std::chrono::duration_cast<microseconds>(Clock::now() - tryBegun_);
+    return std::max<uint64_t>(1, static_cast<uint64_t>(since.count()));
 }
 
 void Transfer::makeUpFor(Clock::duration lost)
@@ -99,6 +110,10 @@ bool Transfer::replyHeard(const char* line, size_t length)
             break;
     }
     // A size beyond the limit need not be downloaded to be refused.
+    if (replies_.opened() && course_.ullOpened == 0)
+    {
+        course_.ullOpened = elapsed();
+    }
     return sizeAllowed(total());
 }
 
@@ -271,6 +286,7 @@ void Transfer::abandon()
 void Transfer::finish()
 {
     file_.discard();
+    course_.ullEnded = elapsed();
     const Settings& settings = *task_->settings;
     if (failed(failure_))
     {
@@ -286,7 +302,7 @@ void Transfer::finish()
                        settings.serverText.c_str(), task_->id.value(), task_->serverFile.c_str(),
                        static_cast<unsigned long long>(received_), seconds(Clock::now() - begun_));
     }
-    notifier_.finished(task_, failure_, received_, total());
+    notifier_.finished(task_, failure_, received_, total(), course_);
 }
 
 }  // namespace travex_ftp

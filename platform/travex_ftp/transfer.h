@@ -37,6 +37,15 @@ public:
         return received_;
     }
 
+    // What is known of the connection is filled in by it.
+    tagTRAVEX_FTP_S_COURSE& course()
+    {
+        return course_;
+    }
+
+    // Microseconds since this try began, never 0.
+    uint64_t elapsed() const;
+
     bool reused() const
     {
         return reused_;
@@ -119,9 +128,11 @@ private:
     Notifier& notifier_;
     const Limits& limits_;
     Clock::time_point begun_;
+    Clock::time_point tryBegun_;
     DownloadFile file_;
     Replies replies_;
     Failure failure_{};
+    tagTRAVEX_FTP_S_COURSE course_{};
     bool reused_ = false;
     bool retried_ = false;
     uint64_t received_ = 0;

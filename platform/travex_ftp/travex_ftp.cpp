@@ -5,6 +5,8 @@
 #include <new>
 #include <system_error>
 
+#include "cipher_suites.h"
+#include "curl_options.h"
 #include "download_file.h"
 #include "layer.h"
 #include "log.h"
@@ -49,6 +51,19 @@ unsigned int refused(const char* what, const Failure& failure, const char* serve
     seen.pcReason = failure.acReason;
     observe(seen);
     return failure.ulRet;
+}
+
+// Tells the observer, on the caller's thread.
+void accepted(const Task& task)
+{
+    tagTRAVEX_FTP_S_OBSERVATION seen{};
+    seen.ulKind = TRAVEX_FTP_OBSERVED_ACCEPTED;
+    seen.ulTaskID = task.id.value();
+    seen.pcServer = task.settings->serverText.c_str();
+    seen.pcServerFile = task.serverFile.c_str();
+    seen.ullTotal = TRAVEX_FTP_SIZE_UNKNOWN;
+    seen.pcReason = "";
+    observe(seen);
 }
 
 const char* handleReason(unsigned int code)
@@ -184,6 +199,7 @@ unsigned int download(TRAVEX_FTP_HANDLE handle, unsigned int* taskId, const char
     // Before anything can be told of the task.
     // The caller may read the id on the notification thread meanwhile, for another task of its own.
     __atomic_store_n(taskId, task->id.value(), __ATOMIC_RELEASE);
+    accepted(*task);
     layer->submit(task);
     return TRAVEX_FTP_OK;
 }
@@ -266,6 +282,21 @@ unsigned int TRAVEX_FTP_AsynDownloadFile(TRAVEX_FTP_HANDLE handle, unsigned int*
                                          const char* localFile, TRAVEX_FTP_NOTIFY_CB callback)
 {
     return guarded([=] { return download(handle, taskId, serverFile, dir, localFile, callback); });
+}
+
+unsigned int TRAVEX_FTP_ListCiphers(TRAVEX_FTP_CIPHER_CB callback, void* user)
+{
+    return guarded(
+        [=]
+        {
+            const bool listed = callback == nullptr || listSuites(callback, user);
+            return listed ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_SYSTEM;
+        });
+}
+
+const char* TRAVEX_FTP_Libraries()
+{
+    return libraries();
 }
 
 void TRAVEX_FTP_SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <mutex>
 
 #include "captured_log.h"
@@ -290,6 +291,7 @@ struct Watch
 {
     std::mutex mutex;
     std::vector<std::string> seen;
+    std::vector<tagTRAVEX_FTP_S_COURSE> courses;
     uint64_t last = 0;
     bool forward = true;
 
@@ -301,6 +303,10 @@ struct Watch
         watch.last = seen->ullBytes;
         watch.seen.push_back(std::to_string(seen->ulKind) + " " + seen->pcServerFile + " " +
                              std::to_string(seen->ullTotal) + " " + seen->pcReason);
+        if (seen->pstCourse != nullptr)
+        {
+            watch.courses.push_back(*seen->pstCourse);
+        }
     }
 };
 
@@ -330,9 +336,10 @@ TEST_F(ObserverTest, SeesProgressAndOutcomeBeforeTheNotification)
         });
     ASSERT_EQ("0 12", Fetch("f", "f"));
     ASSERT_EQ(0u, TRAVEX_FTP_UnInit());  // waits for the last notification, which uses our stack
-    ASSERT_GE(m_watch.seen.size(), 2u);
+    ASSERT_GE(m_watch.seen.size(), 3u);
     EXPECT_EQ(seen_before, m_watch.seen.size());
-    EXPECT_EQ("0 f 30000000 ", m_watch.seen.front());
+    EXPECT_EQ("4 f 18446744073709551615 ", m_watch.seen.front());
+    EXPECT_EQ("0 f 30000000 ", m_watch.seen[1]);
     EXPECT_EQ("1 f 30000000 ", m_watch.seen.back());
     EXPECT_TRUE(m_watch.forward);
     EXPECT_EQ(30000000u, m_watch.last);
@@ -348,9 +355,87 @@ TEST_F(ObserverTest, SeesFailuresWithTheReasonAndRefusalsAtOnce)
     EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
               TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", ".", "..", nullptr));
     const std::string name = "127.0.0.1:" + std::to_string(server.Port());
-    EXPECT_THAT(m_watch.seen,
-                ElementsAre("2 f 100000 " + name + ": RETR refused: 550 gone",
-                            "3 f 18446744073709551615 the local file \"..\" is not a plain name"));
+    EXPECT_THAT(
+        m_watch.seen,
+        ElementsAre("4 f 18446744073709551615 ", "2 f 100000 " + name + ": RETR refused: 550 gone",
+                    "3 f 18446744073709551615 the local file \"..\" is not a plain name"));
+}
+
+TEST_F(ObserverTest, IsToldTheCourseOfATransferInClear)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_EQ(2u, m_watch.courses.size());
+    const tagTRAVEX_FTP_S_COURSE& first = m_watch.courses[0];
+    EXPECT_LT(0u, first.ullConnected);
+    EXPECT_LT(first.ullConnected, first.ullLoggedIn);
+    EXPECT_LT(first.ullLoggedIn, first.ullOpened);
+    EXPECT_LT(first.ullOpened, first.ullEnded);
+    EXPECT_EQ(0u, first.ullSecured);
+    EXPECT_EQ(0u, first.ulReused);
+    EXPECT_STREQ("", first.acTlsVersion);
+    EXPECT_STREQ("", first.acTlsSuite);
+    EXPECT_STREQ("", first.acSubject);
+    EXPECT_EQ(0, first.llCertificateUntil);
+    const tagTRAVEX_FTP_S_COURSE& second = m_watch.courses[1];
+    EXPECT_EQ(1u, second.ulReused);
+    EXPECT_EQ(0u, second.ullConnected);
+    EXPECT_EQ(0u, second.ullLoggedIn);
+    EXPECT_LT(0u, second.ullOpened);
+    EXPECT_LT(second.ullOpened, second.ullEnded);
+}
+
+TEST_F(ObserverTest, IsToldWhoAnsweredOverTls)
+{
+    support::FtpServerOptions options;
+    options.tls = support::Tls::kExplicit;
+    options.certificate = ftp_test::Certificates().Good();
+    support::VsftpdServer server(options);
+    server.AddFile("f", "bytes");
+    auto record = ftp_test::ParametersOf(server, m_directory.Path());
+    const int suite = 0x0300003D;
+    record.piCipherList = &suite;
+    record.ulCipherNum = 1;
+    Use(record);
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    ASSERT_EQ(2u, m_watch.courses.size());
+    EXPECT_LT(m_watch.courses[0].ullConnected, m_watch.courses[0].ullSecured);
+    EXPECT_LT(m_watch.courses[0].ullSecured, m_watch.courses[0].ullLoggedIn);
+    EXPECT_EQ(0u, m_watch.courses[1].ullSecured);
+    for (const tagTRAVEX_FTP_S_COURSE& course : m_watch.courses)
+    {
+        EXPECT_STREQ("TLSv1.2", course.acTlsVersion);
+        EXPECT_STREQ("TLS_RSA_WITH_AES_256_CBC_SHA256", course.acTlsSuite);
+        EXPECT_STREQ("CN=server", course.acSubject);
+        EXPECT_LT(std::time(nullptr), course.llCertificateUntil);
+        EXPECT_EQ(1u, course.ulDataResumed);
+    }
+}
+
+// Whose certificate it was is what somebody wants to know who is told that it is not accepted.
+TEST_F(ObserverTest, IsToldOfACertificateThatIsNotAccepted)
+{
+    FaultyServer server("none", ftp_test::TlsOptions());
+    auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    record.ulServerType = 1;
+    record.ulCertVerify = 1;
+    record.pcFtpCtrlInfo = ftp_test::Certificates().OtherAuthority().c_str();
+    Use(record);
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    EXPECT_EQ("3 18", Fetch("f", "f").substr(0, 4));
+    ASSERT_EQ(1u, m_watch.courses.size());
+    const tagTRAVEX_FTP_S_COURSE& course = m_watch.courses[0];
+    EXPECT_STREQ("CN=server", course.acSubject);
+    EXPECT_LT(std::time(nullptr), course.llCertificateUntil);
+    EXPECT_LT(0u, course.ullConnected);
+    EXPECT_EQ(0u, course.ullSecured);
+    EXPECT_EQ(0u, course.ullLoggedIn);
+    EXPECT_STREQ("", course.acTlsVersion);
 }
 
 // Once SetObserver has returned the earlier observer does not run: its state may go.

@@ -228,76 +228,68 @@ class ToolReport : public testing::Test
 protected:
     Report Make(bool quiet, bool progress)
     {
-        return Report({m_output.Get(), m_messages.Get(), quiet, progress});
+        return Report({quiet, progress}, m_terminal);
     }
 
-    TextStream m_output;
     TextStream m_messages;
+    Terminal m_terminal{m_messages.Get(), 0, false};
 };
 
-TEST_F(ToolReport, TheResultGoesToStandardOutput)
+TEST_F(ToolReport, TheResultHasTwoLines)
 {
-    Report report = Make(false, false);
-    EXPECT_TRUE(report.Result("1.2.3\r", "out/directory.csv", 48));
-    EXPECT_EQ(m_output.Text(), "version: 1.2.3\\x0d\ndirectory: out/directory.csv (48 bytes)\n");
-    EXPECT_EQ(m_messages.Text(), "");
+    PrintResult("1.2.3\r", "out/directory.csv", 48, m_messages.Get());
+    EXPECT_EQ(m_messages.Text(), "version: 1.2.3\\x0d\ndirectory: out/directory.csv (48 bytes)\n");
 }
 
-TEST_F(ToolReport, AResultThatCannotBeWrittenIsTold)
-{
-    std::FILE* const full = std::fopen("/dev/full", "w");
-    ASSERT_NE(full, nullptr);
-    {
-        Report report({full, m_messages.Get(), false, false});
-        EXPECT_FALSE(report.Result("1.2.3", "d", 1));
-    }
-    (void)std::fclose(full);
-}
-
-TEST_F(ToolReport, MessagesGoToStandardErrorOneLineEach)
+TEST_F(ToolReport, MessagesHaveOneLineEach)
 {
     Report report = Make(false, false);
     report.ServerFailed("192.0.2.1 (dir.example)", "refused\n\x1b[2J", "trying next server");
     report.ServerFailed("192.0.2.2", "refused", "");
     report.Error("no server left");
+    report.Hint("see to it");
     EXPECT_EQ(m_messages.Text(),
               "192.0.2.1 (dir.example): refused\\x0a\\x1b[2J; trying next server\n"
               "192.0.2.2: refused\n"
-              "corpdir: no server left\n");
-    EXPECT_EQ(m_output.Text(), "");
+              "corpdir: no server left\n"
+              "hint: see to it\n");
 }
 
 TEST_F(ToolReport, QuietKeepsErrorsOnly)
 {
+    m_terminal = Terminal(m_messages.Get(), 80, false);
     Report report = Make(true, true);
-    report.Progress("directory file", 1, 2);
-    EXPECT_TRUE(report.Result("1.2.3", "d", 2));
+    report.Progress("directory", 1, 2);
+    report.Hint("see to it");
     report.ServerFailed("192.0.2.2", "refused", "");
-    EXPECT_EQ(m_output.Text(), "");
     EXPECT_EQ(m_messages.Text(), "192.0.2.2: refused\n");
 }
 
-TEST_F(ToolReport, ProgressRewritesOneLine)
+TEST_F(ToolReport, ColoursMarkWhatIsBadAndNeverWhatTheServerSays)
 {
+    m_terminal = Terminal(m_messages.Get(), 80, true);
+    Report report = Make(false, false);
+    report.ServerFailed("192.0.2.2", "\033[32mfine", "");
+    report.Error("no server left");
+    EXPECT_EQ(m_messages.Text(),
+              "\033[33m192.0.2.2:\033[0m \\x1b[32mfine\n"
+              "\033[31mcorpdir:\033[0m no server left\n");
+}
+
+TEST_F(ToolReport, AMessageTakesThePlaceOfTheProgress)
+{
+    m_terminal = Terminal(m_messages.Get(), 40, false);
     {
         Report report = Make(false, true);
         report.Progress("file", 50, 200);
-        report.Progress("file", 7, TRAVEX_FTP_SIZE_UNKNOWN);
         report.Error("stopped");
         report.Progress("file", 200, 200);
     }
     EXPECT_EQ(m_messages.Text(),
-              "\rfile: 50 of 200 bytes (25%)"
-              "\rfile: 7 bytes              \n"
-              "corpdir: stopped\n"
-              "\rfile: 200 of 200 bytes (100%)\n");
-}
-
-TEST_F(ToolReport, NoProgressWithoutATerminal)
-{
-    Report report = Make(false, false);
-    report.Progress("file", 50, 200);
-    EXPECT_EQ(m_messages.Text(), "");
+              "\r\033[Jfile [======>                    ]  25%"
+              "\r\033[Jcorpdir: stopped\n"
+              "\r\033[Jfile [===========================] 100%"
+              "\r\033[J");
 }
 
 TEST(ToolAmount, StaysWithinItsBounds)

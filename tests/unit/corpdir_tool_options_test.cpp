@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
+#include <stdexcept>
+
 #include "corpdir_tool_support.h"
 #include "options.h"
 
@@ -26,28 +28,28 @@ protected:
         m_options.outputDir = m_directory.Path();
     }
 
-    FetchPlan Plan() const
+    Plan MadePlan() const
     {
-        return MakePlan(m_options);
+        return MakePlan(m_options, SomeCiphers);
     }
 
     std::string Message() const
     {
-        return FailureOf([this] { Plan(); }).message;
+        return FailureOf([this] { MadePlan(); }).message;
     }
 
     int Status() const
     {
-        return FailureOf([this] { Plan(); }).status;
+        return FailureOf([this] { MadePlan(); }).status;
     }
 
     TemporaryDirectory m_directory;
-    FetchOptions m_options;
+    Options m_options;
 };
 
 TEST_F(ToolOptions, DefaultsAreFtpsWithVerificationOfTheHostNames)
 {
-    const FetchPlan plan = Plan();
+    const Plan plan = MadePlan();
     EXPECT_FALSE(plan.plain);
     EXPECT_TRUE(plan.verify);
     EXPECT_EQ(plan.trust, "ca=system;name=dir.example");
@@ -60,7 +62,7 @@ TEST_F(ToolOptions, DefaultsAreFtpsWithVerificationOfTheHostNames)
 
 TEST_F(ToolOptions, LocalNamesComeFromTheServer)
 {
-    const FetchPlan plan = Plan();
+    const Plan plan = MadePlan();
     EXPECT_EQ(plan.VersionPath(), m_directory.Path() + "/version.txt");
     EXPECT_EQ(plan.DirectoryPath(), m_directory.Path() + "/directory.csv");
 }
@@ -70,8 +72,8 @@ TEST_F(ToolOptions, LocalNamesMayBeGiven)
     m_options.versionName = "v";
     m_options.directoryName = "d";
     m_options.outputDir += "/";
-    EXPECT_EQ(Plan().VersionPath(), m_directory.Path() + "/v");
-    EXPECT_EQ(Plan().DirectoryPath(), m_directory.Path() + "/d");
+    EXPECT_EQ(MadePlan().VersionPath(), m_directory.Path() + "/v");
+    EXPECT_EQ(MadePlan().DirectoryPath(), m_directory.Path() + "/d");
 }
 
 TEST_F(ToolOptions, LocalNamesArePlainNames)
@@ -109,26 +111,27 @@ TEST_F(ToolOptions, TheTwoFilesDiffer)
 struct Limit
 {
     const char* option;
-    std::string FetchOptions::*member;
+    std::string Options::*member;
     std::size_t limit;
 };
 
 TEST_F(ToolOptions, TextsFitTheirFields)
 {
     const Limit limits[] = {
-        {"--user", &FetchOptions::user, 127},
-        {"--version-file", &FetchOptions::versionFile, 255},
-        {"--directory-file", &FetchOptions::directoryFile, 255},
-        {"--version-name", &FetchOptions::versionName, 255},
-        {"--directory-name", &FetchOptions::directoryName, 255},
+        {"--user", &Options::user, 127},
+        {"--version-file", &Options::versionFile, 255},
+        {"--directory-file", &Options::directoryFile, 255},
+        {"--version-name", &Options::versionName, 255},
+        {"--directory-name", &Options::directoryName, 255},
     };
     for (const Limit& limit : limits)
     {
-        FetchOptions options = m_options;
+        Options options = m_options;
         options.*limit.member = std::string(limit.limit, 'x');
-        EXPECT_EQ(FailureOf([&options] { MakePlan(options); }).status, -1) << limit.option;
+        EXPECT_EQ(FailureOf([&options] { MakePlan(options, SomeCiphers); }).status, -1)
+            << limit.option;
         options.*limit.member += 'x';
-        const Thrown thrown = FailureOf([&options] { MakePlan(options); });
+        const Thrown thrown = FailureOf([&options] { MakePlan(options, SomeCiphers); });
         EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
         EXPECT_EQ(thrown.message, std::string(limit.option) + " is " +
                                       std::to_string(limit.limit + 1) + " bytes long; at most " +
@@ -139,19 +142,19 @@ TEST_F(ToolOptions, TextsFitTheirFields)
 TEST_F(ToolOptions, TextsHaveNoControlBytes)
 {
     const Limit texts[] = {
-        {"--user", &FetchOptions::user, 0},
-        {"--version-file", &FetchOptions::versionFile, 0},
-        {"--directory-file", &FetchOptions::directoryFile, 0},
-        {"--version-name", &FetchOptions::versionName, 0},
-        {"--directory-name", &FetchOptions::directoryName, 0},
+        {"--user", &Options::user, 0},
+        {"--version-file", &Options::versionFile, 0},
+        {"--directory-file", &Options::directoryFile, 0},
+        {"--version-name", &Options::versionName, 0},
+        {"--directory-name", &Options::directoryName, 0},
     };
     for (const Limit& text : texts)
     {
         for (const char byte : {'\x01', '\n', '\r', '\x1f', '\x7f'})
         {
-            FetchOptions options = m_options;
+            Options options = m_options;
             options.*text.member = std::string("a") + byte + "b";
-            const Thrown thrown = FailureOf([&options] { MakePlan(options); });
+            const Thrown thrown = FailureOf([&options] { MakePlan(options, SomeCiphers); });
             EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
             EXPECT_THAT(thrown.message,
                         HasSubstr(std::string(text.option) + " contains a control byte"));
@@ -162,18 +165,18 @@ TEST_F(ToolOptions, TextsHaveNoControlBytes)
 TEST_F(ToolOptions, RequiredTextsAreNotEmpty)
 {
     const Limit texts[] = {
-        {"--user", &FetchOptions::user, 0},
-        {"--version-file", &FetchOptions::versionFile, 0},
-        {"--directory-file", &FetchOptions::directoryFile, 0},
-        {"--output-dir", &FetchOptions::outputDir, 0},
-        {"--servers", &FetchOptions::servers, 0},
-        {"--ca", &FetchOptions::ca, 0},
+        {"--user", &Options::user, 0},
+        {"--version-file", &Options::versionFile, 0},
+        {"--directory-file", &Options::directoryFile, 0},
+        {"--output-dir", &Options::outputDir, 0},
+        {"--servers", &Options::servers, 0},
+        {"--ca", &Options::ca, 0},
     };
     for (const Limit& text : texts)
     {
-        FetchOptions options = m_options;
+        Options options = m_options;
         (options.*text.member).clear();
-        const Thrown thrown = FailureOf([&options] { MakePlan(options); });
+        const Thrown thrown = FailureOf([&options] { MakePlan(options, SomeCiphers); });
         EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
         EXPECT_EQ(thrown.message, std::string(text.option) + " is empty");
     }
@@ -185,9 +188,9 @@ TEST_F(ToolOptions, TheOutputDirectoryIsMeasuredWithItsSlash)
     path += std::string(126 - path.size(), 'd');
     std::filesystem::create_directory(path);
     m_options.outputDir = path;
-    EXPECT_EQ(Plan().outputDir.size(), 127U);
+    EXPECT_EQ(MadePlan().outputDir.size(), 127U);
     m_options.outputDir += "/";
-    EXPECT_EQ(Plan().outputDir.size(), 127U);
+    EXPECT_EQ(MadePlan().outputDir.size(), 127U);
     m_options.outputDir = path + "d";
     EXPECT_EQ(Message(),
               "--output-dir with its closing '/' is 128 bytes long; at most 127 are allowed");
@@ -228,15 +231,15 @@ TEST_F(ToolOptions, TheLogDirectoryMustExist)
 TEST_F(ToolOptions, ALogDirectoryAloneGetsEverything)
 {
     m_options.logDir = m_directory.Path();
-    EXPECT_EQ(Plan().logLevel.value(), 2U);
+    EXPECT_EQ(MadePlan().logLevel.value(), 2U);
     m_options.logLevel = 0;
-    EXPECT_EQ(Plan().logLevel.value(), 0U);
+    EXPECT_EQ(MadePlan().logLevel.value(), 0U);
 }
 
 TEST_F(ToolOptions, VerifyNamesReplaceTheHostNames)
 {
     m_options.verifyNames = {"a.example", "b.example.", "a.example"};
-    EXPECT_EQ(Plan().trust, "ca=system;name=a.example,b.example");
+    EXPECT_EQ(MadePlan().trust, "ca=system;name=a.example,b.example");
     m_options.verifyNames = {"a;tls=implicit"};
     EXPECT_EQ(Message(), "--verify-name 'a;tls=implicit' is not a DNS name");
 }
@@ -244,13 +247,13 @@ TEST_F(ToolOptions, VerifyNamesReplaceTheHostNames)
 TEST_F(ToolOptions, AddressesAloneNeedNoName)
 {
     m_options.servers = "192.0.2.1;2001:db8::1";
-    EXPECT_EQ(Plan().trust, "ca=system");
+    EXPECT_EQ(MadePlan().trust, "ca=system");
 }
 
 TEST_F(ToolOptions, TheAuthoritiesMustBeReadable)
 {
     m_options.ca = m_directory.Write("ca.pem", "");
-    EXPECT_EQ(Plan().trust, "ca=" + m_options.ca + ";name=dir.example");
+    EXPECT_EQ(MadePlan().trust, "ca=" + m_options.ca + ";name=dir.example");
     m_options.ca = m_directory.Path() + "/none.pem";
     EXPECT_EQ(Message(), "--ca '" + m_options.ca + "' cannot be read: No such file or directory");
     EXPECT_EQ(Status(), EXIT_ARGUMENTS);
@@ -269,7 +272,7 @@ TEST_F(ToolOptions, TheTrustTextFits)
     const std::string name = std::string(59, 'a') + ".";
     const std::string fits = name + name + name + std::string(60, 'b');
     m_options.verifyNames = {fits};
-    EXPECT_EQ(Plan().trust.size(), 255U);
+    EXPECT_EQ(MadePlan().trust.size(), 255U);
     m_options.verifyNames = {fits + "b"};
     EXPECT_EQ(Message(),
               "the trust text made of --ca and --verify-name is 256 bytes long; at most 255 are "
@@ -282,13 +285,13 @@ TEST_F(ToolOptions, TheTrustTextFits)
 TEST_F(ToolOptions, WithoutVerificationTheTrustTextIsStillThere)
 {
     m_options.noVerify = true;
-    EXPECT_EQ(Plan().trust, "system");
-    EXPECT_FALSE(Plan().verify);
+    EXPECT_EQ(MadePlan().trust, "system");
+    EXPECT_FALSE(MadePlan().verify);
     m_options.noVerify = false;
     m_options.plain = true;
-    EXPECT_EQ(Plan().trust, "system");
-    EXPECT_FALSE(Plan().verify);
-    EXPECT_TRUE(Plan().plain);
+    EXPECT_EQ(MadePlan().trust, "system");
+    EXPECT_FALSE(MadePlan().verify);
+    EXPECT_TRUE(MadePlan().plain);
 }
 
 TEST_F(ToolOptions, ProtectionThatWouldHaveNoEffectIsRefused)
@@ -309,7 +312,7 @@ TEST_F(ToolOptions, TheLocalAddressIsAnAddress)
 {
     m_options.servers = "2001:db8::1;dir.example";
     m_options.localIp = "::1";
-    EXPECT_EQ(Plan().family, AF_INET6);
+    EXPECT_EQ(MadePlan().family, AF_INET6);
     m_options.localIp = "localhost";
     EXPECT_EQ(Message(), "--local-ip 'localhost' is not an IPv4 or IPv6 address");
 }
@@ -319,26 +322,86 @@ TEST_F(ToolOptions, TheLocalAddressIsOfTheServersFamily)
     m_options.localIp = "::1";
     EXPECT_THAT(Message(), HasSubstr("server 192.0.2.1 cannot be reached from --local-ip ::1"));
     m_options.localIp = "127.0.0.1";
-    EXPECT_EQ(Plan().family, AF_INET);
+    EXPECT_EQ(MadePlan().family, AF_INET);
 }
 
-TEST_F(ToolOptions, CipherSuitesTakeThreeForms)
+TEST_F(ToolOptions, CipherSuitesAreNumbersOrNames)
 {
-    m_options.ciphers = {"0x03000035", "0x003C", "61", "0X1302"};
-    EXPECT_THAT(Plan().ciphers, ElementsAre(0x03000035, 0x0300003C, 0x0300003D, 0x03001302));
+    m_options.ciphers = {"0x03000035", "0x003C",     "61",
+                         "0X1302",     "AES256-SHA", "tls_rsa_with_aes_128_cbc_sha256"};
+    EXPECT_THAT(MadePlan().ciphers, ElementsAre(0x03000035, 0x0300003C, 0x0300003D, 0x03001302,
+                                                0x03000035, 0x0300003C));
 }
 
-TEST_F(ToolOptions, WhatIsNoCipherSuiteIsRefused)
+TEST_F(ToolOptions, LimitsOfTimeAndSizeAreTaken)
 {
-    for (const char* text : {"", "0x", "x", "AES256-SHA", "-1", "+1", " 1", "1 ", "0x0x35", "65536",
-                             "0x02000035", "0x103000035", "99999999999999999999999"})
+    m_options.maxSize = 5000;
+    m_options.connectTimeout = 7;
+    m_options.retrySeconds = 30;
+    EXPECT_EQ(MadePlan().maxSize, 5000U);
+    EXPECT_EQ(MadePlan().connectTimeout.count(), 7);
+    EXPECT_EQ(MadePlan().retry.count(), 30);
+}
+
+int IdentifierOf(const std::string& text)
+{
+    return FindCipher(text, SomeCiphers);
+}
+
+TEST(ToolCiphers, ANumberThatIsNoIdentifierIsRefused)
+{
+    for (const char* text : {"65536", "0x02000035", "0x103000035", "9999999999"})
     {
-        const Thrown thrown = FailureOf([text] { ParseCipher(text); });
+        const Thrown thrown = FailureOf([text] { IdentifierOf(text); });
         EXPECT_EQ(thrown.status, EXIT_ARGUMENTS) << text;
-        EXPECT_THAT(thrown.message, HasSubstr("is not a cipher suite identifier")) << text;
+        EXPECT_EQ(thrown.message,
+                  "--ciphers: '" + std::string(text) +
+                      "' is not a cipher suite identifier such as 0x03000035, 0x0035 or 53");
     }
-    EXPECT_EQ(ParseCipher("65535"), 0x0300ffff);
-    EXPECT_EQ(ParseCipher("50331701"), 0x03000035);
+    EXPECT_EQ(IdentifierOf("65535"), 0x0300ffff);
+    EXPECT_EQ(IdentifierOf("50331701"), 0x03000035);
+}
+
+TEST(ToolCiphers, WhatIsNeitherNumberNorNameIsRefused)
+{
+    for (const char* text : {"", "0x", "x", "AES256", "-1", "+1", " 1", "1 ", "0x0x35",
+                             "99999999999999999999999", "\n"})
+    {
+        const Thrown thrown = FailureOf([text] { IdentifierOf(text); });
+        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS) << text;
+        EXPECT_THAT(thrown.message, HasSubstr("'corpdir ciphers' lists them")) << text;
+    }
+}
+
+TEST(ToolCiphers, ANumberNeedsNoTable)
+{
+    EXPECT_EQ(FindCipher("53", []() -> CipherTable { throw std::logic_error("asked"); }),
+              0x03000035);
+}
+
+TEST(ToolCiphers, AreListedWithAllTheirNames)
+{
+    TextStream output;
+    PrintCiphers(SomeCiphers(), output.Get());
+    EXPECT_EQ(output.Text(),
+              "IDENTIFIER  SINCE    DEFAULT  STANDARD NAME                                  "
+              "OPENSSL NAME\n"
+              "0x03001302  TLSv1.3           TLS_AES_256_GCM_SHA384                         "
+              "TLS_AES_256_GCM_SHA384\n"
+              "0x0300003C  TLSv1.2  yes      TLS_RSA_WITH_AES_128_CBC_SHA256                "
+              "AES128-SHA256\n"
+              "0x03000035  SSLv3    yes      TLS_RSA_WITH_AES_256_CBC_SHA                   "
+              "AES256-SHA\n");
+}
+
+TEST(ToolCiphers, AreListedAsJson)
+{
+    TextStream output;
+    PrintCiphersAsJson({SomeCiphers().back()}, output.Get());
+    EXPECT_EQ(output.Text(),
+              R"([{"identifier":"0x03000035","standard_name":"TLS_RSA_WITH_AES_256_CBC_SHA",)"
+              R"("openssl_name":"AES256-SHA","since":"SSLv3","default":true}])"
+              "\n");
 }
 
 }  // namespace

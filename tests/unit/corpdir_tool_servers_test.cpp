@@ -181,7 +181,7 @@ TEST(ToolNameResolver, TellsWhenItIsReadyAndLeavesTheMainThreadFree)
     EventQueue events;
     NameResolver resolver(entries, AF_UNSPEC, lookup, events);
 
-    events.PushSignal(15);
+    events.PushNumber(EventKind::SIGNAL, 15);
     EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::SIGNAL);
     {
         const std::lock_guard<std::mutex> lock(mutex);

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <map>
+#include <sstream>
 #include <thread>
 
 #include "corpdir_tool_support.h"
@@ -212,7 +213,8 @@ private:
         const std::string endpoint =
             m_current.find(':') == std::string::npos ? m_current + ":21" : "[" + m_current + "]:21";
         const tagTRAVEX_FTP_S_OBSERVATION seen = {
-            kind, known ? 1U : 0U, known ? endpoint.c_str() : "", file, 24, 48, code, reason};
+            kind,   known ? 1U : 0U, known ? endpoint.c_str() : "", file, 24, 48, code,
+            reason, nullptr};
         g_observer(g_observerUser, &seen);
     }
 
@@ -259,11 +261,12 @@ protected:
     Outcome Run(const std::string& list)
     {
         m_options.servers = list;
-        const FetchPlan plan = MakePlan(m_options);
+        const Plan plan = MakePlan(m_options, SomeCiphers);
         const Lookup lookup = [](const std::string&, int) {
             return LookupResult{{"192.0.2.10", "192.0.2.11"}, ""};
         };
-        Report report({m_output.Get(), m_messages.Get(), false, m_progress});
+        const Terminal terminal(m_messages.Get(), m_progress ? 60 : 0, false);
+        Report report({false, m_progress}, terminal);
         Session session(m_service, &SetObserver, plan,
                         ResolveServers(plan.servers, plan.family, lookup).servers, m_password,
                         m_events, report);
@@ -286,11 +289,23 @@ protected:
 
     int RunUntilSignal(const std::string& list)
     {
-        return RunUntilHanging(list, [this] { m_events.PushSignal(SIGTERM); });
+        return RunUntilHanging(list, [this] { m_events.PushNumber(EventKind::SIGNAL, SIGTERM); });
+    }
+
+    // What was said, without the advice.
+    std::string Messages() const
+    {
+        std::istringstream text(m_messages.Text());
+        std::string kept;
+        for (std::string line; std::getline(text, line);)
+        {
+            kept += line.rfind("hint: ", 0) == 0 ? "" : line + "\n";
+        }
+        return kept;
     }
 
     TemporaryDirectory m_directory;
-    FetchOptions m_options;
+    Options m_options;
     Secret m_password;
     EventQueue m_events;
     EventQueue::Clock::time_point m_deadline = EventQueue::Clock::now() + std::chrono::minutes(1);
@@ -307,7 +322,7 @@ TEST_F(ToolSession, TheFirstServerDelivers)
     EXPECT_EQ(outcome.version, "2024-01-01");
     EXPECT_EQ(outcome.bytes, 24U);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
-    EXPECT_EQ(m_messages.Text(), "");
+    EXPECT_EQ(Messages(), "");
 }
 
 TEST_F(ToolSession, TheRequestHoldsWhatWasAskedFor)
@@ -360,7 +375,7 @@ TEST_F(ToolSession, EachServerThatFailsIsNamedAsTheServiceMovesOn)
     m_service.scripts["192.0.2.10"].versionFails = TRAVEX_FTP_ERR_LOGIN;
     EXPECT_EQ(Run("192.0.2.1;dir.example").status, EXIT_FETCHED);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.10;192.0.2.11"));
-    EXPECT_EQ(m_messages.Text(),
+    EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
               "192.0.2.10 (dir.example): version refused; trying next server\n");
 }
@@ -372,7 +387,7 @@ TEST_F(ToolSession, AfterTheLastServerNoneIsLeft)
         m_service.scripts[address].versionFails = TRAVEX_FTP_ERR_CONNECT;
     }
     EXPECT_EQ(Run("192.0.2.1;2001:db8::2;192.0.2.3").status, EXIT_NO_SERVER);
-    EXPECT_EQ(m_messages.Text(),
+    EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
               "2001:db8::2: version refused; trying next server\n"
               "192.0.2.3: version refused\n"
@@ -384,7 +399,7 @@ TEST_F(ToolSession, TheOnlyServerIsAskedTwice)
 {
     m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     EXPECT_EQ(Run("192.0.2.1").status, EXIT_NO_SERVER);
-    EXPECT_EQ(m_messages.Text(),
+    EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying again\n"
               "192.0.2.1: version refused\n"
               "corpdir: no server left; 1 asked, none gave the file\n");
@@ -404,7 +419,7 @@ TEST_F(ToolSession, ADirectoryFileThatFailsIsAskedFromTheNextServer)
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4").status, EXIT_FETCHED);
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4", "192.0.2.3;192.0.2.4"));
-    EXPECT_EQ(m_messages.Text(),
+    EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
               "192.0.2.2: directory refused; trying next server\n");
 }
@@ -415,7 +430,7 @@ TEST_F(ToolSession, ADirectoryFileThatFailsEverywhereLeavesNoServer)
     m_service.scripts["192.0.2.2"].directoryFails = TRAVEX_FTP_ERR_FILE;
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_NO_SERVER);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2"));
-    EXPECT_THAT(m_messages.Text(), HasSubstr("192.0.2.2: directory refused\n"));
+    EXPECT_THAT(Messages(), HasSubstr("192.0.2.2: directory refused\n"));
 }
 
 TEST_F(ToolSession, TheServersLeftAreRotatedAnew)
@@ -424,7 +439,7 @@ TEST_F(ToolSession, TheServersLeftAreRotatedAnew)
     m_service.scripts["192.0.2.2"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     m_service.scripts["192.0.2.3"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, EXIT_NO_SERVER);
-    EXPECT_EQ(m_messages.Text(),
+    EXPECT_EQ(Messages(),
               "192.0.2.1: directory refused; trying next server\n"
               "192.0.2.2: version refused; trying next server\n"
               "192.0.2.3: version refused\n"
@@ -435,7 +450,7 @@ TEST_F(ToolSession, ADirectoryTransferThatDoesNotBeginCountsAsAFailure)
 {
     m_service.scripts["192.0.2.1"].refuseDirectory = TRAVEX_FTP_ERR_SYSTEM;
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_FETCHED);
-    EXPECT_EQ(m_messages.Text(), "192.0.2.1: directory not begun; trying next server\n");
+    EXPECT_EQ(Messages(), "192.0.2.1: directory not begun; trying next server\n");
 }
 
 TEST_F(ToolSession, ARequestThatIsNotStartedIsRepeatedWithTheNextServer)
@@ -445,7 +460,7 @@ TEST_F(ToolSession, ARequestThatIsNotStartedIsRepeatedWithTheNextServer)
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, EXIT_FETCHED);
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3", "192.0.2.2;192.0.2.3", "192.0.2.3"));
-    EXPECT_EQ(m_messages.Text(),
+    EXPECT_EQ(Messages(),
               "192.0.2.1: the request could not be started (code 7); trying next server\n"
               "192.0.2.2: refused: bad suite; trying next server\n");
 }
@@ -465,9 +480,8 @@ TEST_F(ToolSession, ARefusedArgumentIsNotTriedElsewhere)
         EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_ARGUMENTS);
     }
     EXPECT_EQ(m_service.requests.size(), 3U);
-    EXPECT_THAT(m_messages.Text(), HasSubstr("corpdir: --ciphers: refused: bad suite\n"));
-    EXPECT_THAT(m_messages.Text(),
-                HasSubstr("corpdir: --ca or --verify-name: refused: bad suite\n"));
+    EXPECT_THAT(Messages(), HasSubstr("corpdir: --ciphers: refused: bad suite\n"));
+    EXPECT_THAT(Messages(), HasSubstr("corpdir: --ca or --verify-name: refused: bad suite\n"));
 }
 
 TEST_F(ToolSession, ARefusedArgumentOfTheDirectoryTransferEndsIt)
@@ -489,23 +503,23 @@ TEST_F(ToolSession, AnInvalidVersionEndsIt)
 {
     m_service.scripts["192.0.2.1"].version = "1.2\nlater lines do not count\n";
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_BAD_VERSION);
-    EXPECT_EQ(m_messages.Text(), "corpdir: version file '" + m_directory.Path() +
-                                     "/version.txt' from 192.0.2.1 is not valid: its first line "
-                                     "'1.2' is shorter than 5 bytes\n");
+    EXPECT_EQ(Messages(), "corpdir: version file '" + m_directory.Path() +
+                              "/version.txt' from 192.0.2.1 is not valid: its first line "
+                              "'1.2' is shorter than 5 bytes\n");
 }
 
 TEST_F(ToolSession, ALateVersionFailureDoesNotMatter)
 {
     m_service.scripts["192.0.2.1"].versionFailsLate = true;
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_FETCHED);
-    EXPECT_EQ(m_messages.Text(), "");
+    EXPECT_EQ(Messages(), "");
 }
 
 TEST_F(ToolSession, ASignalStopsTheVersionFile)
 {
     m_service.scripts["192.0.2.1"].hangVersion = true;
     EXPECT_EQ(RunUntilSignal("192.0.2.1"), 128 + SIGTERM);
-    EXPECT_EQ(m_messages.Text(),
+    EXPECT_EQ(Messages(),
               "corpdir: stopped by SIGTERM while fetching version file 'pub/version.txt' from "
               "192.0.2.1: 0 bytes\n");
 }
@@ -514,7 +528,7 @@ TEST_F(ToolSession, ASignalStopsTheDirectoryFile)
 {
     m_service.scripts["192.0.2.2"].hangDirectory = true;
     EXPECT_EQ(RunUntilSignal("192.0.2.2"), 128 + SIGTERM);
-    EXPECT_EQ(m_messages.Text(),
+    EXPECT_EQ(Messages(),
               "corpdir: stopped by SIGTERM while fetching directory file 'pub/directory.csv' from "
               "192.0.2.2: 24 of 48 bytes (50%)\n");
 }
@@ -533,7 +547,7 @@ TEST_F(ToolSession, TheMessageSaysWhatWasGoingOn)
     EXPECT_EQ(RunUntilHanging("192.0.2.1;dir.example",
                               [this] { m_events.PushKind(EventKind::DEADLINE); }),
               EXIT_NO_OUTCOME);
-    EXPECT_THAT(m_messages.Text(),
+    EXPECT_THAT(Messages(),
                 HasSubstr("corpdir: no outcome within 120 s; stopped while fetching directory file "
                           "'pub/directory.csv' from 192.0.2.10 (dir.example): 24 of 48 bytes"));
 }
@@ -576,7 +590,36 @@ TEST_F(ToolSession, ProgressIsShownByFile)
 {
     m_progress = true;
     EXPECT_EQ(Run("192.0.2.1").status, EXIT_FETCHED);
-    EXPECT_EQ(m_messages.Text(), "\rdirectory file: 24 of 48 bytes (50%)\n");
+    EXPECT_EQ(m_messages.Text(),
+              "\r\033[Jdirectory [==========>         ]  50%  24 bytes of 48 bytes\r\033[J");
+}
+
+TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
+{
+    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
+    m_service.scripts["192.0.2.2"].versionFails = TRAVEX_FTP_ERR_LOGIN;
+    m_service.scripts["192.0.2.3"].versionFails = TRAVEX_FTP_ERR_CONNECT;
+    const Outcome outcome = Run("192.0.2.1;192.0.2.2;192.0.2.3");
+    EXPECT_EQ(outcome.status, EXIT_NO_SERVER);
+    EXPECT_EQ(outcome.error, "no server left; 3 asked, none gave the file");
+    const std::string text = m_messages.Text();
+    EXPECT_EQ(text.substr(text.find("hint: ")),
+              "hint: is the server up, and does it listen on --port (21 unless given)?\n"
+              "hint: check --user and the password; some servers let nobody in without TLS\n");
+    ASSERT_EQ(outcome.attempts.size(), 3U);
+    EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
+    EXPECT_EQ(outcome.attempts[1].code, TRAVEX_FTP_ERR_LOGIN);
+    EXPECT_EQ(outcome.attempts[1].reason, "version refused");
+}
+
+TEST_F(ToolSession, TheServerThatGaveTheFileIsTheLastAttempt)
+{
+    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
+    const Outcome outcome = Run("192.0.2.1;192.0.2.2");
+    ASSERT_EQ(outcome.attempts.size(), 2U);
+    EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
+    EXPECT_EQ(outcome.attempts[1].reason, "");
+    EXPECT_EQ(outcome.error, "");
 }
 
 TEST(ToolEvents, EndpointsLoseTheirPort)
@@ -589,8 +632,9 @@ TEST(ToolEvents, EndpointsLoseTheirPort)
 TEST(ToolEvents, TheServerStandsOnceInAMessage)
 {
     EventQueue events;
-    tagTRAVEX_FTP_S_OBSERVATION seen = {TRAVEX_FTP_OBSERVED_FAILED, 1, "192.0.2.1:21", "f", 0, 0, 1,
-                                        "192.0.2.1:21: refused"};
+    tagTRAVEX_FTP_S_OBSERVATION seen = {
+        TRAVEX_FTP_OBSERVED_FAILED, 1,      "192.0.2.1:21", "f", 0, 0, 1,
+        "192.0.2.1:21: refused",    nullptr};
     events.PushObservation(seen);
     EXPECT_EQ(events.WaitUntil({}).reason, "refused");
     seen.pcServer = "";
@@ -603,13 +647,13 @@ TEST(ToolEvents, SignalsOutliveAService)
 {
     EventQueue events;
     events.PushKind(EventKind::DELIVERED);
-    events.PushSignal(SIGINT);
+    events.PushNumber(EventKind::SIGNAL, SIGINT);
     events.PushKind(EventKind::FAILED);
     const std::vector<Event> taken = events.TakeServiceEvents();
     ASSERT_EQ(taken.size(), 2U);
     EXPECT_EQ(taken[0].kind, EventKind::DELIVERED);
     EXPECT_EQ(taken[1].kind, EventKind::FAILED);
-    EXPECT_EQ(events.WaitUntil({}).signalNumber, SIGINT);
+    EXPECT_EQ(events.WaitUntil({}).number, SIGINT);
     EXPECT_EQ(events.WaitUntil({}).kind, EventKind::DEADLINE);
 }
 

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 
+#include "ciphers.h"
 #include "failure.h"
 
 namespace corpdir_tool
@@ -76,6 +77,14 @@ private:
     std::size_t m_length = 0;
     std::FILE* m_stream;
 };
+
+// A cipher table of three.
+inline CipherTable SomeCiphers()
+{
+    return {{0x03001302, "TLS_AES_256_GCM_SHA384", "TLS_AES_256_GCM_SHA384", "TLSv1.3"},
+            {0x0300003C, "TLS_RSA_WITH_AES_128_CBC_SHA256", "AES128-SHA256", "TLSv1.2"},
+            {0x03000035, "TLS_RSA_WITH_AES_256_CBC_SHA", "AES256-SHA", "SSLv3"}};
+}
 
 // The message and status of the Failure that a call throws.
 struct Thrown

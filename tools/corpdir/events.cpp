@@ -15,6 +15,8 @@ EventKind KindOf(unsigned int observed)
 {
     switch (observed)
     {
+        case TRAVEX_FTP_OBSERVED_ACCEPTED:
+            return EventKind::ACCEPTED;
         case TRAVEX_FTP_OBSERVED_SUCCESS:
             return EventKind::TRANSFERRED;
         case TRAVEX_FTP_OBSERVED_FAILED:
@@ -40,12 +42,17 @@ Event CopyOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
 {
     Event event;
     event.kind = KindOf(seen.ulKind);
+    event.task = seen.ulTaskID;
     event.server = AddressOfEndpoint(seen.pcServer);
     event.file = seen.pcServerFile;
     event.bytes = seen.ullBytes;
     event.total = seen.ullTotal;
     event.code = seen.ulRet;
     event.reason = ReasonOf(seen);
+    if (seen.pstCourse != nullptr)
+    {
+        event.course = *seen.pstCourse;
+    }
     return event;
 }
 
@@ -58,6 +65,20 @@ std::string AddressOfEndpoint(const std::string& endpoint)
         return endpoint.substr(1, endpoint.find(']') - 1);
     }
     return endpoint.substr(0, endpoint.find(':'));
+}
+
+bool IsArgumentRefusal(unsigned int code)
+{
+    return code == TRAVEX_FTP_ERR_PARAM || code == TRAVEX_FTP_ERR_CIPHER ||
+           code == TRAVEX_FTP_ERR_TRUST;
+}
+
+std::string ArgumentProblem(const Event& event)
+{
+    const char* const option = event.code == TRAVEX_FTP_ERR_CIPHER  ? "--ciphers: "
+                               : event.code == TRAVEX_FTP_ERR_TRUST ? "--ca or --verify-name: "
+                                                                    : "";
+    return option + event.reason;
 }
 
 void EventQueue::Push(Event event) noexcept
@@ -82,11 +103,11 @@ void EventQueue::PushKind(EventKind kind) noexcept
     Push(std::move(event));
 }
 
-void EventQueue::PushSignal(int signalNumber) noexcept
+void EventQueue::PushNumber(EventKind kind, int number) noexcept
 {
     Event event;
-    event.kind = EventKind::SIGNAL;
-    event.signalNumber = signalNumber;
+    event.kind = kind;
+    event.number = number;
     Push(std::move(event));
 }
 
@@ -124,9 +145,9 @@ Event EventQueue::WaitUntil(Clock::time_point deadline)
 std::vector<Event> EventQueue::TakeServiceEvents()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto isSignal = [](const Event& event) { return event.kind == EventKind::SIGNAL; };
+    const auto isOther = [](const Event& event) { return event.kind > EventKind::DELIVERED; };
     // The order of both kinds is kept.
-    const auto first = std::stable_partition(m_events.begin(), m_events.end(), isSignal);
+    const auto first = std::stable_partition(m_events.begin(), m_events.end(), isOther);
     std::vector<Event> taken(std::make_move_iterator(first),
                              std::make_move_iterator(m_events.end()));
     m_events.erase(first, m_events.end());

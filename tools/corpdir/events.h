@@ -17,31 +17,43 @@ namespace corpdir_tool
 
 enum class EventKind
 {
+    // Of the service:
+    ACCEPTED,     // a transfer is to begin
     PROGRESS,     // bytes of a file have arrived
     TRANSFERRED,  // a file is complete and in place
     FAILED,       // a transfer failed
     REFUSED,      // a transfer was refused before it began
     DELIVERED,    // the service says that the directory file has arrived
-    RESOLVED,     // the names of the servers have been looked up
-    SIGNAL,       // the program is asked to stop
-    DEADLINE,     // the time that a wait was given is over
+                // Others:
+    RESOLVED,       // the names of the servers have been looked up
+    COMMAND_ENDED,  // a command that was run for a new file has ended
+    SIGNAL,         // the program is asked to stop
+    DEADLINE,       // the time that a wait was given is over
     OUT_OF_MEMORY
 };
 
 struct Event
 {
     EventKind kind = EventKind::DEADLINE;
-    std::string server;  // address of the server; empty when not known
-    std::string file;    // file on the server; empty when not known
+    unsigned int task = 0;  // of the FTP layer; 0: none
+    std::string server;     // address of the server; empty when not known
+    std::string file;       // file on the server; empty when not known
     std::uint64_t bytes = 0;
     std::uint64_t total = TRAVEX_FTP_SIZE_UNKNOWN;
-    unsigned int code = 0;  // tagTRAVEX_FTP_RESULT of a failure or refusal
-    std::string reason;     // in words
-    int signalNumber = 0;
+    unsigned int code = 0;               // tagTRAVEX_FTP_RESULT of a failure or refusal
+    std::string reason;                  // in words
+    tagTRAVEX_FTP_S_COURSE course = {};  // of a transfer that is over
+    int number = 0;                      // the signal, or the exit status of the command
 };
 
 // "[2001:db8::1]:21" or "192.0.2.1:21" without brackets and port.
 std::string AddressOfEndpoint(const std::string& endpoint);
+
+// No server would do better with the same arguments.
+bool IsArgumentRefusal(unsigned int code);
+
+// The reason of such a refusal, with the option that is to blame.
+std::string ArgumentProblem(const Event& event);
 
 // Thread-safe: one mutex guards all members and is held for no call out of the class.
 class EventQueue
@@ -53,13 +65,13 @@ public:
     // out the waiting thread gets OUT_OF_MEMORY instead.
     void Push(Event event) noexcept;
     void PushKind(EventKind kind) noexcept;
-    void PushSignal(int signalNumber) noexcept;
+    void PushNumber(EventKind kind, int number) noexcept;
     void PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept;
 
     // The next event, or DEADLINE when there is none before that time. One thread waits at a time.
     Event WaitUntil(Clock::time_point deadline);
 
-    // Removes and returns all events of a service that has been stopped; signals stay.
+    // Removes and returns all events of a service that has been stopped; others stay.
     std::vector<Event> TakeServiceEvents();
 
 private:

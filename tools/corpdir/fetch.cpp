@@ -1,22 +1,14 @@
 #include "fetch.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <chrono>
-#include <utility>
 
-#include "events.h"
+#include "command.h"
 #include "failure.h"
 #include "ftpcorpdir.h"
-#include "muted_stderr.h"
-#include "name_resolver.h"
-#include "output_files.h"
+#include "json.h"
 #include "password.h"
 #include "report.h"
 #include "session.h"
-#include "signals.h"
-#include "text.h"
 #include "travex_ftp.h"
 
 namespace corpdir_tool
@@ -25,96 +17,141 @@ namespace corpdir_tool
 namespace
 {
 
-// How long a stop may take before the program leaves without it.
-constexpr std::chrono::seconds STOP_PATIENCE{1};
-
-ReportSettings SettingsOf(const FetchOptions& options, const FetchPlan& plan, std::FILE* messages)
+ReportSettings SettingsOf(const Options& options, const Plan& plan)
 {
-    const bool logOnTerminal = plan.logLevel && plan.logDir.empty();
+    const bool logBeside = plan.logLevel && plan.logDir.empty();
     ReportSettings settings;
-    settings.messages = messages;
     settings.quiet = options.quiet;
-    settings.progress = !options.noProgress && !logOnTerminal && isatty(fileno(messages)) == 1;
+    settings.progress = !options.noProgress && !logBeside;
     return settings;
 }
 
-// A thread that is held up in the system's resolver cannot be joined.
-[[noreturn]] void LeaveAtOnce(int status)
+Json ServersOf(const Outcome& outcome)
 {
-    (void)std::fflush(nullptr);
-    _exit(status);
+    Json servers = Json::array();
+    for (const Attempt& attempt : outcome.attempts)
+    {
+        servers.push_back({{"address", attempt.server.address},
+                           {"name", OrNull(attempt.server.name)},
+                           {"gave", attempt.reason.empty()},
+                           {"code", attempt.code},
+                           {"reason", OrNull(attempt.reason)}});
+    }
+    return servers;
 }
 
-// The servers with their names replaced by addresses; names without one are told and left out.
-std::vector<Server> FindServers(const FetchPlan& plan, EventQueue& events,
-                                EventQueue::Clock::time_point deadline, Report& report)
+// Where the outcome goes: two lines for people, or one object for programs.
+class ResultPrinter
 {
-    NameResolver resolver(plan.servers, plan.family, SystemLookup, events);
-    const Event event = events.WaitUntil(deadline);
-    switch (event.kind)
-    {
-        case EventKind::RESOLVED:
-            break;
-        case EventKind::SIGNAL:
-            report.Error("stopped while looking up the names of the servers");
-            LeaveAtOnce(EXIT_SIGNAL + event.signalNumber);
-        case EventKind::DEADLINE:
-            report.Error("no outcome within " + std::to_string(plan.timeout.count()) +
-                         " s; stopped while looking up the names of the servers");
-            LeaveAtOnce(EXIT_NO_OUTCOME);
-        default:
-            report.Error("memory ran out");
-            LeaveAtOnce(EXIT_INTERNAL);
-    }
-    const ResolvedServers resolved = resolver.Take();
-    for (const std::string& problem : resolved.problems)
-    {
-        report.Error(problem + "; left out");
-    }
-    return resolved.servers;
-}
+public:
+    ResultPrinter(const Options& options) : m_json(options.json), m_quiet(options.quiet) {}
 
-int Download(const FetchPlan& plan, const Secret& password, EventQueue& events, Report& report)
-{
-    const auto deadline = EventQueue::Clock::now() + plan.timeout;
-    std::vector<Server> servers = FindServers(plan, events, deadline, report);
-    if (servers.empty())
+    void SetPath(const std::string& path)
     {
-        throw Failure(EXIT_NO_SERVER, "no server left; no name of --servers has an address");
+        m_path = path;
     }
-    Session session(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan, std::move(servers),
-                    password, events, report);
-    const Outcome outcome = session.Run(deadline);
-    if (outcome.status == EXIT_FETCHED &&
-        !report.Result(outcome.version, plan.DirectoryPath(), outcome.bytes))
+
+    // Throws Failure when it cannot be written.
+    void Print(const Outcome& outcome) const;
+
+private:
+    void PrintObject(const Outcome& outcome) const;
+
+    const bool m_json;
+    const bool m_quiet;
+    const EventQueue::Clock::time_point m_begun = EventQueue::Clock::now();
+    std::string m_path;
+};
+
+void ResultPrinter::Print(const Outcome& outcome) const
+{
+    if (m_json)
+    {
+        PrintObject(outcome);
+    }
+    else if (outcome.status == EXIT_FETCHED && !m_quiet)
+    {
+        PrintResult(outcome.version, m_path, outcome.bytes, stdout);
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
     {
         throw Failure(EXIT_LOCAL_FILE, "the result cannot be written to standard output");
     }
-    return outcome.status;
+}
+
+void ResultPrinter::PrintObject(const Outcome& outcome) const
+{
+    const bool fetched = outcome.status == EXIT_FETCHED;
+    const std::chrono::duration<double> spent = EventQueue::Clock::now() - m_begun;
+    const Json object = {{"status", outcome.status},
+                         {"fetched", fetched},
+                         {"error", OrNull(outcome.error)},
+                         {"version", OrNull(outcome.version)},
+                         {"file", OrNull(fetched ? m_path : "")},
+                         {"bytes", fetched ? Json(outcome.bytes) : Json(nullptr)},
+                         {"seconds", spent.count()},
+                         {"servers", ServersOf(outcome)}};
+    (void)std::fprintf(stdout, "%s\n", TextOf(object).c_str());
+}
+
+Outcome Failed(int status, const std::string& message)
+{
+    Outcome outcome;
+    outcome.status = status;
+    outcome.error = message;
+    return outcome;
+}
+
+Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, Report& report,
+                 const ResultPrinter& printer)
+{
+    const auto deadline = EventQueue::Clock::now() + plan.timeout;
+    LookupHandlers handlers;
+    handlers.onProblem = [&report](const std::string& problem) { report.Error(problem); };
+    handlers.onGivenUp = [&](int status, const std::string& message)
+    {
+        report.Error(message);
+        printer.Print(Failed(status, message));
+    };
+    Session session(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan,
+                    FindServers(plan, events, deadline, handlers), password, events, report);
+    return session.Run(deadline);
+}
+
+Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& printer)
+{
+    const Plan plan = MakePlan(options, ciphers);
+    printer.SetPath(plan.DirectoryPath());
+    Secret password;
+    ReadPassword(options.passwordFile, password);
+
+    CommandFrame frame(plan, [](int number) { return EXIT_SIGNAL + number; });
+    Report report(SettingsOf(options, plan), frame.Messages());
+    return Download(plan, password, frame.Events(), report, printer);
 }
 
 }  // namespace
 
-int RunFetch(const FetchOptions& options)
+int RunFetch(const Options& options, const CipherSource& ciphers)
 {
-    const FetchPlan plan = MakePlan(options);
-    Secret password;
-    ReadPassword(options.passwordFile, password);
-
-    // A reader of the messages that goes away must not end a transfer halfway.
-    (void)signal(SIGPIPE, SIG_IGN);
-    // Before the other threads: they inherit the signal mask.
-    EventQueue events;
-    const SignalWatch watch([&events](int number) { events.PushSignal(number); },
-                            [](int number)
-                            {
-                                RemoveTemporaryFiles();
-                                _exit(EXIT_SIGNAL + number);
-                            },
-                            STOP_PATIENCE);
-    const MutedStandardError muted(!plan.logLevel);
-    Report report(SettingsOf(options, plan, muted.Messages()));
-    return Download(plan, password, events, report);
+    ResultPrinter printer(options);
+    Outcome outcome;
+    try
+    {
+        outcome = Fetch(options, ciphers, printer);
+    }
+    catch (const Failure& failure)
+    {
+        if (!options.json)
+        {
+            throw;
+        }
+        // The object comes whatever happens; the messages are the same as without it.
+        (void)std::fprintf(stderr, "corpdir: %s\n", failure.what());
+        outcome = Failed(failure.Status(), failure.what());
+    }
+    printer.Print(outcome);
+    return outcome.status;
 }
 
 }  // namespace corpdir_tool

@@ -4,20 +4,23 @@
 #include <exception>
 #include <string>
 
+#include "check.h"
+#include "ciphers.h"
 #include "failure.h"
 #include "fetch.h"
+#include "settings_file.h"
+#include "travex_ftp.h"
+#include "watch.h"
 
 namespace
 {
 
-using corpdir_tool::FetchOptions;
+using corpdir_tool::CipherSource;
+using corpdir_tool::CipherSuite;
+using corpdir_tool::CipherTable;
+using corpdir_tool::Options;
 
-const char FOOTER[] = R"(Example:
-  corpdir fetch --servers 'dir1.example;dir2.example' --user phone \
-      --version-file /dir/version.txt --directory-file /dir/directory.csv \
-      --output-dir /var/lib/phone --ca /etc/phone/ca.pem --password-file /etc/phone/password
-
-Exit status:
+const char STATUS_TEXT[] = R"(Exit status:
   0  the directory file was fetched
   1  the service could not be started
   2  unusable arguments
@@ -27,6 +30,40 @@ Exit status:
   6  a local file or directory cannot be written
   128 + N  stopped by signal N)";
 
+const char PROGRAM_TEXT[] = R"(Options can also stand in a file, "--config FILE" names it:
+  servers = "dir1.example;dir2.example"
+  user = "phone"
+  password-file = "/etc/phone/password"
+
+'corpdir fetch --help', and so on, list the options of a command.
+The manual page corpdir(1) tells more.)";
+
+const char FETCH_TEXT[] = R"(Example:
+  corpdir fetch --servers 'dir1.example;dir2.example' --user phone \
+      --version-file /dir/version.txt --directory-file /dir/directory.csv \
+      --output-dir /var/lib/phone --ca /etc/phone/ca.pem --password-file /etc/phone/password)";
+
+const char WATCH_TEXT[] = R"(Example:
+  corpdir --config /etc/phone/corpdir.conf watch --exec 'systemctl reload phone'
+
+The command of --exec finds CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
+environment. It is run for each new version, one run at a time, and writes to standard
+error.
+
+Exit status:
+  0  asked to stop by SIGTERM, SIGINT or SIGHUP
+  1  the service could not be started
+  2  unusable arguments
+  6  the events cannot be written)";
+
+const char CHECK_TEXT[] = R"(Example:
+  corpdir --config /etc/phone/corpdir.conf check
+
+Each server is asked for the version file and for the size of the directory file, which
+is not downloaded; nothing is written to --output-dir.
+
+The exit status is the one that 'corpdir fetch' would end with.)";
+
 // An empty value of an optional text is a variable that a script did not set, not a wish.
 CLI::Validator NotEmpty()
 {
@@ -35,28 +72,28 @@ CLI::Validator NotEmpty()
                           "");
 }
 
-void AddServerOptions(CLI::App& fetch, FetchOptions& options)
+void AddServerOptions(CLI::App& command, Options& options)
 {
     const char group[] = "Servers";
-    fetch
+    command
         .add_option("--servers", options.servers,
                     "Host names and addresses separated by ';', tried in this order")
         ->required()
         ->type_name("LIST")
         ->group(group);
-    fetch.add_option("--port", options.port, "Port of all servers (21; 990 is implicit FTPS)")
+    command.add_option("--port", options.port, "Port of all servers (21; 990 is implicit FTPS)")
         ->check(CLI::Range(1U, 65535U).description(""))
         ->type_name("N")
         ->group(group);
-    fetch.add_option("--local-ip", options.localIp, "Address of this machine to connect from")
+    command.add_option("--local-ip", options.localIp, "Address of this machine to connect from")
         ->check(NotEmpty())
         ->type_name("ADDR")
         ->group(group);
-    fetch.add_option("--user", options.user, "Name to log in with")
+    command.add_option("--user", options.user, "Name to log in with")
         ->required()
         ->type_name("NAME")
         ->group(group);
-    fetch
+    command
         .add_option("--password-file", options.passwordFile,
                     "File with the password, '-' for standard input; without it the\n"
                     "variable CORPDIR_PASSWORD is used, else a prompt")
@@ -65,28 +102,28 @@ void AddServerOptions(CLI::App& fetch, FetchOptions& options)
         ->group(group);
 }
 
-void AddFileOptions(CLI::App& fetch, FetchOptions& options)
+void AddFileOptions(CLI::App& command, Options& options)
 {
     const char group[] = "Files";
-    fetch.add_option("--version-file", options.versionFile, "Version file on the server")
+    command.add_option("--version-file", options.versionFile, "Version file on the server")
         ->required()
         ->type_name("REMOTE")
         ->group(group);
-    fetch.add_option("--directory-file", options.directoryFile, "Directory file on the server")
+    command.add_option("--directory-file", options.directoryFile, "Directory file on the server")
         ->required()
         ->type_name("REMOTE")
         ->group(group);
-    fetch.add_option("--output-dir", options.outputDir, "Existing directory to store both in")
+    command.add_option("--output-dir", options.outputDir, "Existing directory to store both in")
         ->required()
         ->type_name("DIR")
         ->group(group);
-    fetch
+    command
         .add_option("--version-name", options.versionName,
                     "Name of the version file there (default: as on the server)")
         ->check(NotEmpty())
         ->type_name("LOCAL")
         ->group(group);
-    fetch
+    command
         .add_option("--directory-name", options.directoryName,
                     "Name of the directory file there (default: as on the server)")
         ->check(NotEmpty())
@@ -94,16 +131,16 @@ void AddFileOptions(CLI::App& fetch, FetchOptions& options)
         ->group(group);
 }
 
-void AddProtectionOptions(CLI::App& fetch, FetchOptions& options)
+void AddProtectionOptions(CLI::App& command, Options& options)
 {
     const char group[] = "Protection (default: FTPS, certificate verified)";
-    fetch
+    command
         .add_option("--ca", options.ca,
                     "Certification authorities to trust: PEM file, directory, or 'system'\n"
                     "(default)")
         ->type_name("FILE|DIR|system")
         ->group(group);
-    fetch
+    command
         .add_option("--verify-name", options.verifyNames,
                     "Name that the certificate must carry, may be repeated (default: the\n"
                     "host names of --servers, or the address connected to)")
@@ -111,58 +148,172 @@ void AddProtectionOptions(CLI::App& fetch, FetchOptions& options)
         ->allow_extra_args(false)
         ->delimiter(',')
         ->group(group);
-    fetch
+    command
         .add_flag("--no-verify", options.noVerify,
                   "Accept any certificate: whoever answers gets the password")
         ->group(group);
-    fetch
+    command
         .add_flag("--plain", options.plain,
                   "FTP without TLS: password and files can be read on the way")
         ->group(group);
-    fetch
+    command
         .add_option("--ciphers", options.ciphers,
-                    "Cipher suites to offer, such as 0x03000035,0x003c or 53")
-        ->type_name("ID,ID")
+                    "Cipher suites to offer, by number or name; 'corpdir ciphers' lists them")
+        ->type_name("SUITE,SUITE")
         ->allow_extra_args(false)
         ->delimiter(',')
         ->group(group);
 }
 
-void AddOutputOptions(CLI::App& fetch, FetchOptions& options)
+void AddLimitOptions(CLI::App& command, Options& options)
 {
-    const char group[] = "Course and messages";
-    fetch.add_option("--timeout", options.timeoutSeconds, "Time for everything")
+    const char group[] = "Limits";
+    command
+        .add_option("--connect-timeout", options.connectTimeout,
+                    "Time for one connection, control or data (10)")
+        ->check(CLI::Range(1U, 3600U).description(""))
+        ->type_name("SECONDS")
+        ->group(group);
+    command
+        .add_option("--max-size", options.maxSize,
+                    "Largest file to accept, such as 500000, 20kb or 1gb (16gb)")
+        ->transform(CLI::AsSizeValue(true))
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60).description(""))
+        ->type_name("SIZE")
+        ->group(group);
+}
+
+void AddTimeout(CLI::App& command, Options& options)
+{
+    command.add_option("--timeout", options.timeoutSeconds, "Time for everything")
         ->capture_default_str()
         ->check(CLI::Range(1U, 604800U).description(""))
         ->type_name("SECONDS")
-        ->group(group);
-    fetch.add_option("--log-dir", options.logDir, "Write the service's log to this directory")
+        ->group("Limits");
+}
+
+const char MESSAGES[] = "Messages";
+
+void AddLogOptions(CLI::App& command, Options& options)
+{
+    command.add_option("--log-dir", options.logDir, "Write the service's log to this directory")
         ->check(NotEmpty())
         ->type_name("DIR")
-        ->group(group);
-    fetch
+        ->group(MESSAGES);
+    command
         .add_option("--log-level", options.logLevel,
                     "0 errors, 1 fallbacks too, 2 everything (default with --log-dir);\n"
                     "without --log-dir the log goes to standard error")
         ->check(CLI::Range(0U, 2U).description(""))
         ->type_name("0|1|2")
-        ->group(group);
-    fetch.add_flag("--quiet", options.quiet, "Print errors only, failed servers included")
-        ->group(group);
-    fetch.add_flag("--no-progress", options.noProgress, "Show no progress on a terminal")
-        ->group(group);
+        ->group(MESSAGES);
 }
 
-// Each command is a function like this one: it describes its options and says what runs it.
-void AddFetch(CLI::App& program, FetchOptions& options, int& status)
+void AddJson(CLI::App& command, Options& options, const std::string& text)
+{
+    command.add_flag("--json", options.json, text)->group(MESSAGES);
+}
+
+void AddQuiet(CLI::App& command, Options& options, const std::string& text)
+{
+    command.add_flag("--quiet", options.quiet, text)->group(MESSAGES);
+}
+
+void AddRequestOptions(CLI::App& command, Options& options)
+{
+    AddServerOptions(command, options);
+    AddFileOptions(command, options);
+    AddProtectionOptions(command, options);
+    AddLimitOptions(command, options);
+    AddLogOptions(command, options);
+    command.fallthrough();  // "--config" may stand behind the command
+}
+
+CipherTable KnownCiphers()
+{
+    CipherTable table;
+    const auto add = [](void* user, const tagTRAVEX_FTP_S_CIPHER* seen)
+    {
+        static_cast<CipherTable*>(user)->push_back(
+            {seen->iCipher, seen->pcStandardName, seen->pcOpensslName, seen->pcSince});
+    };
+    if (TRAVEX_FTP_ListCiphers(add, &table) != TRAVEX_FTP_OK)
+    {
+        throw corpdir_tool::Failure(corpdir_tool::EXIT_INTERNAL,
+                                    "the cipher suites of this system cannot be listed");
+    }
+    return table;
+}
+
+// Each command is a function like these: it describes its options and says what runs it.
+
+void AddFetch(CLI::App& program, Options& options, int& status)
 {
     CLI::App* fetch = program.add_subcommand("fetch", "Fetch the directory file once");
-    fetch->footer(FOOTER);
-    AddServerOptions(*fetch, options);
-    AddFileOptions(*fetch, options);
-    AddProtectionOptions(*fetch, options);
-    AddOutputOptions(*fetch, options);
-    fetch->callback([&options, &status] { status = corpdir_tool::RunFetch(options); });
+    fetch->footer(std::string(FETCH_TEXT) + "\n\n" + STATUS_TEXT);
+    AddRequestOptions(*fetch, options);
+    AddTimeout(*fetch, options);
+    AddJson(*fetch, options, "Print the outcome as one JSON object, a failure too");
+    AddQuiet(*fetch, options, "Print errors only, failed servers included");
+    fetch->add_flag("--no-progress", options.noProgress, "Show no progress")->group(MESSAGES);
+    fetch->callback([&] { status = corpdir_tool::RunFetch(options, KnownCiphers); });
+}
+
+void AddWatch(CLI::App& program, Options& options, int& status)
+{
+    CLI::App* watch = program.add_subcommand(
+        "watch", "Stay, check every ten minutes, fetch each new directory file");
+    watch->footer(WATCH_TEXT);
+    AddRequestOptions(*watch, options);
+    watch
+        ->add_option("--retry", options.retrySeconds,
+                     "Time until servers that all failed are asked again when the\n"
+                     "directory file is missing")
+        ->capture_default_str()
+        ->check(CLI::Range(1U, 600U).description(""))
+        ->type_name("SECONDS")
+        ->group("Limits");
+    watch
+        ->add_option("--exec", options.execute,
+                     "Run this command of the shell for each new directory file")
+        ->check(NotEmpty())
+        ->type_name("COMMAND")
+        ->group("Course");
+    AddJson(*watch, options, "Print each event as a JSON object on a line of its own");
+    AddQuiet(*watch, options, "Print failures only");
+    watch->callback([&] { status = corpdir_tool::RunWatch(options, KnownCiphers); });
+}
+
+void AddCheck(CLI::App& program, Options& options, int& status)
+{
+    CLI::App* check = program.add_subcommand(
+        "check", "Say whether these options would work, without downloading the directory file");
+    check->footer(CHECK_TEXT);
+    AddRequestOptions(*check, options);
+    AddTimeout(*check, options);
+    AddJson(*check, options, "Print the outcome as one JSON object");
+    AddQuiet(*check, options, "Print servers that fail only");
+    check->callback([&] { status = corpdir_tool::RunCheck(options, KnownCiphers); });
+}
+
+void AddCiphers(CLI::App& program, Options& options)
+{
+    CLI::App* ciphers = program.add_subcommand("ciphers", "List the cipher suites to choose from");
+    AddJson(*ciphers, options, "Print them as a JSON array");
+    ciphers->callback(
+        [&options]
+        {
+            const auto print =
+                options.json ? corpdir_tool::PrintCiphersAsJson : corpdir_tool::PrintCiphers;
+            print(KnownCiphers(), stdout);
+        });
+}
+
+std::string VersionText()
+{
+    return std::string("corpdir " CORPDIR_VERSION ", built " CORPDIR_BUILD_DATE
+                       " " CORPDIR_BUILD_TIME " UTC\n") +
+           TRAVEX_FTP_Libraries();
 }
 
 std::string ParseProblem(const CLI::App*, const CLI::Error& error)
@@ -176,9 +327,15 @@ int Run(int argc, char** argv)
     CLI::App program("Fetches a corporate directory from FTP and FTPS servers.", "corpdir");
     program.require_subcommand(1);  // a bare "corpdir" is a mistake, not a wish for nothing
     program.failure_message(ParseProblem);
-    FetchOptions fetchOptions;
+    program.footer(PROGRAM_TEXT);
+    program.set_version_flag("--version", VersionText, "Print versions and exit");
+    corpdir_tool::AddSettingsFile(program);
+    Options options;
     int status = 0;
-    AddFetch(program, fetchOptions, status);
+    AddFetch(program, options, status);
+    AddWatch(program, options, status);
+    AddCheck(program, options, status);
+    AddCiphers(program, options);
     try
     {
         program.parse(argc, argv);

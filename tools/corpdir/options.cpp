@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "failure.h"
 #include "output_files.h"
@@ -24,7 +23,6 @@ constexpr std::size_t MAX_FIELD = 255;
 constexpr std::size_t MAX_USER = 127;
 constexpr std::size_t MAX_DIRECTORY = 127;
 
-constexpr unsigned long CIPHER_PREFIX = 0x03000000;
 constexpr unsigned int EVERYTHING = 2;  // log level of a log that was asked for without one
 
 [[noreturn]] void Refuse(const std::string& message)
@@ -76,7 +74,7 @@ std::string LocalName(const std::string& option, const std::string& given,
     return given;
 }
 
-void PlanFiles(const FetchOptions& options, FetchPlan& plan)
+void PlanFiles(const Options& options, Plan& plan)
 {
     CheckText("--version-file", options.versionFile, MAX_FIELD);
     CheckText("--directory-file", options.directoryFile, MAX_FIELD);
@@ -118,7 +116,7 @@ int FamilyOf(const std::string& address)
     return inet_pton(AF_INET6, address.c_str(), bytes) == 1 ? AF_INET6 : AF_UNSPEC;
 }
 
-void PlanServers(const FetchOptions& options, FetchPlan& plan)
+void PlanServers(const Options& options, Plan& plan)
 {
     plan.servers = SplitServers(options.servers);
     plan.port = options.port;
@@ -145,7 +143,7 @@ void PlanServers(const FetchOptions& options, FetchPlan& plan)
 }
 
 // Options that would have no effect are refused: who gives them believes to be protected by them.
-void CheckProtection(const FetchOptions& options)
+void CheckProtection(const Options& options)
 {
     const bool trustGiven = options.ca != "system" || !options.verifyNames.empty();
     if (options.plain && (trustGiven || !options.ciphers.empty()))
@@ -175,7 +173,7 @@ void CheckAuthorities(const std::string& ca)
 }
 
 // Names that the certificate may carry, in the order given and each once.
-std::vector<std::string> AcceptedNames(const FetchOptions& options, const FetchPlan& plan)
+std::vector<std::string> AcceptedNames(const Options& options, const Plan& plan)
 {
     std::vector<std::string> names;
     const auto add = [&names](std::string name)
@@ -211,7 +209,7 @@ std::vector<std::string> AcceptedNames(const FetchOptions& options, const FetchP
     return names;
 }
 
-std::string TrustText(const FetchOptions& options, const FetchPlan& plan)
+std::string TrustText(const Options& options, const Plan& plan)
 {
     CheckAuthorities(options.ca);
     std::string trust = "ca=" + options.ca;
@@ -228,7 +226,7 @@ std::string TrustText(const FetchOptions& options, const FetchPlan& plan)
     return trust;
 }
 
-void PlanProtection(const FetchOptions& options, FetchPlan& plan)
+void PlanProtection(const Options& options, const CipherSource& ciphers, Plan& plan)
 {
     CheckProtection(options);
     plan.plain = options.plain;
@@ -237,11 +235,11 @@ void PlanProtection(const FetchOptions& options, FetchPlan& plan)
     plan.trust = plan.verify ? TrustText(options, plan) : "system";
     for (const std::string& cipher : options.ciphers)
     {
-        plan.ciphers.push_back(ParseCipher(cipher));
+        plan.ciphers.push_back(FindCipher(cipher, ciphers));
     }
 }
 
-void PlanLog(const FetchOptions& options, FetchPlan& plan)
+void PlanLog(const Options& options, Plan& plan)
 {
     CheckLength("--log-dir", options.logDir.size(), MAX_FIELD);
     plan.logDir = options.logDir;
@@ -254,39 +252,20 @@ void PlanLog(const FetchOptions& options, FetchPlan& plan)
 
 }  // namespace
 
-int ParseCipher(const std::string& text)
+Plan MakePlan(const Options& options, const CipherSource& ciphers)
 {
-    const bool hexadecimal = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0;
-    const char* digits = text.c_str() + (hexadecimal ? 2 : 0);
-    char* end = nullptr;
-    errno = 0;
-    unsigned long number = std::strtoul(digits, &end, hexadecimal ? 16 : 10);
-    // strtoul itself would also take a sign, blanks and a second "0x".
-    const bool onlyDigits = *digits != '\0' && *end == '\0' && errno == 0 &&
-                            std::string(digits).find_first_of("+- xX\t\n") == std::string::npos;
-    if (onlyDigits && number <= 0xffff)
-    {
-        number |= CIPHER_PREFIX;
-    }
-    if (!onlyDigits || (number & ~0xffffUL) != CIPHER_PREFIX)
-    {
-        Refuse("--ciphers '" + Printable(text) +
-               "' is not a cipher suite identifier such as 0x03000035, 0x0035 or 53");
-    }
-    return static_cast<int>(number);
-}
-
-FetchPlan MakePlan(const FetchOptions& options)
-{
-    FetchPlan plan;
+    Plan plan;
     // In the order of the help text, which is the order in which people look for the mistake.
     PlanServers(options, plan);
     CheckText("--user", options.user, MAX_USER);
     plan.user = options.user;
     PlanFiles(options, plan);
-    PlanProtection(options, plan);
+    PlanProtection(options, ciphers, plan);
     PlanLog(options, plan);
+    plan.maxSize = options.maxSize;
+    plan.connectTimeout = std::chrono::seconds(options.connectTimeout);
     plan.timeout = std::chrono::seconds(options.timeoutSeconds);
+    plan.retry = std::chrono::seconds(options.retrySeconds);
     // Last, so that a mistake in an argument is told as one.
     CheckWritableDirectory("--output-dir", plan.outputDir);
     CheckReplaceable(plan.VersionPath());

@@ -1,19 +1,22 @@
-// The options of `fetch` as they were given, and the checked plan that is made of them.
+// The options of the commands as they were given, and the checked plan that is made of them.
 #ifndef CORPDIR_TOOL_OPTIONS_H
 #define CORPDIR_TOOL_OPTIONS_H
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "ciphers.h"
 #include "servers.h"
 
 namespace corpdir_tool
 {
 
-// As the command line gave them; the defaults are those of the help text.
-struct FetchOptions
+// As the command line gave them; the defaults are those of the help text. A command leaves those
+// that it does not have as they are.
+struct Options
 {
     std::string servers;
     unsigned int port = 0;  // 0: not given
@@ -34,15 +37,20 @@ struct FetchOptions
     std::vector<std::string> verifyNames;
     std::vector<std::string> ciphers;
 
-    unsigned int timeoutSeconds = 120;
+    std::uint64_t maxSize = 0;          // bytes; 0: not given
+    unsigned int connectTimeout = 0;    // seconds; 0: not given
+    unsigned int timeoutSeconds = 120;  // fetch and check
+    unsigned int retrySeconds = 60;     // watch
+    std::string execute;                // watch: for the shell; empty: nothing
     std::string logDir;
     std::optional<unsigned int> logLevel;
     bool quiet = false;
     bool noProgress = false;
+    bool json = false;
 };
 
 // Everything that a download needs except the password, each value within its limit.
-struct FetchPlan
+struct Plan
 {
     std::vector<ServerEntry> servers;
     unsigned int port = 0;
@@ -61,7 +69,10 @@ struct FetchPlan
     std::string trust;         // text for the FTP layer, never empty
     std::vector<int> ciphers;  // empty: the service's own list
 
+    std::uint64_t maxSize = 0;               // bytes; 0: the FTP layer's limit
+    std::chrono::seconds connectTimeout{0};  // 0: the FTP layer's limit
     std::chrono::seconds timeout{0};
+    std::chrono::seconds retry{0};
     std::string logDir;                    // empty: standard error
     std::optional<unsigned int> logLevel;  // none: no log at all
 
@@ -77,11 +88,8 @@ struct FetchPlan
 
 // Checks the options one by one, touching neither network nor files other than to see whether they
 // can be used. Throws Failure with a message that names the option, the limit and the length.
-FetchPlan MakePlan(const FetchOptions& options);
-
-// A cipher suite identifier in the service's form from "0x03000035", "0x0035" or a decimal number.
-// Throws Failure for anything else.
-int ParseCipher(const std::string& text);
+// ciphers: asked when a suite is given by name.
+Plan MakePlan(const Options& options, const CipherSource& ciphers);
 
 }  // namespace corpdir_tool
 

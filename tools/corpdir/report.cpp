@@ -1,7 +1,5 @@
 #include "report.h"
 
-#include <algorithm>
-
 #include "text.h"
 #include "travex_ftp.h"
 
@@ -34,59 +32,48 @@ std::string Amount(std::uint64_t bytes, std::uint64_t total)
            std::to_string(Percent(bytes, total)) + "%)";
 }
 
+void PrintResult(const std::string& version, const std::string& path, std::uint64_t bytes,
+                 std::FILE* output)
+{
+    (void)std::fprintf(output, "version: %s\ndirectory: %s (%llu bytes)\n",
+                       Printable(version).c_str(), Printable(path).c_str(),
+                       static_cast<unsigned long long>(bytes));
+}
+
 void Report::Error(const std::string& message)
 {
-    Line("corpdir: " + message);
+    Line(m_messages.Styled(Style::BAD, "corpdir:") + " " + Printable(message));
+}
+
+void Report::Hint(const std::string& text)
+{
+    if (!m_settings.quiet)
+    {
+        Line(m_messages.Styled(Style::FAINT, "hint:") + " " + text);
+    }
 }
 
 void Report::ServerFailed(const std::string& server, const std::string& reason,
                           const std::string& next)
 {
-    Line(server + ": " + reason + (next.empty() ? "" : "; " + next));
+    Line(m_messages.Styled(Style::WARN, Printable(server) + ":") + " " + Printable(reason) +
+         (next.empty() ? "" : "; " + next));
 }
 
 void Report::Progress(const std::string& what, std::uint64_t bytes, std::uint64_t total)
 {
-    if (!m_settings.progress || m_settings.quiet)
+    if (m_settings.progress && !m_settings.quiet)
     {
-        return;
+        m_progress.Show(what, bytes, total, ProgressDisplay::Clock::now());
     }
-    const std::string text = what + ": " + Amount(bytes, total);
-    // Blanks wipe what a longer line left.
-    const std::size_t width = std::max(text.size(), m_progressWidth);
-    (void)std::fprintf(m_settings.messages, "\r%-*s", static_cast<int>(width), text.c_str());
-    (void)std::fflush(m_settings.messages);
-    m_progressWidth = text.size();
 }
 
-bool Report::Result(const std::string& version, const std::string& path, std::uint64_t bytes)
-{
-    EndProgress();
-    if (m_settings.quiet)
-    {
-        return true;
-    }
-    (void)std::fprintf(m_settings.output, "version: %s\ndirectory: %s (%llu bytes)\n",
-                       Printable(version).c_str(), Printable(path).c_str(),
-                       static_cast<unsigned long long>(bytes));
-    return std::fflush(m_settings.output) == 0 && std::ferror(m_settings.output) == 0;
-}
-
+// In place of the progress, which goes on below.
 void Report::Line(const std::string& text)
 {
-    // A message starts a line of its own below the progress.
-    EndProgress();
-    (void)std::fprintf(m_settings.messages, "%s\n", Printable(text).c_str());
-    (void)std::fflush(m_settings.messages);
-}
-
-void Report::EndProgress()
-{
-    if (m_progressWidth > 0)
-    {
-        (void)std::fputc('\n', m_settings.messages);
-        m_progressWidth = 0;
-    }
+    m_progress.Erase();
+    (void)std::fprintf(m_messages.Stream(), "%s\n", text.c_str());
+    (void)std::fflush(m_messages.Stream());
 }
 
 }  // namespace corpdir_tool

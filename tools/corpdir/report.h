@@ -1,4 +1,5 @@
-// What the user sees: the result on standard output, messages and progress on standard error.
+// What the user of `fetch` sees: messages and progress on standard error, the result on standard
+// output.
 #ifndef CORPDIR_TOOL_REPORT_H
 #define CORPDIR_TOOL_REPORT_H
 
@@ -6,25 +7,30 @@
 #include <cstdio>
 #include <string>
 
+#include "progress.h"
+#include "terminal.h"
+
 namespace corpdir_tool
 {
 
 struct ReportSettings
 {
-    std::FILE* output = stdout;
-    std::FILE* messages = stderr;
-    bool quiet = false;     // errors only; a server that failed is one
-    bool progress = false;  // a line that is rewritten, for terminals
+    bool quiet = false;  // errors only; a server that failed is one
+    bool progress = false;
 };
 
 // Not thread-safe: belongs to the main thread. Streams are not owned.
 class Report
 {
 public:
-    explicit Report(const ReportSettings& settings) : m_settings(settings) {}
+    // messages must outlive the report.
+    Report(const ReportSettings& settings, const Terminal& messages)
+        : m_settings(settings), m_messages(messages), m_progress(messages)
+    {
+    }
     ~Report()
     {
-        EndProgress();
+        m_progress.Erase();
     }
     Report(const Report&) = delete;
     Report& operator=(const Report&) = delete;
@@ -32,24 +38,27 @@ public:
     // "corpdir: message"
     void Error(const std::string& message);
 
+    // What to do next: "hint: text".
+    void Hint(const std::string& text);
+
     // A failure at one server, named as it happens: "server: reason; next".
     void ServerFailed(const std::string& server, const std::string& reason,
                       const std::string& next);
 
-    // Bytes of a file, on one line that is rewritten. total: TRAVEX_FTP_SIZE_UNKNOWN when unknown.
+    // Bytes of a file. total: TRAVEX_FTP_SIZE_UNKNOWN when unknown.
     void Progress(const std::string& what, std::uint64_t bytes, std::uint64_t total);
-
-    // The result. False when it could not be written.
-    [[nodiscard]] bool Result(const std::string& version, const std::string& path,
-                              std::uint64_t bytes);
 
 private:
     void Line(const std::string& text);
-    void EndProgress();
 
     const ReportSettings m_settings;
-    std::size_t m_progressWidth = 0;  // of the progress line on the screen; 0: none
+    const Terminal& m_messages;
+    ProgressDisplay m_progress;
 };
+
+// The result, on two lines.
+void PrintResult(const std::string& version, const std::string& path, std::uint64_t bytes,
+                 std::FILE* output);
 
 // "12 of 48 bytes (25%)", or "12 bytes" when the total is not known.
 std::string Amount(std::uint64_t bytes, std::uint64_t total);

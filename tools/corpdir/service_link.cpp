@@ -53,7 +53,7 @@ struct RequestRecord
     tag_CORPDIR_DOWNLOADINFO info = {};
 };
 
-void FillRequest(const FetchPlan& plan, const Secret& password, tag_CORPDIR_DOWNLOADINFO& info)
+void FillRequest(const Plan& plan, const Secret& password, tag_CORPDIR_DOWNLOADINFO& info)
 {
     Fill(info.szFtpCtrlInfo, plan.trust);
     Fill(info.szUserName, plan.user);
@@ -72,7 +72,7 @@ void FillRequest(const FetchPlan& plan, const Secret& password, tag_CORPDIR_DOWN
 
 }  // namespace
 
-ServiceLink::ServiceLink(IFtpCorpDir& service, ObserverSetter setObserver, const FetchPlan& plan,
+ServiceLink::ServiceLink(IFtpCorpDir& service, ObserverSetter setObserver, const Plan& plan,
                          EventQueue& events)
     : m_service(service), m_setObserver(setObserver), m_plan(plan), m_events(events)
 {

@@ -22,7 +22,7 @@ public:
     using ObserverSetter = void (*)(TRAVEX_FTP_OBSERVER_CB observer, void* user);
 
     // service, plan and events must outlive the link.
-    ServiceLink(IFtpCorpDir& service, ObserverSetter setObserver, const FetchPlan& plan,
+    ServiceLink(IFtpCorpDir& service, ObserverSetter setObserver, const Plan& plan,
                 EventQueue& events);
     ~ServiceLink();  // stops
     ServiceLink(const ServiceLink&) = delete;
@@ -40,7 +40,7 @@ public:
 private:
     IFtpCorpDir& m_service;
     const ObserverSetter m_setObserver;
-    const FetchPlan& m_plan;
+    const Plan& m_plan;
     EventQueue& m_events;
     bool m_started = false;
 };

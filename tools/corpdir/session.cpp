@@ -1,10 +1,11 @@
 #include "session.h"
 
-#include <signal.h>
-
+#include <set>
 #include <utility>
 
 #include "failure.h"
+#include "hints.h"
+#include "signals.h"
 #include "text.h"
 #include "version_file.h"
 
@@ -17,42 +18,11 @@ namespace
 const char NEXT_SERVER[] = "trying next server";
 const char SAME_SERVER[] = "trying again";
 
-// No server would do better with the same arguments.
-bool IsArgumentRefusal(unsigned int code)
-{
-    return code == TRAVEX_FTP_ERR_PARAM || code == TRAVEX_FTP_ERR_CIPHER ||
-           code == TRAVEX_FTP_ERR_TRUST;
-}
-
-// The reason of such a refusal, with the option that is to blame.
-std::string ArgumentProblem(const Event& event)
-{
-    const char* const option = event.code == TRAVEX_FTP_ERR_CIPHER  ? "--ciphers: "
-                               : event.code == TRAVEX_FTP_ERR_TRUST ? "--ca or --verify-name: "
-                                                                    : "";
-    return option + event.reason;
-}
-
-std::string SignalName(int signalNumber)
-{
-    switch (signalNumber)
-    {
-        case SIGINT:
-            return "SIGINT";
-        case SIGTERM:
-            return "SIGTERM";
-        case SIGHUP:
-            return "SIGHUP";
-        default:
-            return "signal " + std::to_string(signalNumber);
-    }
-}
-
 }  // namespace
 
-Session::Session(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver,
-                 const FetchPlan& plan, std::vector<Server> servers, const Secret& password,
-                 EventQueue& events, Report& report)
+Session::Session(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const Plan& plan,
+                 std::vector<Server> servers, const Secret& password, EventQueue& events,
+                 Report& report)
     : m_plan(plan),
       m_servers(std::move(servers)),
       m_password(password),
@@ -70,7 +40,11 @@ Outcome Session::Run(EventQueue::Clock::time_point deadline)
         status = Handle(m_events.WaitUntil(deadline));
     }
     m_link.Stop();
-    return {*status, m_version.value_or(""), m_bytes};
+    if (*status == EXIT_FETCHED)
+    {
+        m_attempts.push_back({m_servers[m_current], 0, ""});
+    }
+    return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts};
 }
 
 // Makes a request to the servers from `first` on; a server for which it cannot even be started is
@@ -91,18 +65,19 @@ Session::Settled Session::StartFrom(std::size_t first)
             return std::nullopt;
         }
         // The refusal was observed on this thread, before the call returned.
-        std::string reason = "the request could not be started (code " + std::to_string(code) + ")";
+        Event refusal;
+        refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
         for (const Event& event : m_events.TakeServiceEvents())
         {
             if (event.kind == EventKind::REFUSED && IsArgumentRefusal(event.code))
             {
                 return Fail(EXIT_ARGUMENTS, ArgumentProblem(event));
             }
-            reason = event.kind == EventKind::REFUSED ? event.reason : reason;
+            refusal = event.kind == EventKind::REFUSED ? event : refusal;
         }
         // The start itself may have failed halfway, with a transfer under way.
         m_link.Stop();
-        ReportServer(index, reason, index + 1 < m_servers.size() ? NEXT_SERVER : "");
+        ReportServer(index, refusal, index + 1 < m_servers.size() ? NEXT_SERVER : "");
     }
     return NoServerLeft();
 }
@@ -111,6 +86,8 @@ Session::Settled Session::Handle(const Event& event)
 {
     switch (event.kind)
     {
+        case EventKind::ACCEPTED:
+            break;  // progress and outcome follow
         case EventKind::PROGRESS:
             return OnProgress(event);
         case EventKind::TRANSFERRED:
@@ -122,16 +99,18 @@ Session::Settled Session::Handle(const Event& event)
         case EventKind::DELIVERED:
             return EXIT_FETCHED;
         case EventKind::SIGNAL:
-            return Fail(EXIT_SIGNAL + event.signalNumber,
-                        "stopped by " + SignalName(event.signalNumber) + " while " + Activity());
+            return Fail(EXIT_SIGNAL + event.number,
+                        "stopped by " + SignalName(event.number) + " while " + Activity());
         case EventKind::DEADLINE:
-            return Fail(EXIT_NO_OUTCOME, "no outcome within " +
-                                             std::to_string(m_plan.timeout.count()) +
-                                             " s; stopped while " + Activity());
+            return Fail(EXIT_NO_OUTCOME,
+                        "no outcome within " + std::to_string(m_plan.timeout.count()) +
+                            " s; stopped while " + Activity(),
+                        "--timeout allows more");
         case EventKind::OUT_OF_MEMORY:
             return Fail(EXIT_INTERNAL, "memory ran out");
         case EventKind::RESOLVED:
-            break;  // was awaited before the session
+        case EventKind::COMMAND_ENDED:
+            break;  // was awaited before the session; never in one
     }
     return std::nullopt;
 }
@@ -145,7 +124,7 @@ Session::Settled Session::OnProgress(const Event& event)
     }
     m_bytes = event.bytes;
     m_total = event.total;
-    m_report.Progress(m_version ? "directory file" : "version file", m_bytes, m_total);
+    m_report.Progress(m_version ? "directory" : "version", m_bytes, m_total);
     return std::nullopt;
 }
 
@@ -166,9 +145,10 @@ Session::Settled Session::OnTransferred(const Event& event)
     m_current = IndexOf(event);
     if (!file.version)
     {
-        return Fail(EXIT_BAD_VERSION, "version file '" + m_plan.VersionPath() + "' from " +
-                                          m_servers[m_current].Label() +
-                                          " is not valid: " + file.problem);
+        return Fail(EXIT_BAD_VERSION,
+                    "version file '" + m_plan.VersionPath() + "' from " +
+                        m_servers[m_current].Label() + " is not valid: " + file.problem,
+                    "its first line, the version, has 5 to 30 bytes");
     }
     m_version = file.version;
     m_bytes = 0;
@@ -180,11 +160,11 @@ Session::Settled Session::OnFailed(const Event& event)
 {
     if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
     {
-        return Fail(EXIT_LOCAL_FILE, event.reason);
+        return Fail(EXIT_LOCAL_FILE, event.reason, HintFor(event.code));
     }
     if (!IsVersionFile(event))
     {
-        return MoveOn(IndexOf(event), event.reason);
+        return MoveOn(IndexOf(event), event);
     }
     return m_version ? std::nullopt : OnVersionFailed(event);
 }
@@ -199,13 +179,13 @@ Session::Settled Session::OnVersionFailed(const Event& event)
     ++m_failures;
     if (m_failures >= attempts)
     {
-        ReportServer(failed, event.reason, "");
+        ReportServer(failed, event, "");
         return NoServerLeft();
     }
     m_current = servers == 1 ? m_first : m_first + m_failures;
     m_bytes = 0;
     m_total = TRAVEX_FTP_SIZE_UNKNOWN;
-    ReportServer(failed, event.reason, servers == 1 ? SAME_SERVER : NEXT_SERVER);
+    ReportServer(failed, event, servers == 1 ? SAME_SERVER : NEXT_SERVER);
     return std::nullopt;
 }
 
@@ -216,28 +196,49 @@ Session::Settled Session::OnRefused(const Event& event)
     {
         return Fail(EXIT_ARGUMENTS, ArgumentProblem(event));
     }
-    return MoveOn(m_current, event.reason);
+    return MoveOn(m_current, event);
 }
 
 // A new request while anything of the earlier one is under way is not allowed, hence the stop.
-Session::Settled Session::MoveOn(std::size_t failedIndex, const std::string& reason)
+Session::Settled Session::MoveOn(std::size_t failedIndex, const Event& event)
 {
     m_link.Stop();
     const std::size_t next = failedIndex + 1;
-    ReportServer(failedIndex, reason, next < m_servers.size() ? NEXT_SERVER : "");
+    ReportServer(failedIndex, event, next < m_servers.size() ? NEXT_SERVER : "");
     return StartFrom(next);
 }
 
-Session::Settled Session::Fail(int status, const std::string& message)
+Session::Settled Session::Fail(int status, const std::string& message, const std::string& hint)
 {
+    m_error = message;
     m_report.Error(message);
+    if (!hint.empty())
+    {
+        m_report.Hint(hint);
+    }
     return status;
 }
 
 Session::Settled Session::NoServerLeft()
 {
-    return Fail(EXIT_NO_SERVER, "no server left; " + std::to_string(m_servers.size()) +
-                                    " asked, none gave the file");
+    (void)Fail(EXIT_NO_SERVER, "no server left; " + std::to_string(m_servers.size()) +
+                                   " asked, none gave the file");
+    Hint();
+    return EXIT_NO_SERVER;
+}
+
+// For each kind of failure once.
+void Session::Hint() const
+{
+    std::set<std::string> given;
+    for (const Attempt& attempt : m_attempts)
+    {
+        const std::string hint = HintFor(attempt.code);
+        if (!hint.empty() && given.insert(hint).second)
+        {
+            m_report.Hint(hint);
+        }
+    }
 }
 
 bool Session::IsVersionFile(const Event& event) const
@@ -268,9 +269,10 @@ std::string Session::ServerList(std::size_t first) const
     return list;
 }
 
-void Session::ReportServer(std::size_t index, const std::string& reason, const std::string& next)
+void Session::ReportServer(std::size_t index, const Event& event, const std::string& next)
 {
-    m_report.ServerFailed(m_servers[index].Label(), reason, next);
+    m_attempts.push_back({m_servers[index], event.code, event.reason});
+    m_report.ServerFailed(m_servers[index].Label(), event.reason, next);
 }
 
 std::string Session::Activity() const

@@ -17,11 +17,21 @@
 namespace corpdir_tool
 {
 
+// A server that was asked, and why it did not give the file.
+struct Attempt
+{
+    Server server;
+    unsigned int code = 0;  // tagTRAVEX_FTP_RESULT; 0: it gave the file, or none is known
+    std::string reason;     // in words; empty: it gave the file
+};
+
 struct Outcome
 {
-    int status;               // exit status
-    std::string version;      // of a directory file that has arrived
-    std::uint64_t bytes = 0;  // its size
+    int status = 0;                 // exit status
+    std::string error;              // in words, unless it is a success
+    std::string version;            // of a directory file that has arrived
+    std::uint64_t bytes = 0;        // its size
+    std::vector<Attempt> attempts;  // in the order in which they ended
 };
 
 // A state machine on the main thread, fed by the event queue; it never polls. Not thread-safe.
@@ -34,7 +44,7 @@ class Session
 {
 public:
     // All references must outlive the session. servers: not empty.
-    Session(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const FetchPlan& plan,
+    Session(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const Plan& plan,
             std::vector<Server> servers, const Secret& password, EventQueue& events,
             Report& report);
 
@@ -53,17 +63,18 @@ private:
     Settled OnFailed(const Event& event);
     Settled OnVersionFailed(const Event& event);
     Settled OnRefused(const Event& event);
-    Settled MoveOn(std::size_t failedIndex, const std::string& reason);
-    Settled Fail(int status, const std::string& message);
+    Settled MoveOn(std::size_t failedIndex, const Event& event);
+    Settled Fail(int status, const std::string& message, const std::string& hint = "");
     Settled NoServerLeft();
 
     bool IsVersionFile(const Event& event) const;
     std::size_t IndexOf(const Event& event) const;
     std::string ServerList(std::size_t first) const;
-    void ReportServer(std::size_t index, const std::string& reason, const std::string& next);
+    void ReportServer(std::size_t index, const Event& event, const std::string& next);
+    void Hint() const;
     std::string Activity() const;
 
-    const FetchPlan& m_plan;
+    const Plan& m_plan;
     const std::vector<Server> m_servers;
     const Secret& m_password;
     EventQueue& m_events;
@@ -74,7 +85,9 @@ private:
     std::size_t m_current = 0;             // the server that is being asked
     std::size_t m_failures = 0;            // version transfers that failed since the request
     std::optional<std::string> m_version;  // set once the version file is good
-    std::uint64_t m_bytes = 0;             // of the file under way, or of the directory file
+    std::string m_error;
+    std::vector<Attempt> m_attempts;
+    std::uint64_t m_bytes = 0;  // of the file under way, or of the directory file
     std::uint64_t m_total = 0;
 };
 

@@ -46,6 +46,21 @@ timespec TimespecOf(std::chrono::milliseconds duration)
 
 }  // namespace
 
+std::string SignalName(int signalNumber)
+{
+    switch (signalNumber)
+    {
+        case SIGINT:
+            return "SIGINT";
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGHUP:
+            return "SIGHUP";
+        default:
+            return "signal " + std::to_string(signalNumber);
+    }
+}
+
 SignalWatch::SignalWatch(Handler onSignal, Handler lastResort, std::chrono::milliseconds patience)
     : m_onSignal(std::move(onSignal)),
       m_lastResort(std::move(lastResort)),

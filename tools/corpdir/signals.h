@@ -7,10 +7,14 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <string>
 #include <thread>
 
 namespace corpdir_tool
 {
+
+// "SIGTERM".
+std::string SignalName(int signalNumber);
 
 // Receives the signals on a thread of its own for as long as it lives. Make it before any other
 // thread: those inherit that the signals are blocked. One at a time in a process.

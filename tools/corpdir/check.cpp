@@ -1,0 +1,203 @@
+#include "check.h"
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <set>
+
+#include "check_table.h"
+#include "checker.h"
+#include "command.h"
+#include "failure.h"
+#include "ftpcorpdir.h"
+#include "hints.h"
+#include "password.h"
+#include "report.h"
+#include "text.h"
+#include "travex_ftp.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+// An empty directory, removed with what is in it.
+class ScratchDirectory
+{
+public:
+    ScratchDirectory()
+    {
+        std::string pattern = "/tmp/corpdir-check-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr)
+        {
+            throw Failure(EXIT_LOCAL_FILE,
+                          "no scratch directory can be made in /tmp: " + SystemMessage(errno));
+        }
+        m_path = pattern + "/";
+    }
+    ~ScratchDirectory()
+    {
+        std::error_code ignored;
+        (void)std::filesystem::remove_all(m_path, ignored);
+    }
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+    const std::string& Path() const
+    {
+        return m_path;
+    }
+
+private:
+    std::string m_path;
+};
+
+// What `fetch` would end with: it goes on to the next server except after a bad version file.
+int StatusOf(const std::vector<CheckResult>& results)
+{
+    for (const CheckResult& result : results)
+    {
+        if (result.failedAt == CheckStep::DONE)
+        {
+            return EXIT_FETCHED;
+        }
+        if (result.failedAt == CheckStep::VERSION_FILE && result.code == 0)
+        {
+            return EXIT_BAD_VERSION;
+        }
+    }
+    return EXIT_NO_SERVER;
+}
+
+// Shows results as they come, or all together as JSON.
+class CheckPrinter
+{
+public:
+    CheckPrinter(const Options& options, const Plan& plan, Report& report)
+        : m_json(options.json), m_quiet(options.quiet), m_plan(plan), m_report(report)
+    {
+    }
+
+    void Add(const CheckResult& result)
+    {
+        m_results.push_back(result);
+        if (!m_json && !(m_quiet && result.failedAt == CheckStep::DONE))
+        {
+            PrintCheck(result, m_plan, std::time(nullptr), Terminal(stdout));
+            (void)std::fflush(stdout);
+        }
+    }
+
+    // The last words; gives the status back.
+    int End(int status, const std::string& error) const
+    {
+        if (m_json)
+        {
+            PrintChecksAsJson(m_results, m_plan.port, status, error, stdout);
+        }
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        {
+            throw Failure(EXIT_LOCAL_FILE, "the result cannot be written to standard output");
+        }
+        if (!error.empty())
+        {
+            m_report.Error(error);
+            Hint();
+        }
+        return status;
+    }
+
+    const std::vector<CheckResult>& Results() const
+    {
+        return m_results;
+    }
+
+private:
+    void Hint() const
+    {
+        std::set<std::string> given;
+        for (const CheckResult& result : m_results)
+        {
+            const std::string hint = HintFor(result.code);
+            if (!hint.empty() && given.insert(hint).second)
+            {
+                m_report.Hint(hint);
+            }
+        }
+    }
+
+    const bool m_json;
+    const bool m_quiet;
+    const Plan& m_plan;
+    Report& m_report;
+    std::vector<CheckResult> m_results;
+};
+
+std::string ErrorOf(const std::vector<CheckResult>& results, int status)
+{
+    if (status == EXIT_FETCHED)
+    {
+        return "";
+    }
+    return status == EXIT_BAD_VERSION
+               ? "the version file is not valid"
+               : "no server would give the files; " + std::to_string(results.size()) + " asked";
+}
+
+int Check(const Options& options, const CipherSource& ciphers)
+{
+    const Plan plan = MakePlan(options, ciphers);
+    Secret password;
+    ReadPassword(options.passwordFile, password);
+
+    CommandFrame frame(plan, [](int number) { return EXIT_SIGNAL + number; });
+    ReportSettings settings;
+    settings.quiet = options.quiet;
+    Report report(settings, frame.Messages());
+    CheckPrinter printer(options, plan, report);
+    const auto deadline = EventQueue::Clock::now() + plan.timeout;
+    LookupHandlers handlers;
+    handlers.onProblem = [&report](const std::string& problem) { report.Error(problem); };
+    handlers.onGivenUp = [&printer](int status, const std::string& message)
+    { (void)printer.End(status, message); };
+    const std::vector<Server> servers = FindServers(plan, frame.Events(), deadline, handlers);
+    const ScratchDirectory scratch;
+    Checker checker(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan, scratch.Path(),
+                    LimitFileSize, password, frame.Events());
+    try
+    {
+        for (const Server& server : servers)
+        {
+            printer.Add(checker.Check(server, deadline));
+        }
+    }
+    catch (const CheckStopped& stopped)
+    {
+        return printer.End(stopped.status, stopped.message);
+    }
+    const int status = StatusOf(printer.Results());
+    return printer.End(status, ErrorOf(printer.Results(), status));
+}
+
+}  // namespace
+
+int RunCheck(const Options& options, const CipherSource& ciphers)
+{
+    try
+    {
+        return Check(options, ciphers);
+    }
+    catch (const Failure& failure)
+    {
+        if (options.json)
+        {
+            PrintChecksAsJson({}, options.port, failure.Status(), failure.what(), stdout);
+        }
+        throw;
+    }
+}
+
+}  // namespace corpdir_tool

@@ -1,0 +1,71 @@
+// What the commands that talk to servers have in common.
+#ifndef CORPDIR_TOOL_COMMAND_H
+#define CORPDIR_TOOL_COMMAND_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "events.h"
+#include "muted_stderr.h"
+#include "options.h"
+#include "servers.h"
+#include "signals.h"
+#include "terminal.h"
+
+namespace corpdir_tool
+{
+
+// Makes the process ready: signals become events, the log keeps off the terminal, the limits of the
+// plan are handed to the FTP layer. Make it on the main thread before any other exists; one at a
+// time.
+class CommandFrame
+{
+public:
+    // A stop that takes longer than a second ends the process with the status that `lastStatus`
+    // gives for the signal.
+    CommandFrame(const Plan& plan, int (*lastStatus)(int signalNumber));
+
+    EventQueue& Events()
+    {
+        return m_events;
+    }
+
+    // Leads to where standard error led before.
+    const Terminal& Messages() const
+    {
+        return m_messages;
+    }
+
+private:
+    EventQueue m_events;
+    const SignalWatch m_watch;
+    const MutedStandardError m_muted;
+    const Terminal m_messages;
+};
+
+// Sets the FTP layer's limit on the size of a file, which it reads when the service is started; 0:
+// as it was before the first call. Call it while no other thread reads the environment.
+void LimitFileSize(std::uint64_t bytes);
+
+// Leaves without waiting for threads: one that is held up in the system's resolver cannot be
+// joined.
+[[noreturn]] void LeaveAtOnce(int status);
+
+// Told of what goes wrong with names.
+struct LookupHandlers
+{
+    std::function<void(const std::string& problem)> onProblem;  // a name is left out
+    // A stop is asked for, or the time is over; the process ends when this returns.
+    std::function<void(int status, const std::string& message)> onGivenUp;
+};
+
+// The servers with their names replaced by addresses. Throws Failure when there is none.
+std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
+                                EventQueue::Clock::time_point deadline,
+                                const LookupHandlers& handlers);
+
+}  // namespace corpdir_tool
+
+#endif

@@ -1,0 +1,40 @@
+#include "watch.h"
+
+#include <optional>
+
+#include "command.h"
+#include "failure.h"
+#include "ftpcorpdir.h"
+#include "password.h"
+#include "travex_ftp.h"
+#include "watcher.h"
+
+namespace corpdir_tool
+{
+
+int RunWatch(const Options& options, const CipherSource& ciphers)
+{
+    const Plan plan = MakePlan(options, ciphers);
+    Secret password;
+    ReadPassword(options.passwordFile, password);
+
+    // Being asked to stop is how a watch ends.
+    CommandFrame frame(plan, [](int) { return static_cast<int>(EXIT_FETCHED); });
+    WatchOutput output(stdout, options.json, options.quiet);
+    std::optional<ChildCommand> command;
+    if (!options.execute.empty())
+    {
+        command.emplace(options.execute, fileno(frame.Messages().Stream()), frame.Events());
+    }
+    Watcher watcher(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan, SystemLookup, password,
+                    frame.Events(), output, command ? &*command : nullptr);
+    const int status = watcher.Run();
+    if (watcher.LookingUp())
+    {
+        command.reset();
+        LeaveAtOnce(status);
+    }
+    return status;
+}
+
+}  // namespace corpdir_tool
