@@ -1,17 +1,12 @@
 // The program `corpdir fetch` as a process, against real servers: exit statuses, files, messages.
 #include <signal.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <memory>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "files.h"
-#include "ftp_servers.h"
-#include "process.h"
+#include "program_fixture.h"
 
 namespace integration
 {
@@ -39,127 +34,6 @@ using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-
-// What the program ends with.
-enum Status
-{
-    kFetched = 0,
-    kBadArguments = 2,
-    kNoServerLeft = 3,
-    kBadVersion = 4,
-    kNoOutcome = 5,
-    kLocalFile = 6
-};
-
-const std::string kVersion = "edition 17\n";
-const std::string kLeftOut = "(left out)";
-const std::string kOlder = "the directory that was there before\n";
-
-class Program : public ::testing::Test
-{
-protected:
-    Program() : m_directory(PatternBytes(200000, 1))
-    {
-        m_options.tls = Tls::kExplicit;
-        m_options.certificate = m_certificates.Good();
-    }
-
-    // A sanitizer's report would be lost: the program keeps its standard error to itself while the
-    // service runs.
-    ~Program() override
-    {
-        for (const std::string& name : support::FilesIn(m_reports.Path()))
-        {
-            ADD_FAILURE() << ReadFile(m_reports.File(name));
-        }
-    }
-
-    FtpServer& Serve()
-    {
-        return Use(std::make_unique<PyFtpServer>(m_options));
-    }
-
-    FtpServer& ServeWithVsftpd()
-    {
-        return Use(std::make_unique<VsftpdServer>(m_options));
-    }
-
-    // A complete command line; `more` replaces or adds options, each with its value after a '=',
-    // and leaves out those whose value is kLeftOut.
-    Command Fetch(const std::vector<std::string>& more = {}) const
-    {
-        std::vector<std::string> options = {
-            "--servers=" + m_options.host,    "--port=" + std::to_string(m_port),
-            "--user=" + m_options.user,       "--version-file=version.txt",
-            "--directory-file=directory.csv", "--output-dir=" + m_output.Path()};
-        if (m_options.tls == Tls::kNone)
-        {
-            options.push_back("--plain");
-        }
-        else
-        {
-            options.push_back("--ca=" + m_certificates.Authority());
-        }
-        for (const std::string& option : more)
-        {
-            const std::string name = option.substr(0, option.find('='));
-            options.erase(std::remove_if(options.begin(), options.end(),
-                                         [&name](const std::string& old)
-                                         { return old.substr(0, old.find('=')) == name; }),
-                          options.end());
-            if (option != name + "=" + kLeftOut)
-            {
-                options.push_back(option);
-            }
-        }
-        std::vector<std::string> arguments = {CORPDIR_TEST_PROGRAM, "fetch"};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        return {arguments, Environment(m_options.password), ""};
-    }
-
-    std::vector<std::pair<std::string, std::string>> Environment(const std::string& password) const
-    {
-        std::vector<std::pair<std::string, std::string>> variables = {
-            {"CORPDIR_PASSWORD", password}};
-        for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"})
-        {
-            const char* present = std::getenv(name);
-            variables.emplace_back(name, std::string(present == nullptr ? "" : present) +
-                                             ":log_path=" + m_reports.File("report"));
-        }
-        return variables;
-    }
-
-    CommandResult Run(const std::vector<std::string>& more = {}) const
-    {
-        return RunCommand(Fetch(more));
-    }
-
-    void ExpectBothFiles() const
-    {
-        EXPECT_EQ(ReadFile(m_output.File("version.txt")), kVersion);
-        EXPECT_EQ(Sha256(ReadFile(m_output.File("directory.csv"))), Sha256(m_directory));
-        EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
-    }
-
-    TestCertificates m_certificates;
-    FtpServerOptions m_options;
-    std::string m_directory;
-    std::unique_ptr<FtpServer> m_server;
-    int m_port = 1;  // nothing listens there
-    TemporaryDirectory m_output;
-    TemporaryDirectory m_reports;
-
-private:
-    FtpServer& Use(std::unique_ptr<FtpServer> server)
-    {
-        m_server = std::move(server);
-        m_port = m_server->Port();
-        m_server->AddFile("version.txt", kVersion);
-        m_server->AddFile("directory.csv", m_directory);
-        return *m_server;
-    }
-};
 
 TEST_F(Program, FetchesOverFtps)
 {

@@ -18,13 +18,13 @@ namespace corpdir_tool
 enum class EventKind
 {
     // Of the service:
-    ACCEPTED,     // a transfer is to begin
-    PROGRESS,     // bytes of a file have arrived
-    TRANSFERRED,  // a file is complete and in place
-    FAILED,       // a transfer failed
-    REFUSED,      // a transfer was refused before it began
-    DELIVERED,    // the service says that the directory file has arrived
-                // Others:
+    ACCEPTED,       // a transfer is to begin
+    PROGRESS,       // bytes of a file have arrived
+    TRANSFERRED,    // a file is complete and in place
+    FAILED,         // a transfer failed
+    REFUSED,        // a transfer was refused before it began
+    DELIVERED,      // the service says that the directory file has arrived
+                    // Others:
     RESOLVED,       // the names of the servers have been looked up
     COMMAND_ENDED,  // a command that was run for a new file has ended
     SIGNAL,         // the program is asked to stop

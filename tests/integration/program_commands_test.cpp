@@ -1,0 +1,597 @@
+// The program's other commands, and what reads its output by program, against real servers.
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "program_fixture.h"
+
+namespace integration
+{
+namespace
+{
+
+using nlohmann::json;
+using std::chrono::seconds;
+using support::Command;
+using support::CommandResult;
+using support::Process;
+using support::ReadFile;
+using support::RunCommand;
+using support::TemporaryDirectory;
+using support::Tls;
+using support::WaitUntil;
+using support::WriteFile;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+// The line of an output that is a JSON object; messages stand beside it.
+json ObjectIn(const std::string& output)
+{
+    std::istringstream text(output);
+    for (std::string line; std::getline(text, line);)
+    {
+        if (line.rfind('{', 0) == 0)
+        {
+            return json::parse(line);
+        }
+    }
+    ADD_FAILURE() << "no object in: " << output;
+    return json::object();
+}
+
+class ProgramJson : public Program
+{
+};
+
+TEST_F(ProgramJson, TellsServersVersionAndFile)
+{
+    Serve();
+    const CommandResult result = Run({"--servers=127.0.0.2;127.0.0.1", "--json"});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    const json object = ObjectIn(result.output);
+    EXPECT_EQ(object["status"], 0);
+    EXPECT_EQ(object["fetched"], true);
+    EXPECT_EQ(object["error"], nullptr);
+    EXPECT_EQ(object["version"], "edition 17");
+    EXPECT_EQ(object["file"], m_output.Path() + "/directory.csv");
+    EXPECT_EQ(object["bytes"], 200000);
+    EXPECT_GT(object["seconds"], 0.0);
+    ASSERT_EQ(object["servers"].size(), 2U);
+    EXPECT_EQ(object["servers"][0]["address"], "127.0.0.2");
+    EXPECT_EQ(object["servers"][0]["gave"], false);
+    EXPECT_EQ(object["servers"][0]["code"], 16);
+    EXPECT_EQ(object["servers"][0]["reason"], "no connection: Connection refused");
+    EXPECT_EQ(object["servers"][1]["gave"], true);
+    EXPECT_EQ(object["servers"][1]["reason"], nullptr);
+    EXPECT_THAT(result.output, Not(HasSubstr("version: ")));
+}
+
+TEST_F(ProgramJson, TellsAFailureToo)
+{
+    const CommandResult result = Run({"--json"});
+    EXPECT_EQ(result.status, kNoServerLeft);
+    const json object = ObjectIn(result.output);
+    EXPECT_EQ(object["status"], kNoServerLeft);
+    EXPECT_EQ(object["fetched"], false);
+    EXPECT_EQ(object["error"], "no server left; 1 asked, none gave the file");
+    EXPECT_EQ(object["file"], nullptr);
+    EXPECT_EQ(object["bytes"], nullptr);
+}
+
+TEST_F(ProgramJson, TellsABadArgumentToo)
+{
+    const CommandResult result = Run({"--json", "--ciphers=NO-SUCH-SUITE"});
+    EXPECT_EQ(result.status, kBadArguments);
+    EXPECT_EQ(ObjectIn(result.output)["status"], kBadArguments);
+    EXPECT_THAT(ObjectIn(result.output)["error"].get<std::string>(), HasSubstr("NO-SUCH-SUITE"));
+}
+
+class ProgramLimits : public Program
+{
+};
+
+TEST_F(ProgramLimits, AFileBeyondTheSizeIsRefused)
+{
+    Serve();
+    WriteFile(m_output.File("directory.csv"), kOlder);
+    const CommandResult result = Run({"--max-size=199999"});
+    EXPECT_EQ(result.status, kNoServerLeft);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("the file is larger than 199999 bytes"),
+                                     HasSubstr("hint: --max-size allows more")));
+    EXPECT_EQ(ReadFile(m_output.File("directory.csv")), kOlder);
+    EXPECT_EQ(Run({"--max-size=200kb"}).status, kFetched);
+    ExpectBothFiles();
+}
+
+// A listening socket whose queue is full takes no connection and refuses none.
+class FullQueue
+{
+public:
+    FullQueue()
+    {
+        m_address.sin_family = AF_INET;
+        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof m_address;
+        auto* const address = reinterpret_cast<sockaddr*>(&m_address);
+        EXPECT_EQ(bind(m_sockets[0], address, length), 0);
+        EXPECT_EQ(getsockname(m_sockets[0], address, &length), 0);
+        EXPECT_EQ(listen(m_sockets[0], 0), 0);
+        for (std::size_t i = 1; i != m_sockets.size(); ++i)
+        {
+            (void)connect(m_sockets[i], address, length);  // the later ones will not be done
+        }
+    }
+    ~FullQueue()
+    {
+        for (const int socket : m_sockets)
+        {
+            (void)close(socket);
+        }
+    }
+    FullQueue(const FullQueue&) = delete;
+    FullQueue& operator=(const FullQueue&) = delete;
+
+    int Port() const
+    {
+        return ntohs(m_address.sin_port);
+    }
+
+private:
+    static int NewSocket()
+    {
+        return socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    }
+
+    std::array<int, 4> m_sockets{NewSocket(), NewSocket(), NewSocket(), NewSocket()};
+    sockaddr_in m_address{};
+};
+
+TEST_F(ProgramLimits, AConnectionThatDoesNotComeIsGivenUpInTime)
+{
+    const FullQueue queue;
+    m_port = queue.Port();
+    const CommandResult result = Run({"--connect-timeout=1"});
+    EXPECT_EQ(result.status, kNoServerLeft);
+    EXPECT_EQ(result.output,
+              "127.0.0.1: no connection in 1 s; trying again\n"
+              "127.0.0.1: no connection in 1 s\n"
+              "corpdir: no server left; 1 asked, none gave the file\n"
+              "hint: a firewall may drop packets: FTP needs the server's passive ports too; "
+              "--connect-timeout allows more time to connect\n");
+}
+
+class ProgramCiphers : public Program
+{
+protected:
+    json Table() const
+    {
+        const CommandResult result =
+            RunCommand({{CORPDIR_TEST_PROGRAM, "ciphers", "--json"}, Environment(""), ""});
+        EXPECT_EQ(result.status, 0);
+        return json::parse(result.output);
+    }
+};
+
+TEST_F(ProgramCiphers, AreThoseThatTheSystemAllows)
+{
+    std::vector<std::string> defaults;
+    std::vector<std::string> names;
+    for (const json& suite : Table())
+    {
+        names.push_back(suite["standard_name"]);
+        if (suite["default"].get<bool>())
+        {
+            defaults.push_back(suite["identifier"]);
+        }
+    }
+    EXPECT_THAT(defaults,
+                ::testing::UnorderedElementsAre("0x03000035", "0x0300003C", "0x0300003D"));
+    EXPECT_THAT(names, Contains("TLS_AES_256_GCM_SHA384"));
+    EXPECT_THAT(names, Contains("TLS_ECDHE_RSA_WITH_AES_128_GCM_SHA256"));
+    EXPECT_THAT(names, Not(Contains(HasSubstr("NULL"))));
+    EXPECT_THAT(names, Not(Contains(HasSubstr("anon"))));
+}
+
+// Whatever is listed is taken under each of its names: nothing listens, so the connection fails.
+TEST_F(ProgramCiphers, EachIsTakenUnderEachName)
+{
+    for (const json& suite : Table())
+    {
+        const std::string all = suite["identifier"].get<std::string>() + "," +
+                                suite["standard_name"].get<std::string>() + "," +
+                                suite["openssl_name"].get<std::string>();
+        const CommandResult result = Run({"--ciphers=" + all});
+        EXPECT_EQ(result.status, kNoServerLeft) << all << ": " << result.output;
+    }
+}
+
+// Those marked as default are offered when nothing is chosen, and no others.
+TEST_F(ProgramCiphers, TheDefaultIsWhatIsOffered)
+{
+    m_options.max_tls = "1.2";
+    for (const char* name : {"AES256-SHA", "AES128-SHA256", "AES256-SHA256", "AES128-SHA"})
+    {
+        m_options.ciphers = std::string(name) + ":@SECLEVEL=1";
+        Serve();
+        const bool offered = std::string(name) != "AES128-SHA";
+        EXPECT_EQ(Run().status, offered ? kFetched : kNoServerLeft) << name;
+        EXPECT_EQ(Run({std::string("--ciphers=") + name}).status, kFetched) << name;
+    }
+}
+
+class ProgramSettings : public Program
+{
+protected:
+    // Writes a settings file of what a command line holds, and other lines.
+    CommandResult RunWith(const std::string& top, const std::string& sections = "")
+    {
+        std::string text = "# settings\n";
+        const Command line = Fetch();
+        for (std::size_t i = 2; i < line.arguments.size(); ++i)
+        {
+            const std::string option = line.arguments[i].substr(2);
+            const std::size_t equals = option.find('=');
+            text += option.substr(0, equals) + " = \"" + option.substr(equals + 1) + "\"\n";
+        }
+        WriteFile(m_files.File("corpdir.conf"), text + top + "\n" + sections + "\n");
+        return RunCommand(
+            {{CORPDIR_TEST_PROGRAM, "fetch", "--config", m_files.File("corpdir.conf")},
+             Environment(m_options.password),
+             ""});
+    }
+
+    TemporaryDirectory m_files;
+};
+
+TEST_F(ProgramSettings, StandInAFile)
+{
+    Serve();
+    const CommandResult result = RunWith("max-size = 1mb");
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    ExpectBothFiles();
+}
+
+TEST_F(ProgramSettings, TheSectionOfTheCommandGoesBefore)
+{
+    Serve();
+    EXPECT_EQ(RunWith("max-size = 1kb", "[fetch]\nmax-size = 1mb").status, kFetched);
+    EXPECT_EQ(RunWith("max-size = 1mb", "[fetch]\nmax-size = 1kb").status, kNoServerLeft);
+    EXPECT_EQ(RunWith("max-size = 1mb", "[watch]\nmax-size = 1kb").status, kFetched);
+}
+
+TEST_F(ProgramSettings, TheCommandLineGoesBeforeTheFile)
+{
+    Serve();
+    (void)RunWith("max-size = 1kb");
+    const CommandResult result =
+        RunCommand({{CORPDIR_TEST_PROGRAM, "--config", m_files.File("corpdir.conf"), "fetch",
+                     "--max-size", "1mb"},
+                    Environment(m_options.password),
+                    ""});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+}
+
+TEST_F(ProgramSettings, OptionsOfOtherCommandsAreLeftAlone)
+{
+    Serve();
+    EXPECT_EQ(RunWith("exec = \"exit 1\"\nretry = 5").status, kFetched);
+}
+
+TEST_F(ProgramSettings, AMisspeltOptionIsRefused)
+{
+    for (const char* lines : {"verify-nmae = \"dir.example\"", "[fetch]\nexec = \"true\"",
+                              "[no-such]\nuser = \"x\"", "password = \"x\""})
+    {
+        const CommandResult result = RunWith("", lines);
+        EXPECT_EQ(result.status, kBadArguments) << lines;
+        EXPECT_THAT(result.output, HasSubstr("--config: no command has an option '")) << lines;
+    }
+}
+
+TEST_F(ProgramSettings, AFileThatIsNotThereIsRefused)
+{
+    const CommandResult result = RunCommand(
+        {{CORPDIR_TEST_PROGRAM, "--config", m_files.File("none"), "fetch"}, Environment(""), ""});
+    EXPECT_EQ(result.status, kBadArguments);
+    EXPECT_THAT(result.output, HasSubstr(m_files.File("none")));
+}
+
+class ProgramCheck : public Program
+{
+protected:
+    CommandResult Check(const std::vector<std::string>& more = {}) const
+    {
+        return RunCommand(Line("check", more));
+    }
+
+    // Nothing was downloaded, and nothing is left.
+    void ExpectNoDownload() const
+    {
+        EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 0U);
+        EXPECT_THAT(support::FilesIn(m_output.Path()), IsEmpty());
+    }
+};
+
+TEST_F(ProgramCheck, ShowsEachStep)
+{
+    ServeWithVsftpd();
+    const CommandResult result = Check();
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output,
+                ::testing::MatchesRegex(
+                    "127\\.0\\.0\\.1, port [0-9]+\n"
+                    "  connect +[0-9.]+ ms  ok\n"
+                    "  TLS +[0-9.]+ ms  TLSv1\\.2, TLS_RSA_WITH_AES_[A-Z0-9_]+\n"
+                    "  certificate +CN=server, valid until 20[0-9-]+ \\([0-9]+ days left\\)\n"
+                    "  login +[0-9.]+ ms  ok as ftp\n"
+                    "  version file +[0-9.]+ ms  'edition 17', 11 bytes; data channel resumed the "
+                    "TLS session\n"
+                    "  directory file +there, 200000 bytes\n"));
+    ExpectNoDownload();
+}
+
+TEST_F(ProgramCheck, IsReadByPrograms)
+{
+    Serve();
+    const CommandResult result = Check({"--servers=127.0.0.2;127.0.0.1", "--json"});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    const json object = ObjectIn(result.output);
+    EXPECT_EQ(object["status"], 0);
+    EXPECT_EQ(object["port"], m_port);
+    ASSERT_EQ(object["servers"].size(), 2U);
+    EXPECT_EQ(object["servers"][0]["works"], false);
+    EXPECT_EQ(object["servers"][0]["reason"], "no connection: Connection refused");
+    const json& server = object["servers"][1];
+    EXPECT_EQ(server["works"], true);
+    EXPECT_EQ(server["tls_version"], "TLSv1.2");
+    EXPECT_EQ(server["certificate_subject"], "CN=server");
+    EXPECT_EQ(server["session_resumed"], true);
+    EXPECT_EQ(server["version"], "edition 17");
+    EXPECT_EQ(server["directory_bytes"], 200000);
+    EXPECT_LT(0.0, server["seconds"]["connected"]);
+    EXPECT_LT(server["seconds"]["connected"], server["seconds"]["secured"]);
+    EXPECT_LT(server["seconds"]["secured"], server["seconds"]["logged_in"]);
+    EXPECT_LT(server["seconds"]["logged_in"], server["seconds"]["opened"]);
+    EXPECT_LT(server["seconds"]["opened"], server["seconds"]["ended"]);
+    ExpectNoDownload();
+}
+
+TEST_F(ProgramCheck, ChecksPlainFtp)
+{
+    m_options.tls = Tls::kNone;
+    Serve();
+    const CommandResult result = Check();
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output, AllOf(HasSubstr("'edition 17', 11 bytes\n"), Not(HasSubstr("TLS"))));
+    ExpectNoDownload();
+}
+
+TEST_F(ProgramCheck, ShowsACertificateThatIsNotAccepted)
+{
+    m_options.certificate = m_certificates.Expired();
+    Serve();
+    const CommandResult result = Check();
+    EXPECT_EQ(result.status, kNoServerLeft);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("certificate                failed: "),
+                                     HasSubstr("expired"), HasSubstr("CN=server, valid until"),
+                                     HasSubstr("(expired)"), HasSubstr("hint: --ca")));
+}
+
+TEST_F(ProgramCheck, ShowsAWrongPassword)
+{
+    Serve();
+    Command command = Line("check");
+    command.environment = Environment("not-the-password");
+    const CommandResult result = RunCommand(command);
+    EXPECT_EQ(result.status, kNoServerLeft);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("login                      failed: "),
+                                     HasSubstr("hint: check --user")));
+}
+
+TEST_F(ProgramCheck, ShowsAMissingDirectoryFile)
+{
+    Serve();
+    const CommandResult result = Check({"--directory-file=none.csv"});
+    EXPECT_EQ(result.status, kNoServerLeft);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("'edition 17'"), HasSubstr("directory file             failed: ")));
+}
+
+TEST_F(ProgramCheck, ShowsADirectoryFileBeyondTheLimit)
+{
+    Serve();
+    const CommandResult result = Check({"--max-size=100kb"});
+    EXPECT_EQ(result.status, kNoServerLeft);
+    EXPECT_THAT(result.output,
+                HasSubstr("failed: the file has 200000 bytes, --max-size allows 100000"));
+    ExpectNoDownload();
+}
+
+TEST_F(ProgramCheck, ShowsAVersionFileThatIsNone)
+{
+    Serve().AddFile("version.txt", "oops\n");
+    const CommandResult result = Check();
+    EXPECT_EQ(result.status, kBadVersion);
+    EXPECT_THAT(result.output, HasSubstr("failed: its first line 'oops' is shorter than 5 bytes"));
+    ExpectNoDownload();
+}
+
+TEST_F(ProgramCheck, NamesWhatDoesNotResolve)
+{
+    Serve();
+    const CommandResult result = Check({"--servers=no-such-host.invalid;127.0.0.1"});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("no-such-host.invalid: "));
+}
+
+// The watch with a timer of the service that runs three thousand times as fast.
+class ProgramWatch : public Program
+{
+protected:
+    ~ProgramWatch() override
+    {
+        if (m_process != nullptr)
+        {
+            m_process->Stop();
+        }
+    }
+
+    void Watch(const std::vector<std::string>& more = {})
+    {
+        Command command = Line("watch", more, CORPDIR_FAST_TIMER_PROGRAM);
+        command.output_file = m_files.File("said");
+        m_process = std::make_unique<Process>(command);
+    }
+
+    std::string Said() const
+    {
+        return ReadFile(m_files.File("said"));
+    }
+
+    std::size_t Count(const std::string& text) const
+    {
+        const std::string said = Said();
+        std::size_t count = 0;
+        for (std::size_t at = said.find(text); at != std::string::npos;
+             at = said.find(text, at + 1))
+        {
+            ++count;
+        }
+        return count;
+    }
+
+    bool Await(const std::string& text, std::size_t times = 1) const
+    {
+        return WaitUntil([&] { return Count(text) >= times; }, seconds(30));
+    }
+
+    TemporaryDirectory m_files;
+    std::unique_ptr<Process> m_process;
+};
+
+TEST_F(ProgramWatch, FetchesEachNewVersionAndNothingElse)
+{
+    Serve();
+    const std::string given = m_files.File("given");
+    Watch({"--exec=echo \"$CORPDIR_FILE $CORPDIR_VERSION\" >>" + given});
+    ASSERT_TRUE(Await("unchanged: version 'edition 17'", 3)) << Said();
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 1U);
+    const std::string newer = support::PatternBytes(50000, 2);
+    m_server->AddFile("directory.csv", newer);
+    m_server->AddFile("version.txt", "edition 18\n");
+    ASSERT_TRUE(Await("unchanged: version 'edition 18'", 2)) << Said();
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 2U);
+    EXPECT_EQ(ReadFile(m_output.File("directory.csv")), newer);
+    const std::string file = m_output.File("directory.csv");
+    ASSERT_TRUE(Await("the command has ended", 2)) << Said();
+    EXPECT_EQ(ReadFile(given), file + " edition 17\n" + file + " edition 18\n");
+    EXPECT_THAT(Said(), Not(HasSubstr(m_options.password)));
+}
+
+// So that no version is missed: the service alone would not ask again.
+TEST_F(ProgramWatch, ADirectoryFileThatFailedIsAskedForAgain)
+{
+    Serve();
+    std::filesystem::remove(m_server->Root() + "/directory.csv");
+    Watch({"--retry=1"});
+    ASSERT_TRUE(Await("failed: directory.csv from 127.0.0.1: ")) << Said();
+    m_server->AddFile("directory.csv", m_directory);
+    ASSERT_TRUE(Await("downloaded ")) << Said();
+    ExpectBothFiles();
+    EXPECT_GE(Count("asking again in 1 s"), 1U);
+}
+
+TEST_F(ProgramWatch, OutlivesAnOutage)
+{
+    Serve();
+    Watch();
+    ASSERT_TRUE(Await("unchanged", 1)) << Said();
+    m_server->Stop();
+    ASSERT_TRUE(Await("the next check is due within 600 s", 2)) << Said();
+    m_options.port = m_port;
+    Serve().AddFile("version.txt", "edition 18\n");
+    ASSERT_TRUE(Await("version 'edition 18', 200000 bytes")) << Said();
+}
+
+TEST_F(ProgramWatch, TellsEventsAsJson)
+{
+    Serve();
+    Watch({"--json"});
+    ASSERT_TRUE(Await("\"unchanged\"")) << Said();
+    m_process->Signal(SIGTERM);
+    EXPECT_EQ(m_process->Wait(seconds(10)), 0);
+    std::istringstream text(Said());
+    std::vector<std::string> events;
+    for (std::string line; std::getline(text, line);)
+    {
+        events.push_back(json::parse(line)["event"]);
+    }
+    ASSERT_GE(events.size(), 6U);
+    EXPECT_THAT(std::vector<std::string>(events.begin(), events.begin() + 5),
+                ElementsAre("checking", "new_version", "downloaded", "checking", "unchanged"));
+    EXPECT_EQ(events.back(), "stopped");
+}
+
+class ProgramWatchStops : public ProgramWatch, public ::testing::WithParamInterface<int>
+{
+};
+
+TEST_P(ProgramWatchStops, WithinASecond)
+{
+    Serve();
+    Watch({"--exec=sleep 60"});
+    ASSERT_TRUE(Await("unchanged")) << Said();
+    const auto begun = std::chrono::steady_clock::now();
+    m_process->Signal(GetParam());
+    EXPECT_EQ(m_process->Wait(seconds(10)), 0) << Said();
+#ifndef CORPDIR_TESTS_UNDER_SANITIZERS
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, seconds(1));
+#endif
+    EXPECT_THAT(Said(), HasSubstr("stopped by SIG"));
+    EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ProgramWatchStops, ::testing::Values(SIGTERM, SIGINT),
+                         [](const auto& test)
+                         { return std::string(test.param == SIGTERM ? "SIGTERM" : "SIGINT"); });
+
+TEST_F(ProgramWatch, StopsInTheMiddleOfADownload)
+{
+    m_options.bytes_per_second = 20000;
+    Serve();
+    WriteFile(m_output.File("directory.csv"), kOlder);
+    Watch();
+    ASSERT_TRUE(Await("new version")) << Said();
+    m_process->Signal(SIGTERM);
+    EXPECT_EQ(m_process->Wait(seconds(10)), 0) << Said();
+    EXPECT_EQ(ReadFile(m_output.File("directory.csv")), kOlder);
+    EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
+}
+
+TEST_F(ProgramWatch, ABadArgumentEndsIt)
+{
+    Watch({"--ciphers=0x0001"});
+    EXPECT_EQ(m_process->Wait(seconds(30)), kBadArguments) << Said();
+}
+
+TEST(ProgramVersion, NamesTheLibraries)
+{
+    const CommandResult result = RunCommand({{CORPDIR_TEST_PROGRAM, "--version"}, {}, ""});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, ::testing::MatchesRegex("corpdir [0-9.]+, built [A-Za-z0-9 :]+ UTC\n"
+                                                       "libcurl/7[^\n]*OpenSSL/3[^\n]*\n"));
+}
+
+}  // namespace
+}  // namespace integration
