@@ -177,7 +177,7 @@ void AddLimitOptions(CLI::App& command, Options& options)
     command
         .add_option("--max-size", options.maxSize,
                     "Largest file to accept, such as 500000, 20kb or 1gb (16gb)")
-        ->transform(CLI::AsSizeValue(true))
+        ->transform(CLI::AsSizeValue(true).description(""))
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60).description(""))
         ->type_name("SIZE")
         ->group(group);
