@@ -27,7 +27,8 @@ ALLOWED = {
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
     "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"},
-    "examples": {"ftpcorpdir.h"},
+    "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"},
+    "examples": {"ftpcorpdir.h", "corpdir_c.h"},
 }
 
 # The one folder in which a library's headers may stand.
@@ -69,8 +70,8 @@ def wrong_includes(root, path):
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    sources = [p for top in ("platform", "service", "tools", "examples")
-               for p in sorted((root / top).rglob("*")) if p.suffix in (".h", ".cpp")]
+    sources = [p for top in ("platform", "service", "bindings", "tools", "examples")
+               for p in sorted((root / top).rglob("*")) if p.suffix in (".h", ".c", ".cpp")]
     unplaced = [str(p.relative_to(root)) for p in sources if folder_of(p.relative_to(root)) is None]
     wrong = [w for p in sources if folder_of(p.relative_to(root)) for w in wrong_includes(root, p)]
     for line in wrong + [u + ": a folder without rules" for u in unplaced]:

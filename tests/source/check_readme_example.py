@@ -1,13 +1,20 @@
 #!/usr/bin/env python3
-"""Checks that the client example in README.md is the one that is compiled: check_readme_example.py SOURCE_DIR"""
+"""Checks that the examples in the pages are the ones that are compiled and run.
+
+Usage: check_readme_example.py SOURCE_DIR
+"""
 
 import pathlib
 import sys
 
+EXAMPLES = [("README.md", "cpp", "examples/fetch_directory.cpp"),
+            ("docs/bindings.md", "c", "examples/fetch_directory.c"),
+            ("docs/bindings.md", "python", "examples/fetch_directory.py")]
+
 root = pathlib.Path(sys.argv[1])
-compiled = (root / "examples/fetch_directory.cpp").read_text().strip()
-blocks = (root / "README.md").read_text().split("```cpp\n")[1:]
-shown = [block.split("```")[0].strip() for block in blocks]
-if compiled not in shown:
-    sys.exit("README.md does not show examples/fetch_directory.cpp as it is")
-print("README.md shows the compiled example")
+for page, language, example in EXAMPLES:
+    compiled = (root / example).read_text().strip()
+    blocks = (root / page).read_text().split("```%s\n" % language)[1:]
+    if compiled not in [block.split("```")[0].strip() for block in blocks]:
+        sys.exit("%s does not show %s as it is" % (page, example))
+    print("%s shows %s" % (page, example))

@@ -1,0 +1,579 @@
+#include "corpdir_c.h"
+
+#include <string.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "event_thread.h"
+#include "ftpcorpdir.h"
+#include "request.h"
+#include "travex_ftp.h"
+
+namespace corpdir_c
+{
+namespace
+{
+
+constexpr std::uint32_t CIPHER_PREFIX = 0x03000000;  // of the service's identifiers
+constexpr std::size_t MAX_CIPHERS = 65536;
+
+// Why a check was refused while the calling thread was starting it.
+struct Refusal
+{
+    corpdir_code code = CORPDIR_ERR_NOT_STARTED;
+    char reason[512] = "";
+};
+
+thread_local Refusal* t_refusal = nullptr;
+
+// Where the service's callback puts its news: it carries no user pointer.
+std::atomic<EventThread*> g_events{nullptr};
+
+// Failures are told better by the observer, which gives the reason.
+void OnResult(unsigned int /*kind*/, unsigned int result, const char* /*text*/, void* /*reserved*/)
+{
+    EventThread* const events = g_events;
+    if (result == 0 && events != nullptr)
+    {
+        events->PushDelivered();
+    }
+}
+
+void OnObservation(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
+{
+    if (seen->ulKind == TRAVEX_FTP_OBSERVED_ACCEPTED)
+    {
+        return;  // the client hears of a transfer when something comes of it
+    }
+    if (seen->ulKind != TRAVEX_FTP_OBSERVED_REFUSED || t_refusal == nullptr)
+    {
+        static_cast<EventThread*>(user)->Push(*seen);
+        return;
+    }
+    t_refusal->code = CodeOf(seen->ulRet);
+    const std::size_t length = strnlen(seen->pcReason, sizeof t_refusal->reason - 1);
+    memcpy(t_refusal->reason, seen->pcReason, length);
+    t_refusal->reason[length] = '\0';
+}
+
+// The one client of the process and the service under it. Thread-safe.
+//
+// m_mutex guards all members. It is held while the service is called, which waits for the service's
+// threads: these take the event queue's lock alone. It is not held while a callback of the client
+// is waited for, which may call any function of the interface.
+//
+// Never destroyed: calls may come until the process is gone.
+class Binding
+{
+public:
+    static Binding& Get();
+
+    corpdir_code Open(const corpdir_log_settings* log, corpdir_client*& client);
+    void Close(corpdir_client* client);
+    corpdir_code Start(corpdir_client* client, const corpdir_request& record);
+    std::size_t StartReason(corpdir_client* client, char* buffer, std::size_t capacity);
+    corpdir_code SetCiphers(corpdir_client* client, const std::uint16_t* suites, std::size_t count);
+    corpdir_code AddCipher(corpdir_client* client, std::uint16_t suite);
+
+private:
+    using Lock = std::unique_lock<std::mutex>;
+
+    bool IsOpen(corpdir_client* client) const;
+    corpdir_client* NextClient();
+    corpdir_code OpenService();
+    void StopService();
+    void Detach();
+    void Retire();
+    void ForgetEnded();
+    void WaitForEnd(Lock& lock, corpdir_client* client);
+    bool MakeWay(Lock& lock, corpdir_client* client);
+    corpdir_code StartStopped(Request& request, Refusal& refusal);
+    corpdir_code ApplyCiphers();
+    corpdir_code Failed(corpdir_code code, const char* reason);
+
+    std::mutex m_mutex;
+    std::condition_variable m_closed;
+
+    corpdir_client* m_client = nullptr;  // the open one
+    bool m_closing = false;              // on another thread than its event thread
+    std::uintptr_t m_lastClient = 1;
+    std::shared_ptr<EventThread> m_events;
+    std::shared_ptr<EventThread> m_ended;  // of clients closed within their callbacks
+
+    bool m_hasLog = false;
+    tag_CORPDIR_LOGINFO m_log = {};
+    std::vector<int> m_ciphers;
+    bool m_defaultCiphersFirst = false;  // the list only adds
+    bool m_running = false;              // the service was started, and not stopped since
+    bool m_asked = false;                // a request is under way
+    char m_reason[512] = "";             // why the last start failed
+};
+
+Binding& Binding::Get()
+{
+    static Binding* const instance = new Binding;
+    return *instance;
+}
+
+bool Binding::IsOpen(corpdir_client* client) const
+{
+    return client != nullptr && client == m_client && !m_closing;
+}
+
+// Numbers in the guise of pointers, counted through the life of the process: a closed client is
+// never taken for a later one. Odd ones, so that none is mistaken for the address of something.
+corpdir_client* Binding::NextClient()
+{
+    m_lastClient += 2;
+    corpdir_client* client = nullptr;
+    static_assert(sizeof(void*) == sizeof m_lastClient, "a client holds a number");
+    memcpy(&client, &m_lastClient, sizeof m_lastClient);
+    return client;
+}
+
+corpdir_code Binding::OpenService()
+{
+    constexpr unsigned int NOT_THE_LOG = 1;
+    tag_CORPDIR_LOGINFO log = m_log;
+    const unsigned int result = GetCorpDirInstance()->CorpDirInit(m_hasLog ? &log : nullptr);
+    m_running = result == 0;
+    if (!m_running)
+    {
+        GetCorpDirInstance()->CorpDirUninit();  // which belongs between a failed start and the next
+        return result == NOT_THE_LOG ? CORPDIR_ERR_SERVICE : CORPDIR_ERR_LOG;
+    }
+    return CORPDIR_OK;
+}
+
+void Binding::StopService()
+{
+    if (m_running)
+    {
+        GetCorpDirInstance()->CorpDirUninit();
+    }
+    m_running = false;
+    m_asked = false;
+}
+
+// After this nothing of the layers below knows the event thread.
+void Binding::Detach()
+{
+    StopService();
+    TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    g_events = nullptr;
+    m_events->Stop();
+    m_ciphers.clear();
+}
+
+// An event thread that closes its client cannot be joined before its callback has returned.
+void Binding::Retire()
+{
+    m_events->nextEnded = std::move(m_ended);
+    m_ended = std::move(m_events);
+    m_client = nullptr;
+}
+
+// Joins the threads that have ended since, without waiting.
+void Binding::ForgetEnded()
+{
+    for (std::shared_ptr<EventThread>* link = &m_ended; *link != nullptr;)
+    {
+        if ((*link)->Over())
+        {
+            (*link)->Join();
+            std::shared_ptr<EventThread> next = std::move((*link)->nextEnded);
+            *link = std::move(next);
+        }
+        else
+        {
+            link = &(*link)->nextEnded;
+        }
+    }
+}
+
+// Waits for the callback in which this client was closed.
+void Binding::WaitForEnd(Lock& lock, corpdir_client* client)
+{
+    std::shared_ptr<EventThread> ended = m_ended;
+    while (ended != nullptr && ended->Client() != client)
+    {
+        ended = ended->nextEnded;
+    }
+    if (ended != nullptr)
+    {
+        lock.unlock();
+        ended->Join();
+        lock.lock();
+    }
+    ForgetEnded();
+}
+
+corpdir_code Binding::Open(const corpdir_log_settings* log, corpdir_client*& client)
+{
+    tag_CORPDIR_LOGINFO info = {};
+    const corpdir_code usable = log == nullptr ? CORPDIR_OK : ReadLogSettings(*log, info);
+    if (usable != CORPDIR_OK)
+    {
+        return usable;
+    }
+    const Lock lock(m_mutex);
+    ForgetEnded();
+    if (m_client != nullptr)
+    {
+        return CORPDIR_ERR_BUSY;
+    }
+    m_hasLog = log != nullptr;
+    m_log = info;
+    m_reason[0] = '\0';
+    corpdir_client* const opened = NextClient();
+    auto events = std::make_shared<EventThread>(opened);
+    events->Start();
+    m_events = std::move(events);
+    g_events = m_events.get();
+    TRAVEX_FTP_SetObserver(&OnObservation, m_events.get());
+    const corpdir_code code = OpenService();
+    if (code != CORPDIR_OK)
+    {
+        Detach();
+        m_events->Join();  // it has had no callback to wait for
+        m_events.reset();
+        return code;
+    }
+    m_client = opened;
+    client = opened;
+    return CORPDIR_OK;
+}
+
+void Binding::Close(corpdir_client* client)
+{
+    Lock lock(m_mutex);
+    if (IsOpen(client))
+    {
+        Detach();
+        if (m_events->IsCaller())
+        {
+            Retire();
+            return;
+        }
+        m_closing = true;
+        const std::shared_ptr<EventThread> events = m_events;
+        lock.unlock();
+        events->Join();
+        lock.lock();
+        m_events.reset();
+        m_client = nullptr;
+        m_closing = false;
+        m_closed.notify_all();
+    }
+    // A callback neither waits for itself nor for another one, which may wait for it.
+    if (EventThread::CallerIsOne())
+    {
+        return;
+    }
+    m_closed.wait(lock, [&] { return m_client != client; });
+    WaitForEnd(lock, client);
+}
+
+// Stops an earlier request and waits for its callback. False when the client was closed meanwhile.
+bool Binding::MakeWay(Lock& lock, corpdir_client* client)
+{
+    while (IsOpen(client))
+    {
+        if (m_asked)
+        {
+            StopService();
+        }
+        m_events->Hold();
+        if (m_events->IsCaller() || !m_events->InCallback())
+        {
+            return true;
+        }
+        // That callback may make a request itself, which then is an earlier one.
+        const std::shared_ptr<EventThread> events = m_events;
+        lock.unlock();
+        events->WaitForCallback();
+        lock.lock();
+    }
+    return false;
+}
+
+corpdir_code Binding::ApplyCiphers()
+{
+    if (m_ciphers.empty())
+    {
+        return CORPDIR_OK;
+    }
+    IFtpCorpDir* const service = GetCorpDirInstance();
+    const auto count = static_cast<unsigned int>(m_ciphers.size());
+    const unsigned int result =
+        m_defaultCiphersFirst ? service->CorpDirAddFtpCipherListToDirImpl(m_ciphers.data(), count)
+                              : service->CorpDirSetFtpCipherListToDirImpl(m_ciphers.data(), count);
+    return result == 0 ? CORPDIR_OK : CORPDIR_ERR_MEMORY;
+}
+
+corpdir_code Binding::StartStopped(Request& request, Refusal& refusal)
+{
+    corpdir_code code = m_running ? CORPDIR_OK : OpenService();
+    if (code == CORPDIR_OK)
+    {
+        code = ApplyCiphers();
+    }
+    if (code != CORPDIR_OK)
+    {
+        return code;
+    }
+    t_refusal = &refusal;
+    const unsigned int result =
+        GetCorpDirInstance()->CorpDirDownloadNetaddr(&request.Info(), &OnResult);
+    t_refusal = nullptr;
+    return result == 0 ? CORPDIR_OK : refusal.code;
+}
+
+corpdir_code Binding::Failed(corpdir_code code, const char* reason)
+{
+    const std::size_t length = std::min(strlen(reason), sizeof m_reason - 1);
+    memcpy(m_reason, reason, length);
+    m_reason[length] = '\0';
+    return code;
+}
+
+corpdir_code Binding::Start(corpdir_client* client, const corpdir_request& record)
+{
+    Request request;
+    const corpdir_code usable = request.Read(record);
+    Lock lock(m_mutex);
+    if (!IsOpen(client))
+    {
+        return CORPDIR_ERR_CLIENT;
+    }
+    if (usable != CORPDIR_OK)
+    {
+        return Failed(usable, corpdir_error_text(usable));
+    }
+    if (!MakeWay(lock, client))
+    {
+        return CORPDIR_ERR_CLIENT;
+    }
+    Refusal refusal;
+    const corpdir_code code = StartStopped(request, refusal);
+    if (code != CORPDIR_OK)
+    {
+        StopService();  // which wipes what the service has of the request
+        m_events->Hold();
+        return Failed(code, *refusal.reason != '\0' ? refusal.reason : corpdir_error_text(code));
+    }
+    m_asked = true;
+    m_reason[0] = '\0';
+    m_events->Release(record.on_event, record.user_data);
+    return CORPDIR_OK;
+}
+
+std::size_t Binding::StartReason(corpdir_client* client, char* buffer, std::size_t capacity)
+{
+    const Lock lock(m_mutex);
+    const char* const reason = IsOpen(client) ? m_reason : "";
+    const std::size_t length = strlen(reason);
+    if (capacity > 0)
+    {
+        const std::size_t copied = std::min(length, capacity - 1);
+        memcpy(buffer, reason, copied);
+        buffer[copied] = '\0';
+    }
+    return length;
+}
+
+corpdir_code Binding::SetCiphers(corpdir_client* client, const std::uint16_t* suites,
+                                 std::size_t count)
+{
+    std::vector<int> ciphers;
+    ciphers.reserve(count);
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        ciphers.push_back(static_cast<int>(CIPHER_PREFIX | suites[i]));
+    }
+    const Lock lock(m_mutex);
+    if (!IsOpen(client))
+    {
+        return CORPDIR_ERR_CLIENT;
+    }
+    m_ciphers.swap(ciphers);
+    m_defaultCiphersFirst = false;
+    return CORPDIR_OK;
+}
+
+corpdir_code Binding::AddCipher(corpdir_client* client, std::uint16_t suite)
+{
+    const Lock lock(m_mutex);
+    if (!IsOpen(client))
+    {
+        return CORPDIR_ERR_CLIENT;
+    }
+    const int cipher = static_cast<int>(CIPHER_PREFIX | suite);
+    if (std::find(m_ciphers.begin(), m_ciphers.end(), cipher) == m_ciphers.end())
+    {
+        m_defaultCiphersFirst = m_defaultCiphersFirst || m_ciphers.empty();
+        m_ciphers.push_back(cipher);
+    }
+    return CORPDIR_OK;
+}
+
+// What runs out becomes a code: nothing may be thrown into another language.
+template <class Body>
+corpdir_code Guarded(Body body) noexcept
+{
+    try
+    {
+        return body();
+    }
+    catch (const std::bad_alloc&)
+    {
+        return CORPDIR_ERR_MEMORY;
+    }
+    catch (const std::system_error&)
+    {
+        return CORPDIR_ERR_MEMORY;
+    }
+}
+
+struct CodeText
+{
+    corpdir_code code;
+    const char* text;
+};
+
+constexpr CodeText CODE_TEXTS[] = {
+    {CORPDIR_OK, "success"},
+    {CORPDIR_ERR_ARGUMENT, "a null pointer, or a record whose size or reserved member is wrong"},
+    {CORPDIR_ERR_CLIENT, "the client is not open"},
+    {CORPDIR_ERR_BUSY, "the process has an open client already"},
+    {CORPDIR_ERR_MEMORY, "memory or threads ran out"},
+    {CORPDIR_ERR_LOG, "the log's directory cannot be used"},
+    {CORPDIR_ERR_SERVICE, "the service could not be started; the log says why"},
+    {CORPDIR_ERR_NOT_STARTED, "the first check could not be started; the log says why"},
+    {CORPDIR_ERR_CONNECT, "no connection to the server"},
+    {CORPDIR_ERR_TLS, "TLS was refused, or its handshake failed"},
+    {CORPDIR_ERR_CERTIFICATE, "the server's certificate was not accepted"},
+    {CORPDIR_ERR_LOGIN, "the server did not accept user or password"},
+    {CORPDIR_ERR_FILE, "the server does not give the file"},
+    {CORPDIR_ERR_REPLY, "the server said something it must not, or too much"},
+    {CORPDIR_ERR_TIMEOUT, "a limit on time ran out"},
+    {CORPDIR_ERR_PARTIAL, "the file ended early, or its size is not the one announced"},
+    {CORPDIR_ERR_TOO_LARGE, "the file is larger than the limit"},
+    {CORPDIR_ERR_LOCAL_FILE, "the local file cannot be written"},
+    {CORPDIR_ERR_TRANSFER, "the transfer failed"},
+    {CORPDIR_ERR_REFUSED, "the transfer was refused for one of its parameters"},
+    {CORPDIR_ERR_CIPHER, "a cipher suite is unknown or not allowed"},
+    {CORPDIR_ERR_AUTHORITIES, "the trust text, or the file it names, cannot be used"},
+    {CORPDIR_ERR_SYSTEM, "memory or another resource of the system ran out"},
+    {CORPDIR_ERR_SERVERS,
+     "servers: missing, or not a list separated by \";\" of names and addresses of 1 to 255 bytes"},
+    {CORPDIR_ERR_USER, "user: not 1 to 127 bytes without control bytes"},
+    {CORPDIR_ERR_PASSWORD, "password: not 1 to 127 bytes without control bytes"},
+    {CORPDIR_ERR_VERSION_FILE,
+     "version_file: not 1 to 255 bytes without control bytes and a closing \"/\""},
+    {CORPDIR_ERR_DIRECTORY_FILE,
+     "directory_file: not 1 to 255 bytes without control bytes and a closing \"/\", or the version "
+     "file"},
+    {CORPDIR_ERR_VERSION_DIR, "version_dir: not 1 to 127 bytes with a closing \"/\""},
+    {CORPDIR_ERR_VERSION_NAME,
+     "version_name: not a plain name of 1 to 255 bytes, or the directory file's place"},
+    {CORPDIR_ERR_DIRECTORY_DIR, "directory_dir: not 1 to 127 bytes with a closing \"/\""},
+    {CORPDIR_ERR_DIRECTORY_NAME, "directory_name: not a plain name of 1 to 255 bytes"},
+    {CORPDIR_ERR_LOCAL_ADDRESS, "local_address: not an IPv4 or IPv6 address"},
+    {CORPDIR_ERR_TRUST, "trust: not 1 to 255 bytes without control bytes"},
+    {CORPDIR_ERR_PORT, "port: above 65535"},
+    {CORPDIR_ERR_MODE, "mode: neither FTPS nor FTP"},
+    {CORPDIR_ERR_VERIFICATION, "without_verification: neither 0 nor 1"},
+    {CORPDIR_ERR_LOG_DIR, "log directory: longer than 255 bytes, or with a control byte"},
+    {CORPDIR_ERR_LOG_LEVEL, "log level: above 2"},
+};
+
+}  // namespace
+}  // namespace corpdir_c
+
+using corpdir_c::Binding;
+using corpdir_c::Guarded;
+
+corpdir_code corpdir_open(const corpdir_log_settings* log, corpdir_client** client)
+{
+    if (client == nullptr)
+    {
+        return CORPDIR_ERR_ARGUMENT;
+    }
+    *client = nullptr;
+    return Guarded([=] { return Binding::Get().Open(log, *client); });
+}
+
+void corpdir_close(corpdir_client* client)
+{
+    if (client != nullptr)
+    {
+        (void)Guarded(
+            [=]
+            {
+                Binding::Get().Close(client);
+                return CORPDIR_OK;
+            });
+    }
+}
+
+corpdir_code corpdir_start(corpdir_client* client, const corpdir_request* request)
+{
+    if (request == nullptr)
+    {
+        return CORPDIR_ERR_ARGUMENT;
+    }
+    return Guarded([=] { return Binding::Get().Start(client, *request); });
+}
+
+size_t corpdir_start_reason(corpdir_client* client, char* buffer, size_t capacity)
+{
+    std::size_t length = 0;
+    (void)Guarded(
+        [&]
+        {
+            length = Binding::Get().StartReason(client, buffer, buffer == nullptr ? 0 : capacity);
+            return CORPDIR_OK;
+        });
+    return length;
+}
+
+corpdir_code corpdir_set_ciphers(corpdir_client* client, const uint16_t* suites, size_t count)
+{
+    if ((suites == nullptr && count != 0) || count > corpdir_c::MAX_CIPHERS)
+    {
+        return CORPDIR_ERR_ARGUMENT;
+    }
+    return Guarded([=] { return Binding::Get().SetCiphers(client, suites, count); });
+}
+
+corpdir_code corpdir_add_cipher(corpdir_client* client, uint16_t suite)
+{
+    return Guarded([=] { return Binding::Get().AddCipher(client, suite); });
+}
+
+const char* corpdir_error_text(uint32_t code)
+{
+    for (const corpdir_c::CodeText& known : corpdir_c::CODE_TEXTS)
+    {
+        if (static_cast<std::uint32_t>(known.code) == code)
+        {
+            return known.text;
+        }
+    }
+    return "unknown code";
+}
+
+const char* corpdir_version(void)
+{
+    return CORPDIR_VERSION;
+}

@@ -1,0 +1,249 @@
+/* Corporate-directory download service: the interface for C, and for every language that calls C.
+ *
+ * The service fetches a small version file from an FTP or FTPS server, compares its first line with
+ * the version it accepted last, and fetches the directory file when that line changed. It repeats
+ * the check every ten minutes, moves on to the next server of the list when one fails, and tells
+ * the client through events.
+ *
+ *     corpdir_client* client;
+ *     corpdir_open(NULL, &client);          the log opens, the service runs
+ *     corpdir_start(client, &request);      first check now, then every ten minutes
+ *     corpdir_close(client);                stop
+ *
+ * Threads. Every function may be called on any thread, also on several at once, and within the
+ * callback. Events are delivered on one thread of the library's own, one at a time, in the order in
+ * which they happened; a slow callback holds up later events and nothing else. That thread blocks
+ * all signals.
+ *
+ * Waiting. corpdir_close, and corpdir_start while an earlier request is under way, wait for a
+ * callback in progress unless they are called within a callback. So do not call them while holding
+ * a lock that the callback takes.
+ *
+ * The end of a process. A process may end without corpdir_close: from exit() on no callback begins,
+ * and one in progress is waited for at most 1 s. In the child of a fork nothing here may be called.
+ *
+ * Texts are NUL-terminated byte strings, file names in the encoding of the system and the server.
+ * Records begin with their size, so that they can grow at their end. Zero a record first: every
+ * zero member asks for the default named beside it.
+ *
+ * Sources of C99, C++11 and later may include this file. */
+#ifndef CORPDIR_C_H
+#define CORPDIR_C_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define CORPDIR_API extern "C" __attribute__((visibility("default")))
+#else
+#define CORPDIR_API __attribute__((visibility("default")))
+#endif
+
+/* What a call returns, and what an event says of a transfer that failed. */
+typedef enum corpdir_code
+{
+    CORPDIR_OK = 0,
+
+    /* Of calls. */
+    CORPDIR_ERR_ARGUMENT = 1,    /* a null pointer, or a record of a size that is unknown */
+    CORPDIR_ERR_CLIENT = 2,      /* the client is not open, or another thread is closing it */
+    CORPDIR_ERR_BUSY = 3,        /* the process has an open client already */
+    CORPDIR_ERR_MEMORY = 4,      /* memory or threads ran out */
+    CORPDIR_ERR_LOG = 5,         /* the log's directory cannot be used */
+    CORPDIR_ERR_SERVICE = 6,     /* the service could not be started; the log says why */
+    CORPDIR_ERR_NOT_STARTED = 7, /* the first check could not be started: a server's name that
+                                  * has no address, for instance; the log says why */
+
+    /* Of transfers that failed. */
+    CORPDIR_ERR_CONNECT = 16,     /* no connection: refused, unreachable, no answer */
+    CORPDIR_ERR_TLS = 17,         /* TLS refused, or its handshake failed */
+    CORPDIR_ERR_CERTIFICATE = 18, /* the server's certificate was not accepted */
+    CORPDIR_ERR_LOGIN = 19,       /* user or password not accepted */
+    CORPDIR_ERR_FILE = 20,        /* the server does not give the file */
+    CORPDIR_ERR_REPLY = 21,       /* the server said something it must not, or too much */
+    CORPDIR_ERR_TIMEOUT = 22,     /* a limit on time ran out */
+    CORPDIR_ERR_PARTIAL = 23,     /* the file ended early, or its size is not the one announced */
+    CORPDIR_ERR_TOO_LARGE = 24,   /* the file is larger than the limit */
+    CORPDIR_ERR_LOCAL_FILE = 25,  /* the local file cannot be written */
+    CORPDIR_ERR_TRANSFER = 26,    /* any other failure of the transfer */
+
+    /* Of transfers that were refused before they began; of corpdir_start too. */
+    CORPDIR_ERR_REFUSED = 32,     /* a parameter that cannot be used */
+    CORPDIR_ERR_CIPHER = 33,      /* a cipher suite that is unknown or not allowed */
+    CORPDIR_ERR_AUTHORITIES = 34, /* a trust text that cannot be used, or its file */
+    CORPDIR_ERR_SYSTEM = 35,      /* memory or another resource of the system ran out */
+
+    /* Members of a record that cannot be used; the rule stands beside the member. */
+    CORPDIR_ERR_SERVERS = 48,
+    CORPDIR_ERR_USER = 49,
+    CORPDIR_ERR_PASSWORD = 50,
+    CORPDIR_ERR_VERSION_FILE = 51,
+    CORPDIR_ERR_DIRECTORY_FILE = 52,
+    CORPDIR_ERR_VERSION_DIR = 53,
+    CORPDIR_ERR_VERSION_NAME = 54,
+    CORPDIR_ERR_DIRECTORY_DIR = 55,
+    CORPDIR_ERR_DIRECTORY_NAME = 56,
+    CORPDIR_ERR_LOCAL_ADDRESS = 57,
+    CORPDIR_ERR_TRUST = 58,
+    CORPDIR_ERR_PORT = 59,
+    CORPDIR_ERR_MODE = 60,
+    CORPDIR_ERR_VERIFICATION = 61,
+    CORPDIR_ERR_LOG_DIR = 62,
+    CORPDIR_ERR_LOG_LEVEL = 63
+} corpdir_code;
+
+/* An open service. Not an address of anything: a client that was closed is recognised as such. */
+typedef struct corpdir_client corpdir_client;
+
+/* Where the service writes its log, and how much of it. */
+typedef struct corpdir_log_settings
+{
+    size_t size;             /* sizeof(corpdir_log_settings) */
+    const char* directory;   /* of corpdir.log, at most 255 bytes; NULL or "": standard error */
+    uint32_t level;          /* highest level written: 0 errors, 1 fallbacks too, 2 everything */
+    uint32_t max_file_bytes; /* a file may reach before it is rotated; 0: 10 MiB */
+    uint32_t max_files;      /* rotated files kept beside the current one; 0: 5 */
+    uint32_t reserved;       /* 0 */
+} corpdir_log_settings;
+
+/* How a request's servers are spoken to. */
+typedef enum corpdir_mode
+{
+    CORPDIR_MODE_FTPS = 0, /* control and data encrypted; implicit on port 990 */
+    CORPDIR_MODE_FTP = 1   /* nothing is encrypted, the password included */
+} corpdir_mode;
+
+/* Kinds of event. */
+typedef enum corpdir_event_kind
+{
+    CORPDIR_EVENT_PROGRESS = 1, /* bytes of a file have arrived; at most ten a second of a file */
+    CORPDIR_EVENT_TRANSFERRED = 2, /* a file is complete and in place; a check that finds the
+                                    * version unchanged ends with this one, of the version file */
+    CORPDIR_EVENT_FAILED = 3,      /* a transfer failed: code and reason; the file that was there
+                                    * before is untouched. For the version file the next server may
+                                    * be tried next, so that several can precede a success */
+    CORPDIR_EVENT_REFUSED = 4,     /* a later transfer could not be begun: code and reason */
+    CORPDIR_EVENT_DELIVERED = 5,   /* the directory file is complete under its local name; server,
+                                    * file and bytes are those of its transfer */
+    CORPDIR_EVENT_LOST = 6 /* memory ran out: one or more events before this one are missing */
+} corpdir_event_kind;
+
+#define CORPDIR_SIZE_UNKNOWN UINT64_MAX
+
+/* What happened. The record and its texts belong to the library, and are valid for the call. No
+ * text is NULL; one that is not known is "". */
+typedef struct corpdir_event
+{
+    size_t size;        /* of this record in the library */
+    uint32_t kind;      /* corpdir_event_kind; later versions may add some */
+    uint32_t code;      /* corpdir_code of a failure or refusal, else CORPDIR_OK */
+    const char* server; /* "192.0.2.1:21" or "[2001:db8::1]:21" */
+    const char* file;   /* on the server, as the request named it */
+    const char* reason; /* of a failure or refusal, in words: a sentence */
+    uint64_t bytes;     /* received so far */
+    uint64_t total;     /* size the server announced; CORPDIR_SIZE_UNKNOWN until it did */
+} corpdir_event;
+
+/* Told of each event, on the library's event thread, one call at a time. user: as the request
+ * gave it. Every function of this header may be called within; it must not throw, nor end its
+ * thread. */
+typedef void (*corpdir_event_fn)(void* user, const corpdir_event* event);
+
+/* A download request. Control bytes are refused in every text. */
+typedef struct corpdir_request
+{
+    size_t size;                /* sizeof(corpdir_request) */
+    const char* servers;        /* separated by ";" without blanks: IPv4 or IPv6 addresses or host
+                                 * names, each at most 255 bytes. Required */
+    const char* user;           /* FTP login, 1 to 127 bytes. Required */
+    const char* password;       /* 1 to 127 bytes. Required */
+    const char* version_file;   /* on the server, 1 to 255 bytes, not ending in "/". Required */
+    const char* directory_file; /* likewise, and another file than version_file. Required */
+    const char* directory_dir;  /* existing local directory for the directory file, at most 127
+                                 * bytes with a closing "/", which may be left out. Required */
+    const char* directory_name; /* its name there, at most 255 bytes, without "/"; NULL: the
+                                 * last part of directory_file */
+    const char* version_dir;    /* likewise for the version file; NULL: directory_dir */
+    const char* version_name;   /* NULL: the last part of version_file */
+    const char* local_address;  /* IPv4 or IPv6 address to connect from; NULL or "": the system's
+                                 * choice */
+    const char* trust;          /* whom to accept, at most 255 bytes; NULL: "system", the system's
+                                 * certificate store. Else the path of a PEM file or directory of
+                                 * certification authorities, or "key=value" pairs separated by ";":
+                                 * ca= (a path or "system"), name= (DNS names separated by ",", one of
+                                 * which the certificate must carry), tls=implicit */
+    uint32_t port;              /* 0: 21; at most 65535 */
+    uint32_t mode;              /* corpdir_mode */
+    uint32_t without_verification; /* 0: the server's certificate is checked; 1: it is not, and
+                                    * whoever answers gets the password */
+    uint32_t reserved;             /* 0 */
+    corpdir_event_fn on_event;     /* NULL: nobody is told */
+    void* user_data;               /* handed to on_event; stays the caller's */
+} corpdir_request;
+
+/* Opens the service: the log, the service's threads, the event thread. log: NULL for standard
+ * error at level 2; copied. *client is set on success, and to NULL else; it is closed with
+ * corpdir_close. One client in a process at a time. Blocks for the opening of the log, 5 s at
+ * most. CORPDIR_ERR_ARGUMENT, _BUSY, _MEMORY, _LOG, _SERVICE, _LOG_DIR, _LOG_LEVEL. */
+CORPDIR_API corpdir_code corpdir_open(const corpdir_log_settings* log, corpdir_client** client);
+
+/* Stops the service, wipes the request's data, the password included, and closes the client. A
+ * transfer under way is cancelled, the file that was there before is untouched, events that
+ * were not delivered are dropped.
+ *
+ * After it returns no callback of the client runs, and user_data may be freed. Called within
+ * the callback it does not wait for that: the callback in progress is the last one, the client
+ * is closed at once, and a new one may be opened within. A close of the same client on another
+ * thread then waits for the callback's end.
+ *
+ * NULL and a client that is closed already are harmless. Any thread. Blocks until a callback in
+ * progress has returned, the log is written (5 s at most) and the service's threads have ended;
+ * the resolution of a server's name can delay these. */
+CORPDIR_API void corpdir_close(corpdir_client* client);
+
+/* Takes a request and starts its first check; a check follows every ten minutes. The record and
+ * its texts are copied during the call, and remain the caller's; wipe the password. The service
+ * keeps it in sealed form only.
+ *
+ * While an earlier request is under way the service is stopped and started underneath: its
+ * transfer is cancelled and its events are dropped; once the new request is taken, its callback
+ * does not run any more and its user_data may be freed, unless this is called within that
+ * callback. A request that is refused for one of its members changes nothing.
+ *
+ * Events may be delivered before the call returns. After a failure nothing of the request is
+ * under way, nothing of it is delivered, and no earlier request goes on, unless the code is one
+ * of a member, CORPDIR_ERR_ARGUMENT or CORPDIR_ERR_CLIENT. corpdir_start_reason has it in words.
+ *
+ * Any thread. Blocks for the resolution of the first server's name, if it is one; with an
+ * earlier request for what corpdir_close waits for. CORPDIR_ERR_ARGUMENT, _CLIENT, _MEMORY,
+ * _LOG, _SERVICE, _NOT_STARTED, _REFUSED, _CIPHER, _AUTHORITIES, _SYSTEM, and from _SERVERS to
+ * _VERIFICATION. */
+CORPDIR_API corpdir_code corpdir_start(corpdir_client* client, const corpdir_request* request);
+
+/* Copies a sentence about the client's last corpdir_start into buffer, cut to fit and terminated;
+ * "" after a success. Returns the sentence's length, 0 also for a client that is not open. buffer:
+ * may be NULL when capacity is 0. Any thread. Waits for a call that is under way on another. */
+CORPDIR_API size_t corpdir_start_reason(corpdir_client* client, char* buffer, size_t capacity);
+
+/* TLS cipher suites that FTPS offers, in order of preference, as two-byte IANA numbers (0x1302
+ * is TLS_AES_256_GCM_SHA384). They hold for the client until it is closed, and for requests
+ * made afterwards. When none are set: 0x0035, 0x003C, 0x003D, which old servers speak, and
+ * which have no forward secrecy. An unknown suite is found by corpdir_start.
+ *
+ * Any thread. Waits for a call that is under way on another. CORPDIR_ERR_ARGUMENT, _CLIENT,
+ * _MEMORY. */
+
+/* Replaces the list by a copy of count suites, at most 65536; none: the three again. */
+CORPDIR_API corpdir_code corpdir_set_ciphers(corpdir_client* client, const uint16_t* suites,
+                                             size_t count);
+
+/* Appends one suite, to the three when none are set. One that is in the list stays there. */
+CORPDIR_API corpdir_code corpdir_add_cipher(corpdir_client* client, uint16_t suite);
+
+/* What a code means, in words; never NULL. A constant of the library. Any thread. */
+CORPDIR_API const char* corpdir_error_text(uint32_t code);
+
+/* The library's version, such as "1.0.0". A constant of the library. Any thread. */
+CORPDIR_API const char* corpdir_version(void);
+
+#endif

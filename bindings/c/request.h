@@ -1,0 +1,44 @@
+// The records of the C interface: what may stand in them, and the service's records made of them.
+#ifndef CORPDIR_C_REQUEST_H
+#define CORPDIR_C_REQUEST_H
+
+#include "corpdir_c.h"
+#include "ftpcorpdir.h"
+
+namespace corpdir_c
+{
+
+// Copies settings into the service's record. CORPDIR_OK, or what is wrong with them.
+corpdir_code ReadLogSettings(const corpdir_log_settings& settings, tag_CORPDIR_LOGINFO& info);
+
+// The service's record of a request, filled for one call. It holds the password, and is wiped at
+// the end.
+class Request
+{
+public:
+    Request() = default;
+    ~Request();
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+
+    // CORPDIR_OK, or what is wrong with the request. Takes no memory, so that a start that runs out
+    // of it has stopped the earlier request. List of servers and local address are not copied.
+    corpdir_code Read(const corpdir_request& request) noexcept;
+
+    tag_CORPDIR_DOWNLOADINFO& Info()
+    {
+        return m_info;
+    }
+
+private:
+    corpdir_code ReadServer(const corpdir_request& request);
+    corpdir_code ReadFiles(const corpdir_request& request);
+    corpdir_code ReadDirectories(const corpdir_request& request);
+    corpdir_code ReadOptions(const corpdir_request& request);
+
+    tag_CORPDIR_DOWNLOADINFO m_info = {};
+};
+
+}  // namespace corpdir_c
+
+#endif

@@ -1,0 +1,91 @@
+#include "c_client.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <ostream>
+
+#include <gtest/gtest.h>
+
+namespace integration
+{
+
+void PrintTo(const Event& event, std::ostream* stream)
+{
+    *stream << "(kind " << event.kind << ", code " << event.code << ", " << event.server << ", "
+            << event.file << ", " << event.bytes << " bytes, " << event.reason << ")";
+}
+
+void Told::OnEvent(void* user, const corpdir_event* event)
+{
+    EXPECT_EQ(event->size, sizeof *event);
+    auto& told = *static_cast<Told*>(user);
+    const Event copy = {static_cast<corpdir_event_kind>(event->kind),
+                        static_cast<corpdir_code>(event->code),
+                        event->server,
+                        event->file,
+                        event->reason,
+                        event->bytes,
+                        event->total};
+    std::function<void(const Event&)> action;
+    {
+        const std::lock_guard<std::mutex> lock(told.m_mutex);
+        told.m_events.push_back(copy);
+        action = told.m_action;
+    }
+    if (action)
+    {
+        action(copy);
+    }
+}
+
+void Told::Then(std::function<void(const Event&)> action)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_action = std::move(action);
+}
+
+std::vector<Event> Told::Events() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_events;
+}
+
+std::vector<Event> Told::Of(corpdir_event_kind kind) const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<Event> found;
+    std::copy_if(m_events.begin(), m_events.end(), std::back_inserter(found),
+                 [kind](const Event& event) { return event.kind == kind; });
+    return found;
+}
+
+bool Told::WaitFor(corpdir_event_kind kind, std::size_t count) const
+{
+    return support::WaitUntil([&] { return Of(kind).size() >= count; }, std::chrono::seconds(30));
+}
+
+CRequest::CRequest(const support::FtpServer& server, const support::TestCertificates& certificates,
+                   const std::string& output, Told& told)
+    : servers(server.Host()),
+      user(server.Options().user),
+      password(server.Options().password),
+      trust("ca=" + certificates.Authority()),
+      directory(output)
+{
+    record.size = sizeof record;
+    record.servers = servers.c_str();
+    record.port = static_cast<std::uint32_t>(server.Port());
+    record.user = user.c_str();
+    record.password = password.c_str();
+    record.trust = trust.c_str();
+    record.version_file = "version.txt";
+    record.directory_file = "directory.csv";
+    record.directory_dir = directory.c_str();
+    record.mode =
+        server.Options().tls == support::Tls::kNone ? CORPDIR_MODE_FTP : CORPDIR_MODE_FTPS;
+    record.on_event = &Told::OnEvent;
+    record.user_data = &told;
+}
+
+}  // namespace integration

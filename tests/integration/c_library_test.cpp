@@ -1,0 +1,962 @@
+// The C library, linked as its users link it, against real FTPS servers.
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <set>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "c_client.h"
+
+namespace integration
+{
+namespace
+{
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using support::FilesIn;
+using support::FtpServerOptions;
+using support::PatternBytes;
+using support::PyFtpServer;
+using support::ReadFile;
+using support::TemporaryDirectory;
+using support::TestCertificates;
+using support::Tls;
+using support::WaitUntil;
+using support::WriteFile;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+constexpr std::size_t kDirectorySize = 300000;
+
+corpdir_log_settings LogIn(const std::string& directory)
+{
+    corpdir_log_settings log = {};
+    log.size = sizeof log;
+    log.directory = directory.c_str();
+    log.level = 2;
+    return log;
+}
+
+// A client that was opened; the test may close it before.
+class CLibrary : public ::testing::Test
+{
+protected:
+    CLibrary()
+    {
+        Open();
+    }
+
+    ~CLibrary() override
+    {
+        corpdir_close(m_client);
+    }
+
+    void Open()
+    {
+        const corpdir_log_settings log = LogIn(m_log.Path());
+        EXPECT_EQ(corpdir_open(&log, &m_client), CORPDIR_OK);
+        ASSERT_NE(m_client, nullptr);
+    }
+
+    std::string StartReason() const
+    {
+        char reason[512] = "untouched";
+        const std::size_t length = corpdir_start_reason(m_client, reason, sizeof reason);
+        EXPECT_EQ(length, std::string(reason).size());
+        return reason;
+    }
+
+    TemporaryDirectory m_output;
+    TemporaryDirectory m_log;
+    corpdir_client* m_client = nullptr;
+};
+
+// With a server that has both files.
+class CLibraryFetch : public CLibrary
+{
+protected:
+    explicit CLibraryFetch(int bytes_per_second = 0, std::size_t size = kDirectorySize)
+        : m_bytes(PatternBytes(size, 3))
+    {
+        m_options.tls = Tls::kExplicit;
+        m_options.certificate = m_certificates.Good();
+        m_options.bytes_per_second = bytes_per_second;
+        m_server = std::make_unique<PyFtpServer>(m_options);
+        m_server->AddFile("version.txt", "edition 17\n");
+        m_server->AddFile("directory.csv", m_bytes);
+    }
+
+    ~CLibraryFetch() override
+    {
+        // Before what its callbacks use.
+        corpdir_close(m_client);
+    }
+
+    std::string Endpoint() const
+    {
+        return m_server->Host() + ":" + std::to_string(m_server->Port());
+    }
+
+    corpdir_code Start(Told& told)
+    {
+        return Start(told, [](CRequest&) {});
+    }
+
+    corpdir_code Start(Told& told, const std::function<void(CRequest&)>& change)
+    {
+        CRequest request(*m_server, m_certificates, m_output.Path(), told);
+        change(request);
+        return corpdir_start(m_client, &request.record);
+    }
+
+    // A fetch of its own, from an opened client to a delivered file.
+    void ExpectFetch()
+    {
+        Told told;
+        ASSERT_EQ(Start(told), CORPDIR_OK);
+        EXPECT_TRUE(told.WaitFor(CORPDIR_EVENT_DELIVERED));
+        corpdir_close(m_client);
+        EXPECT_THAT(told.Of(CORPDIR_EVENT_FAILED), IsEmpty());
+        EXPECT_EQ(ReadFile(m_output.File("directory.csv")), m_bytes);
+    }
+
+    TestCertificates m_certificates;
+    FtpServerOptions m_options;
+    std::string m_bytes;
+    std::unique_ptr<PyFtpServer> m_server;
+    Told m_told;
+};
+
+// A directory that takes minutes at the server's rate.
+class CLibraryTransfer : public CLibraryFetch
+{
+protected:
+    CLibraryTransfer() : CLibraryFetch(1000000, 60000000) {}
+
+    // Until the directory's first bytes have been told.
+    void StartTransfer()
+    {
+        ASSERT_EQ(Start(m_told), CORPDIR_OK);
+        ASSERT_TRUE(WaitUntil([this] { return UnderWay(m_told); }));
+    }
+
+    static bool UnderWay(const Told& told)
+    {
+        for (const Event& event : told.Of(CORPDIR_EVENT_PROGRESS))
+        {
+            if (event.file == "directory.csv" && event.bytes > 0)
+            {
+                return true;
+            }
+        }
+        return false;
+    }
+};
+
+TEST(CLibraryTexts, NameTheVersionAndEveryCode)
+{
+    EXPECT_STREQ(corpdir_version(), CORPDIR_TEST_VERSION);
+    std::set<std::string> texts;
+    std::size_t codes = 0;
+    for (const auto& range : {std::make_pair(0u, 7u), std::make_pair(16u, 26u),
+                              std::make_pair(32u, 35u), std::make_pair(48u, 63u)})
+    {
+        for (std::uint32_t code = range.first; code <= range.second; ++code, ++codes)
+        {
+            texts.insert(corpdir_error_text(code));
+        }
+    }
+    EXPECT_THAT(texts, SizeIs(codes));
+    EXPECT_THAT(texts, Not(Contains("unknown code")));
+    EXPECT_STREQ(corpdir_error_text(8), "unknown code");
+    EXPECT_STREQ(corpdir_error_text(UINT32_MAX), "unknown code");
+}
+
+TEST(CLibraryOpen, RefusesUnusableSettings)
+{
+    TemporaryDirectory directory;
+    const auto opened = [&](const std::function<void(corpdir_log_settings&)>& change)
+    {
+        corpdir_log_settings log = LogIn(directory.Path());
+        change(log);
+        int place = 0;
+        auto* client = reinterpret_cast<corpdir_client*>(&place);
+        const corpdir_code code = corpdir_open(&log, &client);
+        EXPECT_EQ(client, nullptr);
+        return code;
+    };
+    const std::string long_directory(256, 'd');
+    const std::string missing = directory.File("missing");
+    EXPECT_EQ(opened([](corpdir_log_settings& log) { log.size = 0; }), CORPDIR_ERR_ARGUMENT);
+    EXPECT_EQ(opened([](corpdir_log_settings& log) { log.reserved = 1; }), CORPDIR_ERR_ARGUMENT);
+    EXPECT_EQ(opened([](corpdir_log_settings& log) { log.level = 3; }), CORPDIR_ERR_LOG_LEVEL);
+    EXPECT_EQ(opened([](corpdir_log_settings& log) { log.directory = "a\nb"; }),
+              CORPDIR_ERR_LOG_DIR);
+    EXPECT_EQ(opened([&](corpdir_log_settings& log) { log.directory = long_directory.c_str(); }),
+              CORPDIR_ERR_LOG_DIR);
+    EXPECT_EQ(opened([&](corpdir_log_settings& log) { log.directory = missing.c_str(); }),
+              CORPDIR_ERR_LOG);
+    EXPECT_EQ(corpdir_open(nullptr, nullptr), CORPDIR_ERR_ARGUMENT);
+}
+
+TEST_F(CLibrary, OpensAgainAfterAClose)
+{
+    corpdir_client* const first = m_client;
+    for (int i = 0; i < 5; ++i)
+    {
+        corpdir_close(m_client);
+        Open();
+        EXPECT_NE(m_client, first);
+    }
+}
+
+TEST_F(CLibrary, ASecondOneIsRefusedWhileTheFirstIsOpen)
+{
+    corpdir_client* second = m_client;
+    EXPECT_EQ(corpdir_open(nullptr, &second), CORPDIR_ERR_BUSY);
+    EXPECT_EQ(second, nullptr);
+}
+
+TEST_F(CLibrary, NothingAndAClosedClientAreHarmless)
+{
+    corpdir_close(nullptr);
+    corpdir_close(m_client);
+    corpdir_close(m_client);
+    corpdir_request request = {};
+    request.size = sizeof request;
+    const std::uint16_t suite = 0x1302;
+    char reason[8] = "before";
+    for (corpdir_client* client : {m_client, static_cast<corpdir_client*>(nullptr)})
+    {
+        EXPECT_EQ(corpdir_start(client, &request), CORPDIR_ERR_CLIENT);
+        EXPECT_EQ(corpdir_set_ciphers(client, &suite, 1), CORPDIR_ERR_CLIENT);
+        EXPECT_EQ(corpdir_add_cipher(client, suite), CORPDIR_ERR_CLIENT);
+        EXPECT_EQ(corpdir_start_reason(client, reason, sizeof reason), 0u);
+        EXPECT_STREQ(reason, "");
+    }
+    EXPECT_EQ(corpdir_start(m_client, nullptr), CORPDIR_ERR_ARGUMENT);
+}
+
+TEST_F(CLibrary, CipherArgumentsAreChecked)
+{
+    const std::vector<std::uint16_t> many(65537, 0x1302);
+    EXPECT_EQ(corpdir_set_ciphers(m_client, nullptr, 1), CORPDIR_ERR_ARGUMENT);
+    EXPECT_EQ(corpdir_set_ciphers(m_client, many.data(), many.size()), CORPDIR_ERR_ARGUMENT);
+    EXPECT_EQ(corpdir_set_ciphers(m_client, many.data(), many.size() - 1), CORPDIR_OK);
+    EXPECT_EQ(corpdir_set_ciphers(m_client, nullptr, 0), CORPDIR_OK);
+}
+
+// --- Members of a request that cannot be used ---
+
+struct BadMember
+{
+    const char* name;
+    corpdir_code code;
+    std::function<void(corpdir_request&)> change;
+};
+
+void PrintTo(const BadMember& member, std::ostream* stream)
+{
+    *stream << member.name;
+}
+
+const std::string kDots256(256, '.');
+const std::string kDots255(255, '.');
+const std::string kDots128(128, '.');
+const std::string kDots127(127, '.');
+const std::string kServers = "127.0.0.1;" + std::string(256, 'a');
+
+const BadMember kBadMembers[] = {
+    {"SizeZero", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.size = 0; }},
+    {"SizeOfAnOlderOne", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.size -= 1; }},
+    {"SizeNotSet", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.size = 1u << 30; }},
+    {"Reserved", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.reserved = 1; }},
+    {"ServersMissing", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = nullptr; }},
+    {"ServersEmpty", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = ""; }},
+    {"ServersWithAGap", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a;;b"; }},
+    {"ServersWithATail", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a;"; }},
+    {"ServersWithABlank", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a; b"; }},
+    {"ServerTooLong", CORPDIR_ERR_SERVERS,
+     [](corpdir_request& r) { r.servers = kServers.c_str(); }},
+    {"UserMissing", CORPDIR_ERR_USER, [](corpdir_request& r) { r.user = nullptr; }},
+    {"UserEmpty", CORPDIR_ERR_USER, [](corpdir_request& r) { r.user = ""; }},
+    {"UserTooLong", CORPDIR_ERR_USER, [](corpdir_request& r) { r.user = kDots128.c_str(); }},
+    {"UserWithAnotherCommand", CORPDIR_ERR_USER,
+     [](corpdir_request& r) { r.user = "u\r\nDELE directory.csv"; }},
+    {"PasswordMissing", CORPDIR_ERR_PASSWORD, [](corpdir_request& r) { r.password = nullptr; }},
+    {"PasswordEmpty", CORPDIR_ERR_PASSWORD, [](corpdir_request& r) { r.password = ""; }},
+    {"PasswordTooLong", CORPDIR_ERR_PASSWORD,
+     [](corpdir_request& r) { r.password = kDots128.c_str(); }},
+    {"PasswordWithALineFeed", CORPDIR_ERR_PASSWORD,
+     [](corpdir_request& r) { r.password = "a\nb"; }},
+    {"VersionFileMissing", CORPDIR_ERR_VERSION_FILE,
+     [](corpdir_request& r) { r.version_file = nullptr; }},
+    {"VersionFileTooLong", CORPDIR_ERR_VERSION_FILE,
+     [](corpdir_request& r) { r.version_file = kDots256.c_str(); }},
+    {"VersionFileADirectory", CORPDIR_ERR_VERSION_FILE,
+     [](corpdir_request& r) { r.version_file = "v/"; }},
+    {"DirectoryFileMissing", CORPDIR_ERR_DIRECTORY_FILE,
+     [](corpdir_request& r) { r.directory_file = nullptr; }},
+    {"DirectoryFileTooLong", CORPDIR_ERR_DIRECTORY_FILE,
+     [](corpdir_request& r) { r.directory_file = kDots256.c_str(); }},
+    {"DirectoryFileTheVersionFile", CORPDIR_ERR_DIRECTORY_FILE,
+     [](corpdir_request& r) { r.directory_file = "version.txt"; }},
+    {"DirectoryDirMissing", CORPDIR_ERR_DIRECTORY_DIR,
+     [](corpdir_request& r) { r.directory_dir = nullptr; }},
+    {"DirectoryDirTooLong", CORPDIR_ERR_DIRECTORY_DIR,
+     [](corpdir_request& r) { r.directory_dir = kDots127.c_str(); }},
+    {"DirectoryNameEmpty", CORPDIR_ERR_DIRECTORY_NAME,
+     [](corpdir_request& r) { r.directory_name = ""; }},
+    {"DirectoryNameTooLong", CORPDIR_ERR_DIRECTORY_NAME,
+     [](corpdir_request& r) { r.directory_name = kDots256.c_str(); }},
+    {"DirectoryNameElsewhere", CORPDIR_ERR_DIRECTORY_NAME,
+     [](corpdir_request& r) { r.directory_name = "../x"; }},
+    {"DirectoryNameTheParent", CORPDIR_ERR_DIRECTORY_NAME,
+     [](corpdir_request& r) { r.directory_file = "a/.."; }},
+    {"VersionDirEmpty", CORPDIR_ERR_VERSION_DIR, [](corpdir_request& r) { r.version_dir = ""; }},
+    {"VersionDirTooLong", CORPDIR_ERR_VERSION_DIR,
+     [](corpdir_request& r) { r.version_dir = kDots127.c_str(); }},
+    {"VersionNameElsewhere", CORPDIR_ERR_VERSION_NAME,
+     [](corpdir_request& r) { r.version_name = "a/b"; }},
+    {"VersionNameTooLong", CORPDIR_ERR_VERSION_NAME,
+     [](corpdir_request& r) { r.version_name = kDots256.c_str(); }},
+    {"BothInOnePlace", CORPDIR_ERR_VERSION_NAME,
+     [](corpdir_request& r) { r.version_name = "directory.csv"; }},
+    {"LocalAddressAName", CORPDIR_ERR_LOCAL_ADDRESS,
+     [](corpdir_request& r) { r.local_address = "localhost"; }},
+    {"TrustEmpty", CORPDIR_ERR_TRUST, [](corpdir_request& r) { r.trust = ""; }},
+    {"TrustTooLong", CORPDIR_ERR_TRUST, [](corpdir_request& r) { r.trust = kDots256.c_str(); }},
+    {"PortTooLarge", CORPDIR_ERR_PORT, [](corpdir_request& r) { r.port = 65536; }},
+    {"ModeUnknown", CORPDIR_ERR_MODE, [](corpdir_request& r) { r.mode = 2; }},
+    {"VerificationUnknown", CORPDIR_ERR_VERIFICATION,
+     [](corpdir_request& r) { r.without_verification = 2; }},
+};
+
+corpdir_request PlainRequest()
+{
+    corpdir_request request = {};
+    request.size = sizeof request;
+    request.servers = "127.0.0.1";
+    request.user = "user";
+    request.password = "password";
+    request.version_file = "version.txt";
+    request.directory_file = "directory.csv";
+    request.directory_dir = "/nonexistent";
+    return request;
+}
+
+class CLibraryMember : public CLibrary, public ::testing::WithParamInterface<BadMember>
+{
+};
+
+TEST_P(CLibraryMember, IsRefusedWithItsCode)
+{
+    corpdir_request request = PlainRequest();
+    GetParam().change(request);
+    EXPECT_EQ(corpdir_start(m_client, &request), GetParam().code);
+    EXPECT_EQ(StartReason(), corpdir_error_text(GetParam().code));
+}
+
+INSTANTIATE_TEST_SUITE_P(Request, CLibraryMember, ::testing::ValuesIn(kBadMembers),
+                         [](const auto& tested) { return tested.param.name; });
+
+// What is at its limit goes to the server: it is not there, which is told as an event.
+TEST_F(CLibrary, TextsAtTheirLimitsAreTaken)
+{
+    Told told;
+    const std::string port_servers = "127.0.0.1;" + std::string(255, 'a');
+    const std::string directory = "/" + std::string(125, 'd');
+    const std::string ca = "ca=system;name=" + std::string(240, 'n');
+    corpdir_request request = PlainRequest();
+    request.servers = port_servers.c_str();
+    request.port = static_cast<std::uint32_t>(support::FreePort("127.0.0.1"));
+    request.user = kDots127.c_str();
+    request.password = kDots127.c_str();
+    request.directory_dir = directory.c_str();
+    request.directory_name = kDots255.c_str();
+    request.trust = ca.c_str();
+    request.local_address = "127.0.0.1";
+    request.on_event = &Told::OnEvent;
+    request.user_data = &told;
+    EXPECT_EQ(corpdir_start(m_client, &request), CORPDIR_OK) << StartReason();
+    EXPECT_TRUE(told.WaitFor(CORPDIR_EVENT_FAILED));
+    corpdir_close(m_client);
+}
+
+// --- Fetching ---
+
+TEST_F(CLibraryFetch, DeliversTheFileAndTellsOfIt)
+{
+    ASSERT_EQ(Start(m_told), CORPDIR_OK) << StartReason();
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    corpdir_close(m_client);
+    EXPECT_EQ(ReadFile(m_output.File("directory.csv")), m_bytes);
+    EXPECT_EQ(ReadFile(m_output.File("version.txt")), "edition 17\n");
+    const auto transferred = m_told.Of(CORPDIR_EVENT_TRANSFERRED);
+    ASSERT_THAT(transferred, SizeIs(2));
+    EXPECT_EQ(transferred[0].file, "version.txt");
+    EXPECT_EQ(transferred[1].file, "directory.csv");
+    const Event last = m_told.Events().back();
+    EXPECT_EQ(last.kind, CORPDIR_EVENT_DELIVERED);
+    EXPECT_EQ(last.code, CORPDIR_OK);
+    EXPECT_EQ(last.server, Endpoint());
+    EXPECT_EQ(last.file, "directory.csv");
+    EXPECT_EQ(last.bytes, m_bytes.size());
+    EXPECT_EQ(last.reason, "");
+    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_FAILED), IsEmpty());
+}
+
+TEST_F(CLibraryFetch, PutsTheFilesWhereTheRequestSays)
+{
+    TemporaryDirectory versions;
+    const std::string version_dir = versions.Path() + "/";
+    ASSERT_EQ(Start(m_told,
+                    [&](CRequest& request)
+                    {
+                        request.record.version_dir = version_dir.c_str();
+                        request.record.version_name = "edition";
+                        request.record.directory_name = "people.csv";
+                    }),
+              CORPDIR_OK);
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    corpdir_close(m_client);
+    EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre("people.csv"));
+    EXPECT_THAT(FilesIn(versions.Path()), ElementsAre("edition"));
+}
+
+TEST_F(CLibraryFetch, WithoutACallbackItFetchesAllTheSame)
+{
+    ASSERT_EQ(Start(m_told, [](CRequest& request) { request.record.on_event = nullptr; }),
+              CORPDIR_OK);
+    EXPECT_TRUE(WaitUntil([this] { return FilesIn(m_output.Path()).size() == 2; }));
+    corpdir_close(m_client);
+    EXPECT_THAT(m_told.Events(), IsEmpty());
+}
+
+// Longer records are of a later header: the members that this library does not know are zero.
+TEST_F(CLibraryFetch, ALongerRecordIsTakenWhenTheRestIsZero)
+{
+    CRequest request(*m_server, m_certificates, m_output.Path(), m_told);
+    struct
+    {
+        corpdir_request known;
+        std::uint64_t later;
+    } longer = {request.record, 1};
+    longer.known.size = sizeof longer;
+    EXPECT_EQ(corpdir_start(m_client, &longer.known), CORPDIR_ERR_ARGUMENT);
+    longer.later = 0;
+    EXPECT_EQ(corpdir_start(m_client, &longer.known), CORPDIR_OK);
+    EXPECT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+}
+
+TEST_F(CLibraryFetch, TheSuitesThatWereSetAreOffered)
+{
+    const std::uint16_t suites[] = {0x1302};
+    ASSERT_EQ(corpdir_set_ciphers(m_client, suites, 1), CORPDIR_OK);
+    for (int i = 0; i < 2; ++i)  // the second start finds them again
+    {
+        Told told;
+        ASSERT_EQ(Start(told), CORPDIR_OK) << StartReason();
+        ASSERT_TRUE(told.WaitFor(CORPDIR_EVENT_DELIVERED));
+        EXPECT_THAT(m_server->Log(), HasSubstr("TLS control TLSv1.3 TLS_AES_256_GCM_SHA384"));
+        EXPECT_THAT(m_server->Log(), Not(HasSubstr("TLSv1.2")));
+        if (i == 1)
+        {
+            corpdir_close(m_client);
+        }
+        else
+        {
+            ASSERT_EQ(Start(m_told), CORPDIR_OK);
+            ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+        }
+    }
+}
+
+TEST_F(CLibraryFetch, AnAddedSuiteStandsBesideTheUsualThree)
+{
+    ASSERT_EQ(corpdir_add_cipher(m_client, 0x1302), CORPDIR_OK);
+    ASSERT_EQ(corpdir_add_cipher(m_client, 0x1302), CORPDIR_OK);
+    ASSERT_EQ(Start(m_told), CORPDIR_OK) << StartReason();
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_THAT(m_server->Log(), HasSubstr("TLSv1.3"));
+    const std::string log = ReadFile(m_log.File("corpdir.log"));
+    EXPECT_THAT(log, HasSubstr("CorpDirAddFtpCipherListToDirImplByOne"));
+}
+
+// --- Failures ---
+
+TEST_F(CLibraryFetch, AWrongPasswordIsToldInWords)
+{
+    ASSERT_EQ(Start(m_told, [](CRequest& request) { request.record.password = "not-this-one"; }),
+              CORPDIR_OK);
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED, 2));  // a list of one server is asked twice
+    corpdir_close(m_client);
+    for (const Event& event : m_told.Of(CORPDIR_EVENT_FAILED))
+    {
+        EXPECT_EQ(event.code, CORPDIR_ERR_LOGIN);
+        EXPECT_EQ(event.file, "version.txt");
+        EXPECT_EQ(event.server, Endpoint());
+        EXPECT_THAT(event.reason, StartsWith(Endpoint() + ": "));
+        EXPECT_THAT(event.reason, Not(HasSubstr("not-this-one")));
+    }
+    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_DELIVERED), IsEmpty());
+    EXPECT_THAT(FilesIn(m_output.Path()), IsEmpty());
+}
+
+TEST_F(CLibraryFetch, AnUnknownAuthorityIsToldBeforeThePasswordIsSent)
+{
+    const std::string other = "ca=" + m_certificates.OtherAuthority();
+    ASSERT_EQ(Start(m_told, [&](CRequest& request) { request.record.trust = other.c_str(); }),
+              CORPDIR_OK);
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED));
+    corpdir_close(m_client);
+    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_FAILED),
+                Each(AllOf(Field(&Event::code, CORPDIR_ERR_CERTIFICATE),
+                           Field(&Event::reason, HasSubstr("certificate")))));
+    EXPECT_EQ(m_server->CountCommands("PASS"), 0u);
+}
+
+TEST_F(CLibraryFetch, WithoutVerificationAnyAuthorityIsTaken)
+{
+    const std::string other = "ca=" + m_certificates.OtherAuthority();
+    ASSERT_EQ(Start(m_told,
+                    [&](CRequest& request)
+                    {
+                        request.record.trust = other.c_str();
+                        request.record.without_verification = 1;
+                    }),
+              CORPDIR_OK);
+    EXPECT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+}
+
+// A start that fails says why, tells nobody, and leaves a client that can be used.
+TEST_F(CLibraryFetch, AStartThatFailsGivesItsReason)
+{
+    const auto with_trust = [](const char* trust)
+    { return [trust](CRequest& request) { request.record.trust = trust; }; };
+    EXPECT_EQ(Start(m_told, with_trust("ca=/nonexistent.pem")), CORPDIR_ERR_AUTHORITIES);
+    EXPECT_THAT(StartReason(), HasSubstr("/nonexistent.pem"));
+    EXPECT_EQ(Start(m_told, with_trust("colour=blue")), CORPDIR_ERR_AUTHORITIES);
+
+    const std::uint16_t suite = 0xfffe;
+    ASSERT_EQ(corpdir_set_ciphers(m_client, &suite, 1), CORPDIR_OK);
+    EXPECT_EQ(Start(m_told), CORPDIR_ERR_CIPHER);
+    EXPECT_THAT(StartReason(), HasSubstr("0x0300FFFE"));
+    ASSERT_EQ(corpdir_set_ciphers(m_client, nullptr, 0), CORPDIR_OK);
+
+    EXPECT_EQ(Start(m_told, [](CRequest& request) { request.record.servers = "nowhere.invalid"; }),
+              CORPDIR_ERR_NOT_STARTED);
+    EXPECT_EQ(StartReason(), corpdir_error_text(CORPDIR_ERR_NOT_STARTED));
+    EXPECT_THAT(m_told.Events(), IsEmpty());
+
+    char cut[4];
+    EXPECT_GT(corpdir_start_reason(m_client, cut, sizeof cut), 3u);
+    EXPECT_EQ(std::string(cut),
+              std::string(corpdir_error_text(CORPDIR_ERR_NOT_STARTED)).substr(0, 3));
+    EXPECT_GT(corpdir_start_reason(m_client, nullptr, 0), 3u);
+
+    ExpectFetch();
+}
+
+TEST_F(CLibraryFetch, ALogThatIsGoneFailsTheRestart)
+{
+    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    std::filesystem::remove_all(m_log.Path());
+    Told second;
+    EXPECT_EQ(Start(second), CORPDIR_ERR_LOG);
+    EXPECT_THAT(second.Events(), IsEmpty());
+    std::filesystem::create_directory(m_log.Path());
+    ExpectFetch();
+}
+
+// On the thread that was to begin the transfer, which a close within the callback joins.
+TEST_F(CLibraryFetch, ALaterTransferThatIsRefusedIsTold)
+{
+    m_told.Then(
+        [this](const Event& event)
+        {
+            if (event.kind == CORPDIR_EVENT_REFUSED)
+            {
+                corpdir_close(m_client);
+            }
+        });
+    ASSERT_EQ(Start(m_told, [](CRequest& request)
+                    { request.record.directory_name = ".travex_ftp-0123456789abcdef.part"; }),
+              CORPDIR_OK);
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_REFUSED));
+    corpdir_close(m_client);
+    const Event last = m_told.Events().back();
+    EXPECT_EQ(last.kind, CORPDIR_EVENT_REFUSED);
+    EXPECT_EQ(last.code, CORPDIR_ERR_REFUSED);
+    EXPECT_EQ(last.file, "directory.csv");
+    EXPECT_THAT(last.reason, HasSubstr("name of a temporary file"));
+}
+
+TEST_F(CLibraryTransfer, AServerThatDiesLeavesTheOlderFile)
+{
+    WriteFile(m_output.File("directory.csv"), "older");
+    StartTransfer();
+    m_server->Stop();
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED));
+    corpdir_close(m_client);
+    const Event failed = m_told.Of(CORPDIR_EVENT_FAILED).front();
+    EXPECT_EQ(failed.file, "directory.csv");
+    EXPECT_NE(failed.reason, "");
+    EXPECT_GT(failed.bytes, 0u);
+    EXPECT_EQ(ReadFile(m_output.File("directory.csv")), "older");
+}
+
+// --- Closing and starting again ---
+
+TEST_F(CLibraryTransfer, ProgressGrowsToTheAnnouncedSize)
+{
+    StartTransfer();
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_PROGRESS, 4));
+    corpdir_close(m_client);
+    std::uint64_t before = 0;
+    for (const Event& event : m_told.Of(CORPDIR_EVENT_PROGRESS))
+    {
+        if (event.file == "directory.csv")
+        {
+            EXPECT_GE(event.bytes, before);
+            EXPECT_EQ(event.total, m_bytes.size());
+            before = event.bytes;
+        }
+    }
+}
+
+TEST_F(CLibraryTransfer, ACloseInTheMiddleLeavesNothingAndTellsNothingMore)
+{
+    WriteFile(m_output.File("directory.csv"), "older");
+    StartTransfer();
+    const auto before = steady_clock::now();
+    corpdir_close(m_client);
+    EXPECT_LT(steady_clock::now() - before, seconds(5));
+    const std::size_t told = m_told.Events().size();
+    EXPECT_EQ(ReadFile(m_output.File("directory.csv")), "older");
+    EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
+    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_DELIVERED), IsEmpty());
+    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_FAILED), IsEmpty());
+    Open();
+    corpdir_close(m_client);
+    EXPECT_THAT(m_told.Events(), SizeIs(told));
+}
+
+TEST_F(CLibraryFetch, ACloseWaitsForTheCallbackInProgress)
+{
+    std::promise<void> entered;
+    std::promise<void> leave;
+    std::atomic<bool> left{false};
+    m_told.Then(
+        [&](const Event& event)
+        {
+            if (event.kind == CORPDIR_EVENT_DELIVERED)
+            {
+                entered.set_value();
+                leave.get_future().wait();
+                left = true;
+            }
+        });
+    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_EQ(entered.get_future().wait_for(seconds(30)), std::future_status::ready);
+    std::atomic<bool> closed{false};
+    std::thread closer(
+        [&]
+        {
+            corpdir_close(m_client);
+            EXPECT_TRUE(left);
+            closed = true;
+        });
+    // The closing client is told from an open one by its code; the callback is still in progress.
+    EXPECT_TRUE(
+        WaitUntil([&] { return corpdir_add_cipher(m_client, 0x1302) == CORPDIR_ERR_CLIENT; }));
+    corpdir_client* other = nullptr;
+    EXPECT_EQ(corpdir_open(nullptr, &other), CORPDIR_ERR_BUSY);
+    EXPECT_FALSE(closed);
+    leave.set_value();
+    closer.join();
+    Open();
+}
+
+// Callbacks that close, or start, while another thread waits for them.
+TEST_F(CLibraryFetch, ACallbackInProgressMayCallWhileItIsWaitedFor)
+{
+    std::promise<void> entered;
+    std::atomic<int> code{-1};
+    m_told.Then(
+        [&](const Event& event)
+        {
+            if (event.kind != CORPDIR_EVENT_DELIVERED)
+            {
+                return;
+            }
+            entered.set_value();
+            EXPECT_TRUE(WaitUntil(
+                [&] { return corpdir_add_cipher(m_client, 0x1302) == CORPDIR_ERR_CLIENT; }));
+            code = Start(m_told);
+            corpdir_close(m_client);
+        });
+    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_EQ(entered.get_future().wait_for(seconds(30)), std::future_status::ready);
+    corpdir_close(m_client);
+    EXPECT_EQ(code, CORPDIR_ERR_CLIENT);
+    m_told.Then(nullptr);
+    Open();
+    ExpectFetch();
+}
+
+TEST_F(CLibraryFetch, TheCallbackMayClose)
+{
+    std::atomic<bool> returned{false};
+    m_told.Then(
+        [&](const Event&)
+        {
+            corpdir_close(m_client);
+            EXPECT_EQ(corpdir_add_cipher(m_client, 0x1302), CORPDIR_ERR_CLIENT);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            returned = true;
+        });
+    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_TRUE(WaitUntil([this] { return !m_told.Events().empty(); }));
+    corpdir_close(m_client);  // of a client that may be closed already: waits for the callback
+    EXPECT_TRUE(returned);
+    EXPECT_THAT(m_told.Events(), SizeIs(1));
+    m_told.Then(nullptr);
+    Open();
+    ExpectFetch();
+}
+
+TEST_F(CLibraryFetch, TheCallbackMayCloseAndOpenAgain)
+{
+    Told second;
+    std::atomic<int> code{-1};
+    m_told.Then(
+        [&](const Event&)
+        {
+            corpdir_close(m_client);
+            Open();
+            code = Start(second);
+        });
+    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_EQ(code, CORPDIR_OK);
+    corpdir_close(m_client);
+    EXPECT_THAT(m_told.Events(), SizeIs(1));
+}
+
+TEST_F(CLibraryTransfer, ASecondStartReplacesTheFirst)
+{
+    StartTransfer();
+    Told second;
+    ASSERT_EQ(Start(second), CORPDIR_OK);
+    const std::size_t told = m_told.Events().size();
+    EXPECT_TRUE(WaitUntil([&] { return UnderWay(second); }));
+    corpdir_close(m_client);
+    EXPECT_THAT(m_told.Events(), SizeIs(told));
+    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_FAILED), IsEmpty());
+}
+
+TEST_F(CLibraryTransfer, ARequestWithABadMemberLeavesTheEarlierOneAlone)
+{
+    StartTransfer();
+    const std::size_t told = m_told.Events().size();
+    EXPECT_EQ(Start(m_told, [](CRequest& request) { request.record.port = 70000; }),
+              CORPDIR_ERR_PORT);
+    EXPECT_TRUE(WaitUntil([&] { return m_told.Events().size() > told + 1; }));
+}
+
+TEST_F(CLibraryFetch, TheCallbackMayStartAgain)
+{
+    Told second;
+    std::atomic<int> code{-1};
+    m_told.Then(
+        [&](const Event& event)
+        {
+            if (event.kind == CORPDIR_EVENT_DELIVERED)
+            {
+                code = Start(second);
+            }
+        });
+    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_EQ(code, CORPDIR_OK);
+    corpdir_close(m_client);
+    EXPECT_EQ(m_told.Events().back().kind, CORPDIR_EVENT_DELIVERED);
+}
+
+TEST_F(CLibraryFetch, AStartWaitsForTheEarlierCallback)
+{
+    std::promise<void> entered;
+    std::atomic<bool> left{false};
+    m_told.Then(
+        [&](const Event& event)
+        {
+            if (event.kind == CORPDIR_EVENT_DELIVERED)
+            {
+                entered.set_value();
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                left = true;
+            }
+        });
+    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_EQ(entered.get_future().wait_for(seconds(30)), std::future_status::ready);
+    Told second;
+    ASSERT_EQ(Start(second), CORPDIR_OK);
+    EXPECT_TRUE(left);
+    EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_DELIVERED));
+    corpdir_close(m_client);
+}
+
+// Every call beside every other one; what counts is that nothing hangs, crashes or races.
+TEST_F(CLibraryFetch, ManyThreadsAtOnce)
+{
+    std::atomic<bool> stop{false};
+    std::atomic<unsigned int> started{0};
+    std::vector<Told> told(3);
+    std::vector<std::thread> threads;
+    for (Told& own : told)
+    {
+        threads.emplace_back(
+            [&]
+            {
+                while (!stop)
+                {
+                    const corpdir_code code = Start(own);
+                    EXPECT_THAT(code, ::testing::AnyOf(CORPDIR_OK, CORPDIR_ERR_CLIENT));
+                    started += code == CORPDIR_OK ? 1 : 0;
+                    (void)corpdir_add_cipher(m_client, 0x1302);
+                    char reason[64];
+                    (void)corpdir_start_reason(m_client, reason, sizeof reason);
+                }
+            });
+    }
+    EXPECT_TRUE(WaitUntil([&] { return started > 50; }));
+    std::thread closer([&] { corpdir_close(m_client); });
+    corpdir_close(m_client);
+    const auto count = [&]
+    {
+        std::size_t events = 0;
+        for (const Told& own : told)
+        {
+            events += own.Events().size();
+        }
+        return events;
+    };
+    const std::size_t events = count();
+    closer.join();
+    stop = true;
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    EXPECT_EQ(count(), events);
+}
+
+// --- The end of the process ---
+
+constexpr int kEnded = 7;
+
+// Fails at once, and again: nobody listens.
+void StartFailing(Told& told)
+{
+    corpdir_client* client = nullptr;
+    corpdir_log_settings log = {};
+    log.size = sizeof log;
+    corpdir_request request = PlainRequest();
+    request.port = static_cast<std::uint32_t>(support::FreePort("127.0.0.1"));
+    request.on_event = &Told::OnEvent;
+    request.user_data = &told;
+    if (corpdir_open(&log, &client) != CORPDIR_OK ||
+        corpdir_start(client, &request) != CORPDIR_OK || !told.WaitFor(CORPDIR_EVENT_FAILED))
+    {
+        _exit(1);
+    }
+}
+
+// Never destroyed: threads look at it until the process is gone.
+Told& NewTold()
+{
+    static Told* const told = new Told;
+    return *told;
+}
+
+class CLibraryExitDeathTest : public ::testing::Test
+{
+protected:
+    CLibraryExitDeathTest()
+    {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+    }
+};
+
+// That other threads run meanwhile is the point.
+TEST_F(CLibraryExitDeathTest, WithoutAClose)
+{
+    EXPECT_EXIT(
+        {
+            Told& told = NewTold();
+            StartFailing(told);
+            std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)
+        },
+        ::testing::ExitedWithCode(kEnded), "");
+}
+
+TEST_F(CLibraryExitDeathTest, WithinTheCallback)
+{
+    EXPECT_EXIT(
+        {
+            Told& told = NewTold();
+            told.Then([](const Event&) { std::exit(kEnded); });  // NOLINT(concurrency-mt-unsafe)
+            StartFailing(told);
+            std::this_thread::sleep_for(seconds(30));
+            _exit(1);
+        },
+        ::testing::ExitedWithCode(kEnded), "");
+}
+
+TEST_F(CLibraryExitDeathTest, BesideACallback)
+{
+    EXPECT_EXIT(
+        {
+            Told& told = NewTold();
+            told.Then([](const Event&)
+                      { std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
+            StartFailing(told);
+            std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)
+        },
+        ::testing::ExitedWithCode(kEnded), "");
+}
+
+// A callback that does not return is not waited for for ever.
+TEST_F(CLibraryExitDeathTest, BesideACallbackThatStays)
+{
+    EXPECT_EXIT(
+        {
+            Told& told = NewTold();
+            told.Then([](const Event&) { std::this_thread::sleep_for(seconds(60)); });
+            StartFailing(told);
+            (void)alarm(20);
+            std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)
+        },
+        ::testing::ExitedWithCode(kEnded), "");
+}
+
+}  // namespace
+}  // namespace integration

@@ -1,0 +1,122 @@
+// That the C library leaves no copy of the password behind, and what it says when memory runs out.
+// As in memory_test.cpp, the test knows the password in changed form only, and looks for its end.
+#include <string.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "c_client.h"
+#include "memory_search.h"
+
+static std::atomic<bool> g_no_memory{false};
+
+// What events are made with. The library's calls come here too: a program's definition goes first.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return g_no_memory ? nullptr : std::malloc(size);
+}
+
+namespace integration
+{
+namespace
+{
+
+using support::PlacesInMemory;
+using support::Scrambled;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+// Backwards, so that nothing in this process holds it as it is.
+const std::string kReversedEnd = "-gnihtyna-rof-doog-ton-drowssap";
+
+class CMemory : public ::testing::Test
+{
+protected:
+    CMemory() : m_secret(Scrambled::Reversed(kReversedEnd))
+    {
+        support::FtpServerOptions options;
+        options.tls = support::Tls::kExplicit;
+        options.certificate = m_certificates.Good();
+        m_server = std::make_unique<support::PyFtpServer>(options);
+        m_server->AddFile("version.txt", "edition 17\n");
+        EXPECT_EQ(corpdir_open(nullptr, &m_client), CORPDIR_OK);
+    }
+
+    ~CMemory() override
+    {
+        corpdir_close(m_client);
+    }
+
+    // The caller's copy is wiped after the call, as the header asks for.
+    corpdir_code Start(const std::function<void(corpdir_request&)>& change)
+    {
+        char password[128] = {};
+        const std::string reversed = kReversedEnd + std::string(40, '.');
+        std::reverse_copy(reversed.begin(), reversed.end(), password);
+        CRequest request(*m_server, m_certificates, m_output.Path(), m_told);
+        request.record.password = password;
+        change(request.record);
+        EXPECT_THAT(PlacesInMemory(m_secret), Not(IsEmpty())) << "the search finds nothing";
+        const corpdir_code code = corpdir_start(m_client, &request.record);
+        explicit_bzero(password, sizeof password);
+        return code;
+    }
+
+    support::TestCertificates m_certificates;
+    std::unique_ptr<support::PyFtpServer> m_server;
+    support::TemporaryDirectory m_output;
+    Scrambled m_secret;
+    Told m_told;
+    corpdir_client* m_client = nullptr;
+};
+
+TEST_F(CMemory, ARequestThatIsRefusedLeavesNoPassword)
+{
+    // Found last, when the password was copied long ago.
+    EXPECT_EQ(Start([](corpdir_request& request) { request.without_verification = 2; }),
+              CORPDIR_ERR_VERIFICATION);
+    EXPECT_THAT(PlacesInMemory(m_secret), IsEmpty());
+}
+
+TEST_F(CMemory, AStartThatFailsLeavesNoPassword)
+{
+    EXPECT_EQ(Start([](corpdir_request& request) { request.trust = "ca=/nonexistent.pem"; }),
+              CORPDIR_ERR_AUTHORITIES);
+    EXPECT_THAT(PlacesInMemory(m_secret), IsEmpty());
+}
+
+// The password goes all the way to the server, which does not accept it.
+TEST_F(CMemory, ACloseLeavesNoPassword)
+{
+    EXPECT_EQ(Start([](corpdir_request&) {}), CORPDIR_OK);
+    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED, 2));
+    corpdir_close(m_client);
+    EXPECT_EQ(m_told.Of(CORPDIR_EVENT_FAILED).front().code, CORPDIR_ERR_LOGIN);
+    EXPECT_THAT(PlacesInMemory(m_secret), IsEmpty());
+}
+
+TEST_F(CMemory, EventsThatAreLostAreTold)
+{
+    g_no_memory = true;
+    const corpdir_code code = Start([](corpdir_request&) {});
+    EXPECT_TRUE(m_told.WaitFor(CORPDIR_EVENT_LOST));
+    g_no_memory = false;
+    EXPECT_EQ(code, CORPDIR_OK);
+    const Event first = m_told.Events().front();
+    EXPECT_EQ(first.kind, CORPDIR_EVENT_LOST);
+    EXPECT_EQ(first.server + first.file + first.reason, "");
+    EXPECT_EQ(first.total, CORPDIR_SIZE_UNKNOWN);
+    m_server->AddFile("directory.csv", "number,name\n");
+    EXPECT_EQ(Start([this](corpdir_request& request)
+                    { request.password = m_server->Options().password.c_str(); }),
+              CORPDIR_OK);
+    EXPECT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+}
+
+}  // namespace
+}  // namespace integration
