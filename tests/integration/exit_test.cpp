@@ -26,7 +26,7 @@ using ::testing::AnyOf;
 using ::testing::Each;
 
 constexpr std::chrono::seconds kLongest(5);
-#ifdef CORPDIR_TESTS_UNDER_SANITIZERS
+#ifdef CORPDIR_TESTS_SLOWED_DOWN
 constexpr unsigned int kLongestPause = 240000;  // us
 #else
 constexpr unsigned int kLongestPause = 80000;

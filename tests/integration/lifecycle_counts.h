@@ -8,20 +8,20 @@
 namespace integration
 {
 
-// The number in an environment variable; without one `usual`, or under sanitizers, which slow
-// everything down, `sanitized`.
-inline std::size_t Count(const char* variable, std::size_t usual, std::size_t sanitized)
+// The number in an environment variable; without one `usual`, or under sanitizers and emulation,
+// which slow everything down, `slowed`.
+inline std::size_t Count(const char* variable, std::size_t usual, std::size_t slowed)
 {
     const char* wanted = std::getenv(variable);
     if (wanted != nullptr)
     {
         return std::strtoul(wanted, nullptr, 10);
     }
-#ifdef CORPDIR_TESTS_UNDER_SANITIZERS
+#ifdef CORPDIR_TESTS_SLOWED_DOWN
     (void)usual;
-    return sanitized;
+    return slowed;
 #else
-    (void)sanitized;
+    (void)slowed;
     return usual;
 #endif
 }

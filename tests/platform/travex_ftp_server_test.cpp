@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "captured_log.h"
@@ -196,7 +197,7 @@ TEST_F(RealServer, KeysAreWrittenToNoFile)
 {
     const std::string keys = m_directory.File("keys");
     const auto result = support::RunCommand(
-        {{"/proc/self/exe", "--gtest_filter=All/EveryKind.PyFtpServes*/ExplicitV4"},
+        {{program_invocation_name, "--gtest_filter=All/EveryKind.PyFtpServes*/ExplicitV4"},
          {{"SSLKEYLOGFILE", keys}},
          ""});
     EXPECT_EQ(0, result.status) << result.output;

@@ -13,7 +13,7 @@ namespace
 std::string CodeAfterTheCall(const std::string& function)
 {
     const support::CommandResult result =
-        support::RunCommand({{"objdump", "--disassemble=" + function, "--reloc",
+        support::RunCommand({{CORPDIR_OBJDUMP, "--disassemble=" + function, "--reloc",
                               "--no-show-raw-insn", CORPDIR_WIPE_PROBE},
                              {},
                              {}});
