@@ -6,6 +6,14 @@ target_compile_options(corpdir_options INTERFACE
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 
+# In what is handed out, buffers that overflow end the program, and the linker can leave out functions
+# that nobody calls.
+if(NOT CORPDIR_SANITIZE)
+  target_compile_options(corpdir_options INTERFACE
+    $<$<CONFIG:Release>:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>
+    $<$<CONFIG:Release>:-ffunction-sections;-fdata-sections>)
+endif()
+
 if(CORPDIR_SANITIZE)
   add_compile_options(-fsanitize=${CORPDIR_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${CORPDIR_SANITIZE})
