@@ -290,13 +290,32 @@ TEST_F(ProgramSettings, OptionsOfOtherCommandsAreLeftAlone)
 
 TEST_F(ProgramSettings, AMisspeltOptionIsRefused)
 {
-    for (const char* lines : {"verify-nmae = \"dir.example\"", "[fetch]\nexec = \"true\"",
-                              "[no-such]\nuser = \"x\"", "password = \"x\""})
+    const std::pair<const char*, const char*> cases[] = {
+        {"verify-nmae = dir.example", "no command has an option 'verify-nmae'\n"},
+        {"password = x", "no command has an option 'password'\n"},
+        {"config = x", "no command has an option 'config'\n"},
+        {"[fetch]\nexec = true", "there is no command 'fetch' with an option 'exec'\n"},
+        {"[no-such]\nuser = x", "there is no command 'no-such' with an option 'user'\n"}};
+    for (const auto& [lines, problem] : cases)
     {
         const CommandResult result = RunWith("", lines);
         EXPECT_EQ(result.status, kBadArguments) << lines;
-        EXPECT_THAT(result.output, HasSubstr("--config: no command has an option '")) << lines;
+        EXPECT_THAT(result.output, AllOf(HasSubstr("--config: line "), HasSubstr(problem)));
     }
+}
+
+// An empty value may come of a template, and shall not switch the verification off.
+TEST_F(ProgramSettings, AFlagIsTrueOrFalse)
+{
+    Serve();
+    for (const char* value : {"\"\"", "", "yes", "1", "TRUE"})
+    {
+        const CommandResult result = RunWith(std::string("no-verify = ") + value);
+        EXPECT_EQ(result.status, kBadArguments) << value;
+        EXPECT_THAT(result.output, HasSubstr("no-verify is true or false, not '")) << value;
+    }
+    EXPECT_EQ(RunWith("no-verify = false\nquiet = true").output, "");
+    EXPECT_EQ(RunWith("no-verify = true").status, kBadArguments) << "--ca contradicts it";
 }
 
 TEST_F(ProgramSettings, AFileThatIsNotThereIsRefused)

@@ -91,12 +91,17 @@ public:
         }
     }
 
+    void LeaveOut(const std::string& problem)
+    {
+        m_leftOut.push_back(problem);
+    }
+
     // The last words; gives the status back.
     int End(int status, const std::string& error) const
     {
         if (m_json)
         {
-            PrintChecksAsJson(m_results, m_plan.port, status, error, stdout);
+            PrintChecksAsJson(m_results, m_leftOut, m_plan.port, status, error, stdout);
         }
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         {
@@ -134,6 +139,7 @@ private:
     const Plan& m_plan;
     Report& m_report;
     std::vector<CheckResult> m_results;
+    std::vector<std::string> m_leftOut;
 };
 
 std::string ErrorOf(const std::vector<CheckResult>& results, int status)
@@ -160,7 +166,11 @@ int Check(const Options& options, const CipherSource& ciphers)
     CheckPrinter printer(options, plan, report);
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
     LookupHandlers handlers;
-    handlers.onProblem = [&report](const std::string& problem) { report.Error(problem); };
+    handlers.onProblem = [&report, &printer](const std::string& problem)
+    {
+        report.Error(problem + "; left out");
+        printer.LeaveOut(problem);
+    };
     handlers.onGivenUp = [&printer](int status, const std::string& message)
     { (void)printer.End(status, message); };
     const std::vector<Server> servers = FindServers(plan, frame.Events(), deadline, handlers);
@@ -194,7 +204,7 @@ int RunCheck(const Options& options, const CipherSource& ciphers)
     {
         if (options.json)
         {
-            PrintChecksAsJson({}, options.port, failure.Status(), failure.what(), stdout);
+            PrintChecksAsJson({}, {}, options.port, failure.Status(), failure.what(), stdout);
         }
         throw;
     }

@@ -160,7 +160,8 @@ void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
     }
 }
 
-void PrintChecksAsJson(const std::vector<CheckResult>& results, unsigned int port, int status,
+void PrintChecksAsJson(const std::vector<CheckResult>& results,
+                       const std::vector<std::string>& leftOut, unsigned int port, int status,
                        const std::string& error, std::FILE* output)
 {
     Json servers = Json::array();
@@ -171,7 +172,8 @@ void PrintChecksAsJson(const std::vector<CheckResult>& results, unsigned int por
     const Json object = {{"status", status},
                          {"error", OrNull(error)},
                          {"port", port == 0 ? USUAL_PORT : port},
-                         {"servers", servers}};
+                         {"servers", servers},
+                         {"left_out", leftOut}};
     (void)std::fprintf(output, "%s\n", TextOf(object).c_str());
 }
 

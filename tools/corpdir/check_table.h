@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <string>
 #include <vector>
 
 #include "checker.h"
@@ -18,9 +19,10 @@ namespace corpdir_tool
 void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
                 const Terminal& output);
 
-// All servers as one JSON object. port: 0 for the usual one; status: the program's exit status;
-// error: in words, empty when a server works.
-void PrintChecksAsJson(const std::vector<CheckResult>& results, unsigned int port, int status,
+// All servers as one JSON object. leftOut: names without an address, and why; port: 0 for the usual
+// one; status: the program's exit status; error: in words, empty when a server works.
+void PrintChecksAsJson(const std::vector<CheckResult>& results,
+                       const std::vector<std::string>& leftOut, unsigned int port, int status,
                        const std::string& error, std::FILE* output);
 
 }  // namespace corpdir_tool

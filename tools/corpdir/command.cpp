@@ -96,7 +96,7 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
     ResolvedServers resolved = resolver.Take();
     for (const std::string& problem : resolved.problems)
     {
-        handlers.onProblem(problem + "; left out");
+        handlers.onProblem(problem);
     }
     if (resolved.servers.empty())
     {

@@ -90,7 +90,8 @@ void ResultPrinter::PrintObject(const Outcome& outcome) const
                          {"file", OrNull(fetched ? m_path : "")},
                          {"bytes", fetched ? Json(outcome.bytes) : Json(nullptr)},
                          {"seconds", spent.count()},
-                         {"servers", ServersOf(outcome)}};
+                         {"servers", ServersOf(outcome)},
+                         {"left_out", outcome.leftOut}};
     (void)std::fprintf(stdout, "%s\n", TextOf(object).c_str());
 }
 
@@ -107,7 +108,12 @@ Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, R
 {
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
     LookupHandlers handlers;
-    handlers.onProblem = [&report](const std::string& problem) { report.Error(problem); };
+    std::vector<std::string> leftOut;
+    handlers.onProblem = [&report, &leftOut](const std::string& problem)
+    {
+        report.Error(problem + "; left out");
+        leftOut.push_back(problem);
+    };
     handlers.onGivenUp = [&](int status, const std::string& message)
     {
         report.Error(message);
@@ -115,7 +121,9 @@ Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, R
     };
     Session session(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan,
                     FindServers(plan, events, deadline, handlers), password, events, report);
-    return session.Run(deadline);
+    Outcome outcome = session.Run(deadline);
+    outcome.leftOut = leftOut;
+    return outcome;
 }
 
 Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& printer)

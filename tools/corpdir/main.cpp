@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <iostream>
 #include <string>
 
 #include "check.h"
@@ -176,7 +177,7 @@ void AddLimitOptions(CLI::App& command, Options& options)
         ->group(group);
     command
         .add_option("--max-size", options.maxSize,
-                    "Largest file to accept, such as 500000, 20kb or 1gb (16gb)")
+                    "Largest file to accept, such as 500000, 20kb or 1gb (16gib)")
         ->transform(CLI::AsSizeValue(true).description(""))
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60).description(""))
         ->type_name("SIZE")
@@ -253,7 +254,7 @@ void AddFetch(CLI::App& program, Options& options, int& status)
     fetch->footer(std::string(FETCH_TEXT) + "\n\n" + STATUS_TEXT);
     AddRequestOptions(*fetch, options);
     AddTimeout(*fetch, options);
-    AddJson(*fetch, options, "Print the outcome as one JSON object, a failure too");
+    AddJson(*fetch, options, "Print the outcome as one JSON object, that of a failure too");
     AddQuiet(*fetch, options, "Print errors only, failed servers included");
     fetch->add_flag("--no-progress", options.noProgress, "Show no progress")->group(MESSAGES);
     fetch->callback([&] { status = corpdir_tool::RunFetch(options, KnownCiphers); });
@@ -299,6 +300,8 @@ void AddCheck(CLI::App& program, Options& options, int& status)
 void AddCiphers(CLI::App& program, Options& options)
 {
     CLI::App* ciphers = program.add_subcommand("ciphers", "List the cipher suites to choose from");
+    ciphers->footer("Those marked as default are offered when --ciphers is not given.");
+    ciphers->fallthrough();
     AddJson(*ciphers, options, "Print them as a JSON array");
     ciphers->callback(
         [&options]
@@ -316,10 +319,14 @@ std::string VersionText()
            TRAVEX_FTP_Libraries();
 }
 
-std::string ParseProblem(const CLI::App*, const CLI::Error& error)
+std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
 {
-    return std::string("corpdir: ") + error.what() +
-           "\nTry 'corpdir --help' or 'corpdir fetch --help'.\n";
+    std::string command = "corpdir";
+    for (const CLI::App* chosen : program->get_subcommands())
+    {
+        command += " " + chosen->get_name();
+    }
+    return std::string("corpdir: ") + error.what() + "\nTry '" + command + " --help'.\n";
 }
 
 int Run(int argc, char** argv)
@@ -348,13 +355,26 @@ int Run(int argc, char** argv)
     return status;
 }
 
+// What was printed has to have arrived, or nobody has read it.
+int WithOutputWritten(int status)
+{
+    std::cout.flush();  // the parser's, for help and versions
+    const bool written = std::cout.good() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (status == corpdir_tool::EXIT_FETCHED && !written)
+    {
+        throw corpdir_tool::Failure(corpdir_tool::EXIT_LOCAL_FILE,
+                                    "standard output cannot be written");
+    }
+    return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     try
     {
-        return Run(argc, argv);
+        return WithOutputWritten(Run(argc, argv));
     }
     catch (const corpdir_tool::Failure& failure)
     {

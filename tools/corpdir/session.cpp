@@ -44,7 +44,7 @@ Outcome Session::Run(EventQueue::Clock::time_point deadline)
     {
         m_attempts.push_back({m_servers[m_current], 0, ""});
     }
-    return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts};
+    return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts, {}};
 }
 
 // Makes a request to the servers from `first` on; a server for which it cannot even be started is

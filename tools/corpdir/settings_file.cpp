@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <vector>
 
 #include "failure.h"
 #include "text.h"
@@ -13,8 +12,94 @@ namespace corpdir_tool
 namespace
 {
 
-// Reads the file as the parser's own format does, and hands each setting to the chosen command.
-class SettingsFormat final : public CLI::ConfigTOML
+const char BLANKS[] = " \t\r";
+
+[[noreturn]] void Refuse(std::size_t line, const std::string& problem)
+{
+    throw Failure(EXIT_ARGUMENTS, "--config: line " + std::to_string(line) + ": " + problem);
+}
+
+// For messages: a file that is none of settings may have anything in it.
+std::string Shown(const std::string& text)
+{
+    constexpr std::size_t LONGEST = 40;
+    return "'" + Printable(text.substr(0, LONGEST)) + (text.size() > LONGEST ? "..." : "") + "'";
+}
+
+std::string Trimmed(const std::string& text)
+{
+    const std::size_t first = text.find_first_not_of(BLANKS);
+    if (first == std::string::npos)
+    {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+bool IsComment(const std::string& text)
+{
+    return text.empty() || text.front() == '#';
+}
+
+// The value of a text that begins with a quote.
+std::string Unquoted(const std::string& text, std::size_t line)
+{
+    const std::size_t end = text.find(text.front(), 1);
+    if (end == std::string::npos)
+    {
+        Refuse(line, "the quote " + text.substr(0, 1) + " is not closed");
+    }
+    const std::string rest = Trimmed(text.substr(end + 1));
+    if (!IsComment(rest))
+    {
+        Refuse(line, Shown(rest) + " stands behind the closing quote");
+    }
+    return text.substr(1, end - 1);
+}
+
+std::string ValueOf(const std::string& text, std::size_t line)
+{
+    if (!text.empty() && (text.front() == '"' || text.front() == '\''))
+    {
+        return Unquoted(text, line);
+    }
+    std::size_t end = text.find('#');
+    while (end != std::string::npos && end != 0 &&
+           std::string(BLANKS).find(text[end - 1]) == std::string::npos)
+    {
+        end = text.find('#', end + 1);
+    }
+    std::string value = Trimmed(text.substr(0, end));
+    if (value.find_first_of("\"'") != std::string::npos)
+    {
+        Refuse(line, "a value with quotes in it has to stand in the other kind of quotes");
+    }
+    return value;
+}
+
+std::string SectionOf(const std::string& text, std::size_t line)
+{
+    const std::size_t end = text.find(']');
+    if (end == std::string::npos || !IsComment(Trimmed(text.substr(end + 1))))
+    {
+        Refuse(line, Shown(text) + " is not a section such as [watch]");
+    }
+    return Trimmed(text.substr(1, end - 1));
+}
+
+Setting SettingOf(const std::string& text, const std::string& section, std::size_t line)
+{
+    const std::size_t equals = text.find('=');
+    if (equals == std::string::npos)
+    {
+        Refuse(line, Shown(text) + " is not of the form 'option = value'");
+    }
+    return {section, Trimmed(text.substr(0, equals)),
+            ValueOf(Trimmed(text.substr(equals + 1)), line), line};
+}
+
+// Hands each setting to the chosen command in the parser's own terms.
+class SettingsFormat final : public CLI::ConfigBase
 {
 public:
     explicit SettingsFormat(const CLI::App& program) : m_program(program) {}
@@ -23,12 +108,9 @@ public:
     {
         std::vector<CLI::ConfigItem> ofCommand;
         std::vector<CLI::ConfigItem> ofAll;
-        for (CLI::ConfigItem& item : CLI::ConfigTOML::from_config(input))
+        for (const Setting& setting : ReadSettings(input))
         {
-            if (item.name != "++" && item.name != "--")  // begin and end of a section
-            {
-                Sort(item, ofCommand, ofAll);
-            }
+            Sort(setting, setting.section.empty() ? ofAll : ofCommand);
         }
         // The first setting of an option counts.
         ofCommand.insert(ofCommand.end(), ofAll.begin(), ofAll.end());
@@ -36,37 +118,82 @@ public:
     }
 
 private:
-    void Sort(CLI::ConfigItem& item, std::vector<CLI::ConfigItem>& ofCommand,
-              std::vector<CLI::ConfigItem>& ofAll) const
+    void Sort(const Setting& setting, std::vector<CLI::ConfigItem>& sorted) const
     {
-        const bool sectioned = !item.parents.empty();
         bool known = false;
         for (const CLI::App* command : m_program.get_subcommands(nullptr))
         {
-            if ((sectioned && item.parents != std::vector<std::string>{command->get_name()}) ||
-                command->get_option_no_throw("--" + item.name) == nullptr)
+            const CLI::Option* const option = command->get_option_no_throw("--" + setting.name);
+            const bool meant = setting.section.empty() || setting.section == command->get_name();
+            if (meant && option != nullptr && option->get_configurable())
             {
-                continue;
-            }
-            known = true;
-            if (command->parsed())
-            {
-                CLI::ConfigItem own = item;
-                own.parents = {command->get_name()};
-                (sectioned ? ofCommand : ofAll).push_back(own);
+                known = true;
+                const bool isFlag = option->get_expected_max() == 0;
+                if (command->parsed() && IsSet(setting, isFlag))
+                {
+                    CLI::ConfigItem item;
+                    item.parents = {command->get_name()};
+                    item.name = setting.name;
+                    item.inputs = {setting.value};
+                    sorted.push_back(item);
+                }
             }
         }
         if (!known)
         {
-            throw Failure(EXIT_ARGUMENTS, "--config: no command has an option '" +
-                                              Printable(item.fullname()) + "'");
+            Refuse(setting.line, setting.section.empty()
+                                     ? "no command has an option " + Shown(setting.name)
+                                     : "there is no command " + Shown(setting.section) +
+                                           " with an option " + Shown(setting.name));
         }
+    }
+
+    // A flag that is false is as good as one that is not there. Any other value is a mistake: an
+    // empty one may come of a template, and shall switch nothing off.
+    static bool IsSet(const Setting& setting, bool isFlag)
+    {
+        if (isFlag && setting.value != "true" && setting.value != "false")
+        {
+            Refuse(setting.line, setting.name + " is true or false, not " + Shown(setting.value));
+        }
+        return !isFlag || setting.value == "true";
     }
 
     const CLI::App& m_program;
 };
 
 }  // namespace
+
+std::vector<Setting> ReadSettings(std::istream& input)
+{
+    std::vector<Setting> settings;
+    std::string section;
+    std::string line;
+    for (std::size_t number = 1; std::getline(input, line); ++number)
+    {
+        const std::string text = Trimmed(line);
+        if (IsComment(text))
+        {
+            continue;
+        }
+        if (text.front() == '[')
+        {
+            section = SectionOf(text, number);
+            continue;
+        }
+        Setting setting = SettingOf(text, section, number);
+        const auto same = [&setting](const Setting& other)
+        { return other.section == setting.section && other.name == setting.name; };
+        const auto first = std::find_if(settings.begin(), settings.end(), same);
+        if (first != settings.end())
+        {
+            Refuse(number, Shown(setting.name) + " stands on line " + std::to_string(first->line) +
+                               " already; several values are separated by ','");
+        }
+        settings.push_back(std::move(setting));
+    }
+    return settings;
+}
 
 void AddSettingsFile(CLI::App& program)
 {
