@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
 """Checks that the examples in the pages are the ones that are compiled and run.
 
-Usage: check_readme_example.py SOURCE_DIR
+Usage: check_examples.py SOURCE_DIR
 """
 
 import pathlib
 import sys
 
-EXAMPLES = [("README.md", "cpp", "examples/fetch_directory.cpp"),
+EXAMPLES = [("docs/library.md", "cpp", "examples/fetch_directory.cpp"),
             ("docs/bindings.md", "c", "examples/fetch_directory.c"),
             ("docs/bindings.md", "python", "examples/fetch_directory.py")]
 
