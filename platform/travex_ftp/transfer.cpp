@@ -226,7 +226,8 @@ void Transfer::expireReply()
 {
     const bool greeting = replies_.verb()[0] == '\0';
     (void)fail(failure_, TRAVEX_FTP_ERR_TIMEOUT, "no %s%s in %g s",
-               greeting ? "greeting" : "answer to ", replies_.verb(), seconds(limits_.response));
+               greeting ? "greeting" : "answer to ", replies_.verb(),
+               seconds(waitUntil_ - waitBegun_));
 }
 
 // On a connection that was used before, and before a proper answer; after one the server has begun

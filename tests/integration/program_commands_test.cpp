@@ -71,6 +71,7 @@ TEST_F(ProgramJson, TellsServersVersionAndFile)
     EXPECT_EQ(object["servers"][0]["address"], "127.0.0.2");
     EXPECT_EQ(object["servers"][0]["gave"], false);
     EXPECT_EQ(object["servers"][0]["code"], 16);
+    EXPECT_EQ(object["servers"][0]["file"], "version.txt");
     EXPECT_EQ(object["servers"][0]["reason"], "no connection: Connection refused");
     EXPECT_EQ(object["servers"][1]["gave"], true);
     EXPECT_EQ(object["servers"][1]["reason"], nullptr);
@@ -291,16 +292,17 @@ TEST_F(ProgramSettings, OptionsOfOtherCommandsAreLeftAlone)
 TEST_F(ProgramSettings, AMisspeltOptionIsRefused)
 {
     const std::pair<const char*, const char*> cases[] = {
-        {"verify-nmae = dir.example", "no command has an option 'verify-nmae'\n"},
+        {"verify-nmae = dir.example",
+         "no command has an option 'verify-nmae'; did you mean 'verify-name'?\n"},
         {"password = x", "no command has an option 'password'\n"},
         {"config = x", "no command has an option 'config'\n"},
-        {"[fetch]\nexec = true", "there is no command 'fetch' with an option 'exec'\n"},
-        {"[no-such]\nuser = x", "there is no command 'no-such' with an option 'user'\n"}};
+        {"[fetch]\nexec = true", "no command 'fetch' has an option 'exec'\n"},
+        {"[no-such]\nuser = x", "no command 'no-such' has an option 'user'\n"}};
     for (const auto& [lines, problem] : cases)
     {
         const CommandResult result = RunWith("", lines);
         EXPECT_EQ(result.status, kBadArguments) << lines;
-        EXPECT_THAT(result.output, AllOf(HasSubstr("--config: line "), HasSubstr(problem)));
+        EXPECT_THAT(result.output, AllOf(HasSubstr("corpdir.conf, line "), HasSubstr(problem)));
     }
 }
 
@@ -402,9 +404,10 @@ TEST_F(ProgramCheck, ShowsACertificateThatIsNotAccepted)
     Serve();
     const CommandResult result = Check();
     EXPECT_EQ(result.status, kNoServerLeft);
-    EXPECT_THAT(result.output, AllOf(HasSubstr("certificate                failed: "),
-                                     HasSubstr("expired"), HasSubstr("CN=server, valid until"),
-                                     HasSubstr("(expired)"), HasSubstr("hint: --ca")));
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("certificate                failed: "), HasSubstr("expired"),
+                      HasSubstr("CN=server, valid until"), HasSubstr("(expired)"),
+                      HasSubstr("hint: its owner has to renew it")));
 }
 
 TEST_F(ProgramCheck, ShowsAWrongPassword)
@@ -574,8 +577,11 @@ TEST_P(ProgramWatchStops, WithinASecond)
     const auto begun = std::chrono::steady_clock::now();
     m_process->Signal(GetParam());
     EXPECT_EQ(m_process->Wait(seconds(10)), 0) << Said();
-#ifndef CORPDIR_TESTS_UNDER_SANITIZERS
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, seconds(1));
+    const auto spent = std::chrono::steady_clock::now() - begun;
+#ifdef CORPDIR_TESTS_SLOWED_DOWN
+    EXPECT_LT(spent, seconds(5));
+#else
+    EXPECT_LT(spent, seconds(1));
 #endif
     EXPECT_THAT(Said(), HasSubstr("stopped by SIG"));
     EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));

@@ -119,6 +119,7 @@ def parse_arguments():
     parser.add_argument("--ciphers", help="suites up to TLS 1.2, as OpenSSL's cipher lists")
     parser.add_argument("--tls-max", default="1.3", choices=["1.2", "1.3"])
     parser.add_argument("--rate", type=int, default=0, help="bytes a second per data connection")
+    parser.add_argument("--even-pace", action="store_true", help="with --rate: in small pieces")
     parser.add_argument("--log", help="file that records what clients do")
     arguments = parser.parse_args()
     if arguments.tls != "none" and not arguments.cert:
@@ -140,11 +141,25 @@ def make_ssl_context(arguments):
     return context
 
 
+class EvenPaceMixin:
+    """Pauses after each tenth of a second's bytes. pyftpdlib sends those of a second or two at once."""
+
+    def _throttle_bandwidth(self, len_chunk, max_speed):
+        self._datacount += len_chunk
+        if self._datacount < max_speed / 10:
+            return
+        pause, self._datacount = self._datacount / max_speed, 0
+        self.del_channel()
+        self._throttler = self.ioloop.call_later(
+            pause, lambda: self.add_channel(events=self.ioloop.WRITE), _errback=self.handle_error)
+
+
 def data_handler(arguments):
     base = DTPHandler if arguments.tls == "none" else TlsDataHandler
     if arguments.rate == 0:
         return base
-    return type("SlowDataHandler", (ThrottledDTPHandler, base),
+    bases = (ThrottledDTPHandler, base)
+    return type("SlowDataHandler", (EvenPaceMixin, *bases) if arguments.even_pace else bases,
                 {"write_limit": arguments.rate, "auto_sized_buffers": True})
 
 

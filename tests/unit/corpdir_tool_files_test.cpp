@@ -163,7 +163,7 @@ TEST(ToolPassword, AVariableMustFit)
     ASSERT_EQ(setenv(PASSWORD_VARIABLE, "", 1), 0);
     password.Wipe();
     EXPECT_EQ(FailureOf([&password] { ReadPassword("", password); }).message,
-              "the password from CORPDIR_PASSWORD is empty");
+              "the password from CORPDIR_PASSWORD is empty; unset it, or give --password-file");
 }
 
 TEST(ToolPassword, TheFileGoesBeforeTheVariable)
@@ -286,10 +286,10 @@ TEST_F(ToolReport, AMessageTakesThePlaceOfTheProgress)
         report.Progress("file", 200, 200);
     }
     EXPECT_EQ(m_messages.Text(),
-              "\r\033[Jfile [======>                    ]  25%"
-              "\r\033[Jcorpdir: stopped\n"
-              "\r\033[Jfile [===========================] 100%"
-              "\r\033[J");
+              "\r\033[K\033[Jfile [======>                    ]  25%"
+              "\r\033[K\033[Jcorpdir: stopped\n"
+              "\r\033[K\033[Jfile [===========================] 100%"
+              "\r\033[K\033[J");
 }
 
 TEST(ToolAmount, StaysWithinItsBounds)

@@ -201,8 +201,8 @@ TEST_F(ToolOptions, TheOutputDirectoryMustExist)
 {
     m_options.outputDir = m_directory.Path() + "/none";
     EXPECT_EQ(Status(), EXIT_LOCAL_FILE);
-    EXPECT_EQ(Message(),
-              "--output-dir '" + m_directory.Path() + "/none/': No such file or directory");
+    EXPECT_EQ(Message(), "--output-dir '" + m_directory.Path() +
+                             "/none/': No such file or directory; make it first");
 }
 
 TEST_F(ToolOptions, TheOutputDirectoryMustBeADirectory)

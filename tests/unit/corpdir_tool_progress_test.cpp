@@ -120,7 +120,7 @@ TEST(ToolProgress, ATerminalThatBecameNarrowerIsCleanedUp)
     const std::size_t before = stream.Text().size();
     terminal = Terminal(stream.Get(), 30, false);  // 79 columns take three rows now
     display.Show("directory", 40, 60, {});
-    EXPECT_EQ(stream.Text().substr(before), "\033[2A\r\033[Jdirectory [========>   ]  66%");
+    EXPECT_EQ(stream.Text().substr(before), "\033[2A\r\033[K\033[Jdirectory [========>   ]  66%");
 }
 
 TEST(ToolProgress, ElsewhereALineIsWrittenNowAndThen)

@@ -421,7 +421,7 @@ TEST_F(ToolSession, ADirectoryFileThatFailsIsAskedFromTheNextServer)
                 ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4", "192.0.2.3;192.0.2.4"));
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
-              "192.0.2.2: directory refused; trying next server\n");
+              "192.0.2.2: pub/directory.csv: directory refused; trying next server\n");
 }
 
 TEST_F(ToolSession, ADirectoryFileThatFailsEverywhereLeavesNoServer)
@@ -430,7 +430,7 @@ TEST_F(ToolSession, ADirectoryFileThatFailsEverywhereLeavesNoServer)
     m_service.scripts["192.0.2.2"].directoryFails = TRAVEX_FTP_ERR_FILE;
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_NO_SERVER);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2"));
-    EXPECT_THAT(Messages(), HasSubstr("192.0.2.2: directory refused\n"));
+    EXPECT_THAT(Messages(), HasSubstr("192.0.2.2: pub/directory.csv: directory refused\n"));
 }
 
 TEST_F(ToolSession, TheServersLeftAreRotatedAnew)
@@ -440,7 +440,7 @@ TEST_F(ToolSession, TheServersLeftAreRotatedAnew)
     m_service.scripts["192.0.2.3"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, EXIT_NO_SERVER);
     EXPECT_EQ(Messages(),
-              "192.0.2.1: directory refused; trying next server\n"
+              "192.0.2.1: pub/directory.csv: directory refused; trying next server\n"
               "192.0.2.2: version refused; trying next server\n"
               "192.0.2.3: version refused\n"
               "corpdir: no server left; 3 asked, none gave the file\n");
@@ -590,8 +590,9 @@ TEST_F(ToolSession, ProgressIsShownByFile)
 {
     m_progress = true;
     EXPECT_EQ(Run("192.0.2.1").status, EXIT_FETCHED);
-    EXPECT_EQ(m_messages.Text(),
-              "\r\033[Jdirectory [==========>         ]  50%  24 bytes of 48 bytes\r\033[J");
+    EXPECT_EQ(
+        m_messages.Text(),
+        "\r\033[K\033[Jdirectory [==========>         ]  50%  24 bytes of 48 bytes\r\033[K\033[J");
 }
 
 TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
@@ -604,12 +605,12 @@ TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
     EXPECT_EQ(outcome.error, "no server left; 3 asked, none gave the file");
     const std::string text = m_messages.Text();
     EXPECT_EQ(text.substr(text.find("hint: ")),
-              "hint: is the server up, and does it listen on --port (21 unless given)?\n"
-              "hint: check --user and the password; some servers let nobody in without TLS\n");
+              "hint: is the server up, and is --port 21 the right one?\n"
+              "hint: check --user and the password\n");
     ASSERT_EQ(outcome.attempts.size(), 3U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
-    EXPECT_EQ(outcome.attempts[1].code, TRAVEX_FTP_ERR_LOGIN);
-    EXPECT_EQ(outcome.attempts[1].reason, "version refused");
+    EXPECT_EQ(outcome.attempts[1].trouble.code, TRAVEX_FTP_ERR_LOGIN);
+    EXPECT_EQ(outcome.attempts[1].trouble.reason, "version refused");
 }
 
 TEST_F(ToolSession, TheServerThatGaveTheFileIsTheLastAttempt)
@@ -618,7 +619,7 @@ TEST_F(ToolSession, TheServerThatGaveTheFileIsTheLastAttempt)
     const Outcome outcome = Run("192.0.2.1;192.0.2.2");
     ASSERT_EQ(outcome.attempts.size(), 2U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
-    EXPECT_EQ(outcome.attempts[1].reason, "");
+    EXPECT_EQ(outcome.attempts[1].trouble.reason, "");
     EXPECT_EQ(outcome.error, "");
 }
 

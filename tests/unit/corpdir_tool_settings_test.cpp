@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "corpdir_tool_support.h"
+#include "hints.h"
 #include "settings_file.h"
 
 namespace corpdir_tool
@@ -69,25 +70,32 @@ TEST(ToolSettings, AnOpenValueEndsAtARemark)
 
 TEST(ToolSettings, MistakesAreToldWithTheirLine)
 {
-    EXPECT_EQ(Problem("a = 1\nb = \"x"), "--config: line 2: the quote \" is not closed");
-    EXPECT_EQ(Problem("a = \"x\" y"), "--config: line 1: 'y' stands behind the closing quote");
-    EXPECT_EQ(
-        Problem("a = x\"y"),
-        "--config: line 1: a value with quotes in it has to stand in the other kind of quotes");
-    EXPECT_EQ(Problem("a"), "--config: line 1: 'a' is not of the form 'option = value'");
-    EXPECT_EQ(Problem("[watch"), "--config: line 1: '[watch' is not a section such as [watch]");
-    EXPECT_EQ(Problem("[watch] x"),
-              "--config: line 1: '[watch] x' is not a section such as [watch]");
-    EXPECT_EQ(
-        Problem("a = 1\n[fetch]\na = 2\na = 3"),
-        "--config: line 4: 'a' stands on line 3 already; several values are separated by ','");
+    EXPECT_EQ(Problem("a = 1\nb = \"x"), "line 2: the quote \" is not closed");
+    EXPECT_EQ(Problem("a = \"x\" y"), "line 1: 'y' stands behind the closing quote");
+    EXPECT_EQ(Problem("a = x\"y"),
+              "line 1: a value with quotes in it has to stand in the other kind of quotes");
+    EXPECT_EQ(Problem("a"), "line 1: 'a' is not of the form 'option = value'");
+    EXPECT_EQ(Problem("[watch"), "line 1: '[watch' is not a section such as [watch]");
+    EXPECT_EQ(Problem("[watch] x"), "line 1: '[watch] x' is not a section such as [watch]");
+    EXPECT_EQ(Problem("a = 1\n[fetch]\na = 2\na = 3"),
+              "line 4: 'a' stands on line 3 already; several values are separated by ','");
 }
 
 TEST(ToolSettings, AFileThatIsNoneIsNotPrintedWhole)
 {
     EXPECT_EQ(Problem("\x01" + std::string(1000, 'x')),
-              "--config: line 1: '\\x01" + std::string(39, 'x') +
-                  "...' is not of the form 'option = value'");
+              "line 1: '\\x01" + std::string(39, 'x') + "...' is not of the form 'option = value'");
+}
+
+TEST(ToolSuggestion, IsTheWordThatIsMostAlike)
+{
+    const std::vector<std::string> words = {"servers", "user", "output-dir", "version-file"};
+    EXPECT_EQ(Suggestion("server", words), "; did you mean 'servers'?");
+    EXPECT_EQ(Suggestion("outputdir", words), "; did you mean 'output-dir'?");
+    EXPECT_EQ(Suggestion("sue", words), "");
+    EXPECT_EQ(Suggestion("uses", words), "; did you mean 'user'?");
+    EXPECT_EQ(Suggestion("", words), "");
+    EXPECT_EQ(Suggestion("servers", {}), "");
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ TEST(ErrorRecord, HasItsCodeFirst)
 TEST(ObservationRecord, IsWithoutGapsButForThatOfTheResult)
 {
     using Record = tagTRAVEX_FTP_S_OBSERVATION;
-    EXPECT_EQ(sizeof(Record), 56U);
+    EXPECT_EQ(sizeof(Record), 64U);
     EXPECT_EQ(alignof(Record), 8U);
     EXPECT_EQ(offsetof(Record, ulKind), 0U);
     EXPECT_EQ(offsetof(Record, ulTaskID), 4U);
@@ -44,6 +44,21 @@ TEST(ObservationRecord, IsWithoutGapsButForThatOfTheResult)
     EXPECT_EQ(offsetof(Record, ullTotal), 32U);
     EXPECT_EQ(offsetof(Record, ulRet), 40U);
     EXPECT_EQ(offsetof(Record, pcReason), 48U);
+    EXPECT_EQ(offsetof(Record, pstCourse), 56U);
+}
+
+TEST(CourseRecord, IsWithoutGaps)
+{
+    using Record = tagTRAVEX_FTP_S_COURSE;
+    EXPECT_EQ(sizeof(Record), 392U);
+    EXPECT_EQ(offsetof(Record, ullConnected), 0U);
+    EXPECT_EQ(offsetof(Record, ullEnded), 32U);
+    EXPECT_EQ(offsetof(Record, llCertificateUntil), 40U);
+    EXPECT_EQ(offsetof(Record, acTlsVersion), 48U);
+    EXPECT_EQ(offsetof(Record, acTlsSuite), 64U);
+    EXPECT_EQ(offsetof(Record, acSubject), 128U);
+    EXPECT_EQ(offsetof(Record, ulReused), 384U);
+    EXPECT_EQ(offsetof(Record, ulDataResumed), 388U);
 }
 
 TEST(MutexRecord, Is72BytesAlignedForPointers)
@@ -73,6 +88,7 @@ TEST(Records, ArePlainData)
     EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_NOTIFY_DATA>);
     EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_ERR_INFO>);
     EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_OBSERVATION>);
+    EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_COURSE>);
     EXPECT_TRUE(kPlain<OSAK_MUTEX>);
 }
 

@@ -121,12 +121,19 @@ public:
     }
 
 private:
+    // That the step is about.
+    std::string FileOf(const CheckResult& result) const
+    {
+        return result.failedAt == CheckStep::DIRECTORY_FILE ? m_plan.directoryFile
+                                                            : m_plan.versionFile;
+    }
+
     void Hint() const
     {
         std::set<std::string> given;
         for (const CheckResult& result : m_results)
         {
-            const std::string hint = HintFor(result.code);
+            const std::string hint = HintFor({result.code, FileOf(result), result.reason}, m_plan);
             if (!hint.empty() && given.insert(hint).second)
             {
                 m_report.Hint(hint);

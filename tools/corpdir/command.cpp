@@ -100,7 +100,9 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
     }
     if (resolved.servers.empty())
     {
-        throw Failure(EXIT_NO_SERVER, "no server left; no name of --servers has an address");
+        throw Failure(EXIT_NO_SERVER,
+                      "no server left; no name of --servers has an address: check the spelling, "
+                      "'getent hosts NAME' asks this machine's resolver");
     }
     return std::move(resolved.servers);
 }

@@ -33,9 +33,10 @@ Json ServersOf(const Outcome& outcome)
     {
         servers.push_back({{"address", attempt.server.address},
                            {"name", OrNull(attempt.server.name)},
-                           {"gave", attempt.reason.empty()},
-                           {"code", attempt.code},
-                           {"reason", OrNull(attempt.reason)}});
+                           {"gave", attempt.trouble.reason.empty()},
+                           {"file", OrNull(attempt.trouble.file)},
+                           {"code", attempt.trouble.code},
+                           {"reason", OrNull(attempt.trouble.reason)}});
     }
     return servers;
 }

@@ -3,13 +3,29 @@
 #define CORPDIR_TOOL_HINTS_H
 
 #include <string>
+#include <vector>
+
+#include "options.h"
 
 namespace corpdir_tool
 {
 
-// A sentence for a result of the FTP layer (tagTRAVEX_FTP_RESULT); empty when there is nothing to
-// advise.
-std::string HintFor(unsigned int code);
+// A failure as the FTP layer told it.
+struct Trouble
+{
+    unsigned int code = 0;  // tagTRAVEX_FTP_RESULT
+    std::string file;       // on the server; empty when not known
+    std::string reason;     // in words
+};
+
+// A sentence on what to do next; empty when there is nothing to advise.
+std::string HintFor(const Trouble& trouble, const Plan& plan);
+
+// The reason with the file that it is about, where it is about one.
+std::string WithFile(const Trouble& trouble);
+
+// "; did you mean 'candidate'?" for the one that is most like a misspelt word; empty when none is.
+std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates);
 
 }  // namespace corpdir_tool
 

@@ -1,15 +1,19 @@
 // corpdir: fetches a corporate directory from FTP and FTPS servers.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "check.h"
 #include "ciphers.h"
 #include "failure.h"
 #include "fetch.h"
+#include "hints.h"
 #include "settings_file.h"
+#include "text.h"
 #include "travex_ftp.h"
 #include "watch.h"
 
@@ -319,14 +323,49 @@ std::string VersionText()
            TRAVEX_FTP_Libraries();
 }
 
+// The first word that the parser could make nothing of, with one that may have been meant; empty
+// when there is none.
+std::string UnknownWord(const CLI::App& program, const CLI::App* chosen)
+{
+    const std::vector<std::string> rest = program.remaining(true);
+    const auto option = std::find_if(
+        rest.begin(), rest.end(), [](const std::string& word) { return word.rfind("-", 0) == 0; });
+    std::vector<std::string> names;
+    if (option != rest.end())
+    {
+        const std::string word = option->substr(0, option->find('='));
+        for (const CLI::App* app : {&program, chosen != nullptr ? chosen : &program})
+        {
+            for (const CLI::Option* known : app->get_options())
+            {
+                names.push_back("--" + known->get_single_name());
+            }
+        }
+        return "unknown option '" + corpdir_tool::Printable(word) + "'" +
+               corpdir_tool::Suggestion(word, names);
+    }
+    if (rest.empty())
+    {
+        return "";
+    }
+    for (const CLI::App* command : program.get_subcommands(nullptr))
+    {
+        names.push_back(command->get_name());
+    }
+    const std::string word = rest.front();
+    return (chosen == nullptr ? "unknown command '" : "unexpected '") +
+           corpdir_tool::Printable(word) + "'" +
+           (chosen == nullptr ? corpdir_tool::Suggestion(word, names) : "");
+}
+
 std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
 {
-    std::string command = "corpdir";
-    for (const CLI::App* chosen : program->get_subcommands())
-    {
-        command += " " + chosen->get_name();
-    }
-    return std::string("corpdir: ") + error.what() + "\nTry '" + command + " --help'.\n";
+    const std::vector<const CLI::App*> commands =
+        program->get_subcommands([](const CLI::App* command) { return command->parsed(); });
+    const CLI::App* const chosen = commands.empty() ? nullptr : commands.front();
+    const std::string unknown = UnknownWord(*program, chosen);
+    return "corpdir: " + (unknown.empty() ? std::string(error.what()) : unknown) +
+           "\nTry 'corpdir " + (chosen == nullptr ? "" : chosen->get_name() + " ") + "--help'.\n";
 }
 
 int Run(int argc, char** argv)

@@ -39,7 +39,8 @@ void CheckWritableDirectory(const std::string& option, const std::string& direct
     struct stat state = {};
     if (stat(directory.c_str(), &state) != 0)
     {
-        throw Failure(EXIT_LOCAL_FILE, what + ": " + SystemMessage(errno));
+        const char* const advice = errno == ENOENT ? "; make it first" : "";
+        throw Failure(EXIT_LOCAL_FILE, what + ": " + SystemMessage(errno) + advice);
     }
     if (!S_ISDIR(state.st_mode))
     {

@@ -105,7 +105,9 @@ void CheckPassword(const Secret& password, const std::string& source)
     const std::string_view text = password.View();
     if (text.empty())
     {
-        throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is empty");
+        const char* const advice =
+            source == PASSWORD_VARIABLE ? "; unset it, or give --password-file" : "";
+        throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is empty" + advice);
     }
     if (text.size() > MAX_PASSWORD_LENGTH)
     {

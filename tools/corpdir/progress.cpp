@@ -178,7 +178,9 @@ void ProgressDisplay::Measure(std::uint64_t bytes, Clock::time_point now)
     m_state.bytes = bytes;
 }
 
-// A terminal that has become narrower has broken the line that stands there into several.
+// A terminal that has become narrower has broken the line that stands there into several. The row
+// of the cursor is cleared alone first: what is cleared from the top left corner on, some terminals
+// keep among the lines that were scrolled away.
 void ProgressDisplay::Draw(const std::string& line)
 {
     const std::size_t rows = m_drawn == 0 ? 0 : (m_drawn - 1) / m_terminal.Width();
@@ -186,7 +188,7 @@ void ProgressDisplay::Draw(const std::string& line)
     {
         (void)std::fprintf(m_terminal.Stream(), "\033[%zuA", rows);
     }
-    (void)std::fprintf(m_terminal.Stream(), "\r\033[J%s", line.c_str());
+    (void)std::fprintf(m_terminal.Stream(), "\r\033[K\033[J%s", line.c_str());
     (void)std::fflush(m_terminal.Stream());
     m_drawn = line.size();
 }

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "failure.h"
-#include "hints.h"
 #include "signals.h"
 #include "text.h"
 #include "version_file.h"
@@ -17,6 +16,11 @@ namespace
 
 const char NEXT_SERVER[] = "trying next server";
 const char SAME_SERVER[] = "trying again";
+
+Trouble TroubleOf(const Event& event)
+{
+    return {event.code, event.file, event.reason};
+}
 
 }  // namespace
 
@@ -42,7 +46,7 @@ Outcome Session::Run(EventQueue::Clock::time_point deadline)
     m_link.Stop();
     if (*status == EXIT_FETCHED)
     {
-        m_attempts.push_back({m_servers[m_current], 0, ""});
+        m_attempts.push_back({m_servers[m_current], {}});
     }
     return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts, {}};
 }
@@ -160,7 +164,7 @@ Session::Settled Session::OnFailed(const Event& event)
 {
     if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
     {
-        return Fail(EXIT_LOCAL_FILE, event.reason, HintFor(event.code));
+        return Fail(EXIT_LOCAL_FILE, event.reason, HintFor(TroubleOf(event), m_plan));
     }
     if (!IsVersionFile(event))
     {
@@ -233,7 +237,7 @@ void Session::Hint() const
     std::set<std::string> given;
     for (const Attempt& attempt : m_attempts)
     {
-        const std::string hint = HintFor(attempt.code);
+        const std::string hint = HintFor(attempt.trouble, m_plan);
         if (!hint.empty() && given.insert(hint).second)
         {
             m_report.Hint(hint);
@@ -271,8 +275,8 @@ std::string Session::ServerList(std::size_t first) const
 
 void Session::ReportServer(std::size_t index, const Event& event, const std::string& next)
 {
-    m_attempts.push_back({m_servers[index], event.code, event.reason});
-    m_report.ServerFailed(m_servers[index].Label(), event.reason, next);
+    m_attempts.push_back({m_servers[index], TroubleOf(event)});
+    m_report.ServerFailed(m_servers[index].Label(), WithFile(m_attempts.back().trouble), next);
 }
 
 std::string Session::Activity() const

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "events.h"
+#include "hints.h"
 #include "options.h"
 #include "report.h"
 #include "secret.h"
@@ -21,8 +22,7 @@ namespace corpdir_tool
 struct Attempt
 {
     Server server;
-    unsigned int code = 0;  // tagTRAVEX_FTP_RESULT; 0: it gave the file, or none is known
-    std::string reason;     // in words; empty: it gave the file
+    Trouble trouble;  // without a reason: it gave the file
 };
 
 struct Outcome

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "failure.h"
+#include "hints.h"
 #include "text.h"
 
 namespace corpdir_tool
@@ -16,7 +17,7 @@ const char BLANKS[] = " \t\r";
 
 [[noreturn]] void Refuse(std::size_t line, const std::string& problem)
 {
-    throw Failure(EXIT_ARGUMENTS, "--config: line " + std::to_string(line) + ": " + problem);
+    throw Failure(EXIT_ARGUMENTS, "line " + std::to_string(line) + ": " + problem);
 }
 
 // For messages: a file that is none of settings may have anything in it.
@@ -106,9 +107,23 @@ public:
 
     std::vector<CLI::ConfigItem> from_config(std::istream& input) const override
     {
+        try
+        {
+            return Items(ReadSettings(input));
+        }
+        catch (const Failure& failure)
+        {
+            const auto path = m_program.get_config_ptr()->as<std::string>();
+            throw Failure(EXIT_ARGUMENTS, "--config " + Printable(path) + ", " + failure.what());
+        }
+    }
+
+private:
+    std::vector<CLI::ConfigItem> Items(const std::vector<Setting>& settings) const
+    {
         std::vector<CLI::ConfigItem> ofCommand;
         std::vector<CLI::ConfigItem> ofAll;
-        for (const Setting& setting : ReadSettings(input))
+        for (const Setting& setting : settings)
         {
             Sort(setting, setting.section.empty() ? ofAll : ofCommand);
         }
@@ -117,7 +132,6 @@ public:
         return ofCommand;
     }
 
-private:
     void Sort(const Setting& setting, std::vector<CLI::ConfigItem>& sorted) const
     {
         bool known = false;
@@ -141,11 +155,26 @@ private:
         }
         if (!known)
         {
-            Refuse(setting.line, setting.section.empty()
-                                     ? "no command has an option " + Shown(setting.name)
-                                     : "there is no command " + Shown(setting.section) +
-                                           " with an option " + Shown(setting.name));
+            RefuseUnknown(setting);
         }
+    }
+
+    [[noreturn]] void RefuseUnknown(const Setting& setting) const
+    {
+        std::vector<std::string> names;
+        for (const CLI::App* command : m_program.get_subcommands(nullptr))
+        {
+            for (const CLI::Option* option : command->get_options())
+            {
+                if (setting.section.empty() || setting.section == command->get_name())
+                {
+                    names.push_back(option->get_single_name());
+                }
+            }
+        }
+        Refuse(setting.line,
+               (setting.section.empty() ? "no command" : "no command " + Shown(setting.section)) +
+                   " has an option " + Shown(setting.name) + Suggestion(setting.name, names));
     }
 
     // A flag that is false is as good as one that is not there. Any other value is a mistake: an

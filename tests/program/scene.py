@@ -1,0 +1,133 @@
+"""What the tests of the program share: a scratch folder, certificates, FTP servers on loopback."""
+
+import os
+import pathlib
+import re
+import shutil
+import socket
+import subprocess
+import tempfile
+
+SUPPORT = pathlib.Path(__file__).resolve().parent.parent / "support"
+
+USER = "directory"
+PASSWORD = "t0p-Secret"
+
+# Dates of a certificate, as "openssl ca" takes them.
+VALID = ("20240101000000Z", "20991231000000Z")
+EXPIRED = ("20240101000000Z", "20240201000000Z")
+
+AUTHORITY_SETTINGS = """[ca]
+default_ca = here
+[here]
+database = {base}.index
+new_certs_dir = {folder}
+rand_serial = yes
+unique_subject = no
+default_md = sha256
+policy = any
+certificate = {base}.pem
+private_key = {key}
+[any]
+commonName = supplied
+"""
+
+
+def python_with_server():
+    """Debian's interpreter first: the packages are for it, and another one may stand in PATH."""
+    for candidate in ("/usr/bin/python3", "python3"):
+        if subprocess.run([candidate, "-c", "import pyftpdlib, OpenSSL"],
+                          stderr=subprocess.DEVNULL, check=False).returncode == 0:
+            return candidate
+    raise SystemExit("no python3 with pyftpdlib and OpenSSL: run scripts/setup")
+
+
+def openssl(*arguments):
+    done = subprocess.run(["openssl", *map(str, arguments)], stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, check=False)
+    if done.returncode != 0:
+        raise SystemExit("openssl %s failed:\n%s" % (arguments[0], done.stdout))
+
+
+class Scene:
+    """A scratch folder; the servers end and it goes when the `with` is left."""
+
+    def __enter__(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corpdir-program-"))
+        self.key = self.folder / "key.pem"
+        openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", self.key)
+        self.authority = self.make_authority("authority")
+        self.servers = []
+        self.sockets = []
+        return self
+
+    def __exit__(self, *failure):
+        for server in self.servers:
+            server.stdin.close()  # what a server ends with
+        for server in self.servers:
+            server.wait()
+            server.stdout.close()
+        for listener in self.sockets:
+            listener.close()
+        shutil.rmtree(self.folder)
+
+    def write(self, name, text):
+        """A file in the folder, with the folders on its way."""
+        path = self.folder / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(text if isinstance(text, bytes) else text.encode())
+        return path
+
+    # Certificates: one key for all of them, since making keys takes time and shows nothing here.
+
+    def make_authority(self, name):
+        base = self.folder / name
+        openssl("req", "-x509", "-new", "-key", self.key, "-subj", "/CN=The %s" % name, "-days", "2",
+                "-addext", "keyUsage=critical,keyCertSign", "-out", "%s.pem" % base)
+        self.write(name + ".index", "")
+        self.write(name + ".cnf", AUTHORITY_SETTINGS.format(base=base, folder=self.folder, key=self.key))
+        return pathlib.Path("%s.pem" % base)
+
+    def make_certificate(self, name, alternatives, dates=VALID):
+        """alternatives: such as "IP:127.0.0.1,DNS:dir.example"."""
+        request, names = self.folder / (name + ".csr"), self.write(name + ".ext",
+                                                                   "subjectAltName=" + alternatives)
+        path = self.folder / (name + ".pem")
+        openssl("req", "-new", "-key", self.key, "-subj", "/CN=%s" % name, "-out", request)
+        openssl("ca", "-batch", "-notext", "-config", self.folder / "authority.cnf", "-in", request,
+                "-extfile", names, "-startdate", dates[0], "-enddate", dates[1], "-out", path)
+        return path
+
+    # Servers; each returns its port.
+
+    def start(self, script, *arguments):
+        server = subprocess.Popen([python_with_server(), str(SUPPORT / script), *map(str, arguments)],
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.servers.append(server)
+        ready = re.match(r"READY (\d+)$", server.stdout.readline())
+        if not ready:
+            raise SystemExit("%s did not start" % script)
+        return int(ready.group(1))
+
+    def serve(self, root, certificate=None, *options):
+        """An FTP server, with explicit and demanded TLS when it has a certificate."""
+        arguments = ["--root", root, "--user", USER, "--password", PASSWORD]
+        if certificate:
+            arguments += ["--cert", certificate, "--key", self.key]
+            if "--tls" not in options:
+                arguments += ["--tls", "explicit", "--tls-required"]
+        return self.start("ftp_server.py", *arguments, *options)
+
+    def closed_port(self):
+        """Nobody listens there, and nobody else can while the scene lasts."""
+        holder = socket.socket()
+        holder.bind(("127.0.0.1", 0))
+        self.sockets.append(holder)
+        return holder.getsockname()[1]
+
+
+def environment(**more):
+    """What a program may see: none of the settings that whoever runs the tests has made."""
+    kept = {name: value for name, value in os.environ.items()
+            if name in ("PATH", "HOME", "TMPDIR") or name.endswith("SAN_OPTIONS")}
+    return {**kept, "LC_ALL": "C.UTF-8", **more}
