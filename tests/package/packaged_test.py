@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Uses the installed Debian packages: the program, the example client built with pkg-config, and
-the Python module where its package is installed. scripts/package-test runs it.
+"""Uses the installed Debian packages: the program, by the commands of its documents too; the example
+clients in C++ and C, built with pkg-config; the Python module. scripts/package-test runs it.
 
 Usage: packaged_test.py SOURCE_DIR
 """
@@ -11,7 +11,7 @@ import subprocess
 import sys
 import tempfile
 
-MODULES = "/usr/lib/python3/dist-packages/"
+DOCUMENTS = ["README.md", "docs/program.md", "docs/publishing.md", "docs/log.md"]
 SOURCE = pathlib.Path(sys.argv[1]).resolve()
 sys.path.insert(0, str(SOURCE / "tests/support"))
 import served_directory  # noqa: E402
@@ -21,48 +21,45 @@ def output(*command):
     return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE).stdout
 
 
-def compile_example(folder):
-    flags = shlex.split(output("pkg-config", "--cflags", "--libs", "corpdir"))
-    program = folder / "fetch_directory"
-    subprocess.run(["g++", "-std=c++11", "-Wall", "-Wextra", "-Werror",
-                    SOURCE / "examples/fetch_directory.cpp", "-o", program, *flags, "-pthread"],
-                   check=True)
+def compile_example(folder, compiler, source, library):
+    flags = shlex.split(output("pkg-config", "--cflags", "--libs", library))
+    program = folder / source.replace(".", "_")
+    subprocess.run([*compiler, "-Wall", "-Wextra", "-Werror", SOURCE / "examples" / source, "-o", program,
+                    *flags, "-pthread"], check=True)
     libraries = output("ldd", program)
-    if " => /lib/" not in libraries.split("libcorpdir.so.1")[1].splitlines()[0]:
+    if " => /lib/" not in libraries.split("lib%s.so.1" % library)[1].splitlines()[0]:
         sys.exit("the example is not linked with the installed library\n" + libraries)
     return program
 
 
-def import_modules():
-    """The names of the modules of python3-corpdir, none where that is not installed."""
-    listed = subprocess.run(["dpkg", "-L", "python3-corpdir"], capture_output=True, text=True)
-    sources = [line for line in listed.stdout.splitlines()
-               if line.startswith(MODULES) and line.endswith(".py")]
-    modules = sorted({source.removeprefix(MODULES).split("/")[0].removesuffix(".py")
-                      for source in sources})
-    if listed.returncode == 0 and not modules:
-        sys.exit("python3-corpdir has no module")
-    for module in modules:
-        subprocess.run([served_directory.PYTHON, "-c", "import " + module], cwd="/", check=True)
-    return modules
+def run_documents():
+    """As an operator reads them, and somebody who has only the log."""
+    for document in DOCUMENTS:
+        print("\n%s, with the installed program:\n" % document, flush=True)
+        subprocess.run([served_directory.PYTHON, "-B", SOURCE / "tests/program/run_document.py", SOURCE,
+                        SOURCE / document, "/usr/bin/corpdir", "--show"], check=True)
 
 
 def main():
     served_directory.be_allowed_to_listen()
     if "fetch" not in output("corpdir", "--help"):
         sys.exit("corpdir --help does not name fetch")
+    run_documents()
     with tempfile.TemporaryDirectory(prefix="corpdir-packaged-") as work:
         folder = pathlib.Path(work)
-        example = compile_example(folder)
+        clients = [
+            [compile_example(folder, ["g++", "-std=c++11"], "fetch_directory.cpp", "corpdir")],
+            [compile_example(folder, ["gcc", "-std=c99"], "fetch_directory.c", "corpdir_c")],
+            [served_directory.PYTHON, SOURCE / "examples/fetch_directory.py"],
+        ]
         with served_directory.ServedDirectory(folder).serving() as served:
             size = len(served.files["directory.csv"])
             served.fetch_with_program("/usr/bin/corpdir")
-            print("corpdir fetched %d bytes over FTPS, the same as served" % size)
-            served.fetch([example])
-            print("fetch_directory, built with pkg-config, fetched %d bytes over FTPS, the same as "
-                  "served" % size)
-    for module in import_modules():
-        print("Python imports " + module)
+            print("used: corpdir fetched %d bytes over FTPS, the same as served" % size)
+            for client in clients:
+                served.fetch(client)
+                print("used: %s fetched %d bytes over FTPS, the same as served"
+                      % (pathlib.Path(client[-1]).name, size))
 
 
 if __name__ == "__main__":

@@ -23,7 +23,8 @@ A document may take for granted what this program puts into the scratch folder:
 Names are replaced by addresses of loopback and folders by some in the scratch folder; in what is
 printed that is undone. A server of the list is shown with the address that it has in a document.
 
-Usage: run_document.py SOURCE_DIR DOCUMENT PROGRAM. Exit status 0, or 1 with what differs.
+Usage: run_document.py SOURCE_DIR DOCUMENT PROGRAM [--show]. Exit status 0, or 1 with what differs;
+--show prints commands and outputs, too.
 """
 
 import argparse
@@ -191,7 +192,16 @@ def differences(block, expected, status, output):
             expected.splitlines(), output.splitlines(), "the document", "the commands", lineterm="")])
 
 
-def run_blocks(blocks, place):
+def show(script, output):
+    """As it would stand on a terminal."""
+    goes_on = False
+    for line in script.splitlines():
+        print(("> " if goes_on else "$ ") + line)
+        goes_on = line.endswith("\\")
+    print(output, flush=True)
+
+
+def run_blocks(blocks, place, shown):
     """Returns how many were run, and what was wrong."""
     count, wrong = 0, []
     for block in blocks.all:
@@ -199,7 +209,10 @@ def run_blocks(blocks, place):
             place.write(block.marks["file"], block.text)
         elif block.kind == "sh" and "elsewhere" not in block.marks:
             count += 1
-            wrong += differences(block, blocks.output_of(block), *place.run(block.text))
+            status, output = place.run(block.text)
+            if shown:
+                show(block.text, output)
+            wrong += differences(block, blocks.output_of(block), status, output)
     return count, wrong
 
 
@@ -209,12 +222,14 @@ def main():
     parser.add_argument("source", type=pathlib.Path)
     parser.add_argument("document", type=pathlib.Path)
     parser.add_argument("program", type=pathlib.Path)
+    parser.add_argument("--show", action="store_true")
     arguments = parser.parse_args()
     blocks = Blocks(arguments.document.read_text(), arguments.source)
     count, wrong = 0, []
     if any(block.kind == "sh" and "elsewhere" not in block.marks for block in blocks.all):
         with Scene() as scene:
-            count, wrong = run_blocks(blocks, Place(scene, arguments.program.resolve()))
+            count, wrong = run_blocks(blocks, Place(scene, arguments.program.resolve()),
+                                      arguments.show)
     for problem in blocks.wrong + wrong:
         print(problem)
     print("%d blocks run" % count)
