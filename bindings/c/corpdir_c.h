@@ -42,7 +42,7 @@
 /* What a call returns, and what an event says of a transfer that failed. */
 typedef enum corpdir_code
 {
-    CORPDIR_OK = 0,
+    CORPDIR_OK = 0, /* success; of an event: nothing failed */
 
     /* Of calls. */
     CORPDIR_ERR_ARGUMENT = 1,    /* a null pointer, or a record of a size that is unknown */
@@ -128,6 +128,7 @@ typedef enum corpdir_event_kind
     CORPDIR_EVENT_LOST = 6 /* memory ran out: one or more events before this one are missing */
 } corpdir_event_kind;
 
+/* What total is while the server has not announced a size. */
 #define CORPDIR_SIZE_UNKNOWN UINT64_MAX
 
 /* What happened. The record and its texts belong to the library, and are valid for the call. No
@@ -239,6 +240,8 @@ CORPDIR_API corpdir_code corpdir_set_ciphers(corpdir_client* client, const uint1
 
 /* Appends one suite, to the three when none are set. One that is in the list stays there. */
 CORPDIR_API corpdir_code corpdir_add_cipher(corpdir_client* client, uint16_t suite);
+
+/* Constants of the library. */
 
 /* What a code means, in words; never NULL. A constant of the library. Any thread. */
 CORPDIR_API const char* corpdir_error_text(uint32_t code);

@@ -96,8 +96,10 @@ public:
     FunctionTrace(CCorpDirLog** log, const char* module, const char* function, const char* file,
                   unsigned int line, void (*print)(const char*), unsigned int logMode,
                   const char* module2);
+    // Logs the exit.
     ~FunctionTrace();
 
+    // One entry and one exit: not to be copied.
     FunctionTrace(const FunctionTrace&) = delete;
     FunctionTrace& operator=(const FunctionTrace&) = delete;
 

@@ -31,7 +31,7 @@
 // Result codes.
 enum tagOSAK_RESULT
 {
-    OSAK_OK = 0,
+    OSAK_OK = 0,            // success
     OSAK_ERR_PARAM = 1,     // a null or invalid argument
     OSAK_ERR_NO_MUTEX = 2,  // the address holds no live mutex
     OSAK_ERR_BUSY = 3,      // another thread holds the mutex and did not let go in time; while the
@@ -46,7 +46,7 @@ enum tagOSAK_RESULT
 // that an address whose storage was released can be recognised without being read.
 struct OSAK_MUTEX
 {
-    alignas(8) unsigned char aucStorage[72];
+    alignas(8) unsigned char aucStorage[72];  // neither read nor written
 };
 static_assert(sizeof(OSAK_MUTEX) == 72 && alignof(OSAK_MUTEX) == 8, "fixed size");
 
@@ -91,6 +91,9 @@ extern "C"
     // an unlock costs about as much as a bare pthread mutex's. While the process exits a lock waits
     // at most 1 s, and not for a holder that is held for good, then OSAK_ERR_BUSY.
     unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex);
+
+    // Takes back one lock; the last one lets a waiting thread in. OSAK_ERR_OWNER for a thread that
+    // does not hold the mutex.
     unsigned int OSAK_MutexUnLock(OSAK_MUTEX* mutex);
 
     // Threads.
@@ -126,9 +129,12 @@ extern "C"
 
     // Strings.
 
-    // Length and byte order of NUL-terminated texts; null counts as the empty text. A length beyond
-    // 32 bits counts as 0xFFFFFFFF.
+    // Length of a NUL-terminated text; null counts as the empty text. A length beyond 32 bits
+    // counts as 0xFFFFFFFF.
     unsigned int OSAK_StrLen(const char* text);
+
+    // Byte order of two NUL-terminated texts, as strcmp: below 0, 0 or above 0; null counts as the
+    // empty text.
     int OSAK_StrCmp(const char* left, const char* right);
 
     // Addresses.
@@ -141,10 +147,12 @@ extern "C"
     unsigned int OSAK_InetAddr(const char* text);
 
     // As getaddrinfo; blocks as long as the system's resolver does. 0 always comes with at least
-    // one entry, to be released with OSAK_FreeAddrInfo; else *result is null. Null is harmless to
-    // the latter, and gives EAI_FAIL for `result`.
+    // one entry, to be released with OSAK_FreeAddrInfo; else *result is null. EAI_FAIL when
+    // `result` is null.
     int OSAK_GetAddrInfo(const char* node, const char* service, const struct addrinfo* hints,
                          struct addrinfo** result);
+
+    // Releases what OSAK_GetAddrInfo gave. Null does nothing.
     void OSAK_FreeAddrInfo(struct addrinfo* result);
 
 }  // extern "C"

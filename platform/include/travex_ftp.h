@@ -15,7 +15,7 @@
 // Result codes, of calls (1 to 9) and of failed transfers (from 16).
 enum tagTRAVEX_FTP_RESULT
 {
-    TRAVEX_FTP_OK = 0,
+    TRAVEX_FTP_OK = 0,            // success
     TRAVEX_FTP_ERR_PARAM = 1,     // a null, empty, over-long or otherwise unusable argument
     TRAVEX_FTP_ERR_HANDLE = 2,    // no live handle
     TRAVEX_FTP_ERR_NOT_INIT = 3,  // TRAVEX_FTP_Init has not been called
@@ -45,6 +45,7 @@ enum tagTRAVEX_FTP_NOTIFY_TYPE
     TRAVEX_FTP_NOTIFY_OVER = 12     // follows each success
 };
 
+// Parameters, and the downloads that were started with them; null: no handle.
 typedef struct tagTRAVEX_FTP_HANDLE* TRAVEX_FTP_HANDLE;
 
 // Asked once per TLS connection of a control channel, after the layer's own checks, on the transfer
@@ -55,50 +56,51 @@ typedef int (*TRAVEX_FTP_VERIFY_CB)(void* pServer, void* pSubject);
 // Control parameters. Zero the whole record first.
 struct tagTRAVEX_FTP_S_CTRL_PARAM
 {
-    unsigned int ulServerType;  // 0 plain FTP; 1 FTPS, control and data channel encrypted:
-                                // explicit (AUTH TLS), implicit on port 990
-    unsigned int ulReserved1;
-    unsigned int ulServerIpType;  // 0 IPv4, 1 IPv6
-    unsigned int ulReserved2;
-    unsigned char aucServerIp[16];  // network byte order, an IPv4 address in the first 4; a zero
-                                    // address is accepted here, and its transfers fail
-    unsigned int ulServerPort;      // 0: 21
-    unsigned int ulCtrlOption1;     // carried, no effect
-    char acUserName[128];           // NUL-terminated, not empty
-    char acPassword[128];           // NUL-terminated, not empty
-    unsigned char aucReserved3[128];
-    unsigned int ulCtrlOption2;  // carried, no effect
-    unsigned int ulCtrlOption3;  // carried, no effect
-    char acWorkDir[128];         // local directory, not empty
-    unsigned char aucReserved4[8];
-    const char* pcFtpCtrlInfo;           // trust text: a path of a PEM file or directory of
-                                         // certification authorities; "system"; or key=value pairs
-                                         // separated by ";": ca= (default: system), name= (DNS
-                                         // names separated by ","), tls=implicit. Read for FTPS,
-                                         // the authorities' files when ulCertVerify is 1
-    unsigned int ulTlsOption1;           // carried, no effect
-    unsigned short usTlsOption2;         // carried, no effect
-    unsigned int ulTlsOption3;           // carried, no effect
+    unsigned int ulServerType;        // 0 plain FTP; 1 FTPS, control and data channel encrypted:
+                                      // explicit (AUTH TLS), implicit on port 990
+    unsigned int ulReserved1;         // not read
+    unsigned int ulServerIpType;      // 0 IPv4, 1 IPv6
+    unsigned int ulReserved2;         // not read
+    unsigned char aucServerIp[16];    // network byte order, an IPv4 address in the first 4; a zero
+                                      // address is accepted here, and its transfers fail
+    unsigned int ulServerPort;        // 0: 21
+    unsigned int ulCtrlOption1;       // carried, no effect
+    char acUserName[128];             // NUL-terminated, not empty
+    char acPassword[128];             // NUL-terminated, not empty
+    unsigned char aucReserved3[128];  // not read
+    unsigned int ulCtrlOption2;       // carried, no effect
+    unsigned int ulCtrlOption3;       // carried, no effect
+    char acWorkDir[128];              // local directory, not empty
+    unsigned char aucReserved4[8];    // not read
+    const char* pcFtpCtrlInfo;        // trust text: a path of a PEM file or directory of
+                                      // certification authorities; "system"; or key=value pairs
+                                      // separated by ";": ca= (default: system), name= (DNS
+                                      // names separated by ","), tls=implicit. Read for FTPS,
+                                      // the authorities' files when ulCertVerify is 1
+    unsigned int ulTlsOption1;        // carried, no effect
+    unsigned short usTlsOption2;      // carried, no effect
+    unsigned int ulTlsOption3;        // carried, no effect
     TRAVEX_FTP_VERIFY_CB pfnFtpsVerify;  // may be null
-    const int* piCipherList;   // the suites offered, 0x03000000 + IANA number; the protocol
-    unsigned int ulCipherNum;  // versions follow from them. None: the library's default
-    unsigned int ulReserved5;
-    unsigned int ulLocalIpType;  // 0 IPv4, 1 IPv6
-    unsigned int ulReserved6;
+    const int* piCipherList;       // the suites offered, 0x03000000 + IANA number; the protocol
+                                   // versions follow from them
+    unsigned int ulCipherNum;      // how many; 0: the TLS library's default suites
+    unsigned int ulReserved5;      // not read
+    unsigned int ulLocalIpType;    // 0 IPv4, 1 IPv6
+    unsigned int ulReserved6;      // not read
     unsigned char aucLocalIp[16];  // address to connect from; all zero: the system's choice
     unsigned int ulCertVerify;     // 1: chain, dates and identity (a name of the trust text or
                                    // the address connected to) are checked; 0: they are not
-    unsigned int ulReserved7;
+    unsigned int ulReserved7;      // not read
 };
 
 // Data parameters: carried, no effect.
 struct tagTRAVEX_FTP_S_DATA_PARAM
 {
-    unsigned int ulDataOption1;
-    unsigned int ulDataOption2;
-    unsigned int ulDataOption3;
-    unsigned int ulDataOption4;
-    unsigned char aucReserved[8];
+    unsigned int ulDataOption1;    // carried, no effect
+    unsigned int ulDataOption2;    // carried, no effect
+    unsigned int ulDataOption3;    // carried, no effect
+    unsigned int ulDataOption4;    // carried, no effect
+    unsigned char aucReserved[8];  // not read
 };
 
 // Why a transfer failed.
@@ -111,7 +113,7 @@ struct tagTRAVEX_FTP_S_ERR_INFO
 // What a notification carries.
 struct tagTRAVEX_FTP_S_NOTIFY_DATA
 {
-    unsigned int ulTaskID;
+    unsigned int ulTaskID;                 // as TRAVEX_FTP_AsynDownloadFile stored it
     char DownFileName[256];                // the server file, byte for byte as it was given
     unsigned int ulType;                   // tagTRAVEX_FTP_NOTIFY_TYPE
     tagTRAVEX_FTP_S_ERR_INFO* pstErrInfo;  // with a failure, else null
@@ -148,6 +150,7 @@ struct tagTRAVEX_FTP_S_COURSE
     unsigned int ulDataResumed;  // 1: the data channel resumed the control channel's TLS session
 };
 
+// What an observer is told.
 struct tagTRAVEX_FTP_S_OBSERVATION
 {
     unsigned int ulKind;       // tagTRAVEX_FTP_OBSERVED
@@ -161,6 +164,7 @@ struct tagTRAVEX_FTP_S_OBSERVATION
     const tagTRAVEX_FTP_S_COURSE* pstCourse;  // of a success or failure, else null
 };
 
+// What ullTotal is while the server has not announced a size.
 #define TRAVEX_FTP_SIZE_UNKNOWN UINT64_MAX
 
 // The record is valid for the call. Runs on the notification thread; when a task was accepted or
@@ -172,10 +176,11 @@ struct tagTRAVEX_FTP_S_CIPHER
 {
     int iCipher;                 // 0x03000000 + IANA number
     const char* pcStandardName;  // in RFCs and the IANA registry
-    const char* pcOpensslName;
-    const char* pcSince;  // "TLSv1.3", or the oldest protocol version that has it
+    const char* pcOpensslName;   // the TLS library's own name
+    const char* pcSince;         // "TLSv1.3", or the oldest protocol version that has it
 };
 
+// Runs within TRAVEX_FTP_ListCiphers, on its thread, once for each suite. pUser: as given there.
 typedef void (*TRAVEX_FTP_CIPHER_CB)(void* pUser, const tagTRAVEX_FTP_S_CIPHER* pstCipher);
 
 static_assert(sizeof(void*) != 8 || (sizeof(tagTRAVEX_FTP_S_CTRL_PARAM) == 648 &&
@@ -232,6 +237,9 @@ extern "C"
     // observation: empty user name, password or work directory, an unknown suite, a bad trust text.
     unsigned int TRAVEX_FTP_SetCtrlParam(TRAVEX_FTP_HANDLE handle,
                                          const tagTRAVEX_FTP_S_CTRL_PARAM* param);
+
+    // Likewise for the data parameters, of which nothing is kept: a download only asks whether they
+    // were set. Refused with a code when null.
     unsigned int TRAVEX_FTP_SetDataParam(TRAVEX_FTP_HANDLE handle,
                                          const tagTRAVEX_FTP_S_DATA_PARAM* param);
 

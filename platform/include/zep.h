@@ -8,9 +8,10 @@
 
 #include <stddef.h>
 
+// Result codes.
 enum tagZEP_RESULT
 {
-    ZEP_OK = 0,
+    ZEP_OK = 0,             // success
     ZEP_ERR_PARAM = 1,      // a null pointer where data is due, or a wrong length
     ZEP_ERR_ALGORITHM = 2,  // unknown algorithm id
     ZEP_ERR_CAPACITY = 3,   // the destination is too small

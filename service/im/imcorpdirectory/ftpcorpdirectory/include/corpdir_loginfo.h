@@ -1,3 +1,4 @@
+// Log settings of the corporate-directory download service.
 #ifndef CORPDIR_LOGINFO_H
 #define CORPDIR_LOGINFO_H
 
