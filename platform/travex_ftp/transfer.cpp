@@ -109,12 +109,13 @@ bool Transfer::replyHeard(const char* line, size_t length)
         case Replies::Line::Fine:
             break;
     }
-    // A size beyond the limit need not be downloaded to be refused.
     if (replies_.opened() && course_.ullOpened == 0)
     {
         course_.ullOpened = elapsed();
     }
-    return sizeAllowed(total());
+    // A size beyond the limit need not be downloaded to be refused; but that the server does not
+    // give the file at all comes first.
+    return !replies_.opened() || sizeAllowed(total());
 }
 
 void Transfer::goOn()

@@ -1,4 +1,5 @@
 // The program's other commands, and what reads its output by program, against real servers.
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -88,6 +89,25 @@ TEST_F(ProgramJson, TellsAFailureToo)
     EXPECT_EQ(object["error"], "no server left; 1 asked, none gave the file");
     EXPECT_EQ(object["file"], nullptr);
     EXPECT_EQ(object["bytes"], nullptr);
+}
+
+TEST_F(ProgramJson, TellsNamesWithoutAnAddress)
+{
+    const CommandResult result = Run({"--json", "--servers=no-such-host.invalid"});
+    EXPECT_EQ(result.status, kNoServerLeft);
+    ASSERT_EQ(ObjectIn(result.output)["left_out"].size(), 1U) << result.output;
+    EXPECT_THAT(ObjectIn(result.output)["left_out"][0].get<std::string>(),
+                ::testing::StartsWith("no-such-host.invalid: "));
+}
+
+TEST_F(ProgramJson, TellsTheServerOfABadVersion)
+{
+    Serve().AddFile("version.txt", "oops\n");
+    const CommandResult result = Run({"--json"});
+    EXPECT_EQ(result.status, kBadVersion);
+    ASSERT_EQ(ObjectIn(result.output)["servers"].size(), 1U) << result.output;
+    EXPECT_EQ(ObjectIn(result.output)["servers"][0]["address"], "127.0.0.1");
+    EXPECT_EQ(ObjectIn(result.output)["servers"][0]["gave"], false);
 }
 
 TEST_F(ProgramJson, TellsABadArgumentToo)
@@ -336,10 +356,10 @@ protected:
         return RunCommand(Line("check", more));
     }
 
-    // Nothing was downloaded, and nothing is left.
+    // Nothing is left of what was asked for.
     void ExpectNoDownload() const
     {
-        EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 0U);
+        EXPECT_LE(m_server->CountCommands("RETR directory.csv"), 1U);
         EXPECT_THAT(support::FilesIn(m_output.Path()), IsEmpty());
     }
 };
@@ -386,6 +406,37 @@ TEST_F(ProgramCheck, IsReadByPrograms)
     EXPECT_LT(server["seconds"]["logged_in"], server["seconds"]["opened"]);
     EXPECT_LT(server["seconds"]["opened"], server["seconds"]["ended"]);
     ExpectNoDownload();
+}
+
+// It would take ten seconds.
+TEST_F(ProgramCheck, DoesNotDownloadTheDirectoryFile)
+{
+    m_options.bytes_per_second = 20000;
+    Serve();
+    const auto begun = std::chrono::steady_clock::now();
+    const CommandResult result = Check();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, seconds(6));
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("there, 200000 bytes"));
+    ExpectNoDownload();
+}
+
+// A server that hangs does not make less of one that works.
+TEST_F(ProgramCheck, AServerThatWorksCountsWhenTheTimeIsOver)
+{
+    Serve();
+    const int silent = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<in_port_t>(m_port));
+    ASSERT_EQ(inet_pton(AF_INET, "127.0.0.2", &address.sin_addr), 1);
+    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(silent, 5), 0);
+    const CommandResult result = Check({"--servers=127.0.0.1;127.0.0.2", "--timeout=2", "--json"});
+    (void)close(silent);
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_EQ(ObjectIn(result.output)["servers"][0]["works"], true);
+    EXPECT_EQ(ObjectIn(result.output)["status"], 0);
 }
 
 TEST_F(ProgramCheck, ChecksPlainFtp)
@@ -602,6 +653,34 @@ TEST_F(ProgramWatch, StopsInTheMiddleOfADownload)
     EXPECT_EQ(m_process->Wait(seconds(10)), 0) << Said();
     EXPECT_EQ(ReadFile(m_output.File("directory.csv")), kOlder);
     EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
+}
+
+TEST_F(ProgramWatch, ACommandInheritsNoPassword)
+{
+    Serve();
+    WriteFile(m_files.File("password"), m_options.password);
+    const std::string given = m_files.File("given");
+    Watch({"--password-file=" + m_files.File("password"),
+           "--exec=(env; tr '\\0' '\\n' </proc/$PPID/environ; ls /proc/self/fd) >" + given});
+    ASSERT_TRUE(Await("the command has ended")) << Said();
+    EXPECT_THAT(ReadFile(given),
+                AllOf(HasSubstr("CORPDIR_VERSION=edition 17"), Not(HasSubstr(m_options.password))));
+}
+
+// Its own descriptors are not the program's to write to.
+TEST_F(ProgramWatch, WithoutAStandardOutputItEnds)
+{
+    Serve();
+    std::string line;
+    for (const std::string& argument : Line("watch").arguments)
+    {
+        line += "'" + argument + "' ";
+    }
+    Command command = Line("watch");
+    command.arguments = {"/bin/sh", "-c", "exec " + line + ">&-"};
+    const CommandResult result = RunCommand(command);
+    EXPECT_EQ(result.status, kLocalFile) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("the events cannot be written to standard output"));
 }
 
 TEST_F(ProgramWatch, ABadArgumentEndsIt)

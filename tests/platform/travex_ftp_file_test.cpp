@@ -286,6 +286,21 @@ TEST_F(FileTest, FullDiskLeavesTheOldFile)
     EXPECT_EQ("0 12", Fetch("f", "f"));
 }
 
+// That a server announces a size does not mean that it gives the file; which of the two is wrong is
+// what its publisher has to know.
+TEST_F(FileTest, AFileThatIsNotGivenIsNotCalledTooLarge)
+{
+    const Environment limit("CORPDIR_FTP_FILE_BYTES", "1");
+    ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
+    SetUp();
+    FaultyServer refusing("reply:RETR:550 gone");
+    Use(Parameters("127.0.0.1", refusing.Port(), m_directory.Path()));
+    EXPECT_EQ("3 20 RETR refused: 550 gone", Fetch("f", "f"));
+    FaultyServer giving("none");
+    Use(Parameters("127.0.0.1", giving.Port(), m_directory.Path()));
+    EXPECT_EQ("3 24 the file is larger than 1 bytes", Fetch("f", "f"));
+}
+
 // What the observer saw; for one task at a time.
 struct Watch
 {

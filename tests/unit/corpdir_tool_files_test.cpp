@@ -220,7 +220,28 @@ TEST(ToolSecret, WipesWhatItHeld)
 TEST(ToolText, ControlBytesAreMadeVisible)
 {
     EXPECT_EQ(Printable("a\tb\x1b[2J\x7f"), "a\\x09b\\x1b[2J\\x7f");
-    EXPECT_EQ(Printable("\xc3\xa4"), "\xc3\xa4");
+    EXPECT_EQ(Printable("\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80"),
+              "\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80");
+}
+
+TEST(ToolText, WhatSteersATerminalInOtherBytesIsMadeVisible)
+{
+    EXPECT_EQ(Printable("a\xc2\x9b"
+                        "31m"),
+              "a\\xc2\\x9b31m")
+        << "CSI in one character";
+    EXPECT_EQ(Printable("\xe2\x80\xae"
+                        "csv"),
+              "\\xe2\\x80\\xaecsv")
+        << "right to left";
+    EXPECT_EQ(Printable("\x9b"
+                        "31m\xff"),
+              "\\x9b31m\\xff")
+        << "not UTF-8";
+    EXPECT_EQ(Printable("\xc0\xaf"), "\\xc0\\xaf") << "longer than needed";
+    EXPECT_EQ(Printable("\xed\xa0\x80"), "\\xed\\xa0\\x80") << "a surrogate";
+    EXPECT_EQ(Printable("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80") << "beyond Unicode";
+    EXPECT_EQ(Printable("\xe2\x82"), "\\xe2\\x82") << "cut off";
 }
 
 class ToolReport : public testing::Test

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -87,7 +88,12 @@ public:
     {
         m_stop = false;
         ++starts;
-        return initResult;
+        const unsigned int result = initResult;
+        if (result != 0 && --initFailures == 0)
+        {
+            initResult = 0;
+        }
+        return result;
     }
 
     void CorpDirUninit() override
@@ -159,9 +165,15 @@ public:
 
     void DirectoryArrives(const std::string& server, unsigned int task)
     {
+        DirectoryIsInPlace(server, task);
+        m_callback(1, 0, nullptr, nullptr);
+    }
+
+    // The service has forgotten the task, and tells nobody.
+    void DirectoryIsInPlace(const std::string& server, unsigned int task)
+    {
         m_task = task;
         Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, m_request.szCorpDirServerFile, 0, "");
-        m_callback(1, 0, nullptr, nullptr);
     }
 
     void Directory(const std::string& server)
@@ -223,7 +235,8 @@ public:
     }
 
     std::vector<Script> scripts;
-    unsigned int initResult = 0;
+    std::atomic<unsigned int> initResult{0};
+    int initFailures = 1000;  // how often
     unsigned int refuseWith = 0;
     int starts = 0;
     int stops = 0;
@@ -440,6 +453,91 @@ TEST_F(ToolWatcher, QuietLeavesFailures)
                                      "valid: its first line 'oops' is shorter than 5 bytes"));
 }
 
+// The service would ask that server again, and no other one.
+TEST_F(ToolWatcher, AVersionFileThatIsNotValidIsAskedForAtTheNextServerAtOnce)
+{
+    const Script bad = [](ScriptedService& service)
+    {
+        service.Version(A, "oops");
+        service.Await("never said");
+    };
+    const Script good = [this](ScriptedService& service)
+    {
+        service.Version(B, "edition 1");
+        service.Directory(B);
+        service.Await("downloaded");
+        Stop();
+    };
+    EXPECT_EQ(Run({bad, good}), 0);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
+}
+
+// The version is the one that the file held when it arrived, not when there was time to look.
+TEST_F(ToolWatcher, VersionsThatComeFastAreNotMixedUp)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       service.Version(A, "edition 2");
+                       service.Directory(A);
+                       service.Await("downloaded", 2);
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)));
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
+}
+
+TEST_F(ToolWatcher, AnOldDirectoryFileThatEndsLastIsReplacedAtOnce)
+{
+    const Script slow = [](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.DirectoryBegins(A);
+        const unsigned int old = service.Task();
+        service.Version(A, "edition 2");
+        service.Directory(A);
+        service.Await("downloaded");
+        service.DirectoryIsInPlace(A, old);
+        service.Await("never said");
+    };
+    const Script again = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 2");
+        service.Directory(A);
+        service.Await("downloaded", 2);
+        Stop();
+    };
+    EXPECT_EQ(Run({slow, again}), 0);
+    EXPECT_EQ(m_service.requests.size(), 2U);
+    EXPECT_THAT(Lines(), testing::Contains(HasSubstr(
+                             "the download of version 'edition 1' ended after that of version "
+                             "'edition 2' and replaced its file")));
+}
+
+// A log directory that has gone must not end a watch.
+TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
+{
+    const Script failing = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        m_service.initResult = 2;
+        service.DirectoryFails(A);
+        service.Await("never said");
+    };
+    const Script back = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.Directory(A);
+        service.Await("downloaded");
+        Stop();
+    };
+    m_service.initFailures = 1;
+    EXPECT_EQ(Run({failing, back}), 0);
+    EXPECT_THAT(Lines(), testing::Contains("failed: the service could not be started (code 2)"));
+}
+
 // The service would fetch the directory file again only when the version changes.
 TEST_F(ToolWatcher, AFailedDirectoryFileIsAskedForAtTheNextServerAtOnce)
 {
@@ -493,7 +591,7 @@ TEST_F(ToolWatcher, ADirectoryFileThatFailedEverywhereIsAskedForAgainAfterTheRet
     EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1", "192.0.2.1;192.0.2.2"));
-    EXPECT_THAT(Lines(), testing::Contains("no server left; asking again in 1 s"));
+    EXPECT_THAT(Lines(), testing::Contains("asking again in 1 s"));
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)));
 }
 
@@ -557,7 +655,7 @@ TEST_F(ToolWatcher, AnOutageAfterAVersionIsLeftToTheService)
                    }}),
               0);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
-    EXPECT_THAT(Lines(), testing::Contains("no server left; the next check is due within 600 s"));
+    EXPECT_THAT(Lines(), testing::Contains("the next check is due within 600 s"));
 }
 
 TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
@@ -577,7 +675,7 @@ TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
     };
     EXPECT_EQ(Run({down, down, up}), 0);
     EXPECT_EQ(m_service.requests.size(), 3U);
-    EXPECT_THAT(Lines(), testing::Contains("no server left; asking again in 1 s").Times(2));
+    EXPECT_THAT(Lines(), testing::Contains("asking again in 1 s").Times(2));
 }
 
 TEST_F(ToolWatcher, OneServerIsTriedTwice)
@@ -591,11 +689,12 @@ TEST_F(ToolWatcher, OneServerIsTriedTwice)
                        Stop();
                    }}),
               0);
-    EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1",
-                                     "failed: version.txt from 192.0.2.1: no connection",
-                                     "next server 192.0.2.1", "checking 192.0.2.1",
-                                     "failed: version.txt from 192.0.2.1: no connection",
-                                     "no server left; asking again in 1 s", "stopped by SIGTERM"));
+    EXPECT_THAT(
+        Lines(),
+        ElementsAre("checking 192.0.2.1", "failed: version.txt from 192.0.2.1: no connection",
+                    "next server 192.0.2.1", "checking 192.0.2.1",
+                    "failed: version.txt from 192.0.2.1: no connection", "no server left",
+                    "asking again in 1 s", "stopped by SIGTERM"));
 }
 
 TEST_F(ToolWatcher, NewAddressesAreTakenWhenTheOldOnesFail)
@@ -637,11 +736,10 @@ TEST_F(ToolWatcher, WaitsForANameThatHasNoAddressYet)
                        Stop();
                    }}),
               0);
-    EXPECT_THAT(
-        Lines(),
-        ElementsAre("failed: dir.example: no network", "no server left; asking again in 1 s",
-                    "checking 192.0.2.1 (dir.example)",
-                    "new version 'edition 1' at 192.0.2.1 (dir.example)", "stopped by SIGTERM"));
+    EXPECT_THAT(Lines(), ElementsAre("failed: dir.example: no network", "asking again in 1 s",
+                                     "checking 192.0.2.1 (dir.example)",
+                                     "new version 'edition 1' at 192.0.2.1 (dir.example)",
+                                     "stopped by SIGTERM"));
 }
 
 TEST_F(ToolWatcher, ARefusedArgumentEndsItAtTheStartOnly)

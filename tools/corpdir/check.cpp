@@ -40,11 +40,16 @@ public:
     }
     ~ScratchDirectory()
     {
-        std::error_code ignored;
-        (void)std::filesystem::remove_all(m_path, ignored);
+        Remove();
     }
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+    void Remove() const noexcept
+    {
+        std::error_code ignored;
+        (void)std::filesystem::remove_all(m_path, ignored);
+    }
 
     const std::string& Path() const
     {
@@ -160,6 +165,31 @@ std::string ErrorOf(const std::vector<CheckResult>& results, int status)
                : "no server would give the files; " + std::to_string(results.size()) + " asked";
 }
 
+// Ends with what the servers are good for, a check that was stopped as well.
+int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret& password,
+             EventQueue::Clock::time_point deadline, CommandFrame& frame, CheckPrinter& printer)
+{
+    const ScratchDirectory scratch;
+    const LastResort lastResort(frame, [&scratch] { scratch.Remove(); });
+    Checker checker(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan, scratch.Path(),
+                    LimitFileSize, password, frame.Events());
+    try
+    {
+        for (const Server& server : servers)
+        {
+            printer.Add(checker.Check(server, deadline));
+        }
+    }
+    catch (const CheckStopped& stopped)
+    {
+        const bool works = StatusOf(printer.Results()) == EXIT_FETCHED;
+        const bool timeOver = stopped.status == EXIT_NO_OUTCOME;
+        return printer.End(works && timeOver ? EXIT_FETCHED : stopped.status, stopped.message);
+    }
+    const int status = StatusOf(printer.Results());
+    return printer.End(status, ErrorOf(printer.Results(), status));
+}
+
 int Check(const Options& options, const CipherSource& ciphers)
 {
     const Plan plan = MakePlan(options, ciphers);
@@ -180,23 +210,15 @@ int Check(const Options& options, const CipherSource& ciphers)
     };
     handlers.onGivenUp = [&printer](int status, const std::string& message)
     { (void)printer.End(status, message); };
-    const std::vector<Server> servers = FindServers(plan, frame.Events(), deadline, handlers);
-    const ScratchDirectory scratch;
-    Checker checker(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan, scratch.Path(),
-                    LimitFileSize, password, frame.Events());
     try
     {
-        for (const Server& server : servers)
-        {
-            printer.Add(checker.Check(server, deadline));
-        }
+        const std::vector<Server> servers = FindServers(plan, frame.Events(), deadline, handlers);
+        return CheckAll(servers, plan, password, deadline, frame, printer);
     }
-    catch (const CheckStopped& stopped)
+    catch (const Failure& failure)
     {
-        return printer.End(stopped.status, stopped.message);
+        return printer.End(failure.Status(), failure.what());
     }
-    const int status = StatusOf(printer.Results());
-    return printer.End(status, ErrorOf(printer.Results(), status));
 }
 
 }  // namespace

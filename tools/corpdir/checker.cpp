@@ -2,7 +2,6 @@
 
 #include "failure.h"
 #include "signals.h"
-#include "version_file.h"
 
 namespace corpdir_tool
 {
@@ -140,7 +139,7 @@ void Checker::CheckVersion(const Event& event, CheckResult& result) const
         return;
     }
     result.versionBytes = event.bytes;
-    const VersionFile file = ReadVersionFile(m_scratch + "file");
+    const VersionFile& file = event.version;
     if (!file.version)
     {
         Fail(result, CheckStep::VERSION_FILE, 0, file.problem);

@@ -49,8 +49,8 @@ struct CheckStopped
 };
 
 // Makes requests of its own to one server after the other. The version file goes to a scratch
-// directory. The directory file is only asked for its size: with the size limit at its smallest
-// the FTP layer gives it up as soon as the server has named a size or sent a first piece.
+// directory. The directory file is only begun: with the size limit at its smallest the FTP layer
+// gives it up as soon as the server has opened it or sent a first piece.
 // Belongs to the main thread.
 class Checker
 {

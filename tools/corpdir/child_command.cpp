@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 
@@ -18,17 +19,24 @@ namespace
 // What a command has to end on its own when the program ends.
 constexpr std::chrono::milliseconds PATIENCE{300};
 
-// Ours with the variables added; they come first, and so before one of the same name.
+// Ours with the variables added. One of the same name is left out: which of two counts, shells do
+// not agree on.
 std::vector<std::string> EnvironmentWith(const Variables& variables)
 {
     std::vector<std::string> all;
+    for (char** inherited = environ; *inherited != nullptr; ++inherited)
+    {
+        const std::string text = *inherited;
+        const std::string name = text.substr(0, text.find('='));
+        if (std::none_of(variables.begin(), variables.end(),
+                         [&name](const auto& variable) { return variable.first == name; }))
+        {
+            all.push_back(text);
+        }
+    }
     for (const auto& [name, value] : variables)
     {
         all.push_back(name + "=" + value);
-    }
-    for (char** inherited = environ; *inherited != nullptr; ++inherited)
-    {
-        all.emplace_back(*inherited);
     }
     return all;
 }
@@ -64,6 +72,8 @@ struct SpawnSettings
         (void)posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         (void)posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
         (void)posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO);
+        // Some library's descriptors are not closed by the exec itself.
+        (void)posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
     }
     ~SpawnSettings()
     {
@@ -111,16 +121,30 @@ ChildCommand::~ChildCommand()
     m_thread.join();
 }
 
+void ChildCommand::Kill() noexcept
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_child > 0 && !m_over)
+    {
+        (void)kill(-m_child, SIGKILL);
+    }
+}
+
 int ChildCommand::Start(const Variables& variables)
 {
     std::vector<std::string> arguments = {"sh", "-c", m_command};
     std::vector<std::string> environment = EnvironmentWith(variables);
     const SpawnSettings settings(m_output);
-    const int error = posix_spawn(&m_child, "/bin/sh", &settings.files, &settings.attributes,
+    pid_t child = -1;
+    const int error = posix_spawn(&child, "/bin/sh", &settings.files, &settings.attributes,
                                   PointersTo(arguments).data(), PointersTo(environment).data());
     if (error == 0)
     {
-        m_over = false;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_child = child;
+            m_over = false;
+        }
         m_thread = std::thread(&ChildCommand::Wait, this);
     }
     return error;

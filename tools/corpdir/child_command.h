@@ -44,6 +44,9 @@ public:
     // Starts it; call it when none is running. An errno value on failure, else 0.
     [[nodiscard]] int Start(const Variables& variables);
 
+    // Kills its group, for a process that is about to leave at once. Any thread.
+    void Kill() noexcept;
+
     // Takes note of COMMAND_ENDED.
     void Ended();
 
@@ -53,9 +56,9 @@ private:
     const std::string m_command;
     const int m_output;
     EventQueue& m_events;
-    pid_t m_child = -1;
-    std::mutex m_mutex;  // guards m_over
+    std::mutex m_mutex;  // guards the next three
     std::condition_variable m_changed;
+    pid_t m_child = -1;  // written while no thread waits for it
     bool m_over = false;
     std::thread m_thread;
 };

@@ -40,9 +40,9 @@ void SetLimits(const Plan& plan)
 
 CommandFrame::CommandFrame(const Plan& plan, int (*lastStatus)(int signalNumber))
     : m_watch([this](int number) { m_events.PushNumber(EventKind::SIGNAL, number); },
-              [lastStatus](int number)
+              [this, lastStatus](int number)
               {
-                  RemoveTemporaryFiles();
+                  LeaveBehindNothing();
                   _exit(lastStatus(number));
               },
               STOP_PATIENCE),
@@ -52,6 +52,28 @@ CommandFrame::CommandFrame(const Plan& plan, int (*lastStatus)(int signalNumber)
     // A reader of the messages that goes away must not end a transfer halfway.
     (void)signal(SIGPIPE, SIG_IGN);
     SetLimits(plan);
+}
+
+LastResort::LastResort(CommandFrame& frame, std::function<void()> action) : m_frame(frame)
+{
+    const std::lock_guard<std::mutex> lock(m_frame.m_mutex);
+    m_frame.m_lastResort = std::move(action);
+}
+
+LastResort::~LastResort()
+{
+    const std::lock_guard<std::mutex> lock(m_frame.m_mutex);
+    m_frame.m_lastResort = nullptr;
+}
+
+void CommandFrame::LeaveBehindNothing() noexcept
+{
+    RemoveTemporaryFiles();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_lastResort)
+    {
+        m_lastResort();
+    }
 }
 
 void LimitFileSize(std::uint64_t bytes)
@@ -74,7 +96,14 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
 {
     const auto giveUp = [&handlers](int status, const std::string& message)
     {
-        handlers.onGivenUp(status, message);
+        try
+        {
+            handlers.onGivenUp(status, message);
+        }
+        catch (const Failure&)
+        {
+            // Cannot be told; what counts is not to wait for the resolver.
+        }
         LeaveAtOnce(status);
     };
     NameResolver resolver(plan.servers, plan.family, SystemLookup, events);

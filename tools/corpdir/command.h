@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -39,10 +40,30 @@ public:
     }
 
 private:
+    friend class LastResort;
+
+    void LeaveBehindNothing() noexcept;
+
     EventQueue m_events;
+    std::mutex m_mutex;  // guards m_lastResort
+    std::function<void()> m_lastResort;
     const SignalWatch m_watch;
     const MutedStandardError m_muted;
     const Terminal m_messages;
+};
+
+// While it lives, the last resort does this before the process ends. The action runs on a thread of
+// its own, and must neither throw nor wait.
+class LastResort
+{
+public:
+    LastResort(CommandFrame& frame, std::function<void()> action);
+    ~LastResort();
+    LastResort(const LastResort&) = delete;
+    LastResort& operator=(const LastResort&) = delete;
+
+private:
+    CommandFrame& m_frame;
 };
 
 // Sets the FTP layer's limit on the size of a file, which it reads when the service is started; 0:

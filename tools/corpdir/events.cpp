@@ -113,9 +113,21 @@ void EventQueue::PushNumber(EventKind kind, int number) noexcept
 
 void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
 {
+    PushObservation(seen, "", "");
+}
+
+void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen,
+                                 const std::string& versionFile,
+                                 const std::string& localVersionFile) noexcept
+{
     try
     {
-        Push(CopyOf(seen));
+        Event event = CopyOf(seen);
+        if (event.kind == EventKind::TRANSFERRED && event.file == versionFile)
+        {
+            event.version = ReadVersionFile(localVersionFile);
+        }
+        Push(std::move(event));
     }
     catch (const std::bad_alloc&)
     {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "travex_ftp.h"
+#include "version_file.h"
 
 namespace corpdir_tool
 {
@@ -42,6 +43,7 @@ struct Event
     std::uint64_t total = TRAVEX_FTP_SIZE_UNKNOWN;
     unsigned int code = 0;               // tagTRAVEX_FTP_RESULT of a failure or refusal
     std::string reason;                  // in words
+    VersionFile version;                 // what a version file held when it had arrived
     tagTRAVEX_FTP_S_COURSE course = {};  // of a transfer that is over
     int number = 0;                      // the signal, or the exit status of the command
 };
@@ -67,6 +69,12 @@ public:
     void PushKind(EventKind kind) noexcept;
     void PushNumber(EventKind kind, int number) noexcept;
     void PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept;
+
+    // The same for an observer of the service: a version file that has arrived is read here and
+    // now, as the service will do next, since a later one may replace it before the event is looked
+    // at.
+    void PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen, const std::string& versionFile,
+                         const std::string& localVersionFile) noexcept;
 
     // The next event, or DEADLINE when there is none before that time. One thread waits at a time.
     Event WaitUntil(Clock::time_point deadline);

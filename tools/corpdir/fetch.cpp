@@ -52,6 +52,12 @@ public:
         m_path = path;
     }
 
+    // A name without an address, and why.
+    void LeaveOut(const std::string& problem)
+    {
+        m_leftOut.push_back(problem);
+    }
+
     // Throws Failure when it cannot be written.
     void Print(const Outcome& outcome) const;
 
@@ -62,6 +68,7 @@ private:
     const bool m_quiet;
     const EventQueue::Clock::time_point m_begun = EventQueue::Clock::now();
     std::string m_path;
+    std::vector<std::string> m_leftOut;
 };
 
 void ResultPrinter::Print(const Outcome& outcome) const
@@ -92,7 +99,7 @@ void ResultPrinter::PrintObject(const Outcome& outcome) const
                          {"bytes", fetched ? Json(outcome.bytes) : Json(nullptr)},
                          {"seconds", spent.count()},
                          {"servers", ServersOf(outcome)},
-                         {"left_out", outcome.leftOut}};
+                         {"left_out", m_leftOut}};
     (void)std::fprintf(stdout, "%s\n", TextOf(object).c_str());
 }
 
@@ -105,15 +112,14 @@ Outcome Failed(int status, const std::string& message)
 }
 
 Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, Report& report,
-                 const ResultPrinter& printer)
+                 ResultPrinter& printer)
 {
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
     LookupHandlers handlers;
-    std::vector<std::string> leftOut;
-    handlers.onProblem = [&report, &leftOut](const std::string& problem)
+    handlers.onProblem = [&report, &printer](const std::string& problem)
     {
         report.Error(problem + "; left out");
-        leftOut.push_back(problem);
+        printer.LeaveOut(problem);
     };
     handlers.onGivenUp = [&](int status, const std::string& message)
     {
@@ -122,9 +128,7 @@ Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, R
     };
     Session session(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan,
                     FindServers(plan, events, deadline, handlers), password, events, report);
-    Outcome outcome = session.Run(deadline);
-    outcome.leftOut = leftOut;
-    return outcome;
+    return session.Run(deadline);
 }
 
 Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& printer)

@@ -38,6 +38,11 @@ std::string TlsHint(const Trouble& trouble, const Plan& plan)
         return "the server takes none of the cipher suites; 'corpdir ciphers' lists what --ciphers "
                "can offer";
     }
+    if (Says(trouble, "timeout"))
+    {
+        return "the server took the connection and did not answer in TLS: look at it, or at a "
+               "firewall";
+    }
     return "port 990 is for implicit FTPS, the others are for explicit; is --" + PortOf(plan) +
            " the right one?";
 }
@@ -98,6 +103,11 @@ std::size_t Mistakes(const std::string& word, const std::string& other)
 
 std::string HintFor(const Trouble& trouble, const Plan& plan)
 {
+    if (Says(trouble, "421"))
+    {
+        return "the server has as many connections as it wants, for all or for this user; try "
+               "later";
+    }
     switch (trouble.code)
     {
         case TRAVEX_FTP_ERR_CONNECT:

@@ -1,4 +1,7 @@
 // corpdir: fetches a corporate directory from FTP and FTPS servers.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -53,7 +56,7 @@ const char WATCH_TEXT[] = R"(Example:
 
 The command of --exec finds CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
 environment. It is run for each new version, one run at a time, and writes to standard
-error.
+error. Each start fetches the directory file and runs it, whatever is there already.
 
 Exit status:
   0  asked to stop by SIGTERM, SIGINT or SIGHUP
@@ -64,8 +67,8 @@ Exit status:
 const char CHECK_TEXT[] = R"(Example:
   corpdir --config /etc/phone/corpdir.conf check
 
-Each server is asked for the version file and for the size of the directory file, which
-is not downloaded; nothing is written to --output-dir.
+Each server is asked for the version file, and for the directory file, which is given up
+as soon as it begins; nothing is written to --output-dir.
 
 The exit status is the one that 'corpdir fetch' would end with.)";
 
@@ -147,8 +150,8 @@ void AddProtectionOptions(CLI::App& command, Options& options)
         ->group(group);
     command
         .add_option("--verify-name", options.verifyNames,
-                    "Name that the certificate must carry, may be repeated (default: the\n"
-                    "host names of --servers, or the address connected to)")
+                    "Name that the certificate must carry, unless it carries the address\n"
+                    "connected to; may be repeated (default: host names of --servers)")
         ->type_name("DNS")
         ->allow_extra_args(false)
         ->delimiter(',')
@@ -175,7 +178,7 @@ void AddLimitOptions(CLI::App& command, Options& options)
     const char group[] = "Limits";
     command
         .add_option("--connect-timeout", options.connectTimeout,
-                    "Time for one connection, control or data (10)")
+                    "Time for one TCP connection, control or data (10)")
         ->check(CLI::Range(1U, 3600U).description(""))
         ->type_name("SECONDS")
         ->group(group);
@@ -407,10 +410,24 @@ int WithOutputWritten(int status)
     return status;
 }
 
+// A standard stream that is closed would be the next file or socket that is opened, and what is
+// written to it would end there. Writing to its stand-in fails, as it does to a closed one.
+void FillStandardStreams()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    {
+        if (fcntl(descriptor, F_GETFD) < 0)
+        {
+            (void)open("/dev/null", O_RDONLY);  // takes the lowest number, which is this one
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    FillStandardStreams();
     try
     {
         return WithOutputWritten(Run(argc, argv));

@@ -138,7 +138,14 @@ void ReadFile(const std::string& path, const std::string& source, Secret& passwo
     ReadDescriptor(file.Get(), false, source, password);
 }
 
-// The variable's own bytes are overwritten too: they would stay readable in /proc.
+// Its own bytes are overwritten too: they would stay readable in /proc.
+void ForgetVariable(char* value)
+{
+    explicit_bzero(value, strlen(value));
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet
+    (void)unsetenv(PASSWORD_VARIABLE);  // cannot fail for a name that is valid
+}
+
 void TakeVariable(char* value, const std::string& source, Secret& password)
 {
     const std::size_t length = strlen(value);
@@ -147,9 +154,7 @@ void TakeVariable(char* value, const std::string& source, Secret& password)
     {
         fits = password.Append(value[index]);
     }
-    explicit_bzero(value, length);
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet
-    (void)unsetenv(PASSWORD_VARIABLE);  // cannot fail for a name that is valid
+    ForgetVariable(value);
     if (!fits)
     {
         throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is " +
@@ -235,13 +240,18 @@ void Prompt(const std::string& source, Secret& password)
 void ReadPassword(const std::string& passwordFile, Secret& password)
 {
     std::string source;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet
+    char* const variable = getenv(PASSWORD_VARIABLE);
     if (!passwordFile.empty())
     {
+        if (variable != nullptr)
+        {
+            ForgetVariable(variable);  // not used, and not to be inherited by a command
+        }
         source = passwordFile == "-" ? "standard input" : "'" + Printable(passwordFile) + "'";
         ReadFile(passwordFile, source, password);
     }
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet
-    else if (char* variable = getenv(PASSWORD_VARIABLE); variable != nullptr)
+    else if (variable != nullptr)
     {
         source = PASSWORD_VARIABLE;
         TakeVariable(variable, source, password);

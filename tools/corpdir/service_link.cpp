@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "failure.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -29,7 +30,7 @@ void OnResult(unsigned int, unsigned int result, const char*, void*)
 
 void OnObservation(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
 {
-    static_cast<EventQueue*>(user)->PushObservation(*seen);
+    static_cast<ServiceLink*>(user)->Observe(*seen);
 }
 
 // The plan has checked that every text fits.
@@ -74,10 +75,14 @@ void FillRequest(const Plan& plan, const Secret& password, tag_CORPDIR_DOWNLOADI
 
 ServiceLink::ServiceLink(IFtpCorpDir& service, ObserverSetter setObserver, const Plan& plan,
                          EventQueue& events)
-    : m_service(service), m_setObserver(setObserver), m_plan(plan), m_events(events)
+    : m_service(service),
+      m_setObserver(setObserver),
+      m_plan(plan),
+      m_events(events),
+      m_versionPath(plan.VersionPath())
 {
     g_resultQueue = &m_events;
-    m_setObserver(&OnObservation, &m_events);
+    m_setObserver(&OnObservation, this);
 }
 
 ServiceLink::~ServiceLink()
@@ -85,6 +90,11 @@ ServiceLink::~ServiceLink()
     Stop();
     m_setObserver(nullptr, nullptr);
     g_resultQueue = nullptr;
+}
+
+void ServiceLink::Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen) const noexcept
+{
+    m_events.PushObservation(seen, m_plan.versionFile, m_versionPath);
 }
 
 void ServiceLink::Start()
@@ -95,6 +105,13 @@ void ServiceLink::Start()
     m_started = true;  // a start that failed wants a stop, too
     if (const unsigned int code = m_service.CorpDirInit(&log); code != 0)
     {
+        constexpr unsigned int NOT_THE_LOG = 1;
+        if (code != NOT_THE_LOG && !m_plan.logDir.empty())
+        {
+            throw Failure(EXIT_LOCAL_FILE,
+                          "--log-dir '" + Printable(m_plan.logDir) +
+                              "' cannot be written: " + SystemMessage(static_cast<int>(code)));
+        }
         throw Failure(EXIT_INTERNAL,
                       "the service could not be started (code " + std::to_string(code) + ")");
     }

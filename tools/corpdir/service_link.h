@@ -34,6 +34,9 @@ public:
     // Asks for the files. servers: addresses separated by ";". 0 when the first check was started.
     [[nodiscard]] unsigned int Request(const std::string& servers, const Secret& password);
 
+    // An observation becomes an event. Called on threads of the FTP layer.
+    void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen) const noexcept;
+
     // Stops the service; nothing is under way afterwards, and none of its events are left.
     void Stop();
 
@@ -42,6 +45,7 @@ private:
     const ObserverSetter m_setObserver;
     const Plan& m_plan;
     EventQueue& m_events;
+    const std::string m_versionPath;
     bool m_started = false;
 };
 

@@ -6,7 +6,6 @@
 #include "failure.h"
 #include "signals.h"
 #include "text.h"
-#include "version_file.h"
 
 namespace corpdir_tool
 {
@@ -48,7 +47,7 @@ Outcome Session::Run(EventQueue::Clock::time_point deadline)
     {
         m_attempts.push_back({m_servers[m_current], {}});
     }
-    return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts, {}};
+    return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts};
 }
 
 // Makes a request to the servers from `first` on; a server for which it cannot even be started is
@@ -145,7 +144,7 @@ Session::Settled Session::OnTransferred(const Event& event)
     {
         return std::nullopt;
     }
-    const VersionFile file = ReadVersionFile(m_plan.VersionPath());
+    const VersionFile& file = event.version;
     m_current = IndexOf(event);
     if (!file.version)
     {
@@ -216,6 +215,11 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
 {
     m_error = message;
     m_report.Error(message);
+    // The server that was being asked; the others have been told of.
+    if (status != EXIT_NO_SERVER && status != EXIT_ARGUMENTS)
+    {
+        m_attempts.push_back({m_servers[m_current], {0, "", message}});
+    }
     if (!hint.empty())
     {
         m_report.Hint(hint);

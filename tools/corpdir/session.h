@@ -27,12 +27,11 @@ struct Attempt
 
 struct Outcome
 {
-    int status = 0;                    // exit status
-    std::string error;                 // in words, unless it is a success
-    std::string version;               // of a directory file that has arrived
-    std::uint64_t bytes = 0;           // its size
-    std::vector<Attempt> attempts;     // in the order in which they ended
-    std::vector<std::string> leftOut;  // names without an address, and why
+    int status = 0;                 // exit status
+    std::string error;              // in words, unless it is a success
+    std::string version;            // of a directory file that has arrived
+    std::uint64_t bytes = 0;        // its size
+    std::vector<Attempt> attempts;  // in the order in which they ended
 };
 
 // A state machine on the main thread, fed by the event queue; it never polls. Not thread-safe.

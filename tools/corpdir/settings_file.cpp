@@ -15,6 +15,11 @@ namespace
 
 const char BLANKS[] = " \t\r";
 
+constexpr std::size_t MAX_FILE = 1 << 20;
+
+// Some editors begin a file with one.
+const char BYTE_ORDER_MARK[] = "\xef\xbb\xbf";
+
 [[noreturn]] void Refuse(std::size_t line, const std::string& problem)
 {
     throw Failure(EXIT_ARGUMENTS, "line " + std::to_string(line) + ": " + problem);
@@ -35,6 +40,12 @@ std::string Trimmed(const std::string& text)
         return {};
     }
     return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+std::string WithoutMark(const std::string& line, std::size_t number)
+{
+    const bool marked = number == 1 && line.rfind(BYTE_ORDER_MARK, 0) == 0;
+    return marked ? line.substr(sizeof BYTE_ORDER_MARK - 1) : line;
 }
 
 bool IsComment(const std::string& text)
@@ -198,9 +209,15 @@ std::vector<Setting> ReadSettings(std::istream& input)
     std::vector<Setting> settings;
     std::string section;
     std::string line;
-    for (std::size_t number = 1; std::getline(input, line); ++number)
+    std::size_t number = 1;
+    for (std::size_t size = 0; std::getline(input, line); ++number)
     {
-        const std::string text = Trimmed(line);
+        size += line.size();
+        if (size > MAX_FILE)
+        {
+            Refuse(number, "the file is too large for one of settings");
+        }
+        const std::string text = Trimmed(WithoutMark(line, number));
         if (IsComment(text))
         {
             continue;
@@ -221,6 +238,10 @@ std::vector<Setting> ReadSettings(std::istream& input)
         }
         settings.push_back(std::move(setting));
     }
+    if (!input.eof())
+    {
+        Refuse(number, "the file cannot be read any further");
+    }
     return settings;
 }
 
@@ -228,6 +249,9 @@ void AddSettingsFile(CLI::App& program)
 {
     program.config_formatter(std::make_shared<SettingsFormat>(program));
     program.set_config("--config", "", "Read options from this file; see the manual page")
+        ->check(CLI::Validator([](const std::string& value)
+                               { return value.empty() ? std::string("Value is empty") : ""; },
+                               ""))
         ->type_name("FILE");
 }
 

@@ -12,8 +12,9 @@ namespace corpdir_tool
 // command.
 bool IsControlByte(char byte);
 
-// The text with its control bytes written as \xNN, so that nothing that a server or a file says can
-// move the cursor or start a line of its own.
+// The text with what could move the cursor, start a line of its own or turn the direction of
+// writing as \xNN: control characters, those above U+007F too, bidirectional marks, and bytes that
+// are not UTF-8.
 std::string Printable(std::string_view text);
 
 // The system's words for an errno value.

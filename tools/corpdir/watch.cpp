@@ -26,6 +26,14 @@ int RunWatch(const Options& options, const CipherSource& ciphers)
     {
         command.emplace(options.execute, fileno(frame.Messages().Stream()), frame.Events());
     }
+    const LastResort lastResort(frame,
+                                [&command]
+                                {
+                                    if (command)
+                                    {
+                                        command->Kill();
+                                    }
+                                });
     Watcher watcher(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan, SystemLookup, password,
                     frame.Events(), output, command ? &*command : nullptr);
     const int status = watcher.Run();

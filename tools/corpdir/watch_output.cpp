@@ -118,12 +118,21 @@ void WatchOutput::NameFailed(const std::string& problem)
     Write(true, "name_failed", "failed: " + problem, Json({{"reason", problem}}));
 }
 
+void WatchOutput::NoServerLeft()
+{
+    Write(true, "no_server_left", "no server left", Json::object());
+}
+
+void WatchOutput::StartFailed(const std::string& reason)
+{
+    Write(true, "start_failed", "failed: " + reason, Json({{"reason", reason}}));
+}
+
 void WatchOutput::Waiting(std::chrono::seconds time, bool own)
 {
     const std::string seconds = std::to_string(time.count()) + " s";
     Write(true, "waiting",
-          own ? "no server left; asking again in " + seconds
-              : "no server left; the next check is due within " + seconds,
+          own ? "asking again in " + seconds : "the next check is due within " + seconds,
           Json({{"seconds", time.count()}, {"asks_again", own}}));
 }
 

@@ -37,7 +37,12 @@ public:
                 const std::string& reason);
     void NameFailed(const std::string& problem);
 
-    // Every server has failed. own: in this time the program asks again, else the service at most.
+    void NoServerLeft();
+
+    // The service could not be started again.
+    void StartFailed(const std::string& reason);
+
+    // own: in this time the program asks again, else the service, at the latest.
     void Waiting(std::chrono::seconds time, bool own);
 
     // The command of --exec has ended: as a shell gives it. 0 is left out by --quiet.

@@ -6,7 +6,6 @@
 #include "failure.h"
 #include "signals.h"
 #include "text.h"
-#include "version_file.h"
 
 namespace corpdir_tool
 {
@@ -89,7 +88,7 @@ Watcher::Settled Watcher::OnResolved()
     }
     m_found = std::move(resolved.servers);
     m_servers = m_found;
-    m_directoryTries = 0;
+    m_fruitless = 0;
     return Request(0);
 }
 
@@ -106,9 +105,8 @@ Watcher::Settled Watcher::Request(std::size_t first)
     m_expected.clear();
     // With one server the service tries it twice.
     m_left = std::max<std::size_t>(m_servers.size() - 1, 1);
-    m_link.Start();
-    const unsigned int code = m_link.Request(ServerList(), m_password);
-    if (code == 0)
+    const unsigned int code = StartAndRequest();
+    if (code == 0 || m_requestDue)
     {
         return std::nullopt;
     }
@@ -123,6 +121,27 @@ Watcher::Settled Watcher::Request(std::size_t first)
     return OnRefused(refusal);
 }
 
+// The code of the request. A start that fails later on, for a log directory that has gone, is told
+// and tried again: m_requestDue is set then.
+unsigned int Watcher::StartAndRequest()
+{
+    try
+    {
+        m_link.Start();
+    }
+    catch (const Failure& failure)
+    {
+        if (!m_taken)
+        {
+            throw;
+        }
+        m_output.StartFailed(failure.what());
+        AskAgainLater();
+        return 0;
+    }
+    return m_link.Request(ServerList(), m_password);
+}
+
 Watcher::Settled Watcher::Handle(const Event& event)
 {
     switch (event.kind)
@@ -133,8 +152,7 @@ Watcher::Settled Watcher::Handle(const Event& event)
         case EventKind::PROGRESS:
             break;
         case EventKind::TRANSFERRED:
-            OnTransferred(event);
-            break;
+            return OnTransferred(event);
         case EventKind::DELIVERED:
             OnDelivered();
             break;
@@ -174,37 +192,55 @@ void Watcher::OnAccepted(const Event& event)
     m_output.Checking(ServerOf(event));
 }
 
-// A file is on disk. The service reads the version file by the same rule, and goes on to the
-// directory file when it is valid and new.
-void Watcher::OnTransferred(const Event& event)
+// A version file is on disk. The service reads it by the same rule, and goes on to the directory
+// file when it is valid and new.
+Watcher::Settled Watcher::OnTransferred(const Event& event)
 {
     const Server server = ServerOf(event);
     if (!IsVersionFile(event))
     {
-        m_arrival = {server, m_expected[event.task], event.bytes};
-        m_expected.erase(event.task);
-        return;  // the service's word, DELIVERED, follows
+        return OnDirectoryArrived(event);
     }
     m_left = m_servers.size();
-    const VersionFile file = ReadVersionFile(m_plan.VersionPath());
-    if (!file.version)
+    if (!event.version.version)
     {
-        m_output.Failed(server, event.file, 0, "the version file is not valid: " + file.problem);
+        m_output.Failed(server, event.file, 0,
+                        "the version file is not valid: " + event.version.problem);
+        return TryElsewhere(server);
     }
-    else if (*file.version == m_version)
+    if (*event.version.version == m_version)
     {
         m_output.Unchanged(server, m_version);
     }
     else
     {
-        m_version = *file.version;
+        m_version = *event.version.version;
         m_output.NewVersion(server, m_version);
     }
+    return std::nullopt;
+}
+
+// A directory file is on disk; the service's word, DELIVERED, follows if it is the one that it
+// waits for.
+Watcher::Settled Watcher::OnDirectoryArrived(const Event& event)
+{
+    const std::string version = m_expected[event.task];
+    m_expected.erase(event.task);
+    const bool older = version != m_version && !m_version.empty();
+    if (older && m_arrival.version == m_version)
+    {
+        m_output.Failed(ServerOf(event), event.file, 0,
+                        "the download of version '" + version + "' ended after that of version '" +
+                            m_version + "' and replaced its file");
+        return Request(0);
+    }
+    m_arrival = {ServerOf(event), version, event.bytes};
+    return std::nullopt;
 }
 
 void Watcher::OnDelivered()
 {
-    m_directoryTries = 0;
+    m_fruitless = 0;
     m_requestDue = false;
     m_askAgainAt.reset();
     m_output.Downloaded(m_arrival.server, m_arrival.version, m_plan.DirectoryPath(),
@@ -237,6 +273,7 @@ void Watcher::OnVersionFailed()
         m_moving = true;
         return;
     }
+    m_output.NoServerLeft();
     if (m_version.empty())
     {
         AskAgainLater();
@@ -255,15 +292,27 @@ Watcher::Settled Watcher::OnDirectoryFailed(const Event& event)
     {
         return std::nullopt;  // a newer one is on its way
     }
-    ++m_directoryTries;
     // No server would do better with a file that cannot be written.
-    if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE || m_directoryTries >= m_servers.size())
+    if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
     {
-        m_directoryTries = 0;
         AskAgainLater();
         return std::nullopt;
     }
-    const std::string address = ServerOf(event).address;
+    return TryElsewhere(ServerOf(event));
+}
+
+// The service would ask this one again, or nobody. When all have been tried, there is time.
+Watcher::Settled Watcher::TryElsewhere(const Server& server)
+{
+    ++m_fruitless;
+    if (m_fruitless >= m_servers.size())
+    {
+        m_fruitless = 0;
+        m_output.NoServerLeft();
+        AskAgainLater();
+        return std::nullopt;
+    }
+    const std::string& address = server.address;
     const auto failed =
         std::find_if(m_servers.begin(), m_servers.end(),
                      [&address](const auto& one) { return one.address == address; });

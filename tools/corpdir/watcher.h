@@ -28,9 +28,11 @@ namespace corpdir_tool
 // file fails. It does not ask again for a directory file that failed, nor for a transfer that could
 // not be started, and it would take its servers' addresses for good. So the watcher makes a new
 // request, for which the service is stopped first:
-//   - at once, to the next server, when the directory file failed at one of several;
-//   - after the plan's retry time, names looked up again, when it failed at all of them, or could
-//     not be written, or when no version was seen since the request;
+//   - at once, to the next server, when the directory file failed at one of several, or the version
+//     file there is not valid;
+//   - at once, when the download of an older version ended last and replaced the newer file;
+//   - after the plan's retry time, names looked up again, when all of them failed so, when the file
+//     could not be written, or when no version was seen since the request;
 //   - when every server failed and their names have got other addresses.
 // A new request downloads the directory file even if its version is the one that is there; the
 // command is run for other versions only.
@@ -61,13 +63,16 @@ private:
     void LookUp();
     Settled OnResolved();
     Settled Request(std::size_t first);
+    unsigned int StartAndRequest();
     Settled Handle(const Event& event);
     void OnAccepted(const Event& event);
-    void OnTransferred(const Event& event);
+    Settled OnTransferred(const Event& event);
+    Settled OnDirectoryArrived(const Event& event);
     void OnDelivered();
     Settled OnFailed(const Event& event);
     void OnVersionFailed();
     Settled OnDirectoryFailed(const Event& event);
+    Settled TryElsewhere(const Server& server);
     Settled OnRefused(const Event& event);
     void OnDeadline();
     void OnCommandEnded(int status);
@@ -93,10 +98,10 @@ private:
     std::vector<Server> m_servers;  // in the order of the request
     bool m_requestDue = true;       // a new one is to be made as soon as names are looked up
     std::optional<Clock::time_point> m_askAgainAt;
-    std::size_t m_left = 0;            // version failures that the service bears before it pauses
-    bool m_moving = false;             // a version file failed, and the next server is asked
-    std::size_t m_directoryTries = 0;  // in a row that failed
-    std::string m_version;             // that the service has taken note of
+    std::size_t m_left = 0;       // version failures that the service bears before it pauses
+    bool m_moving = false;        // a version file failed, and the next server is asked
+    std::size_t m_fruitless = 0;  // requests in a row that brought no directory file
+    std::string m_version;        // that the service has taken note of
     std::map<unsigned int, std::string> m_expected;  // version of each directory file under way
     bool m_taken = false;                            // a transfer was accepted once
 
