@@ -5,7 +5,8 @@
 // and none waits for the network. Nothing throws. Result codes: tagTRAVEX_FTP_RESULT.
 //
 // A download goes to a temporary file in the target directory, which replaces the target by rename
-// once it is complete, checked and flushed. A failed one leaves the target as it was.
+// once it is complete, checked and flushed. A failed one leaves the target as it was. Of two that
+// run side by side to one target, the file of the one that began later stays.
 #ifndef TRAVEX_FTP_H
 #define TRAVEX_FTP_H
 

@@ -46,6 +46,7 @@ void Transfer::begin(bool reused)
     failure_ = Failure{};
     course_ = tagTRAVEX_FTP_S_COURSE{};
     course_.ulReused = reused ? 1 : 0;
+    overtaken_ = false;
     tryBegun_ = Clock::now();
     replies_ = Replies(&task_->settings->password);
     waitFor(reused ? Wait::Reply : Wait::Connection, reused ? limits_.response : limits_.connect);
@@ -273,9 +274,24 @@ bool Transfer::checkComplete()
     return true;
 }
 
-// Flushing may take its time, in which the handle may be closed.
+void Transfer::heed(const Transfer& other)
+{
+    overtaken_ =
+        overtaken_ || (tryBegun_ < other.tryBegun_ && task_->localFile == other.task_->localFile &&
+                       task_->directory == other.task_->directory);
+}
+
+// Flushing may take its time, in which the handle may be closed. A file that is older than the one
+// in place has arrived as well as any, but is of no use.
 bool Transfer::commit()
 {
+    if (overtaken_)
+    {
+        TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s is in place already, and newer",
+                       task_->settings->serverText.c_str(), task_->id.value(),
+                       task_->localFile.c_str());
+        return true;
+    }
     return file_.complete(failure_) && !cancelled() && file_.publish(failure_);
 }
 

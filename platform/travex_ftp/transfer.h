@@ -46,6 +46,10 @@ public:
     // Microseconds since this try began, never 0.
     uint64_t elapsed() const;
 
+    // Another transfer has put its file in place. If it is to the same target and began later, this
+    // one's file is older, and will not replace it.
+    void heed(const Transfer& other);
+
     bool reused() const
     {
         return reused_;
@@ -135,6 +139,7 @@ private:
     tagTRAVEX_FTP_S_COURSE course_{};
     bool reused_ = false;
     bool retried_ = false;
+    bool overtaken_ = false;
     uint64_t received_ = 0;
 
     Wait wait_ = Wait::Connection;

@@ -424,7 +424,23 @@ void TransferThread::conclude(Connection& connection, std::unique_ptr<Transfer> 
         {
             failWaiting(transfer->task().settings, transfer->failure());
         }
+        if (success)
+        {
+            tellOthers(*transfer);
+        }
         transfer->finish();
+    }
+}
+
+// Of a file in place, those that are still being downloaded to it.
+void TransferThread::tellOthers(const Transfer& done)
+{
+    for (const auto& connection : connections_)
+    {
+        if (connection->transfer() != nullptr)
+        {
+            connection->transfer()->heed(done);
+        }
     }
 }
 

@@ -69,6 +69,7 @@ private:
     size_t countWelcome(const Settings& settings) const;
     size_t countOpen(const Settings& settings) const;
     void failWaiting(const std::shared_ptr<const Settings>& settings, const Failure& failure);
+    void tellOthers(const Transfer& done);
     void conclude(Connection& connection, std::unique_ptr<Transfer> transfer);
     void moveUngreeted();
     void retry(std::unique_ptr<Transfer> transfer);

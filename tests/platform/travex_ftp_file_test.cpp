@@ -286,6 +286,24 @@ TEST_F(FileTest, FullDiskLeavesTheOldFile)
     EXPECT_EQ("0 12", Fetch("f", "f"));
 }
 
+// A slow download of yesterday's file must not replace today's.
+TEST_F(FileTest, TheFileOfTheDownloadThatBeganLaterStays)
+{
+    captured_log::Clear();
+    FaultyServer slow("slow_drip", {"--size", "60"});
+    Use(Parameters("127.0.0.1", slow.Port(), m_directory.Path()));
+    const unsigned int old = Start("f", "f");
+    ASSERT_TRUE(support::WaitUntil([&slow] { return slow.Count("COMMAND RETR") != 0; }));
+    FaultyServer quick("none", {"--size", "2000"});
+    Use(Parameters("127.0.0.1", quick.Port(), m_directory.Path()));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ("0 12", ftp_test::OutcomeOf(old));
+    EXPECT_EQ(FaultyServer::Body(2000), Content("f"));
+    EXPECT_EQ(1u, captured_log::CountWith("f is in place already, and newer"));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
+}
+
 // That a server announces a size does not mean that it gives the file; which of the two is wrong is
 // what its publisher has to know.
 TEST_F(FileTest, AFileThatIsNotGivenIsNotCalledTooLarge)

@@ -199,7 +199,8 @@ Watcher::Settled Watcher::OnTransferred(const Event& event)
     const Server server = ServerOf(event);
     if (!IsVersionFile(event))
     {
-        return OnDirectoryArrived(event);
+        OnDirectoryArrived(event);
+        return std::nullopt;
     }
     m_left = m_servers.size();
     if (!event.version.version)
@@ -221,21 +222,14 @@ Watcher::Settled Watcher::OnTransferred(const Event& event)
 }
 
 // A directory file is on disk; the service's word, DELIVERED, follows if it is the one that it
-// waits for.
-Watcher::Settled Watcher::OnDirectoryArrived(const Event& event)
+// waits for. One of an older version that ends last is not put in place.
+void Watcher::OnDirectoryArrived(const Event& event)
 {
-    const std::string version = m_expected[event.task];
-    m_expected.erase(event.task);
-    const bool older = version != m_version && !m_version.empty();
-    if (older && m_arrival.version == m_version)
+    if (m_expected[event.task] == m_version)
     {
-        m_output.Failed(ServerOf(event), event.file, 0,
-                        "the download of version '" + version + "' ended after that of version '" +
-                            m_version + "' and replaced its file");
-        return Request(0);
+        m_arrival = {ServerOf(event), m_version, event.bytes};
     }
-    m_arrival = {ServerOf(event), version, event.bytes};
-    return std::nullopt;
+    m_expected.erase(event.task);
 }
 
 void Watcher::OnDelivered()

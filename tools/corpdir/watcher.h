@@ -30,7 +30,6 @@ namespace corpdir_tool
 // request, for which the service is stopped first:
 //   - at once, to the next server, when the directory file failed at one of several, or the version
 //     file there is not valid;
-//   - at once, when the download of an older version ended last and replaced the newer file;
 //   - after the plan's retry time, names looked up again, when all of them failed so, when the file
 //     could not be written, or when no version was seen since the request;
 //   - when every server failed and their names have got other addresses.
@@ -67,7 +66,7 @@ private:
     Settled Handle(const Event& event);
     void OnAccepted(const Event& event);
     Settled OnTransferred(const Event& event);
-    Settled OnDirectoryArrived(const Event& event);
+    void OnDirectoryArrived(const Event& event);
     void OnDelivered();
     Settled OnFailed(const Event& event);
     void OnVersionFailed();
