@@ -197,7 +197,7 @@ def show(script, output):
     goes_on = False
     for line in script.splitlines():
         print(("> " if goes_on else "$ ") + line)
-        goes_on = line.endswith("\\")
+        goes_on = line.endswith(("\\", "|"))
     print(output, flush=True)
 
 
