@@ -95,13 +95,13 @@ class Mistakes:
         return text
 
     def shown(self, text, port):
-        for actual, placeholder in self.places():
-            text = text.replace(actual, placeholder)
+        for actual, stand_in in self.places():
+            text = text.replace(actual, stand_in)
         text = re.sub(r"\b%d\b" % port, "2121", text)
         for words in RESOLVER_WORDS:
             text = text.replace(words, UNKNOWN_NAME)
-        for actual, placeholder in PATIENCE:
-            text = text.replace(actual, placeholder)
+        for actual, stand_in in PATIENCE:
+            text = text.replace(actual, stand_in)
         text = TLS_LIBRARY.sub("OpenSSL/3.0.19", text)
         if str(self.scene.folder) in text:
             raise SystemExit("a path of this run is left in:\n" + text)

@@ -489,6 +489,25 @@ TEST_F(ToolWatcher, VersionsThatComeFastAreNotMixedUp)
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
 }
 
+// The service takes up the newer one only after it has told of the old one.
+TEST_F(ToolWatcher, AFileThatArrivesWhenANewerVersionIsAnnouncedHasItsOwnVersion)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.DirectoryBegins(A);
+                       const unsigned int old = service.Task();
+                       service.Version(A, "edition 2");
+                       service.DirectoryArrives(A, old);
+                       service.Directory(A);
+                       service.Await("downloaded", 2);
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)).Times(1));
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)).Times(1));
+}
+
 TEST_F(ToolWatcher, AnOldDirectoryFileThatEndsLastIsNotTakenForTheNewOne)
 {
     EXPECT_EQ(Run({[this](ScriptedService& service)

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
-#include <set>
 
 #include "check_table.h"
 #include "checker.h"
@@ -135,14 +134,14 @@ private:
 
     void Hint() const
     {
-        std::set<std::string> given;
+        std::vector<Trouble> troubles;
         for (const CheckResult& result : m_results)
         {
-            const std::string hint = HintFor({result.code, FileOf(result), result.reason}, m_plan);
-            if (!hint.empty() && given.insert(hint).second)
-            {
-                m_report.Hint(hint);
-            }
+            troubles.push_back({result.code, FileOf(result), result.reason});
+        }
+        for (const std::string& hint : HintsFor(troubles, m_plan))
+        {
+            m_report.Hint(hint);
         }
     }
 

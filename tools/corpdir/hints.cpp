@@ -138,6 +138,20 @@ std::string HintFor(const Trouble& trouble, const Plan& plan)
     }
 }
 
+std::vector<std::string> HintsFor(const std::vector<Trouble>& troubles, const Plan& plan)
+{
+    std::vector<std::string> hints;
+    for (const Trouble& trouble : troubles)
+    {
+        const std::string hint = HintFor(trouble, plan);
+        if (!hint.empty() && std::find(hints.begin(), hints.end(), hint) == hints.end())
+        {
+            hints.push_back(hint);
+        }
+    }
+    return hints;
+}
+
 std::string WithFile(const Trouble& trouble)
 {
     const bool isAboutFile = trouble.code == TRAVEX_FTP_ERR_FILE ||

@@ -21,6 +21,9 @@ struct Trouble
 // A sentence on what to do next; empty when there is nothing to advise.
 std::string HintFor(const Trouble& trouble, const Plan& plan);
 
+// Those of several failures, each once, in their order.
+std::vector<std::string> HintsFor(const std::vector<Trouble>& troubles, const Plan& plan);
+
 // The reason with the file that it is about, where it is about one.
 std::string WithFile(const Trouble& trouble);
 

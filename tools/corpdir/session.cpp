@@ -1,6 +1,5 @@
 #include "session.h"
 
-#include <set>
 #include <utility>
 
 #include "failure.h"
@@ -238,14 +237,14 @@ Session::Settled Session::NoServerLeft()
 // For each kind of failure once.
 void Session::Hint() const
 {
-    std::set<std::string> given;
+    std::vector<Trouble> troubles;
     for (const Attempt& attempt : m_attempts)
     {
-        const std::string hint = HintFor(attempt.trouble, m_plan);
-        if (!hint.empty() && given.insert(hint).second)
-        {
-            m_report.Hint(hint);
-        }
+        troubles.push_back(attempt.trouble);
+    }
+    for (const std::string& hint : HintsFor(troubles, m_plan))
+    {
+        m_report.Hint(hint);
     }
 }
 

@@ -103,8 +103,7 @@ Watcher::Settled Watcher::Request(std::size_t first)
     m_moving = false;
     m_version.clear();
     m_expected.clear();
-    // With one server the service tries it twice.
-    m_left = std::max<std::size_t>(m_servers.size() - 1, 1);
+    Refill();
     const unsigned int code = StartAndRequest();
     if (code == 0 || m_requestDue)
     {
@@ -221,14 +220,11 @@ Watcher::Settled Watcher::OnTransferred(const Event& event)
     return std::nullopt;
 }
 
-// A directory file is on disk; the service's word, DELIVERED, follows if it is the one that it
-// waits for. One of an older version that ends last is not put in place.
+// The service's word, DELIVERED, follows at once, unless it waits for another task by now. A newer
+// version may have been announced meanwhile: what counts is the one that the task was begun for.
 void Watcher::OnDirectoryArrived(const Event& event)
 {
-    if (m_expected[event.task] == m_version)
-    {
-        m_arrival = {ServerOf(event), m_version, event.bytes};
-    }
+    m_arrival = {ServerOf(event), m_expected[event.task], event.bytes};
     m_expected.erase(event.task);
 }
 
@@ -352,8 +348,14 @@ bool Watcher::RefillWhenUsedUp()
     {
         return false;
     }
-    m_left = std::max<std::size_t>(m_servers.size() - 1, 1);
+    Refill();
     return true;
+}
+
+// Failures that the service bears after the first server; with one server it tries that twice.
+void Watcher::Refill()
+{
+    m_left = std::max<std::size_t>(m_servers.size() - 1, 1);
 }
 
 void Watcher::AskAgainLater()

@@ -77,6 +77,7 @@ private:
     void OnCommandEnded(int status);
 
     bool RefillWhenUsedUp();
+    void Refill();
     void AskAgainLater();
     void RunCommand();
     bool IsVersionFile(const Event& event) const;
