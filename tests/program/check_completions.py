@@ -208,7 +208,9 @@ def bare(line, found):
 
 
 def main():
-    name, program, completions = sys.argv[1], sys.argv[2], pathlib.Path(sys.argv[3]).resolve()
+    name = sys.argv[1]
+    program, completions = (pathlib.Path(path).resolve() for path in sys.argv[2:4])
+    program = str(program)
     wanted = list(cases(program))
     with tempfile.TemporaryDirectory() as folder:
         shell = Shell(name, program, completions, pathlib.Path(folder))
