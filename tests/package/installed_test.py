@@ -22,6 +22,9 @@ VERSION = re.search(r"project\(corpdir VERSION ([\d.]+)",
                     (SOURCE / "CMakeLists.txt").read_text())[1]
 MAJOR, MINOR, _ = map(int, VERSION.split("."))
 SONAME = "libcorpdir.so.%d" % MAJOR
+# What a cross build sets.
+CC, CXX, STRIP, EMULATOR = (os.environ.get("CORPDIR_" + name, usual).split() for name, usual in (
+    ("CC", "gcc"), ("CXX", "g++"), ("STRIP", "strip"), ("EMULATOR", "")))
 SIZE_LIMIT = 400_000  # bytes of the stripped shared library
 
 
@@ -61,11 +64,12 @@ class Installed:
 
     def cmake(self, *settings):
         """An application's build folder, configured. The library's folders are given as the prefix
-        alone."""
+        alone, which a cross build looks for within roots."""
         folder = self.work / "consumer"
         command = ["cmake", "-S", HERE / "consumer", "-B", folder, "-DEXAMPLE=%s" % EXAMPLE,
-                   "-DCMAKE_PREFIX_PATH=%s" % self.prefix, "-DCMAKE_BUILD_TYPE=Release",
-                   "-DCMAKE_CXX_STANDARD=11", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", *settings]
+                   "-DCMAKE_PREFIX_PATH=%s" % self.prefix, "-DCMAKE_FIND_ROOT_PATH=%s" % self.prefix,
+                   "-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_STANDARD=11",
+                   "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", *settings]
         return folder, command
 
     def build(self, *settings):
@@ -95,7 +99,7 @@ def require_static(program):
 
 def fetch(work, program, **environment):
     with ServedDirectory(work).serving() as served:
-        served.fetch([program], environment)
+        served.fetch([*EMULATOR, program], environment)
 
 
 def headers(installed):
@@ -139,7 +143,7 @@ def cmake_versions(installed):
 
 
 def compile_with(installed, flags, output):
-    run("g++", "-std=c++11", *STRICT, EXAMPLE, "-o", output, *flags, "-pthread")
+    run(*CXX, "-std=c++11", *STRICT, EXAMPLE, "-o", output, *flags, "-pthread")
     return output
 
 
@@ -171,7 +175,7 @@ def pkgconfig_static_alone(installed):
 def pkgconfig_c(installed):
     flags = installed.pkg_config("--cflags", "--libs", "corpdir_c", alone=True)
     program = installed.work / "client"
-    run("gcc", "-std=c99", *STRICT, SOURCE / "examples/fetch_directory.c", "-o", program, *flags)
+    run(*CC, "-std=c99", *STRICT, SOURCE / "examples/fetch_directory.c", "-o", program, *flags)
     require("[libcorpdir_c.so.%d]" % MAJOR in dynamic(program), "linked with the C library")
     fetch(installed.work, program, LD_LIBRARY_PATH=str(installed.lib))
 
@@ -187,12 +191,12 @@ def python(installed):
 def unloaded(installed):
     """A client that calls dlclose while the service's threads run."""
     program = installed.work / "client"
-    run("g++", "-std=c++11", *STRICT, "-I", installed.include, EXAMPLE,
+    run(*CXX, "-std=c++11", *STRICT, "-I", installed.include, EXAMPLE,
         HERE / "dlopen_instance.cpp", "-o", program, "-ldl", "-pthread")
     require("libcorpdir" not in dynamic(program), "linked without the library")
     # Slow enough for the directory file to be under way long after the dlclose.
     with ServedDirectory(installed.work).serving("--rate", "2000000") as served:
-        printed = served.fetch([program], {"CORPDIR_LIBRARY": str(installed.lib / SONAME)})
+        printed = served.fetch([*EMULATOR, program], {"CORPDIR_LIBRARY": str(installed.lib / SONAME)})
     require("unloaded" in printed, "the library was unloaded")
 
 
@@ -208,7 +212,7 @@ def relocatable(installed):
 
 def size(installed):
     stripped = installed.work / "stripped.so"
-    run("strip", "--strip-unneeded", "-o", stripped, installed.lib / SONAME)
+    run(*STRIP, "--strip-unneeded", "-o", stripped, installed.lib / SONAME)
     measured = stripped.stat().st_size
     print("libcorpdir.so, stripped: %d bytes" % measured)
     require(measured <= SIZE_LIMIT, "at most %d bytes" % SIZE_LIMIT)
