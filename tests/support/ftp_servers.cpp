@@ -437,11 +437,14 @@ std::string ProftpdServer::Configuration(int port) const
 {
     const FtpServerOptions& options = Options();
     std::ostringstream text;
+    // Some releases of Debian build in what others have as modules. mod_delay is not wanted.
     text << "ModulePath " CORPDIR_TEST_SERVERS_DIR "/proftpd/usr/lib/proftpd\n"
+         << "<IfModule !mod_xfer.c>\nLoadModule mod_xfer.c\n</IfModule>\n"
+         << "<IfModule mod_delay.c>\nDelayEngine off\n</IfModule>\n"
          << "ServerType standalone\nUser " << CurrentUser() << "\nGroup " << CurrentGroup()
          << "\nDefaultAddress " << options.host << "\nSocketBindTight on\nUseIPv6 "
          << (IsIpv6(options.host) ? "on" : "off") << "\nPort " << port << "\nPidFile "
-         << Workplace("pid") << "\nScoreboardFile none\nControlsEngine off\nDelayEngine off\n"
+         << Workplace("pid") << "\nScoreboardFile none\nControlsEngine off\n"
          << "UseReverseDNS off\nWtmpLog off\nUseLastlog off\nTransferLog none\n"
          << "AuthPAM off\nAuthOrder mod_auth_file.c\nAuthUserFile " << Workplace("users")
          << "\nRootLogin on\nRequireValidShell off\nUseFtpUsers off\nSystemLog " << Workplace("log")
