@@ -1,4 +1,4 @@
-// Counts what the calling thread allocates, in the program and in every library beneath it.
+// Counts what the calling thread allocates, in the program and in every library.
 #ifndef BENCH_ALLOCATIONS_H
 #define BENCH_ALLOCATIONS_H
 
@@ -13,7 +13,7 @@ struct Allocations
     std::size_t bytes = 0;
 };
 
-// Of the calling thread since it began; a block that grows counts once more, with its new size.
+// By the calling thread since it began; a block that grows counts once more, with its new size.
 Allocations AllocationsSoFar();
 
 }  // namespace bench

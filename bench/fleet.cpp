@@ -1,10 +1,10 @@
 // A fleet of clients in compressed time, for what it costs a server.
 //     fleet --port N --clients N --interval SECONDS --duration SECONDS --work-dir DIR [OPTION...]
-// Each client is a handle of the FTP layer with a local address of its own, so that neither the
-// layer's pool nor the server's counts take two of them for one. It repeats a check: the version
+// Each client is a handle of the FTP layer, with its thread and its connection, and has a local
+// address of its own, so that the server counts it as one. It repeats a check: the version
 // file, and when its first line is not the one accepted last, the directory file on the same
 // connection. An unused connection is closed after the part of the interval that the product's 15 s
-// are of its ten minutes: so each check is one connection, and as many stand idle as in real time.
+// are of its ten minutes: so each check is one connection, and as many are idle as in real time.
 // Prints one JSON object. The password is in CORPDIR_PASSWORD.
 #include <arpa/inet.h>
 #include <getopt.h>
@@ -38,7 +38,7 @@ constexpr double kRealIdle = 15;
 constexpr unsigned int kMostClients = 500;
 constexpr std::chrono::seconds kPatience{60};  // with what is under way at the end
 
-// What the product offers unless it is told otherwise.
+// The product's defaults.
 constexpr int kSuites[] = {0x03000035, 0x0300003C, 0x0300003D};
 
 constexpr char kLocalVersion[] = "version";
@@ -59,7 +59,7 @@ struct Options
     std::string workDir;
     std::string accepted;  // the version that all clients begin with
 
-    double idle() const
+    double Idle() const
     {
         return interval * kRealIdle / kRealInterval;
     }
@@ -76,7 +76,7 @@ struct Client
     bool checking = false;
 };
 
-// What the notification thread tells the main one.
+// A transfer's outcome, from the notification thread to the main one.
 struct Ended
 {
     unsigned int task;
@@ -88,27 +88,27 @@ struct Ended
 class Mailbox
 {
 public:
-    void put(Ended ended)
+    void Put(Ended ended)
     {
         {
-            const std::lock_guard<std::mutex> hold(guard_);
-            ended_.push_back(std::move(ended));
+            const std::lock_guard<std::mutex> hold(m_guard);
+            m_ended.push_back(std::move(ended));
         }
-        arrived_.notify_one();
+        m_arrived.notify_one();
     }
 
-    // What has ended; waits for something until then.
-    std::vector<Ended> take(Clock::time_point until)
+    // The outcomes so far; waits for the first one until then.
+    std::vector<Ended> Take(Clock::time_point until)
     {
-        std::unique_lock<std::mutex> hold(guard_);
-        arrived_.wait_until(hold, until, [this] { return !ended_.empty(); });
-        return std::move(ended_);
+        std::unique_lock<std::mutex> hold(m_guard);
+        m_arrived.wait_until(hold, until, [this] { return !m_ended.empty(); });
+        return std::move(m_ended);
     }
 
 private:
-    std::mutex guard_;
-    std::condition_variable arrived_;
-    std::vector<Ended> ended_;
+    std::mutex m_guard;
+    std::condition_variable m_arrived;
+    std::vector<Ended> m_ended;
 };
 
 Mailbox g_mailbox;
@@ -120,7 +120,7 @@ void OnNotify(void*, tagTRAVEX_FTP_S_NOTIFY_DATA* seen)
         return;
     }
     const bool failed = seen->ulType != TRAVEX_FTP_NOTIFY_SUCCESS;
-    g_mailbox.put(
+    g_mailbox.Put(
         {seen->ulTaskID, failed ? std::string(seen->pstErrInfo->acReason) : "", Clock::now()});
 }
 
@@ -166,99 +166,99 @@ std::string Quoted(const std::string& text)
 class Fleet
 {
 public:
-    explicit Fleet(const Options& options) : options_(options), clients_(options.clients) {}
+    explicit Fleet(const Options& options) : m_options(options), m_clients(options.clients) {}
 
     // False, with a message, when a client cannot be made.
-    bool prepare()
+    bool Prepare()
     {
-        interval_ = std::chrono::duration_cast<Clock::duration>(Seconds(options_.interval));
-        std::mt19937 random(options_.seed);
+        m_interval = std::chrono::duration_cast<Clock::duration>(Seconds(m_options.interval));
+        std::mt19937 random(m_options.seed);
         std::uniform_real_distribution<double> anywhere(0, 1);
-        for (unsigned int i = 0; i != options_.clients; ++i)
+        for (unsigned int i = 0; i != m_options.clients; ++i)
         {
             const double part =
-                options_.seed != 0 ? anywhere(random) : (i + 0.5) / options_.clients;
-            clients_[i].offset =
-                std::chrono::duration_cast<Clock::duration>(Seconds(part * options_.interval));
-            if (!prepare(clients_[i], i))
+                m_options.seed != 0 ? anywhere(random) : (i + 0.5) / m_options.clients;
+            m_clients[i].offset =
+                std::chrono::duration_cast<Clock::duration>(Seconds(part * m_options.interval));
+            if (!Prepare(m_clients[i], i))
             {
                 return false;
             }
         }
-        std::sort(clients_.begin(), clients_.end(),
+        std::sort(m_clients.begin(), m_clients.end(),
                   [](const Client& left, const Client& right)
                   { return left.offset < right.offset; });
         return true;
     }
 
-    void run()
+    void Run()
     {
-        startedAt_ = std::chrono::system_clock::now();
-        start_ = Clock::now();
+        m_startedAt = std::chrono::system_clock::now();
+        m_start = Clock::now();
         const Clock::time_point end =
-            start_ + std::chrono::duration_cast<Clock::duration>(Seconds(options_.duration));
-        for (Clock::time_point round = start_; round < end; round += interval_)
+            m_start + std::chrono::duration_cast<Clock::duration>(Seconds(m_options.duration));
+        for (Clock::time_point round = m_start; round < end; round += m_interval)
         {
-            for (Client& client : clients_)
+            for (Client& client : m_clients)
             {
                 if (round + client.offset < end)
                 {
-                    handleUntil(round + client.offset);
-                    check(client, round + client.offset);
+                    HandleUntil(round + client.offset);
+                    Check(client, round + client.offset);
                 }
             }
         }
-        handleUntil(end);
+        HandleUntil(end);
         const Clock::time_point patience = Clock::now() + kPatience;
-        while (!tasks_.empty() && Clock::now() < patience)
+        while (!m_tasks.empty() && Clock::now() < patience)
         {
-            handle(g_mailbox.take(patience));
+            Handle(g_mailbox.Take(patience));
         }
     }
 
-    void print() const
+    void Print() const
     {
         std::printf("{\"clients\": %u, \"interval\": %g, \"duration\": %g, \"idle\": %g,\n",
-                    options_.clients, options_.interval, options_.duration, options_.idle());
-        std::printf(" \"started_at\": %.3f,\n", Seconds(startedAt_.time_since_epoch()).count());
+                    m_options.clients, m_options.interval, m_options.duration, m_options.Idle());
+        std::printf(" \"started_at\": %.3f,\n", Seconds(m_startedAt.time_since_epoch()).count());
         std::printf(" \"checks\": %zu, \"skipped\": %zu, \"unfinished\": %zu, \"failed\": %zu,\n",
-                    latencies_.size(), skipped_, tasks_.size(), failed_);
-        printFailures();
-        std::printf(" \"latency_ms\": %s,\n", Summary(latencies_).c_str());
+                    m_latencies.size(), m_skipped, m_tasks.size(), m_failed);
+        PrintFailures();
+        std::printf(" \"latency_ms\": %s,\n", Summary(m_latencies).c_str());
         std::printf(" \"latency_with_directory_ms\": %s,\n",
-                    Summary(latenciesWithDirectory_).c_str());
-        std::printf(" \"late_ms\": %s,\n", Summary(late_).c_str());
-        printDirectories();
-        std::printf(" \"version_bytes\": %ju, \"directory_bytes\": %ju,\n", versionBytes_,
-                    directoryBytes_);
+                    Summary(m_latenciesWithDirectory).c_str());
+        std::printf(" \"late_ms\": %s,\n", Summary(m_late).c_str());
+        PrintDirectories();
+        std::printf(" \"version_bytes\": %ju, \"directory_bytes\": %ju,\n", m_versionBytes,
+                    m_directoryBytes);
         std::printf(" \"cpu_seconds\": %.3f}\n", bench::CpuSeconds());
     }
 
-    bool complete() const
+    bool Complete() const
     {
-        return failed_ == 0 && skipped_ == 0 && tasks_.empty();
+        return m_failed == 0 && m_skipped == 0 && m_tasks.empty();
     }
 
 private:
-    bool prepare(Client& client, unsigned int number)
+    bool Prepare(Client& client, unsigned int number)
     {
-        client.accepted = options_.accepted;
+        client.accepted = m_options.accepted;
         client.folder = std::to_string(number);
-        std::filesystem::create_directories(options_.workDir + "/" + client.folder);
+        std::filesystem::create_directories(m_options.workDir + "/" + client.folder);
         client.handle = TRAVEX_FTP_CreateHandle();
         tagTRAVEX_FTP_S_CTRL_PARAM control = {};
-        control.ulServerPort = options_.port;
-        control.ulServerType = options_.ca.empty() ? 0 : 1;
-        control.ulCertVerify = options_.ca.empty() ? 0 : 1;
-        control.pcFtpCtrlInfo = options_.ca.c_str();
+        control.ulServerPort = m_options.port;
+        control.ulServerType = m_options.ca.empty() ? 0 : 1;
+        control.ulCertVerify = m_options.ca.empty() ? 0 : 1;
+        control.pcFtpCtrlInfo = m_options.ca.c_str();
         control.piCipherList = kSuites;
         control.ulCipherNum = sizeof kSuites / sizeof *kSuites;
         const char* password = std::getenv("CORPDIR_PASSWORD");
-        std::snprintf(control.acUserName, sizeof control.acUserName, "%s", options_.user.c_str());
+        std::snprintf(control.acUserName, sizeof control.acUserName, "%s", m_options.user.c_str());
         std::snprintf(control.acPassword, sizeof control.acPassword, "%s",
                       password != nullptr ? password : "");
-        std::snprintf(control.acWorkDir, sizeof control.acWorkDir, "%s", options_.workDir.c_str());
-        inet_pton(AF_INET, options_.address.c_str(), control.aucServerIp);
+        std::snprintf(control.acWorkDir, sizeof control.acWorkDir, "%s", m_options.workDir.c_str());
+        inet_pton(AF_INET, m_options.address.c_str(), control.aucServerIp);
         // 127.1.0.1 onwards: all of 127/8 is this machine's.
         const unsigned char local[] = {127, static_cast<unsigned char>(1 + number / 250), 0,
                                        static_cast<unsigned char>(1 + number % 250)};
@@ -273,119 +273,119 @@ private:
         return true;
     }
 
-    // What ends is seen to until then, even when it is past that already.
-    void handleUntil(Clock::time_point until)
+    // Handles outcomes until then, at least those that are there.
+    void HandleUntil(Clock::time_point until)
     {
         do
         {
-            handle(g_mailbox.take(until));
+            Handle(g_mailbox.Take(until));
         } while (Clock::now() < until);
     }
 
-    void handle(const std::vector<Ended>& all)
+    void Handle(const std::vector<Ended>& all)
     {
         for (const Ended& ended : all)
         {
-            const auto found = tasks_.find(ended.task);
+            const auto found = m_tasks.find(ended.task);
             Client& client = *found->second;
-            tasks_.erase(found);
-            proceed(client, ended);
+            m_tasks.erase(found);
+            Proceed(client, ended);
         }
     }
 
-    void check(Client& client, Clock::time_point due)
+    void Check(Client& client, Clock::time_point due)
     {
         if (client.checking)
         {
-            ++skipped_;
+            ++m_skipped;
             return;
         }
         client.checking = true;
         client.began = Clock::now();
-        late_.push_back(Milliseconds(client.began - due));
-        download(client, options_.versionFile, kLocalVersion);
+        m_late.push_back(Milliseconds(client.began - due));
+        Download(client, m_options.versionFile, kLocalVersion);
     }
 
-    void download(Client& client, const std::string& serverFile, const char* localFile)
+    void Download(Client& client, const std::string& serverFile, const char* localFile)
     {
         unsigned int task = 0;
         const unsigned int result = TRAVEX_FTP_AsynDownloadFile(
             client.handle, &task, serverFile.c_str(), client.folder.c_str(), localFile, OnNotify);
         if (result != TRAVEX_FTP_OK)
         {
-            fail(client, "refused with code " + std::to_string(result));
+            Fail(client, "refused with code " + std::to_string(result));
             return;
         }
-        tasks_.emplace(task, &client);
+        m_tasks.emplace(task, &client);
     }
 
     // After the version file, and after the directory file.
-    void proceed(Client& client, const Ended& ended)
+    void Proceed(Client& client, const Ended& ended)
     {
         if (!ended.failure.empty())
         {
-            fail(client, ended.failure);
+            Fail(client, ended.failure);
             return;
         }
         if (client.fetchingDirectory)
         {
             client.fetchingDirectory = false;
-            directoryBytes_ += sizeOf(client, kLocalDirectory);
-            directoriesAt_.push_back(Seconds(ended.at - start_).count());
-            latenciesWithDirectory_.push_back(Milliseconds(ended.at - client.began));
-            finish(client, ended.at);
+            m_directoryBytes += SizeOf(client, kLocalDirectory);
+            m_directoriesAt.push_back(Seconds(ended.at - m_start).count());
+            m_latenciesWithDirectory.push_back(Milliseconds(ended.at - client.began));
+            Finish(client, ended.at);
             return;
         }
-        versionBytes_ += sizeOf(client, kLocalVersion);
+        m_versionBytes += SizeOf(client, kLocalVersion);
         std::string version;
-        std::getline(std::ifstream(path(client, kLocalVersion)), version);
-        ++versions_[version];
+        std::getline(std::ifstream(Path(client, kLocalVersion)), version);
+        ++m_versions[version];
         if (version == client.accepted)
         {
-            finish(client, ended.at);
+            Finish(client, ended.at);
             return;
         }
         client.accepted = version;  // as the product does: before the directory file is here
         client.fetchingDirectory = true;
-        download(client, options_.directoryFile, kLocalDirectory);
+        Download(client, m_options.directoryFile, kLocalDirectory);
     }
 
-    void finish(Client& client, Clock::time_point at)
+    void Finish(Client& client, Clock::time_point at)
     {
-        latencies_.push_back(Milliseconds(at - client.began));
+        m_latencies.push_back(Milliseconds(at - client.began));
         client.checking = false;
     }
 
-    void fail(Client& client, const std::string& reason)
+    void Fail(Client& client, const std::string& reason)
     {
-        ++failed_;
-        ++failures_[reason];
+        ++m_failed;
+        ++m_failures[reason];
         client.fetchingDirectory = false;
         client.checking = false;
     }
 
-    std::string path(const Client& client, const char* file) const
+    std::string Path(const Client& client, const char* file) const
     {
-        return options_.workDir + "/" + client.folder + "/" + file;
+        return m_options.workDir + "/" + client.folder + "/" + file;
     }
 
-    uintmax_t sizeOf(const Client& client, const char* file) const
+    uintmax_t SizeOf(const Client& client, const char* file) const
     {
-        return std::filesystem::file_size(path(client, file));
+        return std::filesystem::file_size(Path(client, file));
     }
 
-    void printFailures() const
+    void PrintFailures() const
     {
         std::printf(" \"failures\": {");
         const char* separator = "";
-        for (const auto& [reason, count] : failures_)
+        for (const auto& [reason, count] : m_failures)
         {
             std::printf("%s%s: %zu", separator, Quoted(reason).c_str(), count);
             separator = ", ";
         }
         std::printf("},\n \"versions\": {");
         separator = "";
-        for (const auto& [version, count] : versions_)
+        for (const auto& [version, count] : m_versions)
         {
             std::printf("%s%s: %zu", separator, Quoted(version).c_str(), count);
             separator = ", ";
@@ -394,11 +394,11 @@ private:
     }
 
     // When each directory file was there, in seconds since the start.
-    void printDirectories() const
+    void PrintDirectories() const
     {
-        std::printf(" \"directories\": %zu,\n \"directories_at\": [", directoriesAt_.size());
+        std::printf(" \"directories\": %zu,\n \"directories_at\": [", m_directoriesAt.size());
         const char* separator = "";
-        for (const double at : directoriesAt_)
+        for (const double at : m_directoriesAt)
         {
             std::printf("%s%.3f", separator, at);
             separator = ", ";
@@ -406,23 +406,23 @@ private:
         std::printf("],\n");
     }
 
-    const Options& options_;
-    std::vector<Client> clients_;  // in the order of their checks
-    Clock::duration interval_{};
-    Clock::time_point start_;
-    std::chrono::system_clock::time_point startedAt_;
-    std::unordered_map<unsigned int, Client*> tasks_;
+    const Options& m_options;
+    std::vector<Client> m_clients;  // in the order of their checks
+    Clock::duration m_interval{};
+    Clock::time_point m_start;
+    std::chrono::system_clock::time_point m_startedAt;
+    std::unordered_map<unsigned int, Client*> m_tasks;
 
-    size_t skipped_ = 0;  // the client's last check was still under way
-    size_t failed_ = 0;
-    std::map<std::string, size_t> failures_;
-    std::map<std::string, size_t> versions_;
-    std::vector<double> latencies_;
-    std::vector<double> latenciesWithDirectory_;
-    std::vector<double> late_;
-    std::vector<double> directoriesAt_;
-    uintmax_t versionBytes_ = 0;
-    uintmax_t directoryBytes_ = 0;
+    size_t m_skipped = 0;  // the client's last check was still under way
+    size_t m_failed = 0;
+    std::map<std::string, size_t> m_failures;
+    std::map<std::string, size_t> m_versions;
+    std::vector<double> m_latencies;
+    std::vector<double> m_latenciesWithDirectory;
+    std::vector<double> m_late;
+    std::vector<double> m_directoriesAt;
+    uintmax_t m_versionBytes = 0;
+    uintmax_t m_directoryBytes = 0;
 };
 
 bool ReadOptions(int count, char** arguments, Options& options)
@@ -470,12 +470,11 @@ bool ReadOptions(int count, char** arguments, Options& options)
            !options.workDir.empty();
 }
 
-// Each client may have its connection, and nobody's is closed to make room.
-void SetLimits(const Options& options)
+unsigned int SetLimits(const Options& options)
 {
-    const auto idle = static_cast<unsigned long>(std::max(1.0, options.idle() * 1000));
-    setenv("CORPDIR_FTP_IDLE_MS", std::to_string(idle).c_str(), 1);
-    setenv("CORPDIR_FTP_CONNECTIONS", std::to_string(2 * options.clients).c_str(), 1);
+    tagTRAVEX_FTP_S_LIMITS limits = {};
+    limits.ulIdleMs = static_cast<unsigned int>(std::max(1.0, options.Idle() * 1000));
+    return TRAVEX_FTP_SetLimits(&limits);
 }
 
 }  // namespace
@@ -491,16 +490,16 @@ int main(int count, char** arguments)
                      "[--version-file FILE]\n    [--directory-file FILE] [--accepted VERSION]\n");
         return 2;
     }
-    SetLimits(options);
     Fleet fleet(options);
-    if (TRAVEX_FTP_Init() != TRAVEX_FTP_OK || !fleet.prepare())
+    if (SetLimits(options) != TRAVEX_FTP_OK || TRAVEX_FTP_Init() != TRAVEX_FTP_OK ||
+        !fleet.Prepare())
     {
         return 2;
     }
-    fleet.run();
+    fleet.Run();
     // The last connections end as all others do, with a QUIT.
-    std::this_thread::sleep_for(Seconds(options.idle() + 0.1));
+    std::this_thread::sleep_for(Seconds(options.Idle() + 0.1));
     TRAVEX_FTP_UnInit();
-    fleet.print();
-    return fleet.complete() ? 0 : 1;
+    fleet.Print();
+    return fleet.Complete() ? 0 : 1;
 }

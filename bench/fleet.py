@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Measures what a fleet of clients costs a server, and how well a model foretells it.
+"""Measures what a fleet of clients costs a server, and how well a model predicts it.
 
     bench/fleet.py [--quick | --long] [--build DIR] [--vsftpd FILE] [FILE]
 
@@ -82,7 +82,7 @@ class Bench:
 
 
 def stat_fields(pid):
-    """Of /proc/PID/stat, what follows the name: state, parent, ... Empty when it is gone."""
+    """The fields of /proc/PID/stat after the name: state, parent, ... Empty when it is gone."""
     try:
         with open("/proc/%d/stat" % pid, encoding="utf-8", errors="replace") as file:
             return file.read().rsplit(")", 1)[1].split()
@@ -185,7 +185,7 @@ class Program(threading.Thread):
 
 def alone():
     """Moves the calling thread, with all that it starts from now on, into a network of its own, whose
-    loopback nobody else uses. False where the system does not allow it."""
+    loopback no other program uses. False where the system does not allow it."""
     new_user, new_network, up_and_running = 0x10000000, 0x40000000, 0x41
     user = os.getuid()
     if ctypes.CDLL(None).unshare(new_network | (new_user if user else 0)) != 0:
@@ -331,7 +331,7 @@ class Proxy:
 
 
 def count(bench, tls, clients=10, interval=0.5, delay=0):
-    """What a check and a check with a directory file are made of, at the server's log and at the
+    """The parts of a check and of a check with a directory file, at the server's log and at the
     proxy."""
     found = {}
     for kind, published in (("check", ()), ("with directory", (0,))):
@@ -540,7 +540,7 @@ def generator_table(tests):
 
 
 def forecast(figures, kind, clients):
-    """What the model says of the real thing, ten minutes and 15 s."""
+    """The model for ten minutes and 15 s."""
     constants, turns = figures[kind]["constants"], figures[kind]["turns"]
     rate = clients / REAL_INTERVAL
     price = {name: constants[name] for name in ("cpu", "wire", "seconds")}

@@ -39,7 +39,7 @@ def make_certificates(folder):
 
 
 def prepare(work):
-    """What every server below serves: a version file and a directory file of 64 KB."""
+    """Files of every server below: a version file and a directory file of 64 KB."""
     for folder in ("empty", "served"):
         (work / folder).mkdir()
     (work / "passwords").write_text(PASSWORD + "\n")
@@ -105,7 +105,8 @@ def distant_server(work, tls, milliseconds, megabits=0):
     """A server behind a proxy on 127.0.0.1 that holds every byte for so long each way, and lets
     through so many bits a second towards the client (0: all). Gives (port, counts), where counts()
     is what a client has cost since the last call: connections, and round trips on them."""
-    behind, first, last = "127.0.0.2", 42000, 42015  # its ports are the same as the proxy's
+    # Its ports are the same as the proxy's, and below those that the system gives out.
+    behind, first, last = "127.0.0.2", 20200, 20215
     with server(work, tls, address=behind, pasv_min_port=first, pasv_max_port=last,
                 pasv_address="127.0.0.1", pasv_promiscuous="YES") as port:
         command = [sys.executable, pathlib.Path(__file__).parent / "proxy.py", behind, str(port),

@@ -1,4 +1,4 @@
-// What the service costs while it waits for the next check.
+// Measures the cost of the service while it waits for the next check.
 //     idle_cost [--bare | --pairs N] [--json] [SECONDS]
 // Starts the service without a request and prints how often its worker looked for work in a second,
 // and the CPU time that the process took, in hundredths of a core. --bare runs the least that such
@@ -63,7 +63,7 @@ long long Passes(const char* thread)
     std::exit(1);
 }
 
-// Of the whole process, while the thread of this name polls.
+// The cost of the whole process, while the thread of this name polls.
 Cost Measure(const char* what, const char* thread, double seconds)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));

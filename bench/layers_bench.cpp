@@ -18,7 +18,7 @@
 namespace
 {
 
-// --- Mutexes: a lock and an unlock that nobody else wants.
+// --- Mutexes: a lock and an unlock without contention.
 
 void PthreadRecursivePair(benchmark::State& state)
 {

@@ -15,7 +15,7 @@ ENVIRONMENT = dict(os.environ, CORPDIR_PASSWORD=PASSWORD)
 
 
 class Figures:
-    """Of one contestant: seconds, seconds of CPU with those of its children, MB at the peak."""
+    """Samples of one contestant: seconds, seconds of CPU with those of its children, MB at the peak."""
 
     def __init__(self, wall=(), cpu=()):
         self.wall, self.cpu, self.memory = list(wall), list(cpu), []
@@ -71,7 +71,7 @@ def empty(folder):
     folder.mkdir()
 
 
-def compete(contestants, job, served, rounds, memory=True):
+def compete(contestants, job, served, rounds, peaks=True):
     """All in turn, in each round in another order, so that none always finds what the same one has
     left; the first round does not count, but its files are checked."""
     order = random.Random(17)
@@ -91,7 +91,7 @@ def compete(contestants, job, served, rounds, memory=True):
                     sys.exit("%s has fetched a wrong %s" % (name, file))
             if not (job.output / job.files[-1]).exists():
                 sys.exit("%s has fetched nothing" % name)
-            if memory and "sync" not in name:
+            if peaks and "sync" not in name:
                 empty(job.output)
                 figures[name].memory.append(peak_memory(command))
     empty(job.output)

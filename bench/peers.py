@@ -1,4 +1,4 @@
-"""The programs that are compared: how each is told to fetch some files of a server on 127.0.0.1."""
+"""The programs that are compared: the command with which each fetches files of a server on 127.0.0.1."""
 import pathlib
 import typing
 
@@ -6,12 +6,14 @@ from ftp_site import PASSWORD, ROOT, VERSION
 
 OURS = ROOT / "build/release/tools/corpdir/corpdir"
 BARE = ROOT / "build/bench/bench/bare_download"
-PLAIN, TLS13 = "plain FTP", "FTPS, TLS 1.3"
-SUITES = {"AES256-SHA": "0x0035", "AES128-SHA256": "0x003c", "AES256-SHA256": "0x003d"}
+BARE_TLS = ROOT / "build/bench/bench/bare_tls"
+PLAIN, TLS12, TLS13 = "plain FTP", "FTPS, TLS 1.2, default suites", "FTPS, TLS 1.3"
+# What the service offers by itself, in the peers' words.
+DEFAULT_SUITES = "AES256-SHA:AES128-SHA256:AES256-SHA256"
 
 
 class Job(typing.NamedTuple):
-    """What is to be fetched. `kind`: PLAIN, TLS13, or the TLS 1.2 suite. Absolute paths."""
+    """A download. `kind`: PLAIN, TLS12 or TLS13. Absolute paths."""
     port: int
     kind: str
     files: list
@@ -26,7 +28,7 @@ def ours(job, servers="127.0.0.1", more=()):
                "--output-dir", job.output, *more]
     if job.kind == PLAIN:
         return command + ["--plain"]
-    suites = {TLS13: "0x1302,0x1303,0x1301"}.get(job.kind) or SUITES[job.kind]
+    suites = "0x1302,0x1303,0x1301" if job.kind == TLS13 else "0x0035,0x003c,0x003d"
     return command + ["--ca", job.authorities, "--ciphers", suites]
 
 
@@ -34,8 +36,8 @@ def curl(job):
     command = ["curl", "-s", "-S", "-u", "ftp:" + PASSWORD]
     if job.kind != PLAIN:
         command += ["--ssl-reqd", "--cacert", job.authorities]
-    if job.kind in SUITES:
-        command += ["--tls-max", "1.2", "--ciphers", job.kind]
+    if job.kind == TLS12:
+        command += ["--tls-max", "1.2", "--ciphers", DEFAULT_SUITES]
     for file in job.files:
         command += ["ftp://127.0.0.1:%d/%s" % (job.port, file), "-o", job.output / file]
     return command
@@ -44,9 +46,9 @@ def curl(job):
 def lftp(job):
     tls = "set ftp:ssl-allow no"
     if job.kind != PLAIN:
-        version = "-VERS-TLS1.3" if job.kind in SUITES else "-VERS-ALL:+VERS-TLS1.3"
+        version = "TLS1.2" if job.kind == TLS12 else "TLS1.3"
         tls = ("set ftp:ssl-force yes; set ftp:ssl-protect-data yes; set ssl:ca-file %s; "
-               "set ssl:priority NORMAL:+RSA:+AES-256-CBC:+AES-128-CBC:+SHA256:+SHA1:%s"
+               "set ssl:priority NORMAL:+RSA:+AES-256-CBC:+AES-128-CBC:+SHA256:+SHA1:-VERS-ALL:+VERS-%s"
                % (job.authorities, version))
     gets = "; ".join("get %s -o %s" % (file, job.output / file) for file in job.files)
     return ["lftp", "--norc", "-c", "%s; set xfer:clobber yes; open -u ftp,%s ftp://127.0.0.1:%d; %s"
@@ -65,8 +67,10 @@ def aria2(job):
 
 
 def bare(job):
-    """No peer: the least that the directory file alone can take."""
-    return [BARE, job.port, "ftp", job.files[-1], job.output / job.files[-1]]
+    """No peer: the least that the directory file alone can take, its flush included."""
+    command = [BARE if job.kind == PLAIN else BARE_TLS, job.port, "ftp", job.files[-1],
+               job.output / job.files[-1]]
+    return command + ([] if job.kind == PLAIN else [job.authorities])
 
 
 def flushed(peer):
@@ -76,7 +80,7 @@ def flushed(peer):
                         "sh", *peer(job)]
 
 
-OUR_NAME, BARE_NAME = "corpdir", "bare loop"
+OUR_NAME, BARE_NAME = "corpdir", "bare client"
 PLAIN_PEERS = {"curl": curl, "lftp": lftp, "wget": wget, "aria2": aria2}
 TLS_PEERS = {"curl": curl, "lftp": lftp}
 SYNC = " + sync"
@@ -85,6 +89,6 @@ SYNC = " + sync"
 def contestants(kind, with_flush=True):
     """By name, ours first. wget and aria2 of Debian 12 know no FTPS. The best of them flush, too."""
     peers = PLAIN_PEERS if kind == PLAIN else TLS_PEERS
-    flushing = ("curl", "lftp", "wget") if kind == PLAIN else ("lftp",)
+    flushing = ("lftp", "wget") if kind == PLAIN else ("lftp",)
     return {OUR_NAME: ours, **peers,
             **({name + SYNC: flushed(peers[name]) for name in flushing} if with_flush else {})}

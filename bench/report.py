@@ -4,7 +4,7 @@ import subprocess
 
 from peers import BARE_NAME, OUR_NAME, SYNC
 
-COLUMNS = {"wall": "s", "cpu": "s", "memory": "MB"}
+COLUMNS = {"wall": "wall, s", "cpu": "CPU, s", "memory": "peak memory, MB"}
 
 
 def number(value):
@@ -12,44 +12,53 @@ def number(value):
     return "%.4f" % value if value < 0.1 else "%.3f" % value if value < 10 else "%.1f" % value
 
 
-def spread(values):
-    return (max(values) - min(values)) / 2 / statistics.median(values) * 100
+def quartiles(values):
+    """(first, third)."""
+    first, _, third = statistics.quantiles(values, n=4, method="inclusive")
+    return first, third
 
 
-def best(figures, measure, flushed=False):
-    """(name, median) of the best peer; of those that flush, or of those that do not."""
-    medians = {name: figure.median(measure) for name, figure in figures.items()
-               if name not in (OUR_NAME, BARE_NAME) and name.endswith(SYNC) == flushed
-               and figure.median(measure) is not None}
+def with_quartiles(values):
+    cell = number(statistics.median(values))
+    return cell + (" (%s–%s)" % tuple(map(number, quartiles(values))) if len(values) > 1 else "")
+
+
+def best(figures, measure, peers):
+    """(name, median) of the best of the peers."""
+    medians = {name: figures[name].median(measure) for name in peers}
+    medians = {name: median for name, median in medians.items() if median is not None}
     name = min(medians, key=medians.get, default=None)
     return name, medians.get(name)
 
 
-def ratio(figures, measure, flushed=False):
-    return figures[OUR_NAME].median(measure) / best(figures, measure, flushed)[1]
+def all_peers(figures, flushed=False):
+    """Those that flush, or those that do not."""
+    return [name for name in figures
+            if name not in (OUR_NAME, BARE_NAME) and name.endswith(SYNC) == flushed]
 
 
-def table(title, figures, command_lines=()):
+def ratio(figures, measure, *peers):
+    """Ours to the best of these peers, or of all that do not flush."""
+    return figures[OUR_NAME].median(measure) / best(figures, measure, peers or all_peers(figures))[1]
+
+
+def table(title, figures):
     """The last lines are ours as a ratio to the best of the others."""
-    lines = ["### " + title, "", "| | wall | CPU | peak memory |", "|---|---|---|---|"]
+    lines = ["### " + title, "", "| | " + " | ".join(COLUMNS.values()) + " |", "|---|---|---|---|"]
     for name, figure in figures.items():
-        cells = []
-        for measure, unit in COLUMNS.items():
-            values = getattr(figure, measure)
-            cell = "%s %s" % (number(statistics.median(values)), unit) if values else ""
-            cells.append(cell + (" ± %.0f %%" % spread(values) if len(values) > 1 else ""))
+        cells = [with_quartiles(getattr(figure, measure)) if getattr(figure, measure) else ""
+                 for measure in COLUMNS]
         lines.append("| %s | %s |" % (name, " | ".join(cells)))
-    for flushed, label in ((False, "ratio to the best"), (True, "ratio to the best with sync")):
+    for label, peers in (("ratio to the best", all_peers(figures)),
+                         ("ratio to the best with sync", all_peers(figures, True)),
+                         ("ratio to the least possible", [BARE_NAME] if BARE_NAME in figures else [])):
         cells = []
         for measure in COLUMNS:
-            name, median = best(figures, measure, flushed)
+            name, median = best(figures, measure, peers)
             cells.append("**%.2f** (%s)" % (figures[OUR_NAME].median(measure) / median, name)
                          if name else "")
         if any(cells):
             lines.append("| %s | %s |" % (label, " | ".join(cells)))
-    if command_lines:
-        lines += ["", "<details><summary>Commands</summary>", "", "```", *command_lines, "```", "",
-                  "</details>"]
     return "\n".join(lines) + "\n"
 
 
@@ -61,21 +70,26 @@ def rows(title, heads, body, note=""):
 
 
 class Goals:
-    """What was wanted and what came of it."""
+    """Each goal with what it came to in this run."""
 
     def __init__(self):
         self.body = []
 
-    def add(self, work, limit, value, unit=""):
+    def add(self, work, limit, value, unit="", goal="at most %s"):
         """`limit` is the largest value that meets the goal."""
         verdict = "met" if value <= limit else "**missed**"
-        self.body.append((work, "≤ %s%s" % (limit, unit), "%.2f%s" % (value, unit), verdict))
+        self.body.append((work, (goal % limit) + unit, "%.2f%s" % (value, unit), verdict))
+
+    def fewer(self, work, than, peer, value):
+        """A count that has to be so much smaller than the peer's."""
+        verdict = "met" if peer - value >= than else "**missed**"
+        self.body.append((work, "%d fewer than curl (%d)" % (than, peer), value, verdict))
 
     def state(self, work, value):
         self.body.append((work, "", value, ""))
 
     def table(self):
-        return rows("Goals", ["work, ratio of ours to the best peer", "goal", "measured", ""], self.body)
+        return rows("Goals", ["work", "goal", "now", ""], self.body)
 
 
 def plot(path, title, x, y, series, logarithmic="xy"):

@@ -55,7 +55,7 @@ void SetField(char (&field)[SIZE], const std::string& text)
 
 }  // namespace
 
-// --- What stands before the real functions: the linker leads the calls here.
+// --- In place of the real functions: the linker leads the calls here.
 
 extern "C"
 {

@@ -33,7 +33,7 @@ Transfer LatestTransfer();
 // Waits until there is a transfer after this one.
 Transfer TransferAfter(unsigned int number);
 
-// Tells the service, as the FTP layer's notification thread would, what became of a transfer of the
+// Notifies the service, as the FTP layer's thread would, of the end of a transfer of the
 // version file.
 void FailVersionFile(unsigned int task);
 void CompleteVersionFile(unsigned int task);

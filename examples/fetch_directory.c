@@ -15,7 +15,7 @@ static void on_event(void* user, const corpdir_event* event)
     if (event->kind == CORPDIR_EVENT_DELIVERED && write(*news, "", 1) != 1)
         perror("fetch_directory_c");
     else if (event->kind == CORPDIR_EVENT_FAILED || event->kind == CORPDIR_EVENT_REFUSED)
-        fprintf(stderr, "%s: %s\n", event->file, event->reason);
+        fprintf(stderr, "%s: %s: %s\n", event->server, event->file, event->reason);
 }
 
 int main(int argc, char** argv)

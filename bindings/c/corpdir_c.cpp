@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "event_thread.h"
 #include "ftpcorpdir.h"
 #include "request.h"
+#include "server_list.h"
 #include "travex_ftp.h"
 
 namespace corpdir_c
@@ -31,6 +33,12 @@ struct Refusal
 {
     corpdir_code code = CORPDIR_ERR_NOT_STARTED;
     char reason[512] = "";
+
+    void Say(std::string_view words)
+    {
+        const std::size_t length = words.copy(reason, sizeof reason - 1);
+        reason[length] = '\0';
+    }
 };
 
 thread_local Refusal* t_refusal = nullptr;
@@ -60,9 +68,7 @@ void OnObservation(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
         return;
     }
     t_refusal->code = CodeOf(seen->ulRet);
-    const std::size_t length = strnlen(seen->pcReason, sizeof t_refusal->reason - 1);
-    memcpy(t_refusal->reason, seen->pcReason, length);
-    t_refusal->reason[length] = '\0';
+    t_refusal->Say(seen->pcReason);
 }
 
 // The one client of the process and the service under it. Thread-safe.
@@ -96,6 +102,7 @@ private:
     void ForgetEnded();
     void WaitForEnd(Lock& lock, corpdir_client* client);
     bool MakeWay(Lock& lock, corpdir_client* client);
+    corpdir_code RegisterServers(Request& request, ServerList& list, Refusal& refusal);
     corpdir_code StartStopped(Request& request, Refusal& refusal);
     corpdir_code ApplyCiphers();
     corpdir_code Failed(corpdir_code code, const char* reason);
@@ -320,12 +327,42 @@ corpdir_code Binding::ApplyCiphers()
     return result == 0 ? CORPDIR_OK : CORPDIR_ERR_MEMORY;
 }
 
+// A name without an address is a server that failed: the others are asked.
+corpdir_code Binding::RegisterServers(Request& request, ServerList& list, Refusal& refusal)
+{
+    tag_CORPDIR_DOWNLOADINFO& info = request.Info();
+    list = FindServers(info.pszFtpIPs, info.pszLocalIP);
+    for (const corpdir_shared::LeftOut& entry : list.leftOut)
+    {
+        tagTRAVEX_FTP_S_OBSERVATION failure = {};
+        failure.ulKind = TRAVEX_FTP_OBSERVED_FAILED;
+        failure.pcServer = entry.text.c_str();
+        failure.pcServerFile = info.szVersionServerFile;
+        failure.ullTotal = TRAVEX_FTP_SIZE_UNKNOWN;
+        failure.ulRet = TRAVEX_FTP_ERR_CONNECT;
+        failure.pcReason = entry.problem.c_str();
+        m_events->Push(failure);
+    }
+    if (list.servers.empty())
+    {
+        refusal.Say(list.leftOut.front().text + ": " + list.leftOut.front().problem);
+        return CORPDIR_ERR_NOT_STARTED;
+    }
+    info.pszFtpIPs = list.forService.c_str();
+    return CodeOf(corpdir_shared::RegisterNames(list.servers, {}));
+}
+
 corpdir_code Binding::StartStopped(Request& request, Refusal& refusal)
 {
+    ServerList servers;
     corpdir_code code = m_running ? CORPDIR_OK : OpenService();
     if (code == CORPDIR_OK)
     {
         code = ApplyCiphers();
+    }
+    if (code == CORPDIR_OK)
+    {
+        code = RegisterServers(request, servers, refusal);
     }
     if (code != CORPDIR_OK)
     {
@@ -464,7 +501,7 @@ constexpr CodeText CODE_TEXTS[] = {
     {CORPDIR_ERR_CERTIFICATE, "the server's certificate was not accepted"},
     {CORPDIR_ERR_LOGIN, "the server did not accept user or password"},
     {CORPDIR_ERR_FILE, "the server does not give the file"},
-    {CORPDIR_ERR_REPLY, "the server said something it must not, or too much"},
+    {CORPDIR_ERR_REPLY, "an unexpected reply, or one that is too long"},
     {CORPDIR_ERR_TIMEOUT, "a limit on time ran out"},
     {CORPDIR_ERR_PARTIAL, "the file ended early, or its size is not the one announced"},
     {CORPDIR_ERR_TOO_LARGE, "the file is larger than the limit"},

@@ -51,8 +51,8 @@ typedef enum corpdir_code
     CORPDIR_ERR_MEMORY = 4,      /* memory or threads ran out */
     CORPDIR_ERR_LOG = 5,         /* the log's directory cannot be used */
     CORPDIR_ERR_SERVICE = 6,     /* the service could not be started; the log says why */
-    CORPDIR_ERR_NOT_STARTED = 7, /* the first check could not be started: a server's name that
-                                  * has no address, for instance; the log says why */
+    CORPDIR_ERR_NOT_STARTED = 7, /* the first check could not be started: no server's name has
+                                  * an address, for instance; the log says why */
 
     /* Of transfers that failed. */
     CORPDIR_ERR_CONNECT = 16,     /* no connection: refused, unreachable, no answer */
@@ -60,7 +60,7 @@ typedef enum corpdir_code
     CORPDIR_ERR_CERTIFICATE = 18, /* the server's certificate was not accepted */
     CORPDIR_ERR_LOGIN = 19,       /* user or password not accepted */
     CORPDIR_ERR_FILE = 20,        /* the server does not give the file */
-    CORPDIR_ERR_REPLY = 21,       /* the server said something it must not, or too much */
+    CORPDIR_ERR_REPLY = 21,       /* an unexpected reply, or one that is too long */
     CORPDIR_ERR_TIMEOUT = 22,     /* a limit on time ran out */
     CORPDIR_ERR_PARTIAL = 23,     /* the file ended early, or its size is not the one announced */
     CORPDIR_ERR_TOO_LARGE = 24,   /* the file is larger than the limit */
@@ -138,9 +138,9 @@ typedef struct corpdir_event
     size_t size;        /* of this record in the library */
     uint32_t kind;      /* corpdir_event_kind; later versions may add some */
     uint32_t code;      /* corpdir_code of a failure or refusal, else CORPDIR_OK */
-    const char* server; /* "192.0.2.1:21" or "[2001:db8::1]:21" */
+    const char* server; /* "192.0.2.1:21" or "[2001:db8::1]:21"; a name that has no address */
     const char* file;   /* on the server, as the request named it */
-    const char* reason; /* of a failure or refusal, in words: a sentence */
+    const char* reason; /* of a failure or refusal, in words, without the server */
     uint64_t bytes;     /* received so far */
     uint64_t total;     /* size the server announced; CORPDIR_SIZE_UNKNOWN until it did */
 } corpdir_event;
@@ -155,7 +155,8 @@ typedef struct corpdir_request
 {
     size_t size;                /* sizeof(corpdir_request) */
     const char* servers;        /* separated by ";" without blanks: IPv4 or IPv6 addresses or host
-                                 * names, each at most 255 bytes. Required */
+                                 * names, each at most 255 bytes. The certificate of a server must
+                                 * be for the name or address by which it is listed. Required */
     const char* user;           /* FTP login, 1 to 127 bytes. Required */
     const char* password;       /* 1 to 127 bytes. Required */
     const char* version_file;   /* on the server, 1 to 255 bytes, not ending in "/". Required */
@@ -171,8 +172,9 @@ typedef struct corpdir_request
     const char* trust;          /* whom to accept, at most 255 bytes; NULL: "system", the system's
                                  * certificate store. Else the path of a PEM file or directory of
                                  * certification authorities, or "key=value" pairs separated by ";":
-                                 * ca= (a path or "system"), name= (DNS names separated by ",", one of
-                                 * which the certificate must carry), tls=implicit */
+                                 * ca= (a path or "system"), name= (DNS names separated by ",": each
+                                 * certificate must be for one of them, whatever is listed),
+                                 * tls=implicit */
     uint32_t port;              /* 0: 21; at most 65535 */
     uint32_t mode;              /* corpdir_mode */
     uint32_t without_verification; /* 0: the server's certificate is checked; 1: it is not, and
@@ -215,10 +217,13 @@ CORPDIR_API void corpdir_close(corpdir_client* client);
  * under way, nothing of it is delivered, and no earlier request goes on, unless the code is one
  * of a member, CORPDIR_ERR_ARGUMENT or CORPDIR_ERR_CLIENT. corpdir_start_reason has it in words.
  *
- * Any thread. Blocks for the resolution of the first server's name, if it is one; with an
- * earlier request for what corpdir_close waits for. CORPDIR_ERR_ARGUMENT, _CLIENT, _MEMORY,
- * _LOG, _SERVICE, _NOT_STARTED, _REFUSED, _CIPHER, _AUTHORITIES, _SYSTEM, and from _SERVERS to
- * _VERIFICATION. */
+ * Names of servers are looked up within the call, side by side, 10 s at most. One that has no
+ * address is left out, with an event CORPDIR_EVENT_FAILED. The others are looked up again at each
+ * later check.
+ *
+ * Any thread. Blocks for the names; with an earlier request for what corpdir_close waits for.
+ * CORPDIR_ERR_ARGUMENT, _CLIENT, _MEMORY, _LOG, _SERVICE, _NOT_STARTED, _REFUSED, _CIPHER,
+ * _AUTHORITIES, _SYSTEM, and from _SERVERS to _VERIFICATION. */
 CORPDIR_API corpdir_code corpdir_start(corpdir_client* client, const corpdir_request* request);
 
 /* Copies a sentence about the client's last corpdir_start into buffer, cut to fit and terminated;

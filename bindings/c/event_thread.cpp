@@ -1,7 +1,6 @@
 #include "event_thread.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <string.h>
 
 #include <atomic>
@@ -9,6 +8,8 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <new>
+
+#include "signals_blocked.h"
 
 namespace corpdir_c
 {
@@ -65,31 +66,6 @@ public:
     }
     CallbackCount(const CallbackCount&) = delete;
     CallbackCount& operator=(const CallbackCount&) = delete;
-};
-
-// A thread made meanwhile leaves the program's signals to the program's threads.
-class SignalsBlocked
-{
-public:
-    SignalsBlocked()
-    {
-        sigset_t blocked;
-        (void)sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
-        {
-            (void)sigdelset(&blocked, fault);
-        }
-        (void)pthread_sigmask(SIG_BLOCK, &blocked, &m_before);
-    }
-    ~SignalsBlocked()
-    {
-        (void)pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
-    }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t m_before;
 };
 
 corpdir_event_kind KindOf(unsigned int observed)
@@ -165,7 +141,7 @@ void EventThread::Start()
         throw std::bad_alloc();
     }
     m_transferred = std::make_unique<Item>();
-    const SignalsBlocked blocked;
+    const corpdir_shared::SignalsBlocked blocked;
     m_thread = std::thread([this] { Run(); });
     (void)pthread_setname_np(m_thread.native_handle(), "corpdir-events");
 }

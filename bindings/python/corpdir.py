@@ -277,6 +277,10 @@ class _Listener:
         self.events.put(None)
 
 
+def _told(event):
+    return "%s: %s" % (event.server, event.reason) if event.server else event.reason
+
+
 class _Outcome:
     """Follows one pass through the servers, and knows when it has failed."""
 
@@ -296,12 +300,12 @@ class _Outcome:
         self.last = event
         self.left -= 1
         if event.kind == EventKind.REFUSED or event.file != self.version_file or self.left == 0:
-            raise CorpdirError(event.code, event.reason)
+            raise CorpdirError(event.code, _told(event))
 
     def when_late(self, timeout):
         reason = "no outcome within %g s" % timeout
         if self.last is not None:
-            reason += "; the last failure: " + self.last.reason
+            reason += "; the last failure: " + _told(self.last)
         elif self.version_came:
             reason += "; the version file has come: does its first line have 5 bytes at least?"
         return reason
@@ -376,7 +380,8 @@ class Client:
         version file, by default the same. directory_name, version_name: local names, by default the
         server's. local_address: to connect from. trust: "system" (default), the path of a PEM file
         or directory of authorities, or "ca=...;name=...". plain: FTP without encryption. verify:
-        check the server's certificate.
+        check the server's certificate, which must be for the name or address by which the server
+        is listed, or for one of the names of trust.
 
         on_event: called with each Event on a thread of the library's own, one call at a time; every
         method may be called within. An exception that it raises goes to threading.excepthook, and

@@ -1,12 +1,13 @@
 // FTP/FTPS client layer (RFC 959, RFC 2428, RFC 4217): asynchronous downloads with notifications.
 //
-// One transfer thread drives all transfers; one notification thread calls back, so that a slow
-// callback stalls no transfer. Every function may be called on any thread, within a callback too,
-// and none waits for the network. Nothing throws. Result codes: tagTRAVEX_FTP_RESULT.
+// Each handle has a thread of its own, on which its downloads run one after the other, in the order
+// in which they were accepted, over one control connection. Handles are independent of each other.
+// One notification thread calls back for all of them, so that a slow callback stalls no transfer.
+// Every function may be called on any thread, within a callback too, and none waits for the
+// network. Nothing throws. Result codes: tagTRAVEX_FTP_RESULT.
 //
 // A download goes to a temporary file in the target directory, which replaces the target by rename
-// once it is complete, checked and flushed. A failed one leaves the target as it was. Of two that
-// run side by side to one target, the file of the one that began later stays.
+// once it is complete, checked and flushed. A failed one leaves the target as it was.
 #ifndef TRAVEX_FTP_H
 #define TRAVEX_FTP_H
 
@@ -25,17 +26,48 @@ enum tagTRAVEX_FTP_RESULT
     TRAVEX_FTP_ERR_TRUST = 6,     // a trust text that cannot be used
     TRAVEX_FTP_ERR_SYSTEM = 7,    // memory or another resource of the system ran out
 
-    TRAVEX_FTP_ERR_CONNECT = 16,     // no connection: zero address, refused, unreachable, no answer
-    TRAVEX_FTP_ERR_TLS = 17,         // TLS refused or its handshake failed
-    TRAVEX_FTP_ERR_CERT = 18,        // the certificate was not accepted
-    TRAVEX_FTP_ERR_LOGIN = 19,       // user or password not accepted
-    TRAVEX_FTP_ERR_FILE = 20,        // the server does not give the file
-    TRAVEX_FTP_ERR_REPLY = 21,       // the server said something it must not, or too much
-    TRAVEX_FTP_ERR_TIMEOUT = 22,     // a limit on time ran out
-    TRAVEX_FTP_ERR_PARTIAL = 23,     // the file ended early, or its size is not the one announced
-    TRAVEX_FTP_ERR_TOO_LARGE = 24,   // the file is larger than the limit
+    TRAVEX_FTP_ERR_CONNECT = 16,    // no connection: zero address, refused, unreachable, no service
+    TRAVEX_FTP_ERR_TLS = 17,        // TLS refused or its handshake failed
+    TRAVEX_FTP_ERR_CERT = 18,       // the certificate was not accepted
+    TRAVEX_FTP_ERR_LOGIN = 19,      // user or password not accepted
+    TRAVEX_FTP_ERR_FILE = 20,       // the server does not give the file
+    TRAVEX_FTP_ERR_REPLY = 21,      // a reply that has no place there, or a reply too long
+    TRAVEX_FTP_ERR_TIMEOUT = 22,    // a limit on time ran out
+    TRAVEX_FTP_ERR_PARTIAL = 23,    // the file ended early, or its size is not the one announced
+    TRAVEX_FTP_ERR_TOO_LARGE = 24,  // the file is larger than the limit
     TRAVEX_FTP_ERR_LOCAL_FILE = 25,  // the local file cannot be written
     TRAVEX_FTP_ERR_TRANSFER = 26     // any other failure of the transfer
+};
+
+// Steps of a transfer, in the order in which they are taken; with a failure: the one that failed.
+enum tagTRAVEX_FTP_STEP
+{
+    TRAVEX_FTP_STEP_NONE = 0,           // none was begun, or the system ran out of a resource
+    TRAVEX_FTP_STEP_LOCAL_FILE = 1,     // the local file: opened, written, renamed
+    TRAVEX_FTP_STEP_CONNECT = 2,        // the control connection
+    TRAVEX_FTP_STEP_GREETING = 3,       // the server's first reply
+    TRAVEX_FTP_STEP_AUTH = 4,           // AUTH TLS
+    TRAVEX_FTP_STEP_TLS = 5,            // the control channel's handshake and certificate
+    TRAVEX_FTP_STEP_LOGIN = 6,          // USER and PASS
+    TRAVEX_FTP_STEP_PROTECT = 7,        // PBSZ and PROT
+    TRAVEX_FTP_STEP_TYPE = 8,           // TYPE I
+    TRAVEX_FTP_STEP_PASSIVE = 9,        // EPSV or PASV
+    TRAVEX_FTP_STEP_DATA_CONNECT = 10,  // the data connection
+    TRAVEX_FTP_STEP_SIZE = 11,          // SIZE
+    TRAVEX_FTP_STEP_RETRIEVE = 12,      // RETR, until the server begins to send
+    TRAVEX_FTP_STEP_DATA_TLS = 13,      // the data channel's handshake and certificate
+    TRAVEX_FTP_STEP_RECEIVE = 14,       // the file's bytes
+    TRAVEX_FTP_STEP_CONFIRM = 15        // the server's last word on the file, usually 226
+};
+
+// What a program may have to know of a failure beyond code, step and reply.
+enum tagTRAVEX_FTP_DETAIL
+{
+    TRAVEX_FTP_DETAIL_NONE = 0,         // nothing
+    TRAVEX_FTP_DETAIL_CERT_NAME = 1,    // the certificate is for another name or address
+    TRAVEX_FTP_DETAIL_CERT_DATES = 2,   // the certificate has expired, or is not yet valid
+    TRAVEX_FTP_DETAIL_TLS_VERSION = 3,  // the server wants another version of TLS
+    TRAVEX_FTP_DETAIL_TLS_SUITES = 4    // no cipher suite, or another parameter, in common
 };
 
 // Kinds of notification.
@@ -51,7 +83,8 @@ typedef struct tagTRAVEX_FTP_HANDLE* TRAVEX_FTP_HANDLE;
 
 // Asked once per TLS connection of a control channel, after the layer's own checks, on the transfer
 // thread: the server's address as text and the certificate's subject (const char* both, valid for
-// the call). Non-zero vetoes the connection; 0 never overrules a failed check.
+// the call). Non-zero vetoes the connection; 0 never overrules a failed check. It may call nothing
+// of the layer but TRAVEX_FTP_CloseHandle.
 typedef int (*TRAVEX_FTP_VERIFY_CB)(void* pServer, void* pSubject);
 
 // Control parameters. Zero the whole record first.
@@ -76,21 +109,27 @@ struct tagTRAVEX_FTP_S_CTRL_PARAM
     const char* pcFtpCtrlInfo;        // trust text: a path of a PEM file or directory of
                                       // certification authorities; "system"; or key=value pairs
                                       // separated by ";": ca= (default: system), name= (DNS
-                                      // names separated by ","), tls=implicit. Read for FTPS,
-                                      // the authorities' files when ulCertVerify is 1
+                                      // names separated by ",", see ulCertVerify), tls=implicit.
+                                      // Read for FTPS, the authorities' files when ulCertVerify
+                                      // is 1
     unsigned int ulTlsOption1;        // carried, no effect
     unsigned short usTlsOption2;      // carried, no effect
     unsigned int ulTlsOption3;        // carried, no effect
     TRAVEX_FTP_VERIFY_CB pfnFtpsVerify;  // may be null
     const int* piCipherList;       // the suites offered, 0x03000000 + IANA number; the protocol
-                                   // versions follow from them
+                                   // versions follow from them. Read for FTPS
     unsigned int ulCipherNum;      // how many; 0: the TLS library's default suites
     unsigned int ulReserved5;      // not read
     unsigned int ulLocalIpType;    // 0 IPv4, 1 IPv6
     unsigned int ulReserved6;      // not read
     unsigned char aucLocalIp[16];  // address to connect from; all zero: the system's choice
-    unsigned int ulCertVerify;     // 1: chain, dates and identity (a name of the trust text or
-                                   // the address connected to) are checked; 0: they are not
+    unsigned int ulCertVerify;     // 1: chain, dates and identity are checked; 0: they are not.
+                                   // The certificate must be for one of, first that applies:
+                                   // the names of the trust text; what
+                                   // TRAVEX_FTP_SetServerName added for the address; the name
+                                   // or address text that this thread converted to the address
+                                   // (OSAK_GetAddrInfo, OSAK_Inet_Pton) since its last
+                                   // TRAVEX_FTP_SetCtrlParam; the address
     unsigned int ulReserved7;      // not read
 };
 
@@ -107,8 +146,11 @@ struct tagTRAVEX_FTP_S_DATA_PARAM
 // Why a transfer failed.
 struct tagTRAVEX_FTP_S_ERR_INFO
 {
-    unsigned int ulRet;  // tagTRAVEX_FTP_RESULT
-    char acReason[508];  // a sentence: server, step and reason; printable, NUL-terminated
+    unsigned int ulRet;     // tagTRAVEX_FTP_RESULT
+    unsigned int ulStep;    // tagTRAVEX_FTP_STEP
+    unsigned int ulReply;   // number of the server's reply that caused it; 0: none did
+    unsigned int ulDetail;  // tagTRAVEX_FTP_DETAIL
+    char acReason[496];     // a sentence, without the server; printable, NUL-terminated
 };
 
 // What a notification carries.
@@ -136,9 +178,9 @@ enum tagTRAVEX_FTP_OBSERVED
 
 // How a transfer went, as far as it came, and who answered. Times are microseconds from the begin
 // of its last try; 0: not reached, or behind the connection before the transfer began.
-struct tagTRAVEX_FTP_S_COURSE
+struct tagTRAVEX_FTP_S_TIMINGS
 {
-    uint64_t ullConnected;       // the server had greeted, or its end of a TLS connection was there
+    uint64_t ullConnected;       // the control connection was there
     uint64_t ullSecured;         // its TLS handshake was done
     uint64_t ullLoggedIn;        // user and password were accepted
     uint64_t ullOpened;          // the server began to send the file
@@ -161,8 +203,11 @@ struct tagTRAVEX_FTP_S_OBSERVATION
     uint64_t ullBytes;         // received so far
     uint64_t ullTotal;         // size the server announced; TRAVEX_FTP_SIZE_UNKNOWN until it did
     unsigned int ulRet;        // tagTRAVEX_FTP_RESULT of a failure or refusal
-    const char* pcReason;      // in words, else empty
-    const tagTRAVEX_FTP_S_COURSE* pstCourse;  // of a success or failure, else null
+    unsigned int ulStep;       // of a failure, as in tagTRAVEX_FTP_S_ERR_INFO, else 0
+    unsigned int ulReply;      // the same
+    unsigned int ulDetail;     // the same
+    const char* pcReason;      // the reason of a failure or refusal in words, else empty
+    const tagTRAVEX_FTP_S_TIMINGS* pstTimings;  // of a success or failure, else null
 };
 
 // What ullTotal is while the server has not announced a size.
@@ -171,6 +216,24 @@ struct tagTRAVEX_FTP_S_OBSERVATION
 // The record is valid for the call. Runs on the notification thread; when a task was accepted or
 // refused, on the thread whose call that was, before it returns.
 typedef void (*TRAVEX_FTP_OBSERVER_CB)(void* pUser, const tagTRAVEX_FTP_S_OBSERVATION* pstSeen);
+
+// Limits that a program sets for its process. 0: the operator's, if the environment has one
+// (docs/library.md), else the layer's default.
+struct tagTRAVEX_FTP_S_LIMITS
+{
+    uint64_t ullFileBytes;       // largest file, bytes; default 16 GiB
+    uint64_t ullReplyBytes;      // all replies to one transfer, bytes; default 65,536
+    uint64_t ullReplyLines;      // the same, lines; default 1,000
+    uint64_t ullStallBytes;      // least that must arrive in ulStallMs, bytes; default 1,024
+    unsigned int ulConnectMs;    // one TCP connection, control or data; default 10,000 ms
+    unsigned int ulHandshakeMs;  // one TLS handshake; default 10,000 ms
+    unsigned int ulResponseMs;   // from a command to its reply's next line; default 20,000 ms
+    unsigned int ulStallMs;      // window in which ullStallBytes must arrive; default 30,000 ms
+    unsigned int ulConfirmMs;    // from the last byte to the 226; default 60,000 ms
+    unsigned int ulTransferMs;   // one transfer, all in all; default 6 hours
+    unsigned int ulIdleMs;       // an unused control connection is kept for; default 15,000 ms
+    unsigned int ulObserveMs;    // between two progress observations; default 100 ms
+};
 
 // A cipher suite that control parameters may name on this system.
 struct tagTRAVEX_FTP_S_CIPHER
@@ -253,6 +316,19 @@ extern "C"
                                              const char* serverFile, const char* dir,
                                              const char* localFile, TRAVEX_FTP_NOTIFY_CB callback);
 
+    // Adds a name, or an address as text, for which the certificate of the server at this address
+    // may be (see ulCertVerify), from the next TRAVEX_FTP_SetCtrlParam on. ipType: 0 IPv4, 1 IPv6;
+    // an IPv4 address mapped into IPv6 counts as IPv4. name: at most 253 bytes; null forgets those
+    // of this address; address null forgets all, as TRAVEX_FTP_UnInit does. Refused with a code:
+    // without Init, an unknown type, an empty or over-long name, one with a control byte, an
+    // address text with a zone, and more than 65,536 names in all; what was there stays.
+    unsigned int TRAVEX_FTP_SetServerName(unsigned int ipType, const unsigned char* address,
+                                          const char* name);
+
+    // Sets the limits of the process, copied during the call, for transfers that begin after it;
+    // null: all as if never set. Works without Init. No time is longer than 20 days.
+    unsigned int TRAVEX_FTP_SetLimits(const tagTRAVEX_FTP_S_LIMITS* limits);
+
     // Sets the one observer of the process, null for none. After it returns the earlier one is not
     // called any more, unless the caller is that observer. Works without Init.
     void TRAVEX_FTP_SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user);
@@ -262,8 +338,8 @@ extern "C"
     // Init. 0, or TRAVEX_FTP_ERR_SYSTEM.
     unsigned int TRAVEX_FTP_ListCiphers(TRAVEX_FTP_CIPHER_CB callback, void* user);
 
-    // Names and versions of the libraries below, as "libcurl/7.88.1 OpenSSL/3.0.15 ...". Works
-    // without Init; the text stays valid for ever.
+    // Name and version of the library below, as "OpenSSL 3.0.15 3 Sep 2024". Works without Init;
+    // the text stays valid for ever.
     const char* TRAVEX_FTP_Libraries();
 
 }  // extern "C"

@@ -27,7 +27,7 @@ using Context = std::unique_ptr<SSL_CTX, Freed>;
 using Session = std::unique_ptr<SSL, Freed>;
 
 // An identifier is 0x0300 and the number under which IANA registers the suite.
-const SSL_CIPHER* findSuite(SSL* ssl, int identifier)
+const SSL_CIPHER* FindSuite(SSL* ssl, int identifier)
 {
     const unsigned int bits = static_cast<unsigned int>(identifier);
     if (bits >> 16 != 0x0300)
@@ -40,51 +40,51 @@ const SSL_CIPHER* findSuite(SSL* ssl, int identifier)
 }
 
 // The version in which the suite was introduced; those of TLS 1.3 serve no other.
-bool isTls13(const SSL_CIPHER* suite)
+bool IsTls13(const SSL_CIPHER* suite)
 {
     return strcmp(SSL_CIPHER_get_version(suite), "TLSv1.3") == 0;
 }
 
 // Without encryption there is nothing private, without authentication no certificate to check.
-bool isSafe(const SSL_CIPHER* suite)
+bool IsSafe(const SSL_CIPHER* suite)
 {
     return SSL_CIPHER_get_cipher_nid(suite) != NID_undef &&
            SSL_CIPHER_get_auth_nid(suite) != NID_auth_null;
 }
 
 // Appends the suite's name to the list of its protocol version.
-bool addSuite(SSL* ssl, int identifier, CipherSuites& suites, Failure& failure)
+bool AddSuite(SSL* ssl, int identifier, CipherSuites& suites, Failure& failure)
 {
     const unsigned int bits = static_cast<unsigned int>(identifier);
-    const SSL_CIPHER* suite = findSuite(ssl, identifier);
+    const SSL_CIPHER* suite = FindSuite(ssl, identifier);
     if (suite == nullptr)
     {
-        return fail(failure, TRAVEX_FTP_ERR_CIPHER, "cipher suite 0x%08X is unknown", bits);
+        return Fail(failure, TRAVEX_FTP_ERR_CIPHER, "cipher suite 0x%08X is unknown", bits);
     }
-    if (!isSafe(suite))
+    if (!IsSafe(suite))
     {
-        return fail(failure, TRAVEX_FTP_ERR_CIPHER,
+        return Fail(failure, TRAVEX_FTP_ERR_CIPHER,
                     "cipher suite 0x%08X (%s) does not encrypt or does not authenticate", bits,
                     SSL_CIPHER_get_name(suite));
     }
-    std::string& names = isTls13(suite) ? suites.tls13 : suites.tls12;
+    std::string& names = IsTls13(suite) ? suites.tls13 : suites.tls12;
     names.append(names.empty() ? "" : ":").append(SSL_CIPHER_get_name(suite));
     return true;
 }
 
 // What the context really offers with these suites: OpenSSL drops what its security level forbids.
-bool allOffered(SSL_CTX* context, const CipherSuites& suites, const int* identifiers,
+bool AllOffered(SSL_CTX* context, const CipherSuites& suites, const int* identifiers,
                 unsigned int count, Failure& failure)
 {
-    const Session ssl(suites.apply(context) ? SSL_new(context) : nullptr);
+    const Session ssl(suites.Apply(context) ? SSL_new(context) : nullptr);
     const std::unique_ptr<STACK_OF(SSL_CIPHER), Freed> offered(
         ssl ? SSL_get1_supported_ciphers(ssl.get()) : nullptr);
     for (unsigned int i = 0; i < count; ++i)
     {
-        const SSL_CIPHER* suite = ssl ? findSuite(ssl.get(), identifiers[i]) : nullptr;
+        const SSL_CIPHER* suite = ssl ? FindSuite(ssl.get(), identifiers[i]) : nullptr;
         if (!offered || suite == nullptr || sk_SSL_CIPHER_find(offered.get(), suite) < 0)
         {
-            return fail(failure, TRAVEX_FTP_ERR_CIPHER,
+            return Fail(failure, TRAVEX_FTP_ERR_CIPHER,
                         "cipher suite 0x%08X is not allowed by this system's security level",
                         static_cast<unsigned int>(identifiers[i]));
         }
@@ -94,7 +94,7 @@ bool allOffered(SSL_CTX* context, const CipherSuites& suites, const int* identif
 
 }  // namespace
 
-bool CipherSuites::apply(SSL_CTX* context) const
+bool CipherSuites::Apply(SSL_CTX* context) const
 {
     const bool only13 = chosen && tls12.empty();
     const bool only12 = chosen && tls13.empty();
@@ -113,7 +113,7 @@ bool CipherSuites::apply(SSL_CTX* context) const
 }
 
 // All that the library has, those of low security included, and of these what is offered.
-bool listSuites(TRAVEX_FTP_CIPHER_CB callback, void* user)
+bool ListSuites(TRAVEX_FTP_CIPHER_CB callback, void* user)
 {
     const Context context(SSL_CTX_new(TLS_client_method()));
     if (!context || SSL_CTX_set_cipher_list(context.get(), "ALL:COMPLEMENTOFALL") != 1 ||
@@ -127,7 +127,7 @@ bool listSuites(TRAVEX_FTP_CIPHER_CB callback, void* user)
     for (int i = 0; offered && i < sk_SSL_CIPHER_num(offered.get()); ++i)
     {
         const SSL_CIPHER* const suite = sk_SSL_CIPHER_value(offered.get(), i);
-        if (isSafe(suite))
+        if (IsSafe(suite))
         {
             const tagTRAVEX_FTP_S_CIPHER seen = {
                 static_cast<int>(SSL_CIPHER_get_id(suite)), SSL_CIPHER_standard_name(suite),
@@ -138,7 +138,7 @@ bool listSuites(TRAVEX_FTP_CIPHER_CB callback, void* user)
     return offered != nullptr;
 }
 
-bool chooseSuites(const int* identifiers, unsigned int count, CipherSuites& suites,
+bool ChooseSuites(const int* identifiers, unsigned int count, CipherSuites& suites,
                   Failure& failure)
 {
     if (count == 0)
@@ -149,17 +149,17 @@ bool chooseSuites(const int* identifiers, unsigned int count, CipherSuites& suit
     const Session ssl(context ? SSL_new(context.get()) : nullptr);
     if (!ssl)
     {
-        return failSystem(failure, "cipher suites");
+        return FailSystem(failure, "cipher suites");
     }
     for (unsigned int i = 0; i < count; ++i)
     {
-        if (!addSuite(ssl.get(), identifiers[i], suites, failure))
+        if (!AddSuite(ssl.get(), identifiers[i], suites, failure))
         {
             return false;
         }
     }
     suites.chosen = true;
-    return allOffered(context.get(), suites, identifiers, count, failure);
+    return AllOffered(context.get(), suites, identifiers, count, failure);
 }
 
 }  // namespace travex_ftp

@@ -24,17 +24,17 @@ struct CipherSuites
     }
 
     // Makes a context offer these suites and versions. Never anything older than TLS 1.2.
-    bool apply(SSL_CTX* context) const;
+    bool Apply(SSL_CTX* context) const;
 };
 
 // Looks the identifiers up. Refused by identifier: one that OpenSSL does not know, one without
 // encryption or without authentication, and one that the system's security level would drop in
 // silence. Throws std::bad_alloc.
-bool chooseSuites(const int* identifiers, unsigned int count, CipherSuites& suites,
+bool ChooseSuites(const int* identifiers, unsigned int count, CipherSuites& suites,
                   Failure& failure);
 
 // Calls back for each suite that chooseSuites would take. False when OpenSSL fails.
-bool listSuites(TRAVEX_FTP_CIPHER_CB callback, void* user);
+bool ListSuites(TRAVEX_FTP_CIPHER_CB callback, void* user);
 
 }  // namespace travex_ftp
 

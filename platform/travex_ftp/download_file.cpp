@@ -27,7 +27,7 @@ constexpr int kTries = 100;
 
 constexpr mode_t kPermissions = 0777;
 
-bool randomName(char (&name)[64])
+bool RandomName(char (&name)[64])
 {
     uint64_t number = 0;
     if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number))
@@ -39,8 +39,8 @@ bool randomName(char (&name)[64])
     return true;
 }
 
-// Never waits: one thread serves all transfers. On a network's file system a signal may end it.
-bool lock(int fd)
+// Never waits: a stop would have to wait too. On a network's file system a signal may end it.
+bool Lock(int fd)
 {
     int result = 0;
     do
@@ -52,7 +52,7 @@ bool lock(int fd)
 
 // Orphans have the permissions that their target had. Some network file systems lock exclusively
 // only what is open for writing.
-int openOrphan(int directory, const char* name)
+int OpenOrphan(int directory, const char* name)
 {
     constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     const int fd = openat(directory, name, O_RDWR | kFlags);
@@ -60,21 +60,21 @@ int openOrphan(int directory, const char* name)
 }
 
 // A file of this user; of any for root, who gives files away before they are in place.
-bool mayRemove(const struct stat& status)
+bool MayRemove(const struct stat& status)
 {
     return S_ISREG(status.st_mode) && (status.st_uid == geteuid() || geteuid() == 0);
 }
 
 // Removes a temporary file that nobody holds.
-void removeIfOrphan(int directory, const char* name)
+void RemoveIfOrphan(int directory, const char* name)
 {
-    const int fd = openOrphan(directory, name);
+    const int fd = OpenOrphan(directory, name);
     if (fd < 0)
     {
         return;
     }
     struct stat status = {};
-    if (fstat(fd, &status) == 0 && mayRemove(status) && lock(fd))
+    if (fstat(fd, &status) == 0 && MayRemove(status) && Lock(fd))
     {
         // Its owner may have renamed it since: then the name is gone, and this fails harmlessly.
         (void)unlinkat(directory, name, 0);
@@ -85,7 +85,7 @@ void removeIfOrphan(int directory, const char* name)
 }  // namespace
 
 // Names are told by their whole form: no file that a user named is ever taken for an orphan.
-bool isTemporaryName(const char* name)
+bool IsTemporaryName(const char* name)
 {
     if (strlen(name) != sizeof kPrefix - 1 + kDigits + sizeof kSuffix - 1 ||
         strncmp(name, kPrefix, sizeof kPrefix - 1) != 0)
@@ -98,81 +98,81 @@ bool isTemporaryName(const char* name)
 
 DownloadFile::~DownloadFile()
 {
-    discard();
+    Discard();
 }
 
-bool DownloadFile::open(const std::string& directory, const std::string& name, Failure& failure)
+bool DownloadFile::Open(const std::string& directory, const std::string& name, Failure& failure)
 {
-    directory_ = directory;
-    name_ = name;
-    directoryFd_ = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directoryFd_ < 0)
+    m_directory = directory;
+    m_name = name;
+    m_directoryFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (m_directoryFd < 0)
     {
-        return localFailure(failure, "cannot open the directory of");
+        return LocalFailure(failure, "cannot open the directory of");
     }
     struct stat target = {};
-    const bool exists = fstatat(directoryFd_, name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool exists = fstatat(m_directoryFd, name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && S_ISDIR(target.st_mode))
     {
         errno = EISDIR;
-        return localFailure(failure, "cannot replace");
+        return LocalFailure(failure, "cannot replace");
     }
     if (exists && !S_ISREG(target.st_mode) && !S_ISLNK(target.st_mode))
     {
-        return localFailure(failure, "cannot replace", "it is not a regular file");
+        return LocalFailure(failure, "cannot replace", "it is not a regular file");
     }
-    replaced_ = {};
+    m_replaced = {};
     if (exists && S_ISREG(target.st_mode))
     {
-        replaced_ = target;
+        m_replaced = target;
     }
-    removeOrphans();
-    return createTemporary(failure);
+    RemoveOrphans();
+    return CreateTemporary(failure);
 }
 
-bool DownloadFile::createTemporary(Failure& failure)
+bool DownloadFile::CreateTemporary(Failure& failure)
 {
     for (int tries = 0; tries != kTries; ++tries)
     {
-        if (!makeTemporary(failure))
+        if (!MakeTemporary(failure))
         {
             return false;
         }
-        const Claim claim = lockTemporary();
+        const Claim claim = LockTemporary();
         if (claim != Claim::Lost)
         {
-            return claim == Claim::Ours || localFailure(failure, "cannot lock");
+            return claim == Claim::Ours || LocalFailure(failure, "cannot lock");
         }
-        removeTemporary();
+        RemoveTemporary();
     }
-    return localFailure(failure, "cannot lock", "others lock every temporary file");
+    return LocalFailure(failure, "cannot lock", "others lock every temporary file");
 }
 
-bool DownloadFile::makeTemporary(Failure& failure)
+bool DownloadFile::MakeTemporary(Failure& failure)
 {
     // A replacement gets the permissions of the replaced file at the end; until then nobody else
     // may read it, as nobody else may read a private target.
-    const mode_t mode = replaced_.st_mode != 0 ? 0600 : 0666;
+    const mode_t mode = m_replaced.st_mode != 0 ? 0600 : 0666;
     do
     {
-        if (!randomName(temporary_))
+        if (!RandomName(m_temporary))
         {
-            temporary_[0] = '\0';
-            return localFailure(failure, "cannot create");
+            m_temporary[0] = '\0';
+            return LocalFailure(failure, "cannot create");
         }
-        fd_ = openat(directoryFd_, temporary_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    } while (fd_ < 0 && errno == EEXIST);
-    if (fd_ < 0)
+        m_fd = openat(m_directoryFd, m_temporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    } while (m_fd < 0 && errno == EEXIST);
+    if (m_fd < 0)
     {
-        temporary_[0] = '\0';
-        return localFailure(failure, "cannot create");
+        m_temporary[0] = '\0';
+        return LocalFailure(failure, "cannot create");
     }
     return true;
 }
 
-DownloadFile::Claim DownloadFile::lockTemporary()
+DownloadFile::Claim DownloadFile::LockTemporary()
 {
-    if (!lock(fd_))
+    if (!Lock(m_fd))
     {
         switch (errno)
         {
@@ -189,7 +189,7 @@ DownloadFile::Claim DownloadFile::lockTemporary()
         }
     }
     struct stat status = {};
-    if (fstat(fd_, &status) != 0)
+    if (fstat(m_fd, &status) != 0)
     {
         return Claim::Failed;
     }
@@ -197,10 +197,10 @@ DownloadFile::Claim DownloadFile::lockTemporary()
     return status.st_nlink != 0 ? Claim::Ours : Claim::Lost;
 }
 
-void DownloadFile::removeOrphans()
+void DownloadFile::RemoveOrphans()
 {
     // A stream of its own: closing it closes the descriptor.
-    const int fd = openat(directoryFd_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = openat(m_directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     DIR* const entries = fd < 0 ? nullptr : fdopendir(fd);
     if (entries == nullptr)
     {
@@ -213,137 +213,133 @@ void DownloadFile::removeOrphans()
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this thread's own.
     while (const dirent* entry = readdir(entries))
     {
-        if (isTemporaryName(entry->d_name))
+        if (IsTemporaryName(entry->d_name))
         {
-            removeIfOrphan(directoryFd_, entry->d_name);
+            RemoveIfOrphan(m_directoryFd, entry->d_name);
         }
     }
     (void)closedir(entries);
 }
 
-bool DownloadFile::write(const char* data, size_t length, Failure& failure)
+char* DownloadFile::Room(size_t& size, Failure& failure)
 {
-    if (piece_ == nullptr)
+    if (m_piece == nullptr)
     {
-        piece_.reset(new (std::nothrow) char[kFilePiece]);
-        if (piece_ == nullptr)
+        m_piece.reset(new (std::nothrow) char[kFilePiece]);
+        if (m_piece == nullptr)
         {
-            return failSystem(failure, "file buffer");
+            (void)FailSystem(failure, "file buffer");
+            return nullptr;
         }
     }
-    while (length != 0)
-    {
-        const size_t taken = std::min(length, kFilePiece - used_);
-        memcpy(piece_.get() + used_, data, taken);
-        used_ += taken;
-        data += taken;
-        length -= taken;
-        if (used_ == kFilePiece && !flushPiece(failure))
-        {
-            return false;
-        }
-    }
-    return true;
+    size = kFilePiece - m_used;
+    return m_piece.get() + m_used;
+}
+
+bool DownloadFile::Arrived(size_t length, Failure& failure)
+{
+    m_used += length;
+    return m_used != kFilePiece || FlushPiece(failure);
 }
 
 // A write may take less than it was given, as when the disk is nearly full.
-bool DownloadFile::flushPiece(Failure& failure)
+bool DownloadFile::FlushPiece(Failure& failure)
 {
-    for (size_t written = 0; written != used_;)
+    for (size_t written = 0; written != m_used;)
     {
-        const ssize_t count = ::write(fd_, piece_.get() + written, used_ - written);
+        const ssize_t count = ::write(m_fd, m_piece.get() + written, m_used - written);
         if (count < 0 && errno != EINTR)
         {
-            return localFailure(failure, "cannot write");
+            return LocalFailure(failure, "cannot write");
         }
         written += count < 0 ? 0 : static_cast<size_t>(count);
     }
-    unbegun_ += static_cast<off_t>(used_);
-    used_ = 0;
-    if (unbegun_ >= kWriteBehind)
+    m_unbegun += static_cast<off_t>(m_used);
+    m_used = 0;
+    if (m_unbegun >= kWriteBehind)
     {
         // A hint: whether it all gets to the disk is what the flush at the end finds out.
-        (void)sync_file_range(fd_, begun_, unbegun_, SYNC_FILE_RANGE_WRITE);
-        begun_ += unbegun_;
-        unbegun_ = 0;
+        (void)sync_file_range(m_fd, m_begun, m_unbegun, SYNC_FILE_RANGE_WRITE);
+        m_begun += m_unbegun;
+        m_unbegun = 0;
     }
     return true;
 }
 
 // Of the target as it is now; if it has gone since the start, as it was then.
-bool DownloadFile::takePermissions(Failure& failure)
+bool DownloadFile::TakePermissions(Failure& failure)
 {
     struct stat target = {};
-    if (fstatat(directoryFd_, name_.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0 &&
+    if (fstatat(m_directoryFd, m_name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0 &&
         S_ISREG(target.st_mode))
     {
-        replaced_ = target;
+        m_replaced = target;
     }
-    if (replaced_.st_mode == 0)
+    if (m_replaced.st_mode == 0)
     {
         return true;
     }
     // Whoever could read the old file can read the new one, if we may see to it. A user may give
     // away no file, but may change its group.
-    const bool given = fchown(fd_, replaced_.st_uid, replaced_.st_gid) == 0 ||
-                       fchown(fd_, static_cast<uid_t>(-1), replaced_.st_gid) == 0;
+    const bool given = fchown(m_fd, m_replaced.st_uid, m_replaced.st_gid) == 0 ||
+                       fchown(m_fd, static_cast<uid_t>(-1), m_replaced.st_gid) == 0;
     (void)given;  // else it is ours, as a new one would be
     // What a server sent runs with nobody's rights but its caller's.
-    return fchmod(fd_, replaced_.st_mode & kPermissions) == 0 ||
-           localFailure(failure, "cannot set the permissions of");
+    return fchmod(m_fd, m_replaced.st_mode & kPermissions) == 0 ||
+           LocalFailure(failure, "cannot set the permissions of");
 }
 
-bool DownloadFile::complete(Failure& failure)
+bool DownloadFile::Complete(Failure& failure)
 {
-    if (!flushPiece(failure) || !takePermissions(failure))
+    if (!FlushPiece(failure) || !TakePermissions(failure))
     {
         return false;
     }
-    if (fsync(fd_) != 0)
+    if (fsync(m_fd) != 0)
     {
-        return localFailure(failure, "cannot flush");
+        return LocalFailure(failure, "cannot flush");
     }
     return true;
 }
 
-bool DownloadFile::publish(Failure& failure)
+bool DownloadFile::Publish(Failure& failure)
 {
-    if (renameat(directoryFd_, temporary_, directoryFd_, name_.c_str()) != 0)
+    if (renameat(m_directoryFd, m_temporary, m_directoryFd, m_name.c_str()) != 0)
     {
-        return localFailure(failure, "cannot replace");
+        return LocalFailure(failure, "cannot replace");
     }
-    temporary_[0] = '\0';
+    m_temporary[0] = '\0';
     // The file is complete and in place whatever comes of this; some file systems cannot do it.
-    (void)fsync(directoryFd_);
-    close();
+    (void)fsync(m_directoryFd);
+    Close();
     return true;
 }
 
-void DownloadFile::discard()
+void DownloadFile::Discard()
 {
-    removeTemporary();
-    close();
+    RemoveTemporary();
+    Close();
 }
 
-void DownloadFile::removeTemporary()
+void DownloadFile::RemoveTemporary()
 {
-    if (temporary_[0] != '\0')
+    if (m_temporary[0] != '\0')
     {
         // Before it is unlocked, so that no sweeper sees it without its owner.
-        (void)unlinkat(directoryFd_, temporary_, 0);
-        temporary_[0] = '\0';
+        (void)unlinkat(m_directoryFd, m_temporary, 0);
+        m_temporary[0] = '\0';
     }
-    if (fd_ >= 0)
+    if (m_fd >= 0)
     {
-        (void)::close(fd_);
-        fd_ = -1;
+        (void)::close(m_fd);
+        m_fd = -1;
     }
 }
 
 // Frees the buffer as well: an object lives on while its transfer waits to be told of.
-void DownloadFile::close()
+void DownloadFile::Close()
 {
-    for (int* fd : {&fd_, &directoryFd_})
+    for (int* fd : {&m_fd, &m_directoryFd})
     {
         if (*fd >= 0)
         {
@@ -351,20 +347,21 @@ void DownloadFile::close()
             *fd = -1;
         }
     }
-    piece_.reset();
-    used_ = 0;
-    begun_ = unbegun_ = 0;
+    m_piece.reset();
+    m_used = 0;
+    m_begun = m_unbegun = 0;
 }
 
-bool DownloadFile::localFailure(Failure& failure, const char* step)
+bool DownloadFile::LocalFailure(Failure& failure, const char* step)
 {
-    return localFailure(failure, step, systemError(errno));
+    return LocalFailure(failure, step, SystemError(errno));
 }
 
-bool DownloadFile::localFailure(Failure& failure, const char* step, const char* reason)
+bool DownloadFile::LocalFailure(Failure& failure, const char* step, const char* reason)
 {
-    return fail(failure, TRAVEX_FTP_ERR_LOCAL_FILE, "%s %s/%s: %s", step, directory_.c_str(),
-                name_.c_str(), reason);
+    SetStep(failure, TRAVEX_FTP_STEP_LOCAL_FILE);
+    return Fail(failure, TRAVEX_FTP_ERR_LOCAL_FILE, "%s %s/%s: %s", step, m_directory.c_str(),
+                m_name.c_str(), reason);
 }
 
 }  // namespace travex_ftp

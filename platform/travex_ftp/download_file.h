@@ -13,7 +13,7 @@
 namespace travex_ftp
 {
 // A name that only this layer gives: a file of this name may be removed as an orphan.
-bool isTemporaryName(const char* name);
+bool IsTemporaryName(const char* name);
 
 // A temporary file beside the target, which it replaces once it is complete. It is locked (flock)
 // while in use: what no one holds is left over from a process that was killed, and is removed by
@@ -29,22 +29,25 @@ public:
     // Finds out early what will not work: a directory that is missing or cannot be written, a
     // target that is neither a file nor a symbolic link. Removes orphans of ours. Throws
     // std::bad_alloc.
-    bool open(const std::string& directory, const std::string& name, Failure& failure);
+    bool Open(const std::string& directory, const std::string& name, Failure& failure);
 
-    // Collects large pieces before it writes, and has the system begin to bring them to the disk,
-    // so that little is left to wait for at the end.
-    bool write(const char* data, size_t length, Failure& failure);
+    // Where to put the next bytes, up to `size` of them; null when memory runs out.
+    char* Room(size_t& size, Failure& failure);
+
+    // They have arrived there. Large pieces are collected before they are written, and the system
+    // is told early to bring them to the disk, so that little is left to wait for at the end.
+    bool Arrived(size_t length, Failure& failure);
 
     // Writes out and flushes to the disk, with the permissions of the file that is to be replaced,
     // and its owner and group where that is permitted.
-    bool complete(Failure& failure);
+    bool Complete(Failure& failure);
 
     // Renames over the target what is complete: a symbolic link is replaced itself. Afterwards the
     // object is as new.
-    bool publish(Failure& failure);
+    bool Publish(Failure& failure);
 
     // Removes the temporary file, if there is one.
-    void discard();
+    void Discard();
 
 private:
     enum class Claim
@@ -54,27 +57,27 @@ private:
         Failed,  // errno says why
     };
 
-    bool createTemporary(Failure& failure);
-    bool makeTemporary(Failure& failure);
-    Claim lockTemporary();
-    void removeTemporary();
-    void removeOrphans();
-    bool flushPiece(Failure& failure);
-    bool takePermissions(Failure& failure);
-    bool localFailure(Failure& failure, const char* step);
-    bool localFailure(Failure& failure, const char* step, const char* reason);
-    void close();
+    bool CreateTemporary(Failure& failure);
+    bool MakeTemporary(Failure& failure);
+    Claim LockTemporary();
+    void RemoveTemporary();
+    void RemoveOrphans();
+    bool FlushPiece(Failure& failure);
+    bool TakePermissions(Failure& failure);
+    bool LocalFailure(Failure& failure, const char* step);
+    bool LocalFailure(Failure& failure, const char* step, const char* reason);
+    void Close();
 
-    std::string directory_;
-    std::string name_;
-    struct stat replaced_ = {};  // the file that the target is or was, zero: none
-    int directoryFd_ = -1;
-    int fd_ = -1;
-    char temporary_[64] = "";  // name in the directory, empty: no file to remove
-    std::unique_ptr<char[]> piece_;
-    size_t used_ = 0;
-    off_t begun_ = 0;    // bytes that were told to go to the disk
-    off_t unbegun_ = 0;  // bytes written since
+    std::string m_directory;
+    std::string m_name;
+    struct stat m_replaced = {};  // the file that the target is or was, zero: none
+    int m_directoryFd = -1;
+    int m_fd = -1;
+    char m_temporary[64] = "";  // name in the directory, empty: no file to remove
+    std::unique_ptr<char[]> m_piece;
+    size_t m_used = 0;
+    off_t m_begun = 0;    // bytes that were told to go to the disk
+    off_t m_unbegun = 0;  // bytes written since
 };
 
 }  // namespace travex_ftp

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "replies.h"
+
 namespace travex_ftp
 {
 namespace
@@ -11,7 +13,7 @@ namespace
 using Byte = unsigned char;
 
 // Length of the printable UTF-8 character at `at`, 0 if there is none.
-size_t printableLength(const char* at)
+size_t PrintableLength(const char* at)
 {
     const Byte first = static_cast<Byte>(at[0]);
     if (first < 0x80)
@@ -40,9 +42,9 @@ size_t printableLength(const char* at)
 
 }  // namespace
 
-bool fail(Failure& failure, unsigned int code, const char* format, ...)
+bool Fail(Failure& failure, unsigned int code, const char* format, ...)
 {
-    if (failed(failure))
+    if (Failed(failure))
     {
         return false;
     }
@@ -51,56 +53,38 @@ bool fail(Failure& failure, unsigned int code, const char* format, ...)
     va_start(arguments, format);
     (void)vsnprintf(failure.acReason, sizeof failure.acReason, format, arguments);
     va_end(arguments);
-    makePrintable(failure.acReason);
+    MakePrintable(failure.acReason);
     return false;
 }
 
-bool failSystem(Failure& failure, const char* what)
+bool FailByReply(Failure& failure, unsigned int code, const char* what, const Reply& reply)
 {
-    return fail(failure, TRAVEX_FTP_ERR_SYSTEM, "out of memory: %s", what);
+    failure.ulReply = Failed(failure) ? failure.ulReply : reply.code;
+    return Fail(failure, code, "%s: %u %s", what, reply.code, reply.text);
 }
 
-void prefix(Failure& failure, const char* text)
+bool FailSystem(Failure& failure, const char* what)
 {
-    Failure whole{};
-    (void)fail(whole, failure.ulRet, "%s: ", text);
-    const size_t used = strlen(whole.acReason);
-    const size_t room = sizeof whole.acReason - 1 - used;
-    memcpy(whole.acReason + used, failure.acReason, strnlen(failure.acReason, room));
-    makePrintable(whole.acReason + used);  // the end may have cut a character in two
-    failure = whole;
+    SetStep(failure, TRAVEX_FTP_STEP_NONE);
+    return Fail(failure, TRAVEX_FTP_ERR_SYSTEM, "out of memory: %s", what);
 }
 
-const char* systemError(int number)
+const char* SystemError(int number)
 {
     const char* text = strerrordesc_np(number);
     return text != nullptr ? text : "unknown error";
 }
 
-void makePrintable(char* text)
+void MakePrintable(char* text)
 {
     while (*text != '\0')
     {
-        const size_t length = printableLength(text);
+        const size_t length = PrintableLength(text);
         if (length == 0)
         {
             *text = '?';
         }
         text += length == 0 ? 1 : length;
-    }
-}
-
-void mask(char* text, const char* secret)
-{
-    const size_t length = strlen(secret);
-    if (length < kShortestMasked)
-    {
-        return;
-    }
-    for (char* found = strstr(text, secret); found != nullptr;
-         found = strstr(found + length, secret))
-    {
-        memset(found, '*', length);
     }
 }
 

@@ -2,12 +2,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
-#include "curl_memory.h"
+#include <openssl/crypto.h>
 
 namespace travex_ftp
 {
@@ -25,27 +26,29 @@ struct World
     // in the child of a fork a lock may be held by a thread that does not exist there.
     std::atomic<pid_t> owner{0};
 
-    static World& get();
-    static void startOnce();
-    static void atExit();
+    static World& Get();
+    static void StartOnce();
+    static void AtExit();
 
-    bool install(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(guard);
-    std::shared_ptr<Layer> retire() CORPDIR_EXCLUDES(guard);
-    std::shared_ptr<Layer> firstEnded(bool onlyOver) CORPDIR_EXCLUDES(guard);
-    void forget(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(guard);
-    void joinEnded(bool onlyOver) CORPDIR_EXCLUDES(guard);
+    bool Install(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(guard);
+    std::shared_ptr<Layer> Retire() CORPDIR_EXCLUDES(guard);
+    std::shared_ptr<Layer> FirstEnded(bool onlyOver) CORPDIR_EXCLUDES(guard);
+    void Forget(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(guard);
+    void JoinEnded(bool onlyOver) CORPDIR_EXCLUDES(guard);
 };
 
-World& World::get()
+World& World::Get()
 {
     static World* const world = new World;
     return *world;
 }
 
-// Our exit handler is registered after those of the libraries, and so runs before them.
-void World::startOnce()
+// Our exit handler is registered after that of OpenSSL, and so runs before it. The flag makes
+// OpenSSL register its handler and load nothing: plain FTP needs nothing more of it.
+void World::StartOnce()
 {
-    static const bool started = startLibraries() && std::atexit(atExit) == 0;
+    static const bool started =
+        OPENSSL_init_crypto(OPENSSL_INIT_ATFORK, nullptr) == 1 && std::atexit(AtExit) == 0;
     if (!started)
     {
         throw std::bad_alloc();
@@ -53,7 +56,7 @@ void World::startOnce()
 }
 
 // False when another thread was faster, or the process is ending.
-bool World::install(const std::shared_ptr<Layer>& layer)
+bool World::Install(const std::shared_ptr<Layer>& layer)
 {
     const common::Hold hold(guard);
     if (exiting || running != nullptr)
@@ -66,38 +69,38 @@ bool World::install(const std::shared_ptr<Layer>& layer)
 }
 
 // Ends the running layer, without waiting; null if there is none.
-std::shared_ptr<Layer> World::retire()
+std::shared_ptr<Layer> World::Retire()
 {
     const common::Hold hold(guard);
     std::shared_ptr<Layer> layer = std::move(running);
     if (layer != nullptr)
     {
-        layer->nextEnded_ = std::move(ended);
+        layer->m_nextEnded = std::move(ended);
         ended = layer;
     }
     return layer;
 }
 
-std::shared_ptr<Layer> World::firstEnded(bool onlyOver)
+std::shared_ptr<Layer> World::FirstEnded(bool onlyOver)
 {
     const common::Hold hold(guard);
     std::shared_ptr<Layer> layer = ended;
-    while (layer != nullptr && onlyOver && !layer->over())
+    while (layer != nullptr && onlyOver && !layer->Over())
     {
-        layer = layer->nextEnded_;
+        layer = layer->m_nextEnded;
     }
     return layer;
 }
 
 // Without threads any process may start the layer: a fork made now is free to.
-void World::forget(const std::shared_ptr<Layer>& layer)
+void World::Forget(const std::shared_ptr<Layer>& layer)
 {
     const common::Hold hold(guard);
-    for (std::shared_ptr<Layer>* link = &ended; *link != nullptr; link = &(*link)->nextEnded_)
+    for (std::shared_ptr<Layer>* link = &ended; *link != nullptr; link = &(*link)->m_nextEnded)
     {
         if (*link == layer)
         {
-            std::shared_ptr<Layer> next = std::move(layer->nextEnded_);
+            std::shared_ptr<Layer> next = std::move(layer->m_nextEnded);
             *link = std::move(next);
             break;
         }
@@ -106,145 +109,182 @@ void World::forget(const std::shared_ptr<Layer>& layer)
 }
 
 // A run stays in the list until its threads are joined, so that every caller waits for them.
-void World::joinEnded(bool onlyOver)
+void World::JoinEnded(bool onlyOver)
 {
-    while (const std::shared_ptr<Layer> layer = firstEnded(onlyOver))
+    while (const std::shared_ptr<Layer> layer = FirstEnded(onlyOver))
     {
-        (void)layer->join(Clock::time_point::max());
-        forget(layer);
+        (void)layer->Join(Clock::time_point::max());
+        Forget(layer);
     }
 }
 
 // From here on no notification begins. One in progress, and what the transfer thread is at, is
 // waited for within kExitPatience. Nothing is destroyed: a thread that is still busy then will find
 // all it touches where it was.
-void World::atExit()
+void World::AtExit()
 {
-    World& world = get();
+    World& world = Get();
     if (world.owner != getpid())
     {
         return;
     }
-    Worker::beginExit();
-    (void)world.retire();
-    static std::shared_ptr<Layer>* const left = new std::shared_ptr<Layer>;
+    Worker::BeginExit();
     {
         const common::Hold hold(world.guard);
         world.exiting = true;
+    }
+    (void)world.Retire();
+    static std::shared_ptr<Layer>* const left = new std::shared_ptr<Layer>;
+    {
+        const common::Hold hold(world.guard);
         *left = std::move(world.ended);
     }
-    for (Layer* layer = left->get(); layer != nullptr; layer = layer->nextEnded_.get())
+    for (Layer* layer = left->get(); layer != nullptr; layer = layer->m_nextEnded.get())
     {
-        layer->stop();
-        layer->transfers_.leaveNoFiles();
+        layer->Stop();
+        layer->LeaveNoFiles();
     }
     const Clock::time_point deadline = Clock::now() + kExitPatience;
-    for (Layer* layer = left->get(); layer != nullptr; layer = layer->nextEnded_.get())
+    for (Layer* layer = left->get(); layer != nullptr; layer = layer->m_nextEnded.get())
     {
-        (void)layer->join(deadline);
+        (void)layer->Join(deadline);
     }
-    Worker::endExit();
+    Worker::EndExit();
 }
 
-bool Layer::forked()
+bool Layer::Forked()
 {
-    const pid_t owner = World::get().owner;
+    const pid_t owner = World::Get().owner;
     return owner != 0 && owner != getpid();
 }
 
-std::shared_ptr<Layer> Layer::running()
+std::shared_ptr<Layer> Layer::Running()
 {
-    World& world = World::get();
+    World& world = World::Get();
     const common::Hold hold(world.guard);
     return world.running;
 }
 
-bool Layer::init()
+bool Layer::Init()
 {
-    World::startOnce();
-    World& world = World::get();
-    world.joinEnded(true);
-    if (running() != nullptr)
+    World::StartOnce();
+    World& world = World::Get();
+    world.JoinEnded(true);
+    if (Running() != nullptr)
     {
         return true;
     }
     const auto layer = std::make_shared<Layer>();
-    layer->start();
-    if (world.install(layer))
+    layer->Start();
+    if (world.Install(layer))
     {
         return true;
     }
-    layer->stop();
-    (void)layer->join(Clock::time_point::max());
+    layer->Stop();
+    (void)layer->Join(Clock::time_point::max());
     // Another thread's start was faster, and is as good; whether its run has ended since or not.
-    return !Worker::exiting();
+    return !Worker::Exiting();
 }
 
-void Layer::uninit()
+void Layer::Uninit()
 {
-    World& world = World::get();
-    if (const std::shared_ptr<Layer> layer = world.retire())
+    World& world = World::Get();
+    if (const std::shared_ptr<Layer> layer = world.Retire())
     {
-        layer->stop();
+        layer->Stop();
     }
     // A thread of the layer cannot wait for itself; its run is joined by a later call.
-    if (!Worker::callerIsOurs())
+    if (!Worker::CallerIsOurs())
     {
-        world.joinEnded(false);
+        world.JoinEnded(false);
     }
 }
 
-Layer::Layer() : transfers_(notifier_, Limits::fromEnvironment()) {}
-
 // Half a start is undone like a whole one.
-void Layer::start()
+void Layer::Start()
 {
     try
     {
-        notifier_.start();
-        transfers_.start();
+        m_notifier.Start();
     }
     catch (...)
     {
-        stop();
-        (void)join(Clock::time_point::max());
+        Stop();
+        (void)Join(Clock::time_point::max());
         throw;
     }
 }
 
-// The notifier first: what the transfer thread still finishes is told to nobody. Then the handles:
-// nobody may wait for the threads, and until they end nothing more is to come of the transfers.
-void Layer::stop()
+// The notifier first: what a transfer thread still finishes is reported to no one. A handle is at
+// no time in neither list: each caller that joins sees it.
+void Layer::Stop()
 {
-    notifier_.stop();
-    std::unordered_map<TRAVEX_FTP_HANDLE, std::shared_ptr<Handle>> closed;
+    m_notifier.Stop();
+    const common::Hold hold(m_guard);
+    for (const auto& entry : m_handles)
     {
-        const common::Hold hold(guard_);
-        closed.swap(handles_);
+        Close(entry.second);
     }
-    for (const auto& entry : closed)
-    {
-        notifier_.close(*entry.second);
-    }
-    transfers_.stop();
+    m_handles.clear();
 }
 
-bool Layer::join(Clock::time_point deadline)
+void Layer::Close(const std::shared_ptr<Handle>& handle)
 {
-    bool joined = true;
-    for (Worker* worker : {&notifier_.worker(), &transfers_.worker()})
+    handle->Cancel();
+    m_closed.push_back(handle);
+}
+
+std::vector<std::shared_ptr<Handle>> Layer::ClosedHandles()
+{
+    const common::Hold hold(m_guard);
+    return m_closed;
+}
+
+// Joins the threads of closed handles that have ended, so that a client that makes and closes many
+// handles does not collect them.
+void Layer::Reap()
+{
+    for (const std::shared_ptr<Handle>& handle : ClosedHandles())
     {
-        joined = !worker->isCaller() && worker->join(deadline) && joined;
+        if (handle->Thread().Over())
+        {
+            (void)handle->Thread().Join();
+            const common::Hold hold(m_guard);
+            m_closed.erase(std::remove(m_closed.begin(), m_closed.end(), handle), m_closed.end());
+        }
+    }
+}
+
+// Another caller may have begun to end the run, and not have got to its handles yet.
+bool Layer::Join(Clock::time_point deadline)
+{
+    Stop();
+    bool joined = !m_notifier.Thread().IsCaller() && m_notifier.Thread().Join(deadline);
+    for (const std::shared_ptr<Handle>& handle : ClosedHandles())
+    {
+        Worker& thread = handle->Thread();
+        joined = !thread.IsCaller() && thread.Join(deadline) && joined;
     }
     return joined;
 }
 
-bool Layer::over()
+bool Layer::Over()
 {
-    return notifier_.worker().over() && transfers_.worker().over();
+    const common::Hold hold(m_guard);
+    return m_handles.empty() && m_notifier.Thread().Over() &&
+           std::all_of(m_closed.begin(), m_closed.end(),
+                       [](const auto& handle) { return handle->Thread().Over(); });
 }
 
-TRAVEX_FTP_HANDLE Layer::createHandle()
+void Layer::LeaveNoFiles()
+{
+    for (const std::shared_ptr<Handle>& handle : ClosedHandles())
+    {
+        handle->LeaveNoFile();
+    }
+}
+
+TRAVEX_FTP_HANDLE Layer::CreateHandle()
 {
     // Numbers in the guise of pointers, counted through the life of the process. Odd ones, so that
     // none is ever mistaken for the address of something.
@@ -253,68 +293,32 @@ TRAVEX_FTP_HANDLE Layer::createHandle()
     TRAVEX_FTP_HANDLE handle = nullptr;
     static_assert(sizeof(void*) == sizeof number, "a handle holds a number");
     memcpy(&handle, &number, sizeof number);
-    auto state = std::make_shared<Handle>();
-    const common::Hold hold(guard_);
-    handles_.emplace(handle, std::move(state));
+    Reap();
+    auto state = std::make_shared<Handle>(m_notifier);
+    const common::Hold hold(m_guard);
+    m_handles.emplace(handle, std::move(state));
+    m_closed.reserve(m_closed.size() + m_handles.size());  // closing needs no memory
     return handle;
 }
 
-std::shared_ptr<Handle> Layer::find(TRAVEX_FTP_HANDLE handle)
+bool Layer::CloseHandle(TRAVEX_FTP_HANDLE handle)
 {
-    const auto found = handles_.find(handle);
-    return found == handles_.end() ? nullptr : found->second;
-}
-
-// The handle is unknown to new calls before its notifications are stopped.
-bool Layer::closeHandle(TRAVEX_FTP_HANDLE handle)
-{
-    std::shared_ptr<Handle> closed;
-    {
-        const common::Hold hold(guard_);
-        closed = find(handle);
-        handles_.erase(handle);
-    }
-    if (closed == nullptr)
+    const common::Hold hold(m_guard);
+    const auto found = m_handles.find(handle);
+    if (found == m_handles.end())
     {
         return false;
     }
-    notifier_.close(*closed);
-    transfers_.handleClosed();
+    Close(found->second);
+    m_handles.erase(found);
     return true;
 }
 
-bool Layer::setSettings(TRAVEX_FTP_HANDLE handle, std::shared_ptr<const Settings> settings)
+std::shared_ptr<Handle> Layer::Find(TRAVEX_FTP_HANDLE handle)
 {
-    const common::Hold hold(guard_);
-    const std::shared_ptr<Handle> found = find(handle);
-    if (found != nullptr)
-    {
-        found->settings.swap(settings);  // the old ones go after the lock
-    }
-    return found != nullptr;
-}
-
-bool Layer::setDataParam(TRAVEX_FTP_HANDLE handle)
-{
-    const common::Hold hold(guard_);
-    const std::shared_ptr<Handle> found = find(handle);
-    if (found != nullptr)
-    {
-        found->dataParam = true;
-    }
-    return found != nullptr;
-}
-
-bool Layer::look(TRAVEX_FTP_HANDLE handle, View& view)
-{
-    const common::Hold hold(guard_);
-    view.handle = find(handle);
-    if (view.handle != nullptr)
-    {
-        view.settings = view.handle->settings;
-        view.dataParam = view.handle->dataParam;
-    }
-    return view.handle != nullptr;
+    const common::Hold hold(m_guard);
+    const auto found = m_handles.find(handle);
+    return found == m_handles.end() ? nullptr : found->second;
 }
 
 }  // namespace travex_ftp

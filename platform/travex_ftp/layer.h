@@ -4,77 +4,71 @@
 
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 #include "common/guard.h"
+#include "handle.h"
+#include "identity.h"
 #include "limits.h"
 #include "notifier.h"
-#include "task.h"
-#include "transfer_thread.h"
 
 namespace travex_ftp
 {
-// Thread-safe. The handles are under one lock, the two threads look after themselves.
+// Thread-safe. The handles are under one lock; threads look after themselves.
 class Layer
 {
 public:
     // The running layer, null if there is none.
-    static std::shared_ptr<Layer> running();
+    static std::shared_ptr<Layer> Running();
 
     // The process is a fork of the one that runs the layer; asked before anything else.
-    static bool forked();
+    static bool Forked();
 
-    // What TRAVEX_FTP_Init and TRAVEX_FTP_UnInit do. init() is false when the process is ending,
+    // What TRAVEX_FTP_Init and TRAVEX_FTP_UnInit do. Init() is false when the process is ending,
     // and throws when resources run out.
-    static bool init();
-    static void uninit();
+    static bool Init();
+    static void Uninit();
 
-    Layer();
+    Layer() = default;
     ~Layer() = default;
     Layer(const Layer&) = delete;
     Layer& operator=(const Layer&) = delete;
 
-    // Never null. Throws std::bad_alloc.
-    TRAVEX_FTP_HANDLE createHandle() CORPDIR_EXCLUDES(guard_);
+    // Never null. Throws std::bad_alloc or std::system_error.
+    TRAVEX_FTP_HANDLE CreateHandle() CORPDIR_EXCLUDES(m_guard);
 
     // False, or null: no such handle.
-    bool closeHandle(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(guard_);
-    bool setSettings(TRAVEX_FTP_HANDLE handle, std::shared_ptr<const Settings> settings)
-        CORPDIR_EXCLUDES(guard_);
-    bool setDataParam(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(guard_);
+    bool CloseHandle(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(m_guard);
+    std::shared_ptr<Handle> Find(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(m_guard);
 
-    // A handle's state as it stands at a moment.
-    struct View
+    ServerNames& Names()
     {
-        std::shared_ptr<Handle> handle;
-        std::shared_ptr<const Settings> settings;
-        bool dataParam = false;
-    };
-    bool look(TRAVEX_FTP_HANDLE handle, View& view) CORPDIR_EXCLUDES(guard_);
-
-    void submit(TaskPtr task)
-    {
-        transfers_.submit(std::move(task));
+        return m_names;
     }
 
 private:
     friend struct World;
 
-    void start();
-    void stop();
-    bool join(Clock::time_point deadline);
-    bool over();
-
-    std::shared_ptr<Handle> find(TRAVEX_FTP_HANDLE handle) CORPDIR_REQUIRES(guard_);
+    void Start();
+    void Stop() CORPDIR_EXCLUDES(m_guard);
+    void Close(const std::shared_ptr<Handle>& handle) CORPDIR_REQUIRES(m_guard);
+    void Reap() CORPDIR_EXCLUDES(m_guard);
+    bool Join(Clock::time_point deadline) CORPDIR_EXCLUDES(m_guard);
+    bool Over() CORPDIR_EXCLUDES(m_guard);
+    void LeaveNoFiles() CORPDIR_EXCLUDES(m_guard);
+    std::vector<std::shared_ptr<Handle>> ClosedHandles() CORPDIR_EXCLUDES(m_guard);
 
     // Link of the runs that have ended but whose threads are not joined yet; under World's lock.
-    std::shared_ptr<Layer> nextEnded_;
+    std::shared_ptr<Layer> m_nextEnded;
 
-    Notifier notifier_;
-    TransferThread transfers_;
+    Notifier m_notifier;
+    ServerNames m_names;
 
-    common::Guard guard_;
-    std::unordered_map<TRAVEX_FTP_HANDLE, std::shared_ptr<Handle>> handles_
-        CORPDIR_GUARDED_BY(guard_);
+    common::Guard m_guard;
+    std::unordered_map<TRAVEX_FTP_HANDLE, std::shared_ptr<Handle>> m_handles
+        CORPDIR_GUARDED_BY(m_guard);
+    std::vector<std::shared_ptr<Handle>> m_closed
+        CORPDIR_GUARDED_BY(m_guard);  // their threads may not have ended
 };
 
 }  // namespace travex_ftp

@@ -2,153 +2,152 @@
 
 #include <cstring>
 
+#include "handle.h"
 #include "observer.h"
 
 namespace travex_ftp
 {
-void Notifier::start()
+void Notifier::Start()
 {
-    worker_.start([this] { run(); });
+    m_worker.Start([this] { Run(); });
 }
 
 // What is queued goes with the thread.
-void Notifier::stop()
+void Notifier::Stop()
 {
-    const common::Hold hold(guard_);
-    stopping_ = true;
-    changed_.NotifyAll();
+    const common::Hold hold(m_guard);
+    m_stopping = true;
+    m_changed.NotifyAll();
 }
 
 // A task that waits in the queue already is told of once, with the newest numbers: neither a slow
 // callback nor a fast network makes the queue grow.
-void Notifier::progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
+void Notifier::Progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 {
-    const common::Hold hold(guard_);
+    const common::Hold hold(m_guard);
     task->news.bytes = bytes;
     task->news.total = total;
-    enqueue(task);
+    Enqueue(task);
 }
 
 // A progress that waits in the queue is overtaken by the outcome.
-void Notifier::finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
-                        const tagTRAVEX_FTP_S_COURSE& course)
+void Notifier::Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
+                        const tagTRAVEX_FTP_S_TIMINGS& timings)
 {
-    const common::Hold hold(guard_);
+    const common::Hold hold(m_guard);
     task->news.over = true;
     task->news.bytes = bytes;
     task->news.total = total;
     task->news.failure = failure;
-    task->news.course = course;
-    enqueue(task);
+    task->news.timings = timings;
+    Enqueue(task);
 }
 
-void Notifier::close(Handle& handle)
+void Notifier::Enqueue(const TaskPtr& task)
 {
-    const common::Hold hold(guard_);
-    handle.closed = true;
-}
-
-void Notifier::enqueue(const TaskPtr& task)
-{
-    if (!task->news.queued && !stopping_)
+    if (!task->news.queued && !m_stopping)
     {
         task->news.queued = true;
-        queue_.push(task);
-        changed_.NotifyAll();
+        m_queue.Push(task);
+        m_changed.NotifyAll();
     }
 }
 
-void Notifier::run()
+void Notifier::Run()
 {
     TaskPtr task;
     Task::News news;
-    while (take(task, news))
+    while (Take(task, news))
     {
-        deliver(*task, news);
+        Deliver(*task, news);
         task.reset();  // before the wait: its id is free, its settings are wiped
     }
     TaskQueue<&Task::nextNews> dropped;
     {
-        const common::Hold hold(guard_);
-        dropped.append(queue_);
+        const common::Hold hold(m_guard);
+        dropped.Append(m_queue);
     }
 }
 
 // Waits for news. The lock is released before they are told.
-bool Notifier::take(TaskPtr& task, Task::News& news)
+bool Notifier::Take(TaskPtr& task, Task::News& news)
 {
-    const common::Hold hold(guard_);
-    while (!stopping_ && queue_.empty())
+    const common::Hold hold(m_guard);
+    while (!m_stopping && m_queue.Empty())
     {
-        changed_.Wait(guard_);
+        m_changed.Wait(m_guard);
     }
-    if (stopping_)
+    if (m_stopping)
     {
         return false;
     }
-    task = queue_.pop();
+    task = m_queue.Pop();
     task->news.queued = false;
     news = task->news;
     return true;
 }
 
 // Asked before each single callback: a handle may be closed, or the layer stopped, between two.
-bool Notifier::mayBegin(const Task& task)
+bool Notifier::MayBegin(const Task& task)
 {
-    const common::Hold hold(guard_);
-    return !stopping_ && !task.handle->closed;
+    const common::Hold hold(m_guard);
+    return !m_stopping && !task.handle->Closed();
 }
 
 // The observer first: whoever is told by a notification may ask what the observer has seen.
-void Notifier::deliver(const Task& task, Task::News& news)
+void Notifier::Deliver(const Task& task, Task::News& news)
 {
-    if (mayBegin(task))
+    if (MayBegin(task))
     {
-        tellObserver(task, news);
+        TellObserver(task, news);
     }
     if (!news.over)
     {
         return;
     }
-    if (failed(news.failure))
+    if (Failed(news.failure))
     {
-        notify(task, TRAVEX_FTP_NOTIFY_FAILED, &news.failure);
+        Notify(task, TRAVEX_FTP_NOTIFY_FAILED, &news.failure);
         return;
     }
-    notify(task, TRAVEX_FTP_NOTIFY_SUCCESS, nullptr);
-    notify(task, TRAVEX_FTP_NOTIFY_OVER, nullptr);
+    Notify(task, TRAVEX_FTP_NOTIFY_SUCCESS, nullptr);
+    Notify(task, TRAVEX_FTP_NOTIFY_OVER, nullptr);
 }
 
-void Notifier::notify(const Task& task, unsigned int type, Failure* failure)
+void Notifier::Notify(const Task& task, unsigned int type, Failure* failure)
 {
-    if (task.callback == nullptr || !mayBegin(task))
+    if (task.callback == nullptr || !MayBegin(task))
     {
         return;
     }
     // Of this call alone, so that a client that writes into it harms nobody.
     tagTRAVEX_FTP_S_NOTIFY_DATA data{};
-    data.ulTaskID = task.id.value();
+    data.ulTaskID = task.id.Value();
     memcpy(data.DownFileName, task.serverFile.c_str(), task.serverFile.size());
     data.ulType = type;
     data.pstErrInfo = failure;
     task.callback(nullptr, &data);
 }
 
-void Notifier::tellObserver(const Task& task, const Task::News& news)
+void Notifier::TellObserver(const Task& task, const Task::News& news)
 {
     tagTRAVEX_FTP_S_OBSERVATION seen{};
     seen.ulKind = !news.over             ? TRAVEX_FTP_OBSERVED_PROGRESS
-                  : failed(news.failure) ? TRAVEX_FTP_OBSERVED_FAILED
+                  : Failed(news.failure) ? TRAVEX_FTP_OBSERVED_FAILED
                                          : TRAVEX_FTP_OBSERVED_SUCCESS;
-    seen.ulTaskID = task.id.value();
+    seen.ulTaskID = task.id.Value();
     seen.pcServer = task.settings->serverText.c_str();
     seen.pcServerFile = task.serverFile.c_str();
     seen.ullBytes = news.bytes;
     seen.ullTotal = news.total;
-    seen.ulRet = news.over ? news.failure.ulRet : static_cast<unsigned int>(TRAVEX_FTP_OK);
-    seen.pcReason = news.over && failed(news.failure) ? news.failure.acReason : "";
-    seen.pstCourse = news.over ? &news.course : nullptr;
-    observe(seen);
+    const bool failed = news.over && Failed(news.failure);
+    seen.ulRet = failed ? news.failure.ulRet : static_cast<unsigned int>(TRAVEX_FTP_OK);
+    seen.ulStep = failed ? news.failure.ulStep : 0;
+    seen.ulReply = failed ? news.failure.ulReply : 0;
+    seen.ulDetail = failed ? news.failure.ulDetail : 0;
+    seen.pcReason = failed ? news.failure.acReason : "";
+    seen.pstTimings = news.over ? &news.timings : nullptr;
+    Observe(seen);
 }
 
 }  // namespace travex_ftp

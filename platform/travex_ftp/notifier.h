@@ -13,42 +13,39 @@ class Notifier
 {
 public:
     // Throws std::system_error or std::bad_alloc.
-    void start();
+    void Start();
 
     // From now on no notification begins. Waits for nothing.
-    void stop() CORPDIR_EXCLUDES(guard_);
+    void Stop() CORPDIR_EXCLUDES(m_guard);
 
-    Worker& worker()
+    Worker& Thread()
     {
-        return worker_;
+        return m_worker;
     }
 
     // A task has received bytes. A progress that was not yet told is overwritten.
-    void progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(guard_);
+    void Progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(m_guard);
 
     // A task is over; a failure without a code is success. Told once, in the order of these calls.
-    // The course stays empty when no connection had the task.
-    void finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
-                  const tagTRAVEX_FTP_S_COURSE& course = {}) CORPDIR_EXCLUDES(guard_);
-
-    // Closes a handle: none of its notifications begins any more.
-    void close(Handle& handle) CORPDIR_EXCLUDES(guard_);
+    // The timings stay empty when no connection had the task.
+    void Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
+                  const tagTRAVEX_FTP_S_TIMINGS& timings = {}) CORPDIR_EXCLUDES(m_guard);
 
 private:
-    void run() CORPDIR_EXCLUDES(guard_);
-    bool take(TaskPtr& task, Task::News& news) CORPDIR_EXCLUDES(guard_);
-    bool mayBegin(const Task& task) CORPDIR_EXCLUDES(guard_);
-    void enqueue(const TaskPtr& task) CORPDIR_REQUIRES(guard_);
-    void deliver(const Task& task, Task::News& news);
-    void notify(const Task& task, unsigned int type, Failure* failure);
-    void tellObserver(const Task& task, const Task::News& news);
+    void Run() CORPDIR_EXCLUDES(m_guard);
+    bool Take(TaskPtr& task, Task::News& news) CORPDIR_EXCLUDES(m_guard);
+    bool MayBegin(const Task& task) CORPDIR_EXCLUDES(m_guard);
+    void Enqueue(const TaskPtr& task) CORPDIR_REQUIRES(m_guard);
+    void Deliver(const Task& task, Task::News& news);
+    void Notify(const Task& task, unsigned int type, Failure* failure);
+    void TellObserver(const Task& task, const Task::News& news);
 
-    Worker worker_;
+    Worker m_worker;
 
-    common::Guard guard_;
-    common::Signal changed_;
-    bool stopping_ CORPDIR_GUARDED_BY(guard_) = false;
-    TaskQueue<&Task::nextNews> queue_ CORPDIR_GUARDED_BY(guard_);
+    common::Guard m_guard;
+    common::Signal m_changed;
+    bool m_stopping CORPDIR_GUARDED_BY(m_guard) = false;
+    TaskQueue<&Task::nextNews> m_queue CORPDIR_GUARDED_BY(m_guard);
 };
 
 }  // namespace travex_ftp

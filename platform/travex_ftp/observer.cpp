@@ -24,7 +24,7 @@ struct State
     Call* calls CORPDIR_GUARDED_BY(guard) = nullptr;
 };
 
-State& state()
+State& TheState()
 {
     static State* const instance = new State;
     return *instance;
@@ -34,7 +34,7 @@ State& state()
 thread_local unsigned int t_observing = 0;
 
 // An observer that was replaced is still running.
-bool callsBefore(const State& all, uint64_t setting) CORPDIR_REQUIRES(all.guard)
+bool CallsBefore(const State& all, uint64_t setting) CORPDIR_REQUIRES(all.guard)
 {
     for (const Call* call = all.calls; call != nullptr; call = call->next)
     {
@@ -46,7 +46,7 @@ bool callsBefore(const State& all, uint64_t setting) CORPDIR_REQUIRES(all.guard)
     return false;
 }
 
-void unlink(State& all, const Call& call) CORPDIR_REQUIRES(all.guard)
+void Unlink(State& all, const Call& call) CORPDIR_REQUIRES(all.guard)
 {
     Call** link = &all.calls;
     while (*link != &call)
@@ -58,30 +58,30 @@ void unlink(State& all, const Call& call) CORPDIR_REQUIRES(all.guard)
 
 }  // namespace
 
-void setObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
+void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
 {
-    State& all = state();
+    State& all = TheState();
     const common::Hold hold(all.guard);
     const uint64_t setting = ++all.settings;
     all.observer = observer;
     all.user = user;
     // An observer that replaces itself cannot wait for its own end.
-    while (t_observing == 0 && callsBefore(all, setting))
+    while (t_observing == 0 && CallsBefore(all, setting))
     {
         all.ended.Wait(all.guard);
     }
 }
 
-bool observed()
+bool Observed()
 {
-    State& all = state();
+    State& all = TheState();
     const common::Hold hold(all.guard);
     return all.observer != nullptr;
 }
 
-void observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
+void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
 {
-    State& all = state();
+    State& all = TheState();
     Call call{};
     TRAVEX_FTP_OBSERVER_CB observer = nullptr;
     void* user = nullptr;
@@ -100,7 +100,7 @@ void observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     observer(user, &seen);
     --t_observing;
     const common::Hold hold(all.guard);
-    unlink(all, call);
+    Unlink(all, call);
     all.ended.NotifyAll();
 }
 

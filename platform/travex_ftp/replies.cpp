@@ -11,159 +11,294 @@ namespace
 {
 constexpr char kWithheld[] = "(text withheld)";
 
-bool digit(char c)
+bool Digit(char c)
 {
     return c >= '0' && c <= '9';
 }
 
-// Code of a line "150 text" or "150-text", else 0.
-unsigned int codeOf(const char* line, size_t length)
+// Code of a line "150 text", "150-text" or "150", else 0.
+unsigned int CodeOf(const char* line, size_t length)
 {
-    if (length < 4 || !digit(line[0]) || !digit(line[1]) || !digit(line[2]) ||
-        (line[3] != ' ' && line[3] != '-'))
+    if (length < 3 || !Digit(line[0]) || !Digit(line[1]) || !Digit(line[2]) ||
+        (length > 3 && line[3] != ' ' && line[3] != '-'))
     {
         return 0;
     }
     return static_cast<unsigned int>((line[0] - '0') * 100 + (line[1] - '0') * 10 + line[2] - '0');
 }
 
-// Reads digits from `at` on and returns where they end. A number that does not fit is the largest
-// but one, so that it is too large for every limit and yet known.
-const char* readNumber(const char* at, const char* end, uint64_t& number)
+// Reads digits from `at` on and returns where they end. A number that does not fit is the largest.
+const char* ReadNumber(const char* at, uint64_t& number)
 {
     number = 0;
-    for (; at != end && digit(*at); ++at)
+    for (; Digit(*at); ++at)
     {
         const uint64_t next = static_cast<uint64_t>(*at - '0');
-        number = number > (UINT64_MAX - 1 - next) / 10 ? UINT64_MAX - 1 : number * 10 + next;
+        number = number > (UINT64_MAX - next) / 10 ? UINT64_MAX : number * 10 + next;
     }
     return at;
 }
 
-// Finds "(1234 bytes" in the text of a 150. Other phrases ("64.0 kbytes") are not exact and count
-// as none.
-uint64_t sizeInParentheses(const char* line, const char* end)
+// "(|||50000|)", with any delimiter (RFC 2428); some servers leave one out, or the parentheses.
+unsigned int ExtendedPort(const char* text)
 {
-    static const char kUnit[] = " bytes";
-    for (const char* at = line; at != end; ++at)
+    const char* const parenthesis = strchr(text, '(');
+    const char* at = parenthesis != nullptr ? parenthesis + 1 : strchr(text, '|');
+    if (at == nullptr || *at == '\0' || Digit(*at))
     {
-        uint64_t number = 0;
-        if (*at != '(' || at + 1 == end || !digit(at[1]))
-        {
-            continue;
-        }
-        const char* behind = readNumber(at + 1, end, number);
-        if (static_cast<size_t>(end - behind) >= sizeof kUnit - 1 &&
-            memcmp(behind, kUnit, sizeof kUnit - 1) == 0)
-        {
-            return number;
-        }
+        return 0;
     }
-    return UINT64_MAX;
+    const char delimiter[] = {*at, '\0'};
+    at += strspn(at, delimiter);
+    uint64_t port = 0;
+    const char* const end = ReadNumber(at, port);
+    const bool found = end != at && *end == delimiter[0] && port <= 65535;
+    return found ? static_cast<unsigned int>(port) : 0;
 }
 
-const char* trimmedEnd(const char* line, size_t length)
+// "(192,0,2,1,195,80)", with or without the parentheses.
+unsigned int PassivePort(const char* text)
 {
-    const char* end = line + length;
-    while (end != line && (end[-1] == '\n' || end[-1] == '\r' || end[-1] == ' '))
+    for (const char* begin = text; *begin != '\0'; ++begin)
     {
-        --end;
+        const char* at = begin;
+        uint64_t numbers[6] = {};
+        size_t count = 0;
+        while (count != 6 && Digit(*at))
+        {
+            at = ReadNumber(at, numbers[count]);
+            ++count;
+            at += count != 6 && *at == ',' ? 1 : 0;
+        }
+        if (count == 6 && numbers[4] <= 255 && numbers[5] <= 255)
+        {
+            return static_cast<unsigned int>(numbers[4] << 8 | numbers[5]);
+        }
+        begin += Digit(*begin) ? strspn(begin, "0123456789") - 1 : 0;
     }
-    return end;
+    return 0;
+}
+
+// Bytes that are all ASCII are the same in both.
+bool IsAscii(const char* text)
+{
+    return std::all_of(text, text + strlen(text), [](char c) { return (c & 0x80) == 0; });
+}
+
+// The secret in the other of the two encodings that servers use for what they repeat. False: it
+// has no other form.
+bool OtherEncoding(const char* secret, char (&other)[2 * Secret::kCapacity])
+{
+    if (IsAscii(secret))
+    {
+        return false;
+    }
+    const auto* at = reinterpret_cast<const unsigned char*>(secret);
+    size_t used = 0;
+    bool utf8 = true;
+    for (; utf8 && *at != '\0'; ++at)
+    {
+        const bool two = (at[0] == 0xc2 || at[0] == 0xc3) && (at[1] & 0xc0) == 0x80;
+        utf8 = at[0] < 0x80 || two;
+        other[used++] = static_cast<char>(two ? (at[0] & 3) << 6 | (at[1] & 0x3f) : at[0]);
+        at += two ? 1 : 0;
+    }
+    at = reinterpret_cast<const unsigned char*>(secret);
+    for (used = utf8 ? used : 0; !utf8 && *at != '\0'; ++at)
+    {
+        if (*at >= 0x80)
+        {
+            other[used++] = static_cast<char>(0xc0 | *at >> 6);
+        }
+        other[used++] = static_cast<char>(*at >= 0x80 ? 0x80 | (*at & 0x3f) : *at);
+    }
+    other[used] = '\0';
+    return true;
 }
 
 }  // namespace
 
-void Replies::commandSent(const char* line, size_t length)
+ReplyReader::~ReplyReader()
 {
-    size_t used = 0;
-    // Letters only: what follows the verb may be a password.
-    while (used < length && used < sizeof verb_ - 1 && line[used] >= 'A' && line[used] <= 'Z')
-    {
-        verb_[used] = line[used];
-        ++used;
-    }
-    verb_[used] = '\0';
-    answered_ = false;
+    explicit_bzero(m_input, sizeof m_input);
+    explicit_bzero(m_line, sizeof m_line);
 }
 
-// Lines in the middle of a reply may look like the end of another one: only the code that began it
-// ends it.
-Replies::Line Replies::lineHeard(const char* line, size_t length, const Limits& limits)
+void ReplyReader::Restart(const Limits& limits)
 {
-    ++lines_;
-    bytes_ += length;
-    if (lines_ > limits.replyLines || bytes_ > limits.replyBytes)
-    {
-        return Line::TooMuch;
-    }
-    const unsigned int code = codeOf(line, length);
-    if (pending_ != 0 ? code == pending_ && line[3] == ' ' : code != 0 && line[3] == ' ')
-    {
-        pending_ = 0;
-        code_ = code;
-        return final(line, length);
-    }
-    if (pending_ == 0)
-    {
-        pending_ = code;
-    }
-    return Line::Fine;
+    m_bytesLeft = limits.replyBytes;
+    m_linesLeft = limits.replyLines;
 }
 
-// The password is looked for in the line as it came: not trimmed, not shortened, not yet printable.
-void Replies::keepText(const char* begin, const char* end, const char* lineEnd)
+char* ReplyReader::Room(size_t& size)
 {
-    const size_t kept = std::min(static_cast<size_t>(end - begin), sizeof text_ - 1);
-    memcpy(text_, begin, kept);
-    text_[kept] = '\0';
-    if (secret_ == nullptr)
+    size = sizeof m_input;
+    return m_input;
+}
+
+void ReplyReader::Arrived(size_t length)
+{
+    m_at = 0;
+    m_end = length;
+}
+
+// Moves bytes up to the end of a line from the input. False: the line has not ended.
+bool ReplyReader::TakeLine()
+{
+    while (m_at != m_end)
     {
-        return;
-    }
-    const Clear secret(*secret_);
-    const size_t length = strlen(secret.text());
-    if (length < kShortestMasked)
-    {
-        if (strcmp(verb_, "USER") == 0 || strcmp(verb_, "PASS") == 0)
+        const char c = m_input[m_at++];
+        --m_bytesLeft;
+        if (c == '\n')
         {
-            memcpy(text_, kWithheld, sizeof kWithheld);
+            return true;
         }
-        return;
-    }
-    for (const char* at = begin; at < begin + kept; ++at)
-    {
-        if (static_cast<size_t>(lineEnd - at) >= length && memcmp(at, secret.text(), length) == 0)
+        if (m_length != sizeof m_line - 1)
         {
-            const size_t offset = static_cast<size_t>(at - begin);
-            memset(text_ + offset, '*', std::min(length, kept - offset));
+            m_line[m_length++] = c == '\0' ? '?' : c;
+        }
+        if (m_bytesLeft == 0)
+        {
+            return false;
         }
     }
+    return false;
 }
 
-Replies::Line Replies::final(const char* line, size_t length)
+ReplyReader::Result ReplyReader::Next(Reply& reply, bool login)
 {
-    const char* const begin = line + 4;
-    const char* const end = std::max(begin, trimmedEnd(line, length));
-    keepText(begin, end, line + length);
-    answered_ = code_ >= 200;  // a 1xx is followed by another reply
-    if (code_ == 150 || code_ == 125)
+    for (;;)
     {
-        opened_ = true;
-        sizeOpened_ = sizeInParentheses(begin, end);
+        const bool line = m_bytesLeft != 0 && TakeLine();
+        if (m_bytesLeft == 0)
+        {
+            return Result::kTooManyBytes;
+        }
+        if (!line)
+        {
+            return Result::kIncomplete;
+        }
+        if (m_linesLeft == 0)
+        {
+            return Result::kTooManyLines;
+        }
+        --m_linesLeft;
+        const bool whole = EndReply(reply, login);
+        m_length = 0;
+        if (whole)
+        {
+            return Result::kReply;
+        }
     }
-    // 213 answers other commands too.
-    if (code_ == 213 && strcmp(verb_, "SIZE") == 0)
+}
+
+// Looks at a whole line. Lines in the middle of a reply may look like the end of another one: only
+// the code that began it ends it. Lines without a code before a reply are passed over.
+bool ReplyReader::EndReply(Reply& reply, bool login)
+{
+    m_length -= m_length != 0 && m_line[m_length - 1] == '\r' ? 1 : 0;
+    m_line[m_length] = '\0';
+    const unsigned int code = CodeOf(m_line, m_length);
+    const bool last = m_length <= 3 || m_line[3] == ' ';
+    if (m_code == 0 && code != 0 && !last)
+    {
+        m_code = code;
+        KeepText(m_first, login);
+    }
+    if (code == 0 || !last || (m_code != 0 && code != m_code))
+    {
+        return false;
+    }
+    reply.code = code;
+    KeepText(reply.text, login);
+    if (reply.text[0] == '\0')
+    {
+        memcpy(reply.text, m_first, sizeof reply.text);
+    }
+    m_code = 0;
+    m_first[0] = '\0';
+    return true;
+}
+
+// Text of the line in m_line. The password is looked for in the line as it came: not trimmed, not
+// shortened, not yet printable.
+void ReplyReader::KeepText(char (&text)[256], bool login) const
+{
+    const size_t begin = std::min<size_t>(m_length, 4);
+    const size_t kept = std::min(m_length - begin, sizeof text - 1);
+    memcpy(text, m_line + begin, kept);
+    text[kept] = '\0';
+    const Clear secret(m_secret);
+    const size_t length = strlen(secret.Text());
+    if (length >= kShortestMasked)
+    {
+        char other[2 * Secret::kCapacity];
+        MaskText(text, secret.Text(), length);
+        if (OtherEncoding(secret.Text(), other))
+        {
+            MaskText(text, other, strlen(other));
+            explicit_bzero(other, sizeof other);
+        }
+    }
+    else if (login)
+    {
+        memcpy(text, kWithheld, sizeof kWithheld);
+    }
+    for (size_t end = strlen(text); end != 0 && text[end - 1] == ' '; --end)
+    {
+        text[end - 1] = '\0';
+    }
+    MakePrintable(text);
+}
+
+// Replaces a secret in the text by asterisks, also where the text ends within it, and where the
+// server has cut it: half of it is too much.
+void ReplyReader::MaskText(char (&text)[256], const char* secret, size_t length) const
+{
+    const size_t least = std::max(kShortestMasked, length / 2);
+    const size_t kept = strlen(text);
+    const char* const line = m_line + std::min<size_t>(m_length, 4);
+    for (size_t at = 0; at < kept; ++at)
+    {
+        size_t same = 0;
+        while (same < length && line[at + same] == secret[same])
+        {
+            ++same;
+        }
+        if (same >= least)
+        {
+            memset(text + at, '*', std::min(same, kept - at));
+        }
+    }
+}
+
+uint64_t SizeOfAnswer(const char* text)
+{
+    uint64_t size = 0;
+    const char* const end = ReadNumber(text, size);
+    const bool number = end != text && *end == '\0' && size <= static_cast<uint64_t>(INT64_MAX);
+    return number ? size : TRAVEX_FTP_SIZE_UNKNOWN;
+}
+
+uint64_t SizeOfOpening(const char* text)
+{
+    static const char kUnit[] = " bytes";
+    uint64_t found = 0;
+    for (const char* at = strchr(text, '('); at != nullptr; at = strchr(at + 1, '('))
     {
         uint64_t size = 0;
-        const char* const behind = readNumber(begin, end, size);
-        if (behind == begin || behind != end)
-        {
-            return Line::BadSize;
-        }
-        sizeAnswered_ = size;
+        const char* const end = ReadNumber(at + 1, size);
+        const bool number = end != at + 1 && strncmp(end, kUnit, sizeof kUnit - 1) == 0;
+        found = number ? size : found;  // the last one: a file's name may look like it
     }
-    return Line::Fine;
+    return found != 0 && found <= static_cast<uint64_t>(INT64_MAX) ? found
+                                                                   : TRAVEX_FTP_SIZE_UNKNOWN;
+}
+
+unsigned int PortOfReply(const Reply& reply)
+{
+    const unsigned int port = ExtendedPort(reply.text);
+    return port != 0 ? port : PassivePort(reply.text);
 }
 
 }  // namespace travex_ftp

@@ -1,4 +1,4 @@
-// What the server says on the control channel, read line by line as it arrives.
+// What the server says on the control channel.
 #ifndef TRAVEX_FTP_REPLIES_H
 #define TRAVEX_FTP_REPLIES_H
 
@@ -10,102 +10,101 @@
 
 namespace travex_ftp
 {
-// The replies of one transfer. Not thread-safe: the transfer thread's. Allocates nothing.
-class Replies
+// A complete reply (RFC 959, 4.2).
+struct Reply
+{
+    unsigned int code = 0;  // 0: none yet
+    char text[256] = "";    // of its last line, or of the first if that one is empty; printable,
+                            // shortened, without the password
+
+    bool Preliminary() const
+    {
+        return code >= 100 && code < 200;
+    }
+    bool Positive() const
+    {
+        return code >= 200 && code < 300;
+    }
+    bool Refusal() const
+    {
+        return code >= 400 && code < 600;
+    }
+};
+
+// "Service not available": the server gives up the control connection, whatever the command was.
+constexpr unsigned int kServiceNotAvailable = 421;
+
+// Makes replies of the bytes that arrive. Memory is of fixed size, however much arrives. Not
+// thread-safe: the transfer thread's.
+class ReplyReader
 {
 public:
-    // `secret` is the password, which a server may repeat; it must outlive the object. Null: none.
-    explicit Replies(const Secret* secret = nullptr) : secret_(secret) {}
+    // `secret` is the password, which a server may repeat; it must outlive the object.
+    explicit ReplyReader(const Secret& secret) : m_secret(secret) {}
+    ~ReplyReader();
+    ReplyReader(const ReplyReader&) = delete;
+    ReplyReader& operator=(const ReplyReader&) = delete;
 
-    // The server gives up the control connection, whatever the command was.
-    static constexpr unsigned int kServiceEnds = 421;
+    // A transfer begins: what it may hear is counted from here.
+    void Restart(const Limits& limits);
 
-    // Verdict on a line.
-    enum class Line
+    // Where to put what arrives, and that it has. Only when Next() has said kIncomplete.
+    char* Room(size_t& size);
+    void Arrived(size_t length);
+
+    enum class Result
     {
-        Fine,
-        TooMuch,  // more lines or bytes than the limits allow
-        BadSize,  // 213 without a number
+        kReply,
+        kIncomplete,
+        kTooManyBytes,
+        kTooManyLines,
     };
 
-    // A client command went out: the next reply is its answer.
-    void commandSent(const char* line, size_t length);
+    // Takes the next reply out of what has arrived. `login`: it answers USER or PASS, so that its
+    // text is withheld if the password is too short to be masked.
+    Result Next(Reply& reply, bool login);
 
-    Line lineHeard(const char* line, size_t length, const Limits& limits);
-
-    // Code of the last complete reply, 0 before the first; its text, shortened and without the
-    // password.
-    unsigned int code() const
+    // Lines that may still come.
+    uint64_t LinesLeft() const
     {
-        return code_;
-    }
-    const char* text() const
-    {
-        return text_;
+        return m_linesLeft;
     }
 
-    // Verb of the last command, empty before the first: the greeting answers none.
-    const char* verb() const
+    // Something has arrived that no reply was made of.
+    bool Pending() const
     {
-        return verb_;
-    }
-
-    // The same in words: what the next reply is, or should have been, the answer to.
-    const char* step() const
-    {
-        return *verb_ != '\0' ? verb_ : "the greeting";
-    }
-
-    // The last command has its final reply.
-    bool answered() const
-    {
-        return answered_;
-    }
-
-    // A refusal is the last that was said. One that libcurl tolerated before it sent the next
-    // command is none; a 421 needs no command.
-    bool refused() const
-    {
-        return code_ >= 400 && (answered_ || code_ == kServiceEnds);
-    }
-
-    uint64_t lines() const
-    {
-        return lines_;
-    }
-
-    // 125 or 150 was heard: the data channel carries the file, or has carried it.
-    bool opened() const
-    {
-        return opened_;
-    }
-
-    // Size by the answer to SIZE, by the text of the 150; TRAVEX_FTP_SIZE_UNKNOWN each if none.
-    uint64_t sizeAnswered() const
-    {
-        return sizeAnswered_;
-    }
-    uint64_t sizeOpened() const
-    {
-        return sizeOpened_;
+        return m_at != m_end || m_length != 0 || m_code != 0;
     }
 
 private:
-    Line final(const char* line, size_t length);
-    void keepText(const char* begin, const char* end, const char* lineEnd);
+    bool TakeLine();
+    bool EndReply(Reply& reply, bool login);
+    void KeepText(char (&text)[256], bool login) const;
+    void MaskText(char (&text)[256], const char* secret, size_t length) const;
 
-    const Secret* secret_;
-    char verb_[8] = "";
-    char text_[256] = "";
-    unsigned int code_ = 0;
-    unsigned int pending_ = 0;  // code of a reply of several lines that has not ended
-    uint64_t lines_ = 0;
-    uint64_t bytes_ = 0;
-    uint64_t sizeAnswered_ = UINT64_MAX;
-    uint64_t sizeOpened_ = UINT64_MAX;
-    bool answered_ = true;
-    bool opened_ = false;
+    const Secret& m_secret;
+    uint64_t m_bytesLeft = 0;
+    uint64_t m_linesLeft = 0;
+    char m_input[2048];  // as it arrived; from m_at to m_end it is not looked at yet
+    size_t m_at = 0;
+    size_t m_end = 0;
+    char m_line[512];         // the line that is arriving, its beginning if it is longer
+    size_t m_length = 0;      // of the line as far as it is kept
+    unsigned int m_code = 0;  // of a reply of several lines that has not ended
+    char m_first[256] = "";   // text of its first line
 };
+
+// The number of a 213 reply to SIZE; TRAVEX_FTP_SIZE_UNKNOWN when the text is not one number of a
+// range that a file can have. Some servers add words.
+uint64_t SizeOfAnswer(const char* text);
+
+// The number of "(1234 bytes" in the text of a 150, else TRAVEX_FTP_SIZE_UNKNOWN. 0 is unknown too:
+// some servers write it whatever the size is.
+uint64_t SizeOfOpening(const char* text);
+
+// The port of a reply to EPSV or PASV, told apart by what the reply holds; its address is not used.
+// 0: there is none.
+unsigned int PortOfReply(const Reply& reply);
 
 }  // namespace travex_ftp
 

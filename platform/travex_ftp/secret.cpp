@@ -10,7 +10,7 @@ namespace travex_ftp
 {
 Secret::Secret(const char* text)
 {
-    if (getentropy(mask_, sizeof mask_) != 0)
+    if (getentropy(m_mask, sizeof m_mask) != 0)
     {
         throw std::system_error(errno, std::generic_category());
     }
@@ -18,14 +18,14 @@ Secret::Secret(const char* text)
     for (size_t i = 0; i != kCapacity; ++i)
     {
         const char byte = i < length ? text[i] : '\0';
-        masked_[i] = static_cast<unsigned char>(static_cast<unsigned char>(byte) ^ mask_[i]);
+        m_masked[i] = static_cast<unsigned char>(static_cast<unsigned char>(byte) ^ m_mask[i]);
     }
 }
 
 Secret::~Secret()
 {
-    explicit_bzero(masked_, sizeof masked_);
-    explicit_bzero(mask_, sizeof mask_);
+    explicit_bzero(m_masked, sizeof m_masked);
+    explicit_bzero(m_mask, sizeof m_mask);
 }
 
 bool Secret::operator==(const Secret& other) const
@@ -33,23 +33,23 @@ bool Secret::operator==(const Secret& other) const
     unsigned int difference = 0;
     for (size_t i = 0; i != kCapacity; ++i)
     {
-        difference |=
-            static_cast<unsigned int>(masked_[i] ^ mask_[i] ^ other.masked_[i] ^ other.mask_[i]);
+        difference |= static_cast<unsigned int>(m_masked[i] ^ m_mask[i] ^ other.m_masked[i] ^
+                                                other.m_mask[i]);
     }
     return difference == 0;
 }
 
 Clear::Clear(const Secret& secret)
 {
-    for (size_t i = 0; i != sizeof text_; ++i)
+    for (size_t i = 0; i != sizeof m_text; ++i)
     {
-        text_[i] = static_cast<char>(secret.masked_[i] ^ secret.mask_[i]);
+        m_text[i] = static_cast<char>(secret.m_masked[i] ^ secret.m_mask[i]);
     }
 }
 
 Clear::~Clear()
 {
-    explicit_bzero(text_, sizeof text_);
+    explicit_bzero(m_text, sizeof m_text);
 }
 
 }  // namespace travex_ftp

@@ -25,8 +25,8 @@ public:
 private:
     friend class Clear;
 
-    unsigned char masked_[kCapacity];
-    unsigned char mask_[kCapacity];
+    unsigned char m_masked[kCapacity];
+    unsigned char m_mask[kCapacity];
 };
 
 // It in clear, for a scope.
@@ -38,13 +38,13 @@ public:
     Clear(const Clear&) = delete;
     Clear& operator=(const Clear&) = delete;
 
-    const char* text() const
+    const char* Text() const
     {
-        return text_;
+        return m_text;
     }
 
 private:
-    char text_[Secret::kCapacity];
+    char m_text[Secret::kCapacity];
 };
 
 }  // namespace travex_ftp

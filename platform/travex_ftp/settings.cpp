@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/resolved_names.h"
+
 namespace travex_ftp
 {
 namespace
@@ -13,7 +15,7 @@ constexpr unsigned int kFtpPort = 21;
 constexpr unsigned int kImplicitPort = 990;  // TLS from the first byte on, by convention
 
 // The bytes behind an IPv4 address are not looked at.
-Address readAddress(unsigned int type, const unsigned char (&bytes)[16])
+Address ReadAddress(unsigned int type, const unsigned char (&bytes)[16])
 {
     Address address;
     address.length = type == 1 ? 16 : 4;
@@ -24,13 +26,13 @@ Address readAddress(unsigned int type, const unsigned char (&bytes)[16])
     return address;
 }
 
-std::string describe(const Address& address, unsigned int port)
+std::string Describe(const Address& address, unsigned int port)
 {
     const bool brackets = address.length == 16;
     return (brackets ? "[" : "") + address.literal + (brackets ? "]:" : ":") + std::to_string(port);
 }
 
-unsigned int portOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
+unsigned int PortOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
 {
     return record.ulServerPort == 0 ? kFtpPort : record.ulServerPort;
 }
@@ -38,50 +40,86 @@ unsigned int portOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
 // A text field of the record: terminated, not empty, free of control bytes where it becomes part of
 // a command. The text itself is not quoted: it may be the password.
 template <size_t N>
-bool checkText(const char (&text)[N], const char* name, bool command, Failure& failure)
+bool CheckText(const char (&text)[N], const char* name, bool command, Failure& failure)
 {
     if (memchr(text, '\0', N) == nullptr)
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s has no end", name);
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s has no end", name);
     }
     if (text[0] == '\0')
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s is empty", name);
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s is empty", name);
     }
-    if (command && hasControlByte(text))
+    if (command && HasControlByte(text))
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s holds a control byte", name);
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s holds a control byte", name);
     }
     return true;
 }
 
 // Numbers that have no meaning are refused rather than taken for one that has.
-bool checkNumbers(const tagTRAVEX_FTP_S_CTRL_PARAM& record, Failure& failure)
+bool CheckNumbers(const tagTRAVEX_FTP_S_CTRL_PARAM& record, Failure& failure)
 {
     if (record.ulServerType > 1)
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "server type %u is unknown",
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "server type %u is unknown",
                     record.ulServerType);
     }
     if (record.ulServerIpType > 1 || record.ulLocalIpType > 1)
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "address type %u is unknown",
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "address type %u is unknown",
                     std::max(record.ulServerIpType, record.ulLocalIpType));
     }
     if (record.ulServerPort > 65535)
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "port %u is out of range", record.ulServerPort);
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "port %u is out of range", record.ulServerPort);
     }
     if (record.ulCipherNum != 0 && record.piCipherList == nullptr)
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the cipher list is null");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the cipher list is null");
+    }
+    return true;
+}
+
+// The names of the trust text. An address there would be one that no certificate is checked for.
+bool TakeTrustNames(TlsPolicy& tls, Failure& failure)
+{
+    for (const std::string& name : tls.trust.names)
+    {
+        std::string normalized;
+        if (!NormalizeServerName(name.c_str(), normalized) || IsAddress(normalized))
+        {
+            return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: \"%s\" is no DNS name",
+                        name.c_str());
+        }
+        tls.identity.push_back(normalized);
+    }
+    return true;
+}
+
+// For whom the certificate must be; the first that applies.
+bool SettleIdentity(Settings& settings, const Identity& added, const std::string& converted,
+                    Failure& failure)
+{
+    TlsPolicy& tls = settings.tls;
+    if (!tls.verify || !tls.trust.names.empty())
+    {
+        return !tls.verify || TakeTrustNames(tls, failure);
+    }
+    tls.identity = added;
+    if (added.empty())
+    {
+        const std::string& listed = converted.empty() ? settings.server.literal : converted;
+        std::string normalized;
+        tls.identity.push_back(NormalizeServerName(listed.c_str(), normalized) ? normalized
+                                                                               : listed);
     }
     return true;
 }
 
 }  // namespace
 
-bool Address::zero() const
+bool Address::Zero() const
 {
     // ::ffff:0.0.0.0 is the IPv4 zero address in IPv6 clothes.
     static const unsigned char kMapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0};
@@ -89,7 +127,7 @@ bool Address::zero() const
            (length == 16 && memcmp(bytes, kMapped, sizeof kMapped) == 0);
 }
 
-bool hasControlByte(const char* text)
+bool HasControlByte(const char* text)
 {
     for (; *text != '\0'; ++text)
     {
@@ -103,45 +141,69 @@ bool hasControlByte(const char* text)
 }
 
 Settings::Settings(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
-    : server(readAddress(record.ulServerIpType, record.aucServerIp)),
-      port(portOf(record)),
-      serverText(describe(server, port)),
-      local(readAddress(record.ulLocalIpType, record.aucLocalIp)),
+    : server(ReadAddress(record.ulServerIpType, record.aucServerIp)),
+      port(PortOf(record)),
+      serverText(Describe(server, port)),
+      local(ReadAddress(record.ulLocalIpType, record.aucLocalIp)),
       user(record.acUserName),
       password(record.acPassword),
       workDir(record.acWorkDir)
 {
 }
 
-// The address with its port tells the family too; the work directory is the transfer's affair.
-bool Settings::sameConnection(const Settings& other) const
+bool Settings::SameLogin(const Settings& other) const
 {
-    return serverText == other.serverText && local.literal == other.local.literal &&
-           user == other.user && password == other.password && tls == other.tls;
+    return serverText == other.serverText && user == other.user && password == other.password &&
+           tls.encrypted == other.tls.encrypted;
 }
 
-std::shared_ptr<const Settings> readSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& record,
+// The address with its port tells the family too; the work directory is the transfer's affair.
+bool Settings::SameConnection(const Settings& other) const
+{
+    return SameLogin(other) && local.literal == other.local.literal && tls == other.tls;
+}
+
+std::shared_ptr<const Settings> ReadSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& record,
+                                             const Identity& added, const std::string& converted,
                                              Failure& failure)
 {
-    if (!checkNumbers(record, failure) ||
-        !checkText(record.acUserName, "user name", true, failure) ||
-        !checkText(record.acPassword, "password", true, failure) ||
-        !checkText(record.acWorkDir, "work directory", false, failure))
+    if (!CheckNumbers(record, failure) ||
+        !CheckText(record.acUserName, "user name", true, failure) ||
+        !CheckText(record.acPassword, "password", true, failure) ||
+        !CheckText(record.acWorkDir, "work directory", false, failure))
     {
         return nullptr;
     }
     auto settings = std::make_shared<Settings>(record);
     const bool implicit = settings->port == kImplicitPort;
-    if (!settings->tls.read(record, implicit, failure))
+    if (!settings->tls.Read(record, implicit, failure) ||
+        !SettleIdentity(*settings, added, converted, failure))
     {
         return nullptr;
     }
     return settings;
 }
 
-std::string serverOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
+std::string TakeConvertedText(const tagTRAVEX_FTP_S_CTRL_PARAM* record)
 {
-    return describe(readAddress(record.ulServerIpType, record.aucServerIp), portOf(record));
+    base::ResolvedNames& names = base::ResolvedNames::OfThisThread();
+    std::string text;
+    if (record != nullptr)
+    {
+        text = names.TextFor(record->ulServerIpType == 1 ? AF_INET6 : AF_INET, record->aucServerIp);
+    }
+    names.Forget();
+    return text;
+}
+
+std::string AddressKeyOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
+{
+    return base::AddressKey(record.ulServerIpType == 1 ? AF_INET6 : AF_INET, record.aucServerIp);
+}
+
+std::string ServerOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
+{
+    return Describe(ReadAddress(record.ulServerIpType, record.aucServerIp), PortOf(record));
 }
 
 }  // namespace travex_ftp

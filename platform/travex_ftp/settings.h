@@ -11,7 +11,7 @@
 
 namespace travex_ftp
 {
-// An address of the record: as bytes for the certificate, as a literal for the URL.
+// An address of the record: as bytes for the certificate, as text for sentences.
 struct Address
 {
     unsigned char bytes[16] = {};
@@ -19,7 +19,7 @@ struct Address
     std::string literal;  // "192.0.2.1", "2001:db8::1"
 
     // Of no use as a peer: connecting to it would reach the local host.
-    bool zero() const;
+    bool Zero() const;
 };
 
 // Immutable, and shared by the handle and by all tasks accepted with it.
@@ -38,18 +38,31 @@ struct Settings
 
     // A control connection made with the other settings serves these too: the same server, user,
     // local address and security. The work directory does not matter.
-    bool sameConnection(const Settings& other) const;
+    bool SameConnection(const Settings& other) const;
+
+    // The same server, user and password, in clear or encrypted.
+    bool SameLogin(const Settings& other) const;
 };
 
-// Checks and copies a record; null, with the reason, when it is refused. Throws std::bad_alloc.
-std::shared_ptr<const Settings> readSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& record,
+// Checks and copies a record; null, with the reason, when it is refused. `added` is what
+// TRAVEX_FTP_SetServerName added for its address, `converted` the text from which the calling
+// thread got it. Throws std::bad_alloc.
+std::shared_ptr<const Settings> ReadSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& record,
+                                             const Identity& added, const std::string& converted,
                                              Failure& failure);
 
+// The text that the calling thread converted first to the record's server address, else empty. The
+// thread's conversions are forgotten, also when there is no record.
+std::string TakeConvertedText(const tagTRAVEX_FTP_S_CTRL_PARAM* record);
+
+// The record's server address, as base::AddressKey has it.
+std::string AddressKeyOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record);
+
 // "192.0.2.1:21" as far as the record gives it, for the observation of a refusal.
-std::string serverOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record);
+std::string ServerOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record);
 
 // A byte that may end a command or hide in it.
-bool hasControlByte(const char* text);
+bool HasControlByte(const char* text);
 
 }  // namespace travex_ftp
 

@@ -16,7 +16,7 @@ struct LiveIds
     unsigned int last CORPDIR_GUARDED_BY(guard) = 0;
 };
 
-LiveIds& liveIds()
+LiveIds& TheIds()
 {
     static LiveIds* const ids = new LiveIds;
     return *ids;
@@ -26,21 +26,21 @@ LiveIds& liveIds()
 
 TaskId::TaskId()
 {
-    LiveIds& live = liveIds();
+    LiveIds& live = TheIds();
     const common::Hold hold(live.guard);
     // After four thousand million tasks the numbers start again, past those still in use.
     do
     {
         ++live.last;
     } while (live.last == 0 || !live.ids.insert(live.last).second);
-    value_ = live.last;
+    m_value = live.last;
 }
 
 TaskId::~TaskId()
 {
-    LiveIds& live = liveIds();
+    LiveIds& live = TheIds();
     const common::Hold hold(live.guard);
-    live.ids.erase(value_);
+    live.ids.erase(m_value);
 }
 
 }  // namespace travex_ftp

@@ -1,8 +1,7 @@
-// Handles and the downloads accepted on them.
+// Downloads that were accepted.
 #ifndef TRAVEX_FTP_TASK_H
 #define TRAVEX_FTP_TASK_H
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -12,18 +11,7 @@
 
 namespace travex_ftp
 {
-// What a handle that was handed out stands for. The client sees only a number, which is never used
-// again: a stale handle is found out however old it is.
-struct Handle
-{
-    // Set once, under the notifier's lock, so that afterwards no notification begins; read by the
-    // transfer thread to drop the handle's transfers.
-    std::atomic<bool> closed{false};
-
-    // Guarded by the layer's lock.
-    std::shared_ptr<const Settings> settings;
-    bool dataParam = false;
-};
+class Handle;
 
 // A task id, reserved while the object lives. Never 0, unique among live tasks.
 class TaskId
@@ -34,13 +22,13 @@ public:
     TaskId(const TaskId&) = delete;
     TaskId& operator=(const TaskId&) = delete;
 
-    unsigned int value() const
+    unsigned int Value() const
     {
-        return value_;
+        return m_value;
     }
 
 private:
-    unsigned int value_ = 0;
+    unsigned int m_value = 0;
 };
 
 struct Task
@@ -61,7 +49,7 @@ struct Task
         uint64_t bytes = 0;
         uint64_t total = UINT64_MAX;
         Failure failure{};  // of a task that is over; none: success
-        tagTRAVEX_FTP_S_COURSE course{};
+        tagTRAVEX_FTP_S_TIMINGS timings{};
     } news;
 
     // Links of the queue that the task waits in: to be transferred, to be told of. A task is in
@@ -84,62 +72,48 @@ public:
     ~TaskQueue()
     {
         // One by one: a chain of links would be destroyed recursively.
-        while (pop() != nullptr)
+        while (Pop() != nullptr)
         {
         }
     }
 
-    bool empty() const
+    bool Empty() const
     {
-        return first_ == nullptr;
+        return m_first == nullptr;
     }
 
-    Task* front() const
-    {
-        return first_.get();
-    }
-
-    void push(TaskPtr task)
+    void Push(TaskPtr task)
     {
         Task* const pushed = task.get();
-        (last_ == nullptr ? first_ : last_->*Next) = std::move(task);
-        last_ = pushed;
-    }
-
-    // Before all others.
-    void pushFront(TaskPtr task)
-    {
-        Task* const pushed = task.get();
-        pushed->*Next = std::move(first_);
-        first_ = std::move(task);
-        last_ = last_ == nullptr ? pushed : last_;
+        (m_last == nullptr ? m_first : m_last->*Next) = std::move(task);
+        m_last = pushed;
     }
 
     // Null when the queue is empty.
-    TaskPtr pop()
+    TaskPtr Pop()
     {
         TaskPtr task;
-        task.swap(first_);
+        task.swap(m_first);
         if (task != nullptr)
         {
-            first_ = std::move(task.get()->*Next);
-            last_ = first_ == nullptr ? nullptr : last_;
+            m_first = std::move(task.get()->*Next);
+            m_last = m_first == nullptr ? nullptr : m_last;
         }
         return task;
     }
 
     // Takes all tasks of the other queue behind its own.
-    void append(TaskQueue& other)
+    void Append(TaskQueue& other)
     {
-        while (TaskPtr task = other.pop())
+        while (TaskPtr task = other.Pop())
         {
-            push(std::move(task));
+            Push(std::move(task));
         }
     }
 
 private:
-    TaskPtr first_;
-    Task* last_ = nullptr;
+    TaskPtr m_first;
+    Task* m_last = nullptr;
 };
 
 }  // namespace travex_ftp

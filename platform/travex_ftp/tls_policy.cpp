@@ -24,31 +24,36 @@ public:
 
 }  // namespace
 
-bool TlsPolicy::read(const tagTRAVEX_FTP_S_CTRL_PARAM& record, bool implicitPort, Failure& failure)
+bool TlsPolicy::Read(const tagTRAVEX_FTP_S_CTRL_PARAM& record, bool implicitPort, Failure& failure)
 {
     const QuietErrors quiet;
     encrypted = record.ulServerType == 1;
-    if (!chooseSuites(record.piCipherList, record.ulCipherNum, suites, failure) || !encrypted)
+    if (!encrypted)
     {
-        return !failed(failure);
+        return true;
+    }
+    if (!ChooseSuites(record.piCipherList, record.ulCipherNum, suites, failure))
+    {
+        return false;
     }
     verify = record.ulCertVerify != 0;
     veto = record.pfnFtpsVerify;
     // Whoever does not check certificates need not say whom to trust.
     const bool given = record.pcFtpCtrlInfo != nullptr && *record.pcFtpCtrlInfo != '\0';
-    if ((verify || given) && !parseTrustText(record.pcFtpCtrlInfo, trust, failure))
+    if ((verify || given) && !ParseTrustText(record.pcFtpCtrlInfo, trust, failure))
     {
         return false;
     }
     implicit = implicitPort || trust.implicit;
-    return !verify || loadAnchors(trust.authorities, anchors, failure);
+    return !verify || LoadAnchors(trust.authorities, anchors, failure);
 }
 
 bool TlsPolicy::operator==(const TlsPolicy& other) const
 {
     return encrypted == other.encrypted && implicit == other.implicit && verify == other.verify &&
-           veto == other.veto && suites == other.suites && trust.names == other.trust.names &&
-           trust.authorities == other.trust.authorities && anchors.digest == other.anchors.digest;
+           veto == other.veto && identity == other.identity && suites == other.suites &&
+           trust.names == other.trust.names && trust.authorities == other.trust.authorities &&
+           anchors.digest == other.anchors.digest;
 }
 
 }  // namespace travex_ftp

@@ -4,6 +4,7 @@
 
 #include "cipher_suites.h"
 #include "failure.h"
+#include "identity.h"
 #include "trust.h"
 
 namespace travex_ftp
@@ -16,13 +17,13 @@ struct TlsPolicy
     bool verify = false;     // chain, dates and identity
     CipherSuites suites;
     TrustText trust;
+    Identity identity;                    // with verify only
     Anchors anchors;                      // with verify only
     TRAVEX_FTP_VERIFY_CB veto = nullptr;  // the client's last word
 
-    // Takes the TLS side of a record. Suites are looked up for plain FTP too, where they have no
-    // effect: an unknown one is an error of the caller. The trust text is read for FTPS, and its
-    // files when certificates are checked. Throws std::bad_alloc.
-    bool read(const tagTRAVEX_FTP_S_CTRL_PARAM& record, bool implicitPort, Failure& failure);
+    // Takes the TLS side of a record, which plain FTP has none of. The files of the trust text are
+    // read when certificates are checked. Throws std::bad_alloc.
+    bool Read(const tagTRAVEX_FTP_S_CTRL_PARAM& record, bool implicitPort, Failure& failure);
 
     bool operator==(const TlsPolicy& other) const;
 };

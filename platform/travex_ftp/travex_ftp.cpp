@@ -1,12 +1,15 @@
 #include "travex_ftp.h"
 
+#include <openssl/crypto.h>
+#include <sys/socket.h>
+
 #include <climits>
 #include <cstring>
 #include <new>
 #include <system_error>
 
+#include "base/resolved_names.h"
 #include "cipher_suites.h"
-#include "curl_options.h"
 #include "download_file.h"
 #include "layer.h"
 #include "log.h"
@@ -22,9 +25,9 @@ constexpr size_t kLongestServerFile = sizeof(tagTRAVEX_FTP_S_NOTIFY_DATA::DownFi
 // Runs the body of a public function: in the child of a fork it does not run at all, and lack of
 // memory becomes a code.
 template <typename Body>
-unsigned int guarded(Body body)
+unsigned int Guarded(Body body)
 {
-    if (Layer::forked())
+    if (Layer::Forked())
     {
         return TRAVEX_FTP_ERR_SYSTEM;
     }
@@ -39,7 +42,7 @@ unsigned int guarded(Body body)
 }
 
 // Logs a refusal and tells the observer, on the caller's thread. Returns its code.
-unsigned int refused(const char* what, const Failure& failure, const char* server, const char* file)
+unsigned int Refused(const char* what, const Failure& failure, const char* server, const char* file)
 {
     TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s refused: %s", server, what, failure.acReason);
     tagTRAVEX_FTP_S_OBSERVATION seen{};
@@ -49,118 +52,122 @@ unsigned int refused(const char* what, const Failure& failure, const char* serve
     seen.ullTotal = TRAVEX_FTP_SIZE_UNKNOWN;
     seen.ulRet = failure.ulRet;
     seen.pcReason = failure.acReason;
-    observe(seen);
+    Observe(seen);
     return failure.ulRet;
 }
 
 // Tells the observer, on the caller's thread.
-void accepted(const Task& task)
+void Accepted(const Task& task)
 {
     tagTRAVEX_FTP_S_OBSERVATION seen{};
     seen.ulKind = TRAVEX_FTP_OBSERVED_ACCEPTED;
-    seen.ulTaskID = task.id.value();
+    seen.ulTaskID = task.id.Value();
     seen.pcServer = task.settings->serverText.c_str();
     seen.pcServerFile = task.serverFile.c_str();
     seen.ullTotal = TRAVEX_FTP_SIZE_UNKNOWN;
     seen.pcReason = "";
-    observe(seen);
+    Observe(seen);
 }
 
-const char* handleReason(unsigned int code)
+const char* HandleReason(unsigned int code)
 {
     return code == TRAVEX_FTP_ERR_NOT_INIT ? "the layer is not initialised"
                                            : "the handle is not open";
 }
 
-// The layer with this handle, null with the reason if there is none.
-std::shared_ptr<Layer> layerOf(TRAVEX_FTP_HANDLE handle, Layer::View& view, Failure& failure)
+// The handle, null with the reason if there is none.
+std::shared_ptr<Handle> FindHandle(const std::shared_ptr<Layer>& layer, TRAVEX_FTP_HANDLE number,
+                                   Failure& failure)
 {
-    std::shared_ptr<Layer> layer = Layer::running();
-    if (layer != nullptr && layer->look(handle, view))
+    std::shared_ptr<Handle> handle = layer != nullptr ? layer->Find(number) : nullptr;
+    if (handle == nullptr)
     {
-        return layer;
+        const unsigned int code =
+            layer == nullptr ? TRAVEX_FTP_ERR_NOT_INIT : TRAVEX_FTP_ERR_HANDLE;
+        (void)Fail(failure, code, "%s", HandleReason(code));
     }
-    const unsigned int code = layer == nullptr ? TRAVEX_FTP_ERR_NOT_INIT : TRAVEX_FTP_ERR_HANDLE;
-    (void)fail(failure, code, "%s", handleReason(code));
-    return nullptr;
+    return handle;
 }
 
 // Suites and trust anchors are looked up here, on the caller's thread and without a lock: a mistake
-// in them is reported at once, and the transfer thread reads no files.
-unsigned int setCtrlParam(TRAVEX_FTP_HANDLE handle, const tagTRAVEX_FTP_S_CTRL_PARAM& record)
+// in them is reported at once. Of the system's trust store files are read during a handshake too.
+unsigned int SetCtrlParam(TRAVEX_FTP_HANDLE number, const tagTRAVEX_FTP_S_CTRL_PARAM& record,
+                          const std::string& converted)
 {
     Failure failure{};
-    Layer::View view;
-    const std::shared_ptr<Layer> layer = layerOf(handle, view, failure);
-    if (layer != nullptr)
+    const std::shared_ptr<Layer> layer = Layer::Running();
+    const std::shared_ptr<Handle> handle = FindHandle(layer, number, failure);
+    if (handle != nullptr)
     {
-        const std::shared_ptr<const Settings> settings = readSettings(record, failure);
-        if (settings != nullptr && layer->setSettings(handle, settings))
+        const Identity added = layer->Names().Of(AddressKeyOf(record));
+        const std::shared_ptr<const Settings> settings =
+            ReadSettings(record, added, converted, failure);
+        if (settings != nullptr)
         {
+            handle->SetSettings(settings);
             return TRAVEX_FTP_OK;
         }
-        // Between the two looks another thread may have closed it.
-        (void)fail(failure, TRAVEX_FTP_ERR_HANDLE, "%s", handleReason(TRAVEX_FTP_ERR_HANDLE));
     }
-    return refused("control parameters", failure, serverOf(record).c_str(), "");
+    return Refused("control parameters", failure, ServerOf(record).c_str(), "");
 }
 
 // The file becomes part of commands: what could end one, or hide in one, is refused.
-bool checkServerFile(const char* serverFile, Failure& failure)
+bool CheckServerFile(const char* serverFile, Failure& failure)
 {
     if (serverFile == nullptr || *serverFile == '\0')
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is empty");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is empty");
     }
     const size_t length = strnlen(serverFile, kLongestServerFile + 1);
     if (length > kLongestServerFile)
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is longer than %zu bytes",
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is longer than %zu bytes",
                     kLongestServerFile);
     }
-    if (hasControlByte(serverFile))
+    if (HasControlByte(serverFile))
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file holds a control byte");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file holds a control byte");
     }
-    // libcurl would list the directory instead.
+    // No file has such a name, and some servers would list the directory.
     if (serverFile[length - 1] == '/')
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is a directory");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is a directory");
     }
     return true;
 }
 
 // A plain name cannot lead out of the directory.
-bool checkLocalFile(const char* localFile, Failure& failure)
+bool CheckLocalFile(const char* localFile, Failure& failure)
 {
     if (localFile == nullptr || *localFile == '\0' || strnlen(localFile, NAME_MAX + 1) > NAME_MAX)
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file is empty or too long");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file is empty or too long");
     }
     if (strchr(localFile, '/') != nullptr || strcmp(localFile, ".") == 0 ||
         strcmp(localFile, "..") == 0)
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file \"%s\" is not a plain name",
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file \"%s\" is not a plain name",
                     localFile);
     }
     // The next download into that directory would take it for an orphan.
-    if (isTemporaryName(localFile))
+    if (IsTemporaryName(localFile))
     {
-        return fail(failure, TRAVEX_FTP_ERR_PARAM,
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM,
                     "the local file \"%s\" has the name of a temporary file", localFile);
     }
     return true;
 }
 
-bool checkParameters(const Layer::View& view, Failure& failure)
+bool CheckParameters(const std::shared_ptr<const Settings>& settings, bool dataParam,
+                     Failure& failure)
 {
-    return (view.settings != nullptr && view.dataParam) ||
-           fail(failure, TRAVEX_FTP_ERR_NOT_SET, "the %s parameters were not set",
-                view.settings == nullptr ? "control" : "data");
+    return (settings != nullptr && dataParam) ||
+           Fail(failure, TRAVEX_FTP_ERR_NOT_SET, "the %s parameters were not set",
+                settings == nullptr ? "control" : "data");
 }
 
 // An absolute `dir` stands for itself.
-std::string directoryOf(const std::string& workDir, const char* dir)
+std::string DirectoryOf(const std::string& workDir, const char* dir)
 {
     if (dir == nullptr || *dir == '\0')
     {
@@ -169,39 +176,68 @@ std::string directoryOf(const std::string& workDir, const char* dir)
     return *dir == '/' ? dir : workDir + "/" + dir;
 }
 
-// The parameters are taken as they stand: the task shares the settings, which never change.
-unsigned int download(TRAVEX_FTP_HANDLE handle, unsigned int* taskId, const char* serverFile,
+// The parameters are taken as they are now: the task shares the settings, which never change.
+unsigned int Download(TRAVEX_FTP_HANDLE number, unsigned int* taskId, const char* serverFile,
                       const char* dir, const char* localFile, TRAVEX_FTP_NOTIFY_CB callback)
 {
     Failure failure{};
-    Layer::View view;
     if (taskId == nullptr)
     {
-        (void)fail(failure, TRAVEX_FTP_ERR_PARAM, "there is no place for the task id");
+        (void)Fail(failure, TRAVEX_FTP_ERR_PARAM, "there is no place for the task id");
     }
-    const std::shared_ptr<Layer> layer = layerOf(handle, view, failure);
-    if (taskId == nullptr || layer == nullptr || !checkParameters(view, failure) ||
-        !checkServerFile(serverFile, failure) || !checkLocalFile(localFile, failure))
+    const std::shared_ptr<Handle> handle = FindHandle(Layer::Running(), number, failure);
+    const std::shared_ptr<const Settings> settings =
+        handle != nullptr ? handle->CurrentSettings() : nullptr;
+    if (taskId == nullptr || handle == nullptr ||
+        !CheckParameters(settings, handle->DataParamSet(), failure) ||
+        !CheckServerFile(serverFile, failure) || !CheckLocalFile(localFile, failure))
     {
-        const char* const server = view.settings ? view.settings->serverText.c_str() : "";
-        return refused("download", failure, server, serverFile != nullptr ? serverFile : "");
+        const char* const server = settings ? settings->serverText.c_str() : "";
+        return Refused("download", failure, server, serverFile != nullptr ? serverFile : "");
     }
     const TaskPtr task(new Task{{},
-                                view.handle,
-                                view.settings,
+                                handle,
+                                settings,
                                 serverFile,
-                                directoryOf(view.settings->workDir, dir),
+                                DirectoryOf(settings->workDir, dir),
                                 localFile,
                                 callback,
                                 {},
                                 {},
                                 {}});
-    // Before anything can be told of the task.
-    // The caller may read the id on the notification thread meanwhile, for another task of its own.
-    __atomic_store_n(taskId, task->id.value(), __ATOMIC_RELEASE);
-    accepted(*task);
-    layer->submit(task);
+    handle->StartThread();
+    // Before anything can be reported of the task. The caller may read the id on the notification
+    // thread meanwhile, for another task of its own.
+    __atomic_store_n(taskId, task->id.Value(), __ATOMIC_RELEASE);
+    Accepted(*task);
+    handle->Submit(task);
     return TRAVEX_FTP_OK;
+}
+
+unsigned int SetServerName(unsigned int ipType, const unsigned char* address, const char* name)
+{
+    const std::shared_ptr<Layer> layer = Layer::Running();
+    if (layer == nullptr)
+    {
+        return TRAVEX_FTP_ERR_NOT_INIT;
+    }
+    if (address == nullptr)
+    {
+        layer->Names().ForgetAll();
+        return TRAVEX_FTP_OK;
+    }
+    const std::string key = base::AddressKey(ipType == 1 ? AF_INET6 : AF_INET, address);
+    std::string normalized;
+    if (ipType > 1 || (name != nullptr && !NormalizeServerName(name, normalized)))
+    {
+        return TRAVEX_FTP_ERR_PARAM;
+    }
+    if (name == nullptr)
+    {
+        layer->Names().Forget(key);
+        return TRAVEX_FTP_OK;
+    }
+    return layer->Names().Add(key, normalized) ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_SYSTEM;
 }
 
 }  // namespace
@@ -211,15 +247,15 @@ using namespace travex_ftp;
 
 unsigned int TRAVEX_FTP_Init()
 {
-    return guarded([] { return Layer::init() ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_SYSTEM; });
+    return Guarded([] { return Layer::Init() ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_SYSTEM; });
 }
 
 unsigned int TRAVEX_FTP_UnInit()
 {
-    return guarded(
+    return Guarded(
         []
         {
-            Layer::uninit();
+            Layer::Uninit();
             return TRAVEX_FTP_OK;
         });
 }
@@ -227,11 +263,11 @@ unsigned int TRAVEX_FTP_UnInit()
 TRAVEX_FTP_HANDLE TRAVEX_FTP_CreateHandle()
 {
     TRAVEX_FTP_HANDLE handle = nullptr;
-    (void)guarded(
+    (void)Guarded(
         [&handle]
         {
-            const std::shared_ptr<Layer> layer = Layer::running();
-            handle = layer != nullptr ? layer->createHandle() : nullptr;
+            const std::shared_ptr<Layer> layer = Layer::Running();
+            handle = layer != nullptr ? layer->CreateHandle() : nullptr;
             return TRAVEX_FTP_OK;
         });
     return handle;
@@ -239,25 +275,26 @@ TRAVEX_FTP_HANDLE TRAVEX_FTP_CreateHandle()
 
 unsigned int TRAVEX_FTP_CloseHandle(TRAVEX_FTP_HANDLE handle)
 {
-    return guarded(
+    return Guarded(
         [handle]
         {
-            const std::shared_ptr<Layer> layer = Layer::running();
+            const std::shared_ptr<Layer> layer = Layer::Running();
             if (layer == nullptr)
             {
                 return TRAVEX_FTP_ERR_NOT_INIT;
             }
-            return layer->closeHandle(handle) ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_HANDLE;
+            return layer->CloseHandle(handle) ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_HANDLE;
         });
 }
 
 unsigned int TRAVEX_FTP_SetCtrlParam(TRAVEX_FTP_HANDLE handle,
                                      const tagTRAVEX_FTP_S_CTRL_PARAM* param)
 {
-    return guarded(
+    return Guarded(
         [=]
         {
-            return param != nullptr ? setCtrlParam(handle, *param)
+            const std::string converted = TakeConvertedText(param);
+            return param != nullptr ? SetCtrlParam(handle, *param, converted)
                                     : static_cast<unsigned int>(TRAVEX_FTP_ERR_PARAM);
         });
 }
@@ -265,15 +302,20 @@ unsigned int TRAVEX_FTP_SetCtrlParam(TRAVEX_FTP_HANDLE handle,
 unsigned int TRAVEX_FTP_SetDataParam(TRAVEX_FTP_HANDLE handle,
                                      const tagTRAVEX_FTP_S_DATA_PARAM* param)
 {
-    return guarded(
+    return Guarded(
         [=]() -> unsigned int
         {
-            const std::shared_ptr<Layer> layer = Layer::running();
+            const std::shared_ptr<Layer> layer = Layer::Running();
             if (param == nullptr || layer == nullptr)
             {
                 return param == nullptr ? TRAVEX_FTP_ERR_PARAM : TRAVEX_FTP_ERR_NOT_INIT;
             }
-            return layer->setDataParam(handle) ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_HANDLE;
+            const std::shared_ptr<Handle> found = layer->Find(handle);
+            if (found != nullptr)
+            {
+                found->SetDataParam();
+            }
+            return found != nullptr ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_HANDLE;
         });
 }
 
@@ -281,28 +323,44 @@ unsigned int TRAVEX_FTP_AsynDownloadFile(TRAVEX_FTP_HANDLE handle, unsigned int*
                                          const char* serverFile, const char* dir,
                                          const char* localFile, TRAVEX_FTP_NOTIFY_CB callback)
 {
-    return guarded([=] { return download(handle, taskId, serverFile, dir, localFile, callback); });
+    return Guarded([=] { return Download(handle, taskId, serverFile, dir, localFile, callback); });
 }
 
 unsigned int TRAVEX_FTP_ListCiphers(TRAVEX_FTP_CIPHER_CB callback, void* user)
 {
-    return guarded(
+    return Guarded(
         [=]
         {
-            const bool listed = callback == nullptr || listSuites(callback, user);
+            const bool listed = callback == nullptr || ListSuites(callback, user);
             return listed ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_SYSTEM;
+        });
+}
+
+unsigned int TRAVEX_FTP_SetServerName(unsigned int ipType, const unsigned char* address,
+                                      const char* name)
+{
+    return Guarded([=]() -> unsigned int { return SetServerName(ipType, address, name); });
+}
+
+unsigned int TRAVEX_FTP_SetLimits(const tagTRAVEX_FTP_S_LIMITS* limits)
+{
+    return Guarded(
+        [limits]
+        {
+            SetLimits(limits);
+            return TRAVEX_FTP_OK;
         });
 }
 
 const char* TRAVEX_FTP_Libraries()
 {
-    return libraries();
+    return OpenSSL_version(OPENSSL_VERSION);
 }
 
 void TRAVEX_FTP_SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
 {
-    if (!Layer::forked())
+    if (!Layer::Forked())
     {
-        setObserver(observer, user);
+        SetObserver(observer, user);
     }
 }

@@ -38,13 +38,13 @@ struct Freed
 constexpr off_t kLargestFile = 16777216;
 
 // Refuses a trust text for a file or a directory of it.
-bool refuse(Failure& failure, const std::string& path, const char* reason)
+bool Refuse(Failure& failure, const std::string& path, const char* reason)
 {
-    return fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", path.c_str(), reason);
+    return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", path.c_str(), reason);
 }
 
 // Empties this thread's queue of OpenSSL's errors, and tells whether lack of memory was among them.
-bool outOfMemory()
+bool OutOfMemory()
 {
     bool found = false;
     for (unsigned long error = ERR_get_error(); error != 0; error = ERR_get_error())
@@ -54,13 +54,13 @@ bool outOfMemory()
     return found;
 }
 
-bool readError(BIO* file)
+bool ReadError(BIO* file)
 {
     FILE* stream = nullptr;
     return BIO_get_fp(file, &stream) == 1 && ferror(stream) != 0;
 }
 
-std::vector<std::string> split(const std::string& text, char separator)
+std::vector<std::string> Split(const std::string& text, char separator)
 {
     std::vector<std::string> parts;
     for (size_t begin = 0; begin <= text.size();)
@@ -75,7 +75,7 @@ std::vector<std::string> split(const std::string& text, char separator)
     return parts;
 }
 
-bool parsePair(const std::string& pair, TrustText& trust, Failure& failure)
+bool ParsePair(const std::string& pair, TrustText& trust, Failure& failure)
 {
     const size_t equals = pair.find('=');
     const std::string key = pair.substr(0, equals);
@@ -86,7 +86,7 @@ bool parsePair(const std::string& pair, TrustText& trust, Failure& failure)
     }
     else if (key == "name" && !value.empty())
     {
-        trust.names = split(value, ',');
+        trust.names = Split(value, ',');
     }
     else if (key == "tls" && value == "implicit")
     {
@@ -94,7 +94,7 @@ bool parsePair(const std::string& pair, TrustText& trust, Failure& failure)
     }
     else
     {
-        return fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: \"%s\" is not understood",
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: \"%s\" is not understood",
                     pair.c_str());
     }
     return true;
@@ -104,24 +104,25 @@ bool parsePair(const std::string& pair, TrustText& trust, Failure& failure)
 class Loader
 {
 public:
-    Loader() : store_(X509_STORE_new(), X509_STORE_free), digest_(EVP_MD_CTX_new()) {}
+    Loader() : m_store(X509_STORE_new(), X509_STORE_free), m_digest(EVP_MD_CTX_new()) {}
 
-    bool ready()
+    bool Ready()
     {
-        return store_ && digest_ && EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr) == 1 &&
-               // As in curl: any certificate of the trust text is an anchor, an intermediate one
+        return m_store && m_digest &&
+               EVP_DigestInit_ex(m_digest.get(), EVP_sha256(), nullptr) == 1 &&
+               // Any certificate of the trust text is an anchor, an intermediate one
                // and a server's own included.
-               X509_STORE_set_flags(store_.get(), X509_V_FLAG_PARTIAL_CHAIN) == 1;
+               X509_STORE_set_flags(m_store.get(), X509_V_FLAG_PARTIAL_CHAIN) == 1;
     }
 
-    bool useSystem()
+    bool UseSystem()
     {
-        return X509_STORE_set_default_paths(store_.get()) == 1;
+        return X509_STORE_set_default_paths(m_store.get()) == 1;
     }
 
     // Takes what the file holds; a file without PEM text holds nothing. What cannot be read is a
     // failure: it may be a revocation list.
-    bool addFile(const std::string& path, Failure& failure)
+    bool AddFile(const std::string& path, Failure& failure)
     {
         ERR_clear_error();
         const std::unique_ptr<BIO, Freed> file(BIO_new_file(path.c_str(), "re"));
@@ -129,50 +130,50 @@ public:
         {
             const int error = errno;
             ERR_clear_error();
-            return refuse(failure, path, systemError(error));
+            return Refuse(failure, path, SystemError(error));
         }
         const std::unique_ptr<STACK_OF(X509_INFO), Freed> infos(
-            PEM_X509_INFO_read_bio(file.get(), nullptr, refusePassphrase, nullptr));
-        const bool memory = outOfMemory();
+            PEM_X509_INFO_read_bio(file.get(), nullptr, RefusePassphrase, nullptr));
+        const bool memory = OutOfMemory();
         // OpenSSL takes it for the end of the file.
-        if (readError(file.get()))
+        if (ReadError(file.get()))
         {
-            return refuse(failure, path, "it cannot be read");
+            return Refuse(failure, path, "it cannot be read");
         }
         if (!infos)
         {
-            return memory ? failSystem(failure, "trust store")
-                          : refuse(failure, path, "it holds a broken PEM block");
+            return memory ? FailSystem(failure, "trust store")
+                          : Refuse(failure, path, "it holds a broken PEM block");
         }
         for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i)
         {
             if (!add(*sk_X509_INFO_value(infos.get(), i)))
             {
-                return outOfMemory() ? failSystem(failure, "trust store")
-                                     : refuse(failure, path, "the trust store does not take it");
+                return OutOfMemory() ? FailSystem(failure, "trust store")
+                                     : Refuse(failure, path, "the trust store does not take it");
             }
         }
         return true;
     }
 
-    bool finish(Anchors& anchors)
+    bool Finish(Anchors& anchors)
     {
-        if (lists_ != 0)
+        if (m_lists != 0)
         {
-            X509_STORE_set_flags(store_.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
+            X509_STORE_set_flags(m_store.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
         }
-        anchors.store = store_;
-        return EVP_DigestFinal_ex(digest_.get(), anchors.digest.data(), nullptr) == 1;
+        anchors.store = m_store;
+        return EVP_DigestFinal_ex(m_digest.get(), anchors.digest.data(), nullptr) == 1;
     }
 
-    unsigned int certificates() const
+    unsigned int Certificates() const
     {
-        return certificates_;
+        return m_certificates;
     }
 
 private:
     // A private key that shares the file is skipped, not asked about on the terminal.
-    static int refusePassphrase(char*, int, int, void*)
+    static int RefusePassphrase(char*, int, int, void*)
     {
         return -1;
     }
@@ -184,20 +185,20 @@ private:
         unsigned int length = 0;
         if (info.x509 != nullptr)
         {
-            ++certificates_;
-            if (X509_STORE_add_cert(store_.get(), info.x509) != 1 ||
+            ++m_certificates;
+            if (X509_STORE_add_cert(m_store.get(), info.x509) != 1 ||
                 X509_digest(info.x509, EVP_sha256(), hash, &length) != 1 ||
-                EVP_DigestUpdate(digest_.get(), hash, length) != 1)
+                EVP_DigestUpdate(m_digest.get(), hash, length) != 1)
             {
                 return false;
             }
         }
         if (info.crl != nullptr)
         {
-            ++lists_;
-            if (X509_STORE_add_crl(store_.get(), info.crl) != 1 ||
+            ++m_lists;
+            if (X509_STORE_add_crl(m_store.get(), info.crl) != 1 ||
                 X509_CRL_digest(info.crl, EVP_sha256(), hash, &length) != 1 ||
-                EVP_DigestUpdate(digest_.get(), hash, length) != 1)
+                EVP_DigestUpdate(m_digest.get(), hash, length) != 1)
             {
                 return false;
             }
@@ -205,20 +206,20 @@ private:
         return true;
     }
 
-    std::shared_ptr<X509_STORE> store_;
-    std::unique_ptr<EVP_MD_CTX, Freed> digest_;
-    unsigned int certificates_ = 0;
-    unsigned int lists_ = 0;
+    std::shared_ptr<X509_STORE> m_store;
+    std::unique_ptr<EVP_MD_CTX, Freed> m_digest;
+    unsigned int m_certificates = 0;
+    unsigned int m_lists = 0;
 };
 
 // Adds what a path leads to, if it is a regular file. A name that has gone, or leads nowhere, is as
 // one that was never there.
-bool listFile(const std::string& path, std::vector<std::string>& files, Failure& failure)
+bool ListFile(const std::string& path, std::vector<std::string>& files, Failure& failure)
 {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0)
     {
-        return errno == ENOENT || refuse(failure, path, systemError(errno));
+        return errno == ENOENT || Refuse(failure, path, SystemError(errno));
     }
     if (!S_ISREG(status.st_mode))
     {
@@ -226,7 +227,7 @@ bool listFile(const std::string& path, std::vector<std::string>& files, Failure&
     }
     if (status.st_size > kLargestFile)
     {
-        return refuse(failure, path, "it is too large");
+        return Refuse(failure, path, "it is too large");
     }
     files.push_back(path);
     return true;
@@ -234,12 +235,12 @@ bool listFile(const std::string& path, std::vector<std::string>& files, Failure&
 
 // Regular files of a directory in the order of their names, so that the digest does not depend on
 // the directory's own order.
-bool listFiles(const std::string& path, std::vector<std::string>& files, Failure& failure)
+bool ListFiles(const std::string& path, std::vector<std::string>& files, Failure& failure)
 {
     const std::unique_ptr<DIR, Freed> directory(opendir(path.c_str()));
     if (!directory)
     {
-        return refuse(failure, path, systemError(errno));
+        return Refuse(failure, path, SystemError(errno));
     }
     for (;;)
     {
@@ -250,57 +251,57 @@ bool listFiles(const std::string& path, std::vector<std::string>& files, Failure
         {
             break;
         }
-        if (!listFile(path + "/" + entry->d_name, files, failure))
+        if (!ListFile(path + "/" + entry->d_name, files, failure))
         {
             return false;
         }
     }
     if (errno != 0)
     {
-        return refuse(failure, path, systemError(errno));
+        return Refuse(failure, path, SystemError(errno));
     }
     std::sort(files.begin(), files.end());
     return true;
 }
 
 // The files that an authorities path stands for.
-bool expand(const std::string& path, std::vector<std::string>& files, Failure& failure)
+bool Expand(const std::string& path, std::vector<std::string>& files, Failure& failure)
 {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0)
     {
-        return refuse(failure, path, systemError(errno));
+        return Refuse(failure, path, SystemError(errno));
     }
     if (S_ISDIR(status.st_mode))
     {
-        return listFiles(path, files, failure);
+        return ListFiles(path, files, failure);
     }
     if (!S_ISREG(status.st_mode) || status.st_size > kLargestFile)
     {
-        return fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s is no file of certificates",
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s is no file of certificates",
                     path.c_str());
     }
     files.push_back(path);
     return true;
 }
 
-bool loadFiles(const std::string& path, Loader& loader, Failure& failure)
+bool LoadFiles(const std::string& path, Loader& loader, Failure& failure)
 {
     std::vector<std::string> files;
-    if (!expand(path, files, failure))
+    if (!Expand(path, files, failure))
     {
         return false;
     }
     for (const std::string& file : files)
     {
-        if (!loader.addFile(file, failure))
+        if (!loader.AddFile(file, failure))
         {
             return false;
         }
     }
-    if (loader.certificates() == 0)
+    if (loader.Certificates() == 0)
     {
-        return fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s holds no certificate",
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s holds no certificate",
                     path.c_str());
     }
     return true;
@@ -308,11 +309,11 @@ bool loadFiles(const std::string& path, Loader& loader, Failure& failure)
 
 }  // namespace
 
-bool parseTrustText(const char* text, TrustText& trust, Failure& failure)
+bool ParseTrustText(const char* text, TrustText& trust, Failure& failure)
 {
     if (text == nullptr || *text == '\0')
     {
-        return fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: it is empty");
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: it is empty");
     }
     const std::string whole = text;
     // A path may hold "=" too, but only behind a "/".
@@ -322,9 +323,9 @@ bool parseTrustText(const char* text, TrustText& trust, Failure& failure)
         trust.authorities = whole;
         return true;
     }
-    for (const std::string& pair : split(whole, ';'))
+    for (const std::string& pair : Split(whole, ';'))
     {
-        if (!parsePair(pair, trust, failure))
+        if (!ParsePair(pair, trust, failure))
         {
             return false;
         }
@@ -332,20 +333,20 @@ bool parseTrustText(const char* text, TrustText& trust, Failure& failure)
     return true;
 }
 
-bool loadAnchors(const std::string& authorities, Anchors& anchors, Failure& failure)
+bool LoadAnchors(const std::string& authorities, Anchors& anchors, Failure& failure)
 {
     Loader loader;
-    if (!loader.ready())
+    if (!loader.Ready())
     {
-        return failSystem(failure, "trust store");
+        return FailSystem(failure, "trust store");
     }
     if (authorities == "system")
     {
-        return (loader.useSystem() && loader.finish(anchors)) ||
-               failSystem(failure, "the system's trust store");
+        return (loader.UseSystem() && loader.Finish(anchors)) ||
+               FailSystem(failure, "the system's trust store");
     }
-    return loadFiles(authorities, loader, failure) &&
-           (loader.finish(anchors) || failSystem(failure, "trust store"));
+    return LoadFiles(authorities, loader, failure) &&
+           (loader.Finish(anchors) || FailSystem(failure, "trust store"));
 }
 
 }  // namespace travex_ftp

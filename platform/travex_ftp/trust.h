@@ -22,7 +22,7 @@ struct TrustText
 };
 
 // "key=value;key=value", "system" or a path. Throws std::bad_alloc.
-bool parseTrustText(const char* text, TrustText& trust, Failure& failure);
+bool ParseTrustText(const char* text, TrustText& trust, Failure& failure);
 
 // Trust anchors, and the revocation lists that lie beside them. Immutable, and used by several
 // threads at once.
@@ -38,7 +38,7 @@ struct Anchors
 // the system's store. No system anchor is added to private ones. A file that is there and cannot be
 // read whole is a failure: without its revocation lists too much would be believed. Throws
 // std::bad_alloc.
-bool loadAnchors(const std::string& authorities, Anchors& anchors, Failure& failure);
+bool LoadAnchors(const std::string& authorities, Anchors& anchors, Failure& failure);
 
 }  // namespace travex_ftp
 

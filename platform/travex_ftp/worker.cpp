@@ -17,8 +17,8 @@ std::atomic<bool> g_exiting{false};
 std::atomic<bool> g_unwaited{false};
 
 // A thread made meanwhile has all signals blocked but those of its own faults. The program's
-// signals are the program's threads' business, and SIGPIPE must not end the process: with
-// CURLOPT_NOSIGNAL libcurl leaves that to us.
+// signals are the program's threads' business, and SIGPIPE must not end the process:
+// OpenSSL writes to sockets without MSG_NOSIGNAL.
 class SignalsBlocked
 {
 public:
@@ -30,112 +30,112 @@ public:
         {
             (void)sigdelset(&blocked, fault);
         }
-        (void)pthread_sigmask(SIG_BLOCK, &blocked, &before_);
+        (void)pthread_sigmask(SIG_BLOCK, &blocked, &m_before);
     }
     ~SignalsBlocked()
     {
-        (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+        (void)pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
     SignalsBlocked(const SignalsBlocked&) = delete;
     SignalsBlocked& operator=(const SignalsBlocked&) = delete;
 
 private:
-    sigset_t before_;
+    sigset_t m_before;
 };
 
 }  // namespace
 
-void Worker::start(std::function<void()> body)
+void Worker::Start(std::function<void()> body)
 {
     {
-        const common::Hold hold(guard_);
-        state_ = State::Running;
+        const common::Hold hold(m_guard);
+        m_state = State::kRunning;
     }
     // Before the thread exists, which may be over before this function is.
     try
     {
         const SignalsBlocked blocked;
-        thread_ = std::thread(
+        m_thread = std::thread(
             [this, run = std::move(body)]
             {
                 t_worker = this;
                 run();
-                const common::Hold hold(guard_);
-                state_ = State::Over;
-                changed_.NotifyAll();
+                const common::Hold hold(m_guard);
+                m_state = State::kOver;
+                m_changed.NotifyAll();
             });
     }
     catch (...)
     {
-        const common::Hold hold(guard_);
-        state_ = State::Idle;
+        const common::Hold hold(m_guard);
+        m_state = State::kIdle;
         throw;
     }
 }
 
 // One caller joins the thread; the others wait for it, or for their deadline.
-bool Worker::join(Clock::time_point deadline)
+bool Worker::Join(Clock::time_point deadline)
 {
     {
-        const common::Hold hold(guard_);
-        while (state_ == State::Running || state_ == State::Joining)
+        const common::Hold hold(m_guard);
+        while (m_state == State::kRunning || m_state == State::kJoining)
         {
             if (deadline == Clock::time_point::max())
             {
-                changed_.Wait(guard_);
+                m_changed.Wait(m_guard);
             }
-            else if (!changed_.WaitUntil(guard_, deadline) && state_ != State::Over)
+            else if (!m_changed.WaitUntil(m_guard, deadline) && m_state != State::kOver)
             {
                 return false;
             }
         }
-        if (state_ != State::Over)
+        if (m_state != State::kOver)
         {
             return true;  // never started, or joined by another caller
         }
-        state_ = State::Joining;
+        m_state = State::kJoining;
     }
-    thread_.join();
-    const common::Hold hold(guard_);
-    state_ = State::Joined;
-    changed_.NotifyAll();
+    m_thread.join();
+    const common::Hold hold(m_guard);
+    m_state = State::kJoined;
+    m_changed.NotifyAll();
     return true;
 }
 
-bool Worker::over()
+bool Worker::Over()
 {
-    const common::Hold hold(guard_);
-    return state_ != State::Running;
+    const common::Hold hold(m_guard);
+    return m_state != State::kRunning;
 }
 
-bool Worker::isCaller()
+bool Worker::IsCaller()
 {
     return t_worker == this;
 }
 
-bool Worker::callerIsOurs()
+bool Worker::CallerIsOurs()
 {
     return t_worker != nullptr;
 }
 
-void Worker::beginExit()
+void Worker::BeginExit()
 {
     g_exiting = true;
 }
 
-bool Worker::exiting()
+bool Worker::Exiting()
 {
     return g_exiting;
 }
 
-void Worker::endExit()
+void Worker::EndExit()
 {
     g_unwaited = true;
 }
 
-void Worker::parkAtExit()
+void Worker::ParkAtExit()
 {
-    while (g_unwaited && callerIsOurs())
+    while (g_unwaited && CallerIsOurs())
     {
         (void)pause();
     }

@@ -19,42 +19,42 @@ public:
     Worker& operator=(const Worker&) = delete;
 
     // Runs `body` on a new thread. Throws std::system_error or std::bad_alloc.
-    void start(std::function<void()> body);
+    void Start(std::function<void()> body);
 
     // Waits for the end of the body, for ever or until a deadline, and joins the thread. Any number
     // of callers may; not this thread itself. False when the deadline came first.
-    bool join(Clock::time_point deadline = Clock::time_point::max());
+    bool Join(Clock::time_point deadline = Clock::time_point::max());
 
     // The body has ended: a join would not wait.
-    bool over();
+    bool Over();
 
     // The caller is this thread; the caller is a thread of the layer, of an earlier run perhaps.
-    bool isCaller();
-    static bool callerIsOurs();
+    bool IsCaller();
+    static bool CallerIsOurs();
 
     // The process has begun to end: threads are asked to end without touching other libraries.
-    static void beginExit();
-    static bool exiting();
+    static void BeginExit();
+    static bool Exiting();
 
     // Nobody waits for the threads any more, and the libraries are being torn down around them. A
     // thread of the layer that comes by the check then sleeps until the process is gone.
-    static void endExit();
-    static void parkAtExit();
+    static void EndExit();
+    static void ParkAtExit();
 
 private:
     enum class State
     {
-        Idle,
-        Running,
-        Over,
-        Joining,
-        Joined,
+        kIdle,
+        kRunning,
+        kOver,
+        kJoining,
+        kJoined,
     };
 
-    common::Guard guard_;
-    common::Signal changed_;
-    State state_ CORPDIR_GUARDED_BY(guard_) = State::Idle;
-    std::thread thread_;  // set by start(), used by the one caller that joins
+    common::Guard m_guard;
+    common::Signal m_changed;
+    State m_state CORPDIR_GUARDED_BY(m_guard) = State::kIdle;
+    std::thread m_thread;  // set by Start(), used by the one caller that joins
 };
 
 }  // namespace travex_ftp

@@ -308,6 +308,22 @@ TEST_F(ProgramFailure, NameThatTheCertificateDoesNotCarry)
     EXPECT_EQ(result.status, kFetched) << result.output;
 }
 
+TEST_F(ProgramFailure, AnotherTlsVersionIsWanted)
+{
+    m_options.max_tls = "1.2";
+    Serve();
+    CommandResult result = Run({"--ciphers=TLS_AES_256_GCM_SHA384"});
+    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("127.0.0.1: TLS handshake failed: the server wants another TLS "
+                                "version\n"),
+                      HasSubstr("hint: the server wants another TLS version: with "
+                                "TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 in --ciphers TLS 1.2 is "
+                                "offered\n")));
+    result = Run({"--ciphers=TLS_AES_256_GCM_SHA384,TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384"});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+}
+
 TEST_F(ProgramFailure, VersionFileTooShort)
 {
     Serve().AddFile("version.txt", "1.2\n");

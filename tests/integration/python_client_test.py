@@ -172,6 +172,16 @@ class PythonClient(unittest.TestCase):
         failed = [event for event in seen if event.kind == EventKind.FAILED]
         self.assertEqual([event.code for event in failed], [Code.CONNECT])
 
+    def test_a_name_without_an_address_is_a_server_that_failed(self):
+        seen = []
+        with self.client() as client:
+            client.fetch(**self.request(servers=["nowhere.invalid", "127.0.0.1"]),
+                         on_event=seen.append)
+        self.assert_fetched()
+        failed = [event for event in seen if event.kind == EventKind.FAILED]
+        self.assertEqual([(event.code, event.server) for event in failed],
+                         [(Code.CONNECT, "nowhere.invalid")])
+
     def test_names_and_directories(self):
         versions = pathlib.Path(self.folder.name, "versions")
         versions.mkdir()
@@ -198,6 +208,10 @@ class PythonClient(unittest.TestCase):
         self.assertEqual(caught.exception.code, code)
         self.assertEqual(os.listdir(self.output), [])
         return caught.exception
+
+    def test_no_name_with_an_address(self):
+        error = self.fails(Code.NOT_STARTED, servers="nowhere.invalid")
+        self.assertRegex(error.reason, "^nowhere.invalid: .")
 
     def test_wrong_password(self):
         error = self.fails(Code.LOGIN, password="not this one")

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <cstring>
 #include <future>
 
@@ -119,6 +120,30 @@ TEST_F(Contract, ControlParametersAreCheckedOneByOne)
     EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, TRAVEX_FTP_SetDataParam(m_handle, nullptr));
 }
 
+// They would end a command, or hide in it.
+TEST_F(Contract, ControlBytesAreRefused)
+{
+    Use(Valid());
+    captured_log::Clear();
+    for (int byte = 1; byte != 0x80; byte = byte == 0x1f ? 0x7f : byte + 1)
+    {
+        const char text[] = {'a', static_cast<char>(byte), 'b', '\0'};
+        auto record = Valid();
+        strcpy(record.acUserName, text);
+        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, TRAVEX_FTP_SetCtrlParam(m_handle, &record)) << byte;
+        record = Valid();
+        strcpy(record.acPassword, text);
+        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, TRAVEX_FTP_SetCtrlParam(m_handle, &record)) << byte;
+        unsigned int task = 0;
+        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
+                  TRAVEX_FTP_AsynDownloadFile(m_handle, &task, text, ".", "f", Record))
+            << byte;
+    }
+    auto record = Valid();
+    strcpy(record.acUserName, " \xc3\xa4\xff");
+    EXPECT_EQ(0u, TRAVEX_FTP_SetCtrlParam(m_handle, &record));
+}
+
 TEST_F(Contract, CipherSuitesAreRefusedByIdentifier)
 {
     const auto with = [this](std::vector<int> suites)
@@ -126,6 +151,8 @@ TEST_F(Contract, CipherSuitesAreRefusedByIdentifier)
         auto record = Valid();
         record.piCipherList = suites.data();
         record.ulCipherNum = static_cast<unsigned int>(suites.size());
+        EXPECT_EQ(0u, TRAVEX_FTP_SetCtrlParam(m_handle, &record)) << "plain FTP has no suites";
+        record.ulServerType = 1;
         return Refusal(record);
     };
     EXPECT_EQ("5 cipher suite 0x0300FFFE is unknown", with({0x03000035, 0x0300FFFE}));
@@ -158,22 +185,22 @@ TEST_F(Contract, TrustTextsAreChecked)
 TEST_F(Contract, DownloadsAreCheckedAndLeaveTheTaskIdAlone)
 {
     unsigned int task = 77;
-    const auto refused = [&](const char* server_file, const char* local_file)
-    { return TRAVEX_FTP_AsynDownloadFile(m_handle, &task, server_file, ".", local_file, Record); };
+    const auto refused = [&](const char* serverFile, const char* localFile)
+    { return TRAVEX_FTP_AsynDownloadFile(m_handle, &task, serverFile, ".", localFile, Record); };
     EXPECT_EQ(TRAVEX_FTP_ERR_NOT_SET, refused("a", "a"));
     Use(Valid());
-    for (const char* local_file : {"", ".", "..", "a/b", "/a"})
+    for (const char* localFile : {"", ".", "..", "a/b", "/a"})
     {
-        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused("a", local_file)) << local_file;
+        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused("a", localFile)) << localFile;
     }
-    const std::string long_name(256, 'n');
-    for (const char* server_file : {"", "a\r\nDELE b", "a\x7f", "pub/", long_name.c_str()})
+    const std::string longName(256, 'n');
+    for (const char* serverFile : {"", "a\r\nDELE b", "a\x7f", "pub/", longName.c_str()})
     {
-        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused(server_file, "a")) << server_file;
+        EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused(serverFile, "a")) << serverFile;
     }
     EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused(nullptr, "a"));
     EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused("a", nullptr));
-    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused("a", long_name.c_str()));
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, refused("a", longName.c_str()));
     EXPECT_EQ(77u, task);
     EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
               TRAVEX_FTP_AsynDownloadFile(m_handle, nullptr, "a", ".", "a", Record));
@@ -185,11 +212,13 @@ TEST_F(Contract, ZeroAddressIsAcceptedAndItsTransferFails)
     auto record = Valid();
     memset(record.aucServerIp, 0, sizeof record.aucServerIp);
     Use(record);
-    EXPECT_EQ("3 16 the server address is zero", Fetch("version.txt", "v"));
+    EXPECT_EQ("3 16/CONNECT/0 the server address is zero", Fetch("version.txt", "v"));
     record.ulServerIpType = 1;
+    Use(record);
+    EXPECT_EQ("3 16/CONNECT/0 the server address is zero", Fetch("version.txt", "v"));
     record.aucServerIp[10] = record.aucServerIp[11] = 0xff;  // ::ffff:0.0.0.0
     Use(record);
-    EXPECT_EQ("3 16 the server address is zero", Fetch("version.txt", "v"));
+    EXPECT_EQ("3 16/CONNECT/0 the server address is zero", Fetch("version.txt", "v"));
 }
 
 TEST_F(Contract, SuccessIsZeroThenTwelveWithTheFileInPlace)
@@ -221,9 +250,65 @@ TEST_F(Contract, ParametersAreThoseOfTheCall)
     FaultyServer server("none");
     Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
     const unsigned int task = Start("f", "v");
-    Use(Valid());  // port 2, where nobody listens
+    Use(Valid());  // port 2, on which nothing listens
     EXPECT_EQ("0 12", ftp_test::OutcomeOf(task));
-    EXPECT_EQ("3 16 no connection: Connection refused", Fetch("f", "v"));
+    EXPECT_EQ("3 16/CONNECT/0 cannot connect: Connection refused", Fetch("f", "v"));
+}
+
+// The server is in the log line, and not in the reason.
+TEST_F(Contract, AFailureHasOneLogLine)
+{
+    auto record = Valid();
+    captured_log::Clear();
+    Use(record);
+    const unsigned int task = Start("pub/f", "v");
+    EXPECT_EQ("3 16/CONNECT/0 cannot connect: Connection refused", ftp_test::OutcomeOf(task));
+    EXPECT_EQ(1u, captured_log::CountWith("127.0.0.1:2: cannot connect: Connection refused (task " +
+                                          std::to_string(task) + ", pub/f)"));
+}
+
+// Set by a program, at any time, for the transfers that begin later.
+TEST_F(Contract, LimitsAreSetAndReset)
+{
+    FaultyServer server("hang:USER");
+    FaultyServer small("none", {"--size", "2000"});
+    tagTRAVEX_FTP_S_LIMITS limits{};
+    limits.ulResponseMs = 300;
+    limits.ullFileBytes = 1999;
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(&limits));
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    EXPECT_EQ("3 22/LOGIN/0 no reply to USER within 0.3 s", Fetch("f", "v"));
+    Use(Parameters("127.0.0.1", small.Port(), m_directory.Path()));
+    EXPECT_EQ("3 24/RECEIVE/0 the file is larger than 1999 bytes", Fetch("f", "v"));
+    limits.ullReplyBytes = 1500;
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(&limits));
+    FaultyServer wordy("endless_line");
+    Use(Parameters("127.0.0.1", wordy.Port(), m_directory.Path()));
+    EXPECT_EQ("3 21/GREETING/0 the reply exceeds 1500 bytes", Fetch("f", "v"));
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(nullptr));
+    Use(Parameters("127.0.0.1", small.Port(), m_directory.Path()));
+    EXPECT_EQ("0 12", Fetch("f", "v"));
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(&limits)) << "works without Init";
+    SetUp();
+    Use(Parameters("127.0.0.1", small.Port(), m_directory.Path()));
+    EXPECT_EQ("3 24/RECEIVE/0 the file is larger than 1999 bytes", Fetch("f", "v"));
+}
+
+TEST_F(Contract, EnormousLimitsAreNoObstacle)
+{
+    const ftp_test::Limits limits(
+        [](auto& each)
+        {
+            each.ulConnectMs = each.ulHandshakeMs = each.ulResponseMs = each.ulStallMs = UINT_MAX;
+            each.ulConfirmMs = each.ulTransferMs = each.ulIdleMs = each.ulObserveMs = UINT_MAX;
+            each.ullFileBytes = each.ullReplyBytes = each.ullReplyLines = UINT64_MAX;
+        });
+    FaultyServer server("none", ftp_test::TlsOptions());
+    auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    record.ulServerType = 1;
+    Use(record);
+    EXPECT_EQ("0 12", Fetch("f", "v"));
 }
 
 TEST_F(Contract, DirectoryIsRelativeToTheWorkDirectory)
@@ -254,8 +339,8 @@ TEST_F(Contract, ClosedHandleGetsNoNotification)
     EXPECT_FALSE(support::FileExists(m_directory.File("v")));
 }
 
-// In the middle of a step that the transfer thread cannot leave at once.
-TEST_F(Contract, ClosedHandleReplacesNoFileAndAsksNobodyAnyMore)
+// A cancelled transfer goes no step further.
+TEST_F(Contract, ClosedHandleReplacesNoFileAndAsksNoClientAnyMore)
 {
     static std::atomic<int> s_asked{0};
     for (const bool tls : {false, true})
@@ -358,22 +443,6 @@ TEST_F(Contract, StopAndStartInsideTheCallback)
     EXPECT_EQ(3u, Notices().size());  // the first task's 12 does not follow its stop
 }
 
-TEST_F(Contract, StopWithTransfersRunningIsQuick)
-{
-    FaultyServer server("stall");
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
-    for (int i = 0; i != 20; ++i)
-    {
-        (void)Start("f", "v" + std::to_string(i));
-    }
-    ASSERT_TRUE(WaitUntil([&] { return server.Count("DATA") == 20; }));
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
-    EXPECT_TRUE(Notices().empty());
-    EXPECT_TRUE(support::FilesIn(m_directory.Path()).empty());
-}
-
 TEST_F(Contract, InitAndUnInitFromManyThreads)
 {
     std::vector<std::thread> threads;
@@ -448,6 +517,35 @@ TEST(ContractExit, ProcessThatEndsWithinTheVerifyCallbackLeavesNoTemporaryFile)
     EXPECT_THAT(support::FilesIn(directory.Path()), testing::IsEmpty());
 }
 
+// Whoever ends or starts the layer beside another: no thread is lost sight of.
+TEST(ContractRaces, StartsStopsAndClosesMayMeet)
+{
+    for (int round = 0; round != 300; ++round)
+    {
+        ASSERT_EQ(0u, TRAVEX_FTP_Init());
+        support::TemporaryDirectory directory;
+        auto record = Parameters("127.0.0.1", 1, directory.Path());  // no server listens there
+        const tagTRAVEX_FTP_S_DATA_PARAM data{};
+        std::vector<TRAVEX_FTP_HANDLE> handles;
+        for (int i = 0; i != 4; ++i)
+        {
+            handles.push_back(TRAVEX_FTP_CreateHandle());
+            unsigned int task = 0;
+            ASSERT_EQ(0u, TRAVEX_FTP_SetDataParam(handles[i], &data));
+            ASSERT_EQ(0u, TRAVEX_FTP_SetCtrlParam(handles[i], &record));
+            ASSERT_EQ(0u, TRAVEX_FTP_AsynDownloadFile(handles[i], &task, "f", ".", "f", nullptr));
+        }
+        std::thread closer([&] { (void)TRAVEX_FTP_CloseHandle(handles[0]); });
+        std::thread starter([] { EXPECT_EQ(0u, TRAVEX_FTP_Init()); });
+        std::thread stopper([] { EXPECT_EQ(0u, TRAVEX_FTP_UnInit()); });
+        EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+        closer.join();
+        starter.join();
+        stopper.join();
+        EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+    }
+}
+
 // The process ends while transfers run and a callback does not return: not later than in a second.
 TEST(ContractExit, ProcessEndsWithoutAStop)
 {
@@ -466,9 +564,9 @@ TEST(ContractExit, ProcessEndsWithoutAStop)
         (void)TRAVEX_FTP_AsynDownloadFile(handle, &task, "f", ".", "v", Record);
         (void)WaitUntil([&] { return server.Count("DATA") == 1; });
         memset(record.aucServerIp, 0, sizeof record.aucServerIp);
-        (void)TRAVEX_FTP_SetCtrlParam(handle, &record);
+        const TRAVEX_FTP_HANDLE other = ftp_test::HandleWith(record);
         static std::atomic<bool> entered{false};
-        (void)TRAVEX_FTP_AsynDownloadFile(handle, &task, "f", ".", "w",
+        (void)TRAVEX_FTP_AsynDownloadFile(other, &task, "f", ".", "w",
                                           [](void*, tagTRAVEX_FTP_S_NOTIFY_DATA*)
                                           {
                                               entered = true;

@@ -1,8 +1,8 @@
 // Fetches one file with the FTP layer, in a process of its own that a test may kill or confine:
 //     travex_ftp_fetch <port on 127.0.0.1> <directory> <local file> [<certification authorities>]
 // With authorities it is explicit FTPS, and the server's certificate is verified. Prints the
-// outcome as the tests write it, "0 12" or "3 <code> <reason>". TRAVEX_FTP_FETCH_USER in the
-// environment is the number of a user to become first.
+// outcome as the tests write it (OutcomeOf). In the environment TRAVEX_FTP_FETCH_USER is the number
+// of a user to become first, TRAVEX_FTP_FETCH_RESPONSE_MS a limit that the program sets.
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,17 +12,25 @@
 
 namespace
 {
-bool becomeUser()
+bool BecomeUser()
 {
     const char* const number = std::getenv("TRAVEX_FTP_FETCH_USER");
     return number == nullptr || setuid(static_cast<uid_t>(std::atoi(number))) == 0;
+}
+
+bool SetLimit()
+{
+    const char* const response = std::getenv("TRAVEX_FTP_FETCH_RESPONSE_MS");
+    tagTRAVEX_FTP_S_LIMITS limits{};
+    limits.ulResponseMs = static_cast<unsigned int>(response == nullptr ? 0 : std::atoi(response));
+    return TRAVEX_FTP_SetLimits(&limits) == 0;
 }
 
 }  // namespace
 
 int main(int count, char** arguments)
 {
-    if (count < 4 || count > 5 || !becomeUser() || TRAVEX_FTP_Init() != 0)
+    if (count < 4 || count > 5 || !BecomeUser() || !SetLimit() || TRAVEX_FTP_Init() != 0)
     {
         return 2;
     }
@@ -44,7 +52,6 @@ int main(int count, char** arguments)
         return 2;
     }
     const std::string outcome = ftp_test::OutcomeOf(task);
-    const auto failure = outcome == "3" ? ftp_test::FailureOf(task) : ftp_test::Notice{};
-    std::printf("%s %u %s\n", outcome.c_str(), failure.code, failure.reason.c_str());
+    std::printf("%s\n", outcome.c_str());
     return TRAVEX_FTP_UnInit() == 0 && outcome == "0 12" ? 0 : 1;
 }

@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <ctime>
@@ -43,7 +44,6 @@ extern "C" int flock(int fd, int operation) noexcept
 
 namespace
 {
-using ftp_test::Environment;
 using ftp_test::FaultyServer;
 using ftp_test::LayerTest;
 using ftp_test::Parameters;
@@ -124,18 +124,20 @@ TEST_F(FileTest, SymbolicLinkIsReplacedNotFollowed)
 TEST_F(FileTest, HopelessTargetsFailBeforeConnecting)
 {
     ASSERT_EQ(0, mkdir(m_directory.File("directory").c_str(), 0700));
-    EXPECT_EQ("3 25 cannot replace " + m_directory.Path() + "/./directory: Is a directory",
-              Fetch("f", "directory"));
+    EXPECT_EQ(
+        "3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() + "/./directory: Is a directory",
+        Fetch("f", "directory"));
     ASSERT_EQ(0, mkfifo(m_directory.File("pipe").c_str(), 0600));
-    EXPECT_EQ("3 25 cannot replace " + m_directory.Path() + "/./pipe: it is not a regular file",
+    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() +
+                  "/./pipe: it is not a regular file",
               Fetch("f", "pipe"));
     EXPECT_TRUE(S_ISFIFO(ModeOf("pipe")));
     unsigned int task = 0;
     ASSERT_EQ(0u,
               TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", "missing", "v", ftp_test::Record));
-    EXPECT_THAT(ftp_test::FailureOf(task).reason,
-                testing::EndsWith("cannot open the directory of " + m_directory.Path() +
-                                  "/missing/v: No such file or directory"));
+    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot open the directory of " + m_directory.Path() +
+                  "/missing/v: No such file or directory",
+              ftp_test::OutcomeOf(task));
     EXPECT_EQ(0u, m_server.Count("CONNECT"));
 }
 
@@ -230,7 +232,7 @@ protected:
         g_lock_fault.error = error;
         g_lock_fault.count = count;
         const std::string outcome = Fetch("f", "f");
-        EXPECT_EQ(0, g_lock_fault.waiting) << "on the thread of all transfers";
+        EXPECT_EQ(0, g_lock_fault.waiting) << "a lock may never be given";
         g_lock_fault.count = 0;
         return outcome;
     }
@@ -240,7 +242,8 @@ TEST_F(LockTest, ANewFileThatAnotherHoldsIsGivenUp)
 {
     EXPECT_EQ("0 12", FetchWith(EWOULDBLOCK, 3));
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
-    EXPECT_EQ("3 25 cannot lock " + m_directory.Path() + "/./f: others lock every temporary file",
+    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot lock " + m_directory.Path() +
+                  "/./f: others lock every temporary file",
               FetchWith(EWOULDBLOCK, 1000000));
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
 }
@@ -252,7 +255,7 @@ TEST_F(LockTest, AFileSystemWithoutLocksWillDo)
         EXPECT_EQ("0 12", FetchWith(error, 1000000)) << error;
         EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
     }
-    EXPECT_EQ("3 25 cannot lock " + m_directory.Path() + "/./f: Input/output error",
+    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot lock " + m_directory.Path() + "/./f: Input/output error",
               FetchWith(EIO, 1000000));
 }
 
@@ -261,11 +264,13 @@ TEST_F(FileTest, RunningTransfersDoNotSweepEachOther)
     std::vector<unsigned int> tasks;
     for (int i = 0; i != 40; ++i)
     {
-        tasks.push_back(Start("f", "f" + std::to_string(i % 4)));
+        const auto record = Parameters("127.0.0.1", m_server.Port(), m_directory.Path());
+        tasks.push_back(
+            ftp_test::StartOn(ftp_test::HandleWith(record), "f", "f" + std::to_string(i % 4)));
     }
     for (const unsigned int task : tasks)
     {
-        EXPECT_EQ("0 12", ftp_test::OutcomeOf(task)) << ftp_test::FailureOf(task).reason;
+        EXPECT_EQ("0 12", ftp_test::OutcomeOf(task));
     }
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f0", "f1", "f2", "f3"));
 }
@@ -281,26 +286,23 @@ TEST_F(FileTest, FullDiskLeavesTheOldFile)
     signal(SIGXFSZ, SIG_IGN);
     const std::string outcome = Fetch("f", "f");
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-    EXPECT_EQ("3 25 cannot write " + m_directory.Path() + "/./f: File too large", outcome);
+    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot write " + m_directory.Path() + "/./f: File too large",
+              outcome);
     EXPECT_EQ("old", Content("f"));
     EXPECT_EQ("0 12", Fetch("f", "f"));
 }
 
 // A slow download of yesterday's file must not replace today's.
-TEST_F(FileTest, TheFileOfTheDownloadThatBeganLaterStays)
+TEST_F(FileTest, TheFileOfTheLaterRequestStays)
 {
-    captured_log::Clear();
-    FaultyServer slow("slow_drip", {"--size", "60"});
+    FaultyServer slow("slow_drip", {"--size", "30"});
+    FaultyServer quick("none", {"--size", "2000"});
     Use(Parameters("127.0.0.1", slow.Port(), m_directory.Path()));
     const unsigned int old = Start("f", "f");
-    ASSERT_TRUE(support::WaitUntil([&slow] { return slow.Count("COMMAND RETR") != 0; }));
-    FaultyServer quick("none", {"--size", "2000"});
     Use(Parameters("127.0.0.1", quick.Port(), m_directory.Path()));
     EXPECT_EQ("0 12", Fetch("f", "f"));
     EXPECT_EQ("0 12", ftp_test::OutcomeOf(old));
     EXPECT_EQ(FaultyServer::Body(2000), Content("f"));
-    EXPECT_EQ(1u, captured_log::CountWith("f is in place already, and newer"));
-    EXPECT_EQ("0 12", Fetch("f", "f"));
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
 }
 
@@ -308,15 +310,13 @@ TEST_F(FileTest, TheFileOfTheDownloadThatBeganLaterStays)
 // what its publisher has to know.
 TEST_F(FileTest, AFileThatIsNotGivenIsNotCalledTooLarge)
 {
-    const Environment limit("CORPDIR_FTP_FILE_BYTES", "1");
-    ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
-    SetUp();
+    const ftp_test::Limits limits([](auto& each) { each.ullFileBytes = 1; });
     FaultyServer refusing("reply:RETR:550 gone");
     Use(Parameters("127.0.0.1", refusing.Port(), m_directory.Path()));
-    EXPECT_EQ("3 20 RETR refused: 550 gone", Fetch("f", "f"));
+    EXPECT_EQ("3 20/RETRIEVE/550 RETR refused: 550 gone", Fetch("f", "f"));
     FaultyServer giving("none");
     Use(Parameters("127.0.0.1", giving.Port(), m_directory.Path()));
-    EXPECT_EQ("3 24 the file is larger than 1 bytes", Fetch("f", "f"));
+    EXPECT_EQ("3 24/RECEIVE/0 the file is larger than 1 bytes", Fetch("f", "f"));
 }
 
 // What the observer saw; for one task at a time.
@@ -324,7 +324,9 @@ struct Watch
 {
     std::mutex mutex;
     std::vector<std::string> seen;
-    std::vector<tagTRAVEX_FTP_S_COURSE> courses;
+    std::vector<std::string> servers;
+    std::vector<std::array<unsigned int, 4>> causes;  // code, step, reply, detail
+    std::vector<tagTRAVEX_FTP_S_TIMINGS> timings;
     uint64_t last = 0;
     bool forward = true;
 
@@ -336,9 +338,11 @@ struct Watch
         watch.last = seen->ullBytes;
         watch.seen.push_back(std::to_string(seen->ulKind) + " " + seen->pcServerFile + " " +
                              std::to_string(seen->ullTotal) + " " + seen->pcReason);
-        if (seen->pstCourse != nullptr)
+        watch.servers.emplace_back(seen->pcServer);
+        watch.causes.push_back({seen->ulRet, seen->ulStep, seen->ulReply, seen->ulDetail});
+        if (seen->pstTimings != nullptr)
         {
-            watch.courses.push_back(*seen->pstCourse);
+            watch.timings.push_back(*seen->pstTimings);
         }
     }
 };
@@ -351,7 +355,7 @@ protected:
         TRAVEX_FTP_SetObserver(nullptr, nullptr);
     }
 
-    const Environment m_observe{"CORPDIR_FTP_OBSERVE_MS", "1"};
+    const ftp_test::Limits m_limits{[](auto& limits) { limits.ulObserveMs = 1; }};
     Watch m_watch;
 };
 
@@ -360,17 +364,17 @@ TEST_F(ObserverTest, SeesProgressAndOutcomeBeforeTheNotification)
     FaultyServer server("none", {"--size", "30000000"});
     Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
-    size_t seen_before = 0;
+    size_t seenBefore = 0;
     ftp_test::SetHook(
         [&](const ftp_test::Notice& notice)
         {
             const std::lock_guard<std::mutex> lock(m_watch.mutex);
-            seen_before = notice.type == 0 ? m_watch.seen.size() : seen_before;
+            seenBefore = notice.type == 0 ? m_watch.seen.size() : seenBefore;
         });
     ASSERT_EQ("0 12", Fetch("f", "f"));
     ASSERT_EQ(0u, TRAVEX_FTP_UnInit());  // waits for the last notification, which uses our stack
     ASSERT_GE(m_watch.seen.size(), 3u);
-    EXPECT_EQ(seen_before, m_watch.seen.size());
+    EXPECT_EQ(seenBefore, m_watch.seen.size());
     EXPECT_EQ("4 f 18446744073709551615 ", m_watch.seen.front());
     EXPECT_EQ("0 f 30000000 ", m_watch.seen[1]);
     EXPECT_EQ("1 f 30000000 ", m_watch.seen.back());
@@ -383,26 +387,30 @@ TEST_F(ObserverTest, SeesFailuresWithTheReasonAndRefusalsAtOnce)
     FaultyServer server("reply:RETR:550 gone");
     Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
-    ASSERT_EQ("3 20 RETR refused: 550 gone", Fetch("f", "f"));
+    ASSERT_EQ("3 20/RETRIEVE/550 RETR refused: 550 gone", Fetch("f", "f"));
     unsigned int task = 0;
     EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
               TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", ".", "..", nullptr));
     const std::string name = "127.0.0.1:" + std::to_string(server.Port());
-    EXPECT_THAT(
-        m_watch.seen,
-        ElementsAre("4 f 18446744073709551615 ", "2 f 100000 " + name + ": RETR refused: 550 gone",
-                    "3 f 18446744073709551615 the local file \"..\" is not a plain name"));
+    EXPECT_THAT(m_watch.seen,
+                ElementsAre("4 f 18446744073709551615 ", "2 f 100000 RETR refused: 550 gone",
+                            "3 f 18446744073709551615 the local file \"..\" is not a plain name"));
+    EXPECT_THAT(m_watch.servers, ElementsAre(name, name, name));
+    using Cause = std::array<unsigned int, 4>;
+    EXPECT_THAT(m_watch.causes,
+                ElementsAre(Cause{}, Cause{TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 550, 0},
+                            Cause{TRAVEX_FTP_ERR_PARAM, 0, 0, 0}));
 }
 
-TEST_F(ObserverTest, IsToldTheCourseOfATransferInClear)
+TEST_F(ObserverTest, SeesTheTimingsOfATransferInClear)
 {
     FaultyServer server("none");
     Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
     ASSERT_EQ("0 12", Fetch("f", "f"));
     ASSERT_EQ("0 12", Fetch("f", "f"));
-    ASSERT_EQ(2u, m_watch.courses.size());
-    const tagTRAVEX_FTP_S_COURSE& first = m_watch.courses[0];
+    ASSERT_EQ(2u, m_watch.timings.size());
+    const tagTRAVEX_FTP_S_TIMINGS& first = m_watch.timings[0];
     EXPECT_LT(0u, first.ullConnected);
     EXPECT_LT(first.ullConnected, first.ullLoggedIn);
     EXPECT_LT(first.ullLoggedIn, first.ullOpened);
@@ -413,7 +421,7 @@ TEST_F(ObserverTest, IsToldTheCourseOfATransferInClear)
     EXPECT_STREQ("", first.acTlsSuite);
     EXPECT_STREQ("", first.acSubject);
     EXPECT_EQ(0, first.llCertificateUntil);
-    const tagTRAVEX_FTP_S_COURSE& second = m_watch.courses[1];
+    const tagTRAVEX_FTP_S_TIMINGS& second = m_watch.timings[1];
     EXPECT_EQ(1u, second.ulReused);
     EXPECT_EQ(0u, second.ullConnected);
     EXPECT_EQ(0u, second.ullLoggedIn);
@@ -421,7 +429,7 @@ TEST_F(ObserverTest, IsToldTheCourseOfATransferInClear)
     EXPECT_LT(second.ullOpened, second.ullEnded);
 }
 
-TEST_F(ObserverTest, IsToldWhoAnsweredOverTls)
+TEST_F(ObserverTest, SeesWhoAnsweredOverTls)
 {
     support::FtpServerOptions options;
     options.tls = support::Tls::kExplicit;
@@ -436,22 +444,22 @@ TEST_F(ObserverTest, IsToldWhoAnsweredOverTls)
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
     ASSERT_EQ("0 12", Fetch("f", "f"));
     ASSERT_EQ("0 12", Fetch("f", "f"));
-    ASSERT_EQ(2u, m_watch.courses.size());
-    EXPECT_LT(m_watch.courses[0].ullConnected, m_watch.courses[0].ullSecured);
-    EXPECT_LT(m_watch.courses[0].ullSecured, m_watch.courses[0].ullLoggedIn);
-    EXPECT_EQ(0u, m_watch.courses[1].ullSecured);
-    for (const tagTRAVEX_FTP_S_COURSE& course : m_watch.courses)
+    ASSERT_EQ(2u, m_watch.timings.size());
+    EXPECT_LT(m_watch.timings[0].ullConnected, m_watch.timings[0].ullSecured);
+    EXPECT_LT(m_watch.timings[0].ullSecured, m_watch.timings[0].ullLoggedIn);
+    EXPECT_EQ(0u, m_watch.timings[1].ullSecured);
+    for (const tagTRAVEX_FTP_S_TIMINGS& each : m_watch.timings)
     {
-        EXPECT_STREQ("TLSv1.2", course.acTlsVersion);
-        EXPECT_STREQ("TLS_RSA_WITH_AES_256_CBC_SHA256", course.acTlsSuite);
-        EXPECT_STREQ("CN=server", course.acSubject);
-        EXPECT_LT(std::time(nullptr), course.llCertificateUntil);
-        EXPECT_EQ(1u, course.ulDataResumed);
+        EXPECT_STREQ("TLSv1.2", each.acTlsVersion);
+        EXPECT_STREQ("TLS_RSA_WITH_AES_256_CBC_SHA256", each.acTlsSuite);
+        EXPECT_STREQ("CN=server", each.acSubject);
+        EXPECT_LT(std::time(nullptr), each.llCertificateUntil);
+        EXPECT_EQ(1u, each.ulDataResumed);
     }
 }
 
-// Whose certificate it was is what somebody wants to know who is told that it is not accepted.
-TEST_F(ObserverTest, IsToldOfACertificateThatIsNotAccepted)
+// Whose certificate it was helps to find out why it was not accepted.
+TEST_F(ObserverTest, SeesACertificateThatIsNotAccepted)
 {
     FaultyServer server("none", ftp_test::TlsOptions());
     auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
@@ -461,14 +469,14 @@ TEST_F(ObserverTest, IsToldOfACertificateThatIsNotAccepted)
     Use(record);
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
     EXPECT_EQ("3 18", Fetch("f", "f").substr(0, 4));
-    ASSERT_EQ(1u, m_watch.courses.size());
-    const tagTRAVEX_FTP_S_COURSE& course = m_watch.courses[0];
-    EXPECT_STREQ("CN=server", course.acSubject);
-    EXPECT_LT(std::time(nullptr), course.llCertificateUntil);
-    EXPECT_LT(0u, course.ullConnected);
-    EXPECT_EQ(0u, course.ullSecured);
-    EXPECT_EQ(0u, course.ullLoggedIn);
-    EXPECT_STREQ("", course.acTlsVersion);
+    ASSERT_EQ(1u, m_watch.timings.size());
+    const tagTRAVEX_FTP_S_TIMINGS& refused = m_watch.timings[0];
+    EXPECT_STREQ("CN=server", refused.acSubject);
+    EXPECT_LT(std::time(nullptr), refused.llCertificateUntil);
+    EXPECT_LT(0u, refused.ullConnected);
+    EXPECT_EQ(0u, refused.ullSecured);
+    EXPECT_EQ(0u, refused.ullLoggedIn);
+    EXPECT_STREQ("", refused.acTlsVersion);
 }
 
 // Once SetObserver has returned the earlier observer does not run: its state may go.

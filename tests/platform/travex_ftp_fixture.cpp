@@ -6,6 +6,8 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
@@ -45,6 +47,23 @@ std::vector<Notice> WaitForEnd(unsigned int task)
     return NoticesOf(task);
 }
 
+std::string Described(const Notice& failure)
+{
+    static const char* const kSteps[] = {"NONE",     "LOCAL_FILE", "CONNECT",      "GREETING",
+                                         "AUTH",     "TLS",        "LOGIN",        "PROTECT",
+                                         "TYPE",     "PASSIVE",    "DATA_CONNECT", "SIZE",
+                                         "RETRIEVE", "DATA_TLS",   "RECEIVE",      "CONFIRM"};
+    std::ostringstream text;
+    text << failure.type << " " << failure.code << "/"
+         << (failure.step < std::size(kSteps) ? kSteps[failure.step] : "?") << "/" << failure.reply;
+    if (failure.detail != TRAVEX_FTP_DETAIL_NONE)
+    {
+        text << "/" << failure.detail;
+    }
+    text << " " << failure.reason;
+    return text.str();
+}
+
 }  // namespace
 
 std::vector<Notice> Notices()
@@ -77,6 +96,9 @@ void Record(void* user, tagTRAVEX_FTP_S_NOTIFY_DATA* data)
     if (data->pstErrInfo != nullptr)
     {
         notice.code = data->pstErrInfo->ulRet;
+        notice.step = data->pstErrInfo->ulStep;
+        notice.reply = data->pstErrInfo->ulReply;
+        notice.detail = data->pstErrInfo->ulDetail;
         notice.reason = data->pstErrInfo->acReason;
     }
     EXPECT_EQ(data->ulType == TRAVEX_FTP_NOTIFY_FAILED, data->pstErrInfo != nullptr);
@@ -95,18 +117,26 @@ void Record(void* user, tagTRAVEX_FTP_S_NOTIFY_DATA* data)
 
 std::string OutcomeOf(unsigned int task)
 {
-    std::string types;
+    std::string outcome;
     for (const Notice& notice : WaitForEnd(task))
     {
-        types += (types.empty() ? "" : " ") + std::to_string(notice.type);
+        outcome += outcome.empty() ? "" : " ";
+        outcome += notice.type == TRAVEX_FTP_NOTIFY_FAILED ? Described(notice)
+                                                           : std::to_string(notice.type);
     }
-    return types;
+    return outcome;
 }
 
-Notice FailureOf(unsigned int task)
+Limits::Limits(const std::function<void(tagTRAVEX_FTP_S_LIMITS&)>& set)
 {
-    const std::vector<Notice> notices = WaitForEnd(task);
-    return notices.empty() ? Notice() : notices.back();
+    tagTRAVEX_FTP_S_LIMITS limits{};
+    set(limits);
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(&limits));
+}
+
+Limits::~Limits()
+{
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(nullptr));
 }
 
 Environment::Environment(const char* name, const std::string& value) : m_name(name)
@@ -117,6 +147,12 @@ Environment::Environment(const char* name, const std::string& value) : m_name(na
 Environment::~Environment()
 {
     unsetenv(m_name);
+}
+
+size_t CountThreads()
+{
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 FaultyServer::FaultyServer(const std::string& fault, std::vector<std::string> options)
@@ -155,28 +191,26 @@ std::string FaultyServer::Log() const
 
 size_t FaultyServer::Count(const std::string& line) const
 {
-    std::istringstream log(Log());
-    size_t count = 0;
-    for (std::string each; std::getline(log, each);)
-    {
-        count += each.compare(0, line.size(), line) == 0 ? 1 : 0;
-    }
-    return count;
+    return Lines(line).size();
 }
 
-std::vector<std::string> FaultyServer::Commands() const
+std::vector<std::string> FaultyServer::Lines(const std::string& begin) const
 {
-    const std::string begin = "COMMAND ";
     std::istringstream log(Log());
-    std::vector<std::string> commands;
+    std::vector<std::string> lines;
     for (std::string each; std::getline(log, each);)
     {
         if (each.compare(0, begin.size(), begin) == 0)
         {
-            commands.push_back(each.substr(begin.size()));
+            lines.push_back(each.substr(begin.size()));
         }
     }
-    return commands;
+    return lines;
+}
+
+std::vector<std::string> FaultyServer::Commands() const
+{
+    return Lines("COMMAND ");
 }
 
 std::string FaultyServer::Body(size_t size)
@@ -226,6 +260,26 @@ tagTRAVEX_FTP_S_CTRL_PARAM ParametersOf(const support::FtpServer& server,
     return record;
 }
 
+TRAVEX_FTP_HANDLE HandleWith(const tagTRAVEX_FTP_S_CTRL_PARAM& parameters)
+{
+    const TRAVEX_FTP_HANDLE handle = TRAVEX_FTP_CreateHandle();
+    EXPECT_NE(nullptr, handle);
+    const tagTRAVEX_FTP_S_DATA_PARAM data{};
+    EXPECT_EQ(0u, TRAVEX_FTP_SetDataParam(handle, &data));
+    EXPECT_EQ(0u, TRAVEX_FTP_SetCtrlParam(handle, &parameters));
+    return handle;
+}
+
+unsigned int StartOn(TRAVEX_FTP_HANDLE handle, const std::string& serverFile,
+                     const std::string& localFile)
+{
+    unsigned int task = 0;
+    EXPECT_EQ(0u, TRAVEX_FTP_AsynDownloadFile(handle, &task, serverFile.c_str(), ".",
+                                              localFile.c_str(), Record));
+    EXPECT_NE(0u, task);
+    return task;
+}
+
 void LayerTest::SetUp()
 {
     ClearNotices();
@@ -240,6 +294,7 @@ void LayerTest::TearDown()
 {
     EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
     TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(nullptr));
     ClearNotices();
     for (const std::string& name : support::FilesIn(m_directory.Path()))
     {
@@ -252,32 +307,19 @@ void LayerTest::Use(const tagTRAVEX_FTP_S_CTRL_PARAM& parameters)
     ASSERT_EQ(0u, TRAVEX_FTP_SetCtrlParam(m_handle, &parameters));
 }
 
-unsigned int LayerTest::Start(const std::string& server_file, const std::string& local_file)
+unsigned int LayerTest::Start(const std::string& serverFile, const std::string& localFile)
 {
-    unsigned int task = 0;
-    EXPECT_EQ(0u, TRAVEX_FTP_AsynDownloadFile(m_handle, &task, server_file.c_str(), ".",
-                                              local_file.c_str(), Record));
-    EXPECT_NE(0u, task);
-    return task;
+    return StartOn(m_handle, serverFile, localFile);
 }
 
-std::string LayerTest::Fetch(const std::string& server_file, const std::string& local_file)
+std::string LayerTest::Fetch(const std::string& serverFile, const std::string& localFile)
 {
-    const unsigned int task = Start(server_file, local_file);
-    const std::string outcome = OutcomeOf(task);
-    if (outcome != "3")
-    {
-        return outcome;
-    }
-    const Notice failure = FailureOf(task);
-    const size_t colon = failure.reason.find(": ");
-    return "3 " + std::to_string(failure.code) + " " +
-           (colon == std::string::npos ? failure.reason : failure.reason.substr(colon + 2));
+    return OutcomeOf(Start(serverFile, localFile));
 }
 
-std::string LayerTest::Content(const std::string& local_file) const
+std::string LayerTest::Content(const std::string& localFile) const
 {
-    return support::ReadFile(m_directory.File(local_file));
+    return support::ReadFile(m_directory.File(localFile));
 }
 
 }  // namespace ftp_test

@@ -26,6 +26,9 @@ struct Notice
     unsigned int task = 0;
     std::string file;
     unsigned int code = 0;
+    unsigned int step = 0;
+    unsigned int reply = 0;
+    unsigned int detail = 0;
     std::string reason;
     std::thread::id thread;
 };
@@ -40,9 +43,21 @@ void SetHook(std::function<void(const Notice&)> hook);
 // The callback that records.
 void Record(void* user, tagTRAVEX_FTP_S_NOTIFY_DATA* data);
 
-// How a task ended: "0 12" or "3"; waits for it. Empty when it did not end in time.
+// How a task ended; waits for it. "0 12", or "3 <code>/<step>/<reply> <reason>" with the step's
+// name in travex_ftp.h, as "3 20/RETRIEVE/550 RETR refused: 550 gone"; behind a detail's number, if
+// there is one, as "3 18/TLS/0/1 certificate is not for 127.0.0.1". Empty when it did not end in
+// time.
 std::string OutcomeOf(unsigned int task);
-Notice FailureOf(unsigned int task);
+
+// Limits of the process for the life of the object; those that are left 0 are the layer's.
+class Limits
+{
+public:
+    explicit Limits(const std::function<void(tagTRAVEX_FTP_S_LIMITS&)>& set);
+    ~Limits();
+    Limits(const Limits&) = delete;
+    Limits& operator=(const Limits&) = delete;
+};
 
 // Sets an environment variable for the life of the object.
 class Environment
@@ -57,6 +72,9 @@ private:
     const char* m_name;
 };
 
+// Threads of this process, the calling one included.
+size_t CountThreads();
+
 // Server process of tests/support/faulty_ftp_server.py.
 class FaultyServer
 {
@@ -66,6 +84,7 @@ public:
     unsigned int Port() const;
     std::string Log() const;
     size_t Count(const std::string& line) const;  // lines of the log that begin so
+    std::vector<std::string> Lines(const std::string& begin) const;  // what follows in those
     std::vector<std::string> Commands() const;
 
     static std::string Body(size_t size);  // what it serves under every name
@@ -80,13 +99,19 @@ private:
 const support::TestCertificates& Certificates();
 std::vector<std::string> TlsOptions(const std::string& kind = "explicit");
 
-// Control parameters for 127.0.0.1 or ::1 and a work directory.
+// Control parameters for an address and a work directory.
 tagTRAVEX_FTP_S_CTRL_PARAM Parameters(const std::string& host, unsigned int port,
                                       const std::string& directory);
 
 // Parameters of a server of the support library. The trust text must outlive the record.
 tagTRAVEX_FTP_S_CTRL_PARAM ParametersOf(const support::FtpServer& server,
                                         const std::string& directory);
+
+// A new handle with parameters, and a download on a handle into its work directory; 0 when it was
+// refused. Failures fail the test.
+TRAVEX_FTP_HANDLE HandleWith(const tagTRAVEX_FTP_S_CTRL_PARAM& parameters);
+unsigned int StartOn(TRAVEX_FTP_HANDLE handle, const std::string& serverFile,
+                     const std::string& localFile);
 
 // An initialised layer, a handle and a directory to download into.
 class LayerTest : public ::testing::Test
@@ -98,13 +123,13 @@ protected:
     // Sets the parameters; a failure fails the test.
     void Use(const tagTRAVEX_FTP_S_CTRL_PARAM& parameters);
 
-    // Starts a download into the directory; 0 when it was refused.
-    unsigned int Start(const std::string& server_file, const std::string& local_file);
+    // Starts a download on the handle; 0 when it was refused.
+    unsigned int Start(const std::string& serverFile, const std::string& localFile);
 
-    // One whole download: its outcome, "0 12", or "3 <code> <reason>" without the server's name.
-    std::string Fetch(const std::string& server_file, const std::string& local_file);
+    // One whole download: OutcomeOf.
+    std::string Fetch(const std::string& serverFile, const std::string& localFile);
 
-    std::string Content(const std::string& local_file) const;
+    std::string Content(const std::string& localFile) const;
 
     support::TemporaryDirectory m_directory;
     TRAVEX_FTP_HANDLE m_handle = nullptr;

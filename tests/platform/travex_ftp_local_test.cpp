@@ -1,18 +1,14 @@
 // Faults of the machine that the client runs on: a process that is killed, a full disk, a read-only
 // one, no descriptors left. The file that was there stays.
 #include <gmock/gmock.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <filesystem>
-#include <optional>
 #include <random>
 #include <set>
 
@@ -62,13 +58,13 @@ TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneWholeAtAnyMoment)
 {
     using Clock = std::chrono::steady_clock;
     const std::string body = FaultyServer::Body(kBytes);
-    auto whole_run = Clock::duration::zero();
+    auto wholeRun = Clock::duration::zero();
     for (int run = 0; run != 3; ++run)
     {
         const auto begin = Clock::now();
         Process process(FetchCommand());
         ASSERT_EQ(0, process.Wait(std::chrono::seconds(30)));
-        whole_run = Clock::now() - begin;
+        wholeRun = Clock::now() - begin;
     }
     ASSERT_TRUE(body == Content("f"));
 
@@ -76,7 +72,7 @@ TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneWholeAtAnyMoment)
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
     std::uniform_real_distribution<double> part(0.0, 1.2);
-    int old_files = 0;
+    int oldFiles = 0;
     int interrupted = 0;
     for (int round = 0; round != 100; ++round)
     {
@@ -84,17 +80,17 @@ TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneWholeAtAnyMoment)
         const std::set<std::string> orphans = TemporaryFiles();
         Process process(FetchCommand());
         std::this_thread::sleep_for(
-            std::chrono::duration_cast<std::chrono::microseconds>(whole_run * part(random)));
+            std::chrono::duration_cast<std::chrono::microseconds>(wholeRun * part(random)));
         process.Signal(SIGKILL);
         ASSERT_TRUE(process.Wait(std::chrono::seconds(10)).has_value());
         const std::string content = Content("f");
         ASSERT_TRUE(content == "old" || content == body) << "round " << round;
-        old_files += content == "old" ? 1 : 0;
+        oldFiles += content == "old" ? 1 : 0;
         const std::set<std::string> left = TemporaryFiles();
         interrupted +=
             std::includes(orphans.begin(), orphans.end(), left.begin(), left.end()) ? 0 : 1;
     }
-    EXPECT_GT(old_files, 20) << "the moments came too late";
+    EXPECT_GT(oldFiles, 20) << "the moments came too late";
     EXPECT_GT(interrupted, 5) << "no transfer was interrupted in its file";
 
     Use(Parameters("127.0.0.1", m_server.Port(), m_directory.Path()));
@@ -157,7 +153,8 @@ TEST_F(SmallFileSystem, AFullDiskLeavesTheOldFileAndNothingElse)
 {
     EXPECT_THAT(
         Run("printf old > f; \"$2\" \"$3\" \"$1\" f; cat f; echo; ls -A"),
-        MatchesRegex("3 25 [^\n]*cannot write [^\n]*/f: No space left on device\nold\nf\n"));
+        MatchesRegex(
+            "3 25/LOCAL_FILE/0 [^\n]*cannot write [^\n]*/f: No space left on device\nold\nf\n"));
 }
 
 TEST_F(SmallFileSystem, AReadOnlyDirectoryFailsBeforeAnythingIsFetched)
@@ -165,7 +162,7 @@ TEST_F(SmallFileSystem, AReadOnlyDirectoryFailsBeforeAnythingIsFetched)
     EXPECT_THAT(
         Run("printf old > f; mount -o remount,ro \"$1\"; \"$2\" \"$3\" \"$1\" f; cat f; echo; "
             "ls -A"),
-        MatchesRegex("3 25 [^\n]*/f: Read-only file system\nold\nf\n"));
+        MatchesRegex("3 25/LOCAL_FILE/0 [^\n]*/f: Read-only file system\nold\nf\n"));
     EXPECT_EQ(0u, m_server.Count("COMMAND RETR"));
 }
 
@@ -183,8 +180,8 @@ TEST_F(LayerTest, ADirectoryThatMayNotBeWrittenFailsBeforeConnecting)
         support::RunCommand({{CORPDIR_FTP_FETCH, std::to_string(server.Port()), closed, "f"},
                              {{"TRAVEX_FTP_FETCH_USER", user}},
                              ""});
-    EXPECT_THAT(result.output,
-                MatchesRegex("3 25 [^\n]*cannot create " + closed + "/\\./f: Permission denied\n"));
+    EXPECT_THAT(result.output, MatchesRegex("3 25/LOCAL_FILE/0 [^\n]*cannot create " + closed +
+                                            "/\\./f: Permission denied\n"));
     ASSERT_EQ(0, chmod(closed.c_str(), 0700));
     EXPECT_EQ("old", support::ReadFile(closed + "/f"));
     EXPECT_THAT(support::FilesIn(closed), testing::ElementsAre("f"));
@@ -204,14 +201,14 @@ TEST_F(FewDescriptors, NoneLeftFailsInWordsAndTheNextTransferWorks)
     support::WriteFile(m_directory.File("f"), "old");
     rlimit limit{};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-    const int lowest_free = dup(0);
-    ASSERT_GE(lowest_free, 0);
-    close(lowest_free);
+    const int lowestFree = dup(0);
+    ASSERT_GE(lowestFree, 0);
+    close(lowestFree);
     // From no descriptor at all up to one too few for a whole transfer.
     std::string outcome;
     for (rlim_t more = 0; more != 10 && outcome != "0 12"; ++more)
     {
-        const rlimit small{static_cast<rlim_t>(lowest_free) + more, limit.rlim_max};
+        const rlimit small{static_cast<rlim_t>(lowestFree) + more, limit.rlim_max};
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &small));
         outcome = Fetch("f", "f");
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
@@ -229,105 +226,25 @@ TEST_F(FewDescriptors, NoneLeftFailsInWordsAndTheNextTransferWorks)
 
 #endif
 
-// An address whose port never answers: its queue of connections is full.
-class SilentAddress
+// An operator's limits are read once in the life of a process; the program's own come first.
+TEST_F(LayerTest, TheEnvironmentLimitsWhatTheProgramLeavesOpen)
 {
-public:
-    SilentAddress()
+    FaultyServer server("hang:USER");
+    const auto fetch = [&](const std::vector<std::pair<std::string, std::string>>& environment)
     {
-        m_address.sin_family = AF_INET;
-        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof m_address;
-        EXPECT_EQ(0, bind(m_listener.Get(), Generic(), length));
-        EXPECT_EQ(0, listen(m_listener.Get(), 0));
-        EXPECT_EQ(0, getsockname(m_listener.Get(), Generic(), &length));
-        for (const Socket& filler : m_fillers)
-        {
-            (void)connect(filler.Get(), Generic(), length);
-        }
-    }
-
-    unsigned int Port() const
-    {
-        return ntohs(m_address.sin_port);
-    }
-
-private:
-    class Socket
-    {
-    public:
-        Socket() : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {}
-        Socket(const Socket&) = delete;
-        Socket& operator=(const Socket&) = delete;
-        ~Socket()
-        {
-            (void)close(m_socket);
-        }
-        int Get() const
-        {
-            return m_socket;
-        }
-
-    private:
-        int m_socket;
+        return support::RunCommand(
+                   {{CORPDIR_FTP_FETCH, std::to_string(server.Port()), m_directory.Path(), "f"},
+                    environment,
+                    ""})
+            .output;
     };
-
-    sockaddr* Generic()
-    {
-        return reinterpret_cast<sockaddr*>(&m_address);
-    }
-
-    sockaddr_in m_address{};
-    Socket m_listener;
-    Socket m_fillers[4];
-};
-
-class SilentServer : public LayerTest
-{
-protected:
-    void SetUp() override
-    {
-        m_connect.emplace("CORPDIR_FTP_CONNECT_MS", "300");
-        LayerTest::SetUp();
-    }
-
-    std::optional<ftp_test::Environment> m_connect;
-    SilentAddress m_silent;
-};
-
-// libcurl closes a socket that has not connected without telling: its number is the next one's.
-TEST_F(SilentServer, LeavesLaterDescriptorsOfTheProcessAlone)
-{
-    Use(Parameters("127.0.0.1", m_silent.Port(), m_directory.Path()));
-    EXPECT_THAT(Fetch("f", "f"), HasSubstr("no connection in 0.3 s"));
-    std::array<std::array<int, 2>, 20> pairs{};
-    for (auto& pair : pairs)
-    {
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // longer than a farewell lasts
-    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
-    for (const auto& pair : pairs)
-    {
-        for (const int end : pair)
-        {
-            char byte = 'x';
-            EXPECT_EQ(1, send(end, &byte, 1, MSG_NOSIGNAL)) << end;
-            EXPECT_EQ(1, recv(end == pair[0] ? pair[1] : pair[0], &byte, 1, MSG_DONTWAIT)) << end;
-        }
-        (void)close(pair[0]);
-        (void)close(pair[1]);
-    }
-}
-
-// A transfer that lasts longer than the silent one's farewell.
-TEST_F(SilentServer, DoesNotDisturbTheOneAfterIt)
-{
-    const FaultyServer slow("slow_drip", {"--size", "80"});
-    Use(Parameters("127.0.0.1", m_silent.Port(), m_directory.Path()));
-    EXPECT_THAT(Fetch("f", "f"), HasSubstr("no connection in 0.3 s"));
-    Use(Parameters("127.0.0.1", slow.Port(), m_directory.Path()));
-    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ("3 22/LOGIN/0 no reply to USER within 0.3 s\n",
+              fetch({{"CORPDIR_FTP_RESPONSE_MS", "300"}}));
+    EXPECT_EQ("3 22/LOGIN/0 no reply to USER within 0.4 s\n",
+              fetch({{"CORPDIR_FTP_RESPONSE_MS", "300"}, {"TRAVEX_FTP_FETCH_RESPONSE_MS", "400"}}));
+    // What is not a positive number counts as not there.
+    EXPECT_EQ("3 22/LOGIN/0 transfer timed out after 0.5 s\n",
+              fetch({{"CORPDIR_FTP_RESPONSE_MS", "-1"}, {"CORPDIR_FTP_TRANSFER_MS", "500"}}));
 }
 
 }  // namespace

@@ -1,193 +1,482 @@
-// Parts of the FTP layer that need no server: what is read from replies and texts.
+// Parts of the FTP layer that need no server: what is read from replies and texts, and what follows
+// from what was seen.
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "certificates.h"
 #include "files.h"
-#include "travex_ftp/curl_options.h"
+#include "travex_ftp/cipher_suites.h"
 #include "travex_ftp/failure.h"
+#include "travex_ftp/identity.h"
+#include "travex_ftp/limits.h"
 #include "travex_ftp/replies.h"
+#include "travex_ftp/retrieve.h"
 #include "travex_ftp/trust.h"
-#include "travex_ftp_fixture.h"
 
 namespace
 {
-using ftp_test::Environment;
+using travex_ftp::DataEnd;
 using travex_ftp::Failure;
 using travex_ftp::Limits;
-using travex_ftp::Replies;
+using travex_ftp::Reply;
+using travex_ftp::ReplyReader;
+using travex_ftp::Secret;
+using travex_ftp::Seen;
 using travex_ftp::TrustText;
 
-class RepliesTest : public testing::Test
+constexpr uint64_t kUnknown = TRAVEX_FTP_SIZE_UNKNOWN;
+
+// A reader of what a server says.
+class Listener
 {
-protected:
-    Replies::Line Hear(const std::string& line)
+public:
+    explicit Listener(const char* password = "throw-away-17")
+        : m_password(password), m_reader(m_password)
     {
-        return m_replies.lineHeard(line.data(), line.size(), m_limits);
+        m_reader.Restart(m_limits);
     }
 
-    void Send(const std::string& line)
+    // The replies that are complete when `bytes` have arrived in pieces of a size, each as
+    // "220 ready", and what ended it, if a limit did.
+    std::vector<std::string> Hear(const std::string& bytes, size_t piece = 1000, bool login = false)
     {
-        m_replies.commandSent(line.data(), line.size());
+        std::vector<std::string> replies;
+        size_t at = 0;
+        for (;;)
+        {
+            Reply reply;
+            switch (m_reader.Next(reply, login))
+            {
+                case ReplyReader::Result::kReply:
+                    replies.push_back(std::to_string(reply.code) + " " + reply.text);
+                    continue;
+                case ReplyReader::Result::kTooManyBytes:
+                    replies.emplace_back("too many bytes");
+                    return replies;
+                case ReplyReader::Result::kTooManyLines:
+                    replies.emplace_back("too many lines");
+                    return replies;
+                case ReplyReader::Result::kIncomplete:
+                    break;
+            }
+            if (at == bytes.size())
+            {
+                return replies;
+            }
+            at += Arrive(bytes, at, piece);
+        }
+    }
+
+    void Restart(uint64_t lines, uint64_t bytes)
+    {
+        m_limits.replyLines = lines;
+        m_limits.replyBytes = bytes;
+        m_reader.Restart(m_limits);
+    }
+
+    bool Pending() const
+    {
+        return m_reader.Pending();
+    }
+
+private:
+    size_t Arrive(const std::string& bytes, size_t at, size_t piece)
+    {
+        size_t size = 0;
+        char* const room = m_reader.Room(size);
+        const size_t length = std::min({size, piece, bytes.size() - at});
+        memcpy(room, bytes.data() + at, length);
+        m_reader.Arrived(length);
+        return length;
     }
 
     Limits m_limits;
-    Replies m_replies;
+    const Secret m_password;
+    ReplyReader m_reader;
 };
 
-TEST_F(RepliesTest, ReplyOfSeveralLinesEndsWithItsOwnCode)
+using Texts = std::vector<std::string>;
+
+TEST(RepliesTest, ReplyOfSeveralLinesEndsWithItsOwnCode)
 {
-    Hear("220-hello\r\n");
-    Hear("421 is not the end\r\n");
-    EXPECT_EQ(0u, m_replies.code());
-    Hear(" 220 nor this\r\n");
-    Hear("220-nor this\r\n");
-    Hear("220 ready \r\n");
-    EXPECT_EQ(220u, m_replies.code());
-    EXPECT_STREQ("ready", m_replies.text());
+    const std::string bytes =
+        "220-hello\r\n421 is not the end\r\n 220 nor this\r\n220-nor this\r\n220 ready \r\n"
+        "331 next\r\n";
+    for (size_t piece = 1; piece <= bytes.size(); ++piece)
+    {
+        EXPECT_EQ((Texts{"220 ready", "331 next"}), Listener().Hear(bytes, piece)) << piece;
+    }
+    EXPECT_EQ(Texts{}, Listener().Hear("220-hello\r\n421 no\r\n"));
 }
 
-TEST_F(RepliesTest, VerbIsKeptAndNothingBehindIt)
+TEST(RepliesTest, LinesMayEndWithLineFeedAlone)
 {
-    Send("PASS secret\r\n");
-    EXPECT_STREQ("PASS", m_replies.verb());
-    EXPECT_FALSE(m_replies.answered());
-    Hear("230 in\r\n");
-    EXPECT_TRUE(m_replies.answered());
+    EXPECT_EQ((Texts{"220 ready", "331 next"}),
+              Listener().Hear("220-hello\n220 ready\n331 next\n"));
 }
 
-TEST_F(RepliesTest, SizesOf213)
+TEST(RepliesTest, TextIsThatOfTheLastLineOrTheFirst)
 {
-    const auto size = [this](const std::string& text)
+    EXPECT_EQ(Texts{"213 100"}, Listener().Hear("213-Size\r\n213 100\r\n"));
+    EXPECT_EQ(Texts{"550 gone"}, Listener().Hear("550-gone\r\n550 \r\n"));
+    EXPECT_EQ(Texts{"550 "}, Listener().Hear("550\r\n"));
+    EXPECT_EQ(Texts{"550 " + std::string(255, 'x')},
+              Listener().Hear("550 " + std::string(3000, 'x') + "\r\n"));
+}
+
+TEST(RepliesTest, WhatIsNoReplyIsPassedOver)
+{
+    EXPECT_EQ(Texts{"220 ready"}, Listener().Hear("hello\r\n\r\n22 x\r\n2200 x\r\n220 ready\r\n"));
+    EXPECT_EQ(Texts{"550 a?b"}, Listener().Hear(std::string("550 a\0b\r\n", 9)));
+}
+
+TEST(RepliesTest, PendingIsAllThatNoReplyWasMadeOf)
+{
+    Listener listener;
+    EXPECT_FALSE(listener.Pending());
+    (void)listener.Hear("220 ready\r\n");
+    EXPECT_FALSE(listener.Pending());
+    (void)listener.Hear("2");
+    EXPECT_TRUE(listener.Pending());
+    EXPECT_EQ(Texts{"226 done"}, listener.Hear("26 done\r\n"));
+    EXPECT_FALSE(listener.Pending());
+    (void)listener.Hear("226-done\r\n");
+    EXPECT_TRUE(listener.Pending());
+}
+
+TEST(RepliesTest, LinesAndBytesAreBounded)
+{
+    Listener listener;
+    listener.Restart(3, 1000);
+    EXPECT_EQ(Texts{"220 c"}, listener.Hear("220-a\r\n220-b\r\n220 c\r\n"));
+    listener.Restart(3, 1000);
+    EXPECT_EQ(Texts{"220 f"}, listener.Hear("220-d\r\n220-e\r\n220 f\r\n"));
+    EXPECT_EQ(Texts{"too many lines"}, listener.Hear("220 g\r\n"));
+    for (const size_t piece : {1u, 7u, 1000u})
     {
-        m_replies = Replies();
-        Send("SIZE f\r\n");
-        const Replies::Line verdict = Hear("213 " + text + "\r\n");
-        return std::make_pair(verdict, m_replies.sizeAnswered());
-    };
-    using Line = Replies::Line;
-    EXPECT_EQ(std::make_pair(Line::Fine, uint64_t{0}), size("0"));
-    EXPECT_EQ(std::make_pair(Line::Fine, uint64_t{18446744073709551614u}),
-              size("18446744073709551614"));
-    EXPECT_EQ(std::make_pair(Line::Fine, uint64_t{18446744073709551614u}),
-              size("99999999999999999999999"));
-    for (const char* text : {"", "-1", "+1", "1 byte", "0x10", "1.5"})
-    {
-        EXPECT_EQ(Line::BadSize, size(text).first) << text;
+        Listener other;
+        other.Restart(1000, 20);
+        EXPECT_EQ(Texts{"too many bytes"}, other.Hear(std::string(21, 'x'), piece)) << piece;
     }
 }
 
-TEST_F(RepliesTest, SizesOf150)
+// Of one reply to a command that is not part of the login, unless it is said to be.
+std::string Masked(const char* password, const std::string& text, bool login = false)
 {
-    const auto size = [this](const std::string& text)
-    {
-        m_replies = Replies();
-        Send("RETR f\r\n");
-        Hear("150 " + text + "\r\n");
-        return m_replies.sizeOpened();
-    };
-    EXPECT_EQ(65536u, size("Opening BINARY mode data connection for a(2).b (65536 bytes)."));
-    EXPECT_EQ(0u, size("(0 bytes)"));
-    for (const char* text : {"64.0 kbytes to download", "(64 kbytes)", "(", "(12", "(12 byte)", ""})
-    {
-        EXPECT_EQ(UINT64_MAX, size(text)) << text;
-    }
+    const Texts heard = Listener(password).Hear("530 " + text + "\r\n", 1000, login);
+    return heard.size() == 1 ? heard[0].substr(4) : "";
 }
 
-TEST_F(RepliesTest, LinesAndBytesAreCapped)
+TEST(RepliesTest, PasswordIsMaskedInTheWholeLine)
 {
-    m_limits.replyLines = 3;
-    m_limits.replyBytes = 20;
-    EXPECT_EQ(Replies::Line::TooMuch, Hear(std::string(21, 'x')));
-    m_replies = Replies();
-    for (int i = 0; i != 3; ++i)
-    {
-        EXPECT_EQ(Replies::Line::Fine, Hear("x\n"));
-    }
-    EXPECT_EQ(Replies::Line::TooMuch, Hear("x\n"));
-}
-
-TEST_F(RepliesTest, StepIsTheGreetingBeforeTheFirstCommand)
-{
-    EXPECT_STREQ("the greeting", m_replies.step());
-    Send("USER ftp\r\n");
-    EXPECT_STREQ("USER", m_replies.step());
-}
-
-TEST_F(RepliesTest, RefusalIsTheLastWord)
-{
-    EXPECT_FALSE(m_replies.refused());
-    Hear("421 too many\r\n");
-    EXPECT_TRUE(m_replies.refused());
-    Send("SIZE f\r\n");
-    EXPECT_TRUE(m_replies.refused()) << "it may have come before the command was sent";
-    Hear("550 no\r\n");
-    EXPECT_TRUE(m_replies.refused());
-    Send("RETR f\r\n");
-    EXPECT_FALSE(m_replies.refused());
-    Hear("150 opening\r\n");
-    EXPECT_FALSE(m_replies.refused());
-    Hear("426 broken off\r\n");
-    EXPECT_TRUE(m_replies.refused());
-}
-
-TEST_F(RepliesTest, PasswordIsMaskedInTheWholeLine)
-{
-    const auto text = [this](const char* secret, const std::string& line)
-    {
-        const travex_ftp::Secret password(secret);
-        m_replies = Replies(&password);
-        Send("PASS x\r\n");
-        Hear(line + "\r\n");
-        return std::string(m_replies.text());
-    };
-    EXPECT_EQ("it was ******, ******", text("secret", "530 it was secret, secret"));
+    EXPECT_EQ("it was ******, ******", Masked("secret", "it was secret, secret"));
     const std::string before(252, 'x');
-    EXPECT_EQ(before + "***", text("secret", "530 " + before + "secret"));
-    EXPECT_EQ("it was **********", text("p\xe4ssw\xf6rter", "530 it was p\xe4ssw\xf6rter"));
-    EXPECT_EQ("it was ****", text("tail ", "530 it was tail "));  // its end would be trimmed
-    EXPECT_EQ("*******", text("aaaaa", "530 aaaaaaa"));
-    EXPECT_EQ("it was secre", text("secret", "530 it was secre"));
+    EXPECT_EQ(before + "***", Masked("secret", before + "secret"));
+    EXPECT_EQ("it was **********", Masked("p\xe4ssw\xf6rter", "it was p\xe4ssw\xf6rter"));
+    EXPECT_EQ("it was *****", Masked("tail ", "it was tail "));  // its end would be trimmed
+    EXPECT_EQ("*******", Masked("aaaaa", "aaaaaaa"));
 }
 
-TEST_F(RepliesTest, AnswersToALoginWithAShortPasswordHaveNoText)
+TEST(RepliesTest, PasswordIsMaskedInBothEncodings)
 {
-    const travex_ftp::Secret password("abc");
-    m_replies = Replies(&password);
-    Hear("220 abc ready\r\n");
-    EXPECT_STREQ("abc ready", m_replies.text());
-    for (const char* command : {"USER u\r\n", "PASS abc\r\n"})
+    EXPECT_EQ("it was **********.", Masked("p\xc3\xa4ssw\xc3\xb6rter", "it was p\xe4ssw\xf6rter."));
+    EXPECT_EQ("it was ************.",
+              Masked("p\xe4ssw\xf6rter", "it was p\xc3\xa4ssw\xc3\xb6rter."));
+    EXPECT_EQ("it was ************.",
+              Masked("p\xc3\xa4ssw\xc3\xb6rter", "it was p\xc3\xa4ssw\xc3\xb6rter."));
+}
+
+TEST(RepliesTest, PasswordThatTheServerCutIsMasked)
+{
+    const std::string masked = Masked("secret-password", "it was secret-pass... or so");
+    EXPECT_EQ(std::string::npos, masked.find("secret-p")) << masked;
+    EXPECT_NE(std::string::npos, masked.find(" or so")) << masked;
+}
+
+TEST(RepliesTest, RepliesToALoginWithAShortPasswordHaveNoText)
+{
+    EXPECT_EQ("(text withheld)", Masked("abc", "not abc", true));
+    EXPECT_EQ("not abc", Masked("abc", "not abc", false));
+}
+
+TEST(SizesTest, OfA213AreOneNumberInRange)
+{
+    using travex_ftp::SizeOfAnswer;
+    EXPECT_EQ(0u, SizeOfAnswer("0"));
+    EXPECT_EQ(100000u, SizeOfAnswer("100000"));
+    EXPECT_EQ(9223372036854775807u, SizeOfAnswer("9223372036854775807"));
+    for (const char* text :
+         {"", "-1", "+1", "1 byte", "19 bytes", "0x10", "1.5", "about", "9223372036854775808",
+          "18446744073709551615", "18446744073709551616", "99999999999999999999999"})
     {
-        Send(command);
-        Hear("530 not abc\r\n");
-        EXPECT_EQ(530u, m_replies.code());
-        EXPECT_STREQ("(text withheld)", m_replies.text());
+        EXPECT_EQ(kUnknown, SizeOfAnswer(text)) << text;
     }
-    Send("RETR abc\r\n");
-    Hear("550 no abc\r\n");
-    EXPECT_STREQ("no abc", m_replies.text());
 }
 
-TEST(LimitsTest, EnormousOnesAreBounded)
+TEST(SizesTest, OfA150StandInParentheses)
 {
-    const Environment connect("CORPDIR_FTP_CONNECT_MS", "4294967296");
-    const Environment response("CORPDIR_FTP_RESPONSE_MS", "4611686018427387904");
-    const Environment connections("CORPDIR_FTP_CONNECTIONS", "4611686018427387904");
-    const Limits limits = Limits::fromEnvironment();
-    EXPECT_EQ(std::chrono::hours(24 * 20), limits.connect);
-    EXPECT_EQ(std::chrono::hours(24 * 20), limits.response);
-    EXPECT_EQ(4096u, limits.connections);
-    const std::unique_ptr<CURL, travex_ftp::CurlFreed> easy(curl_easy_init());
-    EXPECT_EQ(CURLE_OK,
-              travex_ftp::setReplyLimit(easy.get(), limits.response + std::chrono::seconds(1)));
+    using travex_ftp::SizeOfOpening;
+    EXPECT_EQ(65536u,
+              SizeOfOpening("Opening BINARY mode data connection for a(2).b (65536 bytes)."));
+    EXPECT_EQ(5u, SizeOfOpening("(5 bytes)"));
+    EXPECT_EQ(100u, SizeOfOpening("Opening a(5 bytes) (100 bytes).")) << "the name has one too";
+    for (const char* text : {"64.0 kbytes to download", "(64 kbytes)", "(", "(12", "", "(0 bytes)",
+                             "(9223372036854775808 bytes)", "12 bytes"})
+    {
+        EXPECT_EQ(kUnknown, SizeOfOpening(text)) << text;
+    }
+}
+
+TEST(PassiveTest, RepliesAreReadForWhatTheyCarry)
+{
+    const auto port = [](unsigned int code, const char* text)
+    {
+        Reply reply;
+        reply.code = code;
+        strcpy(reply.text, text);
+        return travex_ftp::PortOfReply(reply);
+    };
+    for (const char* text :
+         {"Extended (|||50000|)", "(!!!50000!)", "(||50000|)", "|||50000|", "Entering (|||50000|).",
+          "Passive (192,0,2,1,195,80)", "192,0,2,1,195,80", "Passive 192,0,2,1,195,80.",
+          "=192,0,2,1,195,80", "Entering passive mode (0,0,0,0,195,80)."})
+    {
+        EXPECT_EQ(50000u, port(229, text)) << text;
+        EXPECT_EQ(50000u, port(227, text)) << text;
+    }
+    for (const char* text : {"", "bla", "(|||banana|)", "(|||0|)", "(|||70000|)", "(|||50000)",
+                             "(|||-5|)", "(1,2,3,4,5)", "(1,2,3,4,0,0)", "(1,2,3,4,300,1)",
+                             "(1,2,3,4,1,256)", "(|||99999999999999999999|)"})
+    {
+        EXPECT_EQ(0u, port(229, text)) << text;
+        EXPECT_EQ(0u, port(227, text)) << text;
+    }
+}
+
+// What follows from what was seen: "good", or code, step, reply and reason.
+class DecideTest : public testing::Test
+{
+protected:
+    DecideTest()
+    {
+        m_seen.announced = m_seen.received = 100;
+        m_seen.data = DataEnd::kInOrder;
+        m_seen.stall = std::chrono::milliseconds(900);
+        m_seen.confirm = std::chrono::milliseconds(700);
+        Say(226, "done");
+    }
+
+    void Say(unsigned int code, const char* text)
+    {
+        m_seen.last.code = code;
+        strcpy(m_seen.last.text, text);
+    }
+
+    std::string Outcome() const
+    {
+        Failure failure{};
+        if (travex_ftp::Decide(m_seen, failure))
+        {
+            EXPECT_EQ(0u, failure.ulRet);
+            return "good";
+        }
+        return std::to_string(failure.ulRet) + "/" + std::to_string(failure.ulStep) + "/" +
+               std::to_string(failure.ulReply) + " " + failure.acReason;
+    }
+
+    Seen m_seen;
+};
+
+TEST_F(DecideTest, BytesAndAPositiveReplyAreProof)
+{
+    for (const DataEnd end :
+         {DataEnd::kInOrder, DataEnd::kCutOff, DataEnd::kLost, DataEnd::kStalled})
+    {
+        m_seen.data = end;
+        for (const unsigned int code : {200u, 226u, 250u})
+        {
+            Say(code, "x");
+            EXPECT_EQ("good", Outcome());
+        }
+    }
+    m_seen.announced = m_seen.received = 0;
+    EXPECT_EQ("good", Outcome());
+}
+
+TEST_F(DecideTest, WithoutASizeTheEndOfTheDataChannelIsNeeded)
+{
+    m_seen.announced = kUnknown;
+    EXPECT_EQ("good", Outcome());
+    m_seen.data = DataEnd::kCutOff;
+    EXPECT_EQ("23/14/0 the data channel ended without close_notify: the file may be cut off",
+              Outcome());
+    m_seen.data = DataEnd::kLost;
+    m_seen.dataWhy = "Connection reset by peer";
+    EXPECT_EQ("23/14/0 data connection lost after 100 bytes: Connection reset by peer", Outcome());
+    m_seen.data = DataEnd::kStalled;
+    EXPECT_EQ("22/14/0 stalled: 0 bytes in 0.9 s, 100 received", Outcome());
+}
+
+TEST_F(DecideTest, MoreOrFewerBytesThanAnnouncedAreAFailure)
+{
+    m_seen.received = 50;
+    EXPECT_EQ("23/14/0 50 bytes received of 100 announced", Outcome());
+    m_seen.data = DataEnd::kCutOff;
+    EXPECT_EQ("23/14/0 50 bytes received of 100 announced", Outcome());
+    m_seen.data = DataEnd::kLost;
+    m_seen.dataWhy = "Connection reset by peer";
+    EXPECT_EQ("23/14/0 data connection lost after 50 bytes: Connection reset by peer", Outcome());
+    m_seen.data = DataEnd::kStalled;
+    m_seen.stalledBytes = 7;
+    EXPECT_EQ("22/14/0 stalled: 7 bytes in 0.9 s, 50 of 100 received", Outcome());
+    m_seen.received = 101;
+    for (const DataEnd end : {DataEnd::kInOrder, DataEnd::kLost, DataEnd::kOpen})
+    {
+        m_seen.data = end;
+        EXPECT_EQ("23/14/0 101 bytes received, 100 announced", Outcome());
+    }
+}
+
+TEST_F(DecideTest, TheServersWordRules)
+{
+    m_seen.received = 50;
+    m_seen.data = DataEnd::kLost;
+    Say(451, "disk");
+    EXPECT_EQ("23/14/451 the server aborted the transfer: 451 disk", Outcome());
+    m_seen.data = DataEnd::kOpen;
+    EXPECT_EQ("23/14/451 the server aborted the transfer: 451 disk", Outcome());
+    m_seen.received = 100;
+    Say(552, "quota");
+    EXPECT_EQ("23/14/552 the server aborted the transfer: 552 quota", Outcome());
+    Say(421, "bye");
+    EXPECT_EQ("16/14/421 service not available: 421 bye", Outcome());
+}
+
+TEST_F(DecideTest, AMissingReplyIsNamed)
+{
+    Say(0, "");
+    EXPECT_EQ("22/15/0 no 226 within 0.7 s of the last byte", Outcome());
+    m_seen.controlLost = true;
+    m_seen.controlWhy = "closed by the server";
+    EXPECT_EQ("23/15/0 connection lost before the 226: closed by the server", Outcome());
+    m_seen.data = DataEnd::kOpen;
+    m_seen.received = 50;
+    EXPECT_EQ("23/14/0 connection lost during the transfer: closed by the server", Outcome());
+}
+
+TEST_F(DecideTest, AReplyThatSaysNeitherIsNone)
+{
+    Say(331, "Password please.");
+    EXPECT_EQ("21/15/331 unexpected reply to RETR: 331 Password please.", Outcome());
+}
+
+TEST(LimitsTest, AreBoundedAndReset)
+{
+    const Limits before = Limits::Current();
+    tagTRAVEX_FTP_S_LIMITS set{};
+    set.ulConnectMs = UINT_MAX;
+    set.ulIdleMs = 5;
+    set.ullFileBytes = UINT64_MAX;
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(&set));
+    const Limits now = Limits::Current();
+    EXPECT_EQ(std::chrono::hours(24 * 20), now.connect);
+    EXPECT_EQ(std::chrono::milliseconds(5), now.idle);
+    EXPECT_EQ(UINT64_MAX, now.fileBytes);
+    EXPECT_EQ(before.response, now.response) << "not set";
+    EXPECT_EQ(0u, TRAVEX_FTP_SetLimits(nullptr));
+    EXPECT_EQ(before.connect, Limits::Current().connect);
+    EXPECT_EQ(before.fileBytes, Limits::Current().fileBytes);
+}
+
+// As travex_ftp.h has them.
+TEST(LimitsTest, DefaultsAreThoseOfTheHeader)
+{
+    using std::chrono::seconds;
+    const Limits limits;
+    EXPECT_EQ(uint64_t{16} << 30, limits.fileBytes);
+    EXPECT_EQ(65536u, limits.replyBytes);
+    EXPECT_EQ(1000u, limits.replyLines);
+    EXPECT_EQ(1024u, limits.stallBytes);
+    EXPECT_EQ(seconds(10), limits.connect);
+    EXPECT_EQ(seconds(10), limits.handshake);
+    EXPECT_EQ(seconds(20), limits.response);
+    EXPECT_EQ(seconds(30), limits.stall);
+    EXPECT_EQ(seconds(60), limits.confirm);
+    EXPECT_EQ(std::chrono::hours(6), limits.transfer);
+    EXPECT_EQ(seconds(15), limits.idle);
+    EXPECT_EQ(std::chrono::milliseconds(100), limits.observe);
+}
+
+// What a list of suites makes of OpenSSL: names for TLS 1.2 and 1.3, oldest and newest version, or
+// the refusal.
+std::string Chosen(const std::vector<int>& identifiers)
+{
+    travex_ftp::CipherSuites suites;
+    Failure failure{};
+    if (!travex_ftp::ChooseSuites(identifiers.data(), static_cast<unsigned int>(identifiers.size()),
+                                  suites, failure))
+    {
+        return std::to_string(failure.ulRet) + " " + failure.acReason;
+    }
+    const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(
+        SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    EXPECT_TRUE(suites.Apply(context.get()));
+    const long oldest = SSL_CTX_get_min_proto_version(context.get());
+    const long newest = SSL_CTX_get_max_proto_version(context.get());
+    return suites.tls12 + " " + suites.tls13 + (oldest == TLS1_2_VERSION ? " 1.2" : " 1.3") +
+           (newest == TLS1_2_VERSION ? " to 1.2"
+            : newest == 0            ? ""
+                                     : " to ?");
+}
+
+TEST(SuitesTest, VersionsFollowFromTheList)
+{
+    EXPECT_EQ("AES256-SHA:AES128-SHA256:AES256-SHA256  1.2 to 1.2",
+              Chosen({0x03000035, 0x0300003C, 0x0300003D}));
+    EXPECT_EQ(" TLS_AES_128_GCM_SHA256 1.3", Chosen({0x03001301}));
+    EXPECT_EQ("AES256-SHA TLS_AES_256_GCM_SHA384 1.2", Chosen({0x03001302, 0x03000035}));
+    EXPECT_EQ("  1.2", Chosen({}));
+    EXPECT_EQ("5 cipher suite 0x0300FFFE is unknown", Chosen({0x03000035, 0x0300FFFE}));
+}
+
+TEST(IdentityTest, ListedTextsHaveOneForm)
+{
+    const auto form = [](const char* listed)
+    {
+        std::string normalized;
+        const bool taken = travex_ftp::NormalizeServerName(listed, normalized);
+        return taken ? (travex_ftp::IsAddress(normalized) ? "address " : "name ") + normalized
+                     : std::string("refused");
+    };
+    EXPECT_EQ("name dir.example", form("dir.example"));
+    EXPECT_EQ("name dir.example", form("dir.example."));
+    EXPECT_EQ("name host", form("host"));
+    EXPECT_EQ("address 192.0.2.1", form("192.0.2.1"));
+    EXPECT_EQ("address 192.0.2.1", form("::ffff:192.0.2.1"));
+    EXPECT_EQ("address 2001:db8::1", form("2001:0DB8:0:0::1"));
+    for (const char* listed :
+         {"", ".", "fe80::1%eth0", "1.2.3.4.5", "::1::", "a\nb", "a b", ".example"})
+    {
+        EXPECT_EQ("refused", form(listed)) << listed;
+    }
+    EXPECT_EQ("refused", form(std::string(254, 'a').c_str()));
+}
+
+TEST(IdentityTest, IsPutInWords)
+{
+    EXPECT_EQ("192.0.2.1", travex_ftp::InWords({"192.0.2.1"}));
+    EXPECT_EQ("a.example nor for b.example", travex_ftp::InWords({"a.example", "b.example"}));
 }
 
 std::string Printable(std::string text)
 {
-    travex_ftp::makePrintable(text.data());
+    travex_ftp::MakePrintable(text.data());
     return text;
 }
 
@@ -206,35 +495,38 @@ TEST(FailureTest, TextsBecomePrintable)
     EXPECT_EQ("x??", Printable("x\xe2\x82"));                      // cut off
 }
 
-TEST(FailureTest, FirstCauseStandsAndNothingOverflows)
+TEST(FailureTest, TheFirstCauseStaysAndNothingOverflows)
 {
     Failure failure{};
-    EXPECT_FALSE(travex_ftp::fail(failure, 7, "%s", std::string(2000, 'x').c_str()));
-    EXPECT_FALSE(travex_ftp::fail(failure, 8, "later"));
+    travex_ftp::SetStep(failure, TRAVEX_FTP_STEP_TYPE);
+    Reply reply;
+    reply.code = 500;
+    EXPECT_FALSE(travex_ftp::Fail(failure, 7, "%s", std::string(2000, 'x').c_str()));
+    EXPECT_FALSE(travex_ftp::Fail(failure, 8, "later"));
+    EXPECT_FALSE(travex_ftp::FailByReply(failure, 9, "later", reply));
+    travex_ftp::SetStep(failure, TRAVEX_FTP_STEP_RETRIEVE);
     EXPECT_EQ(7u, failure.ulRet);
-    EXPECT_EQ(sizeof failure.acReason - 1, strlen(failure.acReason));
-    travex_ftp::prefix(failure, "server");
-    EXPECT_EQ(0, strncmp(failure.acReason, "server: xxx", 11));
+    EXPECT_EQ(TRAVEX_FTP_STEP_TYPE, failure.ulStep);
+    EXPECT_EQ(0u, failure.ulReply);
     EXPECT_EQ(sizeof failure.acReason - 1, strlen(failure.acReason));
 }
 
-TEST(FailureTest, SecretsAreMasked)
+TEST(FailureTest, AReplyIsItsCause)
 {
-    const auto masked = [](std::string text, const char* secret)
-    {
-        travex_ftp::mask(text.data(), secret);
-        return text;
-    };
-    EXPECT_EQ("it was ****** ******", masked("it was secret secret", "secret"));
-    EXPECT_EQ("****", masked("****", "****"));
-    EXPECT_EQ("530 abc", masked("530 abc", "abc"));  // too short to be told from chance
+    Failure failure{};
+    Reply reply;
+    reply.code = 550;
+    strcpy(reply.text, "gone");
+    EXPECT_FALSE(travex_ftp::FailByReply(failure, TRAVEX_FTP_ERR_FILE, "RETR refused", reply));
+    EXPECT_EQ(550u, failure.ulReply);
+    EXPECT_STREQ("RETR refused: 550 gone", failure.acReason);
 }
 
 std::string Parsed(const std::string& text)
 {
     Failure failure{};
     TrustText trust;
-    if (!travex_ftp::parseTrustText(text.c_str(), trust, failure))
+    if (!travex_ftp::ParseTrustText(text.c_str(), trust, failure))
     {
         return failure.acReason;
     }
@@ -278,7 +570,7 @@ protected:
     {
         Failure failure{};
         travex_ftp::Anchors anchors;
-        if (!travex_ftp::loadAnchors(m_directory.Path(), anchors, failure))
+        if (!travex_ftp::LoadAnchors(m_directory.Path(), anchors, failure))
         {
             return std::to_string(failure.ulRet) + " " + failure.acReason;
         }

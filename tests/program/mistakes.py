@@ -30,7 +30,7 @@ RESOLVER_WORDS = ["Temporary failure in name resolution", "Non-recoverable failu
 
 # The FTP layer waits 20 s for an answer, and the document says so; here it waits a second.
 SHORT = {"CORPDIR_FTP_RESPONSE_MS": "1000", "CORPDIR_FTP_CONNECT_MS": "1000"}
-PATIENCE = [("no greeting in 1 s", "no greeting in 20 s")]
+PATIENCE = [("no greeting within 1 s", "no greeting within 20 s")]
 
 TLS_LIBRARY = re.compile(r"OpenSSL/3\.0\.\d+")
 

@@ -131,11 +131,13 @@ class Tree:
     def variables(self):
         """Every CORPDIR_ variable that is read from the environment, or put into a command's."""
         code, name = self.code, r"CORPDIR_[A-Z0-9_]+"
-        # Functions that hand their first parameter on.
-        readers = {function for function, parameter, asked in
-                   re.findall(r"\b(\w+)\((?:const )?char\*(?: const)? (\w+)[^()]*\)\s*\{[^{}]*?"
-                              r"getenv\((\w+)\)", code) if parameter == asked}
-        readers |= {"getenv", "secure_getenv"}
+        # Functions that hand their first parameter on, and those that hand it on to them.
+        readers = {"getenv", "secure_getenv"}
+        for _ in range(2):
+            readers |= {function for function, parameter, asked in
+                        re.findall(r"\b(\w+)\((?:const )?char\*(?: const)? (\w+)[^()]*\)\s*\{[^{}]*?"
+                                   r"\b(?:%s)\((\w+)[,)]" % "|".join(sorted(readers)), code)
+                        if parameter == asked}
         found = set(re.findall(r"\b(?:%s)\(\s*\"(%s)\"" % ("|".join(sorted(readers)), name), code))
         constants = re.findall(r"(\w+)(?:\[\])?\s*=\s*\"(%s)\"" % name, code)
         found |= {value for constant, value in constants

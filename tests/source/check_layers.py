@@ -14,26 +14,29 @@ import sys
 PLATFORM_HEADERS = {"travex_ftp.h", "osak.h", "zep.h", "corpdir_log.h"}
 CLIENT_HEADERS = {"ftpcorpdir.h", "corpdir_loginfo.h"}
 COMMON = {"common/guard.h"}
+BASE = {"base/resolved_names.h"}
+SHARED = {"server_names.h", "signals_blocked.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
 # Folder: the project's headers that it may include beside those of its own folder.
 ALLOWED = {
     "platform/include": CLIENT_HEADERS & {"corpdir_loginfo.h"},
+    "platform/base": set(),
     "platform/common": set(),
     "platform/corpdir_log": {"corpdir_log.h", "corpdir_loginfo.h"} | COMMON,
-    "platform/osak": {"osak.h", "corpdir_log.h"} | COMMON,
+    "platform/osak": {"osak.h", "corpdir_log.h"} | COMMON | BASE,
     "platform/zep": {"zep.h"},
-    "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | COMMON,
+    "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | COMMON | BASE,
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
-    "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"},
-    "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"},
+    "client": {"osak.h", "travex_ftp.h"},
+    "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED,
+    "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED,
     "examples": {"ftpcorpdir.h", "corpdir_c.h"},
 }
 
 # The one folder in which a library's headers may stand.
 THIRD_PARTY = {
-    "curl/": {"platform/travex_ftp"},
     "openssl/": {"platform/zep", "platform/travex_ftp"},
     "asio": {"platform/osak"},
     "spdlog/": {"platform/corpdir_log"},
@@ -70,7 +73,7 @@ def wrong_includes(root, path):
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    sources = [p for top in ("platform", "service", "bindings", "tools", "examples")
+    sources = [p for top in ("platform", "service", "client", "bindings", "tools", "examples")
                for p in sorted((root / top).rglob("*")) if p.suffix in (".h", ".c", ".cpp")]
     unplaced = [str(p.relative_to(root)) for p in sources if folder_of(p.relative_to(root)) is None]
     wrong = [w for p in sources if folder_of(p.relative_to(root)) for w in wrong_includes(root, p)]

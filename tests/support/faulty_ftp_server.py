@@ -1,31 +1,38 @@
-"""Scripted FTP and FTPS server that misbehaves in one named way.
+"""Scripted FTP and FTPS server that misbehaves in named ways.
 
     faulty_ftp_server.py --fault NAME [--size BYTES] [--tls explicit --cert PEM --key PEM] [--log FILE]
 
-Prints "READY <port>" on standard output once it listens on 127.0.0.1, and ends when its standard
-input is closed. It serves one file under every name: `size` bytes of a fixed pattern.
+Prints "READY <port>" on standard output once it listens, and ends when its standard input is
+closed. It serves one file under every name: `size` bytes of a fixed pattern.
 
-Faults of a step, VERB being GREETING or a command (AUTH USER PASS PBSZ PROT PWD EPSV PASV TYPE SIZE
-RETR), at which the server, instead of answering,
+Faults of a step, VERB being a command, GREETING, or CLOSING (the reply after the file), at which the
+server, instead of answering,
     drop:VERB      closes the connection           reset:VERB    resets it
     hang:VERB      says nothing any more           reply:VERB:TEXT  answers TEXT
-Other faults are the methods of Faults, where each one is described. "none" is a server without fault.
+In TEXT stand {argument} for the command's argument, {half} for the first half of it, {latin1} for it
+in Latin-1 when it came in UTF-8, and in replies to EPSV and PASV {port} and {pasv}, the port as a
+number and, after the address, as PASV has it.
+Other faults are the methods of Faults, where each one is described. "none" is a server without fault;
+" + " joins several.
 With --most N a connection beyond N at a time is greeted with a 421, or, with --beyond, is closed or
 gets no greeting.
 With --once the fault is shown to the first transfer of the first control connection only.
 
-The --log file gets a line for each thing that happens: CONNECT <address>, COMMAND <line>,
-DATA <address>, END.
+The --log file gets a line for each thing that happens: CONNECT <address>, SNI <channel> <name, or ->,
+TLS <channel> <version> new|resumed, COMMAND <line>, DATA <address>, END.
 """
 
 import argparse
+import itertools
 import os
+import select
 import socket
 import ssl
 import struct
 import sys
 import threading
 import time
+import warnings
 
 
 class Over(Exception):
@@ -39,25 +46,40 @@ def pattern(size):
 class Faults:
     """What differs from a good server. Each public method is a fault and takes the dialogue."""
 
+    # The size and the bytes.
+
     def early_eof(self, it):
         """Half of the file, its end announced properly."""
         it.body = it.body[:len(it.body) // 2]
 
     def early_eof_unknown_size(self, it):
         """Half of the file without close_notify, no size known, 226."""
-        it.size_reply = it.opening = None
+        self.unknown_size(it)
         it.close_notify = False
         it.body = it.body[:len(it.body) // 2]
 
     def no_close_notify(self, it):
         """All of the file, no size known, no close_notify."""
-        it.size_reply = it.opening = None
+        self.unknown_size(it)
+        it.close_notify = False
+
+    def no_close_notify_known_size(self, it):
+        """No fault: all of the file, as announced, without close_notify."""
         it.close_notify = False
 
     def data_reset(self, it):
         """The data connection is reset in the middle of the file."""
         it.body = it.body[:len(it.body) // 2]
-        it.data_reset = True
+        it.at_end = it.reset_data
+
+    def data_reset_at_end(self, it):
+        """No fault: the data connection is reset when all bytes, as announced, have arrived."""
+        it.at_end = lambda data: (time.sleep(0.3), it.reset_data(data))
+
+    def data_reset_unknown_size(self, it):
+        """As before, but nothing shows that these were all bytes."""
+        self.unknown_size(it)
+        self.data_reset_at_end(it)
 
     def size_too_small(self, it):
         it.size_reply = "213 %d" % (len(it.body) - 1)
@@ -65,33 +87,46 @@ class Faults:
     def size_too_large(self, it):
         it.size_reply = "213 %d" % (len(it.body) + 1)
 
-    def size_negative(self, it):
-        it.size_reply = "213 -1"
+    def size_zero(self, it):
+        it.size_reply = "213 0"
 
-    def size_enormous(self, it):
-        it.size_reply = "213 9223372036854775808"
-
-    def size_beyond_numbers(self, it):
-        it.size_reply = "213 99999999999999999999999999"
-
-    def size_no_number(self, it):
-        it.size_reply = "213 about a megabyte"
+    def size_beyond_limit(self, it):
+        it.size_reply = "213 30000000"
 
     def size_unknown(self, it):
         """No fault: SIZE is unknown to the server."""
-        it.size_reply = None
+        it.size_reply = "502 What?"
 
-    def size_refused(self, it):
-        """No fault: SIZE answers 550, RETR works."""
-        it.size_reply = "550 SIZE not allowed"
+    def unknown_size(self, it):
+        """No fault: neither SIZE nor the 150 tells the size."""
+        self.size_unknown(it)
+        it.opening = "150 Here it comes."
+
+    def size_in_lines(self, it):
+        """No fault: a 213 of two lines, the size in the last one."""
+        it.size_reply = "213-Size of the file\r\n213 %d" % len(it.body)
+
+    def size_between_lines(self, it):
+        """No fault: a 213 of several lines, the last one without the size."""
+        it.size_reply = "213-Size of the file\r\n %d\r\n213 End" % len(it.body)
 
     def opening_lies(self, it):
         """The 150 names another size, SIZE is unknown to the server."""
-        it.size_reply = None
+        self.size_unknown(it)
         it.opening = "150 Opening BINARY mode data connection (%d bytes)." % (len(it.body) + 5)
 
+    def opening_zero(self, it):
+        """No fault: the 150 names 0 bytes, SIZE is unknown to the server."""
+        self.size_unknown(it)
+        it.opening = "150 Opening BINARY mode data connection (0 bytes)."
+
     def sizes_disagree(self, it):
+        """No fault: the 150 names another size than SIZE, which is right."""
         it.opening = "150 Opening BINARY mode data connection (%d bytes)." % (len(it.body) + 5)
+
+    def opening_says_nothing(self, it):
+        """No fault: the 150 names no size."""
+        it.opening = "150 Here it comes."
 
     def file_grows(self, it):
         """More bytes are sent than SIZE said."""
@@ -99,8 +134,10 @@ class Faults:
         it.body = it.body + b"grown"
 
     def endless_file(self, it):
-        it.size_reply = it.opening = None
-        it.endless = True
+        self.unknown_size(it)
+        it.at_start = it.send_for_ever
+
+    # Pace and order of what is sent.
 
     def slow_drip(self, it):
         """A byte at a time."""
@@ -108,26 +145,46 @@ class Faults:
 
     def stall(self, it):
         """Half of the file and then nothing, the connection stays."""
-        it.stall = True
-
-    def no_226(self, it):
-        """The file is complete, but nothing is said any more."""
-        it.closing = None
+        it.at_half = lambda data: it.hang()
 
     def slow_226(self, it):
         """No fault: the 226 comes two seconds after the file."""
         it.closing_delay = 2
 
+    def slow_greeting(self, it):
+        """No fault: the greeting comes after a second."""
+        time.sleep(1)
+
+    def slow_lines(self, it):
+        """No fault: half a second between the lines of a greeting of four lines."""
+        it.greeting = "220-one\r\n220-two\r\n220-three\r\n220 ready"
+        it.line_delay = 0.5
+
     def slow_handshake(self, it):
         """No fault: the control channel's handshake is taken up after a second."""
         it.handshake_delay = 1
 
-    def late_426(self, it):
-        """Aborted after the last byte."""
-        it.closing = "426 Failure writing network stream."
+    def single_bytes(self, it):
+        """No fault: every reply is sent byte by byte."""
+        it.byte_by_byte = True
 
-    def late_451(self, it):
-        it.closing = "451 Read error on the disk."
+    def data_before_opening(self, it):
+        """No fault: the file is sent and closed before the 150. Not with TLS."""
+        it.data_first = True
+
+    def replies_in_one_piece(self, it):
+        """No fault: 150 and 226 in one piece, after the file; with TLS before it."""
+        it.opening, it.closing = it.opening + "\r\n" + it.closing, ""
+        it.data_first = it.options.tls == "none"
+
+    def early_226(self, it):
+        """No fault: the 226 overtakes half of the file."""
+        closing, it.closing = it.closing, ""
+        it.at_half = lambda data: (it.say(closing), time.sleep(0.3))
+
+    def data_stays_open(self, it):
+        """No fault: the data connection is not closed after the file and the 226."""
+        it.close_data = False
 
     def wrong_order(self, it):
         """226 before the file, 150 after it."""
@@ -137,15 +194,51 @@ class Faults:
         """226 without a 150."""
         it.opening = ""
 
+    # What ends the transfer between 150 and 226.
+
+    def late_426(self, it):
+        """Aborted after the last byte."""
+        it.closing = "426 Failure writing network stream."
+
+    def late_451(self, it):
+        it.closing = "451 Read error on the disk."
+
+    def abort_while_data_hangs(self, it):
+        """451 after half of the file, of which nothing more comes; both connections stay."""
+        it.at_half = lambda data: (it.say("451 Read error on the disk."), it.hang())
+
+    def abort_in_one_piece(self, it):
+        """The same, but the 451 comes in one piece with the 150."""
+        it.opening += "\r\n451 Read error on the disk."
+        it.at_half = lambda data: it.hang()
+
+    def control_lost_before_data(self, it):
+        """The control connection is closed after the 150; the data connection stays."""
+        it.at_start = it.lose_control
+
+    def control_lost_during_data(self, it):
+        """The same after half of the file."""
+        it.at_half = it.lose_control
+
+    # Words.
+
+    def early_greeting(self, it):
+        """No fault: a 120 comes before the 220."""
+        it.greeting = "120 Ready in a moment.\r\n220 ready"
+
+    def late_refusal(self, it):
+        """A 120, and then a 421."""
+        it.greeting = "120 Ready in a moment.\r\n421 Too long."
+
     def endless_banner(self, it):
-        it.forever(b"220-Welcome, welcome, welcome.\r\n")
+        it.for_ever(b"220-Welcome, welcome, welcome.\r\n")
 
     def endless_line(self, it):
         it.say_raw(b"220 ")
-        it.forever(b"welcome " * 512)
+        it.for_ever(b"welcome " * 512)
 
     def binary_banner(self, it):
-        it.forever(bytes(range(256)) * 16)
+        it.for_ever(bytes(range(256)) * 16)
 
     def many_lines(self, it):
         """A reply of five thousand lines that does end."""
@@ -153,49 +246,130 @@ class Faults:
 
     def long_greeting(self, it):
         """No fault: a greeting of several lines, some of which look like replies."""
-        it.greeting = "220-hello\r\n 421 no\r\n220-530 not this either\r\n220 ready"
+        it.greeting = "220-hello\r\n 421 no\r\n421 not this\r\n220-530 nor this\r\n220 ready"
+
+    def banner_of_400_lines(self, it):
+        """No fault: a long greeting in Latin-1, which is not UTF-8."""
+        it.greeting = "220-Gr\xfc\xdfe\r\n" + "\xe4\xf6\xfc \xa9\r\n" * 398 + "220 bereit"
+
+    def bare_line_feeds(self, it):
+        """No fault: lines end with LF alone."""
+        it.line_end = "\n"
+        it.greeting = "220-hello\n220 ready"
+
+    def nul_bytes(self, it):
+        """No fault: replies with NUL bytes in them."""
+        it.greeting = "220-he\0llo\r\n220 rea\0dy"
+        it.replies["PASS"] = "230 Wel\0come."
+
+    def second_welcome(self, it):
+        """No fault: PASS is answered a second time, when the next command has come."""
+        it.second_welcome = True
+
+    def cut_greeting(self, it):
+        """The connection ends in the middle of a reply of several lines."""
+        it.say("220-hello\r\n220-there is more")
+        it.end()
+
+    def cut_line(self, it):
+        """The connection ends in the middle of a reply's line."""
+        it.say_raw(b"220 read")
+        it.end()
+
+    def cut_opening(self, it):
+        it.replies["RETR"] = "150-Here it\r\n150-comes"
+        it.at_start = lambda data: it.end()
 
     def password_echo(self, it):
-        it.replies["PASS"] = "530 Login incorrect, password was %s." % "{argument}"
+        it.replies["PASS"] = "530 Login incorrect, password was {argument}."
 
     def password_echo_cut(self, it):
         """The password lies where a client may shorten the text."""
         it.replies["PASS"] = "530 " + "x" * 246 + "{argument}"
 
-    def size_refused_then_drop(self, it):
-        """SIZE answers 550, which is no fault; RETR ends the connection."""
-        it.size_reply = "550 SIZE not allowed"
-        it.step_fault = ["drop", "RETR"]
+    def password_echo_half(self, it):
+        """The server shortens the password."""
+        it.replies["PASS"] = "530 Login incorrect, password was {half}..."
 
-    def epsv_refused_then_drop(self, it):
-        it.replies["EPSV"] = "500 Unknown command."
-        it.step_fault = ["drop", "PASV"]
+    def password_echo_latin1(self, it):
+        """The server repeats a password in Latin-1 that it got in UTF-8."""
+        it.replies["PASS"] = "530 Login incorrect, password was {latin1}."
+
+    def password_echo_later(self, it):
+        """The password in the reply to another command."""
+        it.replies["PASS"] = "230 {argument}? Welcome."
+        it.replies["RETR"] = "550 No such file, but a password: throw-away-17"
 
     def escape_in_reply(self, it):
         it.replies["RETR"] = "550 \x1b[2J\x07 gone \xc2\x9b"
 
+    def nul_in_refusal(self, it):
+        it.replies["RETR"] = "550 gone\0 really"
+
+    # Passive mode.
+
     def foreign_pasv(self, it):
-        """PASV names an address of somebody else."""
+        """No fault: PASV names an address of somebody else."""
         it.replies["EPSV"] = "500 Unknown command."
         it.pasv_address = "192,0,2,77"
 
     def epsv_unreachable(self, it):
-        """EPSV names a port at which nobody answers, PASV works."""
-        it.epsv_closed = True
+        """No fault: EPSV names a port on which nothing listens, PASV works."""
+        # Port 1 of loopback.
+        it.replies["EPSV"] = "229 Extended (|||1|)"
+
+    def epsv_silent(self, it):
+        """No fault: EPSV names a port whose queue of connections is full, PASV works."""
+        it.silent = SilentPort()
+        it.replies["EPSV"] = "229 Extended (|||%d|)" % it.silent.port
+
+    def data_silent(self, it):
+        """EPSV and PASV name such a port."""
+        self.epsv_silent(it)
+        it.replies["PASV"] = "227 (127,0,0,1,%d,%d)" % divmod(it.silent.port, 256)
+
+    # TLS.
 
     def clear_data(self, it):
         """PROT P is accepted, the data channel is in clear all the same."""
         it.protect_data = False
 
-    def hang_data_handshake(self, it):
-        it.hang_data_handshake = True
+    def clear_after_auth(self, it):
+        """AUTH is accepted, and the handshake answered in clear."""
+        it.secure = lambda: (it.connection.recv(4096), it.say("500 What is this?"), it.hang())
+
+    def drop_handshake(self, it):
+        it.secure = lambda: (it.connection.recv(4096), it.end())
+
+    def reset_handshake(self, it):
+        it.secure = lambda: (it.connection.recv(4096), it.reset())
 
     def hang_handshake(self, it):
-        it.hang_handshake = True
+        it.secure = it.hang
+
+    def hang_data_handshake(self, it):
+        it.secure_data = lambda data: it.hang()
+
+    def drop_data_handshake(self, it):
+        """The data connection is closed instead of a handshake, and the server says why."""
+        def drop(data):
+            data.recv(4096)
+            it.closing = "425 Unable to build data connection: Operation not permitted"
+        it.secure_data = drop
 
     def injected_after_auth(self, it):
         """Plain text behind the answer to AUTH, as an attacker may slip in."""
         it.replies["AUTH"] = "234 Go on.\r\n331 Password please.\r\n230 Welcome."
+
+    def reuse_demanded(self, it):
+        """No fault: a data channel with a TLS session of its own is ended with a 522."""
+        it.demand_reuse = True
+
+    def reuse_refused(self, it):
+        """Every data channel is ended with a 522."""
+        it.demand_reuse = it.deny_reuse = True
+
+    # Between two files.
 
     def ignore_quit(self, it):
         it.replies["QUIT"] = ""
@@ -212,23 +386,88 @@ class Faults:
         it.after_file = lambda: (time.sleep(0.3), it.reset())
 
     def idle_chatter(self, it):
-        """A while after the first file: a reply that nobody asked for; the connection stays."""
+        """A while after the first file: a reply without a command; the connection stays."""
         it.after_file = lambda: (time.sleep(0.1), it.say("226 Once more."))
 
     def closing_and_more(self, it):
-        """A reply that nobody asked for, in one piece with the 226."""
+        """A reply without a command, in one piece with the 226."""
         it.closing = "226 Transfer complete.\r\n200 Anything else?"
 
     def idle_deaf(self, it):
         """After the first file nothing is answered any more."""
         it.after_file = it.hang
 
+    def idle_deaf_then_mute(self, it):
+        """The same, and later connections get no greeting."""
+        it.after_file = it.hang
+        if it.number != 1:
+            it.step_faults.append(["hang", "GREETING"])
+
+    # Dialogues of known servers.
+
+    def serv_u(self, it):
+        """No fault."""
+        it.greeting = "220 Serv-U FTP Server v15.1 ready..."
+        it.replies.update({"AUTH": "234 AUTH command OK. Initializing SSL connection.",
+                           "USER": "331 User name okay, need password.",
+                           "PASS": "230 User logged in, proceed.",
+                           "PBSZ": "200 PBSZ command OK. Protection buffer size set to 0.",
+                           "PROT": "200 PROT command OK. Using private data connection.",
+                           "TYPE": "200 Type set to I.",
+                           "EPSV": "229 Entering Extended Passive Mode (|||{port}|)"})
+        size = len(it.body)
+        it.opening = "150 Opening BINARY mode data connection for f (%d Bytes)." % size
+        it.closing = "226 Transfer complete. %d bytes transferred. 97.66 KB/sec." % size
+
+    def iis(self, it):
+        """No fault."""
+        it.greeting = "220 Microsoft FTP Service"
+        it.replies.update({"AUTH": "234 AUTH command ok. Expecting TLS Negotiation.",
+                           "USER": "331 Password required",
+                           "PASS": "230-Directory has 1,234 bytes of disk space available.\r\n"
+                                   "    User logged in.\r\n230 End",
+                           "PBSZ": "200 PBSZ command successful.",
+                           "PROT": "200 PROT command successful.",
+                           "TYPE": "200 Type set to I.",
+                           "EPSV": "229 Entering Extended Passive Mode (|||{port}|)"})
+        it.opening = "125 Data connection already open; Transfer starting."
+
+    def z_os(self, it):
+        """No fault: SIZE is refused in binary mode, and a 250 ends the transfer."""
+        it.greeting = ("220-FTPD1 IBM FTP CS V2R4 at host.example, 10:00:00 on 2026-11-22.\r\n"
+                       "220 Connection will close if idle for more than 5 minutes.")
+        it.replies.update({"AUTH": "234 Security environment established - ready for negotiation",
+                           "USER": "331 Send password please.",
+                           "PASS": "230-Processing FTPS.RC configuration file - FTPSRC\r\n"
+                                   '230 FTP is logged on.  Working directory is "FTP.".',
+                           "PBSZ": "200 Protection buffer size accepted",
+                           "PROT": "200 Data connection protection set to private",
+                           "TYPE": "200 Representation type is Image",
+                           "EPSV": "229 Entering Extended Passive Mode (|||{port}|)"})
+        it.size_reply = "550 SIZE is not supported for a non-HFS data set."
+        it.opening = "125 Sending data set FTP.F FIXrecfm 80"
+        it.closing = "250 Transfer completed successfully."
+
+
+class SilentPort:
+    """A port of 127.0.0.1 that never answers: its queue of connections is full."""
+
+    def __init__(self):
+        self.sockets = [socket.create_server(("127.0.0.1", 0), backlog=0)]
+        self.port = self.sockets[0].getsockname()[1]
+        for _ in range(4):
+            filler = socket.socket()
+            filler.setblocking(False)
+            filler.connect_ex(("127.0.0.1", self.port))
+            self.sockets.append(filler)
+
 
 class Dialogue:
     """One control connection with a good server's answers, which a fault may change first."""
 
-    def __init__(self, connection, options):
+    def __init__(self, connection, number, options):
         self.connection = connection
+        self.number = number  # of the connection, from 1
         self.options = options
         self.listener = None
         self.buffer = b""
@@ -239,24 +478,31 @@ class Dialogue:
         options = self.options
         self.body = pattern(options.size)[:options.size]
         self.greeting = "220 ready"
+        self.second_welcome = False
         self.replies = {}
-        self.step_fault = None
+        self.step_faults = []
         self.size_reply = "213 %d" % options.size
         self.opening = "150 Opening BINARY mode data connection (%d bytes)." % options.size
         self.closing = "226 Transfer complete."
+        self.line_end = "\r\n"
+        self.line_delay = self.drip = self.closing_delay = self.handshake_delay = 0
+        self.byte_by_byte = self.data_first = False
         self.pasv_address = "127,0,0,1"
-        self.protect_data = self.close_notify = True
-        self.data_reset = self.endless = self.stall = self.epsv_closed = False
-        self.hang_handshake = self.hang_data_handshake = False
-        self.drip = self.closing_delay = self.handshake_delay = 0
+        self.protect_data = self.close_notify = self.close_data = True
+        self.demand_reuse = self.deny_reuse = False
+        # What happens to the data connection at the file's start, middle and end.
+        self.at_start = self.at_half = self.at_end = None
+        self.secure = self.handshake
+        self.secure_data = self.handshake_data
         self.after_file = lambda: None
         self.transferred = False
 
-    def apply(self, fault):
-        if ":" in fault:
-            self.step_fault = fault.split(":", 2)
-        elif fault != "none":
-            getattr(Faults(), fault)(self)
+    def apply(self, faults):
+        for fault in faults.split(" + "):
+            if ":" in fault:
+                self.step_faults.append(fault.split(":", 2))
+            elif fault != "none":
+                getattr(Faults(), fault)(self)
 
     # What a fault may do.
 
@@ -272,7 +518,7 @@ class Dialogue:
             pass
         raise Over
 
-    def forever(self, data):
+    def for_ever(self, data):
         while True:
             self.connection.sendall(data)
 
@@ -280,12 +526,39 @@ class Dialogue:
     def linger_not(connection):
         connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
+    def reset_data(self, data):
+        self.linger_not(data)
+        self.close_notify = False
+
+    @staticmethod
+    def send_for_ever(data):
+        while True:
+            data.sendall(b"x" * 65536)
+
+    def lose_control(self, data):
+        self.connection.close()
+        while data.recv(4096):
+            pass
+        raise Over
+
     def say_raw(self, data):
-        self.connection.sendall(data)
+        if self.byte_by_byte:
+            for byte in data:
+                self.connection.sendall(bytes([byte]))
+                time.sleep(0.0005)
+        else:
+            self.connection.sendall(data)
 
     def say(self, text):
-        if text:
-            self.say_raw(text.encode("latin-1") + b"\r\n")
+        if not text:
+            return
+        text += self.line_end
+        if not self.line_delay:
+            self.say_raw(text.encode("latin-1"))
+            return
+        for number, line in enumerate(text.encode("latin-1").splitlines(keepends=True)):
+            time.sleep(self.line_delay if number else 0)
+            self.say_raw(line)
 
     # The dialogue.
 
@@ -306,99 +579,138 @@ class Dialogue:
         line, _, self.buffer = self.buffer.partition(b"\n")
         return line.rstrip(b"\r").decode("latin-1")
 
-    def answer(self, verb, argument, good):
+    def answer(self, verb, argument, good, port=0):
         """What is said at a step, unless the step's fault ends it."""
-        if self.step_fault and self.step_fault[1] == verb:
-            kind = self.step_fault[0]
-            if kind == "reply":
-                self.transferred = True
-                return self.step_fault[2]
-            {"drop": self.end, "reset": self.reset, "hang": self.hang}[kind]()
-        return self.replies.get(verb, good).replace("{argument}", argument)
+        text = self.replies.get(verb, good)
+        for fault in self.step_faults:
+            if fault[1] == verb and fault[0] == "reply":
+                text = fault[2]
+            elif fault[1] == verb:
+                {"drop": self.end, "reset": self.reset, "hang": self.hang}[fault[0]]()
+        for name, value in (("{argument}", argument), ("{half}", argument[:len(argument) // 2]),
+                            ("{latin1}", argument.encode("latin-1").decode("utf-8", "replace")),
+                            ("{port}", str(port)), ("{pasv}", "%s,%d,%d" % (
+                                self.pasv_address, port >> 8, port & 255))):
+            text = text.replace(name, value)
+        return text
 
     def command(self, verb, argument):
         good = {"AUTH": "234 Go on.", "USER": "331 Password please.", "PASS": "230 Welcome.",
                 "PBSZ": "200 ok", "PROT": "200 ok", "PWD": '257 "/" is where you are.',
-                "CWD": "250 ok", "TYPE": "200 ok", "QUIT": "221 Bye."}
+                "CWD": "250 ok", "TYPE": "200 ok", "QUIT": "221 Bye.", "SIZE": self.size_reply}
+        if self.second_welcome and verb == "TYPE":
+            self.say("230 Welcome.")
         if verb in ("EPSV", "PASV"):
             self.passive(verb)
-        elif verb == "SIZE":
-            self.say(self.answer(verb, argument, self.size_reply or "502 What?"))
         elif verb == "RETR":
             self.retrieve(argument)
         else:
-            self.say(self.answer(verb, argument, good.get(verb, "502 What?")))
-        if verb == "AUTH" and self.said_yes("AUTH"):
-            self.secure()
-        if verb == "QUIT" and self.said_yes("QUIT"):
-            raise Over
+            reply = self.answer(verb, argument, good.get(verb, "502 What?"))
+            self.say(reply)
+            if verb == "AUTH" and reply[:3] in ("234", "334"):
+                self.secure()
+            if verb == "QUIT" and reply:
+                raise Over
 
-    def said_yes(self, verb):
-        reply = self.replies.get(verb, "2")
-        if self.step_fault and self.step_fault[:2] == ["reply", verb]:
-            reply = self.step_fault[2]
-        return reply.startswith("2")
-
-    def secure(self):
-        if self.hang_handshake:
-            self.hang()
+    def handshake(self):
         time.sleep(self.handshake_delay)
-        self.connection = self.options.context.wrap_socket(self.connection, server_side=True)
+        self.connection = self.encrypt("control", self.connection, self.options.context)
+
+    @staticmethod
+    def encrypt(channel, connection, context):
+        HANDSHAKE.channel = channel
+        secured = context.wrap_socket(connection, server_side=True)
+        record("TLS %s %s %s" % (channel, secured.version(),
+                                 "resumed" if secured.session_reused else "new"))
+        return secured
 
     def passive(self, verb):
         if self.transferred and self.options.once:
             self.behave()
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        port = self.listener.getsockname()[1]
-        if verb == "EPSV":
-            # Port 1 of loopback: nobody answers, at once.
-            good = "229 Extended (|||%d|)" % (1 if self.epsv_closed else port)
-        else:
-            good = "227 Passive (%s,%d,%d)" % (self.pasv_address, port >> 8, port & 255)
-        self.say(self.answer(verb, "", good))
+        host = self.options.host
+        self.listener = socket.create_server(
+            (host, 0), family=socket.AF_INET6 if ":" in host else socket.AF_INET)
+        good = "229 Extended (|||{port}|)" if verb == "EPSV" else "227 Passive ({pasv})"
+        self.say(self.answer(verb, "", good, self.listener.getsockname()[1]))
 
     def retrieve(self, argument):
         self.transferred = True
-        opening = self.opening if self.opening is not None else "150 Here it comes."
-        opening = self.answer("RETR", argument, opening)
+        if self.data_first:
+            self.send_file(self.accept_data())
+            time.sleep(0.3)
+        opening = self.answer("RETR", argument, self.opening)
         self.say(opening)
         if opening[:1] not in ("1", "2", ""):
             return
+        if not self.data_first:
+            self.send_file(self.accept_data())
+        time.sleep(self.closing_delay)
+        self.say(self.answer("CLOSING", "", self.closing))
+        self.after_file()
+
+    def accept_data(self):
+        # A client that leaves instead ends the dialogue.
+        if self.listener not in select.select([self.listener, self.connection], [], [])[0]:
+            raise Over
         data, address = self.listener.accept()
         record("DATA %s" % address[0])
         self.listener.close()
-        self.send_file(data)
-        time.sleep(self.closing_delay)
-        self.say(self.closing)
-        self.after_file()
+        return data
+
+    def handshake_data(self, data):
+        """The encrypted connection, or None when it is to be closed without the file."""
+        secured = self.encrypt("data", data, self.options.data_context)
+        if self.demand_reuse and (self.deny_reuse or not secured.session_reused):
+            self.end_tls(secured)
+            self.closing = "522 SSL connection failed: session reuse required"
+            return None
+        return secured
+
+    @staticmethod
+    def end_tls(data):
+        """Sends close_notify; the client's may follow."""
+        data.settimeout(5)
+        try:
+            data = data.unwrap()
+        except OSError:
+            pass
+        data.close()
 
     def send_file(self, data):
-        if self.hang_data_handshake:
-            self.hang()
         protected = isinstance(self.connection, ssl.SSLSocket) and self.protect_data
         if protected:
-            data = self.options.context.wrap_socket(data, server_side=True)
-        while self.endless:
-            data.sendall(b"x" * 65536)
+            secured = self.secure_data(data)
+            if secured is None:
+                data.close()
+                return
+            data = secured
+        if self.at_start:
+            self.at_start(data)
         self.send_body(data)
-        if self.data_reset:
-            self.linger_not(data)
-        elif protected and self.close_notify:
-            data.unwrap().close()
+        if self.at_end:
+            self.at_end(data)
+        if not self.close_data:
+            self.kept_data = data
+            return
+        if protected and self.close_notify:
+            self.end_tls(data)
         data.close()
 
     def send_body(self, data):
-        if self.stall:
-            data.sendall(self.body[:len(self.body) // 2])
-            self.hang()
-        if not self.drip:
-            data.sendall(self.body)
-        for byte in self.body if self.drip else b"":
-            data.sendall(bytes([byte]))
-            time.sleep(self.drip)
+        if self.drip:
+            for byte in self.body:
+                data.sendall(bytes([byte]))
+                time.sleep(self.drip)
+            return
+        half = len(self.body) // 2 if self.at_half else 0
+        data.sendall(self.body[:half])
+        if self.at_half:
+            self.at_half(data)
+        data.sendall(self.body[half:])
 
 
 LOCK = threading.Lock()
+HANDSHAKE = threading.local()  # channel: of the handshake on this thread
 LOG = None
 
 
@@ -418,8 +730,8 @@ def count(change):
         return ACTIVE
 
 
-def serve(connection, options, fault):
-    dialogue = Dialogue(connection, options)
+def serve(connection, number, options, fault):
+    dialogue = Dialogue(connection, number, options)
     active = count(1)
     try:
         record("CONNECT %s" % connection.getpeername()[0])
@@ -429,9 +741,9 @@ def serve(connection, options, fault):
             while options.beyond == "silence" and connection.recv(4096):
                 pass
             raise Over
-        if options.implicit:
-            dialogue.secure()
         dialogue.apply(fault)
+        if options.tls == "implicit":
+            dialogue.secure()
         dialogue.run()
     except (Over, OSError):
         pass
@@ -445,24 +757,37 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--fault", required=True)
+    parser.add_argument("--host", default="127.0.0.1", help="loopback address to listen on")
     parser.add_argument("--most", type=int, default=1 << 30)
     parser.add_argument("--beyond", default="421", choices=["421", "close", "silence"])
     parser.add_argument("--once", action="store_true")
     parser.add_argument("--size", type=int, default=100000)
     parser.add_argument("--tls", default="none", choices=["none", "explicit", "implicit"])
-    parser.add_argument("--tls-max", default="1.3", choices=["1.2", "1.3"])
+    parser.add_argument("--tls-max", default="1.3", choices=["1.1", "1.2", "1.3"])
+    parser.add_argument("--ciphers", help="suites up to TLS 1.2, as OpenSSL's cipher lists")
+    parser.add_argument("--tickets", type=int, default=2, help="of each TLS 1.3 handshake")
     parser.add_argument("--cert")
     parser.add_argument("--key")
+    parser.add_argument("--data-cert", help="of data channels; default: --cert")
     parser.add_argument("--log")
     return parser.parse_args()
 
 
-def make_context(options):
+def make_context(options, certificate):
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.minimum_version = ssl.TLSVersion.TLSv1_2
-    if options.tls_max == "1.2":
-        context.maximum_version = ssl.TLSVersion.TLSv1_2
-    context.load_cert_chain(options.cert, options.key)
+    if options.tls_max == "1.1":
+        warnings.simplefilter("ignore", DeprecationWarning)
+        context.minimum_version = ssl.TLSVersion.TLSv1_1
+        context.set_ciphers("DEFAULT:@SECLEVEL=0")
+    context.maximum_version = {"1.1": ssl.TLSVersion.TLSv1_1, "1.2": ssl.TLSVersion.TLSv1_2,
+                               "1.3": ssl.TLSVersion.TLSv1_3}[options.tls_max]
+    if options.ciphers:
+        context.set_ciphers(options.ciphers)
+    context.num_tickets = options.tickets
+    context.sni_callback = lambda _, name, __: record(
+        "SNI %s %s" % (HANDSHAKE.channel, name or "-"))
+    context.load_cert_chain(certificate, options.key)
     return context
 
 
@@ -475,16 +800,20 @@ def end_with_standard_input():
 def main():
     global LOG
     options = parse_arguments()
-    options.implicit = options.tls == "implicit"
-    options.context = make_context(options) if options.tls != "none" else None
+    options.context = make_context(options, options.cert) if options.tls != "none" else None
+    options.data_context = (make_context(options, options.data_cert) if options.data_cert
+                            else options.context)
     LOG = open(options.log, "a", buffering=1, encoding="latin-1") if options.log else None
-    listener = socket.create_server(("127.0.0.1", 0))
+    family = socket.AF_INET6 if ":" in options.host else socket.AF_INET
+    listener = socket.create_server((options.host, 0), family=family, backlog=128)
     print("READY %d" % listener.getsockname()[1], flush=True)
     threading.Thread(target=end_with_standard_input, daemon=True).start()
     fault = options.fault
-    while True:
+    for number in itertools.count(1):
         connection, _ = listener.accept()
-        threading.Thread(target=serve, args=(connection, options, fault), daemon=True).start()
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        threading.Thread(target=serve, args=(connection, number, options, fault),
+                         daemon=True).start()
         fault = "none" if options.once else fault
 
 

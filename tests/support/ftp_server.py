@@ -5,10 +5,13 @@ closed, so that it never outlives the process that started it.
 
 With --log it appends one line for each thing that clients do:
     CONNECT <address>                       a control connection
-    TLS control|data <version> <suite>      a finished handshake
+    TLS control <version> <suite>           the finished handshake of a control connection
     COMMAND <line>                          as received, password included: throw-away ones only
     SENT <bytes> <path>                     a file was sent completely
     DISCONNECT <address>                    the control connection is gone
+
+The protocol is pyftpdlib's as it is shipped, but for implicit TLS, which it does not have. A refused
+login is answered at once.
 """
 
 import argparse
@@ -41,11 +44,6 @@ class Record:
 RECORD = Record(None)
 
 
-def record_handshake(channel, connection):
-    RECORD.write("TLS %s %s %s" % (channel, connection.get_protocol_version_name(),
-                                   connection.get_cipher_name()))
-
-
 class RecordingMixin:
     """Writes what one control connection does to the record."""
 
@@ -67,25 +65,15 @@ class PlainHandler(RecordingMixin, FTPHandler):
     pass
 
 
-class TlsDataHandler(TLS_DTPHandler):
-    def readable(self):
-        # libcurl starts the handshake before it sends RETR. pyftpdlib 1.5.7 takes bytes that arrive
-        # before the command for the end of the connection, and closes it.
-        return self._ssl_accepting or super().readable()
-
-    def handle_ssl_established(self):
-        super().handle_ssl_established()
-        record_handshake("data", self.socket)
-
-
 class ExplicitHandler(RecordingMixin, TLS_FTPHandler):
     def handle_ssl_established(self):
         super().handle_ssl_established()
-        record_handshake("control", self.socket)
+        RECORD.write("TLS control %s %s" % (self.socket.get_protocol_version_name(),
+                                            self.socket.get_cipher_name()))
 
 
 class ImplicitHandler(ExplicitHandler):
-    """TLS from the first byte: the greeting waits for the handshake."""
+    """TLS from the first byte, which pyftpdlib does not have: the greeting waits for the handshake."""
 
     def handle(self):
         self.secure_connection(self.ssl_context)
@@ -155,7 +143,7 @@ class EvenPaceMixin:
 
 
 def data_handler(arguments):
-    base = DTPHandler if arguments.tls == "none" else TlsDataHandler
+    base = DTPHandler if arguments.tls == "none" else TLS_DTPHandler
     if arguments.rate == 0:
         return base
     bases = (ThrottledDTPHandler, base)

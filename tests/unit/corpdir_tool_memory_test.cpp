@@ -48,10 +48,12 @@ namespace
 TEST(ToolMemory, AnObservationThatDoesNotFitIsToldAsSuch)
 {
     const char reason[] = "a reason that is too long for a string's own storage";
-    const tagTRAVEX_FTP_S_OBSERVATION seen = {
-        TRAVEX_FTP_OBSERVED_FAILED,  1,      "[2001:db8:1:2:3:4:5:6]:21",
-        "a/long/path/on/the/server", 0,      0,
-        TRAVEX_FTP_ERR_CONNECT,      reason, nullptr};
+    tagTRAVEX_FTP_S_OBSERVATION seen = {};
+    seen.ulKind = TRAVEX_FTP_OBSERVED_FAILED;
+    seen.pcServer = "[2001:db8:1:2:3:4:5:6]:21";
+    seen.pcServerFile = "a/long/path/on/the/server";
+    seen.ulRet = TRAVEX_FTP_ERR_CONNECT;
+    seen.pcReason = reason;
     int failures = 0;
     for (bool complete = false; !complete; ++failures)
     {

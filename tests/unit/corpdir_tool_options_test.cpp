@@ -47,12 +47,13 @@ protected:
     Options m_options;
 };
 
-TEST_F(ToolOptions, DefaultsAreFtpsWithVerificationOfTheHostNames)
+TEST_F(ToolOptions, DefaultsAreFtpsWithVerificationOfWhatIsListed)
 {
     const Plan plan = MadePlan();
     EXPECT_FALSE(plan.plain);
     EXPECT_TRUE(plan.verify);
-    EXPECT_EQ(plan.trust, "ca=system;name=dir.example");
+    EXPECT_EQ(plan.trust, "ca=system");
+    EXPECT_THAT(plan.verifyNames, IsEmpty());
     EXPECT_EQ(plan.port, 0U);
     EXPECT_EQ(plan.family, AF_UNSPEC);
     EXPECT_EQ(plan.timeout.count(), 120);
@@ -236,24 +237,19 @@ TEST_F(ToolOptions, ALogDirectoryAloneGetsEverything)
     EXPECT_EQ(MadePlan().logLevel.value(), 0U);
 }
 
-TEST_F(ToolOptions, VerifyNamesReplaceTheHostNames)
+TEST_F(ToolOptions, VerifyNamesAreKeptBesideTheTrustText)
 {
-    m_options.verifyNames = {"a.example", "b.example.", "a.example"};
-    EXPECT_EQ(MadePlan().trust, "ca=system;name=a.example,b.example");
+    m_options.verifyNames = {"a.example", "b.example."};
+    EXPECT_EQ(MadePlan().trust, "ca=system");
+    EXPECT_THAT(MadePlan().verifyNames, ElementsAre("a.example", "b.example."));
     m_options.verifyNames = {"a;tls=implicit"};
     EXPECT_EQ(Message(), "--verify-name 'a;tls=implicit' is not a DNS name");
-}
-
-TEST_F(ToolOptions, AddressesAloneNeedNoName)
-{
-    m_options.servers = "192.0.2.1;2001:db8::1";
-    EXPECT_EQ(MadePlan().trust, "ca=system");
 }
 
 TEST_F(ToolOptions, TheAuthoritiesMustBeReadable)
 {
     m_options.ca = m_directory.Write("ca.pem", "");
-    EXPECT_EQ(MadePlan().trust, "ca=" + m_options.ca + ";name=dir.example");
+    EXPECT_EQ(MadePlan().trust, "ca=" + m_options.ca);
     m_options.ca = m_directory.Path() + "/none.pem";
     EXPECT_EQ(Message(), "--ca '" + m_options.ca + "' cannot be read: No such file or directory");
     EXPECT_EQ(Status(), EXIT_ARGUMENTS);
@@ -266,20 +262,26 @@ TEST_F(ToolOptions, APathWithASemicolonIsRefused)
     EXPECT_EQ(Status(), EXIT_ARGUMENTS);
 }
 
-TEST_F(ToolOptions, TheTrustTextFits)
+TEST_F(ToolOptions, ThePathOfTheAuthoritiesFits)
 {
-    // "ca=system" and ";name=" take 15 bytes.
-    const std::string name = std::string(59, 'a') + ".";
-    const std::string fits = name + name + name + std::string(60, 'b');
-    m_options.verifyNames = {fits};
+    m_options.ca = std::string(253, 'c');
+    EXPECT_EQ(Message(), "--ca is 253 bytes long; at most 252 are allowed");
+    m_options.ca = m_directory.Path() + "/" + std::string(251 - m_directory.Path().size(), 'c');
+    m_directory.Write(m_options.ca.substr(m_directory.Path().size() + 1), "");
     EXPECT_EQ(MadePlan().trust.size(), 255U);
-    m_options.verifyNames = {fits + "b"};
-    EXPECT_EQ(Message(),
-              "the trust text made of --ca and --verify-name is 256 bytes long; at most 255 are "
-              "allowed");
-    m_options.servers = fits + "b";
-    m_options.verifyNames.clear();
-    EXPECT_THAT(Message(), HasSubstr("--ca and the host names of --servers is 256 bytes long"));
+}
+
+TEST_F(ToolOptions, NamesHaveNoLimitTogether)
+{
+    m_options.servers = "192.0.2.1";
+    for (int i = 100; i < 300; ++i)
+    {
+        m_options.servers += ";" + std::string(49, 'a') + std::to_string(i) + ".example";
+        m_options.verifyNames.push_back(std::string(49, 'b') + std::to_string(i) + ".example");
+    }
+    EXPECT_EQ(m_options.verifyNames.front().size(), 60U);
+    EXPECT_EQ(MadePlan().servers.size(), 201U);
+    EXPECT_EQ(MadePlan().verifyNames.size(), 200U);
 }
 
 TEST_F(ToolOptions, WithoutVerificationTheTrustTextIsStillThere)

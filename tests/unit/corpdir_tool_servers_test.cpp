@@ -28,16 +28,6 @@ std::vector<std::string> Texts(const std::vector<ServerEntry>& entries)
     return texts;
 }
 
-std::vector<std::string> Labels(const ResolvedServers& resolved)
-{
-    std::vector<std::string> labels;
-    for (const Server& server : resolved.servers)
-    {
-        labels.push_back(server.Label());
-    }
-    return labels;
-}
-
 TEST(ToolServers, SplitsAddressesAndNamesInOrder)
 {
     EXPECT_THAT(Texts(SplitServers("192.0.2.1;dir.example;2001:db8::1")),
@@ -114,41 +104,6 @@ TEST(ToolServers, HostNamesKeepTheirLimits)
     EXPECT_TRUE(IsHostName("10.example"));
 }
 
-TEST(ToolServers, GivesEveryAddressOfANameOnceAndInOrder)
-{
-    const Lookup lookup = [](const std::string& name, int)
-    {
-        return name == "a.example" ? LookupResult{{"192.0.2.2", "2001:db8::2"}, ""}
-                                   : LookupResult{{"192.0.2.3", "192.0.2.2"}, ""};
-    };
-    const ResolvedServers resolved =
-        ResolveServers(SplitServers("192.0.2.1;a.example;b.example;192.0.2.1"), AF_UNSPEC, lookup);
-    EXPECT_THAT(Labels(resolved), ElementsAre("192.0.2.1", "192.0.2.2 (a.example)",
-                                              "2001:db8::2 (a.example)", "192.0.2.3 (b.example)"));
-    EXPECT_THAT(resolved.problems, IsEmpty());
-}
-
-TEST(ToolServers, DropsAndNamesWhatDoesNotResolve)
-{
-    const Lookup lookup = [](const std::string&, int) { return LookupResult{{}, "no such name"}; };
-    const ResolvedServers resolved =
-        ResolveServers(SplitServers("dead.example;192.0.2.1"), AF_UNSPEC, lookup);
-    EXPECT_THAT(Labels(resolved), ElementsAre("192.0.2.1"));
-    EXPECT_THAT(resolved.problems, ElementsAre("dead.example: no such name"));
-}
-
-TEST(ToolServers, AsksForTheFamilyOfTheLocalAddress)
-{
-    int asked = -1;
-    const Lookup lookup = [&asked](const std::string&, int family)
-    {
-        asked = family;
-        return LookupResult{{"2001:db8::1"}, ""};
-    };
-    ResolveServers(SplitServers("dir.example"), AF_INET6, lookup);
-    EXPECT_EQ(asked, AF_INET6);
-}
-
 TEST(ToolServers, TheSystemResolvesAddressesWithoutAServer)
 {
     EXPECT_THAT(SystemLookup("192.0.2.1", AF_UNSPEC).addresses, ElementsAre("192.0.2.1"));
@@ -189,7 +144,32 @@ TEST(ToolNameResolver, TellsWhenItIsReadyAndLeavesTheMainThreadFree)
     }
     changed.notify_one();
     EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::RESOLVED);
-    EXPECT_THAT(Labels(resolver.Take()), ElementsAre("192.0.2.9 (slow.example)"));
+    EXPECT_EQ(resolver.Take().servers.at(0).Label(), "192.0.2.9 (slow.example)");
+}
+
+TEST(ToolNameResolver, DoesNotWaitForTheSystemsResolver)
+{
+    // Of the lookup, which outlives the test.
+    struct Answer
+    {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool given = false;
+    };
+    const auto answer = std::make_shared<Answer>();
+    const Lookup lookup = [answer](const std::string&, int)
+    {
+        std::unique_lock<std::mutex> lock(answer->mutex);
+        answer->changed.wait(lock, [&answer] { return answer->given; });
+        return LookupResult{};
+    };
+    {
+        EventQueue events;
+        const NameResolver resolver(SplitServers("slow.example"), AF_UNSPEC, lookup, events);
+    }
+    const std::lock_guard<std::mutex> lock(answer->mutex);
+    answer->given = true;
+    answer->changed.notify_all();
 }
 
 TEST(ToolNameResolver, TellsWhenMemoryRunsOut)

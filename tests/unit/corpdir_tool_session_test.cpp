@@ -1,12 +1,14 @@
-// The program's course of a download, against a service that follows a script.
+// The program's download, against a service that follows a script.
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <string.h>
 
 #include <functional>
 #include <map>
 #include <sstream>
 #include <thread>
 
+#include "corpdir_tool_layers.h"
 #include "corpdir_tool_support.h"
 #include "session.h"
 
@@ -18,15 +20,6 @@ namespace
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-TRAVEX_FTP_OBSERVER_CB g_observer = nullptr;
-void* g_observerUser = nullptr;
-
-void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
-{
-    g_observer = observer;
-    g_observerUser = user;
-}
 
 // What a server does with each transfer. Codes: tagTRAVEX_FTP_RESULT, 0 for a success.
 struct ServerScript
@@ -212,10 +205,7 @@ private:
         const bool known = kind != TRAVEX_FTP_OBSERVED_REFUSED;
         const std::string endpoint =
             m_current.find(':') == std::string::npos ? m_current + ":21" : "[" + m_current + "]:21";
-        const tagTRAVEX_FTP_S_OBSERVATION seen = {
-            kind,   known ? 1U : 0U, known ? endpoint.c_str() : "", file, 24, 48, code,
-            reason, nullptr};
-        g_observer(g_observerUser, &seen);
+        Layers().Observe(kind, known ? 1U : 0U, known ? endpoint : "", file, code, reason);
     }
 
     void Hang()
@@ -254,7 +244,7 @@ protected:
 
     ~ToolSession() override
     {
-        EXPECT_EQ(g_observer, nullptr) << "the observer was left behind";
+        EXPECT_EQ(Layers().observer, nullptr) << "the observer was left behind";
         EXPECT_EQ(m_service.starts, m_service.stops) << "each start wants a stop";
     }
 
@@ -267,9 +257,8 @@ protected:
         };
         const Terminal terminal(m_messages.Get(), m_progress ? 60 : 0, false);
         Report report({false, m_progress}, terminal);
-        Session session(m_service, &SetObserver, plan,
-                        ResolveServers(plan.servers, plan.family, lookup).servers, m_password,
-                        m_events, report);
+        corpdir_shared::ServerLookup servers(plan.servers, plan.family, lookup);
+        Session session(m_service, plan, servers.Wait().servers, m_password, m_events, report);
         return session.Run(m_deadline);
     }
 
@@ -346,6 +335,62 @@ TEST_F(ToolSession, TheRequestHoldsWhatWasAskedFor)
     EXPECT_EQ(request.ulCertVerify, 1U);
 }
 
+TEST_F(ToolSession, TheNamesOfEachAddressAreRegistered)
+{
+    m_service.scripts["192.0.2.10"].directoryFails = TRAVEX_FTP_ERR_FILE;
+    EXPECT_EQ(Run("dir.example;192.0.2.11;192.0.2.12").status, EXIT_FETCHED);
+    EXPECT_STREQ(m_service.lastRequest.szFtpCtrlInfo, "ca=system") << "no names in the trust text";
+    EXPECT_THAT(Layers().names, ElementsAre("192.0.2.11=dir.example", "192.0.2.11=192.0.2.11",
+                                            "192.0.2.12=192.0.2.12"))
+        << "the servers of the request that came last";
+}
+
+TEST_F(ToolSession, NamesToVerifyTakeThePlaceOfTheListedOnes)
+{
+    m_options.verifyNames = {"a.example", "b.example"};
+    EXPECT_EQ(Run("dir.example").status, EXIT_FETCHED);
+    EXPECT_THAT(Layers().names, ElementsAre("192.0.2.10=a.example", "192.0.2.10=b.example",
+                                            "192.0.2.11=a.example", "192.0.2.11=b.example"));
+}
+
+TEST_F(ToolSession, NamesThatCannotBeRegisteredEndIt)
+{
+    Layers().nameResult = TRAVEX_FTP_ERR_SYSTEM;
+    const Thrown thrown = FailureOf([this] { Run("192.0.2.1"); });
+    Layers().nameResult = 0;
+    EXPECT_EQ(thrown.status, EXIT_INTERNAL);
+    EXPECT_EQ(thrown.message, "the names of the servers could not be registered (code 7)");
+    EXPECT_THAT(m_service.requests, IsEmpty());
+}
+
+TEST_F(ToolSession, LimitsAreSetByFunction)
+{
+    m_options.maxSize = 5000;
+    m_options.connectTimeout = 3600;
+    EXPECT_EQ(Run("192.0.2.1").status, EXIT_FETCHED);
+    EXPECT_EQ(Layers().limits.ullFileBytes, 5000U);
+    EXPECT_EQ(Layers().limits.ulConnectMs, 3600000U);
+    tagTRAVEX_FTP_S_LIMITS others = Layers().limits;
+    others.ullFileBytes = 0;
+    others.ulConnectMs = 0;
+    const tagTRAVEX_FTP_S_LIMITS none = {};
+    EXPECT_EQ(memcmp(&others, &none, sizeof none), 0) << "the operator's";
+
+    m_options.maxSize = 0;
+    m_options.connectTimeout = 0;
+    EXPECT_EQ(Run("192.0.2.1").status, EXIT_FETCHED);
+    EXPECT_EQ(memcmp(&Layers().limits, &none, sizeof none), 0);
+}
+
+TEST_F(ToolSession, LimitsThatCannotBeSetEndIt)
+{
+    Layers().limitsResult = TRAVEX_FTP_ERR_SYSTEM;
+    const Thrown thrown = FailureOf([this] { Run("192.0.2.1"); });
+    Layers().limitsResult = 0;
+    EXPECT_EQ(thrown.status, EXIT_INTERNAL);
+    EXPECT_EQ(thrown.message, "the limits could not be set (code 7)");
+}
+
 TEST_F(ToolSession, PlainAndUnverifiedReachTheRequest)
 {
     m_options.plain = true;
@@ -391,7 +436,7 @@ TEST_F(ToolSession, AfterTheLastServerNoneIsLeft)
               "192.0.2.1: version refused; trying next server\n"
               "2001:db8::2: version refused; trying next server\n"
               "192.0.2.3: version refused\n"
-              "corpdir: no server left; 3 asked, none gave the file\n");
+              "corpdir: all 3 servers failed\n");
     EXPECT_EQ(m_service.requests.size(), 1U);
 }
 
@@ -402,7 +447,7 @@ TEST_F(ToolSession, TheOnlyServerIsAskedTwice)
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying again\n"
               "192.0.2.1: version refused\n"
-              "corpdir: no server left; 1 asked, none gave the file\n");
+              "corpdir: the server failed\n");
 }
 
 TEST_F(ToolSession, TheOnlyServerMayRecover)
@@ -443,7 +488,7 @@ TEST_F(ToolSession, TheServersLeftAreRotatedAnew)
               "192.0.2.1: pub/directory.csv: directory refused; trying next server\n"
               "192.0.2.2: version refused; trying next server\n"
               "192.0.2.3: version refused\n"
-              "corpdir: no server left; 3 asked, none gave the file\n");
+              "corpdir: all 3 servers failed\n");
 }
 
 TEST_F(ToolSession, ADirectoryTransferThatDoesNotBeginCountsAsAFailure)
@@ -481,7 +526,7 @@ TEST_F(ToolSession, ARefusedArgumentIsNotTriedElsewhere)
     }
     EXPECT_EQ(m_service.requests.size(), 3U);
     EXPECT_THAT(Messages(), HasSubstr("corpdir: --ciphers: refused: bad suite\n"));
-    EXPECT_THAT(Messages(), HasSubstr("corpdir: --ca or --verify-name: refused: bad suite\n"));
+    EXPECT_THAT(Messages(), HasSubstr("corpdir: --ca: refused: bad suite\n"));
 }
 
 TEST_F(ToolSession, ARefusedArgumentOfTheDirectoryTransferEndsIt)
@@ -602,7 +647,7 @@ TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
     m_service.scripts["192.0.2.3"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     const Outcome outcome = Run("192.0.2.1;192.0.2.2;192.0.2.3");
     EXPECT_EQ(outcome.status, EXIT_NO_SERVER);
-    EXPECT_EQ(outcome.error, "no server left; 3 asked, none gave the file");
+    EXPECT_EQ(outcome.error, "all 3 servers failed");
     const std::string text = m_messages.Text();
     EXPECT_EQ(text.substr(text.find("hint: ")),
               "hint: is the server up, and is --port 21 the right one?\n"
@@ -630,18 +675,25 @@ TEST(ToolEvents, EndpointsLoseTheirPort)
     EXPECT_EQ(AddressOfEndpoint(""), "");
 }
 
-TEST(ToolEvents, TheServerStandsOnceInAMessage)
+TEST(ToolEvents, AFailureKeepsItsStructure)
 {
     EventQueue events;
-    tagTRAVEX_FTP_S_OBSERVATION seen = {
-        TRAVEX_FTP_OBSERVED_FAILED, 1,      "192.0.2.1:21", "f", 0, 0, 1,
-        "192.0.2.1:21: refused",    nullptr};
+    tagTRAVEX_FTP_S_OBSERVATION seen = {};
+    seen.ulKind = TRAVEX_FTP_OBSERVED_FAILED;
+    seen.pcServer = "192.0.2.1:21";
+    seen.pcServerFile = "f";
+    seen.ulRet = TRAVEX_FTP_ERR_LOGIN;
+    seen.ulStep = TRAVEX_FTP_STEP_LOGIN;
+    seen.ulReply = 530;
+    seen.ulDetail = TRAVEX_FTP_DETAIL_CERT_NAME;
+    seen.pcReason = "login refused: 530 no";
     events.PushObservation(seen);
-    EXPECT_EQ(events.WaitUntil({}).reason, "refused");
-    seen.pcServer = "";
-    seen.pcReason = ": refused";
-    events.PushObservation(seen);
-    EXPECT_EQ(events.WaitUntil({}).reason, ": refused");
+    const Event event = events.WaitUntil({});
+    EXPECT_EQ(event.code, TRAVEX_FTP_ERR_LOGIN);
+    EXPECT_EQ(event.step, TRAVEX_FTP_STEP_LOGIN);
+    EXPECT_EQ(event.reply, 530U);
+    EXPECT_EQ(event.detail, TRAVEX_FTP_DETAIL_CERT_NAME);
+    EXPECT_EQ(event.reason, "login refused: 530 no");
 }
 
 TEST(ToolEvents, SignalsOutliveAService)

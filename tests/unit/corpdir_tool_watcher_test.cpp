@@ -10,6 +10,7 @@
 #include <sstream>
 #include <thread>
 
+#include "corpdir_tool_layers.h"
 #include "corpdir_tool_support.h"
 #include "watcher.h"
 
@@ -25,15 +26,6 @@ using testing::ElementsAreArray;
 using testing::HasSubstr;
 
 constexpr seconds PATIENCE{20};
-
-TRAVEX_FTP_OBSERVER_CB g_observer = nullptr;
-void* g_observerUser = nullptr;
-
-void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
-{
-    g_observer = observer;
-    g_observerUser = user;
-}
 
 // What the watcher has said so far; may be read while it goes on.
 class Said
@@ -263,10 +255,7 @@ private:
     void Observe(unsigned int kind, const std::string& server, const char* file, unsigned int code,
                  const char* reason) const
     {
-        const std::string endpoint = server.empty() ? "" : server + ":21";
-        const tagTRAVEX_FTP_S_OBSERVATION seen = {kind, m_task, endpoint.c_str(), file,   24,
-                                                  48,   code,   reason,           nullptr};
-        g_observer(g_observerUser, &seen);
+        Layers().Observe(kind, m_task, server.empty() ? "" : server + ":21", file, code, reason);
     }
 
     const Said& m_output;
@@ -299,7 +288,7 @@ protected:
 
     ~ToolWatcher() override
     {
-        EXPECT_EQ(g_observer, nullptr) << "the observer was left behind";
+        EXPECT_EQ(Layers().observer, nullptr) << "the observer was left behind";
     }
 
     // The last step of a script: the user asks the watch to end.
@@ -323,7 +312,7 @@ protected:
         {
             command.emplace(m_options.execute, STDERR_FILENO, m_events);
         }
-        Watcher watcher(m_service, &SetObserver, plan, lookup, m_password, m_events, output,
+        Watcher watcher(m_service, plan, lookup, m_password, m_events, output,
                         command ? &*command : nullptr);
         return watcher.Run();
     }
@@ -427,15 +416,15 @@ TEST_F(ToolWatcher, EventsAreJsonObjectsWhenAskedFor)
                                 "\xef\xbf\xbd\"";
     EXPECT_THAT(
         rests,
-        ElementsAre(R"({"event":"checking",)" + server + "}",
-                    R"({"event":"failed",)" + server +
-                        R"(,"remote_file":"version.txt","code":16,"reason":"no connection"})",
-                    R"({"event":"next_server",)" + server + "}",
-                    R"({"event":"checking",)" + server + "}",
-                    R"({"event":"new_version",)" + server + "," + version + "}",
-                    R"({"event":"downloaded",)" + server + "," + version + R"(,"file":")" +
-                        m_directory.Path() + R"(/directory.csv","bytes":24})",
-                    R"({"event":"stopped","signal":"SIGTERM"})"));
+        ElementsAre(
+            R"({"event":"checking",)" + server + "}",
+            R"({"event":"failed",)" + server +
+                R"(,"remote_file":"version.txt","code":16,"step":0,"reply":0,"reason":"no connection"})",
+            R"({"event":"next_server",)" + server + "}", R"({"event":"checking",)" + server + "}",
+            R"({"event":"new_version",)" + server + "," + version + "}",
+            R"({"event":"downloaded",)" + server + "," + version + R"(,"file":")" +
+                m_directory.Path() + R"(/directory.csv","bytes":24})",
+            R"({"event":"stopped","signal":"SIGTERM"})"));
 }
 
 TEST_F(ToolWatcher, QuietLeavesFailures)
@@ -705,7 +694,7 @@ TEST_F(ToolWatcher, OneServerIsTriedTwice)
         Lines(),
         ElementsAre("checking 192.0.2.1", "failed: version.txt from 192.0.2.1: no connection",
                     "next server 192.0.2.1", "checking 192.0.2.1",
-                    "failed: version.txt from 192.0.2.1: no connection", "no server left",
+                    "failed: version.txt from 192.0.2.1: no connection", "all servers failed",
                     "asking again in 1 s", "stopped by SIGTERM"));
 }
 
@@ -805,8 +794,7 @@ TEST_F(ToolWatcher, AnOutputThatNobodyReadsEndsIt)
     WatchOutput output(full, false, false);
     m_service.scripts = {[](ScriptedService& service) { service.Version(A, "edition 1"); }};
     {
-        Watcher watcher(m_service, &SetObserver, plan, SystemLookup, m_password, m_events, output,
-                        nullptr);
+        Watcher watcher(m_service, plan, SystemLookup, m_password, m_events, output, nullptr);
         const Thrown thrown = FailureOf([&watcher] { watcher.Run(); });
         EXPECT_EQ(thrown.status, EXIT_LOCAL_FILE);
     }

@@ -28,13 +28,16 @@ TEST(ErrorRecord, HasItsCodeFirst)
     EXPECT_EQ(sizeof(Record), 512U);
     EXPECT_EQ(alignof(Record), 4U);
     EXPECT_EQ(offsetof(Record, ulRet), 0U);
-    EXPECT_EQ(offsetof(Record, acReason), 4U);
+    EXPECT_EQ(offsetof(Record, ulStep), 4U);
+    EXPECT_EQ(offsetof(Record, ulReply), 8U);
+    EXPECT_EQ(offsetof(Record, ulDetail), 12U);
+    EXPECT_EQ(offsetof(Record, acReason), 16U);
 }
 
-TEST(ObservationRecord, IsWithoutGapsButForThatOfTheResult)
+TEST(ObservationRecord, IsWithoutGaps)
 {
     using Record = tagTRAVEX_FTP_S_OBSERVATION;
-    EXPECT_EQ(sizeof(Record), 64U);
+    EXPECT_EQ(sizeof(Record), 72U);
     EXPECT_EQ(alignof(Record), 8U);
     EXPECT_EQ(offsetof(Record, ulKind), 0U);
     EXPECT_EQ(offsetof(Record, ulTaskID), 4U);
@@ -43,13 +46,16 @@ TEST(ObservationRecord, IsWithoutGapsButForThatOfTheResult)
     EXPECT_EQ(offsetof(Record, ullBytes), 24U);
     EXPECT_EQ(offsetof(Record, ullTotal), 32U);
     EXPECT_EQ(offsetof(Record, ulRet), 40U);
-    EXPECT_EQ(offsetof(Record, pcReason), 48U);
-    EXPECT_EQ(offsetof(Record, pstCourse), 56U);
+    EXPECT_EQ(offsetof(Record, ulStep), 44U);
+    EXPECT_EQ(offsetof(Record, ulReply), 48U);
+    EXPECT_EQ(offsetof(Record, ulDetail), 52U);
+    EXPECT_EQ(offsetof(Record, pcReason), 56U);
+    EXPECT_EQ(offsetof(Record, pstTimings), 64U);
 }
 
-TEST(CourseRecord, IsWithoutGaps)
+TEST(TimingsRecord, IsWithoutGaps)
 {
-    using Record = tagTRAVEX_FTP_S_COURSE;
+    using Record = tagTRAVEX_FTP_S_TIMINGS;
     EXPECT_EQ(sizeof(Record), 392U);
     EXPECT_EQ(offsetof(Record, ullConnected), 0U);
     EXPECT_EQ(offsetof(Record, ullEnded), 32U);
@@ -88,7 +94,7 @@ TEST(Records, ArePlainData)
     EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_NOTIFY_DATA>);
     EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_ERR_INFO>);
     EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_OBSERVATION>);
-    EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_COURSE>);
+    EXPECT_TRUE(kPlain<tagTRAVEX_FTP_S_TIMINGS>);
     EXPECT_TRUE(kPlain<OSAK_MUTEX>);
 }
 

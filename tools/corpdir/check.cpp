@@ -68,7 +68,7 @@ int StatusOf(const std::vector<CheckResult>& results)
         {
             return EXIT_FETCHED;
         }
-        if (result.failedAt == CheckStep::VERSION_FILE && result.code == 0)
+        if (result.failedAt == CheckStep::VERSION_FILE && result.trouble.code == 0)
         {
             return EXIT_BAD_VERSION;
         }
@@ -125,19 +125,12 @@ public:
     }
 
 private:
-    // That the step is about.
-    std::string FileOf(const CheckResult& result) const
-    {
-        return result.failedAt == CheckStep::DIRECTORY_FILE ? m_plan.directoryFile
-                                                            : m_plan.versionFile;
-    }
-
     void Hint() const
     {
         std::vector<Trouble> troubles;
         for (const CheckResult& result : m_results)
         {
-            troubles.push_back({result.code, FileOf(result), result.reason});
+            troubles.push_back(result.trouble);
         }
         for (const std::string& hint : HintsFor(troubles, m_plan))
         {
@@ -159,9 +152,7 @@ std::string ErrorOf(const std::vector<CheckResult>& results, int status)
     {
         return "";
     }
-    return status == EXIT_BAD_VERSION
-               ? "the version file is not valid"
-               : "no server would give the files; " + std::to_string(results.size()) + " asked";
+    return status == EXIT_BAD_VERSION ? "the version file is not valid" : AllFailed(results.size());
 }
 
 // Ends with what the servers are good for, a check that was stopped as well.
@@ -170,8 +161,7 @@ int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret&
 {
     const ScratchDirectory scratch;
     const LastResort lastResort(frame, [&scratch] { scratch.Remove(); });
-    Checker checker(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan, scratch.Path(),
-                    LimitFileSize, password, frame.Events());
+    Checker checker(*GetCorpDirInstance(), plan, scratch.Path(), password, frame.Events());
     try
     {
         for (const Server& server : servers)
@@ -201,17 +191,14 @@ int Check(const Options& options, const CipherSource& ciphers)
     Report report(settings, frame.Messages());
     CheckPrinter printer(options, plan, report);
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
-    LookupHandlers handlers;
-    handlers.onProblem = [&report, &printer](const std::string& problem)
+    const auto leaveOut = [&report, &printer](const std::string& problem)
     {
         report.Error(problem + "; left out");
         printer.LeaveOut(problem);
     };
-    handlers.onGivenUp = [&printer](int status, const std::string& message)
-    { (void)printer.End(status, message); };
     try
     {
-        const std::vector<Server> servers = FindServers(plan, frame.Events(), deadline, handlers);
+        const std::vector<Server> servers = FindServers(plan, frame.Events(), deadline, leaveOut);
         return CheckAll(servers, plan, password, deadline, frame, printer);
     }
     catch (const Failure& failure)

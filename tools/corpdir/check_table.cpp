@@ -45,49 +45,49 @@ std::string TimeLeft(std::int64_t until, std::time_t now)
 
 std::string CertificateText(const CheckResult& result, std::time_t now)
 {
-    if (result.course.llCertificateUntil == 0)
+    if (result.timings.llCertificateUntil == 0)
     {
         return "";
     }
-    return std::string(result.course.acSubject) + ", valid until " +
-           DateOf(result.course.llCertificateUntil) + " (" +
-           TimeLeft(result.course.llCertificateUntil, now) + ")";
+    return std::string(result.timings.acSubject) + ", valid until " +
+           DateOf(result.timings.llCertificateUntil) + " (" +
+           TimeLeft(result.timings.llCertificateUntil, now) + ")";
 }
 
 std::string DirectoryText(const CheckResult& result)
 {
     return result.directoryBytes == TRAVEX_FTP_SIZE_UNKNOWN
-               ? "there; the server does not tell its size"
+               ? "there; the server does not give its size"
                : "there, " + std::to_string(result.directoryBytes) + " bytes";
 }
 
 // Steps are timed from the begin of the transfer; each row has the time since the step before.
 std::vector<Row> RowsOf(const CheckResult& result, const Plan& plan, std::time_t now)
 {
-    const tagTRAVEX_FTP_S_COURSE& course = result.course;
+    const tagTRAVEX_FTP_S_TIMINGS& timings = result.timings;
     const auto since = [](std::uint64_t end, std::uint64_t begin)
     { return end > begin ? end - begin : 0; };
-    const std::uint64_t ready = plan.plain ? course.ullConnected : course.ullSecured;
+    const std::uint64_t ready = plan.plain ? timings.ullConnected : timings.ullSecured;
     std::vector<Row> rows;
-    rows.push_back({CheckStep::CONNECT, "connect", "ok", course.ullConnected});
+    rows.push_back({CheckStep::CONNECT, "connect", "ok", timings.ullConnected});
     if (!plan.plain)
     {
         rows.push_back({CheckStep::TLS, "TLS",
-                        std::string(course.acTlsVersion) + ", " + course.acTlsSuite,
-                        since(course.ullSecured, course.ullConnected)});
+                        std::string(timings.acTlsVersion) + ", " + timings.acTlsSuite,
+                        since(timings.ullSecured, timings.ullConnected)});
         rows.push_back({CheckStep::CERTIFICATE, "certificate",
                         CertificateText(result, now) + (plan.verify ? "" : "; not verified"), 0});
     }
     rows.push_back(
-        {CheckStep::LOGIN, "login", "ok as " + plan.user, since(course.ullLoggedIn, ready)});
-    const char* const data = plan.plain                  ? ""
-                             : course.ulDataResumed == 1 ? "; data channel resumed the TLS session"
-                                                         : "; data channel had a TLS session of "
-                                                           "its own";
+        {CheckStep::LOGIN, "login", "ok as " + plan.user, since(timings.ullLoggedIn, ready)});
+    const char* const data = plan.plain                   ? ""
+                             : timings.ulDataResumed == 1 ? "; data channel resumed the TLS session"
+                                                          : "; data channel had a TLS session of "
+                                                            "its own";
     rows.push_back(
         {CheckStep::VERSION_FILE, "version file",
          "'" + result.version + "', " + std::to_string(result.versionBytes) + " bytes" + data,
-         since(course.ullEnded, course.ullLoggedIn)});
+         since(timings.ullEnded, timings.ullLoggedIn)});
     rows.push_back({CheckStep::DIRECTORY_FILE, "directory file", DirectoryText(result), 0});
     return rows;
 }
@@ -100,29 +100,31 @@ void PrintRow(const char* name, const std::string& result, const std::string& ti
 
 Json JsonOf(const CheckResult& result)
 {
-    const tagTRAVEX_FTP_S_COURSE& course = result.course;
+    const tagTRAVEX_FTP_S_TIMINGS& timings = result.timings;
     const auto time = [](std::uint64_t microseconds) {
         return microseconds == 0 ? Json(nullptr)
                                  : Json(static_cast<double>(microseconds) / 1000000.0);
     };
-    const bool certificate = course.llCertificateUntil != 0;
+    const bool certificate = timings.llCertificateUntil != 0;
     return {{"address", result.server.address},
             {"name", OrNull(result.server.name)},
             {"works", result.failedAt == CheckStep::DONE},
-            {"code", result.code},
-            {"reason", OrNull(result.reason)},
-            {"tls_version", OrNull(course.acTlsVersion)},
-            {"tls_suite", OrNull(course.acTlsSuite)},
-            {"certificate_subject", OrNull(course.acSubject)},
+            {"code", result.trouble.code},
+            {"step", result.trouble.step},
+            {"reply", result.trouble.reply},
+            {"reason", OrNull(result.trouble.reason)},
+            {"tls_version", OrNull(timings.acTlsVersion)},
+            {"tls_suite", OrNull(timings.acTlsSuite)},
+            {"certificate_subject", OrNull(timings.acSubject)},
             {"certificate_until",
-             certificate ? Json(DateOf(course.llCertificateUntil)) : Json(nullptr)},
-            {"session_resumed", course.ulDataResumed == 1},
+             certificate ? Json(DateOf(timings.llCertificateUntil)) : Json(nullptr)},
+            {"session_resumed", timings.ulDataResumed == 1},
             {"seconds",
-             {{"connected", time(course.ullConnected)},
-              {"secured", time(course.ullSecured)},
-              {"logged_in", time(course.ullLoggedIn)},
-              {"opened", time(course.ullOpened)},
-              {"ended", time(course.ullEnded)}}},
+             {{"connected", time(timings.ullConnected)},
+              {"secured", time(timings.ullSecured)},
+              {"logged_in", time(timings.ullLoggedIn)},
+              {"opened", time(timings.ullOpened)},
+              {"ended", time(timings.ullEnded)}}},
             {"version", OrNull(result.version)},
             {"directory_bytes", result.directoryBytes == TRAVEX_FTP_SIZE_UNKNOWN
                                     ? Json(nullptr)
@@ -141,7 +143,8 @@ void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
     {
         if (row.step == result.failedAt)
         {
-            PrintRow(row.name, output.Styled(Style::BAD, "failed: ") + Printable(result.reason), "",
+            PrintRow(row.name,
+                     output.Styled(Style::BAD, "failed: ") + Printable(result.trouble.reason), "",
                      output);
             // What the certificate says is what somebody wants to know who is told that it fails.
             const std::string certificate = CertificateText(result, now);

@@ -27,44 +27,37 @@ Plan PlanFor(const Plan& plan, const std::string& scratch, const std::string& fi
     return one;
 }
 
-// The step at which the first transfer failed.
-CheckStep StepOf(const Event& event, bool encrypted)
+// The row of the first transfer's failure.
+CheckStep StepOf(const Event& event)
 {
-    const tagTRAVEX_FTP_S_COURSE& course = event.course;
-    if (event.code == TRAVEX_FTP_ERR_CERT)
+    switch (event.step)
     {
-        return CheckStep::CERTIFICATE;
+        case TRAVEX_FTP_STEP_CONNECT:
+            return CheckStep::CONNECT;
+        case TRAVEX_FTP_STEP_GREETING:  // of implicit FTPS it comes behind the handshake
+            return event.timings.ullSecured == 0 ? CheckStep::CONNECT : CheckStep::LOGIN;
+        case TRAVEX_FTP_STEP_AUTH:
+            return CheckStep::TLS;
+        case TRAVEX_FTP_STEP_TLS:
+            return event.code == TRAVEX_FTP_ERR_CERT ? CheckStep::CERTIFICATE : CheckStep::TLS;
+        case TRAVEX_FTP_STEP_LOGIN:
+            return CheckStep::LOGIN;
+        default:
+            return CheckStep::VERSION_FILE;
     }
-    if (course.ullConnected == 0)
-    {
-        return CheckStep::CONNECT;
-    }
-    if (encrypted && course.ullSecured == 0)
-    {
-        return CheckStep::TLS;
-    }
-    return course.ullLoggedIn == 0 ? CheckStep::LOGIN : CheckStep::VERSION_FILE;
 }
 
-void Fail(CheckResult& result, CheckStep step, unsigned int code, const std::string& reason)
+void Fail(CheckResult& result, CheckStep step, const Trouble& trouble)
 {
     result.failedAt = step;
-    result.code = code;
-    result.reason = reason;
+    result.trouble = trouble;
 }
 
 }  // namespace
 
-Checker::Checker(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const Plan& plan,
-                 const std::string& scratch, SizeLimiter limitSize, const Secret& password,
-                 EventQueue& events)
-    : m_service(service),
-      m_setObserver(setObserver),
-      m_plan(plan),
-      m_scratch(scratch),
-      m_limitSize(std::move(limitSize)),
-      m_password(password),
-      m_events(events)
+Checker::Checker(IFtpCorpDir& service, const Plan& plan, const std::string& scratch,
+                 const Secret& password, EventQueue& events)
+    : m_service(service), m_plan(plan), m_scratch(scratch), m_password(password), m_events(events)
 {
 }
 
@@ -76,11 +69,9 @@ CheckResult Checker::Check(const Server& server, EventQueue::Clock::time_point d
     CheckVersion(OutcomeOf(version, server, deadline), result);
     if (result.failedAt == CheckStep::DONE)
     {
-        const Plan directory = PlanFor(m_plan, m_scratch, m_plan.directoryFile);
-        m_limitSize(SMALLEST_LIMIT);
-        const Event event = OutcomeOf(directory, server, deadline);
-        m_limitSize(m_plan.maxSize);
-        CheckDirectory(event, result);
+        Plan directory = PlanFor(m_plan, m_scratch, m_plan.directoryFile);
+        directory.maxSize = SMALLEST_LIMIT;
+        CheckDirectory(OutcomeOf(directory, server, deadline), result);
     }
     return result;
 }
@@ -89,9 +80,9 @@ CheckResult Checker::Check(const Server& server, EventQueue::Clock::time_point d
 Event Checker::OutcomeOf(const Plan& plan, const Server& server,
                          EventQueue::Clock::time_point deadline)
 {
-    ServiceLink link(m_service, m_setObserver, plan, m_events);
+    ServiceLink link(m_service, plan, m_events);
     link.Start();
-    const unsigned int code = link.Request(server.address, m_password);
+    const unsigned int code = link.Request({server}, m_password);
     for (;;)
     {
         // A request that was refused has been observed already.
@@ -132,17 +123,17 @@ Event Checker::OutcomeOf(const Plan& plan, const Server& server,
 
 void Checker::CheckVersion(const Event& event, CheckResult& result) const
 {
-    result.course = event.course;
+    result.timings = event.timings;
     if (event.kind != EventKind::TRANSFERRED)
     {
-        Fail(result, StepOf(event, !m_plan.plain), event.code, event.reason);
+        Fail(result, StepOf(event), TroubleOf(event));
         return;
     }
     result.versionBytes = event.bytes;
     const VersionFile& file = event.version;
     if (!file.version)
     {
-        Fail(result, CheckStep::VERSION_FILE, 0, file.problem);
+        Fail(result, CheckStep::VERSION_FILE, {0, 0, 0, 0, m_plan.versionFile, file.problem});
         return;
     }
     result.version = *file.version;
@@ -154,16 +145,17 @@ void Checker::CheckDirectory(const Event& event, CheckResult& result) const
         event.kind == EventKind::TRANSFERRED || event.code == TRAVEX_FTP_ERR_TOO_LARGE;
     if (!there)
     {
-        Fail(result, CheckStep::DIRECTORY_FILE, event.code, event.reason);
+        Fail(result, CheckStep::DIRECTORY_FILE, TroubleOf(event));
         return;
     }
     result.directoryBytes = event.kind == EventKind::TRANSFERRED ? event.bytes : event.total;
     if (m_plan.maxSize != 0 && result.directoryBytes != TRAVEX_FTP_SIZE_UNKNOWN &&
         result.directoryBytes > m_plan.maxSize)
     {
-        Fail(result, CheckStep::DIRECTORY_FILE, TRAVEX_FTP_ERR_TOO_LARGE,
-             "the file has " + std::to_string(result.directoryBytes) +
-                 " bytes, --max-size allows " + std::to_string(m_plan.maxSize));
+        Fail(result, CheckStep::DIRECTORY_FILE,
+             {TRAVEX_FTP_ERR_TOO_LARGE, TRAVEX_FTP_STEP_RECEIVE, 0, 0, m_plan.directoryFile,
+              "the file has " + std::to_string(result.directoryBytes) +
+                  " bytes, --max-size allows " + std::to_string(m_plan.maxSize)});
     }
 }
 

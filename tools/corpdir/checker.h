@@ -1,14 +1,14 @@
-// The course of `check`: what each server would do with a request, found out without downloading
+// What `check` finds out: what each server would do with a request, found out without downloading
 // the directory file.
 #ifndef CORPDIR_TOOL_CHECKER_H
 #define CORPDIR_TOOL_CHECKER_H
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 
 #include "events.h"
+#include "hints.h"
 #include "options.h"
 #include "secret.h"
 #include "servers.h"
@@ -33,9 +33,8 @@ struct CheckResult
 {
     Server server;
     CheckStep failedAt = CheckStep::DONE;
-    unsigned int code = 0;  // tagTRAVEX_FTP_RESULT of the failure; 0 for a bad version file
-    std::string reason;     // of the failure
-    tagTRAVEX_FTP_S_COURSE course = {};  // of the version file's transfer
+    Trouble trouble;                       // of the failure; its code is 0 for a bad version file
+    tagTRAVEX_FTP_S_TIMINGS timings = {};  // of the version file's transfer
     std::string version;
     std::uint64_t versionBytes = 0;
     std::uint64_t directoryBytes = TRAVEX_FTP_SIZE_UNKNOWN;  // as the server announced it
@@ -55,13 +54,9 @@ struct CheckStopped
 class Checker
 {
 public:
-    // Sets the limit on the size of files for the next start of the service; 0: as it was.
-    using SizeLimiter = std::function<void(std::uint64_t bytes)>;
-
     // All references must outlive the checker. scratch: an empty directory, ending in "/".
-    Checker(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const Plan& plan,
-            const std::string& scratch, SizeLimiter limitSize, const Secret& password,
-            EventQueue& events);
+    Checker(IFtpCorpDir& service, const Plan& plan, const std::string& scratch,
+            const Secret& password, EventQueue& events);
 
     // Throws CheckStopped, or Failure when the service cannot be started or an argument is refused.
     CheckResult Check(const Server& server, EventQueue::Clock::time_point deadline);
@@ -72,10 +67,8 @@ private:
     void CheckDirectory(const Event& event, CheckResult& result) const;
 
     IFtpCorpDir& m_service;
-    const ServiceLink::ObserverSetter m_setObserver;
     const Plan& m_plan;
     const std::string m_scratch;
-    const SizeLimiter m_limitSize;
     const Secret& m_password;
     EventQueue& m_events;
 };

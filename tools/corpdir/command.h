@@ -2,7 +2,6 @@
 #ifndef CORPDIR_TOOL_COMMAND_H
 #define CORPDIR_TOOL_COMMAND_H
 
-#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -18,9 +17,8 @@
 namespace corpdir_tool
 {
 
-// Makes the process ready: signals become events, the log keeps off the terminal, the limits of the
-// plan are handed to the FTP layer. Make it on the main thread before any other exists; one at a
-// time.
+// Makes the process ready: signals become events, the log keeps off the terminal. Make it on the
+// main thread before any other exists; one at a time.
 class CommandFrame
 {
 public:
@@ -66,26 +64,11 @@ private:
     CommandFrame& m_frame;
 };
 
-// Sets the FTP layer's limit on the size of a file, which it reads when the service is started; 0:
-// as it was before the first call. Call it while no other thread reads the environment.
-void LimitFileSize(std::uint64_t bytes);
-
-// Leaves without waiting for threads: one that is held up in the system's resolver cannot be
-// joined.
-[[noreturn]] void LeaveAtOnce(int status);
-
-// Told of what goes wrong with names.
-struct LookupHandlers
-{
-    std::function<void(const std::string& problem)> onProblem;  // a name is left out
-    // A stop is asked for, or the time is over; the process ends when this returns.
-    std::function<void(int status, const std::string& message)> onGivenUp;
-};
-
-// The servers with their names replaced by addresses. Throws Failure when there is none.
+// The servers with their names replaced by addresses. leaveOut: called with each name that has
+// none, and why. Throws Failure when there is no server, a stop is asked for or the time is over.
 std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
                                 EventQueue::Clock::time_point deadline,
-                                const LookupHandlers& handlers);
+                                const std::function<void(const std::string&)>& leaveOut);
 
 }  // namespace corpdir_tool
 

@@ -28,15 +28,6 @@ EventKind KindOf(unsigned int observed)
     }
 }
 
-// Messages name the server by its label, so that the layer's own "server: " is left out.
-std::string ReasonOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
-{
-    const std::string reason = seen.pcReason;
-    const std::string prefix = std::string(seen.pcServer) + ": ";
-    const bool named = prefix.size() > 2 && reason.compare(0, prefix.size(), prefix) == 0;
-    return named ? reason.substr(prefix.size()) : reason;
-}
-
 // The record is valid during the observer's call only, so everything is copied.
 Event CopyOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
 {
@@ -48,10 +39,13 @@ Event CopyOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     event.bytes = seen.ullBytes;
     event.total = seen.ullTotal;
     event.code = seen.ulRet;
-    event.reason = ReasonOf(seen);
-    if (seen.pstCourse != nullptr)
+    event.step = seen.ulStep;
+    event.reply = seen.ulReply;
+    event.detail = seen.ulDetail;
+    event.reason = seen.pcReason;
+    if (seen.pstTimings != nullptr)
     {
-        event.course = *seen.pstCourse;
+        event.timings = *seen.pstTimings;
     }
     return event;
 }
@@ -76,7 +70,7 @@ bool IsArgumentRefusal(unsigned int code)
 std::string ArgumentProblem(const Event& event)
 {
     const char* const option = event.code == TRAVEX_FTP_ERR_CIPHER  ? "--ciphers: "
-                               : event.code == TRAVEX_FTP_ERR_TRUST ? "--ca or --verify-name: "
+                               : event.code == TRAVEX_FTP_ERR_TRUST ? "--ca: "
                                                                     : "";
     return option + event.reason;
 }

@@ -41,11 +41,14 @@ struct Event
     std::string file;       // file on the server; empty when not known
     std::uint64_t bytes = 0;
     std::uint64_t total = TRAVEX_FTP_SIZE_UNKNOWN;
-    unsigned int code = 0;               // tagTRAVEX_FTP_RESULT of a failure or refusal
-    std::string reason;                  // in words
-    VersionFile version;                 // what a version file held when it had arrived
-    tagTRAVEX_FTP_S_COURSE course = {};  // of a transfer that is over
-    int number = 0;                      // the signal, or the exit status of the command
+    unsigned int code = 0;    // tagTRAVEX_FTP_RESULT of a failure or refusal
+    unsigned int step = 0;    // tagTRAVEX_FTP_STEP of a failure
+    unsigned int reply = 0;   // number of the server's reply that caused it; 0: none did
+    unsigned int detail = 0;  // tagTRAVEX_FTP_DETAIL of it
+    std::string reason;       // in words, without the server
+    VersionFile version;      // what a version file held when it had arrived
+    tagTRAVEX_FTP_S_TIMINGS timings = {};  // of a transfer that is over
+    int number = 0;                        // the signal, or the exit status of the command
 };
 
 // "[2001:db8::1]:21" or "192.0.2.1:21" without brackets and port.

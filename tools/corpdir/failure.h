@@ -14,7 +14,7 @@ enum ExitStatus : int
     EXIT_FETCHED = 0,      // the directory file has arrived
     EXIT_INTERNAL = 1,     // the service could not be started, or memory ran out
     EXIT_ARGUMENTS = 2,    // unusable arguments
-    EXIT_NO_SERVER = 3,    // no server left to ask
+    EXIT_NO_SERVER = 3,    // every server failed
     EXIT_BAD_VERSION = 4,  // the version file on disk is not valid
     EXIT_NO_OUTCOME = 5,   // no outcome within --timeout
     EXIT_LOCAL_FILE = 6,   // a local file or directory cannot be written
@@ -25,18 +25,17 @@ enum ExitStatus : int
 class Failure : public std::runtime_error
 {
 public:
-    Failure(ExitStatus status, const std::string& message)
-        : std::runtime_error(message), m_status(status)
+    Failure(int status, const std::string& message) : std::runtime_error(message), m_status(status)
     {
     }
 
-    ExitStatus Status() const
+    int Status() const
     {
         return m_status;
     }
 
 private:
-    ExitStatus m_status;
+    int m_status;
 };
 
 }  // namespace corpdir_tool

@@ -9,7 +9,6 @@
 #include "password.h"
 #include "report.h"
 #include "session.h"
-#include "travex_ftp.h"
 
 namespace corpdir_tool
 {
@@ -36,6 +35,8 @@ Json ServersOf(const Outcome& outcome)
                            {"gave", attempt.trouble.reason.empty()},
                            {"file", OrNull(attempt.trouble.file)},
                            {"code", attempt.trouble.code},
+                           {"step", attempt.trouble.step},
+                           {"reply", attempt.trouble.reply},
                            {"reason", OrNull(attempt.trouble.reason)}});
     }
     return servers;
@@ -115,19 +116,13 @@ Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, R
                  ResultPrinter& printer)
 {
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
-    LookupHandlers handlers;
-    handlers.onProblem = [&report, &printer](const std::string& problem)
+    const auto leaveOut = [&report, &printer](const std::string& problem)
     {
         report.Error(problem + "; left out");
         printer.LeaveOut(problem);
     };
-    handlers.onGivenUp = [&](int status, const std::string& message)
-    {
-        report.Error(message);
-        printer.Print(Failed(status, message));
-    };
-    Session session(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan,
-                    FindServers(plan, events, deadline, handlers), password, events, report);
+    Session session(*GetCorpDirInstance(), plan, FindServers(plan, events, deadline, leaveOut),
+                    password, events, report);
     return session.Run(deadline);
 }
 

@@ -15,66 +15,155 @@ namespace
 constexpr std::size_t MAX_MISTAKES = 2;
 
 constexpr unsigned int USUAL_PORT = 21;
+constexpr unsigned int IMPLICIT_PORT = 990;
 
-bool Says(const Trouble& trouble, const char* words)
-{
-    return trouble.reason.find(words) != std::string::npos;
-}
+// Replies that say more than the step at which they came.
+constexpr unsigned int SERVICE_CLOSED = 421;
+constexpr unsigned int NO_DATA_CONNECTION = 425;
+
+const char LOG_HINT[] = "--log-dir DIR writes a log of every step";
+const char SERVER_LOG_HINT[] = "the server's own log may say why";
 
 std::string PortOf(const Plan& plan)
 {
     return "port " + std::to_string(plan.port == 0 ? USUAL_PORT : plan.port);
 }
 
+std::string ClosedHint(const Trouble& trouble)
+{
+    return trouble.step == TRAVEX_FTP_STEP_GREETING || trouble.step == TRAVEX_FTP_STEP_LOGIN
+               ? "connection limit reached or service closed; try again later"
+               : "the server closed the connection: its time limit, or a shutdown; try again later";
+}
+
+std::string ConnectHint(const Trouble& trouble, const Plan& plan)
+{
+    switch (trouble.step)
+    {
+        case TRAVEX_FTP_STEP_DATA_CONNECT:
+            return "the server's passive ports must be open, on the server and in firewalls before "
+                   "it";
+        case TRAVEX_FTP_STEP_GREETING:
+            return std::string("the server does not serve this machine; ") + SERVER_LOG_HINT;
+        default:
+            return "is the server up, and is --" + PortOf(plan) + " the right one?";
+    }
+}
+
+// The identifiers of TLS 1.3's suites are 0x03001301 and up.
+bool IsTls13(int cipher)
+{
+    return (cipher & 0xff00) == 0x1300;
+}
+
+// The versions offered follow from the suites; those that the service offers by itself are older
+// than TLS 1.3.
+std::string VersionHint(const Plan& plan)
+{
+    const auto count = std::count_if(plan.ciphers.begin(), plan.ciphers.end(), IsTls13);
+    const std::string prefix = "the server wants another TLS version: ";
+    if (count == 0)
+    {
+        return prefix + "with TLS_AES_256_GCM_SHA384 in --ciphers TLS 1.3 is offered";
+    }
+    if (static_cast<std::size_t>(count) == plan.ciphers.size())
+    {
+        return prefix +
+               "with TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 in --ciphers TLS 1.2 is offered";
+    }
+    return prefix + "those of --ciphers are too new for it, and it has to be updated";
+}
+
 std::string TlsHint(const Trouble& trouble, const Plan& plan)
 {
-    if (Says(trouble, "AUTH refused"))
+    if (trouble.detail == TRAVEX_FTP_DETAIL_TLS_VERSION)
     {
-        return "the server offers no TLS on " + PortOf(plan) +
-               ": have FTPS switched on there; --plain would send the password in clear";
+        return VersionHint(plan);
     }
-    if (Says(trouble, "handshake failure") || Says(trouble, "no shared cipher"))
+    if (trouble.detail == TRAVEX_FTP_DETAIL_TLS_SUITES)
     {
-        return "the server takes none of the cipher suites; 'corpdir ciphers' lists what --ciphers "
-               "can offer";
+        return "the server accepts none of the cipher suites; 'corpdir ciphers' lists what "
+               "--ciphers can offer";
     }
-    if (Says(trouble, "timeout"))
+    switch (trouble.step)
     {
-        return "the server took the connection and did not answer in TLS: look at it, or at a "
-               "firewall";
+        case TRAVEX_FTP_STEP_AUTH:
+            return trouble.reply == 0
+                       ? "something between may have changed the replies: check the network"
+                       : "the server offers no TLS on " + PortOf(plan) +
+                             ": enable FTPS there; --plain would send the password in clear";
+        case TRAVEX_FTP_STEP_PROTECT:
+            return "the server refuses an encrypted data channel: enable PROT P there";
+        case TRAVEX_FTP_STEP_DATA_TLS:
+            return SERVER_LOG_HINT;
+        default:
+            return "port 990 is for implicit FTPS, the others are for explicit; is --" +
+                   PortOf(plan) + " the right one?";
     }
-    return "port 990 is for implicit FTPS, the others are for explicit; is --" + PortOf(plan) +
-           " the right one?";
 }
 
 std::string CertificateHint(const Trouble& trouble)
 {
     const char* const rest = "; 'corpdir check' shows the certificate";
-    if (Says(trouble, "certificate is not for"))
+    switch (trouble.detail)
     {
-        return std::string("--verify-name names what it is for, if that server is meant") + rest;
+        case TRAVEX_FTP_DETAIL_CERT_NAME:
+            return std::string(
+                       "list the server as its certificate names it, or give that name "
+                       "with --verify-name, if that server is meant") +
+                   rest;
+        case TRAVEX_FTP_DETAIL_CERT_DATES:
+            return std::string("its owner has to renew it, or this machine's clock is wrong") +
+                   rest;
+        default:
+            return std::string("--ca names the authorities to trust") + rest;
     }
-    if (Says(trouble, "expired") || Says(trouble, "not yet valid"))
-    {
-        return std::string("its owner has to renew it, or this machine's clock is wrong") + rest;
-    }
-    return std::string("--ca names the authorities to trust") + rest;
 }
 
-std::string TimeHint(const Trouble& trouble)
+std::string TimeHint(const Trouble& trouble, const Plan& plan)
 {
-    if (Says(trouble, "no greeting"))
+    switch (trouble.step)
     {
-        return "the server took the connection and said nothing: one for implicit FTPS wants "
-               "--port "
-               "990; else look at it, or at a firewall";
+        case TRAVEX_FTP_STEP_CONNECT:
+            return "a firewall may drop packets to " + PortOf(plan) +
+                   ", or the server is down; --connect-timeout allows more time";
+        case TRAVEX_FTP_STEP_DATA_CONNECT:
+            return "a firewall may drop packets to the server's passive ports; --connect-timeout "
+                   "allows more time";
+        case TRAVEX_FTP_STEP_GREETING:
+            return plan.port == IMPLICIT_PORT || plan.plain
+                       ? "the server accepted the connection and sent nothing: check the server"
+                       : "the server accepted the connection and sent nothing: implicit FTPS needs "
+                         "--port 990; else check the server";
+        case TRAVEX_FTP_STEP_TLS:
+        case TRAVEX_FTP_STEP_DATA_TLS:
+            return "the server accepted the connection and did not answer in TLS: check the server";
+        case TRAVEX_FTP_STEP_RECEIVE:
+            return "the server or the network is too slow or hangs; try again later";
+        case TRAVEX_FTP_STEP_CONFIRM:
+            return SERVER_LOG_HINT;
+        default:
+            return "the server is too slow or hangs; try again later";
     }
-    return "a firewall may drop packets: FTP needs the server's passive ports too; "
-           "--connect-timeout allows more time to connect";
+}
+
+std::string LoginHint(const Plan& plan)
+{
+    return plan.plain ? "the server may refuse logins without TLS: leave out --plain; else check "
+                        "--user and the password"
+                      : "check --user and the password";
 }
 
 std::string FileHint(const Trouble& trouble, const Plan& plan)
 {
+    if (trouble.reply == NO_DATA_CONNECTION)
+    {
+        return std::string("the server could not use the data channel; ") + SERVER_LOG_HINT;
+    }
+    if (trouble.reply >= 400 && trouble.reply < 500)
+    {
+        return "the server cannot send the file at present; try again later";
+    }
     const std::string option =
         trouble.file == plan.versionFile ? "--version-file" : "--directory-file";
     return "check " + option +
@@ -101,38 +190,45 @@ std::size_t Mistakes(const std::string& word, const std::string& other)
 
 }  // namespace
 
+Trouble TroubleOf(const Event& event)
+{
+    return {event.code, event.step, event.reply, event.detail, event.file, event.reason};
+}
+
 std::string HintFor(const Trouble& trouble, const Plan& plan)
 {
-    if (Says(trouble, "421"))
+    if (trouble.reply == SERVICE_CLOSED)
     {
-        return "the server has as many connections as it wants, for all or for this user; try "
-               "later";
+        return ClosedHint(trouble);
     }
     switch (trouble.code)
     {
         case TRAVEX_FTP_ERR_CONNECT:
-            return "is the server up, and is --" + PortOf(plan) + " the right one?";
+            return ConnectHint(trouble, plan);
         case TRAVEX_FTP_ERR_TLS:
             return TlsHint(trouble, plan);
         case TRAVEX_FTP_ERR_CERT:
             return CertificateHint(trouble);
         case TRAVEX_FTP_ERR_LOGIN:
-            return plan.plain ? "the server may let nobody in without TLS: leave out --plain; else "
-                                "check --user and the password"
-                              : "check --user and the password";
+            return LoginHint(plan);
         case TRAVEX_FTP_ERR_FILE:
             return FileHint(trouble, plan);
         case TRAVEX_FTP_ERR_TIMEOUT:
-            return TimeHint(trouble);
+            return TimeHint(trouble, plan);
         case TRAVEX_FTP_ERR_PARTIAL:
-            return "the server, or something between, ended the file early; its log may say why";
+            return std::string("the server, or something between, ended the file early; ") +
+                   SERVER_LOG_HINT;
         case TRAVEX_FTP_ERR_TOO_LARGE:
             return "--max-size allows more";
         case TRAVEX_FTP_ERR_LOCAL_FILE:
-            return "see to space and rights in --output-dir";
-        case TRAVEX_FTP_ERR_REPLY:
+            return "check free space and permissions of --output-dir";
         case TRAVEX_FTP_ERR_TRANSFER:
-            return "--log-dir DIR writes a log of every step";
+            return trouble.step == TRAVEX_FTP_STEP_GREETING
+                       ? "the server closes connections at once: a limit, or is --" + PortOf(plan) +
+                             " the wrong one?"
+                       : LOG_HINT;
+        case TRAVEX_FTP_ERR_REPLY:
+            return LOG_HINT;
         default:
             return "";
     }
@@ -159,6 +255,12 @@ std::string WithFile(const Trouble& trouble)
                              trouble.code == TRAVEX_FTP_ERR_TOO_LARGE;
     return isAboutFile && !trouble.file.empty() ? trouble.file + ": " + trouble.reason
                                                 : trouble.reason;
+}
+
+std::string AllFailed(std::size_t servers)
+{
+    return servers == 1 ? "the server failed"
+                        : "all " + std::to_string(servers) + " servers failed";
 }
 
 std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates)

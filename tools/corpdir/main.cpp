@@ -32,7 +32,7 @@ const char STATUS_TEXT[] = R"(Exit status:
   0  the directory file was fetched
   1  the service could not be started
   2  unusable arguments
-  3  no server left: each one failed, for the reason named
+  3  every server failed, for the reasons named
   4  the version file on disk is not valid
   5  no outcome within --timeout
   6  a local file or directory cannot be written
@@ -72,7 +72,7 @@ as soon as it begins; nothing is written to --output-dir.
 
 The exit status is the one that 'corpdir fetch' would end with.)";
 
-// An empty value of an optional text is a variable that a script did not set, not a wish.
+// An empty value of an optional text is a variable that a script did not set, not a request.
 CLI::Validator NotEmpty()
 {
     return CLI::Validator([](const std::string& value)
@@ -150,8 +150,8 @@ void AddProtectionOptions(CLI::App& command, Options& options)
         ->group(group);
     command
         .add_option("--verify-name", options.verifyNames,
-                    "Name that the certificate must carry, unless it carries the address\n"
-                    "connected to; may be repeated (default: host names of --servers)")
+                    "Name that each certificate must be for, whatever is listed; may be\n"
+                    "repeated (default: the name or address that --servers lists)")
         ->type_name("DNS")
         ->allow_extra_args(false)
         ->delimiter(',')
@@ -286,7 +286,7 @@ void AddWatch(CLI::App& program, Options& options, int& status)
                      "Run this command of the shell for each new directory file")
         ->check(NotEmpty())
         ->type_name("COMMAND")
-        ->group("Course");
+        ->group("Command");
     AddJson(*watch, options, "Print each event as a JSON object on a line of its own");
     AddQuiet(*watch, options, "Print failures only");
     watch->callback([&] { status = corpdir_tool::RunWatch(options, KnownCiphers); });
@@ -374,7 +374,7 @@ std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
 int Run(int argc, char** argv)
 {
     CLI::App program("Fetches a corporate directory from FTP and FTPS servers.", "corpdir");
-    program.require_subcommand(1);  // a bare "corpdir" is a mistake, not a wish for nothing
+    program.require_subcommand(1);  // a bare "corpdir" is a mistake, not a request for nothing
     program.failure_message(ParseProblem);
     program.footer(PROGRAM_TEXT);
     program.set_version_flag("--version", VersionText, "Print versions and exit");

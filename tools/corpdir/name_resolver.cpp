@@ -8,13 +8,14 @@ namespace corpdir_tool
 
 NameResolver::NameResolver(const std::vector<ServerEntry>& entries, int family, Lookup lookup,
                            EventQueue& events)
-    : m_entries(entries), m_family(family), m_lookup(std::move(lookup)), m_events(events)
+    : m_events(events), m_lookup(entries, family, std::move(lookup))
 {
     m_thread = std::thread(&NameResolver::Resolve, this);
 }
 
 NameResolver::~NameResolver()
 {
+    m_lookup.GiveUp();
     if (m_thread.joinable())
     {
         m_thread.join();
@@ -31,7 +32,7 @@ void NameResolver::Resolve() noexcept
 {
     try
     {
-        m_resolved = ResolveServers(m_entries, m_family, m_lookup);
+        m_resolved = m_lookup.Wait();
         m_events.PushKind(EventKind::RESOLVED);
     }
     catch (const std::bad_alloc&)

@@ -1,5 +1,4 @@
-// Name resolution beside the main thread, which meanwhile can be told to stop: the system's
-// resolver may take long, and nothing can interrupt it.
+// Name resolution beside the main thread, which meanwhile can be told to stop.
 #ifndef CORPDIR_TOOL_NAME_RESOLVER_H
 #define CORPDIR_TOOL_NAME_RESOLVER_H
 
@@ -16,26 +15,24 @@ namespace corpdir_tool
 class NameResolver
 {
 public:
-    // entries and events must outlive the resolver.
+    // events must outlive the resolver.
     NameResolver(const std::vector<ServerEntry>& entries, int family, Lookup lookup,
                  EventQueue& events);
 
-    // Waits for the lookups. A program that cannot wait must leave by _exit.
+    // Gives up; does not wait for the system's resolver.
     ~NameResolver();
 
     NameResolver(const NameResolver&) = delete;
     NameResolver& operator=(const NameResolver&) = delete;
 
-    // What was found; call it once, after RESOLVED.
+    // The servers that were found; call it once, after RESOLVED.
     ResolvedServers Take();
 
 private:
     void Resolve() noexcept;
 
-    const std::vector<ServerEntry>& m_entries;
-    const int m_family;
-    const Lookup m_lookup;
     EventQueue& m_events;
+    corpdir_shared::ServerLookup m_lookup;
     ResolvedServers m_resolved;
     std::thread m_thread;  // last: it uses all of the above
 };

@@ -1,6 +1,5 @@
 #include "options.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -22,6 +21,8 @@ namespace
 constexpr std::size_t MAX_FIELD = 255;
 constexpr std::size_t MAX_USER = 127;
 constexpr std::size_t MAX_DIRECTORY = 127;
+
+const std::string TRUST_PREFIX = "ca=";
 
 constexpr unsigned int EVERYTHING = 2;  // log level of a log that was asked for without one
 
@@ -106,16 +107,6 @@ void PlanFiles(const Options& options, Plan& plan)
     CheckLength("--output-dir with its closing '/'", plan.outputDir.size(), MAX_DIRECTORY);
 }
 
-int FamilyOf(const std::string& address)
-{
-    unsigned char bytes[16];
-    if (inet_pton(AF_INET, address.c_str(), bytes) == 1)
-    {
-        return AF_INET;
-    }
-    return inet_pton(AF_INET6, address.c_str(), bytes) == 1 ? AF_INET6 : AF_UNSPEC;
-}
-
 void PlanServers(const Options& options, Plan& plan)
 {
     plan.servers = SplitServers(options.servers);
@@ -126,7 +117,7 @@ void PlanServers(const Options& options, Plan& plan)
         return;
     }
     plan.localIp = options.localIp;
-    plan.family = FamilyOf(options.localIp);
+    plan.family = corpdir_shared::FamilyOf(options.localIp.c_str());
     if (plan.family == AF_UNSPEC)
     {
         Refuse("--local-ip '" + Printable(options.localIp) + "' is not an IPv4 or IPv6 address");
@@ -134,7 +125,7 @@ void PlanServers(const Options& options, Plan& plan)
     // Names are looked up in this family only; an address of the other one is a contradiction.
     for (const ServerEntry& entry : plan.servers)
     {
-        if (entry.isAddress && FamilyOf(entry.text) != plan.family)
+        if (entry.isAddress && corpdir_shared::FamilyOf(entry.text.c_str()) != plan.family)
         {
             Refuse("server " + entry.text + " cannot be reached from --local-ip " +
                    options.localIp + ": one is IPv4, the other IPv6");
@@ -162,6 +153,7 @@ void CheckAuthorities(const std::string& ca)
     {
         Refuse("--ca is empty");
     }
+    CheckLength("--ca", ca.size(), MAX_FIELD - TRUST_PREFIX.size());
     if (ca.find(';') != std::string::npos)
     {
         Refuse("--ca '" + Printable(ca) + "' contains a ';', which the trust text cannot carry");
@@ -172,58 +164,15 @@ void CheckAuthorities(const std::string& ca)
     }
 }
 
-// Names that the certificate may carry, in the order given and each once.
-std::vector<std::string> AcceptedNames(const Options& options, const Plan& plan)
+void CheckNames(const std::vector<std::string>& names)
 {
-    std::vector<std::string> names;
-    const auto add = [&names](std::string name)
-    {
-        if (name.back() == '.')
-        {
-            name.pop_back();  // certificates carry names without the closing dot
-        }
-        if (std::find(names.begin(), names.end(), name) == names.end())
-        {
-            names.push_back(name);
-        }
-    };
-    for (const std::string& name : options.verifyNames)
+    for (const std::string& name : names)
     {
         if (!IsHostName(name))
         {
             Refuse("--verify-name '" + Printable(name) + "' is not a DNS name");
         }
-        add(name);
     }
-    // Without --verify-name: whoever lists a host by name wants that host's certificate.
-    if (names.empty())
-    {
-        for (const ServerEntry& entry : plan.servers)
-        {
-            if (!entry.isAddress)
-            {
-                add(entry.text);
-            }
-        }
-    }
-    return names;
-}
-
-std::string TrustText(const Options& options, const Plan& plan)
-{
-    CheckAuthorities(options.ca);
-    std::string trust = "ca=" + options.ca;
-    const char* separator = ";name=";
-    for (const std::string& name : AcceptedNames(options, plan))
-    {
-        trust += separator + name;
-        separator = ",";
-    }
-    CheckLength("the trust text made of --ca and " + std::string(options.verifyNames.empty()
-                                                                     ? "the host names of --servers"
-                                                                     : "--verify-name"),
-                trust.size(), MAX_FIELD);
-    return trust;
 }
 
 void PlanProtection(const Options& options, const CipherSource& ciphers, Plan& plan)
@@ -231,8 +180,14 @@ void PlanProtection(const Options& options, const CipherSource& ciphers, Plan& p
     CheckProtection(options);
     plan.plain = options.plain;
     plan.verify = !options.plain && !options.noVerify;
-    // The service wants a trust text even when nothing is verified by it.
-    plan.trust = plan.verify ? TrustText(options, plan) : "system";
+    plan.trust = "system";  // the service wants one even when nothing is verified by it
+    if (plan.verify)
+    {
+        CheckAuthorities(options.ca);
+        CheckNames(options.verifyNames);
+        plan.trust = TRUST_PREFIX + options.ca;
+        plan.verifyNames = options.verifyNames;
+    }
     for (const std::string& cipher : options.ciphers)
     {
         plan.ciphers.push_back(FindCipher(cipher, ciphers));

@@ -66,8 +66,9 @@ struct Plan
 
     bool plain = false;
     bool verify = true;
-    std::string trust;         // text for the FTP layer, never empty
-    std::vector<int> ciphers;  // empty: the service's own list
+    std::string trust;                     // text for the FTP layer, never empty
+    std::vector<std::string> verifyNames;  // empty: each server's own as listed
+    std::vector<int> ciphers;              // empty: the service's own list
 
     std::uint64_t maxSize = 0;               // bytes; 0: the FTP layer's limit
     std::chrono::seconds connectTimeout{0};  // 0: the FTP layer's limit

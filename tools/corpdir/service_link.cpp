@@ -71,24 +71,32 @@ void FillRequest(const Plan& plan, const Secret& password, tag_CORPDIR_DOWNLOADI
     info.ulCertVerify = plan.verify ? 1 : 0;
 }
 
+void SetLimits(const Plan& plan)
+{
+    tagTRAVEX_FTP_S_LIMITS limits = {};
+    limits.ullFileBytes = plan.maxSize;
+    limits.ulConnectMs =
+        static_cast<unsigned int>(std::chrono::milliseconds(plan.connectTimeout).count());
+    if (const unsigned int code = TRAVEX_FTP_SetLimits(&limits); code != 0)
+    {
+        throw Failure(EXIT_INTERNAL,
+                      "the limits could not be set (code " + std::to_string(code) + ")");
+    }
+}
+
 }  // namespace
 
-ServiceLink::ServiceLink(IFtpCorpDir& service, ObserverSetter setObserver, const Plan& plan,
-                         EventQueue& events)
-    : m_service(service),
-      m_setObserver(setObserver),
-      m_plan(plan),
-      m_events(events),
-      m_versionPath(plan.VersionPath())
+ServiceLink::ServiceLink(IFtpCorpDir& service, const Plan& plan, EventQueue& events)
+    : m_service(service), m_plan(plan), m_events(events), m_versionPath(plan.VersionPath())
 {
     g_resultQueue = &m_events;
-    m_setObserver(&OnObservation, this);
+    TRAVEX_FTP_SetObserver(&OnObservation, this);
 }
 
 ServiceLink::~ServiceLink()
 {
     Stop();
-    m_setObserver(nullptr, nullptr);
+    TRAVEX_FTP_SetObserver(nullptr, nullptr);
     g_resultQueue = nullptr;
 }
 
@@ -99,6 +107,7 @@ void ServiceLink::Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen) const noexcep
 
 void ServiceLink::Start()
 {
+    SetLimits(m_plan);
     tag_CORPDIR_LOGINFO log = {};
     Fill(log.szLogDir, m_plan.logDir);
     log.ulLogLevel = m_plan.logLevel.value_or(0);
@@ -128,11 +137,22 @@ void ServiceLink::Start()
     }
 }
 
-unsigned int ServiceLink::Request(const std::string& servers, const Secret& password)
+unsigned int ServiceLink::Request(const std::vector<Server>& servers, const Secret& password)
 {
+    if (const unsigned int code = corpdir_shared::RegisterNames(servers, m_plan.verifyNames);
+        code != 0)
+    {
+        throw Failure(EXIT_INTERNAL, "the names of the servers could not be registered (code " +
+                                         std::to_string(code) + ")");
+    }
+    std::string addresses;
+    for (const Server& server : servers)
+    {
+        addresses += (addresses.empty() ? "" : ";") + server.address;
+    }
     RequestRecord record;
     FillRequest(m_plan, password, record.info);
-    record.info.pszFtpIPs = servers.c_str();
+    record.info.pszFtpIPs = addresses.c_str();
     return m_service.CorpDirDownloadNetaddr(&record.info, &OnResult);
 }
 

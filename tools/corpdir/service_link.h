@@ -4,11 +4,13 @@
 #define CORPDIR_TOOL_SERVICE_LINK_H
 
 #include <string>
+#include <vector>
 
 #include "events.h"
 #include "ftpcorpdir.h"
 #include "options.h"
 #include "secret.h"
+#include "servers.h"
 #include "travex_ftp.h"
 
 namespace corpdir_tool
@@ -19,20 +21,19 @@ namespace corpdir_tool
 class ServiceLink
 {
 public:
-    using ObserverSetter = void (*)(TRAVEX_FTP_OBSERVER_CB observer, void* user);
-
     // service, plan and events must outlive the link.
-    ServiceLink(IFtpCorpDir& service, ObserverSetter setObserver, const Plan& plan,
-                EventQueue& events);
+    ServiceLink(IFtpCorpDir& service, const Plan& plan, EventQueue& events);
     ~ServiceLink();  // stops
     ServiceLink(const ServiceLink&) = delete;
     ServiceLink& operator=(const ServiceLink&) = delete;
 
-    // Starts the service and sets the cipher list, which a stop releases. Throws Failure.
+    // Starts the service with the plan's limits and its cipher list, which a stop releases. Throws
+    // Failure.
     void Start();
 
-    // Asks for the files. servers: addresses separated by ";". 0 when the first check was started.
-    [[nodiscard]] unsigned int Request(const std::string& servers, const Secret& password);
+    // Asks these servers for the files, and registers for whom their certificates may be. 0 when
+    // the first check was started.
+    [[nodiscard]] unsigned int Request(const std::vector<Server>& servers, const Secret& password);
 
     // An observation becomes an event. Called on threads of the FTP layer.
     void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen) const noexcept;
@@ -42,7 +43,6 @@ public:
 
 private:
     IFtpCorpDir& m_service;
-    const ObserverSetter m_setObserver;
     const Plan& m_plan;
     EventQueue& m_events;
     const std::string m_versionPath;

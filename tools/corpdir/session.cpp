@@ -15,22 +15,16 @@ namespace
 const char NEXT_SERVER[] = "trying next server";
 const char SAME_SERVER[] = "trying again";
 
-Trouble TroubleOf(const Event& event)
-{
-    return {event.code, event.file, event.reason};
-}
-
 }  // namespace
 
-Session::Session(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const Plan& plan,
-                 std::vector<Server> servers, const Secret& password, EventQueue& events,
-                 Report& report)
+Session::Session(IFtpCorpDir& service, const Plan& plan, std::vector<Server> servers,
+                 const Secret& password, EventQueue& events, Report& report)
     : m_plan(plan),
       m_servers(std::move(servers)),
       m_password(password),
       m_events(events),
       m_report(report),
-      m_link(service, setObserver, plan, events)
+      m_link(service, plan, events)
 {
 }
 
@@ -61,7 +55,8 @@ Session::Settled Session::StartFrom(std::size_t first)
         m_bytes = 0;
         m_total = TRAVEX_FTP_SIZE_UNKNOWN;
         m_link.Start();
-        const unsigned int code = m_link.Request(ServerList(index), m_password);
+        const auto begin = m_servers.begin() + static_cast<std::ptrdiff_t>(index);
+        const unsigned int code = m_link.Request({begin, m_servers.end()}, m_password);
         if (code == 0)
         {
             return std::nullopt;
@@ -217,7 +212,7 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
     // The server that was being asked; the others have been told of.
     if (status != EXIT_NO_SERVER && status != EXIT_ARGUMENTS)
     {
-        m_attempts.push_back({m_servers[m_current], {0, "", message}});
+        m_attempts.push_back({m_servers[m_current], {0, 0, 0, 0, "", message}});
     }
     if (!hint.empty())
     {
@@ -228,8 +223,7 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
 
 Session::Settled Session::NoServerLeft()
 {
-    (void)Fail(EXIT_NO_SERVER, "no server left; " + std::to_string(m_servers.size()) +
-                                   " asked, none gave the file");
+    (void)Fail(EXIT_NO_SERVER, AllFailed(m_servers.size()));
     Hint();
     return EXIT_NO_SERVER;
 }
@@ -264,16 +258,6 @@ std::size_t Session::IndexOf(const Event& event) const
         }
     }
     return m_current;
-}
-
-std::string Session::ServerList(std::size_t first) const
-{
-    std::string list = m_servers[first].address;
-    for (std::size_t index = first + 1; index < m_servers.size(); ++index)
-    {
-        list += ";" + m_servers[index].address;
-    }
-    return list;
 }
 
 void Session::ReportServer(std::size_t index, const Event& event, const std::string& next)

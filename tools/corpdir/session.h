@@ -44,9 +44,8 @@ class Session
 {
 public:
     // All references must outlive the session. servers: not empty.
-    Session(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const Plan& plan,
-            std::vector<Server> servers, const Secret& password, EventQueue& events,
-            Report& report);
+    Session(IFtpCorpDir& service, const Plan& plan, std::vector<Server> servers,
+            const Secret& password, EventQueue& events, Report& report);
 
     // Runs to the outcome, which is reported unless it is a success. The service is stopped when it
     // returns. Throws Failure when the service cannot be started.
@@ -69,7 +68,6 @@ private:
 
     bool IsVersionFile(const Event& event) const;
     std::size_t IndexOf(const Event& event) const;
-    std::string ServerList(std::size_t first) const;
     void ReportServer(std::size_t index, const Event& event, const std::string& next);
     void Hint() const;
     std::string Activity() const;

@@ -6,7 +6,6 @@
 #include "failure.h"
 #include "ftpcorpdir.h"
 #include "password.h"
-#include "travex_ftp.h"
 #include "watcher.h"
 
 namespace corpdir_tool
@@ -34,15 +33,9 @@ int RunWatch(const Options& options, const CipherSource& ciphers)
                                         command->Kill();
                                     }
                                 });
-    Watcher watcher(*GetCorpDirInstance(), TRAVEX_FTP_SetObserver, plan, SystemLookup, password,
-                    frame.Events(), output, command ? &*command : nullptr);
-    const int status = watcher.Run();
-    if (watcher.LookingUp())
-    {
-        command.reset();
-        LeaveAtOnce(status);
-    }
-    return status;
+    Watcher watcher(*GetCorpDirInstance(), plan, SystemLookup, password, frame.Events(), output,
+                    command ? &*command : nullptr);
+    return watcher.Run();
 }
 
 }  // namespace corpdir_tool

@@ -101,15 +101,17 @@ void WatchOutput::Stopped(const std::string& signal)
     Write(false, "stopped", "stopped by " + signal, Json({{"signal", signal}}));
 }
 
-void WatchOutput::Failed(const Server& server, const std::string& file, unsigned int code,
-                         const std::string& reason)
+void WatchOutput::Failed(const Server& server, const Trouble& trouble)
 {
     Json fields = FieldsOf(server);
-    fields["remote_file"] = OrNull(file);
-    fields["code"] = code;
-    fields["reason"] = reason;
+    fields["remote_file"] = OrNull(trouble.file);
+    fields["code"] = trouble.code;
+    fields["step"] = trouble.step;
+    fields["reply"] = trouble.reply;
+    fields["reason"] = trouble.reason;
     Write(true, "failed",
-          "failed: " + (file.empty() ? "" : file + " from ") + server.Label() + ": " + reason,
+          "failed: " + (trouble.file.empty() ? "" : trouble.file + " from ") + server.Label() +
+              ": " + trouble.reason,
           fields);
 }
 
@@ -120,7 +122,7 @@ void WatchOutput::NameFailed(const std::string& problem)
 
 void WatchOutput::NoServerLeft()
 {
-    Write(true, "no_server_left", "no server left", Json::object());
+    Write(true, "no_server_left", "all servers failed", Json::object());
 }
 
 void WatchOutput::StartFailed(const std::string& reason)

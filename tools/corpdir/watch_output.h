@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "hints.h"
 #include "servers.h"
 
 namespace corpdir_tool
@@ -32,9 +33,7 @@ public:
 
     // The rest is what --quiet leaves.
 
-    // file: on the server, empty when not known.
-    void Failed(const Server& server, const std::string& file, unsigned int code,
-                const std::string& reason);
+    void Failed(const Server& server, const Trouble& trouble);
     void NameFailed(const std::string& problem);
 
     void NoServerLeft();

@@ -23,21 +23,20 @@ bool SameServers(const std::vector<Server>& one, const std::vector<Server>& othe
 {
     return std::equal(one.begin(), one.end(), other.begin(), other.end(),
                       [](const Server& left, const Server& right)
-                      { return left.address == right.address && left.name == right.name; });
+                      { return left.address == right.address && left.listed == right.listed; });
 }
 
 }  // namespace
 
-Watcher::Watcher(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const Plan& plan,
-                 Lookup lookup, const Secret& password, EventQueue& events, WatchOutput& output,
-                 ChildCommand* command)
+Watcher::Watcher(IFtpCorpDir& service, const Plan& plan, Lookup lookup, const Secret& password,
+                 EventQueue& events, WatchOutput& output, ChildCommand* command)
     : m_plan(plan),
       m_lookup(std::move(lookup)),
       m_password(password),
       m_events(events),
       m_output(output),
       m_command(command),
-      m_link(service, setObserver, plan, events)
+      m_link(service, plan, events)
 {
 }
 
@@ -71,9 +70,9 @@ Watcher::Settled Watcher::OnResolved()
 {
     ResolvedServers resolved = m_resolver->Take();
     m_resolver.reset();
-    for (const std::string& problem : resolved.problems)
+    for (const corpdir_shared::LeftOut& entry : resolved.leftOut)
     {
-        m_output.NameFailed(problem);
+        m_output.NameFailed(entry.text + ": " + entry.problem);
     }
     if (resolved.servers.empty())
     {
@@ -81,7 +80,7 @@ Watcher::Settled Watcher::OnResolved()
         return std::nullopt;
     }
     // A name that has no address for the moment is no reason to give up those of a request.
-    const bool moved = resolved.problems.empty() && !SameServers(resolved.servers, m_found);
+    const bool moved = resolved.leftOut.empty() && !SameServers(resolved.servers, m_found);
     if (!m_requestDue && !moved)
     {
         return std::nullopt;
@@ -127,6 +126,7 @@ unsigned int Watcher::StartAndRequest()
     try
     {
         m_link.Start();
+        return m_link.Request(m_servers, m_password);
     }
     catch (const Failure& failure)
     {
@@ -138,7 +138,6 @@ unsigned int Watcher::StartAndRequest()
         AskAgainLater();
         return 0;
     }
-    return m_link.Request(ServerList(), m_password);
 }
 
 Watcher::Settled Watcher::Handle(const Event& event)
@@ -204,8 +203,8 @@ Watcher::Settled Watcher::OnTransferred(const Event& event)
     m_left = m_servers.size();
     if (!event.version.version)
     {
-        m_output.Failed(server, event.file, 0,
-                        "the version file is not valid: " + event.version.problem);
+        m_output.Failed(server, {0, 0, 0, 0, event.file,
+                                 "the version file is not valid: " + event.version.problem});
         return TryElsewhere(server);
     }
     if (*event.version.version == m_version)
@@ -245,7 +244,7 @@ void Watcher::OnDelivered()
 
 Watcher::Settled Watcher::OnFailed(const Event& event)
 {
-    m_output.Failed(ServerOf(event), event.file, event.code, event.reason);
+    m_output.Failed(ServerOf(event), TroubleOf(event));
     if (IsVersionFile(event))
     {
         OnVersionFailed();
@@ -320,7 +319,7 @@ Watcher::Settled Watcher::OnRefused(const Event& event)
     {
         throw Failure(EXIT_ARGUMENTS, ArgumentProblem(event));
     }
-    m_output.Failed(ServerOf(event), event.file, event.code, event.reason);
+    m_output.Failed(ServerOf(event), TroubleOf(event));
     AskAgainLater();
     return std::nullopt;
 }
@@ -398,16 +397,6 @@ Server Watcher::ServerOf(const Event& event) const
         }
     }
     return {event.server, ""};
-}
-
-std::string Watcher::ServerList() const
-{
-    std::string list;
-    for (const Server& server : m_servers)
-    {
-        list += (list.empty() ? "" : ";") + server.address;
-    }
-    return list;
 }
 
 }  // namespace corpdir_tool

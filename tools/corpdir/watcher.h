@@ -1,4 +1,4 @@
-// The course of `watch`: what the service does on its own, told, and what it leaves to its client.
+// The states of `watch`: what the service does on its own, and what it leaves to its client.
 #ifndef CORPDIR_TOOL_WATCHER_H
 #define CORPDIR_TOOL_WATCHER_H
 
@@ -39,20 +39,13 @@ class Watcher
 {
 public:
     // All references must outlive the watcher.
-    Watcher(IFtpCorpDir& service, ServiceLink::ObserverSetter setObserver, const Plan& plan,
-            Lookup lookup, const Secret& password, EventQueue& events, WatchOutput& output,
-            ChildCommand* command);
+    Watcher(IFtpCorpDir& service, const Plan& plan, Lookup lookup, const Secret& password,
+            EventQueue& events, WatchOutput& output, ChildCommand* command);
 
     // Runs until a signal asks it to stop, then gives 0; any other status after a failure that
     // repeating cannot mend. The service is stopped when it returns. Throws Failure when it cannot
     // be started.
     int Run();
-
-    // The resolver still hangs: the process has to leave without waiting for its thread.
-    bool LookingUp() const
-    {
-        return m_resolver != nullptr;
-    }
 
 private:
     // Each returns the exit status when it ends the watch.
@@ -82,7 +75,6 @@ private:
     void RunCommand();
     bool IsVersionFile(const Event& event) const;
     Server ServerOf(const Event& event) const;
-    std::string ServerList() const;
 
     const Plan& m_plan;
     const Lookup m_lookup;

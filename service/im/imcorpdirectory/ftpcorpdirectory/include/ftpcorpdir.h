@@ -35,7 +35,8 @@ struct tag_CORPDIR_DOWNLOADINFO
     // Trust text, must not be empty: "system" for the system's certificate store, the path of a PEM
     // file or directory of certification authorities, or "key=value" pairs separated by ";":
     //   ca=PATH         the same path (or "system")
-    //   name=A,B        DNS names, one of which the server's certificate must carry
+    //   name=A,B        DNS names, for one of which each server's certificate must be, whatever
+    //                   pszFtpIPs lists
     //   tls=implicit    implicit FTPS on any port (port 990 is implicit without it)
     char szFtpCtrlInfo[256];
     char szUserName[256];              // FTP login, must not be empty
@@ -48,7 +49,8 @@ struct tag_CORPDIR_DOWNLOADINFO
     char szCorpDirLocalFileName[256];  // its name there, without "/"
     void* pReserved1;                  // not read
     const char* pszFtpIPs;             // servers separated by ";" without blanks: IPv4 or IPv6
-                                       // addresses or host names; must not be null
+                                       // addresses or host names, for which their certificates
+                                       // must be; must not be null
     unsigned int ulPort;               // 0: 21; 990: implicit FTPS
     unsigned int ulFtpMode;     // 0: FTPS (control and data encrypted); other values: plain FTP
     void* pReserved2;           // not read

@@ -1,0 +1,63 @@
+#include "server_list.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace corpdir_c
+{
+
+namespace
+{
+
+std::vector<std::string> Split(const std::string& list)
+{
+    std::vector<std::string> texts;
+    std::size_t begin = 0;
+    for (std::size_t end = list.find(';'); end != std::string::npos; end = list.find(';', begin))
+    {
+        texts.push_back(list.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    texts.push_back(list.substr(begin));
+    return texts;
+}
+
+}  // namespace
+
+ServerList FindServers(const std::string& list, const char* localAddress)
+{
+    ServerList found;
+    std::vector<corpdir_shared::ServerEntry> entries;
+    for (const std::string& text : Split(list))
+    {
+        const std::string address = corpdir_shared::NormalAddress(text);
+        if (!address.empty() || corpdir_shared::IsHostName(text))
+        {
+            entries.push_back({address.empty() ? text : address, !address.empty()});
+        }
+        else
+        {
+            found.leftOut.push_back({text, "neither an address nor a host name"});
+        }
+    }
+    corpdir_shared::ServerLookup lookup(entries, corpdir_shared::FamilyOf(localAddress),
+                                        corpdir_shared::SystemLookup);
+    corpdir_shared::ResolvedServers resolved = lookup.Wait();
+    const auto isLeftOut = [&resolved](const corpdir_shared::ServerEntry& entry)
+    {
+        return std::any_of(resolved.leftOut.begin(), resolved.leftOut.end(),
+                           [&entry](const auto& one) { return one.text == entry.text; });
+    };
+    for (const corpdir_shared::ServerEntry& entry : entries)
+    {
+        if (!isLeftOut(entry))
+        {
+            found.forService += (found.forService.empty() ? "" : ";") + entry.text;
+        }
+    }
+    found.servers = std::move(resolved.servers);
+    found.leftOut.insert(found.leftOut.end(), resolved.leftOut.begin(), resolved.leftOut.end());
+    return found;
+}
+
+}  // namespace corpdir_c

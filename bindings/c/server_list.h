@@ -1,0 +1,28 @@
+// The servers of a request: looked up and registered by the client, then handed to the service.
+#ifndef CORPDIR_C_SERVER_LIST_H
+#define CORPDIR_C_SERVER_LIST_H
+
+#include <string>
+#include <vector>
+
+#include "server_names.h"
+
+namespace corpdir_c
+{
+
+struct ServerList
+{
+    std::string forService;  // separated by ";": the entries that have an address
+    std::vector<corpdir_shared::Server> servers;
+    std::vector<corpdir_shared::LeftOut> leftOut;
+};
+
+// Looks the names of a list up, side by side, for at most corpdir_shared::kLookupLimit. Names stay
+// names for the service, which looks them up again at each check. localAddress: when not empty,
+// names need an address of its family. Throws std::bad_alloc, and std::system_error when no thread
+// can be made.
+ServerList FindServers(const std::string& list, const char* localAddress);
+
+}  // namespace corpdir_c
+
+#endif

@@ -1,0 +1,115 @@
+// The servers of a list: names are looked up side by side, and each address is registered with the
+// names that its certificate may carry.
+#ifndef CORPDIR_CLIENT_SERVER_NAMES_H
+#define CORPDIR_CLIENT_SERVER_NAMES_H
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace corpdir_shared
+{
+
+// Time for the lookups of one list, all together.
+constexpr std::chrono::milliseconds kLookupLimit{10000};
+
+// One entry of a list.
+struct ServerEntry
+{
+    std::string text;        // an address in its usual form, or a host name
+    bool isAddress = false;  // false: a host name
+};
+
+// One address to ask.
+struct Server
+{
+    std::string address;
+    std::string name;                   // the first that gave it; empty when it was listed first
+    std::vector<std::string> listed{};  // the entries that gave it
+
+    // "192.0.2.1 (dir.example)", or the address alone.
+    std::string Label() const;
+};
+
+// The addresses of a name, in the order of preference, or in words why there is none.
+struct LookupResult
+{
+    std::vector<std::string> addresses;
+    std::string problem;
+};
+
+// Finds the addresses of a host name; family: AF_INET, AF_INET6, or AF_UNSPEC for both. Called on
+// several threads at once, some of which may outlive the caller. Throws nothing but std::bad_alloc.
+using Lookup = std::function<LookupResult(const std::string& name, int family)>;
+
+// An entry that gave no address, and why.
+struct LeftOut
+{
+    std::string text;
+    std::string problem;
+};
+
+// The servers to ask, each once, in the order of the list.
+struct ResolvedServers
+{
+    std::vector<Server> servers;
+    std::vector<LeftOut> leftOut;
+};
+
+// AF_INET or AF_INET6 for the text of an address, else AF_UNSPEC. Takes no memory.
+int FamilyOf(const char* text);
+
+// The address in its usual form, also of one in brackets; empty when the text is none.
+std::string NormalAddress(const std::string& text);
+
+// True for an address in its usual form that means any address: connecting to it would reach this
+// machine, and hand it the password.
+bool IsZeroAddress(const std::string& address);
+
+// Letters, digits, "-", "_" and "." in labels of 1 to 63 bytes, at most 253 bytes, and not a number
+// that only looks like an address.
+bool IsHostName(std::string_view text);
+
+// Asks the system's resolver, by the OS layer. Blocks; any thread.
+LookupResult SystemLookup(const std::string& name, int family);
+
+// The lookups of one list.
+//
+// The system's resolver cannot be interrupted. So each name is looked up on a thread that nothing
+// waits for: what it uses is owned by it too, and is neither static nor the caller's. A thread that
+// is still in the resolver when the process ends does no harm.
+class ServerLookup
+{
+public:
+    // Begins the lookups. Throws std::system_error when no thread can be made, std::bad_alloc.
+    ServerLookup(std::vector<ServerEntry> entries, int family, Lookup lookup);
+    ~ServerLookup();  // gives up
+    ServerLookup(const ServerLookup&) = delete;
+    ServerLookup& operator=(const ServerLookup&) = delete;
+
+    // Waits for the names, at most for this time; a name without an answer is left out then. Throws
+    // std::bad_alloc, also for a lookup that did. Call it once.
+    ResolvedServers Wait(std::chrono::milliseconds limit = kLookupLimit);
+
+    // Ends a wait at once. Any thread.
+    void GiveUp() noexcept;
+
+private:
+    struct Shared;
+
+    const std::vector<ServerEntry> m_entries;
+    const std::shared_ptr<Shared> m_shared;
+};
+
+// Tells the FTP layer for whom the certificate of each server may be: `names`, or when there are
+// none the entries that gave its address. Replaces what was registered before. Call it between the
+// start of the service and the request. 0, or the layer's code.
+[[nodiscard]] unsigned int RegisterNames(const std::vector<Server>& servers,
+                                         const std::vector<std::string>& names);
+
+}  // namespace corpdir_shared
+
+#endif

@@ -1,0 +1,84 @@
+// One try of a transfer: what its steps share.
+#ifndef TRAVEX_FTP_ATTEMPT_H
+#define TRAVEX_FTP_ATTEMPT_H
+
+#include <algorithm>
+
+#include "channel.h"
+#include "failure.h"
+#include "limits.h"
+
+namespace travex_ftp
+{
+// Not thread-safe: the transfer thread's.
+class Attempt
+{
+public:
+    // `cancel` becomes readable when the transfer is cancelled; `end`: when it must be over.
+    Attempt(const Limits& limits, int cancel, Clock::time_point end)
+        : m_limits(limits), m_cancel(cancel), m_end(end), m_begin(Clock::now())
+    {
+    }
+
+    const Limits& TheLimits() const
+    {
+        return m_limits;
+    }
+
+    // The steps that follow belong to this one.
+    void Enter(tagTRAVEX_FTP_STEP step)
+    {
+        SetStep(failure, step);
+    }
+
+    // A wait of the step under way.
+    Deadline Within(milliseconds limit) const
+    {
+        return Until(Clock::now() + limit);
+    }
+
+    Deadline Until(Clock::time_point at) const
+    {
+        return {std::min(at, m_end), m_cancel};
+    }
+
+    // A wait has ended with kTimedOut or kCancelled. Returns true if there is nothing more to say:
+    // the transfer was cancelled, or its whole time is over.
+    bool Over(Io io)
+    {
+        cancelled = cancelled || io == Io::kCancelled;
+        if (io == Io::kTimedOut && Clock::now() >= m_end)
+        {
+            (void)Fail(failure, TRAVEX_FTP_ERR_TIMEOUT, "transfer timed out after %g s",
+                       Seconds(m_limits.transfer));
+        }
+        return cancelled || Failed(failure);
+    }
+
+    // Microseconds since this try began, never 0.
+    uint64_t Elapsed() const
+    {
+        using std::chrono::microseconds;
+        const auto since = std::chrono::duration_cast<microseconds>(Clock::now() - m_begin);
+        return std::max<uint64_t>(1, static_cast<uint64_t>(since.count()));
+    }
+
+    static double Seconds(Clock::duration duration)
+    {
+        return std::chrono::duration<double>(duration).count();
+    }
+
+    Failure failure{};       // ulStep: the step under way
+    bool cancelled = false;  // whatever failed, it is of no interest
+    tagTRAVEX_FTP_S_TIMINGS timings{};
+
+private:
+    const Limits& m_limits;
+    const int m_cancel;
+    const Clock::time_point m_end;
+    const Clock::time_point m_begin;
+};
+
+}  // namespace travex_ftp
+
+#endif

@@ -1,0 +1,398 @@
+#include "control_connection.h"
+
+#include <cstring>
+
+#include "log.h"
+
+namespace travex_ftp
+{
+namespace
+{
+// A command on its way. The password is in it, and goes with it.
+class CommandLine
+{
+public:
+    CommandLine(const char* verb, const char* argument)
+    {
+        const int length = snprintf(m_text, sizeof m_text, "%s%s%s\r\n", verb,
+                                    *argument != '\0' ? " " : "", argument);
+        m_length = static_cast<size_t>(length);
+    }
+    ~CommandLine()
+    {
+        explicit_bzero(m_text, sizeof m_text);
+    }
+    CommandLine(const CommandLine&) = delete;
+    CommandLine& operator=(const CommandLine&) = delete;
+
+    const char* Text() const
+    {
+        return m_text;
+    }
+    size_t Length() const
+    {
+        return m_length;
+    }
+
+private:
+    char m_text[320];  // arguments have up to 255 bytes
+    size_t m_length;
+};
+
+constexpr unsigned int kLoggedIn = 230;
+
+bool IsLogin(const char* verb)
+{
+    return strcmp(verb, "USER") == 0 || strcmp(verb, "PASS") == 0;
+}
+
+}  // namespace
+
+ControlConnection::ControlConnection(std::shared_ptr<const Settings> settings,
+                                     const std::atomic<bool>& closed)
+    : m_settings(std::move(settings)), m_reader(m_settings->password), m_closed(closed)
+{
+}
+
+bool ControlConnection::Open(Attempt& attempt)
+{
+    const TlsPolicy& tls = m_settings->tls;
+    m_reader.Restart(attempt.TheLimits());
+    if (tls.encrypted)
+    {
+        m_tls = std::make_unique<TlsContext>(*m_settings, [this] { return m_closed.load(); });
+    }
+    const bool opened = Connect(attempt) && (!tls.implicit || Handshake(attempt)) &&
+                        Greet(attempt) && (!tls.encrypted || tls.implicit || Secure(attempt)) &&
+                        LogIn(attempt) && (!tls.encrypted || Protect(attempt)) &&
+                        ChooseType(attempt);
+    if (m_tls != nullptr)
+    {
+        m_tls->Describe(attempt.timings);
+    }
+    return opened;
+}
+
+void ControlConnection::Reopen(Attempt& attempt)
+{
+    m_reader.Restart(attempt.TheLimits());
+    m_heard = 0;
+    attempt.timings.ulReused = 1;
+    if (m_tls != nullptr)
+    {
+        m_tls->Describe(attempt.timings);
+    }
+}
+
+bool ControlConnection::Connect(Attempt& attempt)
+{
+    attempt.Enter(TRAVEX_FTP_STEP_CONNECT);
+    const milliseconds limit = attempt.TheLimits().connect;
+    Io io = m_channel.Connect(m_settings->server, m_settings->port, m_settings->local);
+    io = io == Io::kDone ? m_channel.AwaitConnected(attempt.Within(limit)) : io;
+    if (io == Io::kDone)
+    {
+        attempt.timings.ullConnected = attempt.Elapsed();
+        return true;
+    }
+    if (attempt.Over(io))
+    {
+        return false;
+    }
+    return io == Io::kTimedOut ? Fail(attempt.failure, TRAVEX_FTP_ERR_TIMEOUT,
+                                      "connection timed out after %g s", Attempt::Seconds(limit))
+                               : Fail(attempt.failure, TRAVEX_FTP_ERR_CONNECT, "cannot connect: %s",
+                                      m_channel.Why());
+}
+
+bool ControlConnection::Greet(Attempt& attempt)
+{
+    attempt.Enter(TRAVEX_FTP_STEP_GREETING);
+    Reply reply;
+    do
+    {
+        if (!ReadReply(attempt, reply))
+        {
+            return false;
+        }
+    } while (reply.Preliminary());  // 120: ready in some minutes
+    m_greeted = true;
+    if (reply.Refusal())
+    {
+        return FailByReply(attempt.failure, TRAVEX_FTP_ERR_CONNECT,
+                           "the server refuses the connection", reply);
+    }
+    return reply.Positive() ||
+           FailByReply(attempt.failure, TRAVEX_FTP_ERR_REPLY, "unexpected greeting", reply);
+}
+
+// Explicit TLS (RFC 4217).
+bool ControlConnection::Secure(Attempt& attempt)
+{
+    attempt.Enter(TRAVEX_FTP_STEP_AUTH);
+    Reply reply;
+    if (!Command(attempt, "AUTH", "TLS", reply))
+    {
+        return false;
+    }
+    constexpr unsigned int kSecurityDataFollows = 334;
+    if (!reply.Positive() && reply.code != kSecurityDataFollows)
+    {
+        return FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "AUTH refused", reply);
+    }
+    // An attacker may have put it there, to be taken for what comes over TLS.
+    if (m_reader.Pending())
+    {
+        return Fail(attempt.failure, TRAVEX_FTP_ERR_TLS,
+                    "clear text behind the reply to AUTH: the connection is not safe");
+    }
+    return Handshake(attempt);
+}
+
+bool ControlConnection::Handshake(Attempt& attempt)
+{
+    attempt.Enter(TRAVEX_FTP_STEP_TLS);
+    TlsContext::Ssl ssl = m_tls->MakeControl();
+    if (ssl == nullptr)
+    {
+        return FailSystem(attempt.failure, "TLS channel");
+    }
+    Io io = m_channel.Handshake(std::move(ssl));
+    io = io == Io::kDone ? m_channel.GoOn(attempt.Within(attempt.TheLimits().handshake)) : io;
+    if (io != Io::kDone)
+    {
+        return FailHandshake(attempt, io);
+    }
+    m_tls->Established(m_channel.Tls(), false, attempt.timings);
+    attempt.timings.ullSecured = attempt.Elapsed();
+    return true;
+}
+
+// With implicit TLS a server that is full may say so in clear.
+bool ControlConnection::FailHandshake(Attempt& attempt, Io io)
+{
+    const std::string& clear = m_channel.ClearText();
+    if (attempt.Over(io))
+    {
+        return false;
+    }
+    if (m_settings->tls.implicit && clear.compare(0, 4, "421 ") == 0)
+    {
+        attempt.Enter(TRAVEX_FTP_STEP_GREETING);
+        attempt.failure.ulReply = kServiceNotAvailable;
+        return Fail(attempt.failure, TRAVEX_FTP_ERR_CONNECT, "service not available: %s",
+                    clear.c_str());
+    }
+    if (io == Io::kTimedOut)
+    {
+        return Fail(attempt.failure, TRAVEX_FTP_ERR_TIMEOUT, "TLS handshake timed out after %g s",
+                    Attempt::Seconds(attempt.TheLimits().handshake));
+    }
+    m_tls->Explain(m_channel.TlsError(), m_channel.Why(), false, attempt.failure);
+    return false;
+}
+
+bool ControlConnection::LogIn(Attempt& attempt)
+{
+    attempt.Enter(TRAVEX_FTP_STEP_LOGIN);
+    Reply reply;
+    if (!Command(attempt, "USER", m_settings->user.c_str(), reply))
+    {
+        return false;
+    }
+    constexpr unsigned int kNeedPassword = 331;
+    if (reply.code == kNeedPassword)
+    {
+        const Clear password(m_settings->password);
+        if (!Send(attempt, "PASS", password.Text()) || !ReadReply(attempt, reply))
+        {
+            return false;
+        }
+    }
+    if (!reply.Positive())
+    {
+        return FailByReply(attempt.failure, TRAVEX_FTP_ERR_LOGIN, "login refused", reply);
+    }
+    m_loggedIn = true;
+    attempt.timings.ullLoggedIn = attempt.Elapsed();
+    return true;
+}
+
+bool ControlConnection::Protect(Attempt& attempt)
+{
+    attempt.Enter(TRAVEX_FTP_STEP_PROTECT);
+    Reply reply;
+    if (!Command(attempt, "PBSZ", "0", reply))
+    {
+        return false;
+    }
+    if (!reply.Positive())
+    {
+        return FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "PBSZ refused", reply);
+    }
+    return Command(attempt, "PROT", "P", reply) &&
+           (reply.Positive() ||
+            FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "PROT refused", reply));
+}
+
+bool ControlConnection::ChooseType(Attempt& attempt)
+{
+    attempt.Enter(TRAVEX_FTP_STEP_TYPE);
+    Reply reply;
+    return Command(attempt, "TYPE", "I", reply) &&
+           (reply.Positive() ||
+            FailByReply(attempt.failure, TRAVEX_FTP_ERR_REPLY, "TYPE refused", reply));
+}
+
+bool ControlConnection::Command(Attempt& attempt, const char* verb, const char* argument,
+                                Reply& reply)
+{
+    return Send(attempt, verb, argument) && ReadReply(attempt, reply);
+}
+
+// Whatever is sent or received until then, nothing is said once the handle is closed.
+bool ControlConnection::Send(Attempt& attempt, const char* verb, const char* argument)
+{
+    attempt.cancelled = attempt.cancelled || m_closed;
+    if (attempt.cancelled || !DiscardStray(attempt))
+    {
+        return false;
+    }
+    m_verb = verb;
+    const CommandLine line(verb, argument);
+    const milliseconds limit = attempt.TheLimits().response;
+    const Io sent = m_channel.Write(line.Text(), line.Length(), attempt.Within(limit));
+    return sent == Io::kDone || FailWait(attempt, sent);
+}
+
+// What has arrived before a command is sent is not its reply. Some servers answer PASS twice.
+bool ControlConnection::DiscardStray(Attempt& attempt)
+{
+    Reply stray;
+    Io io = Io::kAgain;
+    while ((io = PollReply(attempt, stray)) == Io::kDone)
+    {
+        if (stray.code == kServiceNotAvailable)
+        {
+            return Accept(attempt, stray);
+        }
+        TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: reply without a command: %u %s",
+                       m_settings->serverText.c_str(), stray.code, stray.text);
+    }
+    return io == Io::kAgain || FailWait(attempt, io);
+}
+
+bool ControlConnection::ReadReply(Attempt& attempt, Reply& reply)
+{
+    const milliseconds limit = attempt.TheLimits().response;
+    Deadline deadline = attempt.Within(limit);
+    uint64_t lines = m_reader.LinesLeft();
+    for (;;)
+    {
+        Io io = PollReply(attempt, reply);
+        if (io == Io::kDone)
+        {
+            return Accept(attempt, reply);
+        }
+        if (lines != m_reader.LinesLeft())
+        {
+            lines = m_reader.LinesLeft();  // each line is a sign of life
+            deadline = attempt.Within(limit);
+        }
+        io = io == Io::kAgain ? m_channel.AwaitReadable(deadline) : io;
+        if (io != Io::kDone)
+        {
+            return FailWait(attempt, io);
+        }
+    }
+}
+
+Io ControlConnection::FailTooLong(Attempt& attempt, uint64_t bytes)
+{
+    const bool kilobytes = bytes % 1024 == 0;
+    (void)Fail(attempt.failure, TRAVEX_FTP_ERR_REPLY, "the reply exceeds %llu %s",
+               static_cast<unsigned long long>(kilobytes ? bytes / 1024 : bytes),
+               kilobytes ? "KB" : "bytes");
+    return Io::kFailed;
+}
+
+Io ControlConnection::PollReply(Attempt& attempt, Reply& reply)
+{
+    for (;;)
+    {
+        switch (m_reader.Next(reply, IsLogin(m_verb)))
+        {
+            case ReplyReader::Result::kReply:
+                ++m_heard;
+                TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: %s: %u %s", m_settings->serverText.c_str(),
+                               m_verb, reply.code, reply.text);
+                if (m_loggedIn && reply.code == kLoggedIn)
+                {
+                    continue;  // some servers answer PASS twice
+                }
+                return Io::kDone;
+            case ReplyReader::Result::kTooManyBytes:
+                return FailTooLong(attempt, attempt.TheLimits().replyBytes);
+            case ReplyReader::Result::kTooManyLines:
+                (void)Fail(attempt.failure, TRAVEX_FTP_ERR_REPLY, "the reply exceeds %llu lines",
+                           static_cast<unsigned long long>(attempt.TheLimits().replyLines));
+                return Io::kFailed;
+            case ReplyReader::Result::kIncomplete:
+                break;
+        }
+        size_t size = 0;
+        size_t length = 0;
+        char* const room = m_reader.Room(size);
+        const Io io = m_channel.Read(room, size, length);
+        if (io != Io::kDone)
+        {
+            return io;
+        }
+        m_reader.Arrived(length);
+    }
+}
+
+// A reply that ends the service is a failure wherever it comes.
+bool ControlConnection::Accept(Attempt& attempt, const Reply& reply) const
+{
+    return reply.code != kServiceNotAvailable ||
+           FailByReply(attempt.failure, TRAVEX_FTP_ERR_CONNECT, "service not available", reply);
+}
+
+bool ControlConnection::FailWait(Attempt& attempt, Io io)
+{
+    if (attempt.Over(io))
+    {
+        return false;
+    }
+    if (io != Io::kTimedOut)
+    {
+        return Fail(attempt.failure, TRAVEX_FTP_ERR_TRANSFER, "connection lost at %s: %s", m_verb,
+                    m_channel.Why());
+    }
+    const bool greeting = attempt.failure.ulStep == TRAVEX_FTP_STEP_GREETING;
+    return Fail(attempt.failure, TRAVEX_FTP_ERR_TIMEOUT, "no %s%s within %g s",
+                greeting ? "" : "reply to ", greeting ? "greeting" : m_verb,
+                Attempt::Seconds(attempt.TheLimits().response));
+}
+
+bool ControlConnection::Quiet()
+{
+    char byte = 0;
+    size_t length = 0;
+    return !m_reader.Pending() && m_channel.Read(&byte, 1, length) == Io::kAgain;
+}
+
+void ControlConnection::Quit()
+{
+    if (m_greeted)
+    {
+        TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: closing the connection",
+                       m_settings->serverText.c_str());
+        // Without a wait: what does not fit into the socket's buffer is left unsaid.
+        (void)m_channel.Write("QUIT\r\n", 6, {Clock::now()});
+    }
+    m_channel.Close();
+}
+
+}  // namespace travex_ftp

@@ -1,0 +1,123 @@
+// A handle: its parameters, and the thread on which its downloads run one after the other.
+#ifndef TRAVEX_FTP_HANDLE_H
+#define TRAVEX_FTP_HANDLE_H
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "attempt.h"
+#include "common/guard.h"
+#include "control_connection.h"
+#include "download_file.h"
+#include "limits.h"
+#include "notifier.h"
+#include "retrieve.h"
+#include "task.h"
+#include "worker.h"
+
+namespace travex_ftp
+{
+// Public functions are thread-safe, the rest belongs to the transfer thread. The thread is made
+// with the first download; the object must outlive it.
+class Handle
+{
+public:
+    // Throws std::system_error when the system has no descriptor left.
+    explicit Handle(Notifier& notifier);
+    ~Handle();
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+
+    void SetSettings(std::shared_ptr<const Settings> settings) CORPDIR_EXCLUDES(m_guard);
+    void SetDataParam() CORPDIR_EXCLUDES(m_guard);
+
+    // The parameters as they are now; null settings: never set.
+    std::shared_ptr<const Settings> CurrentSettings() CORPDIR_EXCLUDES(m_guard);
+    bool DataParamSet() CORPDIR_EXCLUDES(m_guard);
+
+    // Makes the thread if there is none. Throws std::system_error or std::bad_alloc.
+    void StartThread() CORPDIR_EXCLUDES(m_guard);
+
+    // Runs a download after those that were accepted before it. StartThread() comes first.
+    void Submit(TaskPtr task) CORPDIR_EXCLUDES(m_guard);
+
+    // Cancels all downloads; no notification of it begins any more. Waits for nothing.
+    void Cancel() CORPDIR_EXCLUDES(m_guard);
+
+    bool Closed() const
+    {
+        return m_closed;
+    }
+
+    Worker& Thread()
+    {
+        return m_worker;
+    }
+
+    // At process exit, on its own thread: removes the temporary file of the download under way.
+    void LeaveNoFile();
+
+private:
+    // A download on its way.
+    struct Work
+    {
+        const TaskPtr& task;
+        const Limits limits;
+        const Clock::time_point begin;
+        Failure failure{};
+        tagTRAVEX_FTP_S_TIMINGS timings{};
+        uint64_t received = 0;
+        uint64_t announced = TRAVEX_FTP_SIZE_UNKNOWN;
+    };
+
+    // A login that a server refused for good.
+    struct RefusedLogin
+    {
+        std::shared_ptr<const Settings> settings;
+        Failure failure;
+        Clock::time_point until;
+    };
+
+    void Run();
+    TaskPtr AwaitTask() CORPDIR_EXCLUDES(m_guard);
+    TaskPtr TakeTask() CORPDIR_EXCLUDES(m_guard);
+    void AwaitWork();
+    void DropTasks() CORPDIR_EXCLUDES(m_guard);
+    void Transfer(const TaskPtr& task);
+    bool Prepare(Work& work);
+    void ChooseConnection(const Settings& settings);
+    bool Fetch(Work& work);
+    bool Try(Work& work, bool& again);
+    bool Commit(Failure& failure);
+    void Finish(Work& work);
+    void LeaveServer();
+    bool KnownRefusal(Work& work);
+    void RememberRefusal(const Work& work);
+
+    Notifier& m_notifier;
+    Worker m_worker;
+    const int m_wake;  // eventfd: readable when the handle is closed, or work has come while idle
+    std::atomic<bool> m_closed{false};
+
+    common::Guard m_guard;
+    std::shared_ptr<const Settings> m_settings CORPDIR_GUARDED_BY(m_guard);
+    bool m_dataParam CORPDIR_GUARDED_BY(m_guard) = false;
+    bool m_started CORPDIR_GUARDED_BY(m_guard) = false;
+    bool m_cancelled CORPDIR_GUARDED_BY(m_guard) = false;
+    bool m_idle CORPDIR_GUARDED_BY(m_guard) = false;
+    TaskQueue<&Task::nextTransfer> m_queue CORPDIR_GUARDED_BY(m_guard);
+
+    // Of the transfer thread.
+    DownloadFile m_file;
+    std::unique_ptr<ControlConnection> m_connection;
+    Clock::time_point m_keptUntil;
+    std::map<std::string, ServerHabits> m_habits;  // by Settings::serverText
+    std::vector<RefusedLogin> m_refusedLogins;
+};
+
+}  // namespace travex_ftp
+
+#endif

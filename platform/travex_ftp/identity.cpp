@@ -1,0 +1,138 @@
+#include "identity.h"
+
+#include <arpa/inet.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/resolved_names.h"
+
+namespace travex_ftp
+{
+namespace
+{
+constexpr size_t kMostNames = 65536;
+constexpr size_t kLongestName = 253;  // RFC 1035, without the trailing dot
+
+std::string AddressText(const std::string& key)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    (void)inet_ntop(key.size() == 16 ? AF_INET6 : AF_INET, key.data(), text, sizeof text);
+    return text;
+}
+
+// "10.1" is an address too, as the system reads it.
+bool ReadAddress(const char* listed, std::string& normalized)
+{
+    unsigned char bytes[16];
+    const bool v6 = inet_pton(AF_INET6, listed, bytes) == 1;
+    in_addr v4{};
+    const bool digits = strspn(listed, "0123456789.") == strlen(listed);
+    if (!v6 && (!digits || inet_aton(listed, &v4) != 1))
+    {
+        return false;
+    }
+    normalized =
+        AddressText(v6 ? base::AddressKey(AF_INET6, bytes) : base::AddressKey(AF_INET, &v4));
+    return true;
+}
+
+}  // namespace
+
+bool NormalizeServerName(const char* listed, std::string& normalized)
+{
+    const size_t length = strnlen(listed, kLongestName + 2);
+    if (ReadAddress(listed, normalized))
+    {
+        return true;
+    }
+    const bool addressLike = strspn(listed, "0123456789.:") == length;
+    const bool anySubdomain = *listed == '.';  // which OpenSSL would take it for
+    const bool zone = strchr(listed, '%') != nullptr;
+    const bool control = std::any_of(listed, listed + length,
+                                     [](char c) { return (c >= 0 && c <= ' ') || c == 0x7f; });
+    if (addressLike || anySubdomain || zone || control)
+    {
+        return false;
+    }
+    const bool dot = length != 0 && listed[length - 1] == '.';
+    normalized.assign(listed, length - (dot ? 1 : 0));
+    return !normalized.empty() && normalized.size() <= kLongestName;
+}
+
+bool IsAddress(const std::string& normalized)
+{
+    unsigned char bytes[16];
+    return inet_pton(AF_INET, normalized.c_str(), bytes) == 1 ||
+           inet_pton(AF_INET6, normalized.c_str(), bytes) == 1;
+}
+
+bool CertificateIsFor(X509* certificate, const Identity& identity)
+{
+    constexpr unsigned int kDnsEntriesOnly =
+        X509_CHECK_FLAG_NEVER_CHECK_SUBJECT | X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS;
+    return std::any_of(identity.begin(), identity.end(),
+                       [certificate](const std::string& one)
+                       {
+                           return IsAddress(one)
+                                      ? X509_check_ip_asc(certificate, one.c_str(), 0) == 1
+                                      : X509_check_host(certificate, one.data(), one.size(),
+                                                        kDnsEntriesOnly, nullptr) == 1;
+                       });
+}
+
+std::string InWords(const Identity& identity)
+{
+    std::string words;
+    for (const std::string& one : identity)
+    {
+        words.append(words.empty() ? "" : " nor for ").append(one);
+    }
+    return words;
+}
+
+bool ServerNames::Add(const std::string& address, const std::string& normalized)
+{
+    const common::Hold hold(m_guard);
+    const auto known = m_names.find(address);
+    if (known != m_names.end() &&
+        std::find(known->second.begin(), known->second.end(), normalized) != known->second.end())
+    {
+        return true;
+    }
+    if (m_count == kMostNames)
+    {
+        return false;
+    }
+    m_names[address].push_back(normalized);
+    ++m_count;
+    return true;
+}
+
+void ServerNames::Forget(const std::string& address)
+{
+    const common::Hold hold(m_guard);
+    const auto found = m_names.find(address);
+    if (found != m_names.end())
+    {
+        m_count -= found->second.size();
+        m_names.erase(found);
+    }
+}
+
+void ServerNames::ForgetAll()
+{
+    const common::Hold hold(m_guard);
+    m_names.clear();
+    m_count = 0;
+}
+
+Identity ServerNames::Of(const std::string& address)
+{
+    const common::Hold hold(m_guard);
+    const auto found = m_names.find(address);
+    return found != m_names.end() ? found->second : Identity();
+}
+
+}  // namespace travex_ftp

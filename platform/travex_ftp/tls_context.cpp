@@ -1,0 +1,294 @@
+#include "tls_context.h"
+
+#include <openssl/err.h>
+#include <openssl/x509v3.h>
+
+#include <cstdio>
+#include <ctime>
+
+#include "log.h"
+#include "worker.h"
+
+namespace travex_ftp
+{
+namespace
+{
+struct Freed
+{
+    void operator()(X509_STORE_CTX* context) const
+    {
+        X509_STORE_CTX_free(context);
+    }
+    void operator()(BIO* bio) const
+    {
+        BIO_free_all(bio);
+    }
+    void operator()(SSL_SESSION* session) const
+    {
+        SSL_SESSION_free(session);
+    }
+};
+
+// A list need not exist for every authority of the chain; where there is one, it counts.
+int TolerateMissingList(int ok, X509_STORE_CTX* context)
+{
+    return ok == 1 || X509_STORE_CTX_get_error(context) == X509_V_ERR_UNABLE_TO_GET_CRL ? 1 : 0;
+}
+
+// As RFC 4514 writes it, UTF-8 left as it is and control characters escaped.
+std::string SubjectOf(X509* certificate)
+{
+    const std::unique_ptr<BIO, Freed> text(BIO_new(BIO_s_mem()));
+    const unsigned long form = XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
+    char* bytes = nullptr;
+    if (!text || X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0, form) < 0)
+    {
+        return {};
+    }
+    const long length = BIO_get_mem_data(text.get(), &bytes);
+    return {bytes, static_cast<size_t>(length)};
+}
+
+bool IsDatesError(int error)
+{
+    return error == X509_V_ERR_CERT_HAS_EXPIRED || error == X509_V_ERR_CERT_NOT_YET_VALID;
+}
+
+// The first name that was listed; a server that has several certificates chooses by it.
+const char* IndicatedName(const Identity& identity)
+{
+    for (const std::string& one : identity)
+    {
+        if (!IsAddress(one))
+        {
+            return one.c_str();
+        }
+    }
+    return nullptr;
+}
+
+// The alerts and findings that say what to change.
+unsigned int DetailOf(unsigned long error)
+{
+    switch (ERR_GET_LIB(error) == ERR_LIB_SSL ? ERR_GET_REASON(error) : 0)
+    {
+        case SSL_R_TLSV1_ALERT_PROTOCOL_VERSION:
+        case SSL_R_UNSUPPORTED_PROTOCOL:
+            return TRAVEX_FTP_DETAIL_TLS_VERSION;
+        case SSL_R_SSLV3_ALERT_HANDSHAKE_FAILURE:
+        case SSL_R_TLSV1_ALERT_INSUFFICIENT_SECURITY:
+            return TRAVEX_FTP_DETAIL_TLS_SUITES;
+        default:
+            return TRAVEX_FTP_DETAIL_NONE;
+    }
+}
+
+}  // namespace
+
+TlsContext::TlsContext(const Settings& settings, std::function<bool()> unwanted)
+    : m_settings(settings),
+      m_unwanted(std::move(unwanted)),
+      m_context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free)
+{
+    m_usable = m_context != nullptr && Configure();
+}
+
+bool TlsContext::Configure()
+{
+    SSL_CTX* const context = m_context.get();
+    // Without SSL_VERIFY_PEER the verdict of the callback would be ignored.
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_cert_verify_callback(context, OnCertificate, this);
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    (void)SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
+    (void)SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
+    return m_settings.tls.suites.Apply(context);
+}
+
+TlsContext::Ssl TlsContext::MakeControl()
+{
+    m_data = false;
+    Ssl ssl(m_usable ? SSL_new(m_context.get()) : nullptr, SSL_free);
+    const char* const name = IndicatedName(m_settings.tls.identity);
+    if (ssl && name != nullptr && SSL_set_tlsext_host_name(ssl.get(), name) != 1)
+    {
+        ssl.reset();
+    }
+    return ssl;
+}
+
+TlsContext::Ssl TlsContext::MakeData(SSL* control)
+{
+    Ssl ssl = MakeControl();
+    m_data = true;
+    const std::unique_ptr<SSL_SESSION, Freed> session(SSL_get1_session(control));
+    if (ssl && session && SSL_SESSION_is_resumable(session.get()) == 1)
+    {
+        (void)SSL_set_session(ssl.get(), session.get());
+    }
+    // TLS 1.3 guesses the group. A server that wants another one asks again, a round trip later; on
+    // the control channel it has said which.
+    int group = static_cast<int>(SSL_get_negotiated_group(control));
+    if (ssl && SSL_version(control) == TLS1_3_VERSION)
+    {
+        (void)SSL_set1_groups(ssl.get(), &group, 1);  // else the guess is as before
+    }
+    return ssl;
+}
+
+void TlsContext::Established(const SSL* ssl, bool data, tagTRAVEX_FTP_S_TIMINGS& timings)
+{
+    const bool resumed = SSL_session_reused(ssl) == 1;
+    TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: %s channel %s %s%s", m_settings.serverText.c_str(),
+                   data ? "data" : "control", SSL_get_version(ssl), SSL_get_cipher_name(ssl),
+                   resumed ? ", session resumed" : "");
+    if (data)
+    {
+        timings.ulDataResumed = resumed ? 1 : 0;
+        return;
+    }
+    m_version = SSL_get_version(ssl);
+    const char* const standard = SSL_CIPHER_standard_name(SSL_get_current_cipher(ssl));
+    m_suite = standard != nullptr ? standard : SSL_get_cipher_name(ssl);
+}
+
+void TlsContext::Explain(unsigned long error, const char* why, bool data, Failure& failure) const
+{
+    if (Failed(m_certificate))
+    {
+        failure.ulDetail = Failed(failure) ? failure.ulDetail : m_certificate.ulDetail;
+        (void)Fail(failure, m_certificate.ulRet, "%s%s", data ? "data channel: " : "",
+                   m_certificate.acReason);
+        return;
+    }
+    const unsigned int detail = DetailOf(error);
+    failure.ulDetail = Failed(failure) ? failure.ulDetail : detail;
+    (void)Fail(failure, TRAVEX_FTP_ERR_TLS, "%sTLS handshake failed: %s",
+               data ? "data channel: " : "",
+               detail == TRAVEX_FTP_DETAIL_TLS_VERSION  ? "the server wants another TLS version"
+               : detail == TRAVEX_FTP_DETAIL_TLS_SUITES ? "no cipher suite in common"
+                                                        : why);
+}
+
+void TlsContext::Describe(tagTRAVEX_FTP_S_TIMINGS& timings) const
+{
+    (void)snprintf(timings.acTlsVersion, sizeof timings.acTlsVersion, "%s", m_version);
+    (void)snprintf(timings.acTlsSuite, sizeof timings.acTlsSuite, "%s", m_suite);
+    (void)snprintf(timings.acSubject, sizeof timings.acSubject, "%s", m_subject.c_str());
+    timings.llCertificateUntil = m_validUntil;
+}
+
+int TlsContext::OnCertificate(X509_STORE_CTX* presented, void* context)
+{
+    auto* const self = static_cast<TlsContext*>(context);
+    bool accepted = false;
+    try
+    {
+        accepted = self->Accept(presented);
+    }
+    catch (...)  // for lack of memory: no exception may cross OpenSSL, and nothing is accepted
+    {
+        (void)FailSystem(self->m_certificate, "certificate check");
+    }
+    if (accepted)
+    {
+        X509_STORE_CTX_set_error(presented, X509_V_OK);
+    }
+    else if (X509_STORE_CTX_get_error(presented) == X509_V_OK)
+    {
+        X509_STORE_CTX_set_error(presented, X509_V_ERR_APPLICATION_VERIFICATION);
+    }
+    return accepted ? 1 : 0;
+}
+
+// Not reached when a session is resumed: it comes from a handshake of the same control connection,
+// which was checked.
+bool TlsContext::Accept(X509_STORE_CTX* presented)
+{
+    X509* const certificate = X509_STORE_CTX_get0_cert(presented);
+    if (!m_data)
+    {
+        KeepFacts(certificate);
+    }
+    if (m_settings.tls.verify && !CheckChain(presented))
+    {
+        return false;
+    }
+    if (m_settings.tls.verify && !CheckIdentity(certificate))
+    {
+        X509_STORE_CTX_set_error(presented, X509_V_ERR_HOSTNAME_MISMATCH);
+        return false;
+    }
+    return m_data || AskClient(certificate);
+}
+
+// Whatever comes of the certificate, it may have to be shown.
+void TlsContext::KeepFacts(X509* certificate)
+{
+    m_subject = SubjectOf(certificate);
+    std::tm until{};
+    if (ASN1_TIME_to_tm(X509_get0_notAfter(certificate), &until) == 1)
+    {
+        m_validUntil = timegm(&until);
+    }
+}
+
+// With the anchors of the trust text alone; whatever store the context has is not consulted.
+bool TlsContext::CheckChain(X509_STORE_CTX* presented)
+{
+    const std::unique_ptr<X509_STORE_CTX, Freed> check(X509_STORE_CTX_new());
+    if (!check ||
+        X509_STORE_CTX_init(check.get(), m_settings.tls.anchors.store.get(),
+                            X509_STORE_CTX_get0_cert(presented),
+                            X509_STORE_CTX_get0_untrusted(presented)) != 1 ||
+        X509_STORE_CTX_set_default(check.get(), "ssl_server") != 1)
+    {
+        return FailSystem(m_certificate, "certificate check");
+    }
+    const void* const ssl =
+        X509_STORE_CTX_get_ex_data(presented, SSL_get_ex_data_X509_STORE_CTX_idx());
+    X509_VERIFY_PARAM_set_auth_level(X509_STORE_CTX_get0_param(check.get()),
+                                     SSL_get_security_level(static_cast<const SSL*>(ssl)));
+    X509_STORE_CTX_set_verify_cb(check.get(), TolerateMissingList);
+    if (X509_verify_cert(check.get()) == 1)
+    {
+        return true;
+    }
+    // The alert that the server gets follows from this error.
+    const int error = X509_STORE_CTX_get_error(check.get());
+    X509_STORE_CTX_set_error(presented, error);
+    m_certificate.ulDetail =
+        IsDatesError(error) ? TRAVEX_FTP_DETAIL_CERT_DATES : TRAVEX_FTP_DETAIL_NONE;
+    return Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "%s", X509_verify_cert_error_string(error));
+}
+
+// The texts of the identity are the client's, so they may be in the reason.
+bool TlsContext::CheckIdentity(X509* certificate)
+{
+    const Identity& identity = m_settings.tls.identity;
+    if (CertificateIsFor(certificate, identity))
+    {
+        return true;
+    }
+    m_certificate.ulDetail = TRAVEX_FTP_DETAIL_CERT_NAME;
+    return Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "certificate is not for %s",
+                InWords(identity).c_str());
+}
+
+bool TlsContext::AskClient(X509* certificate)
+{
+    if (m_settings.tls.veto == nullptr || m_unwanted())
+    {
+        return m_settings.tls.veto == nullptr;
+    }
+    char subject[512] = "";
+    (void)X509_NAME_oneline(X509_get_subject_name(certificate), subject, sizeof subject);
+    std::string server = m_settings.server.literal;
+    const int vetoed = m_settings.tls.veto(server.data(), subject);
+    // The process may have begun to end meanwhile, and OpenSSL with it.
+    Worker::ParkAtExit();
+    return vetoed == 0 ||
+           Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "certificate was vetoed by the client");
+}
+
+}  // namespace travex_ftp

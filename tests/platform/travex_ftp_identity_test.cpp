@@ -1,0 +1,453 @@
+// Whose certificate is believed: that of the server as it was listed, by name or by address.
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <netdb.h>
+
+#include <cstring>
+#include <future>
+#include <map>
+
+#include "osak.h"
+#include "travex_ftp_fixture.h"
+
+namespace
+{
+// What names resolve to here; the linker puts these functions before the system's.
+std::map<std::string, std::vector<std::string>> g_hosts;
+}  // namespace
+
+extern "C"
+{
+    int __real_getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** result);
+
+    // Every address of a name of ours, each taken from the system's conversion of its text.
+    int __wrap_getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** result)
+    {
+        const auto host = g_hosts.find(node == nullptr ? "" : node);
+        if (host == g_hosts.end())
+        {
+            return __real_getaddrinfo(node, service, hints, result);
+        }
+        addrinfo** end = result;
+        for (const std::string& text : host->second)
+        {
+            if (const int error = __real_getaddrinfo(text.c_str(), service, hints, end))
+            {
+                return error;
+            }
+            while (*end != nullptr)
+            {
+                end = &(*end)->ai_next;
+            }
+        }
+        return 0;
+    }
+}
+
+namespace
+{
+using ftp_test::Certificates;
+using ftp_test::FaultyServer;
+using ftp_test::LayerTest;
+using ftp_test::Parameters;
+using testing::Each;
+using testing::ElementsAre;
+
+class Identity : public LayerTest
+{
+protected:
+    void SetUp() override
+    {
+        LayerTest::SetUp();
+        g_hosts = {{"directory.test", {"127.0.0.1"}}, {"other.test", {"127.0.0.1"}}};
+        // What an earlier test converted on this thread.
+        auto record = Parameters("127.0.0.1", 1, m_directory.Path());
+        Use(record);
+    }
+
+    // Starts a server whose certificate is for these names, in OpenSSL's words.
+    void Serve(const std::string& names, const std::vector<std::string>& more = {})
+    {
+        const support::ServerCertificate certificate = Certificates().WithNames(names);
+        std::vector<std::string> options = {"--tls",  "explicit",
+                                            "--cert", certificate.certificate_file,
+                                            "--key",  certificate.key_file};
+        options.insert(options.end(), more.begin(), more.end());
+        m_server = std::make_unique<FaultyServer>("none", options);
+    }
+
+    void UseServer(const std::string& trust = "", const std::string& host = "127.0.0.1")
+    {
+        const std::string text = "ca=" + Certificates().Authority() + trust;
+        auto record = Parameters(host, m_server->Port(), m_directory.Path());
+        record.ulServerType = record.ulCertVerify = 1;
+        record.pcFtpCtrlInfo = text.c_str();
+        Use(record);
+    }
+
+    // Whether the server's certificate is believed: its outcome.
+    std::string FetchWith(const std::string& trust = "", const std::string& host = "127.0.0.1")
+    {
+        UseServer(trust, host);
+        const size_t before = m_server->Count("COMMAND USER");
+        const std::string outcome = Fetch("f", "f");
+        if (outcome != "0 12")
+        {
+            EXPECT_EQ(before, m_server->Count("COMMAND USER")) << "no password for a stranger";
+        }
+        return outcome;
+    }
+
+    static unsigned int Name(const std::string& address, const char* name)
+    {
+        unsigned char bytes[16] = {};
+        const unsigned int type = address.find(':') == std::string::npos ? 0 : 1;
+        EXPECT_EQ(1, inet_pton(type == 1 ? AF_INET6 : AF_INET, address.c_str(), bytes));
+        return TRAVEX_FTP_SetServerName(type, bytes, name);
+    }
+
+    static void ConvertName(const char* name)
+    {
+        addrinfo* found = nullptr;
+        ASSERT_EQ(0, OSAK_GetAddrInfo(name, nullptr, nullptr, &found));
+        OSAK_FreeAddrInfo(found);
+    }
+
+    static void ConvertText(const char* address)
+    {
+        unsigned char bytes[16];
+        ASSERT_EQ(1, OSAK_Inet_Pton(std::strchr(address, ':') == nullptr ? AF_INET : AF_INET6,
+                                    address, bytes));
+    }
+
+    static std::string NotFor(const std::string& names)
+    {
+        return "3 18/TLS/0/1 certificate is not for " + names;
+    }
+
+    std::unique_ptr<FaultyServer> m_server;
+};
+
+TEST_F(Identity, AnAddressIsExpectedWhereNothingElseWasListed)
+{
+    Serve("IP:127.0.0.1");
+    EXPECT_EQ("0 12", FetchWith());
+    Serve("DNS:directory.test,IP:127.0.0.2");
+    EXPECT_EQ(NotFor("127.0.0.1"), FetchWith());
+}
+
+TEST_F(Identity, AnAddressIsNoDnsName)
+{
+    Serve("DNS:127.0.0.1");
+    EXPECT_EQ(NotFor("127.0.0.1"), FetchWith());
+}
+
+TEST_F(Identity, ANameIsExpectedWhereItWasListed)
+{
+    Serve("DNS:directory.test");
+    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
+    EXPECT_EQ("0 12", FetchWith());
+    EXPECT_EQ(0u, Name("127.0.0.1", nullptr));
+    EXPECT_EQ(0u, Name("127.0.0.1", "other.test"));
+    Serve("DNS:directory.test");
+    EXPECT_EQ(NotFor("other.test"), FetchWith());
+}
+
+TEST_F(Identity, AnAddressInTheCertificateIsNotEnoughForAName)
+{
+    Serve("IP:127.0.0.1");
+    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
+    EXPECT_EQ(NotFor("directory.test"), FetchWith());
+}
+
+TEST_F(Identity, ANameInTheCertificateIsNotEnoughForAnAddress)
+{
+    Serve("DNS:directory.test");
+    EXPECT_EQ(0u, Name("127.0.0.1", "127.0.0.1"));
+    EXPECT_EQ(NotFor("127.0.0.1"), FetchWith());
+}
+
+// The subject of the certificates here is "CN=server".
+TEST_F(Identity, TheSubjectIsNotRead)
+{
+    Serve("email:somebody@directory.test");
+    EXPECT_EQ(0u, Name("127.0.0.1", "server"));
+    EXPECT_EQ(NotFor("server"), FetchWith());
+}
+
+TEST_F(Identity, SeveralMayBeAdded)
+{
+    EXPECT_EQ(0u, Name("127.0.0.1", "one.test"));
+    EXPECT_EQ(0u, Name("127.0.0.1", "two.test"));
+    Serve("DNS:two.test");
+    EXPECT_EQ("0 12", FetchWith());
+    Serve("DNS:three.test,IP:127.0.0.1");
+    EXPECT_EQ(NotFor("one.test nor for two.test"), FetchWith());
+    EXPECT_EQ(0u, Name("127.0.0.1", "127.0.0.1"));
+    EXPECT_EQ("0 12", FetchWith());
+}
+
+// Each address of a name is the name's.
+TEST_F(Identity, ANameWithTwoAddresses)
+{
+    g_hosts["two.test"] = {"127.0.0.1", "127.0.0.2"};
+    for (const char* address : {"127.0.0.1", "127.0.0.2"})
+    {
+        Serve("DNS:two.test", {"--host", address});
+        ConvertName("two.test");
+        EXPECT_EQ("0 12", FetchWith("", address));
+        Serve(std::string("IP:") + address, {"--host", address});
+        ConvertName("two.test");
+        EXPECT_EQ(NotFor("two.test"), FetchWith("", address));
+    }
+}
+
+TEST_F(Identity, NamesOfTheTrustTextRuleOutAllElse)
+{
+    EXPECT_EQ(0u, Name("127.0.0.1", "listed.test"));
+    ConvertText("127.0.0.1");
+    Serve("IP:127.0.0.1,DNS:listed.test");
+    EXPECT_EQ(NotFor("directory.test"), FetchWith(";name=directory.test"));
+    Serve("DNS:second.test");
+    EXPECT_EQ("0 12", FetchWith(";name=first.test,second.test"));
+    EXPECT_EQ(NotFor("first.test nor for third.test"), FetchWith(";name=first.test,third.test"));
+}
+
+TEST_F(Identity, WhatWasAddedRulesOutConversions)
+{
+    Serve("IP:127.0.0.1");
+    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
+    ConvertText("127.0.0.1");
+    EXPECT_EQ(NotFor("directory.test"), FetchWith());
+}
+
+TEST_F(Identity, WhatWasAddedIsForgotten)
+{
+    const auto afterwards = [this]
+    {
+        Serve("DNS:directory.test");
+        const std::string outcome = FetchWith();
+        EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
+        return outcome;
+    };
+    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
+    EXPECT_EQ(0u, Name("127.0.0.2", nullptr));
+    EXPECT_EQ("0 12", afterwards());
+    EXPECT_EQ(0u, Name("127.0.0.1", nullptr));
+    EXPECT_EQ(NotFor("127.0.0.1"), afterwards());
+    EXPECT_EQ(0u, TRAVEX_FTP_SetServerName(0, nullptr, nullptr));
+    EXPECT_EQ(NotFor("127.0.0.1"), afterwards());
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+    SetUp();
+    EXPECT_EQ(NotFor("127.0.0.1"), afterwards());
+}
+
+// From the next SetCtrlParam on.
+TEST_F(Identity, IsSettledWhenTheParametersAreSet)
+{
+    Serve("IP:127.0.0.1");
+    UseServer();
+    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    UseServer();
+    EXPECT_EQ(NotFor("directory.test"), Fetch("f", "f"));
+}
+
+TEST_F(Identity, AnAddressMappedIntoIpv6IsIpv4)
+{
+    Serve("IP:127.0.0.1");
+    EXPECT_EQ("0 12", FetchWith("", "::ffff:127.0.0.1"));
+    EXPECT_EQ(0u, Name("::ffff:127.0.0.1", "directory.test"));
+    EXPECT_EQ(NotFor("directory.test"), FetchWith());
+    EXPECT_EQ(0u, Name("127.0.0.1", nullptr));
+    EXPECT_EQ(0u, Name("127.0.0.1", "::ffff:127.0.0.1"));
+    Serve("IP:127.0.0.1");
+    EXPECT_EQ("0 12", FetchWith());
+}
+
+TEST_F(Identity, Ipv6Addresses)
+{
+    Serve("IP:::1", {"--host", "::1"});
+    EXPECT_EQ("0 12", FetchWith("", "::1"));
+    EXPECT_EQ(0u, Name("::1", "0:0:0:0:0:0:0:1"));
+    EXPECT_EQ("0 12", FetchWith("", "::1"));
+    Serve("IP:127.0.0.1", {"--host", "::1"});
+    EXPECT_THAT(FetchWith("", "::1"), testing::StartsWith("3 18/TLS/0/1 certificate is not for "));
+}
+
+TEST_F(Identity, TextsAreRefused)
+{
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, Name("fe80::1", "fe80::1%eth0"));
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, Name("127.0.0.1", ""));
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, Name("127.0.0.1", "a\nb"));
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, Name("127.0.0.1", std::string(254, 'a').c_str()));
+    EXPECT_EQ(0u, Name("127.0.0.1", std::string(253, 'a').c_str()));
+    const unsigned char address[16] = {127, 0, 0, 1};
+    EXPECT_EQ(TRAVEX_FTP_ERR_PARAM, TRAVEX_FTP_SetServerName(2, address, "a.test"));
+    ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
+    EXPECT_EQ(TRAVEX_FTP_ERR_NOT_INIT, TRAVEX_FTP_SetServerName(0, address, "a.test"));
+}
+
+// The limit protects memory; what was there stays.
+TEST_F(Identity, AFullTableDropsNothing)
+{
+    unsigned char address[16] = {10};
+    for (unsigned int i = 0; i != 65536; ++i)
+    {
+        memcpy(address + 1, &i, 3);
+        ASSERT_EQ(0u, TRAVEX_FTP_SetServerName(0, address, "a.test")) << i;
+    }
+    EXPECT_NE(0u, Name("127.0.0.1", "directory.test"));
+    memcpy(address + 1, "\0\0\0", 3);
+    EXPECT_EQ(0u, TRAVEX_FTP_SetServerName(0, address, nullptr));
+    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
+    EXPECT_NE(0u, Name("127.0.0.2", "directory.test"));
+    Serve("DNS:directory.test");
+    EXPECT_EQ("0 12", FetchWith());
+}
+
+TEST_F(Identity, ADotAtTheEndIsNoPartOfAName)
+{
+    Serve("DNS:directory.test");
+    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test."));
+    EXPECT_EQ("0 12", FetchWith());
+    EXPECT_THAT(m_server->Lines("SNI "), Each(testing::EndsWith(" directory.test")));
+    EXPECT_EQ("0 12", FetchWith(";name=directory.test."));
+}
+
+TEST_F(Identity, LettersOfBothCasesAreTheSame)
+{
+    Serve("DNS:Directory.Test");
+    EXPECT_EQ(0u, Name("127.0.0.1", "dIRECTORY.test"));
+    EXPECT_EQ("0 12", FetchWith());
+}
+
+TEST_F(Identity, AWildcardIsTheLeftmostLabel)
+{
+    Serve("DNS:*.directory.test");
+    EXPECT_EQ("0 12", FetchWith(";name=a.directory.test"));
+    EXPECT_EQ(NotFor("b.a.directory.test"), FetchWith(";name=b.a.directory.test"));
+}
+
+TEST_F(Identity, AWildcardElsewhereIsNone)
+{
+    Serve("DNS:a.*.test");
+    EXPECT_EQ(NotFor("a.directory.test"), FetchWith(";name=a.directory.test"));
+    Serve("DNS:*.directory.test");
+    EXPECT_EQ(NotFor("directory.test"), FetchWith(";name=directory.test"));
+}
+
+// The service converts what was listed on the thread on which it sets the parameters.
+TEST_F(Identity, ANameThatWasResolvedIsExpected)
+{
+    Serve("DNS:directory.test");
+    ConvertName("directory.test");
+    EXPECT_EQ("0 12", FetchWith());
+    Serve("IP:127.0.0.1");
+    ConvertName("directory.test");
+    EXPECT_EQ(NotFor("directory.test"), FetchWith());
+}
+
+TEST_F(Identity, AnAddressThatWasConvertedIsExpected)
+{
+    Serve("IP:127.0.0.1");
+    ConvertText("127.0.0.1");
+    EXPECT_EQ("0 12", FetchWith());
+    Serve("DNS:directory.test");
+    ConvertText("127.0.0.1");
+    EXPECT_EQ(NotFor("127.0.0.1"), FetchWith());
+    ConvertName("127.0.0.1");
+    EXPECT_EQ(NotFor("127.0.0.1"), FetchWith());
+}
+
+TEST_F(Identity, TheFirstConversionThatGaveTheAddressCounts)
+{
+    Serve("DNS:directory.test");
+    ConvertText("127.0.0.9");
+    ConvertName("directory.test");
+    ConvertName("other.test");
+    ConvertText("127.0.0.1");
+    EXPECT_EQ("0 12", FetchWith());
+    Serve("IP:127.0.0.1");
+    ConvertText("127.0.0.1");
+    ConvertName("directory.test");
+    EXPECT_EQ("0 12", FetchWith());
+}
+
+TEST_F(Identity, AConversionCountsForOneSettingOfParameters)
+{
+    Serve("IP:127.0.0.1");
+    ConvertName("directory.test");
+    UseServer();
+    EXPECT_EQ("0 12", FetchWith());
+}
+
+TEST_F(Identity, AConversionOfAnotherThreadDoesNotCount)
+{
+    Serve("IP:127.0.0.1");
+    std::async(std::launch::async, [] { ConvertName("directory.test"); }).get();
+    EXPECT_EQ("0 12", FetchWith());
+}
+
+TEST_F(Identity, NothingAppliesWithoutVerification)
+{
+    Serve("DNS:elsewhere.test");
+    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
+    auto record = Parameters("127.0.0.1", m_server->Port(), m_directory.Path());
+    record.ulServerType = 1;
+    Use(record);
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+}
+
+TEST_F(Identity, TheServerIsToldTheFirstName)
+{
+    Serve("DNS:two.test");
+    EXPECT_EQ(0u, Name("127.0.0.1", "one.test"));
+    EXPECT_EQ(0u, Name("127.0.0.1", "two.test"));
+    EXPECT_EQ("0 12", FetchWith());
+    EXPECT_THAT(m_server->Lines("SNI "), ElementsAre("control one.test", "data one.test"));
+}
+
+TEST_F(Identity, TheServerIsToldNoAddress)
+{
+    Serve("IP:127.0.0.1");
+    EXPECT_EQ("0 12", FetchWith());
+    EXPECT_EQ(0u, Name("127.0.0.1", "127.0.0.1"));
+    EXPECT_EQ("0 12", FetchWith());
+    EXPECT_THAT(m_server->Lines("SNI "), Each(testing::EndsWith(" -")));
+}
+
+// A data channel may end at another machine than the control channel.
+TEST_F(Identity, ADataChannelIsCheckedLikewise)
+{
+    const std::string stranger = Certificates().WithNames("IP:127.0.0.2").certificate_file;
+    Serve("IP:127.0.0.1", {"--data-cert", stranger});
+    UseServer();
+    EXPECT_EQ("3 18/DATA_TLS/0/1 data channel: certificate is not for 127.0.0.1", Fetch("f", "f"));
+    const std::string untrusted = Certificates().FromOtherAuthority().certificate_file;
+    Serve("IP:127.0.0.1", {"--data-cert", untrusted});
+    UseServer();
+    EXPECT_EQ("3 18/DATA_TLS/0 data channel: unable to get local issuer certificate",
+              Fetch("f", "f"));
+}
+
+// What was proven for one identity is not proven for another.
+TEST_F(Identity, AConnectionIsKeptForItsIdentityAlone)
+{
+    Serve("DNS:one.test,DNS:two.test");
+    EXPECT_EQ("0 12", FetchWith(";name=one.test"));
+    EXPECT_EQ("0 12", FetchWith(";name=one.test"));
+    EXPECT_EQ(1u, m_server->Count("CONNECT"));
+    EXPECT_EQ("0 12", FetchWith(";name=two.test"));
+    EXPECT_EQ(2u, m_server->Count("CONNECT"));
+    EXPECT_EQ(0u, Name("127.0.0.1", "one.test"));
+    EXPECT_EQ("0 12", FetchWith());
+    EXPECT_EQ(3u, m_server->Count("CONNECT"));
+    EXPECT_EQ(0u, Name("127.0.0.1", "two.test"));
+    EXPECT_EQ("0 12", FetchWith());
+    EXPECT_EQ(4u, m_server->Count("CONNECT"));
+}
+
+}  // namespace
