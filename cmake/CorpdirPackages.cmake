@@ -60,7 +60,7 @@ corpdir_package(development libcorpdir-dev libdevel
 and the pkg-config files. Linking the static library needs the suggested
 packages."
   SETTINGS "DEPENDS=${_library} ${_exact}"
-           "SUGGESTS=libssl-dev, libspdlog-dev")
+           "SUGGESTS=libssl-dev")
 corpdir_package(tools corpdir-tools net
   SYNOPSIS "corporate directory download service - command-line program"
   DESCRIPTION "${_about}" "This package contains the corpdir program, which does this once or stays

@@ -22,17 +22,17 @@ bool AwaitRoom()
 
 ConsoleSink::ConsoleSink() : m_isOpen(fcntl(STDERR_FILENO, F_GETFD) != -1) {}
 
-void ConsoleSink::sink_it_(const spdlog::details::log_msg& message)
+void ConsoleSink::Write(const Record& record)
 {
     if (!m_isOpen)
     {
         return;
     }
-    spdlog::memory_buf_t line;
-    formatter_->format(message, line);
-    for (std::string_view rest(line.data(), line.size()); !rest.empty();)
+    m_line.clear();
+    m_formatter.Append(record.time, record.Text(), m_line);
+    for (std::string_view rest(m_line); !rest.empty();)
     {
-        const ssize_t written = write(STDERR_FILENO, rest.data(), rest.size());
+        const ssize_t written = ::write(STDERR_FILENO, rest.data(), rest.size());
         if (written < 0 && !AwaitRoom())
         {
             return;

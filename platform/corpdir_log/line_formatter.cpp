@@ -1,12 +1,9 @@
 #include "line_formatter.h"
 
-#include <spdlog/details/log_msg.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
 namespace corpdir_log
 {
@@ -60,10 +57,11 @@ void LineFormatter::SetSecond(std::time_t second)
     m_second = second;
 }
 
-void LineFormatter::format(const spdlog::details::log_msg& message, spdlog::memory_buf_t& line)
+void LineFormatter::Append(std::chrono::system_clock::time_point time, std::string_view text,
+                           std::string& lines)
 {
     using std::chrono::milliseconds;
-    const auto since = std::chrono::floor<milliseconds>(message.time.time_since_epoch());
+    const auto since = std::chrono::floor<milliseconds>(time.time_since_epoch());
     const auto second = std::chrono::floor<std::chrono::seconds>(since);
     if (second.count() != m_second)
     {
@@ -73,17 +71,8 @@ void LineFormatter::format(const spdlog::details::log_msg& message, spdlog::memo
     const char fraction[] = {'.', static_cast<char>('0' + rest / 100),
                              static_cast<char>('0' + rest / 10 % 10),
                              static_cast<char>('0' + rest % 10)};
-    line.append(m_date, m_date + m_dateSize);
-    line.append(fraction, fraction + sizeof fraction);
-    line.append(m_offset, m_offset + m_offsetSize);
-    line.push_back(' ');
-    line.append(message.payload.begin(), message.payload.end());
-    line.push_back('\n');
-}
-
-std::unique_ptr<spdlog::formatter> LineFormatter::clone() const
-{
-    return std::make_unique<LineFormatter>();
+    lines.append(m_date, m_dateSize).append(fraction, sizeof fraction);
+    lines.append(m_offset, m_offsetSize).append(" ").append(text).append("\n");
 }
 
 }  // namespace corpdir_log

@@ -4,21 +4,21 @@
 
 #include "common/guard.h"
 
-#include <spdlog/formatter.h>
-
+#include <chrono>
 #include <cstddef>
 #include <ctime>
+#include <string>
+#include <string_view>
 
 namespace corpdir_log
 {
-// "2025-03-01T09:30:00.125+01:00 TEXT", a line feed behind it: ISO 8601, local time. Unlike
-// spdlog's own formatter, whose lock of the time zone a fork in the middle of it leaves locked in
-// the child for ever, it holds no lock that a child is born with.
-class LineFormatter final : public spdlog::formatter
+// "2025-03-01T09:30:00.125+01:00 TEXT", a line feed behind it: ISO 8601, local time. It holds no
+// lock that the child of a fork is born with. One thread only.
+class LineFormatter
 {
 public:
-    void format(const spdlog::details::log_msg& message, spdlog::memory_buf_t& line) override;
-    std::unique_ptr<spdlog::formatter> clone() const override;
+    void Append(std::chrono::system_clock::time_point time, std::string_view text,
+                std::string& lines);
 
     // Around a fork: nobody is looking up the local time meanwhile.
     static void BeforeFork() CORPDIR_ANNOTATE(no_thread_safety_analysis);

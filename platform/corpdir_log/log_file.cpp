@@ -91,23 +91,23 @@ void LogFile::Open()
     m_size = static_cast<std::size_t>(status.st_size);
 }
 
-void LogFile::sink_it_(const spdlog::details::log_msg& message)
+void LogFile::Write(const Record& record)
 {
-    spdlog::memory_buf_t line;
-    formatter_->format(message, line);
+    std::string line;
+    m_formatter.Append(record.time, record.Text(), line);
     if (m_size != 0 && m_size + line.size() > m_maxSize)
     {
         Rotate();
     }
-    m_buffer.append(line.data(), line.size());
+    m_buffer += line;
     m_size += line.size();
     if (m_buffer.size() >= kBufferSize)
     {
-        flush_();
+        Flush();
     }
 }
 
-void LogFile::flush_()
+void LogFile::Flush()
 {
     const int error = WriteAll(m_file.Number(), m_buffer);
     m_buffer.clear();
@@ -120,7 +120,7 @@ void LogFile::flush_()
 // What bears the name of a file that is not in place is none of ours to rename.
 void LogFile::Rotate()
 {
-    flush_();
+    Flush();
     struct stat status = {};
     m_size = fstat(m_file.Number(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
     m_isRotationDue = m_size != 0 && !IsInPlace();

@@ -3,9 +3,9 @@
 #define CORPDIR_LOG_LOG_FILE_H
 
 #include "descriptor.h"
+#include "line_formatter.h"
+#include "sink.h"
 
-#include <spdlog/details/null_mutex.h>
-#include <spdlog/sinks/base_sink.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -14,14 +14,13 @@
 
 namespace corpdir_log
 {
-// FILE.log, and FILE.1.log (the newest) to FILE.n.log, mode 0600. Unlike spdlog's own rotating
-// sink, which opens files by name several times over and empties one that it cannot rename: the
-// descriptor that was checked is the one that is written; a missing directory is not made; symbolic
+// FILE.log, and FILE.1.log (the newest) to FILE.n.log, mode 0600. The descriptor that was checked
+// is the one that is written; a missing directory is not made; symbolic
 // links in the file's place, devices and other users' files are refused, a second hard link to a
 // file of ours is not; and a line that was cut by a full disk is ended before the next one. What is
 // buffered stands in no stream of the C library's, so a child of fork does not write it. Throws
 // std::system_error; after that the object must not be used again. One thread only.
-class LogFile final : public spdlog::sinks::base_sink<spdlog::details::null_mutex>
+class LogFile final : public Sink
 {
 public:
     // Throws when the file cannot be opened for appending.
@@ -52,9 +51,8 @@ public:
         return m_rotationError;
     }
 
-protected:
-    void sink_it_(const spdlog::details::log_msg& message) override;
-    void flush_() override;
+    void Write(const Record& record) override;
+    void Flush() override;
 
 private:
     void Open();
@@ -69,6 +67,7 @@ private:
     dev_t m_device = 0;
     ino_t m_inode = 0;
     std::size_t m_size = 0;  // with what is buffered
+    LineFormatter m_formatter;
     std::string m_buffer;
     bool m_isRotationDue = false;
     bool m_hasRotated = false;

@@ -3,10 +3,8 @@
 #include "console_sink.h"
 #include "corpdir_log.h"
 #include "escape.h"
-#include "line_formatter.h"
 
 #include <poll.h>
-#include <spdlog/details/log_msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -46,14 +44,6 @@ std::string AbsoluteDirectory(const char* directory)
     return resolved;
 }
 
-// Level and name are constants: the record's text holds all columns but the time.
-void LogRecord(spdlog::sinks::sink* sink, const Record& record)
-{
-    const std::string_view text = record.Text();
-    sink->log(
-        {record.time, spdlog::source_loc{}, {}, spdlog::level::info, {text.data(), text.size()}});
-}
-
 }  // namespace
 
 LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
@@ -73,7 +63,6 @@ LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
         return;
     }
     m_console = std::make_unique<ConsoleSink>();
-    m_console->set_formatter(std::make_unique<LineFormatter>());
     m_sink = m_console.get();
 }
 
@@ -85,7 +74,6 @@ void LogTarget::OpenFile()
     }
     m_file =
         std::make_unique<LogFile>(m_directory + '/' + m_name->FileName(), m_maxSize, m_maxCount);
-    m_file->set_formatter(std::make_unique<LineFormatter>());
     m_sink = m_file.get();
     m_unchecked = 0;
     m_nextPlaceCheck = common::Clock::now() + kPlaceCheckInterval;
@@ -102,7 +90,7 @@ void LogTarget::Write(const Record& record, std::uint64_t count) noexcept
     m_unchecked += count;
     try
     {
-        LogRecord(m_sink, record);
+        m_sink->Write(record);
         NoteRotation(count);
     }
     catch (const std::exception& error)
@@ -148,7 +136,7 @@ void LogTarget::Flush() noexcept
     }
     try
     {
-        m_sink->flush();
+        m_sink->Flush();
         m_unflushed = 0;
     }
     catch (const std::exception& error)
@@ -238,8 +226,8 @@ void LogTarget::WriteLossNotice()
     {
         throw std::bad_alloc();
     }
-    LogRecord(m_sink, *notice);
-    m_sink->flush();
+    m_sink->Write(*notice);
+    m_sink->Flush();
     NoteRotation(0);
     m_unflushed = 0;
     m_unchecked += std::exchange(m_lost, 0);

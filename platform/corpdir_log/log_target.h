@@ -7,8 +7,6 @@
 #include "name_lock.h"
 #include "record.h"
 
-#include <spdlog/sinks/sink.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -76,9 +74,9 @@ private:
     const std::size_t m_maxCount;
     std::string m_directory;  // absolute: the client may change its working directory
     std::shared_ptr<NameLock> m_name;
-    std::unique_ptr<LogFile> m_file;                 // null: standard error, or an outage
-    std::unique_ptr<spdlog::sinks::sink> m_console;  // null: a file
-    spdlog::sinks::sink* m_sink = nullptr;           // one of the two; null during an outage
+    std::unique_ptr<LogFile> m_file;  // null: standard error, or an outage
+    std::unique_ptr<Sink> m_console;  // null: a file
+    Sink* m_sink = nullptr;           // one of the two; null during an outage
 
     std::uint64_t m_unflushed = 0;  // records since the last flush, which a failure may lose
     std::uint64_t m_unchecked = 0;  // records since the file was last in its place, those included

@@ -118,7 +118,7 @@ def headers(installed):
 def cmake_shared(installed):
     program = installed.build("-DVERSION=%d.0" % MAJOR,
                               *("-DCMAKE_DISABLE_FIND_PACKAGE_%s=ON" % name
-                                for name in ("OpenSSL", "spdlog", "fmt")))
+                                for name in ("OpenSSL",)))
     require_shared(program)
     fetch(installed.work, program)
 

@@ -3,7 +3,6 @@
 #include "corpdir_log_fixture.h"
 
 #include <gmock/gmock.h>
-#include <spdlog/details/log_msg.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -268,14 +267,9 @@ TEST_F(LogProcess, AForkWhileALineIsFormattedLeavesTheChildAbleToFormat)
     const auto format = [](std::chrono::seconds second)
     {
         corpdir_log::LineFormatter formatter;
-        spdlog::memory_buf_t line;
-        formatter.format({std::chrono::system_clock::time_point(second),
-                          spdlog::source_loc{},
-                          {},
-                          spdlog::level::info,
-                          "text"},
-                         line);
-        return std::string(line.data(), line.size());
+        std::string line;
+        formatter.Append(std::chrono::system_clock::time_point(second), "text", line);
+        return line;
     };
     std::thread busy(
         [&]

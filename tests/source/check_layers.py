@@ -39,7 +39,6 @@ ALLOWED = {
 THIRD_PARTY = {
     "openssl/": {"platform/zep", "platform/travex_ftp"},
     "asio": {"platform/osak"},
-    "spdlog/": {"platform/corpdir_log"},
     "fmt/": {"platform/corpdir_log"},
     "CLI/": {"tools/corpdir"},
     "nlohmann/": {"tools/corpdir"},
