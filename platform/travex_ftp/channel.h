@@ -21,7 +21,7 @@ enum class Io
     kEnded,       // the peer has ended the channel: Channel::Why
     kFailed,      // it failed otherwise: Channel::Why
     kTimedOut,    // the deadline has passed
-    kCancelled,   // nobody wants it any more
+    kCancelled,   // the transfer was cancelled
     kOtherReady,  // something is to be seen on the other descriptor of the wait
 };
 

@@ -48,10 +48,10 @@ public:
     // A wait for a reply, or PollReply, has ended so: sets the failure.
     bool FailWait(Attempt& attempt, Io io);
 
-    // Nothing has arrived that nobody has asked for, and the server is there.
+    // The server is there, and has said nothing unasked.
     bool Quiet();
 
-    // Leaves the server with a QUIT whose answer nobody awaits.
+    // Leaves the server with a QUIT, without waiting for its reply.
     void Quit();
 
     // It was made with settings that serve these too.

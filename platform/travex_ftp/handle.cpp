@@ -210,7 +210,7 @@ bool Handle::Fetch(Work& work)
     return good;
 }
 
-// A connection on which something has come since is left: nobody knows what it answers.
+// A connection on which something has arrived since is left: it would be taken for a reply.
 void Handle::ChooseConnection(const Settings& settings)
 {
     if (m_connection != nullptr && (!m_connection->Serves(settings) || !m_connection->Quiet()))
