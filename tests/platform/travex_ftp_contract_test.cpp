@@ -529,11 +529,12 @@ TEST(ContractRaces, StartsStopsAndClosesMayMeet)
         std::vector<TRAVEX_FTP_HANDLE> handles;
         for (int i = 0; i != 4; ++i)
         {
-            handles.push_back(TRAVEX_FTP_CreateHandle());
+            const TRAVEX_FTP_HANDLE handle = TRAVEX_FTP_CreateHandle();
             unsigned int task = 0;
-            ASSERT_EQ(0u, TRAVEX_FTP_SetDataParam(handles[i], &data));
-            ASSERT_EQ(0u, TRAVEX_FTP_SetCtrlParam(handles[i], &record));
-            ASSERT_EQ(0u, TRAVEX_FTP_AsynDownloadFile(handles[i], &task, "f", ".", "f", nullptr));
+            ASSERT_EQ(0u, TRAVEX_FTP_SetDataParam(handle, &data));
+            ASSERT_EQ(0u, TRAVEX_FTP_SetCtrlParam(handle, &record));
+            ASSERT_EQ(0u, TRAVEX_FTP_AsynDownloadFile(handle, &task, "f", ".", "f", nullptr));
+            handles.push_back(handle);
         }
         std::thread closer([&] { (void)TRAVEX_FTP_CloseHandle(handles[0]); });
         std::thread starter([] { EXPECT_EQ(0u, TRAVEX_FTP_Init()); });
