@@ -68,14 +68,15 @@ protected:
     }
 
     // Starts a server whose certificate is for these names, in OpenSSL's words.
-    void Serve(const std::string& names, const std::vector<std::string>& more = {})
+    void Serve(const std::string& names, const std::vector<std::string>& more = {},
+               const char* fault = "none")
     {
         const support::ServerCertificate certificate = Certificates().WithNames(names);
         std::vector<std::string> options = {"--tls",  "explicit",
                                             "--cert", certificate.certificate_file,
                                             "--key",  certificate.key_file};
         options.insert(options.end(), more.begin(), more.end());
-        m_server = std::make_unique<FaultyServer>("none", options);
+        m_server = std::make_unique<FaultyServer>(fault, options);
     }
 
     void UseServer(const std::string& trust = "", const std::string& host = "127.0.0.1")
@@ -431,6 +432,20 @@ TEST_F(Identity, ADataChannelIsCheckedLikewise)
     UseServer();
     EXPECT_EQ("3 18/DATA_TLS/0 data channel: unable to get local issuer certificate",
               Fetch("f", "f"));
+}
+
+// The server's answer to our alert is not the reason.
+TEST_F(Identity, ARefusedDataChannelIsTheCertificatesFailure)
+{
+    const std::string stranger = Certificates().WithNames("IP:127.0.0.2").certificate_file;
+    for (const char* version : {"1.2", "1.3"})
+    {
+        Serve("IP:127.0.0.1", {"--data-cert", stranger, "--tls-max", version},
+              "report_data_handshake");
+        UseServer();
+        EXPECT_EQ("3 18/DATA_TLS/0/1 data channel: certificate is not for 127.0.0.1",
+                  Fetch("f", "f"));
+    }
 }
 
 // What was proven for one identity is not proven for another.

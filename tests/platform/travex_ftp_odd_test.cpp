@@ -308,6 +308,24 @@ INSTANTIATE_TEST_SUITE_P(All, PassiveMemory,
                                          "reply:EPSV:522 Use PASV.",
                                          "reply:EPSV:229 (|||banana|)"));
 
+// Where PASV leads nowhere either, the next transfer begins with EPSV.
+TEST_F(OddTest, PasvThatLedNowhereIsNotRemembered)
+{
+    const Limits limits([](auto& each) { each.ulConnectMs = 300; });
+    for (const char* fault :
+         {"reply:EPSV:229 (|||1|) + reply:PASV:227 (127,0,0,1,0,1)", "data_silent"})
+    {
+        FaultyServer server(fault);
+        Use(RecordFor(server, false));
+        for (unsigned int fetched = 1; fetched != 3; ++fetched)
+        {
+            EXPECT_THAT(Fetch("f", "f"), testing::HasSubstr("/DATA_CONNECT/0 no data connection"));
+            EXPECT_EQ(fetched, server.Count("COMMAND EPSV")) << fault;
+            EXPECT_EQ(fetched, server.Count("COMMAND PASV")) << fault;
+        }
+    }
+}
+
 // A login that was refused would lock the account if it were tried again and again.
 class RefusedLogin : public OddTest
 {

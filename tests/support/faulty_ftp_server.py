@@ -9,6 +9,7 @@ Faults of a step, VERB being a command, GREETING, or CLOSING (the reply after th
 server, instead of answering,
     drop:VERB      closes the connection           reset:VERB    resets it
     hang:VERB      says nothing any more           reply:VERB:TEXT  answers TEXT
+    drip:VERB      answers a byte at a time from then on
 In TEXT stand {argument} for the command's argument, {half} for the first half of it, {latin1} for it
 in Latin-1 when it came in UTF-8, and in replies to EPSV and PASV {port} and {pasv}, the port as a
 number and, after the address, as PASV has it.
@@ -166,7 +167,7 @@ class Faults:
 
     def single_bytes(self, it):
         """No fault: every reply is sent byte by byte."""
-        it.byte_by_byte = True
+        it.byte_delay = 0.0005
 
     def data_before_opening(self, it):
         """No fault: the file is sent and closed before the 150. Not with TLS."""
@@ -347,6 +348,11 @@ class Faults:
     def hang_handshake(self, it):
         it.secure = it.hang
 
+    def endless_handshake(self, it):
+        """HelloRequests, which a client passes over, in the place of a handshake."""
+        hellos = b"\x16\x03\x03\x40\x00" + bytes(16384)
+        it.secure = lambda: (it.connection.recv(4096), it.for_ever(hellos))
+
     def hang_data_handshake(self, it):
         it.secure_data = lambda data: it.hang()
 
@@ -356,6 +362,16 @@ class Faults:
             data.recv(4096)
             it.closing = "425 Unable to build data connection: Operation not permitted"
         it.secure_data = drop
+
+    def report_data_handshake(self, it):
+        """No fault: a handshake that the client ends is answered with a 426."""
+        def report(data):
+            try:
+                return it.handshake_data(data)
+            except ssl.SSLError:
+                it.closing = "426 Failure in the TLS handshake."
+                return None
+        it.secure_data = report
 
     def injected_after_auth(self, it):
         """Plain text behind the answer to AUTH, as an attacker may slip in."""
@@ -485,8 +501,9 @@ class Dialogue:
         self.opening = "150 Opening BINARY mode data connection (%d bytes)." % options.size
         self.closing = "226 Transfer complete."
         self.line_end = "\r\n"
-        self.line_delay = self.drip = self.closing_delay = self.handshake_delay = 0
-        self.byte_by_byte = self.data_first = False
+        self.line_delay = self.byte_delay = self.drip = 0
+        self.closing_delay = self.handshake_delay = 0
+        self.data_first = False
         self.pasv_address = "127,0,0,1"
         self.protect_data = self.close_notify = self.close_data = True
         self.demand_reuse = self.deny_reuse = False
@@ -518,6 +535,9 @@ class Dialogue:
             pass
         raise Over
 
+    def drip_replies(self):
+        self.byte_delay = 0.1
+
     def for_ever(self, data):
         while True:
             self.connection.sendall(data)
@@ -542,10 +562,10 @@ class Dialogue:
         raise Over
 
     def say_raw(self, data):
-        if self.byte_by_byte:
+        if self.byte_delay:
             for byte in data:
                 self.connection.sendall(bytes([byte]))
-                time.sleep(0.0005)
+                time.sleep(self.byte_delay)
         else:
             self.connection.sendall(data)
 
@@ -586,7 +606,8 @@ class Dialogue:
             if fault[1] == verb and fault[0] == "reply":
                 text = fault[2]
             elif fault[1] == verb:
-                {"drop": self.end, "reset": self.reset, "hang": self.hang}[fault[0]]()
+                {"drop": self.end, "reset": self.reset, "hang": self.hang,
+                 "drip": self.drip_replies}[fault[0]]()
         for name, value in (("{argument}", argument), ("{half}", argument[:len(argument) // 2]),
                             ("{latin1}", argument.encode("latin-1").decode("utf-8", "replace")),
                             ("{port}", str(port)), ("{pasv}", "%s,%d,%d" % (
