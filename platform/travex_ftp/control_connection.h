@@ -85,6 +85,12 @@ public:
         return m_heard;
     }
 
+    // Fewer with each line of a reply that arrives.
+    uint64_t LinesLeft() const
+    {
+        return m_reader.LinesLeft();
+    }
+
     // On this connection SIZE, the 150 and the bytes have agreed: the 150 is enough.
     bool sizesAgree = false;
 

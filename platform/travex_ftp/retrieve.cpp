@@ -279,6 +279,7 @@ bool Retrieval::Request()
 bool Retrieval::AwaitOpening(Reply& reply)
 {
     Clock::time_point until = Clock::now() + m_limits.response;
+    uint64_t lines = m_control.LinesLeft();
     Io data = Io::kAgain;
     for (;;)
     {
@@ -286,6 +287,11 @@ bool Retrieval::AwaitOpening(Reply& reply)
         if (io == Io::kDone)
         {
             return m_control.Accept(m_attempt, reply);
+        }
+        if (lines != m_control.LinesLeft() && (data == Io::kAgain || data == Io::kDone))
+        {
+            lines = m_control.LinesLeft();
+            until = Clock::now() + m_limits.response;
         }
         if (io == Io::kAgain && data == Io::kAgain)
         {

@@ -118,6 +118,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"drop:RETR", "3 26/RETRIEVE/0 connection lost at RETR: closed by the server"},
         Case{"reset:RETR", "3 26/RETRIEVE/0 connection lost at RETR: Connection reset by peer"},
         Case{"hang:RETR", "3 22/RETRIEVE/0 no reply to RETR within 0\\.7 s"},
+        Case{"drip:RETR", "3 22/RETRIEVE/0 no reply to RETR within 0\\.7 s"},
         Case{"cut_opening", "3 26/RETRIEVE/0 connection lost at RETR: closed by the server"},
         Case{"reply:RETR:550 No such file", "3 20/RETRIEVE/550 RETR refused: 550 No such file"},
         Case{"reply:RETR:425 No data connection.",

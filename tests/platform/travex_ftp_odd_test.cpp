@@ -144,7 +144,8 @@ class ToleratedInTime : public OddTest
 TEST_F(ToleratedInTime, LinesThatComeSlowly)
 {
     const Limits limits([](auto& each) { each.ulResponseMs = 1000; });
-    FaultyServer server("slow_lines");
+    FaultyServer server(
+        "slow_lines + reply:RETR:150-one\r\n150-two\r\n150-three\r\n150 Here it comes.");
     Use(RecordFor(server, false));
     EXPECT_EQ("0 12", Fetch("f", "f"));
 }

@@ -157,7 +157,7 @@ class Faults:
         time.sleep(1)
 
     def slow_lines(self, it):
-        """No fault: half a second between the lines of a greeting of four lines."""
+        """No fault: half a second between the lines of a reply; the greeting has four."""
         it.greeting = "220-one\r\n220-two\r\n220-three\r\n220 ready"
         it.line_delay = 0.5
 
