@@ -67,8 +67,11 @@ def digest(path):
 
 
 def empty(folder):
+    """An empty folder, and nothing left for the disk: a client that flushes its own files would pay for
+    what another one has left in memory."""
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir()
+    os.sync()
 
 
 def compete(contestants, job, served, rounds, peaks=True):
