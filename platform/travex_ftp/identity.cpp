@@ -50,8 +50,8 @@ bool NormalizeServerName(const char* listed, std::string& normalized)
     const bool addressLike = strspn(listed, "0123456789.:") == length;
     const bool anySubdomain = *listed == '.';  // which OpenSSL would take it for
     const bool zone = strchr(listed, '%') != nullptr;
-    const bool control = std::any_of(listed, listed + length,
-                                     [](char c) { return (c >= 0 && c <= ' ') || c == 0x7f; });
+    const bool control = std::any_of(
+        listed, listed + length, [](unsigned char byte) { return byte <= ' ' || byte == 0x7f; });
     if (addressLike || anySubdomain || zone || control)
     {
         return false;
