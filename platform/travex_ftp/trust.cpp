@@ -1,7 +1,6 @@
 #include "trust.h"
 
 #include <dirent.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
@@ -43,15 +42,11 @@ bool Refuse(Failure& failure, const std::string& path, const char* reason)
     return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", path.c_str(), reason);
 }
 
-// Empties this thread's queue of OpenSSL's errors, and tells whether lack of memory was among them.
-bool OutOfMemory()
+// OpenSSL has failed, for lack of memory or by the file's fault. errno tells which, set to 0 before:
+// the queue of OpenSSL's errors holds the caller's own too.
+bool Blame(Failure& failure, const std::string& path, const char* reason)
 {
-    bool found = false;
-    for (unsigned long error = ERR_get_error(); error != 0; error = ERR_get_error())
-    {
-        found = found || ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE;
-    }
-    return found;
+    return errno == ENOMEM ? FailSystem(failure, "trust store") : Refuse(failure, path, reason);
 }
 
 bool ReadError(BIO* file)
@@ -124,17 +119,14 @@ public:
     // failure: it may be a revocation list.
     bool AddFile(const std::string& path, Failure& failure)
     {
-        ERR_clear_error();
         const std::unique_ptr<BIO, Freed> file(BIO_new_file(path.c_str(), "re"));
         if (!file)
         {
-            const int error = errno;
-            ERR_clear_error();
-            return Refuse(failure, path, SystemError(error));
+            return Refuse(failure, path, SystemError(errno));
         }
+        errno = 0;
         const std::unique_ptr<STACK_OF(X509_INFO), Freed> infos(
             PEM_X509_INFO_read_bio(file.get(), nullptr, RefusePassphrase, nullptr));
-        const bool memory = OutOfMemory();
         // OpenSSL takes it for the end of the file.
         if (ReadError(file.get()))
         {
@@ -142,15 +134,13 @@ public:
         }
         if (!infos)
         {
-            return memory ? FailSystem(failure, "trust store")
-                          : Refuse(failure, path, "it holds a broken PEM block");
+            return Blame(failure, path, "it holds a broken PEM block");
         }
         for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i)
         {
             if (!add(*sk_X509_INFO_value(infos.get(), i)))
             {
-                return OutOfMemory() ? FailSystem(failure, "trust store")
-                                     : Refuse(failure, path, "the trust store does not take it");
+                return Blame(failure, path, "the trust store does not take it");
             }
         }
         return true;

@@ -1,5 +1,6 @@
 // The contract of travex_ftp.h: handles, refusals, order of notifications, start and stop.
 #include <gmock/gmock.h>
+#include <openssl/err.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 
 namespace
 {
+using ftp_test::Certificates;
 using ftp_test::FaultyServer;
 using ftp_test::LayerTest;
 using ftp_test::Notice;
@@ -180,6 +182,30 @@ TEST_F(Contract, TrustTextsAreChecked)
     EXPECT_EQ("6 trust text: " + m_directory.File("x=y") + " holds no certificate",
               with(m_directory.File("x=y")));
     EXPECT_THAT(with("ca=" + m_directory.Path()), HasSubstr("holds no certificate"));
+}
+
+// OpenSSL's error queue is one for the thread: what the client has there is the client's.
+TEST_F(Contract, OpenSslErrorsOfTheCallerStay)
+{
+    ERR_clear_error();
+    ERR_raise_data(ERR_LIB_USER, 17, "the client's");
+    const unsigned long error = ERR_peek_error();
+    const std::string anchors = Certificates().Authority();
+    const std::string broken = m_directory.File("broken.pem");
+    support::WriteFile(broken, "-----BEGIN X509 CRL-----\nAAAA\n-----END X509 CRL-----\n");
+    const std::string text = m_directory.File("text");
+    support::WriteFile(text, "no PEM here");
+    for (const std::string& trust : {anchors, broken, text, std::string("/nowhere/ca.pem")})
+    {
+        auto record = Valid();
+        record.ulServerType = record.ulCertVerify = 1;
+        record.pcFtpCtrlInfo = trust.c_str();
+        EXPECT_EQ(trust != anchors, TRAVEX_FTP_SetCtrlParam(m_handle, &record) != 0) << trust;
+        EXPECT_EQ(error, ERR_peek_error()) << trust;
+        EXPECT_EQ(error, ERR_peek_last_error()) << trust;
+    }
+    EXPECT_EQ(error, ERR_get_error());
+    EXPECT_EQ(0u, ERR_get_error());
 }
 
 TEST_F(Contract, DownloadsAreCheckedAndLeaveTheTaskIdAlone)

@@ -2,6 +2,7 @@
 // from what was seen.
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <climits>
@@ -619,6 +620,30 @@ TEST_F(TrustFiles, TooLargeOnesAreRefused)
     ASSERT_EQ(0, truncate(m_directory.File("crl.pem").c_str(), 16777217));
     EXPECT_EQ(Refusal("crl.pem", "it is too large"), Load());
 }
+
+#ifndef CORPDIR_TESTS_UNDER_SANITIZERS  // which map more than can be limited
+
+TEST_F(TrustFiles, LackOfMemoryIsNoFaultOfTheFile)
+{
+    std::string block = "-----BEGIN X509 CRL-----\n";
+    while (block.size() < 15000000)
+    {
+        block += std::string(64, 'A') + "\n";
+    }
+    Write("z.pem", block + "-----END X509 CRL-----\n");
+    rlimit limit{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_AS, &limit));
+    const rlim_t pages = std::stoul(support::ReadFile("/proc/self/statm"));
+    const rlimit small{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (4 << 20),
+                       limit.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_AS, &small));
+    const std::string outcome = Load();
+    ASSERT_EQ(0, setrlimit(RLIMIT_AS, &limit));
+    EXPECT_EQ("7 out of memory: trust store", outcome);
+    EXPECT_EQ(Refusal("z.pem", "it holds a broken PEM block"), Load());
+}
+
+#endif
 
 // The memory of a process is a file whose first page cannot be read.
 TEST_F(TrustFiles, UnreadableOnesAreRefused)
