@@ -16,6 +16,12 @@ bool Digit(char c)
     return c >= '0' && c <= '9';
 }
 
+// Servers that know one case only may repeat a text in it.
+char Lower(char c)
+{
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
 // Code of a line "150 text", "150-text" or "150", else 0.
 unsigned int CodeOf(const char* line, size_t length)
 {
@@ -251,8 +257,8 @@ void ReplyReader::KeepText(char (&text)[256], bool login) const
     MakePrintable(text);
 }
 
-// Replaces a secret in the text by asterisks, also where the text ends within it, and where the
-// server has cut it: half of it is too much.
+// Replaces a secret in the text by asterisks, in letters of either case; also where the text ends
+// within it, and where the server has cut its end or its beginning: half of it is too much.
 void ReplyReader::MaskText(char (&text)[256], const char* secret, size_t length) const
 {
     const size_t least = std::max(kShortestMasked, length / 2);
@@ -260,14 +266,17 @@ void ReplyReader::MaskText(char (&text)[256], const char* secret, size_t length)
     const char* const line = m_line + std::min<size_t>(m_length, 4);
     for (size_t at = 0; at < kept; ++at)
     {
-        size_t same = 0;
-        while (same < length && line[at + same] == secret[same])
+        for (size_t from = 0; from + least <= length; ++from)
         {
-            ++same;
-        }
-        if (same >= least)
-        {
-            memset(text + at, '*', std::min(same, kept - at));
+            size_t same = 0;
+            while (from + same < length && Lower(line[at + same]) == Lower(secret[from + same]))
+            {
+                ++same;
+            }
+            if (same >= least && (from == 0 || from + same == length))
+            {
+                memset(text + at, '*', std::min(same, kept - at));
+            }
         }
     }
 }

@@ -200,6 +200,21 @@ TEST(RepliesTest, PasswordThatTheServerCutIsMasked)
     EXPECT_NE(std::string::npos, masked.find(" or so")) << masked;
 }
 
+TEST(RepliesTest, TailOfAPasswordThatTheServerCutIsMasked)
+{
+    EXPECT_EQ("it was ...********, or so",
+              Masked("secret-password", "it was ...password, or so"));
+    EXPECT_EQ("a word", Masked("secret-password", "a word"));
+    EXPECT_EQ("secre t-p", Masked("secret-password", "secre t-p"));
+}
+
+TEST(RepliesTest, PasswordIsMaskedInLettersOfBothCases)
+{
+    EXPECT_EQ("it was ******, ******", Masked("Secret", "it was SECRET, secret"));
+    EXPECT_EQ("it was ...********", Masked("secret-password", "it was ...PASSWORD"));
+    EXPECT_EQ("it was *****{", Masked("secre[", "it was secre{"));
+}
+
 TEST(RepliesTest, RepliesToALoginWithAShortPasswordHaveNoText)
 {
     EXPECT_EQ("(text withheld)", Masked("abc", "not abc", true));
