@@ -135,7 +135,7 @@ bool Retrieval::Run()
 
 bool Retrieval::MayUsePasv() const
 {
-    return m_settings.server.length == 4 && !m_habits.noEpsv;
+    return m_settings.server.Ipv4() && !m_habits.noEpsv;
 }
 
 // Asks for a port and begins to connect to it: the next command need not wait for the connection.

@@ -127,6 +127,11 @@ bool Address::Zero() const
            (length == 16 && memcmp(bytes, kMapped, sizeof kMapped) == 0);
 }
 
+bool Address::Ipv4() const
+{
+    return base::AddressKey(length == 16 ? AF_INET6 : AF_INET, bytes).size() == 4;
+}
+
 bool HasControlByte(const char* text)
 {
     for (; *text != '\0'; ++text)

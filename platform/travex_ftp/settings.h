@@ -20,6 +20,9 @@ struct Address
 
     // Of no use as a peer: connecting to it would reach the local host.
     bool Zero() const;
+
+    // Also one that is mapped into IPv6: the wire has IPv4.
+    bool Ipv4() const;
 };
 
 // Immutable, and shared by the handle and by all tasks accepted with it.

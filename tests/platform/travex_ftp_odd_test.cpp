@@ -47,6 +47,18 @@ protected:
     }
 };
 
+// An IPv4 address mapped into IPv6 is IPv4 on the wire, where there is PASV.
+TEST_F(OddTest, AMappedAddressIsServedByPasv)
+{
+    for (const char* fault : {"reply:EPSV:500 What?", "drop:EPSV", "epsv_unreachable"})
+    {
+        FaultyServer server(fault);
+        Use(Parameters("::ffff:127.0.0.1", server.Port(), m_directory.Path()));
+        EXPECT_EQ("0 12", Fetch("f", "f")) << fault;
+        EXPECT_THAT(TransferCommands(server), testing::Contains("PASV")) << fault;
+    }
+}
+
 struct Oddity
 {
     const char* fault;
