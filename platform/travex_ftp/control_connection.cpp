@@ -108,6 +108,7 @@ bool ControlConnection::Connect(Attempt& attempt)
 bool ControlConnection::Greet(Attempt& attempt)
 {
     attempt.Enter(TRAVEX_FTP_STEP_GREETING);
+    m_replyDue = Clock::now() + attempt.TheLimits().response;
     Reply reply;
     do
     {
@@ -262,6 +263,7 @@ bool ControlConnection::Send(Attempt& attempt, const char* verb, const char* arg
     const CommandLine line(verb, argument);
     const milliseconds limit = attempt.TheLimits().response;
     const Io sent = m_channel.Write(line.Text(), line.Length(), attempt.Within(limit));
+    m_replyDue = Clock::now() + limit;
     return sent == Io::kDone || FailWait(attempt, sent);
 }
 
@@ -284,9 +286,6 @@ bool ControlConnection::DiscardStray(Attempt& attempt)
 
 bool ControlConnection::ReadReply(Attempt& attempt, Reply& reply)
 {
-    const milliseconds limit = attempt.TheLimits().response;
-    Deadline deadline = attempt.Within(limit);
-    uint64_t lines = m_reader.LinesLeft();
     for (;;)
     {
         Io io = PollReply(attempt, reply);
@@ -294,12 +293,7 @@ bool ControlConnection::ReadReply(Attempt& attempt, Reply& reply)
         {
             return Accept(attempt, reply);
         }
-        if (lines != m_reader.LinesLeft())
-        {
-            lines = m_reader.LinesLeft();  // each line is a sign of life
-            deadline = attempt.Within(limit);
-        }
-        io = io == Io::kAgain ? m_channel.AwaitReadable(deadline) : io;
+        io = io == Io::kAgain ? m_channel.AwaitReadable(attempt.Until(m_replyDue)) : io;
         if (io != Io::kDone)
         {
             return FailWait(attempt, io);
@@ -320,7 +314,13 @@ Io ControlConnection::PollReply(Attempt& attempt, Reply& reply)
 {
     for (;;)
     {
-        switch (m_reader.Next(reply, IsLogin(m_verb)))
+        const uint64_t lines = m_reader.LinesLeft();
+        const ReplyReader::Result result = m_reader.Next(reply, IsLogin(m_verb));
+        if (lines != m_reader.LinesLeft())
+        {
+            m_replyDue = Clock::now() + attempt.TheLimits().response;  // each is a sign of life
+        }
+        switch (result)
         {
             case ReplyReader::Result::kReply:
                 ++m_heard;

@@ -42,6 +42,12 @@ public:
     // connection is lost. A reply that is too long is a failure of the attempt, and kFailed.
     Io PollReply(Attempt& attempt, Reply& reply);
 
+    // When the next line of the reply must be there; each line moves it.
+    Clock::time_point ReplyDue() const
+    {
+        return m_replyDue;
+    }
+
     // A reply that PollReply took: false if it ends the service.
     bool Accept(Attempt& attempt, const Reply& reply) const;
 
@@ -85,12 +91,6 @@ public:
         return m_heard;
     }
 
-    // Fewer with each line of a reply that arrives.
-    uint64_t LinesLeft() const
-    {
-        return m_reader.LinesLeft();
-    }
-
     // On this connection SIZE, the 150 and the bytes have agreed: the 150 is enough.
     bool sizesAgree = false;
 
@@ -112,6 +112,7 @@ private:
     std::unique_ptr<TlsContext> m_tls;
     const std::atomic<bool>& m_closed;
     const char* m_verb = "the greeting";
+    Clock::time_point m_replyDue;
     unsigned int m_heard = 0;
     bool m_greeted = false;
     bool m_loggedIn = false;

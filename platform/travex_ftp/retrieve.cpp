@@ -278,8 +278,7 @@ bool Retrieval::Request()
 // why, but does not have to come.
 bool Retrieval::AwaitOpening(Reply& reply)
 {
-    Clock::time_point until = Clock::now() + m_limits.response;
-    uint64_t lines = m_control.LinesLeft();
+    Clock::time_point lastWord = Clock::time_point::max();
     Io data = Io::kAgain;
     for (;;)
     {
@@ -288,17 +287,13 @@ bool Retrieval::AwaitOpening(Reply& reply)
         {
             return m_control.Accept(m_attempt, reply);
         }
-        if (lines != m_control.LinesLeft() && (data == Io::kAgain || data == Io::kDone))
-        {
-            lines = m_control.LinesLeft();
-            until = Clock::now() + m_limits.response;
-        }
         if (io == Io::kAgain && data == Io::kAgain)
         {
             data = m_data.Connected();
             const bool failed = data != Io::kAgain && data != Io::kDone;
-            until = failed ? std::min(until, Clock::now() + kLastWord) : until;
+            lastWord = failed ? Clock::now() + kLastWord : lastWord;
         }
+        const Clock::time_point until = std::min(lastWord, m_control.ReplyDue());
         io = io == Io::kAgain ? AwaitControl(data == Io::kAgain, until) : io;
         if (io == Io::kTimedOut && data != Io::kDone)
         {
