@@ -85,20 +85,10 @@ unsigned int PassivePort(const char* text)
     return 0;
 }
 
-// Bytes that are all ASCII are the same in both.
-bool IsAscii(const char* text)
+// The secret in the other of the two encodings that servers use for what they repeat; ASCII is the
+// same in both.
+void OtherEncoding(const char* secret, char (&other)[2 * Secret::kCapacity])
 {
-    return std::all_of(text, text + strlen(text), [](char c) { return (c & 0x80) == 0; });
-}
-
-// The secret in the other of the two encodings that servers use for what they repeat. False: it
-// has no other form.
-bool OtherEncoding(const char* secret, char (&other)[2 * Secret::kCapacity])
-{
-    if (IsAscii(secret))
-    {
-        return false;
-    }
     const auto* at = reinterpret_cast<const unsigned char*>(secret);
     size_t used = 0;
     bool utf8 = true;
@@ -119,7 +109,6 @@ bool OtherEncoding(const char* secret, char (&other)[2 * Secret::kCapacity])
         other[used++] = static_cast<char>(*at >= 0x80 ? 0x80 | (*at & 0x3f) : *at);
     }
     other[used] = '\0';
-    return true;
 }
 
 }  // namespace
@@ -239,12 +228,10 @@ void ReplyReader::KeepText(char (&text)[256], bool login) const
     if (length >= kShortestMasked)
     {
         char other[2 * Secret::kCapacity];
+        OtherEncoding(secret.Text(), other);
         MaskText(text, secret.Text(), length);
-        if (OtherEncoding(secret.Text(), other))
-        {
-            MaskText(text, other, strlen(other));
-            explicit_bzero(other, sizeof other);
-        }
+        MaskText(text, other, strlen(other));
+        explicit_bzero(other, sizeof other);
     }
     else if (login)
     {
