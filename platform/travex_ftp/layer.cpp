@@ -18,7 +18,7 @@ struct World
 {
     common::Guard guard;
     std::shared_ptr<Layer> running CORPDIR_GUARDED_BY(guard);
-    std::shared_ptr<Layer> ended
+    std::vector<std::shared_ptr<Layer>> ended
         CORPDIR_GUARDED_BY(guard);  // runs whose threads are not all joined
     bool exiting CORPDIR_GUARDED_BY(guard) = false;
 
@@ -55,7 +55,7 @@ void World::StartOnce()
     }
 }
 
-// False when another thread was faster, or the process is ending.
+// False when another thread was faster, or the process is ending. Throws std::bad_alloc.
 bool World::Install(const std::shared_ptr<Layer>& layer)
 {
     const common::Hold hold(guard);
@@ -63,6 +63,7 @@ bool World::Install(const std::shared_ptr<Layer>& layer)
     {
         return false;
     }
+    ended.reserve(ended.size() + 1);  // Retire() needs no memory
     running = layer;
     owner = getpid();
     return true;
@@ -75,8 +76,7 @@ std::shared_ptr<Layer> World::Retire()
     std::shared_ptr<Layer> layer = std::move(running);
     if (layer != nullptr)
     {
-        layer->m_nextEnded = std::move(ended);
-        ended = layer;
+        ended.push_back(layer);
     }
     return layer;
 }
@@ -84,28 +84,18 @@ std::shared_ptr<Layer> World::Retire()
 std::shared_ptr<Layer> World::FirstEnded(bool onlyOver)
 {
     const common::Hold hold(guard);
-    std::shared_ptr<Layer> layer = ended;
-    while (layer != nullptr && onlyOver && !layer->Over())
-    {
-        layer = layer->m_nextEnded;
-    }
-    return layer;
+    const auto found =
+        std::find_if(ended.begin(), ended.end(),
+                     [onlyOver](const auto& layer) { return !onlyOver || layer->Over(); });
+    return found == ended.end() ? nullptr : *found;
 }
 
 // Without threads any process may start the layer: a fork made now is free to.
 void World::Forget(const std::shared_ptr<Layer>& layer)
 {
     const common::Hold hold(guard);
-    for (std::shared_ptr<Layer>* link = &ended; *link != nullptr; link = &(*link)->m_nextEnded)
-    {
-        if (*link == layer)
-        {
-            std::shared_ptr<Layer> next = std::move(layer->m_nextEnded);
-            *link = std::move(next);
-            break;
-        }
-    }
-    owner = running == nullptr && ended == nullptr ? 0 : owner.load();
+    ended.erase(std::remove(ended.begin(), ended.end(), layer), ended.end());
+    owner = running == nullptr && ended.empty() ? 0 : owner.load();
 }
 
 // A run stays in the list until its threads are joined, so that every caller waits for them.
@@ -134,18 +124,18 @@ void World::AtExit()
         world.exiting = true;
     }
     (void)world.Retire();
-    static std::shared_ptr<Layer>* const left = new std::shared_ptr<Layer>;
+    static auto* const left = new std::vector<std::shared_ptr<Layer>>;
     {
         const common::Hold hold(world.guard);
-        *left = std::move(world.ended);
+        left->swap(world.ended);
     }
-    for (Layer* layer = left->get(); layer != nullptr; layer = layer->m_nextEnded.get())
+    for (const std::shared_ptr<Layer>& layer : *left)
     {
         layer->Stop();
         layer->LeaveNoFiles();
     }
     const Clock::time_point deadline = Clock::now() + kExitPatience;
-    for (Layer* layer = left->get(); layer != nullptr; layer = layer->m_nextEnded.get())
+    for (const std::shared_ptr<Layer>& layer : *left)
     {
         (void)layer->Join(deadline);
     }
@@ -175,12 +165,19 @@ bool Layer::Init()
         return true;
     }
     const auto layer = std::make_shared<Layer>();
-    layer->Start();
-    if (world.Install(layer))
+    try
     {
-        return true;
+        layer->m_notifier.Start();
+        if (world.Install(layer))
+        {
+            return true;
+        }
     }
-    layer->Stop();
+    catch (...)
+    {
+        (void)layer->Join(Clock::time_point::max());  // half a start is undone like a whole one
+        throw;
+    }
     (void)layer->Join(Clock::time_point::max());
     // Another thread's start was faster, and is as good; whether its run has ended since or not.
     return !Worker::Exiting();
@@ -197,21 +194,6 @@ void Layer::Uninit()
     if (!Worker::CallerIsOurs())
     {
         world.JoinEnded(false);
-    }
-}
-
-// Half a start is undone like a whole one.
-void Layer::Start()
-{
-    try
-    {
-        m_notifier.Start();
-    }
-    catch (...)
-    {
-        Stop();
-        (void)Join(Clock::time_point::max());
-        throw;
     }
 }
 

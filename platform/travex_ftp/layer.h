@@ -49,7 +49,6 @@ public:
 private:
     friend struct World;
 
-    void Start();
     void Stop() CORPDIR_EXCLUDES(m_guard);
     void Close(const std::shared_ptr<Handle>& handle) CORPDIR_REQUIRES(m_guard);
     void Reap() CORPDIR_EXCLUDES(m_guard);
@@ -57,9 +56,6 @@ private:
     bool Over() CORPDIR_EXCLUDES(m_guard);
     void LeaveNoFiles() CORPDIR_EXCLUDES(m_guard);
     std::vector<std::shared_ptr<Handle>> ClosedHandles() CORPDIR_EXCLUDES(m_guard);
-
-    // Link of the runs that have ended but whose threads are not joined yet; under World's lock.
-    std::shared_ptr<Layer> m_nextEnded;
 
     Notifier m_notifier;
     ServerNames m_names;
