@@ -142,54 +142,42 @@ bool Retrieval::MayUsePasv() const
 bool Retrieval::OpenData()
 {
     unsigned int port = 0;
-    bool refused = m_habits.noEpsv;
-    if (!refused && !Extended(port, refused))
+    if (!m_habits.noEpsv && !AskPort("EPSV", "EPSV refused", "unexpected reply to EPSV", port))
     {
         return false;
     }
-    if (refused)
-    {
-        m_habits.noEpsv = true;
-        return Passive(port) && ConnectTo(port);
-    }
-    m_byEpsv = true;
-    return ConnectTo(port);
+    m_byEpsv = port != 0;
+    return m_byEpsv ? ConnectTo(port) : OpenByPasv();
 }
 
-// EPSV (RFC 2428). With IPv4 there is PASV when the server does not understand it; a firewall on
-// the way may even cut the connection.
-bool Retrieval::Extended(unsigned int& port, bool& refused)
+bool Retrieval::OpenByPasv()
+{
+    m_habits.noEpsv = true;
+    m_byEpsv = false;
+    unsigned int port = 0;
+    return AskPort("PASV", "PASV refused", "unexpected reply to PASV", port) && ConnectTo(port);
+}
+
+// EPSV (RFC 2428) or PASV. With IPv4 there is PASV when the server does not understand EPSV, and
+// the port is 0; a firewall on the way may even cut the connection.
+bool Retrieval::AskPort(const char* verb, const char* refused, const char* unexpected,
+                        unsigned int& port)
 {
     m_attempt.Enter(TRAVEX_FTP_STEP_PASSIVE);
     Reply reply;
-    if (!m_control.Command(m_attempt, "EPSV", "", reply))
+    if (!m_control.Command(m_attempt, verb, "", reply))
     {
         m_wantsPasv = MayUsePasv() && m_attempt.failure.ulRet == TRAVEX_FTP_ERR_TRANSFER;
         return false;
     }
     port = reply.Positive() ? PortOfReply(reply) : 0;
-    refused = port == 0 && MayUsePasv();
-    if (port != 0 || refused)
+    if (port != 0 || MayUsePasv())
     {
         return true;
     }
+    m_habits.noEpsv = false;  // PASV has not served either
     return FailByReply(m_attempt.failure, TRAVEX_FTP_ERR_REPLY,
-                       reply.Refusal() ? "EPSV refused" : "unexpected reply to EPSV", reply);
-}
-
-bool Retrieval::Passive(unsigned int& port)
-{
-    m_attempt.Enter(TRAVEX_FTP_STEP_PASSIVE);
-    Reply reply;
-    if (!m_control.Command(m_attempt, "PASV", "", reply))
-    {
-        return false;
-    }
-    port = reply.Positive() ? PortOfReply(reply) : 0;
-    m_habits.noEpsv = port != 0;
-    return port != 0 ||
-           FailByReply(m_attempt.failure, TRAVEX_FTP_ERR_REPLY,
-                       reply.Refusal() ? "PASV refused" : "unexpected reply to PASV", reply);
+                       reply.Refusal() ? refused : unexpected, reply);
 }
 
 // The address is the control connection's, whatever the server said.
@@ -250,10 +238,7 @@ bool Retrieval::CheckData()
     {
         return FailData(io);
     }
-    m_habits.noEpsv = true;
-    m_byEpsv = false;
-    unsigned int port = 0;
-    return Passive(port) && ConnectTo(port);
+    return OpenByPasv();
 }
 
 bool Retrieval::Request()

@@ -75,8 +75,8 @@ public:
 
 private:
     bool OpenData();
-    bool Extended(unsigned int& port, bool& refused);
-    bool Passive(unsigned int& port);
+    bool OpenByPasv();
+    bool AskPort(const char* verb, const char* refused, const char* unexpected, unsigned int& port);
     bool ConnectTo(unsigned int port);
     bool FailData(Io io);
     bool AskSize();

@@ -42,8 +42,8 @@ bool Refuse(Failure& failure, const std::string& path, const char* reason)
     return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", path.c_str(), reason);
 }
 
-// OpenSSL has failed, for lack of memory or by the file's fault. errno tells which, set to 0 before:
-// the queue of OpenSSL's errors holds the caller's own too.
+// OpenSSL has failed, for lack of memory or by the file's fault. errno tells which, set to 0
+// before: the queue of OpenSSL's errors holds the caller's own too.
 bool Blame(Failure& failure, const std::string& path, const char* reason)
 {
     return errno == ENOMEM ? FailSystem(failure, "trust store") : Refuse(failure, path, reason);
