@@ -272,14 +272,12 @@ bool ControlConnection::DiscardStray(Attempt& attempt)
 {
     Reply stray;
     Io io = Io::kAgain;
-    while ((io = PollReply(attempt, stray)) == Io::kDone)
+    while ((io = PollReply(attempt, stray, "reply without a command")) == Io::kDone)
     {
         if (stray.code == kServiceNotAvailable)
         {
             return Accept(attempt, stray);
         }
-        TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: reply without a command: %u %s",
-                       m_settings->serverText.c_str(), stray.code, stray.text);
     }
     return io == Io::kAgain || FailWait(attempt, io);
 }
@@ -310,7 +308,7 @@ Io ControlConnection::FailTooLong(Attempt& attempt, uint64_t bytes)
     return Io::kFailed;
 }
 
-Io ControlConnection::PollReply(Attempt& attempt, Reply& reply)
+Io ControlConnection::PollReply(Attempt& attempt, Reply& reply, const char* heading)
 {
     for (;;)
     {
@@ -325,7 +323,7 @@ Io ControlConnection::PollReply(Attempt& attempt, Reply& reply)
             case ReplyReader::Result::kReply:
                 ++m_heard;
                 TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: %s: %u %s", m_settings->serverText.c_str(),
-                               m_verb, reply.code, reply.text);
+                               heading != nullptr ? heading : m_verb, reply.code, reply.text);
                 if (m_loggedIn && reply.code == kLoggedIn)
                 {
                     continue;  // some servers answer PASS twice

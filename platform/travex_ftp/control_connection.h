@@ -40,7 +40,8 @@ public:
 
     // Takes a reply that has arrived, without waiting. kAgain: there is none; kEnded, kFailed: the
     // connection is lost. A reply that is too long is a failure of the attempt, and kFailed.
-    Io PollReply(Attempt& attempt, Reply& reply);
+    // `heading` names it in the log; null: the last command does.
+    Io PollReply(Attempt& attempt, Reply& reply, const char* heading = nullptr);
 
     // When the next line of the reply must be there; each line moves it.
     Clock::time_point ReplyDue() const

@@ -204,6 +204,16 @@ TEST_F(ToleratedInTime, TwoRepliesToPass)
     EXPECT_TRUE(FaultyServer::Body(100000) == Content("f"));
 }
 
+TEST_F(OddTest, AReplyWithoutACommandIsLoggedOnceAsSuch)
+{
+    captured_log::Clear();
+    FaultyServer server("reply:TYPE:200 Binary.\r\n211 By the way.");
+    Use(RecordFor(server, false));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(1u, captured_log::CountWith("211 By the way."));
+    EXPECT_EQ(1u, captured_log::CountWith("reply without a command: 211 By the way."));
+}
+
 // What goes over the wire, and nothing else. AUTH TLS comes first: some servers know no AUTH SSL.
 class Dialogue : public OddTest
 {
