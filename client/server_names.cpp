@@ -18,8 +18,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/signals_blocked.h"
 #include "osak.h"
-#include "signals_blocked.h"
 #include "travex_ftp.h"
 
 namespace corpdir_shared
@@ -276,7 +276,7 @@ ServerLookup::ServerLookup(std::vector<ServerEntry> entries, int family, Lookup 
       m_shared(std::make_shared<Shared>(NamesOf(m_entries), family, std::move(lookup)))
 {
     const std::size_t wanted = std::min(m_shared->names.size(), kMaxThreads);
-    const SignalsBlocked blocked;
+    const base::SignalsBlocked blocked;
     for (std::size_t made = 0; made != wanted; ++made)
     {
         try

@@ -9,7 +9,7 @@
 #include <initializer_list>
 #include <new>
 
-#include "signals_blocked.h"
+#include "base/signals_blocked.h"
 
 namespace corpdir_c
 {
@@ -141,7 +141,7 @@ void EventThread::Start()
         throw std::bad_alloc();
     }
     m_transferred = std::make_unique<Item>();
-    const corpdir_shared::SignalsBlocked blocked;
+    const base::SignalsBlocked blocked;
     m_thread = std::thread([this] { Run(); });
     (void)pthread_setname_np(m_thread.native_handle(), "corpdir-events");
 }

@@ -1,10 +1,10 @@
 #include "worker.h"
 
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
+
+#include "base/signals_blocked.h"
 
 namespace travex_ftp
 {
@@ -15,33 +15,6 @@ thread_local Worker* t_worker = nullptr;
 
 std::atomic<bool> g_exiting{false};
 std::atomic<bool> g_unwaited{false};
-
-// A thread made meanwhile has all signals blocked but those of its own faults. The program's
-// signals are the program's threads' business, and SIGPIPE must not end the process:
-// OpenSSL writes to sockets without MSG_NOSIGNAL.
-class SignalsBlocked
-{
-public:
-    SignalsBlocked()
-    {
-        sigset_t blocked;
-        (void)sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
-        {
-            (void)sigdelset(&blocked, fault);
-        }
-        (void)pthread_sigmask(SIG_BLOCK, &blocked, &m_before);
-    }
-    ~SignalsBlocked()
-    {
-        (void)pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
-    }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t m_before;
-};
 
 }  // namespace
 
@@ -54,7 +27,7 @@ void Worker::Start(std::function<void()> body)
     // Before the thread exists, which may be over before this function is.
     try
     {
-        const SignalsBlocked blocked;
+        const base::SignalsBlocked blocked;
         m_thread = std::thread(
             [this, run = std::move(body)]
             {

@@ -14,8 +14,9 @@ import sys
 PLATFORM_HEADERS = {"travex_ftp.h", "osak.h", "zep.h", "corpdir_log.h"}
 CLIENT_HEADERS = {"ftpcorpdir.h", "corpdir_loginfo.h"}
 COMMON = {"common/guard.h"}
-BASE = {"base/resolved_names.h"}
-SHARED = {"server_names.h", "signals_blocked.h"}
+SIGNALS = {"base/signals_blocked.h"}
+BASE = {"base/resolved_names.h"} | SIGNALS
+SHARED = {"server_names.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
 # Folder: the project's headers that it may include beside those of its own folder.
@@ -29,9 +30,9 @@ ALLOWED = {
     "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | COMMON | BASE,
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
-    "client": {"osak.h", "travex_ftp.h"},
+    "client": {"osak.h", "travex_ftp.h"} | SIGNALS,
     "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED,
-    "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED,
+    "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | SIGNALS,
     "examples": {"ftpcorpdir.h", "corpdir_c.h"},
 }
 

@@ -1,13 +1,15 @@
 // A scope in which threads are made that leave the program's signals to the program's threads.
-#ifndef CORPDIR_CLIENT_SIGNALS_BLOCKED_H
-#define CORPDIR_CLIENT_SIGNALS_BLOCKED_H
+#ifndef CORPDIR_BASE_SIGNALS_BLOCKED_H
+#define CORPDIR_BASE_SIGNALS_BLOCKED_H
 
 #include <signal.h>
 
-namespace corpdir_shared
-{
+#include <initializer_list>
 
+namespace base
+{
 // Blocks all signals but those of faults on the calling thread, and those it makes inherit that.
+// SIGPIPE must not end the process: OpenSSL writes to sockets without MSG_NOSIGNAL.
 class SignalsBlocked
 {
 public:
@@ -32,6 +34,6 @@ private:
     sigset_t m_before;
 };
 
-}  // namespace corpdir_shared
+}  // namespace base
 
 #endif
