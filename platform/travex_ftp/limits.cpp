@@ -17,45 +17,69 @@ milliseconds Bounded(uint64_t number)
     return milliseconds(std::min(number, kLongest));
 }
 
-// The value of a variable, else `otherwise`. secure_getenv: a set-user-id program does not let its
-// caller loosen a limit.
-uint64_t FromEnvironment(const char* name, uint64_t otherwise)
+// The value of a variable, 0 if it is of no use. secure_getenv: a set-user-id program does not let
+// its caller loosen a limit.
+uint64_t FromEnvironment(const char* name)
 {
     const char* const text = secure_getenv(name);
     if (text == nullptr || *text < '0' || *text > '9')
     {
-        return otherwise;
+        return 0;
     }
     char* end = nullptr;
     const unsigned long long number = std::strtoull(text, &end, 10);
-    return *end == '\0' && number > 0 && number <= 1ull << 62 ? number : otherwise;
+    return *end == '\0' && number <= 1ull << 62 ? number : 0;
 }
 
-void Read(const char* name, milliseconds& value)
-{
-    value = Bounded(FromEnvironment(name, static_cast<uint64_t>(value.count())));
-}
+using Set = tagTRAVEX_FTP_S_LIMITS;
 
-void Read(const char* name, uint64_t& value)
+// The variable of a limit, the limit, and how the program sets it.
+template <class Value, class Number>
+struct Entry
 {
-    value = FromEnvironment(name, value);
+    const char* variable;
+    Value Limits::*limit;
+    Number Set::*set;
+};
+
+constexpr Entry<milliseconds, unsigned int> kTimes[] = {
+    {"CORPDIR_FTP_CONNECT_MS", &Limits::connect, &Set::ulConnectMs},
+    {"CORPDIR_FTP_HANDSHAKE_MS", &Limits::handshake, &Set::ulHandshakeMs},
+    {"CORPDIR_FTP_RESPONSE_MS", &Limits::response, &Set::ulResponseMs},
+    {"CORPDIR_FTP_STALL_MS", &Limits::stall, &Set::ulStallMs},
+    {"CORPDIR_FTP_CONFIRM_MS", &Limits::confirm, &Set::ulConfirmMs},
+    {"CORPDIR_FTP_TRANSFER_MS", &Limits::transfer, &Set::ulTransferMs},
+    {"CORPDIR_FTP_IDLE_MS", &Limits::idle, &Set::ulIdleMs},
+    {"CORPDIR_FTP_OBSERVE_MS", &Limits::observe, &Set::ulObserveMs},
+};
+
+constexpr Entry<uint64_t, uint64_t> kCounts[] = {
+    {"CORPDIR_FTP_STALL_BYTES", &Limits::stallBytes, &Set::ullStallBytes},
+    {"CORPDIR_FTP_FILE_BYTES", &Limits::fileBytes, &Set::ullFileBytes},
+    {"CORPDIR_FTP_REPLY_BYTES", &Limits::replyBytes, &Set::ullReplyBytes},
+    {"CORPDIR_FTP_REPLY_LINES", &Limits::replyLines, &Set::ullReplyLines},
+};
+
+// Gives each limit the number that `choose` has for its entry; 0: it stays.
+template <class Choose>
+void Apply(Limits& limits, const Choose& choose)
+{
+    for (const auto& entry : kTimes)
+    {
+        const uint64_t number = choose(entry);
+        limits.*entry.limit = number != 0 ? Bounded(number) : limits.*entry.limit;
+    }
+    for (const auto& entry : kCounts)
+    {
+        const uint64_t number = choose(entry);
+        limits.*entry.limit = number != 0 ? number : limits.*entry.limit;
+    }
 }
 
 Limits OfEnvironment()
 {
     Limits limits;
-    Read("CORPDIR_FTP_CONNECT_MS", limits.connect);
-    Read("CORPDIR_FTP_HANDSHAKE_MS", limits.handshake);
-    Read("CORPDIR_FTP_RESPONSE_MS", limits.response);
-    Read("CORPDIR_FTP_STALL_MS", limits.stall);
-    Read("CORPDIR_FTP_STALL_BYTES", limits.stallBytes);
-    Read("CORPDIR_FTP_CONFIRM_MS", limits.confirm);
-    Read("CORPDIR_FTP_TRANSFER_MS", limits.transfer);
-    Read("CORPDIR_FTP_IDLE_MS", limits.idle);
-    Read("CORPDIR_FTP_OBSERVE_MS", limits.observe);
-    Read("CORPDIR_FTP_FILE_BYTES", limits.fileBytes);
-    Read("CORPDIR_FTP_REPLY_BYTES", limits.replyBytes);
-    Read("CORPDIR_FTP_REPLY_LINES", limits.replyLines);
+    Apply(limits, [](const auto& entry) { return FromEnvironment(entry.variable); });
     return limits;
 }
 
@@ -78,16 +102,6 @@ Setting& TheSetting()
     return *setting;
 }
 
-void Take(unsigned int set, milliseconds& value)
-{
-    value = set != 0 ? Bounded(set) : value;
-}
-
-void Take(uint64_t set, uint64_t& value)
-{
-    value = set != 0 ? set : value;
-}
-
 }  // namespace
 
 Limits Limits::Current()
@@ -95,18 +109,7 @@ Limits Limits::Current()
     static const Limits environment = OfEnvironment();
     Limits limits = environment;
     const tagTRAVEX_FTP_S_LIMITS set = TheSetting().Get();
-    Take(set.ulConnectMs, limits.connect);
-    Take(set.ulHandshakeMs, limits.handshake);
-    Take(set.ulResponseMs, limits.response);
-    Take(set.ulStallMs, limits.stall);
-    Take(set.ullStallBytes, limits.stallBytes);
-    Take(set.ulConfirmMs, limits.confirm);
-    Take(set.ulTransferMs, limits.transfer);
-    Take(set.ulIdleMs, limits.idle);
-    Take(set.ulObserveMs, limits.observe);
-    Take(set.ullFileBytes, limits.fileBytes);
-    Take(set.ullReplyBytes, limits.replyBytes);
-    Take(set.ullReplyLines, limits.replyLines);
+    Apply(limits, [&set](const auto& entry) { return set.*entry.set; });
     return limits;
 }
 
