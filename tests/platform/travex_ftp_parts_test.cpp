@@ -202,8 +202,7 @@ TEST(RepliesTest, PasswordThatTheServerCutIsMasked)
 
 TEST(RepliesTest, TailOfAPasswordThatTheServerCutIsMasked)
 {
-    EXPECT_EQ("it was ...********, or so",
-              Masked("secret-password", "it was ...password, or so"));
+    EXPECT_EQ("it was ...********, or so", Masked("secret-password", "it was ...password, or so"));
     EXPECT_EQ("a word", Masked("secret-password", "a word"));
     EXPECT_EQ("secre t-p", Masked("secret-password", "secre t-p"));
 }
