@@ -394,6 +394,10 @@ class Faults:
         """After the first file: 421 and end."""
         it.after_file = lambda: (it.say("421 Timeout."), it.end())
 
+    def taken(self, it):
+        """No fault: nothing follows the file until the client has taken up all of it. Not with TLS."""
+        it.at_end = lambda data: (data.shutdown(socket.SHUT_WR), data.settimeout(5), data.recv(1))
+
     def idle_close(self, it):
         it.after_file = it.end
 
