@@ -323,7 +323,7 @@ void BareIdlePass(benchmark::State& state)
         {
             pthread_mutex_lock(&mutex);
             pthread_mutex_unlock(&mutex);
-            (void)usleep(50);
+            (void)OSAK_PollSleep(50);
         }
     };
     bench::RunWithoutSleep(poll, [&] { running = state.KeepRunning(); });

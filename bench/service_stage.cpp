@@ -59,16 +59,16 @@ void SetField(char (&field)[SIZE], const std::string& text)
 
 extern "C"
 {
-    int __real_usleep(useconds_t microseconds);
+    int __real_OSAK_PollSleep(unsigned int microseconds);
     unsigned int __real_OSAK_PthreadCreate(OSAK_THREAD* thread, void* attr, OSAK_THREAD_PROC entry,
                                            void* arg);
     unsigned int __real_OSAK_PthreadJoin(OSAK_THREAD thread, void** result);
 
-    int __wrap_usleep(useconds_t microseconds)
+    int __wrap_OSAK_PollSleep(unsigned int microseconds)
     {
         if (t_pass == nullptr)
         {
-            return __real_usleep(microseconds);
+            return __real_OSAK_PollSleep(microseconds);
         }
         (*t_pass)();
         return 0;

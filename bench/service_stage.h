@@ -38,7 +38,7 @@ Transfer TransferAfter(unsigned int number);
 void FailVersionFile(unsigned int task);
 void CompleteVersionFile(unsigned int task);
 
-// Calls `pass` on this thread whenever `loop` calls usleep, which does not sleep then.
+// Calls `pass` on this thread whenever `loop` sleeps, which does not sleep then.
 void RunWithoutSleep(const std::function<void()>& loop, const std::function<void()>& pass);
 
 enum class LogSetting

@@ -6,10 +6,7 @@
 // 32-bit numbers, 0 is success. A stale or foreign handle gets a code, never a crash.
 //
 // The layer's threads have names ("corpdir-worker", "corpdir-timer") and all asynchronous signals
-// blocked, SIGPIPE included. One that locks mutexes again and again and asks for no memory, text or
-// address meanwhile polls in vain: the kernel may then stretch its sleeps by up to 1 ms to save
-// power, until it does. CORPDIR_TIMER_SLACK_US in the environment, 1 to 1000000, sets a fixed timer
-// slack in microseconds instead.
+// blocked, SIGPIPE included.
 //
 // When the process exits, no timer callback begins any more and the layer's threads are held at
 // their next OSAK_MutexLock, or while they wait in one. The exit handler, registered at the first

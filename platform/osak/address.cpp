@@ -1,7 +1,6 @@
 // Addresses: the system's functions with null taken care of.
 #include "base/resolved_names.h"
 #include "osak.h"
-#include "thread.h"
 
 #include <cstring>
 
@@ -30,7 +29,6 @@ void NoteAddresses(const char* node, const struct addrinfo* entry)
 
 int OSAK_Inet_Pton(int family, const char* text, void* dest)
 {
-    osak::NoteWork();
     const int converted = text != nullptr && dest != nullptr ? inet_pton(family, text, dest) : 0;
     if (converted == 1)
     {
@@ -41,7 +39,6 @@ int OSAK_Inet_Pton(int family, const char* text, void* dest)
 
 unsigned int OSAK_InetAddr(const char* text)
 {
-    osak::NoteWork();
     const unsigned int address = text != nullptr ? inet_addr(text) : INADDR_NONE;
     if (address != INADDR_NONE)
     {

@@ -1,8 +1,8 @@
 // Tracked memory. The C library does the allocating; what is known of a block stands in tables
 // beside it, so that a pointer can be judged without being followed: a live block is in one table,
 // one released lately in the other, and anything else is none of ours.
+#include "base/never_destroyed.h"
 #include "common/guard.h"
-#include "never_destroyed.h"
 #include "osak.h"
 #include "osak_diagnostics.h"
 #include "osak_log.h"
@@ -136,7 +136,7 @@ struct Memory
 
 Memory& TheMemory()
 {
-    static NeverDestroyed<Memory> s_memory;
+    static base::NeverDestroyed<Memory> s_memory;
     return s_memory.Get();
 }
 
@@ -232,7 +232,6 @@ void LogNotLive(const void* address, const Place& place, const Place& releasedAt
 // end the process over them.
 void* Allocate(size_t size, const Place& place)
 {
-    NoteWork();
     if (size == 0 || size > PTRDIFF_MAX || IsForkedChild())
     {
         return nullptr;

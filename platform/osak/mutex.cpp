@@ -145,7 +145,6 @@ void BecomeHolder(State& state, std::uint64_t self)
 {
     state.owner.store(self, std::memory_order_relaxed);
     state.depth = 1;
-    NoteLock();
 }
 
 // Waits until the mutex is free for a locker, and takes it.

@@ -1,6 +1,7 @@
 // The end of the process, and its forks.
 #include "process.h"
 
+#include "base/changes.h"
 #include "common/guard.h"
 #include "mutex.h"
 #include "osak_diagnostics.h"
@@ -34,6 +35,7 @@ void OnExit()
     g_phase.store(Phase::kExiting, std::memory_order_release);
     // In this order: what is woken finds the phase changed, and no callback begins while we wait.
     EndTimers();
+    base::Changes::Get().Raise();
     WakeMutexWaiters();
     const unsigned int running = AwaitThreadsAtRest(common::Clock::now() + kLongestWait);
     if (running != 0)

@@ -1,13 +1,11 @@
 // Strings: the C library's functions with null taken for the empty text.
 #include "osak.h"
-#include "thread.h"
 
 #include <climits>
 #include <cstring>
 
 unsigned int OSAK_StrLen(const char* text)
 {
-    osak::NoteWork();
     const size_t length = text != nullptr ? std::strlen(text) : 0;
     // A wrapped length would pass for a short text.
     return length < UINT_MAX ? static_cast<unsigned int>(length) : UINT_MAX;
@@ -15,6 +13,5 @@ unsigned int OSAK_StrLen(const char* text)
 
 int OSAK_StrCmp(const char* left, const char* right)
 {
-    osak::NoteWork();
     return std::strcmp(left != nullptr ? left : "", right != nullptr ? right : "");
 }

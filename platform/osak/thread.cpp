@@ -5,21 +5,18 @@
 // thread that has nothing left to do.
 #include "thread.h"
 
+#include "base/changes.h"
+#include "base/never_destroyed.h"
 #include "handle.h"
 #include "mutex.h"
-#include "never_destroyed.h"
 #include "osak_log.h"
 #include "process.h"
 
 #include <pthread.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <utility>
@@ -43,7 +40,6 @@ struct Thread
     // Constant after the start.
     const char* name = nullptr;  // static text of at most 15 bytes, the system's limit
     OSAK_THREAD_PROC entry = nullptr;
-    unsigned long slackNanoseconds = 0;  // by the environment; 0: it does not say
 
     // Guarded by the registry's guard.
     pthread_t native = {};
@@ -67,39 +63,12 @@ struct Registry
 
 Registry& TheRegistry()
 {
-    static NeverDestroyed<Registry> s_registry;
+    static base::NeverDestroyed<Registry> s_registry;
     return s_registry.Get();
 }
 
 // The record of the calling thread; null when the layer did not make it.
 thread_local Thread* t_self = nullptr;
-
-// How far a loose sleep may be stretched: a step that the thread takes up late costs that much.
-constexpr unsigned long kLooseNanoseconds = 1000000;
-
-// Timer slack from CORPDIR_TIMER_SLACK_US, in nanoseconds; 0 when it is not set or not a number
-// from 1 to 1,000,000 microseconds.
-unsigned long WantedTimerSlack()
-{
-    constexpr unsigned long kMostMicroseconds = 1000000;
-    // In a set-user-id program the environment is somebody else's.
-    const char* text = secure_getenv("CORPDIR_TIMER_SLACK_US");
-    if (text == nullptr || *text == '\0')
-    {
-        return 0;
-    }
-    // strtoul would take blanks and a sign too.
-    const bool isNumber = text[std::strspn(text, "0123456789")] == '\0';
-    errno = 0;  // the only sign of a number beyond the type
-    const unsigned long value = std::strtoul(text, nullptr, 10);
-    if (!isNumber || errno != 0 || value == 0 || value > kMostMicroseconds)
-    {
-        OSAK_LOG(CORPDIR_LOG_NOTICE, "CORPDIR_TIMER_SLACK_US is not 1 to %lu: %s",
-                 kMostMicroseconds, text);
-        return 0;
-    }
-    return value * 1000;
-}
 
 // The signals that a thread brings upon itself stay deliverable, for a client's crash handler.
 // SIGPIPE is not among them: a lost connection is an error code.
@@ -169,12 +138,7 @@ void* RunThread(void* argument)
         t_self->threadNumber = CurrentThreadNumber();
     }
     const EndOfThread end;
-    // Name and slack are conveniences: the thread does its work without them.
-    (void)pthread_setname_np(pthread_self(), t_self->name);
-    if (t_self->slackNanoseconds != 0)
-    {
-        (void)prctl(PR_SET_TIMERSLACK, t_self->slackNanoseconds);
-    }
+    (void)pthread_setname_np(pthread_self(), t_self->name);  // it works without a name as well
     return PointerOf<void*>(t_self->entry());
 }
 
@@ -353,31 +317,12 @@ unsigned int StartThread(const char* name, Duty duty, OSAK_THREAD_PROC entry, OS
         auto thread = std::make_unique<Thread>();
         thread->name = name;
         thread->entry = entry;
-        thread->slackNanoseconds = WantedTimerSlack();
         thread->runsClient = duty == Duty::kClient;
         return StartRegistered(std::move(thread), handle);
     }
     catch (const std::bad_alloc&)
     {
         return OSAK_ERR_SYSTEM;
-    }
-}
-
-__thread unsigned int t_locksInVain = 0;
-
-void SleepLoosely()
-{
-    if (t_self != nullptr && t_self->slackNanoseconds == 0)
-    {
-        (void)prctl(PR_SET_TIMERSLACK, kLooseNanoseconds);
-    }
-}
-
-void SleepSharply()
-{
-    if (t_self != nullptr && t_self->slackNanoseconds == 0)
-    {
-        (void)prctl(PR_SET_TIMERSLACK, 0UL);  // the thread's default
     }
 }
 
@@ -472,6 +417,7 @@ unsigned int OSAK_PthreadJoin(OSAK_THREAD thread, void** result)
     {
         return OSAK_ERR_SYSTEM;
     }
+    base::Changes::Get().Raise();  // a poller whose time is over is to see it
     pthread_t native = {};
     const unsigned int code = osak::JoinRegistered(osak::NumberOf(thread), &native);
     if (code != OSAK_OK)

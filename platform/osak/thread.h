@@ -22,33 +22,6 @@ inline std::uint64_t CurrentThreadNumber()
     return t_threadNumber != 0 ? t_threadNumber : GiveThreadNumber();
 }
 
-// A thread that locks so many times in a row and asks for no memory, text or address meanwhile
-// polls in vain: with the usual sleep in between that is some 30 ms.
-constexpr unsigned int kLocksInVain = 256;
-extern __thread unsigned int t_locksInVain;
-
-// Lets the kernel stretch the sleeps of the calling thread, to save power; and again not. For
-// threads of the layer alone, and not when the environment sets their timer slack.
-void SleepLoosely();
-void SleepSharply();
-
-inline void NoteLock()
-{
-    if (++t_locksInVain == kLocksInVain)
-    {
-        SleepLoosely();
-    }
-}
-
-inline void NoteWork()
-{
-    if (t_locksInVain >= kLocksInVain)
-    {
-        SleepSharply();
-    }
-    t_locksInVain = 0;
-}
-
 // Whose code a thread of the layer runs, which tells the exit of the process what to wait for.
 enum class Duty
 {
@@ -56,9 +29,8 @@ enum class Duty
     kLayer    // the layer's own loop; a client's callback between BeginClientCall and EndClientCall
 };
 
-// Starts a thread with the name, all asynchronous signals blocked and the timer slack that was
-// asked for. *handle is stored before the entry runs, null on failure. An exception that leaves
-// the entry ends the process.
+// Starts a thread with the name and all asynchronous signals blocked. *handle is stored before the
+// entry runs, null on failure. An exception that leaves the entry ends the process.
 unsigned int StartThread(const char* name, Duty duty, OSAK_THREAD_PROC entry, OSAK_THREAD* handle);
 
 // Mark the calling thread, one with Duty::kLayer, as running a client's callback.

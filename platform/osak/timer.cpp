@@ -6,8 +6,9 @@
 // the guard released; a free from elsewhere waits until it has returned.
 #include "timer.h"
 
+#include "base/changes.h"
+#include "base/never_destroyed.h"
 #include "handle.h"
-#include "never_destroyed.h"
 #include "osak.h"
 #include "osak_log.h"
 #include "process.h"
@@ -100,7 +101,7 @@ private:
 
 TimerService& TheService()
 {
-    static NeverDestroyed<TimerService> s_service;
+    static base::NeverDestroyed<TimerService> s_service;
     return s_service.Get();
 }
 
@@ -263,6 +264,7 @@ void TimerService::Expired(const TimerRef& timer, std::uint64_t round)
                  file != nullptr ? file : "?", timer->plan.line);
     }
     timer->plan.callback(param);
+    base::Changes::Get().Raise();
     EndCall();
 }
 

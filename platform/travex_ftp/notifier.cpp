@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "base/changes.h"
 #include "handle.h"
 #include "observer.h"
 
@@ -127,6 +128,7 @@ void Notifier::Notify(const Task& task, unsigned int type, Failure* failure)
     data.ulType = type;
     data.pstErrInfo = failure;
     task.callback(nullptr, &data);
+    base::Changes::Get().Raise();
 }
 
 void Notifier::TellObserver(const Task& task, const Task::News& news)

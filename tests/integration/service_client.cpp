@@ -1,5 +1,7 @@
 #include "service_client.h"
 
+#include "osak/sleep.h"
+
 #include <string.h>
 
 #include <cstdint>
@@ -12,6 +14,9 @@ namespace integration
 {
 namespace
 {
+
+// A change that does not wake the worker is a failure of the test, not a delay.
+const bool kSleepsAreLong = (osak::SetLongestSleep(std::chrono::minutes(1)), true);
 
 constexpr const char* kVersionName = "version.txt";
 constexpr const char* kDirectoryName = "directory.csv";

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -394,93 +393,6 @@ TEST_F(OsakThread, AsynchronousSignalsAreBlockedInItAndNowhereElse)
     for (int number = 1; number < SIGRTMAX; ++number)
     {
         EXPECT_EQ(sigismember(&before, number), sigismember(&after, number)) << number;
-    }
-}
-
-unsigned int TimerSlack()
-{
-    return static_cast<unsigned int>(prctl(PR_GET_TIMERSLACK));
-}
-
-std::uintptr_t SlackOfAThreadWith(const char* setting)
-{
-    // No other thread of the test runs yet, or any more.
-    (void)setenv("CORPDIR_TIMER_SLACK_US", setting, 1);  // NOLINT(concurrency-mt-unsafe)
-    const std::uintptr_t slack = ResultOf(Start(TimerSlack));
-    (void)unsetenv("CORPDIR_TIMER_SLACK_US");  // NOLINT(concurrency-mt-unsafe)
-    return slack;
-}
-
-TEST_F(OsakThread, TimerSlackIsTheSystemsUnlessTheEnvironmentSetsIt)
-{
-    (void)unsetenv("CORPDIR_TIMER_SLACK_US");  // NOLINT(concurrency-mt-unsafe)
-    EXPECT_EQ(TimerSlack(), ResultOf(Start(TimerSlack)));
-    EXPECT_EQ(1000U, SlackOfAThreadWith("1"));
-    EXPECT_EQ(5000000U, SlackOfAThreadWith("5000"));
-    EXPECT_EQ(1000000000U, SlackOfAThreadWith("1000000"));
-    EXPECT_THAT(captured_log::Records(), IsEmpty());
-}
-
-OSAK_MUTEX g_polled;
-
-void LockAndUnlock(int times)
-{
-    for (int i = 0; i < times; ++i)
-    {
-        EXPECT_EQ(OSAK_OK, OSAK_MutexLock(&g_polled));
-        EXPECT_EQ(OSAK_OK, OSAK_MutexUnLock(&g_polled));
-    }
-}
-
-// The slack after many locks in a row, and around each kind of work.
-unsigned int PollInVain()
-{
-    static const std::function<void()> kWork[] = {
-        [] { OSAK_MemFreeD(OSAK_MemMallocD(1, 0, ""), 0, ""); },
-        [] { (void)OSAK_StrLen("text"); },
-        [] { (void)OSAK_StrCmp("text", "text"); },
-        [] { (void)OSAK_InetAddr("192.0.2.1"); },
-        [] { (void)OSAK_Inet_Pton(AF_INET, "", nullptr); },
-    };
-    unsigned int loose = 0;
-    for (const auto& work : kWork)
-    {
-        work();
-        EXPECT_EQ(TimerSlack(), g_code) << "there was work";
-        LockAndUnlock(255);
-        EXPECT_EQ(TimerSlack(), g_code) << "too early";
-        LockAndUnlock(100);
-        loose = TimerSlack();
-    }
-    return loose;
-}
-
-TEST_F(OsakThread, SleepsOfAThreadThatPollsInVainMayBeStretched)
-{
-    ASSERT_EQ(OSAK_OK, OSAK_MutexInitRecursive(&g_polled, nullptr));
-    (void)unsetenv("CORPDIR_TIMER_SLACK_US");  // NOLINT(concurrency-mt-unsafe)
-    const unsigned int usual = TimerSlack();
-    g_code = usual;
-    EXPECT_EQ(1000000U, ResultOf(Start(PollInVain)));
-    LockAndUnlock(1000);
-    EXPECT_EQ(usual, TimerSlack()) << "of a thread that is not the layer's";
-    g_code = 70000;
-    (void)setenv("CORPDIR_TIMER_SLACK_US", "70", 1);  // NOLINT(concurrency-mt-unsafe)
-    EXPECT_EQ(70000U, ResultOf(Start(PollInVain)));
-    (void)unsetenv("CORPDIR_TIMER_SLACK_US");  // NOLINT(concurrency-mt-unsafe)
-    EXPECT_EQ(OSAK_OK, OSAK_MutexDestroy(&g_polled));
-}
-
-TEST_F(OsakThread, TimerSlackOutOfRangeIsIgnoredAndLogged)
-{
-    for (const char* setting : {"0", "1000001", "-1", "5ms", "99999999999999999999999",
-                                "-18446744073709551611", "+7", " 7", "\t7", "7 ", "0x7"})
-    {
-        captured_log::Clear();
-        EXPECT_EQ(TimerSlack(), SlackOfAThreadWith(setting)) << setting;
-        EXPECT_THAT(
-            captured_log::Texts(CORPDIR_LOG_NOTICE),
-            ElementsAre(std::string("CORPDIR_TIMER_SLACK_US is not 1 to 1000000: ") + setting));
     }
 }
 

@@ -1,10 +1,10 @@
 // Storage for objects that outlive the exit handlers.
-#ifndef OSAK_NEVER_DESTROYED_H
-#define OSAK_NEVER_DESTROYED_H
+#ifndef CORPDIR_BASE_NEVER_DESTROYED_H
+#define CORPDIR_BASE_NEVER_DESTROYED_H
 
 #include <new>
 
-namespace osak
+namespace base
 {
 // A static object that is never destroyed: threads and static destructors still use it after the
 // exit handlers have run. Making one takes no memory from the heap.
@@ -25,6 +25,6 @@ private:
     alignas(T) unsigned char m_storage[sizeof(T)];
 };
 
-}  // namespace osak
+}  // namespace base
 
 #endif

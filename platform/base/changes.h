@@ -1,0 +1,61 @@
+// The changes that a thread which polls may have to look at, and the sleep between two looks.
+#ifndef CORPDIR_BASE_CHANGES_H
+#define CORPDIR_BASE_CHANGES_H
+
+#include <cstdint>
+
+#include "base/never_destroyed.h"
+#include "common/guard.h"
+
+namespace base
+{
+// A counter of the process. The layers raise it after each callback into their client, and when a
+// thread is to end: what such a callback has queued for another thread is there to be taken.
+// Thread-safe; not for the child of a fork.
+class Changes
+{
+public:
+    static Changes& Get()
+    {
+        static NeverDestroyed<Changes> changes;
+        return changes.Get();
+    }
+
+    // Counts a change and wakes all sleepers.
+    void Raise() CORPDIR_EXCLUDES(m_guard)
+    {
+        const common::Hold hold(m_guard);
+        ++m_count;
+        m_last = common::Clock::now();
+        m_raised.NotifyAll();
+    }
+
+    // The sleep of a thread that looked at its work since its last one. `seen` is what that one
+    // returned, 0 for a thread's first. Returns at once when there was a change since. Lasts
+    // `asked` for the first sleep and for one soon after a change, else `longest`; a change ends it
+    // early. Returns the count of changes, never 0.
+    uint64_t Sleep(uint64_t seen, common::Clock::duration asked, common::Clock::duration longest)
+        CORPDIR_EXCLUDES(m_guard)
+    {
+        constexpr std::chrono::milliseconds kSoon{1};
+        const common::Hold hold(m_guard);
+        const common::Clock::time_point now = common::Clock::now();
+        const bool brief = seen == 0 || now - m_last < kSoon;
+        const common::Clock::time_point end = now + (brief ? asked : longest);
+        const uint64_t known = seen == 0 ? m_count : seen;
+        while (m_count == known && m_raised.WaitUntil(m_guard, end))
+        {
+        }
+        return m_count;
+    }
+
+private:
+    common::Guard m_guard;
+    common::Signal m_raised;
+    uint64_t m_count CORPDIR_GUARDED_BY(m_guard) = 1;
+    common::Clock::time_point m_last CORPDIR_GUARDED_BY(m_guard);
+};
+
+}  // namespace base
+
+#endif
