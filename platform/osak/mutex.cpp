@@ -1,279 +1,166 @@
-// Recursive mutexes that are named by an address and live apart from it.
-//
-// The state of a mutex is found by its address in a table of chains. States are never freed and
-// never leave their chain; one whose mutex was destroyed serves the next address of that chain. So
-// a thread may look at any state at any time, and what keeps it from taking another's mutex is the
-// generation in the lock word: it changes with every destruction, and every step names the one it
-// means. An uncontended lock or unlock is a look-up and one compare-and-exchange.
-//
-// Who finds the mutex held, or wants to destroy it, takes the state's guard and sets the contended
-// bit. It makes the exchange of everybody else fail, so that they come for the guard too; the last
-// one to leave takes it away. Threads of a generation that ended may still be leaving when the next
-// one has begun: they only count down, and wake everybody.
+// Recursive mutexes that are named by an address and live apart from it: a registry under one lock.
 #include "mutex.h"
 
+#include "base/never_destroyed.h"
 #include "common/guard.h"
 #include "osak.h"
 #include "process.h"
 #include "thread.h"
 
-#include <atomic>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <new>
 
 namespace osak
 {
 namespace
 {
-// The lock word: the held bit, the contended bit, the generation. Who holds it stands beside it: a
-// number that is never given twice leaves no room for a generation.
-constexpr std::uint64_t kHeld = 1;
-constexpr std::uint64_t kContended = 2;
-constexpr std::uint64_t kGenerationStep = 4;
-
-// The word of the generation when nobody holds the mutex or waits for it.
-std::uint64_t GenerationOf(std::uint64_t word)
+struct Mutex
 {
-    return word & ~(kGenerationStep - 1);
-}
-
-// One mutex, or the place for one. On a cache line of its own, so that one mutex's traffic does not
-// slow another's.
-struct alignas(64) State
-{
-    explicit State(State* nextOfChain) : next(nextOfChain) {}
-
-    State* const next;
-
-    // While the contended bit is set the word changes under the guard only: an exchange without the
-    // guard expects the bit clear, and fails.
-    std::atomic<std::uint64_t> word{0};
-    // The name; null: free. It is cleared before the generation changes and set after it did.
-    std::atomic<const OSAK_MUTEX*> storage{nullptr};
-    // Number of the holding thread; 0 while nobody holds it, and for a moment around that. A thread
-    // that reads its own number holds the mutex: it is the only one to write that number here, and
-    // writes 0 before it lets go.
-    std::atomic<std::uint64_t> owner{0};
-    unsigned int depth = 0;  // the holder's own
-
-    common::Guard guard;
-    common::Signal changed;
-    unsigned int waiting CORPDIR_GUARDED_BY(guard) =
-        0;                                              // threads that the contended bit stands for
-    unsigned int ending CORPDIR_GUARDED_BY(guard) = 0;  // those of them that want to destroy it
+    std::uint64_t owner = 0;  // number of the holding thread; 0: it is free
+    unsigned int depth = 0;   // locks of the holder
+    unsigned int ending = 0;  // threads that wait to destroy it: lockers stand back
+    bool destroyed = false;   // those who wait for it may still have it
 };
 
-// Enough that a chain has one state in any program but a test.
-constexpr unsigned int kChainBits = 10;
-
-// The chains grow at the head only, under this guard.
-common::Guard g_growth;
-std::atomic<State*> g_chains[1U << kChainBits];
-
-// Multiplicative hashing: the upper bits depend on all bits of the address.
-std::atomic<State*>& ChainOf(const OSAK_MUTEX* storage)
+// Thread-safe: everything is under the guard, the mutexes included.
+struct Registry
 {
-    const std::uint64_t address = reinterpret_cast<std::uintptr_t>(storage);
-    return g_chains[(address * 0x9E3779B97F4A7C15U) >> (64 - kChainBits)];
-}
+    common::Guard guard;
+    common::Signal changed;  // a mutex was released or destroyed, or the process exits
+    std::map<const OSAK_MUTEX*, std::shared_ptr<Mutex>> mutexes CORPDIR_GUARDED_BY(guard);
 
-// The state that the address names, or null. *word is read before the name: a word of another
-// mutex that had or will have this state differs in the generation.
-State* Find(const OSAK_MUTEX* storage, std::uint64_t* word)
-{
-    State* state = ChainOf(storage).load(std::memory_order_acquire);
-    for (; state != nullptr; state = state->next)
+    // Null: the storage names none.
+    std::shared_ptr<Mutex> Find(const OSAK_MUTEX* storage) CORPDIR_REQUIRES(guard)
     {
-        *word = state->word.load(std::memory_order_acquire);
-        if (state->storage.load(std::memory_order_acquire) == storage)
-        {
-            return state;
-        }
+        const auto found = mutexes.find(storage);
+        return found != mutexes.end() ? found->second : nullptr;
     }
-    return nullptr;
-}
+};
 
-// Names a free state of the chain, or a new one. Null when memory ran out.
-State* Claim(const OSAK_MUTEX* storage) CORPDIR_REQUIRES(g_growth)
+Registry& TheRegistry()
 {
-    std::atomic<State*>& chain = ChainOf(storage);
-    State* const head = chain.load(std::memory_order_acquire);
-    for (State* state = head; state != nullptr; state = state->next)
-    {
-        if (state->storage.load(std::memory_order_acquire) == nullptr)
-        {
-            // The destroying thread has the guard until the generation has changed too.
-            const common::Hold hold(state->guard);
-            state->storage.store(storage, std::memory_order_release);
-            return state;
-        }
-    }
-    State* const state = new (std::nothrow) State(head);
-    if (state != nullptr)
-    {
-        state->storage.store(storage, std::memory_order_release);
-        chain.store(state, std::memory_order_release);
-    }
-    return state;
-}
-
-// From here the fast paths fail, and the word changes under the guard only.
-void Enlist(State& state) CORPDIR_REQUIRES(state.guard)
-{
-    ++state.waiting;
-    state.word.fetch_or(kContended);
-}
-
-// The contended bit goes with the last of those that it stands for.
-void Leave(State& state) CORPDIR_REQUIRES(state.guard)
-{
-    if (--state.waiting == 0)
-    {
-        state.word.fetch_and(~kContended);
-    }
+    static base::NeverDestroyed<Registry> s_registry;
+    return s_registry.Get();
 }
 
 // True when the holder was held for good while the process exits.
-bool IsHolderParked(const State& state)
+bool IsHolderParked(const Mutex& mutex)
 {
-    return CurrentPhase() == Phase::kExiting &&
-           IsParked(state.owner.load(std::memory_order_relaxed));
+    return CurrentPhase() == Phase::kExiting && IsParked(mutex.owner);
 }
 
-// Notes that the calling thread holds the mutex from now on.
-void BecomeHolder(State& state, std::uint64_t self)
-{
-    state.owner.store(self, std::memory_order_relaxed);
-    state.depth = 1;
-}
-
-// Waits until the mutex is free for a locker, and takes it.
-unsigned int AwaitLock(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
+// Waits until the mutex is free for a locker, or will not be.
+unsigned int AwaitFree(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(registry.guard)
 {
     // Static destructors are not to hang on a thread that will not come back.
     const bool bounded = CurrentPhase() == Phase::kExiting;
     const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
-    for (;;)
+    while (mutex.owner != 0 || mutex.ending != 0)
     {
-        const std::uint64_t word = state.word.load();
-        if (GenerationOf(word) != generation)
-        {
-            return OSAK_ERR_NO_MUTEX;
-        }
         if (MustPark())
         {
             return OSAK_ERR_SYSTEM;
         }
-        if ((word & kHeld) == 0 && state.ending == 0)
-        {
-            // Nobody else writes the word: the contended bit is set and the guard held.
-            state.word.store(word | kHeld);
-            BecomeHolder(state, CurrentThreadNumber());
-            return OSAK_OK;
-        }
-        if (bounded && IsHolderParked(state))
-        {
-            return OSAK_ERR_BUSY;
-        }
         if (!bounded)
         {
-            state.changed.Wait(state.guard);
+            registry.changed.Wait(registry.guard);
         }
-        else if (!state.changed.WaitUntil(state.guard, deadline))
+        else if (IsHolderParked(mutex) || !registry.changed.WaitUntil(registry.guard, deadline))
         {
             return OSAK_ERR_BUSY;
         }
-    }
-}
-
-// A lock whose exchange failed. The generation is the one that the look-up saw.
-unsigned int LockContended(State& state, std::uint64_t generation)
-{
-    unsigned int code = OSAK_ERR_NO_MUTEX;
-    {
-        const common::Hold hold(state.guard);
-        if (GenerationOf(state.word.load()) == generation)
+        if (mutex.destroyed)
         {
-            Enlist(state);
-            code = AwaitLock(state, generation);
-            Leave(state);
+            return OSAK_ERR_NO_MUTEX;
         }
     }
-    if (code != OSAK_OK)
-    {
-        ParkIfExiting();
-    }
-    return code;
+    return OSAK_OK;
 }
 
-// An unlock whose exchange failed. All are woken: among them may be one who wants to destroy the
-// mutex, or whose own has ended, and who would not pass the turn on.
-void UnlockContended(State& state)
+unsigned int Lock(const OSAK_MUTEX* storage)
 {
-    const common::Hold hold(state.guard);
-    state.word.fetch_and(~kHeld);
-    state.changed.NotifyAll();
+    Registry& registry = TheRegistry();
+    const common::Hold hold(registry.guard);
+    const std::shared_ptr<Mutex> mutex = registry.Find(storage);
+    if (mutex == nullptr)
+    {
+        return OSAK_ERR_NO_MUTEX;
+    }
+    if (mutex->owner != CurrentThreadNumber())
+    {
+        const unsigned int code = AwaitFree(registry, *mutex);
+        if (code != OSAK_OK)
+        {
+            return code;
+        }
+        mutex->owner = CurrentThreadNumber();
+    }
+    ++mutex->depth;
+    return OSAK_OK;
 }
 
-// Waits until the mutex is free to be destroyed; lockers stand back meanwhile. A holder that was
-// held for good counts as none. One more look follows the deadline: an unlock that comes with it
-// still counts.
-unsigned int AwaitUnheld(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
+unsigned int Unlock(const OSAK_MUTEX* storage)
+{
+    Registry& registry = TheRegistry();
+    const common::Hold hold(registry.guard);
+    const std::shared_ptr<Mutex> mutex = registry.Find(storage);
+    if (mutex == nullptr)
+    {
+        return OSAK_ERR_NO_MUTEX;
+    }
+    if (mutex->owner != CurrentThreadNumber())
+    {
+        return OSAK_ERR_OWNER;
+    }
+    if (--mutex->depth == 0)
+    {
+        mutex->owner = 0;
+        registry.changed.NotifyAll();
+    }
+    return OSAK_OK;
+}
+
+// Waits until nobody holds the mutex; a holder that was held for good counts as none. One more look
+// follows the deadline: an unlock that comes with it still counts.
+unsigned int AwaitUnheld(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(registry.guard)
 {
     const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
     bool inTime = true;
-    for (;;)
+    while (!mutex.destroyed && mutex.owner != 0 && !IsHolderParked(mutex))
     {
-        const std::uint64_t word = state.word.load();
-        if (GenerationOf(word) != generation)
-        {
-            return OSAK_ERR_NO_MUTEX;  // another thread destroyed it first
-        }
-        if ((word & kHeld) == 0 || IsHolderParked(state))
-        {
-            return OSAK_OK;
-        }
         if (!inTime)
         {
             return OSAK_ERR_BUSY;
         }
-        inTime = state.changed.WaitUntil(state.guard, deadline);
+        inTime = registry.changed.WaitUntil(registry.guard, deadline);
     }
+    return mutex.destroyed ? OSAK_ERR_NO_MUTEX : OSAK_OK;
 }
 
-// Takes the name away, then lets a new generation begin, unheld. The contended bit goes as well:
-// those in line are of the old generation and only leave, and whoever joins the line of the new one
-// sets it again.
-void Retire(State& state, std::uint64_t generation) CORPDIR_REQUIRES(state.guard)
+unsigned int Destroy(const OSAK_MUTEX* storage)
 {
-    state.storage.store(nullptr, std::memory_order_release);
-    state.owner.store(0, std::memory_order_relaxed);  // that of a thread that was held for good
-    state.word.store(generation + kGenerationStep);
-}
-
-// The steps of a destruction; a mutex that is not held goes through them without waiting.
-unsigned int Destroy(State& state, std::uint64_t generation)
-{
-    const common::Hold hold(state.guard);
-    const std::uint64_t word = state.word.load();
-    if (GenerationOf(word) != generation)
+    Registry& registry = TheRegistry();
+    const common::Hold hold(registry.guard);
+    const std::shared_ptr<Mutex> mutex = registry.Find(storage);
+    if (mutex == nullptr)
     {
         return OSAK_ERR_NO_MUTEX;
     }
-    if (state.owner.load(std::memory_order_relaxed) == CurrentThreadNumber())
+    if (mutex->owner == CurrentThreadNumber())
     {
         return OSAK_ERR_OWNER;
     }
-    Enlist(state);
-    ++state.ending;
-    const unsigned int code = AwaitUnheld(state, generation);
+    ++mutex->ending;
+    const unsigned int code = AwaitUnheld(registry, *mutex);
+    --mutex->ending;
     if (code == OSAK_OK)
     {
-        Retire(state, generation);
+        mutex->destroyed = true;
+        registry.mutexes.erase(storage);
     }
-    --state.ending;
-    Leave(state);
-    state.changed.NotifyAll();
+    registry.changed.NotifyAll();
     return code;
 }
 
@@ -281,15 +168,9 @@ unsigned int Destroy(State& state, std::uint64_t generation)
 
 void WakeMutexWaiters()
 {
-    for (std::atomic<State*>& chain : g_chains)
-    {
-        for (State* state = chain.load(std::memory_order_acquire); state != nullptr;
-             state = state->next)
-        {
-            const common::Hold hold(state->guard);
-            state->changed.NotifyAll();
-        }
-    }
+    Registry& registry = TheRegistry();
+    const common::Hold hold(registry.guard);
+    registry.changed.NotifyAll();
 }
 
 }  // namespace osak
@@ -305,14 +186,17 @@ unsigned int OSAK_MutexInitRecursive(OSAK_MUTEX* mutex, void* attr)
         return OSAK_ERR_SYSTEM;
     }
     osak::WatchProcess();
-    std::uint64_t word = 0;
-    const common::Hold hold(
-        osak::g_growth);  // covers the test and the claim: one of two inits wins
-    if (osak::Find(mutex, &word) != nullptr)
+    try
     {
-        return OSAK_ERR_PARAM;
+        osak::Registry& registry = osak::TheRegistry();
+        const common::Hold hold(registry.guard);
+        const bool made = registry.mutexes.emplace(mutex, std::make_shared<osak::Mutex>()).second;
+        return made ? OSAK_OK : OSAK_ERR_PARAM;
     }
-    return osak::Claim(mutex) != nullptr ? OSAK_OK : OSAK_ERR_SYSTEM;
+    catch (const std::bad_alloc&)
+    {
+        return OSAK_ERR_SYSTEM;
+    }
 }
 
 unsigned int OSAK_MutexDestroy(OSAK_MUTEX* mutex)
@@ -325,13 +209,7 @@ unsigned int OSAK_MutexDestroy(OSAK_MUTEX* mutex)
     {
         return OSAK_ERR_SYSTEM;
     }
-    std::uint64_t word = 0;
-    osak::State* const state = osak::Find(mutex, &word);
-    if (state == nullptr)
-    {
-        return OSAK_ERR_NO_MUTEX;
-    }
-    return osak::Destroy(*state, osak::GenerationOf(word));
+    return osak::Destroy(mutex);
 }
 
 unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex)
@@ -340,34 +218,17 @@ unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex)
     {
         return OSAK_ERR_PARAM;
     }
-    if (osak::CurrentPhase() != osak::Phase::kRunning)
+    osak::ParkIfExiting();
+    if (osak::IsForkedChild())
+    {
+        return OSAK_ERR_SYSTEM;
+    }
+    const unsigned int code = osak::Lock(mutex);
+    if (code != OSAK_OK)
     {
         osak::ParkIfExiting();
-        if (osak::IsForkedChild())
-        {
-            return OSAK_ERR_SYSTEM;
-        }
     }
-    std::uint64_t word = 0;
-    osak::State* const state = osak::Find(mutex, &word);
-    if (state == nullptr)
-    {
-        return OSAK_ERR_NO_MUTEX;
-    }
-    const std::uint64_t self = osak::CurrentThreadNumber();
-    if (state->owner.load(std::memory_order_relaxed) == self)
-    {
-        ++state->depth;
-        return OSAK_OK;
-    }
-    std::uint64_t unheld = osak::GenerationOf(word);
-    if (state->word.compare_exchange_strong(unheld, unheld | osak::kHeld,
-                                            std::memory_order_acquire))
-    {
-        osak::BecomeHolder(*state, self);
-        return OSAK_OK;
-    }
-    return osak::LockContended(*state, osak::GenerationOf(word));
+    return code;
 }
 
 unsigned int OSAK_MutexUnLock(OSAK_MUTEX* mutex)
@@ -380,27 +241,5 @@ unsigned int OSAK_MutexUnLock(OSAK_MUTEX* mutex)
     {
         return OSAK_ERR_SYSTEM;
     }
-    std::uint64_t word = 0;
-    osak::State* const state = osak::Find(mutex, &word);
-    if (state == nullptr)
-    {
-        return OSAK_ERR_NO_MUTEX;
-    }
-    if (state->owner.load(std::memory_order_relaxed) != osak::CurrentThreadNumber())
-    {
-        return OSAK_ERR_OWNER;
-    }
-    // The holder's word cannot change generation beneath it: a destroy waits for this unlock.
-    if (--state->depth != 0)
-    {
-        return OSAK_OK;
-    }
-    state->owner.store(0, std::memory_order_relaxed);
-    const std::uint64_t unheld = osak::GenerationOf(word);
-    std::uint64_t held = unheld | osak::kHeld;
-    if (!state->word.compare_exchange_strong(held, unheld, std::memory_order_release))
-    {
-        osak::UnlockContended(*state);
-    }
-    return OSAK_OK;
+    return osak::Unlock(mutex);
 }

@@ -1,76 +1,49 @@
-// Relative timers: one Asio steady timer each, on one thread that starts with the first of them.
+// Relative timers: a table, and one thread that starts with the first of them.
 //
-// A handle is a number, looked up under the guard, so a stale one finds nothing. Each start begins
-// a new round of its timer, and an expiry carries the round it belongs to: one that Asio had queued
-// already when the timer was restarted or freed is recognised and dropped. The callback runs with
-// the guard released; a free from elsewhere waits until it has returned.
+// A handle is a number, looked up under the guard, so a stale one finds nothing. The callback runs
+// with the guard released; a free from elsewhere waits until it has returned.
 #include "timer.h"
 
 #include "base/changes.h"
 #include "base/never_destroyed.h"
 #include "handle.h"
 #include "osak.h"
-#include "osak_log.h"
 #include "process.h"
 #include "thread.h"
 
-#include <asio/executor_work_guard.hpp>
-#include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
-
 #include <chrono>
 #include <cstdint>
-#include <exception>
-#include <memory>
-#include <unordered_map>
+#include <map>
+#include <new>
 
 namespace osak
 {
 namespace
 {
-// The event loop. It has work for ever, so its thread sleeps, not ends, when no timer runs.
-struct Loop
-{
-    asio::io_context context;
-    asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
-};
+using common::Clock;
 
-// What a timer was made with.
-struct Plan
-{
-    OSAK_TIMER_PROC callback;
-    bool repeats;
-    unsigned int line;
-    const char* file;
-};
-
-// One timer. The service's guard guards it; the plan is constant.
 struct Timer
 {
-    Timer(Loop& loop, const Plan& what) : clock(loop.context), plan(what) {}
-
-    asio::steady_timer clock;
-    const Plan plan;
-    std::chrono::milliseconds period{0};  // of the latest start
-    void* param = nullptr;                // of the latest start
-    std::uint64_t round = 0;  // counts starts and the free: an expiry of an earlier one is void
+    OSAK_TIMER_PROC callback = nullptr;
+    bool repeats = false;
+    std::chrono::milliseconds period{0};               // of the latest start
+    void* param = nullptr;                             // of the latest start
+    Clock::time_point due = Clock::time_point::max();  // max: it does not run
 };
 
-// Shared by the table of timers and by the waits that Asio has queued.
-using TimerRef = std::shared_ptr<Timer>;
-
-// Thread-safe: everything is under the guard, which no callback runs under. Asio's timers are not
-// thread-safe themselves, so the guard covers every use of a clock.
+// Thread-safe: everything is under the guard, which no callback runs under.
 class TimerService
 {
 public:
-    OSAK_TIMER Create(const Plan& plan);
+    OSAK_TIMER Create(OSAK_TIMER_PROC callback, bool repeats);
     unsigned int Start(std::uintptr_t number, unsigned int ms, void* param);
     unsigned int Free(std::uintptr_t number);
     void End();
     void Run();
 
 private:
+    using Timers = std::map<std::uintptr_t, Timer>;
+
     // How far the thread is; a failed start goes back to the first, for another try.
     enum class Stage
     {
@@ -79,23 +52,17 @@ private:
         kRunning
     };
 
-    bool EnsureThread();
-    void StartThreadUnlocked() CORPDIR_REQUIRES(m_guard);
-    TimerRef Find(std::uintptr_t number) CORPDIR_REQUIRES(m_guard);
-    void Arm(const TimerRef& timer) CORPDIR_REQUIRES(m_guard);
-    bool Rearm(const TimerRef& timer) CORPDIR_REQUIRES(m_guard);
-    bool BeginCall(const TimerRef& timer, std::uint64_t round, void** param, bool* armed);
-    void EndCall();
-    void Expired(const TimerRef& timer, std::uint64_t round);
+    bool EnsureThread() CORPDIR_REQUIRES(m_guard);
+    Timers::iterator Next() CORPDIR_REQUIRES(m_guard);
+    void Call(Timers::iterator next) CORPDIR_REQUIRES(m_guard);
 
     common::Guard m_guard;
-    common::Signal m_changed;  // the thread has started or failed to, or a callback has returned
+    common::Signal m_changed;  // there is something for the thread, or for who waits for it
     Stage m_stage CORPDIR_GUARDED_BY(m_guard) = Stage::kNone;
-    bool m_ended CORPDIR_GUARDED_BY(m_guard) = false;          // the process exits
-    std::unique_ptr<Loop> m_loop CORPDIR_GUARDED_BY(m_guard);  // constant once it is there
-    std::unordered_map<std::uintptr_t, TimerRef> m_timers CORPDIR_GUARDED_BY(m_guard);
+    bool m_ended CORPDIR_GUARDED_BY(m_guard) = false;  // the process exits
+    Timers m_timers CORPDIR_GUARDED_BY(m_guard);
     std::uintptr_t m_lastNumber CORPDIR_GUARDED_BY(m_guard) = 0;
-    const Timer* m_called CORPDIR_GUARDED_BY(m_guard) = nullptr;  // whose callback runs
+    std::uintptr_t m_called CORPDIR_GUARDED_BY(m_guard) = 0;  // whose callback runs; 0: none
     std::uint64_t m_threadNumber CORPDIR_GUARDED_BY(m_guard) = 0;
 };
 
@@ -114,87 +81,98 @@ unsigned int TimerThread()
 
 void TimerService::Run()
 {
-    Loop* loop = nullptr;
+    const common::Hold hold(m_guard);
+    m_threadNumber = CurrentThreadNumber();
+    for (;;)
     {
-        const common::Hold hold(m_guard);
-        m_threadNumber = CurrentThreadNumber();
-        loop = m_loop.get();
+        const Timers::iterator next = m_ended ? m_timers.end() : Next();
+        if (next == m_timers.end())
+        {
+            m_changed.Wait(m_guard);
+        }
+        else if (next->second.due > Clock::now())
+        {
+            (void)m_changed.WaitUntil(m_guard, next->second.due);
+        }
+        else
+        {
+            Call(next);
+        }
     }
-    loop->context.run();
 }
 
-// Starts the thread with the guard released: that may write to the log.
-void TimerService::StartThreadUnlocked()
+// The timer that is due first; the end when none runs.
+TimerService::Timers::iterator TimerService::Next()
 {
-    m_stage = Stage::kStarting;
+    auto next = m_timers.end();
+    for (auto timer = m_timers.begin(); timer != m_timers.end(); ++timer)
+    {
+        const Clock::time_point before =
+            next != m_timers.end() ? next->second.due : Clock::time_point::max();
+        next = timer->second.due < before ? timer : next;
+    }
+    return next;
+}
+
+// One expiry, on the timer thread. The next one is a period from now, however late this one is. The
+// exit of the process sees an end or a call: both begin under the guard.
+void TimerService::Call(Timers::iterator next)
+{
+    Timer& timer = next->second;
+    timer.due = timer.repeats ? Clock::now() + timer.period : Clock::time_point::max();
+    const OSAK_TIMER_PROC callback = timer.callback;
+    void* const param = timer.param;
+    m_called = next->first;
+    BeginClientCall();
     m_guard.Unlock();
-    OSAK_THREAD thread = nullptr;
-    const unsigned int code = StartThread("corpdir-timer", Duty::kLayer, TimerThread, &thread);
+    callback(param);
+    base::Changes::Get().Raise();
     m_guard.Lock();
-    m_stage = code == OSAK_OK ? Stage::kRunning : Stage::kNone;
+    EndClientCall();
+    m_called = 0;
     m_changed.NotifyAll();
 }
 
 // True when the thread runs and the process goes on. Of several first callers one starts the
-// thread, the others wait for the outcome.
+// thread, with the guard released, and the others wait for the outcome.
 bool TimerService::EnsureThread()
 {
-    const common::Hold hold(m_guard);
     while (m_stage == Stage::kStarting)
     {
         m_changed.Wait(m_guard);
     }
     if (m_stage == Stage::kNone && !m_ended)
     {
-        if (m_loop == nullptr)
-        {
-            m_loop = std::make_unique<Loop>();
-        }
-        StartThreadUnlocked();
+        m_stage = Stage::kStarting;
+        m_guard.Unlock();
+        OSAK_THREAD thread = nullptr;
+        const unsigned int code = StartThread("corpdir-timer", Duty::kLayer, TimerThread, &thread);
+        m_guard.Lock();
+        m_stage = code == OSAK_OK ? Stage::kRunning : Stage::kNone;
+        m_changed.NotifyAll();
     }
     return m_stage == Stage::kRunning && !m_ended;
 }
 
-OSAK_TIMER TimerService::Create(const Plan& plan)
+OSAK_TIMER TimerService::Create(OSAK_TIMER_PROC callback, bool repeats)
 {
+    const common::Hold hold(m_guard);
     if (!EnsureThread())
     {
         return nullptr;
     }
-    const common::Hold hold(m_guard);
-    const TimerRef timer = std::make_shared<Timer>(*m_loop, plan);
     ++m_lastNumber;
-    m_timers.emplace(m_lastNumber, timer);
+    Timer& timer = m_timers[m_lastNumber];
+    timer.callback = callback;
+    timer.repeats = repeats;
     return PointerOf<OSAK_TIMER>(m_lastNumber);
-}
-
-TimerRef TimerService::Find(std::uintptr_t number)
-{
-    const auto found = m_timers.find(number);
-    return found != m_timers.end() ? found->second : nullptr;
-}
-
-// Lets the clock run for a period from now; a wait in progress is cancelled. What is queued of an
-// earlier round is void. Throws when memory ran out: the timer does not run then.
-void TimerService::Arm(const TimerRef& timer)
-{
-    const std::uint64_t round = ++timer->round;
-    timer->clock.expires_after(timer->period);
-    timer->clock.async_wait(
-        [this, timer, round](const asio::error_code& error)
-        {
-            if (!error)  // else the wait was cancelled
-            {
-                Expired(timer, round);
-            }
-        });
 }
 
 unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* param)
 {
     const common::Hold hold(m_guard);
-    const TimerRef timer = Find(number);
-    if (timer == nullptr)
+    const auto found = m_timers.find(number);
+    if (found == m_timers.end())
     {
         return OSAK_ERR_HANDLE;
     }
@@ -202,86 +180,24 @@ unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* p
     {
         return OSAK_ERR_SYSTEM;
     }
+    Timer& timer = found->second;
     // A repeating timer without a length would never let the thread rest.
-    timer->period = std::chrono::milliseconds(timer->plan.repeats && ms == 0 ? 1 : ms);
-    timer->param = param;
-    Arm(timer);
-    return OSAK_OK;
-}
-
-// As Arm; false when memory ran out.
-bool TimerService::Rearm(const TimerRef& timer)
-{
-    try
-    {
-        Arm(timer);
-        return true;
-    }
-    catch (const std::exception&)
-    {
-        return false;
-    }
-}
-
-// Takes an expiry to the point of the call. The next one is a period from now, however late this
-// one is. False when the expiry is void.
-bool TimerService::BeginCall(const TimerRef& timer, std::uint64_t round, void** param, bool* armed)
-{
-    const common::Hold hold(m_guard);
-    if (round != timer->round || m_ended)
-    {
-        return false;
-    }
-    *armed = !timer->plan.repeats || Rearm(timer);
-    *param = timer->param;
-    m_called = timer.get();
-    BeginClientCall();  // under the guard: the exit of the process sees an end or a call
-    return true;
-}
-
-// Lets a free that waits for the callback go on.
-void TimerService::EndCall()
-{
-    const common::Hold hold(m_guard);
-    EndClientCall();
-    m_called = nullptr;
+    timer.period = std::chrono::milliseconds(timer.repeats && ms == 0 ? 1 : ms);
+    timer.param = param;
+    timer.due = Clock::now() + timer.period;
     m_changed.NotifyAll();
-}
-
-// One expiry, on the timer thread.
-void TimerService::Expired(const TimerRef& timer, std::uint64_t round)
-{
-    bool armed = true;
-    void* param = nullptr;
-    if (!BeginCall(timer, round, &param, &armed))
-    {
-        return;
-    }
-    if (!armed)
-    {
-        const char* const file = timer->plan.file;
-        OSAK_LOG(CORPDIR_LOG_ERROR, "Timer of %s:%u stops, memory ran out",
-                 file != nullptr ? file : "?", timer->plan.line);
-    }
-    timer->plan.callback(param);
-    base::Changes::Get().Raise();
-    EndCall();
+    return OSAK_OK;
 }
 
 unsigned int TimerService::Free(std::uintptr_t number)
 {
     const common::Hold hold(m_guard);
-    const TimerRef timer = Find(number);
-    if (timer == nullptr)
+    if (m_timers.erase(number) == 0)
     {
         return OSAK_ERR_HANDLE;
     }
-    // An expiry that is queued finds its round over; one that has passed that test is m_called.
-    m_timers.erase(number);
-    ++timer->round;
-    timer->clock.cancel();
     const bool exiting = m_ended;
-    while (m_called == timer.get() && m_threadNumber != CurrentThreadNumber())
+    while (m_called == number && m_threadNumber != CurrentThreadNumber())
     {
         // The exit handler has waited for it already; or it waits for the caller too, and the
         // callback may have been held for good.
@@ -294,8 +210,7 @@ unsigned int TimerService::Free(std::uintptr_t number)
     return OSAK_OK;
 }
 
-// An expiry tests the flag under the guard: after this one it is either void, or counted as a
-// client's callback by the thread's record. Who waits for a callback is woken, to be held.
+// Who waits for a callback is woken, to be held.
 void TimerService::End()
 {
     const common::Hold hold(m_guard);
@@ -312,8 +227,8 @@ void EndTimers()
 
 }  // namespace osak
 
-OSAK_TIMER OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned int mode, unsigned int line,
-                                const char* file)
+OSAK_TIMER OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned int mode, unsigned int /*line*/,
+                                const char* /*file*/)
 {
     if (callback == nullptr || osak::IsForkedChild())
     {
@@ -322,9 +237,9 @@ OSAK_TIMER OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned int mode, uns
     osak::WatchProcess();
     try
     {
-        return osak::TheService().Create({callback, mode == 0, line, file});
+        return osak::TheService().Create(callback, mode == 0);
     }
-    catch (const std::exception&)  // no memory, or no descriptor for the event loop
+    catch (const std::bad_alloc&)
     {
         return nullptr;
     }
@@ -340,14 +255,7 @@ unsigned int OSAK_StartRelTimer(OSAK_TIMER timer, unsigned int ms, void* param)
     {
         return OSAK_ERR_SYSTEM;
     }
-    try
-    {
-        return osak::TheService().Start(osak::NumberOf(timer), ms, param);
-    }
-    catch (const std::exception&)  // no memory for the wait: the timer does not run
-    {
-        return OSAK_ERR_SYSTEM;
-    }
+    return osak::TheService().Start(osak::NumberOf(timer), ms, param);
 }
 
 unsigned int OSAK_FreeRelTimer(OSAK_TIMER timer)
