@@ -35,7 +35,7 @@ enum tagOSAK_RESULT
                             // process exits also: the thread or callback did not end in time
     OSAK_ERR_OWNER = 4,     // refused to the holder (destroy), or to one who is not (unlock)
     OSAK_ERR_HANDLE = 5,    // a freed, joined or unknown handle
-    OSAK_ERR_SELF = 6,      // a thread cannot join itself, nor one that joins it
+    OSAK_ERR_SELF = 6,      // a thread cannot join itself
     OSAK_ERR_SYSTEM = 7     // memory ran out, the system refused, or the process exits
 };
 

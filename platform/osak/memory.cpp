@@ -7,7 +7,6 @@
 #include "osak_diagnostics.h"
 #include "osak_log.h"
 #include "process.h"
-#include "thread.h"
 
 #include <array>
 #include <cstdint>
@@ -131,21 +130,12 @@ struct Memory
     common::Guard guard;
     std::unordered_map<std::uintptr_t, Block> live CORPDIR_GUARDED_BY(guard);
     Quarantine released CORPDIR_GUARDED_BY(guard);
-    unsigned int requestsUntilFailure CORPDIR_GUARDED_BY(guard) = 0;  // 0: none is to fail
 };
 
 Memory& TheMemory()
 {
     static base::NeverDestroyed<Memory> s_memory;
     return s_memory.Get();
-}
-
-// True when a test wants this request to fail.
-bool FailsByWish()
-{
-    Memory& memory = TheMemory();
-    const common::Hold hold(memory.guard);
-    return memory.requestsUntilFailure != 0 && --memory.requestsUntilFailure == 0;
 }
 
 // Enters a block among the live ones. False when there is no memory for the entry.
@@ -237,10 +227,6 @@ void* Allocate(size_t size, const Place& place)
         return nullptr;
     }
     WatchProcess();
-    if (FailsByWish())
-    {
-        return nullptr;
-    }
     void* const address = std::calloc(1, size);
     if (address != nullptr && !Enter(address, Block{size, place}))
     {
@@ -373,14 +359,4 @@ void OSAK_MemLogReport()
     }
     OSAK_LOG(CORPDIR_LOG_NOTICE, "Live: %zu blocks, %zu bytes", total.ulBlocks, total.ulBytes);
     (void)OSAK_MemReport(nullptr, osak::LogPlace, nullptr);  // out of memory: the sum must do
-}
-
-void OSAK_MemFailRequest(unsigned int nth)
-{
-    if (!osak::IsForkedChild())
-    {
-        osak::Memory& memory = osak::TheMemory();
-        const common::Hold hold(memory.guard);
-        memory.requestsUntilFailure = nth;
-    }
 }

@@ -28,10 +28,6 @@ extern "C"
     // level 1. The log calls it when it is closed.
     void OSAK_MemLogReport();
 
-    // Makes the nth request for a block from now on fail, once: 1 is the next one, 0 takes an
-    // earlier wish back.
-    void OSAK_MemFailRequest(unsigned int nth);
-
 }  // extern "C"
 
 #endif

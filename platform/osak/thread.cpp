@@ -1,8 +1,8 @@
 // Threads: a registry of those that were not joined, by numbers that serve as handles.
 //
-// A join waits for the record's end, not in pthread_join: so a second joiner, a circle of joiners
-// and a thread that was held while the process exits each get a code. pthread_join then collects a
-// thread that has nothing left to do.
+// A join waits for the record's end, not in pthread_join: so a second joiner, and one whose thread
+// was held while the process exits, get a code. pthread_join then collects a thread that has
+// nothing left to do.
 #include "thread.h"
 
 #include "base/changes.h"
@@ -48,8 +48,7 @@ struct Thread
     bool joined = false;             // somebody waits for its end
     bool refusedItself = false;      // it tried to join itself: most likely nobody will
     bool ended = false;
-    bool parked = false;               // held for good, the process exits
-    const Thread* waitsFor = nullptr;  // the thread that this one joins
+    bool parked = false;  // held for good, the process exits
 };
 
 // The threads that were not joined. Thread-safe: everything is under the guard.
@@ -205,16 +204,6 @@ void CollectAbandoned()
     }
 }
 
-// True when the thread, or one that it waits for, waits for the caller: the join would never end.
-bool WaitsForCaller(const Thread* thread)
-{
-    while (thread != nullptr && thread != t_self)
-    {
-        thread = thread->waitsFor;
-    }
-    return thread != nullptr;
-}
-
 // Waits for the end of a thread that is not going to be held for good.
 unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES(registry.guard)
 {
@@ -235,20 +224,6 @@ unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES
     return thread.ended ? OSAK_OK : OSAK_ERR_BUSY;
 }
 
-// Waits as above, visibly to those who want to join the calling thread.
-unsigned int AwaitEndVisibly(Registry& registry, const Thread& thread)
-    CORPDIR_REQUIRES(registry.guard)
-{
-    if (t_self == nullptr)
-    {
-        return AwaitEnd(registry, thread);
-    }
-    t_self->waitsFor = &thread;
-    const unsigned int code = AwaitEnd(registry, thread);
-    t_self->waitsFor = nullptr;
-    return code;
-}
-
 // Takes the right to join the thread, waits for its end, and forgets it.
 unsigned int JoinRegistered(std::uintptr_t number, pthread_t* native)
 {
@@ -260,10 +235,9 @@ unsigned int JoinRegistered(std::uintptr_t number, pthread_t* native)
         return OSAK_ERR_HANDLE;
     }
     Thread& thread = *found->second;
-    // First the circle: it names the caller's mistake better than the handle does.
-    if (t_self != nullptr && WaitsForCaller(&thread))
+    if (&thread == t_self)
     {
-        thread.refusedItself = thread.refusedItself || &thread == t_self;
+        thread.refusedItself = true;
         return OSAK_ERR_SELF;
     }
     if (thread.joined)
@@ -271,7 +245,7 @@ unsigned int JoinRegistered(std::uintptr_t number, pthread_t* native)
         return OSAK_ERR_HANDLE;
     }
     thread.joined = true;
-    const unsigned int code = AwaitEndVisibly(registry, thread);
+    const unsigned int code = AwaitEnd(registry, thread);
     if (code != OSAK_OK)
     {
         thread.joined = false;  // another may try

@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "failing_calloc.h"
 #include "lifecycle_counts.h"
 #include "osak/osak_diagnostics.h"
 #include "service_client.h"
@@ -456,7 +457,7 @@ void Sequence::FailMemory()
     const std::lock_guard<std::mutex> call(m_call);
     const unsigned int nth = 1 + Draw(3);
     Note("memory request " + std::to_string(nth) + " from here fails");
-    OSAK_MemFailRequest(nth);
+    support::FailCalloc(nth);
     m_memory_fails = true;
 }
 
@@ -498,7 +499,7 @@ void Sequence::StopTogether()
 
 void Sequence::End()
 {
-    OSAK_MemFailRequest(0);
+    support::FailCalloc(0);
     m_stopping = true;
     Stop();
     m_client.OnResult(nullptr);

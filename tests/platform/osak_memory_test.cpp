@@ -1,5 +1,6 @@
 // The memory of the operating-system layer.
 #include "captured_log.h"
+#include "failing_calloc.h"
 #include "osak.h"
 #include "osak/osak_diagnostics.h"
 
@@ -327,9 +328,9 @@ TEST_F(OsakMemory, LiveBlocksAreLoggedWhenTheLogIsClosed)
     EXPECT_EQ(captured_log::Kind::kClose, records[2].kind);
 }
 
-TEST_F(OsakMemory, TheNthRequestFailsOnce)
+TEST_F(OsakMemory, ARequestWithoutMemoryGivesNull)
 {
-    OSAK_MemFailRequest(2);
+    support::FailCalloc(2);
     void* const first = OSAK_MemMallocD(8, kLine, kFile);
     void* const second = OSAK_MemMallocS(8, 0, kLine, kFile);
     void* const third = OSAK_MemMallocD(8, kLine, kFile);
@@ -338,15 +339,6 @@ TEST_F(OsakMemory, TheNthRequestFailsOnce)
     EXPECT_NE(nullptr, third);
     OSAK_MemFreeD(first, kLine, kFile);
     OSAK_MemFreeD(third, kLine, kFile);
-}
-
-TEST_F(OsakMemory, AFailureThatIsTakenBackDoesNotCome)
-{
-    OSAK_MemFailRequest(1);
-    OSAK_MemFailRequest(0);
-    void* const block = OSAK_MemMallocD(8, kLine, kFile);
-    EXPECT_NE(nullptr, block);
-    OSAK_MemFreeD(block, kLine, kFile);
 }
 
 TEST_F(OsakMemory, ThreadsMayAllocateAndFreeAtOnce)

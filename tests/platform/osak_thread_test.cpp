@@ -12,17 +12,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace
 {
@@ -298,43 +294,6 @@ TEST_F(OsakThread, AJoinWaitsForTheThreadLocalDestructorsToo)
     g_go = true;
     EXPECT_EQ(5U, ResultOf(thread));
     EXPECT_EQ(OSAK_ERR_SELF, g_code);  // still a thread of the layer
-}
-
-TEST_F(OsakThread, TwoThreadsCannotJoinEachOther)
-{
-    const OSAK_THREAD first = Start(
-        []() -> unsigned int
-        {
-            AwaitGo();
-            return OSAK_PthreadJoin(g_other, nullptr);
-        });
-    const OSAK_THREAD second = Start(
-        []() -> unsigned int
-        {
-            AwaitGo();
-            g_code = OSAK_PthreadJoin(g_handle, nullptr);
-            g_go = false;
-            return 0;
-        });
-    g_handle = first;
-    g_other = second;
-    g_go = true;
-    while (g_go)
-    {
-        std::this_thread::yield();
-    }
-    // The one whose join came second was refused, and the other has joined it since.
-    if (g_code == OSAK_ERR_SELF)
-    {
-        EXPECT_EQ(OSAK_OK, ResultOf(first));
-        EXPECT_EQ(OSAK_ERR_HANDLE, OSAK_PthreadJoin(second, nullptr));
-    }
-    else
-    {
-        EXPECT_EQ(OSAK_OK, g_code);
-        EXPECT_EQ(OSAK_ERR_HANDLE, OSAK_PthreadJoin(first, nullptr));
-        EXPECT_EQ(OSAK_OK, OSAK_PthreadJoin(second, nullptr));
-    }
 }
 
 TEST_F(OsakThread, OfTwoThreadsThatJoinItOneWaitsAndTheOtherGetsACode)
