@@ -39,7 +39,6 @@ ALLOWED = {
 # The one folder in which a library's headers may stand.
 THIRD_PARTY = {
     "openssl/": {"platform/zep", "platform/travex_ftp"},
-    "asio": {"platform/osak"},
     "fmt/": {"platform/corpdir_log"},
     "CLI/": {"tools/corpdir"},
     "nlohmann/": {"tools/corpdir"},

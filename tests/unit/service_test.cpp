@@ -154,10 +154,10 @@ unsigned int ServiceTest::RunWorkerUntilIdle()
 std::vector<unsigned int> ServiceTest::Tasks()
 {
     std::vector<unsigned int> vecTasks;
-    while (!members.m_listThreadPro.empty())
+    tagCORPDIR_E_THREADPRO_TYPE eTask{};
+    while (members.m_listThreadPro.take_front(eTask))
     {
-        vecTasks.push_back(members.m_listThreadPro.front());
-        members.m_listThreadPro.pop_front();
+        vecTasks.push_back(eTask);
     }
     for (const unsigned int ulTask : vecTasks)
     {

@@ -1,4 +1,4 @@
-// The worker's queue: a list for one taker and many producers, which take no lock.
+// The worker's queue: a list with many producers, a taker, and others who clear it.
 #include <array>
 #include <atomic>
 #include <cstdlib>
@@ -158,10 +158,10 @@ protected:
     std::vector<unsigned int> TakeAll()
     {
         std::vector<unsigned int> vecTasks;
-        while (!list.empty())
+        CThreadProList::value_type eTask{};
+        while (list.take_front(eTask))
         {
-            vecTasks.push_back(list.front());
-            list.pop_front();
+            vecTasks.push_back(eTask);
         }
         return vecTasks;
     }
@@ -191,94 +191,51 @@ TEST_F(TaskListTest, GivesTasksFirstInFirstOut)
 
 TEST_F(TaskListTest, KeepsTheOrderAcrossReadsInBetween)
 {
+    CThreadProList::value_type eTask{};
     list.push_back(Task(1));
     EXPECT_FALSE(list.empty());
     list.push_back(Task(2));
     list.push_back(Task(3));
     EXPECT_EQ(list.front(), Task(1));
     list.push_back(Task(4));
-    list.pop_front();
+    EXPECT_TRUE(list.take_front(eTask));
+    EXPECT_EQ(eTask, Task(1));
     list.push_back(Task(5));
+    EXPECT_EQ(list.size(), 4U);
     EXPECT_THAT(TakeAll(), ElementsAre(2, 3, 4, 5));
 }
 
-TEST_F(TaskListTest, AnEmptyListGivesZeroAndRemovesNothing)
+TEST_F(TaskListTest, AnEmptyListGivesZeroAndHasNothingToTake)
 {
+    CThreadProList::value_type eTask = Task(7);
     EXPECT_TRUE(list.empty());
+    EXPECT_EQ(list.size(), 0U);
     EXPECT_EQ(list.front(), Task(0));
-    list.pop_front();
+    EXPECT_FALSE(list.take_front(eTask));
+    EXPECT_EQ(eTask, Task(7));
     list.clear();
     EXPECT_TRUE(list.empty());
-    list.push_back(Task(1));
-    EXPECT_THAT(TakeAll(), ElementsAre(1));
 }
 
-TEST_F(TaskListTest, RemovalFromAnEmptyListWithoutAReadDoesNothing)
+TEST_F(TaskListTest, TheFrontIsACopyAndStaysUntilItIsTaken)
 {
-    list.pop_front();
-    list.push_back(Task(1));
-    EXPECT_THAT(TakeAll(), ElementsAre(1));
-}
-
-TEST_F(TaskListTest, RemovalWithoutAReadTakesTheFront)
-{
-    list.push_back(Task(1));
-    list.push_back(Task(2));
-    list.pop_front();
-    EXPECT_THAT(TakeAll(), ElementsAre(2));
-}
-
-TEST_F(TaskListTest, TheFrontIsACopyAndStaysUntilItIsRemoved)
-{
+    CThreadProList::value_type eTask{};
     list.push_back(Task(1));
     list.push_back(Task(2));
     EXPECT_EQ(list.front(), Task(1));
     EXPECT_EQ(list.front(), Task(1));
-    list.pop_front();
+    EXPECT_TRUE(list.take_front(eTask));
     EXPECT_EQ(list.front(), Task(2));
 }
 
-TEST_F(TaskListTest, ClearDropsEverythingAlsoWhatNobodyHasLookedAt)
+TEST_F(TaskListTest, ClearDropsEverything)
 {
     list.push_back(Task(1));
-    EXPECT_FALSE(list.empty());
     list.push_back(Task(2));
     list.clear();
     EXPECT_TRUE(list.empty());
     list.push_back(Task(3));
     EXPECT_THAT(TakeAll(), ElementsAre(3));
-}
-
-// The worker has read the front, a second start clears, a producer appends, the worker removes.
-TEST_F(TaskListTest, ATaskThatArrivesBetweenAClearAndTheWorkersRemovalIsNotLost)
-{
-    list.push_back(Task(1));
-    EXPECT_EQ(list.front(), Task(1));
-    list.clear();
-    list.push_back(Task(2));
-    list.pop_front();
-    EXPECT_THAT(TakeAll(), ElementsAre(2));
-}
-
-TEST_F(TaskListTest, RemovalWithoutAReadTakesTheFrontAlsoAfterAClear)
-{
-    list.push_back(Task(1));
-    list.clear();
-    list.push_back(Task(2));
-    list.pop_front();
-    EXPECT_TRUE(list.empty());
-}
-
-// The worker has found a task, a second start clears, the worker reads, a producer appends.
-TEST_F(TaskListTest, ATaskThatArrivesAfterAReadOfNothingIsNotLost)
-{
-    list.push_back(Task(1));
-    EXPECT_FALSE(list.empty());
-    list.clear();
-    EXPECT_EQ(list.front(), Task(0));
-    list.push_back(Task(2));
-    list.pop_front();
-    EXPECT_THAT(TakeAll(), ElementsAre(2));
 }
 
 TEST_F(TaskListTest, AnyValueOf32BitsPasses)
@@ -295,12 +252,12 @@ TEST_F(TaskListTest, AMillionTasksOfFourProducersAllComeOutOnceAndInOrder)
     auto producers = StartProducers([this](unsigned int ulProducer, unsigned int ulNumber)
                                     { list.push_back(Task(NumberedTask(ulProducer, ulNumber))); });
     Receipt receipt;
+    CThreadProList::value_type eTask{};
     while (receipt.ulTaken < PRODUCERS * TASKS_EACH && receipt.bWithoutGap)
     {
-        if (!list.empty())
+        if (list.take_front(eTask))
         {
-            receipt.Take(list.front());
-            list.pop_front();
+            receipt.Take(eTask);
         }
     }
     for (std::thread& producer : producers)
@@ -328,15 +285,11 @@ TEST_F(TaskListTest, ClearsInBetweenLoseNothingThatCameAfterThem)
             for (bool bLast = false; !bLast;)
             {
                 bLast = bProduced;
-                while (!list.empty())
+                CThreadProList::value_type eTask{};
+                while (list.take_front(eTask))
                 {
-                    const unsigned int ulTask = list.front();
-                    list.pop_front();
-                    if (ulTask != 0)  // 0: a clear came between, there was no front
-                    {
-                        receipt.Take(ulTask);
-                        ++ulTaken;
-                    }
+                    receipt.Take(eTask);
+                    ++ulTaken;
                 }
             }
         });
@@ -357,10 +310,9 @@ TEST_F(TaskListTest, ClearsInBetweenLoseNothingThatCameAfterThem)
 namespace
 {
 
-constexpr unsigned int HOLD = 3;  // a task that the worker has read, but does not remove yet
+constexpr unsigned int HOLD = 3;  // a task that the worker has taken, but does not go on with yet
 
 std::atomic<unsigned int> g_ulTaken{0};
-std::atomic<unsigned int> g_ulNothing{0};  // how often a clear was between the test and the read
 std::atomic<bool> g_bHeld{false};
 std::atomic<bool> g_bReleased{false};
 Receipt* g_pReceipt = nullptr;  // the worker's alone while it runs
@@ -375,11 +327,7 @@ void ReceiveFromLog(unsigned int, const char*, const char* pszText)
     }
     const auto ulTask =
         static_cast<unsigned int>(std::strtol(pszText + std::strlen(pszBegin), nullptr, 10));
-    if (ulTask == 0)
-    {
-        ++g_ulNothing;
-    }
-    else if (ulTask == HOLD)
+    if (ulTask == HOLD)
     {
         g_bHeld = true;
         WaitFor(g_bReleased);
@@ -397,7 +345,6 @@ void WorkerQueueTest::StartReceiving()
 {
     g_pReceipt = &receipt;
     g_ulTaken = 0;
-    g_ulNothing = 0;
     g_bHeld = false;
     g_bReleased = false;
     fakes::SetWorkerMode(fakes::WorkerMode::Free);
@@ -424,11 +371,10 @@ TEST_F(WorkerQueueTest, AMillionTasksOfFourProducersReachTheWorkerOnceAndInOrder
     fakes::SetLogSink(nullptr);
     EXPECT_TRUE(receipt.bWithoutGap);
     EXPECT_EQ(receipt.ulTaken, PRODUCERS * TASKS_EACH);
-    EXPECT_EQ(g_ulNothing, 0U);
 }
 
-// Each start of the running service clears the queue. At the last one the worker is held between
-// its read of a task and the removal: what arrives before it goes on must stay.
+// Each start of the running service clears the queue. At the last one the worker is held within its
+// take of a task: what arrives before it goes on must stay.
 TEST_F(WorkerQueueTest, ClearsBesideTheWorkerLoseNothingThatCameAfterThem)
 {
     StartReceiving();

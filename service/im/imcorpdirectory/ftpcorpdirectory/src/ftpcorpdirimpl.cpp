@@ -138,84 +138,49 @@ unsigned int SharedHandOver(TRAVEX_FTP_HANDLE hFtp, const tagTRAVEX_FTP_S_CTRL_P
 
 // --- Task list ---
 //
-// Producers are the timer thread and the notification thread, which must not wait: they push onto a
-// stack with one compare-and-exchange. Takers are the worker and, for a clear, the client's thread;
-// they have a lock of their own and move what has arrived behind what they already hold.
-
-CThreadProList::~CThreadProList()
-{
-    clear();
-}
+// Producers are the timer thread and the notification thread; takers the worker and, for a clear,
+// the client's thread.
 
 void CThreadProList::push_back(value_type eType)
 {
-    tagTHREADPRO_NODE* const pNode =
-        new tagTHREADPRO_NODE{m_pArrived.load(std::memory_order_relaxed), eType};
-    while (!m_pArrived.compare_exchange_weak(pNode->pNext, pNode, std::memory_order_release,
-                                             std::memory_order_relaxed))
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    m_listTask.push_back(eType);
+}
+
+bool CThreadProList::empty() const
+{
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_listTask.empty();
+}
+
+size_t CThreadProList::size() const
+{
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_listTask.size();
+}
+
+CThreadProList::value_type CThreadProList::front() const
+{
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_listTask.empty() ? value_type{} : m_listTask.front();
+}
+
+bool CThreadProList::take_front(value_type& eType)
+{
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_listTask.empty())
     {
-        // Another producer came first; pNext is its node now.
+        return false;
     }
-}
-
-bool CThreadProList::empty()
-{
-    const std::lock_guard<std::mutex> lock(m_TakerMutex);
-    CollectArrived();
-    return m_pFirst == nullptr;
-}
-
-CThreadProList::value_type CThreadProList::front()
-{
-    const std::lock_guard<std::mutex> lock(m_TakerMutex);
-    CollectArrived();
-    m_eFront = m_pFirst == nullptr ? tagTHREADPRO_FRONT::GONE : tagTHREADPRO_FRONT::READ;
-    return m_pFirst == nullptr ? value_type{} : m_pFirst->eType;
-}
-
-void CThreadProList::pop_front()
-{
-    const std::lock_guard<std::mutex> lock(m_TakerMutex);
-    CollectArrived();
-    const tagTHREADPRO_FRONT eFront = std::exchange(m_eFront, tagTHREADPRO_FRONT::UNREAD);
-    if (eFront == tagTHREADPRO_FRONT::GONE || m_pFirst == nullptr)
-    {
-        return;
-    }
-    delete std::exchange(m_pFirst, m_pFirst->pNext);
+    eType = m_listTask.front();
+    m_listTask.pop_front();
+    return true;
 }
 
 void CThreadProList::clear()
 {
-    const std::lock_guard<std::mutex> lock(m_TakerMutex);
-    CollectArrived();
-    while (m_pFirst != nullptr)
-    {
-        delete std::exchange(m_pFirst, m_pFirst->pNext);
-    }
-    if (m_eFront == tagTHREADPRO_FRONT::READ)
-    {
-        m_eFront = tagTHREADPRO_FRONT::GONE;
-    }
-}
-
-// Moves what producers have left to the end of the list. The stack holds the newest first, so it is
-// turned round on the way.
-void CThreadProList::CollectArrived()
-{
-    tagTHREADPRO_NODE* pNewest = m_pArrived.exchange(nullptr, std::memory_order_acquire);
-    tagTHREADPRO_NODE* const pLast = pNewest;
-    tagTHREADPRO_NODE* pOldest = nullptr;
-    while (pNewest != nullptr)
-    {
-        tagTHREADPRO_NODE* const pOlder = std::exchange(pNewest->pNext, pOldest);
-        pOldest = std::exchange(pNewest, pOlder);
-    }
-    if (pOldest != nullptr)
-    {
-        (m_pFirst == nullptr ? m_pFirst : m_pLast->pNext) = pOldest;
-        m_pLast = pLast;
-    }
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    m_listTask.clear();
 }
 
 // --- The object ---
@@ -559,12 +524,10 @@ bool TakeTask(CThreadProList& listThreadPro, OSAK_MUTEX* hMutex, tagCORPDIR_E_TH
     {
         (void)OSAK_MutexLock(hMutex);
     }
-    const bool bTask = !listThreadPro.empty();
+    const bool bTask = listThreadPro.take_front(eTask);
     if (bTask)
     {
-        eTask = listThreadPro.front();
         LOG_AS("ThreadProcess", 2, "Thread download type : %d", static_cast<int>(eTask));
-        listThreadPro.pop_front();
     }
     if (hMutex != nullptr)
     {

@@ -4,6 +4,7 @@
 #define FTPCORPDIRIMPL_H
 
 #include <atomic>
+#include <list>
 #include <mutex>
 #include <string>
 
@@ -30,48 +31,22 @@ struct tagCORPDIR_CIPHER_LIST
 
 extern tagCORPDIR_CIPHER_LIST g_stFtpCiperList;
 
-// First-in, first-out list of tasks with one heap node a task; the interface is std::list's as far
-// as it is used. Thread-safe: every operation is atomic by itself. Producers never wait: they hang
-// their node onto a stack, which the takers turn into the order of arrival.
+// The worker's tasks, first in, first out. Thread-safe: every operation is atomic by itself.
 class CThreadProList
 {
 public:
     using value_type = tagCORPDIR_E_THREADPRO_TYPE;
 
-    CThreadProList() = default;
-    ~CThreadProList();
-    CThreadProList(const CThreadProList&) = delete;
-    CThreadProList& operator=(const CThreadProList&) = delete;
-
     void push_back(value_type eType);  // throws std::bad_alloc, the list is unchanged then
-    bool empty();
-    value_type front();  // a copy; 0 when empty
-    // Removes the front; nothing when empty. When the front that was last read has been cleared
-    // away since, that was its removal: a task that arrived after the clear stays.
-    void pop_front();
+    bool empty() const;
+    size_t size() const;
+    value_type front() const;            // a copy; 0 when empty
+    bool take_front(value_type& eType);  // reads and removes the front; false when empty
     void clear();
 
 private:
-    struct tagTHREADPRO_NODE
-    {
-        tagTHREADPRO_NODE* pNext;
-        value_type eType;
-    };
-    enum class tagTHREADPRO_FRONT
-    {
-        UNREAD,
-        READ,
-        GONE  // what was read is not there any more
-    };
-
-    void CollectArrived();
-
-    std::atomic<tagTHREADPRO_NODE*> m_pArrived{nullptr};  // newest first
-
-    std::mutex m_TakerMutex;  // guards what follows; producers do not take it
-    tagTHREADPRO_NODE* m_pFirst = nullptr;
-    tagTHREADPRO_NODE* m_pLast = nullptr;
-    tagTHREADPRO_FRONT m_eFront = tagTHREADPRO_FRONT::UNREAD;
+    mutable std::mutex m_Mutex;
+    std::list<value_type> m_listTask;
 };
 
 // The service object. Not thread-safe in general: the client's thread, the worker, the timer thread
