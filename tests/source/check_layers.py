@@ -41,6 +41,7 @@ THIRD_PARTY = {
     "openssl/": {"platform/zep", "platform/travex_ftp"},
     "fmt/": {"platform/corpdir_log"},
     "CLI/": {"tools/corpdir"},
+    "toml++/": {"tools/corpdir"},
     "nlohmann/": {"tools/corpdir"},
 }
 

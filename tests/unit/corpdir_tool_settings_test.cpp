@@ -41,50 +41,64 @@ std::string Problem(const std::string& text)
     return thrown.message;
 }
 
-TEST(ToolSettings, AreLinesInSections)
+TEST(ToolSettings, AreTomlInSections)
 {
     EXPECT_THAT(Settings("# about\n\na = 1\r\n  b=2\n[watch] # for one\na = 3\n\n[ check ]\na=4"),
                 testing::ElementsAre(".a=1", ".b=2", "watch.a=3", "check.a=4"));
     EXPECT_THAT(Settings(""), testing::IsEmpty());
+    EXPECT_THAT(Settings("\xef\xbb\xbf" "a = 1"), testing::ElementsAre(".a=1"));
     EXPECT_EQ(Read("\n\na = 1").at(0).line, 3U);
 }
 
-TEST(ToolSettings, AQuotedValueIsTakenAsItStands)
+TEST(ToolSettings, AreInTheOrderOfTheLines)
+{
+    EXPECT_THAT(Settings("[watch]\nb = 1\na = 2\n[check]\nc = 3"),
+                testing::ElementsAre("watch.b=1", "watch.a=2", "check.c=3"));
+}
+
+TEST(ToolSettings, ValuesAreTextsWholeNumbersAndTruthValues)
 {
     EXPECT_EQ(Value(R"("dir1.example;dir2.example")"), "dir1.example;dir2.example");
     EXPECT_EQ(Value(R"("/etc/a#b = c" # remark)"), "/etc/a#b = c");
     EXPECT_EQ(Value(R"('echo "$CORPDIR_FILE"')"), R"(echo "$CORPDIR_FILE")");
-    EXPECT_EQ(Value(R"("it's")"), "it's");
+    EXPECT_EQ(Value(R"("a\tb")"), "a\tb");
     EXPECT_EQ(Value(R"("")"), "");
-    EXPECT_EQ(Value(R"("  blanks  ")"), "  blanks  ");
-    EXPECT_EQ(Value(R"("a\n")"), R"(a\n)");
+    EXPECT_EQ(Value("120"), "120");
+    EXPECT_EQ(Value("true"), "true");
+    EXPECT_EQ(Value("false"), "false");
+    for (const char* const other : {"1.5", "[1, 2]", "1979-05-27", "{a = 1}"})
+    {
+        const std::string text = std::string("[watch]\nname = ") + other;
+        EXPECT_EQ(Problem(text),
+                  "line 2: 'name' is neither a text, nor a whole number, nor true or false");
+    }
 }
 
-TEST(ToolSettings, AnOpenValueEndsAtARemark)
+TEST(ToolSettings, ATextWithoutQuotesIsToldWithThem)
 {
-    EXPECT_EQ(Value("dir1.example; dir2.example  # two"), "dir1.example; dir2.example");
-    EXPECT_EQ(Value("/etc/a#b"), "/etc/a#b");
-    EXPECT_EQ(Value("# nothing"), "");
-    EXPECT_EQ(Value("a=b"), "a=b");
+    EXPECT_THAT(Problem("a = 1\nservers = dir1.example;dir2.example  # two"),
+                testing::AllOf(testing::StartsWith("line 2: "),
+                               testing::EndsWith("; write servers = \"dir1.example;dir2.example\"")));
+    EXPECT_THAT(Problem("max-size=100mb\nca = x"),
+                testing::EndsWith("; write max-size = \"100mb\""));
 }
 
-TEST(ToolSettings, MistakesAreToldWithTheirLine)
+TEST(ToolSettings, OtherMistakesAreToldWithTheirLine)
 {
-    EXPECT_EQ(Problem("a = 1\nb = \"x"), "line 2: the quote \" is not closed");
-    EXPECT_EQ(Problem("a = \"x\" y"), "line 1: 'y' stands behind the closing quote");
-    EXPECT_EQ(Problem("a = x\"y"),
-              "line 1: a value with quotes in it has to stand in the other kind of quotes");
-    EXPECT_EQ(Problem("a"), "line 1: 'a' is not of the form 'option = value'");
-    EXPECT_EQ(Problem("[watch"), "line 1: '[watch' is not a section such as [watch]");
-    EXPECT_EQ(Problem("[watch] x"), "line 1: '[watch] x' is not a section such as [watch]");
-    EXPECT_EQ(Problem("a = 1\n[fetch]\na = 2\na = 3"),
-              "line 4: 'a' stands on line 3 already; several values are separated by ','");
+    for (const char* const text : {"a = 1\nb = \"x", "a = 1\nb = \"x\" y", "a = 1\nb",
+                                   "a = 1\n[watch", "b = 1\nb = 2", "a = 1\nb = x\"y"})
+    {
+        EXPECT_THAT(Problem(text), testing::AllOf(testing::StartsWith("line 2: "),
+                                                  testing::Not(testing::HasSubstr("; write"))))
+            << text;
+    }
 }
 
-TEST(ToolSettings, AFileThatIsNoneIsNotPrintedWhole)
+TEST(ToolSettings, AFileThatIsNoneIsNotPrinted)
 {
-    EXPECT_EQ(Problem("\x01" + std::string(1000, 'x')),
-              "line 1: '\\x01" + std::string(39, 'x') + "...' is not of the form 'option = value'");
+    const std::string problem = Problem("\x01" + std::string(1000, 'x'));
+    EXPECT_THAT(problem, testing::StartsWith("line 1: "));
+    EXPECT_LT(problem.size(), 200U);
 }
 
 TEST(ToolSuggestion, IsTheWordThatIsMostAlike)

@@ -1,7 +1,10 @@
 #include "settings_file.h"
 
+#include <toml++/toml.h>
+
 #include <algorithm>
 #include <memory>
+#include <sstream>
 
 #include "failure.h"
 #include "hints.h"
@@ -13,12 +16,7 @@ namespace corpdir_tool
 namespace
 {
 
-const char BLANKS[] = " \t\r";
-
 constexpr std::size_t MAX_FILE = 1 << 20;
-
-// Some editors begin a file with one.
-const char BYTE_ORDER_MARK[] = "\xef\xbb\xbf";
 
 [[noreturn]] void Refuse(std::size_t line, const std::string& problem)
 {
@@ -32,82 +30,120 @@ std::string Shown(const std::string& text)
     return "'" + Printable(text.substr(0, LONGEST)) + (text.size() > LONGEST ? "..." : "") + "'";
 }
 
+std::string ReadAll(std::istream& input)
+{
+    std::string text(MAX_FILE + 1, '\0');
+    input.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(input.gcount()));
+    if (input.bad() || (input.fail() && !input.eof()))
+    {
+        throw Failure(EXIT_ARGUMENTS, "the file cannot be read any further");
+    }
+    if (text.size() > MAX_FILE)
+    {
+        throw Failure(EXIT_ARGUMENTS, "the file is too large for one of settings");
+    }
+    return text;
+}
+
 std::string Trimmed(const std::string& text)
 {
-    const std::size_t first = text.find_first_not_of(BLANKS);
-    if (first == std::string::npos)
-    {
-        return {};
-    }
-    return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+    const char blanks[] = " \t\r";
+    const std::size_t first = text.find_first_not_of(blanks);
+    return first == std::string::npos
+               ? ""
+               : text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-std::string WithoutMark(const std::string& line, std::size_t number)
+// The lines with one of them replaced.
+std::string WithLine(const std::string& text, std::size_t number, const std::string& replacement)
 {
-    const bool marked = number == 1 && line.rfind(BYTE_ORDER_MARK, 0) == 0;
-    return marked ? line.substr(sizeof BYTE_ORDER_MARK - 1) : line;
+    std::istringstream lines(text);
+    std::string all;
+    std::string line;
+    for (std::size_t at = 1; std::getline(lines, line); ++at)
+    {
+        all += (at == number ? replacement : line) + "\n";
+    }
+    return all;
 }
 
-bool IsComment(const std::string& text)
+std::string LineOf(const std::string& text, std::size_t number)
 {
-    return text.empty() || text.front() == '#';
+    std::istringstream lines(text);
+    std::string line;
+    while (number-- != 0 && std::getline(lines, line))
+    {
+    }
+    return line;
 }
 
-// The value of a text that begins with a quote.
-std::string Unquoted(const std::string& text, std::size_t line)
+bool IsGoodUpTo(const std::string& text, std::size_t line)
 {
-    const std::size_t end = text.find(text.front(), 1);
-    if (end == std::string::npos)
+    try
     {
-        Refuse(line, "the quote " + text.substr(0, 1) + " is not closed");
+        (void)toml::parse(text);
+        return true;
     }
-    const std::string rest = Trimmed(text.substr(end + 1));
-    if (!IsComment(rest))
+    catch (const toml::parse_error& error)
     {
-        Refuse(line, Shown(rest) + " stands behind the closing quote");
+        return error.source().begin.line > line;
     }
-    return text.substr(1, end - 1);
 }
 
-std::string ValueOf(const std::string& text, std::size_t line)
+// The line with its value in quotes, if that is what it lacks; else empty.
+std::string InQuotes(const std::string& text, std::size_t number)
 {
-    if (!text.empty() && (text.front() == '"' || text.front() == '\''))
-    {
-        return Unquoted(text, line);
-    }
-    std::size_t end = text.find('#');
-    while (end != std::string::npos && end != 0 &&
-           std::string(BLANKS).find(text[end - 1]) == std::string::npos)
-    {
-        end = text.find('#', end + 1);
-    }
-    std::string value = Trimmed(text.substr(0, end));
-    if (value.find_first_of("\"'") != std::string::npos)
-    {
-        Refuse(line, "a value with quotes in it has to stand in the other kind of quotes");
-    }
-    return value;
-}
-
-std::string SectionOf(const std::string& text, std::size_t line)
-{
-    const std::size_t end = text.find(']');
-    if (end == std::string::npos || !IsComment(Trimmed(text.substr(end + 1))))
-    {
-        Refuse(line, Shown(text) + " is not a section such as [watch]");
-    }
-    return Trimmed(text.substr(1, end - 1));
-}
-
-Setting SettingOf(const std::string& text, const std::string& section, std::size_t line)
-{
-    const std::size_t equals = text.find('=');
+    const std::string line = LineOf(text, number);
+    const std::size_t equals = line.find('=');
     if (equals == std::string::npos)
     {
-        Refuse(line, Shown(text) + " is not of the form 'option = value'");
+        return "";
     }
-    return {section, Trimmed(text.substr(0, equals)),
-            ValueOf(Trimmed(text.substr(equals + 1)), line), line};
+    const std::string value = line.substr(equals + 1, line.find(" #") - equals - 1);
+    const std::string quoted = Trimmed(line.substr(0, equals)) + " = \"" + Trimmed(value) + "\"";
+    return IsGoodUpTo(WithLine(text, number, quoted), number) ? quoted : "";
+}
+
+[[noreturn]] void RefuseToml(const toml::parse_error& error, const std::string& text)
+{
+    const std::size_t line = error.source().begin.line;
+    const std::string quoted = InQuotes(text, line);
+    Refuse(line, Printable(error.description()) +
+                     (quoted.empty() ? "" : "; write " + Printable(quoted)));
+}
+
+// Numbers and the words true and false mean the same in quotes.
+std::string TextOf(const toml::node& node, const std::string& name)
+{
+    if (const auto text = node.value_exact<std::string>())
+    {
+        return *text;
+    }
+    if (const auto number = node.value_exact<std::int64_t>())
+    {
+        return std::to_string(*number);
+    }
+    if (const auto truth = node.value_exact<bool>())
+    {
+        return *truth ? "true" : "false";
+    }
+    Refuse(node.source().begin.line,
+           Shown(name) + " is neither a text, nor a whole number, nor true or false");
+}
+
+void Collect(const toml::table& table, const std::string& section, std::vector<Setting>& settings)
+{
+    for (const auto& [key, node] : table)
+    {
+        const std::string name(key.str());
+        if (node.is_table() && section.empty())
+        {
+            Collect(*node.as_table(), name, settings);
+            continue;
+        }
+        settings.push_back({section, name, TextOf(node, name), node.source().begin.line});
+    }
 }
 
 // Hands each setting to the chosen command in the parser's own terms.
@@ -206,42 +242,18 @@ private:
 
 std::vector<Setting> ReadSettings(std::istream& input)
 {
+    const std::string text = ReadAll(input);
     std::vector<Setting> settings;
-    std::string section;
-    std::string line;
-    std::size_t number = 1;
-    for (std::size_t size = 0; std::getline(input, line); ++number)
+    try
     {
-        size += line.size();
-        if (size > MAX_FILE)
-        {
-            Refuse(number, "the file is too large for one of settings");
-        }
-        const std::string text = Trimmed(WithoutMark(line, number));
-        if (IsComment(text))
-        {
-            continue;
-        }
-        if (text.front() == '[')
-        {
-            section = SectionOf(text, number);
-            continue;
-        }
-        Setting setting = SettingOf(text, section, number);
-        const auto same = [&setting](const Setting& other)
-        { return other.section == setting.section && other.name == setting.name; };
-        const auto first = std::find_if(settings.begin(), settings.end(), same);
-        if (first != settings.end())
-        {
-            Refuse(number, Shown(setting.name) + " stands on line " + std::to_string(first->line) +
-                               " already; several values are separated by ','");
-        }
-        settings.push_back(std::move(setting));
+        Collect(toml::parse(text), "", settings);
     }
-    if (!input.eof())
+    catch (const toml::parse_error& error)
     {
-        Refuse(number, "the file cannot be read any further");
+        RefuseToml(error, text);
     }
+    std::sort(settings.begin(), settings.end(),
+              [](const Setting& left, const Setting& right) { return left.line < right.line; });
     return settings;
 }
 

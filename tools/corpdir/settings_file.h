@@ -10,19 +10,16 @@
 namespace corpdir_tool
 {
 
-// One "option = value" line.
 struct Setting
 {
     std::string section;  // "watch"; empty: before the first section
     std::string name;     // of the option, without "--"
-    std::string value;
+    std::string value;    // numbers and truth values as they would stand on the command line
     std::size_t line = 0;
 };
 
-// Reads lines of "option = value", "[section]", and comments behind a "#". A value in quotes, " or
-// ', is taken as it stands up to the same quote; one without them ends at the line's end or at a
-// "#" behind a blank, and has no quotes in it. Throws Failure with the line's number for anything
-// else and for a setting that stands twice in a section.
+// Reads TOML (toml.io, 1.0): texts, whole numbers, true and false, in sections that are not nested;
+// in the order of the lines. Throws Failure with the line's number for anything else.
 std::vector<Setting> ReadSettings(std::istream& input);
 
 // One file serves all commands. Settings before the first section hold for each command that has
