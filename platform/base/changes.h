@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include "base/guard.h"
 #include "base/never_destroyed.h"
-#include "common/guard.h"
 
 namespace base
 {
@@ -24,9 +24,9 @@ public:
     // Counts a change and wakes all sleepers.
     void Raise() CORPDIR_EXCLUDES(m_guard)
     {
-        const common::Hold hold(m_guard);
+        const Hold hold(m_guard);
         ++m_count;
-        m_last = common::Clock::now();
+        m_last = Clock::now();
         m_raised.NotifyAll();
     }
 
@@ -34,14 +34,14 @@ public:
     // returned, 0 for a thread's first. Returns at once when there was a change since. Lasts
     // `asked` for the first sleep and for one soon after a change, else `longest`; a change ends it
     // early. Returns the count of changes, never 0.
-    uint64_t Sleep(uint64_t seen, common::Clock::duration asked, common::Clock::duration longest)
+    uint64_t Sleep(uint64_t seen, Clock::duration asked, Clock::duration longest)
         CORPDIR_EXCLUDES(m_guard)
     {
         constexpr std::chrono::milliseconds kSoon{1};
-        const common::Hold hold(m_guard);
-        const common::Clock::time_point now = common::Clock::now();
+        const Hold hold(m_guard);
+        const Clock::time_point now = Clock::now();
         const bool brief = seen == 0 || now - m_last < kSoon;
-        const common::Clock::time_point end = now + (brief ? asked : longest);
+        const Clock::time_point end = now + (brief ? asked : longest);
         const uint64_t known = seen == 0 ? m_count : seen;
         while (m_count == known && m_raised.WaitUntil(m_guard, end))
         {
@@ -50,10 +50,10 @@ public:
     }
 
 private:
-    common::Guard m_guard;
-    common::Signal m_raised;
+    Guard m_guard;
+    Signal m_raised;
     uint64_t m_count CORPDIR_GUARDED_BY(m_guard) = 1;
-    common::Clock::time_point m_last CORPDIR_GUARDED_BY(m_guard);
+    Clock::time_point m_last CORPDIR_GUARDED_BY(m_guard);
 };
 
 }  // namespace base

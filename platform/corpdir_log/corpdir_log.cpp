@@ -113,7 +113,7 @@ void CorpDir_CloseLog()
     {
         CallAtClose();
     }
-    writer->Close(common::Clock::now() + corpdir_log::kDiskPatience);
+    writer->Close(base::Clock::now() + corpdir_log::kDiskPatience);
 }
 
 bool CorpDir_AtCloseLog(void (*last)())

@@ -29,7 +29,7 @@ void OnExit()
     LogWriter* const writer = Writer();
     if (writer != nullptr)
     {
-        writer->CloseForEver(common::Clock::now() + kExitPatience);
+        writer->CloseForEver(base::Clock::now() + kExitPatience);
     }
 }
 

@@ -76,7 +76,7 @@ void LogTarget::OpenFile()
         std::make_unique<LogFile>(m_directory + '/' + m_name->FileName(), m_maxSize, m_maxCount);
     m_sink = m_file.get();
     m_unchecked = 0;
-    m_nextPlaceCheck = common::Clock::now() + kPlaceCheckInterval;
+    m_nextPlaceCheck = base::Clock::now() + kPlaceCheckInterval;
 }
 
 void LogTarget::Write(const Record& record, std::uint64_t count) noexcept
@@ -147,11 +147,11 @@ void LogTarget::Flush() noexcept
 
 void LogTarget::CheckPlace() noexcept
 {
-    if (m_file == nullptr || (common::Clock::now() < m_nextPlaceCheck && !m_file->IsRotationDue()))
+    if (m_file == nullptr || (base::Clock::now() < m_nextPlaceCheck && !m_file->IsRotationDue()))
     {
         return;
     }
-    m_nextPlaceCheck = common::Clock::now() + kPlaceCheckInterval;
+    m_nextPlaceCheck = base::Clock::now() + kPlaceCheckInterval;
     if (m_file->IsInPlace())
     {
         m_unchecked = m_unflushed;
@@ -192,7 +192,7 @@ void LogTarget::LeaveRemovedFile() noexcept
 // write to yet.
 bool LogTarget::IsReady() noexcept
 {
-    if (m_sink == nullptr && common::Clock::now() < m_nextAttempt)
+    if (m_sink == nullptr && base::Clock::now() < m_nextAttempt)
     {
         return false;
     }
@@ -243,7 +243,7 @@ void LogTarget::BeginOutage(const char* reason) noexcept
     m_unchecked = 0;
     m_file.reset();
     m_sink = m_console.get();
-    m_nextAttempt = common::Clock::now() + kRetryInterval;
+    m_nextAttempt = base::Clock::now() + kRetryInterval;
     try
     {
         m_reason = reason;

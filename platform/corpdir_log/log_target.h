@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_LOG_TARGET_H
 #define CORPDIR_LOG_LOG_TARGET_H
 
-#include "common/guard.h"
+#include "base/guard.h"
 #include "log_file.h"
 #include "name_lock.h"
 #include "record.h"
@@ -84,8 +84,8 @@ private:
     std::string m_reason;           // of the last loss
     bool m_isOutageTold = false;
     bool m_isRotationTold = false;
-    common::Clock::time_point m_nextAttempt;
-    common::Clock::time_point m_nextPlaceCheck;
+    base::Clock::time_point m_nextAttempt;
+    base::Clock::time_point m_nextPlaceCheck;
 };
 
 }  // namespace corpdir_log

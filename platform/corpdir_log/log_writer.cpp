@@ -72,8 +72,8 @@ void LogWriter::Submit(RecordPtr record)
 
 int LogWriter::Open(const LogSettings& settings)
 {
-    const auto deadline = common::Clock::now() + kDiskPatience;
-    const common::Hold hold(m_guard);
+    const auto deadline = base::Clock::now() + kDiskPatience;
+    const base::Hold hold(m_guard);
     if (!TakeSlot(deadline))
     {
         return ETIMEDOUT;
@@ -90,9 +90,9 @@ int LogWriter::Open(const LogSettings& settings)
     return result;
 }
 
-void LogWriter::Close(common::Clock::time_point deadline)
+void LogWriter::Close(base::Clock::time_point deadline)
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     RefuseRecords();
     if (!TakeSlot(deadline))
     {
@@ -108,10 +108,10 @@ void LogWriter::Close(common::Clock::time_point deadline)
     JoinEndedThread();
 }
 
-void LogWriter::CloseForEver(common::Clock::time_point deadline)
+void LogWriter::CloseForEver(base::Clock::time_point deadline)
 {
     {
-        const common::Hold hold(m_guard);
+        const base::Hold hold(m_guard);
         m_isClosedForEver = true;
     }
     Close(deadline);
@@ -119,7 +119,7 @@ void LogWriter::CloseForEver(common::Clock::time_point deadline)
 
 // --- Commands, on the caller's thread
 
-bool LogWriter::TakeSlot(common::Clock::time_point deadline)
+bool LogWriter::TakeSlot(base::Clock::time_point deadline)
 {
     while (m_slot != Slot::kFree)
     {
@@ -139,7 +139,7 @@ void LogWriter::FreeSlot()
 }
 
 // The slot of an abandoned command is freed by the log's thread, once it is done with it.
-int LogWriter::Execute(Command command, common::Clock::time_point deadline)
+int LogWriter::Execute(Command command, base::Clock::time_point deadline)
 {
     m_command = command;
     m_slot = Slot::kPosted;
@@ -218,7 +218,7 @@ void LogWriter::Run()
 
 LogWriter::Command LogWriter::PostedCommand()
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     return m_slot == Slot::kPosted || m_slot == Slot::kAbandoned ? m_command : Command::kNone;
 }
 
@@ -247,7 +247,7 @@ Rest LogWriter::Write(Batch batch)
 
 void LogWriter::FlushWhenDue(bool isDue)
 {
-    const common::Clock::time_point now = common::Clock::now();
+    const base::Clock::time_point now = base::Clock::now();
     if (isDue || now >= m_nextFlush)
     {
         m_target->Flush();
@@ -260,7 +260,7 @@ bool LogWriter::ExecuteOpen()
 {
     LogSettings settings;
     {
-        const common::Hold hold(m_guard);
+        const base::Hold hold(m_guard);
         settings = m_settings;
     }
     if (m_target != nullptr)
@@ -272,7 +272,7 @@ bool LogWriter::ExecuteOpen()
     if (!AnswerOpen(&target, settings, error))
     {
         target.reset();  // first: whoever joins the thread after the answer waits for no disk
-        const common::Hold hold(m_guard);
+        const base::Hold hold(m_guard);
         Answer(0);
     }
     return m_target != nullptr;
@@ -282,7 +282,7 @@ bool LogWriter::ExecuteOpen()
 bool LogWriter::AnswerOpen(std::unique_ptr<LogTarget>* target, const LogSettings& settings,
                            int error)
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     if (m_slot == Slot::kAbandoned)
     {
         return false;
@@ -302,7 +302,7 @@ bool LogWriter::ExecuteClose()
 {
     m_target->Settle();
     m_target.reset();
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     Answer(0);
     return false;
 }

@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_LOG_WRITER_H
 #define CORPDIR_LOG_LOG_WRITER_H
 
-#include "common/guard.h"
+#include "base/guard.h"
 #include "log_target.h"
 #include "record_queue.h"
 
@@ -42,10 +42,10 @@ public:
 
     // Writes what is queued and closes. A disk that does not answer until the deadline goes on
     // being waited for by the log's thread alone.
-    void Close(common::Clock::time_point deadline);
+    void Close(base::Clock::time_point deadline);
 
     // Refuses to open from now on, and closes.
-    void CloseForEver(common::Clock::time_point deadline);
+    void CloseForEver(base::Clock::time_point deadline);
 
     static constexpr int kHighestLevel = 2;
 
@@ -74,9 +74,9 @@ private:
     };
 
     // Called by Open and Close.
-    bool TakeSlot(common::Clock::time_point deadline) CORPDIR_REQUIRES(m_guard);
+    bool TakeSlot(base::Clock::time_point deadline) CORPDIR_REQUIRES(m_guard);
     void FreeSlot() CORPDIR_REQUIRES(m_guard);
-    int Execute(Command command, common::Clock::time_point deadline) CORPDIR_REQUIRES(m_guard);
+    int Execute(Command command, base::Clock::time_point deadline) CORPDIR_REQUIRES(m_guard);
     int StartThread() CORPDIR_REQUIRES(m_guard);
     void JoinEndedThread() CORPDIR_REQUIRES(m_guard);
     void RefuseRecords();
@@ -95,8 +95,8 @@ private:
     RecordQueue m_queue;
     std::atomic<int> m_level{kClosed};  // the highest that is written; set under m_guard
 
-    common::Guard m_guard;
-    common::Signal m_slotChanged;
+    base::Guard m_guard;
+    base::Signal m_slotChanged;
     Slot m_slot CORPDIR_GUARDED_BY(m_guard) = Slot::kFree;
     Command m_command CORPDIR_GUARDED_BY(m_guard) = Command::kNone;
     LogSettings m_settings CORPDIR_GUARDED_BY(m_guard) = {};
@@ -107,7 +107,7 @@ private:
 
     // The log's thread only.
     std::unique_ptr<LogTarget> m_target;
-    common::Clock::time_point m_nextFlush;
+    base::Clock::time_point m_nextFlush;
 };
 
 }  // namespace corpdir_log

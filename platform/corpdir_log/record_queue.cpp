@@ -16,13 +16,13 @@ constexpr std::chrono::milliseconds kShortRest{2};
 
 void RecordQueue::Open()
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     m_isOpen = true;
 }
 
 void RecordQueue::Close()
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     m_isOpen = false;
 }
 
@@ -31,7 +31,7 @@ void RecordQueue::Push(RecordPtr record)
     RecordList dropped;  // freed without the guard
     bool wake = false;
     {
-        const common::Hold hold(m_guard);
+        const base::Hold hold(m_guard);
         if (!m_isOpen)
         {
             return;
@@ -58,7 +58,7 @@ void RecordQueue::Push(RecordPtr record)
 void RecordQueue::Wake()
 {
     {
-        const common::Hold hold(m_guard);
+        const base::Hold hold(m_guard);
         m_isUrgent = true;
         m_reader = Reader::kBusy;
     }
@@ -67,7 +67,7 @@ void RecordQueue::Wake()
 
 Batch RecordQueue::Take(Rest rest)
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     AwaitRecords(rest);
     m_isUrgent = false;
     m_bytes = 0;
@@ -97,7 +97,7 @@ void RecordQueue::AwaitRecords(Rest rest)
     {
         return;
     }
-    const common::Clock::time_point deadline = common::Clock::now() + kShortRest;
+    const base::Clock::time_point deadline = base::Clock::now() + kShortRest;
     m_reader = rest == Rest::kShort ? Reader::kShortRest : Reader::kLongRest;
     while (m_reader != Reader::kBusy)
     {

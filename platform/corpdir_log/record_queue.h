@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_RECORD_QUEUE_H
 #define CORPDIR_LOG_RECORD_QUEUE_H
 
-#include "common/guard.h"
+#include "base/guard.h"
 #include "record.h"
 
 #include <cstddef>
@@ -59,8 +59,8 @@ private:
     bool NeedsWaking() const CORPDIR_REQUIRES(m_guard);
     void AwaitRecords(Rest rest) CORPDIR_REQUIRES(m_guard);
 
-    common::Guard m_guard;
-    common::Signal m_wake;
+    base::Guard m_guard;
+    base::Signal m_wake;
     RecordList m_records CORPDIR_GUARDED_BY(m_guard);
     std::size_t m_bytes CORPDIR_GUARDED_BY(m_guard) = 0;
     std::uint64_t m_dropped CORPDIR_GUARDED_BY(m_guard) = 0;

@@ -1,8 +1,8 @@
 // Tracked memory. The C library does the allocating; what is known of a block stands in tables
 // beside it, so that a pointer can be judged without being followed: a live block is in one table,
 // one released lately in the other, and anything else is none of ours.
+#include "base/guard.h"
 #include "base/never_destroyed.h"
-#include "common/guard.h"
 #include "osak.h"
 #include "osak_diagnostics.h"
 #include "osak_log.h"
@@ -127,7 +127,7 @@ std::uintptr_t KeyOf(const void* address)
 // Thread-safe: everything is under the guard.
 struct Memory
 {
-    common::Guard guard;
+    base::Guard guard;
     std::unordered_map<std::uintptr_t, Block> live CORPDIR_GUARDED_BY(guard);
     Quarantine released CORPDIR_GUARDED_BY(guard);
 };
@@ -144,7 +144,7 @@ bool Enter(void* address, const Block& block)
     Memory& memory = TheMemory();
     try
     {
-        const common::Hold hold(memory.guard);
+        const base::Hold hold(memory.guard);
         memory.live.emplace(KeyOf(address), block);
         return true;
     }
@@ -159,7 +159,7 @@ bool Enter(void* address, const Block& block)
 bool TakeOut(void* address, Block* block, Place* releasedAt)
 {
     Memory& memory = TheMemory();
-    const common::Hold hold(memory.guard);
+    const base::Hold hold(memory.guard);
     const auto found = memory.live.find(KeyOf(address));
     if (found == memory.live.end())
     {
@@ -191,14 +191,14 @@ void PutAway(void* address, const Block& block)
     Memory& memory = TheMemory();
     Quarantine::Entry evicted;
     {
-        const common::Hold hold(memory.guard);
+        const base::Hold hold(memory.guard);
         evicted = memory.released.Keep(address, block);
     }
     // One at a time, each outside the guard: the room for a large block may be that of many small.
     while (evicted.first != nullptr)
     {
         GiveBack(evicted);
-        const common::Hold hold(memory.guard);
+        const base::Hold hold(memory.guard);
         evicted = memory.released.Surplus();
     }
 }
@@ -266,7 +266,7 @@ UseByPlace SumUp(OSAK_MEM_USE* total)
     std::vector<Block> blocks;
     {
         Memory& memory = TheMemory();
-        const common::Hold hold(memory.guard);
+        const base::Hold hold(memory.guard);
         for (const auto& entry : memory.live)
         {
             blocks.push_back(entry.second);

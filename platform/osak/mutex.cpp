@@ -1,8 +1,8 @@
 // Recursive mutexes that are named by an address and live apart from it: a registry under one lock.
 #include "mutex.h"
 
+#include "base/guard.h"
 #include "base/never_destroyed.h"
-#include "common/guard.h"
 #include "osak.h"
 #include "process.h"
 #include "thread.h"
@@ -27,8 +27,8 @@ struct Mutex
 // Thread-safe: everything is under the guard, the mutexes included.
 struct Registry
 {
-    common::Guard guard;
-    common::Signal changed;  // a mutex was released or destroyed, or the process exits
+    base::Guard guard;
+    base::Signal changed;  // a mutex was released or destroyed, or the process exits
     std::map<const OSAK_MUTEX*, std::shared_ptr<Mutex>> mutexes CORPDIR_GUARDED_BY(guard);
 
     // Null: the storage names none.
@@ -56,7 +56,7 @@ unsigned int AwaitFree(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(
 {
     // Static destructors are not to hang on a thread that will not come back.
     const bool bounded = CurrentPhase() == Phase::kExiting;
-    const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
+    const base::Clock::time_point deadline = base::Clock::now() + kLongestWait;
     while (mutex.owner != 0 || mutex.ending != 0)
     {
         if (MustPark())
@@ -82,7 +82,7 @@ unsigned int AwaitFree(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(
 unsigned int Lock(const OSAK_MUTEX* storage)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     const std::shared_ptr<Mutex> mutex = registry.Find(storage);
     if (mutex == nullptr)
     {
@@ -104,7 +104,7 @@ unsigned int Lock(const OSAK_MUTEX* storage)
 unsigned int Unlock(const OSAK_MUTEX* storage)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     const std::shared_ptr<Mutex> mutex = registry.Find(storage);
     if (mutex == nullptr)
     {
@@ -126,7 +126,7 @@ unsigned int Unlock(const OSAK_MUTEX* storage)
 // follows the deadline: an unlock that comes with it still counts.
 unsigned int AwaitUnheld(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(registry.guard)
 {
-    const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
+    const base::Clock::time_point deadline = base::Clock::now() + kLongestWait;
     bool inTime = true;
     while (!mutex.destroyed && mutex.owner != 0 && !IsHolderParked(mutex))
     {
@@ -142,7 +142,7 @@ unsigned int AwaitUnheld(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRE
 unsigned int Destroy(const OSAK_MUTEX* storage)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     const std::shared_ptr<Mutex> mutex = registry.Find(storage);
     if (mutex == nullptr)
     {
@@ -169,7 +169,7 @@ unsigned int Destroy(const OSAK_MUTEX* storage)
 void WakeMutexWaiters()
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     registry.changed.NotifyAll();
 }
 
@@ -189,7 +189,7 @@ unsigned int OSAK_MutexInitRecursive(OSAK_MUTEX* mutex, void* attr)
     try
     {
         osak::Registry& registry = osak::TheRegistry();
-        const common::Hold hold(registry.guard);
+        const base::Hold hold(registry.guard);
         const bool made = registry.mutexes.emplace(mutex, std::make_shared<osak::Mutex>()).second;
         return made ? OSAK_OK : OSAK_ERR_PARAM;
     }

@@ -2,7 +2,7 @@
 #include "process.h"
 
 #include "base/changes.h"
-#include "common/guard.h"
+#include "base/guard.h"
 #include "mutex.h"
 #include "osak_diagnostics.h"
 #include "osak_log.h"
@@ -37,7 +37,7 @@ void OnExit()
     EndTimers();
     base::Changes::Get().Raise();
     WakeMutexWaiters();
-    const unsigned int running = AwaitThreadsAtRest(common::Clock::now() + kLongestWait);
+    const unsigned int running = AwaitThreadsAtRest(base::Clock::now() + kLongestWait);
     if (running != 0)
     {
         OSAK_LOG(CORPDIR_LOG_NOTICE, "The process ends while %u threads are at work", running);

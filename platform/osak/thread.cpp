@@ -54,8 +54,8 @@ struct Thread
 // The threads that were not joined. Thread-safe: everything is under the guard.
 struct Registry
 {
-    common::Guard guard;
-    common::Signal changed;  // a thread ended, was held, or left a callback
+    base::Guard guard;
+    base::Signal changed;  // a thread ended, was held, or left a callback
     std::map<std::uintptr_t, std::unique_ptr<Thread>> threads CORPDIR_GUARDED_BY(guard);
     std::uintptr_t lastNumber CORPDIR_GUARDED_BY(guard) = 0;
 };
@@ -88,7 +88,7 @@ void MarkEnd(void* /*value*/)
         return;
     }
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     t_self->ended = true;
     t_self = nullptr;
     registry.changed.NotifyAll();
@@ -133,7 +133,7 @@ void* RunThread(void* argument)
 {
     t_self = static_cast<Thread*>(argument);
     {
-        const common::Hold hold(TheRegistry().guard);
+        const base::Hold hold(TheRegistry().guard);
         t_self->threadNumber = CurrentThreadNumber();
     }
     const EndOfThread end;
@@ -159,7 +159,7 @@ int CreateNative(pthread_t* native, Thread* thread)
 unsigned int StartRegistered(std::unique_ptr<Thread> record, OSAK_THREAD* handle)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     const std::uintptr_t number = ++registry.lastNumber;
     Thread* const thread = record.get();
     registry.threads.emplace(number, std::move(record));
@@ -178,7 +178,7 @@ unsigned int StartRegistered(std::unique_ptr<Thread> record, OSAK_THREAD* handle
 bool TakeAbandoned(pthread_t* native)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     for (auto entry = registry.threads.begin(); entry != registry.threads.end(); ++entry)
     {
         const Thread& thread = *entry->second;
@@ -209,7 +209,7 @@ unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES
 {
     // A join that static destructors make is not to hang the exit.
     const bool exiting = CurrentPhase() == Phase::kExiting;
-    const common::Clock::time_point deadline = common::Clock::now() + kLongestWait;
+    const base::Clock::time_point deadline = base::Clock::now() + kLongestWait;
     while (!thread.ended && !thread.parked)
     {
         if (!exiting)
@@ -228,7 +228,7 @@ unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES
 unsigned int JoinRegistered(std::uintptr_t number, pthread_t* native)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     const auto found = registry.threads.find(number);
     if (found == registry.threads.end())
     {
@@ -275,7 +275,7 @@ unsigned int CountAtWork(Registry& registry) CORPDIR_REQUIRES(registry.guard)
 void SetRunsClient(bool runsClient)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     t_self->runsClient = runsClient;
     registry.changed.NotifyAll();
 }
@@ -323,7 +323,7 @@ void ParkIfExiting()
     }
     Registry& registry = TheRegistry();
     {
-        const common::Hold hold(registry.guard);
+        const base::Hold hold(registry.guard);
         t_self->parked = true;
         registry.changed.NotifyAll();
     }
@@ -337,7 +337,7 @@ void ParkIfExiting()
 bool IsParked(std::uint64_t threadNumber)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     for (const auto& entry : registry.threads)
     {
         if (entry.second->threadNumber == threadNumber)
@@ -348,10 +348,10 @@ bool IsParked(std::uint64_t threadNumber)
     return false;
 }
 
-unsigned int AwaitThreadsAtRest(common::Clock::time_point deadline)
+unsigned int AwaitThreadsAtRest(base::Clock::time_point deadline)
 {
     Registry& registry = TheRegistry();
-    const common::Hold hold(registry.guard);
+    const base::Hold hold(registry.guard);
     unsigned int running = CountAtWork(registry);
     while (running != 0 && registry.changed.WaitUntil(registry.guard, deadline))
     {

@@ -2,7 +2,7 @@
 #ifndef OSAK_THREAD_H
 #define OSAK_THREAD_H
 
-#include "common/guard.h"
+#include "base/guard.h"
 #include "osak.h"
 
 #include <cstdint>
@@ -50,7 +50,7 @@ bool IsParked(std::uint64_t threadNumber);
 
 // Waits until no other thread of the layer runs client code, or until the deadline. Returns how
 // many still do.
-unsigned int AwaitThreadsAtRest(common::Clock::time_point deadline);
+unsigned int AwaitThreadsAtRest(base::Clock::time_point deadline);
 
 }  // namespace osak
 

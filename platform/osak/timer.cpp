@@ -20,7 +20,7 @@ namespace osak
 {
 namespace
 {
-using common::Clock;
+using base::Clock;
 
 struct Timer
 {
@@ -56,8 +56,8 @@ private:
     Timers::iterator Next() CORPDIR_REQUIRES(m_guard);
     void Call(Timers::iterator next) CORPDIR_REQUIRES(m_guard);
 
-    common::Guard m_guard;
-    common::Signal m_changed;  // there is something for the thread, or for who waits for it
+    base::Guard m_guard;
+    base::Signal m_changed;  // there is something for the thread, or for who waits for it
     Stage m_stage CORPDIR_GUARDED_BY(m_guard) = Stage::kNone;
     bool m_ended CORPDIR_GUARDED_BY(m_guard) = false;  // the process exits
     Timers m_timers CORPDIR_GUARDED_BY(m_guard);
@@ -81,7 +81,7 @@ unsigned int TimerThread()
 
 void TimerService::Run()
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     m_threadNumber = CurrentThreadNumber();
     for (;;)
     {
@@ -156,7 +156,7 @@ bool TimerService::EnsureThread()
 
 OSAK_TIMER TimerService::Create(OSAK_TIMER_PROC callback, bool repeats)
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     if (!EnsureThread())
     {
         return nullptr;
@@ -170,7 +170,7 @@ OSAK_TIMER TimerService::Create(OSAK_TIMER_PROC callback, bool repeats)
 
 unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* param)
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     const auto found = m_timers.find(number);
     if (found == m_timers.end())
     {
@@ -191,7 +191,7 @@ unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* p
 
 unsigned int TimerService::Free(std::uintptr_t number)
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     if (m_timers.erase(number) == 0)
     {
         return OSAK_ERR_HANDLE;
@@ -213,7 +213,7 @@ unsigned int TimerService::Free(std::uintptr_t number)
 // Who waits for a callback is woken, to be held.
 void TimerService::End()
 {
-    const common::Hold hold(m_guard);
+    const base::Hold hold(m_guard);
     m_ended = true;
     m_changed.NotifyAll();
 }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "attempt.h"
-#include "common/guard.h"
+#include "base/guard.h"
 #include "control_connection.h"
 #include "download_file.h"
 #include "limits.h"
@@ -102,7 +102,7 @@ private:
     const int m_wake;  // eventfd: readable when the handle is closed, or work has come while idle
     std::atomic<bool> m_closed{false};
 
-    common::Guard m_guard;
+    base::Guard m_guard;
     std::shared_ptr<const Settings> m_settings CORPDIR_GUARDED_BY(m_guard);
     bool m_dataParam CORPDIR_GUARDED_BY(m_guard) = false;
     bool m_started CORPDIR_GUARDED_BY(m_guard) = false;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "common/guard.h"
+#include "base/guard.h"
 
 namespace travex_ftp
 {
@@ -43,7 +43,7 @@ public:
     Identity Of(const std::string& address) CORPDIR_EXCLUDES(m_guard);
 
 private:
-    common::Guard m_guard;
+    base::Guard m_guard;
     std::map<std::string, Identity> m_names CORPDIR_GUARDED_BY(m_guard);
     size_t m_count CORPDIR_GUARDED_BY(m_guard) = 0;
 };

@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "common/guard.h"
+#include "base/guard.h"
 #include "handle.h"
 #include "identity.h"
 #include "limits.h"
@@ -60,7 +60,7 @@ private:
     Notifier m_notifier;
     ServerNames m_names;
 
-    common::Guard m_guard;
+    base::Guard m_guard;
     std::unordered_map<TRAVEX_FTP_HANDLE, std::shared_ptr<Handle>> m_handles
         CORPDIR_GUARDED_BY(m_guard);
     std::vector<std::shared_ptr<Handle>> m_closed

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "common/guard.h"
+#include "base/guard.h"
 
 namespace travex_ftp
 {
@@ -88,11 +88,11 @@ struct Setting
 {
     tagTRAVEX_FTP_S_LIMITS Get() CORPDIR_EXCLUDES(guard)
     {
-        const common::Hold hold(guard);
+        const base::Hold hold(guard);
         return set;
     }
 
-    common::Guard guard;
+    base::Guard guard;
     tagTRAVEX_FTP_S_LIMITS set CORPDIR_GUARDED_BY(guard){};
 };
 
@@ -116,7 +116,7 @@ Limits Limits::Current()
 void SetLimits(const tagTRAVEX_FTP_S_LIMITS* limits)
 {
     Setting& setting = TheSetting();
-    const common::Hold hold(setting.guard);
+    const base::Hold hold(setting.guard);
     setting.set = limits != nullptr ? *limits : tagTRAVEX_FTP_S_LIMITS{};
 }
 

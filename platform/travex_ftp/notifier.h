@@ -2,7 +2,7 @@
 #ifndef TRAVEX_FTP_NOTIFIER_H
 #define TRAVEX_FTP_NOTIFIER_H
 
-#include "common/guard.h"
+#include "base/guard.h"
 #include "task.h"
 #include "worker.h"
 
@@ -42,8 +42,8 @@ private:
 
     Worker m_worker;
 
-    common::Guard m_guard;
-    common::Signal m_changed;
+    base::Guard m_guard;
+    base::Signal m_changed;
     bool m_stopping CORPDIR_GUARDED_BY(m_guard) = false;
     TaskQueue<&Task::nextNews> m_queue CORPDIR_GUARDED_BY(m_guard);
 };

@@ -1,6 +1,6 @@
 #include "observer.h"
 
-#include "common/guard.h"
+#include "base/guard.h"
 
 namespace travex_ftp
 {
@@ -16,8 +16,8 @@ struct Call
 // Never destroyed: observations may come until the process is gone.
 struct State
 {
-    common::Guard guard;
-    common::Signal ended;
+    base::Guard guard;
+    base::Signal ended;
     TRAVEX_FTP_OBSERVER_CB observer CORPDIR_GUARDED_BY(guard) = nullptr;
     void* user CORPDIR_GUARDED_BY(guard) = nullptr;
     uint64_t settings CORPDIR_GUARDED_BY(guard) = 0;
@@ -61,7 +61,7 @@ void Unlink(State& all, const Call& call) CORPDIR_REQUIRES(all.guard)
 void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
 {
     State& all = TheState();
-    const common::Hold hold(all.guard);
+    const base::Hold hold(all.guard);
     const uint64_t setting = ++all.settings;
     all.observer = observer;
     all.user = user;
@@ -75,7 +75,7 @@ void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
 bool Observed()
 {
     State& all = TheState();
-    const common::Hold hold(all.guard);
+    const base::Hold hold(all.guard);
     return all.observer != nullptr;
 }
 
@@ -86,7 +86,7 @@ void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     TRAVEX_FTP_OBSERVER_CB observer = nullptr;
     void* user = nullptr;
     {
-        const common::Hold hold(all.guard);
+        const base::Hold hold(all.guard);
         if (all.observer == nullptr)
         {
             return;
@@ -99,7 +99,7 @@ void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     ++t_observing;
     observer(user, &seen);
     --t_observing;
-    const common::Hold hold(all.guard);
+    const base::Hold hold(all.guard);
     Unlink(all, call);
     all.ended.NotifyAll();
 }

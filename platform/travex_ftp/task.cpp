@@ -2,7 +2,7 @@
 
 #include <unordered_set>
 
-#include "common/guard.h"
+#include "base/guard.h"
 
 namespace travex_ftp
 {
@@ -11,7 +11,7 @@ namespace
 // Ids of live tasks, of all runs of the layer. Never destroyed: a task may outlive static objects.
 struct LiveIds
 {
-    common::Guard guard;
+    base::Guard guard;
     std::unordered_set<unsigned int> ids CORPDIR_GUARDED_BY(guard);
     unsigned int last CORPDIR_GUARDED_BY(guard) = 0;
 };
@@ -27,7 +27,7 @@ LiveIds& TheIds()
 TaskId::TaskId()
 {
     LiveIds& live = TheIds();
-    const common::Hold hold(live.guard);
+    const base::Hold hold(live.guard);
     // After four thousand million tasks the numbers start again, past those still in use.
     do
     {
@@ -39,7 +39,7 @@ TaskId::TaskId()
 TaskId::~TaskId()
 {
     LiveIds& live = TheIds();
-    const common::Hold hold(live.guard);
+    const base::Hold hold(live.guard);
     live.ids.erase(m_value);
 }
 

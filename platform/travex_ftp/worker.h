@@ -5,7 +5,7 @@
 #include <functional>
 #include <thread>
 
-#include "common/guard.h"
+#include "base/guard.h"
 #include "limits.h"
 
 namespace travex_ftp
@@ -51,8 +51,8 @@ private:
         kJoined,
     };
 
-    common::Guard m_guard;
-    common::Signal m_changed;
+    base::Guard m_guard;
+    base::Signal m_changed;
     State m_state CORPDIR_GUARDED_BY(m_guard) = State::kIdle;
     std::thread m_thread;  // set by Start(), used by the one caller that joins
 };

@@ -13,21 +13,19 @@ import sys
 
 PLATFORM_HEADERS = {"travex_ftp.h", "osak.h", "zep.h", "corpdir_log.h"}
 CLIENT_HEADERS = {"ftpcorpdir.h", "corpdir_loginfo.h"}
-COMMON = {"common/guard.h"}
 SIGNALS = {"base/signals_blocked.h"}
-BASE = {"base/resolved_names.h"} | SIGNALS
+BASE = {"base/changes.h", "base/guard.h", "base/never_destroyed.h", "base/resolved_names.h"} | SIGNALS
 SHARED = {"server_names.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
 # Folder: the project's headers that it may include beside those of its own folder.
 ALLOWED = {
     "platform/include": CLIENT_HEADERS & {"corpdir_loginfo.h"},
-    "platform/base": set(),
-    "platform/common": set(),
-    "platform/corpdir_log": {"corpdir_log.h", "corpdir_loginfo.h"} | COMMON,
-    "platform/osak": {"osak.h", "corpdir_log.h"} | COMMON | BASE,
+    "platform/base": BASE,
+    "platform/corpdir_log": {"corpdir_log.h", "corpdir_loginfo.h"} | BASE,
+    "platform/osak": {"osak.h", "corpdir_log.h"} | BASE,
     "platform/zep": {"zep.h"},
-    "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | COMMON | BASE,
+    "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | BASE,
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
     "client": {"osak.h", "travex_ftp.h"} | SIGNALS,

@@ -1,7 +1,7 @@
 // The layers' own locks: std::mutex and std::condition_variable with annotations that clang's
 // -Wthread-safety checks, and waits on the monotonic clock.
-#ifndef CORPDIR_COMMON_GUARD_H
-#define CORPDIR_COMMON_GUARD_H
+#ifndef CORPDIR_BASE_GUARD_H
+#define CORPDIR_BASE_GUARD_H
 
 #include <chrono>
 #include <condition_variable>
@@ -16,7 +16,7 @@
 #define CORPDIR_REQUIRES(guard) CORPDIR_ANNOTATE(requires_capability(guard))
 #define CORPDIR_EXCLUDES(guard) CORPDIR_ANNOTATE(locks_excluded(guard))
 
-namespace common
+namespace base
 {
 using Clock = std::chrono::steady_clock;
 
@@ -89,6 +89,6 @@ private:
     std::condition_variable m_condition;
 };
 
-}  // namespace common
+}  // namespace base
 
 #endif
