@@ -14,7 +14,8 @@ import sys
 PLATFORM_HEADERS = {"travex_ftp.h", "osak.h", "zep.h", "corpdir_log.h"}
 CLIENT_HEADERS = {"ftpcorpdir.h", "corpdir_loginfo.h"}
 SIGNALS = {"base/signals_blocked.h"}
-BASE = {"base/changes.h", "base/guard.h", "base/never_destroyed.h", "base/resolved_names.h"} | SIGNALS
+TEXT = {"base/printable.h"}
+BASE = {"base/changes.h", "base/guard.h", "base/never_destroyed.h", "base/resolved_names.h"} | SIGNALS | TEXT
 SHARED = {"server_names.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
@@ -29,7 +30,7 @@ ALLOWED = {
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
     "client": {"osak.h", "travex_ftp.h"} | SIGNALS,
-    "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED,
+    "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | TEXT,
     "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | SIGNALS,
     "examples": {"ftpcorpdir.h", "corpdir_c.h"},
 }

@@ -12,9 +12,7 @@ namespace corpdir_tool
 // command.
 bool IsControlByte(char byte);
 
-// The text with what could move the cursor, start a line of its own or turn the direction of
-// writing as \xNN: control characters, those above U+007F too, bidirectional marks, and bytes that
-// are not UTF-8.
+// The text with each byte of what is not UTF-8, or not to be seen ("base/printable.h"), as \xNN.
 std::string Printable(std::string_view text);
 
 // The system's words for an errno value.
