@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "osak/sleep.h"
 #include "service_stage.h"
 
 namespace

@@ -298,7 +298,7 @@ protected:
 TEST_F(ProgramSettings, StandInAFile)
 {
     Serve();
-    const CommandResult result = RunWith("max-size = 1mb");
+    const CommandResult result = RunWith("max-size = \"1mb\"");
     EXPECT_EQ(result.status, kFetched) << result.output;
     ExpectBothFiles();
 }
@@ -306,15 +306,15 @@ TEST_F(ProgramSettings, StandInAFile)
 TEST_F(ProgramSettings, TheSectionOfTheCommandGoesBefore)
 {
     Serve();
-    EXPECT_EQ(RunWith("max-size = 1kb", "[fetch]\nmax-size = 1mb").status, kFetched);
-    EXPECT_EQ(RunWith("max-size = 1mb", "[fetch]\nmax-size = 1kb").status, kNoServerLeft);
-    EXPECT_EQ(RunWith("max-size = 1mb", "[watch]\nmax-size = 1kb").status, kFetched);
+    EXPECT_EQ(RunWith("max-size = \"1kb\"", "[fetch]\nmax-size = \"1mb\"").status, kFetched);
+    EXPECT_EQ(RunWith("max-size = \"1mb\"", "[fetch]\nmax-size = \"1kb\"").status, kNoServerLeft);
+    EXPECT_EQ(RunWith("max-size = \"1mb\"", "[watch]\nmax-size = \"1kb\"").status, kFetched);
 }
 
 TEST_F(ProgramSettings, TheCommandLineGoesBeforeTheFile)
 {
     Serve();
-    (void)RunWith("max-size = 1kb");
+    (void)RunWith("max-size = \"1kb\"");
     const CommandResult result =
         RunCommand({{CORPDIR_TEST_PROGRAM, "--config", m_files.File("corpdir.conf"), "fetch",
                      "--max-size", "1mb"},
@@ -332,12 +332,12 @@ TEST_F(ProgramSettings, OptionsOfOtherCommandsAreLeftAlone)
 TEST_F(ProgramSettings, AMisspeltOptionIsRefused)
 {
     const std::pair<const char*, const char*> cases[] = {
-        {"verify-nmae = dir.example",
+        {"verify-nmae = \"dir.example\"",
          "no command has an option 'verify-nmae'; did you mean 'verify-name'?\n"},
-        {"password = x", "no command has an option 'password'\n"},
-        {"config = x", "no command has an option 'config'\n"},
-        {"[fetch]\nexec = true", "no command 'fetch' has an option 'exec'\n"},
-        {"[no-such]\nuser = x", "no command 'no-such' has an option 'user'\n"}};
+        {"password = \"x\"", "no command has an option 'password'\n"},
+        {"config = \"x\"", "no command has an option 'config'\n"},
+        {"[fetch]\nexec = \"true\"", "no command 'fetch' has an option 'exec'\n"},
+        {"[no-such]\nuser = \"x\"", "no command 'no-such' has an option 'user'\n"}};
     for (const auto& [lines, problem] : cases)
     {
         const CommandResult result = RunWith("", lines);
@@ -350,7 +350,7 @@ TEST_F(ProgramSettings, AMisspeltOptionIsRefused)
 TEST_F(ProgramSettings, AFlagIsTrueOrFalse)
 {
     Serve();
-    for (const char* value : {"\"\"", "", "yes", "1", "TRUE"})
+    for (const char* value : {"\"\"", "\"yes\"", "1", "'TRUE'"})
     {
         const CommandResult result = RunWith(std::string("no-verify = ") + value);
         EXPECT_EQ(result.status, kBadArguments) << value;

@@ -46,7 +46,9 @@ TEST(ToolSettings, AreTomlInSections)
     EXPECT_THAT(Settings("# about\n\na = 1\r\n  b=2\n[watch] # for one\na = 3\n\n[ check ]\na=4"),
                 testing::ElementsAre(".a=1", ".b=2", "watch.a=3", "check.a=4"));
     EXPECT_THAT(Settings(""), testing::IsEmpty());
-    EXPECT_THAT(Settings("\xef\xbb\xbf" "a = 1"), testing::ElementsAre(".a=1"));
+    EXPECT_THAT(Settings("\xef\xbb\xbf"
+                         "a = 1"),
+                testing::ElementsAre(".a=1"));
     EXPECT_EQ(Read("\n\na = 1").at(0).line, 3U);
 }
 
@@ -76,9 +78,10 @@ TEST(ToolSettings, ValuesAreTextsWholeNumbersAndTruthValues)
 
 TEST(ToolSettings, ATextWithoutQuotesIsToldWithThem)
 {
-    EXPECT_THAT(Problem("a = 1\nservers = dir1.example;dir2.example  # two"),
-                testing::AllOf(testing::StartsWith("line 2: "),
-                               testing::EndsWith("; write servers = \"dir1.example;dir2.example\"")));
+    EXPECT_THAT(
+        Problem("a = 1\nservers = dir1.example;dir2.example  # two"),
+        testing::AllOf(testing::StartsWith("line 2: "),
+                       testing::EndsWith("; write servers = \"dir1.example;dir2.example\"")));
     EXPECT_THAT(Problem("max-size=100mb\nca = x"),
                 testing::EndsWith("; write max-size = \"100mb\""));
 }

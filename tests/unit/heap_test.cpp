@@ -37,7 +37,8 @@ TEST_F(HeapTest, ATaskIsOneNodeOnTheHeap)
     queue.push_back(CORPDIR_E_THREADPRO_VERSION);
     queue.push_back(CORPDIR_E_THREADPRO_CORPDIR);
     EXPECT_EQ(memory::LiveBlocks(), lBefore + 2);
-    queue.pop_front();
+    CThreadProList::value_type eTask{};
+    EXPECT_TRUE(queue.take_front(eTask));
     EXPECT_EQ(memory::LiveBlocks(), lBefore + 1);
     queue.clear();
     EXPECT_EQ(memory::LiveBlocks(), lBefore);
@@ -74,7 +75,8 @@ TEST_F(HeapTest, AnAppendWithoutMemoryThrowsAndLeavesTheListAsItWas)
     memory::StopCounting();
     EXPECT_TRUE(bThrown);
     EXPECT_EQ(queue.front(), CORPDIR_E_THREADPRO_VERSION);
-    queue.pop_front();
+    CThreadProList::value_type eTask{};
+    EXPECT_TRUE(queue.take_front(eTask));
     EXPECT_TRUE(queue.empty());
     queue.push_back(CORPDIR_E_THREADPRO_CORPDIR);
     EXPECT_EQ(queue.front(), CORPDIR_E_THREADPRO_CORPDIR);
