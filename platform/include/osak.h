@@ -84,9 +84,9 @@ extern "C"
     // for it, and a later unlock, get OSAK_ERR_NO_MUTEX.
     unsigned int OSAK_MutexDestroy(OSAK_MUTEX* mutex);
 
-    // Locks, blocking; each lock of the holder wants an unlock of its own. Uncontended, a lock or
-    // an unlock costs about as much as a bare pthread mutex's. While the process exits a lock waits
-    // at most 1 s, and not for a holder that is held for good, then OSAK_ERR_BUSY.
+    // Locks, blocking; each lock of the holder wants an unlock of its own. All mutexes share one
+    // lock of the layer, which is held for the moment of a look-up. While the process exits a lock
+    // waits at most 1 s, and not for a holder that is held for good, then OSAK_ERR_BUSY.
     unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex);
 
     // Takes back one lock; the last one lets a waiting thread in. OSAK_ERR_OWNER for a thread that
