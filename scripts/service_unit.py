@@ -11,7 +11,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 UNIT = ROOT / "service/im/imcorpdirectory/ftpcorpdirectory/src/ftpcorpdirimpl.cpp"
-TESTS = "corpdir_service_tests"
+TESTS = "service_test"
 
 
 def build(preset):
@@ -101,7 +101,7 @@ def branches_not_taken(functions):
 def coverage():
     """Runs the unit tests. ((lines not run, all), (branches not taken, all))"""
     folder = build("coverage")
-    tests, raw, profile = folder / "tests/unit" / TESTS, folder / "raw", folder / "profile"
+    tests, raw, profile = folder / "tests/service" / TESTS, folder / "raw", folder / "profile"
 
     def run(*command, **options):
         return subprocess.run(command, check=True, stdout=subprocess.PIPE, **options).stdout

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "base/never_destroyed.h"
 
 namespace base
@@ -22,9 +22,9 @@ public:
     }
 
     // Counts a change and wakes all sleepers.
-    void Raise() CORPDIR_EXCLUDES(m_guard)
+    void Raise() CORPDIR_EXCLUDES(m_mutex)
     {
-        const Hold hold(m_guard);
+        const MutexLock lock(m_mutex);
         ++m_count;
         m_last = Clock::now();
         m_raised.NotifyAll();
@@ -35,25 +35,25 @@ public:
     // `asked` for the first sleep and for one soon after a change, else `longest`; a change ends it
     // early. Returns the count of changes, never 0.
     uint64_t Sleep(uint64_t seen, Clock::duration asked, Clock::duration longest)
-        CORPDIR_EXCLUDES(m_guard)
+        CORPDIR_EXCLUDES(m_mutex)
     {
         constexpr std::chrono::milliseconds kSoon{1};
-        const Hold hold(m_guard);
+        const MutexLock lock(m_mutex);
         const Clock::time_point now = Clock::now();
         const bool brief = seen == 0 || now - m_last < kSoon;
         const Clock::time_point end = now + (brief ? asked : longest);
         const uint64_t known = seen == 0 ? m_count : seen;
-        while (m_count == known && m_raised.WaitUntil(m_guard, end))
+        while (m_count == known && m_raised.WaitUntil(m_mutex, end))
         {
         }
         return m_count;
     }
 
 private:
-    Guard m_guard;
-    Signal m_raised;
-    uint64_t m_count CORPDIR_GUARDED_BY(m_guard) = 1;
-    Clock::time_point m_last CORPDIR_GUARDED_BY(m_guard);
+    Mutex m_mutex;
+    CondVar m_raised;
+    uint64_t m_count CORPDIR_GUARDED_BY(m_mutex) = 1;
+    Clock::time_point m_last CORPDIR_GUARDED_BY(m_mutex);
 };
 
 }  // namespace base

@@ -11,12 +11,12 @@ namespace
 {
 // The C library locks its time zone and does not unlock it in the child of a fork. As long as this
 // is held around both, a fork never meets it locked by this layer.
-base::Guard g_zone;
+base::Mutex g_zone;
 
 // All zero when the time has no date.
 std::tm LocalTime(std::time_t second)
 {
-    const base::Hold hold(g_zone);
+    const base::MutexLock lock(g_zone);
     std::tm local = {};
     if (localtime_r(&second, &local) == nullptr)
     {

@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_LINE_FORMATTER_H
 #define CORPDIR_LOG_LINE_FORMATTER_H
 
-#include "base/guard.h"
+#include "base/mutex.h"
 
 #include <chrono>
 #include <cstddef>

@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_LOG_TARGET_H
 #define CORPDIR_LOG_LOG_TARGET_H
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "log_file.h"
 #include "name_lock.h"
 #include "record.h"

@@ -73,7 +73,7 @@ void LogWriter::Submit(RecordPtr record)
 int LogWriter::Open(const LogSettings& settings)
 {
     const auto deadline = base::Clock::now() + kDiskPatience;
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     if (!TakeSlot(deadline))
     {
         return ETIMEDOUT;
@@ -92,7 +92,7 @@ int LogWriter::Open(const LogSettings& settings)
 
 void LogWriter::Close(base::Clock::time_point deadline)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     RefuseRecords();
     if (!TakeSlot(deadline))
     {
@@ -111,7 +111,7 @@ void LogWriter::Close(base::Clock::time_point deadline)
 void LogWriter::CloseForEver(base::Clock::time_point deadline)
 {
     {
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         m_isClosedForEver = true;
     }
     Close(deadline);
@@ -123,7 +123,7 @@ bool LogWriter::TakeSlot(base::Clock::time_point deadline)
 {
     while (m_slot != Slot::kFree)
     {
-        if (!m_slotChanged.WaitUntil(m_guard, deadline) && m_slot != Slot::kFree)
+        if (!m_slotChanged.WaitUntil(m_mutex, deadline) && m_slot != Slot::kFree)
         {
             return false;
         }
@@ -146,7 +146,7 @@ int LogWriter::Execute(Command command, base::Clock::time_point deadline)
     m_queue.Wake();
     while (m_slot != Slot::kExecuted)
     {
-        if (!m_slotChanged.WaitUntil(m_guard, deadline) && m_slot != Slot::kExecuted)
+        if (!m_slotChanged.WaitUntil(m_mutex, deadline) && m_slot != Slot::kExecuted)
         {
             m_slot = Slot::kAbandoned;
             return ETIMEDOUT;
@@ -173,7 +173,7 @@ int LogWriter::StartThread()
     return error;
 }
 
-// The thread marks itself as ended in its last section under the guard, and owns no file by then:
+// The thread marks itself as ended in its last section under the mutex, and owns no file by then:
 // so this waits for no disk, only for the thread to return.
 void LogWriter::JoinEndedThread()
 {
@@ -218,7 +218,7 @@ void LogWriter::Run()
 
 LogWriter::Command LogWriter::PostedCommand()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     return m_slot == Slot::kPosted || m_slot == Slot::kAbandoned ? m_command : Command::kNone;
 }
 
@@ -260,7 +260,7 @@ bool LogWriter::ExecuteOpen()
 {
     LogSettings settings;
     {
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         settings = m_settings;
     }
     if (m_target != nullptr)
@@ -272,7 +272,7 @@ bool LogWriter::ExecuteOpen()
     if (!AnswerOpen(&target, settings, error))
     {
         target.reset();  // first: whoever joins the thread after the answer waits for no disk
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         Answer(0);
     }
     return m_target != nullptr;
@@ -282,7 +282,7 @@ bool LogWriter::ExecuteOpen()
 bool LogWriter::AnswerOpen(std::unique_ptr<LogTarget>* target, const LogSettings& settings,
                            int error)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     if (m_slot == Slot::kAbandoned)
     {
         return false;
@@ -302,7 +302,7 @@ bool LogWriter::ExecuteClose()
 {
     m_target->Settle();
     m_target.reset();
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     Answer(0);
     return false;
 }

@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_LOG_WRITER_H
 #define CORPDIR_LOG_LOG_WRITER_H
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "log_target.h"
 #include "record_queue.h"
 
@@ -17,7 +17,7 @@ namespace corpdir_log
 constexpr std::chrono::seconds kDiskPatience{5};
 
 // Takes records from any thread and writes them on a thread of its own, which alone touches files
-// and lives while the log is open. Thread-safe: the queue is, commands are under a guard, and the
+// and lives while the log is open. Thread-safe: the queue is, commands are under a mutex, and the
 // target belongs to the log's thread.
 class LogWriter
 {
@@ -74,11 +74,11 @@ private:
     };
 
     // Called by Open and Close.
-    bool TakeSlot(base::Clock::time_point deadline) CORPDIR_REQUIRES(m_guard);
-    void FreeSlot() CORPDIR_REQUIRES(m_guard);
-    int Execute(Command command, base::Clock::time_point deadline) CORPDIR_REQUIRES(m_guard);
-    int StartThread() CORPDIR_REQUIRES(m_guard);
-    void JoinEndedThread() CORPDIR_REQUIRES(m_guard);
+    bool TakeSlot(base::Clock::time_point deadline) CORPDIR_REQUIRES(m_mutex);
+    void FreeSlot() CORPDIR_REQUIRES(m_mutex);
+    int Execute(Command command, base::Clock::time_point deadline) CORPDIR_REQUIRES(m_mutex);
+    int StartThread() CORPDIR_REQUIRES(m_mutex);
+    void JoinEndedThread() CORPDIR_REQUIRES(m_mutex);
     void RefuseRecords();
 
     // On the log's thread.
@@ -90,20 +90,20 @@ private:
     bool ExecuteOpen();
     bool AnswerOpen(std::unique_ptr<LogTarget>* target, const LogSettings& settings, int error);
     bool ExecuteClose();
-    void Answer(int result) CORPDIR_REQUIRES(m_guard);
+    void Answer(int result) CORPDIR_REQUIRES(m_mutex);
 
     RecordQueue m_queue;
-    std::atomic<int> m_level{kClosed};  // the highest that is written; set under m_guard
+    std::atomic<int> m_level{kClosed};  // the highest that is written; set under m_mutex
 
-    base::Guard m_guard;
-    base::Signal m_slotChanged;
-    Slot m_slot CORPDIR_GUARDED_BY(m_guard) = Slot::kFree;
-    Command m_command CORPDIR_GUARDED_BY(m_guard) = Command::kNone;
-    LogSettings m_settings CORPDIR_GUARDED_BY(m_guard) = {};
-    int m_result CORPDIR_GUARDED_BY(m_guard) = 0;
-    bool m_isClosedForEver CORPDIR_GUARDED_BY(m_guard) = false;
-    Thread m_threadState CORPDIR_GUARDED_BY(m_guard) = Thread::kNone;
-    pthread_t m_thread CORPDIR_GUARDED_BY(m_guard) = {};
+    base::Mutex m_mutex;
+    base::CondVar m_slotChanged;
+    Slot m_slot CORPDIR_GUARDED_BY(m_mutex) = Slot::kFree;
+    Command m_command CORPDIR_GUARDED_BY(m_mutex) = Command::kNone;
+    LogSettings m_settings CORPDIR_GUARDED_BY(m_mutex) = {};
+    int m_result CORPDIR_GUARDED_BY(m_mutex) = 0;
+    bool m_isClosedForEver CORPDIR_GUARDED_BY(m_mutex) = false;
+    Thread m_threadState CORPDIR_GUARDED_BY(m_mutex) = Thread::kNone;
+    pthread_t m_thread CORPDIR_GUARDED_BY(m_mutex) = {};
 
     // The log's thread only.
     std::unique_ptr<LogTarget> m_target;

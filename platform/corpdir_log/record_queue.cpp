@@ -16,22 +16,22 @@ constexpr std::chrono::milliseconds kShortRest{2};
 
 void RecordQueue::Open()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_isOpen = true;
 }
 
 void RecordQueue::Close()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_isOpen = false;
 }
 
 void RecordQueue::Push(RecordPtr record)
 {
-    RecordList dropped;  // freed without the guard
+    RecordList dropped;  // freed without the mutex
     bool wake = false;
     {
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         if (!m_isOpen)
         {
             return;
@@ -58,7 +58,7 @@ void RecordQueue::Push(RecordPtr record)
 void RecordQueue::Wake()
 {
     {
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         m_isUrgent = true;
         m_reader = Reader::kBusy;
     }
@@ -67,7 +67,7 @@ void RecordQueue::Wake()
 
 Batch RecordQueue::Take(Rest rest)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     AwaitRecords(rest);
     m_isUrgent = false;
     m_bytes = 0;
@@ -103,9 +103,9 @@ void RecordQueue::AwaitRecords(Rest rest)
     {
         if (rest == Rest::kLong)
         {
-            m_wake.Wait(m_guard);
+            m_wake.Wait(m_mutex);
         }
-        else if (!m_wake.WaitUntil(m_guard, deadline))
+        else if (!m_wake.WaitUntil(m_mutex, deadline))
         {
             m_reader = Reader::kBusy;
         }

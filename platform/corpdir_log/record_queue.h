@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_RECORD_QUEUE_H
 #define CORPDIR_LOG_RECORD_QUEUE_H
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "record.h"
 
 #include <cstddef>
@@ -26,7 +26,7 @@ struct Batch
 };
 
 // Holds at most kCapacity bytes, or one record that is larger; records that come when it is full
-// push out the oldest. Thread-safe, under a guard that is held for a few instructions, or for as
+// push out the oldest. Thread-safe, under a mutex that is held for a few instructions, or for as
 // many as the records are that one larger record pushes out; none is freed meanwhile.
 class RecordQueue
 {
@@ -55,18 +55,18 @@ private:
         kLongRest
     };
 
-    void MakeRoom(std::size_t bytes, RecordList* dropped) CORPDIR_REQUIRES(m_guard);
-    bool NeedsWaking() const CORPDIR_REQUIRES(m_guard);
-    void AwaitRecords(Rest rest) CORPDIR_REQUIRES(m_guard);
+    void MakeRoom(std::size_t bytes, RecordList* dropped) CORPDIR_REQUIRES(m_mutex);
+    bool NeedsWaking() const CORPDIR_REQUIRES(m_mutex);
+    void AwaitRecords(Rest rest) CORPDIR_REQUIRES(m_mutex);
 
-    base::Guard m_guard;
-    base::Signal m_wake;
-    RecordList m_records CORPDIR_GUARDED_BY(m_guard);
-    std::size_t m_bytes CORPDIR_GUARDED_BY(m_guard) = 0;
-    std::uint64_t m_dropped CORPDIR_GUARDED_BY(m_guard) = 0;
-    bool m_isOpen CORPDIR_GUARDED_BY(m_guard) = false;
-    bool m_isUrgent CORPDIR_GUARDED_BY(m_guard) = false;  // no rest until the next Take
-    Reader m_reader CORPDIR_GUARDED_BY(m_guard) = Reader::kBusy;
+    base::Mutex m_mutex;
+    base::CondVar m_wake;
+    RecordList m_records CORPDIR_GUARDED_BY(m_mutex);
+    std::size_t m_bytes CORPDIR_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_dropped CORPDIR_GUARDED_BY(m_mutex) = 0;
+    bool m_isOpen CORPDIR_GUARDED_BY(m_mutex) = false;
+    bool m_isUrgent CORPDIR_GUARDED_BY(m_mutex) = false;  // no rest until the next Take
+    Reader m_reader CORPDIR_GUARDED_BY(m_mutex) = Reader::kBusy;
 };
 
 }  // namespace corpdir_log

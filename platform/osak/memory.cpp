@@ -1,7 +1,7 @@
 // Tracked memory. The C library does the allocating; what is known of a block stands in tables
 // beside it, so that a pointer can be judged without being followed: a live block is in one table,
 // one released lately in the other, and anything else is none of ours.
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "base/never_destroyed.h"
 #include "osak.h"
 #include "osak_diagnostics.h"
@@ -60,7 +60,7 @@ struct Block
 
 // Released blocks that are not given back yet, so that a stale pointer meets no new owner: the last
 // 1,024, and of those no more than 16 MiB, which a client that works in large pieces would
-// otherwise turn into gigabytes. Not thread-safe: the memory's guard covers it.
+// otherwise turn into gigabytes. Not thread-safe: the memory's mutex covers it.
 class Quarantine
 {
 public:
@@ -124,12 +124,12 @@ std::uintptr_t KeyOf(const void* address)
     return ~reinterpret_cast<std::uintptr_t>(address);
 }
 
-// Thread-safe: everything is under the guard.
+// Thread-safe: everything is under the mutex.
 struct Memory
 {
-    base::Guard guard;
-    std::unordered_map<std::uintptr_t, Block> live CORPDIR_GUARDED_BY(guard);
-    Quarantine released CORPDIR_GUARDED_BY(guard);
+    base::Mutex mutex;
+    std::unordered_map<std::uintptr_t, Block> live CORPDIR_GUARDED_BY(mutex);
+    Quarantine released CORPDIR_GUARDED_BY(mutex);
 };
 
 Memory& TheMemory()
@@ -144,7 +144,7 @@ bool Enter(void* address, const Block& block)
     Memory& memory = TheMemory();
     try
     {
-        const base::Hold hold(memory.guard);
+        const base::MutexLock lock(memory.mutex);
         memory.live.emplace(KeyOf(address), block);
         return true;
     }
@@ -159,7 +159,7 @@ bool Enter(void* address, const Block& block)
 bool TakeOut(void* address, Block* block, Place* releasedAt)
 {
     Memory& memory = TheMemory();
-    const base::Hold hold(memory.guard);
+    const base::MutexLock lock(memory.mutex);
     const auto found = memory.live.find(KeyOf(address));
     if (found == memory.live.end())
     {
@@ -191,14 +191,14 @@ void PutAway(void* address, const Block& block)
     Memory& memory = TheMemory();
     Quarantine::Entry evicted;
     {
-        const base::Hold hold(memory.guard);
+        const base::MutexLock lock(memory.mutex);
         evicted = memory.released.Keep(address, block);
     }
-    // One at a time, each outside the guard: the room for a large block may be that of many small.
+    // One at a time, each outside the mutex: the room for a large block may be that of many small.
     while (evicted.first != nullptr)
     {
         GiveBack(evicted);
-        const base::Hold hold(memory.guard);
+        const base::MutexLock lock(memory.mutex);
         evicted = memory.released.Surplus();
     }
 }
@@ -266,7 +266,7 @@ UseByPlace SumUp(OSAK_MEM_USE* total)
     std::vector<Block> blocks;
     {
         Memory& memory = TheMemory();
-        const base::Hold hold(memory.guard);
+        const base::MutexLock lock(memory.mutex);
         for (const auto& entry : memory.live)
         {
             blocks.push_back(entry.second);

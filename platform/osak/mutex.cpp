@@ -1,7 +1,7 @@
 // Recursive mutexes that are named by an address and live apart from it: a registry under one lock.
 #include "mutex.h"
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "base/never_destroyed.h"
 #include "osak.h"
 #include "process.h"
@@ -27,8 +27,8 @@ struct Mutex
 // Thread-safe: everything is under the guard, the mutexes included.
 struct Registry
 {
-    base::Guard guard;
-    base::Signal changed;  // a mutex was released or destroyed, or the process exits
+    base::Mutex guard;
+    base::CondVar changed;  // a mutex was released or destroyed, or the process exits
     std::map<const OSAK_MUTEX*, std::shared_ptr<Mutex>> mutexes CORPDIR_GUARDED_BY(guard);
 
     // Null: the storage names none.
@@ -82,7 +82,7 @@ unsigned int AwaitFree(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(
 unsigned int Lock(const OSAK_MUTEX* storage)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.guard);
     const std::shared_ptr<Mutex> mutex = registry.Find(storage);
     if (mutex == nullptr)
     {
@@ -104,7 +104,7 @@ unsigned int Lock(const OSAK_MUTEX* storage)
 unsigned int Unlock(const OSAK_MUTEX* storage)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.guard);
     const std::shared_ptr<Mutex> mutex = registry.Find(storage);
     if (mutex == nullptr)
     {
@@ -142,7 +142,7 @@ unsigned int AwaitUnheld(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRE
 unsigned int Destroy(const OSAK_MUTEX* storage)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.guard);
     const std::shared_ptr<Mutex> mutex = registry.Find(storage);
     if (mutex == nullptr)
     {
@@ -169,7 +169,7 @@ unsigned int Destroy(const OSAK_MUTEX* storage)
 void WakeMutexWaiters()
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.guard);
     registry.changed.NotifyAll();
 }
 
@@ -189,7 +189,7 @@ unsigned int OSAK_MutexInitRecursive(OSAK_MUTEX* mutex, void* attr)
     try
     {
         osak::Registry& registry = osak::TheRegistry();
-        const base::Hold hold(registry.guard);
+        const base::MutexLock lock(registry.guard);
         const bool made = registry.mutexes.emplace(mutex, std::make_shared<osak::Mutex>()).second;
         return made ? OSAK_OK : OSAK_ERR_PARAM;
     }

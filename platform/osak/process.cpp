@@ -2,7 +2,7 @@
 #include "process.h"
 
 #include "base/changes.h"
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "mutex.h"
 #include "osak_diagnostics.h"
 #include "osak_log.h"

@@ -41,7 +41,7 @@ struct Thread
     const char* name = nullptr;  // static text of at most 15 bytes, the system's limit
     OSAK_THREAD_PROC entry = nullptr;
 
-    // Guarded by the registry's guard.
+    // Guarded by the registry's mutex.
     pthread_t native = {};
     std::uint64_t threadNumber = 0;  // 0 until the thread runs
     bool runsClient = false;         // the exit of the process waits for it
@@ -51,13 +51,13 @@ struct Thread
     bool parked = false;  // held for good, the process exits
 };
 
-// The threads that were not joined. Thread-safe: everything is under the guard.
+// The threads that were not joined. Thread-safe: everything is under the mutex.
 struct Registry
 {
-    base::Guard guard;
-    base::Signal changed;  // a thread ended, was held, or left a callback
-    std::map<std::uintptr_t, std::unique_ptr<Thread>> threads CORPDIR_GUARDED_BY(guard);
-    std::uintptr_t lastNumber CORPDIR_GUARDED_BY(guard) = 0;
+    base::Mutex mutex;
+    base::CondVar changed;  // a thread ended, was held, or left a callback
+    std::map<std::uintptr_t, std::unique_ptr<Thread>> threads CORPDIR_GUARDED_BY(mutex);
+    std::uintptr_t lastNumber CORPDIR_GUARDED_BY(mutex) = 0;
 };
 
 Registry& TheRegistry()
@@ -88,7 +88,7 @@ void MarkEnd(void* /*value*/)
         return;
     }
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.mutex);
     t_self->ended = true;
     t_self = nullptr;
     registry.changed.NotifyAll();
@@ -133,7 +133,7 @@ void* RunThread(void* argument)
 {
     t_self = static_cast<Thread*>(argument);
     {
-        const base::Hold hold(TheRegistry().guard);
+        const base::MutexLock lock(TheRegistry().mutex);
         t_self->threadNumber = CurrentThreadNumber();
     }
     const EndOfThread end;
@@ -154,12 +154,12 @@ int CreateNative(pthread_t* native, Thread* thread)
     return error;
 }
 
-// Enters the record, stores the handle and starts the thread. The guard is held across the start,
+// Enters the record, stores the handle and starts the thread. The mutex is held across the start,
 // so that whoever the entry hands its handle to finds the record complete.
 unsigned int StartRegistered(std::unique_ptr<Thread> record, OSAK_THREAD* handle)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.mutex);
     const std::uintptr_t number = ++registry.lastNumber;
     Thread* const thread = record.get();
     registry.threads.emplace(number, std::move(record));
@@ -178,7 +178,7 @@ unsigned int StartRegistered(std::unique_ptr<Thread> record, OSAK_THREAD* handle
 bool TakeAbandoned(pthread_t* native)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.mutex);
     for (auto entry = registry.threads.begin(); entry != registry.threads.end(); ++entry)
     {
         const Thread& thread = *entry->second;
@@ -205,7 +205,7 @@ void CollectAbandoned()
 }
 
 // Waits for the end of a thread that is not going to be held for good.
-unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES(registry.guard)
+unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES(registry.mutex)
 {
     // A join that static destructors make is not to hang the exit.
     const bool exiting = CurrentPhase() == Phase::kExiting;
@@ -214,9 +214,9 @@ unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES
     {
         if (!exiting)
         {
-            registry.changed.Wait(registry.guard);
+            registry.changed.Wait(registry.mutex);
         }
-        else if (!registry.changed.WaitUntil(registry.guard, deadline))
+        else if (!registry.changed.WaitUntil(registry.mutex, deadline))
         {
             break;
         }
@@ -228,7 +228,7 @@ unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES
 unsigned int JoinRegistered(std::uintptr_t number, pthread_t* native)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.mutex);
     const auto found = registry.threads.find(number);
     if (found == registry.threads.end())
     {
@@ -262,7 +262,7 @@ bool IsAtRest(const Thread& thread)
     return &thread == t_self || thread.ended || thread.parked || !thread.runsClient;
 }
 
-unsigned int CountAtWork(Registry& registry) CORPDIR_REQUIRES(registry.guard)
+unsigned int CountAtWork(Registry& registry) CORPDIR_REQUIRES(registry.mutex)
 {
     unsigned int count = 0;
     for (const auto& entry : registry.threads)
@@ -275,7 +275,7 @@ unsigned int CountAtWork(Registry& registry) CORPDIR_REQUIRES(registry.guard)
 void SetRunsClient(bool runsClient)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.mutex);
     t_self->runsClient = runsClient;
     registry.changed.NotifyAll();
 }
@@ -323,7 +323,7 @@ void ParkIfExiting()
     }
     Registry& registry = TheRegistry();
     {
-        const base::Hold hold(registry.guard);
+        const base::MutexLock lock(registry.mutex);
         t_self->parked = true;
         registry.changed.NotifyAll();
     }
@@ -337,7 +337,7 @@ void ParkIfExiting()
 bool IsParked(std::uint64_t threadNumber)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.mutex);
     for (const auto& entry : registry.threads)
     {
         if (entry.second->threadNumber == threadNumber)
@@ -351,9 +351,9 @@ bool IsParked(std::uint64_t threadNumber)
 unsigned int AwaitThreadsAtRest(base::Clock::time_point deadline)
 {
     Registry& registry = TheRegistry();
-    const base::Hold hold(registry.guard);
+    const base::MutexLock lock(registry.mutex);
     unsigned int running = CountAtWork(registry);
-    while (running != 0 && registry.changed.WaitUntil(registry.guard, deadline))
+    while (running != 0 && registry.changed.WaitUntil(registry.mutex, deadline))
     {
         running = CountAtWork(registry);
     }

@@ -2,7 +2,7 @@
 #ifndef OSAK_THREAD_H
 #define OSAK_THREAD_H
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "osak.h"
 
 #include <cstdint>

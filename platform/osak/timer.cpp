@@ -1,7 +1,7 @@
 // Relative timers: a table, and one thread that starts with the first of them.
 //
-// A handle is a number, looked up under the guard, so a stale one finds nothing. The callback runs
-// with the guard released; a free from elsewhere waits until it has returned.
+// A handle is a number, looked up under the mutex, so a stale one finds nothing. The callback runs
+// with the mutex released; a free from elsewhere waits until it has returned.
 #include "timer.h"
 
 #include "base/changes.h"
@@ -31,7 +31,7 @@ struct Timer
     Clock::time_point due = Clock::time_point::max();  // max: it does not run
 };
 
-// Thread-safe: everything is under the guard, which no callback runs under.
+// Thread-safe: everything is under the mutex, which no callback runs under.
 class TimerService
 {
 public:
@@ -52,18 +52,18 @@ private:
         kRunning
     };
 
-    bool EnsureThread() CORPDIR_REQUIRES(m_guard);
-    Timers::iterator Next() CORPDIR_REQUIRES(m_guard);
-    void Call(Timers::iterator next) CORPDIR_REQUIRES(m_guard);
+    bool EnsureThread() CORPDIR_REQUIRES(m_mutex);
+    Timers::iterator Next() CORPDIR_REQUIRES(m_mutex);
+    void Call(Timers::iterator next) CORPDIR_REQUIRES(m_mutex);
 
-    base::Guard m_guard;
-    base::Signal m_changed;  // there is something for the thread, or for who waits for it
-    Stage m_stage CORPDIR_GUARDED_BY(m_guard) = Stage::kNone;
-    bool m_ended CORPDIR_GUARDED_BY(m_guard) = false;  // the process exits
-    Timers m_timers CORPDIR_GUARDED_BY(m_guard);
-    std::uintptr_t m_lastNumber CORPDIR_GUARDED_BY(m_guard) = 0;
-    std::uintptr_t m_called CORPDIR_GUARDED_BY(m_guard) = 0;  // whose callback runs; 0: none
-    std::uint64_t m_threadNumber CORPDIR_GUARDED_BY(m_guard) = 0;
+    base::Mutex m_mutex;
+    base::CondVar m_changed;  // there is something for the thread, or for who waits for it
+    Stage m_stage CORPDIR_GUARDED_BY(m_mutex) = Stage::kNone;
+    bool m_ended CORPDIR_GUARDED_BY(m_mutex) = false;  // the process exits
+    Timers m_timers CORPDIR_GUARDED_BY(m_mutex);
+    std::uintptr_t m_lastNumber CORPDIR_GUARDED_BY(m_mutex) = 0;
+    std::uintptr_t m_called CORPDIR_GUARDED_BY(m_mutex) = 0;  // whose callback runs; 0: none
+    std::uint64_t m_threadNumber CORPDIR_GUARDED_BY(m_mutex) = 0;
 };
 
 TimerService& TheService()
@@ -81,18 +81,18 @@ unsigned int TimerThread()
 
 void TimerService::Run()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_threadNumber = CurrentThreadNumber();
     for (;;)
     {
         const Timers::iterator next = m_ended ? m_timers.end() : Next();
         if (next == m_timers.end())
         {
-            m_changed.Wait(m_guard);
+            m_changed.Wait(m_mutex);
         }
         else if (next->second.due > Clock::now())
         {
-            (void)m_changed.WaitUntil(m_guard, next->second.due);
+            (void)m_changed.WaitUntil(m_mutex, next->second.due);
         }
         else
         {
@@ -115,7 +115,7 @@ TimerService::Timers::iterator TimerService::Next()
 }
 
 // One expiry, on the timer thread. The next one is a period from now, however late this one is. The
-// exit of the process sees an end or a call: both begin under the guard.
+// exit of the process sees an end or a call: both begin under the mutex.
 void TimerService::Call(Timers::iterator next)
 {
     Timer& timer = next->second;
@@ -124,30 +124,30 @@ void TimerService::Call(Timers::iterator next)
     void* const param = timer.param;
     m_called = next->first;
     BeginClientCall();
-    m_guard.Unlock();
+    m_mutex.Unlock();
     callback(param);
     base::Changes::Get().Raise();
-    m_guard.Lock();
+    m_mutex.Lock();
     EndClientCall();
     m_called = 0;
     m_changed.NotifyAll();
 }
 
 // True when the thread runs and the process goes on. Of several first callers one starts the
-// thread, with the guard released, and the others wait for the outcome.
+// thread, with the mutex released, and the others wait for the outcome.
 bool TimerService::EnsureThread()
 {
     while (m_stage == Stage::kStarting)
     {
-        m_changed.Wait(m_guard);
+        m_changed.Wait(m_mutex);
     }
     if (m_stage == Stage::kNone && !m_ended)
     {
         m_stage = Stage::kStarting;
-        m_guard.Unlock();
+        m_mutex.Unlock();
         OSAK_THREAD thread = nullptr;
         const unsigned int code = StartThread("corpdir-timer", Duty::kLayer, TimerThread, &thread);
-        m_guard.Lock();
+        m_mutex.Lock();
         m_stage = code == OSAK_OK ? Stage::kRunning : Stage::kNone;
         m_changed.NotifyAll();
     }
@@ -156,7 +156,7 @@ bool TimerService::EnsureThread()
 
 OSAK_TIMER TimerService::Create(OSAK_TIMER_PROC callback, bool repeats)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     if (!EnsureThread())
     {
         return nullptr;
@@ -170,7 +170,7 @@ OSAK_TIMER TimerService::Create(OSAK_TIMER_PROC callback, bool repeats)
 
 unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* param)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     const auto found = m_timers.find(number);
     if (found == m_timers.end())
     {
@@ -191,7 +191,7 @@ unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* p
 
 unsigned int TimerService::Free(std::uintptr_t number)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     if (m_timers.erase(number) == 0)
     {
         return OSAK_ERR_HANDLE;
@@ -205,7 +205,7 @@ unsigned int TimerService::Free(std::uintptr_t number)
         {
             return OSAK_ERR_BUSY;
         }
-        m_changed.Wait(m_guard);
+        m_changed.Wait(m_mutex);
     }
     return OSAK_OK;
 }
@@ -213,7 +213,7 @@ unsigned int TimerService::Free(std::uintptr_t number)
 // Who waits for a callback is woken, to be held.
 void TimerService::End()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_ended = true;
     m_changed.NotifyAll();
 }

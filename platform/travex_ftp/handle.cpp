@@ -35,31 +35,31 @@ Handle::~Handle()
 
 void Handle::SetSettings(std::shared_ptr<const Settings> settings)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_settings.swap(settings);  // the old ones go after the lock
 }
 
 void Handle::SetDataParam()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_dataParam = true;
 }
 
 std::shared_ptr<const Settings> Handle::CurrentSettings()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     return m_settings;
 }
 
 bool Handle::DataParamSet()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     return m_dataParam;
 }
 
 void Handle::StartThread()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     if (!m_started && !m_cancelled)
     {
         m_worker.Start([this] { Run(); });
@@ -70,7 +70,7 @@ void Handle::StartThread()
 // On a handle that was closed meanwhile the task is as one that was cancelled.
 void Handle::Submit(TaskPtr task)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     if (m_cancelled)
     {
         return;
@@ -85,7 +85,7 @@ void Handle::Submit(TaskPtr task)
 void Handle::Cancel()
 {
     m_closed = true;
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_cancelled = true;
     (void)eventfd_write(m_wake, 1);
 }
@@ -126,7 +126,7 @@ TaskPtr Handle::AwaitTask()
 // Null: there is none now, and Submit wakes the thread.
 TaskPtr Handle::TakeTask()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     eventfd_t ignored = 0;
     m_idle = m_queue.Empty();
     if (!m_cancelled)
@@ -152,7 +152,7 @@ void Handle::AwaitWork()
 void Handle::DropTasks()
 {
     TaskQueue<&Task::nextTransfer> dropped;
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_cancelled = true;  // nothing is queued from here on
     dropped.Append(m_queue);
 }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "attempt.h"
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "control_connection.h"
 #include "download_file.h"
 #include "limits.h"
@@ -31,21 +31,21 @@ public:
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
 
-    void SetSettings(std::shared_ptr<const Settings> settings) CORPDIR_EXCLUDES(m_guard);
-    void SetDataParam() CORPDIR_EXCLUDES(m_guard);
+    void SetSettings(std::shared_ptr<const Settings> settings) CORPDIR_EXCLUDES(m_mutex);
+    void SetDataParam() CORPDIR_EXCLUDES(m_mutex);
 
     // The parameters as they are now; null settings: never set.
-    std::shared_ptr<const Settings> CurrentSettings() CORPDIR_EXCLUDES(m_guard);
-    bool DataParamSet() CORPDIR_EXCLUDES(m_guard);
+    std::shared_ptr<const Settings> CurrentSettings() CORPDIR_EXCLUDES(m_mutex);
+    bool DataParamSet() CORPDIR_EXCLUDES(m_mutex);
 
     // Makes the thread if there is none. Throws std::system_error or std::bad_alloc.
-    void StartThread() CORPDIR_EXCLUDES(m_guard);
+    void StartThread() CORPDIR_EXCLUDES(m_mutex);
 
     // Runs a download after those that were accepted before it. StartThread() comes first.
-    void Submit(TaskPtr task) CORPDIR_EXCLUDES(m_guard);
+    void Submit(TaskPtr task) CORPDIR_EXCLUDES(m_mutex);
 
     // Cancels all downloads; no notification of it begins any more. Waits for nothing.
-    void Cancel() CORPDIR_EXCLUDES(m_guard);
+    void Cancel() CORPDIR_EXCLUDES(m_mutex);
 
     bool Closed() const
     {
@@ -82,10 +82,10 @@ private:
     };
 
     void Run();
-    TaskPtr AwaitTask() CORPDIR_EXCLUDES(m_guard);
-    TaskPtr TakeTask() CORPDIR_EXCLUDES(m_guard);
+    TaskPtr AwaitTask() CORPDIR_EXCLUDES(m_mutex);
+    TaskPtr TakeTask() CORPDIR_EXCLUDES(m_mutex);
     void AwaitWork();
-    void DropTasks() CORPDIR_EXCLUDES(m_guard);
+    void DropTasks() CORPDIR_EXCLUDES(m_mutex);
     void Transfer(const TaskPtr& task);
     bool Prepare(Work& work);
     void ChooseConnection(const Settings& settings);
@@ -102,13 +102,13 @@ private:
     const int m_wake;  // eventfd: readable when the handle is closed, or work has come while idle
     std::atomic<bool> m_closed{false};
 
-    base::Guard m_guard;
-    std::shared_ptr<const Settings> m_settings CORPDIR_GUARDED_BY(m_guard);
-    bool m_dataParam CORPDIR_GUARDED_BY(m_guard) = false;
-    bool m_started CORPDIR_GUARDED_BY(m_guard) = false;
-    bool m_cancelled CORPDIR_GUARDED_BY(m_guard) = false;
-    bool m_idle CORPDIR_GUARDED_BY(m_guard) = false;
-    TaskQueue<&Task::nextTransfer> m_queue CORPDIR_GUARDED_BY(m_guard);
+    base::Mutex m_mutex;
+    std::shared_ptr<const Settings> m_settings CORPDIR_GUARDED_BY(m_mutex);
+    bool m_dataParam CORPDIR_GUARDED_BY(m_mutex) = false;
+    bool m_started CORPDIR_GUARDED_BY(m_mutex) = false;
+    bool m_cancelled CORPDIR_GUARDED_BY(m_mutex) = false;
+    bool m_idle CORPDIR_GUARDED_BY(m_mutex) = false;
+    TaskQueue<&Task::nextTransfer> m_queue CORPDIR_GUARDED_BY(m_mutex);
 
     // Of the transfer thread.
     DownloadFile m_file;

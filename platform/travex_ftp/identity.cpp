@@ -94,7 +94,7 @@ std::string InWords(const Identity& identity)
 
 bool ServerNames::Add(const std::string& address, const std::string& normalized)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     const auto known = m_names.find(address);
     if (known != m_names.end() &&
         std::find(known->second.begin(), known->second.end(), normalized) != known->second.end())
@@ -112,7 +112,7 @@ bool ServerNames::Add(const std::string& address, const std::string& normalized)
 
 void ServerNames::Forget(const std::string& address)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     const auto found = m_names.find(address);
     if (found != m_names.end())
     {
@@ -123,14 +123,14 @@ void ServerNames::Forget(const std::string& address)
 
 void ServerNames::ForgetAll()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_names.clear();
     m_count = 0;
 }
 
 Identity ServerNames::Of(const std::string& address)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     const auto found = m_names.find(address);
     return found != m_names.end() ? found->second : Identity();
 }

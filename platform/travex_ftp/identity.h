@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "base/guard.h"
+#include "base/mutex.h"
 
 namespace travex_ftp
 {
@@ -36,16 +36,16 @@ class ServerNames
 {
 public:
     // Addresses are keys of base::AddressKey. False: the table is full. Throws std::bad_alloc.
-    bool Add(const std::string& address, const std::string& normalized) CORPDIR_EXCLUDES(m_guard);
-    void Forget(const std::string& address) CORPDIR_EXCLUDES(m_guard);
-    void ForgetAll() CORPDIR_EXCLUDES(m_guard);
+    bool Add(const std::string& address, const std::string& normalized) CORPDIR_EXCLUDES(m_mutex);
+    void Forget(const std::string& address) CORPDIR_EXCLUDES(m_mutex);
+    void ForgetAll() CORPDIR_EXCLUDES(m_mutex);
 
-    Identity Of(const std::string& address) CORPDIR_EXCLUDES(m_guard);
+    Identity Of(const std::string& address) CORPDIR_EXCLUDES(m_mutex);
 
 private:
-    base::Guard m_guard;
-    std::map<std::string, Identity> m_names CORPDIR_GUARDED_BY(m_guard);
-    size_t m_count CORPDIR_GUARDED_BY(m_guard) = 0;
+    base::Mutex m_mutex;
+    std::map<std::string, Identity> m_names CORPDIR_GUARDED_BY(m_mutex);
+    size_t m_count CORPDIR_GUARDED_BY(m_mutex) = 0;
 };
 
 }  // namespace travex_ftp

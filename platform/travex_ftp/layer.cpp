@@ -16,11 +16,11 @@ namespace travex_ftp
 // threads may come until the process is gone.
 struct World
 {
-    base::Guard guard;
-    std::shared_ptr<Layer> running CORPDIR_GUARDED_BY(guard);
+    base::Mutex mutex;
+    std::shared_ptr<Layer> running CORPDIR_GUARDED_BY(mutex);
     std::vector<std::shared_ptr<Layer>> ended
-        CORPDIR_GUARDED_BY(guard);  // runs whose threads are not all joined
-    bool exiting CORPDIR_GUARDED_BY(guard) = false;
+        CORPDIR_GUARDED_BY(mutex);  // runs whose threads are not all joined
+    bool exiting CORPDIR_GUARDED_BY(mutex) = false;
 
     // The process that the threads belong to, 0 when there are none. Read before any lock is taken:
     // in the child of a fork a lock may be held by a thread that does not exist there.
@@ -30,11 +30,11 @@ struct World
     static void StartOnce();
     static void AtExit();
 
-    bool Install(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(guard);
-    std::shared_ptr<Layer> Retire() CORPDIR_EXCLUDES(guard);
-    std::shared_ptr<Layer> FirstEnded(bool onlyOver) CORPDIR_EXCLUDES(guard);
-    void Forget(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(guard);
-    void JoinEnded(bool onlyOver) CORPDIR_EXCLUDES(guard);
+    bool Install(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(mutex);
+    std::shared_ptr<Layer> Retire() CORPDIR_EXCLUDES(mutex);
+    std::shared_ptr<Layer> FirstEnded(bool onlyOver) CORPDIR_EXCLUDES(mutex);
+    void Forget(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(mutex);
+    void JoinEnded(bool onlyOver) CORPDIR_EXCLUDES(mutex);
 };
 
 World& World::Get()
@@ -58,7 +58,7 @@ void World::StartOnce()
 // False when another thread was faster, or the process is ending. Throws std::bad_alloc.
 bool World::Install(const std::shared_ptr<Layer>& layer)
 {
-    const base::Hold hold(guard);
+    const base::MutexLock lock(mutex);
     if (exiting || running != nullptr)
     {
         return false;
@@ -72,7 +72,7 @@ bool World::Install(const std::shared_ptr<Layer>& layer)
 // Ends the running layer, without waiting; null if there is none.
 std::shared_ptr<Layer> World::Retire()
 {
-    const base::Hold hold(guard);
+    const base::MutexLock lock(mutex);
     std::shared_ptr<Layer> layer = std::move(running);
     if (layer != nullptr)
     {
@@ -83,7 +83,7 @@ std::shared_ptr<Layer> World::Retire()
 
 std::shared_ptr<Layer> World::FirstEnded(bool onlyOver)
 {
-    const base::Hold hold(guard);
+    const base::MutexLock lock(mutex);
     const auto found =
         std::find_if(ended.begin(), ended.end(),
                      [onlyOver](const auto& layer) { return !onlyOver || layer->Over(); });
@@ -93,7 +93,7 @@ std::shared_ptr<Layer> World::FirstEnded(bool onlyOver)
 // Without threads any process may start the layer: a fork made now is free to.
 void World::Forget(const std::shared_ptr<Layer>& layer)
 {
-    const base::Hold hold(guard);
+    const base::MutexLock lock(mutex);
     ended.erase(std::remove(ended.begin(), ended.end(), layer), ended.end());
     owner = running == nullptr && ended.empty() ? 0 : owner.load();
 }
@@ -120,13 +120,13 @@ void World::AtExit()
     }
     Worker::BeginExit();
     {
-        const base::Hold hold(world.guard);
+        const base::MutexLock lock(world.mutex);
         world.exiting = true;
     }
     (void)world.Retire();
     static auto* const left = new std::vector<std::shared_ptr<Layer>>;
     {
-        const base::Hold hold(world.guard);
+        const base::MutexLock lock(world.mutex);
         left->swap(world.ended);
     }
     for (const std::shared_ptr<Layer>& layer : *left)
@@ -151,7 +151,7 @@ bool Layer::Forked()
 std::shared_ptr<Layer> Layer::Running()
 {
     World& world = World::Get();
-    const base::Hold hold(world.guard);
+    const base::MutexLock lock(world.mutex);
     return world.running;
 }
 
@@ -202,7 +202,7 @@ void Layer::Uninit()
 void Layer::Stop()
 {
     m_notifier.Stop();
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     for (const auto& entry : m_handles)
     {
         Close(entry.second);
@@ -218,7 +218,7 @@ void Layer::Close(const std::shared_ptr<Handle>& handle)
 
 std::vector<std::shared_ptr<Handle>> Layer::ClosedHandles()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     return m_closed;
 }
 
@@ -231,7 +231,7 @@ void Layer::Reap()
         if (handle->Thread().Over())
         {
             (void)handle->Thread().Join();
-            const base::Hold hold(m_guard);
+            const base::MutexLock lock(m_mutex);
             m_closed.erase(std::remove(m_closed.begin(), m_closed.end(), handle), m_closed.end());
         }
     }
@@ -252,7 +252,7 @@ bool Layer::Join(Clock::time_point deadline)
 
 bool Layer::Over()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     return m_handles.empty() && m_notifier.Thread().Over() &&
            std::all_of(m_closed.begin(), m_closed.end(),
                        [](const auto& handle) { return handle->Thread().Over(); });
@@ -277,7 +277,7 @@ TRAVEX_FTP_HANDLE Layer::CreateHandle()
     memcpy(&handle, &number, sizeof number);
     Reap();
     auto state = std::make_shared<Handle>(m_notifier);
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_handles.emplace(handle, std::move(state));
     m_closed.reserve(m_closed.size() + m_handles.size());  // closing needs no memory
     return handle;
@@ -285,7 +285,7 @@ TRAVEX_FTP_HANDLE Layer::CreateHandle()
 
 bool Layer::CloseHandle(TRAVEX_FTP_HANDLE handle)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     const auto found = m_handles.find(handle);
     if (found == m_handles.end())
     {
@@ -298,7 +298,7 @@ bool Layer::CloseHandle(TRAVEX_FTP_HANDLE handle)
 
 std::shared_ptr<Handle> Layer::Find(TRAVEX_FTP_HANDLE handle)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     const auto found = m_handles.find(handle);
     return found == m_handles.end() ? nullptr : found->second;
 }

@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "handle.h"
 #include "identity.h"
 #include "limits.h"
@@ -35,11 +35,11 @@ public:
     Layer& operator=(const Layer&) = delete;
 
     // Never null. Throws std::bad_alloc or std::system_error.
-    TRAVEX_FTP_HANDLE CreateHandle() CORPDIR_EXCLUDES(m_guard);
+    TRAVEX_FTP_HANDLE CreateHandle() CORPDIR_EXCLUDES(m_mutex);
 
     // False, or null: no such handle.
-    bool CloseHandle(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(m_guard);
-    std::shared_ptr<Handle> Find(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(m_guard);
+    bool CloseHandle(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(m_mutex);
+    std::shared_ptr<Handle> Find(TRAVEX_FTP_HANDLE handle) CORPDIR_EXCLUDES(m_mutex);
 
     ServerNames& Names()
     {
@@ -49,22 +49,22 @@ public:
 private:
     friend struct World;
 
-    void Stop() CORPDIR_EXCLUDES(m_guard);
-    void Close(const std::shared_ptr<Handle>& handle) CORPDIR_REQUIRES(m_guard);
-    void Reap() CORPDIR_EXCLUDES(m_guard);
-    bool Join(Clock::time_point deadline) CORPDIR_EXCLUDES(m_guard);
-    bool Over() CORPDIR_EXCLUDES(m_guard);
-    void LeaveNoFiles() CORPDIR_EXCLUDES(m_guard);
-    std::vector<std::shared_ptr<Handle>> ClosedHandles() CORPDIR_EXCLUDES(m_guard);
+    void Stop() CORPDIR_EXCLUDES(m_mutex);
+    void Close(const std::shared_ptr<Handle>& handle) CORPDIR_REQUIRES(m_mutex);
+    void Reap() CORPDIR_EXCLUDES(m_mutex);
+    bool Join(Clock::time_point deadline) CORPDIR_EXCLUDES(m_mutex);
+    bool Over() CORPDIR_EXCLUDES(m_mutex);
+    void LeaveNoFiles() CORPDIR_EXCLUDES(m_mutex);
+    std::vector<std::shared_ptr<Handle>> ClosedHandles() CORPDIR_EXCLUDES(m_mutex);
 
     Notifier m_notifier;
     ServerNames m_names;
 
-    base::Guard m_guard;
+    base::Mutex m_mutex;
     std::unordered_map<TRAVEX_FTP_HANDLE, std::shared_ptr<Handle>> m_handles
-        CORPDIR_GUARDED_BY(m_guard);
+        CORPDIR_GUARDED_BY(m_mutex);
     std::vector<std::shared_ptr<Handle>> m_closed
-        CORPDIR_GUARDED_BY(m_guard);  // their threads may not have ended
+        CORPDIR_GUARDED_BY(m_mutex);  // their threads may not have ended
 };
 
 }  // namespace travex_ftp

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "base/guard.h"
+#include "base/mutex.h"
 
 namespace travex_ftp
 {
@@ -86,14 +86,14 @@ Limits OfEnvironment()
 // Never destroyed: transfers may begin until the process is gone.
 struct Setting
 {
-    tagTRAVEX_FTP_S_LIMITS Get() CORPDIR_EXCLUDES(guard)
+    tagTRAVEX_FTP_S_LIMITS Get() CORPDIR_EXCLUDES(mutex)
     {
-        const base::Hold hold(guard);
+        const base::MutexLock lock(mutex);
         return set;
     }
 
-    base::Guard guard;
-    tagTRAVEX_FTP_S_LIMITS set CORPDIR_GUARDED_BY(guard){};
+    base::Mutex mutex;
+    tagTRAVEX_FTP_S_LIMITS set CORPDIR_GUARDED_BY(mutex){};
 };
 
 Setting& TheSetting()
@@ -116,7 +116,7 @@ Limits Limits::Current()
 void SetLimits(const tagTRAVEX_FTP_S_LIMITS* limits)
 {
     Setting& setting = TheSetting();
-    const base::Hold hold(setting.guard);
+    const base::MutexLock lock(setting.mutex);
     setting.set = limits != nullptr ? *limits : tagTRAVEX_FTP_S_LIMITS{};
 }
 

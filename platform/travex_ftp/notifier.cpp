@@ -16,7 +16,7 @@ void Notifier::Start()
 // What is queued goes with the thread.
 void Notifier::Stop()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_stopping = true;
     m_changed.NotifyAll();
 }
@@ -25,7 +25,7 @@ void Notifier::Stop()
 // callback nor a fast network makes the queue grow.
 void Notifier::Progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     task->news.bytes = bytes;
     task->news.total = total;
     Enqueue(task);
@@ -35,7 +35,7 @@ void Notifier::Progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 void Notifier::Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
                         const tagTRAVEX_FTP_S_TIMINGS& timings)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     task->news.over = true;
     task->news.bytes = bytes;
     task->news.total = total;
@@ -65,7 +65,7 @@ void Notifier::Run()
     }
     TaskQueue<&Task::nextNews> dropped;
     {
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         dropped.Append(m_queue);
     }
 }
@@ -73,10 +73,10 @@ void Notifier::Run()
 // Waits for news. The lock is released before they are told.
 bool Notifier::Take(TaskPtr& task, Task::News& news)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     while (!m_stopping && m_queue.Empty())
     {
-        m_changed.Wait(m_guard);
+        m_changed.Wait(m_mutex);
     }
     if (m_stopping)
     {
@@ -91,7 +91,7 @@ bool Notifier::Take(TaskPtr& task, Task::News& news)
 // Asked before each single callback: a handle may be closed, or the layer stopped, between two.
 bool Notifier::MayBegin(const Task& task)
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     return !m_stopping && !task.handle->Closed();
 }
 

@@ -2,7 +2,7 @@
 #ifndef TRAVEX_FTP_NOTIFIER_H
 #define TRAVEX_FTP_NOTIFIER_H
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "task.h"
 #include "worker.h"
 
@@ -16,7 +16,7 @@ public:
     void Start();
 
     // From now on no notification begins. Waits for nothing.
-    void Stop() CORPDIR_EXCLUDES(m_guard);
+    void Stop() CORPDIR_EXCLUDES(m_mutex);
 
     Worker& Thread()
     {
@@ -24,28 +24,28 @@ public:
     }
 
     // A task has received bytes. A progress that was not yet told is overwritten.
-    void Progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(m_guard);
+    void Progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(m_mutex);
 
     // A task is over; a failure without a code is success. Told once, in the order of these calls.
     // The timings stay empty when no connection had the task.
     void Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
-                  const tagTRAVEX_FTP_S_TIMINGS& timings = {}) CORPDIR_EXCLUDES(m_guard);
+                  const tagTRAVEX_FTP_S_TIMINGS& timings = {}) CORPDIR_EXCLUDES(m_mutex);
 
 private:
-    void Run() CORPDIR_EXCLUDES(m_guard);
-    bool Take(TaskPtr& task, Task::News& news) CORPDIR_EXCLUDES(m_guard);
-    bool MayBegin(const Task& task) CORPDIR_EXCLUDES(m_guard);
-    void Enqueue(const TaskPtr& task) CORPDIR_REQUIRES(m_guard);
+    void Run() CORPDIR_EXCLUDES(m_mutex);
+    bool Take(TaskPtr& task, Task::News& news) CORPDIR_EXCLUDES(m_mutex);
+    bool MayBegin(const Task& task) CORPDIR_EXCLUDES(m_mutex);
+    void Enqueue(const TaskPtr& task) CORPDIR_REQUIRES(m_mutex);
     void Deliver(const Task& task, Task::News& news);
     void Notify(const Task& task, unsigned int type, Failure* failure);
     void TellObserver(const Task& task, const Task::News& news);
 
     Worker m_worker;
 
-    base::Guard m_guard;
-    base::Signal m_changed;
-    bool m_stopping CORPDIR_GUARDED_BY(m_guard) = false;
-    TaskQueue<&Task::nextNews> m_queue CORPDIR_GUARDED_BY(m_guard);
+    base::Mutex m_mutex;
+    base::CondVar m_changed;
+    bool m_stopping CORPDIR_GUARDED_BY(m_mutex) = false;
+    TaskQueue<&Task::nextNews> m_queue CORPDIR_GUARDED_BY(m_mutex);
 };
 
 }  // namespace travex_ftp

@@ -1,6 +1,6 @@
 #include "observer.h"
 
-#include "base/guard.h"
+#include "base/mutex.h"
 
 namespace travex_ftp
 {
@@ -16,12 +16,12 @@ struct Call
 // Never destroyed: observations may come until the process is gone.
 struct State
 {
-    base::Guard guard;
-    base::Signal ended;
-    TRAVEX_FTP_OBSERVER_CB observer CORPDIR_GUARDED_BY(guard) = nullptr;
-    void* user CORPDIR_GUARDED_BY(guard) = nullptr;
-    uint64_t settings CORPDIR_GUARDED_BY(guard) = 0;
-    Call* calls CORPDIR_GUARDED_BY(guard) = nullptr;
+    base::Mutex mutex;
+    base::CondVar ended;
+    TRAVEX_FTP_OBSERVER_CB observer CORPDIR_GUARDED_BY(mutex) = nullptr;
+    void* user CORPDIR_GUARDED_BY(mutex) = nullptr;
+    uint64_t settings CORPDIR_GUARDED_BY(mutex) = 0;
+    Call* calls CORPDIR_GUARDED_BY(mutex) = nullptr;
 };
 
 State& TheState()
@@ -34,7 +34,7 @@ State& TheState()
 thread_local unsigned int t_observing = 0;
 
 // An observer that was replaced is still running.
-bool CallsBefore(const State& all, uint64_t setting) CORPDIR_REQUIRES(all.guard)
+bool CallsBefore(const State& all, uint64_t setting) CORPDIR_REQUIRES(all.mutex)
 {
     for (const Call* call = all.calls; call != nullptr; call = call->next)
     {
@@ -46,7 +46,7 @@ bool CallsBefore(const State& all, uint64_t setting) CORPDIR_REQUIRES(all.guard)
     return false;
 }
 
-void Unlink(State& all, const Call& call) CORPDIR_REQUIRES(all.guard)
+void Unlink(State& all, const Call& call) CORPDIR_REQUIRES(all.mutex)
 {
     Call** link = &all.calls;
     while (*link != &call)
@@ -61,21 +61,21 @@ void Unlink(State& all, const Call& call) CORPDIR_REQUIRES(all.guard)
 void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
 {
     State& all = TheState();
-    const base::Hold hold(all.guard);
+    const base::MutexLock lock(all.mutex);
     const uint64_t setting = ++all.settings;
     all.observer = observer;
     all.user = user;
     // An observer that replaces itself cannot wait for its own end.
     while (t_observing == 0 && CallsBefore(all, setting))
     {
-        all.ended.Wait(all.guard);
+        all.ended.Wait(all.mutex);
     }
 }
 
 bool Observed()
 {
     State& all = TheState();
-    const base::Hold hold(all.guard);
+    const base::MutexLock lock(all.mutex);
     return all.observer != nullptr;
 }
 
@@ -86,7 +86,7 @@ void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     TRAVEX_FTP_OBSERVER_CB observer = nullptr;
     void* user = nullptr;
     {
-        const base::Hold hold(all.guard);
+        const base::MutexLock lock(all.mutex);
         if (all.observer == nullptr)
         {
             return;
@@ -99,7 +99,7 @@ void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     ++t_observing;
     observer(user, &seen);
     --t_observing;
-    const base::Hold hold(all.guard);
+    const base::MutexLock lock(all.mutex);
     Unlink(all, call);
     all.ended.NotifyAll();
 }

@@ -2,7 +2,7 @@
 
 #include <unordered_set>
 
-#include "base/guard.h"
+#include "base/mutex.h"
 
 namespace travex_ftp
 {
@@ -11,9 +11,9 @@ namespace
 // Ids of live tasks, of all runs of the layer. Never destroyed: a task may outlive static objects.
 struct LiveIds
 {
-    base::Guard guard;
-    std::unordered_set<unsigned int> ids CORPDIR_GUARDED_BY(guard);
-    unsigned int last CORPDIR_GUARDED_BY(guard) = 0;
+    base::Mutex mutex;
+    std::unordered_set<unsigned int> ids CORPDIR_GUARDED_BY(mutex);
+    unsigned int last CORPDIR_GUARDED_BY(mutex) = 0;
 };
 
 LiveIds& TheIds()
@@ -27,7 +27,7 @@ LiveIds& TheIds()
 TaskId::TaskId()
 {
     LiveIds& live = TheIds();
-    const base::Hold hold(live.guard);
+    const base::MutexLock lock(live.mutex);
     // After four thousand million tasks the numbers start again, past those still in use.
     do
     {
@@ -39,7 +39,7 @@ TaskId::TaskId()
 TaskId::~TaskId()
 {
     LiveIds& live = TheIds();
-    const base::Hold hold(live.guard);
+    const base::MutexLock lock(live.mutex);
     live.ids.erase(m_value);
 }
 

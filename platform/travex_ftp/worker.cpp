@@ -21,7 +21,7 @@ std::atomic<bool> g_unwaited{false};
 void Worker::Start(std::function<void()> body)
 {
     {
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         m_state = State::kRunning;
     }
     // Before the thread exists, which may be over before this function is.
@@ -33,14 +33,14 @@ void Worker::Start(std::function<void()> body)
             {
                 t_worker = this;
                 run();
-                const base::Hold hold(m_guard);
+                const base::MutexLock lock(m_mutex);
                 m_state = State::kOver;
                 m_changed.NotifyAll();
             });
     }
     catch (...)
     {
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         m_state = State::kIdle;
         throw;
     }
@@ -50,14 +50,14 @@ void Worker::Start(std::function<void()> body)
 bool Worker::Join(Clock::time_point deadline)
 {
     {
-        const base::Hold hold(m_guard);
+        const base::MutexLock lock(m_mutex);
         while (m_state == State::kRunning || m_state == State::kJoining)
         {
             if (deadline == Clock::time_point::max())
             {
-                m_changed.Wait(m_guard);
+                m_changed.Wait(m_mutex);
             }
-            else if (!m_changed.WaitUntil(m_guard, deadline) && m_state != State::kOver)
+            else if (!m_changed.WaitUntil(m_mutex, deadline) && m_state != State::kOver)
             {
                 return false;
             }
@@ -69,7 +69,7 @@ bool Worker::Join(Clock::time_point deadline)
         m_state = State::kJoining;
     }
     m_thread.join();
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     m_state = State::kJoined;
     m_changed.NotifyAll();
     return true;
@@ -77,7 +77,7 @@ bool Worker::Join(Clock::time_point deadline)
 
 bool Worker::Over()
 {
-    const base::Hold hold(m_guard);
+    const base::MutexLock lock(m_mutex);
     return m_state != State::kRunning;
 }
 

@@ -5,7 +5,7 @@
 #include <functional>
 #include <thread>
 
-#include "base/guard.h"
+#include "base/mutex.h"
 #include "limits.h"
 
 namespace travex_ftp
@@ -51,9 +51,9 @@ private:
         kJoined,
     };
 
-    base::Guard m_guard;
-    base::Signal m_changed;
-    State m_state CORPDIR_GUARDED_BY(m_guard) = State::kIdle;
+    base::Mutex m_mutex;
+    base::CondVar m_changed;
+    State m_state CORPDIR_GUARDED_BY(m_mutex) = State::kIdle;
     std::thread m_thread;  // set by Start(), used by the one caller that joins
 };
 

@@ -84,7 +84,7 @@ def named_members(text):
 def events_of_sources(root):
     """{event: members} as watch_output.cpp writes them."""
     found = {}
-    text = (root / "tools/corpdir/watch_output.cpp").read_text()
+    text = (root / "tools/corpdir/ui/watch_output.cpp").read_text()
     for body in re.findall(r"^void WatchOutput::\w+\(.*?^}", text, re.M | re.S):
         event = re.search(r'\bWrite\([^,]+, "(\w+)"', body)
         if event:
@@ -139,7 +139,7 @@ def check_numbers(page, program, root):
 
 def check_variables(page, root):
     sources = "".join(path.read_text() for folder in ("tools/corpdir", "platform/travex_ftp")
-                      for path in sorted((root / folder).glob("*.cpp")))
+                      for path in sorted((root / folder).rglob("*.cpp")))
     known = set(re.findall(r'"(CORPDIR_[A-Z_]+|NO_COLOR|TERM)"', sources))
     named = set(re.findall(r"\b[A-Z_]{4,}\b", " ".join(re.findall(r"^\.It Ev (.+)$", page, re.M))))
     yield from ("ENVIRONMENT: no source has %s" % name for name in sorted(named - known))

@@ -173,7 +173,7 @@ class Tree:
 
     def has_test(self, name):
         """In the words of the table: a file of tests without its ending, a test of CTest, or a path."""
-        return (any(re.fullmatch(r"(integration_)?%s_test\.(cpp|c|py)" % re.escape(name), n) for n in self.names)
+        return (any(re.fullmatch(r"(system_)?%s_test\.(cpp|c|py)" % re.escape(name), n) for n in self.names)
                 or any(fnmatch.fnmatchcase(c, name) for c in self.ctests))
 
     def knows_word(self, word):

@@ -15,7 +15,7 @@ PLATFORM_HEADERS = {"travex_ftp.h", "osak.h", "zep.h", "corpdir_log.h"}
 CLIENT_HEADERS = {"ftpcorpdir.h", "corpdir_loginfo.h"}
 SIGNALS = {"base/signals_blocked.h"}
 TEXT = {"base/printable.h"}
-BASE = {"base/changes.h", "base/guard.h", "base/never_destroyed.h", "base/resolved_names.h"} | SIGNALS | TEXT
+BASE = {"base/changes.h", "base/mutex.h", "base/never_destroyed.h", "base/resolved_names.h"} | SIGNALS | TEXT
 SHARED = {"server_names.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
@@ -56,7 +56,7 @@ def folder_of(relative):
 def wrong_includes(root, path):
     relative = path.relative_to(root)
     folder = folder_of(relative)
-    own = {p.name for p in path.parent.iterdir()}
+    own = {p.name for p in path.parent.iterdir()} | {p.relative_to(root / folder).as_posix() for p in (root / folder).rglob("*.h")}
     for number, line in enumerate(path.read_text().splitlines(), 1):
         match = INCLUDE.match(line)
         if not match:

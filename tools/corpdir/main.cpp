@@ -10,15 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "check.h"
-#include "ciphers.h"
-#include "failure.h"
-#include "fetch.h"
-#include "hints.h"
-#include "settings_file.h"
-#include "text.h"
+#include "cli/ciphers.h"
+#include "cli/settings_file.h"
+#include "commands/check.h"
+#include "commands/failure.h"
+#include "commands/fetch.h"
+#include "commands/watch.h"
 #include "travex_ftp.h"
-#include "watch.h"
+#include "ui/hints.h"
+#include "ui/text.h"
 
 namespace
 {

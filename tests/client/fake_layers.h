@@ -1,0 +1,31 @@
+// The layers that the program calls by itself, faked: they keep what they were given.
+#ifndef CORPDIR_TESTS_FAKE_LAYERS_H
+#define CORPDIR_TESTS_FAKE_LAYERS_H
+
+#include <string>
+#include <vector>
+
+#include "travex_ftp.h"
+
+namespace corpdir_tool
+{
+
+struct FakeLayers
+{
+    TRAVEX_FTP_OBSERVER_CB observer = nullptr;
+    void* user = nullptr;
+    std::vector<std::string> names;  // "192.0.2.1=dir.example", in the order of the calls
+    unsigned int nameResult = 0;     // of every name
+    tagTRAVEX_FTP_S_LIMITS limits = {};
+    unsigned int limitsResult = 0;
+
+    // What the FTP layer would report of a task.
+    void Observe(unsigned int kind, unsigned int task, const std::string& server, const char* file,
+                 unsigned int code, const char* reason) const;
+};
+
+FakeLayers& Layers();
+
+}  // namespace corpdir_tool
+
+#endif

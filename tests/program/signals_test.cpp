@@ -1,0 +1,117 @@
+// Stop signals: told once, and the last resort when the stop hangs.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <future>
+
+#include "os/signals.h"
+
+namespace corpdir_tool
+{
+namespace
+{
+
+constexpr std::chrono::hours FOREVER{1};
+constexpr std::chrono::milliseconds SOON{20};
+constexpr std::chrono::seconds LIMIT{20};
+
+// Signals go to the process, as they do from a terminal.
+void Send(int signalNumber)
+{
+    ASSERT_EQ(kill(getpid(), signalNumber), 0);
+}
+
+int Received(std::future<int> future)
+{
+    return future.wait_for(LIMIT) == std::future_status::ready ? future.get() : -1;
+}
+
+struct Promises
+{
+    std::promise<int> first;
+    std::promise<int> lastResort;
+};
+
+SignalWatch Watch(Promises& promises, std::chrono::milliseconds patience)
+{
+    return SignalWatch([&promises](int number) { promises.first.set_value(number); },
+                       [&promises](int number) { promises.lastResort.set_value(number); },
+                       patience);
+}
+
+TEST(ToolSignals, ASignalIsTold)
+{
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+    {
+        Promises promises;
+        std::future<int> lastResort = promises.lastResort.get_future();
+        {
+            const SignalWatch watch = Watch(promises, FOREVER);
+            Send(number);
+            EXPECT_EQ(Received(promises.first.get_future()), number);
+        }
+        EXPECT_NE(lastResort.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    }
+}
+
+TEST(ToolSignals, AStopThatHangsEndsInTheLastResort)
+{
+    Promises promises;
+    const SignalWatch watch = Watch(promises, SOON);
+    Send(SIGTERM);
+    EXPECT_EQ(Received(promises.first.get_future()), SIGTERM);
+    EXPECT_EQ(Received(promises.lastResort.get_future()), SIGTERM);
+}
+
+TEST(ToolSignals, ASecondSignalDoesNotWait)
+{
+    Promises promises;
+    const SignalWatch watch = Watch(promises, FOREVER);
+    Send(SIGINT);
+    EXPECT_EQ(Received(promises.first.get_future()), SIGINT);
+    Send(SIGINT);
+    EXPECT_EQ(Received(promises.lastResort.get_future()), SIGINT);
+}
+
+TEST(ToolSignals, AWatchEndsWithoutASignal)
+{
+    for (int round = 0; round < 100; ++round)
+    {
+        Promises promises;
+        const SignalWatch watch = Watch(promises, FOREVER);
+    }
+}
+
+TEST(ToolSignals, TheMaskIsRestored)
+{
+    sigset_t before;
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &before), 0);
+    {
+        Promises promises;
+        const SignalWatch watch = Watch(promises, FOREVER);
+        sigset_t during;
+        ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &during), 0);
+        EXPECT_EQ(sigismember(&during, SIGINT), 1);
+    }
+    sigset_t after;
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &after), 0);
+    EXPECT_EQ(sigismember(&after, SIGINT), sigismember(&before, SIGINT));
+    EXPECT_EQ(sigismember(&after, SIGTERM), sigismember(&before, SIGTERM));
+}
+
+TEST(ToolSignals, WhatIsIgnoredStaysIgnored)
+{
+    void (*const before)(int) = signal(SIGHUP, SIG_IGN);
+    {
+        Promises promises;
+        std::future<int> first = promises.first.get_future();
+        const SignalWatch watch = Watch(promises, FOREVER);
+        Send(SIGHUP);
+        Send(SIGTERM);
+        EXPECT_EQ(Received(std::move(first)), SIGTERM);
+    }
+    (void)signal(SIGHUP, before);
+}
+
+}  // namespace
+}  // namespace corpdir_tool

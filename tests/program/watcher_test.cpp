@@ -1,0 +1,970 @@
+// The program's watch, against a service that follows a script.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "commands/watcher.h"
+#include "fake_layers.h"
+#include "parts_support.h"
+
+namespace corpdir_tool
+{
+namespace
+{
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+
+constexpr seconds PATIENCE{20};
+
+// What the watcher has said so far; may be read while it goes on.
+class Said
+{
+public:
+    Said() : m_stream(std::fopen((m_directory.Path() + "/said").c_str(), "w")) {}
+    ~Said()
+    {
+        (void)std::fclose(m_stream);
+    }
+    Said(const Said&) = delete;
+    Said& operator=(const Said&) = delete;
+
+    std::FILE* Get() const
+    {
+        return m_stream;
+    }
+
+    std::string Text() const
+    {
+        std::ifstream file(m_directory.Path() + "/said", std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+private:
+    TemporaryDirectory m_directory;
+    std::FILE* m_stream;
+};
+
+class ScriptedService;
+
+// What happens after the request of this number; the last one goes on for those that follow.
+using Script = std::function<void(ScriptedService& service)>;
+
+// Plays one script for each request, on a thread that a stop joins. A script acts by the functions
+// below, which do what the service and the FTP layer would do, and end it when the service is
+// stopped.
+class ScriptedService final : public IFtpCorpDir
+{
+public:
+    struct Stopped
+    {
+    };
+
+    explicit ScriptedService(const Said& output) : m_output(output) {}
+    ~ScriptedService()
+    {
+        CorpDirUninit();
+    }
+
+    unsigned int CorpDirInit(tag_CORPDIR_LOGINFO*) override
+    {
+        m_stop = false;
+        ++starts;
+        const unsigned int result = initResult;
+        if (result != 0 && --initFailures == 0)
+        {
+            initResult = 0;
+        }
+        return result;
+    }
+
+    void CorpDirUninit() override
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_changed.notify_all();
+        if (m_thread.joinable())
+        {
+            m_thread.join();
+        }
+        ++stops;
+    }
+
+    unsigned int CorpDirDownloadNetaddr(tag_CORPDIR_DOWNLOADINFO* info,
+                                        CORPDIR_DOWNLOAD_CB callback) override
+    {
+        EXPECT_FALSE(m_thread.joinable()) << "a request while another one is under way";
+        requests.push_back(info->pszFtpIPs);
+        m_request = *info;
+        m_callback = callback;
+        if (refuseWith != 0)
+        {
+            Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", "", refuseWith, "refused: bad suite");
+            return 1;
+        }
+        const std::size_t number = std::min(requests.size(), scripts.size()) - 1;
+        m_thread = std::thread(&ScriptedService::Play, this, scripts[number]);
+        return 0;
+    }
+
+    unsigned int CorpDirSetFtpCipherListToDirImpl(const int*, unsigned int) override
+    {
+        return 0;
+    }
+    unsigned int CorpDirAddFtpCipherListToDirImplByOne(int) override
+    {
+        return 1;
+    }
+    unsigned int CorpDirAddFtpCipherListToDirImpl(const int*, unsigned int) override
+    {
+        return 1;
+    }
+
+    // Of a script: the version file arrives.
+    void Version(const std::string& server, const std::string& firstLine)
+    {
+        Begin(server, m_request.szVersionServerFile);
+        const std::string path =
+            std::string(m_request.szVersionLocalDir) + m_request.szVersionLocalFileName;
+        std::ofstream(path, std::ios::binary) << firstLine << "\n";
+        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, m_request.szVersionServerFile, 0, "");
+    }
+
+    void VersionFails(const std::string& server)
+    {
+        Begin(server, m_request.szVersionServerFile);
+        Observe(TRAVEX_FTP_OBSERVED_FAILED, server, m_request.szVersionServerFile,
+                TRAVEX_FTP_ERR_CONNECT, "no connection");
+        m_callback(1, 1, nullptr, nullptr);
+    }
+
+    void DirectoryBegins(const std::string& server)
+    {
+        Begin(server, m_request.szCorpDirServerFile);
+    }
+
+    void DirectoryArrives(const std::string& server, unsigned int task)
+    {
+        DirectoryIsInPlace(server, task);
+        m_callback(1, 0, nullptr, nullptr);
+    }
+
+    // The service has forgotten the task, and tells nobody.
+    void DirectoryIsInPlace(const std::string& server, unsigned int task)
+    {
+        m_task = task;
+        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, m_request.szCorpDirServerFile, 0, "");
+    }
+
+    void Directory(const std::string& server)
+    {
+        DirectoryBegins(server);
+        DirectoryArrives(server, m_task);
+    }
+
+    void DirectoryFails(const std::string& server, unsigned int code = TRAVEX_FTP_ERR_PARTIAL)
+    {
+        DirectoryBegins(server);
+        DirectoryEndsEarly(server, m_task, code);
+    }
+
+    void DirectoryEndsEarly(const std::string& server, unsigned int task,
+                            unsigned int code = TRAVEX_FTP_ERR_PARTIAL)
+    {
+        m_task = task;
+        Observe(TRAVEX_FTP_OBSERVED_FAILED, server, m_request.szCorpDirServerFile, code,
+                "ended early");
+        m_callback(1, 1, nullptr, nullptr);
+    }
+
+    void TransferRefused()
+    {
+        Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", "", TRAVEX_FTP_ERR_TRUST, "no such file");
+    }
+
+    // Waits until the watcher has said this so often.
+    void Await(const std::string& text, std::size_t times = 1)
+    {
+        const auto said = [this, &text]
+        {
+            const std::string all = m_output.Text();
+            std::size_t count = 0;
+            for (std::size_t at = all.find(text); at != std::string::npos;
+                 at = all.find(text, at + 1))
+            {
+                ++count;
+            }
+            return count;
+        };
+        const auto end = std::chrono::steady_clock::now() + PATIENCE;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (said() < times)
+        {
+            if (m_stop)
+            {
+                throw Stopped();
+            }
+            ASSERT_LT(std::chrono::steady_clock::now(), end) << "not said: " << text;
+            m_changed.wait_for(lock, milliseconds(1));
+        }
+    }
+
+    unsigned int Task() const
+    {
+        return m_task;
+    }
+
+    std::vector<Script> scripts;
+    std::atomic<unsigned int> initResult{0};
+    int initFailures = 1000;  // how often
+    unsigned int refuseWith = 0;
+    int starts = 0;
+    int stops = 0;
+    std::vector<std::string> requests;
+
+private:
+    void Play(const Script& script)
+    {
+        try
+        {
+            script(*this);
+        }
+        catch (const Stopped&)
+        {
+        }
+    }
+
+    void Begin(const std::string& server, const char* file)
+    {
+        ++m_task;
+        Observe(TRAVEX_FTP_OBSERVED_ACCEPTED, server, file, 0, "");
+    }
+
+    void Observe(unsigned int kind, const std::string& server, const char* file, unsigned int code,
+                 const char* reason) const
+    {
+        Layers().Observe(kind, m_task, server.empty() ? "" : server + ":21", file, code, reason);
+    }
+
+    const Said& m_output;
+    CORPDIR_DOWNLOAD_CB m_callback = nullptr;
+    tag_CORPDIR_DOWNLOADINFO m_request = {};
+    unsigned int m_task = 0;
+    std::thread m_thread;
+    std::mutex m_mutex;  // guards m_stop
+    std::condition_variable m_changed;
+    bool m_stop = false;
+};
+
+const char A[] = "192.0.2.1";
+const char B[] = "192.0.2.2";
+const char C[] = "192.0.2.3";
+
+class ToolWatcher : public testing::Test
+{
+protected:
+    ToolWatcher()
+    {
+        m_options.servers = "192.0.2.1;192.0.2.2";
+        m_options.user = "phone";
+        m_options.versionFile = "version.txt";
+        m_options.directoryFile = "directory.csv";
+        m_options.outputDir = m_directory.Path();
+        m_options.retrySeconds = 1;
+        EXPECT_TRUE(m_password.Append('s'));
+    }
+
+    ~ToolWatcher() override
+    {
+        EXPECT_EQ(Layers().observer, nullptr) << "the observer was left behind";
+    }
+
+    // The last step of a script: the user asks the watch to end.
+    void Stop()
+    {
+        m_events.PushNumber(EventKind::SIGNAL, SIGTERM);
+    }
+
+    int Run(std::vector<Script> scripts)
+    {
+        m_service.scripts = std::move(scripts);
+        const Plan plan = MakePlan(m_options, SomeCiphers);
+        const Lookup lookup = [this](const std::string&, int)
+        {
+            const std::size_t number = std::min(m_lookups++, m_found.size() - 1);
+            return m_found[number];
+        };
+        WatchOutput output(m_output.Get(), m_options.json, m_options.quiet);
+        std::optional<ChildCommand> command;
+        if (!m_options.execute.empty())
+        {
+            command.emplace(m_options.execute, STDERR_FILENO, m_events);
+        }
+        Watcher watcher(m_service, plan, lookup, m_password, m_events, output,
+                        command ? &*command : nullptr);
+        return watcher.Run();
+    }
+
+    // What was said, each line without its time.
+    std::vector<std::string> Lines() const
+    {
+        static const std::regex time(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ )");
+        std::istringstream text(m_output.Text());
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(text, line);)
+        {
+            EXPECT_TRUE(m_options.json || std::regex_search(line, time)) << line;
+            lines.push_back(std::regex_replace(line, time, ""));
+        }
+        return lines;
+    }
+
+    std::string Downloaded(const std::string& version, const std::string& server) const
+    {
+        return "downloaded " + m_directory.Path() + "/directory.csv, version '" + version +
+               "', 24 bytes from " + server;
+    }
+
+    TemporaryDirectory m_directory;
+    Options m_options;
+    Secret m_password;
+    EventQueue m_events;
+    Said m_output;
+    ScriptedService m_service{m_output};
+    std::vector<LookupResult> m_found{{{A, B}, ""}};
+    std::size_t m_lookups = 0;
+};
+
+TEST_F(ToolWatcher, TellsEachCheckAndEachNewVersion)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       service.Await("downloaded");
+                       service.Version(A, "edition 1");
+                       service.Await("unchanged");
+                       service.Version(A, "edition 2");
+                       service.Directory(A);
+                       service.Await("edition 2', 24 bytes");
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
+                                     Downloaded("edition 1", A), "checking 192.0.2.1",
+                                     "unchanged: version 'edition 1' at 192.0.2.1",
+                                     "checking 192.0.2.1", "new version 'edition 2' at 192.0.2.1",
+                                     Downloaded("edition 2", A), "stopped by SIGTERM"));
+    EXPECT_EQ(m_service.requests.size(), 1U) << "the service repeats its checks by itself";
+    EXPECT_GE(m_service.stops, m_service.starts);
+}
+
+TEST_F(ToolWatcher, TellsTheNextServer)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.VersionFails(A);
+                       service.Version(B, "edition 1");
+                       service.Directory(B);
+                       service.Await("downloaded");
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1",
+                                     "failed: version.txt from 192.0.2.1: no connection",
+                                     "next server 192.0.2.2", "checking 192.0.2.2",
+                                     "new version 'edition 1' at 192.0.2.2",
+                                     Downloaded("edition 1", B), "stopped by SIGTERM"));
+}
+
+TEST_F(ToolWatcher, EventsAreJsonObjectsWhenAskedFor)
+{
+    m_options.json = true;
+    m_options.servers = "dir.example";
+    m_found = {{{A}, ""}};
+    Run({[this](ScriptedService& service)
+         {
+             service.VersionFails(A);
+             service.Version(A, "edition\t1\xff");
+             service.Directory(A);
+             service.Await("downloaded");
+             Stop();
+         }});
+    const std::vector<std::string> lines = Lines();
+    ASSERT_EQ(lines.size(), 7U);
+    static const std::regex time(R"(^\{"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ",)");
+    std::vector<std::string> rests;
+    for (const std::string& line : lines)
+    {
+        EXPECT_TRUE(std::regex_search(line, time)) << line;
+        rests.push_back(std::regex_replace(line, time, "{"));
+    }
+    const std::string server = R"("server":"192.0.2.1","name":"dir.example")";
+    const std::string version = R"("version":"edition\t1)"
+                                "\xef\xbf\xbd\"";
+    EXPECT_THAT(
+        rests,
+        ElementsAre(
+            R"({"event":"checking",)" + server + "}",
+            R"({"event":"failed",)" + server +
+                R"(,"remote_file":"version.txt","code":16,"step":0,"reply":0,"reason":"no connection"})",
+            R"({"event":"next_server",)" + server + "}", R"({"event":"checking",)" + server + "}",
+            R"({"event":"new_version",)" + server + "," + version + "}",
+            R"({"event":"downloaded",)" + server + "," + version + R"(,"file":")" +
+                m_directory.Path() + R"(/directory.csv","bytes":24})",
+            R"({"event":"stopped","signal":"SIGTERM"})"));
+}
+
+TEST_F(ToolWatcher, QuietLeavesFailures)
+{
+    m_options.quiet = true;
+    Run({[this](ScriptedService& service)
+         {
+             service.VersionFails(A);
+             service.Version(B, "oops");
+             service.Await("not valid");
+             Stop();
+         }});
+    EXPECT_THAT(Lines(), ElementsAre("failed: version.txt from 192.0.2.1: no connection",
+                                     "failed: version.txt from 192.0.2.2: the version file is not "
+                                     "valid: its first line 'oops' is shorter than 5 bytes"));
+}
+
+// The service would ask that server again, and no other one.
+TEST_F(ToolWatcher, AVersionFileThatIsNotValidIsAskedForAtTheNextServerAtOnce)
+{
+    const Script bad = [](ScriptedService& service)
+    {
+        service.Version(A, "oops");
+        service.Await("never said");
+    };
+    const Script good = [this](ScriptedService& service)
+    {
+        service.Version(B, "edition 1");
+        service.Directory(B);
+        service.Await("downloaded");
+        Stop();
+    };
+    EXPECT_EQ(Run({bad, good}), 0);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
+}
+
+// The version is the one that the file held when it arrived, not when there was time to look.
+TEST_F(ToolWatcher, VersionsThatComeFastAreNotMixedUp)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       service.Version(A, "edition 2");
+                       service.Directory(A);
+                       service.Await("downloaded", 2);
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)));
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
+}
+
+// The service takes up the newer one only after it has told of the old one.
+TEST_F(ToolWatcher, AFileThatArrivesWhenANewerVersionIsAnnouncedHasItsOwnVersion)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.DirectoryBegins(A);
+                       const unsigned int old = service.Task();
+                       service.Version(A, "edition 2");
+                       service.DirectoryArrives(A, old);
+                       service.Directory(A);
+                       service.Await("downloaded", 2);
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)).Times(1));
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)).Times(1));
+}
+
+TEST_F(ToolWatcher, AnOldDirectoryFileThatEndsLastIsNotTakenForTheNewOne)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.DirectoryBegins(A);
+                       const unsigned int old = service.Task();
+                       service.Version(A, "edition 2");
+                       service.Directory(A);
+                       service.Await("downloaded");
+                       service.DirectoryIsInPlace(A, old);
+                       service.Version(A, "edition 2");
+                       service.Await("unchanged");
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), testing::Contains(HasSubstr("downloaded")).Times(1));
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
+}
+
+// A log directory that has gone must not end a watch.
+TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
+{
+    const Script failing = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        m_service.initResult = 2;
+        service.DirectoryFails(A);
+        service.Await("never said");
+    };
+    const Script back = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.Directory(A);
+        service.Await("downloaded");
+        Stop();
+    };
+    m_service.initFailures = 1;
+    EXPECT_EQ(Run({failing, back}), 0);
+    EXPECT_THAT(Lines(), testing::Contains("failed: the service could not be started (code 2)"));
+}
+
+// The service would fetch the directory file again only when the version changes.
+TEST_F(ToolWatcher, AFailedDirectoryFileIsAskedForAtTheNextServerAtOnce)
+{
+    const Script failing = [](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.DirectoryFails(A);
+        service.Await("never said");
+    };
+    const Script giving = [this](ScriptedService& service)
+    {
+        service.Version(B, "edition 1");
+        service.Directory(B);
+        service.Await("downloaded");
+        Stop();
+    };
+    EXPECT_EQ(Run({failing, giving}), 0);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
+    EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
+                                     "failed: directory.csv from 192.0.2.1: ended early",
+                                     "next server 192.0.2.2", "checking 192.0.2.2",
+                                     "new version 'edition 1' at 192.0.2.2",
+                                     Downloaded("edition 1", B), "stopped by SIGTERM"));
+}
+
+// So that no version is missed: well within the time between two checks.
+TEST_F(ToolWatcher, ADirectoryFileThatFailedEverywhereIsAskedForAgainAfterTheRetryTime)
+{
+    const Script first = [](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.DirectoryFails(A);
+        service.Await("never said");
+    };
+    const Script second = [](ScriptedService& service)
+    {
+        service.Version(B, "edition 1");
+        service.DirectoryFails(B);
+        service.Version(B, "edition 1");  // the service's own check finds nothing new
+        service.Await("never said");
+    };
+    const Script third = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.Directory(A);
+        service.Await("downloaded");
+        Stop();
+    };
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_EQ(Run({first, second, third}), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
+    EXPECT_THAT(m_service.requests,
+                ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1", "192.0.2.1;192.0.2.2"));
+    EXPECT_THAT(Lines(), testing::Contains("asking again in 1 s"));
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)));
+}
+
+TEST_F(ToolWatcher, ADirectoryFileThatCannotBeWrittenIsNotTriedElsewhere)
+{
+    const Script full = [](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.DirectoryFails(A, TRAVEX_FTP_ERR_LOCAL_FILE);
+        service.Await("never said");
+    };
+    const Script room = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.Directory(A);
+        service.Await("downloaded");
+        Stop();
+    };
+    EXPECT_EQ(Run({full, room}), 0);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.1;192.0.2.2"));
+}
+
+// The failure of a file that a newer one replaces is told, and that is all.
+TEST_F(ToolWatcher, AnOldDirectoryFileThatFailsIsNotAskedForAgain)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.DirectoryBegins(A);
+                       const unsigned int old = service.Task();
+                       service.Await("edition 1");
+                       service.Version(A, "edition 2");
+                       service.DirectoryBegins(A);
+                       const unsigned int newer = service.Task();
+                       service.Await("edition 2");
+                       service.DirectoryEndsEarly(A, old);
+                       service.Await("ended early");
+                       service.DirectoryArrives(A, newer);
+                       service.Await("downloaded");
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
+    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
+}
+
+// A failed check alone is no reason to fetch everything again.
+TEST_F(ToolWatcher, AnOutageAfterAVersionIsLeftToTheService)
+{
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       service.VersionFails(A);  // after a success, the first of the list again
+                       service.VersionFails(A);
+                       service.VersionFails(B);
+                       service.Await("due within 600 s");
+                       service.Version(A, "edition 1");
+                       service.Await("unchanged");
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
+    EXPECT_THAT(Lines(), testing::Contains("the next check is due within 600 s"));
+}
+
+TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
+{
+    const Script down = [](ScriptedService& service)
+    {
+        service.VersionFails(A);
+        service.VersionFails(B);
+        service.Await("never said");
+    };
+    const Script up = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.Directory(A);
+        service.Await("downloaded");
+        Stop();
+    };
+    EXPECT_EQ(Run({down, down, up}), 0);
+    EXPECT_EQ(m_service.requests.size(), 3U);
+    EXPECT_THAT(Lines(), testing::Contains("asking again in 1 s").Times(2));
+}
+
+TEST_F(ToolWatcher, OneServerIsTriedTwice)
+{
+    m_options.servers = "192.0.2.1";
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.VersionFails(A);
+                       service.VersionFails(A);
+                       service.Await("asking again");
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(
+        Lines(),
+        ElementsAre("checking 192.0.2.1", "failed: version.txt from 192.0.2.1: no connection",
+                    "next server 192.0.2.1", "checking 192.0.2.1",
+                    "failed: version.txt from 192.0.2.1: no connection", "all servers failed",
+                    "asking again in 1 s", "stopped by SIGTERM"));
+}
+
+TEST_F(ToolWatcher, NewAddressesAreTakenWhenTheOldOnesFail)
+{
+    m_options.servers = "dir.example";
+    m_found = {{{A}, ""}, {{}, "no network"}, {{B, C}, ""}};
+    const Script moved = [](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.Directory(A);
+        service.VersionFails(A);
+        service.VersionFails(A);
+        service.Await("no network");
+        service.VersionFails(A);
+        service.VersionFails(A);
+        service.Await("never said");
+    };
+    const Script there = [this](ScriptedService& service)
+    {
+        service.Version(B, "edition 1");
+        service.Directory(B);
+        service.Await("bytes from 192.0.2.2");
+        Stop();
+    };
+    EXPECT_EQ(Run({moved, there}), 0);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1", "192.0.2.2;192.0.2.3"));
+    EXPECT_THAT(Lines(), testing::Contains("failed: dir.example: no network"));
+    EXPECT_THAT(Lines(), testing::Contains("checking 192.0.2.2 (dir.example)"));
+}
+
+TEST_F(ToolWatcher, WaitsForANameThatHasNoAddressYet)
+{
+    m_options.servers = "dir.example";
+    m_found = {{{}, "no network"}, {{A}, ""}};
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Await("new version");
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), ElementsAre("failed: dir.example: no network", "asking again in 1 s",
+                                     "checking 192.0.2.1 (dir.example)",
+                                     "new version 'edition 1' at 192.0.2.1 (dir.example)",
+                                     "stopped by SIGTERM"));
+}
+
+TEST_F(ToolWatcher, ARefusedArgumentEndsItAtTheStartOnly)
+{
+    m_service.refuseWith = TRAVEX_FTP_ERR_CIPHER;
+    const Thrown thrown = FailureOf([this] { Run({}); });
+    EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+    EXPECT_EQ(thrown.message, "--ciphers: refused: bad suite");
+}
+
+TEST_F(ToolWatcher, ATransferThatIsRefusedLaterIsAskedForAgain)
+{
+    const Script gone = [](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.TransferRefused();
+        service.Await("never said");
+    };
+    const Script back = [this](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.Directory(A);
+        service.Await("downloaded");
+        Stop();
+    };
+    EXPECT_EQ(Run({gone, back}), 0);
+    EXPECT_EQ(m_service.requests.size(), 2U);
+    EXPECT_THAT(Lines(), testing::Contains(HasSubstr("no such file")));
+}
+
+TEST_F(ToolWatcher, AServiceThatDoesNotStartEndsIt)
+{
+    m_service.initResult = 5;
+    EXPECT_EQ(FailureOf([this] { Run({}); }).status, EXIT_INTERNAL);
+}
+
+TEST_F(ToolWatcher, LackOfMemoryEndsIt)
+{
+    const Thrown thrown = FailureOf(
+        [this]
+        { Run({[this](ScriptedService&) { m_events.PushKind(EventKind::OUT_OF_MEMORY); }}); });
+    EXPECT_EQ(thrown.status, EXIT_INTERNAL);
+    EXPECT_EQ(thrown.message, "memory ran out");
+}
+
+TEST_F(ToolWatcher, AnOutputThatNobodyReadsEndsIt)
+{
+    std::FILE* const full = std::fopen("/dev/full", "w");
+    ASSERT_NE(full, nullptr);
+    const Plan plan = MakePlan(m_options, SomeCiphers);
+    WatchOutput output(full, false, false);
+    m_service.scripts = {[](ScriptedService& service) { service.Version(A, "edition 1"); }};
+    {
+        Watcher watcher(m_service, plan, SystemLookup, m_password, m_events, output, nullptr);
+        const Thrown thrown = FailureOf([&watcher] { watcher.Run(); });
+        EXPECT_EQ(thrown.status, EXIT_LOCAL_FILE);
+    }
+    (void)std::fclose(full);
+}
+
+// The command writes what it was given to a file.
+class ToolWatcherCommand : public ToolWatcher
+{
+protected:
+    std::vector<std::string> Given() const
+    {
+        std::ifstream file(m_directory.Path() + "/given");
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(file, line);)
+        {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    const std::string m_note = "echo \"$CORPDIR_FILE $CORPDIR_VERSION $CORPDIR_SERVER\" >>" +
+                               m_directory.Path() + "/given";
+};
+
+TEST_F(ToolWatcherCommand, IsRunForEachNewVersion)
+{
+    m_options.execute = m_note;
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       service.Await("the command has ended");
+                       service.Version(A, "edition 2");
+                       service.Directory(A);
+                       service.Await("the command has ended", 2);
+                       Stop();
+                   }}),
+              0);
+    const std::string file = m_directory.Path() + "/directory.csv ";
+    EXPECT_THAT(Given(), ElementsAre(file + "edition 1 192.0.2.1", file + "edition 2 192.0.2.1"));
+}
+
+TEST_F(ToolWatcherCommand, IsNotRunForTheSameVersionAgain)
+{
+    m_options.execute = m_note;
+    m_options.servers = "dir.example";
+    m_found = {{{A}, ""}, {{B}, ""}};
+    const Script first = [](ScriptedService& service)
+    {
+        service.Version(A, "edition 1");
+        service.Directory(A);
+        service.Await("the command has ended");
+        service.VersionFails(A);
+        service.VersionFails(A);
+        service.Await("never said");
+    };
+    const Script moved = [this](ScriptedService& service)
+    {
+        service.Version(B, "edition 1");
+        service.Directory(B);
+        service.Await("bytes from 192.0.2.2");
+        Stop();
+    };
+    EXPECT_EQ(Run({first, moved}), 0);
+    EXPECT_EQ(Given().size(), 1U);
+}
+
+TEST_F(ToolWatcherCommand, RunsOnceForAllThatArrivesMeanwhile)
+{
+    const std::string gate = m_directory.Path() + "/gate";
+    m_options.execute = "while [ ! -e " + gate + " ]; do sleep 0.01; done; " + m_note;
+    EXPECT_EQ(Run({[this, &gate](ScriptedService& service)
+                   {
+                       for (const char* version : {"edition 1", "edition 2", "edition 3"})
+                       {
+                           service.Version(A, version);
+                           service.Directory(A);
+                           service.Await("downloaded", static_cast<std::size_t>(version[8] - '0'));
+                       }
+                       std::ofstream(gate) << "open";
+                       service.Await("the command has ended", 2);
+                       Stop();
+                   }}),
+              0);
+    const std::string file = m_directory.Path() + "/directory.csv ";
+    EXPECT_THAT(Given(), ElementsAre(file + "edition 1 192.0.2.1", file + "edition 3 192.0.2.1"));
+}
+
+TEST_F(ToolWatcherCommand, AFailureIsTold)
+{
+    m_options.execute = "exit 3";
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       service.Await("the command failed");
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Lines(), testing::Contains("the command failed with status 3"));
+}
+
+TEST_F(ToolWatcherCommand, IsEndedWithTheWatch)
+{
+    m_options.execute = "trap 'echo asked to end >>" + m_directory.Path() +
+                        "/given; exit' TERM; echo begun >>" + m_directory.Path() +
+                        "/given; while :; do sleep 0.01; done";
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       while (Given().empty())
+                       {
+                           std::this_thread::sleep_for(milliseconds(1));
+                       }
+                       Stop();
+                   }}),
+              0);
+    EXPECT_THAT(Given(), ElementsAre("begun", "asked to end"));
+}
+
+TEST_F(ToolWatcherCommand, ThatDoesNotEndIsKilled)
+{
+    m_options.execute =
+        "trap '' TERM; echo begun >>" + m_directory.Path() + "/given; while :; do sleep 0.01; done";
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       while (Given().empty())
+                       {
+                           std::this_thread::sleep_for(milliseconds(1));
+                       }
+                       Stop();
+                   }}),
+              0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, PATIENCE);
+}
+
+// Nothing of what the watch has done to signals is left for the command.
+TEST_F(ToolWatcherCommand, FindsSignalsAsUsual)
+{
+    m_options.execute =
+        "grep -E '^Sig(Blk|Ign)' /proc/self/status >>" + m_directory.Path() + "/given";
+    sigset_t blocked;
+    sigset_t saved;
+    (void)sigemptyset(&blocked);
+    (void)sigaddset(&blocked, SIGTERM);
+    (void)pthread_sigmask(SIG_BLOCK, &blocked, &saved);
+    const auto previous = signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(Run({[this](ScriptedService& service)
+                   {
+                       service.Version(A, "edition 1");
+                       service.Directory(A);
+                       service.Await("the command has ended");
+                       Stop();
+                   }}),
+              0);
+    (void)signal(SIGPIPE, previous);
+    (void)pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    // Bits above 31 are the C library's own.
+    ASSERT_EQ(Given().size(), 2U);
+    for (const std::string& line : Given())
+    {
+        const std::string mask = line.substr(line.find('\t') + 1);
+        EXPECT_EQ(std::stoull(mask, nullptr, 16) & 0x7fffffffU, 0U) << line;
+    }
+}
+
+}  // namespace
+}  // namespace corpdir_tool

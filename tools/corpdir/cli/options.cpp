@@ -1,0 +1,235 @@
+#include "cli/options.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "commands/failure.h"
+#include "commands/output_files.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+// Bytes that fit, without the terminator: a field of the request record, and the FTP layer's own
+// narrower ones.
+constexpr std::size_t MAX_FIELD = 255;
+constexpr std::size_t MAX_USER = 127;
+constexpr std::size_t MAX_DIRECTORY = 127;
+
+const std::string TRUST_PREFIX = "ca=";
+
+constexpr unsigned int EVERYTHING = 2;  // log level of a log that was asked for without one
+
+[[noreturn]] void Refuse(const std::string& message)
+{
+    throw Failure(EXIT_ARGUMENTS, message);
+}
+
+void CheckLength(const std::string& what, std::size_t length, std::size_t limit)
+{
+    if (length > limit)
+    {
+        Refuse(what + " is " + std::to_string(length) + " bytes long; at most " +
+               std::to_string(limit) + " are allowed");
+    }
+}
+
+// A text of the request record that goes to the server or becomes a file name.
+void CheckText(const std::string& option, const std::string& text, std::size_t limit)
+{
+    if (text.empty())
+    {
+        Refuse(option + " is empty");
+    }
+    CheckLength(option, text.size(), limit);
+    if (std::any_of(text.begin(), text.end(), IsControlByte))
+    {
+        Refuse(option + " contains a control byte, such as a newline: '" + Printable(text) + "'");
+    }
+}
+
+// The local name: as given, else the last part of the name on the server.
+std::string LocalName(const std::string& option, const std::string& given,
+                      const std::string& remoteOption, const std::string& remote)
+{
+    if (given.empty())
+    {
+        std::string name = remote.substr(remote.rfind('/') + 1);
+        if (name.empty() || name == "." || name == "..")
+        {
+            Refuse(remoteOption + " '" + remote + "' does not end in the name of a file");
+        }
+        return name;
+    }
+    CheckText(option, given, MAX_FIELD);
+    if (given.find('/') != std::string::npos || given == "." || given == "..")
+    {
+        Refuse(option + " '" + given + "' is not a plain file name; the directory is --output-dir");
+    }
+    return given;
+}
+
+void PlanFiles(const Options& options, Plan& plan)
+{
+    CheckText("--version-file", options.versionFile, MAX_FIELD);
+    CheckText("--directory-file", options.directoryFile, MAX_FIELD);
+    if (options.versionFile == options.directoryFile)
+    {
+        Refuse("--version-file and --directory-file are the same file '" + options.versionFile +
+               "'");
+    }
+    plan.versionFile = options.versionFile;
+    plan.directoryFile = options.directoryFile;
+    plan.versionName =
+        LocalName("--version-name", options.versionName, "--version-file", options.versionFile);
+    plan.directoryName = LocalName("--directory-name", options.directoryName, "--directory-file",
+                                   options.directoryFile);
+    if (plan.versionName == plan.directoryName)
+    {
+        Refuse("both files would be stored as '" + plan.versionName +
+               "'; give --version-name or --directory-name");
+    }
+    if (options.outputDir.empty())
+    {
+        Refuse("--output-dir is empty");
+    }
+    plan.outputDir = options.outputDir;
+    if (plan.outputDir.back() != '/')
+    {
+        plan.outputDir += '/';
+    }
+    CheckLength("--output-dir with its closing '/'", plan.outputDir.size(), MAX_DIRECTORY);
+}
+
+void PlanServers(const Options& options, Plan& plan)
+{
+    plan.servers = SplitServers(options.servers);
+    plan.port = options.port;
+    plan.family = AF_UNSPEC;
+    if (options.localIp.empty())
+    {
+        return;
+    }
+    plan.localIp = options.localIp;
+    plan.family = corpdir_shared::FamilyOf(options.localIp.c_str());
+    if (plan.family == AF_UNSPEC)
+    {
+        Refuse("--local-ip '" + Printable(options.localIp) + "' is not an IPv4 or IPv6 address");
+    }
+    // Names are looked up in this family only; an address of the other one is a contradiction.
+    for (const ServerEntry& entry : plan.servers)
+    {
+        if (entry.isAddress && corpdir_shared::FamilyOf(entry.text.c_str()) != plan.family)
+        {
+            Refuse("server " + entry.text + " cannot be reached from --local-ip " +
+                   options.localIp + ": one is IPv4, the other IPv6");
+        }
+    }
+}
+
+// Options that would have no effect are refused: who gives them believes to be protected by them.
+void CheckProtection(const Options& options)
+{
+    const bool trustGiven = options.ca != "system" || !options.verifyNames.empty();
+    if (options.plain && (trustGiven || !options.ciphers.empty()))
+    {
+        Refuse("--plain has no TLS; leave out --ca, --verify-name and --ciphers");
+    }
+    if (options.noVerify && trustGiven)
+    {
+        Refuse("--no-verify checks no certificate; leave out --ca and --verify-name");
+    }
+}
+
+void CheckAuthorities(const std::string& ca)
+{
+    if (ca.empty())
+    {
+        Refuse("--ca is empty");
+    }
+    CheckLength("--ca", ca.size(), MAX_FIELD - TRUST_PREFIX.size());
+    if (ca.find(';') != std::string::npos)
+    {
+        Refuse("--ca '" + Printable(ca) + "' contains a ';', which the trust text cannot carry");
+    }
+    if (ca != "system" && access(ca.c_str(), R_OK) != 0)
+    {
+        Refuse("--ca '" + Printable(ca) + "' cannot be read: " + SystemMessage(errno));
+    }
+}
+
+void CheckNames(const std::vector<std::string>& names)
+{
+    for (const std::string& name : names)
+    {
+        if (!IsHostName(name))
+        {
+            Refuse("--verify-name '" + Printable(name) + "' is not a DNS name");
+        }
+    }
+}
+
+void PlanProtection(const Options& options, const CipherSource& ciphers, Plan& plan)
+{
+    CheckProtection(options);
+    plan.plain = options.plain;
+    plan.verify = !options.plain && !options.noVerify;
+    plan.trust = "system";  // the service wants one even when nothing is verified by it
+    if (plan.verify)
+    {
+        CheckAuthorities(options.ca);
+        CheckNames(options.verifyNames);
+        plan.trust = TRUST_PREFIX + options.ca;
+        plan.verifyNames = options.verifyNames;
+    }
+    for (const std::string& cipher : options.ciphers)
+    {
+        plan.ciphers.push_back(FindCipher(cipher, ciphers));
+    }
+}
+
+void PlanLog(const Options& options, Plan& plan)
+{
+    CheckLength("--log-dir", options.logDir.size(), MAX_FIELD);
+    plan.logDir = options.logDir;
+    plan.logLevel = options.logLevel;
+    if (!plan.logDir.empty() && !plan.logLevel)
+    {
+        plan.logLevel = EVERYTHING;
+    }
+}
+
+}  // namespace
+
+Plan MakePlan(const Options& options, const CipherSource& ciphers)
+{
+    Plan plan;
+    // In the order of the help text, which is the order in which people look for the mistake.
+    PlanServers(options, plan);
+    CheckText("--user", options.user, MAX_USER);
+    plan.user = options.user;
+    PlanFiles(options, plan);
+    PlanProtection(options, ciphers, plan);
+    PlanLog(options, plan);
+    plan.maxSize = options.maxSize;
+    plan.connectTimeout = std::chrono::seconds(options.connectTimeout);
+    plan.timeout = std::chrono::seconds(options.timeoutSeconds);
+    plan.retry = std::chrono::seconds(options.retrySeconds);
+    // Last, so that a mistake in an argument is told as one.
+    CheckWritableDirectory("--output-dir", plan.outputDir);
+    CheckReplaceable(plan.VersionPath());
+    CheckReplaceable(plan.DirectoryPath());
+    if (!plan.logDir.empty())
+    {
+        CheckWritableDirectory("--log-dir", plan.logDir);
+    }
+    return plan;
+}
+
+}  // namespace corpdir_tool

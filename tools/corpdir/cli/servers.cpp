@@ -1,0 +1,88 @@
+#include "cli/servers.h"
+
+#include <algorithm>
+
+#include "commands/failure.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+std::string WithoutBlanks(const std::string& text)
+{
+    const char blanks[] = " \t";
+    const std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string::npos)
+    {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+std::vector<std::string> Split(const std::string& text, char separator)
+{
+    std::vector<std::string> pieces;
+    std::size_t start = 0;
+    for (std::size_t end = text.find(separator); end != std::string::npos;
+         end = text.find(separator, start))
+    {
+        pieces.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    pieces.push_back(text.substr(start));
+    return pieces;
+}
+
+[[noreturn]] void RefuseEntry(const std::string& text)
+{
+    // What people try most often deserves its own hint.
+    const bool hasPort =
+        std::count(text.begin(), text.end(), ':') == 1 || text.find("]:") != std::string::npos;
+    const bool hasZone = text.find('%') != std::string::npos;
+    throw Failure(EXIT_ARGUMENTS, "--servers: '" + Printable(text) +
+                                      "' is neither an address nor a host name" +
+                                      (hasPort   ? "; the port is given with --port"
+                                       : hasZone ? "; an address with a zone cannot be used"
+                                                 : ""));
+}
+
+ServerEntry MakeEntry(const std::string& text)
+{
+    const std::string address = corpdir_shared::NormalAddress(text);
+    if (corpdir_shared::IsZeroAddress(address))
+    {
+        throw Failure(EXIT_ARGUMENTS, "--servers: " + text + " is not the address of a server");
+    }
+    if (address.empty() && !IsHostName(text))
+    {
+        RefuseEntry(text);
+    }
+    return address.empty() ? ServerEntry{text, false} : ServerEntry{address, true};
+}
+
+}  // namespace
+
+std::vector<ServerEntry> SplitServers(const std::string& list)
+{
+    std::vector<ServerEntry> entries;
+    const std::vector<std::string> pieces = Split(list, ';');
+    for (const std::string& piece : pieces)
+    {
+        const std::string text = WithoutBlanks(piece);
+        if (text.empty())
+        {
+            throw Failure(EXIT_ARGUMENTS, pieces.size() == 1
+                                              ? "--servers is empty"
+                                              : "--servers: entry " +
+                                                    std::to_string(entries.size() + 1) + " of '" +
+                                                    Printable(list) + "' is empty");
+        }
+        entries.push_back(MakeEntry(text));
+    }
+    return entries;
+}
+
+}  // namespace corpdir_tool

@@ -1,0 +1,169 @@
+#include "commands/events.h"
+
+#include <algorithm>
+#include <iterator>
+#include <new>
+#include <utility>
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+EventKind KindOf(unsigned int observed)
+{
+    switch (observed)
+    {
+        case TRAVEX_FTP_OBSERVED_ACCEPTED:
+            return EventKind::ACCEPTED;
+        case TRAVEX_FTP_OBSERVED_SUCCESS:
+            return EventKind::TRANSFERRED;
+        case TRAVEX_FTP_OBSERVED_FAILED:
+            return EventKind::FAILED;
+        case TRAVEX_FTP_OBSERVED_REFUSED:
+            return EventKind::REFUSED;
+        default:
+            return EventKind::PROGRESS;
+    }
+}
+
+// The record is valid during the observer's call only, so everything is copied.
+Event CopyOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
+{
+    Event event;
+    event.kind = KindOf(seen.ulKind);
+    event.task = seen.ulTaskID;
+    event.server = AddressOfEndpoint(seen.pcServer);
+    event.file = seen.pcServerFile;
+    event.bytes = seen.ullBytes;
+    event.total = seen.ullTotal;
+    event.code = seen.ulRet;
+    event.step = seen.ulStep;
+    event.reply = seen.ulReply;
+    event.detail = seen.ulDetail;
+    event.reason = seen.pcReason;
+    if (seen.pstTimings != nullptr)
+    {
+        event.timings = *seen.pstTimings;
+    }
+    return event;
+}
+
+}  // namespace
+
+std::string AddressOfEndpoint(const std::string& endpoint)
+{
+    if (!endpoint.empty() && endpoint.front() == '[')
+    {
+        return endpoint.substr(1, endpoint.find(']') - 1);
+    }
+    return endpoint.substr(0, endpoint.find(':'));
+}
+
+bool IsArgumentRefusal(unsigned int code)
+{
+    return code == TRAVEX_FTP_ERR_PARAM || code == TRAVEX_FTP_ERR_CIPHER ||
+           code == TRAVEX_FTP_ERR_TRUST;
+}
+
+std::string ArgumentProblem(const Event& event)
+{
+    const char* const option = event.code == TRAVEX_FTP_ERR_CIPHER  ? "--ciphers: "
+                               : event.code == TRAVEX_FTP_ERR_TRUST ? "--ca: "
+                                                                    : "";
+    return option + event.reason;
+}
+
+void EventQueue::Push(Event event) noexcept
+{
+    try
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_events.push_back(std::move(event));
+    }
+    catch (const std::bad_alloc&)
+    {
+        SetOutOfMemory();
+    }
+    // Without the lock, which the woken thread would have to wait for.
+    m_changed.notify_one();
+}
+
+void EventQueue::PushKind(EventKind kind) noexcept
+{
+    Event event;
+    event.kind = kind;
+    Push(std::move(event));
+}
+
+void EventQueue::PushNumber(EventKind kind, int number) noexcept
+{
+    Event event;
+    event.kind = kind;
+    event.number = number;
+    Push(std::move(event));
+}
+
+void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
+{
+    PushObservation(seen, "", "");
+}
+
+void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen,
+                                 const std::string& versionFile,
+                                 const std::string& localVersionFile) noexcept
+{
+    try
+    {
+        Event event = CopyOf(seen);
+        if (event.kind == EventKind::TRANSFERRED && event.file == versionFile)
+        {
+            event.version = ReadVersionFile(localVersionFile);
+        }
+        Push(std::move(event));
+    }
+    catch (const std::bad_alloc&)
+    {
+        SetOutOfMemory();
+        m_changed.notify_one();
+    }
+}
+
+Event EventQueue::WaitUntil(Clock::time_point deadline)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait_until(lock, deadline, [this] { return m_outOfMemory || !m_events.empty(); });
+    // An event that is lost may be the one that is waited for, so this goes before all others.
+    Event event;
+    if (m_outOfMemory)
+    {
+        event.kind = EventKind::OUT_OF_MEMORY;
+    }
+    else if (!m_events.empty())
+    {
+        event = std::move(m_events.front());
+        m_events.pop_front();
+    }
+    return event;
+}
+
+std::vector<Event> EventQueue::TakeServiceEvents()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto isOther = [](const Event& event) { return event.kind > EventKind::DELIVERED; };
+    // The order of both kinds is kept.
+    const auto first = std::stable_partition(m_events.begin(), m_events.end(), isOther);
+    std::vector<Event> taken(std::make_move_iterator(first),
+                             std::make_move_iterator(m_events.end()));
+    m_events.erase(first, m_events.end());
+    return taken;
+}
+
+void EventQueue::SetOutOfMemory() noexcept
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_outOfMemory = true;
+}
+
+}  // namespace corpdir_tool

@@ -1,0 +1,165 @@
+#include "commands/fetch.h"
+
+#include <chrono>
+
+#include "commands/command.h"
+#include "commands/failure.h"
+#include "commands/session.h"
+#include "ftpcorpdir.h"
+#include "os/password.h"
+#include "ui/json.h"
+#include "ui/report.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+ReportSettings SettingsOf(const Options& options, const Plan& plan)
+{
+    const bool logBeside = plan.logLevel && plan.logDir.empty();
+    ReportSettings settings;
+    settings.quiet = options.quiet;
+    settings.progress = !options.noProgress && !logBeside;
+    return settings;
+}
+
+Json ServersOf(const Outcome& outcome)
+{
+    Json servers = Json::array();
+    for (const Attempt& attempt : outcome.attempts)
+    {
+        servers.push_back({{"address", attempt.server.address},
+                           {"name", OrNull(attempt.server.name)},
+                           {"gave", attempt.trouble.reason.empty()},
+                           {"file", OrNull(attempt.trouble.file)},
+                           {"code", attempt.trouble.code},
+                           {"step", attempt.trouble.step},
+                           {"reply", attempt.trouble.reply},
+                           {"reason", OrNull(attempt.trouble.reason)}});
+    }
+    return servers;
+}
+
+// Where the outcome goes: two lines for people, or one object for programs.
+class ResultPrinter
+{
+public:
+    ResultPrinter(const Options& options) : m_json(options.json), m_quiet(options.quiet) {}
+
+    void SetPath(const std::string& path)
+    {
+        m_path = path;
+    }
+
+    // A name without an address, and why.
+    void LeaveOut(const std::string& problem)
+    {
+        m_leftOut.push_back(problem);
+    }
+
+    // Throws Failure when it cannot be written.
+    void Print(const Outcome& outcome) const;
+
+private:
+    void PrintObject(const Outcome& outcome) const;
+
+    const bool m_json;
+    const bool m_quiet;
+    const EventQueue::Clock::time_point m_begun = EventQueue::Clock::now();
+    std::string m_path;
+    std::vector<std::string> m_leftOut;
+};
+
+void ResultPrinter::Print(const Outcome& outcome) const
+{
+    if (m_json)
+    {
+        PrintObject(outcome);
+    }
+    else if (outcome.status == EXIT_FETCHED && !m_quiet)
+    {
+        PrintResult(outcome.version, m_path, outcome.bytes, stdout);
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+    {
+        throw Failure(EXIT_LOCAL_FILE, "the result cannot be written to standard output");
+    }
+}
+
+void ResultPrinter::PrintObject(const Outcome& outcome) const
+{
+    const bool fetched = outcome.status == EXIT_FETCHED;
+    const std::chrono::duration<double> spent = EventQueue::Clock::now() - m_begun;
+    const Json object = {{"status", outcome.status},
+                         {"fetched", fetched},
+                         {"error", OrNull(outcome.error)},
+                         {"version", OrNull(outcome.version)},
+                         {"file", OrNull(fetched ? m_path : "")},
+                         {"bytes", fetched ? Json(outcome.bytes) : Json(nullptr)},
+                         {"seconds", spent.count()},
+                         {"servers", ServersOf(outcome)},
+                         {"left_out", m_leftOut}};
+    (void)std::fprintf(stdout, "%s\n", TextOf(object).c_str());
+}
+
+Outcome Failed(int status, const std::string& message)
+{
+    Outcome outcome;
+    outcome.status = status;
+    outcome.error = message;
+    return outcome;
+}
+
+Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, Report& report,
+                 ResultPrinter& printer)
+{
+    const auto deadline = EventQueue::Clock::now() + plan.timeout;
+    const auto leaveOut = [&report, &printer](const std::string& problem)
+    {
+        report.Error(problem + "; left out");
+        printer.LeaveOut(problem);
+    };
+    Session session(*GetCorpDirInstance(), plan, FindServers(plan, events, deadline, leaveOut),
+                    password, events, report);
+    return session.Run(deadline);
+}
+
+Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& printer)
+{
+    const Plan plan = MakePlan(options, ciphers);
+    printer.SetPath(plan.DirectoryPath());
+    Secret password;
+    ReadPassword(options.passwordFile, password);
+
+    CommandFrame frame(plan, [](int number) { return EXIT_SIGNAL + number; });
+    Report report(SettingsOf(options, plan), frame.Messages());
+    return Download(plan, password, frame.Events(), report, printer);
+}
+
+}  // namespace
+
+int RunFetch(const Options& options, const CipherSource& ciphers)
+{
+    ResultPrinter printer(options);
+    Outcome outcome;
+    try
+    {
+        outcome = Fetch(options, ciphers, printer);
+    }
+    catch (const Failure& failure)
+    {
+        if (!options.json)
+        {
+            throw;
+        }
+        // The object comes whatever happens; the messages are the same as without it.
+        (void)std::fprintf(stderr, "corpdir: %s\n", failure.what());
+        outcome = Failed(failure.Status(), failure.what());
+    }
+    printer.Print(outcome);
+    return outcome.status;
+}
+
+}  // namespace corpdir_tool

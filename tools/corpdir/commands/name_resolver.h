@@ -1,0 +1,42 @@
+// Name resolution beside the main thread, which meanwhile can be told to stop.
+#ifndef CORPDIR_TOOL_NAME_RESOLVER_H
+#define CORPDIR_TOOL_NAME_RESOLVER_H
+
+#include <thread>
+#include <vector>
+
+#include "cli/servers.h"
+#include "commands/events.h"
+
+namespace corpdir_tool
+{
+
+// Used on one thread; its own thread only fills the result and then pushes RESOLVED.
+class NameResolver
+{
+public:
+    // events must outlive the resolver.
+    NameResolver(const std::vector<ServerEntry>& entries, int family, Lookup lookup,
+                 EventQueue& events);
+
+    // Gives up; does not wait for the system's resolver.
+    ~NameResolver();
+
+    NameResolver(const NameResolver&) = delete;
+    NameResolver& operator=(const NameResolver&) = delete;
+
+    // The servers that were found; call it once, after RESOLVED.
+    ResolvedServers Take();
+
+private:
+    void Resolve() noexcept;
+
+    EventQueue& m_events;
+    corpdir_shared::ServerLookup m_lookup;
+    ResolvedServers m_resolved;
+    std::thread m_thread;  // last: it uses all of the above
+};
+
+}  // namespace corpdir_tool
+
+#endif

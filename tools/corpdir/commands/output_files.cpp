@@ -1,0 +1,89 @@
+#include "commands/output_files.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "commands/failure.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+// Names of the FTP layer's temporary files, which lie beside the file that they replace.
+const char TEMPORARY_PREFIX[] = ".travex_ftp-";
+const char TEMPORARY_SUFFIX[] = ".part";
+
+bool IsTemporaryPath(const char* path)
+{
+    const char* const slash = strrchr(path, '/');
+    const std::size_t length = strlen(path);
+    const std::size_t suffix = sizeof TEMPORARY_SUFFIX - 1;
+    return slash != nullptr && length > suffix &&
+           strncmp(slash + 1, TEMPORARY_PREFIX, sizeof TEMPORARY_PREFIX - 1) == 0 &&
+           strcmp(path + length - suffix, TEMPORARY_SUFFIX) == 0;
+}
+
+}  // namespace
+
+void CheckWritableDirectory(const std::string& option, const std::string& directory)
+{
+    const std::string what = option + " '" + directory + "'";
+    struct stat state = {};
+    if (stat(directory.c_str(), &state) != 0)
+    {
+        const char* const advice = errno == ENOENT ? "; make it first" : "";
+        throw Failure(EXIT_LOCAL_FILE, what + ": " + SystemMessage(errno) + advice);
+    }
+    if (!S_ISDIR(state.st_mode))
+    {
+        throw Failure(EXIT_LOCAL_FILE, what + " is not a directory");
+    }
+    // Also tells a read-only file system; what else can go wrong shows when a file is made.
+    if (access(directory.c_str(), W_OK | X_OK) != 0)
+    {
+        throw Failure(EXIT_LOCAL_FILE, what + " cannot be written: " + SystemMessage(errno));
+    }
+}
+
+void CheckReplaceable(const std::string& path)
+{
+    struct stat state = {};
+    if (lstat(path.c_str(), &state) == 0 && S_ISDIR(state.st_mode))
+    {
+        throw Failure(EXIT_LOCAL_FILE,
+                      "'" + path + "' is a directory; a file is to be stored there");
+    }
+}
+
+// What is open tells our files from those of another process in the same directory.
+void RemoveTemporaryFiles() noexcept
+{
+    // The limit may be in the millions, but a download has few files open, all with low numbers.
+    const long descriptors = sysconf(_SC_OPEN_MAX);
+    for (long descriptor = 0; descriptor < descriptors && descriptor < 4096; ++descriptor)
+    {
+        char link[64];
+        char path[PATH_MAX];
+        (void)std::snprintf(link, sizeof link, "/proc/self/fd/%ld", descriptor);
+        const ssize_t length = readlink(link, path, sizeof path - 1);
+        if (length <= 0)
+        {
+            continue;
+        }
+        path[length] = '\0';
+        if (IsTemporaryPath(path))
+        {
+            (void)unlink(path);  // a file that was renamed into place meanwhile has lost that name
+        }
+    }
+}
+
+}  // namespace corpdir_tool

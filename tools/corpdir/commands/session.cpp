@@ -1,0 +1,277 @@
+#include "commands/session.h"
+
+#include <utility>
+
+#include "commands/failure.h"
+#include "os/signals.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+const char NEXT_SERVER[] = "trying next server";
+const char SAME_SERVER[] = "trying again";
+
+}  // namespace
+
+Session::Session(IFtpCorpDir& service, const Plan& plan, std::vector<Server> servers,
+                 const Secret& password, EventQueue& events, Report& report)
+    : m_plan(plan),
+      m_servers(std::move(servers)),
+      m_password(password),
+      m_events(events),
+      m_report(report),
+      m_link(service, plan, events)
+{
+}
+
+Outcome Session::Run(EventQueue::Clock::time_point deadline)
+{
+    Settled status = StartFrom(0);
+    while (!status)
+    {
+        status = Handle(m_events.WaitUntil(deadline));
+    }
+    m_link.Stop();
+    if (*status == EXIT_FETCHED)
+    {
+        m_attempts.push_back({m_servers[m_current], {}});
+    }
+    return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts};
+}
+
+// Makes a request to the servers from `first` on; a server for which it cannot even be started is
+// left out of the next try.
+Session::Settled Session::StartFrom(std::size_t first)
+{
+    for (std::size_t index = first; index < m_servers.size(); ++index)
+    {
+        m_first = m_current = index;
+        m_failures = 0;
+        m_version.reset();
+        m_bytes = 0;
+        m_total = TRAVEX_FTP_SIZE_UNKNOWN;
+        m_link.Start();
+        const auto begin = m_servers.begin() + static_cast<std::ptrdiff_t>(index);
+        const unsigned int code = m_link.Request({begin, m_servers.end()}, m_password);
+        if (code == 0)
+        {
+            return std::nullopt;
+        }
+        // The refusal was observed on this thread, before the call returned.
+        Event refusal;
+        refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
+        for (const Event& event : m_events.TakeServiceEvents())
+        {
+            if (event.kind == EventKind::REFUSED && IsArgumentRefusal(event.code))
+            {
+                return Fail(EXIT_ARGUMENTS, ArgumentProblem(event));
+            }
+            refusal = event.kind == EventKind::REFUSED ? event : refusal;
+        }
+        // The start itself may have failed halfway, with a transfer under way.
+        m_link.Stop();
+        ReportServer(index, refusal, index + 1 < m_servers.size() ? NEXT_SERVER : "");
+    }
+    return NoServerLeft();
+}
+
+Session::Settled Session::Handle(const Event& event)
+{
+    switch (event.kind)
+    {
+        case EventKind::ACCEPTED:
+            break;  // progress and outcome follow
+        case EventKind::PROGRESS:
+            return OnProgress(event);
+        case EventKind::TRANSFERRED:
+            return OnTransferred(event);
+        case EventKind::FAILED:
+            return OnFailed(event);
+        case EventKind::REFUSED:
+            return OnRefused(event);
+        case EventKind::DELIVERED:
+            return EXIT_FETCHED;
+        case EventKind::SIGNAL:
+            return Fail(EXIT_SIGNAL + event.number,
+                        "stopped by " + SignalName(event.number) + " while " + Activity());
+        case EventKind::DEADLINE:
+            return Fail(EXIT_NO_OUTCOME,
+                        "no outcome within " + std::to_string(m_plan.timeout.count()) +
+                            " s; stopped while " + Activity(),
+                        "--timeout allows more");
+        case EventKind::OUT_OF_MEMORY:
+            return Fail(EXIT_INTERNAL, "memory ran out");
+        case EventKind::RESOLVED:
+        case EventKind::COMMAND_ENDED:
+            break;  // was awaited before the session; never in one
+    }
+    return std::nullopt;
+}
+
+Session::Settled Session::OnProgress(const Event& event)
+{
+    // The service's own ten-minute check may fetch the version file again meanwhile.
+    if (IsVersionFile(event) == m_version.has_value())
+    {
+        return std::nullopt;
+    }
+    m_bytes = event.bytes;
+    m_total = event.total;
+    m_report.Progress(m_version ? "directory" : "version", m_bytes, m_total);
+    return std::nullopt;
+}
+
+// A file is on disk. The service is told after the observer, reads the version file by the same
+// rule, and goes on to the directory file when it is valid.
+Session::Settled Session::OnTransferred(const Event& event)
+{
+    if (!IsVersionFile(event))
+    {
+        m_bytes = event.bytes;
+        return std::nullopt;  // the service's word, DELIVERED, follows
+    }
+    if (m_version)
+    {
+        return std::nullopt;
+    }
+    const VersionFile& file = event.version;
+    m_current = IndexOf(event);
+    if (!file.version)
+    {
+        return Fail(EXIT_BAD_VERSION,
+                    "version file '" + m_plan.VersionPath() + "' from " +
+                        m_servers[m_current].Label() + " is not valid: " + file.problem,
+                    "its first line, the version, has 5 to 30 bytes");
+    }
+    m_version = file.version;
+    m_bytes = 0;
+    m_total = TRAVEX_FTP_SIZE_UNKNOWN;
+    return std::nullopt;
+}
+
+Session::Settled Session::OnFailed(const Event& event)
+{
+    if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
+    {
+        return Fail(EXIT_LOCAL_FILE, event.reason, HintFor(TroubleOf(event), m_plan));
+    }
+    if (!IsVersionFile(event))
+    {
+        return MoveOn(IndexOf(event), event);
+    }
+    return m_version ? std::nullopt : OnVersionFailed(event);
+}
+
+// The service has moved on by itself, unless its list is at an end.
+Session::Settled Session::OnVersionFailed(const Event& event)
+{
+    const std::size_t servers = m_servers.size() - m_first;
+    // With one server the service's list is at an end only after a second try.
+    const std::size_t attempts = servers == 1 ? 2 : servers;
+    const std::size_t failed = IndexOf(event);
+    ++m_failures;
+    if (m_failures >= attempts)
+    {
+        ReportServer(failed, event, "");
+        return NoServerLeft();
+    }
+    m_current = servers == 1 ? m_first : m_first + m_failures;
+    m_bytes = 0;
+    m_total = TRAVEX_FTP_SIZE_UNKNOWN;
+    ReportServer(failed, event, servers == 1 ? SAME_SERVER : NEXT_SERVER);
+    return std::nullopt;
+}
+
+// The service's worker could not start a transfer; no callback will come.
+Session::Settled Session::OnRefused(const Event& event)
+{
+    if (IsArgumentRefusal(event.code))
+    {
+        return Fail(EXIT_ARGUMENTS, ArgumentProblem(event));
+    }
+    return MoveOn(m_current, event);
+}
+
+// A new request while anything of the earlier one is under way is not allowed, hence the stop.
+Session::Settled Session::MoveOn(std::size_t failedIndex, const Event& event)
+{
+    m_link.Stop();
+    const std::size_t next = failedIndex + 1;
+    ReportServer(failedIndex, event, next < m_servers.size() ? NEXT_SERVER : "");
+    return StartFrom(next);
+}
+
+Session::Settled Session::Fail(int status, const std::string& message, const std::string& hint)
+{
+    m_error = message;
+    m_report.Error(message);
+    // The server that was being asked; the others have been told of.
+    if (status != EXIT_NO_SERVER && status != EXIT_ARGUMENTS)
+    {
+        m_attempts.push_back({m_servers[m_current], {0, 0, 0, 0, "", message}});
+    }
+    if (!hint.empty())
+    {
+        m_report.Hint(hint);
+    }
+    return status;
+}
+
+Session::Settled Session::NoServerLeft()
+{
+    (void)Fail(EXIT_NO_SERVER, AllFailed(m_servers.size()));
+    Hint();
+    return EXIT_NO_SERVER;
+}
+
+// For each kind of failure once.
+void Session::Hint() const
+{
+    std::vector<Trouble> troubles;
+    for (const Attempt& attempt : m_attempts)
+    {
+        troubles.push_back(attempt.trouble);
+    }
+    for (const std::string& hint : HintsFor(troubles, m_plan))
+    {
+        m_report.Hint(hint);
+    }
+}
+
+bool Session::IsVersionFile(const Event& event) const
+{
+    return event.file == m_plan.versionFile;
+}
+
+// The layer names the server that it talked to; when it does not, it is the one being asked.
+std::size_t Session::IndexOf(const Event& event) const
+{
+    for (std::size_t index = m_first; index < m_servers.size(); ++index)
+    {
+        if (m_servers[index].address == event.server)
+        {
+            return index;
+        }
+    }
+    return m_current;
+}
+
+void Session::ReportServer(std::size_t index, const Event& event, const std::string& next)
+{
+    m_attempts.push_back({m_servers[index], TroubleOf(event)});
+    m_report.ServerFailed(m_servers[index].Label(), WithFile(m_attempts.back().trouble), next);
+}
+
+std::string Session::Activity() const
+{
+    const std::string file = m_version ? "directory file '" + m_plan.directoryFile
+                                       : "version file '" + m_plan.versionFile;
+    return "fetching " + file + "' from " + m_servers[m_current].Label() + ": " +
+           Amount(m_bytes, m_total);
+}
+
+}  // namespace corpdir_tool

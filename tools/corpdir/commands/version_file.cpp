@@ -1,0 +1,39 @@
+#include "commands/version_file.h"
+
+#include <errno.h>
+
+#include <fstream>
+
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+constexpr std::size_t MIN_VERSION = 5;
+constexpr std::size_t MAX_VERSION = 30;
+
+}  // namespace
+
+VersionFile ReadVersionFile(const std::string& path)
+{
+    errno = 0;
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+    {
+        return {std::nullopt, "cannot be opened: " + SystemMessage(errno)};
+    }
+    char line[MAX_VERSION + 1] = "";
+    file.getline(line, sizeof line);
+    const std::string version = line;
+    if (version.size() < MIN_VERSION)
+    {
+        return {std::nullopt, "its first line '" + Printable(version) + "' is shorter than " +
+                                  std::to_string(MIN_VERSION) + " bytes"};
+    }
+    return {version, ""};
+}
+
+}  // namespace corpdir_tool

@@ -1,0 +1,402 @@
+#include "commands/watcher.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "commands/failure.h"
+#include "os/signals.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+// The service's own time between two checks.
+constexpr std::chrono::seconds CHECK_INTERVAL{600};
+
+// For want of anything to wait for.
+constexpr std::chrono::hours LONG_WAIT{24};
+
+bool SameServers(const std::vector<Server>& one, const std::vector<Server>& other)
+{
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [](const Server& left, const Server& right)
+                      { return left.address == right.address && left.listed == right.listed; });
+}
+
+}  // namespace
+
+Watcher::Watcher(IFtpCorpDir& service, const Plan& plan, Lookup lookup, const Secret& password,
+                 EventQueue& events, WatchOutput& output, ChildCommand* command)
+    : m_plan(plan),
+      m_lookup(std::move(lookup)),
+      m_password(password),
+      m_events(events),
+      m_output(output),
+      m_command(command),
+      m_link(service, plan, events)
+{
+}
+
+int Watcher::Run()
+{
+    LookUp();
+    Settled status;
+    while (!status)
+    {
+        status = Handle(m_events.WaitUntil(m_askAgainAt.value_or(Clock::now() + LONG_WAIT)));
+        if (!status && m_output.Lost())
+        {
+            m_link.Stop();
+            throw Failure(EXIT_LOCAL_FILE, "the events cannot be written to standard output");
+        }
+    }
+    m_link.Stop();
+    return *status;
+}
+
+void Watcher::LookUp()
+{
+    if (m_resolver == nullptr)
+    {
+        m_resolver =
+            std::make_unique<NameResolver>(m_plan.servers, m_plan.family, m_lookup, m_events);
+    }
+}
+
+Watcher::Settled Watcher::OnResolved()
+{
+    ResolvedServers resolved = m_resolver->Take();
+    m_resolver.reset();
+    for (const corpdir_shared::LeftOut& entry : resolved.leftOut)
+    {
+        m_output.NameFailed(entry.text + ": " + entry.problem);
+    }
+    if (resolved.servers.empty())
+    {
+        AskAgainLater();
+        return std::nullopt;
+    }
+    // A name that has no address for the moment is no reason to give up those of a request.
+    const bool moved = resolved.leftOut.empty() && !SameServers(resolved.servers, m_found);
+    if (!m_requestDue && !moved)
+    {
+        return std::nullopt;
+    }
+    m_found = std::move(resolved.servers);
+    m_servers = m_found;
+    m_fruitless = 0;
+    return Request(0);
+}
+
+// Makes a request that begins with this server of the one before.
+Watcher::Settled Watcher::Request(std::size_t first)
+{
+    m_link.Stop();
+    std::rotate(m_servers.begin(), m_servers.begin() + static_cast<std::ptrdiff_t>(first),
+                m_servers.end());
+    m_requestDue = false;
+    m_askAgainAt.reset();
+    m_moving = false;
+    m_version.clear();
+    m_expected.clear();
+    Refill();
+    const unsigned int code = StartAndRequest();
+    if (code == 0 || m_requestDue)
+    {
+        return std::nullopt;
+    }
+    Event refusal;
+    refusal.kind = EventKind::REFUSED;
+    refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
+    for (const Event& event : m_events.TakeServiceEvents())
+    {
+        refusal = event.kind == EventKind::REFUSED ? event : refusal;
+    }
+    m_link.Stop();
+    return OnRefused(refusal);
+}
+
+// The code of the request. A start that fails later on, for a log directory that has gone, is told
+// and tried again: m_requestDue is set then.
+unsigned int Watcher::StartAndRequest()
+{
+    try
+    {
+        m_link.Start();
+        return m_link.Request(m_servers, m_password);
+    }
+    catch (const Failure& failure)
+    {
+        if (!m_taken)
+        {
+            throw;
+        }
+        m_output.StartFailed(failure.what());
+        AskAgainLater();
+        return 0;
+    }
+}
+
+Watcher::Settled Watcher::Handle(const Event& event)
+{
+    switch (event.kind)
+    {
+        case EventKind::ACCEPTED:
+            OnAccepted(event);
+            break;
+        case EventKind::PROGRESS:
+            break;
+        case EventKind::TRANSFERRED:
+            return OnTransferred(event);
+        case EventKind::DELIVERED:
+            OnDelivered();
+            break;
+        case EventKind::FAILED:
+            return OnFailed(event);
+        case EventKind::REFUSED:
+            return OnRefused(event);
+        case EventKind::RESOLVED:
+            return OnResolved();
+        case EventKind::COMMAND_ENDED:
+            OnCommandEnded(event.number);
+            break;
+        case EventKind::SIGNAL:
+            m_output.Stopped(SignalName(event.number));
+            return EXIT_FETCHED;
+        case EventKind::DEADLINE:
+            OnDeadline();
+            break;
+        case EventKind::OUT_OF_MEMORY:
+            throw Failure(EXIT_INTERNAL, "memory ran out");
+    }
+    return std::nullopt;
+}
+
+void Watcher::OnAccepted(const Event& event)
+{
+    m_taken = true;
+    if (!IsVersionFile(event))
+    {
+        m_expected[event.task] = m_version;
+        return;
+    }
+    if (std::exchange(m_moving, false))
+    {
+        m_output.NextServer(ServerOf(event));
+    }
+    m_output.Checking(ServerOf(event));
+}
+
+// A version file is on disk. The service reads it by the same rule, and goes on to the directory
+// file when it is valid and new.
+Watcher::Settled Watcher::OnTransferred(const Event& event)
+{
+    const Server server = ServerOf(event);
+    if (!IsVersionFile(event))
+    {
+        OnDirectoryArrived(event);
+        return std::nullopt;
+    }
+    m_left = m_servers.size();
+    if (!event.version.version)
+    {
+        m_output.Failed(server, {0, 0, 0, 0, event.file,
+                                 "the version file is not valid: " + event.version.problem});
+        return TryElsewhere(server);
+    }
+    if (*event.version.version == m_version)
+    {
+        m_output.Unchanged(server, m_version);
+    }
+    else
+    {
+        m_version = *event.version.version;
+        m_output.NewVersion(server, m_version);
+    }
+    return std::nullopt;
+}
+
+// The service's word, DELIVERED, follows at once, unless it waits for another task by now. A newer
+// version may have been announced meanwhile: what counts is the one that the task was begun for.
+void Watcher::OnDirectoryArrived(const Event& event)
+{
+    m_arrival = {ServerOf(event), m_expected[event.task], event.bytes};
+    m_expected.erase(event.task);
+}
+
+void Watcher::OnDelivered()
+{
+    m_fruitless = 0;
+    m_requestDue = false;
+    m_askAgainAt.reset();
+    m_output.Downloaded(m_arrival.server, m_arrival.version, m_plan.DirectoryPath(),
+                        m_arrival.bytes);
+    if (m_arrival.version != m_current)
+    {
+        m_current = m_arrival.version;
+        m_commandDue = m_command != nullptr;
+        RunCommand();
+    }
+}
+
+Watcher::Settled Watcher::OnFailed(const Event& event)
+{
+    m_output.Failed(ServerOf(event), TroubleOf(event));
+    if (IsVersionFile(event))
+    {
+        OnVersionFailed();
+        return std::nullopt;
+    }
+    return OnDirectoryFailed(event);
+}
+
+// The service has moved on by itself, unless its list is at an end.
+void Watcher::OnVersionFailed()
+{
+    if (!RefillWhenUsedUp())
+    {
+        --m_left;
+        m_moving = true;
+        return;
+    }
+    m_output.NoServerLeft();
+    if (m_version.empty())
+    {
+        AskAgainLater();
+        return;
+    }
+    m_output.Waiting(CHECK_INTERVAL, false);
+    LookUp();
+}
+
+Watcher::Settled Watcher::OnDirectoryFailed(const Event& event)
+{
+    (void)RefillWhenUsedUp();
+    const std::string version = m_expected[event.task];
+    m_expected.erase(event.task);
+    if (version != m_version)
+    {
+        return std::nullopt;  // a newer one is on its way
+    }
+    // No server would do better with a file that cannot be written.
+    if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
+    {
+        AskAgainLater();
+        return std::nullopt;
+    }
+    return TryElsewhere(ServerOf(event));
+}
+
+// The service would ask this one again, or nobody. When all have been tried, there is time.
+Watcher::Settled Watcher::TryElsewhere(const Server& server)
+{
+    ++m_fruitless;
+    if (m_fruitless >= m_servers.size())
+    {
+        m_fruitless = 0;
+        m_output.NoServerLeft();
+        AskAgainLater();
+        return std::nullopt;
+    }
+    const std::string& address = server.address;
+    const auto failed =
+        std::find_if(m_servers.begin(), m_servers.end(),
+                     [&address](const auto& one) { return one.address == address; });
+    const auto next = failed == m_servers.end() ? m_servers.begin() : failed + 1;
+    const auto index = static_cast<std::size_t>(next - m_servers.begin()) % m_servers.size();
+    m_output.NextServer(m_servers[index]);
+    return Request(index);
+}
+
+// At the start a refused setting is the user's mistake. Later it is a file that has gone, or memory
+// that ran out, and may be mended.
+Watcher::Settled Watcher::OnRefused(const Event& event)
+{
+    if (!m_taken && IsArgumentRefusal(event.code))
+    {
+        throw Failure(EXIT_ARGUMENTS, ArgumentProblem(event));
+    }
+    m_output.Failed(ServerOf(event), TroubleOf(event));
+    AskAgainLater();
+    return std::nullopt;
+}
+
+void Watcher::OnDeadline()
+{
+    if (m_askAgainAt)
+    {
+        m_askAgainAt.reset();
+        LookUp();
+    }
+}
+
+void Watcher::OnCommandEnded(int status)
+{
+    m_command->Ended();
+    m_output.CommandEnded(status);
+    RunCommand();
+}
+
+// The service's list is at an end: it takes all servers anew, and pauses.
+bool Watcher::RefillWhenUsedUp()
+{
+    if (m_left != 0)
+    {
+        return false;
+    }
+    Refill();
+    return true;
+}
+
+// Failures that the service bears after the first server; with one server it tries that twice.
+void Watcher::Refill()
+{
+    m_left = std::max<std::size_t>(m_servers.size() - 1, 1);
+}
+
+void Watcher::AskAgainLater()
+{
+    m_requestDue = true;
+    m_askAgainAt = Clock::now() + m_plan.retry;
+    m_output.Waiting(m_plan.retry, true);
+}
+
+// One at a time; of several versions that arrive meanwhile, for the last.
+void Watcher::RunCommand()
+{
+    if (!m_commandDue || m_command->Running())
+    {
+        return;
+    }
+    m_commandDue = false;
+    const int error = m_command->Start({{"CORPDIR_FILE", m_plan.DirectoryPath()},
+                                        {"CORPDIR_VERSION", m_current},
+                                        {"CORPDIR_SERVER", m_arrival.server.address}});
+    if (error != 0)
+    {
+        m_output.CommandFailed(SystemMessage(error));
+    }
+}
+
+bool Watcher::IsVersionFile(const Event& event) const
+{
+    return event.file == m_plan.versionFile;
+}
+
+// With the name that it was found by.
+Server Watcher::ServerOf(const Event& event) const
+{
+    for (const Server& server : m_servers)
+    {
+        if (server.address == event.server)
+        {
+            return server;
+        }
+    }
+    return {event.server, ""};
+}
+
+}  // namespace corpdir_tool

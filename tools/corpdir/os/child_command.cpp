@@ -1,0 +1,175 @@
+#include "os/child_command.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+// What a command has to end on its own when the program ends.
+constexpr std::chrono::milliseconds PATIENCE{300};
+
+// Ours with the variables added. One of the same name is left out: which of two counts, shells do
+// not agree on.
+std::vector<std::string> EnvironmentWith(const Variables& variables)
+{
+    std::vector<std::string> all;
+    for (char** inherited = environ; *inherited != nullptr; ++inherited)
+    {
+        const std::string text = *inherited;
+        const std::string name = text.substr(0, text.find('='));
+        if (std::none_of(variables.begin(), variables.end(),
+                         [&name](const auto& variable) { return variable.first == name; }))
+        {
+            all.push_back(text);
+        }
+    }
+    for (const auto& [name, value] : variables)
+    {
+        all.push_back(name + "=" + value);
+    }
+    return all;
+}
+
+std::vector<char*> PointersTo(std::vector<std::string>& texts)
+{
+    std::vector<char*> pointers;
+    for (std::string& text : texts)
+    {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// Settings of posix_spawn, freed at the end.
+struct SpawnSettings
+{
+    explicit SpawnSettings(int output)
+    {
+        sigset_t none;
+        sigset_t ordinary;
+        (void)sigemptyset(&none);
+        (void)sigfillset(&ordinary);
+        (void)posix_spawnattr_init(&attributes);
+        (void)posix_spawn_file_actions_init(&files);
+        // Our signals are blocked and SIGPIPE is ignored; the command shall find nothing of that.
+        (void)posix_spawnattr_setsigmask(&attributes, &none);
+        (void)posix_spawnattr_setsigdefault(&attributes, &ordinary);
+        (void)posix_spawnattr_setpgroup(&attributes, 0);
+        (void)posix_spawnattr_setflags(
+            &attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+        (void)posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        (void)posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
+        (void)posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO);
+        // Some library's descriptors are not closed by the exec itself.
+        (void)posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
+    }
+    ~SpawnSettings()
+    {
+        (void)posix_spawn_file_actions_destroy(&files);
+        (void)posix_spawnattr_destroy(&attributes);
+    }
+    SpawnSettings(const SpawnSettings&) = delete;
+    SpawnSettings& operator=(const SpawnSettings&) = delete;
+
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t files;
+};
+
+// As a shell gives it: 128 and the signal for a command that a signal ended.
+int StatusOf(const siginfo_t& end)
+{
+    return end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
+}
+
+}  // namespace
+
+ChildCommand::ChildCommand(std::string command, int output, EventQueue& events)
+    : m_command(std::move(command)), m_output(output), m_events(events)
+{
+}
+
+ChildCommand::~ChildCommand()
+{
+    if (!Running())
+    {
+        return;
+    }
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        // Not reaped before the thread says so, so the group is still this command's.
+        if (!m_over)
+        {
+            (void)kill(-m_child, SIGTERM);
+        }
+        if (!m_changed.wait_for(lock, PATIENCE, [this] { return m_over; }))
+        {
+            (void)kill(-m_child, SIGKILL);
+        }
+    }
+    m_thread.join();
+}
+
+void ChildCommand::Kill() noexcept
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_child > 0 && !m_over)
+    {
+        (void)kill(-m_child, SIGKILL);
+    }
+}
+
+int ChildCommand::Start(const Variables& variables)
+{
+    std::vector<std::string> arguments = {"sh", "-c", m_command};
+    std::vector<std::string> environment = EnvironmentWith(variables);
+    const SpawnSettings settings(m_output);
+    pid_t child = -1;
+    const int error = posix_spawn(&child, "/bin/sh", &settings.files, &settings.attributes,
+                                  PointersTo(arguments).data(), PointersTo(environment).data());
+    if (error == 0)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_child = child;
+            m_over = false;
+        }
+        m_thread = std::thread(&ChildCommand::Wait, this);
+    }
+    return error;
+}
+
+void ChildCommand::Ended()
+{
+    m_thread.join();
+}
+
+void ChildCommand::Wait() noexcept
+{
+    siginfo_t end = {};
+    // Left unreaped until nobody signals its group any more.
+    while (waitid(P_PID, static_cast<id_t>(m_child), &end, WEXITED | WNOWAIT) != 0 &&
+           errno == EINTR)
+    {
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_over = true;
+        (void)waitpid(m_child, nullptr, 0);
+    }
+    m_changed.notify_all();
+    m_events.PushNumber(EventKind::COMMAND_ENDED, StatusOf(end));
+}
+
+}  // namespace corpdir_tool

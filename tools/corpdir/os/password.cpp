@@ -1,0 +1,268 @@
+#include "os/password.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+
+#include "commands/failure.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+const char* const PASSWORD_VARIABLE = "CORPDIR_PASSWORD";
+
+namespace
+{
+
+const char TERMINAL[] = "/dev/tty";
+
+// What the signal handler needs to give the user's terminal its echo back.
+int g_terminal = -1;
+termios g_savedMode;
+
+// Owns a descriptor, standard input excepted.
+class Descriptor
+{
+public:
+    explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
+    ~Descriptor()
+    {
+        if (m_descriptor > STDIN_FILENO)
+        {
+            (void)close(m_descriptor);  // it was only read
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int Get() const
+    {
+        return m_descriptor;
+    }
+
+private:
+    int m_descriptor;
+};
+
+// Takes one byte at a time, so that no buffer but the secret's own holds a piece of the password.
+// Ends at the end of the file, or after a newline when onlyOneLine.
+void ReadDescriptor(int descriptor, bool onlyOneLine, const std::string& source, Secret& password)
+{
+    for (;;)
+    {
+        char byte = '\0';
+        const ssize_t got = read(descriptor, &byte, 1);
+        if (got < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (got < 0)
+        {
+            throw Failure(EXIT_ARGUMENTS,
+                          "cannot read the password from " + source + ": " + SystemMessage(errno));
+        }
+        if (got == 0)
+        {
+            return;
+        }
+        if (!password.Append(byte))
+        {
+            throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is over " +
+                                              std::to_string(Secret::CAPACITY) +
+                                              " bytes long; at most " +
+                                              std::to_string(MAX_PASSWORD_LENGTH) + " are allowed");
+        }
+        if (onlyOneLine && byte == '\n')
+        {
+            return;
+        }
+    }
+}
+
+// Editors end a line with LF, those of another system with CR LF.
+void RemoveNewline(Secret& password)
+{
+    if (!password.View().empty() && password.View().back() == '\n')
+    {
+        password.RemoveLast();
+        if (!password.View().empty() && password.View().back() == '\r')
+        {
+            password.RemoveLast();
+        }
+    }
+}
+
+void CheckPassword(const Secret& password, const std::string& source)
+{
+    const std::string_view text = password.View();
+    if (text.empty())
+    {
+        const char* const advice =
+            source == PASSWORD_VARIABLE ? "; unset it, or give --password-file" : "";
+        throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is empty" + advice);
+    }
+    if (text.size() > MAX_PASSWORD_LENGTH)
+    {
+        throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is " +
+                                          std::to_string(text.size()) + " bytes long; at most " +
+                                          std::to_string(MAX_PASSWORD_LENGTH) + " are allowed");
+    }
+    if (std::any_of(text.begin(), text.end(), IsControlByte))
+    {
+        throw Failure(EXIT_ARGUMENTS, "the password from " + source +
+                                          " contains a control byte, such as a newline");
+    }
+}
+
+void ReadFile(const std::string& path, const std::string& source, Secret& password)
+{
+    if (path == "-")
+    {
+        ReadDescriptor(STDIN_FILENO, false, source, password);
+        return;
+    }
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (file.Get() < 0)
+    {
+        throw Failure(EXIT_ARGUMENTS,
+                      "cannot read the password from " + source + ": " + SystemMessage(errno));
+    }
+    ReadDescriptor(file.Get(), false, source, password);
+}
+
+// Its own bytes are overwritten too: they would stay readable in /proc.
+void ForgetVariable(char* value)
+{
+    explicit_bzero(value, strlen(value));
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet
+    (void)unsetenv(PASSWORD_VARIABLE);  // cannot fail for a name that is valid
+}
+
+void TakeVariable(char* value, const std::string& source, Secret& password)
+{
+    const std::size_t length = strlen(value);
+    bool fits = true;
+    for (std::size_t index = 0; index < length && fits; ++index)
+    {
+        fits = password.Append(value[index]);
+    }
+    ForgetVariable(value);
+    if (!fits)
+    {
+        throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is " +
+                                          std::to_string(length) + " bytes long; at most " +
+                                          std::to_string(MAX_PASSWORD_LENGTH) + " are allowed");
+    }
+}
+
+// tcsetattr may be called in a handler. The signal was reset to its default action and is raised
+// anew, so that the program ends as it would have without a prompt.
+void RestoreEchoAndRaise(int signalNumber)
+{
+    (void)tcsetattr(g_terminal, TCSAFLUSH, &g_savedMode);
+    (void)raise(signalNumber);
+}
+
+// Switches the echo of a terminal off for its lifetime, a death by signal included.
+class SilentTerminal
+{
+public:
+    explicit SilentTerminal(int descriptor)
+    {
+        g_terminal = descriptor;
+        if (tcgetattr(descriptor, &g_savedMode) != 0)
+        {
+            throw Failure(EXIT_ARGUMENTS,
+                          "cannot prompt for the password: " + SystemMessage(errno));
+        }
+        struct sigaction action = {};
+        action.sa_handler = RestoreEchoAndRaise;
+        action.sa_flags = static_cast<int>(SA_RESETHAND);
+        for (std::size_t index = 0; index < SIGNALS.size(); ++index)
+        {
+            TakeOver(SIGNALS[index], action, m_savedActions[index]);
+        }
+        termios silent = g_savedMode;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        (void)tcsetattr(descriptor, TCSAFLUSH, &silent);
+    }
+    ~SilentTerminal()
+    {
+        (void)tcsetattr(g_terminal, TCSAFLUSH, &g_savedMode);
+        for (std::size_t index = 0; index < SIGNALS.size(); ++index)
+        {
+            (void)sigaction(SIGNALS[index], &m_savedActions[index], nullptr);
+        }
+    }
+    SilentTerminal(const SilentTerminal&) = delete;
+    SilentTerminal& operator=(const SilentTerminal&) = delete;
+
+private:
+    // A signal that whoever started the program wants ignored stays ignored.
+    static void TakeOver(int signalNumber, const struct sigaction& action, struct sigaction& saved)
+    {
+        (void)sigaction(signalNumber, nullptr, &saved);
+        if (saved.sa_handler != SIG_IGN)
+        {
+            (void)sigaction(signalNumber, &action, nullptr);
+        }
+    }
+
+    static constexpr std::array<int, 4> SIGNALS{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    std::array<struct sigaction, SIGNALS.size()> m_savedActions{};
+};
+
+void Prompt(const std::string& source, Secret& password)
+{
+    const Descriptor terminal(open(TERMINAL, O_RDWR | O_CLOEXEC | O_NOCTTY));
+    if (terminal.Get() < 0)
+    {
+        throw Failure(EXIT_ARGUMENTS, std::string("no password: give --password-file, set ") +
+                                          PASSWORD_VARIABLE +
+                                          ", or start the program on a terminal");
+    }
+    const SilentTerminal silent(terminal.Get());
+    (void)!write(terminal.Get(), "Password: ", 10);  // without it the user still may type
+    ReadDescriptor(terminal.Get(), true, source, password);
+    (void)!write(terminal.Get(), "\n", 1);
+}
+
+}  // namespace
+
+void ReadPassword(const std::string& passwordFile, Secret& password)
+{
+    std::string source;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet
+    char* const variable = getenv(PASSWORD_VARIABLE);
+    if (!passwordFile.empty())
+    {
+        if (variable != nullptr)
+        {
+            ForgetVariable(variable);  // not used, and not to be inherited by a command
+        }
+        source = passwordFile == "-" ? "standard input" : "'" + Printable(passwordFile) + "'";
+        ReadFile(passwordFile, source, password);
+    }
+    else if (variable != nullptr)
+    {
+        source = PASSWORD_VARIABLE;
+        TakeVariable(variable, source, password);
+    }
+    else
+    {
+        source = "the terminal";
+        Prompt(source, password);
+    }
+    RemoveNewline(password);
+    CheckPassword(password, source);
+}
+
+}  // namespace corpdir_tool

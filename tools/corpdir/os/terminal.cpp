@@ -1,0 +1,76 @@
+#include "os/terminal.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+constexpr unsigned int USUAL_WIDTH = 80;
+
+bool CanRewrite(std::FILE* stream)
+{
+    const char* const kind = std::getenv("TERM");
+    return isatty(fileno(stream)) == 1 && kind != nullptr && std::strcmp(kind, "dumb") != 0;
+}
+
+bool WantsColours()
+{
+    const char* const none = std::getenv("NO_COLOR");
+    return none == nullptr || *none == '\0';
+}
+
+// Colours of ECMA-48, which every terminal that is not a dumb one knows.
+const char* CodeOf(Style style)
+{
+    switch (style)
+    {
+        case Style::BAD:
+            return "31";
+        case Style::WARN:
+            return "33";
+        case Style::GOOD:
+            return "32";
+        case Style::FAINT:
+            return "90";
+        case Style::PLAIN:
+            break;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+Terminal::Terminal(std::FILE* stream)
+    : m_stream(stream), m_rewrites(CanRewrite(stream)), m_colours(m_rewrites && WantsColours())
+{
+}
+
+unsigned int Terminal::Width() const
+{
+    winsize size = {};
+    if (m_width != 0)
+    {
+        return m_width;
+    }
+    const bool known = ioctl(fileno(m_stream), TIOCGWINSZ, &size) == 0 && size.ws_col != 0;
+    return known ? size.ws_col : USUAL_WIDTH;
+}
+
+std::string Terminal::Styled(Style style, const std::string& text) const
+{
+    const char* const code = CodeOf(style);
+    if (!m_colours || code == nullptr)
+    {
+        return text;
+    }
+    return "\033[" + std::string(code) + "m" + text + "\033[0m";
+}
+
+}  // namespace corpdir_tool

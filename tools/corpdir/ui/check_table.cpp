@@ -1,0 +1,183 @@
+#include "ui/check_table.h"
+
+#include "ui/json.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+constexpr unsigned int USUAL_PORT = 21;
+
+struct Row
+{
+    CheckStep step;
+    const char* name;
+    std::string result;          // of a step that was done
+    std::uint64_t microseconds;  // 0: not known
+};
+
+std::string Milliseconds(std::uint64_t microseconds)
+{
+    char text[32] = "";
+    (void)std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(microseconds) / 1000.0);
+    return text;
+}
+
+std::string DateOf(std::int64_t time)
+{
+    const std::time_t seconds = time;
+    std::tm parts = {};
+    char text[32] = "";
+    (void)gmtime_r(&seconds, &parts);
+    (void)std::strftime(text, sizeof text, "%Y-%m-%d", &parts);
+    return text;
+}
+
+std::string TimeLeft(std::int64_t until, std::time_t now)
+{
+    const std::int64_t days = (until - now) / (24 * 3600);
+    return until < now ? "expired"
+                       : std::to_string(days) + (days == 1 ? " day left" : " days left");
+}
+
+std::string CertificateText(const CheckResult& result, std::time_t now)
+{
+    if (result.timings.llCertificateUntil == 0)
+    {
+        return "";
+    }
+    return std::string(result.timings.acSubject) + ", valid until " +
+           DateOf(result.timings.llCertificateUntil) + " (" +
+           TimeLeft(result.timings.llCertificateUntil, now) + ")";
+}
+
+std::string DirectoryText(const CheckResult& result)
+{
+    return result.directoryBytes == TRAVEX_FTP_SIZE_UNKNOWN
+               ? "there; the server does not give its size"
+               : "there, " + std::to_string(result.directoryBytes) + " bytes";
+}
+
+// Steps are timed from the begin of the transfer; each row has the time since the step before.
+std::vector<Row> RowsOf(const CheckResult& result, const Plan& plan, std::time_t now)
+{
+    const tagTRAVEX_FTP_S_TIMINGS& timings = result.timings;
+    const auto since = [](std::uint64_t end, std::uint64_t begin)
+    { return end > begin ? end - begin : 0; };
+    const std::uint64_t ready = plan.plain ? timings.ullConnected : timings.ullSecured;
+    std::vector<Row> rows;
+    rows.push_back({CheckStep::CONNECT, "connect", "ok", timings.ullConnected});
+    if (!plan.plain)
+    {
+        rows.push_back({CheckStep::TLS, "TLS",
+                        std::string(timings.acTlsVersion) + ", " + timings.acTlsSuite,
+                        since(timings.ullSecured, timings.ullConnected)});
+        rows.push_back({CheckStep::CERTIFICATE, "certificate",
+                        CertificateText(result, now) + (plan.verify ? "" : "; not verified"), 0});
+    }
+    rows.push_back(
+        {CheckStep::LOGIN, "login", "ok as " + plan.user, since(timings.ullLoggedIn, ready)});
+    const char* const data = plan.plain                   ? ""
+                             : timings.ulDataResumed == 1 ? "; data channel resumed the TLS session"
+                                                          : "; data channel had a TLS session of "
+                                                            "its own";
+    rows.push_back(
+        {CheckStep::VERSION_FILE, "version file",
+         "'" + result.version + "', " + std::to_string(result.versionBytes) + " bytes" + data,
+         since(timings.ullEnded, timings.ullLoggedIn)});
+    rows.push_back({CheckStep::DIRECTORY_FILE, "directory file", DirectoryText(result), 0});
+    return rows;
+}
+
+void PrintRow(const char* name, const std::string& result, const std::string& time,
+              const Terminal& output)
+{
+    (void)std::fprintf(output.Stream(), "  %-14s  %9s  %s\n", name, time.c_str(), result.c_str());
+}
+
+Json JsonOf(const CheckResult& result)
+{
+    const tagTRAVEX_FTP_S_TIMINGS& timings = result.timings;
+    const auto time = [](std::uint64_t microseconds) {
+        return microseconds == 0 ? Json(nullptr)
+                                 : Json(static_cast<double>(microseconds) / 1000000.0);
+    };
+    const bool certificate = timings.llCertificateUntil != 0;
+    return {{"address", result.server.address},
+            {"name", OrNull(result.server.name)},
+            {"works", result.failedAt == CheckStep::DONE},
+            {"code", result.trouble.code},
+            {"step", result.trouble.step},
+            {"reply", result.trouble.reply},
+            {"reason", OrNull(result.trouble.reason)},
+            {"tls_version", OrNull(timings.acTlsVersion)},
+            {"tls_suite", OrNull(timings.acTlsSuite)},
+            {"certificate_subject", OrNull(timings.acSubject)},
+            {"certificate_until",
+             certificate ? Json(DateOf(timings.llCertificateUntil)) : Json(nullptr)},
+            {"session_resumed", timings.ulDataResumed == 1},
+            {"seconds",
+             {{"connected", time(timings.ullConnected)},
+              {"secured", time(timings.ullSecured)},
+              {"logged_in", time(timings.ullLoggedIn)},
+              {"opened", time(timings.ullOpened)},
+              {"ended", time(timings.ullEnded)}}},
+            {"version", OrNull(result.version)},
+            {"directory_bytes", result.directoryBytes == TRAVEX_FTP_SIZE_UNKNOWN
+                                    ? Json(nullptr)
+                                    : Json(result.directoryBytes)}};
+}
+
+}  // namespace
+
+void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
+                const Terminal& output)
+{
+    const std::string port = std::to_string(plan.port == 0 ? USUAL_PORT : plan.port);
+    (void)std::fprintf(output.Stream(), "%s, port %s\n", Printable(result.server.Label()).c_str(),
+                       port.c_str());
+    for (const Row& row : RowsOf(result, plan, now))
+    {
+        if (row.step == result.failedAt)
+        {
+            PrintRow(row.name,
+                     output.Styled(Style::BAD, "failed: ") + Printable(result.trouble.reason), "",
+                     output);
+            // What the certificate says is what somebody wants to know who is told that it fails.
+            const std::string certificate = CertificateText(result, now);
+            if (row.step == CheckStep::CERTIFICATE && !certificate.empty())
+            {
+                PrintRow("", Printable(certificate), "", output);
+            }
+            return;
+        }
+        // Without its handshake a channel has nothing to show.
+        if (row.step != CheckStep::TLS || result.failedAt != CheckStep::CERTIFICATE)
+        {
+            PrintRow(row.name, Printable(row.result),
+                     row.microseconds == 0 ? "" : Milliseconds(row.microseconds), output);
+        }
+    }
+}
+
+void PrintChecksAsJson(const std::vector<CheckResult>& results,
+                       const std::vector<std::string>& leftOut, unsigned int port, int status,
+                       const std::string& error, std::FILE* output)
+{
+    Json servers = Json::array();
+    for (const CheckResult& result : results)
+    {
+        servers.push_back(JsonOf(result));
+    }
+    const Json object = {{"status", status},
+                         {"error", OrNull(error)},
+                         {"port", port == 0 ? USUAL_PORT : port},
+                         {"servers", servers},
+                         {"left_out", leftOut}};
+    (void)std::fprintf(output, "%s\n", TextOf(object).c_str());
+}
+
+}  // namespace corpdir_tool

@@ -1,0 +1,206 @@
+#include "ui/progress.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "travex_ftp.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+constexpr std::size_t SHORTEST_BAR = 8;
+constexpr std::size_t LONGEST_BAR = 60;
+
+// Seconds after which an old rate counts for a third.
+constexpr double RATE_MEMORY = 2.0;
+
+bool IsKnown(std::uint64_t total)
+{
+    return total != TRAVEX_FTP_SIZE_UNKNOWN && total != 0;
+}
+
+double Share(const ProgressState& state)
+{
+    // As numbers with a point: the product of large ones would not fit.
+    return std::min(1.0, static_cast<double>(state.bytes) / static_cast<double>(state.total));
+}
+
+std::string Percent(const ProgressState& state)
+{
+    const std::string number = std::to_string(static_cast<int>(Share(state) * 100.0));
+    return std::string(3 - number.size(), ' ') + number + "%";
+}
+
+std::string Rate(const ProgressState& state)
+{
+    return state.rate < 1 ? "" : "  " + ShortBytes(static_cast<std::uint64_t>(state.rate)) + "/s";
+}
+
+std::string TimeLeft(const ProgressState& state)
+{
+    if (state.rate < 1 || state.bytes >= state.total)
+    {
+        return "";
+    }
+    const double seconds = static_cast<double>(state.total - state.bytes) / state.rate;
+    return "  " + ShortTime(std::chrono::seconds(std::llround(std::min(seconds, 1e6)))) + " left";
+}
+
+std::string Bar(std::size_t columns, double share)
+{
+    const auto inner = columns - 2;
+    const auto done = static_cast<std::size_t>(share * static_cast<double>(inner));
+    std::string bar(inner, ' ');
+    std::fill_n(bar.begin(), done, '=');
+    if (done < inner)
+    {
+        bar[done] = '>';
+    }
+    return "[" + bar + "]";
+}
+
+}  // namespace
+
+std::string ShortBytes(std::uint64_t bytes)
+{
+    if (bytes < 10000)
+    {
+        return std::to_string(bytes) + " bytes";
+    }
+    const std::array<const char*, 4> units = {"kB", "MB", "GB", "TB"};
+    double amount = static_cast<double>(bytes) / 1000.0;
+    std::size_t unit = 0;
+    // What would be shown as 1000 of a unit is 1 of the next.
+    while (amount >= 999.5 && unit + 1 < units.size())
+    {
+        amount /= 1000.0;
+        ++unit;
+    }
+    char text[32] = "";
+    (void)std::snprintf(text, sizeof text, amount < 99.95 ? "%.1f %s" : "%.0f %s", amount,
+                        units[unit]);
+    return text;
+}
+
+std::string ShortTime(std::chrono::seconds time)
+{
+    const auto seconds = time.count();
+    char text[48] = "";
+    if (seconds >= 3600)
+    {
+        (void)std::snprintf(
+            text, sizeof text, "%lld:%02lld:%02lld", static_cast<long long>(seconds / 3600),
+            static_cast<long long>(seconds / 60 % 60), static_cast<long long>(seconds % 60));
+    }
+    else
+    {
+        (void)std::snprintf(text, sizeof text, "%lld:%02lld", static_cast<long long>(seconds / 60),
+                            static_cast<long long>(seconds % 60));
+    }
+    return text;
+}
+
+std::string ProgressLine(const ProgressState& state, unsigned int width)
+{
+    if (!IsKnown(state.total))
+    {
+        const std::string amount = ShortBytes(state.bytes);
+        return (state.what + "  " + amount + Rate(state)).substr(0, width);
+    }
+    const std::string percent = Percent(state);
+    const std::string amount = "  " + ShortBytes(state.bytes) + " of " + ShortBytes(state.total);
+    // What stands behind the bar, from all to little.
+    const std::string rests[] = {percent + amount + Rate(state) + TimeLeft(state),
+                                 percent + Rate(state) + TimeLeft(state), percent + TimeLeft(state),
+                                 percent};
+    for (const std::string& rest : rests)
+    {
+        const std::size_t others = state.what.size() + 1 + 1 + rest.size();
+        if (others + SHORTEST_BAR <= width)
+        {
+            const std::size_t columns = std::min(width - others, LONGEST_BAR);
+            return state.what + " " + Bar(columns, Share(state)) + " " + rest;
+        }
+    }
+    return (state.what + " " + percent).substr(0, width);
+}
+
+std::string ProgressWords(const ProgressState& state)
+{
+    if (!IsKnown(state.total))
+    {
+        return state.what + ": " + ShortBytes(state.bytes) + Rate(state);
+    }
+    const std::string percent = std::to_string(static_cast<int>(Share(state) * 100.0)) + "%";
+    return state.what + ": " + ShortBytes(state.bytes) + " of " + ShortBytes(state.total) + " (" +
+           percent + ")" + Rate(state) + TimeLeft(state);
+}
+
+void ProgressDisplay::Show(const std::string& what, std::uint64_t bytes, std::uint64_t total,
+                           Clock::time_point now)
+{
+    if (what != m_state.what || bytes < m_state.bytes)
+    {
+        Erase();
+        m_state.what = what;
+        m_lineWritten = now;
+    }
+    Measure(bytes, now);
+    m_state.total = total;
+    if (m_terminal.Rewrites())
+    {
+        // In the last column some terminals begin the next line.
+        Draw(ProgressLine(m_state, m_terminal.Width() - 1));
+    }
+    else if (now - m_lineWritten >= LINE_INTERVAL)
+    {
+        m_lineWritten = now;
+        (void)std::fprintf(m_terminal.Stream(), "%s\n", ProgressWords(m_state).c_str());
+        (void)std::fflush(m_terminal.Stream());
+    }
+}
+
+// The rate of the last seconds: that of all the time would tell nothing of a network that changed.
+void ProgressDisplay::Measure(std::uint64_t bytes, Clock::time_point now)
+{
+    if (m_measured && now > *m_measured)
+    {
+        const double seconds = std::chrono::duration<double>(now - *m_measured).count();
+        const double rate = static_cast<double>(bytes - m_state.bytes) / seconds;
+        const double weight = m_state.rate > 0 ? std::exp(-seconds / RATE_MEMORY) : 0;
+        m_state.rate = weight * m_state.rate + (1 - weight) * rate;
+    }
+    m_measured = now;
+    m_state.bytes = bytes;
+}
+
+// A terminal that has become narrower has broken the line that stands there into several. The row
+// of the cursor is cleared alone first: what is cleared from the top left corner on, some terminals
+// keep among the lines that were scrolled away.
+void ProgressDisplay::Draw(const std::string& line)
+{
+    const std::size_t rows = m_drawn == 0 ? 0 : (m_drawn - 1) / m_terminal.Width();
+    if (rows != 0)
+    {
+        (void)std::fprintf(m_terminal.Stream(), "\033[%zuA", rows);
+    }
+    (void)std::fprintf(m_terminal.Stream(), "\r\033[K\033[J%s", line.c_str());
+    (void)std::fflush(m_terminal.Stream());
+    m_drawn = line.size();
+}
+
+void ProgressDisplay::Erase()
+{
+    if (m_drawn != 0)
+    {
+        Draw("");
+    }
+    m_state = ProgressState();
+    m_measured.reset();
+}
+
+}  // namespace corpdir_tool

@@ -1,0 +1,79 @@
+#include "ui/report.h"
+
+#include "travex_ftp.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+unsigned int Percent(std::uint64_t bytes, std::uint64_t total)
+{
+    if (bytes >= total)
+    {
+        return 100;
+    }
+    // The product of large numbers would not fit.
+    return static_cast<unsigned int>(static_cast<double>(bytes) * 100.0 /
+                                     static_cast<double>(total));
+}
+
+}  // namespace
+
+std::string Amount(std::uint64_t bytes, std::uint64_t total)
+{
+    if (total == TRAVEX_FTP_SIZE_UNKNOWN)
+    {
+        return std::to_string(bytes) + " bytes";
+    }
+    return std::to_string(bytes) + " of " + std::to_string(total) + " bytes (" +
+           std::to_string(Percent(bytes, total)) + "%)";
+}
+
+void PrintResult(const std::string& version, const std::string& path, std::uint64_t bytes,
+                 std::FILE* output)
+{
+    (void)std::fprintf(output, "version: %s\ndirectory: %s (%llu bytes)\n",
+                       Printable(version).c_str(), Printable(path).c_str(),
+                       static_cast<unsigned long long>(bytes));
+}
+
+void Report::Error(const std::string& message)
+{
+    Line(m_messages.Styled(Style::BAD, "corpdir:") + " " + Printable(message));
+}
+
+void Report::Hint(const std::string& text)
+{
+    if (!m_settings.quiet)
+    {
+        Line(m_messages.Styled(Style::FAINT, "hint:") + " " + text);
+    }
+}
+
+void Report::ServerFailed(const std::string& server, const std::string& reason,
+                          const std::string& next)
+{
+    Line(m_messages.Styled(Style::WARN, Printable(server) + ":") + " " + Printable(reason) +
+         (next.empty() ? "" : "; " + next));
+}
+
+void Report::Progress(const std::string& what, std::uint64_t bytes, std::uint64_t total)
+{
+    if (m_settings.progress && !m_settings.quiet)
+    {
+        m_progress.Show(what, bytes, total, ProgressDisplay::Clock::now());
+    }
+}
+
+// In place of the progress, which goes on below.
+void Report::Line(const std::string& text)
+{
+    m_progress.Erase();
+    (void)std::fprintf(m_messages.Stream(), "%s\n", text.c_str());
+    (void)std::fflush(m_messages.Stream());
+}
+
+}  // namespace corpdir_tool

@@ -1,0 +1,42 @@
+#include "ui/text.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include "base/printable.h"
+
+namespace corpdir_tool
+{
+
+bool IsControlByte(char byte)
+{
+    const auto value = static_cast<unsigned char>(byte);
+    return value < 0x20 || value == 0x7f;
+}
+
+std::string Printable(std::string_view text)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string printable;
+    while (!text.empty())
+    {
+        const std::size_t length = base::PrintableLength(text);
+        printable += text.substr(0, length);
+        if (length == 0)
+        {
+            const auto value = static_cast<unsigned char>(text.front());
+            printable += "\\x";
+            printable += digits[value >> 4];
+            printable += digits[value & 0x0f];
+        }
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return printable;
+}
+
+std::string SystemMessage(int error)
+{
+    return std::generic_category().message(error);
+}
+
+}  // namespace corpdir_tool

@@ -1,0 +1,155 @@
+#include "ui/watch_output.h"
+
+#include <ctime>
+
+#include "ui/json.h"
+#include "ui/text.h"
+
+namespace corpdir_tool
+{
+
+namespace
+{
+
+std::string TimeNow()
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm parts = {};
+    char text[32] = "";
+    (void)gmtime_r(&now, &parts);
+    (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text;
+}
+
+Json FieldsOf(const Server& server)
+{
+    return {{"server", OrNull(server.address)}, {"name", OrNull(server.name)}};
+}
+
+std::string Quoted(const std::string& text)
+{
+    return "'" + text + "'";
+}
+
+}  // namespace
+
+template <typename Fields>
+void WatchOutput::Write(bool always, const char* event, const std::string& sentence,
+                        const Fields& fields)
+{
+    if (m_quiet && !always)
+    {
+        return;
+    }
+    const std::string time = TimeNow();
+    if (!m_json)
+    {
+        WriteLine(time + " " + Printable(sentence));
+        return;
+    }
+    Json object = {{"time", time}, {"event", event}};
+    object.update(fields);
+    WriteLine(TextOf(object));
+}
+
+void WatchOutput::WriteLine(const std::string& line)
+{
+    (void)std::fprintf(m_output, "%s\n", line.c_str());
+    m_lost = m_lost || std::fflush(m_output) != 0 || std::ferror(m_output) != 0;
+}
+
+void WatchOutput::Checking(const Server& server)
+{
+    Write(false, "checking", "checking " + server.Label(), FieldsOf(server));
+}
+
+void WatchOutput::Unchanged(const Server& server, const std::string& version)
+{
+    Json fields = FieldsOf(server);
+    fields["version"] = version;
+    Write(false, "unchanged", "unchanged: version " + Quoted(version) + " at " + server.Label(),
+          fields);
+}
+
+void WatchOutput::NewVersion(const Server& server, const std::string& version)
+{
+    Json fields = FieldsOf(server);
+    fields["version"] = version;
+    Write(false, "new_version", "new version " + Quoted(version) + " at " + server.Label(), fields);
+}
+
+void WatchOutput::Downloaded(const Server& server, const std::string& version,
+                             const std::string& file, std::uint64_t bytes)
+{
+    Json fields = FieldsOf(server);
+    fields["version"] = version;
+    fields["file"] = file;
+    fields["bytes"] = bytes;
+    Write(false, "downloaded",
+          "downloaded " + file + ", version " + Quoted(version) + ", " + std::to_string(bytes) +
+              " bytes from " + server.Label(),
+          fields);
+}
+
+void WatchOutput::NextServer(const Server& server)
+{
+    Write(false, "next_server", "next server " + server.Label(), FieldsOf(server));
+}
+
+void WatchOutput::Stopped(const std::string& signal)
+{
+    Write(false, "stopped", "stopped by " + signal, Json({{"signal", signal}}));
+}
+
+void WatchOutput::Failed(const Server& server, const Trouble& trouble)
+{
+    Json fields = FieldsOf(server);
+    fields["remote_file"] = OrNull(trouble.file);
+    fields["code"] = trouble.code;
+    fields["step"] = trouble.step;
+    fields["reply"] = trouble.reply;
+    fields["reason"] = trouble.reason;
+    Write(true, "failed",
+          "failed: " + (trouble.file.empty() ? "" : trouble.file + " from ") + server.Label() +
+              ": " + trouble.reason,
+          fields);
+}
+
+void WatchOutput::NameFailed(const std::string& problem)
+{
+    Write(true, "name_failed", "failed: " + problem, Json({{"reason", problem}}));
+}
+
+void WatchOutput::NoServerLeft()
+{
+    Write(true, "no_server_left", "all servers failed", Json::object());
+}
+
+void WatchOutput::StartFailed(const std::string& reason)
+{
+    Write(true, "start_failed", "failed: " + reason, Json({{"reason", reason}}));
+}
+
+void WatchOutput::Waiting(std::chrono::seconds time, bool own)
+{
+    const std::string seconds = std::to_string(time.count()) + " s";
+    Write(true, "waiting",
+          own ? "asking again in " + seconds : "the next check is due within " + seconds,
+          Json({{"seconds", time.count()}, {"asks_again", own}}));
+}
+
+void WatchOutput::CommandEnded(int status)
+{
+    Write(status != 0, "command",
+          status == 0 ? "the command has ended"
+                      : "the command failed with status " + std::to_string(status),
+          Json({{"status", status}, {"reason", nullptr}}));
+}
+
+void WatchOutput::CommandFailed(const std::string& reason)
+{
+    Write(true, "command", "the command could not be started: " + reason,
+          Json({{"status", nullptr}, {"reason", reason}}));
+}
+
+}  // namespace corpdir_tool

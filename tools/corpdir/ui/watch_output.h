@@ -1,0 +1,70 @@
+// What `watch` says: a line for each event.
+#ifndef CORPDIR_TOOL_WATCH_OUTPUT_H
+#define CORPDIR_TOOL_WATCH_OUTPUT_H
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "cli/servers.h"
+#include "ui/hints.h"
+
+namespace corpdir_tool
+{
+
+// Writes each event with its time (UTC, RFC 3339) as a sentence or as a JSON object, at once. Not
+// thread-safe: belongs to the main thread. Does not own the stream.
+class WatchOutput
+{
+public:
+    WatchOutput(std::FILE* output, bool json, bool quiet)
+        : m_output(output), m_json(json), m_quiet(quiet)
+    {
+    }
+
+    void Checking(const Server& server);
+    void Unchanged(const Server& server, const std::string& version);
+    void NewVersion(const Server& server, const std::string& version);
+    void Downloaded(const Server& server, const std::string& version, const std::string& file,
+                    std::uint64_t bytes);
+    void NextServer(const Server& server);
+    void Stopped(const std::string& signal);
+
+    // The rest is what --quiet leaves.
+
+    void Failed(const Server& server, const Trouble& trouble);
+    void NameFailed(const std::string& problem);
+
+    void NoServerLeft();
+
+    // The service could not be started again.
+    void StartFailed(const std::string& reason);
+
+    // own: in this time the program asks again, else the service, at the latest.
+    void Waiting(std::chrono::seconds time, bool own);
+
+    // The command of --exec has ended: as a shell gives it. 0 is left out by --quiet.
+    void CommandEnded(int status);
+    void CommandFailed(const std::string& reason);
+
+    // A line could not be written: nobody learns of what happens.
+    bool Lost() const
+    {
+        return m_lost;
+    }
+
+private:
+    template <typename Fields>
+    void Write(bool always, const char* event, const std::string& sentence, const Fields& fields);
+    void WriteLine(const std::string& line);
+
+    std::FILE* m_output;
+    const bool m_json;
+    const bool m_quiet;
+    bool m_lost = false;
+};
+
+}  // namespace corpdir_tool
+
+#endif
