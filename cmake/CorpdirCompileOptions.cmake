@@ -1,4 +1,4 @@
-# Compiler options of everything that is ours: the interface target corpdir_options.
+# Compiler options of all our targets: the interface target corpdir_options.
 add_library(corpdir_options INTERFACE)
 target_compile_options(corpdir_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wnon-virtual-dtor -Werror
@@ -6,8 +6,7 @@ target_compile_options(corpdir_options INTERFACE
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 
-# In what is handed out, buffers that overflow end the program, and the linker can leave out functions
-# that nobody calls.
+# In releases a buffer overflow aborts the program, and the linker drops unused functions.
 if(NOT CORPDIR_SANITIZE)
   target_compile_options(corpdir_options INTERFACE
     $<$<CONFIG:Release>:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>
@@ -17,8 +16,7 @@ endif()
 if(CORPDIR_SANITIZE)
   add_compile_options(-fsanitize=${CORPDIR_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${CORPDIR_SANITIZE})
-  # With the sanitizers' code in it, gcc 12 takes the standard library's own std::regex for a use of
-  # uninitialized memory.
+  # With sanitizers, gcc 12 reports uninitialized memory in the standard library's own std::regex.
   target_compile_options(corpdir_options INTERFACE
     $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()

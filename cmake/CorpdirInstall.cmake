@@ -16,7 +16,7 @@ foreach(_set corpdirTargets corpdirStaticTargets)
   install(EXPORT ${_set} NAMESPACE corpdir:: DESTINATION ${_cmake_dir} COMPONENT development)
 endforeach()
 
-# An absolute folder (some distributions give one) has no way back to a prefix.
+# Some distributions configure absolute folders; the installed tree could not be moved then.
 if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
   message(FATAL_ERROR "CMAKE_INSTALL_LIBDIR and CMAKE_INSTALL_INCLUDEDIR must be relative to the prefix")
 endif()

@@ -13,7 +13,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# Not a symbols file: the interface is a class's table of functions, which grows without a symbol.
+# No symbols file: the interface is a class's virtual table, which can grow without a new symbol.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
 set(_debian ${PROJECT_SOURCE_DIR}/packaging/debian)
@@ -42,11 +42,11 @@ macro(corpdir_package component package section)
   endif()
 endmacro()
 
-# Lines as they stand in the packages.
+# Line breaks as in the packages.
 set(_about "corpdir keeps a corporate directory file on the device current: it
 fetches a small version file from an FTP or FTPS server, compares it with
-the version accepted last, and fetches the directory file when that changed.
-It moves on to the next server of a list when one fails.")
+the version accepted last, and fetches the directory file when it changed.
+When a server fails it uses the next one of a list.")
 set(_library libcorpdir${PROJECT_VERSION_MAJOR})
 
 corpdir_package(runtime ${_library} libs
@@ -63,21 +63,21 @@ packages."
            "SUGGESTS=libssl-dev")
 corpdir_package(tools corpdir-tools net
   SYNOPSIS "corporate directory download service - command-line program"
-  DESCRIPTION "${_about}" "This package contains the corpdir program, which does this once or stays
-and does it again and again, and checks servers beforehand."
+  DESCRIPTION "${_about}" "This package contains the corpdir program, which fetches the directory once
+or keeps it current, and checks servers."
   SETTINGS SHLIBDEPS=ON)
 corpdir_package(python python3-corpdir python
   SYNOPSIS "corporate directory download service - Python module"
   DESCRIPTION "${_about}" "This package contains the module for Python 3."
   SETTINGS ARCHITECTURE=all "DEPENDS=python3:any, ${_library} (>= ${PROJECT_VERSION})")
 
-# They compile the module, and take away what was compiled.
+# They compile the module and remove the compiled files.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
   "${_debian}/python/postinst;${_debian}/python/prerm")
 
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/CorpdirFinishPackages.cmake)
 set(CPACK_POST_BUILD_SCRIPTS ${CPACK_PRE_BUILD_SCRIPTS})
-# For that script: CPack knows the variables that begin with CPACK_, and no others.
+# For that script: CPack passes only variables that begin with CPACK_.
 set(CPACK_CORPDIR_SCRIPTS ${_debian})
 set(CPACK_VERBATIM_VARIABLES ON)
 include(CPack)
