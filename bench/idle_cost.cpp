@@ -1,8 +1,8 @@
 // Measures the cost of the service while it waits for the next check.
 //     idle_cost [--bare] [SECONDS]
 // Starts the service without a request and prints, as JSON, how often its worker woke in a second
-// and the CPU time that the process took, in hundredths of a core. --bare runs a loop of a lock, an
-// unlock and usleep(50) instead.
+// and the CPU time of the process in percent of a core. --bare runs a loop of a lock, an unlock and
+// usleep(50) instead.
 #include <pthread.h>
 #include <unistd.h>
 
@@ -21,7 +21,7 @@
 
 namespace
 {
-// How often the thread of this name has gone to sleep so far: once in each pass.
+// How often the thread of this name has slept so far.
 long long Sleeps(const char* thread)
 {
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
@@ -46,7 +46,7 @@ long long Sleeps(const char* thread)
     std::exit(1);
 }
 
-// The cost of the whole process, while the thread of this name polls.
+// Prints the cost of the whole process while the thread of this name polls.
 void Measure(const char* thread, double seconds)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));

@@ -1,8 +1,7 @@
-"""Runs programs in turn and keeps what each has taken."""
+"""Runs programs in turn and keeps the cost of each."""
 import hashlib
 import os
 import random
-import re
 import shutil
 import statistics
 import subprocess
@@ -43,19 +42,11 @@ def take(command, environment=ENVIRONMENT, expected=0):
 
 
 def peak_memory(command):
-    """MB. By a program of its own: a child of this one would be given its memory as a peak."""
+    """MB. Measured by time(1): a child of this process would start with its memory as a peak."""
     result = subprocess.run(["time", "-f", "%M", *strings(command)], check=True, env=ENVIRONMENT,
                             stdin=subprocess.DEVNULL, text=True, stdout=subprocess.DEVNULL,
                             stderr=subprocess.PIPE)
     return int(result.stderr.split()[-1]) / 1024
-
-
-def instructions(command):
-    """Millions, of all threads and without the kernel's, by callgrind."""
-    result = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
-                             *strings(command)], env=ENVIRONMENT, stdin=subprocess.DEVNULL,
-                            text=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=True)
-    return int(re.findall(r"Collected : (\d+)", result.stderr)[-1]) / 1e6
 
 
 def digest(path):
@@ -67,16 +58,16 @@ def digest(path):
 
 
 def empty(folder):
-    """An empty folder, and nothing left for the disk: a client that flushes its own files would pay for
-    what another one has left in memory."""
+    """Empties a folder and flushes everything to the disk: otherwise a client that flushes its own
+    files would also flush what another one has left in memory."""
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir()
     os.sync()
 
 
 def compete(contestants, job, served, rounds, peaks=True):
-    """All in turn, in each round in another order, so that none always finds what the same one has
-    left; the first round does not count, but its files are checked."""
+    """Runs all in turn, in each round in another order, so that none always follows the same one; the
+    first round does not count, but its files are checked."""
     order = random.Random(17)
     figures = {name: Figures() for name in contestants}
     wanted = {file: digest(served / file) for file in job.files}
