@@ -136,14 +136,14 @@ FETCH = "corpdir --config /etc/corpdir/corpdir.conf fetch"
 MISTAKES = {
     "The server is down, or the port is wrong": [Mistake(FETCH, "closed")],
     "The host name has a typing error": [Mistake(FETCH + " --servers ftp1.exmaple.invalid")],
-    "The list of servers is miswritten": [
+    "The list of servers is malformed": [
         Mistake(FETCH + " --servers ftp1.example.com:2121"),
         Mistake(FETCH + " --servers 'ftp1.example.com;;ftp2.example.com'")],
     "A firewall lets the connection through and nothing else": [Mistake(FETCH, "mute")],
     "The server has no TLS": [Mistake(FETCH, "plain")],
-    "The server demands TLS": [Mistake("corpdir --config /etc/corpdir/plain.conf fetch")],
-    "The server speaks implicit FTPS": [Mistake(FETCH, "implicit")],
-    "The authority is not the one that signed": [
+    "The server requires TLS": [Mistake("corpdir --config /etc/corpdir/plain.conf fetch")],
+    "The server uses implicit FTPS": [Mistake(FETCH, "implicit")],
+    "Another authority signed the certificate": [
         Mistake(FETCH + " --ca /etc/corpdir/other-ca.pem")],
     "The certificate is for another name": [Mistake(FETCH, "renamed")],
     "The certificate has expired": [Mistake(FETCH, "expired")],
@@ -154,13 +154,13 @@ MISTAKES = {
     "There is no password": [
         Mistake("corpdir --config /etc/corpdir/cron.conf fetch"),
         Mistake("CORPDIR_PASSWORD='' corpdir --config /etc/corpdir/cron.conf fetch")],
-    "The password file is not there": [Mistake(FETCH + " --password-file /etc/corpdir/pasword")],
-    "The version file is not there": [Mistake(FETCH + " --version-file /pub/version.txt")],
-    "The directory file is not there": [Mistake(FETCH + " --directory-file contacts.csv")],
+    "The password file does not exist": [Mistake(FETCH + " --password-file /etc/corpdir/pasword")],
+    "The version file does not exist": [Mistake(FETCH + " --version-file /pub/version.txt")],
+    "The directory file does not exist": [Mistake(FETCH + " --directory-file contacts.csv")],
     "The version is too short": [Mistake(FETCH + " --version-file short.txt")],
     "Both files have the same name": [
         Mistake(FETCH + " --version-file version/current --directory-file directory/current")],
-    "The output directory is not there": [Mistake(FETCH + " --output-dir /var/lib/directory/new")],
+    "The output directory does not exist": [Mistake(FETCH + " --output-dir /var/lib/directory/new")],
     "The file is larger than allowed": [Mistake(FETCH + " --max-size 100kb")],
     "An option is misspelt on the command line": [Mistake(FETCH + " --server ftp1.example.com")],
     "An option is misspelt in the settings file": [
