@@ -1,8 +1,7 @@
-// The least that a download over plain FTP can be: one login, one RETR, a loop of recv and write,
-// one flush.
+// A minimal download over plain FTP: one login, one RETR, a loop of recv and write, one flush. The
+// FTP layer's figures are compared with those of this program.
 //     bare_download PORT USER REMOTE LOCAL
-// Password in CORPDIR_PASSWORD. Checks no size and leaves what it has when it fails: the FTP
-// layer's figures are compared with it.
+// Password in CORPDIR_PASSWORD. Checks no size, and leaves an incomplete file after a failure.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -34,7 +33,7 @@ int Connect(unsigned int port)
     return made;
 }
 
-// One line of the control connection, which must begin with the code.
+// Reads one line of the control connection, which must begin with the code.
 std::string Expect(int control, const char* code)
 {
     std::string line;

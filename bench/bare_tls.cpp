@@ -1,8 +1,9 @@
-// The least that a download over explicit FTPS can be: one login, one RETR, a loop of SSL_read and
-// write, one flush; TLS 1.3, the data channel resumes the control channel's session.
+// A minimal download over explicit FTPS: one login, one RETR, a loop of SSL_read and write, one
+// flush; TLS 1.3, the data channel resumes the control channel's session. The FTP layer's figures
+// are compared with those of this program.
 //     bare_tls PORT USER REMOTE LOCAL CA_FILE
-// Password in CORPDIR_PASSWORD. Checks the chain but no size and no name, and leaves what it has
-// when it fails: the FTP layer's figures are compared with it.
+// Password in CORPDIR_PASSWORD. Checks the chain but no size and no name, and leaves an incomplete
+// file after a failure.
 #include <fcntl.h>
 #include <openssl/ssl.h>
 #include <unistd.h>
@@ -14,7 +15,7 @@
 
 namespace
 {
-constexpr int kBuffer = 524288;  // as bare_download's
+constexpr int kBuffer = 524288;  // that of bare_download
 
 void Require(bool holds, const std::string& what)
 {
@@ -41,7 +42,7 @@ SSL* Secure(SSL_CTX* context, BIO* socket, SSL_SESSION* session)
     return made;
 }
 
-// Sends a line, if it is not empty, and gives the reply, one line that begins with the code.
+// Sends a line, if it is not empty, and returns the reply, one line that begins with the code.
 std::string Ask(BIO* control, const std::string& line, const char* code)
 {
     Require(line.empty() || BIO_puts(control, (line + "\r\n").c_str()) > 0, "cannot send");

@@ -20,14 +20,14 @@ def run(*command, **options):
 
 
 def fill(path, size):
-    """A file that cannot be compressed."""
+    """Writes a file that cannot be compressed."""
     with open(path, "wb") as file:
         for begin in range(0, size, 1 << 20):
             file.write(os.urandom(min(1 << 20, size - begin)))
 
 
 def make_certificates(folder):
-    """A certification authority (ca.pem) and a server of 127.0.0.1 (server.pem, server.key)."""
+    """Creates a certification authority (ca.pem) and a certificate for 127.0.0.1 (server.pem, server.key)."""
     quiet = {"stderr": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "cwd": folder}
     (folder / "extensions").write_text("subjectAltName=IP:127.0.0.1\n")
     run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=Bench",
@@ -39,7 +39,7 @@ def make_certificates(folder):
 
 
 def prepare(work):
-    """Files of every server below: a version file and a directory file of 64 KB."""
+    """Creates the files of all servers: a version file and a directory file of 64 KB."""
     for folder in ("empty", "served"):
         (work / folder).mkdir()
     (work / "passwords").write_text(PASSWORD + "\n")
@@ -63,7 +63,7 @@ def await_greeting(address, port):
 
 
 def configure(work, tls, address, port, **more):
-    """A configuration of vsftpd, which demands that data channels resume the session; gives its path."""
+    """Writes a configuration of vsftpd, with session resumption required on data channels; returns its path."""
     lines = {
         "background": "NO", "run_as_launching_user": "YES", "isolate": "NO", "isolate_network": "NO",
         "seccomp_sandbox": "NO", "secure_chroot_dir": work / "empty", "listen": "YES",
@@ -88,7 +88,7 @@ def configure(work, tls, address, port, **more):
 
 @contextlib.contextmanager
 def server(work, tls, address="127.0.0.1", **more):
-    """vsftpd; gives its port."""
+    """Runs vsftpd; yields its port."""
     port = free_port(address)
     configuration = configure(work, tls, address, port, **more)
     process = subprocess.Popen([VSFTPD, configuration], stdout=subprocess.DEVNULL)
@@ -102,9 +102,9 @@ def server(work, tls, address="127.0.0.1", **more):
 
 @contextlib.contextmanager
 def distant_server(work, tls, milliseconds, megabits=0):
-    """A server behind a proxy on 127.0.0.1 that holds every byte for so long each way, and lets
-    through so many bits a second towards the client (0: all). Gives (port, counts), where counts()
-    is what a client has cost since the last call: connections, and round trips on them."""
+    """Runs a server behind a proxy on 127.0.0.1 that delays every byte each way and limits the
+    bandwidth towards the client (0: no limit). Yields (port, counts), where counts() returns the
+    connections since its last call, and the round trips on them."""
     # Its ports are the same as the proxy's, and below those that the system gives out.
     behind, first, last = "127.0.0.2", 20200, 20215
     with server(work, tls, address=behind, pasv_min_port=first, pasv_max_port=last,
@@ -127,7 +127,7 @@ def distant_server(work, tls, milliseconds, megabits=0):
 
 @contextlib.contextmanager
 def silent_address(address, port):
-    """An address whose port never answers: its queue of connections is full."""
+    """Makes an address whose port never answers: its queue of connections is full."""
     with contextlib.ExitStack() as stack:
         listener = stack.enter_context(socket.socket())
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)

@@ -1,4 +1,4 @@
-"""The programs that are compared: the command with which each fetches files of a server on 127.0.0.1."""
+"""The programs that are compared: the command of each to fetch files from a server on 127.0.0.1."""
 import pathlib
 import typing
 
@@ -8,7 +8,7 @@ OURS = ROOT / "build/release/tools/corpdir/corpdir"
 BARE = ROOT / "build/bench/bench/bare_download"
 BARE_TLS = ROOT / "build/bench/bench/bare_tls"
 PLAIN, TLS12, TLS13 = "plain FTP", "FTPS, TLS 1.2, default suites", "FTPS, TLS 1.3"
-# What the service offers by itself, in the peers' words.
+# The service's default suites, by the peers' names.
 DEFAULT_SUITES = "AES256-SHA:AES128-SHA256:AES256-SHA256"
 
 
@@ -22,7 +22,7 @@ class Job(typing.NamedTuple):
 
 
 def ours(job, servers="127.0.0.1", more=()):
-    """The version file is always fetched first: the program knows no other work."""
+    """The program always fetches the version file first."""
     command = [OURS, "fetch", "--servers", servers, "--port", job.port, "--user", "ftp", "--quiet",
                "--version-file", VERSION, "--directory-file", job.files[-1],
                "--output-dir", job.output, *more]
@@ -67,14 +67,14 @@ def aria2(job):
 
 
 def bare(job):
-    """No peer: the least that the directory file alone can take, its flush included."""
+    """Not a peer: the minimum for the directory file alone, with its flush."""
     command = [BARE if job.kind == PLAIN else BARE_TLS, job.port, "ftp", job.files[-1],
                job.output / job.files[-1]]
     return command + ([] if job.kind == PLAIN else [job.authorities])
 
 
 def flushed(peer):
-    """Followed by a flush of its files to the disk, as ours flushes them."""
+    """The peer, followed by a flush of its files to the disk, which ours always does."""
     return lambda job: ["sh", "-c", '"$@" && sync %s' % " ".join(str(job.output / name)
                                                                for name in job.files),
                         "sh", *peer(job)]
@@ -87,7 +87,8 @@ SYNC = " + sync"
 
 
 def contestants(kind, with_flush=True):
-    """By name, ours first. wget and aria2 of Debian 12 know no FTPS. The best of them flush, too."""
+    """By name, ours first. wget and aria2 of Debian 12 have no FTPS. The best peers also run with a
+    flush."""
     peers = PLAIN_PEERS if kind == PLAIN else TLS_PEERS
     flushing = ("lftp", "wget") if kind == PLAIN else ("lftp",)
     return {OUR_NAME: ours, **peers,

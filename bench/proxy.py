@@ -2,11 +2,11 @@
 
     proxy.py SERVER_ADDRESS CONTROL_PORT FIRST_DATA_PORT LAST_DATA_PORT MILLISECONDS MEGABITS
 
-Listens on 127.0.0.1 on the server's own ports, so that it understands nothing of what it passes on,
-encrypted or not. Every byte is held for MILLISECONDS each way; what a connection's three-way handshake
-would take comes on top. MEGABITS (0: no limit) is the pace towards the client. For each line on
-standard input it prints how many connections there were since the last one, and how often the server's
-bytes followed the client's on one of them: the round trips, those of the TCP handshakes not counted.
+Listens on 127.0.0.1 on the server's own ports, so that it need not parse the data, encrypted or not.
+Delays every byte by MILLISECONDS each way, and a connection by the time of a three-way handshake.
+MEGABITS (0: no limit) is the bandwidth towards the client. For each line on standard input it prints
+the number of connections since the last one, and how often the server's bytes followed the client's on
+one of them: the round trips, without those of the TCP handshakes.
 """
 import asyncio
 import sys
@@ -16,11 +16,11 @@ class Distance:
     def __init__(self, address, seconds, bits):
         self.address, self.seconds, self.bits = address, seconds, bits
         self.connections = self.turns = 0
-        self.free_at = 0.0  # when the line towards the client has sent what it was given
+        self.free_at = 0.0  # when the line towards the client has sent its data
 
     async def pump(self, reader, writer, begin, from_client, asked):
-        """Reads on while what was read is on its way. `asked`: a list that holds something while the
-        client's bytes were the last ones on the connection."""
+        """Forwards one direction, and reads on while earlier data is delayed. `asked`: not empty while
+        the client's bytes were the last ones on the connection."""
         loop = asyncio.get_running_loop()
         queue = asyncio.Queue()
 
@@ -46,7 +46,7 @@ class Distance:
             sent = max(loop.time(), begin)
             if self.bits and not from_client:
                 sent = self.free_at = max(sent, self.free_at) + len(data) * 8 / self.bits
-                # What is on its way is bounded, as a line's is.
+                # The data on its way is bounded, as on a real line.
                 await asyncio.sleep(sent - loop.time())
             await queue.put((sent + self.seconds, data))
         try:

@@ -1,9 +1,8 @@
-// One fetch of version file and directory file within a process that runs already, as an
-// application that links the library has it; beside it what an application would write on libcurl's
-// easy handle.
+// Fetches version file and directory file in a running process, like an application that links the
+// library; beside it the same on libcurl's easy handle.
 //     resident PORT USER DIRECTORY_FILE OUTPUT_DIR ROUNDS [CA_FILE]
-// In turn, each from nothing: service or handle are made, a connection is opened, both files are
-// fetched, all is closed. Password in CORPDIR_PASSWORD. Prints JSON: seconds of each round.
+// The two take turns. Each round creates the service or handle, connects, fetches both files and
+// closes everything. Password in CORPDIR_PASSWORD. Prints JSON: seconds of each round.
 #include <curl/curl.h>
 #include <unistd.h>
 
@@ -105,7 +104,7 @@ bool FetchOneByCurl(CURL* easy, const Work& work, const std::string& name, bool 
     return std::fclose(file) == 0 && written && result == CURLE_OK;
 }
 
-// Both files over one connection; with TLS with a share, without which sessions are not resumed.
+// Fetches both files over one connection. TLS sessions are resumed only with a share.
 bool FetchByCurl(const Work& work, bool flush)
 {
     CURL* const easy = curl_easy_init();

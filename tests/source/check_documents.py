@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Checks that what the documents name is there.
+"""Checks that names in the documents exist.
 
 - A relative link leads to a file, and its fragment to a heading.
 - A back-quoted path or file name of the tree exists.
 - A back-quoted test (Suite.Name, .Name of the suite before it, SomethingTest, a name of CTest) exists;
-  so does what stands in the table "Where to change what" under "tested by".
+  so do the names in tables in a column "tested by".
 - Each scripts/NAME exists and can be run.
 - Each variable CORPDIR_... is read somewhere, unless it is a name of a header or of the build.
 
@@ -41,7 +41,7 @@ class Document:
     def __init__(self, path, name):
         self.path, self.name = path, name
         self.whole = path.read_text(encoding="utf-8")
-        # Nothing is quoted or linked within a block of code.
+        # Blocks of code have no quotes and links.
         self.text = self.without_code(self.whole)
         self.fragments = self.headings()
 
@@ -69,7 +69,7 @@ class Document:
                 yield " ".join(found.group(1).split())
 
     def tested_by(self):
-        """What stands in the last column of a table whose last heading is "tested by"."""
+        """The names in the last column of tables whose last heading is "tested by"."""
         table = False
         for line in self.text.split("\n"):
             cells = [cell.strip() for cell in line.strip().strip("|").split("|")]
@@ -114,7 +114,7 @@ class Tree:
         return set(re.findall(r"\b(?:TYPED_)?TEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\s*\)", self.code))
 
     def ctest_names(self):
-        """The tests with a name of their own, each value of a foreach that the name is made of."""
+        """The tests that are named by add_test, with each value of a foreach in the name."""
         found = set()
         for name in (f for f in self.files if f.endswith("CMakeLists.txt")):
             text = self.text(name)
@@ -131,7 +131,7 @@ class Tree:
     def variables(self):
         """Every CORPDIR_ variable that is read from the environment, or put into a command's."""
         code, name = self.code, r"CORPDIR_[A-Z0-9_]+"
-        # Functions that hand their first parameter on, and those that hand it on to them.
+        # Functions that pass their first parameter to getenv, directly or through one of these.
         readers = {"getenv", "secure_getenv"}
         for _ in range(2):
             readers |= {function for function, parameter, asked in
@@ -142,7 +142,7 @@ class Tree:
         constants = re.findall(r"(\w+)(?:\[\])?\s*=\s*\"(%s)\"" % name, code)
         found |= {value for constant, value in constants
                   if re.search(r"getenv\(%s\)" % constant, code)}
-        # Those that the program gives to a command.
+        # Variables that the program sets for a command.
         found |= set(re.findall(r"\{\"(%s)\", " % name, code))
         found |= set(re.findall(r"environ(?:\.get\(|\.pop\(|\[)\s*\"(%s)\"" % name, code))
         return found | set(re.findall(r"\$\{?(%s)\b" % name, self.scripts))
@@ -159,7 +159,7 @@ class Tree:
         return True
 
     def is_target(self, path):
-        """A program by the folder and the name that it is built with."""
+        """A program, by its folder and target name."""
         folder, _, name = path.rpartition("/")
         return folder in self.folders and name in self.targets
 
@@ -172,12 +172,12 @@ class Tree:
         return any(s == suite and fnmatch.fnmatchcase(c, case) for s, c in self.cases)
 
     def has_test(self, name):
-        """In the words of the table: a file of tests without its ending, a test of CTest, or a path."""
+        """A file of tests without its ending, or a test of CTest."""
         return (any(re.fullmatch(r"(system_)?%s_test\.(cpp|c|py)" % re.escape(name), n) for n in self.names)
                 or any(fnmatch.fnmatchcase(c, name) for c in self.ctests))
 
     def knows_word(self, word):
-        """An identifier of the code or of the build, which is no variable of the environment."""
+        """An identifier of the code or of the build, not a variable of the environment."""
         quoted = r"(?<![\w\"$])%s\b(?!\")" % re.escape(word)
         return (re.search(r"\b(?:option\(|set\(|-D)\s*%s\b" % re.escape(word), self.cmake) is not None
                 or re.search(r"^ *(?:#define )?" + quoted + r"(?: =|,|$| )", self.code, re.M) is not None
