@@ -159,17 +159,15 @@ void RunBlock(unsigned int port, size_t count)
     service->CorpDirUninit();
 }
 
-double Percentile(std::vector<double>& values, size_t percent)
+void Print(const char* cause, size_t percent, std::vector<double>* both)
 {
-    std::sort(values.begin(), values.end());
-    return values[(values.size() - 1) * percent / 100];
-}
-
-void Print(const char* cause, size_t percent, std::vector<double>& ours, std::vector<double>& sharp)
-{
-    const double left = Percentile(ours, percent);
-    const double right = Percentile(sharp, percent);
-    std::printf("%-12s %10zu %12.1f %12.1f %8.2f\n", cause, percent, left, right, left / right);
+    double at[2];
+    for (const int worker : {0, 1})
+    {
+        std::sort(both[worker].begin(), both[worker].end());
+        at[worker] = both[worker][(both[worker].size() - 1) * percent / 100];
+    }
+    std::printf("%-12s %10zu %12.1f %12.1f %8.2f\n", cause, percent, at[0], at[1], at[0] / at[1]);
 }
 
 }  // namespace
@@ -225,18 +223,23 @@ extern "C"
 int main(int count, char** arguments)
 {
     const size_t samples = count > 1 ? std::strtoul(arguments[1], nullptr, 10) : 10000;
+    if (count > 2 || samples == 0)
+    {
+        std::fputs("usage: latency [SAMPLES]\n", stderr);
+        return 2;
+    }
     g_LogMode = 1;
     const unsigned int port = StartServer();
-    std::vector<double> all[2][kNone];  // the service's, the sharp worker's
-    while (all[1][kTimer].size() < samples)
+    std::vector<double> all[kNone][2];  // the service's, the sharp worker's
+    while (all[kTimer][1].size() < samples)
     {
-        for (const bool isSharp : {false, true})
+        for (const int worker : {0, 1})
         {
-            g_isSharp = isSharp;
+            g_isSharp = worker == 1;
             RunBlock(port, std::min(samples, kBlock));
             for (int cause = 0; cause != kNone; ++cause)
             {
-                std::vector<double>& into = all[isSharp ? 1 : 0][cause];
+                std::vector<double>& into = all[cause][worker];
                 into.insert(into.end(), g_samples[cause].begin(), g_samples[cause].end());
                 g_samples[cause].clear();
             }
@@ -246,8 +249,8 @@ int main(int count, char** arguments)
                 "ratio");
     for (const size_t percent : {size_t{50}, size_t{99}})
     {
-        Print("timer", percent, all[0][kTimer], all[1][kTimer]);
-        Print("notification", percent, all[0][kNotification], all[1][kNotification]);
+        Print("timer", percent, all[kTimer]);
+        Print("notification", percent, all[kNotification]);
     }
     return 0;
 }

@@ -217,7 +217,7 @@ CORPDIR_API void corpdir_close(corpdir_client* client);
  * way, none of its events is delivered, and no earlier request continues, unless the code is that
  * of a member, CORPDIR_ERR_ARGUMENT or CORPDIR_ERR_CLIENT. corpdir_start_reason gives the reason.
  *
- * Names of servers are looked up within the call, side by side, 10 s at most. One that has no
+ * Names of servers are looked up within the call, in parallel, 10 s at most. One that has no
  * address is left out, with an event CORPDIR_EVENT_FAILED. The others are looked up again at each
  * later check.
  *
