@@ -3,14 +3,16 @@
 // TRAVEX_FTP_AsynDownloadFile. Compares it with the same service whose worker polls sharply, by
 // usleep(50) with a timer slack of 1 ns in place of the OS layer's sleep; the two take turns.
 //     latency [SAMPLES]
-// Service and layers are the real ones, with a timer of 10 ms. Both servers of the list accept a
-// connection and close it 0.2 to 3.2 ms later, so that a change of the server follows each check.
+// Service and layers are the real ones. Both servers of the list accept a connection and close it
+// 0.2 to 3.2 ms later: each check starts one download from the timer's callback and one from the
+// first server's notification. 5 ms after the second server's the timer fires again.
 #include <arpa/inet.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -25,6 +27,19 @@
 #include "osak.h"
 #include "travex_ftp.h"
 
+// The layers' functions; the linker leads the service's calls to those named __wrap.
+extern "C"
+{
+    int __real_OSAK_PollSleep(unsigned int microseconds);
+    OSAK_TIMER __real_OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned int mode,
+                                           unsigned int line, const char* file);
+    unsigned int __real_OSAK_StartRelTimer(OSAK_TIMER timer, unsigned int ms, void* param);
+    unsigned int __real_TRAVEX_FTP_AsynDownloadFile(TRAVEX_FTP_HANDLE handle, unsigned int* taskId,
+                                                    const char* serverFile, const char* dir,
+                                                    const char* localFile,
+                                                    TRAVEX_FTP_NOTIFY_CB callback);
+}
+
 namespace
 {
 using Clock = std::chrono::steady_clock;
@@ -36,8 +51,10 @@ enum Cause
     kNone
 };
 
-constexpr unsigned int kPeriodMs = 10;
-constexpr size_t kBlock = 500;  // samples until the other worker's turn
+constexpr unsigned int kOnce = 1;       // mode of a timer that does not repeat
+constexpr unsigned int kFirstMs = 100;  // the first timer, after the request's own check
+constexpr unsigned int kPauseMs = 5;    // longer than the sleep's brief phase after a change
+constexpr size_t kBlock = 500;          // samples until the other worker's turn
 
 std::mutex g_guard;
 std::condition_variable g_sampled;
@@ -48,6 +65,8 @@ std::vector<double> g_samples[kNone];  // µs, of the block
 bool g_isSharp = false;
 OSAK_TIMER_PROC g_onTimer = nullptr;
 TRAVEX_FTP_NOTIFY_CB g_onNotification = nullptr;
+std::atomic<OSAK_TIMER> g_timer{nullptr};
+bool g_hasChanged = false;  // the check is at its second server
 
 // A callback begins, which may queue a download.
 void Expect(Cause cause)
@@ -85,9 +104,14 @@ void OnTimer(void* param)
 
 void OnNotification(void* user, tagTRAVEX_FTP_S_NOTIFY_DATA* data)
 {
-    Expect(kNotification);
+    g_hasChanged = !g_hasChanged;
+    Expect(g_hasChanged ? kNotification : kNone);
     g_onNotification(user, data);
     Happened(g_ended);
+    if (!g_hasChanged && g_timer != nullptr)
+    {
+        (void)__real_OSAK_StartRelTimer(g_timer, kPauseMs, nullptr);
+    }
 }
 
 // Accepts on any address of loopback, waits, and closes.
@@ -141,6 +165,7 @@ void RunBlock(unsigned int port, size_t count)
                                         0};
     const auto ignore = [](unsigned int, unsigned int, const char*, void*) {};
     Expect(kNone);  // the request's first download is not the worker's
+    g_hasChanged = false;
     IFtpCorpDir* const service = GetCorpDirInstance();
     if (service->CorpDirInit(nullptr) != 0 ||
         service->CorpDirDownloadNetaddr(&request, ignore) != 0)
@@ -172,19 +197,8 @@ void Print(const char* cause, size_t percent, std::vector<double>* both)
 
 }  // namespace
 
-// --- In place of the layers' functions: the linker leads the service's calls here.
-
 extern "C"
 {
-    int __real_OSAK_PollSleep(unsigned int microseconds);
-    OSAK_TIMER __real_OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned int mode,
-                                           unsigned int line, const char* file);
-    unsigned int __real_OSAK_StartRelTimer(OSAK_TIMER timer, unsigned int ms, void* param);
-    unsigned int __real_TRAVEX_FTP_AsynDownloadFile(TRAVEX_FTP_HANDLE handle, unsigned int* taskId,
-                                                    const char* serverFile, const char* dir,
-                                                    const char* localFile,
-                                                    TRAVEX_FTP_NOTIFY_CB callback);
-
     int __wrap_OSAK_PollSleep(unsigned int microseconds)
     {
         if (!g_isSharp)
@@ -196,16 +210,17 @@ extern "C"
         return usleep(microseconds);
     }
 
-    OSAK_TIMER __wrap_OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned int mode,
+    OSAK_TIMER __wrap_OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned int /*mode*/,
                                            unsigned int line, const char* file)
     {
         g_onTimer = callback;
-        return __real_OSAK_CreateRelTimerM(OnTimer, mode, line, file);
+        return __real_OSAK_CreateRelTimerM(OnTimer, kOnce, line, file);
     }
 
     unsigned int __wrap_OSAK_StartRelTimer(OSAK_TIMER timer, unsigned int /*ms*/, void* param)
     {
-        return __real_OSAK_StartRelTimer(timer, kPeriodMs, param);
+        g_timer = timer;
+        return __real_OSAK_StartRelTimer(timer, kFirstMs, param);
     }
 
     unsigned int __wrap_TRAVEX_FTP_AsynDownloadFile(TRAVEX_FTP_HANDLE handle, unsigned int* taskId,
