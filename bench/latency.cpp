@@ -51,14 +51,15 @@ enum Cause
     kNone
 };
 
-constexpr unsigned int kOnce = 1;       // mode of a timer that does not repeat
-constexpr unsigned int kFirstMs = 100;  // the first timer, after the request's own check
-constexpr unsigned int kPauseMs = 5;    // longer than the sleep's brief phase after a change
-constexpr size_t kBlock = 500;          // samples until the other worker's turn
+constexpr unsigned int kOnce = 1;        // mode of a timer that does not repeat
+constexpr unsigned int kFirstMs = 2500;  // the first timer, after the request's own check
+constexpr unsigned int kPauseMs = 5;     // longer than the sleep's brief phase after a change
+constexpr size_t kBlock = 500;           // samples until the other worker's turn
 
 std::mutex g_guard;
 std::condition_variable g_sampled;
-Cause g_cause = kNone;  // of the next download
+std::atomic<Cause> g_cause{kNone};    // of the next download
+std::atomic<bool> g_isSecond{false};  // the latest download is from the second server
 Clock::time_point g_ended, g_started;
 std::vector<double> g_samples[kNone];  // µs, of the block
 
@@ -66,7 +67,6 @@ bool g_isSharp = false;
 OSAK_TIMER_PROC g_onTimer = nullptr;
 TRAVEX_FTP_NOTIFY_CB g_onNotification = nullptr;
 std::atomic<OSAK_TIMER> g_timer{nullptr};
-bool g_hasChanged = false;  // the check is at its second server
 
 // A callback begins, which may queue a download.
 void Expect(Cause cause)
@@ -104,11 +104,11 @@ void OnTimer(void* param)
 
 void OnNotification(void* user, tagTRAVEX_FTP_S_NOTIFY_DATA* data)
 {
-    g_hasChanged = !g_hasChanged;
-    Expect(g_hasChanged ? kNotification : kNone);
+    const bool isLast = g_isSecond;
+    Expect(isLast ? kNone : kNotification);
     g_onNotification(user, data);
     Happened(g_ended);
-    if (!g_hasChanged && g_timer != nullptr)
+    if (isLast && g_timer != nullptr)
     {
         (void)__real_OSAK_StartRelTimer(g_timer, kPauseMs, nullptr);
     }
@@ -165,7 +165,6 @@ void RunBlock(unsigned int port, size_t count)
                                         0};
     const auto ignore = [](unsigned int, unsigned int, const char*, void*) {};
     Expect(kNone);  // the request's first download is not the worker's
-    g_hasChanged = false;
     IFtpCorpDir* const service = GetCorpDirInstance();
     if (service->CorpDirInit(nullptr) != 0 ||
         service->CorpDirDownloadNetaddr(&request, ignore) != 0)
@@ -228,6 +227,7 @@ extern "C"
                                                     const char* localFile,
                                                     TRAVEX_FTP_NOTIFY_CB callback)
     {
+        g_isSecond = g_cause == kNotification;
         Happened(g_started);
         g_onNotification = callback;
         return __real_TRAVEX_FTP_AsynDownloadFile(handle, taskId, serverFile, dir, localFile,
