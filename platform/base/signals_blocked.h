@@ -8,8 +8,8 @@
 
 namespace base
 {
-// Blocks all signals but those of faults on the calling thread, and those it makes inherit that.
-// SIGPIPE must not end the process: OpenSSL writes to sockets without MSG_NOSIGNAL.
+// Blocks all signals except those of faults on the calling thread; threads that it makes inherit
+// the mask. SIGPIPE and SIGXFSZ are among the blocked: both become errors of the write.
 class SignalsBlocked
 {
 public:
@@ -17,7 +17,7 @@ public:
     {
         sigset_t blocked;
         (void)sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP})
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS})
         {
             (void)sigdelset(&blocked, fault);
         }

@@ -13,9 +13,10 @@ import sys
 
 PLATFORM_HEADERS = {"travex_ftp.h", "osak.h", "zep.h", "corpdir_log.h"}
 CLIENT_HEADERS = {"ftpcorpdir.h", "corpdir_loginfo.h"}
-SIGNALS = {"base/signals_blocked.h"}
 TEXT = {"base/printable.h"}
-BASE = {"base/changes.h", "base/mutex.h", "base/never_destroyed.h", "base/resolved_names.h"} | SIGNALS | TEXT
+BASE = {"base/" + name + ".h" for name in (
+    "changes", "descriptor", "gate", "handle", "linked_queue", "mutex", "never_destroyed", "process_end",
+    "resolved_names", "signals_blocked", "thread")} | TEXT
 SHARED = {"server_names.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
@@ -25,13 +26,13 @@ ALLOWED = {
     "platform/base": BASE,
     "platform/corpdir_log": {"corpdir_log.h", "corpdir_loginfo.h"} | BASE,
     "platform/osak": {"osak.h", "corpdir_log.h"} | BASE,
-    "platform/zep": {"zep.h"},
+    "platform/zep": {"zep.h"} | BASE,
     "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | BASE,
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
-    "client": {"osak.h", "travex_ftp.h"} | SIGNALS,
+    "client": {"osak.h", "travex_ftp.h"} | BASE,
     "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | TEXT,
-    "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | SIGNALS,
+    "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | BASE,
     "examples": {"ftpcorpdir.h", "corpdir_c.h"},
 }
 
