@@ -1,4 +1,4 @@
-// Addresses: the system's functions with null taken care of.
+// Addresses: the system's functions, with null accepted.
 #include "base/resolved_names.h"
 #include "osak.h"
 

@@ -1,12 +1,11 @@
 // Recursive mutexes that are named by an address and live apart from it: a registry under one lock.
-#include "mutex.h"
-
 #include "base/mutex.h"
 #include "base/never_destroyed.h"
 #include "osak.h"
 #include "process.h"
 #include "thread.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -16,12 +15,21 @@ namespace osak
 {
 namespace
 {
+// A number of the calling thread that no other thread of the process has had, never 0. 64 bits: a
+// process can outlive 2^32 threads.
+std::uint64_t CallerNumber()
+{
+    static std::atomic<std::uint64_t> s_last{0};
+    thread_local const std::uint64_t t_number = ++s_last;
+    return t_number;
+}
+
 struct Mutex
 {
     std::uint64_t owner = 0;  // number of the holding thread; 0: it is free
     unsigned int depth = 0;   // locks of the holder
     unsigned int ending = 0;  // threads that wait to destroy it: lockers stand back
-    bool destroyed = false;   // those who wait for it may still have it
+    bool destroyed = false;   // threads that wait for it may still have it
 };
 
 // Thread-safe: everything is under the guard, the mutexes included.
@@ -31,7 +39,7 @@ struct Registry
     base::CondVar changed;  // a mutex was released or destroyed, or the process exits
     std::map<const OSAK_MUTEX*, std::shared_ptr<Mutex>> mutexes CORPDIR_GUARDED_BY(guard);
 
-    // Null: the storage names none.
+    // Null: the storage names no mutex.
     std::shared_ptr<Mutex> Find(const OSAK_MUTEX* storage) CORPDIR_REQUIRES(guard)
     {
         const auto found = mutexes.find(storage);
@@ -45,21 +53,15 @@ Registry& TheRegistry()
     return s_registry.Get();
 }
 
-// True when the holder was held for good while the process exits.
-bool IsHolderParked(const Mutex& mutex)
-{
-    return CurrentPhase() == Phase::kExiting && IsParked(mutex.owner);
-}
-
-// Waits until the mutex is free for a locker, or will not be.
+// Waits until a locker may have the mutex. While the process exits, at most for a moment: static
+// destructors are not to hang on a thread that does not come back.
 unsigned int AwaitFree(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(registry.guard)
 {
-    // Static destructors are not to hang on a thread that will not come back.
-    const bool bounded = CurrentPhase() == Phase::kExiting;
-    const base::Clock::time_point deadline = base::Clock::now() + kLongestWait;
+    const bool bounded = IsExiting();
+    const base::Clock::time_point deadline = base::Clock::now() + base::ProcessEnd::kPatience;
     while (mutex.owner != 0 || mutex.ending != 0)
     {
-        if (MustPark())
+        if (MustHold())
         {
             return OSAK_ERR_SYSTEM;
         }
@@ -67,7 +69,7 @@ unsigned int AwaitFree(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(
         {
             registry.changed.Wait(registry.guard);
         }
-        else if (IsHolderParked(mutex) || !registry.changed.WaitUntil(registry.guard, deadline))
+        else if (!registry.changed.WaitUntil(registry.guard, deadline))
         {
             return OSAK_ERR_BUSY;
         }
@@ -88,14 +90,14 @@ unsigned int Lock(const OSAK_MUTEX* storage)
     {
         return OSAK_ERR_NO_MUTEX;
     }
-    if (mutex->owner != CurrentThreadNumber())
+    if (mutex->owner != CallerNumber())
     {
         const unsigned int code = AwaitFree(registry, *mutex);
         if (code != OSAK_OK)
         {
             return code;
         }
-        mutex->owner = CurrentThreadNumber();
+        mutex->owner = CallerNumber();
     }
     ++mutex->depth;
     return OSAK_OK;
@@ -110,7 +112,7 @@ unsigned int Unlock(const OSAK_MUTEX* storage)
     {
         return OSAK_ERR_NO_MUTEX;
     }
-    if (mutex->owner != CurrentThreadNumber())
+    if (mutex->owner != CallerNumber())
     {
         return OSAK_ERR_OWNER;
     }
@@ -122,13 +124,13 @@ unsigned int Unlock(const OSAK_MUTEX* storage)
     return OSAK_OK;
 }
 
-// Waits until nobody holds the mutex; a holder that was held for good counts as none. One more look
-// follows the deadline: an unlock that comes with it still counts.
+// Waits until no thread holds the mutex. After the deadline it looks once more: an unlock that
+// comes with the deadline counts.
 unsigned int AwaitUnheld(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(registry.guard)
 {
-    const base::Clock::time_point deadline = base::Clock::now() + kLongestWait;
+    const base::Clock::time_point deadline = base::Clock::now() + base::ProcessEnd::kPatience;
     bool inTime = true;
-    while (!mutex.destroyed && mutex.owner != 0 && !IsHolderParked(mutex))
+    while (!mutex.destroyed && mutex.owner != 0)
     {
         if (!inTime)
         {
@@ -148,7 +150,7 @@ unsigned int Destroy(const OSAK_MUTEX* storage)
     {
         return OSAK_ERR_NO_MUTEX;
     }
-    if (mutex->owner == CurrentThreadNumber())
+    if (mutex->owner == CallerNumber())
     {
         return OSAK_ERR_OWNER;
     }
@@ -201,45 +203,27 @@ unsigned int OSAK_MutexInitRecursive(OSAK_MUTEX* mutex, void* attr)
 
 unsigned int OSAK_MutexDestroy(OSAK_MUTEX* mutex)
 {
-    if (mutex == nullptr)
-    {
-        return OSAK_ERR_PARAM;
-    }
-    if (osak::IsForkedChild())
-    {
-        return OSAK_ERR_SYSTEM;
-    }
-    return osak::Destroy(mutex);
+    const unsigned int code = osak::CheckCall(mutex);
+    return code == OSAK_OK ? osak::Destroy(mutex) : code;
 }
 
 unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex)
 {
-    if (mutex == nullptr)
+    osak::HoldIfExiting();
+    unsigned int code = osak::CheckCall(mutex);
+    if (code == OSAK_OK)
     {
-        return OSAK_ERR_PARAM;
+        code = osak::Lock(mutex);
     }
-    osak::ParkIfExiting();
-    if (osak::IsForkedChild())
-    {
-        return OSAK_ERR_SYSTEM;
-    }
-    const unsigned int code = osak::Lock(mutex);
     if (code != OSAK_OK)
     {
-        osak::ParkIfExiting();
+        osak::HoldIfExiting();
     }
     return code;
 }
 
 unsigned int OSAK_MutexUnLock(OSAK_MUTEX* mutex)
 {
-    if (mutex == nullptr)
-    {
-        return OSAK_ERR_PARAM;
-    }
-    if (osak::IsForkedChild())
-    {
-        return OSAK_ERR_SYSTEM;
-    }
-    return osak::Unlock(mutex);
+    const unsigned int code = osak::CheckCall(mutex);
+    return code == OSAK_OK ? osak::Unlock(mutex) : code;
 }

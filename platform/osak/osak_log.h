@@ -1,4 +1,4 @@
-// One record of this layer. Call it with no guard held.
+// One record of this layer. Call it with no lock held.
 #ifndef OSAK_LOG_H
 #define OSAK_LOG_H
 

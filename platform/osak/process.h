@@ -1,43 +1,43 @@
-// What the layer knows about its process: it runs, it is ending, or it is the child of a fork.
+// What the layer does at exit and in the child of a fork.
 #ifndef OSAK_PROCESS_H
 #define OSAK_PROCESS_H
 
+#include "base/process_end.h"
+#include "osak.h"
+
 #include <atomic>
-#include <chrono>
 
 namespace osak
 {
-// The longest that a destroyed mutex or the exit of the process waits for another thread.
-constexpr std::chrono::seconds kLongestWait{1};
+// Written by the fork handler only.
+extern std::atomic<bool> g_isForkedChild;
 
-enum class Phase
-{
-    kRunning,
-    kExiting,     // the exit handlers have begun
-    kForkedChild  // the threads of the layer, and whoever held its guards, stayed with the parent
-};
-
-// Written by the exit and fork handlers only.
-extern std::atomic<Phase> g_phase;
-
-inline Phase CurrentPhase()
-{
-    return g_phase.load(std::memory_order_acquire);
-}
-
-// In the child of a fork a guard may be held by a thread that does not exist there, so nothing of
-// the layer may be touched.
+// In the child of a fork another thread, which does not exist there, may hold a lock of the layer:
+// nothing of the layer may be touched.
 inline bool IsForkedChild()
 {
-    return CurrentPhase() == Phase::kForkedChild;
+    return g_isForkedChild.load(std::memory_order_acquire);
 }
 
-// Sees to it that the exit and fork handlers are registered; every operation that makes something
-// calls it first.
+// From then on no callback begins and the layer's threads are held.
+inline bool IsExiting()
+{
+    return base::ProcessEnd::HasBegun(base::EndStage::kThreads);
+}
+
+// OSAK_OK, or the code for a call with this mutex, thread or timer that must not go on.
+inline unsigned int CheckCall(const void* object)
+{
+    return object == nullptr ? OSAK_ERR_PARAM : IsForkedChild() ? OSAK_ERR_SYSTEM : OSAK_OK;
+}
+
+// Registers the exit and fork handlers; each function that makes something calls it first.
 void WatchProcess();
 
-// True on the thread that runs the exit handlers.
-bool IsExitingThread();
+// The parts of the exit handler. EndTimers: no callback begins from now on. WakeMutexWaiters: the
+// layer's threads among them are held instead. Neither waits.
+void EndTimers();
+void WakeMutexWaiters();
 
 }  // namespace osak
 

@@ -15,8 +15,8 @@ namespace
 // Milliseconds.
 std::atomic<unsigned int> g_longest{1000};
 
-// The count of changes at the end of the calling thread's last sleep, 0: it has not slept yet.
-__thread std::uint64_t t_seen = 0;
+// The count of changes at the end of the calling thread's last sleep; 0: it has not slept yet.
+thread_local std::uint64_t t_seen = 0;
 
 }  // namespace
 
@@ -33,9 +33,9 @@ int OSAK_PollSleep(unsigned int microseconds)
     {
         return usleep(microseconds);
     }
-    osak::ParkIfExiting();
+    osak::HoldIfExiting();
     osak::t_seen = base::Changes::Get().Sleep(osak::t_seen, std::chrono::microseconds(microseconds),
                                               std::chrono::milliseconds(osak::g_longest));
-    osak::ParkIfExiting();
+    osak::HoldIfExiting();
     return 0;
 }

@@ -1,4 +1,4 @@
-// Strings: the C library's functions with null taken for the empty text.
+// Strings: the C library's functions; null counts as the empty text.
 #include "osak.h"
 
 #include <climits>
@@ -7,7 +7,7 @@
 unsigned int OSAK_StrLen(const char* text)
 {
     const size_t length = text != nullptr ? std::strlen(text) : 0;
-    // A wrapped length would pass for a short text.
+    // A wrapped length would look like a short text.
     return length < UINT_MAX ? static_cast<unsigned int>(length) : UINT_MAX;
 }
 

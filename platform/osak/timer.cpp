@@ -1,20 +1,19 @@
 // Relative timers: a table, and one thread that starts with the first of them.
 //
-// A handle is a number, looked up under the mutex, so a stale one finds nothing. The callback runs
-// with the mutex released; a free from elsewhere waits until it has returned.
-#include "timer.h"
-
+// Handles are looked up under the mutex, so a stale one finds nothing. The callback runs with the
+// mutex released; a free on another thread waits until it has returned.
 #include "base/changes.h"
+#include "base/handle.h"
 #include "base/never_destroyed.h"
-#include "handle.h"
+#include "base/thread.h"
 #include "osak.h"
 #include "process.h"
 #include "thread.h"
 
 #include <chrono>
-#include <cstdint>
 #include <map>
 #include <new>
+#include <system_error>
 
 namespace osak
 {
@@ -31,39 +30,28 @@ struct Timer
     Clock::time_point due = Clock::time_point::max();  // max: it does not run
 };
 
-// Thread-safe: everything is under the mutex, which no callback runs under.
+// Thread-safe: everything is under the mutex, which is not held during a callback.
 class TimerService
 {
 public:
     OSAK_TIMER Create(OSAK_TIMER_PROC callback, bool repeats);
-    unsigned int Start(std::uintptr_t number, unsigned int ms, void* param);
-    unsigned int Free(std::uintptr_t number);
+    unsigned int Start(OSAK_TIMER handle, unsigned int ms, void* param);
+    unsigned int Free(OSAK_TIMER handle);
     void End();
-    void Run();
 
 private:
-    using Timers = std::map<std::uintptr_t, Timer>;
+    using Timers = std::map<OSAK_TIMER, Timer>;
 
-    // How far the thread is; a failed start goes back to the first, for another try.
-    enum class Stage
-    {
-        kNone,
-        kStarting,
-        kRunning
-    };
-
-    bool EnsureThread() CORPDIR_REQUIRES(m_mutex);
+    void Run();
     Timers::iterator Next() CORPDIR_REQUIRES(m_mutex);
     void Call(Timers::iterator next) CORPDIR_REQUIRES(m_mutex);
 
     base::Mutex m_mutex;
-    base::CondVar m_changed;  // there is something for the thread, or for who waits for it
-    Stage m_stage CORPDIR_GUARDED_BY(m_mutex) = Stage::kNone;
+    base::CondVar m_changed;  // the thread, or a caller of Free(), has something to look at
+    base::Thread m_thread CORPDIR_GUARDED_BY(m_mutex);
     bool m_ended CORPDIR_GUARDED_BY(m_mutex) = false;  // the process exits
     Timers m_timers CORPDIR_GUARDED_BY(m_mutex);
-    std::uintptr_t m_lastNumber CORPDIR_GUARDED_BY(m_mutex) = 0;
-    std::uintptr_t m_called CORPDIR_GUARDED_BY(m_mutex) = 0;  // whose callback runs; 0: none
-    std::uint64_t m_threadNumber CORPDIR_GUARDED_BY(m_mutex) = 0;
+    OSAK_TIMER m_called CORPDIR_GUARDED_BY(m_mutex) = nullptr;  // its callback runs
 };
 
 TimerService& TheService()
@@ -72,17 +60,9 @@ TimerService& TheService()
     return s_service.Get();
 }
 
-// The entry takes no argument, and there is one service.
-unsigned int TimerThread()
-{
-    TheService().Run();
-    return 0;
-}
-
 void TimerService::Run()
 {
     const base::MutexLock lock(m_mutex);
-    m_threadNumber = CurrentThreadNumber();
     for (;;)
     {
         const Timers::iterator next = m_ended ? m_timers.end() : Next();
@@ -114,8 +94,8 @@ TimerService::Timers::iterator TimerService::Next()
     return next;
 }
 
-// One expiry, on the timer thread. The next one is a period from now, however late this one is. The
-// exit of the process sees an end or a call: both begin under the mutex.
+// One expiry, on the timer thread. The next one is due a period from now, however late this one is.
+// The exit of the process sees an end or a call: both begin under the mutex.
 void TimerService::Call(Timers::iterator next)
 {
     Timer& timer = next->second;
@@ -123,55 +103,39 @@ void TimerService::Call(Timers::iterator next)
     const OSAK_TIMER_PROC callback = timer.callback;
     void* const param = timer.param;
     m_called = next->first;
-    BeginClientCall();
+    BeginClientCode();
     m_mutex.Unlock();
     callback(param);
     base::Changes::Get().Raise();
     m_mutex.Lock();
-    EndClientCall();
-    m_called = 0;
+    EndClientCode();
+    m_called = nullptr;
     m_changed.NotifyAll();
 }
 
-// True when the thread runs and the process goes on. Of several first callers one starts the
-// thread, with the mutex released, and the others wait for the outcome.
-bool TimerService::EnsureThread()
-{
-    while (m_stage == Stage::kStarting)
-    {
-        m_changed.Wait(m_mutex);
-    }
-    if (m_stage == Stage::kNone && !m_ended)
-    {
-        m_stage = Stage::kStarting;
-        m_mutex.Unlock();
-        OSAK_THREAD thread = nullptr;
-        const unsigned int code = StartThread("corpdir-timer", Duty::kLayer, TimerThread, &thread);
-        m_mutex.Lock();
-        m_stage = code == OSAK_OK ? Stage::kRunning : Stage::kNone;
-        m_changed.NotifyAll();
-    }
-    return m_stage == Stage::kRunning && !m_ended;
-}
-
+// Null when the process exits. Throws when resources run out.
 OSAK_TIMER TimerService::Create(OSAK_TIMER_PROC callback, bool repeats)
 {
     const base::MutexLock lock(m_mutex);
-    if (!EnsureThread())
+    if (m_ended)
     {
         return nullptr;
     }
-    ++m_lastNumber;
-    Timer& timer = m_timers[m_lastNumber];
+    if (!m_thread.Joinable())
+    {
+        m_thread = base::Thread("corpdir-timer", [this] { Run(); });
+    }
+    const auto handle = base::NewHandle<OSAK_TIMER>();
+    Timer& timer = m_timers[handle];
     timer.callback = callback;
     timer.repeats = repeats;
-    return PointerOf<OSAK_TIMER>(m_lastNumber);
+    return handle;
 }
 
-unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* param)
+unsigned int TimerService::Start(OSAK_TIMER handle, unsigned int ms, void* param)
 {
     const base::MutexLock lock(m_mutex);
-    const auto found = m_timers.find(number);
+    const auto found = m_timers.find(handle);
     if (found == m_timers.end())
     {
         return OSAK_ERR_HANDLE;
@@ -189,19 +153,19 @@ unsigned int TimerService::Start(std::uintptr_t number, unsigned int ms, void* p
     return OSAK_OK;
 }
 
-unsigned int TimerService::Free(std::uintptr_t number)
+unsigned int TimerService::Free(OSAK_TIMER handle)
 {
     const base::MutexLock lock(m_mutex);
-    if (m_timers.erase(number) == 0)
+    if (m_timers.erase(handle) == 0)
     {
         return OSAK_ERR_HANDLE;
     }
     const bool exiting = m_ended;
-    while (m_called == number && m_threadNumber != CurrentThreadNumber())
+    while (m_called == handle && !m_thread.IsCaller())
     {
-        // The exit handler has waited for it already; or it waits for the caller too, and the
-        // callback may have been held for good.
-        if (exiting || MustPark())
+        // The exit handler has waited for the callback already; or it waits for the caller too, and
+        // the callback may be held.
+        if (exiting || MustHold())
         {
             return OSAK_ERR_BUSY;
         }
@@ -210,7 +174,7 @@ unsigned int TimerService::Free(std::uintptr_t number)
     return OSAK_OK;
 }
 
-// Who waits for a callback is woken, to be held.
+// Callers of Free() are woken to be held.
 void TimerService::End()
 {
     const base::MutexLock lock(m_mutex);
@@ -243,35 +207,25 @@ OSAK_TIMER OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned int mode, uns
     {
         return nullptr;
     }
+    catch (const std::system_error&)
+    {
+        return nullptr;
+    }
 }
 
 unsigned int OSAK_StartRelTimer(OSAK_TIMER timer, unsigned int ms, void* param)
 {
-    if (timer == nullptr)
-    {
-        return OSAK_ERR_PARAM;
-    }
-    if (osak::IsForkedChild())
-    {
-        return OSAK_ERR_SYSTEM;
-    }
-    return osak::TheService().Start(osak::NumberOf(timer), ms, param);
+    const unsigned int code = osak::CheckCall(timer);
+    return code == OSAK_OK ? osak::TheService().Start(timer, ms, param) : code;
 }
 
 unsigned int OSAK_FreeRelTimer(OSAK_TIMER timer)
 {
-    if (timer == nullptr)
+    unsigned int code = osak::CheckCall(timer);
+    if (code == OSAK_OK)
     {
-        return OSAK_ERR_PARAM;
-    }
-    if (osak::IsForkedChild())
-    {
-        return OSAK_ERR_SYSTEM;
-    }
-    const unsigned int code = osak::TheService().Free(osak::NumberOf(timer));
-    if (code == OSAK_ERR_BUSY)
-    {
-        osak::ParkIfExiting();
+        code = osak::TheService().Free(timer);
+        osak::HoldIfExiting();
     }
     return code;
 }

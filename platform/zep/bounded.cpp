@@ -7,8 +7,7 @@
 
 namespace
 {
-// No object is larger, and the library's functions are not made for more: such a count is a
-// negative number gone wrong.
+// No object is larger. A larger count is a negative number that was converted.
 constexpr size_t kLargestCount = PTRDIFF_MAX;
 
 int RefuseText(char* dest, size_t destMax, int code)

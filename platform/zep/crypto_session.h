@@ -1,13 +1,13 @@
-// Leave to call the crypto library, which stops working while the process ends.
+// A use of the crypto library, which stops working while the process ends.
 #ifndef ZEP_CRYPTO_SESSION_H
 #define ZEP_CRYPTO_SESSION_H
 
 namespace zep
 {
-// Held around every use of the crypto library. The library frees its own state in an exit handler
-// while threads that nobody stopped may still be inside it; a handler of ours, which runs before
-// that one, admits no further session and waits for those in progress. A session also keeps the
-// library's error queue of the calling thread as its owner left it. Thread-safe.
+// Held around every use of the crypto library. The library frees its state in an exit handler,
+// while threads that were not stopped may be inside it. Our stage of the process's end runs before
+// that handler: it admits no further session and waits for those in progress. A session also leaves
+// the calling thread's error queue of the library as it was. Thread-safe.
 class CryptoSession
 {
 public:
@@ -16,7 +16,7 @@ public:
     CryptoSession(const CryptoSession&) = delete;
     CryptoSession& operator=(const CryptoSession&) = delete;
 
-    // False: the process is ending (or the library cannot start), nothing of it may be called.
+    // False: the process is ending, or the library cannot start. Nothing of it may be called.
     bool IsOpen() const
     {
         return m_open;

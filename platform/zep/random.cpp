@@ -28,7 +28,7 @@ unsigned int ZEP_CPYPT_RealRandom(unsigned char* buffer, unsigned int len)
         // output goes over the network.
         if (!session.IsOpen() || RAND_priv_bytes(buffer + done, static_cast<int>(part)) != 1)
         {
-            OPENSSL_cleanse(buffer, len);  // nobody shall take half a key for a whole one
+            OPENSSL_cleanse(buffer, len);  // half a key must not pass for a whole one
             return ZEP_ERR_RANDOM;
         }
         done += part;

@@ -2,7 +2,7 @@
 #include "captured_log.h"
 #include "failing_calloc.h"
 #include "osak.h"
-#include "osak/osak_diagnostics.h"
+#include "osak/live_memory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -49,25 +49,6 @@ void AllocateAndFree(size_t size)
     OSAK_MemFreeD(OSAK_MemMallocD(size, kLine, kFile), kLine, kFile);
 }
 
-struct PlaceSeen
-{
-    std::string file;
-    unsigned int line;
-    size_t blocks;
-    size_t bytes;
-    bool operator==(const PlaceSeen& other) const
-    {
-        return file == other.file && line == other.line && blocks == other.blocks &&
-               bytes == other.bytes;
-    }
-};
-
-void CollectPlace(const char* file, unsigned int line, const OSAK_MEM_USE* use, void* user)
-{
-    static_cast<std::vector<PlaceSeen>*>(user)->push_back(
-        {file != nullptr ? file : "(null)", line, use->ulBlocks, use->ulBytes});
-}
-
 class OsakMemory : public testing::Test
 {
 protected:
@@ -77,10 +58,9 @@ protected:
     }
     void TearDown() override
     {
-        OSAK_MEM_USE total{};
-        ASSERT_EQ(OSAK_OK, OSAK_MemReport(&total, nullptr, nullptr));
-        EXPECT_EQ(0U, total.ulBlocks);
-        EXPECT_EQ(0U, total.ulBytes);
+        const osak::LiveMemory live = osak::CountLiveMemory();
+        EXPECT_EQ(0U, live.blocks);
+        EXPECT_EQ(0U, live.bytes);
     }
 };
 
@@ -280,52 +260,16 @@ TEST_F(OsakMemory, ReleasedBlocksAreCleared)
 }
 #endif
 
-TEST_F(OsakMemory, ReportsLiveBlocksByPlace)
+TEST_F(OsakMemory, LiveBlocksAreCounted)
 {
-    // The same text at two addresses, as one header gives in two units.
-    const std::string text = "a.cpp";
-    const std::string again = "a.cpp";
-    std::vector<void*> blocks = {
-        OSAK_MemMallocD(10, 5, text.c_str()), OSAK_MemMallocS(20, 0, 5, again.c_str()),
-        OSAK_MemMallocD(1, 4, text.c_str()), OSAK_MemMallocD(100, 1, "b.cpp"),
-        OSAK_MemMallocD(1000, 2, nullptr)};
-    OSAK_MEM_USE total{};
-    std::vector<PlaceSeen> places;
-    EXPECT_EQ(OSAK_OK, OSAK_MemReport(&total, CollectPlace, &places));
-    EXPECT_EQ(5U, total.ulBlocks);
-    EXPECT_EQ(1131U, total.ulBytes);
-    EXPECT_THAT(places, ElementsAre(PlaceSeen{"(null)", 2, 1, 1000}, PlaceSeen{"a.cpp", 4, 1, 1},
-                                    PlaceSeen{"a.cpp", 5, 2, 30}, PlaceSeen{"b.cpp", 1, 1, 100}));
-    for (void* block : blocks)
-    {
-        OSAK_MemFreeD(block, kLine, kFile);
-    }
-}
-
-TEST_F(OsakMemory, LogsLiveBlocksByPlace)
-{
-    OSAK_MemLogReport();
-    EXPECT_THAT(captured_log::Records(), IsEmpty());
-    void* const first = OSAK_MemMallocD(10, 5, "a.cpp");
-    void* const second = OSAK_MemMallocD(20, 5, nullptr);
-    OSAK_MemLogReport();
+    void* const first = OSAK_MemMallocD(10, kLine, kFile);
+    void* const second = OSAK_MemMallocS(20, 0, kLine, kFile);
+    EXPECT_EQ(2U, osak::CountLiveMemory().blocks);
+    EXPECT_EQ(30U, osak::CountLiveMemory().bytes);
     OSAK_MemFreeD(first, kLine, kFile);
+    EXPECT_EQ(1U, osak::CountLiveMemory().blocks);
+    EXPECT_EQ(20U, osak::CountLiveMemory().bytes);
     OSAK_MemFreeD(second, kLine, kFile);
-    EXPECT_THAT(captured_log::Texts(CORPDIR_LOG_NOTICE),
-                ElementsAre("Live: 2 blocks, 30 bytes", "Live: 1 blocks, 20 bytes from ?:5",
-                            "Live: 1 blocks, 10 bytes from a.cpp:5"));
-}
-
-TEST_F(OsakMemory, LiveBlocksAreLoggedWhenTheLogIsClosed)
-{
-    void* const block = OSAK_MemMallocD(10, 5, "a.cpp");
-    CorpDir_CloseLog();
-    OSAK_MemFreeD(block, kLine, kFile);
-    const std::vector<captured_log::Record> records = captured_log::Records();
-    ASSERT_EQ(3U, records.size());
-    EXPECT_EQ("Live: 1 blocks, 10 bytes", records[0].text);
-    EXPECT_EQ("Live: 1 blocks, 10 bytes from a.cpp:5", records[1].text);
-    EXPECT_EQ(captured_log::Kind::kClose, records[2].kind);
 }
 
 TEST_F(OsakMemory, ARequestWithoutMemoryGivesNull)

@@ -1,6 +1,5 @@
 // The mutexes of the operating-system layer.
 #include "osak.h"
-#include "osak/thread.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -334,27 +333,6 @@ TEST(OsakMutex, NeitherEndedThreadNorItsSuccessorPassesForTheHolder)
     // The system is free to give the next thread the identity of the one that ended.
     EXPECT_EQ(OSAK_ERR_OWNER, OnAnotherThread(OSAK_MutexUnLock, mutex));
     EXPECT_EQ(OSAK_ERR_BUSY, OSAK_MutexDestroy(mutex));
-}
-
-// As after the 4,294,967,296th thread of the process.
-TEST(OsakMutex, ThreadNumbersThatDifferAbove32BitsAreDifferent)
-{
-    using Number = decltype(osak::t_threadNumber);
-    static constexpr std::uint64_t kNumber = 0xFFFFFF00U;  // of no other thread in this program
-    ScopedMutex mutex;
-    const auto asHolder = [](OSAK_MUTEX* storage)
-    {
-        osak::t_threadNumber = static_cast<Number>(kNumber + (std::uint64_t{1} << 32));
-        EXPECT_EQ(OSAK_OK, OSAK_MutexLock(storage));
-        const auto asStranger = [](OSAK_MUTEX* held)
-        {
-            osak::t_threadNumber = static_cast<Number>(kNumber);
-            return OSAK_MutexUnLock(held);
-        };
-        EXPECT_EQ(OSAK_ERR_OWNER, OnAnotherThread(asStranger, storage));
-        return OSAK_MutexUnLock(storage);
-    };
-    EXPECT_EQ(OSAK_OK, OnAnotherThread(asHolder, mutex.Get()));
 }
 
 TEST(OsakMutex, ExcludesThreadsFromOneAnother)

@@ -11,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "lifecycle_counts.h"
-#include "osak/osak_diagnostics.h"
+#include "osak/live_memory.h"
 #include "service_client.h"
 
 namespace integration
@@ -64,9 +64,7 @@ TEST(SecondStart, LeavesThePollingWorkerUnharmed)
         }
         client.Stop();
     }
-    OSAK_MEM_USE live = {};
-    ASSERT_EQ(OSAK_MemReport(&live, nullptr, nullptr), 0u);
-    EXPECT_EQ(live.ulBlocks, 0u);
+    EXPECT_EQ(osak::CountLiveMemory().blocks, 0u);
     // Each second start met a live mutex, and no layer had anything to complain about.
     EXPECT_EQ(CountLines(client.Log(), "Mutex existed, it will be destoried."), count);
     EXPECT_EQ(CountLines(client.Log(), ""), count);
@@ -87,9 +85,7 @@ TEST(SecondStart, MayBeFollowedByManyMore)
     }
     ASSERT_NO_FATAL_FAILURE(ExpectThatAFetchSucceeds(client, server));
     client.Stop();
-    OSAK_MEM_USE live = {};
-    ASSERT_EQ(OSAK_MemReport(&live, nullptr, nullptr), 0u);
-    EXPECT_EQ(live.ulBlocks, 0u);
+    EXPECT_EQ(osak::CountLiveMemory().blocks, 0u);
     EXPECT_EQ(CountLines(client.Log(), "Mutex existed, it will be destoried."), count);
     EXPECT_EQ(CountLines(client.Log(), ""), count);
 }

@@ -19,7 +19,7 @@
 
 #include "failing_calloc.h"
 #include "lifecycle_counts.h"
-#include "osak/osak_diagnostics.h"
+#include "osak/live_memory.h"
 #include "service_client.h"
 
 namespace integration
@@ -506,18 +506,9 @@ void Sequence::End()
     ExpectNothingLeft();
 }
 
-void PrintPlace(const char* file, unsigned int line, const OSAK_MEM_USE* use, void* text)
-{
-    *static_cast<std::string*>(text) +=
-        std::to_string(use->ulBlocks) + " from " + file + ":" + std::to_string(line) + "\n";
-}
-
 void Sequence::ExpectNothingLeft() const
 {
-    OSAK_MEM_USE live = {};
-    std::string places;
-    EXPECT_EQ(OSAK_MemReport(&live, PrintPlace, &places), 0u);
-    EXPECT_EQ(live.ulBlocks, 0u) << places;
+    EXPECT_EQ(osak::CountLiveMemory().blocks, 0u);
     EXPECT_THAT(m_client.OutputFiles(), Each(AnyOf("version.txt", "directory.csv")));
     EXPECT_THAT(m_client.Results(), Each(AnyOf(kFetched, kFailed)));
     for (const std::string& name : m_client.OutputFiles())

@@ -1,0 +1,20 @@
+// What is in use of the layer's memory: for tests.
+#ifndef OSAK_LIVE_MEMORY_H
+#define OSAK_LIVE_MEMORY_H
+
+#include <cstddef>
+
+namespace osak
+{
+struct LiveMemory
+{
+    size_t blocks;
+    size_t bytes;
+};
+
+// The blocks that were handed out and not released. Any thread; not in the child of a fork.
+LiveMemory CountLiveMemory();
+
+}  // namespace osak
+
+#endif
