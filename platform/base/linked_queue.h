@@ -21,7 +21,13 @@ public:
         : m_first(std::move(other.m_first)), m_last(std::exchange(other.m_last, nullptr))
     {
     }
-    LinkedQueue& operator=(LinkedQueue&&) = delete;
+    // The other queue gets what this one held.
+    LinkedQueue& operator=(LinkedQueue&& other) noexcept
+    {
+        m_first.swap(other.m_first);
+        std::swap(m_last, other.m_last);
+        return *this;
+    }
     ~LinkedQueue()
     {
         Clear();

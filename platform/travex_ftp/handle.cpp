@@ -1,12 +1,12 @@
 #include "handle.h"
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <new>
 #include <system_error>
+#include <utility>
 
 #include "log.h"
 
@@ -14,10 +14,10 @@ namespace travex_ftp
 {
 namespace
 {
-int MakeWake()
+base::Descriptor MakeWake()
 {
-    const int made = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (made < 0)
+    base::Descriptor made(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!made.IsOpen())
     {
         throw std::system_error(errno, std::generic_category());
     }
@@ -27,11 +27,6 @@ int MakeWake()
 }  // namespace
 
 Handle::Handle(Notifier& notifier) : m_notifier(notifier), m_wake(MakeWake()) {}
-
-Handle::~Handle()
-{
-    (void)close(m_wake);
-}
 
 void Handle::SetSettings(std::shared_ptr<const Settings> settings)
 {
@@ -62,7 +57,7 @@ void Handle::StartThread()
     const base::MutexLock lock(m_mutex);
     if (!m_started && !m_cancelled)
     {
-        m_worker.Start([this] { Run(); });
+        m_worker.Start("corpdir-ftp", [this] { Run(); });
         m_started = true;
     }
 }
@@ -78,7 +73,7 @@ void Handle::Submit(TaskPtr task)
     m_queue.Push(std::move(task));
     if (m_idle)
     {
-        (void)eventfd_write(m_wake, 1);
+        (void)eventfd_write(m_wake.Number(), 1);
     }
 }
 
@@ -87,7 +82,7 @@ void Handle::Cancel()
     m_closed = true;
     const base::MutexLock lock(m_mutex);
     m_cancelled = true;
-    (void)eventfd_write(m_wake, 1);
+    (void)eventfd_write(m_wake.Number(), 1);
 }
 
 void Handle::LeaveNoFile()
@@ -128,10 +123,10 @@ TaskPtr Handle::TakeTask()
 {
     const base::MutexLock lock(m_mutex);
     eventfd_t ignored = 0;
-    m_idle = m_queue.Empty();
+    m_idle = m_queue.IsEmpty();
     if (!m_cancelled)
     {
-        (void)eventfd_read(m_wake, &ignored);
+        (void)eventfd_read(m_wake.Number(), &ignored);
     }
     return m_queue.Pop();
 }
@@ -140,7 +135,8 @@ TaskPtr Handle::TakeTask()
 void Handle::AwaitWork()
 {
     const bool kept = m_connection != nullptr;
-    const Deadline deadline = {kept ? m_keptUntil : Clock::now() + std::chrono::hours(1), m_wake};
+    const Deadline deadline = {kept ? m_keptUntil : Clock::now() + std::chrono::hours(1),
+                               m_wake.Number()};
     const Io io = deadline.Wait(kept ? m_connection->TheChannel().Socket() : -1, POLLIN);
     const bool chatter = kept && io == Io::kDone && !m_connection->Quiet();
     if (chatter || (kept && io == Io::kTimedOut))
@@ -154,7 +150,7 @@ void Handle::DropTasks()
     TaskQueue<&Task::nextTransfer> dropped;
     const base::MutexLock lock(m_mutex);
     m_cancelled = true;  // nothing is queued from here on
-    dropped.Append(m_queue);
+    dropped = std::move(m_queue);
 }
 
 void Handle::Transfer(const TaskPtr& task)
@@ -226,7 +222,7 @@ bool Handle::Try(Work& work, bool& again)
     TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s on a %s connection",
                    settings.serverText.c_str(), work.task->id.Value(),
                    work.task->serverFile.c_str(), reused ? "known" : "new");
-    Attempt attempt(work.limits, m_wake, work.begin + work.limits.transfer);
+    Attempt attempt(work.limits, m_wake.Number(), work.begin + work.limits.transfer);
     if (reused)
     {
         m_connection->Reopen(attempt);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "attempt.h"
+#include "base/descriptor.h"
 #include "base/mutex.h"
 #include "control_connection.h"
 #include "download_file.h"
@@ -27,7 +28,6 @@ class Handle
 public:
     // Throws std::system_error when the system has no descriptor left.
     explicit Handle(Notifier& notifier);
-    ~Handle();
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
 
@@ -99,7 +99,8 @@ private:
 
     Notifier& m_notifier;
     Worker m_worker;
-    const int m_wake;  // eventfd: readable when the handle is closed, or work has come while idle
+    const base::Descriptor
+        m_wake;  // eventfd: readable when the handle is closed, or work has come while idle
     std::atomic<bool> m_closed{false};
 
     base::Mutex m_mutex;

@@ -1,34 +1,34 @@
 #include "layer.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include <openssl/crypto.h>
 
+#include "base/handle.h"
+#include "base/process_end.h"
+
 namespace travex_ftp
 {
-// The state of the layer outside its runs. Created on first use and never destroyed: calls and
-// threads may come until the process is gone.
+// The state of the layer outside its runs. Created on first use and never destroyed: calls may come
+// until the process is gone.
 struct World
 {
     base::Mutex mutex;
     std::shared_ptr<Layer> running CORPDIR_GUARDED_BY(mutex);
     std::vector<std::shared_ptr<Layer>> ended
         CORPDIR_GUARDED_BY(mutex);  // runs whose threads are not all joined
-    bool exiting CORPDIR_GUARDED_BY(mutex) = false;
 
-    // The process that the threads belong to, 0 when there are none. Read before any lock is taken:
-    // in the child of a fork a lock may be held by a thread that does not exist there.
-    std::atomic<pid_t> owner{0};
+    // The layer has threads; and a fork left this process without them. Read before any lock is
+    // taken: in the child of a fork another thread, which does not exist there, may hold the lock.
+    std::atomic<bool> hasThreads{false};
+    std::atomic<bool> forked{false};
 
     static World& Get();
     static void StartOnce();
-    static void AtExit();
+    static void AtExit(Clock::time_point deadline);
+    static void OnFork();
 
     bool Install(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(mutex);
     std::shared_ptr<Layer> Retire() CORPDIR_EXCLUDES(mutex);
@@ -43,12 +43,13 @@ World& World::Get()
     return *world;
 }
 
-// Our exit handler is registered after that of OpenSSL, and so runs before it. The flag makes
+// Our stage is registered after OpenSSL's exit handler, and so runs before it. The flag makes
 // OpenSSL register its handler and load nothing: plain FTP needs nothing more of it.
 void World::StartOnce()
 {
     static const bool started =
-        OPENSSL_init_crypto(OPENSSL_INIT_ATFORK, nullptr) == 1 && std::atexit(AtExit) == 0;
+        OPENSSL_init_crypto(OPENSSL_INIT_ATFORK, nullptr) == 1 &&
+        base::ProcessEnd::Register<base::EndStage::kTransfers>(AtExit, OnFork);
     if (!started)
     {
         throw std::bad_alloc();
@@ -59,17 +60,17 @@ void World::StartOnce()
 bool World::Install(const std::shared_ptr<Layer>& layer)
 {
     const base::MutexLock lock(mutex);
-    if (exiting || running != nullptr)
+    if (base::ProcessEnd::HasBegun(base::EndStage::kTransfers) || running != nullptr)
     {
         return false;
     }
     ended.reserve(ended.size() + 1);  // Retire() needs no memory
     running = layer;
-    owner = getpid();
+    hasThreads = true;
     return true;
 }
 
-// Ends the running layer, without waiting; null if there is none.
+// Takes the running layer out of service, without waiting; null if there is none.
 std::shared_ptr<Layer> World::Retire()
 {
     const base::MutexLock lock(mutex);
@@ -90,12 +91,12 @@ std::shared_ptr<Layer> World::FirstEnded(bool onlyOver)
     return found == ended.end() ? nullptr : *found;
 }
 
-// Without threads any process may start the layer: a fork made now is free to.
+// Without threads any process may start the layer: the child of a fork made now may too.
 void World::Forget(const std::shared_ptr<Layer>& layer)
 {
     const base::MutexLock lock(mutex);
     ended.erase(std::remove(ended.begin(), ended.end(), layer), ended.end());
-    owner = running == nullptr && ended.empty() ? 0 : owner.load();
+    hasThreads = running != nullptr || !ended.empty();
 }
 
 // A run stays in the list until its threads are joined, so that every caller waits for them.
@@ -108,20 +109,15 @@ void World::JoinEnded(bool onlyOver)
     }
 }
 
-// From here on no notification begins. One in progress, and what the transfer thread is at, is
-// waited for within kExitPatience. Nothing is destroyed: a thread that is still busy then will find
-// all it touches where it was.
-void World::AtExit()
+// From here on no notification begins. A notification in progress, and the current step of each
+// transfer thread, are waited for until the deadline. Nothing is destroyed: a thread that is busy
+// after it still finds all objects that it uses.
+void World::AtExit(Clock::time_point deadline)
 {
     World& world = Get();
-    if (world.owner != getpid())
+    if (world.forked)
     {
         return;
-    }
-    Worker::BeginExit();
-    {
-        const base::MutexLock lock(world.mutex);
-        world.exiting = true;
     }
     (void)world.Retire();
     static auto* const left = new std::vector<std::shared_ptr<Layer>>;
@@ -134,18 +130,21 @@ void World::AtExit()
         layer->Stop();
         layer->LeaveNoFiles();
     }
-    const Clock::time_point deadline = Clock::now() + kExitPatience;
     for (const std::shared_ptr<Layer>& layer : *left)
     {
         (void)layer->Join(deadline);
     }
-    Worker::EndExit();
+}
+
+void World::OnFork()
+{
+    World& world = Get();
+    world.forked = world.forked || world.hasThreads;
 }
 
 bool Layer::Forked()
 {
-    const pid_t owner = World::Get().owner;
-    return owner != 0 && owner != getpid();
+    return World::Get().forked;
 }
 
 std::shared_ptr<Layer> Layer::Running()
@@ -179,8 +178,8 @@ bool Layer::Init()
         throw;
     }
     (void)layer->Join(Clock::time_point::max());
-    // Another thread's start was faster, and is as good; whether its run has ended since or not.
-    return !Worker::Exiting();
+    // Another thread's start was faster and counts for this call too, even if its run has ended.
+    return !base::ProcessEnd::HasBegun(base::EndStage::kTransfers);
 }
 
 void Layer::Uninit()
@@ -197,8 +196,8 @@ void Layer::Uninit()
     }
 }
 
-// The notifier first: what a transfer thread still finishes is reported to no one. A handle is at
-// no time in neither list: each caller that joins sees it.
+// The notifier first: a transfer that ends from here on is not reported. A handle is always in one
+// of the lists: each caller that joins sees it.
 void Layer::Stop()
 {
     m_notifier.Stop();
@@ -222,8 +221,8 @@ std::vector<std::shared_ptr<Handle>> Layer::ClosedHandles()
     return m_closed;
 }
 
-// Joins the threads of closed handles that have ended, so that a client that makes and closes many
-// handles does not collect them.
+// Joins the threads of closed handles that have ended, so that they do not pile up for a client
+// that makes and closes many handles.
 void Layer::Reap()
 {
     for (const std::shared_ptr<Handle>& handle : ClosedHandles())
@@ -237,7 +236,7 @@ void Layer::Reap()
     }
 }
 
-// Another caller may have begun to end the run, and not have got to its handles yet.
+// Stops first: another caller may have begun to end the run, but not stopped its handles yet.
 bool Layer::Join(Clock::time_point deadline)
 {
     Stop();
@@ -268,13 +267,7 @@ void Layer::LeaveNoFiles()
 
 TRAVEX_FTP_HANDLE Layer::CreateHandle()
 {
-    // Numbers in the guise of pointers, counted through the life of the process. Odd ones, so that
-    // none is ever mistaken for the address of something.
-    static std::atomic<uintptr_t> last{1};
-    const uintptr_t number = last += 2;
-    TRAVEX_FTP_HANDLE handle = nullptr;
-    static_assert(sizeof(void*) == sizeof number, "a handle holds a number");
-    memcpy(&handle, &number, sizeof number);
+    const auto handle = base::NewHandle<TRAVEX_FTP_HANDLE>();
     Reap();
     auto state = std::make_shared<Handle>(m_notifier);
     const base::MutexLock lock(m_mutex);

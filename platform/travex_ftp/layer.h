@@ -14,14 +14,14 @@
 
 namespace travex_ftp
 {
-// Thread-safe. The handles are under one lock; threads look after themselves.
+// Thread-safe: the handles are under one lock, each thread under its own.
 class Layer
 {
 public:
     // The running layer, null if there is none.
     static std::shared_ptr<Layer> Running();
 
-    // The process is a fork of the one that runs the layer; asked before anything else.
+    // The process is a fork of one that had the layer's threads; asked before anything else.
     static bool Forked();
 
     // What TRAVEX_FTP_Init and TRAVEX_FTP_UnInit do. Init() is false when the process is ending,

@@ -42,9 +42,6 @@ struct Limits
 // What TRAVEX_FTP_SetLimits does; null: nothing is set. Thread-safe.
 void SetLimits(const tagTRAVEX_FTP_S_LIMITS* limits);
 
-// At process exit nothing of the layer is waited for longer than this.
-constexpr milliseconds kExitPatience{1000};
-
 // How long a server may leave the data channel open once it has confirmed a complete file, and how
 // long it may take to say why it broke off a data channel.
 constexpr milliseconds kLastWord{1000};

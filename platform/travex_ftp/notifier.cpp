@@ -1,6 +1,7 @@
 #include "notifier.h"
 
 #include <cstring>
+#include <utility>
 
 #include "base/changes.h"
 #include "handle.h"
@@ -10,7 +11,7 @@ namespace travex_ftp
 {
 void Notifier::Start()
 {
-    m_worker.Start([this] { Run(); });
+    m_worker.Start("corpdir-notify", [this] { Run(); });
 }
 
 // What is queued goes with the thread.
@@ -66,7 +67,7 @@ void Notifier::Run()
     TaskQueue<&Task::nextNews> dropped;
     {
         const base::MutexLock lock(m_mutex);
-        dropped.Append(m_queue);
+        dropped = std::move(m_queue);
     }
 }
 
@@ -74,7 +75,7 @@ void Notifier::Run()
 bool Notifier::Take(TaskPtr& task, Task::News& news)
 {
     const base::MutexLock lock(m_mutex);
-    while (!m_stopping && m_queue.Empty())
+    while (!m_stopping && m_queue.IsEmpty())
     {
         m_changed.Wait(m_mutex);
     }

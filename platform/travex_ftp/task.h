@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "base/linked_queue.h"
 #include "failure.h"
 #include "settings.h"
 
@@ -61,60 +62,8 @@ struct Task
 
 using TaskPtr = std::shared_ptr<Task>;
 
-// First in, first out, linked through the tasks. Not thread-safe: guarded by its owner.
-template <TaskPtr Task::*Next>
-class TaskQueue
-{
-public:
-    TaskQueue() = default;
-    TaskQueue(const TaskQueue&) = delete;
-    TaskQueue& operator=(const TaskQueue&) = delete;
-    ~TaskQueue()
-    {
-        // One by one: a chain of links would be destroyed recursively.
-        while (Pop() != nullptr)
-        {
-        }
-    }
-
-    bool Empty() const
-    {
-        return m_first == nullptr;
-    }
-
-    void Push(TaskPtr task)
-    {
-        Task* const pushed = task.get();
-        (m_last == nullptr ? m_first : m_last->*Next) = std::move(task);
-        m_last = pushed;
-    }
-
-    // Null when the queue is empty.
-    TaskPtr Pop()
-    {
-        TaskPtr task;
-        task.swap(m_first);
-        if (task != nullptr)
-        {
-            m_first = std::move(task.get()->*Next);
-            m_last = m_first == nullptr ? nullptr : m_last;
-        }
-        return task;
-    }
-
-    // Takes all tasks of the other queue behind its own.
-    void Append(TaskQueue& other)
-    {
-        while (TaskPtr task = other.Pop())
-        {
-            Push(std::move(task));
-        }
-    }
-
-private:
-    TaskPtr m_first;
-    Task* m_last = nullptr;
-};
+template <TaskPtr Task::*kNext>
+using TaskQueue = base::LinkedQueue<TaskPtr, kNext>;
 
 }  // namespace travex_ftp
 

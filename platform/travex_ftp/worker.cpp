@@ -1,10 +1,8 @@
 #include "worker.h"
 
-#include <unistd.h>
+#include <utility>
 
-#include <atomic>
-
-#include "base/signals_blocked.h"
+#include "base/process_end.h"
 
 namespace travex_ftp
 {
@@ -13,72 +11,49 @@ namespace
 // The worker that the current thread belongs to.
 thread_local Worker* t_worker = nullptr;
 
-std::atomic<bool> g_exiting{false};
-std::atomic<bool> g_unwaited{false};
-
 }  // namespace
 
-void Worker::Start(std::function<void()> body)
+void Worker::Start(const char* name, std::function<void()> body)
 {
-    {
-        const base::MutexLock lock(m_mutex);
-        m_state = State::kRunning;
-    }
-    // Before the thread exists, which may be over before this function is.
-    try
-    {
-        const base::SignalsBlocked blocked;
-        m_thread = std::thread(
-            [this, run = std::move(body)]
-            {
-                t_worker = this;
-                run();
-                const base::MutexLock lock(m_mutex);
-                m_state = State::kOver;
-                m_changed.NotifyAll();
-            });
-    }
-    catch (...)
-    {
-        const base::MutexLock lock(m_mutex);
-        m_state = State::kIdle;
-        throw;
-    }
+    const base::MutexLock lock(m_mutex);
+    m_thread = base::Thread(name,
+                            [this, run = std::move(body)]
+                            {
+                                t_worker = this;
+                                run();
+                                const base::MutexLock end(m_mutex);
+                                m_running = false;
+                                m_ended.NotifyAll();
+                            });
+    m_running = true;
 }
 
-// One caller joins the thread; the others wait for it, or for their deadline.
+// The thread ends its body in its last section under the mutex, so the join within it is short.
 bool Worker::Join(Clock::time_point deadline)
 {
-    {
-        const base::MutexLock lock(m_mutex);
-        while (m_state == State::kRunning || m_state == State::kJoining)
-        {
-            if (deadline == Clock::time_point::max())
-            {
-                m_changed.Wait(m_mutex);
-            }
-            else if (!m_changed.WaitUntil(m_mutex, deadline) && m_state != State::kOver)
-            {
-                return false;
-            }
-        }
-        if (m_state != State::kOver)
-        {
-            return true;  // never started, or joined by another caller
-        }
-        m_state = State::kJoining;
-    }
-    m_thread.join();
     const base::MutexLock lock(m_mutex);
-    m_state = State::kJoined;
-    m_changed.NotifyAll();
+    while (m_running)
+    {
+        if (deadline == Clock::time_point::max())
+        {
+            m_ended.Wait(m_mutex);
+        }
+        else if (!m_ended.WaitUntil(m_mutex, deadline) && m_running)
+        {
+            return false;
+        }
+    }
+    if (m_thread.Joinable())
+    {
+        m_thread.Join();
+    }
     return true;
 }
 
 bool Worker::Over()
 {
     const base::MutexLock lock(m_mutex);
-    return m_state != State::kRunning;
+    return !m_running;
 }
 
 bool Worker::IsCaller()
@@ -91,26 +66,11 @@ bool Worker::CallerIsOurs()
     return t_worker != nullptr;
 }
 
-void Worker::BeginExit()
-{
-    g_exiting = true;
-}
-
-bool Worker::Exiting()
-{
-    return g_exiting;
-}
-
-void Worker::EndExit()
-{
-    g_unwaited = true;
-}
-
 void Worker::ParkAtExit()
 {
-    while (g_unwaited && CallerIsOurs())
+    if (CallerIsOurs() && base::ProcessEnd::IsOver(base::EndStage::kTransfers))
     {
-        (void)pause();
+        base::ProcessEnd::HoldCaller();
     }
 }
 

@@ -3,14 +3,14 @@
 #define TRAVEX_FTP_WORKER_H
 
 #include <functional>
-#include <thread>
 
 #include "base/mutex.h"
+#include "base/thread.h"
 #include "limits.h"
 
 namespace travex_ftp
 {
-// Thread-safe. A started worker must be joined before it is destroyed, or never be destroyed.
+// Thread-safe. A started worker is joined before it is destroyed, or never destroyed.
 class Worker
 {
 public:
@@ -18,43 +18,30 @@ public:
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    // Runs `body` on a new thread. Throws std::system_error or std::bad_alloc.
-    void Start(std::function<void()> body);
+    // Runs `body` on a new thread with this name. Once only. Throws std::system_error or
+    // std::bad_alloc.
+    void Start(const char* name, std::function<void()> body) CORPDIR_EXCLUDES(m_mutex);
 
     // Waits for the end of the body, for ever or until a deadline, and joins the thread. Any number
-    // of callers may; not this thread itself. False when the deadline came first.
-    bool Join(Clock::time_point deadline = Clock::time_point::max());
+    // of callers may call it, but not this thread. False when the deadline came first.
+    bool Join(Clock::time_point deadline = Clock::time_point::max()) CORPDIR_EXCLUDES(m_mutex);
 
-    // The body has ended: a join would not wait.
-    bool Over();
+    // The body has ended, or was not started: a join would not wait.
+    bool Over() CORPDIR_EXCLUDES(m_mutex);
 
     // The caller is this thread; the caller is a thread of the layer, of an earlier run perhaps.
     bool IsCaller();
     static bool CallerIsOurs();
 
-    // The process has begun to end: threads are asked to end without touching other libraries.
-    static void BeginExit();
-    static bool Exiting();
-
-    // Nobody waits for the threads any more, and the libraries are being torn down around them. A
-    // thread of the layer that comes by the check then sleeps until the process is gone.
-    static void EndExit();
+    // After the layer's stage of the process's end the libraries are torn down: a thread of the
+    // layer that gets here then does not return.
     static void ParkAtExit();
 
 private:
-    enum class State
-    {
-        kIdle,
-        kRunning,
-        kOver,
-        kJoining,
-        kJoined,
-    };
-
     base::Mutex m_mutex;
-    base::CondVar m_changed;
-    State m_state CORPDIR_GUARDED_BY(m_mutex) = State::kIdle;
-    std::thread m_thread;  // set by Start(), used by the one caller that joins
+    base::CondVar m_ended;
+    bool m_running CORPDIR_GUARDED_BY(m_mutex) = false;
+    base::Thread m_thread CORPDIR_GUARDED_BY(m_mutex);
 };
 
 }  // namespace travex_ftp
