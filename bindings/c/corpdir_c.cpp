@@ -4,16 +4,16 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "base/handle.h"
+#include "base/mutex.h"
 #include "event_thread.h"
 #include "ftpcorpdir.h"
 #include "request.h"
@@ -24,11 +24,10 @@ namespace corpdir_c
 {
 namespace
 {
+constexpr std::uint32_t kCipherPrefix = 0x03000000;  // of the service's identifiers
+constexpr std::size_t kMaxCiphers = 65536;
 
-constexpr std::uint32_t CIPHER_PREFIX = 0x03000000;  // of the service's identifiers
-constexpr std::size_t MAX_CIPHERS = 65536;
-
-// Why a check was refused while the calling thread was starting it.
+// Why a check was refused while the calling thread started it.
 struct Refusal
 {
     corpdir_code code = CORPDIR_ERR_NOT_STARTED;
@@ -43,10 +42,10 @@ struct Refusal
 
 thread_local Refusal* t_refusal = nullptr;
 
-// Where the service's callback puts its news: it carries no user pointer.
+// Where the service's callback queues its events: it has no user pointer.
 std::atomic<EventThread*> g_events{nullptr};
 
-// Failures are told better by the observer, which gives the reason.
+// Failures are left to the observer, which gives the reason.
 void OnResult(unsigned int /*kind*/, unsigned int result, const char* /*text*/, void* /*reserved*/)
 {
     EventThread* const events = g_events;
@@ -60,7 +59,7 @@ void OnObservation(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
 {
     if (seen->ulKind == TRAVEX_FTP_OBSERVED_ACCEPTED)
     {
-        return;  // the client hears of a transfer when something comes of it
+        return;  // a transfer is reported to the client when it has a result
     }
     if (seen->ulKind != TRAVEX_FTP_OBSERVED_REFUSED || t_refusal == nullptr)
     {
@@ -74,8 +73,8 @@ void OnObservation(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
 // The one client of the process and the service under it. Thread-safe.
 //
 // m_mutex guards all members. It is held while the service is called, which waits for the service's
-// threads: these take the event queue's lock alone. It is not held while a callback of the client
-// is waited for, which may call any function of the interface.
+// threads: these take the event queue's lock only. It is not held while a callback of the client is
+// waited for, which may call any function of the interface.
 //
 // Never destroyed: calls may come until the process is gone.
 class Binding
@@ -83,46 +82,48 @@ class Binding
 public:
     static Binding& Get();
 
-    corpdir_code Open(const corpdir_log_settings* log, corpdir_client*& client);
-    void Close(corpdir_client* client);
-    corpdir_code Start(corpdir_client* client, const corpdir_request& record);
-    std::size_t StartReason(corpdir_client* client, char* buffer, std::size_t capacity);
-    corpdir_code SetCiphers(corpdir_client* client, const std::uint16_t* suites, std::size_t count);
-    corpdir_code AddCipher(corpdir_client* client, std::uint16_t suite);
+    corpdir_code Open(const corpdir_log_settings* log, corpdir_client*& client)
+        CORPDIR_EXCLUDES(m_mutex);
+    void Close(corpdir_client* client) CORPDIR_EXCLUDES(m_mutex);
+    corpdir_code Start(corpdir_client* client, const corpdir_request& record)
+        CORPDIR_EXCLUDES(m_mutex);
+    std::size_t StartReason(corpdir_client* client, char* buffer, std::size_t capacity)
+        CORPDIR_EXCLUDES(m_mutex);
+    corpdir_code SetCiphers(corpdir_client* client, const std::uint16_t* suites, std::size_t count)
+        CORPDIR_EXCLUDES(m_mutex);
+    corpdir_code AddCipher(corpdir_client* client, std::uint16_t suite) CORPDIR_EXCLUDES(m_mutex);
 
 private:
-    using Lock = std::unique_lock<std::mutex>;
+    bool IsOpen(corpdir_client* client) const CORPDIR_REQUIRES(m_mutex);
+    corpdir_code OpenService() CORPDIR_REQUIRES(m_mutex);
+    void StopService() CORPDIR_REQUIRES(m_mutex);
+    void Detach() CORPDIR_REQUIRES(m_mutex);
+    void Retire() CORPDIR_REQUIRES(m_mutex);
+    void ForgetEnded() CORPDIR_REQUIRES(m_mutex);
+    void WaitForEnd(corpdir_client* client) CORPDIR_REQUIRES(m_mutex);
+    bool MakeWay(corpdir_client* client) CORPDIR_REQUIRES(m_mutex);
+    corpdir_code RegisterServers(Request& request, ServerList& list, Refusal& refusal)
+        CORPDIR_REQUIRES(m_mutex);
+    corpdir_code StartStopped(Request& request, Refusal& refusal) CORPDIR_REQUIRES(m_mutex);
+    corpdir_code ApplyCiphers() CORPDIR_REQUIRES(m_mutex);
+    corpdir_code Failed(corpdir_code code, const char* reason) CORPDIR_REQUIRES(m_mutex);
 
-    bool IsOpen(corpdir_client* client) const;
-    corpdir_client* NextClient();
-    corpdir_code OpenService();
-    void StopService();
-    void Detach();
-    void Retire();
-    void ForgetEnded();
-    void WaitForEnd(Lock& lock, corpdir_client* client);
-    bool MakeWay(Lock& lock, corpdir_client* client);
-    corpdir_code RegisterServers(Request& request, ServerList& list, Refusal& refusal);
-    corpdir_code StartStopped(Request& request, Refusal& refusal);
-    corpdir_code ApplyCiphers();
-    corpdir_code Failed(corpdir_code code, const char* reason);
+    base::Mutex m_mutex;
+    base::CondVar m_closed;
 
-    std::mutex m_mutex;
-    std::condition_variable m_closed;
+    corpdir_client* m_client CORPDIR_GUARDED_BY(m_mutex) = nullptr;  // the open one
+    bool m_closing CORPDIR_GUARDED_BY(m_mutex) = false;  // on another thread than its event thread
+    std::shared_ptr<EventThread> m_events CORPDIR_GUARDED_BY(m_mutex);
+    std::shared_ptr<EventThread> m_ended
+        CORPDIR_GUARDED_BY(m_mutex);  // list: clients closed within their callbacks
 
-    corpdir_client* m_client = nullptr;  // the open one
-    bool m_closing = false;              // on another thread than its event thread
-    std::uintptr_t m_lastClient = 1;
-    std::shared_ptr<EventThread> m_events;
-    std::shared_ptr<EventThread> m_ended;  // of clients closed within their callbacks
-
-    bool m_hasLog = false;
-    tag_CORPDIR_LOGINFO m_log = {};
-    std::vector<int> m_ciphers;
-    bool m_defaultCiphersFirst = false;  // the list only adds
-    bool m_running = false;              // the service was started, and not stopped since
-    bool m_asked = false;                // a request is under way
-    char m_reason[512] = "";             // why the last start failed
+    bool m_hasLog CORPDIR_GUARDED_BY(m_mutex) = false;
+    tag_CORPDIR_LOGINFO m_log CORPDIR_GUARDED_BY(m_mutex) = {};
+    std::vector<int> m_ciphers CORPDIR_GUARDED_BY(m_mutex);
+    bool m_defaultCiphersFirst CORPDIR_GUARDED_BY(m_mutex) = false;  // the list only adds
+    bool m_running CORPDIR_GUARDED_BY(m_mutex) = false;   // the service was started and not stopped
+    bool m_asked CORPDIR_GUARDED_BY(m_mutex) = false;     // a request is under way
+    char m_reason[512] CORPDIR_GUARDED_BY(m_mutex) = "";  // why the last start failed
 };
 
 Binding& Binding::Get()
@@ -136,27 +137,16 @@ bool Binding::IsOpen(corpdir_client* client) const
     return client != nullptr && client == m_client && !m_closing;
 }
 
-// Numbers in the guise of pointers, counted through the life of the process: a closed client is
-// never taken for a later one. Odd ones, so that none is mistaken for the address of something.
-corpdir_client* Binding::NextClient()
-{
-    m_lastClient += 2;
-    corpdir_client* client = nullptr;
-    static_assert(sizeof(void*) == sizeof m_lastClient, "a client holds a number");
-    memcpy(&client, &m_lastClient, sizeof m_lastClient);
-    return client;
-}
-
 corpdir_code Binding::OpenService()
 {
-    constexpr unsigned int NOT_THE_LOG = 1;
+    constexpr unsigned int kNotTheLog = 1;
     tag_CORPDIR_LOGINFO log = m_log;
     const unsigned int result = GetCorpDirInstance()->CorpDirInit(m_hasLog ? &log : nullptr);
     m_running = result == 0;
     if (!m_running)
     {
-        GetCorpDirInstance()->CorpDirUninit();  // which belongs between a failed start and the next
-        return result == NOT_THE_LOG ? CORPDIR_ERR_SERVICE : CORPDIR_ERR_LOG;
+        GetCorpDirInstance()->CorpDirUninit();  // required between a failed start and the next one
+        return result == kNotTheLog ? CORPDIR_ERR_SERVICE : CORPDIR_ERR_LOG;
     }
     return CORPDIR_OK;
 }
@@ -171,7 +161,7 @@ void Binding::StopService()
     m_asked = false;
 }
 
-// After this nothing of the layers below knows the event thread.
+// After this the layers below do not use the event thread any more.
 void Binding::Detach()
 {
     StopService();
@@ -208,7 +198,7 @@ void Binding::ForgetEnded()
 }
 
 // Waits for the callback in which this client was closed.
-void Binding::WaitForEnd(Lock& lock, corpdir_client* client)
+void Binding::WaitForEnd(corpdir_client* client)
 {
     std::shared_ptr<EventThread> ended = m_ended;
     while (ended != nullptr && ended->Client() != client)
@@ -217,9 +207,9 @@ void Binding::WaitForEnd(Lock& lock, corpdir_client* client)
     }
     if (ended != nullptr)
     {
-        lock.unlock();
+        m_mutex.Unlock();
         ended->Join();
-        lock.lock();
+        m_mutex.Lock();
     }
     ForgetEnded();
 }
@@ -232,7 +222,7 @@ corpdir_code Binding::Open(const corpdir_log_settings* log, corpdir_client*& cli
     {
         return usable;
     }
-    const Lock lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     ForgetEnded();
     if (m_client != nullptr)
     {
@@ -241,7 +231,7 @@ corpdir_code Binding::Open(const corpdir_log_settings* log, corpdir_client*& cli
     m_hasLog = log != nullptr;
     m_log = info;
     m_reason[0] = '\0';
-    corpdir_client* const opened = NextClient();
+    auto* const opened = base::NewHandle<corpdir_client*>();
     auto events = std::make_shared<EventThread>(opened);
     events->Start();
     m_events = std::move(events);
@@ -251,7 +241,7 @@ corpdir_code Binding::Open(const corpdir_log_settings* log, corpdir_client*& cli
     if (code != CORPDIR_OK)
     {
         Detach();
-        m_events->Join();  // it has had no callback to wait for
+        m_events->Join();  // it had no callback to wait for
         m_events.reset();
         return code;
     }
@@ -262,7 +252,7 @@ corpdir_code Binding::Open(const corpdir_log_settings* log, corpdir_client*& cli
 
 void Binding::Close(corpdir_client* client)
 {
-    Lock lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     if (IsOpen(client))
     {
         Detach();
@@ -273,25 +263,28 @@ void Binding::Close(corpdir_client* client)
         }
         m_closing = true;
         const std::shared_ptr<EventThread> events = m_events;
-        lock.unlock();
+        m_mutex.Unlock();
         events->Join();
-        lock.lock();
+        m_mutex.Lock();
         m_events.reset();
         m_client = nullptr;
         m_closing = false;
-        m_closed.notify_all();
+        m_closed.NotifyAll();
     }
-    // A callback neither waits for itself nor for another one, which may wait for it.
+    // A callback waits neither for itself nor for another callback, which may wait for it.
     if (EventThread::CallerIsOne())
     {
         return;
     }
-    m_closed.wait(lock, [&] { return m_client != client; });
-    WaitForEnd(lock, client);
+    while (m_client == client)
+    {
+        m_closed.Wait(m_mutex);
+    }
+    WaitForEnd(client);
 }
 
 // Stops an earlier request and waits for its callback. False when the client was closed meanwhile.
-bool Binding::MakeWay(Lock& lock, corpdir_client* client)
+bool Binding::MakeWay(corpdir_client* client)
 {
     while (IsOpen(client))
     {
@@ -304,11 +297,11 @@ bool Binding::MakeWay(Lock& lock, corpdir_client* client)
         {
             return true;
         }
-        // That callback may make a request itself, which then is an earlier one.
+        // That callback may make a request itself, which is then the earlier one.
         const std::shared_ptr<EventThread> events = m_events;
-        lock.unlock();
+        m_mutex.Unlock();
         events->WaitForCallback();
-        lock.lock();
+        m_mutex.Lock();
     }
     return false;
 }
@@ -327,7 +320,7 @@ corpdir_code Binding::ApplyCiphers()
     return result == 0 ? CORPDIR_OK : CORPDIR_ERR_MEMORY;
 }
 
-// A name without an address is a server that failed: the others are asked.
+// A name without an address counts as a server that failed: the others are asked.
 corpdir_code Binding::RegisterServers(Request& request, ServerList& list, Refusal& refusal)
 {
     tag_CORPDIR_DOWNLOADINFO& info = request.Info();
@@ -387,7 +380,7 @@ corpdir_code Binding::Start(corpdir_client* client, const corpdir_request& recor
 {
     Request request;
     const corpdir_code usable = request.Read(record);
-    Lock lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     if (!IsOpen(client))
     {
         return CORPDIR_ERR_CLIENT;
@@ -396,7 +389,7 @@ corpdir_code Binding::Start(corpdir_client* client, const corpdir_request& recor
     {
         return Failed(usable, corpdir_error_text(usable));
     }
-    if (!MakeWay(lock, client))
+    if (!MakeWay(client))
     {
         return CORPDIR_ERR_CLIENT;
     }
@@ -404,7 +397,7 @@ corpdir_code Binding::Start(corpdir_client* client, const corpdir_request& recor
     const corpdir_code code = StartStopped(request, refusal);
     if (code != CORPDIR_OK)
     {
-        StopService();  // which wipes what the service has of the request
+        StopService();  // wipes the service's copy of the request
         m_events->Hold();
         return Failed(code, *refusal.reason != '\0' ? refusal.reason : corpdir_error_text(code));
     }
@@ -416,7 +409,7 @@ corpdir_code Binding::Start(corpdir_client* client, const corpdir_request& recor
 
 std::size_t Binding::StartReason(corpdir_client* client, char* buffer, std::size_t capacity)
 {
-    const Lock lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     const char* const reason = IsOpen(client) ? m_reason : "";
     const std::size_t length = strlen(reason);
     if (capacity > 0)
@@ -435,9 +428,9 @@ corpdir_code Binding::SetCiphers(corpdir_client* client, const std::uint16_t* su
     ciphers.reserve(count);
     for (std::size_t i = 0; i < count; ++i)
     {
-        ciphers.push_back(static_cast<int>(CIPHER_PREFIX | suites[i]));
+        ciphers.push_back(static_cast<int>(kCipherPrefix | suites[i]));
     }
-    const Lock lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     if (!IsOpen(client))
     {
         return CORPDIR_ERR_CLIENT;
@@ -449,12 +442,12 @@ corpdir_code Binding::SetCiphers(corpdir_client* client, const std::uint16_t* su
 
 corpdir_code Binding::AddCipher(corpdir_client* client, std::uint16_t suite)
 {
-    const Lock lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     if (!IsOpen(client))
     {
         return CORPDIR_ERR_CLIENT;
     }
-    const int cipher = static_cast<int>(CIPHER_PREFIX | suite);
+    const int cipher = static_cast<int>(kCipherPrefix | suite);
     if (std::find(m_ciphers.begin(), m_ciphers.end(), cipher) == m_ciphers.end())
     {
         m_defaultCiphersFirst = m_defaultCiphersFirst || m_ciphers.empty();
@@ -463,7 +456,7 @@ corpdir_code Binding::AddCipher(corpdir_client* client, std::uint16_t suite)
     return CORPDIR_OK;
 }
 
-// What runs out becomes a code: nothing may be thrown into another language.
+// No exception may pass into another language: a lack of memory or threads becomes a code.
 template <class Body>
 corpdir_code Guarded(Body body) noexcept
 {
@@ -487,7 +480,7 @@ struct CodeText
     const char* text;
 };
 
-constexpr CodeText CODE_TEXTS[] = {
+constexpr CodeText kCodeTexts[] = {
     {CORPDIR_OK, "success"},
     {CORPDIR_ERR_ARGUMENT, "a null pointer, or a record whose size or reserved member is wrong"},
     {CORPDIR_ERR_CLIENT, "the client is not open"},
@@ -586,7 +579,7 @@ size_t corpdir_start_reason(corpdir_client* client, char* buffer, size_t capacit
 
 corpdir_code corpdir_set_ciphers(corpdir_client* client, const uint16_t* suites, size_t count)
 {
-    if ((suites == nullptr && count != 0) || count > corpdir_c::MAX_CIPHERS)
+    if ((suites == nullptr && count != 0) || count > corpdir_c::kMaxCiphers)
     {
         return CORPDIR_ERR_ARGUMENT;
     }
@@ -600,7 +593,7 @@ corpdir_code corpdir_add_cipher(corpdir_client* client, uint16_t suite)
 
 const char* corpdir_error_text(uint32_t code)
 {
-    for (const corpdir_c::CodeText& known : corpdir_c::CODE_TEXTS)
+    for (const corpdir_c::CodeText& known : corpdir_c::kCodeTexts)
     {
         if (static_cast<std::uint32_t>(known.code) == code)
         {

@@ -1,19 +1,15 @@
 #include "event_thread.h"
 
-#include <pthread.h>
 #include <string.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <initializer_list>
 #include <new>
+#include <utility>
 
-#include "base/signals_blocked.h"
+#include "base/gate.h"
+#include "base/process_end.h"
 
 namespace corpdir_c
 {
-
 static_assert(CORPDIR_ERR_CONNECT == static_cast<int>(TRAVEX_FTP_ERR_CONNECT) &&
                   CORPDIR_ERR_TLS == static_cast<int>(TRAVEX_FTP_ERR_TLS) &&
                   CORPDIR_ERR_CERTIFICATE == static_cast<int>(TRAVEX_FTP_ERR_CERT) &&
@@ -30,43 +26,16 @@ static_assert(CORPDIR_SIZE_UNKNOWN == TRAVEX_FTP_SIZE_UNKNOWN, "one value for bo
 
 namespace
 {
-
-constexpr std::chrono::seconds EXIT_PATIENCE{1};
-constexpr std::chrono::milliseconds EXIT_POLL{1};
-
 thread_local const EventThread* t_thread = nullptr;
 
-// Callbacks in progress, and whether the process is ending. In this order a callback that begins
-// beside the end is either seen there or sees it.
-std::atomic<unsigned int> g_callbacks{0};
-std::atomic<bool> g_exiting{false};
+// Callbacks in progress, of all event threads.
+base::Gate g_callbacks;
 
-void LetNoCallbackBegin()
+// exit() within a callback cannot wait for that callback.
+void EndCallbacks(base::Clock::time_point deadline)
 {
-    g_exiting = true;
-    // exit() within a callback cannot wait for that callback.
-    const unsigned int own = EventThread::CallerIsOne() ? 1 : 0;
-    const auto deadline = std::chrono::steady_clock::now() + EXIT_PATIENCE;
-    while (g_callbacks > own && std::chrono::steady_clock::now() < deadline)
-    {
-        std::this_thread::sleep_for(EXIT_POLL);
-    }
+    g_callbacks.Close(EventThread::CallerIsOne() ? 1 : 0, deadline);
 }
-
-class CallbackCount
-{
-public:
-    CallbackCount()
-    {
-        ++g_callbacks;
-    }
-    ~CallbackCount()
-    {
-        --g_callbacks;
-    }
-    CallbackCount(const CallbackCount&) = delete;
-    CallbackCount& operator=(const CallbackCount&) = delete;
-};
 
 corpdir_event_kind KindOf(unsigned int observed)
 {
@@ -83,10 +52,10 @@ corpdir_event_kind KindOf(unsigned int observed)
     }
 }
 
-template <std::size_t SIZE>
-void Copy(char (&to)[SIZE], const char* from)
+template <std::size_t kSize>
+void Copy(char (&to)[kSize], const char* from)
 {
-    const std::size_t length = strnlen(from, SIZE - 1);
+    const std::size_t length = strnlen(from, kSize - 1);
     memcpy(to, from, length);
     to[length] = '\0';
 }
@@ -112,62 +81,43 @@ corpdir_code CodeOf(unsigned int layerResult) noexcept
     }
 }
 
-// An event with its texts. The bounds are those of the FTP layer.
-struct EventThread::Item
-{
-    Item* next = nullptr;
-    unsigned int task = 0;
-    corpdir_event_kind kind = CORPDIR_EVENT_LOST;
-    corpdir_code code = CORPDIR_OK;
-    std::uint64_t bytes = 0;
-    std::uint64_t total = CORPDIR_SIZE_UNKNOWN;
-    char server[64] = "";
-    char file[256] = "";
-    char reason[512] = "";
-};
-
 EventThread::EventThread(corpdir_client* client) : m_client(client) {}
-
-EventThread::~EventThread()
-{
-    Clear();
-}
 
 void EventThread::Start()
 {
-    static const bool registered = std::atexit(LetNoCallbackBegin) == 0;
+    static const bool registered = base::ProcessEnd::Register<base::EndStage::kEvents>(
+        EndCallbacks, [] { g_callbacks.ForgetInside(); });
     if (!registered)
     {
         throw std::bad_alloc();
     }
+    const base::MutexLock lock(m_mutex);
     m_transferred = std::make_unique<Item>();
-    const base::SignalsBlocked blocked;
-    m_thread = std::thread([this] { Run(); });
-    (void)pthread_setname_np(m_thread.native_handle(), "corpdir-events");
+    m_thread = base::Thread("corpdir-events", [this] { Run(); });
 }
 
 void EventThread::Hold() noexcept
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     m_held = true;
     Clear();
 }
 
 void EventThread::Release(corpdir_event_fn callback, void* user) noexcept
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     m_held = false;
     m_callback = callback;
     m_user = user;
-    m_changed.notify_all();
+    m_changed.NotifyAll();
 }
 
 void EventThread::Stop() noexcept
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     m_stopping = true;
     Clear();
-    m_changed.notify_all();
+    m_changed.NotifyAll();
 }
 
 void EventThread::Push(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
@@ -181,7 +131,7 @@ void EventThread::Push(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
     Copy(item.server, seen.pcServer);
     Copy(item.file, seen.pcServerFile);
     Copy(item.reason, seen.pcReason);
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     if (item.kind == CORPDIR_EVENT_TRANSFERRED)
     {
         *m_transferred = item;
@@ -189,24 +139,24 @@ void EventThread::Push(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
     Append(item);
 }
 
-// The service tells it right after the FTP layer's success, on the same thread.
+// The service reports it right after the FTP layer's success, on the same thread.
 void EventThread::PushDelivered() noexcept
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     Item item = *m_transferred;
     item.kind = CORPDIR_EVENT_DELIVERED;
     Append(item);
 }
 
-// A progress that waits in the queue is brought up to date: a slow callback makes no queue grow.
+// A progress that waits in the queue is updated: a slow callback makes no queue grow.
 bool EventThread::Overtake(const Item& item)
 {
-    for (Item* waiting = m_first; waiting != nullptr; waiting = waiting->next)
+    for (QueuedItem* waiting = m_queue.First(); waiting != nullptr; waiting = waiting->next.get())
     {
-        if (waiting->kind == CORPDIR_EVENT_PROGRESS && waiting->task == item.task)
+        if (waiting->item.kind == CORPDIR_EVENT_PROGRESS && waiting->item.task == item.task)
         {
-            waiting->bytes = item.bytes;
-            waiting->total = item.total;
+            waiting->item.bytes = item.bytes;
+            waiting->item.total = item.total;
             return true;
         }
     }
@@ -215,33 +165,26 @@ bool EventThread::Overtake(const Item& item)
 
 void EventThread::Append(const Item& item)
 {
-    const bool toNobody = !m_held && m_callback == nullptr;
-    if (m_stopping || toNobody || (item.kind == CORPDIR_EVENT_PROGRESS && Overtake(item)))
+    const bool unwanted = m_stopping || (!m_held && m_callback == nullptr);
+    if (unwanted || (item.kind == CORPDIR_EVENT_PROGRESS && Overtake(item)))
     {
         return;
     }
-    Item* const queued = new (std::nothrow) Item(item);
+    std::unique_ptr<QueuedItem> queued(new (std::nothrow) QueuedItem{item, nullptr});
     if (queued == nullptr)
     {
         m_lost = true;
     }
     else
     {
-        queued->next = nullptr;
-        (m_first == nullptr ? m_first : m_last->next) = queued;
-        m_last = queued;
+        m_queue.Push(std::move(queued));
     }
-    m_changed.notify_all();
+    m_changed.NotifyAll();
 }
 
 void EventThread::Clear()
 {
-    while (m_first != nullptr)
-    {
-        Item* const item = m_first;
-        m_first = item->next;
-        delete item;
-    }
+    m_queue.Clear();
     m_lost = false;
 }
 
@@ -253,20 +196,22 @@ void EventThread::Run() noexcept
     {
         Deliver(item);
     }
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     m_over = true;
-    m_changed.notify_all();
+    m_changed.NotifyAll();
 }
 
-// Waits for an event that may be delivered; the callback counts as in progress from here on. What
-// was lost is told as soon as possible. False: the thread is to end.
+// Waits for an event that may be delivered; the callback counts as in progress from here on. A loss
+// is reported first. False: the thread is to end.
 bool EventThread::Take(Item& item)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     m_inCallback = false;
-    m_changed.notify_all();
-    m_changed.wait(lock,
-                   [this] { return m_stopping || (!m_held && (m_lost || m_first != nullptr)); });
+    m_changed.NotifyAll();
+    while (!m_stopping && (m_held || (!m_lost && m_queue.IsEmpty())))
+    {
+        m_changed.Wait(m_mutex);
+    }
     if (m_stopping)
     {
         return false;
@@ -278,25 +223,22 @@ bool EventThread::Take(Item& item)
         item = Item();
         return true;
     }
-    const std::unique_ptr<Item> taken(m_first);
-    m_first = taken->next;
-    item = *taken;
+    item = m_queue.Pop()->item;
     return true;
 }
 
-// Callback and user do not change meanwhile: whoever changes them waits for the callback first, or
-// is called by it.
+// Callback and user do not change meanwhile: a caller that changes them waits for the callback
+// first, or is called by it.
 void EventThread::Deliver(const Item& item)
 {
     corpdir_event_fn callback = nullptr;
     void* user = nullptr;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const base::MutexLock lock(m_mutex);
         callback = m_callback;
         user = m_user;
     }
-    const CallbackCount count;
-    if (callback == nullptr || g_exiting)
+    if (callback == nullptr || !g_callbacks.Enter())
     {
         return;
     }
@@ -310,36 +252,41 @@ void EventThread::Deliver(const Item& item)
     event.bytes = item.bytes;
     event.total = item.total;
     callback(user, &event);
+    g_callbacks.Leave();
 }
 
 bool EventThread::InCallback()
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     return m_inCallback;
 }
 
 void EventThread::WaitForCallback()
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] { return !m_inCallback; });
+    const base::MutexLock lock(m_mutex);
+    while (m_inCallback)
+    {
+        m_changed.Wait(m_mutex);
+    }
 }
 
+// The thread marks its end in its last section under the mutex, so the join within it is short.
 void EventThread::Join()
 {
+    const base::MutexLock lock(m_mutex);
+    while (!m_over)
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_over; });
+        m_changed.Wait(m_mutex);
     }
-    const std::lock_guard<std::mutex> lock(m_joinMutex);
-    if (m_thread.joinable())
+    if (m_thread.Joinable())
     {
-        m_thread.join();
+        m_thread.Join();
     }
 }
 
 bool EventThread::Over()
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const base::MutexLock lock(m_mutex);
     return m_over;
 }
 

@@ -1,12 +1,13 @@
-// The thread on which a client of the C library is told of events, and the queue in front of it.
+// The thread on which a client of the C library receives events, and the queue in front of it.
 #ifndef CORPDIR_C_EVENT_THREAD_H
 #define CORPDIR_C_EVENT_THREAD_H
 
-#include <condition_variable>
+#include <cstdint>
 #include <memory>
-#include <mutex>
-#include <thread>
 
+#include "base/linked_queue.h"
+#include "base/mutex.h"
+#include "base/thread.h"
 #include "corpdir_c.h"
 #include "travex_ftp.h"
 
@@ -16,16 +17,16 @@ namespace corpdir_c
 // The code of this interface for one of the FTP layer.
 corpdir_code CodeOf(unsigned int layerResult) noexcept;
 
-// Thread-safe: one mutex guards all members but the thread, and is held for no call out of the
-// class. A started one must be stopped and joined before it is destroyed.
+// Thread-safe: one mutex guards all members, and is not held during a callback. A started one is
+// stopped and joined before it is destroyed.
 //
-// Events come from the service's threads, which must neither wait for the client nor lose their way
-// for want of memory: an event for which there is none is counted as lost, and that is told.
+// Events come from the service's threads, which must not wait for the client. When memory runs out
+// an event is lost, and the client gets an event that says so.
 class EventThread
 {
 public:
     explicit EventThread(corpdir_client* client);
-    ~EventThread();
+    ~EventThread() = default;
     EventThread(const EventThread&) = delete;
     EventThread& operator=(const EventThread&) = delete;
 
@@ -39,52 +40,69 @@ public:
 
     // Drops what is queued; from now on no callback begins, and new events wait.
     void Hold() noexcept;
-    // Delivers what waits, and what is to come, to this callback; null: to nobody.
+    // Delivers the waiting events, and those to come, to this callback; null: drops them.
     void Release(corpdir_event_fn callback, void* user) noexcept;
     // As Hold, for good: the thread ends when a callback in progress has returned.
     void Stop() noexcept;
 
-    // What the FTP layer observed, and what the service told the client.
+    // Queue an observation of the FTP layer, and the service's report of a delivered file.
     void Push(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept;
     void PushDelivered() noexcept;
 
     bool InCallback();
-    void WaitForCallback();  // until none is in progress; not on this thread
-    void Join();             // of a stopped one, any number of callers; not on this thread
-    bool Over();             // Join would not wait
+    void WaitForCallback();  // until no callback is in progress; not on this thread
+    void Join();             // after Stop(), any number of callers; not on this thread
+    bool Over();             // Join() would not wait
 
     bool IsCaller() const;
     static bool CallerIsOne();
 
-    // A stopped one whose thread was not joined yet; under the lock of its list.
+    // The next one in the list of those whose threads were not joined; under the lock of the list.
     std::shared_ptr<EventThread> nextEnded;
 
 private:
-    struct Item;
+    // An event with its texts. The bounds are those of the FTP layer.
+    struct Item
+    {
+        unsigned int task = 0;
+        corpdir_event_kind kind = CORPDIR_EVENT_LOST;
+        corpdir_code code = CORPDIR_OK;
+        std::uint64_t bytes = 0;
+        std::uint64_t total = CORPDIR_SIZE_UNKNOWN;
+        char server[64] = "";
+        char file[256] = "";
+        char reason[512] = "";
+    };
+
+    struct QueuedItem
+    {
+        Item item;
+        std::unique_ptr<QueuedItem> next;
+    };
 
     void Run() noexcept;
     bool Take(Item& item);
     void Deliver(const Item& item);
-    void Append(const Item& item);
-    bool Overtake(const Item& item);
-    void Clear();
+    void Append(const Item& item) CORPDIR_REQUIRES(m_mutex);
+    bool Overtake(const Item& item) CORPDIR_REQUIRES(m_mutex);
+    void Clear() CORPDIR_REQUIRES(m_mutex);
 
     corpdir_client* const m_client;
-    std::thread m_thread;  // set by Start, joined under m_joinMutex
-    std::mutex m_joinMutex;
 
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    Item* m_first = nullptr;
-    Item* m_last = nullptr;
-    bool m_lost = false;  // an event for which there was no memory
-    bool m_held = true;
-    bool m_stopping = false;
-    bool m_inCallback = false;
-    bool m_over = false;
-    corpdir_event_fn m_callback = nullptr;
-    void* m_user = nullptr;
-    std::unique_ptr<Item> m_transferred;  // the file that was complete last
+    base::Mutex m_mutex;
+    base::CondVar m_changed;
+    base::Thread m_thread CORPDIR_GUARDED_BY(m_mutex);
+    base::LinkedQueue<std::unique_ptr<QueuedItem>, &QueuedItem::next> m_queue
+        CORPDIR_GUARDED_BY(m_mutex);
+    std::unique_ptr<Item> m_transferred
+        CORPDIR_GUARDED_BY(m_mutex);                  // the latest file that was complete
+    bool m_lost CORPDIR_GUARDED_BY(m_mutex) = false;  // there was no memory for an event
+    bool m_held CORPDIR_GUARDED_BY(m_mutex) = true;
+    bool m_stopping CORPDIR_GUARDED_BY(m_mutex) = false;
+    bool m_inCallback CORPDIR_GUARDED_BY(m_mutex) = false;
+    bool m_over CORPDIR_GUARDED_BY(m_mutex) = false;
+    corpdir_event_fn m_callback CORPDIR_GUARDED_BY(m_mutex) = nullptr;
+    void* m_user CORPDIR_GUARDED_BY(m_mutex) = nullptr;
 };
 
 }  // namespace corpdir_c

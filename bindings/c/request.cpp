@@ -15,13 +15,13 @@ namespace
 
 // Bytes that fit, without the terminator: a field of the service's record, and the FTP layer's own
 // narrower ones.
-constexpr std::size_t MAX_FIELD = 255;
-constexpr std::size_t MAX_LOGIN = 127;
-constexpr std::size_t MAX_DIRECTORY = 127;
+constexpr std::size_t kMaxField = 255;
+constexpr std::size_t kMaxLogin = 127;
+constexpr std::size_t kMaxDirectory = 127;
 
-constexpr std::uint32_t MAX_PORT = 65535;
-constexpr std::uint32_t MAX_LEVEL = 2;
-constexpr std::size_t MAX_GROWTH = 1024;  // of a record, beyond which its size was not set
+constexpr std::uint32_t kMaxPort = 65535;
+constexpr std::uint32_t kMaxLevel = 2;
+constexpr std::size_t kMaxGrowth = 1024;  // of a record, beyond which its size was not set
 
 bool IsControlByte(char byte)
 {
@@ -34,7 +34,7 @@ bool IsControlByte(char byte)
 template <class T>
 bool IsKnown(const T& record)
 {
-    if (record.size < sizeof record || record.size > sizeof record + MAX_GROWTH)
+    if (record.size < sizeof record || record.size > sizeof record + kMaxGrowth)
     {
         return false;
     }
@@ -74,13 +74,13 @@ bool IsPlainName(const char* name)
 // The closing "/" is the service's, which adds it.
 bool FillDirectory(char (&field)[256], const char* directory)
 {
-    return Fill(field, directory, MAX_DIRECTORY) &&
-           strlen(field) + (EndsInSlash(field) ? 0 : 1) <= MAX_DIRECTORY;
+    return Fill(field, directory, kMaxDirectory) &&
+           strlen(field) + (EndsInSlash(field) ? 0 : 1) <= kMaxDirectory;
 }
 
 bool IsServer(const char* begin, const char* end)
 {
-    return begin != end && static_cast<std::size_t>(end - begin) <= MAX_FIELD &&
+    return begin != end && static_cast<std::size_t>(end - begin) <= kMaxField &&
            std::none_of(begin, end, [](char byte) { return byte == ' ' || IsControlByte(byte); });
 }
 
@@ -130,11 +130,11 @@ corpdir_code ReadLogSettings(const corpdir_log_settings& settings, tag_CORPDIR_L
         return CORPDIR_ERR_ARGUMENT;
     }
     const bool named = settings.directory != nullptr && *settings.directory != '\0';
-    if (named && !Fill(info.szLogDir, settings.directory, MAX_FIELD))
+    if (named && !Fill(info.szLogDir, settings.directory, kMaxField))
     {
         return CORPDIR_ERR_LOG_DIR;
     }
-    if (settings.level > MAX_LEVEL)
+    if (settings.level > kMaxLevel)
     {
         return CORPDIR_ERR_LOG_LEVEL;
     }
@@ -174,22 +174,22 @@ corpdir_code Request::ReadServer(const corpdir_request& request)
         return CORPDIR_ERR_SERVERS;
     }
     m_info.pszFtpIPs = request.servers;
-    if (!Fill(m_info.szUserName, request.user, MAX_LOGIN))
+    if (!Fill(m_info.szUserName, request.user, kMaxLogin))
     {
         return CORPDIR_ERR_USER;
     }
-    return Fill(m_info.szPassword, request.password, MAX_LOGIN) ? CORPDIR_OK : CORPDIR_ERR_PASSWORD;
+    return Fill(m_info.szPassword, request.password, kMaxLogin) ? CORPDIR_OK : CORPDIR_ERR_PASSWORD;
 }
 
 corpdir_code Request::ReadFiles(const corpdir_request& request)
 {
-    if (!Fill(m_info.szVersionServerFile, request.version_file, MAX_FIELD) ||
+    if (!Fill(m_info.szVersionServerFile, request.version_file, kMaxField) ||
         EndsInSlash(m_info.szVersionServerFile))
     {
         return CORPDIR_ERR_VERSION_FILE;
     }
     // The service tells the two apart by their names.
-    if (!Fill(m_info.szCorpDirServerFile, request.directory_file, MAX_FIELD) ||
+    if (!Fill(m_info.szCorpDirServerFile, request.directory_file, kMaxField) ||
         EndsInSlash(m_info.szCorpDirServerFile) ||
         strcmp(m_info.szCorpDirServerFile, m_info.szVersionServerFile) == 0)
     {
@@ -207,7 +207,7 @@ corpdir_code Request::ReadDirectories(const corpdir_request& request)
         return CORPDIR_ERR_DIRECTORY_DIR;
     }
     if (!Fill(m_info.szCorpDirLocalFileName,
-              orElse(request.directory_name, LastPart(m_info.szCorpDirServerFile)), MAX_FIELD) ||
+              orElse(request.directory_name, LastPart(m_info.szCorpDirServerFile)), kMaxField) ||
         !IsPlainName(m_info.szCorpDirLocalFileName))
     {
         return CORPDIR_ERR_DIRECTORY_NAME;
@@ -218,7 +218,7 @@ corpdir_code Request::ReadDirectories(const corpdir_request& request)
         return CORPDIR_ERR_VERSION_DIR;
     }
     if (!Fill(m_info.szVersionLocalFileName,
-              orElse(request.version_name, LastPart(m_info.szVersionServerFile)), MAX_FIELD) ||
+              orElse(request.version_name, LastPart(m_info.szVersionServerFile)), kMaxField) ||
         !IsPlainName(m_info.szVersionLocalFileName) || SamePlace(m_info))
     {
         return CORPDIR_ERR_VERSION_NAME;
@@ -234,11 +234,11 @@ corpdir_code Request::ReadOptions(const corpdir_request& request)
     {
         return CORPDIR_ERR_LOCAL_ADDRESS;
     }
-    if (!Fill(m_info.szFtpCtrlInfo, request.trust != nullptr ? request.trust : "system", MAX_FIELD))
+    if (!Fill(m_info.szFtpCtrlInfo, request.trust != nullptr ? request.trust : "system", kMaxField))
     {
         return CORPDIR_ERR_TRUST;
     }
-    if (request.port > MAX_PORT)
+    if (request.port > kMaxPort)
     {
         return CORPDIR_ERR_PORT;
     }
