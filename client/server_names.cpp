@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -15,10 +14,9 @@
 #include <mutex>
 #include <new>
 #include <system_error>
-#include <thread>
 #include <utility>
 
-#include "base/signals_blocked.h"
+#include "base/thread.h"
 #include "osak.h"
 #include "travex_ftp.h"
 
@@ -276,14 +274,11 @@ ServerLookup::ServerLookup(std::vector<ServerEntry> entries, int family, Lookup 
       m_shared(std::make_shared<Shared>(NamesOf(m_entries), family, std::move(lookup)))
 {
     const std::size_t wanted = std::min(m_shared->names.size(), kMaxThreads);
-    const base::SignalsBlocked blocked;
     for (std::size_t made = 0; made != wanted; ++made)
     {
         try
         {
-            std::thread thread([shared = m_shared] { shared->Work(); });
-            (void)pthread_setname_np(thread.native_handle(), "corpdir-lookup");
-            thread.detach();
+            base::Thread("corpdir-lookup", [shared = m_shared] { shared->Work(); }).Detach();
         }
         catch (const std::system_error&)
         {

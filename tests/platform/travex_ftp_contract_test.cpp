@@ -9,6 +9,7 @@
 #include <cstring>
 #include <future>
 
+#include "base/changes.h"
 #include "captured_log.h"
 #include "travex_ftp_fixture.h"
 
@@ -468,6 +469,65 @@ TEST_F(Contract, StopAndStartInsideTheCallback)
     EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
     EXPECT_EQ(3u, Notices().size());  // the first task's 12 does not follow its stop
 }
+
+// A thread that sleeps until a change, as the service's worker does. Without a change it sleeps for
+// a minute.
+class SleeperWakes : public Contract, public testing::WithParamInterface<bool>
+{
+protected:
+    static constexpr std::chrono::seconds kLongest{60};
+    static constexpr std::chrono::seconds kNotLong{20};
+
+    // Returns true when a change woke it.
+    std::future<bool> StartSleeper()
+    {
+        return std::async(std::launch::async,
+                          []
+                          {
+                              base::Changes& changes = base::Changes::Get();
+                              const auto begin = base::Clock::now();
+                              const uint64_t seen =
+                                  changes.Sleep(0, std::chrono::seconds(0), kLongest);
+                              (void)changes.Sleep(seen, kLongest, kLongest);
+                              return base::Clock::now() - begin < kNotLong;
+                          });
+    }
+};
+
+TEST_P(SleeperWakes, WhenACallbackHasReturned)
+{
+    FaultyServer server("none");
+    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::promise<void> releaseLater;
+    ftp_test::SetHook(
+        [&](const Notice& notice)
+        {
+            if (notice.type != TRAVEX_FTP_NOTIFY_SUCCESS)
+            {
+                releaseLater.get_future().wait();
+                return;
+            }
+            if (GetParam())
+            {
+                EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+            }
+            entered.set_value();
+            release.get_future().wait();
+        });
+    (void)Start("f", "one");
+    entered.get_future().wait();
+    std::future<bool> woken = StartSleeper();
+    EXPECT_EQ(std::future_status::timeout, woken.wait_for(std::chrono::milliseconds(50)));
+    release.set_value();
+    EXPECT_TRUE(woken.get());
+    releaseLater.set_value();
+    EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
+}
+
+INSTANTIATE_TEST_SUITE_P(Layer, SleeperWakes, testing::Bool(),
+                         [](const auto& test) { return test.param ? "Stopped" : "Running"; });
 
 TEST_F(Contract, InitAndUnInitFromManyThreads)
 {
