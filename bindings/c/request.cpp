@@ -21,7 +21,7 @@ constexpr std::size_t kMaxDirectory = 127;
 
 constexpr std::uint32_t kMaxPort = 65535;
 constexpr std::uint32_t kMaxLevel = 2;
-constexpr std::size_t kMaxGrowth = 1024;  // of a record, beyond which its size was not set
+constexpr std::size_t kMaxGrowth = 1024;  // a larger size of a record was not set
 
 bool IsControlByte(char byte)
 {
@@ -29,8 +29,8 @@ bool IsControlByte(char byte)
     return value < 0x20 || value == 0x7f;
 }
 
-// A record is the one of this header, or a longer one of a later header whose further members are
-// zero, and so ask for what this library does.
+// True for a record of this header, and for a longer one of a later header whose further members
+// are zero, which asks for this library's defaults.
 template <class T>
 bool IsKnown(const T& record)
 {
@@ -43,7 +43,7 @@ bool IsKnown(const T& record)
                        [](unsigned char byte) { return byte == 0; });
 }
 
-// Copies a text of 1 to limit bytes without control bytes; false when it is another one.
+// Copies a text of 1 to limit bytes without control bytes; false for any other text.
 bool Fill(char (&field)[256], const char* text, std::size_t limit)
 {
     const std::size_t length = text == nullptr ? 0 : strnlen(text, limit + 1);
@@ -71,7 +71,7 @@ bool IsPlainName(const char* name)
     return strchr(name, '/') == nullptr && strcmp(name, ".") != 0 && strcmp(name, "..") != 0;
 }
 
-// The closing "/" is the service's, which adds it.
+// Counts the closing "/", which the service adds.
 bool FillDirectory(char (&field)[256], const char* directory)
 {
     return Fill(field, directory, kMaxDirectory) &&
@@ -188,7 +188,7 @@ corpdir_code Request::ReadFiles(const corpdir_request& request)
     {
         return CORPDIR_ERR_VERSION_FILE;
     }
-    // The service tells the two apart by their names.
+    // The service distinguishes the two by their names.
     if (!Fill(m_info.szCorpDirServerFile, request.directory_file, kMaxField) ||
         EndsInSlash(m_info.szCorpDirServerFile) ||
         strcmp(m_info.szCorpDirServerFile, m_info.szVersionServerFile) == 0)
@@ -228,7 +228,7 @@ corpdir_code Request::ReadDirectories(const corpdir_request& request)
 
 corpdir_code Request::ReadOptions(const corpdir_request& request)
 {
-    // Null would keep an earlier request's.
+    // Null would keep the earlier request's address.
     m_info.pszLocalIP = request.local_address != nullptr ? request.local_address : "";
     if (*m_info.pszLocalIP != '\0' && !IsAddress(m_info.pszLocalIP))
     {

@@ -1,4 +1,4 @@
-// The records of the C interface: what may stand in them, and the service's records made of them.
+// The records of the C interface, checked and converted to the service's records.
 #ifndef CORPDIR_C_REQUEST_H
 #define CORPDIR_C_REQUEST_H
 
@@ -8,11 +8,11 @@
 namespace corpdir_c
 {
 
-// Copies settings into the service's record. CORPDIR_OK, or what is wrong with them.
+// Copies settings into the service's record. CORPDIR_OK, or the code of the bad member.
 corpdir_code ReadLogSettings(const corpdir_log_settings& settings, tag_CORPDIR_LOGINFO& info);
 
-// The service's record of a request, filled for one call. It holds the password, and is wiped at
-// the end.
+// The service's record of a request, filled for one call. It holds the password and is wiped when
+// it goes.
 class Request
 {
 public:
@@ -21,8 +21,8 @@ public:
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
 
-    // CORPDIR_OK, or what is wrong with the request. Takes no memory, so that a start that runs out
-    // of it has stopped the earlier request. List of servers and local address are not copied.
+    // CORPDIR_OK, or the code of the bad member. Allocates nothing: a start that runs out of memory
+    // has then stopped the earlier request. Server list and local address are not copied.
     corpdir_code Read(const corpdir_request& request) noexcept;
 
     tag_CORPDIR_DOWNLOADINFO& Info()

@@ -12,14 +12,14 @@ namespace corpdir_c
 
 struct ServerList
 {
-    std::string forService;  // separated by ";": the entries that have an address
+    std::string forService;  // the entries that have an address, separated by ";"
     std::vector<corpdir_shared::Server> servers;
     std::vector<corpdir_shared::LeftOut> leftOut;
 };
 
-// Looks the names of a list up, side by side, for at most corpdir_shared::kLookupLimit. Names stay
-// names for the service, which looks them up again at each check. localAddress: when not empty,
-// names need an address of its family. Throws std::bad_alloc, and std::system_error when no thread
+// Looks up the names of a list in parallel, for at most corpdir_shared::kLookupLimit. The service
+// gets the names, and looks them up again at each check. localAddress: when not empty, names need
+// an address of its family. Throws std::bad_alloc, and std::system_error when no thread
 // can be made.
 ServerList FindServers(const std::string& list, const char* localAddress);
 

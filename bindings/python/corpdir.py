@@ -1,8 +1,8 @@
 """Client of the corporate-directory download service.
 
 The service fetches a small version file from an FTP or FTPS server and, when its first line
-changed, the directory file. It repeats the check every ten minutes, moves on to the next server
-when one fails, and tells the application through events.
+changed, the directory file. It repeats the check every ten minutes, tries the next server when
+one fails, and reports to the application by events.
 
     import corpdir
 
@@ -12,11 +12,11 @@ when one fails, and tells the application through events.
                               directory_dir="/var/lib/directory", timeout=60)
         print(result.path, result.bytes)
 
-To stay current, start() a request and take its events from a callback or from events().
+To stay current, start() a request and receive its events in a callback or from events().
 
-The C library is found by its soname, or where the environment variable CORPDIR_LIBRARY says. A
-process has one client at a time. Every method may be called on any thread, start() and fetch() by
-one at a time.
+The C library is found by its soname, or at the path in the environment variable CORPDIR_LIBRARY. A
+process has one client at a time. Every method may be called on any thread; start() and fetch() by
+one thread at a time.
 """
 
 import atexit
@@ -37,7 +37,7 @@ SIZE_UNKNOWN = 2 ** 64 - 1
 
 
 class Code(enum.IntEnum):
-    """Why a call or a transfer failed; corpdir_c.h says it in more words."""
+    """Why a call or a transfer failed; corpdir_c.h explains each."""
 
     OK = 0
     ARGUMENT = 1
@@ -81,18 +81,18 @@ class Code(enum.IntEnum):
 
 
 class EventKind(enum.IntEnum):
-    """What happened."""
+    """Kinds of event."""
 
     PROGRESS = 1     # bytes of a file have arrived
     TRANSFERRED = 2  # a file is complete and in place
     FAILED = 3       # a transfer failed; the next server may be tried next
-    REFUSED = 4      # a transfer could not be begun
+    REFUSED = 4      # a transfer could not begin
     DELIVERED = 5    # the directory file is complete
     LOST = 6         # memory ran out: events before this one are missing
 
 
 class CorpdirError(Exception):
-    """A call or a fetch failed: `code` (a Code, or a number that is new), `reason` in words."""
+    """A call or a fetch failed. `code`: a Code, or an unknown number; `reason`: a sentence."""
 
     def __init__(self, code, reason):
         super().__init__(reason)
@@ -119,7 +119,7 @@ class Event:
 
 @dataclasses.dataclass(frozen=True)
 class Result:
-    """What a fetch brought: the directory file, the server that gave it, and its size."""
+    """A fetched directory file: its path, its server and its size."""
 
     path: str
     server: str
@@ -199,7 +199,7 @@ def _known(kinds, number):
 
 
 def _text(name, value):
-    """A text as the C library takes it; a zero byte would cut it unnoticed."""
+    """A text for the C library; a zero byte would truncate it."""
     if value is None:
         return None
     encoded = os.fsencode(value)
@@ -213,11 +213,11 @@ def _servers(servers):
 
 
 def _secret(password):
-    """A copy of the password, terminated, that can be wiped."""
+    """A terminated copy of the password that can be wiped."""
     secret = bytearray(os.fsencode(password) if isinstance(password, str) else password)
     if 0 in secret:
         raise ValueError("password contains a zero byte")
-    # Room for the terminator from the start, so that nothing is moved and left behind.
+    # Allocated with the terminator, so that growing it leaves no copy behind.
     terminated = bytearray(len(secret) + 1)
     terminated[:-1] = secret
     _wipe(secret)
@@ -250,16 +250,16 @@ def _in_callback():
 
 
 class _Listener:
-    """Where one request's events go. C knows it by its function, and it must outlive C's calls."""
+    """Receives one request's events. C calls its function, so it must outlive C's calls."""
 
     def __init__(self, on_event):
         self.on_event = on_event
         self.events = queue.SimpleQueue()  # of Event, an exception, or None for the end
         self.started = False
-        self.dropping = False  # nobody will take what comes
-        self.function = _EventFunction(self._told)
+        self.dropping = False  # further events are not read
+        self.function = _EventFunction(self._receive)
 
-    def _told(self, _user, record):
+    def _receive(self, _user, record):
         _thread.in_callback = True
         # An exception cannot leave a C callback: ctypes would print it and go on.
         try:
@@ -277,12 +277,12 @@ class _Listener:
         self.events.put(None)
 
 
-def _told(event):
+def _describe(event):
     return "%s: %s" % (event.server, event.reason) if event.server else event.reason
 
 
 class _Outcome:
-    """Follows one pass through the servers, and knows when it has failed."""
+    """Follows one pass through the servers and detects its failure."""
 
     def __init__(self, servers, version_file):
         # The service asks a single server twice.
@@ -292,7 +292,7 @@ class _Outcome:
         self.version_came = False
 
     def add(self, event):
-        """Raises CorpdirError when nothing more is to come before the next check."""
+        """Raises CorpdirError when no more events follow before the next check."""
         if event.kind == EventKind.TRANSFERRED:
             self.version_came = True
         if event.kind not in (EventKind.FAILED, EventKind.REFUSED):
@@ -300,12 +300,12 @@ class _Outcome:
         self.last = event
         self.left -= 1
         if event.kind == EventKind.REFUSED or event.file != self.version_file or self.left == 0:
-            raise CorpdirError(event.code, _told(event))
+            raise CorpdirError(event.code, _describe(event))
 
     def when_late(self, timeout):
         reason = "no outcome within %g s" % timeout
         if self.last is not None:
-            reason += "; the last failure: " + _told(self.last)
+            reason += "; the last failure: " + _describe(self.last)
         elif self.version_came:
             reason += "; the version file has come: does its first line have 5 bytes at least?"
         return reason
@@ -316,15 +316,15 @@ class Client:
 
     log_dir: directory of the log; None: standard error. log_level: highest level written, 0 errors,
     1 fallbacks too, 2 everything. Raises CorpdirError, with Code.BUSY when the process has an open
-    client already, and OSError when the C library cannot be loaded. One that is not closed stays
-    open until the interpreter ends.
+    client already, and OSError when the C library cannot be loaded. A client that is not closed
+    stays open until the interpreter ends.
     """
 
     def __init__(self, log_dir=None, log_level=0, log_max_file_bytes=0, log_max_files=0):
         self._c = _c()
         self._lock = threading.Lock()
         self._listener = None
-        self._kept = []  # listeners that C may call, or be in
+        self._kept = []  # listeners that C may call, or is calling
         self._closed = False
         self._client = ctypes.c_void_p()
         log = _LogSettings(ctypes.sizeof(_LogSettings), _text("log_dir", log_dir),
@@ -332,7 +332,7 @@ class Client:
                            _number("log_max_file_bytes", log_max_file_bytes),
                            _number("log_max_files", log_max_files), 0)
         self._check(self._c.corpdir_open(ctypes.byref(log), ctypes.byref(self._client)))
-        # Before the interpreter ends: C must not call into one that is gone.
+        # C must not call into an interpreter that has ended.
         atexit.register(self.close)
 
     def __enter__(self):
@@ -342,14 +342,14 @@ class Client:
         self.close()
 
     def close(self):
-        """Stops the service; what is under way is cancelled. Harmless when it is closed.
+        """Stops the service; a transfer under way is cancelled. A second call has no effect.
 
-        Waits for a callback in progress, unless it is called within it: that one is the last.
-        Afterwards events() ends.
+        Waits for a callback in progress, unless it is called within that callback, which is then
+        the last one. Afterwards events() ends.
         """
         self._c.corpdir_close(self._client)
         if not _in_callback():
-            # Only now is C out of all of them; until then the exit handler keeps this object.
+            # Only now has C left all callbacks; until then the exit handler keeps this object.
             atexit.unregister(self.close)
         with self._lock:
             self._closed = True
@@ -360,7 +360,7 @@ class Client:
             listener.end()
 
     def set_ciphers(self, suites):
-        """Sets the TLS cipher suites of later requests: IANA numbers; none: the default again."""
+        """Sets the TLS cipher suites of later requests (IANA numbers); empty: the default again."""
         suites = [_number("cipher suite", suite, 16) for suite in suites]
         array = (ctypes.c_uint16 * len(suites))(*suites)
         self._check(self._c.corpdir_set_ciphers(self._client, array, len(suites)))
@@ -387,8 +387,8 @@ class Client:
         method may be called within. An exception that it raises goes to threading.excepthook, and
         is raised by the next step of events(). Without on_event the events wait for events().
 
-        Raises CorpdirError; the request is not under way then. Waits for a callback of the earlier
-        request that is in progress, unless it is called within it.
+        Raises CorpdirError; the request is then not under way. Waits for a callback in progress of
+        the earlier request, unless it is called within that callback.
         """
         for name, value in (("servers", servers), ("user", user), ("password", password)):
             if value is None:
@@ -413,8 +413,8 @@ class Client:
     def events(self, timeout=None):
         """Iterates over the events of the request under way, which was started without on_event.
 
-        Ends when the client is closed, when another request takes its place, or when no event came
-        for `timeout` seconds. Raises what a callback raised. Each event is given once.
+        Ends when the client is closed, when another request replaces this one, or when no event
+        came for `timeout` seconds. Raises the exception of a callback. Each event is given once.
         """
         with self._lock:
             listener = self._listener
@@ -432,14 +432,15 @@ class Client:
     def fetch(self, *, timeout=60.0, on_event=None, **request):
         """Fetches the directory file and returns a Result; `request` is as for start().
 
-        Takes the version file from the first server that gives it, and the directory file from the
-        same. Raises CorpdirError with the last failure's code and reason when none gives the one or
-        that one does not give the other, and with Code.TIMEOUT when there is no outcome after
-        `timeout` seconds. on_event is told of everything, on this thread; what it raises is raised.
+        Takes the version file from the first server that sends it, and the directory file from the
+        same server. Raises CorpdirError with the last failure's code and reason when no server
+        sends the version file or that server does not send the directory file, and with
+        Code.TIMEOUT when there is no outcome after `timeout` seconds. on_event is called for each
+        event, on this thread; its exceptions are raised.
 
-        The request stays under way, checks follow, and their events are dropped: close() the
-        client, or start() a request to stay current and be told. Not within a callback, whose end
-        its events would wait for.
+        The request stays under way: checks follow, and their events are dropped. close() the
+        client, or start() a request to stay current and receive events. Not within a callback: its
+        events would wait for that callback.
         """
         if _in_callback():
             raise RuntimeError("fetch() within a callback would wait for itself")
@@ -473,15 +474,15 @@ class Client:
                 return Result(_path(request), event.server, event.bytes)
             outcome.add(event)
 
-    # A listener is dropped when C says that it is out of it for good: after a start that replaced
-    # it, on another thread than C's own. Another start may be under way beside this one, and its
-    # listener be in use already: that one is not marked as started before this call.
+    # A listener is dropped when C will not call it again: after a start that replaced it, on
+    # another thread than C's own. Another start may be under way, with its listener in use: that
+    # listener is not marked as started before this call.
     def _begin(self, listener, record):
         with self._lock:
             replaced = [kept for kept in self._kept if kept.started]
             self._kept.append(listener)
         code = self._c.corpdir_start(self._client, ctypes.byref(record))
-        # Whether the earlier request is over: a request that cannot be used leaves it alone.
+        # Whether the earlier request is over: a request that cannot be used does not end it.
         over = code == Code.OK or Code.MEMORY <= code < Code.SERVERS
         with self._lock:
             before = self._listener if over else None

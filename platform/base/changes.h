@@ -1,4 +1,4 @@
-// The changes that a thread which polls may have to look at, and the sleep between two looks.
+// Counts changes that a polling thread may have to look at, and its sleep between two looks.
 #ifndef CORPDIR_BASE_CHANGES_H
 #define CORPDIR_BASE_CHANGES_H
 
@@ -9,8 +9,8 @@
 
 namespace base
 {
-// A counter of the process. The layers raise it after each callback into their client, and when a
-// thread is to end: what such a callback has queued for another thread is there to be taken.
+// The process's counter. The layers raise it after each callback into their client, and when a
+// thread is to end: whatever the callback queued for another thread can be taken by then.
 // Thread-safe; not for the child of a fork.
 class Changes
 {
@@ -30,8 +30,8 @@ public:
         m_raised.NotifyAll();
     }
 
-    // The sleep of a thread that looked at its work since its last one. `seen` is what that one
-    // returned, 0 for a thread's first. Returns at once when there was a change since. Lasts
+    // The sleep of a thread that looked at its work after its last sleep. `seen`: the result of
+    // that sleep, 0 for a thread's first. Returns at once when there was a change since. Lasts
     // `asked` for the first sleep and for one soon after a change, else `longest`; a change ends it
     // early. Returns the count of changes, never 0.
     uint64_t Sleep(uint64_t seen, Clock::duration asked, Clock::duration longest)

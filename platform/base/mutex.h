@@ -62,7 +62,7 @@ private:
     Mutex& m_mutex;
 };
 
-// What threads that hold a mutex wait for; a wait may end for no reason.
+// A condition that threads wait for while they hold a mutex; a wait may end without a reason.
 class CondVar
 {
 public:

@@ -6,8 +6,8 @@
 
 namespace base
 {
-// A static object that is never destroyed: threads and static destructors still use it after the
-// exit handlers have run. Making one takes no memory from the heap.
+// A static object that is never destroyed: threads and static destructors use it after the exit
+// handlers have run. It takes no memory from the heap.
 template <typename T>
 class NeverDestroyed
 {

@@ -10,8 +10,7 @@
 
 namespace base
 {
-// True for a character beyond ASCII that a terminal or a viewer obeys, or swallows, instead of
-// showing it.
+// True for a character beyond ASCII that a terminal or a viewer does not show, but obeys or drops.
 inline bool IsUnseen(uint32_t character)
 {
     struct Range
@@ -22,7 +21,7 @@ inline bool IsUnseen(uint32_t character)
     constexpr Range kRanges[] = {
         {0x0080, 0x009F},    // controls
         {0x061C, 0x061C},    // a mark of direction
-        {0x200B, 0x200F},    // of no width: space, joiners, marks of direction
+        {0x200B, 0x200F},    // zero width: space, joiners, marks of direction
         {0x2028, 0x202E},    // separators, embeddings and overrides of the direction
         {0x2060, 0x2060},    // word joiner
         {0x2066, 0x2069},    // isolates
@@ -34,8 +33,8 @@ inline bool IsUnseen(uint32_t character)
                        { return character >= range.first && character <= range.last; });
 }
 
-// Bytes of the UTF-8 character (RFC 3629) at the front of the text; 0 when there is none, or it is
-// an unseen one.
+// Bytes of the UTF-8 character (RFC 3629) at the front of the text; 0 when the text has no such
+// character there, or an unseen one.
 inline size_t PrintableLength(std::string_view text)
 {
     const unsigned char lead = text.empty() ? 0 : static_cast<unsigned char>(text.front());
@@ -61,7 +60,7 @@ inline size_t PrintableLength(std::string_view text)
         }
         character = character << 6 | (byte & 0x3FU);
     }
-    constexpr uint32_t kSmallest[] = {0x80, 0x800, 0x10000};  // by length: longer forms are none
+    constexpr uint32_t kSmallest[] = {0x80, 0x800, 0x10000};  // by length: longer forms are invalid
     const bool surrogate = character >= 0xD800 && character <= 0xDFFF;
     const bool valid = character >= kSmallest[length - 2] && character <= 0x10FFFF && !surrogate;
     return valid && !IsUnseen(character) ? length : 0;

@@ -1,5 +1,5 @@
-// Which text a thread last converted to an address. The OS layer notes it, the FTP layer asks what
-// a server was listed as when it is handed the address alone.
+// The texts that a thread converted to addresses. The OS layer notes them; the FTP layer, which
+// gets the address only, asks how a server was listed.
 #ifndef CORPDIR_BASE_RESOLVED_NAMES_H
 #define CORPDIR_BASE_RESOLVED_NAMES_H
 
@@ -12,7 +12,7 @@
 
 namespace base
 {
-// IPv4 or IPv6, told apart by the length; an IPv4 address mapped into IPv6 counts as IPv4.
+// IPv4 or IPv6, distinguished by the length; an IPv4 address mapped into IPv6 counts as IPv4.
 inline std::string AddressKey(int family, const void* bytes)
 {
     static const char kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, '\xff', '\xff'};
@@ -34,8 +34,8 @@ public:
         return names;
     }
 
-    // Notes that the text was converted to the address. For lack of memory, or when very many were
-    // noted, it is left out: then the address alone counts.
+    // Notes that the text was converted to the address. When memory runs out, or very many were
+    // noted, it is left out: the address alone counts then.
     void Note(int family, const void* bytes, const char* text) noexcept
     {
         constexpr size_t kMost = 64;
@@ -52,7 +52,7 @@ public:
         }
     }
 
-    // The text that was converted to the address first; empty: none was.
+    // The first text that was converted to the address; empty: none was.
     std::string TextFor(int family, const void* bytes) const
     {
         const std::string key = AddressKey(family, bytes);

@@ -5,15 +5,41 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <exception>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <system_error>
 #include <utility>
 
-#include "base/signals_blocked.h"
-
 namespace base
 {
+// Blocks all signals except those of faults on the calling thread; threads that it makes inherit
+// the mask. SIGPIPE and SIGXFSZ are among the blocked: both become errors of the write.
+class SignalsBlocked
+{
+public:
+    SignalsBlocked()
+    {
+        sigset_t blocked;
+        (void)sigfillset(&blocked);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS})
+        {
+            (void)sigdelset(&blocked, fault);
+        }
+        (void)pthread_sigmask(SIG_BLOCK, &blocked, &m_before);
+    }
+    ~SignalsBlocked()
+    {
+        (void)pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t m_before;
+};
+
 // A thread with the program's signals blocked. A started thread is joined or detached before its
 // object is destroyed. Not thread-safe.
 class Thread

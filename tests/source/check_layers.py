@@ -16,7 +16,7 @@ CLIENT_HEADERS = {"ftpcorpdir.h", "corpdir_loginfo.h"}
 TEXT = {"base/printable.h"}
 BASE = {"base/" + name + ".h" for name in (
     "changes", "descriptor", "gate", "handle", "linked_queue", "mutex", "never_destroyed", "process_end",
-    "resolved_names", "signals_blocked", "thread")} | TEXT
+    "resolved_names", "thread")} | TEXT
 SHARED = {"server_names.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
