@@ -1,8 +1,9 @@
-// Security layer: random source, block cipher, bounded memory and string helpers.
-//
-// Everything here may be called on any thread; nothing keeps state, blocks or throws. Results are 0
-// for success and one of the codes below otherwise. Once the process has begun to end, random bytes
-// and ciphers fail with their codes: the crypto library frees its state.
+/// @file
+/// Security layer: random source, block cipher, bounded memory and string helpers.
+///
+/// Everything here may be called on any thread; nothing keeps state, blocks or throws. The result
+/// is 0 for success, else a code of tagZEP_RESULT. Once the process has begun to end, random bytes
+/// and ciphers fail with their codes, because the crypto library shuts itself down.
 #ifndef ZEP_H
 #define ZEP_H
 
@@ -29,12 +30,12 @@ extern "C"
     /// Block size in bytes: 16 for algorithm 0, 0 for an unknown one.
     unsigned int ZEP_CRYPT_GetblockSize(unsigned int alg);
 
-    // Algorithm 0 is AES-256-CBC (NIST SP 800-38A) with PKCS#7 padding (RFC 5652, 6.3): key 32
-    // bytes, IV 16 bytes. *outLen is the capacity of out on entry and the bytes written on return,
-    // 0 after a failure. n bytes encrypt into (n / 16 + 1) * 16; a decryption writes the plain
-    // bytes only and needs room for them alone. Nothing is written past the capacity. in and out
-    // may be the same buffer, other overlaps are refused. When the padding is wrong, out does not
-    // change.
+    /// Encrypts. Algorithm 0 is AES-256-CBC (NIST SP 800-38A) with PKCS#7 padding (RFC 5652, 6.3):
+    /// key 32 bytes, IV 16 bytes. *outLen is the capacity of out on entry and the bytes written on
+    /// return, 0 after a failure. n bytes encrypt into (n / 16 + 1) * 16; a decryption writes the
+    /// plain bytes only and needs room for them alone. Nothing is written past the capacity. in and
+    /// out may be the same buffer; other overlaps are refused. When the padding is wrong, out is
+    /// left unchanged: no plain byte is written.
     unsigned int ZEP_CPYPT_Encrypt(unsigned int alg, const unsigned char* key, unsigned int keyLen,
                                    const unsigned char* iv, unsigned int ivLen,
                                    const unsigned char* in, unsigned int inLen, unsigned char* out,
