@@ -20,8 +20,8 @@ enum class EndStage
 {
     kEvents,     // the C library's callbacks
     kTransfers,  // notifications and transfer threads
-    kCrypto,     // uses of the crypto library
-    kThreads,    // timers and threads of the OS layer
+    kThreads,    // timers and threads of the OS layer, which may be inside OpenSSL
+    kCrypto,     // uses of the crypto library; OpenSSL's own handler runs after this stage
     kLog,        // last: the others write records
 };
 
