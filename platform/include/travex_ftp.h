@@ -270,8 +270,15 @@ static_assert(sizeof(void*) != 8 || (sizeof(tagTRAVEX_FTP_S_CTRL_PARAM) == 648 &
                                      offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, aucLocalIp) == 624 &&
                                      offsetof(tagTRAVEX_FTP_S_CTRL_PARAM, ulCertVerify) == 640),
               "control record layout");
-static_assert(sizeof(tagTRAVEX_FTP_S_DATA_PARAM) == 24, "data record layout");
+static_assert(sizeof(tagTRAVEX_FTP_S_DATA_PARAM) == 24 &&
+                  offsetof(tagTRAVEX_FTP_S_DATA_PARAM, ulDataOption1) == 0 &&
+                  offsetof(tagTRAVEX_FTP_S_DATA_PARAM, ulDataOption2) == 4 &&
+                  offsetof(tagTRAVEX_FTP_S_DATA_PARAM, ulDataOption3) == 8 &&
+                  offsetof(tagTRAVEX_FTP_S_DATA_PARAM, ulDataOption4) == 12,
+              "data record layout");
+static_assert(offsetof(tagTRAVEX_FTP_S_ERR_INFO, ulRet) == 0, "error record layout");
 static_assert(sizeof(void*) != 8 || (sizeof(tagTRAVEX_FTP_S_NOTIFY_DATA) == 272 &&
+                                     offsetof(tagTRAVEX_FTP_S_NOTIFY_DATA, ulTaskID) == 0 &&
                                      offsetof(tagTRAVEX_FTP_S_NOTIFY_DATA, DownFileName) == 4 &&
                                      offsetof(tagTRAVEX_FTP_S_NOTIFY_DATA, ulType) == 260 &&
                                      offsetof(tagTRAVEX_FTP_S_NOTIFY_DATA, pstErrInfo) == 264),

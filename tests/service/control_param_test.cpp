@@ -1,5 +1,4 @@
 // Control parameters: the record that the FTP library gets, to the byte, and each way to fail.
-#include <cstddef>
 #include <cstring>
 
 #include "fake_state.h"
@@ -78,7 +77,7 @@ std::string Padded(std::string strBytes)
 
 const std::string ZERO_ADDRESS(16, '\0');
 
-// A record written field by field, at the offsets that the library was built with.
+// A record written field by field, at the offsets of the library's record.
 class ExpectedRecord
 {
 public:
@@ -634,7 +633,7 @@ TEST_F(ControlParamTest, AnEntryWithoutAnAddressIsHandedOverAsZeroAndNotFreed)
     EXPECT_EQ(LocalAddress(), Padded(Bytes({192, 0, 2, 99}))) << "the local address follows";
     EXPECT_EQ(Record().ulServerIpType, 0U);
     EXPECT_EQ(ServerAddress(), ZERO_ADDRESS);
-    EXPECT_EQ(fakes::ResolverResultsNotFreed(), 1U) << "kept as it always was";
+    EXPECT_EQ(fakes::ResolverResultsNotFreed(), 1U) << "the result is not freed";
     EXPECT_THAT(Only(Logged(), {"0"}),
                 ElementsAre("0 SetFtpCtrlParam: pstRemoteHost->ai_addr is NULL "));
 }
@@ -746,32 +745,4 @@ TEST_F(ControlParamTest, TheVerificationCallbackOnlyLogsItsArgumentsAndAgrees)
     const Lines vecLogged = Logged();
     ASSERT_EQ(vecLogged.size(), 2U);
     EXPECT_EQ(vecLogged[0], "2 VerifyCallback: VerifyCallback Enter FnFtpsVerify, (nil), 0x1234");
-}
-
-// --- Layout of the library's record -------------------------------------------------------------
-
-TEST(ControlRecord, HasTheLibrarysLayout)
-{
-    using Record = tagTRAVEX_FTP_S_CTRL_PARAM;
-    EXPECT_EQ(sizeof(Record), 648U);
-    EXPECT_EQ(offsetof(Record, ulServerType), 0U);
-    EXPECT_EQ(offsetof(Record, ulServerIpType), 8U);
-    EXPECT_EQ(offsetof(Record, aucServerIp), 16U);
-    EXPECT_EQ(offsetof(Record, ulServerPort), 32U);
-    EXPECT_EQ(offsetof(Record, ulCtrlOption1), 36U);
-    EXPECT_EQ(offsetof(Record, acUserName), 40U);
-    EXPECT_EQ(offsetof(Record, acPassword), 168U);
-    EXPECT_EQ(offsetof(Record, ulCtrlOption2), 424U);
-    EXPECT_EQ(offsetof(Record, ulCtrlOption3), 428U);
-    EXPECT_EQ(offsetof(Record, acWorkDir), 432U);
-    EXPECT_EQ(offsetof(Record, pcFtpCtrlInfo), 568U);
-    EXPECT_EQ(offsetof(Record, ulTlsOption1), 576U);
-    EXPECT_EQ(offsetof(Record, usTlsOption2), 580U);
-    EXPECT_EQ(offsetof(Record, ulTlsOption3), 584U);
-    EXPECT_EQ(offsetof(Record, pfnFtpsVerify), 592U);
-    EXPECT_EQ(offsetof(Record, piCipherList), 600U);
-    EXPECT_EQ(offsetof(Record, ulCipherNum), 608U);
-    EXPECT_EQ(offsetof(Record, ulLocalIpType), 616U);
-    EXPECT_EQ(offsetof(Record, aucLocalIp), 624U);
-    EXPECT_EQ(offsetof(Record, ulCertVerify), 640U);
 }

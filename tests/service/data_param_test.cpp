@@ -1,5 +1,4 @@
 // Data parameters: four fixed options, and two ways to fail.
-#include <cstddef>
 #include <cstring>
 
 #include "service_test.h"
@@ -42,14 +41,4 @@ TEST_F(DataParamTest, TheLibrarysRefusalIsLoggedAsUnsignedAndBecomesOne)
     EXPECT_EQ(inside::SetFtpDataParam(service), 1U);
     EXPECT_THAT(Logged(), ElementsAre("0 SetFtpDataParam: TRAVEX_FTP_SetDataParam Failed! Ret = "
                                       "4294967295"));
-}
-
-TEST(DataRecord, HasTheLibrarysLayout)
-{
-    using Record = tagTRAVEX_FTP_S_DATA_PARAM;
-    EXPECT_EQ(sizeof(Record), 24U);
-    EXPECT_EQ(offsetof(Record, ulDataOption1), 0U);
-    EXPECT_EQ(offsetof(Record, ulDataOption2), 4U);
-    EXPECT_EQ(offsetof(Record, ulDataOption3), 8U);
-    EXPECT_EQ(offsetof(Record, ulDataOption4), 12U);
 }

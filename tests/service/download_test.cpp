@@ -1,5 +1,4 @@
 // A download's start, and the way of its notifications.
-#include <cstddef>
 #include <cstring>
 
 #include "service_test.h"
@@ -271,15 +270,4 @@ TEST_F(DispatchTest, LargeNumbersAreUnsigned)
     members.m_ulCorpDirTaskID = 0xFFFFFFFD;
     Notification(OVER, 0xFFFFFFFF, "a").Deliver();
     EXPECT_EQ(Logged().back(), Detail(0xFFFFFFFF, 12, 0xFFFFFFFE, 0xFFFFFFFD, "a"));
-}
-
-TEST(NotificationRecord, HasTheLibrarysLayout)
-{
-    using Record = tagTRAVEX_FTP_S_NOTIFY_DATA;
-    EXPECT_EQ(sizeof(Record), 272U);
-    EXPECT_EQ(offsetof(Record, ulTaskID), 0U);
-    EXPECT_EQ(offsetof(Record, DownFileName), 4U);
-    EXPECT_EQ(offsetof(Record, ulType), 260U);
-    EXPECT_EQ(offsetof(Record, pstErrInfo), 264U);
-    EXPECT_EQ(offsetof(tagTRAVEX_FTP_S_ERR_INFO, ulRet), 0U);
 }

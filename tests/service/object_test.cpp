@@ -1,6 +1,5 @@
 // The one service object: how clients reach it, its virtual table, construction and destruction.
 #include <algorithm>
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -374,26 +373,4 @@ TEST_F(ObjectTest, NothingIsLoggedWhenTheLogModeIsNotZero)
     EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
     client.CorpDirUninit();
     EXPECT_THAT(Logged(), IsEmpty());
-}
-
-TEST(RequestRecord, HasTheLayoutThatClientsWereBuiltWith)
-{
-    using Info = tag_CORPDIR_DOWNLOADINFO;
-    EXPECT_EQ(sizeof(Info), 2352U);
-    EXPECT_EQ(offsetof(Info, szFtpCtrlInfo), 0U);
-    EXPECT_EQ(offsetof(Info, szUserName), 256U);
-    EXPECT_EQ(offsetof(Info, szPassword), 512U);
-    EXPECT_EQ(offsetof(Info, szVersionServerFile), 768U);
-    EXPECT_EQ(offsetof(Info, szCorpDirServerFile), 1024U);
-    EXPECT_EQ(offsetof(Info, szVersionLocalDir), 1280U);
-    EXPECT_EQ(offsetof(Info, szVersionLocalFileName), 1536U);
-    EXPECT_EQ(offsetof(Info, szCorpDirLocalDir), 1792U);
-    EXPECT_EQ(offsetof(Info, szCorpDirLocalFileName), 2048U);
-    EXPECT_EQ(offsetof(Info, pReserved1), 2304U);
-    EXPECT_EQ(offsetof(Info, pszFtpIPs), 2312U);
-    EXPECT_EQ(offsetof(Info, ulPort), 2320U);
-    EXPECT_EQ(offsetof(Info, ulFtpMode), 2324U);
-    EXPECT_EQ(offsetof(Info, pReserved2), 2328U);
-    EXPECT_EQ(offsetof(Info, pszLocalIP), 2336U);
-    EXPECT_EQ(offsetof(Info, ulCertVerify), 2344U);
 }

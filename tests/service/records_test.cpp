@@ -1,5 +1,5 @@
-// Sizes and offsets of the public records that no test of their own has, the same on every machine
-// with 64-bit pointers. The others: RequestRecord, ControlRecord, DataRecord, NotificationRecord.
+// Sizes and offsets of the public records, the same on every machine with 64-bit pointers. Those of
+// the request, control, data and notification records are asserted in their headers.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 #include "travex_ftp.h"
 #include "zep.h"
 
-TEST(LogRecord, HasTheLayoutThatClientsWereBuiltWith)
+TEST(LogRecord, IsWithoutGaps)
 {
     using Record = tag_CORPDIR_LOGINFO;
     EXPECT_EQ(sizeof(Record), 268U);
@@ -81,7 +81,7 @@ TEST(Records, HaveTheAlignmentOfTheirWidestField)
     EXPECT_EQ(alignof(tagTRAVEX_FTP_S_NOTIFY_DATA), 8U);
 }
 
-// No compiler may lay them out in a way of its own, and clients may copy them as bytes.
+// Their layout is the same with every compiler, and clients may copy them as bytes.
 template <typename Record>
 constexpr bool kPlain = std::is_standard_layout_v<Record>&& std::is_trivially_copyable_v<Record>;
 

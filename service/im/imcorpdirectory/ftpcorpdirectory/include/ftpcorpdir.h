@@ -23,6 +23,8 @@
 #ifndef FTPCORPDIR_H
 #define FTPCORPDIR_H
 
+#include <stddef.h>
+
 #include "corpdir_loginfo.h"
 
 /// A download request. The service copies what it needs during the call; the record may then be
@@ -61,7 +63,24 @@ struct tag_CORPDIR_DOWNLOADINFO
     unsigned int ulCertVerify;  ///< 1: the server's certificate is verified; other values: not
 };
 
-static_assert(sizeof(void*) != 8 || sizeof(tag_CORPDIR_DOWNLOADINFO) == 2352,
+static_assert(sizeof(void*) != 8 ||
+                  (sizeof(tag_CORPDIR_DOWNLOADINFO) == 2352 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szFtpCtrlInfo) == 0 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szUserName) == 256 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szPassword) == 512 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szVersionServerFile) == 768 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szCorpDirServerFile) == 1024 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szVersionLocalDir) == 1280 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szVersionLocalFileName) == 1536 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szCorpDirLocalDir) == 1792 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, szCorpDirLocalFileName) == 2048 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, pReserved1) == 2304 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, pszFtpIPs) == 2312 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, ulPort) == 2320 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, ulFtpMode) == 2324 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, pReserved2) == 2328 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, pszLocalIP) == 2336 &&
+                   offsetof(tag_CORPDIR_DOWNLOADINFO, ulCertVerify) == 2344),
               "the request record's layout is part of the interface");
 
 /// Result of a request, called on the service's notification thread, one call at a time.
@@ -71,7 +90,7 @@ static_assert(sizeof(void*) != 8 || sizeof(tag_CORPDIR_DOWNLOADINFO) == 2352,
 ///                         be tried next, so that several failures can precede a success
 ///
 /// Every failed transfer is reported. There is no call when a check finds the version unchanged,
-/// nor when a transfer could not be started (the log says why).
+/// nor when a transfer could not be started (the log says why, except when memory ran out).
 ///
 /// A directory file that failed is not fetched again until the version changes or a new request is
 /// made. The file that was there before is left untouched.
@@ -101,9 +120,9 @@ public:
 
     /// Takes a request and starts its first version check; a check follows every ten minutes.
     /// Blocks only for the resolution of the first server's name, if it is one.
-    /// Returns 0 when the first check was started, else a non-zero code; the log says why. A
-    /// request whose first check could not be started has no timer. See the top of this file for a
-    /// second request.
+    /// Returns 0 when the first check was started, else a non-zero code; the log says why, except
+    /// when memory ran out. A request whose first check could not be started has no timer. See the
+    /// top of this file for a second request.
     virtual unsigned int CorpDirDownloadNetaddr(tag_CORPDIR_DOWNLOADINFO* pstDownloadInfo,
                                                 CORPDIR_DOWNLOAD_CB pfnDownloadCb) = 0;
 
@@ -115,7 +134,7 @@ public:
     /// @{
 
     /// Replaces the list by a copy of piCipherList (ulCipherNum entries, duplicates kept).
-    /// Returns 0; 1 for an empty list, which changes nothing, or one too large; else the copy's
+    /// Returns 0; 1 for a null, empty or too large list, which changes nothing; else the copy's
     /// code.
     virtual unsigned int CorpDirSetFtpCipherListToDirImpl(const int* piCipherList,
                                                           unsigned int ulCipherNum) = 0;
@@ -125,7 +144,7 @@ public:
     virtual unsigned int CorpDirAddFtpCipherListToDirImplByOne(int iCipher) = 0;
 
     /// Appends ulCipherNum suites, one by one; stops at the first failure and returns its code.
-    /// Returns 0 when there are none.
+    /// Returns 0 for an empty list, and 1 for a null list with a count or one too large.
     virtual unsigned int CorpDirAddFtpCipherListToDirImpl(const int* piCipherList,
                                                           unsigned int ulCipherNum) = 0;
     /// @}

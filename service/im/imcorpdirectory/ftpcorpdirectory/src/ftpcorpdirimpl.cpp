@@ -17,8 +17,8 @@
 
 constexpr char MODULE[] = "ZepCorpDirectory";
 
-// One record, from the operation named `function`. Arguments are evaluated only for a record that
-// is written. The log pointer is read once: another thread may open the log meanwhile.
+// One record from the operation named `function`. Arguments are evaluated only when the record is
+// written. The log pointer is read once, since another thread may open the log at the same time.
 #define LOG_AS(function, level, ...)                                                           \
     do                                                                                         \
     {                                                                                          \
@@ -31,7 +31,7 @@ constexpr char MODULE[] = "ZepCorpDirectory";
 
 #define LOG(level, ...) LOG_AS(__func__, level, __VA_ARGS__)
 
-// Entry and exit of the operation it stands in.
+// Logs entry and exit of the operation that contains it.
 #define TRACE()                                                                         \
     const FunctionTrace trace(&g_LogOne, MODULE, __func__, __FILE__, __LINE__, nullptr, \
                               SharedLoad(g_LogMode), MODULE)
@@ -41,8 +41,8 @@ constexpr char MODULE[] = "ZepCorpDirectory";
 // The client's thread, the worker, the timer thread and the notification thread use the members of
 // the service without a lock. Every such access goes through one of the functions below, so that it
 // can be found by name; only a task id is also stored by the FTP library. Numbers and pointers are
-// whole at any time. Texts are not: a request that is made while an earlier one is under way, and a
-// check that the timer queues while another transfer fails, may read one as it changes.
+// read and written atomically. Texts are not: a request made while an earlier one is under way, and
+// a check that the timer queues while another transfer fails, may read a text while it changes.
 
 namespace
 {
@@ -76,7 +76,8 @@ std::string SharedText(const std::string& strMember)
     return strMember;
 }
 
-// For a record's argument: it needs no memory, so that a record never costs its operation.
+// For a record's argument. It needs no memory, so that an operation never fails because of a
+// record.
 const char* SharedTextPointer(const std::string& strMember)
 {
     return strMember.c_str();
@@ -138,8 +139,8 @@ unsigned int SharedHandOver(TRAVEX_FTP_HANDLE hFtp, const tagTRAVEX_FTP_S_CTRL_P
 
 // --- Task list ---
 //
-// Producers are the timer thread and the notification thread; takers the worker and, for a clear,
-// the client's thread.
+// The timer thread and the notification thread append. The worker takes the front. The worker and
+// the client's thread clear the list.
 
 void CThreadProList::push_back(value_type eType)
 {
@@ -185,8 +186,8 @@ void CThreadProList::clear()
 
 // --- The object ---
 //
-// Built at load and destroyed at exit, never created or deleted by anyone. Construction takes no
-// memory, opens nothing and starts nothing: that is what a start is for.
+// It is built at load and destroyed at exit; no caller creates or deletes it. Construction
+// allocates nothing, opens nothing and starts nothing; CorpDirInit does.
 
 static OSAK_THREAD g_stThread = nullptr;   // the worker, null: none
 static unsigned int g_bThreadRuning = 0;   // 1 while the worker is to keep running
@@ -256,10 +257,10 @@ void CFTPCorpDirImpl::ClearRequest() noexcept
 
 // --- Start and stop ---
 //
-// A start goes up step by step: log, FTP library, handle, mutex, worker. When a step fails, what
-// was reached is taken back in reverse. A stop goes down in the order that leaves nobody behind:
-// first the timer, so that no check is queued; then the worker, which closes the handle, so that no
-// notification begins; then notifications in progress; only then the data that all of them use.
+// A start runs these steps: log, FTP library, handle, mutex, worker. When a step fails, the earlier
+// ones are undone in reverse. A stop first frees the timer, so that no check is queued; then it
+// joins the worker, which closes the handle, so that no notification begins; then it waits for
+// notifications in progress; only then does it release the data that all of them use.
 
 namespace
 {
@@ -279,7 +280,7 @@ void CloseFtpHandle(const char* pszFunction, TRAVEX_FTP_HANDLE hFtp)
     LOG_AS(pszFunction, 2, "TRAVEX_FTP_CloseHandle Ret : %d", static_cast<int>(ulRet));
 }
 
-// Takes back what a start had reached before it failed.
+// Undoes the steps that a failed start had completed.
 void AbandonStart(const char* pszFunction, TRAVEX_FTP_HANDLE hFtp)
 {
     CloseFtpHandle(pszFunction, hFtp);
@@ -287,7 +288,7 @@ void AbandonStart(const char* pszFunction, TRAVEX_FTP_HANDLE hFtp)
     CorpDir_CloseLog();
 }
 
-// Notifications inside the service, of all threads and of the calling one.
+// How many notifications are inside the service: on all threads, and on the calling thread.
 std::atomic<unsigned int> g_ulInCallback{0};
 thread_local unsigned int t_ulInCallback = 0;
 
@@ -309,8 +310,8 @@ public:
     CCallbackEntry& operator=(const CCallbackEntry&) = delete;
 };
 
-// Raised while a stop clears the members. A notification that began before the handle was closed
-// and enters the service only now is dropped.
+// Set while a stop clears the members. A notification that began before the handle was closed and
+// enters the service only then is dropped.
 std::atomic<bool> g_bStopping{false};
 
 // Waits until no other thread is inside a notification. The caller's own does not count: a stop
@@ -323,10 +324,10 @@ void WaitForOtherCallbacks()
     }
 }
 
-// The steps of CorpDirInit. One that fails takes back what was reached before it.
+// The steps of CorpDirInit. A step that fails undoes the earlier ones.
 constexpr char INIT[] = "CorpDirInit";
 
-// Gives the result of the start: 0, the log's own code, or 1.
+// Returns the result of the start: 0, the log's own code, or 1.
 unsigned int OpenLogAndLibrary(tag_CORPDIR_LOGINFO* pstLogInfo)
 {
     unsigned int ulRet = CorpDir_OpenLog(pstLogInfo);
@@ -335,7 +336,7 @@ unsigned int OpenLogAndLibrary(tag_CORPDIR_LOGINFO* pstLogInfo)
         LOG_AS(INIT, 0, "Openlog failed : %d0", static_cast<int>(ulRet));
         return ulRet;
     }
-    // Both come from the build, so that two builds of one source are the same.
+    // Date and time come from the build system, so that two builds of one source are identical.
     LOG_AS(INIT, 2, "built date: %s, %s", CORPDIR_BUILD_DATE, CORPDIR_BUILD_TIME);
     LOG_AS(INIT, 2, "built at svn version :%d", REVISION);
 
@@ -350,7 +351,7 @@ unsigned int OpenLogAndLibrary(tag_CORPDIR_LOGINFO* pstLogInfo)
     return 0;
 }
 
-// A handle that is there already is kept, also the closed one that a failed start left.
+// An existing handle is kept, even a closed one that a failed start left.
 bool CreateHandle(TRAVEX_FTP_HANDLE& hFtp)
 {
     if (SharedLoad(hFtp) != nullptr)
@@ -493,14 +494,14 @@ void CFTPCorpDirImpl::CorpDirUninit()
     JoinWorker(m_hFtpHandle);
     g_bStopping.store(true);
     WaitForOtherCallbacks();
-    // Once more: the worker may have started a transfer while it was being joined.
+    // Again: the worker may have started a transfer while it was being joined.
     SharedStore(m_ulVersionTaskID, 0);
     SharedStore(m_ulCorpDirTaskID, 0);
     ClearRequest();
     m_listThreadPro.clear();
     ReleaseMutex(m_hMutex);
     freeFtpCipherList();
-    UnInitFtpLibrary(UNINIT);  // waits for a notification that is on its way in
+    UnInitFtpLibrary(UNINIT);  // waits for a notification that is about to enter the service
     g_bStopping.store(false);
     LOG(2, "before close log.");
     CorpDir_CloseLog();
@@ -508,16 +509,15 @@ void CFTPCorpDirImpl::CorpDirUninit()
 
 // --- Worker ---
 //
-// Follow-up downloads are started on one thread, one after the other. It polls, since its producers
-// send no signal: the interval bounds how late a start can be. It only starts transfers and does
-// not wait for them; a start that fails is logged, and trying again is the business of the
-// rotation.
+// Follow-up downloads are started on one thread, one after the other. It polls, since the threads
+// that queue tasks send no signal; the interval bounds the delay of a start. The worker only starts
+// transfers and does not wait for them. A start that fails is logged and not repeated.
 
 namespace
 {
 
-// Takes the front task under the queue mutex, the same one for lock and unlock: a second start may
-// replace the member meanwhile. False when there is none.
+// Takes the front task under the queue mutex; false when there is no task. Lock and unlock use the
+// same mutex, although a second start may replace the member in between.
 bool TakeTask(CThreadProList& listThreadPro, OSAK_MUTEX* hMutex, tagCORPDIR_E_THREADPRO_TYPE& eTask)
 {
     if (hMutex != nullptr)
@@ -669,7 +669,7 @@ bool SealPassword(const char (&acPassword)[256], tagSEALED_PASSWORD& stSealed,
     return true;
 }
 
-// A block of its own for the sealed bytes, zero behind them: their length is found from that.
+// A new block with the sealed bytes. The rest is zero, from which their length is computed.
 unsigned char* SealedBlock(const tagSEALED_PASSWORD& stSealed, unsigned int ulSealedLen)
 {
     auto* const pucBlock = static_cast<unsigned char*>(std::malloc(SEALED_SIZE));
@@ -681,8 +681,8 @@ unsigned char* SealedBlock(const tagSEALED_PASSWORD& stSealed, unsigned int ulSe
     return pucBlock;
 }
 
-// Makes the first address of the list current. What is left in the list are the servers behind it;
-// a single address stays in the list, to be tried once more.
+// Makes the first address of the list current and leaves the servers after it in the list. A single
+// address stays in the list and is tried once more.
 void StartPass(std::string& strIPs, std::string& strFtpIP)
 {
     if (SharedFindSeparator(strIPs) != std::string::npos)
@@ -793,9 +793,9 @@ catch (const std::bad_alloc&)
 
 // --- Sealing ---
 //
-// The password is encrypted under a key and an IV drawn for each request. Its sealed length is not
-// stored: the block is zero behind it, and a cipher block that is zero throughout does not occur in
-// practice (once in 2^128).
+// The password is encrypted under a key and an IV drawn for each request. The sealed length is not
+// stored: the rest of the block is zero, and a cipher block of zeros does not occur in practice
+// (once in 2^128).
 
 constexpr unsigned int CIPHER_ALGORITHM = 0;
 
@@ -812,7 +812,7 @@ unsigned int CommonEncrypt(unsigned char* pucPlain, unsigned int ulPlainLen, uns
         *pulOutLen = 0;
         return ulRandomRet;
     }
-    // A block size of 0 says that the crypto layer does not know the algorithm: no size is enough.
+    // A block size of 0 means that the crypto layer does not know the algorithm.
     const unsigned int ulBlock = ZEP_CRYPT_GetblockSize(CIPHER_ALGORITHM);
     if (ulBlock == 0 || (ulPlainLen / ulBlock + 1) * ulBlock > *pulOutLen)
     {
@@ -855,8 +855,8 @@ unsigned int CommonDecrypt(unsigned char* pucSealed, unsigned int /*ulSealedLen*
 
 // --- Control parameters ---
 //
-// Before every transfer the library gets all parameters anew, from the members as they are now, so
-// that a new request or a rotation takes effect at the next transfer. The plain password exists
+// Before every transfer all parameters are handed to the library again, from the current members,
+// so that a new request or a rotation takes effect at the next transfer. The plain password exists
 // only here, and is wiped on every path.
 
 // The suites offered when the client set none.
@@ -973,8 +973,8 @@ void ConvertLocalLiteral(const std::string& strIP, tagTRAVEX_FTP_S_CTRL_PARAM& s
     }
 }
 
-// Takes the first address of the name. False after a record. An entry without an address
-// leaves the server address zero, and the result is not freed then; both are kept as they are.
+// Takes the first address of the name. False after a record. An entry without an address is no
+// failure: the server address stays zero, and the result is not freed.
 bool ResolveServer(const std::string& strName, tagTRAVEX_FTP_S_CTRL_PARAM& stParam)
 {
     addrinfo* pstRemoteHost = nullptr;
@@ -1015,8 +1015,8 @@ bool ResolveServer(const std::string& strName, tagTRAVEX_FTP_S_CTRL_PARAM& stPar
     return bKnownFamily;
 }
 
-// The list in force, or the default, which is installed for the next time too. A list that a stop
-// has released is replaced without a record.
+// The current list, or the default, which is then installed for later transfers too. A list that a
+// stop has released is replaced without a record.
 void SetCipherList(CFTPCorpDirImpl& service, tagTRAVEX_FTP_S_CTRL_PARAM& stParam)
 {
     stParam.piCipherList = SharedLoad(g_stFtpCiperList.piCipherList);
@@ -1072,7 +1072,7 @@ void SetCredentials(const std::string& strUserName, const std::string& strPasswo
     stParam.ulCtrlOption3 = 10;
 }
 
-// A directory always ends in "/".
+// The directory with a closing "/".
 std::string WithSlash(std::string strDir)
 {
     if (strDir.empty() || strDir.back() != '/')
@@ -1089,7 +1089,7 @@ void SetWorkDir(const std::string& strLocalDir, tagTRAVEX_FTP_S_CTRL_PARAM& stPa
     SetText(stParam.acWorkDir, strWorkDir);
 }
 
-// pcTrust is not copied: it has to outlive the record.
+// pcTrust is not copied and must outlive the record.
 void SetTlsGroup(const char* pcTrust, TRAVEX_FTP_VERIFY_CB pfnVerify,
                  tagTRAVEX_FTP_S_CTRL_PARAM& stParam)
 {
@@ -1119,7 +1119,7 @@ int CFTPCorpDirImpl::VerifyCallback(void* pServer, void* pSubject)
 
 int CommonIsHostName(const char* pcAddr)
 {
-    in6_addr stParsed = {};  // thrown away
+    in6_addr stParsed = {};  // not used
     if (OSAK_Inet_Pton(AF_INET6, pcAddr, &stParsed) > 0 ||
         OSAK_Inet_Pton(AF_INET, pcAddr, &stParsed) > 0)
     {
@@ -1129,7 +1129,7 @@ int CommonIsHostName(const char* pcAddr)
     {
         return 1;
     }
-    // Numbers and dots that only the classic parser accepts: a longer text is taken for a name.
+    // Numbers and dots that only inet_addr accepts: a longer text counts as a name.
     constexpr unsigned int LONGEST_LITERAL = 16;
     return OSAK_StrLen(pcAddr) > LONGEST_LITERAL ? 1 : 0;
 }
@@ -1214,8 +1214,8 @@ unsigned int CFTPCorpDirImpl::SetFtpDataParam()
 
 // --- Cipher list ---
 //
-// Set: count and storage. Never set: neither. Released by a stop: the count without the storage,
-// which everything here treats like never set.
+// A list that is set has a count and storage; one that was never set has neither. A stop releases
+// the storage and keeps the count; all functions here treat that as never set.
 
 namespace
 {
@@ -1223,8 +1223,8 @@ namespace
 // The largest list whose size in bytes fits 32 bits.
 constexpr unsigned int MAX_CIPHERS = 0x3FFFFFFF;
 
-// Makes storage for ulCount entries the list's own, after the count was set and the old storage was
-// freed, and fills it. A failed allocation shows as a failing copy.
+// Sets the count, frees the old storage, allocates new storage and copies ulCount entries into it.
+// A failed allocation becomes a failed copy.
 unsigned int FillCipherList(const int* piCipherList, unsigned int ulCount)
 {
     const unsigned int ulSize = ulCount * static_cast<unsigned int>(sizeof(int));
@@ -1246,8 +1246,8 @@ bool ContainsCipher(int iCipher)
     return std::find(piCipherList, piEnd, iCipher) != piEnd;
 }
 
-// Grows the list by exactly one entry. When the copy fails the old list stays in force, and the new
-// block is not released; both are kept as they are.
+// Grows the list by exactly one entry. When the copy fails, the old list stays and the new block is
+// not released.
 unsigned int AppendCipher(int iCipher)
 {
     const unsigned int ulCount = SharedLoad(g_stFtpCiperList.ulCipherNum);
@@ -1285,7 +1285,7 @@ unsigned int CFTPCorpDirImpl::CorpDirSetFtpCipherListToDirImpl(const int* piCiph
     }
     if (piCipherList == nullptr || ulCipherNum > MAX_CIPHERS)
     {
-        return 1;  // the list in force stays
+        return 1;  // the current list stays
     }
     return FillCipherList(piCipherList, ulCipherNum);
 }
@@ -1342,9 +1342,9 @@ void CFTPCorpDirImpl::freeFtpCipherList()
 
 // --- Download and dispatch ---
 //
-// One way in, for both files, and one way back: the library's notifications, told apart by type and
-// by the task id that the start left in its member. Success is acted on when the transfer is over
-// (12), never on the earlier 0.
+// Both files are started in the same way. The library's notifications are told apart by type and by
+// the task id that the start left in its member. The service acts on the end of a successful
+// transfer (12), not on the 0 before it.
 
 unsigned int CFTPCorpDirImpl::StartDownload(const char* pszFunction,
                                             const std::string& strServerPath,
@@ -1394,7 +1394,7 @@ unsigned int CFTPCorpDirImpl::AsynFtpDownload(std::string strServerFile, std::st
     {
         LOG(1, "Already Init FTPS!");
     }
-    // Both failures are reported in the same words.
+    // Both failures give the same record.
     unsigned int ulRet = SetFtpCtrlParam(std::move(strLocalDir));
     if (ulRet == 0)
     {
@@ -1478,8 +1478,8 @@ catch (const std::bad_alloc&)
 
 // --- Version check ---
 //
-// The version is the first line of a small file. Any difference from the one accepted last counts
-// as new; a valid version, new or not, also ends the rotation: all servers are untried again.
+// The version is the first line of a small file. Any difference from the last accepted version
+// counts as new. A valid version, new or not, also refills the list of untried servers.
 
 namespace
 {
@@ -1499,7 +1499,7 @@ bool ReadVersion(const std::string& strFile, char (&acVersion)[32])
     return true;
 }
 
-// Starts the timer, or starts it anew. False after freeing it.
+// Starts or restarts the timer. False: it did not start and was freed.
 bool StartTimer(OSAK_TIMER& pTimer, void* pParam)
 {
     const unsigned int ulRet = OSAK_StartRelTimer(SharedLoad(pTimer), VERSION_TIMER_MS, pParam);
@@ -1513,8 +1513,8 @@ bool StartTimer(OSAK_TIMER& pTimer, void* pParam)
     return true;
 }
 
-// Stores the version and queues the directory file. When no task can be queued for want of memory
-// the old version stays, so that the next check finds the new one again.
+// Stores the version and queues the directory file. When memory runs out for the task, the old
+// version is restored, so that the next check finds the new one again.
 void AcceptVersion(std::string& strOldVersion, std::string strVersion,
                    CThreadProList& listThreadPro)
 {
@@ -1552,7 +1552,7 @@ unsigned int CFTPCorpDirImpl::StartTimerForVersion()
                 OSAK_CreateRelTimerM(DownloadVersionTimerPro, 0, __LINE__, __FILE__));
     if (SharedLoad(m_pDownVersionTimer) == nullptr)
     {
-        // The request succeeds without its periodic checks.
+        // The request succeeds without periodic checks.
         LOG(0, "CreateRelTimer uploadtimer Fail!");
         return 0;
     }
@@ -1582,7 +1582,7 @@ try
 }
 catch (const std::bad_alloc&)
 {
-    // No memory: this check is dropped, the next expiry makes another.
+    // No memory: this check is dropped; the next expiry queues another.
 }
 
 void CFTPCorpDirImpl::VersionDownloadOver()
@@ -1624,7 +1624,7 @@ void CFTPCorpDirImpl::VersionDownloadOver()
 namespace
 {
 
-// The path is formed for the log alone: without memory for it the client is told all the same.
+// The path is only for the log: when memory runs out here, the client is still called.
 void LogDirectoryFile(const std::string& strLocalPath, const std::string& strFileName)
 try
 {
@@ -1638,7 +1638,7 @@ catch (const std::bad_alloc&)
 {
 }
 
-// Tells the client a transfer's result: 0 the directory file has arrived, 1 a transfer failed.
+// Reports a result to the client: 0 the directory file has arrived, 1 a transfer failed.
 void TellClient(const char* pszFunction, CORPDIR_DOWNLOAD_CB pfnDownloadCb, unsigned int ulResult)
 {
     if (pfnDownloadCb != nullptr)
@@ -1674,10 +1674,9 @@ void CFTPCorpDirImpl::CorpDirDownloadOver()
 //     version file fails on A     B current, C left            tried again at once
 //     version file fails on B     C current, none left         tried again at once
 //     version file fails on C     A current, B;C left          the pass ends
-//     directory file fails        nothing changes              unless none is left: as above
+//     directory file fails        nothing changes              unless none is left: the pass ends
 //
-// The timer starts the next pass.
-// Every failure is told to the client first.
+// The timer starts the next pass. Every failure is reported to the client first.
 
 namespace
 {
@@ -1697,7 +1696,7 @@ void LogFailure(const tagTRAVEX_FTP_S_NOTIFY_DATA& stNotify)
     }
 }
 
-// The pass is used up: the next one, which the timer starts, begins with the first server.
+// Ends the pass. The timer starts the next one, which begins with the first server.
 void Refill(const std::string& strAllIPs, std::string& strIPs, std::string& strFtpIP)
 {
     SharedAssign(strIPs, strAllIPs);
@@ -1732,7 +1731,7 @@ void CFTPCorpDirImpl::VersionCorpDownloadErr(tagTRAVEX_FTP_S_NOTIFY_DATA* pstNot
         Refill(m_strAllIPs, m_strIPs, m_strFtpIP);
         return;
     }
-    // Without a separator the position is the all-ones value.
+    // Without a separator the position is printed as 4294967295.
     LOG(2, "FTP IP pos = %u, IPs = %s", static_cast<unsigned int>(SharedFindSeparator(m_strIPs)),
         SharedTextPointer(m_strIPs));
     const CFieldCopy failedFile(pstNotify->DownFileName);

@@ -1,5 +1,4 @@
-// The directory service: one object, its worker thread's queue, and the free functions it is made
-// of.
+// The directory service: the one object, its worker's task list, and its free functions.
 #ifndef FTPCORPDIRIMPL_H
 #define FTPCORPDIRIMPL_H
 
@@ -31,7 +30,7 @@ struct tagCORPDIR_CIPHER_LIST
 
 extern tagCORPDIR_CIPHER_LIST g_stFtpCiperList;
 
-// The worker's tasks, first in, first out. Thread-safe: every operation is atomic by itself.
+// The worker's tasks, first in, first out. Thread-safe: each operation holds the list's own mutex.
 class CThreadProList
 {
 public:
@@ -41,7 +40,7 @@ public:
     bool empty() const;
     size_t size() const;
     value_type front() const;            // a copy; 0 when empty
-    bool take_front(value_type& eType);  // reads and removes the front; false when empty
+    bool take_front(value_type& eType);  // tests, reads and removes in one step; false when empty
     void clear();
 
 private:
@@ -81,21 +80,23 @@ private:
     // and the callback.
     void ClearRequest() noexcept;
 
-    // On the client's thread. Results are 0, or 1 after a record that says why.
+    // On the client's thread. Results are 0 or 1. A record gives the reason for a 1, except when
+    // memory ran out.
 
     // Copies the request into the members, the password sealed.
     unsigned int SetFtpInfo(tag_CORPDIR_DOWNLOADINFO* pstDownloadInfo);
-    // Starts the timer of the version checks, or starts it anew with its full length. 0 also when
-    // no timer could be created: the request goes without periodic checks then.
+    // Starts the timer of the version checks, or restarts it with its full length. 0 also when no
+    // timer could be created: the request then has no periodic checks.
     unsigned int StartTimerForVersion();
 
     // On the thread that starts a download: the client's for a request's first, else the worker.
-    // Results are 0, 1, or the code of the layer below; a record says why.
+    // Results are 0, 1, or the code of the layer below. A record gives the reason for a failure,
+    // except when memory ran out.
 
     // Starts the transfer of one of the two files.
     unsigned int VersionDownload();
     unsigned int CorpDirDownload();
-    // What both have in common. The texts and the task id are members, the function's name is for
+    // The part that both share. The texts and the task id are members; the function's name is for
     // the records.
     unsigned int StartDownload(const char* pszFunction, const std::string& strServerPath,
                                const std::string& strLocalPath, const std::string& strFileName,
@@ -120,9 +121,10 @@ private:
     static void DownloadCallback(void* pUserData, tagTRAVEX_FTP_S_NOTIFY_DATA* pstNotify);
     // Reads the version file and queues the directory file when the version changed.
     void VersionDownloadOver();
-    // Tells the client that the directory file has arrived.
+    // Reports to the client that the directory file has arrived.
     void CorpDirDownloadOver();
-    // Tells the client of a failure and moves on to the next server when the version file failed.
+    // Reports a failure to the client, and moves on to the next server when the version file
+    // failed.
     void VersionCorpDownloadErr(tagTRAVEX_FTP_S_NOTIFY_DATA* pstNotify);
 
     // The request.
@@ -146,7 +148,7 @@ private:
     std::string m_strCorpDirLocalPath;
     std::string m_strCorpDirFileName;
 
-    // What runs for it.
+    // Its timer, handle, callback, tasks and lock.
     OSAK_TIMER m_pDownVersionTimer;
     TRAVEX_FTP_HANDLE m_hFtpHandle;
     CORPDIR_DOWNLOAD_CB m_pfnDownloadCb;
@@ -157,7 +159,7 @@ private:
 };
 
 // --- Sealing of the password ---
-// Free of state, safe on any thread. Results are 0 or a non-zero code.
+// These functions keep no state and are safe on any thread. Results are 0 or a non-zero code.
 
 // Draws a fresh key and IV into pucKey and pucIV, and seals ulPlainLen bytes with them. *pulOutLen
 // is the capacity of pucOut on entry and the sealed length on return, 0 when no key could be drawn
