@@ -6,31 +6,16 @@ import re
 import shutil
 import socket
 import subprocess
+import sys
 import tempfile
 
 SUPPORT = pathlib.Path(__file__).resolve().parent.parent / "support"
+sys.path.insert(0, str(SUPPORT))
+
+from certificates import EXPIRED, Certificates  # noqa: E402,F401
 
 USER = "directory"
 PASSWORD = "t0p-Secret"
-
-# Dates of a certificate, as "openssl ca" takes them.
-VALID = ("20240101000000Z", "20991231000000Z")
-EXPIRED = ("20240101000000Z", "20240201000000Z")
-
-AUTHORITY_SETTINGS = """[ca]
-default_ca = here
-[here]
-database = {base}.index
-new_certs_dir = {folder}
-rand_serial = yes
-unique_subject = no
-default_md = sha256
-policy = any
-certificate = {base}.pem
-private_key = {key}
-[any]
-commonName = supplied
-"""
 
 
 def python_with_server():
@@ -42,21 +27,16 @@ def python_with_server():
     raise SystemExit("no python3 with pyftpdlib and OpenSSL: run scripts/setup")
 
 
-def openssl(*arguments):
-    done = subprocess.run(["openssl", *map(str, arguments)], stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True, check=False)
-    if done.returncode != 0:
-        raise SystemExit("openssl %s failed:\n%s" % (arguments[0], done.stdout))
-
-
 class Scene:
     """A scratch folder; the servers end and it goes when the `with` is left."""
 
     def __enter__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corpdir-program-"))
-        self.key = self.folder / "key.pem"
-        openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", self.key)
-        self.authority = self.make_authority("authority")
+        certificates = Certificates(self.folder)
+        self.key = certificates.key
+        self.make_authority = certificates.make_authority
+        self.make_certificate = certificates.make_server
+        self.authority = self.make_authority()
         self.servers = []
         self.sockets = []
         return self
@@ -76,26 +56,6 @@ class Scene:
         path = self.folder / name
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(text if isinstance(text, bytes) else text.encode())
-        return path
-
-    # Certificates: one key for all of them, since making keys takes time and shows nothing here.
-
-    def make_authority(self, name):
-        base = self.folder / name
-        openssl("req", "-x509", "-new", "-key", self.key, "-subj", "/CN=The %s" % name, "-days", "2",
-                "-addext", "keyUsage=critical,keyCertSign", "-out", "%s.pem" % base)
-        self.write(name + ".index", "")
-        self.write(name + ".cnf", AUTHORITY_SETTINGS.format(base=base, folder=self.folder, key=self.key))
-        return pathlib.Path("%s.pem" % base)
-
-    def make_certificate(self, name, alternatives, dates=VALID):
-        """alternatives: such as "IP:127.0.0.1,DNS:dir.example"."""
-        request, names = self.folder / (name + ".csr"), self.write(name + ".ext",
-                                                                   "subjectAltName=" + alternatives)
-        path = self.folder / (name + ".pem")
-        openssl("req", "-new", "-key", self.key, "-subj", "/CN=%s" % name, "-out", request)
-        openssl("ca", "-batch", "-notext", "-config", self.folder / "authority.cnf", "-in", request,
-                "-extfile", names, "-startdate", dates[0], "-enddate", dates[1], "-out", path)
         return path
 
     # Servers; each returns its port.

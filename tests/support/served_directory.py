@@ -14,6 +14,8 @@ import struct
 import subprocess
 import sys
 
+from certificates import make_certificates
+
 SERVER = pathlib.Path(__file__).resolve().parent / "ftp_server.py"
 PYTHON = "/usr/bin/python3"  # the one for which python3-pyftpdlib is installed
 USER = "directory"
@@ -33,7 +35,7 @@ def may_listen():
 
 
 def be_allowed_to_listen():
-    """Where this process may not, runs the script anew in a network namespace of its own."""
+    """Where this process may not, runs the script again in a network namespace of its own."""
     if os.environ.pop("CORPDIR_OWN_NETWORK", None):
         set_loopback_up()
         return
@@ -51,26 +53,8 @@ def set_loopback_up():
         fcntl.ioctl(control, siocsifflags, struct.pack("16sh14x", b"lo", flags | iff_up))
 
 
-def run_openssl(folder, *arguments, **options):
-    subprocess.run(["openssl", *arguments], cwd=folder, check=True, stderr=subprocess.DEVNULL,
-                   **options)
-
-
-def make_certificates(folder, address):
-    """authority.pem, server.pem and server.key, for the address."""
-    key = ["-newkey", "rsa:2048", "-nodes", "-keyout"]
-    run_openssl(folder, "req", "-x509", *key, "authority.key", "-subj", "/CN=Test authority",
-                "-days", "2", "-addext", "keyUsage=critical,keyCertSign", "-out", "authority.pem")
-    run_openssl(folder, "req", *key, "server.key", "-subj", "/CN=Test server",
-                "-out", "server.csr")
-    run_openssl(folder, "x509", "-req", "-in", "server.csr", "-days", "2", "-CAcreateserial",
-                "-CA", "authority.pem", "-CAkey", "authority.key", "-out", "server.pem",
-                "-extfile", "/dev/stdin", input=b"subjectAltName=IP:" + address.encode(),
-                stdout=subprocess.DEVNULL)
-
-
 class ServedDirectory:
-    """version.txt and directory.csv on port 21 of an address that hardly another one uses."""
+    """version.txt and directory.csv on port 21 of a random loopback address."""
 
     def __init__(self, folder):
         self.address = "127.%d.%d.%d" % (random.randint(1, 254), random.randint(0, 255),
@@ -83,7 +67,7 @@ class ServedDirectory:
 
     @contextlib.contextmanager
     def serving(self, *options):
-        make_certificates(self.folder, self.address)
+        make_certificates(self.folder, "IP:" + self.address)
         root = self.folder / "served"
         root.mkdir()
         for name, content in self.files.items():
@@ -105,7 +89,7 @@ class ServedDirectory:
             server.stdout.close()
 
     def fetch(self, client, environment=None):
-        """Runs the example client; gives what it printed. A failure or other bytes raise."""
+        """Runs the example client and returns its output. A failure or other bytes raise."""
         return self.fetch_as(client, [self.address, USER, self.fetched(), self.authority],
                              environment)
 

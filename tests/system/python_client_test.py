@@ -21,26 +21,12 @@ import corpdir
 from corpdir import Code, CorpdirError, EventKind
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests/support"))
+
+from certificates import make_certificates  # noqa: E402
+
 PASSWORD = "throw-away-17"
 DIRECTORY = random.Random(5).randbytes(200000)
-
-
-def run(*command):
-    subprocess.run(command, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-
-
-def make_certificates(folder):
-    """authority.pem, other.pem, server.pem with server.key, for 127.0.0.1."""
-    for name in ("authority", "other"):
-        run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=" + name,
-            "-days", "2", "-addext", "keyUsage=critical,keyCertSign",
-            "-keyout", folder / (name + ".key"), "-out", folder / (name + ".pem"))
-    (folder / "extensions").write_text("subjectAltName=IP:127.0.0.1")
-    run("openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=server",
-        "-keyout", folder / "server.key", "-out", folder / "server.csr")
-    run("openssl", "x509", "-req", "-in", folder / "server.csr", "-days", "2", "-CAcreateserial",
-        "-CA", folder / "authority.pem", "-CAkey", folder / "authority.key",
-        "-extfile", folder / "extensions", "-out", folder / "server.pem")
 
 
 def python_with_server():
@@ -86,7 +72,7 @@ class PythonClient(unittest.TestCase):
         cls.certificate_folder = tempfile.TemporaryDirectory()
         cls.addClassCleanup(cls.certificate_folder.cleanup)
         cls.certificates = pathlib.Path(cls.certificate_folder.name)
-        make_certificates(cls.certificates)
+        make_certificates(cls.certificates, "IP:127.0.0.1").make_authority("other")
         cls.server = Server(cls.certificates)
         cls.addClassCleanup(cls.server.close)
 
