@@ -250,14 +250,6 @@ TEST_F(ControlParamTest, ASealedBlockWithoutAnyZeroByteIsMeasuredWithinItsStorag
                 ElementsAre("OSAK_StrLen(local, 256)", "ZEP_CPYPT_Decrypt(0, 32, 16, 256, 256)"));
 }
 
-TEST_F(ControlParamTest, WipesEveryPlainCopyOfThePassword)
-{
-    fakes::WatchSecret("secret");
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_GE(fakes::SecretCopiesSeen(), 4U) << "two buffers, the text and the record";
-    EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U);
-}
-
 // The second buffer is zeroed before it is filled; then come, wiped whole, both buffers, the sealed
 // block with key and IV, the record, and the password's text.
 TEST_F(ControlParamTest, WipesItsCopiesOfPasswordBlockKeyAndIVWhole)
@@ -270,23 +262,22 @@ TEST_F(ControlParamTest, WipesItsCopiesOfPasswordBlockKeyAndIVWhole)
                             "zep_memset_s(local, 6, 0, 6)"));
 }
 
-TEST_F(ControlParamTest, WipesThePasswordAlsoWhenTheServerCannotBeResolved)
+// Two buffers and the text; a record that is handed over holds one more.
+TEST_F(ControlParamTest, WipesEveryPlainCopyOfThePasswordOnEveryPath)
 {
-    members.m_strFtpIP = "ftp.example.test";
-    fakes::FailCall("OSAK_GetAddrInfo", 1, 1);
-    fakes::WatchSecret("secret");
-    ASSERT_EQ(Set(), 1U);
-    EXPECT_GE(fakes::SecretCopiesSeen(), 3U);
-    EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U);
-}
-
-TEST_F(ControlParamTest, WipesThePasswordAlsoWhenTheLibraryRefuses)
-{
-    fakes::FailCall("TRAVEX_FTP_SetCtrlParam", 1, 5);
-    fakes::WatchSecret("secret");
-    ASSERT_EQ(Set(), 1U);
-    EXPECT_GE(fakes::SecretCopiesSeen(), 4U);
-    EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U);
+    for (const char* const pszFailing : {"", "OSAK_GetAddrInfo", "TRAVEX_FTP_SetCtrlParam"})
+    {
+        members.m_strFtpIP = "ftp.example.test";
+        if (*pszFailing != '\0')
+        {
+            fakes::FailCall(pszFailing, 1, 5);
+        }
+        fakes::WatchSecret("secret");
+        EXPECT_EQ(Set(), *pszFailing != '\0' ? 1U : 0U) << pszFailing;
+        const bool bHandedOver = std::strcmp(pszFailing, "OSAK_GetAddrInfo") != 0;
+        EXPECT_GE(fakes::SecretCopiesSeen(), bHandedOver ? 4U : 3U) << pszFailing;
+        EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U) << pszFailing;
+    }
 }
 
 // --- Inputs -------------------------------------------------------------------------------------
@@ -689,23 +680,24 @@ TEST_F(ControlParamTest, ALongTextOfNumbersAndDotsIsResolvedAsAName)
 
 // --- Local address ------------------------------------------------------------------------------
 
-TEST_F(ControlParamTest, WithoutALocalAddressTheFieldsStayZero)
-{
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(Record().ulLocalIpType, 0U);
-    EXPECT_EQ(LocalAddress(), ZERO_ADDRESS);
-}
-
 TEST_F(ControlParamTest, ALocalAddressIsConvertedAsTheServersIs)
 {
-    members.m_strLocalIP = "192.0.2.99";
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(Record().ulLocalIpType, 0U);
-    EXPECT_EQ(LocalAddress(), Padded(Bytes({192, 0, 2, 99})));
-    members.m_strLocalIP = "2001:db8::2";
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(Record().ulLocalIpType, 1U);
-    EXPECT_EQ(LocalAddress(), Bytes({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2}));
+    struct Local
+    {
+        const char* pszText;
+        unsigned int ulType;
+        std::string strBytes;
+    };
+    for (const Local& local :
+         {Local{"", 0, ZERO_ADDRESS}, Local{"192.0.2.99", 0, Padded(Bytes({192, 0, 2, 99}))},
+          Local{"2001:db8::2", 1,
+                Bytes({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2})}})
+    {
+        members.m_strLocalIP = local.pszText;
+        ASSERT_EQ(Set(), 0U);
+        EXPECT_EQ(Record().ulLocalIpType, local.ulType) << local.pszText;
+        EXPECT_EQ(LocalAddress(), local.strBytes) << local.pszText;
+    }
 }
 
 TEST_F(ControlParamTest, ALocalNameIsNeverResolvedAndLeavesTheAddressZero)

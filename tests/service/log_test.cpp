@@ -1,5 +1,5 @@
-// The log is a witness, no more: without it every operation calls the same layers in the same order
-// and gives the same results, in good times and with any layer failing.
+// The log changes nothing else: without it every operation calls the same layers in the same order
+// and gives the same results, with and without failures of a layer.
 #include <algorithm>
 
 #include "files.h"
@@ -22,11 +22,12 @@ enum class LogState
 class LogTest : public ServiceTest, public testing::WithParamInterface<const char*>
 {
 protected:
-    // What a day in the service's life leaves in the trace, without what belongs to the log, and
-    // behind it what it did against a layer's contract.
-    Lines LiveADay(LogState eLog, const char* pszFailing, unsigned int ulNth)
+    // Runs all operations. Returns their trace without the log's part, then the misuses of a layer.
+    Lines RunScenario(LogState eLog, const char* pszFailing, unsigned int ulNth)
     {
         Renew();
+        fakes::Reset();
+        (void)std::remove(directory.File("version.local").c_str());
         CCorpDirLog* const pLog = g_LogOne;
         g_LogMode = eLog == LogState::Silenced ? 1 : 0;
         g_LogOne = eLog == LogState::Absent ? nullptr : pLog;
@@ -34,9 +35,9 @@ protected:
         {
             fakes::FailCall(pszFailing, ulNth, 5);
         }
-        Morning();
-        Noon();
-        Evening();
+        RunRequests();
+        RunNotifications();
+        RunStopsAndErrors();
         g_LogMode = 0;
         g_LogOne = pLog;
         const Lines vecRecords = Logged();
@@ -46,27 +47,18 @@ protected:
                  std::count(vecUnused.begin(), vecUnused.end(),
                             pszFailing + (", call " + std::to_string(ulNth))) == 0;
         vecMisuses = fakes::TakeMisuses();
-        Lines vecDay = WithoutLog(Trace());
-        vecDay.insert(vecDay.end(), vecMisuses.begin(), vecMisuses.end());
-        fakes::Reset();  // a later fault is no fault of the next day
-        return vecDay;
+        Lines vecLines = WithoutLog(Trace());
+        vecLines.insert(vecLines.end(), vecMisuses.begin(), vecMisuses.end());
+        fakes::Reset();  // a rule that was not used must not act in the next run
+        return vecLines;
     }
 
-    bool bFired = false;  // the last day came to the failing call
-    Lines vecUnused;      // the last day's rules whose call did not come
-    Lines vecMisuses;     // the last day's
+    // Of the last run.
+    bool bFired = false;  // the failing call came
+    Lines vecUnused;      // rules whose call did not come
+    Lines vecMisuses;
 
 private:
-    void Renew()
-    {
-        client.CorpDirUninit();
-        service.~CFTPCorpDirImpl();
-        new (&service) CFTPCorpDirImpl;
-        g_stFtpCiperList.ulCipherNum = 0;
-        fakes::Reset();
-        (void)std::remove(directory.File("version.local").c_str());
-    }
-
     static Lines WithoutLog(const Lines& vecTrace)
     {
         Lines vecKept;
@@ -96,8 +88,8 @@ private:
         Result(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback));
     }
 
-    // Starts, the cipher list, requests of every kind.
-    void Morning()
+    // Starts, cipher lists, requests of every kind.
+    void RunRequests()
     {
         const int aiList[] = {1, 1, 2};
         Result(client.CorpDirSetFtpCipherListToDirImpl(aiList, 0));
@@ -121,7 +113,7 @@ private:
     }
 
     // Notifications and version files of every kind, with the worker in between.
-    void Noon()
+    void RunNotifications()
     {
         inside::NotifyCallback()(nullptr, nullptr);
         (void)inside::VerifyCallback()(nullptr, nullptr);
@@ -141,8 +133,8 @@ private:
         Notification(FAILED, members.m_ulVersionTaskID, "pub/version.txt").Deliver();
     }
 
-    // What happens without a request, without a start, and at the end.
-    void Evening()
+    // Operations without a request or a start, stops, and errors.
+    void RunStopsAndErrors()
     {
         client.CorpDirUninit();
         client.CorpDirUninit();
@@ -176,27 +168,27 @@ private:
 
 }  // namespace
 
-TEST_F(LogTest, WithoutALogADayIsTheSame)
+TEST_F(LogTest, WithoutALogTheRunIsTheSame)
 {
-    const Lines vecOpen = LiveADay(LogState::Open, nullptr, 0);
+    const Lines vecOpen = RunScenario(LogState::Open, nullptr, 0);
     EXPECT_THAT(vecMisuses, IsEmpty());
-    // The evening's worker is stopped before it is idle.
+    // The last worker is stopped before it is idle.
     EXPECT_THAT(vecUnused, ElementsAre("usleep, call 1"));
     EXPECT_THAT(vecOpen, Contains("client(1, 0, null, null)"));
     EXPECT_THAT(vecOpen, Contains("client(1, 1, null, null)"));
-    EXPECT_EQ(LiveADay(LogState::Silenced, nullptr, 0), vecOpen);
-    EXPECT_EQ(LiveADay(LogState::Absent, nullptr, 0), vecOpen);
+    EXPECT_EQ(RunScenario(LogState::Silenced, nullptr, 0), vecOpen);
+    EXPECT_EQ(RunScenario(LogState::Absent, nullptr, 0), vecOpen);
 }
 
-// Misuses follow from some faults: a start that failed keeps the closed handle. They are the same.
-TEST_P(LogTest, WithoutALogADayWithThisFunctionFailingIsTheSame)
+// Some faults lead to misuses, since a failed start keeps the closed handle. They must be the same.
+TEST_P(LogTest, WithoutALogTheRunWithThisFunctionFailingIsTheSame)
 {
     for (unsigned int ulNth = 1; ulNth <= 8; ++ulNth)
     {
-        const Lines vecOpen = LiveADay(LogState::Open, GetParam(), ulNth);
-        EXPECT_TRUE(bFired || ulNth > 1) << "the day does without the function";
-        EXPECT_EQ(LiveADay(LogState::Silenced, GetParam(), ulNth), vecOpen) << ulNth;
-        EXPECT_EQ(LiveADay(LogState::Absent, GetParam(), ulNth), vecOpen) << ulNth;
+        const Lines vecOpen = RunScenario(LogState::Open, GetParam(), ulNth);
+        EXPECT_TRUE(bFired || ulNth > 1) << "the run does not call the function";
+        EXPECT_EQ(RunScenario(LogState::Silenced, GetParam(), ulNth), vecOpen) << ulNth;
+        EXPECT_EQ(RunScenario(LogState::Absent, GetParam(), ulNth), vecOpen) << ulNth;
     }
 }
 

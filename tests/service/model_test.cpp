@@ -430,7 +430,7 @@ protected:
     void RunSequence(unsigned int ulSeed);
 
 private:
-    void Renew();
+    void BeginSequence();
     void OneEvent();
     void DoInit();
     void DoUninit();
@@ -461,12 +461,9 @@ private:
     unsigned int ulToldBad = 0;
 };
 
-void ModelTest::Renew()
+void ModelTest::BeginSequence()
 {
-    client.CorpDirUninit();
-    service.~CFTPCorpDirImpl();
-    new (&service) CFTPCorpDirImpl;
-    g_stFtpCiperList.ulCipherNum = 0;
+    Renew();
     fakes::Reset();
     fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
     (void)std::remove(directory.File("version.local").c_str());
@@ -479,7 +476,7 @@ void ModelTest::Renew()
 void ModelTest::RunSequence(unsigned int ulSeed)
 {
     random.seed(ulSeed);
-    Renew();
+    BeginSequence();
     const unsigned int ulEvents = 1 + Random(40);
     for (unsigned int i = 0; i < ulEvents && !HasFailure(); ++i)
     {

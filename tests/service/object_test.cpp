@@ -34,19 +34,6 @@ struct RawService
     CFTPCorpDirImpl* pService;
 };
 
-void ExpectNoTexts(const inside::Members& members)
-{
-    for (const std::string* pstrMember :
-         {&members.m_strUserName, &members.m_strFtpIP, &members.m_strIPs, &members.m_strAllIPs,
-          &members.m_strLocalIP, &members.m_strOldVersion, &members.m_strVersionServerPath,
-          &members.m_strCorpDirServerPath, &members.m_strVersionLocalPath,
-          &members.m_strVersionFileName, &members.m_strCorpDirLocalPath,
-          &members.m_strCorpDirFileName})
-    {
-        EXPECT_EQ(*pstrMember, "");
-    }
-}
-
 void FillTexts(inside::Members& members)
 {
     for (std::string* pstrMember :
@@ -62,7 +49,7 @@ void FillTexts(inside::Members& members)
 
 }  // namespace
 
-TEST_F(ObjectTest, EveryoneGetsTheSameObjectBeforeAnyStart)
+TEST_F(ObjectTest, EveryCallerGetsTheSameObjectBeforeAnyStart)
 {
     EXPECT_EQ(GetCorpDirInstance(), GetCorpDirInstance());
     EXPECT_EQ(GetCorpDirInstance(), CFTPCorpDirImpl::GetInstance());
@@ -164,7 +151,7 @@ TEST_F(ObjectTest, AFreshObjectIsEmpty)
     inside::WorkerRunFlag() = 1;
     RawService raw;
     const inside::Members fresh(*raw.pService);
-    ExpectNoTexts(fresh);
+    EXPECT_THAT(RequestTexts(fresh), Each(""));
     EXPECT_EQ(fresh.m_strFtpCtrlInfo, "");
     EXPECT_EQ(fresh.m_pucPassword, nullptr);
     EXPECT_THAT(fresh.m_aucKey, Each(0));
@@ -184,12 +171,14 @@ TEST_F(ObjectTest, AFreshObjectIsEmpty)
     raw.pService->~CFTPCorpDirImpl();
 }
 
-TEST_F(ObjectTest, ConstructionCallsNothingButTheTwoWipes)
+TEST_F(ObjectTest, AnUnusedObjectCallsNothingButTwoWipesAtEitherEnd)
 {
     RawService raw;
     EXPECT_THAT(Trace(),
                 ElementsAre("zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)"));
     raw.pService->~CFTPCorpDirImpl();
+    EXPECT_THAT(Trace(),
+                ElementsAre("zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)"));
 }
 
 TEST_F(ObjectTest, ConstructionResetsTheWorkersGlobalsAfterTheWipes)
@@ -207,15 +196,6 @@ TEST_F(ObjectTest, ConstructionResetsTheWorkersGlobalsAfterTheWipes)
     EXPECT_EQ(inside::WorkerThread(), nullptr);
     EXPECT_EQ(inside::WorkerRunFlag(), 0U);
     raw.pService->~CFTPCorpDirImpl();
-}
-
-TEST_F(ObjectTest, DestructionOfAnUnusedObjectCallsNothingButTheTwoWipes)
-{
-    RawService raw;
-    Trace();
-    raw.pService->~CFTPCorpDirImpl();
-    EXPECT_THAT(Trace(),
-                ElementsAre("zep_memset_s(local, 32, 0, 32)", "zep_memset_s(local, 16, 0, 16)"));
 }
 
 TEST_F(ObjectTest, DestructionLeavesZeroKeyBytesEvenWithoutAPassword)
@@ -241,37 +221,7 @@ TEST_F(ObjectTest, DestructionLeavesZeroKeyBytesEvenWithoutAPassword)
     EXPECT_TRUE(bIVZero);
 }
 
-TEST_F(ObjectTest, DestructionReleasesWhatAStopWouldHaveReleased)
-{
-    StartWithRequest();
-    AddTask(1);
-    FillTexts(members);
-    members.m_ulCorpDirTaskID = 5;
-    bool bCleared = false;
-    fakes::OnCall("OSAK_MutexDestroy", 1,
-                  [&]
-                  {
-                      ExpectNoTexts(members);
-                      EXPECT_EQ(members.m_strFtpCtrlInfo, "filled");
-                      EXPECT_EQ(members.m_pucPassword, nullptr);
-                      EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
-                      EXPECT_EQ(members.m_ulVersionTaskID, 0U);
-                      EXPECT_EQ(members.m_ulCorpDirTaskID, 0U);
-                      EXPECT_TRUE(members.m_listThreadPro.empty());
-                      bCleared = true;
-                  });
-    service.~CFTPCorpDirImpl();
-    EXPECT_TRUE(bCleared);
-    EXPECT_THAT(Trace(),
-                ElementsAre("OSAK_FreeRelTimer(timer 1)", "free(malloced)",
-                            "zep_memset_s(m_aucKey, 32, 0, 32)", "zep_memset_s(m_aucIV, 16, 0, 16)",
-                            "OSAK_MutexDestroy(block 1)", "OSAK_MemFreeD(block 1)"));
-    EXPECT_EQ(fakes::LiveFtpHandles(), 1U) << "the handle is not the destructor's business";
-    EXPECT_EQ(inside::WorkerRunFlag(), 1U) << "nor is the worker";
-    new (&service) CFTPCorpDirImpl;
-}
-
-TEST_F(ObjectTest, DestructionGoesFromTheTimerOverPasswordAndKeyToTextsTasksAndMutex)
+TEST_F(ObjectTest, DestructionReleasesTimerPasswordKeyTextsTasksAndMutexInThisOrder)
 {
     StartWithRequest();
     AddTask(1);
@@ -305,11 +255,20 @@ TEST_F(ObjectTest, DestructionGoesFromTheTimerOverPasswordAndKeyToTextsTasksAndM
     fakes::OnCall("OSAK_MutexDestroy", 1,
                   [&]
                   {
-                      ExpectNoTexts(members);
+                      EXPECT_THAT(RequestTexts(members), Each(""));
+                      EXPECT_EQ(members.m_strFtpCtrlInfo, "filled");
+                      EXPECT_EQ(members.m_ulVersionTaskID, 0U);
+                      EXPECT_EQ(members.m_ulCorpDirTaskID, 0U);
                       EXPECT_TRUE(members.m_listThreadPro.empty());
                       EXPECT_NE(members.m_hMutex, nullptr);
                   });
     service.~CFTPCorpDirImpl();
+    EXPECT_THAT(Trace(),
+                ElementsAre("OSAK_FreeRelTimer(timer 1)", "free(malloced)",
+                            "zep_memset_s(m_aucKey, 32, 0, 32)", "zep_memset_s(m_aucIV, 16, 0, 16)",
+                            "OSAK_MutexDestroy(block 1)", "OSAK_MemFreeD(block 1)"));
+    EXPECT_EQ(fakes::LiveFtpHandles(), 1U) << "the destructor leaves the handle";
+    EXPECT_EQ(inside::WorkerRunFlag(), 1U) << "and the worker";
     new (&service) CFTPCorpDirImpl;
 }
 
@@ -325,7 +284,7 @@ TEST_F(ObjectTest, DestructionGoesOnWhenALayerFails)
     fakes::OnCall("OSAK_MemFreeD", 1,
                   [&]
                   {
-                      ExpectNoTexts(members);
+                      EXPECT_THAT(RequestTexts(members), Each(""));
                       EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
                       EXPECT_EQ(members.m_ulVersionTaskID, 0U);
                       EXPECT_TRUE(members.m_listThreadPro.empty());

@@ -1,6 +1,7 @@
-// Running out of memory: in each operation the Nth allocation fails, of the standard containers, of
-// malloc and of the layers, with N counted up until the operation is not reached by it any more.
-// Each time the operation ends with a result, nothing leaks, and the object can be used.
+// Running out of memory: in each operation the Nth allocation fails, for N = 1, 2, ... until the
+// operation makes fewer than N allocations. Counted are those of the standard containers, of malloc
+// and of the layers. Each time the operation ends with a result, nothing leaks, and the object can
+// be used.
 #include <algorithm>
 
 #include "files.h"
@@ -42,8 +43,8 @@ protected:
         return stLong;
     }
 
-    // Runs prepare, then the operation with the Nth allocation failing, for N = 1, 2, ... until it
-    // runs through; check sees each result. Prepare and check work on a fresh, running service.
+    // Runs prepare on a new service, then the operation with the Nth allocation failing, then check
+    // with the operation's result; for N = 1, 2, ... until no allocation fails.
     template <class Prepare, class Operation, class Check>
     void CountUp(Prepare prepare, Operation operation, Check check)
     {
@@ -52,30 +53,26 @@ protected:
         for (; bFailed; ++ulNth)
         {
             const long lBefore = memory::LiveBlocks();
-            Renew();
+            RenewAndForget();
             prepare();
             memory::StartCounting(ulNth, GetParam());
             const unsigned int ulRet = operation();
             bFailed = memory::StopCounting();
             check(ulRet, bFailed);
             ExpectUsable();
-            Renew();
+            RenewAndForget();
             ASSERT_EQ(memory::LiveBlocks(), lBefore) << "a leak with allocation " << ulNth;
             ASSERT_LT(ulNth, 500U);
         }
         ulFailed = ulNth - 2;
     }
 
-    // A fresh object in the place of the old one; what a stop would release is released.
-    void Renew()
+    void RenewAndForget()
     {
-        client.CorpDirUninit();
-        service.~CFTPCorpDirImpl();
-        new (&service) CFTPCorpDirImpl;
-        g_stFtpCiperList.ulCipherNum = 0;
+        Renew();
         fakes::TakeMisuses();  // a failed start leaves released values on purpose
-        fakes::TakeTrace();
-        fakes::TakeLog();
+        Trace();
+        Logged();
     }
 
     void ExpectUsable()
@@ -88,6 +85,24 @@ protected:
         EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
         EXPECT_NE(members.m_ulVersionTaskID, 0U);
         EXPECT_THAT(fakes::TakeMisuses(), IsEmpty());
+    }
+
+    // The same for the delivery of a notification.
+    template <class Prepare, class Check>
+    void CountUpDelivery(Notification& notification, Prepare prepare, Check check)
+    {
+        CountUp(
+            [&]
+            {
+                StartRequest();
+                prepare();
+            },
+            [&]
+            {
+                notification.Deliver();
+                return 0U;
+            },
+            [&](unsigned int, bool bFailed) { check(bFailed); });
     }
 
     void StartRequest()
@@ -219,36 +234,21 @@ TEST_P(OutOfMemoryTest, ASuccessNotificationNeedsNoMemory)
 {
     bNeedsMemory = false;
     Notification notification(SUCCESS, 1, "a/version/file/far/down/version.txt");
-    CountUp([&] { StartRequest(); },
-            [&]
-            {
-                notification.Deliver();
-                return 0U;
-            },
-            [&](unsigned int, bool) { EXPECT_EQ(Logged().size(), 2U); });
+    CountUpDelivery(notification, Nothing, [&](bool) { EXPECT_EQ(Logged().size(), 2U); });
 }
 
 TEST_P(OutOfMemoryTest, AVersionThatArrivesIsDroppedAndFoundAgainByTheNextCheck)
 {
     Notification notification(OVER, 0, "a/version/file/far/down/version.txt");
     unsigned int ulNotQueued = 0;
-    CountUp(
-        [&]
-        {
-            StartRequest();
-            notification.stRecord.ulTaskID = members.m_ulVersionTaskID;
-        },
-        [&]
-        {
-            notification.Deliver();
-            return 0U;
-        },
-        [&](unsigned int, bool bFailed)
+    CountUpDelivery(
+        notification, [&] { notification.stRecord.ulTaskID = members.m_ulVersionTaskID; },
+        [&](bool bFailed)
         {
             // The version counts as accepted only together with its task.
             EXPECT_EQ(Tasks().size(), members.m_strOldVersion == "2.0.0 of today" ? 1U : 0U);
             EXPECT_TRUE(bFailed || Tasks().size() == 1);
-            // A valid version refills the working list, also when its task could not be queued.
+            // A valid version refills the working list, even when its task could not be queued.
             const bool bValid =
                 !Only(Logged(), {"2 VersionDownloadOver: Thread add corpdir download. "}).empty();
             EXPECT_EQ(members.m_strIPs == members.m_strAllIPs, bValid);
@@ -260,42 +260,28 @@ TEST_P(OutOfMemoryTest, AVersionThatArrivesIsDroppedAndFoundAgainByTheNextCheck)
     EXPECT_EQ(ulNotQueued, 1U);
 }
 
-TEST_P(OutOfMemoryTest, ADirectoryThatArrivesIsToldToTheClientOnceAllTheSame)
+TEST_P(OutOfMemoryTest, ADirectoryThatArrivesIsReportedToTheClientOnce)
 {
     Notification notification(OVER, 0, "a/directory/file/far/down/directory.xml");
-    CountUp(
+    CountUpDelivery(
+        notification,
         [&]
         {
-            StartRequest();
             ASSERT_EQ(inside::CorpDirDownload(service), 0U);
             notification.stRecord.ulTaskID = members.m_ulCorpDirTaskID;
             Trace();
         },
-        [&]
-        {
-            notification.Deliver();
-            return 0U;
-        },
-        [&](unsigned int, bool)
+        [&](bool)
         { EXPECT_THAT(Only(Trace(), {"client"}), ElementsAre("client(1, 0, null, null)")); });
 }
 
-TEST_P(OutOfMemoryTest, AFailureIsToldToTheClientOnceAllTheSame)
+TEST_P(OutOfMemoryTest, AFailureIsReportedToTheClientOnce)
 {
     Notification notification(FAILED, 0, "a/version/file/far/down/version.txt");
     notification.WithError(16);
-    CountUp(
-        [&]
-        {
-            StartRequest();
-            notification.stRecord.ulTaskID = members.m_ulVersionTaskID;
-        },
-        [&]
-        {
-            notification.Deliver();
-            return 0U;
-        },
-        [&](unsigned int, bool bFailed)
+    CountUpDelivery(
+        notification, [&] { notification.stRecord.ulTaskID = members.m_ulVersionTaskID; },
+        [&](bool bFailed)
         {
             EXPECT_THAT(Only(Trace(), {"client"}), ElementsAre("client(1, 1, null, null)"));
             EXPECT_EQ(Tasks().size(), bFailed ? 0U : 1U);
@@ -305,19 +291,14 @@ TEST_P(OutOfMemoryTest, AFailureIsToldToTheClientOnceAllTheSame)
 TEST_P(OutOfMemoryTest, ARefillIsDroppedOrDone)
 {
     Notification notification(FAILED, 7, "a/version/file/far/down/version.txt");
-    CountUp(
+    CountUpDelivery(
+        notification,
         [&]
         {
-            StartRequest();
             members.m_strIPs.clear();
             members.m_strIPs.shrink_to_fit();
         },
-        [&]
-        {
-            notification.Deliver();
-            return 0U;
-        },
-        [&](unsigned int, bool bFailed)
+        [&](bool bFailed)
         {
             EXPECT_THAT(Only(Trace(), {"client"}), ElementsAre("client(1, 1, null, null)"));
             EXPECT_TRUE(bFailed || members.m_strFtpIP == "first.server.example.test");

@@ -95,7 +95,7 @@ TEST_F(SealingTest, KeyAndIVHaveTheLengthsThatTheCallerGave)
                             "ZEP_CPYPT_Decrypt(0, 24, 12, 0, 0) = 4"));
 }
 
-// Of 2^32 - 1 bytes the size wraps to 0, for which any capacity is enough.
+// For 2^32 - 1 bytes the size wraps to 0, for which any capacity is enough.
 TEST_F(SealingTest, TheRequiredSizeIsAnUnsigned32BitNumber)
 {
     fakes::FailCall("ZEP_CPYPT_Encrypt", 1, 4);
@@ -104,56 +104,44 @@ TEST_F(SealingTest, TheRequiredSizeIsAnUnsigned32BitNumber)
     EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 1U);
 }
 
-TEST_F(SealingTest, APlainTextOfWholeBlocksNeedsOneBlockMore)
+TEST_F(SealingTest, APlainTextNeedsItsBlocksAndAlwaysSomePadding)
 {
-    EXPECT_EQ(Seal(std::string(16, 'x'), 32), 0U);
-    EXPECT_EQ(ulLength, 32U);
-    EXPECT_EQ(Seal(std::string(16, 'x'), 31), 1U);
-    EXPECT_EQ(ulLength, 0U);
-    EXPECT_THAT(Logged(), ElementsAre("0 CommonEncrypt: out buffer is not enough."));
-}
-
-TEST_F(SealingTest, AnEmptyPlainTextNeedsOneBlock)
-{
-    EXPECT_EQ(Seal("", 16), 0U);
-    EXPECT_EQ(ulLength, 16U);
-    EXPECT_EQ(Seal("", 15), 1U);
-    EXPECT_EQ(ulLength, 0U);
-}
-
-TEST_F(SealingTest, EncryptsNothingIntoABufferThatIsTooSmall)
-{
-    EXPECT_EQ(Seal(std::string(255, 'x'), 255), 1U);
-    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 0U);
+    for (const unsigned int ulPlain : {0U, 16U, 255U})
+    {
+        const unsigned int ulNeeded = (ulPlain / 16 + 1) * 16;
+        EXPECT_EQ(Seal(std::string(ulPlain, 'x'), ulNeeded), 0U);
+        EXPECT_EQ(ulLength, ulNeeded);
+        Trace();
+        Logged();
+        EXPECT_EQ(Seal(std::string(ulPlain, 'x'), ulNeeded - 1), 1U);
+        EXPECT_EQ(ulLength, 0U);
+        EXPECT_THAT(Logged(), ElementsAre("0 CommonEncrypt: out buffer is not enough."));
+        EXPECT_THAT(Only(Trace(), {"ZEP_CPYPT_Encrypt"}), IsEmpty());
+    }
 }
 
 TEST_F(SealingTest, MakesBothDrawsAndJoinsTheirCodes)
 {
-    fakes::FailCall("ZEP_CPYPT_RealRandom", 1, 5);
-    fakes::FailCall("ZEP_CPYPT_RealRandom", 2, 10);
-    EXPECT_EQ(Seal("secret", 256), 15U);
-    EXPECT_EQ(ulLength, 0U);
-    EXPECT_THAT(Trace(),
-                ElementsAre("ZEP_CPYPT_RealRandom(32) = 5", "ZEP_CPYPT_RealRandom(16) = 10",
-                            "log 0 CommonEncrypt: Get RealRandom failed, errno is 15 ."));
-}
-
-TEST_F(SealingTest, FailsWhenTheDrawOfTheIVAloneFails)
-{
-    fakes::FailCall("ZEP_CPYPT_RealRandom", 2, 0x80000000);
-    EXPECT_EQ(Seal("secret", 256), 0x80000000U);
-    EXPECT_EQ(ulLength, 0U);
-    EXPECT_THAT(Logged(),
-                ElementsAre("0 CommonEncrypt: Get RealRandom failed, errno is 2147483648 ."));
-}
-
-TEST_F(SealingTest, FailsWhenTheDrawOfTheKeyAloneFails)
-{
-    fakes::FailCall("ZEP_CPYPT_RealRandom", 1, 3);
-    EXPECT_EQ(Seal("secret", 256), 3U);
-    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_RealRandom"), 2U) << "the IV is drawn all the same";
-    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 0U);
-    EXPECT_EQ(ulLength, 0U);
+    struct Draws
+    {
+        unsigned int ulKey;
+        unsigned int ulIV;
+        const char* pszJoined;
+    };
+    for (const Draws& draws :
+         {Draws{5, 10, "15"}, Draws{0, 0x80000000, "2147483648"}, Draws{3, 0, "3"}})
+    {
+        fakes::FailCall("ZEP_CPYPT_RealRandom", 1, draws.ulKey);
+        fakes::FailCall("ZEP_CPYPT_RealRandom", 2, draws.ulIV);
+        EXPECT_EQ(Seal("secret", 256), draws.ulKey | draws.ulIV);
+        EXPECT_EQ(ulLength, 0U);
+        EXPECT_THAT(Logged(), ElementsAre("0 CommonEncrypt: Get RealRandom failed, errno is " +
+                                          std::string(draws.pszJoined) + " ."));
+        EXPECT_THAT(Only(Trace(), {"ZEP_CPYPT_RealRandom(32)", "ZEP_CPYPT_RealRandom(16)",
+                                   "ZEP_CRYPT", "ZEP_CPYPT_Encrypt"}),
+                    testing::SizeIs(2))
+            << "both draws are made, and nothing else";
+    }
 }
 
 TEST_F(SealingTest, PassesTheCiphersCodeAndLeavesTheLengthToIt)
@@ -178,16 +166,6 @@ TEST_F(SealingTest, TheBlockSizeIsTheCryptoLayersInTheCapacityRule)
     EXPECT_EQ(Seal("secret", 63), 1U);
     fakes::FailCall("ZEP_CRYPT_GetblockSize", 1, 64);
     EXPECT_EQ(Seal("secret", 64), 0U);
-}
-
-TEST_F(SealingTest, DrawsAFreshKeyAndIVEachTime)
-{
-    ASSERT_EQ(Seal("secret", 256), 0U);
-    const std::string strKey(reinterpret_cast<char*>(aucKey), 32);
-    const std::string strIV(reinterpret_cast<char*>(aucIV), 16);
-    ASSERT_EQ(Seal("secret", 256), 0U);
-    EXPECT_NE(std::string(reinterpret_cast<char*>(aucKey), 32), strKey);
-    EXPECT_NE(std::string(reinterpret_cast<char*>(aucIV), 16), strIV);
 }
 
 // --- The length of a sealed password ------------------------------------------------------------

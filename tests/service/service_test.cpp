@@ -83,16 +83,47 @@ Lines Procedure(const Lines& vecTrace)
     return vecProcedure;
 }
 
-// The object is destroyed and built again in its place, since there is only the one.
+Lines Joined(std::initializer_list<Lines> parts)
+{
+    Lines vecAll;
+    for (const Lines& vecPart : parts)
+    {
+        vecAll.insert(vecAll.end(), vecPart.begin(), vecPart.end());
+    }
+    return vecAll;
+}
+
+Lines RequestTexts(const inside::Members& members)
+{
+    return {members.m_strUserName,
+            members.m_strFtpIP,
+            members.m_strIPs,
+            members.m_strAllIPs,
+            members.m_strLocalIP,
+            members.m_strOldVersion,
+            members.m_strVersionServerPath,
+            members.m_strCorpDirServerPath,
+            members.m_strVersionLocalPath,
+            members.m_strVersionFileName,
+            members.m_strCorpDirLocalPath,
+            members.m_strCorpDirFileName};
+}
+
+// The object is destroyed and built again in its place, since there is only one.
+static void Rebuild(CFTPCorpDirImpl& service)
+{
+    service.~CFTPCorpDirImpl();
+    new (&service) CFTPCorpDirImpl;
+    g_stFtpCiperList.ulCipherNum = 0;
+}
+
 static CFTPCorpDirImpl& FreshService()
 {
     CFTPCorpDirImpl& service = inside::TheService();
     fakes::EndWorker();
     service.freeFtpCipherList();
-    g_stFtpCiperList.ulCipherNum = 0;
     g_LogMode = 0;
-    service.~CFTPCorpDirImpl();
-    new (&service) CFTPCorpDirImpl;
+    Rebuild(service);
     fakes::Reset();
     return service;
 }
@@ -122,6 +153,12 @@ void ServiceTest::TearDown()
 {
     EXPECT_THAT(fakes::TakeMisuses(), testing::IsEmpty());
     EXPECT_THAT(fakes::UnusedRules(), testing::IsEmpty());
+}
+
+void ServiceTest::Renew()
+{
+    client.CorpDirUninit();
+    Rebuild(service);
 }
 
 void ServiceTest::Start()

@@ -1,5 +1,5 @@
-// The fixture of the service's tests: the one service object as it is after construction, the fakes
-// empty, and the words in which the tests are written.
+// The fixture of the service's tests: the one service object as it is after construction, empty
+// fakes, and helpers.
 #ifndef TESTS_SERVICE_SERVICE_TEST_H
 #define TESTS_SERVICE_SERVICE_TEST_H
 
@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fakes.h"
@@ -44,8 +45,23 @@ struct Notification
 // The lines that begin with one of these.
 Lines Only(const Lines& vecLines, const Lines& vecBeginnings);
 
-// The trace without what belongs to no step of a procedure: wipes of locals, and lengths measured.
+// The trace without wipes of locals and without measured lengths, which belong to no step.
 Lines Procedure(const Lines& vecTrace);
+
+Lines Joined(std::initializer_list<Lines> parts);
+
+// The request's texts that a stop and the destructor clear; the trust text is not one of them.
+Lines RequestTexts(const inside::Members& members);
+
+// Waits until another thread has made the condition true.
+template <class Condition>
+void Await(Condition holds)
+{
+    while (!holds())
+    {
+        std::this_thread::yield();
+    }
+}
 
 // Slots of the Itanium C++ ABI: the object begins with a pointer to its table of functions.
 template <class Function>
@@ -65,6 +81,9 @@ protected:
 
     // A misuse or a rule whose call did not come fails the test.
     void TearDown() override;
+
+    // Stops the service and puts a new object in the place of the old one.
+    void Renew();
 
     // Starts the service; what the start did is forgotten.
     void Start();

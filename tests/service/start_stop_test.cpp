@@ -1,7 +1,6 @@
-// Start and stop: the order of their steps, the values each failure leaves behind, a second start,
-// and who wins when the worker, a notification and a stop meet.
+// Start and stop: the order of their steps, the values that each failure leaves, a second start,
+// and a stop beside the worker and notifications.
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 #include "service_test.h"
@@ -115,27 +114,6 @@ TEST_F(StartTest, ClosesTheHandleButKeepsItsValueWhenThereIsNoMutexStorage)
 TEST_F(StartTest, KeepsTheClosedHandleAndTheReleasedMutexWhenThereIsNoThread)
 {
     fakes::FailCall("OSAK_PthreadCreate", 1, 11);
-    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 1U);
-    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
-    EXPECT_NE(members.m_hMutex, nullptr);
-    EXPECT_FALSE(fakes::IsLiveBlock(members.m_hMutex));
-    EXPECT_EQ(inside::WorkerThread(), nullptr);
-    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
-    const Lines vecTrace = Trace();
-    EXPECT_THAT(
-        Lines(vecTrace.begin() + 10, vecTrace.end()),
-        ElementsAre("OSAK_PthreadCreate(g_stThread, null, ThreadProcess, null) = 11",
-                    "log 0 CorpDirInit: OSAK_PthreadCreate fail !", "OSAK_MutexDestroy(block 1)",
-                    "OSAK_MemFreeD(block 1)", "TRAVEX_FTP_CloseHandle(ftp 1)",
-                    "log 2 CorpDirInit: TRAVEX_FTP_CloseHandle Ret : 0", "TRAVEX_FTP_UnInit()",
-                    "log 2 CorpDirInit: ftp uninit ret:0", "CorpDir_CloseLog()",
-                    "leave CorpDirInit"));
-    members.m_hMutex = nullptr;  // the destructor would release it once more
-}
-
-TEST_F(StartTest, WithoutAThreadReleasesTheRestAlsoWhenMutexAndHandleFail)
-{
-    fakes::FailCall("OSAK_PthreadCreate", 1, 11);
     fakes::FailCall("OSAK_MutexDestroy", 1, 3);
     fakes::FailCall("TRAVEX_FTP_CloseHandle", 1, 0xFFFFFFFF);
     OSAK_MUTEX* hMutex = nullptr;
@@ -145,6 +123,8 @@ TEST_F(StartTest, WithoutAThreadReleasesTheRestAlsoWhenMutexAndHandleFail)
     EXPECT_EQ(members.m_hMutex, hMutex);
     EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
     EXPECT_EQ(fakes::LiveMemory(), 0U);
+    EXPECT_EQ(inside::WorkerThread(), nullptr);
+    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
     const Lines vecTrace = Trace();
     EXPECT_THAT(Lines(vecTrace.begin() + 10, vecTrace.end()),
                 ElementsAre("OSAK_PthreadCreate(g_stThread, null, ThreadProcess, null) = 11",
@@ -154,7 +134,7 @@ TEST_F(StartTest, WithoutAThreadReleasesTheRestAlsoWhenMutexAndHandleFail)
                             "log 2 CorpDirInit: TRAVEX_FTP_CloseHandle Ret : -1",
                             "TRAVEX_FTP_UnInit()", "log 2 CorpDirInit: ftp uninit ret:0",
                             "CorpDir_CloseLog()", "leave CorpDirInit"));
-    members.m_hMutex = nullptr;  // the destructor would release it once more
+    members.m_hMutex = nullptr;  // the destructor would release it again
 }
 
 TEST_F(StartTest, AfterAFailedThreadANewStartKeepsTheClosedHandleAndReplacesTheMutex)
@@ -249,27 +229,25 @@ TEST_F(StartTest, TwiceLeavesARunFlagAsItWas)
     EXPECT_EQ(inside::WorkerRunFlag(), 0U);
 }
 
-TEST_F(StartTest, AWorkerThatRunsAtOnceKeepsTheStart)
+TEST_F(StartTest, AWorkerThatRunsAtOnceOrLateKeepsTheStart)
 {
-    fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
-    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
-    EXPECT_TRUE(fakes::StepWorker()) << "the worker has ended";
-    EXPECT_EQ(fakes::LiveFtpHandles(), 1U);
-    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
-    client.CorpDirUninit();
+    for (const fakes::WorkerMode eMode : {fakes::WorkerMode::Stepped, fakes::WorkerMode::Late})
+    {
+        fakes::SetWorkerMode(eMode);
+        EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
+        const TRAVEX_FTP_HANDLE hFtp = members.m_hFtpHandle;
+        if (eMode == fakes::WorkerMode::Late)
+        {
+            fakes::StartLateWorker();
+        }
+        EXPECT_TRUE(fakes::StepWorker()) << "the worker has ended";
+        EXPECT_EQ(fakes::LiveFtpHandles(), 1U);
+        EXPECT_EQ(members.m_hFtpHandle, hFtp);
+        client.CorpDirUninit();
+    }
 }
 
-TEST_F(StartTest, AWorkerThatRunsLateKeepsTheStart)
-{
-    fakes::SetWorkerMode(fakes::WorkerMode::Late);
-    EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
-    fakes::StartLateWorker();
-    EXPECT_TRUE(fakes::StepWorker()) << "the worker has ended";
-    EXPECT_EQ(fakes::LiveFtpHandles(), 1U);
-    client.CorpDirUninit();
-}
-
-TEST_F(StartTest, AWorkerThatRunsOnlyAfterTheStopJustLeaves)
+TEST_F(StartTest, AWorkerThatRunsOnlyAfterTheStopEndsAtOnce)
 {
     fakes::SetWorkerMode(fakes::WorkerMode::Late);
     EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
@@ -295,15 +273,7 @@ TEST_F(StopTest, LeavesNothingOfARequestButTrustTextNumbersAndCallback)
     AddTask(1);
     client.CorpDirUninit();
 
-    for (const std::string* pstrMember :
-         {&members.m_strUserName, &members.m_strFtpIP, &members.m_strIPs, &members.m_strAllIPs,
-          &members.m_strLocalIP, &members.m_strOldVersion, &members.m_strVersionServerPath,
-          &members.m_strCorpDirServerPath, &members.m_strVersionLocalPath,
-          &members.m_strVersionFileName, &members.m_strCorpDirLocalPath,
-          &members.m_strCorpDirFileName})
-    {
-        EXPECT_EQ(*pstrMember, "");
-    }
+    EXPECT_THAT(RequestTexts(members), Each(""));
     EXPECT_EQ(members.m_strFtpCtrlInfo, "ca=/etc/ca.pem");
     EXPECT_EQ(members.m_ulPort, 2121U);
     EXPECT_EQ(members.m_ulFtpMode, 3U);
@@ -424,18 +394,21 @@ TEST_F(StopTest, CanBeFollowedByAStart)
     EXPECT_EQ(inside::WorkerRunFlag(), 1U);
 }
 
-TEST_F(StopTest, TheTimerGoesBeforeTheWorkerIsStopped)
+TEST_F(StopTest, FreesTheTimerThenForgetsBothTasksThenJoinsTheWorkerThenClearsTheRequest)
 {
     StartWithRequest();
-    unsigned int ulFlagAtTimer = 9;
-    unsigned int ulFlagAtJoin = 9;
-    fakes::OnCall("OSAK_FreeRelTimer", 1, [&] { ulFlagAtTimer = inside::WorkerRunFlag(); });
-    fakes::OnCall("OSAK_PthreadJoin", 1, [&] { ulFlagAtJoin = inside::WorkerRunFlag(); });
-    fakes::OnCall("TRAVEX_FTP_CloseHandle", 1,
-                  [&] { EXPECT_EQ(members.m_strUserName, "alice") << "cleared before the join"; });
+    members.m_ulCorpDirTaskID = 5;
+    const auto Expect = [&](unsigned int ulFlag, unsigned int ulVersion, unsigned int ulCorpDir)
+    {
+        EXPECT_EQ(inside::WorkerRunFlag(), ulFlag);
+        EXPECT_EQ(members.m_ulVersionTaskID, ulVersion);
+        EXPECT_EQ(members.m_ulCorpDirTaskID, ulCorpDir);
+        EXPECT_EQ(members.m_strUserName, "alice");
+    };
+    fakes::OnCall("OSAK_FreeRelTimer", 1, [&] { Expect(1, 1, 5); });
+    fakes::OnCall("OSAK_PthreadJoin", 1, [&] { Expect(0, 0, 0); });
+    fakes::OnCall("TRAVEX_FTP_CloseHandle", 1, [&] { Expect(0, 0, 0); });
     client.CorpDirUninit();
-    EXPECT_EQ(ulFlagAtTimer, 1U);
-    EXPECT_EQ(ulFlagAtJoin, 0U);
 }
 
 TEST_F(StopTest, ATimerThatDoesNotFreeIsForgottenAllTheSame)
@@ -454,20 +427,7 @@ TEST_F(StopTest, ATimerThatDoesNotFreeIsForgottenAllTheSame)
                     "OSAK_MemFreeSetNullD(block 2)", "TRAVEX_FTP_UnInit()", "CorpDir_CloseLog()"));
 }
 
-TEST_F(StopTest, TheTasksAreForgottenOnceTheTimerIsFreed)
-{
-    StartWithRequest();
-    members.m_ulCorpDirTaskID = 5;
-    std::vector<unsigned int> vecTasks;
-    fakes::OnCall("OSAK_FreeRelTimer", 1,
-                  [&] {
-                      vecTasks = {members.m_ulVersionTaskID, members.m_ulCorpDirTaskID};
-                  });
-    client.CorpDirUninit();
-    EXPECT_THAT(vecTasks, ElementsAre(1, 5));
-}
-
-TEST_F(StopTest, GoesFromTheUserNameOverPasswordAndKeyToTextsQueueMutexAndCipherList)
+TEST_F(StopTest, ReleasesUserNamePasswordKeyTextsQueueMutexAndCipherListInThisOrder)
 {
     StartWithRequest();
     fakes::OnCall("free", 1,
@@ -501,8 +461,7 @@ TEST_F(StopTest, GoesFromTheUserNameOverPasswordAndKeyToTextsQueueMutexAndCipher
     client.CorpDirUninit();
 }
 
-// The worker stands in the library, in the start of a queued download, with one more task behind
-// it.
+// The worker is inside the library, starting a queued download; one more task is queued.
 TEST_F(StopTest, WaitsForADownloadThatIsBeingStarted)
 {
     fakes::SetWorkerMode(fakes::WorkerMode::Free);
@@ -515,28 +474,19 @@ TEST_F(StopTest, WaitsForADownloadThatIsBeingStarted)
                   [&]
                   {
                       bStarting = true;
-                      while (!bMayGoOn)
-                      {
-                          std::this_thread::yield();
-                      }
+                      Await([&] { return bMayGoOn.load(); });
                   });
     fakes::OnCall("OSAK_PthreadJoin", 1, [&] { bJoining = true; });
     AddTask(1);
     AddTask(1);
-    while (!bStarting)
-    {
-        std::this_thread::yield();
-    }
+    Await([&] { return bStarting.load(); });
     std::thread stopper(
         [&]
         {
             client.CorpDirUninit();
             bStopped = true;
         });
-    while (!bJoining && !bStopped)
-    {
-        std::this_thread::yield();
-    }
+    Await([&] { return bJoining || bStopped; });
     EXPECT_FALSE(bStopped);
     EXPECT_EQ(members.m_strUserName, "alice");
     EXPECT_NE(members.m_pucPassword, nullptr);
@@ -550,8 +500,8 @@ TEST_F(StopTest, WaitsForADownloadThatIsBeingStarted)
 
 // --- Stop and notifications ---------------------------------------------------------------------
 
-// Another thread is inside the client's callback. The stop goes round in its wait until the test
-// lets that thread out, and only then clears the request.
+// Another thread is inside the client's callback. The stop waits until the test lets that thread
+// out, and only then clears the request.
 TEST_F(StopTest, WaitsForANotificationInsideTheServiceBeforeItClearsTheRequest)
 {
     StartWithRequest();
@@ -562,17 +512,11 @@ TEST_F(StopTest, WaitsForANotificationInsideTheServiceBeforeItClearsTheRequest)
                   [&]
                   {
                       bInside = true;
-                      while (!bMayLeave)
-                      {
-                          std::this_thread::yield();
-                      }
+                      Await([&] { return bMayLeave.load(); });
                       bLeft = true;
                   });
     std::thread notifier([] { Notification(FAILED, 1, "other").Deliver(); });
-    while (!bInside)
-    {
-        std::this_thread::yield();
-    }
+    Await([&] { return bInside.load(); });
     fakes::OnCall("usleep", 3,
                   [&]
                   {
@@ -605,20 +549,8 @@ TEST_F(StopTest, ANotificationThatComesWhileTheRequestIsClearedIsDropped)
 
     StartWithRequest("192.0.2.1;192.0.2.2");
     Notification(FAILED, 2, "pub/version.txt").Deliver();
-    EXPECT_THAT(Only(Trace(), {"client"}), testing::SizeIs(1)) << "the next start hears again";
-}
-
-TEST_F(StopTest, BothTasksAreForgottenBeforeTheWorkerIsJoined)
-{
-    StartWithRequest();
-    members.m_ulCorpDirTaskID = 5;
-    std::vector<unsigned int> vecTasks;
-    fakes::OnCall("OSAK_PthreadJoin", 1,
-                  [&] {
-                      vecTasks = {members.m_ulVersionTaskID, members.m_ulCorpDirTaskID};
-                  });
-    client.CorpDirUninit();
-    EXPECT_THAT(vecTasks, ElementsAre(0, 0));
+    EXPECT_THAT(Only(Trace(), {"client"}), testing::SizeIs(1))
+        << "after the next start it is handled";
 }
 
 TEST_F(StopTest, ATaskThatTheWorkerStartedWhileItWasJoinedIsForgotten)
@@ -683,14 +615,14 @@ namespace
 
 std::atomic<bool> g_bClientIsInside{false};
 
-void TellThatTheClientIsInside(unsigned int, unsigned int, const char*, void*)
+void NoteThatTheClientIsInside(unsigned int, unsigned int, const char*, void*)
 {
     g_bClientIsInside = true;
 }
 
 }  // namespace
 
-// The stop begins while the client's callback runs, and the two of them end in any order.
+// The stop begins while the client's callback runs, and the two end in any order.
 TEST_F(StopTest, AStopDuringACallbackEndsAThousandTimes)
 {
     fakes::SetWorkerMode(fakes::WorkerMode::Free);
@@ -699,13 +631,10 @@ TEST_F(StopTest, AStopDuringACallbackEndsAThousandTimes)
     for (int i = 0; i < 1000; ++i)
     {
         ASSERT_EQ(client.CorpDirInit(&stLogInfo), 0U);
-        ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, TellThatTheClientIsInside), 0U);
+        ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, NoteThatTheClientIsInside), 0U);
         g_bClientIsInside = false;
         std::thread notifier([] { Notification(FAILED, 77, "pub/version.txt").Deliver(); });
-        while (!g_bClientIsInside)
-        {
-            std::this_thread::yield();
-        }
+        Await([] { return g_bClientIsInside.load(); });
         client.CorpDirUninit();
         EXPECT_THAT(Tasks(), IsEmpty());
         notifier.join();

@@ -11,11 +11,11 @@ class ThreadsTest : public ServiceTest
 {
 };
 
-std::atomic<unsigned int> g_ulTold{0};
+std::atomic<unsigned int> g_ulReported{0};
 
 void CountCall(unsigned int, unsigned int, const char*, void*)
 {
-    ++g_ulTold;
+    ++g_ulReported;
 }
 
 constexpr unsigned int EXPIRIES = 5000;
@@ -23,13 +23,13 @@ constexpr unsigned int FAILURES = 10000;
 
 }  // namespace
 
-// Of a list of two servers every second failure of the version file queues a check; each expiry of
-// the timer queues one. All of them are started, and every failure is told.
+// With two servers every second failure of the version file queues a check; each expiry of the
+// timer queues one. All of them are started, and every failure is reported.
 TEST_F(ThreadsTest, ExpiriesAndFailuresBesideARunningWorkerAllGetTheirDownload)
 {
     fakes::SetWorkerMode(fakes::WorkerMode::Free);
     fakes::SetRecording(false);
-    g_ulTold = 0;
+    g_ulReported = 0;
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
     stInfo.pszFtpIPs = "192.0.2.1;192.0.2.2";
     ASSERT_EQ(client.CorpDirInit(&stLogInfo), 0U);
@@ -53,18 +53,19 @@ TEST_F(ThreadsTest, ExpiriesAndFailuresBesideARunningWorkerAllGetTheirDownload)
         });
     timer.join();
     notifier.join();
-    // Also until the queue is empty: a task too many is to be run, not dropped by the stop.
-    while (fakes::LastDownload().ulTaskID < 1 + EXPIRIES + FAILURES / 2 ||
-           !members.m_listThreadPro.empty())
-    {
-        std::this_thread::yield();
-    }
+    // The queue must be empty too: the stop would hide a surplus task by dropping it.
+    Await(
+        [&]
+        {
+            return fakes::LastDownload().ulTaskID >= 1 + EXPIRIES + FAILURES / 2 &&
+                   members.m_listThreadPro.empty();
+        });
     client.CorpDirUninit();
-    EXPECT_EQ(g_ulTold, FAILURES);
+    EXPECT_EQ(g_ulReported, FAILURES);
     EXPECT_EQ(fakes::LastDownload().ulTaskID, 1 + EXPIRIES + FAILURES / 2);
 }
 
-// A start of a running service replaces the mutex beneath a polling worker and drops the queue.
+// A start of a running service replaces the mutex that its worker polls with, and drops the queue.
 TEST_F(ThreadsTest, StartsOfARunningServiceBesideItsWorkerKeepIt)
 {
     fakes::SetWorkerMode(fakes::WorkerMode::Free);
@@ -79,10 +80,7 @@ TEST_F(ThreadsTest, StartsOfARunningServiceBesideItsWorkerKeepIt)
     }
     const unsigned int ulBefore = fakes::LastDownload().ulTaskID;
     inside::TimerCallback()(nullptr);
-    while (fakes::LastDownload().ulTaskID == ulBefore)
-    {
-        std::this_thread::yield();
-    }
+    Await([&] { return fakes::LastDownload().ulTaskID != ulBefore; });
     client.CorpDirUninit();
     EXPECT_EQ(fakes::LiveFtpHandles(), 0U);
     EXPECT_EQ(fakes::LiveMemory(), 0U);

@@ -1,5 +1,5 @@
-// One recorded trace for each public operation, compared whole: a step that moves is a test that
-// fails. Left out are wipes of locals and measured lengths, which belong to no step.
+// One recorded trace for each public operation, compared as a whole, so that a moved step fails.
+// Wipes of locals and measured lengths are left out.
 #include "files.h"
 #include "service_test.h"
 
@@ -41,16 +41,6 @@ Lines DownloadStart(const std::string& strServerFile, const std::string& strDir,
                 strFile + ", DownloadCallback)",
             "log 2 AsynFtpDownload: Download file : " + strFile +
                 ", TaskID : " + std::to_string(iTask)};
-}
-
-Lines Joined(std::initializer_list<Lines> parts)
-{
-    Lines vecAll;
-    for (const Lines& vecPart : parts)
-    {
-        vecAll.insert(vecAll.end(), vecPart.begin(), vecPart.end());
-    }
-    return vecAll;
 }
 
 }  // namespace
@@ -145,6 +135,7 @@ TEST_F(TraceTest, ReplacingTheCipherList)
     ASSERT_EQ(client.CorpDirSetFtpCipherListToDirImpl(aiList, 2), 0U);
     Trace();
     ASSERT_EQ(client.CorpDirSetFtpCipherListToDirImpl(aiList, 1), 0U);
+    EXPECT_EQ(*g_stFtpCiperList.piCipherList, 1);
     EXPECT_THAT(Trace(),
                 ElementsAre("enter CorpDirSetFtpCipherListToDirImpl", "OSAK_MemFreeD(block 1)",
                             "OSAK_MemMallocS(4, 0)", "zep_memcpy_s(block 2, 4, local, 4)",

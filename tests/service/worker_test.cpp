@@ -1,4 +1,4 @@
-// The worker thread: what it does with a task, how it idles, and how it takes its leave.
+// The worker thread: its tasks, its idle passes, and its end.
 #include "service_test.h"
 
 using testing::ElementsAre;
@@ -21,16 +21,6 @@ const Lines LEAVING = {"log 2 ThreadProcess: Before CloseHandle.", "TRAVEX_FTP_C
 
 const std::string ENTERING = "log 2 ThreadProcess: Thread Process In : 0x7001.";
 
-Lines Join(std::initializer_list<Lines> parts)
-{
-    Lines vecAll;
-    for (const Lines& vecPart : parts)
-    {
-        vecAll.insert(vecAll.end(), vecPart.begin(), vecPart.end());
-    }
-    return vecAll;
-}
-
 }  // namespace
 
 TEST_F(WorkerTest, AnIdlePassLocksUnlocksAndSleepsFiftyMicroseconds)
@@ -38,7 +28,7 @@ TEST_F(WorkerTest, AnIdlePassLocksUnlocksAndSleepsFiftyMicroseconds)
     Start();
     fakes::OnCall("usleep", 3, [] { inside::WorkerRunFlag() = 0; });
     EXPECT_EQ(CFTPCorpDirImpl::ThreadProcess(), 0U);
-    EXPECT_EQ(Trace(), Join({{ENTERING}, IDLE_PASS, IDLE_PASS, IDLE_PASS, LEAVING}));
+    EXPECT_EQ(Trace(), Joined({{ENTERING}, IDLE_PASS, IDLE_PASS, IDLE_PASS, LEAVING}));
 }
 
 TEST_F(WorkerTest, LogsNothingWhileIdle)
@@ -59,11 +49,11 @@ TEST_F(WorkerTest, TakesATaskUnderTheMutexAndRunsItWithout)
     Start();
     AddTask(3);
     RunWorkerUntilIdle();
-    EXPECT_EQ(Trace(),
-              Join({{ENTERING, "OSAK_MutexLock(block 1)",
-                     "log 2 ThreadProcess: Thread download type : 3", "OSAK_MutexUnLock(block 1)"},
-                    IDLE_PASS,
-                    LEAVING}));
+    EXPECT_EQ(Trace(), Joined({{ENTERING, "OSAK_MutexLock(block 1)",
+                                "log 2 ThreadProcess: Thread download type : 3",
+                                "OSAK_MutexUnLock(block 1)"},
+                               IDLE_PASS,
+                               LEAVING}));
 }
 
 TEST_F(WorkerTest, LooksForATaskOnlyOnceItHasTheLock)
@@ -151,7 +141,7 @@ TEST_F(WorkerTest, LeavesWithoutTakingATaskWhenItsFlagIsGoneAtTheTop)
     AddTask(1);
     inside::WorkerRunFlag() = 0;
     EXPECT_EQ(CFTPCorpDirImpl::ThreadProcess(), 0U);
-    EXPECT_EQ(Trace(), Join({{ENTERING}, LEAVING}));
+    EXPECT_EQ(Trace(), Joined({{ENTERING}, LEAVING}));
     EXPECT_THAT(Tasks(), IsEmpty()) << "the queue is cleared";
 }
 
@@ -162,11 +152,11 @@ TEST_F(WorkerTest, DropsTheTaskJustTakenWhenItsFlagHasGoneMeanwhile)
     AddTask(2);
     fakes::OnCall("OSAK_MutexUnLock", 1, [] { inside::WorkerRunFlag() = 0; });
     EXPECT_EQ(CFTPCorpDirImpl::ThreadProcess(), 0U);
-    EXPECT_EQ(
-        Trace(),
-        Join({{ENTERING, "OSAK_MutexLock(block 1)", "log 2 ThreadProcess: Thread download type : 1",
-               "OSAK_MutexUnLock(block 1)", "log 2 ThreadProcess: Thread Process break."},
-              LEAVING}));
+    EXPECT_EQ(Trace(),
+              Joined({{ENTERING, "OSAK_MutexLock(block 1)",
+                       "log 2 ThreadProcess: Thread download type : 1", "OSAK_MutexUnLock(block 1)",
+                       "log 2 ThreadProcess: Thread Process break."},
+                      LEAVING}));
     EXPECT_THAT(Tasks(), IsEmpty()) << "the rest of the queue is cleared";
 }
 
@@ -264,7 +254,7 @@ TEST_F(WorkerTest, AStopDuringATaskEndsTheWorkerAfterIt)
     EXPECT_THAT(Tasks(), IsEmpty());
 }
 
-TEST_F(WorkerTest, ASecondStartBeneathAPollingWorkerDropsTheTasksAndKeepsTheWorker)
+TEST_F(WorkerTest, ASecondStartBesideAPollingWorkerDropsTheTasksAndKeepsTheWorker)
 {
     fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
     StartWithRequest();
