@@ -14,10 +14,7 @@ class DownloadTest : public ServiceTest
 protected:
     void SetUp() override
     {
-        tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-        ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
-        Trace();
-        Logged();
+        TakeRequest();
     }
 
     unsigned int Begin(const std::string& strServerFile = "pub/file",
@@ -28,6 +25,78 @@ protected:
     }
 
     unsigned int ulTaskID = 99;
+};
+
+// The version file and the directory file: the same start with other members.
+struct File
+{
+    const char* pszName;
+    const char* pszFunction;
+    unsigned int (*pfnDownload)(CFTPCorpDirImpl&);
+    unsigned int& (*pfnTask)(inside::Members&);
+    std::string& (*pfnServerPath)(inside::Members&);
+    std::string& (*pfnLocalPath)(inside::Members&);
+    std::string& (*pfnFileName)(inside::Members&);
+    const char* pszServerFile;
+    const char* pszWorkDir;
+    const char* pszLocalFile;
+};
+
+const File FILES[] = {{"Version", "VersionDownload", inside::VersionDownload,
+                       [](inside::Members& members) -> auto& {return members.m_ulVersionTaskID;
+}  // namespace
+, [](inside::Members& members) -> auto&
+{
+    return members.m_strVersionServerPath;
+}
+, [](inside::Members& members) -> auto&
+{
+    return members.m_strVersionLocalPath;
+}
+, [](inside::Members& members) -> auto&
+{
+    return members.m_strVersionFileName;
+}
+, "pub/version.txt", "/nowhere/v/", "version.local"
+}
+,
+{
+    "Directory", "CorpDirDownload", inside::CorpDirDownload, [](inside::Members & members) -> auto&
+    {
+        return members.m_ulCorpDirTaskID;
+    }
+    , [](inside::Members & members) -> auto&
+    {
+        return members.m_strCorpDirServerPath;
+    }
+    , [](inside::Members & members) -> auto&
+    {
+        return members.m_strCorpDirLocalPath;
+    }
+    , [](inside::Members & members) -> auto&
+    {
+        return members.m_strCorpDirFileName;
+    }
+    , "pub/directory.xml", "/nowhere/d/", "directory.local"
+}
+}
+;
+
+void PrintTo(const File& file, std::ostream* pStream)
+{
+    *pStream << file.pszName;
+}
+
+class FileDownloadTest : public DownloadTest, public testing::WithParamInterface<File>
+{
+protected:
+    unsigned int Begin()
+    {
+        return file.pfnDownload(service);
+    }
+
+    const File& file = GetParam();
+    unsigned int& ulTask = file.pfnTask(members);
 };
 
 class DispatchTest : public ServiceTest
@@ -167,6 +236,67 @@ TEST_F(DownloadTest, TheTextsOfAStartAreItsOwn)
     EXPECT_EQ(fakes::LastDownload().strServerFile, "pub/version.txt");
     EXPECT_EQ(fakes::LastDownload().strLocalFile, "version.local");
 }
+
+// --- The two files ------------------------------------------------------------------------------
+
+TEST_P(FileDownloadTest, FetchesTheFileIntoItsPlace)
+{
+    EXPECT_EQ(Begin(), 0U);
+    const fakes::Download download = fakes::LastDownload();
+    EXPECT_EQ(download.strServerFile, file.pszServerFile);
+    EXPECT_EQ(download.strLocalFile, file.pszLocalFile);
+    EXPECT_EQ(download.pulTaskID, &ulTask);
+    EXPECT_STREQ(fakes::LastControlParameters().stRecord.acWorkDir, file.pszWorkDir);
+    EXPECT_EQ(ulTask, 1U);
+    EXPECT_EQ(members.m_ulVersionTaskID + members.m_ulCorpDirTaskID, 1U)
+        << "the other is unchanged";
+    const Lines vecTrace = Trace();
+    EXPECT_EQ(vecTrace.front(), std::string("enter ") + file.pszFunction);
+    EXPECT_EQ(vecTrace.back(), std::string("leave ") + file.pszFunction);
+}
+
+TEST_P(FileDownloadTest, EveryPathHasToBeThere)
+{
+    ulTask = 7;
+    const std::string strFunction = file.pszFunction;
+    for (std::string* const pstrMember :
+         {&file.pfnServerPath(members), &file.pfnLocalPath(members), &file.pfnFileName(members)})
+    {
+        const std::string strKept = *pstrMember;
+        pstrMember->clear();
+        EXPECT_EQ(Begin(), 1U);
+        EXPECT_THAT(Trace(), ElementsAre("enter " + strFunction,
+                                         "log 0 " + strFunction + ": Input param is empty.",
+                                         "leave " + strFunction));
+        *pstrMember = strKept;
+    }
+    EXPECT_EQ(ulTask, 7U);
+}
+
+TEST_P(FileDownloadTest, AStartThatFailsForgetsTheEarlierTaskAndPassesTheCode)
+{
+    const std::string strRecord = std::string("0 ") + file.pszFunction +
+                                  ": AsynFtpDownload failed, filename : " + file.pszLocalFile;
+    struct Failure
+    {
+        const char* pszFunction;
+        unsigned int ulResult;
+    };
+    for (const Failure& failure :
+         {Failure{"TRAVEX_FTP_SetCtrlParam", 1}, Failure{"TRAVEX_FTP_AsynDownloadFile", 20}})
+    {
+        ulTask = 7;
+        fakes::FailCall(failure.pszFunction, 1, 20);
+        EXPECT_EQ(Begin(), failure.ulResult);
+        EXPECT_EQ(ulTask, 0U);
+        EXPECT_EQ(Logged().back(), strRecord);
+    }
+    EXPECT_THAT(Only(Trace(), {"client"}), IsEmpty());
+    EXPECT_THAT(Tasks(), IsEmpty()) << "nothing is tried again";
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, FileDownloadTest, testing::ValuesIn(FILES),
+                         [](const auto& instance) { return std::string(instance.param.pszName); });
 
 // --- Dispatch of notifications ------------------------------------------------------------------
 

@@ -21,10 +21,9 @@ extern "C" TRAVEX_FTP_HANDLE TRAVEX_FTP_CreateHandle()
     {
         return nullptr;
     }
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    const auto hFtp = NumberedHandle<TRAVEX_FTP_HANDLE>(FTP_BASE, ++state.ulFtpHandles);
-    state.setFtpHandles.insert(hFtp);
+    const LockedState state;
+    const auto hFtp = NumberedHandle<TRAVEX_FTP_HANDLE>(FTP_BASE, ++state->ulFtpHandles);
+    state->setFtpHandles.insert(hFtp);
     return hFtp;
 }
 
@@ -50,9 +49,8 @@ extern "C" unsigned int TRAVEX_FTP_CloseHandle(TRAVEX_FTP_HANDLE handle)
 {
     const Call call("TRAVEX_FTP_CloseHandle", handle);
     const unsigned int ulRet = CheckHandle(call, "TRAVEX_FTP_CloseHandle", handle);
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.setFtpHandles.erase(handle);
+    const LockedState state;
+    state->setFtpHandles.erase(handle);
     return ulRet;
 }
 
@@ -62,12 +60,11 @@ extern "C" unsigned int TRAVEX_FTP_SetCtrlParam(TRAVEX_FTP_HANDLE handle,
     SeeSecret(param->acPassword, sizeof(param->acPassword));
     const Call call("TRAVEX_FTP_SetCtrlParam", handle);
     const unsigned int ulRet = CheckHandle(call, "TRAVEX_FTP_SetCtrlParam", handle);
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.control.hFtp = handle;
-    state.control.stRecord = *param;
-    state.control.strTrustText = param->pcFtpCtrlInfo;
-    state.control.vecCiphers.assign(param->piCipherList, param->piCipherList + param->ulCipherNum);
+    const LockedState state;
+    state->control.hFtp = handle;
+    state->control.stRecord = *param;
+    state->control.strTrustText = param->pcFtpCtrlInfo;
+    state->control.vecCiphers.assign(param->piCipherList, param->piCipherList + param->ulCipherNum);
     return ulRet;
 }
 
@@ -76,9 +73,8 @@ extern "C" unsigned int TRAVEX_FTP_SetDataParam(TRAVEX_FTP_HANDLE handle,
 {
     const Call call("TRAVEX_FTP_SetDataParam", handle);
     const unsigned int ulRet = CheckHandle(call, "TRAVEX_FTP_SetDataParam", handle);
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.stData = *param;
+    const LockedState state;
+    state->stData = *param;
     return ulRet;
 }
 
@@ -91,13 +87,12 @@ extern "C" unsigned int TRAVEX_FTP_AsynDownloadFile(TRAVEX_FTP_HANDLE handle, un
     const Call call("TRAVEX_FTP_AsynDownloadFile", handle, static_cast<const void*>(taskId),
                     serverFile, dir, localFile, reinterpret_cast<const void*>(callback));
     const unsigned int ulRet = CheckHandle(call, "TRAVEX_FTP_AsynDownloadFile", handle);
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    const unsigned int ulTaskID = ulRet == 0 ? state.ulNextTaskID++ : 0;
+    const LockedState state;
+    const unsigned int ulTaskID = ulRet == 0 ? state->ulNextTaskID++ : 0;
     if (ulRet == 0)
     {
         __atomic_store_n(taskId, ulTaskID, __ATOMIC_RELAXED);
     }
-    state.download = Download{handle, taskId, ulTaskID, serverFile, dir, localFile, callback};
+    state->download = Download{handle, taskId, ulTaskID, serverFile, dir, localFile, callback};
     return ulRet;
 }

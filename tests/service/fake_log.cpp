@@ -65,13 +65,12 @@ void CCorpDirLog::WriteLog(const char* module, const char* function, const char*
     if (Recording())
     {
         CheckPlace(function, line, file);
-        State& state = TheState();
-        const std::lock_guard<std::mutex> lock(state.mutex);
-        state.vecLog.push_back(LogRecord{level, function, strText});
-        state.vecTrace.push_back("log " + std::to_string(level) + " " + function + ": " + strText);
+        const LockedState state;
+        state->vecLog.push_back(LogRecord{level, function, strText});
+        state->vecTrace.push_back("log " + std::to_string(level) + " " + function + ": " + strText);
         if (std::string(module) != MODULE_NAME)
         {
-            state.vecMisuses.push_back("record of module " + std::string(module));
+            state->vecMisuses.push_back("record of module " + std::string(module));
         }
     }
 }

@@ -16,9 +16,8 @@ static void* Allocate(const Call& call, size_t ulSize)
     if (pBlock != nullptr)
     {
         std::memset(pBlock, 0, ulSize);
-        State& state = TheState();
-        const std::lock_guard<std::mutex> lock(state.mutex);
-        state.mapBlocks[pBlock] = Block{++state.ulBlocks, ulSize};
+        const LockedState state;
+        state->mapBlocks[pBlock] = Block{++state->ulBlocks, ulSize};
     }
     return pBlock;
 }
@@ -89,9 +88,8 @@ extern "C" void* __wrap_malloc(size_t ulSize)
         return nullptr;
     }
     void* const pBlock = __real_malloc(ulSize);
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.setMallocs.insert(pBlock);
+    const LockedState state;
+    state->setMallocs.insert(pBlock);
     return pBlock;
 }
 
@@ -100,9 +98,8 @@ extern "C" void __wrap_free(void* pBlock)
     if (pBlock != nullptr)
     {
         const Call call("free", static_cast<const void*>(pBlock));
-        State& state = TheState();
-        const std::lock_guard<std::mutex> lock(state.mutex);
-        state.setMallocs.erase(pBlock);
+        const LockedState state;
+        state->setMallocs.erase(pBlock);
         __real_free(pBlock);
     }
 }
@@ -130,9 +127,8 @@ static unsigned int CheckMutex(const Call& call, const char* pszFunction, const 
 extern "C" unsigned int OSAK_MutexInitRecursive(OSAK_MUTEX* mutex, void* attr)
 {
     const Call call("OSAK_MutexInitRecursive", static_cast<const void*>(mutex), attr);
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.setMutexes.insert(mutex);
+    const LockedState state;
+    state->setMutexes.insert(mutex);
     return call.Code();
 }
 
@@ -140,9 +136,8 @@ extern "C" unsigned int OSAK_MutexDestroy(OSAK_MUTEX* mutex)
 {
     const Call call("OSAK_MutexDestroy", static_cast<const void*>(mutex));
     const unsigned int ulRet = CheckMutex(call, "OSAK_MutexDestroy", mutex);
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.setMutexes.erase(mutex);
+    const LockedState state;
+    state->setMutexes.erase(mutex);
     return ulRet;
 }
 
@@ -219,9 +214,8 @@ static void JoinWorkerThread(Worker& worker)
 
 static std::shared_ptr<Worker> CurrentWorker()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.worker;
+    const LockedState state;
+    return state->worker;
 }
 
 void fakes::EndWorker()
@@ -331,10 +325,9 @@ extern "C" OSAK_TIMER OSAK_CreateRelTimerM(OSAK_TIMER_PROC callback, unsigned in
     {
         return nullptr;
     }
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    const auto pTimer = NumberedHandle<OSAK_TIMER>(TIMER_BASE, ++state.ulTimers);
-    state.mapTimers[pTimer] = Timer{callback, mode, 0, nullptr};
+    const LockedState state;
+    const auto pTimer = NumberedHandle<OSAK_TIMER>(TIMER_BASE, ++state->ulTimers);
+    state->mapTimers[pTimer] = Timer{callback, mode, 0, nullptr};
     return pTimer;
 }
 
@@ -412,22 +405,20 @@ extern "C" int OSAK_GetAddrInfo(const char* node, const char* service, const add
     {
         return static_cast<int>(call.Code());
     }
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    ++state.ulResolved;
-    *result = &state.stResolved;
+    const LockedState state;
+    ++state->ulResolved;
+    *result = &state->stResolved;
     return 0;
 }
 
 extern "C" void OSAK_FreeAddrInfo(addrinfo* result)
 {
     const Call call("OSAK_FreeAddrInfo");
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    if (result != &state.stResolved || state.ulResolved == 0)
+    const LockedState state;
+    if (result != &state->stResolved || state->ulResolved == 0)
     {
-        state.vecMisuses.push_back("OSAK_FreeAddrInfo of something else");
+        state->vecMisuses.push_back("OSAK_FreeAddrInfo of something else");
         return;
     }
-    --state.ulResolved;
+    --state->ulResolved;
 }

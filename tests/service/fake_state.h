@@ -27,7 +27,7 @@ namespace fakes
 struct Rule
 {
     std::string strFunction;
-    unsigned int ulNth;  // 0: every call
+    unsigned int ulNth;  // from 1
     std::optional<unsigned int> ulCode;
     std::function<void()> action;
     unsigned int ulSeen = 0;
@@ -60,9 +60,9 @@ struct Secret
     std::set<const char*> setPlaces;
 };
 
-struct State
+// All of the fakes' state that a reset clears.
+struct Values
 {
-    std::mutex mutex;
     std::vector<std::string> vecTrace;
     std::vector<LogRecord> vecLog;
     std::vector<std::string> vecMisuses;
@@ -98,7 +98,25 @@ struct State
     Secret secret;
 };
 
+struct State : Values
+{
+    std::mutex mutex;
+};
+
 State& TheState();
+
+// The state with its lock held.
+class LockedState
+{
+public:
+    Values* operator->() const
+    {
+        return &TheState();
+    }
+
+private:
+    const std::lock_guard<std::mutex> m_lock{TheState().mutex};
+};
 
 // --- Arguments as the trace prints them ---------------------------------------------------------
 

@@ -14,12 +14,11 @@ extern "C" unsigned int ZEP_CPYPT_RealRandom(unsigned char* buffer, unsigned int
     {
         return call.Code();
     }
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
+    const LockedState state;
     for (unsigned int i = 0; i < len; ++i)
     {
-        state.ulRandom = state.ulRandom * 1664525U + 1013904223U;
-        buffer[i] = static_cast<unsigned char>(state.ulRandom >> 24U);
+        state->ulRandom = state->ulRandom * 1664525U + 1013904223U;
+        buffer[i] = static_cast<unsigned char>(state->ulRandom >> 24U);
     }
     return 0;
 }
@@ -69,9 +68,8 @@ extern "C" unsigned int ZEP_CPYPT_Encrypt(unsigned int alg, const unsigned char*
     {
         strBytes[i] = static_cast<char>(strBytes[i] ^ Mask(key, iv, i));
     }
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return Give(state.strSealed.value_or(strBytes), out, outLen);
+    const LockedState state;
+    return Give(state->strSealed.value_or(strBytes), out, outLen);
 }
 
 static bool TakePaddingOff(std::string& strBytes)

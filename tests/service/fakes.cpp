@@ -80,12 +80,11 @@ void Call::Enter(const char* pszFunction)
 {
     std::vector<std::function<void()>> vecActions;
     {
-        State& state = TheState();
-        const std::lock_guard<std::mutex> lock(state.mutex);
-        ++state.mapCalls[pszFunction];
-        for (Rule& rule : state.vecRules)
+        const LockedState state;
+        ++state->mapCalls[pszFunction];
+        for (Rule& rule : state->vecRules)
         {
-            if (rule.strFunction != pszFunction || (rule.ulNth != 0 && ++rule.ulSeen != rule.ulNth))
+            if (rule.strFunction != pszFunction || ++rule.ulSeen != rule.ulNth)
             {
                 continue;
             }
@@ -113,9 +112,8 @@ void Call::Record(State& state, std::string strLine) const
 
 void Misuse(const std::string& strText)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.vecMisuses.push_back(strText);
+    const LockedState state;
+    state->vecMisuses.push_back(strText);
 }
 
 void CheckPlace(const char* pszFunction, unsigned int ulLine, const char* pszFile)
@@ -140,9 +138,8 @@ void SeeSecret(const void* pPlace, size_t ulSize)
         return;
     }
     const memory::Paused paused;
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    Secret& secret = state.secret;
+    const LockedState state;
+    Secret& secret = state->secret;
     if (!secret.strText.empty() && ulSize >= secret.strText.size() &&
         std::memcmp(pPlace, secret.strText.data(), secret.strText.size()) == 0)
     {
@@ -158,9 +155,8 @@ void WipeSecrets(const void* pPlace, size_t ulSize)
         return;
     }
     const memory::Paused paused;
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    Secret& secret = state.secret;
+    const LockedState state;
+    Secret& secret = state->secret;
     const char* const pcFrom = static_cast<const char*>(pPlace);
     secret.setPlaces.erase(secret.setPlaces.lower_bound(pcFrom),
                            secret.setPlaces.lower_bound(pcFrom + ulSize));
@@ -173,58 +169,33 @@ void Reset()
     const memory::Paused paused;
     EndWorker();
     SetLogSink(nullptr);
+    {
+        State& state = TheState();
+        const std::lock_guard<std::mutex> lock(state.mutex);
+        for (const auto& [pBlock, block] : state.mapBlocks)
+        {
+            __real_free(pBlock);
+        }
+        for (void* const pBlock : state.queReleased)
+        {
+            __real_free(pBlock);
+        }
+        static_cast<Values&>(state) = Values{};
+    }
     SetResolved(AF_INET, std::string("\xC0\x00\x02\x07", 4));
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    for (const auto& [pBlock, block] : state.mapBlocks)
-    {
-        __real_free(pBlock);
-    }
-    for (void* const pBlock : state.queReleased)
-    {
-        __real_free(pBlock);
-    }
-    state.mapBlocks.clear();
-    state.queReleased.clear();
-    state.ulBlocks = 0;
-    state.setMutexes.clear();
-    state.vecTrace.clear();
-    state.vecLog.clear();
-    state.vecMisuses.clear();
-    state.vecRules.clear();
-    state.mapCalls.clear();
-    state.mapNames.clear();
-    state.setFtpHandles.clear();
-    state.ulFtpHandles = 0;
-    state.control = ControlParameters{};
-    state.stData = {};
-    state.download = Download{};
-    state.ulNextTaskID = 1;
-    state.mapTimers.clear();
-    state.ulTimers = 0;
-    state.ulThreads = 0;
-    state.worker.reset();
-    state.eWorkerMode = WorkerMode::Recorded;
-    state.ulResolved = 0;
-    state.ulRandom = 0;
-    state.strSealed.reset();
-    state.strUnsealed.reset();
-    state.secret = Secret{};
     SetRecording(true);
 }
 
 std::vector<std::string> TakeTrace()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return std::exchange(state.vecTrace, {});
+    const LockedState state;
+    return std::exchange(state->vecTrace, {});
 }
 
 std::vector<LogRecord> TakeLog()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return std::exchange(state.vecLog, {});
+    const LockedState state;
+    return std::exchange(state->vecLog, {});
 }
 
 std::vector<std::string> TakeLogged()
@@ -240,37 +211,32 @@ std::vector<std::string> TakeLogged()
 
 unsigned int Calls(const std::string& strFunction)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.mapCalls[strFunction];
+    const LockedState state;
+    return state->mapCalls[strFunction];
 }
 
 std::vector<std::string> TakeMisuses()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return std::exchange(state.vecMisuses, {});
+    const LockedState state;
+    return std::exchange(state->vecMisuses, {});
 }
 
 void Note(const std::string& strEvent)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.vecTrace.push_back(strEvent);
+    const LockedState state;
+    state->vecTrace.push_back(strEvent);
 }
 
 void NamePointer(const void* pPointer, const std::string& strName)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.mapNames[pPointer] = strName;
+    const LockedState state;
+    state->mapNames[pPointer] = strName;
 }
 
 static void AddRule(Rule rule)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.vecRules.push_back(std::move(rule));
+    const LockedState state;
+    state->vecRules.push_back(std::move(rule));
 }
 
 void FailCall(const std::string& strFunction, unsigned int ulNth, unsigned int ulCode)
@@ -283,17 +249,11 @@ void OnCall(const std::string& strFunction, unsigned int ulNth, std::function<vo
     AddRule(Rule{strFunction, ulNth, std::nullopt, std::move(action)});
 }
 
-void OnEveryCall(const std::string& strFunction, std::function<void()> action)
-{
-    AddRule(Rule{strFunction, 0, std::nullopt, std::move(action)});
-}
-
 std::vector<std::string> UnusedRules()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
+    const LockedState state;
     std::vector<std::string> vecUnused;
-    for (const Rule& rule : state.vecRules)
+    for (const Rule& rule : state->vecRules)
     {
         if (rule.ulSeen < rule.ulNth)
         {
@@ -305,37 +265,26 @@ std::vector<std::string> UnusedRules()
 
 ControlParameters LastControlParameters()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.control;
+    const LockedState state;
+    return state->control;
 }
 
 tagTRAVEX_FTP_S_DATA_PARAM LastDataParameters()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.stData;
+    const LockedState state;
+    return state->stData;
 }
 
 Download LastDownload()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.download;
-}
-
-void SetNextTaskID(unsigned int ulTaskID)
-{
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.ulNextTaskID = ulTaskID;
+    const LockedState state;
+    return state->download;
 }
 
 unsigned int LiveFtpHandles()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return static_cast<unsigned int>(state.setFtpHandles.size());
+    const LockedState state;
+    return static_cast<unsigned int>(state->setFtpHandles.size());
 }
 
 TRAVEX_FTP_HANDLE FtpHandle(unsigned int ulNth)
@@ -345,17 +294,15 @@ TRAVEX_FTP_HANDLE FtpHandle(unsigned int ulNth)
 
 void SetWorkerMode(WorkerMode eMode)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.eWorkerMode = eMode;
+    const LockedState state;
+    state->eWorkerMode = eMode;
 }
 
 size_t LiveMemory()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
+    const LockedState state;
     size_t ulBytes = 0;
-    for (const auto& [pBlock, block] : state.mapBlocks)
+    for (const auto& [pBlock, block] : state->mapBlocks)
     {
         ulBytes += block.ulSize;
     }
@@ -364,81 +311,71 @@ size_t LiveMemory()
 
 bool IsLiveBlock(const void* pBlock)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.mapBlocks.count(const_cast<void*>(pBlock)) != 0;
+    const LockedState state;
+    return state->mapBlocks.count(const_cast<void*>(pBlock)) != 0;
 }
 
 Timer LiveTimer()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.mapTimers.empty() ? Timer{} : state.mapTimers.begin()->second;
+    const LockedState state;
+    return state->mapTimers.empty() ? Timer{} : state->mapTimers.begin()->second;
 }
 
 unsigned int LiveTimers()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return static_cast<unsigned int>(state.mapTimers.size());
+    const LockedState state;
+    return static_cast<unsigned int>(state->mapTimers.size());
 }
 
 void SetResolved(int iFamily, const std::string& strAddressBytes)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.stAddress = {};
-    state.stResolved = {};
-    state.stResolved.ai_family = iFamily;
-    auto* const pstAddress = reinterpret_cast<char*>(&state.stAddress);
+    const LockedState state;
+    state->stAddress = {};
+    state->stResolved = {};
+    state->stResolved.ai_family = iFamily;
+    auto* const pstAddress = reinterpret_cast<char*>(&state->stAddress);
     const size_t ulOffset = strAddressBytes.size() == 4 ? offsetof(sockaddr_in, sin_addr)
                                                         : offsetof(sockaddr_in6, sin6_addr);
     std::memcpy(pstAddress + ulOffset, strAddressBytes.data(), strAddressBytes.size());
-    state.stResolved.ai_addr =
-        strAddressBytes.empty() ? nullptr : reinterpret_cast<sockaddr*>(&state.stAddress);
+    state->stResolved.ai_addr =
+        strAddressBytes.empty() ? nullptr : reinterpret_cast<sockaddr*>(&state->stAddress);
 }
 
 unsigned int ResolverResultsNotFreed()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.ulResolved;
+    const LockedState state;
+    return state->ulResolved;
 }
 
 void SetSealed(const std::string& strBytes)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.strSealed = strBytes;
+    const LockedState state;
+    state->strSealed = strBytes;
 }
 
 void SetUnsealed(const std::string& strBytes)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.strUnsealed = strBytes;
+    const LockedState state;
+    state->strUnsealed = strBytes;
 }
 
 void WatchSecret(const std::string& strSecret)
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.secret = Secret{};
-    state.secret.strText = strSecret;
+    const LockedState state;
+    state->secret = Secret{};
+    state->secret.strText = strSecret;
 }
 
 unsigned int SecretCopiesSeen()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.secret.ulSeen;
+    const LockedState state;
+    return state->secret.ulSeen;
 }
 
 unsigned int SecretCopiesNotWiped()
 {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return static_cast<unsigned int>(state.secret.setPlaces.size());
+    const LockedState state;
+    return static_cast<unsigned int>(state->secret.setPlaces.size());
 }
 
 }  // namespace fakes

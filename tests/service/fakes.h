@@ -1,4 +1,4 @@
-// The four layers beneath the service, faked at link time.
+// The four layers under the service, faked at link time.
 //
 // Every call is recorded in one trace, in order, together with the log's records and the entries
 // and exits of traced functions. Any function can be made to fail at its Nth call, or to run a
@@ -61,20 +61,17 @@ void SetRecording(bool bOn);
 void SetLogSink(void (*pfnSink)(unsigned int ulLevel, const char* pszFunction,
                                 const char* pszText));
 
-// --- What shall happen --------------------------------------------------------------------------
+// --- Faults and actions --------------------------------------------------------------------------
 
-// The Nth call of the function from now on (from 1) does nothing and gives ulCode; a function that
-// gives a pointer then gives null. These do their work and give the code all the same, since the
-// service does not try again: TRAVEX_FTP_CloseHandle, OSAK_MutexDestroy and OSAK_FreeRelTimer
-// release, OSAK_MutexInitRecursive initialises. The FTP library's other functions note what they
-// were given, and zep_strncpy_s leaves an empty text.
+// The Nth call of the function from now on (from 1) does nothing and returns ulCode; a function
+// that returns a pointer returns null. These do their work before they return the code, since the
+// service does not call them again: TRAVEX_FTP_CloseHandle, OSAK_MutexDestroy and OSAK_FreeRelTimer
+// release, OSAK_MutexInitRecursive initialises. The FTP library's other functions note their
+// arguments, and zep_strncpy_s leaves an empty text.
 void FailCall(const std::string& strFunction, unsigned int ulNth, unsigned int ulCode);
 
 // The action runs at the beginning of the Nth call from now on, on the calling thread.
 void OnCall(const std::string& strFunction, unsigned int ulNth, std::function<void()> action);
-
-// The action runs at the beginning of every call from now on.
-void OnEveryCall(const std::string& strFunction, std::function<void()> action);
 
 // Rules of FailCall and OnCall whose call has not come: a test that states one expects it to come.
 std::vector<std::string> UnusedRules();
@@ -104,9 +101,6 @@ struct Download
 ControlParameters LastControlParameters();
 tagTRAVEX_FTP_S_DATA_PARAM LastDataParameters();
 Download LastDownload();
-
-// The task id that the next accepted download gets; later ones count up from it.
-void SetNextTaskID(unsigned int ulTaskID);
 
 unsigned int LiveFtpHandles();
 
@@ -145,19 +139,19 @@ struct Timer
 Timer LiveTimer();
 unsigned int LiveTimers();
 
-// What the next resolutions give: one entry of this family with this address; empty: an entry
+// The result of the next resolutions: one entry of this family with this address; empty: an entry
 // without an address.
 void SetResolved(int iFamily, const std::string& strAddressBytes);
 unsigned int ResolverResultsNotFreed();
 
 // --- Security layer -----------------------------------------------------------------------------
 
-// What the next encryptions and decryptions give instead of the fake cipher's result.
+// The result of the next encryptions and decryptions instead of the fake cipher's.
 void SetSealed(const std::string& strBytes);
 void SetUnsealed(const std::string& strBytes);
 
-// Watches where the layers see this text, in the service's own memory. What has not been wiped with
-// zep_memset_s since counts as unwiped.
+// Notes where the layers see this text in the service's own memory. A place counts as not wiped
+// until zep_memset_s has overwritten it.
 void WatchSecret(const std::string& strSecret);
 unsigned int SecretCopiesSeen();
 unsigned int SecretCopiesNotWiped();

@@ -92,13 +92,6 @@ void PrintTo(const Scenario& scenario, std::ostream* pStream)
 class RotationTest : public ServiceTest, public testing::WithParamInterface<Scenario>
 {
 protected:
-    void TakeRequest(const std::string& strServers)
-    {
-        tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-        stInfo.pszFtpIPs = strServers.c_str();
-        ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
-    }
-
     void Happen(char cEvent)
     {
         if (cEvent == 's')
@@ -142,9 +135,7 @@ TEST_F(FailureTest, TenThousandServersAreTriedInTheirOrder)
     {
         strServers += (i == 0 ? "s" : ";s") + std::to_string(i);
     }
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = strServers.c_str();
-    ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
+    TakeRequest(strServers);
     fakes::SetRecording(false);
     for (int i = 1; i < 10000; ++i)
     {
@@ -239,7 +230,7 @@ TEST_F(FailureTest, ARetryIsQueuedAfterItsRecord)
     }
 }
 
-TEST_F(FailureTest, AVersionFailureIsLoggedToldForgottenRotatedAndQueued)
+TEST_F(FailureTest, AVersionFailureIsLoggedReportedForgottenRotatedAndQueued)
 {
     StartWithRequest("A;B;C");
     Notification(FAILED, 1, VERSION_FILE).WithError(0x1F).Deliver();
@@ -289,7 +280,7 @@ TEST_F(FailureTest, AnEmptyFullListIsReportedAndLoggedTwice)
     EXPECT_THAT(Tasks(), IsEmpty());
 }
 
-TEST_F(FailureTest, ADirectoryFailureIsToldButNotTriedAgain)
+TEST_F(FailureTest, ADirectoryFailureIsReportedButNotTriedAgain)
 {
     StartWithRequest("A;B;C");
     members.m_ulCorpDirTaskID = 2;
@@ -305,7 +296,7 @@ TEST_F(FailureTest, ADirectoryFailureIsToldButNotTriedAgain)
                             "OSAK_StrCmp(pub/version.txt, pub/directory.xml)"));
 }
 
-TEST_F(FailureTest, AnUnknownTaskIsToldAndMayRotate)
+TEST_F(FailureTest, AnUnknownTaskIsReportedAndMayRotate)
 {
     StartWithRequest("A;B;C");
     members.m_ulCorpDirTaskID = 2;
@@ -350,7 +341,7 @@ TEST_F(FailureTest, ANullNotificationIsOnlyLogged)
                 ElementsAre("log 0 VersionCorpDownloadErr: VersionCorpDownloadErr Param is NULL"));
 }
 
-TEST_F(FailureTest, TheClientIsToldBeforeTheRotation)
+TEST_F(FailureTest, TheClientIsCalledBeforeTheRotation)
 {
     StartWithRequest("A;B;C");
     std::string strCurrentAtCallback;

@@ -168,6 +168,15 @@ void ServiceTest::Start()
     Logged();
 }
 
+void ServiceTest::TakeRequest(const std::string& strServers)
+{
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
+    stInfo.pszFtpIPs = strServers.c_str();
+    ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
+    Trace();
+    Logged();
+}
+
 void ServiceTest::StartWithRequest(const std::string& strServers)
 {
     Start();

@@ -88,6 +88,9 @@ protected:
     // Starts the service; what the start did is forgotten.
     void Start();
 
+    // Copies a request into the members; what that did is forgotten.
+    void TakeRequest(const std::string& strServers = "192.0.2.1");
+
     // Makes a request; what it did is forgotten. The first version download has task 1.
     void StartWithRequest(const std::string& strServers = "192.0.2.1");
 

@@ -1,4 +1,4 @@
-// The version check: the download's start, the timer, and the version file.
+// The version check: the timer and the version file.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,10 +14,6 @@ using testing::IsEmpty;
 
 namespace
 {
-
-class VersionDownloadTest : public ServiceTest
-{
-};
 
 class TimerTest : public ServiceTest
 {
@@ -83,62 +79,6 @@ protected:
 };
 
 }  // namespace
-
-// --- Start of the version download --------------------------------------------------------------
-
-TEST_F(VersionDownloadTest, FetchesTheVersionFileIntoItsPlace)
-{
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
-    Trace();
-    EXPECT_EQ(inside::VersionDownload(service), 0U);
-    const fakes::Download download = fakes::LastDownload();
-    EXPECT_EQ(download.strServerFile, "pub/version.txt");
-    EXPECT_EQ(download.strLocalFile, "version.local");
-    EXPECT_EQ(download.pulTaskID, &members.m_ulVersionTaskID);
-    EXPECT_STREQ(fakes::LastControlParameters().stRecord.acWorkDir, "/nowhere/v/");
-    EXPECT_EQ(members.m_ulVersionTaskID, 1U);
-    const Lines vecTrace = Trace();
-    EXPECT_EQ(vecTrace.front(), "enter VersionDownload");
-    EXPECT_EQ(vecTrace.back(), "leave VersionDownload");
-}
-
-TEST_F(VersionDownloadTest, EveryPathHasToBeThere)
-{
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
-    members.m_ulVersionTaskID = 7;
-    for (std::string* const pstrMember :
-         {&members.m_strVersionServerPath, &members.m_strVersionLocalPath,
-          &members.m_strVersionFileName})
-    {
-        Trace();
-        const std::string strKept = *pstrMember;
-        pstrMember->clear();
-        EXPECT_EQ(inside::VersionDownload(service), 1U);
-        EXPECT_THAT(Trace(), ElementsAre("enter VersionDownload",
-                                         "log 0 VersionDownload: Input param is empty.",
-                                         "leave VersionDownload"));
-        *pstrMember = strKept;
-    }
-    EXPECT_EQ(members.m_ulVersionTaskID, 7U);
-}
-
-TEST_F(VersionDownloadTest, ForgetsTheEarlierTaskAndPassesTheCodeOfAStartThatFailed)
-{
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
-    members.m_ulVersionTaskID = 7;
-    fakes::FailCall("TRAVEX_FTP_SetCtrlParam", 1, 5);
-    EXPECT_EQ(inside::VersionDownload(service), 1U);
-    EXPECT_EQ(members.m_ulVersionTaskID, 0U);
-    EXPECT_EQ(Logged().back(),
-              "0 VersionDownload: AsynFtpDownload failed, filename : version.local");
-    fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 1, 20);
-    EXPECT_EQ(inside::VersionDownload(service), 20U);
-    EXPECT_EQ(Logged().back(),
-              "0 VersionDownload: AsynFtpDownload failed, filename : version.local");
-}
 
 // --- Timer --------------------------------------------------------------------------------------
 
