@@ -1,4 +1,4 @@
-// The layers that the program calls by itself, faked: they keep what they were given.
+// The layers that the program calls directly, faked: they keep their arguments.
 #ifndef CORPDIR_TESTS_FAKE_LAYERS_H
 #define CORPDIR_TESTS_FAKE_LAYERS_H
 
@@ -19,7 +19,7 @@ struct FakeLayers
     tagTRAVEX_FTP_S_LIMITS limits = {};
     unsigned int limitsResult = 0;
 
-    // What the FTP layer would report of a task.
+    // The FTP layer's report on a task.
     void Observe(unsigned int kind, unsigned int task, const std::string& server, const char* file,
                  unsigned int code, const char* reason) const;
 };

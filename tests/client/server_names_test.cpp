@@ -1,4 +1,4 @@
-// Server names: looked up side by side, registered with the FTP layer.
+// Server names: resolved at the same time, registered with the FTP layer.
 #include "server_names.h"
 
 #include <gmock/gmock.h>
@@ -63,7 +63,8 @@ std::vector<std::string> Problems(const ResolvedServers& resolved)
     return problems;
 }
 
-// Keeps the callers of a lookup until it is opened. Owned by them too: one may outlive the test.
+// Blocks the callers of a lookup until it is opened. They own it too, since one may outlive the
+// test.
 class Gate
 {
 public:
@@ -157,7 +158,7 @@ TEST(ServerNames, AllNamesOfAListAreLookedUpAtOnce)
         return LookupResult{{"192.0.2." + std::to_string(std::stoi(name.substr(49)) - 99)}, ""};
     };
     ServerLookup servers(Entries(names), AF_UNSPEC, lookup);
-    gate->Await(names.size());  // one after the other would never get there
+    gate->Await(names.size());  // lookups one after the other would never reach this count
     gate->Open();
     const ResolvedServers resolved = servers.Wait();
     ASSERT_THAT(resolved.servers, SizeIs(200));
@@ -202,7 +203,7 @@ TEST(ServerNames, TheTimeOfAllLookupsIsLimited)
     EXPECT_THAT(Problems(resolved),
                 ElementsAre("slow1.example: no answer of the resolver within 0.25 s",
                             "slow2.example: no answer of the resolver within 0.25 s"));
-    gate->Open();  // the threads end after their lookup is gone
+    gate->Open();  // the threads end after their lookup was destroyed
 }
 
 TEST(ServerNames, AWaitCanBeGivenUp)

@@ -33,7 +33,7 @@ def compile_example(folder, compiler, source, library):
 
 
 def run_documents():
-    """As an operator reads them, and somebody who has only the log."""
+    """The documents for an operator, and for a reader who has only the log."""
     for document in DOCUMENTS:
         print("\n%s, with the installed program:\n" % document, flush=True)
         subprocess.run([served_directory.PYTHON, "-B", SOURCE / "tests/program/run_document.py", SOURCE,

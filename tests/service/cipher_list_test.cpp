@@ -1,4 +1,4 @@
-// The TLS cipher list: replacing, adding, releasing, and what a lack of memory leaves.
+// The TLS cipher list: replacing, adding, releasing, and running out of memory.
 #include <cstddef>
 
 #include "service_test.h"

@@ -1,4 +1,4 @@
-// A download's start, and the way of its notifications.
+// The start of a download, and the dispatch of its notifications.
 #include <cstring>
 
 #include "service_test.h"

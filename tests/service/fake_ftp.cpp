@@ -27,7 +27,7 @@ extern "C" TRAVEX_FTP_HANDLE TRAVEX_FTP_CreateHandle()
     return hFtp;
 }
 
-// Using a handle that was closed is a misuse; the library's answer is a code.
+// The use of a closed handle is a misuse; the library returns a code.
 static unsigned int CheckHandle(const Call& call, const char* pszFunction, TRAVEX_FTP_HANDLE hFtp)
 {
     if (call.Fails())

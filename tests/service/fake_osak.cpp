@@ -106,7 +106,7 @@ extern "C" void __wrap_free(void* pBlock)
 
 // --- Mutexes ------------------------------------------------------------------------------------
 
-// Gives 0 for a live mutex; what else happens to one is a misuse, as the layer's code says.
+// 0 for a live mutex; any other use is a misuse, with the layer's code.
 static unsigned int CheckMutex(const Call& call, const char* pszFunction, const OSAK_MUTEX* pMutex)
 {
     if (call.Fails() || !Recording())
@@ -274,8 +274,8 @@ extern "C" unsigned int OSAK_PthreadCreate(OSAK_THREAD* thread, void* attr, OSAK
     return 0;
 }
 
-// A recorded worker runs here, on the joining thread, unless the test has run it before: its run
-// flag is 0 by now, so that it only takes its leave.
+// A recorded worker runs here, on the joining thread, unless the test has run it before. Its run
+// flag is 0 by now, so that it ends at once.
 extern "C" unsigned int OSAK_PthreadJoin(OSAK_THREAD thread, void** result)
 {
     const Call call("OSAK_PthreadJoin", thread, static_cast<const void*>(result));
@@ -298,7 +298,7 @@ static void SleepMicroseconds(useconds_t ulMicroseconds)
     (void)nanosleep(&stTime, nullptr);
 }
 
-// The system's own is replaced: an idle pass of the service is where tests step in.
+// Replaces the system's: in an idle pass of the service the tests take control.
 extern "C" int usleep(useconds_t ulMicroseconds)
 {
     const Call call("usleep", ulMicroseconds);

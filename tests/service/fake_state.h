@@ -1,5 +1,5 @@
-// What the fakes of the four layers share, behind fakes.h: their state, and the scope object that
-// each faked function holds.
+// Shared by the fakes of the four layers: their state, and the scope object that each faked
+// function holds.
 #ifndef TESTS_SERVICE_FAKE_STATE_H
 #define TESTS_SERVICE_FAKE_STATE_H
 
@@ -120,7 +120,7 @@ private:
 
 // --- Arguments as the trace prints them ---------------------------------------------------------
 
-// Handles are numbers that nobody dereferences: a log record prints them the same in every run.
+// Handles are numbers that are never dereferenced: a log record prints the same in every run.
 constexpr uintptr_t FTP_BASE = 0xF000;
 constexpr uintptr_t THREAD_BASE = 0x7000;
 constexpr uintptr_t TIMER_BASE = 0x7100;
@@ -190,7 +190,7 @@ void Misuse(const std::string& strText);
 // The source place that a call carries has to be the service's.
 void CheckPlace(const char* pszFunction, unsigned int ulLine, const char* pszFile);
 
-// Notes that the watched secret stands at this place of the service's memory, or is wiped there.
+// Notes that the watched secret is at this place of the service's memory, or is wiped there.
 void SeeSecret(const void* pPlace, size_t ulSize);
 void WipeSecrets(const void* pPlace, size_t ulSize);
 

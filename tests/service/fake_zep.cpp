@@ -1,5 +1,5 @@
-// The security layer, faked: a random source that counts, and a cipher that anybody could undo but
-// that pads and sizes as the real one does.
+// The security layer, faked: a random source that counts, and a cipher without secrecy that pads
+// and sizes as the real one does.
 #include <algorithm>
 #include <cstring>
 

@@ -130,7 +130,6 @@ void CheckPlace(const char* pszFunction, unsigned int ulLine, const char* pszFil
 
 // --- Secrets ------------------------------------------------------------------------------------
 
-// Notes that the watched text stands at this place in the service's memory.
 void SeeSecret(const void* pPlace, size_t ulSize)
 {
     if (!Recording() || pPlace == nullptr)

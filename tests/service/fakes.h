@@ -135,7 +135,7 @@ struct Timer
     unsigned int ulLengthMs = 0;  // 0: never started
     void* pParam = nullptr;
 };
-// The live timer; with no callback when there is none.
+// The live timer; its callback is null when no timer is live.
 Timer LiveTimer();
 unsigned int LiveTimers();
 

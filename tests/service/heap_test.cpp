@@ -1,4 +1,4 @@
-// What the service takes from the heap, and that it gives it back. Needs operator_new.cpp.
+// The service's use of the heap: it releases what it allocates. Needs operator_new.cpp.
 #include <sys/mman.h>
 
 #include "memory.h"

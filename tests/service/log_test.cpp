@@ -131,6 +131,7 @@ private:
         Notification(FAILED, members.m_ulVersionTaskID, "pub/version.txt").WithError(7).Deliver();
         Notification(FAILED, members.m_ulVersionTaskID, "pub/version.txt").Deliver();
         Notification(FAILED, members.m_ulVersionTaskID, "pub/version.txt").Deliver();
+        RunWorkerUntilIdle();
     }
 
     // Operations without a request or a start, stops, and errors.

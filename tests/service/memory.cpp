@@ -20,7 +20,7 @@ thread_local Counting t_stCounting;
 
 std::atomic<long> g_lLive{0};
 
-// Stands before each block and says whether it was counted; as wide as the strictest alignment.
+// Precedes each block and records whether it was counted; as wide as the strictest alignment.
 struct alignas(alignof(std::max_align_t)) Header
 {
     bool bCounted;

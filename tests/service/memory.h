@@ -1,5 +1,5 @@
-// The unit tests' door to the heap: operator new of the whole test program, and malloc and free as
-// the service calls them. Allocations of a thread can be made to fail by count.
+// Allocations of the unit tests: operator new of the whole test program, and malloc and free as the
+// service calls them. Allocations of a thread can be made to fail by count.
 #ifndef TESTS_SERVICE_MEMORY_H
 #define TESTS_SERVICE_MEMORY_H
 
@@ -22,17 +22,17 @@ void StartCounting(unsigned int ulNth, Failing eFailing);
 // Ends the counting. True when an allocation was made to fail.
 bool StopCounting();
 
-// One allocation of a layer, counted like those of the service. True: it is to fail.
+// Counts one allocation of a layer like those of the service. True: it must fail.
 bool CountAllocation();
 
 // Counted blocks, those allocated while a count was on, that have not been released yet.
 long LiveBlocks();
 
-// What operator new and delete do: a block that is counted, null when it is to fail.
+// Operator new and delete: a counted block, null when the allocation must fail.
 void* Allocate(size_t ulSize) noexcept;
 void Release(void* pBlock) noexcept;
 
-// What a fake allocates for its records does not count.
+// Allocations of a fake for its own records do not count.
 class Paused
 {
 public:

@@ -26,7 +26,7 @@ struct Version
     std::string strBytes;
 };
 
-// What the library is to have been given for a download.
+// The parameters that the library must have received for a download.
 struct Given
 {
     std::string strServerFile, strLocalFile, strWorkDir, strUser, strPassword, strAddress;
@@ -63,7 +63,7 @@ const std::map<std::string, unsigned int> FAULTS = {{"TRAVEX_FTP_AsynDownloadFil
 
 const std::vector<int> DEFAULT_CIPHERS = {0x03000035, 0x0300003C, 0x0300003D};
 
-// What the service is to be after each event. Faults of the layers are told to it beforehand.
+// The expected state of the service after each event. Faults of the layers are set beforehand.
 class Model
 {
 public:
@@ -71,13 +71,13 @@ public:
     {
         None,
         Live,
-        Closed  // what a failed start leaves
+        Closed  // by a failed start
     };
     enum class Mutex
     {
         None,
         Live,
-        Released  // what a failed start leaves
+        Released  // by a failed start
     };
     enum class Fault
     {
@@ -241,7 +241,7 @@ unsigned int Model::Request(const tag_CORPDIR_DOWNLOADINFO* pstInfo, bool bWithC
     return ulRet != 0 ? ulRet : StartTimer();
 }
 
-// A timer that cannot be made is no failure; one that does not start is freed.
+// A timer that cannot be created is no failure; one that does not start is freed.
 unsigned int Model::StartTimer()
 {
     if (!bTimer && Fails("OSAK_CreateRelTimerM"))
@@ -252,7 +252,7 @@ unsigned int Model::StartTimer()
     return bTimer ? 0 : 1;
 }
 
-// Names resolve to 192.0.2.7; a short form of numbers and dots is no address.
+// Names resolve to 192.0.2.7; a short form of numbers and dots gives no address.
 bool Model::SetAddress()
 {
     static const std::map<std::string, std::pair<unsigned int, std::string>> LITERALS = {
@@ -496,7 +496,7 @@ void ModelTest::RunSequence(unsigned int ulSeed)
 void ModelTest::OneEvent()
 {
     using Event = void (ModelTest::*)();
-    // An event that stands twice happens twice as often.
+    // An event that is listed twice happens twice as often.
     static constexpr Event EVENTS[] = {
         &ModelTest::DoInit,   &ModelTest::DoUninit,      &ModelTest::DoRequest,
         &ModelTest::DoNotify, &ModelTest::DoNotify,      &ModelTest::DoNotify,
@@ -520,7 +520,7 @@ void ModelTest::DoInit()
                         {Model::Fault::Thread, "OSAK_PthreadCreate", 11}};
     const auto& fault = START_FAULTS[Random(5)];
     const bool bFault = Random(4) == 0;
-    // A fault counts only when the start comes to its call.
+    // A fault counts only when the start reaches its call.
     const bool bReached =
         bFault &&
         (fault.eFault != Model::Fault::CreateHandle || model->eHandle == Model::Handle::None) &&
@@ -717,7 +717,7 @@ void ModelTest::Compare()
     Logged();
 }
 
-// What the library was given last: a retry at the wrong server would show here.
+// The library's last parameters: a retry at the wrong server would show here.
 void ModelTest::CompareDownload()
 {
     const fakes::Download download = fakes::LastDownload();

@@ -1,5 +1,5 @@
 // operator new and delete of the whole test program, so that its allocations are counted and can be
-// made to fail. Not part of builds whose sanitizer brings its own.
+// made to fail. Not part of builds whose sanitizer has its own.
 #include <new>
 
 #include "memory.h"

@@ -1,4 +1,4 @@
-// A request: what is copied out of the record, in which order, and what each failure leaves.
+// A request: the copied fields, their order, and the members after each failure.
 #include <algorithm>
 #include <cstring>
 
@@ -464,6 +464,6 @@ TEST_F(RequestTest, ASecondRequestReplacesTheFirstInPlace)
     EXPECT_EQ(members.m_strFtpIP, "four");
     EXPECT_EQ(members.m_strIPs, "four");
     EXPECT_EQ(members.m_ulVersionTaskID, 2U);
-    EXPECT_EQ(fakes::LiveTimers(), 1U) << "the timer is started anew, not made again";
+    EXPECT_EQ(fakes::LiveTimers(), 1U) << "the timer is restarted, not created again";
     EXPECT_EQ(fakes::Calls("OSAK_StartRelTimer"), 2U);
 }

@@ -1,4 +1,4 @@
-// Failures and the way through the server list, as scenarios.
+// Failures, and the rotation through the server list, as scenarios.
 #include <cstring>
 
 #include "files.h"

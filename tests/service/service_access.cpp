@@ -4,7 +4,7 @@
 #include "fakes.h"
 #include "service_access.h"
 
-// Initialised behind the unit's own globals, before anybody uses the service.
+// Initialised after the unit's own globals, before any use of the service.
 static const tagCORPDIR_CIPHER_LIST g_stAtLoad = g_stFtpCiperList;
 static const unsigned int g_ulWipesAtLoad = fakes::Calls("zep_memset_s");
 static const OSAK_THREAD g_stThreadAtLoad = g_stThread;

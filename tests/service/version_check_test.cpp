@@ -102,7 +102,7 @@ TEST_F(TimerTest, IsCreatedOnceAndStartedForTenMinutes)
                     "log 2 StartTimerForVersion: StartRelTimer UploadTimer success"));
 }
 
-TEST_F(TimerTest, IsStartedAnewWhenItExists)
+TEST_F(TimerTest, IsRestartedWhenItExists)
 {
     ASSERT_EQ(inside::StartTimerForVersion(service), 0U);
     Trace();
@@ -139,7 +139,7 @@ TEST_F(TimerTest, ThatDoesNotStartIsFreed)
                             "OSAK_FreeRelTimer(timer 1)"));
 }
 
-TEST_F(TimerTest, ThatDoesNotStartAnewIsFreedToo)
+TEST_F(TimerTest, ThatDoesNotRestartIsFreedToo)
 {
     ASSERT_EQ(inside::StartTimerForVersion(service), 0U);
     Trace();

@@ -1,4 +1,4 @@
-// Link-time fake of the log component: keeps every record, for tests to look at.
+// Link-time fake of the log component: keeps every record for the tests.
 //
 // Link captured_log.cpp instead of the log component. Thread-safe. g_LogOne is set from the start;
 // a test may set it to null, or g_LogMode, as the component's users may see them.
@@ -13,7 +13,7 @@
 
 namespace captured_log
 {
-// Which call made a record.
+// The call that made a record.
 enum class Kind
 {
     kWrite,  // CCorpDirLog::WriteLog

@@ -25,7 +25,7 @@ void OpenSsl(const std::vector<std::string>& arguments)
     }
 }
 
-// Elliptic keys: they are made in no time, and no cipher suite depends on an authority's.
+// Elliptic keys: they are made quickly, and no cipher suite depends on an authority's key.
 std::string MakeAuthorityKey(const std::string& base)
 {
     OpenSsl({"genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out",
@@ -33,7 +33,7 @@ std::string MakeAuthorityKey(const std::string& base)
     return base + ".key";
 }
 
-// Of "openssl ca": the only command of OpenSSL 3.0 that takes the dates of a certificate.
+// The files of "openssl ca", the only command of OpenSSL 3.0 that takes a certificate's dates.
 void PrepareAuthority(const std::string& base)
 {
     WriteFile(base + ".index", "");

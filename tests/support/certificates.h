@@ -16,18 +16,17 @@ struct ServerCertificate
     std::string key_file;
 };
 
-// A certification authority, another one that signed nothing that counts, and server certificates,
-// each made when it is asked for. Servers have RSA keys, since the older suites need them. Not
-// thread-safe.
+// A trusted certification authority, another one, and server certificates, each made on request.
+// Servers have RSA keys, since the older suites need them. Not thread-safe.
 class TestCertificates
 {
 public:
-    // What the good ones carry. directory.test stands for the name of a server.
+    // Names of the good ones. directory.test is the name of a server.
     static constexpr const char* kNames = "IP:127.0.0.1,IP:::1,DNS:directory.test";
 
     TestCertificates();
 
-    const std::string& Authority() const;       // PEM of the one to be trusted
+    const std::string& Authority() const;       // PEM of the trusted one
     const std::string& OtherAuthority() const;  // PEM of the other one
 
     ServerCertificate Good() const;

@@ -10,7 +10,7 @@
 namespace support
 {
 
-// A new directory under TMPDIR (default /tmp), removed with all it holds at the end.
+// A new directory under TMPDIR (default /tmp), removed with its content at the end.
 class TemporaryDirectory
 {
 public:
@@ -39,7 +39,7 @@ std::string Sha256(const std::string& bytes);
 // `size` bytes that look random and are the same for the same seed.
 std::string PatternBytes(std::size_t size, unsigned int seed);
 
-// Asks again and again until the condition holds; false when it did not within the limit.
+// Polls until the condition holds; false when it does not within the limit.
 bool WaitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds limit = std::chrono::seconds(20));
 

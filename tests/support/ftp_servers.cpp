@@ -75,8 +75,8 @@ private:
     sockaddr_in6 m_address = {};
 };
 
-// Found once in a process. /usr/bin first: the package is for Debian's interpreter, and another
-// one may stand before it in PATH.
+// Searched once in a process. /usr/bin first: the package is for Debian's interpreter, and PATH may
+// name another one first.
 const std::string& PythonWithServer()
 {
     static const std::string python = []
@@ -140,7 +140,7 @@ std::string CurrentGroup()
     return entry->gr_name;
 }
 
-// As crypt(3) has it, salted.
+// The salted form of crypt(3).
 std::string HashOf(const std::string& password)
 {
     const CommandResult result =

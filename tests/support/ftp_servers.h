@@ -62,7 +62,7 @@ public:
     // Replaced by rename, so that a client sees the old or the new one.
     void AddFile(const std::string& name, const std::string& bytes);
 
-    std::string Log() const;  // what clients did, in the server's own form
+    std::string Log() const;  // the clients' commands, in the server's own form
 
     // Commands as they were received, without the parameter of PASS.
     std::vector<std::string> Commands() const;
@@ -76,8 +76,8 @@ protected:
     explicit FtpServer(const FtpServerOptions& options);
     std::string Workplace(const std::string& name) const;
     void Launch(Command command);
-    // For a server that binds the port it is told: another program may take a free one in between,
-    // and then another one is tried.
+    // For a server that binds a given port. When another program takes that port meanwhile, another
+    // one is tried.
     void LaunchOnPort(const std::string& name, const std::function<Command(int port)>& command);
     bool Ended();
     std::string Output() const;

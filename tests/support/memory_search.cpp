@@ -64,7 +64,7 @@ bool StandsAt(const char* bytes, const Scrambled& secret)
     return true;
 }
 
-// Where the secret stands in the first `size` bytes of the block that was read from `at`.
+// Where the secret is in the first `size` bytes of the block that was read from `at`.
 std::size_t CountInBlock(unsigned long at, std::size_t size, const Scrambled& secret)
 {
     const auto own = reinterpret_cast<unsigned long>(&g_block[0]);

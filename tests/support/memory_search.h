@@ -28,7 +28,7 @@ private:
     std::string m_bytes;
 };
 
-// The mappings that hold the secret, one entry for each place where it stands: "[heap]", "[stack]",
+// The mappings that hold the secret, one entry for each place: "[heap]", "[stack]",
 // a file's path, or "anonymous". All writable memory is searched, but for the search's own.
 std::vector<std::string> PlacesInMemory(const Scrambled& secret);
 

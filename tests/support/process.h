@@ -22,8 +22,8 @@ struct Command
 };
 
 // One child in a process group of its own. It dies with the thread that started it, and its
-// standard input is a socket whose other end only we hold: whoever reads it learns of our end.
-// Not thread-safe.
+// standard input is a socket whose other end only this process holds: the child reads its end when
+// this process ends. Not thread-safe.
 class Process
 {
 public:

@@ -1,5 +1,5 @@
-// The certificates of the tests are what their names say: a failure of a test that uses one then
-// has the reason that is meant. Verified by the openssl program, not by code of ours.
+// The tests' certificates have the properties in their names, so that a test that uses one fails
+// for the intended reason. Verified by the openssl program, not by this project's code.
 #include "certificates.h"
 
 #include <gmock/gmock.h>
@@ -20,7 +20,7 @@ using ::testing::HasSubstr;
 class Certificates : public ::testing::Test
 {
 protected:
-    // What openssl says of the certificate of a server at 127.0.0.1.
+    // The result of openssl for the certificate of a server at 127.0.0.1.
     std::string Verdict(const ServerCertificate& server) const
     {
         const std::string& file = server.certificate_file;

@@ -1,6 +1,6 @@
 // A client that ends without a stop, for exit_test.cpp:
 //     exit_client WAY MICROSECONDS PORT plain|tls TRUST LOG_DIRECTORY OUTPUT_DIRECTORY
-// WAY: how it ends, MICROSECONDS after its request. Its exit status says that it ended so.
+// WAY: how it ends, MICROSECONDS after its request. The exit status confirms it.
 #include <string.h>
 #include <unistd.h>
 
@@ -16,8 +16,8 @@
 namespace
 {
 
-// Constructed before the service's object and so destroyed after it: whoever still runs then has
-// time to touch what is gone.
+// Constructed before the service's object and so destroyed after it: a thread that still runs then
+// has time to use the destroyed object.
 struct LastMoment
 {
     ~LastMoment()
@@ -30,7 +30,7 @@ __attribute__((init_priority(101))) LastMoment g_last_moment;
 std::string g_way;
 std::atomic<unsigned int> g_callbacks{0};
 
-// That other threads run meanwhile is the point.
+// Other threads run meanwhile on purpose.
 [[noreturn]] void EndProcess()
 {
     std::exit(exit_client::kEnded);  // NOLINT(concurrency-mt-unsafe)

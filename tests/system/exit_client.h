@@ -1,4 +1,4 @@
-// What exit_client.cpp and its test agree on.
+// Shared by exit_client.cpp and its test.
 #ifndef CORPDIR_TESTS_EXIT_CLIENT_H
 #define CORPDIR_TESTS_EXIT_CLIENT_H
 

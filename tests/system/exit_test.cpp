@@ -44,7 +44,7 @@ const std::string& OldDirectory()
     return s_bytes;
 }
 
-// The thread sanitizer would let every process end a second late.
+// By default the thread sanitizer delays the end of every process by a second.
 std::string ThreadSanitizerOptions()
 {
     const char* const options = std::getenv("TSAN_OPTIONS");
@@ -56,7 +56,7 @@ class Exit : public ::testing::TestWithParam<Tls>
 protected:
     Exit() : m_fast(MakeServer(0)), m_slow(MakeServer(50000)) {}
 
-    // Runs a client to its end. What it leaves is whole.
+    // Runs a client to its end. Every file that it leaves is complete.
     void RunClient(const char* way, int microseconds, int port)
     {
         support::WriteFile(m_output.File("directory.csv"), OldDirectory());
@@ -121,7 +121,7 @@ TEST_P(Exit, WithoutAStopIsCleanAtAnyMoment)
         const auto microseconds = static_cast<int>(random() % kLongestPause);
         const bool awaits =
             way == exit_client::kExitInCallback || way == exit_client::kExitBesideCallback;
-        // Now and then nobody listens: the callbacks tell of failures.
+        // Sometimes nothing listens on the port, so that the callbacks report failures.
         const int port = random() % 8 == 0              ? 1
                          : random() % 2 == 0 && !awaits ? m_slow->Port()
                                                         : m_fast->Port();
@@ -134,15 +134,13 @@ TEST_P(Exit, WithoutAStopIsCleanAtAnyMoment)
     const std::size_t interrupted = m_slow->CountCommands("RETR directory.csv");
     RecordProperty("fetched", static_cast<int>(m_fetched));
     RecordProperty("interrupted", static_cast<int>(interrupted));
-    // The moments lie before, within and behind the transfers.
+    // The moments are before, during and after the transfers.
     EXPECT_TRUE(count < 50 || m_fetched > 0);
     EXPECT_TRUE(count < 50 || interrupted > 0);
     EXPECT_LT(m_fetched + interrupted, count);
 }
 
-INSTANTIATE_TEST_SUITE_P(Service, Exit, ::testing::Values(Tls::kNone, Tls::kExplicit),
-                         [](const auto& test)
-                         { return std::string(test.param == Tls::kNone ? "Plain" : "Explicit"); });
+INSTANTIATE_TEST_SUITE_P(Service, Exit, ::testing::Values(Tls::kNone, Tls::kExplicit), NameOfTls);
 
 }  // namespace
 }  // namespace integration

@@ -1,4 +1,4 @@
-// How often the life-cycle tests repeat themselves.
+// How often the life-cycle tests repeat their operations.
 #ifndef CORPDIR_TESTS_LIFECYCLE_COUNTS_H
 #define CORPDIR_TESTS_LIFECYCLE_COUNTS_H
 

@@ -1,7 +1,7 @@
-// Starts and stops in numbers, against a real server.
+// Many starts and stops against a real server.
 //
-// CORPDIR_CYCLES sets how often each of them is repeated; the defaults keep the suite quick, the
-// more so under sanitizers, which slow everything down.
+// CORPDIR_CYCLES: how often each test repeats them. The defaults keep the suite quick, with fewer
+// under sanitizers, which slow everything down.
 #include <atomic>
 #include <random>
 #include <thread>
@@ -77,8 +77,7 @@ TEST_P(Lifecycle, ManyStopsAtAnyMoment)
         ASSERT_NO_FATAL_FAILURE(StartAndAsk());
         std::this_thread::sleep_for(std::chrono::microseconds(microseconds(generator)));
         m_client.Stop();
-        const std::size_t told = m_client.Results().size();
-        EXPECT_LE(told, cycle);
+        EXPECT_LE(m_client.Results().size(), cycle);
     }
     EXPECT_THAT(m_client.Results(), Each(kFetched));
 }
@@ -134,8 +133,7 @@ TEST_P(Lifecycle, ManyStopsWhileTheCallbackRuns)
 }
 
 INSTANTIATE_TEST_SUITE_P(Service, Lifecycle, ::testing::Values(Tls::kNone, Tls::kExplicit),
-                         [](const auto& test)
-                         { return std::string(test.param == Tls::kNone ? "Plain" : "Explicit"); });
+                         NameOfTls);
 
 }  // namespace
 }  // namespace integration

@@ -1,6 +1,6 @@
-// Where the password, the key and the IV stand in the process's memory, and that none of them is
-// left after a stop. The test knows them in changed form only, and looks for parts of them: a freed
-// block loses its first bytes to the allocator's bookkeeping, and keeps the others.
+// The password, the key and the IV in the process's memory: none of them is left after a stop. The
+// test keeps them in changed form only, and searches for parts of them, since a freed block loses
+// its first bytes to the allocator's bookkeeping and keeps the others.
 #include <string.h>
 
 #include <algorithm>
@@ -29,7 +29,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-// Backwards, so that nothing in this process holds it as it is. What is searched for is its end.
+// Reversed, so that this process never holds the password itself. The test searches for its end.
 constexpr const char* kReversedEnd = "-gnihtyna-rof-doog-ton-drowssap";
 
 std::string ReversedPassword(Tls tls)
@@ -37,7 +37,7 @@ std::string ReversedPassword(Tls tls)
     return kReversedEnd + std::string(40, '.') + (tls == Tls::kNone ? "nialp" : "desolcne");
 }
 
-// Has its password from a file that another process wrote.
+// Reads its password from a file that another process wrote.
 class SecretServer : public support::FtpServer
 {
 public:
@@ -190,7 +190,7 @@ TEST_P(Memory, NoSecretOutlivesAStopWithinTheCallback)
         });
     ASSERT_NO_FATAL_FAILURE(Fetch());
     ASSERT_TRUE(WaitUntil([&] { return stopped.load(); }));
-    // The library's threads end, and wipe what they hold, behind the callback's back.
+    // The library's threads end, and wipe their copies, after the callback.
     EXPECT_TRUE(WaitUntil([&] { return PlacesInMemory(m_password).empty(); }));
     ExpectNoneInMemory(secrets);
     m_client.OnResult(nullptr);
@@ -212,9 +212,7 @@ TEST_P(Memory, NoSecretIsLogged)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Service, Memory, ::testing::Values(Tls::kNone, Tls::kExplicit),
-                         [](const auto& test)
-                         { return std::string(test.param == Tls::kNone ? "Plain" : "Explicit"); });
+INSTANTIATE_TEST_SUITE_P(Service, Memory, ::testing::Values(Tls::kNone, Tls::kExplicit), NameOfTls);
 
 }  // namespace
 }  // namespace integration

@@ -67,7 +67,7 @@ protected:
     unsigned int plainLength = 0;
 };
 
-// NIST SP 800-38A (2001 edition), section F.2.5, CBC-AES256; the last block is its padding's.
+// NIST SP 800-38A (2001 edition), section F.2.5, CBC-AES256; the last block is the padding.
 const std::string kNistIv = FromHex("000102030405060708090a0b0c0d0e0f");
 const std::string kNistPlain = FromHex(
     "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
@@ -123,7 +123,7 @@ TEST_F(Sealing, EveryLengthRoundTripsUnderAFreshKeyAndIvEachTime)
         ASSERT_EQ(Seal(text), 0U) << length;
         ASSERT_EQ(sealedLength, (length / 16 + 1) * 16) << length;
         ASSERT_EQ(CommonPasswordLength(block.data()), sealedLength) << length;
-        if (length >= 16)  // a shorter text may stand in random bytes by chance
+        if (length >= 16)  // a shorter text may occur in random bytes by chance
         {
             ASSERT_EQ(std::search(block.begin(), block.end(), text.begin(), text.end()),
                       block.end());

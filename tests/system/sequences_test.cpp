@@ -49,7 +49,7 @@ const std::string& Directory()
     return s_bytes;
 }
 
-// The scripted server; whatever is asked for is sent half, and then nothing more comes.
+// The scripted server: it sends half of each file and then nothing more.
 class StallingServer
 {
 public:
@@ -107,7 +107,7 @@ public:
         return request;
     }
 
-    // Nobody listens there.
+    // Nothing listens there.
     Request Dead(bool tls) const
     {
         Request request = Good(tls);
@@ -146,7 +146,7 @@ public:
     {
         m_client.OnResult([this] { OnCallback(); });
     }
-    // A callback of this sequence may still be on its way.
+    // A callback of this sequence may still be pending.
     ~Sequence()
     {
         m_client.Stop();
@@ -156,7 +156,7 @@ public:
     Sequence& operator=(const Sequence&) = delete;
 
     void Run();
-    void End();  // stops, and looks at what is left of it
+    void End();  // stops, and checks that nothing is left
 
     // What was done so far, for the message of a failure.
     std::string Trail() const
@@ -166,7 +166,7 @@ public:
     }
 
 private:
-    // What the client may know about the service.
+    // What the client knows about the service.
     enum class State
     {
         kStopped,
@@ -219,7 +219,7 @@ private:
     // Under that lock.
     State m_state = State::kStopped;
     bool m_asked = false;         // a request may be under way
-    bool m_tail = false;          // the service may still be busy behind a callback that stopped it
+    bool m_tail = false;          // the service may still be busy after a callback that stopped it
     bool m_odd_ciphers = false;   // the list holds a suite that no library knows
     bool m_memory_fails = false;  // at one of the next requests for a block
     bool m_answers = false;       // the request's server does
@@ -328,7 +328,7 @@ void Sequence::Start()
     m_state = result == 0 && m_state != State::kFailed ? State::kRunning : State::kFailed;
 }
 
-// Fails before it touches anything: what ran runs on.
+// Fails before it changes anything: a running service keeps running.
 void Sequence::StartWithoutLog()
 {
     const std::lock_guard<std::mutex> call(m_call);
@@ -346,8 +346,8 @@ void Sequence::Stop()
     m_asked = m_odd_ciphers = m_tail = false;
 }
 
-// A new request only when nothing of an earlier one is under way. Its result is no proof of that:
-// behind a failure's callback the service turns to the next server. A stop is.
+// A new request is made only when nothing of an earlier one is under way. A result does not show
+// that, since after a failure's callback the service tries the next server. A stop does.
 void Sequence::MakeReady()
 {
     if (IsBusy())
@@ -357,7 +357,7 @@ void Sequence::MakeReady()
     }
     else if (Draw(3) == 0)
     {
-        Start();  // else a request may well be one without a start
+        Start();  // otherwise the request may come without a start
     }
 }
 
@@ -423,7 +423,7 @@ void Sequence::RequestInVain()
     EXPECT_NE(m_client.AskWith(m_servers.Good(Draw(2) == 1), change.second, told), 0u);
 }
 
-// Allowed at any time, since nothing is read of it.
+// Allowed at any time, since no record is read.
 void Sequence::RequestNothing()
 {
     const std::lock_guard<std::mutex> call(m_call);
@@ -435,7 +435,7 @@ void Sequence::ChangeCiphers()
 {
     if (IsBusy())
     {
-        return;  // a transfer may be being started
+        return;  // a transfer may be starting
     }
     const std::lock_guard<std::mutex> call(m_call);
     IFtpCorpDir* const service = GetCorpDirInstance();
@@ -533,7 +533,7 @@ std::map<std::string, std::string> Threads()
         }
         catch (const std::runtime_error&)
         {
-            // It has ended in between.
+            // The thread has ended meanwhile.
         }
     }
     return threads;

@@ -15,13 +15,13 @@ namespace integration
 namespace
 {
 
-// A change that does not wake the worker is a failure of the test, not a delay.
+// With long sleeps, a change that does not wake the worker fails a test and does not only delay it.
 const bool kSleepsAreLong = (osak::SetLongestSleep(std::chrono::minutes(1)), true);
 
 constexpr const char* kVersionName = "version.txt";
 constexpr const char* kDirectoryName = "directory.csv";
 
-// The callback has no argument that would tell whose it is: the record is the process's.
+// The callback has no argument for the client, so that the results are those of the process.
 std::mutex g_mutex;
 std::vector<Result> g_results;
 std::function<void()> g_action;
@@ -77,6 +77,11 @@ Request RequestTo(const support::FtpServer& server, const support::TestCertifica
         request.trust += ";tls=implicit";
     }
     return request;
+}
+
+std::string NameOfTls(const ::testing::TestParamInfo<support::Tls>& test)
+{
+    return test.param == support::Tls::kNone ? "Plain" : "Explicit";
 }
 
 Client::Client()
@@ -192,7 +197,7 @@ bool Client::TransferIsUnderWay() const
     constexpr std::uintmax_t kMoreThanAVersion = 1024;
     for (const std::string& name : OutputFiles())
     {
-        // It may be renamed or removed between the listing and the look.
+        // It may be renamed or removed between the listing and this call.
         std::error_code gone;
         const auto size = std::filesystem::file_size(m_output.File(name), gone);
         if (name != kVersionName && name != kDirectoryName && !gone && size >= kMoreThanAVersion)

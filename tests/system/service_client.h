@@ -1,10 +1,12 @@
-// A client of the service, for tests: it knows the client header and nothing else.
+// A client of the service, for tests: it uses the client header alone.
 #ifndef CORPDIR_TESTS_SERVICE_CLIENT_H
 #define CORPDIR_TESTS_SERVICE_CLIENT_H
 
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "files.h"
 #include "ftp_servers.h"
@@ -52,6 +54,9 @@ struct Request
 Request RequestTo(const support::FtpServer& server,
                   const support::TestCertificates* certificates = nullptr);
 
+// For tests with the parameter Tls::kNone or Tls::kExplicit.
+std::string NameOfTls(const ::testing::TestParamInfo<support::Tls>& test);
+
 // The client with its output directory and its log. The service is started on demand and stopped at
 // the end. One at a time, since the service is one; use it on one thread.
 class Client
@@ -66,8 +71,8 @@ public:
     unsigned int StartWithLogIn(const std::string& directory, unsigned int log_level = 2);
     void Stop();
     unsigned int Ask(const Request& request);
-    // With a record that `change` has had a hand in, and without a callback unless `told`. The
-    // record is wiped.
+    // With a record that `change` has modified, and without a callback unless `told`. The record is
+    // wiped.
     unsigned int AskWith(const Request& request,
                          const std::function<void(tag_CORPDIR_DOWNLOADINFO&)>& change,
                          bool told = true);

@@ -1,4 +1,4 @@
-// What the client is told and what stays on disk when real servers fail the service.
+// Failures of real servers: the client's results, and the files on disk.
 #include <chrono>
 
 #include <gmock/gmock.h>
@@ -135,9 +135,9 @@ TEST_F(ServiceFailure, AMissingVersionFile)
     ExpectTwoFailures(request);
 }
 
-// For the data connection that was not needed pyftpdlib may send a reply of its own after the 550:
-// the layer below has to end a connection with a reply that nothing asked for.
-TEST_F(ServiceFailure, AMissingDirectoryFileIsToldOnce)
+// After the 550 pyftpdlib may send another reply for the unused data connection: the FTP layer must
+// close a connection with an unsolicited reply.
+TEST_F(ServiceFailure, AMissingDirectoryFileIsReportedOnce)
 {
     Serve();
     Request request = ToServer();

@@ -148,7 +148,7 @@ TEST_P(EverySuite, ResumesItsSessionOnTheDataChannel)
     FtpServerOptions options;
     options.tls = Tls::kExplicit;
     options.certificate = certificates.Good();
-    // vsftpd cannot be told its TLS 1.3 suites; the client's offer decides then.
+    // vsftpd has no setting for TLS 1.3 suites; the client's offer decides then.
     const bool tls13 = std::string(GetParam().name).rfind("TLS_", 0) == 0;
     options.ciphers = tls13 ? "" : GetParam().name;
     options.require_session_reuse = true;

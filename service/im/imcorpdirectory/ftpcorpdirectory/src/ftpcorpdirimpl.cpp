@@ -1342,8 +1342,8 @@ void CFTPCorpDirImpl::freeFtpCipherList()
 
 // --- Download and dispatch ---
 //
-// Both files are started in the same way. The library's notifications are told apart by type and by
-// the task id that the start left in its member. The service acts on the end of a successful
+// Both files are started in the same way. The library's notifications are distinguished by type and
+// by the task id that the start left in its member. The service acts on the end of a successful
 // transfer (12), not on the 0 before it.
 
 unsigned int CFTPCorpDirImpl::StartDownload(const char* pszFunction,
