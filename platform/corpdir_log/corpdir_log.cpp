@@ -1,7 +1,10 @@
-// The layer's surface: globals, records, opening and closing, traces.
+// The layer's surface: globals, records, opening and closing, and the one writer of the process
+// through its end and its forks.
 #include "corpdir_log.h"
 
-#include "log_process.h"
+#include "base/process_end.h"
+#include "log_writer.h"
+#include "name_lock.h"
 #include "record.h"
 
 #include <algorithm>
@@ -10,41 +13,98 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <system_error>
+
+using corpdir_log::LogWriter;
 
 CCorpDirLog* g_LogOne = nullptr;
 unsigned int g_LogMode = 0;
 
 namespace
 {
+constexpr std::chrono::seconds kClosePatience{5};
 constexpr std::size_t kDefaultFileSize = 10U << 20;
 constexpr std::size_t kDefaultFileCount = 5;
 constexpr unsigned int kMostFiles = 1000;  // each rotation looks at that many names
 
-// All state is behind Writer(), so the object itself is empty and there from the start.
+// All state is in the writer, so the object itself is empty and there from the start.
 CCorpDirLog g_log;
 
-corpdir_log::LogSettings SettingsOf(const tag_CORPDIR_LOGINFO* info)
+// Null until the log was opened for the first time. Never destroyed: threads that are not stopped
+// may write records while static objects are destroyed.
+std::atomic<LogWriter*> g_writer{nullptr};
+
+// In the child of a fork, the parent's writer: it may be in any state and is never used again. Kept
+// so that it is no leak, and atomic so that the compiler does not find the store useless.
+std::atomic<LogWriter*> g_parentWriter{nullptr};
+
+// Functions to be called at the close: filled from the front, never emptied.
+std::array<std::atomic<void (*)()>, 8> g_atClose;
+
+LogWriter* Writer()
 {
-    corpdir_log::LogSettings settings = {};
-    settings.level = corpdir_log::LogWriter::kHighestLevel;
-    settings.maxSize = kDefaultFileSize;
-    settings.maxCount = kDefaultFileCount;
-    if (info == nullptr)
-    {
-        return settings;
-    }
-    // The field may lack its terminator; the settings' last byte stays zero.
-    memcpy(settings.directory, info->szLogDir,
-           strnlen(info->szLogDir, sizeof settings.directory - 1));
-    settings.level = std::min(info->ulLogLevel, settings.level);
-    settings.maxSize = info->ulMaxFileSize == 0 ? kDefaultFileSize : info->ulMaxFileSize;
-    settings.maxCount =
-        info->ulMaxFileCount == 0 ? kDefaultFileCount : std::min(info->ulMaxFileCount, kMostFiles);
-    return settings;
+    return g_writer.load(std::memory_order_acquire);
 }
 
-// Who has something to say at the close: filled from the front, never emptied.
-std::array<std::atomic<void (*)()>, 8> g_atClose;
+void OnExit(base::Clock::time_point deadline)
+{
+    LogWriter* const writer = Writer();
+    if (writer != nullptr)
+    {
+        writer->CloseForEver(deadline);
+    }
+}
+
+// The child starts with no log and may open its own: the log's thread exists in the parent only.
+// Memory that the parent's threads had in hand stays allocated.
+void OnForkInChild()
+{
+    LogWriter* const writer = g_writer.exchange(nullptr);
+    if (writer != nullptr)
+    {
+        g_parentWriter = writer;
+        corpdir_log::NameLock::ReleaseInForkedChild();
+    }
+    corpdir_log::ForgetThreadNumber();
+}
+
+// Makes the writer if need be. Throws std::bad_alloc.
+LogWriter& MakeWriter()
+{
+    static const bool s_isRegistered =
+        base::ProcessEnd::Register<base::EndStage::kLog>(OnExit, OnForkInChild);
+    if (!s_isRegistered)
+    {
+        throw std::bad_alloc();
+    }
+    LogWriter* writer = Writer();
+    if (writer == nullptr)
+    {
+        auto made = std::make_unique<LogWriter>();
+        if (g_writer.compare_exchange_strong(writer, made.get()))
+        {
+            writer = made.release();
+        }
+    }
+    return *writer;
+}
+
+// Throws std::bad_alloc.
+corpdir_log::LogSettings SettingsOf(const tag_CORPDIR_LOGINFO* info)
+{
+    if (info == nullptr)
+    {
+        return {"", LogWriter::kHighestLevel, kDefaultFileSize, kDefaultFileCount};
+    }
+    // The field may lack its terminator; its last byte does not count.
+    return {
+        {info->szLogDir, strnlen(info->szLogDir, sizeof info->szLogDir - 1)},
+        std::min(info->ulLogLevel, LogWriter::kHighestLevel),
+        info->ulMaxFileSize == 0 ? kDefaultFileSize : info->ulMaxFileSize,
+        info->ulMaxFileCount == 0 ? kDefaultFileCount : std::min(info->ulMaxFileCount, kMostFiles)};
+}
 
 bool IsLogOff()
 {
@@ -72,7 +132,7 @@ void CCorpDirLog::WriteLog(const char* module, const char* function, const char*
     {
         return;
     }
-    corpdir_log::LogWriter* const writer = corpdir_log::Writer();
+    LogWriter* const writer = Writer();
     if (writer == nullptr || !writer->IsWritten(level))
     {
         return;
@@ -80,20 +140,15 @@ void CCorpDirLog::WriteLog(const char* module, const char* function, const char*
     const int callersErrno = errno;
     va_list arguments;
     va_start(arguments, format);
-    writer->Submit(
-        corpdir_log::MakeRecord({module, function, file, line}, level, format, arguments));
+    writer->Write({module, function, file, line}, level, format, arguments);
     va_end(arguments);
     errno = callersErrno;
 }
 
 unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* info)
+try
 {
-    corpdir_log::LogWriter* const writer = corpdir_log::MakeWriter();
-    if (writer == nullptr)
-    {
-        return ENOMEM;
-    }
-    const int error = writer->Open(SettingsOf(info));
+    const int error = MakeWriter().Open(SettingsOf(info));
     // Written once, so that a thread that learnt of the opening in order may read it plainly.
     if (error == 0 && __atomic_load_n(&g_LogOne, __ATOMIC_RELAXED) == nullptr)
     {
@@ -101,10 +156,18 @@ unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* info)
     }
     return static_cast<unsigned int>(error);
 }
+catch (const std::bad_alloc&)
+{
+    return ENOMEM;
+}
+catch (const std::system_error& error)
+{
+    return static_cast<unsigned int>(error.code().value());
+}
 
 void CorpDir_CloseLog()
 {
-    corpdir_log::LogWriter* const writer = corpdir_log::Writer();
+    LogWriter* const writer = Writer();
     if (writer == nullptr)
     {
         return;
@@ -113,7 +176,7 @@ void CorpDir_CloseLog()
     {
         CallAtClose();
     }
-    writer->Close(base::Clock::now() + corpdir_log::kDiskPatience);
+    writer->Close(base::Clock::now() + kClosePatience);
 }
 
 bool CorpDir_AtCloseLog(void (*last)())

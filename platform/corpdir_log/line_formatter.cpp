@@ -1,60 +1,63 @@
 #include "line_formatter.h"
 
-#include <algorithm>
-#include <chrono>
+#include "base/mutex.h"
+
+#include <pthread.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 namespace corpdir_log
 {
 namespace
 {
+constexpr std::size_t kMilliseconds = 20;  // their place in the column
+
 // The C library locks its time zone and does not unlock it in the child of a fork. As long as this
 // is held around both, a fork never meets it locked by this layer.
 base::Mutex g_zone;
 
-// All zero when the time has no date.
-std::tm LocalTime(std::time_t second)
-{
-    const base::MutexLock lock(g_zone);
-    std::tm local = {};
-    if (localtime_r(&second, &local) == nullptr)
-    {
-        local = {};
-    }
-    return local;
-}
-
-// What snprintf wrote into `size` bytes.
-std::size_t Written(int length, std::size_t size)
-{
-    return length < 0 ? 0 : std::min(static_cast<std::size_t>(length), size - 1);
-}
-
-}  // namespace
-
-void LineFormatter::BeforeFork()
+void LockZone() CORPDIR_ANNOTATE(no_thread_safety_analysis)
 {
     g_zone.Lock();
 }
 
-void LineFormatter::AfterFork()
+void UnlockZone() CORPDIR_ANNOTATE(no_thread_safety_analysis)
 {
     g_zone.Unlock();
 }
 
-void LineFormatter::SetSecond(std::time_t second)
+std::tm LocalTime(std::time_t second)
+{
+    const base::MutexLock lock(g_zone);
+    std::tm local = {};
+    (void)localtime_r(&second, &local);  // no clock shows a time that has no date
+    return local;
+}
+
+// The column without its milliseconds.
+std::string TimeColumn(std::time_t second)
 {
     const std::tm local = LocalTime(second);
-    m_dateSize = Written(
-        snprintf(m_date, sizeof m_date, "%04d-%02d-%02dT%02d:%02d:%02d", local.tm_year + 1900,
-                 local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec),
-        sizeof m_date);
     const long minutes = std::labs(local.tm_gmtoff) / 60;
-    m_offsetSize = Written(snprintf(m_offset, sizeof m_offset, "%c%02ld:%02ld",
-                                    local.tm_gmtoff < 0 ? '-' : '+', minutes / 60, minutes % 60),
-                           sizeof m_offset);
-    m_second = second;
+    char column[80];
+    (void)snprintf(column, sizeof column, "%04d-%02d-%02dT%02d:%02d:%02d.000%c%02ld:%02ld ",
+                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                   local.tm_min, local.tm_sec, local.tm_gmtoff < 0 ? '-' : '+', minutes / 60,
+                   minutes % 60);
+    return column;
+}
+
+}  // namespace
+
+LineFormatter::LineFormatter()
+{
+    static const int s_error = pthread_atfork(LockZone, UnlockZone, UnlockZone);
+    if (s_error != 0)
+    {
+        throw std::bad_alloc();
+    }
 }
 
 void LineFormatter::Append(std::chrono::system_clock::time_point time, std::string_view text,
@@ -65,14 +68,14 @@ void LineFormatter::Append(std::chrono::system_clock::time_point time, std::stri
     const auto second = std::chrono::floor<std::chrono::seconds>(since);
     if (second.count() != m_second)
     {
-        SetSecond(second.count());
+        m_column = TimeColumn(second.count());
+        m_second = second.count();
     }
     const auto rest = static_cast<unsigned int>((since - second).count());
-    const char fraction[] = {'.', static_cast<char>('0' + rest / 100),
-                             static_cast<char>('0' + rest / 10 % 10),
-                             static_cast<char>('0' + rest % 10)};
-    lines.append(m_date, m_dateSize).append(fraction, sizeof fraction);
-    lines.append(m_offset, m_offsetSize).append(" ").append(text).append("\n");
+    m_column[kMilliseconds] = static_cast<char>('0' + rest / 100);
+    m_column[kMilliseconds + 1] = static_cast<char>('0' + rest / 10 % 10);
+    m_column[kMilliseconds + 2] = static_cast<char>('0' + rest % 10);
+    lines.append(m_column).append(text).append("\n");
 }
 
 }  // namespace corpdir_log

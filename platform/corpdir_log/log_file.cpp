@@ -1,12 +1,14 @@
 #include "log_file.h"
 
+#include "private_file.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace corpdir_log
 {
@@ -45,7 +47,7 @@ int EndCutLine(int descriptor, off_t size)
     return last == '\n' || write(descriptor, "\n", 1) == 1 ? 0 : errno;
 }
 
-// 0, or the error number. EAGAIN cannot happen: a regular file knows no O_NONBLOCK.
+// 0, or the error number. EAGAIN cannot happen: O_NONBLOCK means nothing to a regular file.
 int WriteAll(int descriptor, std::string_view text)
 {
     while (!text.empty())
@@ -71,12 +73,12 @@ LogFile::LogFile(const std::string& path, std::size_t maxSize, std::size_t maxCo
 
 LogFile::~LogFile()
 {
-    (void)WriteAll(m_file.Number(), m_buffer);  // nobody is left to tell
+    (void)WriteAll(m_file.Number(), m_buffer);  // no caller is left for an error
 }
 
 void LogFile::Open()
 {
-    Descriptor file = OpenPrivate(m_path);
+    base::Descriptor file = OpenPrivate(m_path);
     struct stat status = {};
     int error = file.IsOpen() && fstat(file.Number(), &status) == 0 ? 0 : errno;
     error = error == 0 ? MakePrivate(file.Number(), status) : error;
@@ -86,25 +88,30 @@ void LogFile::Open()
         Refuse(error, m_path);
     }
     m_file = std::move(file);
-    m_device = status.st_dev;
-    m_inode = status.st_ino;
     m_size = static_cast<std::size_t>(status.st_size);
 }
 
-void LogFile::Write(const Record& record)
+bool LogFile::IsInPlace() const
 {
-    std::string line;
-    m_formatter.Append(record.time, record.Text(), line);
-    if (m_size != 0 && m_size + line.size() > m_maxSize)
-    {
-        Rotate();
-    }
+    return IsAt(m_file, m_path);
+}
+
+bool LogFile::IsRemoved() const
+{
+    struct stat status = {};
+    return fstat(m_file.Number(), &status) == 0 && status.st_nlink == 0;
+}
+
+bool LogFile::Write(std::string_view line)
+{
+    const bool hasRotated = m_size != 0 && m_size + line.size() > m_maxSize && Rotate();
     m_buffer += line;
     m_size += line.size();
     if (m_buffer.size() >= kBufferSize)
     {
         Flush();
     }
+    return hasRotated;
 }
 
 void LogFile::Flush()
@@ -117,24 +124,24 @@ void LogFile::Flush()
     }
 }
 
-// What bears the name of a file that is not in place is none of ours to rename.
-void LogFile::Rotate()
+// False when the file is not to be rotated: someone else has truncated it, or it is not in its
+// place, and what has its name is not ours to rename.
+bool LogFile::Rotate()
 {
     Flush();
     struct stat status = {};
     m_size = fstat(m_file.Number(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
-    m_isRotationDue = m_size != 0 && !IsInPlace();
-    if (m_size == 0 || m_isRotationDue)  // empty: somebody else has cut it
+    if (m_size == 0 || !IsInPlace())
     {
-        return;
+        return false;
     }
-    m_rotationError = RenameAll() ? 0 : errno;
-    m_isRotationDue = m_rotationError == ENOENT;
-    if (m_isRotationDue)
+    const int error = RenameAll() ? 0 : errno;
+    if (error == ENOENT)
     {
-        return;  // it went at this very moment
+        return false;  // it was removed at this very moment
     }
-    if (m_rotationError == 0)
+    m_rotationError = error;
+    if (error == 0)
     {
         Open();
     }
@@ -146,7 +153,7 @@ void LogFile::Rotate()
     {
         Refuse(errno, m_path);
     }
-    m_hasRotated = true;
+    return true;
 }
 
 // False, and errno set, when the newest file keeps its name. An older one that does is overwritten:
@@ -165,19 +172,6 @@ std::string LogFile::NumberedPath(std::size_t number) const
 {
     const std::size_t dot = m_path.rfind('.');
     return m_path.substr(0, dot) + '.' + std::to_string(number) + m_path.substr(dot);
-}
-
-bool LogFile::IsInPlace() const
-{
-    struct stat status = {};
-    return stat(m_path.c_str(), &status) == 0 && status.st_dev == m_device &&
-           status.st_ino == m_inode;
-}
-
-bool LogFile::IsRemoved() const
-{
-    struct stat status = {};
-    return fstat(m_file.Number(), &status) == 0 && status.st_nlink == 0;
 }
 
 }  // namespace corpdir_log

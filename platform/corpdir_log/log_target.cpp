@@ -1,9 +1,8 @@
 #include "log_target.h"
 
-#include "console_sink.h"
 #include "corpdir_log.h"
-#include "escape.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <cstdlib>
 #include <exception>
 #include <new>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -22,18 +22,17 @@ namespace corpdir_log
 namespace
 {
 constexpr std::chrono::seconds kRetryInterval{1};
-constexpr std::chrono::seconds kPlaceCheckInterval{1};
 
 // An empty one stays empty: it means standard error.
-std::string AbsoluteDirectory(const char* directory)
+std::string AbsoluteDirectory(const std::string& directory)
 {
-    if (*directory == '\0')
+    if (directory.empty())
     {
         return {};
     }
     char resolved[PATH_MAX];
     struct stat status = {};
-    if (realpath(directory, resolved) == nullptr || stat(resolved, &status) != 0)
+    if (realpath(directory.c_str(), resolved) == nullptr || stat(resolved, &status) != 0)
     {
         throw std::system_error(errno, std::generic_category(), directory);
     }
@@ -44,12 +43,36 @@ std::string AbsoluteDirectory(const char* directory)
     return resolved;
 }
 
+// The client may have made standard error non-blocking.
+bool AwaitRoom()
+{
+    pollfd console = {STDERR_FILENO, POLLOUT, 0};
+    return errno == EAGAIN && poll(&console, 1, -1) == 1;
+}
+
+// Past the C library's stream: a standard error that is not read would block the log's thread with
+// the stream locked, and the process, which flushes its streams, could not end. A line that cannot
+// be written is dropped, since there is no place to report it.
+void WriteToStandardError(std::string_view line)
+{
+    while (!line.empty())
+    {
+        const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+        if (written < 0 && !AwaitRoom())
+        {
+            return;
+        }
+        line.remove_prefix(written < 0 ? 0 : static_cast<std::size_t>(written));
+    }
+}
+
 }  // namespace
 
 LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
     : m_maxSize(settings.maxSize),
       m_maxCount(settings.maxCount),
-      m_directory(AbsoluteDirectory(settings.directory))
+      m_directory(AbsoluteDirectory(settings.directory)),
+      m_isConsoleOpen(fcntl(STDERR_FILENO, F_GETFD) != -1)
 {
     if (previous != nullptr)
     {
@@ -60,10 +83,7 @@ LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
     if (!IsStandardError())
     {
         OpenFile();
-        return;
     }
-    m_console = std::make_unique<ConsoleSink>();
-    m_sink = m_console.get();
 }
 
 void LogTarget::OpenFile()
@@ -74,12 +94,72 @@ void LogTarget::OpenFile()
     }
     m_file =
         std::make_unique<LogFile>(m_directory + '/' + m_name->FileName(), m_maxSize, m_maxCount);
-    m_sink = m_file.get();
     m_unchecked = 0;
-    m_nextPlaceCheck = base::Clock::now() + kPlaceCheckInterval;
 }
 
-void LogTarget::Write(const Record& record, std::uint64_t count) noexcept
+void LogTarget::Write(const std::deque<Record>& records, std::uint64_t dropped) noexcept
+{
+    LeaveLostFile();
+    if (dropped != 0)
+    {
+        WriteDropNotice(dropped);
+    }
+    for (const Record& record : records)
+    {
+        WriteRecord(record, 1);
+    }
+    Flush();
+}
+
+void LogTarget::Settle() noexcept
+{
+    LeaveLostFile();
+    if (m_lost != 0)
+    {
+        m_nextAttempt = {};
+        (void)IsReady();
+    }
+}
+
+// Everything was flushed before: a file that was only moved away has its last lines.
+void LogTarget::LeaveLostFile() noexcept
+{
+    if (m_file == nullptr)
+    {
+        return;
+    }
+    if (m_file->IsInPlace())
+    {
+        m_unchecked = 0;
+        return;
+    }
+    if (m_file->IsRemoved() && m_unchecked != 0)
+    {
+        AddLost(std::exchange(m_unchecked, 0), "the file that held them was removed");
+    }
+    m_file.reset();
+}
+
+// An error, so that it is written at every level. It is lost like the records it is about.
+void LogTarget::WriteDropNotice(std::uint64_t dropped) noexcept
+{
+    try
+    {
+        WriteRecord(
+            MakeOwnRecord(
+                {"corpdir_log", __func__, __FILE__, __LINE__}, CORPDIR_LOG_ERROR,
+                "%llu records are missing here: they came faster than they could be written",
+                static_cast<unsigned long long>(dropped)),
+            dropped);
+    }
+    catch (const std::bad_alloc&)
+    {
+        AddLost(dropped, "memory ran out");
+    }
+}
+
+// `count`: the records that are missing if this one is lost.
+void LogTarget::WriteRecord(const Record& record, std::uint64_t count) noexcept
 {
     if (!IsReady())
     {
@@ -90,8 +170,7 @@ void LogTarget::Write(const Record& record, std::uint64_t count) noexcept
     m_unchecked += count;
     try
     {
-        m_sink->Write(record);
-        NoteRotation(count);
+        WriteLine(record, count);
     }
     catch (const std::exception& error)
     {
@@ -99,19 +178,43 @@ void LogTarget::Write(const Record& record, std::uint64_t count) noexcept
     }
 }
 
-// Before a rotation the full file was in its place and flushed.
-void LogTarget::NoteRotation(std::uint64_t count)
+void LogTarget::WriteLine(const Record& record, std::uint64_t count)
 {
-    if (m_file == nullptr || !m_file->TakeHasRotated())
+    m_line.clear();
+    m_formatter.Append(record.time, record.text, m_line);
+    if (IsStandardError())
+    {
+        // A number that was closed at the opening may be a file of the client's by now.
+        WriteToStandardError(m_isConsoleOpen ? m_line : std::string_view());
+    }
+    else if (m_file->Write(m_line))
+    {
+        // Before the rotation the full file was in its place and flushed.
+        m_unflushed = count;
+        m_unchecked = count;
+        if (m_file->RotationError() != 0)
+        {
+            ReportOnce(&m_isRotationReported,
+                       "cannot be rotated, it is truncated when full: " +
+                           std::generic_category().message(m_file->RotationError()));
+        }
+    }
+}
+
+void LogTarget::Flush() noexcept
+{
+    if (m_file == nullptr)
     {
         return;
     }
-    m_unflushed = count;
-    m_unchecked = count;
-    if (m_file->RotationError() != 0)
+    try
     {
-        TellOnce(&m_isRotationTold, "cannot be rotated, it begins anew when it is full: " +
-                                        std::generic_category().message(m_file->RotationError()));
+        m_file->Flush();
+        m_unflushed = 0;
+    }
+    catch (const std::exception& error)
+    {
+        BeginOutage(error.what());
     }
 }
 
@@ -128,150 +231,86 @@ void LogTarget::AddLost(std::uint64_t count, const char* reason) noexcept
     }
 }
 
-void LogTarget::Flush() noexcept
-{
-    if (m_sink == nullptr || m_unflushed == 0)
-    {
-        return;
-    }
-    try
-    {
-        m_sink->Flush();
-        m_unflushed = 0;
-    }
-    catch (const std::exception& error)
-    {
-        BeginOutage(error.what());
-    }
-}
-
-void LogTarget::CheckPlace() noexcept
-{
-    if (m_file == nullptr || (base::Clock::now() < m_nextPlaceCheck && !m_file->IsRotationDue()))
-    {
-        return;
-    }
-    m_nextPlaceCheck = base::Clock::now() + kPlaceCheckInterval;
-    if (m_file->IsInPlace())
-    {
-        m_unchecked = m_unflushed;
-        return;
-    }
-    Flush();  // a file that was only moved away gets its last lines
-    LeaveRemovedFile();
-    m_file.reset();
-    m_sink = nullptr;
-    (void)IsReady();
-}
-
-void LogTarget::Settle() noexcept
-{
-    Flush();
-    LeaveRemovedFile();
-    if (m_lost != 0)
-    {
-        m_nextAttempt = {};
-        (void)IsReady();
-    }
-}
-
-void LogTarget::LeaveRemovedFile() noexcept
-{
-    if (m_file != nullptr && m_file->IsRemoved())
-    {
-        if (m_unchecked != 0)
-        {
-            AddLost(std::exchange(m_unchecked, 0), "the file that held them was removed");
-        }
-        m_sink = nullptr;
-        m_file.reset();
-    }
-}
-
-// Opens the file if need be, and writes what has to be said first. False when there is nothing to
-// write to yet.
+// Opens the file if need be, and reports losses first. False when records cannot be written yet.
 bool LogTarget::IsReady() noexcept
 {
-    if (m_sink == nullptr && base::Clock::now() < m_nextAttempt)
+    const bool isClosed = !IsStandardError() && m_file == nullptr;
+    if (isClosed && base::Clock::now() < m_nextAttempt)
     {
         return false;
     }
     try
     {
-        if (m_sink == nullptr)
+        if (isClosed)
         {
             OpenFile();
         }
-        WriteLossNotice();
+        if (m_lost != 0)
+        {
+            WriteLossNotice();
+        }
+        return true;
     }
     catch (const std::exception& error)
     {
         BeginOutage(error.what());
+        return false;
     }
-    return m_sink != nullptr;
 }
 
-// Flushed at once: on a disk that is still full only that tells.
+// Flushed at once: a disk that is still full fails then, not at the writing.
 void LogTarget::WriteLossNotice()
 {
-    if (m_lost == 0)
+    WriteLine(MakeOwnRecord({"corpdir_log", __func__, __FILE__, __LINE__}, CORPDIR_LOG_ERROR,
+                            "Up to %llu records are missing here: %s",
+                            static_cast<unsigned long long>(m_lost), m_reason.c_str()),
+              0);
+    if (m_file != nullptr)
     {
-        return;
+        m_file->Flush();
     }
-    const RecordPtr notice =
-        MakeOwnRecord({"corpdir_log", __func__, __FILE__, __LINE__}, CORPDIR_LOG_ERROR,
-                      "Up to %llu records are missing here: %s",
-                      static_cast<unsigned long long>(m_lost), m_reason.c_str());
-    if (notice == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    m_sink->Write(*notice);
-    m_sink->Flush();
-    NoteRotation(0);
     m_unflushed = 0;
     m_unchecked += std::exchange(m_lost, 0);
 }
 
 // What was written since the last flush may or may not have reached the file. A file that is
-// removed besides takes along what did.
+// removed takes all of it along.
 void LogTarget::BeginOutage(const char* reason) noexcept
 {
     const bool isRemoved = m_file != nullptr && m_file->IsRemoved();
-    m_lost += isRemoved ? m_unchecked : m_unflushed;
+    AddLost(isRemoved ? m_unchecked : m_unflushed, reason);
     m_unflushed = 0;
     m_unchecked = 0;
     m_file.reset();
-    m_sink = m_console.get();
     m_nextAttempt = base::Clock::now() + kRetryInterval;
     try
     {
-        m_reason = reason;
-        TellOnce(&m_isOutageTold, "cannot be written, records are lost until it can: " + m_reason);
+        ReportOnce(&m_isOutageReported,
+                   "cannot be written, records are lost until it can: " + std::string(reason));
     }
     catch (const std::bad_alloc&)
     {
-        // Out of memory for a sentence; the outage is handled all the same.
+        // No memory for a sentence; the outage is handled all the same.
     }
 }
 
-// A standard error without room is not waited for, and told later: with poll's word a pipe takes a
-// line of PIPE_BUF bytes without blocking, if nobody else fills it at this moment.
-void LogTarget::TellOnce(bool* isTold, const std::string& trouble) const
+// A standard error without room is not waited for; the report is then made later. Where poll finds
+// room, a pipe takes a line of PIPE_BUF bytes without blocking, unless others fill it at this
+// moment.
+void LogTarget::ReportOnce(bool* isReported, const std::string& trouble) const
 {
     pollfd console = {STDERR_FILENO, POLLOUT, 0};
-    if (*isTold || IsStandardError() || poll(&console, 1, 0) != 1 ||
+    if (*isReported || IsStandardError() || poll(&console, 1, 0) != 1 ||
         (console.revents & POLLOUT) == 0)
     {
         return;
     }
-    *isTold = true;
-    const std::string text = "corpdir: the log in " + m_directory + ' ' + trouble;
-    std::string line(EscapedSize(text, Blanks::kKeep), '\0');
-    WriteEscaped(text, Blanks::kKeep, line.data());
+    *isReported = true;
+    std::string line;
+    AppendEscaped("corpdir: the log in " + m_directory + ' ' + trouble, Blanks::kKeep, &line);
     line.resize(std::min<std::size_t>(line.size(), PIPE_BUF - 1));
     line += '\n';
-    (void)!write(STDERR_FILENO, line.data(), line.size());  // the last resort: no other place
+    (void)!write(STDERR_FILENO, line.data(), line.size());  // there is no other place to report to
 }
 
 }  // namespace corpdir_log

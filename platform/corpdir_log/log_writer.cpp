@@ -2,8 +2,7 @@
 
 #include "corpdir_log.h"
 
-#include <cerrno>
-#include <csignal>
+#include <exception>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -12,20 +11,17 @@ namespace corpdir_log
 {
 namespace
 {
-// In a stream of records that never pauses, what was written is handed to the system this often.
-constexpr std::chrono::milliseconds kFlushInterval{500};
+// The longest that an opening waits for the disk.
+constexpr std::chrono::seconds kOpenPatience{5};
 
-// All signals are the client's threads' business. SIGPIPE and SIGXFSZ, which would end the client,
-// then become errors of the write that caused them.
-int CreateWithoutSignals(pthread_t* thread, void* (*main)(void*), void* argument)
+// Waking a thread costs its waker more than writing a record does. So the log's thread lets records
+// gather for this long, unless an error is among them, or more than this many bytes.
+constexpr std::chrono::milliseconds kGather{100};
+constexpr std::size_t kManyBytes = 256U << 10;
+
+std::size_t MemorySize(const Record& record)
 {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const int error = pthread_create(thread, nullptr, main, argument);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return error;
+    return sizeof record + record.text.size();
 }
 
 // The target, or null and the error number.
@@ -48,63 +44,92 @@ std::unique_ptr<LogTarget> MakeTarget(const LogSettings& settings, const LogTarg
     return nullptr;
 }
 
-// An error, so that it is written at every level.
-void WriteDropNotice(LogTarget* target, std::uint64_t dropped)
-{
-    const RecordPtr notice =
-        MakeOwnRecord({"corpdir_log", __func__, __FILE__, __LINE__}, CORPDIR_LOG_ERROR,
-                      "%llu records are missing here: they came faster than they could be written",
-                      static_cast<unsigned long long>(dropped));
-    if (notice == nullptr)
-    {
-        target->AddLost(dropped, "memory ran out");
-        return;
-    }
-    target->Write(*notice, dropped);
-}
-
 }  // namespace
 
-void LogWriter::Submit(RecordPtr record)
+void LogWriter::Write(const Place& place, unsigned int level, const char* format,
+                      va_list arguments) noexcept
 {
-    m_queue.Push(std::move(record));
+    try
+    {
+        Record record = MakeRecord(place, level, format, arguments);
+        const base::MutexLock lock(m_mutex);
+        Push(std::move(record));
+    }
+    catch (const std::exception&)  // memory ran out
+    {
+        const base::MutexLock lock(m_mutex);
+        m_dropped += m_level == kClosed ? 0 : 1;
+    }
+}
+
+void LogWriter::Push(Record record)
+{
+    if (m_level == kClosed)
+    {
+        return;
+    }
+    const std::size_t bytes = MemorySize(record);
+    while (m_bytes + bytes > kCapacity && !m_records.empty())
+    {
+        m_bytes -= MemorySize(m_records.front());
+        m_records.pop_front();
+        ++m_dropped;
+    }
+    const bool isFirst = m_records.empty();
+    const bool isUrgent = record.level == CORPDIR_LOG_ERROR || m_bytes + bytes > kManyBytes;
+    m_records.push_back(std::move(record));
+    m_bytes += bytes;
+    if (isFirst || (isUrgent && !m_isUrgent))
+    {
+        m_wake.NotifyAll();
+    }
+    m_isUrgent |= isUrgent;
 }
 
 int LogWriter::Open(const LogSettings& settings)
 {
-    const auto deadline = base::Clock::now() + kDiskPatience;
+    const auto deadline = base::Clock::now() + kOpenPatience;
+    const auto opening = std::make_shared<Opening>(Opening{settings});
     const base::MutexLock lock(m_mutex);
-    if (!TakeSlot(deadline))
+    while (m_opening != nullptr && m_answered.WaitUntil(m_mutex, deadline))
+    {
+    }
+    if (m_opening != nullptr)
     {
         return ETIMEDOUT;
     }
-    int error = m_isClosedForEver ? ESHUTDOWN : StartThread();
-    if (error != 0)
+    if (m_isClosedForEver)
     {
-        FreeSlot();
-        return error;
+        return ESHUTDOWN;
     }
-    m_settings = settings;
-    const int result = Execute(Command::kOpen, deadline);
+    StartThread();
+    m_opening = opening;
+    m_wake.NotifyAll();
+    while (m_opening == opening && m_answered.WaitUntil(m_mutex, deadline))
+    {
+    }
+    if (m_opening == opening)
+    {
+        m_opening.reset();
+        m_answered.NotifyAll();
+        return ETIMEDOUT;
+    }
     JoinEndedThread();
-    return result;
+    return opening->error;
 }
 
 void LogWriter::Close(base::Clock::time_point deadline)
 {
     const base::MutexLock lock(m_mutex);
-    RefuseRecords();
-    if (!TakeSlot(deadline))
+    m_level = kClosed;
+    if (IsThreadRunning())
     {
-        return;
+        m_isCloseAsked = true;
+        m_wake.NotifyAll();
+        while (m_isCloseAsked && m_answered.WaitUntil(m_mutex, deadline))
+        {
+        }
     }
-    RefuseRecords();  // once more: an open may have come in between
-    if (m_threadState != Thread::kRunning)
-    {
-        FreeSlot();
-        return;
-    }
-    (void)Execute(Command::kClose, deadline);  // in time or not
     JoinEndedThread();
 }
 
@@ -113,209 +138,127 @@ void LogWriter::CloseForEver(base::Clock::time_point deadline)
     {
         const base::MutexLock lock(m_mutex);
         m_isClosedForEver = true;
+        m_opening.reset();
+        m_answered.NotifyAll();
     }
     Close(deadline);
 }
 
-// --- Commands, on the caller's thread
-
-bool LogWriter::TakeSlot(base::Clock::time_point deadline)
+bool LogWriter::HasCommand() const
 {
-    while (m_slot != Slot::kFree)
-    {
-        if (!m_slotChanged.WaitUntil(m_mutex, deadline) && m_slot != Slot::kFree)
-        {
-            return false;
-        }
-    }
-    m_slot = Slot::kTaken;
-    return true;
+    return m_isCloseAsked || m_opening != nullptr;
 }
 
-void LogWriter::FreeSlot()
+bool LogWriter::IsThreadRunning() const
 {
-    m_slot = Slot::kFree;
-    m_slotChanged.NotifyAll();
+    return m_thread.Joinable() && !m_hasThreadEnded;
 }
 
-// The slot of an abandoned command is freed by the log's thread, once it is done with it.
-int LogWriter::Execute(Command command, base::Clock::time_point deadline)
+void LogWriter::StartThread()
 {
-    m_command = command;
-    m_slot = Slot::kPosted;
-    m_queue.Wake();
-    while (m_slot != Slot::kExecuted)
-    {
-        if (!m_slotChanged.WaitUntil(m_mutex, deadline) && m_slot != Slot::kExecuted)
-        {
-            m_slot = Slot::kAbandoned;
-            return ETIMEDOUT;
-        }
-    }
-    const int result = m_result;
-    FreeSlot();
-    return result;
-}
-
-// The owner of the slot calls this, so no command is under way that the thread could be executing.
-int LogWriter::StartThread()
-{
-    if (m_threadState == Thread::kRunning)
-    {
-        return 0;
-    }
     JoinEndedThread();
-    const int error = CreateWithoutSignals(&m_thread, ThreadMain, this);
-    if (error == 0)
+    if (!IsThreadRunning())
     {
-        m_threadState = Thread::kRunning;
+        m_thread = base::Thread("corpdir-log", [this] { Run(); });
     }
-    return error;
 }
 
-// The thread marks itself as ended in its last section under the mutex, and owns no file by then:
+// The thread says that it has ended in its last section under the mutex, and owns no file by then:
 // so this waits for no disk, only for the thread to return.
 void LogWriter::JoinEndedThread()
 {
-    if (m_threadState == Thread::kEnded)
+    if (m_hasThreadEnded)
     {
-        pthread_join(m_thread, nullptr);
-        m_threadState = Thread::kNone;
+        m_thread.Join();
+        m_hasThreadEnded = false;
     }
-}
-
-// At once, not only when the log's thread gets to it: records after a close are dropped.
-void LogWriter::RefuseRecords()
-{
-    m_level.store(kClosed, std::memory_order_relaxed);
-    m_queue.Close();
 }
 
 // --- The log's thread
 
-void* LogWriter::ThreadMain(void* writer)
-{
-    pthread_setname_np(pthread_self(), "corpdir-log");
-    static_cast<LogWriter*>(writer)->Run();
-    return nullptr;
-}
-
-// Ends when the log is closed.
 void LogWriter::Run()
 {
-    Rest rest = Rest::kLong;
-    for (bool isOpen = true; isOpen;)
+    for (bool isOver = false; !isOver;)
     {
-        // The command first: what was queued before it was posted is then in the batch.
-        const Command command = PostedCommand();
-        rest = Write(m_queue.Take(command == Command::kNone ? rest : Rest::kNone));
-        if (command != Command::kNone)
+        const Work work = AwaitWork();
+        if (m_target != nullptr)
         {
-            isOpen = command == Command::kOpen ? ExecuteOpen() : ExecuteClose();
+            m_target->Write(m_batch, work.dropped);
         }
+        m_batch.clear();
+        if (work.isClose && m_target != nullptr)
+        {
+            m_target->Settle();
+            m_target.reset();  // before the answer: the client may remove the directory then
+        }
+        if (work.opening != nullptr)
+        {
+            OpenTarget(work.opening);
+        }
+        isOver = FinishRound(work.isClose);
     }
 }
 
-LogWriter::Command LogWriter::PostedCommand()
+// Waits for a record or a command. A close comes before an opening that is asked for at the same
+// time.
+LogWriter::Work LogWriter::AwaitWork()
 {
     const base::MutexLock lock(m_mutex);
-    return m_slot == Slot::kPosted || m_slot == Slot::kAbandoned ? m_command : Command::kNone;
+    while (m_records.empty() && !HasCommand())
+    {
+        m_wake.Wait(m_mutex);
+    }
+    const auto deadline = base::Clock::now() + kGather;
+    while (!m_isUrgent && !HasCommand() && m_wake.WaitUntil(m_mutex, deadline))
+    {
+    }
+    m_isUrgent = false;
+    m_bytes = 0;
+    m_records.swap(m_batch);
+    return {std::exchange(m_dropped, 0), m_isCloseAsked, m_isCloseAsked ? nullptr : m_opening};
 }
 
-// Returns how to wait for the next records.
-Rest LogWriter::Write(Batch batch)
+void LogWriter::OpenTarget(const std::shared_ptr<Opening>& opening)
 {
-    if (m_target == nullptr)
-    {
-        return Rest::kLong;  // not open yet: the command is on its way
-    }
-    const bool isIdle = batch.records.IsEmpty() && batch.dropped == 0;
-    bool hasError = batch.dropped != 0;
-    m_target->CheckPlace();
-    if (batch.dropped != 0)
-    {
-        WriteDropNotice(m_target.get(), batch.dropped);
-    }
-    while (const RecordPtr record = batch.records.PopFront())
-    {
-        m_target->Write(*record);
-        hasError |= record->level == CORPDIR_LOG_ERROR;
-    }
-    FlushWhenDue(hasError || isIdle);
-    return isIdle ? Rest::kLong : Rest::kShort;
-}
-
-void LogWriter::FlushWhenDue(bool isDue)
-{
-    const base::Clock::time_point now = base::Clock::now();
-    if (isDue || now >= m_nextFlush)
-    {
-        m_target->Flush();
-        m_nextFlush = now + kFlushInterval;
-    }
-}
-
-// Returns whether the log is open now.
-bool LogWriter::ExecuteOpen()
-{
-    LogSettings settings;
-    {
-        const base::MutexLock lock(m_mutex);
-        settings = m_settings;
-    }
     if (m_target != nullptr)
     {
         m_target->Settle();
     }
     int error = 0;
-    std::unique_ptr<LogTarget> target = MakeTarget(settings, m_target.get(), &error);
-    if (!AnswerOpen(&target, settings, error))
+    // The one that is not used in the end is destroyed without the mutex.
+    std::unique_ptr<LogTarget> target = MakeTarget(opening->settings, m_target.get(), &error);
+    const base::MutexLock lock(m_mutex);
+    if (m_opening != opening)
     {
-        target.reset();  // first: whoever joins the thread after the answer waits for no disk
-        const base::MutexLock lock(m_mutex);
-        Answer(0);
+        return;  // its caller has given up
     }
-    return m_target != nullptr;
+    opening->error = error;
+    if (target != nullptr)
+    {
+        m_target.swap(target);
+        m_level = static_cast<int>(opening->settings.level);
+    }
+    m_opening.reset();
+    m_answered.NotifyAll();
 }
 
-// False when nobody waits for the new target any more.
-bool LogWriter::AnswerOpen(std::unique_ptr<LogTarget>* target, const LogSettings& settings,
-                           int error)
+// Answers a close. True, in its last section under the mutex, when the thread is to end: the log is
+// closed, and there is no command.
+bool LogWriter::FinishRound(bool isClosed)
 {
     const base::MutexLock lock(m_mutex);
-    if (m_slot == Slot::kAbandoned)
+    if (isClosed)
     {
-        return false;
+        // An opening may have come in between.
+        m_level = kClosed;
+        m_records.clear();
+        m_bytes = 0;
+        m_dropped = 0;
+        m_isCloseAsked = false;
     }
-    if (*target != nullptr)
-    {
-        m_target.swap(*target);
-        m_queue.Open();
-        m_level.store(static_cast<int>(settings.level), std::memory_order_relaxed);
-    }
-    Answer(error);
-    return true;
-}
-
-// The file is closed before the answer, so that the client may remove its directory.
-bool LogWriter::ExecuteClose()
-{
-    m_target->Settle();
-    m_target.reset();
-    const base::MutexLock lock(m_mutex);
-    Answer(0);
-    return false;
-}
-
-void LogWriter::Answer(int result)
-{
-    m_result = result;
-    m_slot = m_slot == Slot::kAbandoned ? Slot::kFree : Slot::kExecuted;
-    if (m_target == nullptr)
-    {
-        m_threadState = Thread::kEnded;
-    }
-    m_slotChanged.NotifyAll();
+    m_hasThreadEnded = m_target == nullptr && !HasCommand();
+    m_answered.NotifyAll();
+    return m_hasThreadEnded;
 }
 
 }  // namespace corpdir_log

@@ -3,25 +3,31 @@
 #define CORPDIR_LOG_LOG_WRITER_H
 
 #include "base/mutex.h"
+#include "base/thread.h"
 #include "log_target.h"
-#include "record_queue.h"
-
-#include <pthread.h>
+#include "record.h"
 
 #include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <memory>
 
 namespace corpdir_log
 {
-// The longest that opening and closing wait for the disk.
-constexpr std::chrono::seconds kDiskPatience{5};
-
 // Takes records from any thread and writes them on a thread of its own, which alone touches files
-// and lives while the log is open. Thread-safe: the queue is, commands are under a mutex, and the
-// target belongs to the log's thread.
+// and lives while the log is open. At most kCapacity bytes of records wait, or one record that is
+// larger; records that come when the queue is full push out the oldest. Thread-safe: queue and
+// commands are under a mutex that is held for a few instructions, and the target is the log's
+// thread's.
 class LogWriter
 {
 public:
+    static constexpr std::size_t kCapacity = 8U << 20;
+    static constexpr unsigned int kHighestLevel = 2;
+
     LogWriter() = default;
     LogWriter(const LogWriter&) = delete;
     LogWriter& operator=(const LogWriter&) = delete;
@@ -29,85 +35,76 @@ public:
     // False when the log is closed as well.
     bool IsWritten(unsigned int level) const
     {
-        return level <= static_cast<unsigned int>(kHighestLevel) &&
+        return level <= kHighestLevel &&
                static_cast<int>(level) <= m_level.load(std::memory_order_relaxed);
     }
 
-    // Queues a record; null counts as one that was dropped. Never waits for the disk.
-    void Submit(RecordPtr record);
+    // Queues a record. Never waits for the disk; a record for which there is no memory counts as
+    // dropped.
+    void Write(const Place& place, unsigned int level, const char* format,
+               va_list arguments) noexcept __attribute__((format(printf, 4, 0)));
 
     // Opens the log, or gives an open one another target, after the records that are queued. 0, or
-    // an error number, ETIMEDOUT after kDiskPatience among them; then all is as before.
+    // an error number, ETIMEDOUT after 5 s among them; then all is as before. Throws
+    // std::bad_alloc or std::system_error when memory or threads ran out.
     int Open(const LogSettings& settings);
 
-    // Writes what is queued and closes. A disk that does not answer until the deadline goes on
-    // being waited for by the log's thread alone.
+    // Writes what is queued and closes; records are refused at once. After the deadline only the
+    // log's thread goes on waiting for a disk that does not answer.
     void Close(base::Clock::time_point deadline);
 
     // Refuses to open from now on, and closes.
     void CloseForEver(base::Clock::time_point deadline);
 
-    static constexpr int kHighestLevel = 2;
-
 private:
     static constexpr int kClosed = -1;
 
-    enum class Command
+    // An opening that its caller waits for.
+    struct Opening
     {
-        kNone,
-        kOpen,
-        kClose
-    };
-    enum class Slot  // the place of the one command under way
-    {
-        kFree,
-        kTaken,     // its caller prepares it
-        kPosted,    // the log's thread executes it, or is about to
-        kExecuted,  // its caller shall fetch the result
-        kAbandoned  // as kPosted, but its caller has given up
-    };
-    enum class Thread
-    {
-        kNone,
-        kRunning,
-        kEnded  // to be joined
+        LogSettings settings;
+        int error = ESHUTDOWN;  // unless the log's thread gets to it
     };
 
-    // Called by Open and Close.
-    bool TakeSlot(base::Clock::time_point deadline) CORPDIR_REQUIRES(m_mutex);
-    void FreeSlot() CORPDIR_REQUIRES(m_mutex);
-    int Execute(Command command, base::Clock::time_point deadline) CORPDIR_REQUIRES(m_mutex);
-    int StartThread() CORPDIR_REQUIRES(m_mutex);
+    // What the log's thread does next: it writes what it took from the queue, and executes at most
+    // one command.
+    struct Work
+    {
+        std::uint64_t dropped;             // records that are missing before the batch
+        bool isClose;                      //
+        std::shared_ptr<Opening> opening;  // null: none
+    };
+
+    void Push(Record record) CORPDIR_REQUIRES(m_mutex);
+    bool HasCommand() const CORPDIR_REQUIRES(m_mutex);
+    bool IsThreadRunning() const CORPDIR_REQUIRES(m_mutex);
+    void StartThread() CORPDIR_REQUIRES(m_mutex);
     void JoinEndedThread() CORPDIR_REQUIRES(m_mutex);
-    void RefuseRecords();
 
     // On the log's thread.
-    static void* ThreadMain(void* writer);
     void Run();
-    Command PostedCommand();
-    Rest Write(Batch batch);
-    void FlushWhenDue(bool isDue);
-    bool ExecuteOpen();
-    bool AnswerOpen(std::unique_ptr<LogTarget>* target, const LogSettings& settings, int error);
-    bool ExecuteClose();
-    void Answer(int result) CORPDIR_REQUIRES(m_mutex);
+    Work AwaitWork();
+    void OpenTarget(const std::shared_ptr<Opening>& opening);
+    bool FinishRound(bool isClosed);
 
-    RecordQueue m_queue;
     std::atomic<int> m_level{kClosed};  // the highest that is written; set under m_mutex
 
     base::Mutex m_mutex;
-    base::CondVar m_slotChanged;
-    Slot m_slot CORPDIR_GUARDED_BY(m_mutex) = Slot::kFree;
-    Command m_command CORPDIR_GUARDED_BY(m_mutex) = Command::kNone;
-    LogSettings m_settings CORPDIR_GUARDED_BY(m_mutex) = {};
-    int m_result CORPDIR_GUARDED_BY(m_mutex) = 0;
+    base::CondVar m_wake;      // for the log's thread
+    base::CondVar m_answered;  // for callers of Open and Close
+    std::deque<Record> m_records CORPDIR_GUARDED_BY(m_mutex);
+    std::size_t m_bytes CORPDIR_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_dropped CORPDIR_GUARDED_BY(m_mutex) = 0;
+    bool m_isUrgent CORPDIR_GUARDED_BY(m_mutex) = false;  // some of the records shall not wait
+    bool m_isCloseAsked CORPDIR_GUARDED_BY(m_mutex) = false;
+    std::shared_ptr<Opening> m_opening CORPDIR_GUARDED_BY(m_mutex);  // null: none is asked for
     bool m_isClosedForEver CORPDIR_GUARDED_BY(m_mutex) = false;
-    Thread m_threadState CORPDIR_GUARDED_BY(m_mutex) = Thread::kNone;
-    pthread_t m_thread CORPDIR_GUARDED_BY(m_mutex) = {};
+    base::Thread m_thread CORPDIR_GUARDED_BY(m_mutex);
+    bool m_hasThreadEnded CORPDIR_GUARDED_BY(m_mutex) = false;  // and is to be joined
 
     // The log's thread only.
+    std::deque<Record> m_batch;
     std::unique_ptr<LogTarget> m_target;
-    base::Clock::time_point m_nextFlush;
 };
 
 }  // namespace corpdir_log

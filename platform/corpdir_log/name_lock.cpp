@@ -1,5 +1,7 @@
 #include "name_lock.h"
 
+#include "private_file.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,7 +32,7 @@ void Replace(int before, int after)
 }
 
 // Another user could hold every lock in a file of its own.
-bool IsOurs(const Descriptor& file)
+bool IsOurs(const base::Descriptor& file)
 {
     struct stat status = {};
     return file.IsOpen() && fstat(file.Number(), &status) == 0 && S_ISREG(status.st_mode) &&
@@ -72,7 +74,7 @@ bool NameLock::TakeNameIn(const std::string& directory, const std::string& lockN
             return true;
         }
     }
-    m_file = Descriptor();
+    m_file = base::Descriptor();
     return false;
 }
 
@@ -90,11 +92,7 @@ bool NameLock::TakeNumber(unsigned int number) const
 
 bool NameLock::IsFor(const std::string& directory) const
 {
-    struct stat held = {};
-    struct stat found = {};
-    return m_file.IsOpen() && fstat(m_file.Number(), &held) == 0 &&
-           stat((directory + '/' + m_lockName).c_str(), &found) == 0 &&
-           held.st_dev == found.st_dev && held.st_ino == found.st_ino;
+    return IsAt(m_file, directory + '/' + m_lockName);
 }
 
 void NameLock::ReleaseInForkedChild()

@@ -2,7 +2,7 @@
 #ifndef CORPDIR_LOG_NAME_LOCK_H
 #define CORPDIR_LOG_NAME_LOCK_H
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 #include <string>
 
@@ -39,7 +39,7 @@ private:
                     const std::string& prefix);
     bool TakeNumber(unsigned int number) const;
 
-    Descriptor m_file;  // not open: the name is not locked
+    base::Descriptor m_file;  // not open: the name is not locked
     std::string m_lockName;
     std::string m_fileName;
 };

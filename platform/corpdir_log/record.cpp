@@ -1,7 +1,7 @@
 #include "record.h"
 
+#include "base/printable.h"
 #include "corpdir_log.h"
-#include "escape.h"
 
 #include <unistd.h>
 
@@ -10,7 +10,6 @@
 #include <charconv>
 #include <cstdio>
 #include <new>
-#include <utility>
 
 namespace corpdir_log
 {
@@ -20,7 +19,7 @@ constexpr std::size_t kStackText = 1024;  // longer texts are formatted on the h
 // No text can end like this: its own backslashes are escaped.
 constexpr std::string_view kCutMark = " \\[cut: memory ran out]";
 
-thread_local unsigned int t_threadNumber = 0;  // 0: not asked for yet
+thread_local unsigned int t_threadNumber = 0;  // 0: not known yet
 
 // The number that ps and gdb show. Asking the system costs more than the rest of a record's
 // columns.
@@ -45,176 +44,165 @@ std::string_view Column(const char* text)
     return text == nullptr || *text == '\0' ? std::string_view("-") : std::string_view(text);
 }
 
-struct FreeDeleter
+void AppendNumber(unsigned int number, std::string* out)
 {
-    void operator()(char* memory) const
-    {
-        std::free(memory);
-    }
-};
+    std::array<char, 10> digits;
+    const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
+    out->append(digits.data(), result.ptr);
+}
 
-// What printf makes of a format and its arguments. Most texts fit the stack, and only longer ones
-// are formatted a second time.
-class FormattedText
+// False when memory ran out.
+bool TryResize(std::string* text, std::size_t size)
 {
-public:
-    FormattedText(const char* format, va_list arguments) __attribute__((format(printf, 2, 0)))
+    try
     {
-        va_list again;
-        va_copy(again, arguments);
-        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it does not follow the callers'
-        const int length = vsnprintf(m_stack.data(), m_stack.size(), format, arguments);
-        if (length < 0)
-        {
-            // An invalid wide text, or more than 2 GiB: the format says more than nothing.
-            (void)snprintf(m_stack.data(), m_stack.size(), "Cannot be formatted: %s", format);
-            m_text = m_stack.data();
-        }
-        else if (static_cast<std::size_t>(length) < m_stack.size())
-        {
-            m_text = {m_stack.data(), static_cast<std::size_t>(length)};
-        }
-        else
-        {
-            FormatOnHeap(static_cast<std::size_t>(length), format, again);
-        }
-        va_end(again);
+        text->resize(size);
+        return true;
     }
+    catch (const std::bad_alloc&)
+    {
+        return false;
+    }
+}
 
-    std::string_view Text() const
-    {
-        return m_text;
-    }
-    bool IsCut() const
-    {
-        return m_isCut;
-    }
+// What printf makes of a format and its arguments.
+struct FormattedText
+{
+    std::array<char, kStackText> stack;  // the beginning in any case
+    std::string heap;
+    std::string_view text;  // in one of the two
+    bool isCut = false;
+
     void Cut()
     {
-        m_text = m_text.substr(0, kStackText - 1);
-        m_isCut = true;
+        text = {stack.data(), std::min(text.size(), kStackText - 1)};
+        heap = {};
+        isCut = true;
     }
-
-private:
-    void FormatOnHeap(std::size_t length, const char* format, va_list arguments)
-        __attribute__((format(printf, 3, 0)))
-    {
-        m_text = {m_stack.data(), kStackText - 1};
-        m_heap.reset(static_cast<char*>(std::malloc(length + 1)));
-        if (m_heap == nullptr)
-        {
-            m_isCut = true;
-            return;
-        }
-        // An argument may have grown or shrunk since it was measured.
-        const int written = vsnprintf(m_heap.get(), length + 1, format, arguments);
-        if (written >= 0)
-        {
-            m_text = {m_heap.get(), std::min(length, static_cast<std::size_t>(written))};
-        }
-    }
-
-    std::array<char, kStackText> m_stack;
-    std::unique_ptr<char, FreeDeleter> m_heap;
-    std::string_view m_text;
-    bool m_isCut = false;
 };
 
-// The columns between time and text.
-struct Columns
-{
-    std::string_view level;
-    std::string_view module;
-    std::string_view function;
-    std::string_view file;
-    std::array<char, 10> thread;
-    std::size_t threadSize;
-    std::array<char, 10> line;
-    std::size_t lineSize;
-};
+void FormatOnHeap(FormattedText* out, std::size_t length, const char* format, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
 
-std::size_t WriteNumber(unsigned int number, std::array<char, 10>* digits)
+void FormatOnHeap(FormattedText* out, std::size_t length, const char* format, va_list arguments)
 {
-    const auto result = std::to_chars(digits->data(), digits->data() + digits->size(), number);
-    return static_cast<std::size_t>(result.ptr - digits->data());
-}
-
-Columns MakeColumns(const Place& place, unsigned int level)
-{
-    Columns columns;
-    columns.level = LevelWord(level);
-    columns.module = Column(place.module);
-    columns.function = Column(place.function);
-    columns.file = Column(place.file);
-    columns.threadSize = WriteNumber(ThreadNumber(), &columns.thread);
-    columns.lineSize = WriteNumber(place.line, &columns.line);
-    return columns;
-}
-
-std::size_t SizeOf(const Columns& columns)
-{
-    constexpr std::size_t kSeparators = 6;
-    return columns.level.size() + columns.threadSize +
-           EscapedSize(columns.module, Blanks::kEscape) +
-           EscapedSize(columns.function, Blanks::kEscape) +
-           EscapedSize(columns.file, Blanks::kEscape) + columns.lineSize + kSeparators;
-}
-
-char* Write(const Columns& columns, char* out)
-{
-    out = std::copy(columns.level.begin(), columns.level.end(), out);
-    *out++ = ' ';
-    out = std::copy_n(columns.thread.data(), columns.threadSize, out);
-    *out++ = ' ';
-    out = WriteEscaped(columns.module, Blanks::kEscape, out);
-    *out++ = ' ';
-    out = WriteEscaped(columns.function, Blanks::kEscape, out);
-    *out++ = ' ';
-    out = WriteEscaped(columns.file, Blanks::kEscape, out);
-    *out++ = ':';
-    out = std::copy_n(columns.line.data(), columns.lineSize, out);
-    *out++ = ' ';
-    return out;
-}
-
-// One allocation: measured first, then written.
-RecordPtr Assemble(const Columns& columns, unsigned int level, const FormattedText& text)
-{
-    const std::string_view mark = text.IsCut() ? kCutMark : std::string_view();
-    const std::size_t size =
-        SizeOf(columns) + EscapedSize(text.Text(), Blanks::kKeep) + mark.size();
-    void* const memory = std::malloc(sizeof(Record) + size);
-    if (memory == nullptr)
+    out->text = {out->stack.data(), kStackText - 1};
+    if (!TryResize(&out->heap, length))
     {
-        return nullptr;
+        out->isCut = true;
+        return;
     }
-    RecordPtr record(new (memory) Record{nullptr, std::chrono::system_clock::now(), size, level});
-    char* out = Write(columns, reinterpret_cast<char*>(record.get() + 1));
-    out = WriteEscaped(text.Text(), Blanks::kKeep, out);
-    std::copy(mark.begin(), mark.end(), out);
-    return record;
+    // An argument may have grown or shrunk since it was measured.
+    const int written = vsnprintf(out->heap.data(), length + 1, format, arguments);
+    if (written >= 0)
+    {
+        out->text = {out->heap.data(), std::min(length, static_cast<std::size_t>(written))};
+    }
+}
+
+// Most texts fit the stack, and only longer ones are formatted a second time.
+void Format(FormattedText* out, const char* format, va_list arguments)
+    __attribute__((format(printf, 2, 0)));
+
+void Format(FormattedText* out, const char* format, va_list arguments)
+{
+    va_list again;
+    va_copy(again, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it does not follow the callers'
+    const int length = vsnprintf(out->stack.data(), out->stack.size(), format, arguments);
+    if (length < 0)
+    {
+        // An invalid wide text, or more than 2 GiB: the format is better than nothing.
+        (void)snprintf(out->stack.data(), out->stack.size(), "Cannot be formatted: %s", format);
+        out->text = out->stack.data();
+    }
+    else if (static_cast<std::size_t>(length) < out->stack.size())
+    {
+        out->text = {out->stack.data(), static_cast<std::size_t>(length)};
+    }
+    else
+    {
+        FormatOnHeap(out, static_cast<std::size_t>(length), format, again);
+    }
+    va_end(again);
+}
+
+std::string Assemble(const Place& place, unsigned int level, const FormattedText& text)
+{
+    constexpr std::size_t kOtherColumns = 96;  // a guess, for one allocation
+    std::string line;
+    line.reserve(kOtherColumns + text.text.size());
+    line += LevelWord(level);
+    line += ' ';
+    AppendNumber(ThreadNumber(), &line);
+    line += ' ';
+    AppendEscaped(Column(place.module), Blanks::kEscape, &line);
+    line += ' ';
+    AppendEscaped(Column(place.function), Blanks::kEscape, &line);
+    line += ' ';
+    AppendEscaped(Column(place.file), Blanks::kEscape, &line);
+    line += ':';
+    AppendNumber(place.line, &line);
+    line += ' ';
+    AppendEscaped(text.text, Blanks::kKeep, &line);
+    line += text.isCut ? kCutMark : std::string_view();
+    return line;
+}
+
+// How many bytes at the front of the text are written as they are.
+std::size_t PlainLength(std::string_view text, Blanks blanks)
+{
+    std::size_t length = 0;
+    while (length < text.size() && text[length] != '\\' &&
+           (text[length] != ' ' || blanks == Blanks::kKeep))
+    {
+        const std::size_t character = base::PrintableLength(text.substr(length));
+        if (character == 0)
+        {
+            break;
+        }
+        length += character;
+    }
+    return length;
+}
+
+void AppendEscapedByte(char byte, std::string* out)
+{
+    if (byte == '\n' || byte == '\\')
+    {
+        *out += byte == '\n' ? "\\n" : "\\\\";
+        return;
+    }
+    constexpr char kDigits[] = "0123456789abcdef";
+    const auto number = static_cast<unsigned char>(byte);
+    *out += "\\x";
+    *out += kDigits[number >> 4];
+    *out += kDigits[number & 0x0F];
 }
 
 }  // namespace
 
-RecordPtr MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)
+Record MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)
 {
-    FormattedText text(format == nullptr ? "(null)" : format, arguments);
-    const Columns columns = MakeColumns(place, level);
-    RecordPtr record = Assemble(columns, level, text);
-    if (record == nullptr)
+    const auto now = std::chrono::system_clock::now();
+    FormattedText text;
+    Format(&text, format == nullptr ? "(null)" : format, arguments);
+    try
+    {
+        return {now, level, Assemble(place, level, text)};
+    }
+    catch (const std::bad_alloc&)
     {
         text.Cut();
-        record = Assemble(columns, level, text);
+        return {now, level, Assemble(place, level, text)};
     }
-    return record;
 }
 
-RecordPtr MakeOwnRecord(const Place& place, unsigned int level, const char* format, ...)
+Record MakeOwnRecord(const Place& place, unsigned int level, const char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    RecordPtr record = MakeRecord(place, level, format, arguments);
+    Record record = MakeRecord(place, level, format, arguments);
     va_end(arguments);
     return record;
 }
@@ -224,33 +212,19 @@ void ForgetThreadNumber()
     t_threadNumber = 0;
 }
 
-RecordList::RecordList(RecordList&& other) noexcept
-    : m_first(std::exchange(other.m_first, nullptr)), m_last(std::exchange(other.m_last, nullptr))
+void AppendEscaped(std::string_view text, Blanks blanks, std::string* out)
 {
-}
-
-RecordList::~RecordList()
-{
-    while (PopFront() != nullptr)
+    for (;;)
     {
+        const std::size_t plain = PlainLength(text, blanks);
+        out->append(text.substr(0, plain));
+        if (plain == text.size())
+        {
+            return;
+        }
+        AppendEscapedByte(text[plain], out);
+        text.remove_prefix(plain + 1);
     }
-}
-
-void RecordList::PushBack(RecordPtr record)
-{
-    record->next = nullptr;
-    (m_first == nullptr ? m_first : m_last->next) = record.get();
-    m_last = record.release();
-}
-
-RecordPtr RecordList::PopFront()
-{
-    RecordPtr record(m_first);
-    if (record != nullptr)
-    {
-        m_first = record->next;
-    }
-    return record;
 }
 
 }  // namespace corpdir_log

@@ -4,40 +4,19 @@
 
 #include <chrono>
 #include <cstdarg>
-#include <cstddef>
-#include <cstdlib>
-#include <memory>
+#include <string>
 #include <string_view>
 
 namespace corpdir_log
 {
-// The head of one block of memory; the text follows it. Everything of the line but the time stands
-// in the text, escaped, so that the record keeps no pointer of its writer's.
+// A line without its first column. The columns in the text are escaped, so that the record keeps no
+// pointer of its writer's.
 struct Record
 {
-    Record* next;  // in the list that holds the record
     std::chrono::system_clock::time_point time;
-    std::size_t size;  // of the text, in bytes
     unsigned int level;
-
-    std::string_view Text() const
-    {
-        return {reinterpret_cast<const char*>(this + 1), size};
-    }
-    std::size_t MemorySize() const
-    {
-        return sizeof(Record) + size;
-    }
+    std::string text;
 };
-
-struct RecordDeleter
-{
-    void operator()(Record* record) const
-    {
-        std::free(record);
-    }
-};
-using RecordPtr = std::unique_ptr<Record, RecordDeleter>;
 
 // Where a record was written in the source. Null texts count as empty.
 struct Place
@@ -48,39 +27,29 @@ struct Place
     unsigned int line;
 };
 
-// A record of this moment and thread. When memory is short the text is cut, and says so; null when
-// there is none at all. Any thread; nothing is locked.
-RecordPtr MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)
+// A record of this moment and thread. When memory is short the text is cut, and says so; throws
+// std::bad_alloc when there is no memory for that either. Any thread; nothing is locked.
+Record MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)
     __attribute__((format(printf, 3, 0)));
 
 // The same for the layer's own records.
-RecordPtr MakeOwnRecord(const Place& place, unsigned int level, const char* format, ...)
+Record MakeOwnRecord(const Place& place, unsigned int level, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 // To be called in the child of a fork, whose one thread has a new number.
 void ForgetThreadNumber();
 
-// Records in the order in which they came, owned. Not thread-safe.
-class RecordList
+enum class Blanks
 {
-public:
-    RecordList() = default;
-    RecordList(RecordList&& other) noexcept;
-    RecordList& operator=(RecordList&&) = delete;
-    ~RecordList();
-
-    void PushBack(RecordPtr record);
-    RecordPtr PopFront();  // null when empty
-
-    bool IsEmpty() const
-    {
-        return m_first == nullptr;
-    }
-
-private:
-    Record* m_first = nullptr;
-    Record* m_last = nullptr;
+    kKeep,   // in the text, the last column
+    kEscape  // in the columns before it, which a reader splits at blanks
 };
+
+// Appends the text as one line of valid UTF-8. A line feed becomes \n and a backslash \\; each byte
+// of a control character (the C1 set included), of a line or paragraph separator, of a character
+// that is invisible or changes the direction of what follows, and of anything that is not UTF-8
+// becomes \x and two hexadecimal digits. Different texts never give the same bytes.
+void AppendEscaped(std::string_view text, Blanks blanks, std::string* out);
 
 }  // namespace corpdir_log
 

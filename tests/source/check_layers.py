@@ -39,7 +39,6 @@ ALLOWED = {
 # The one folder in which a library's headers may stand.
 THIRD_PARTY = {
     "openssl/": {"platform/zep", "platform/travex_ftp"},
-    "fmt/": {"platform/corpdir_log"},
     "CLI/": {"tools/corpdir"},
     "toml++/": {"tools/corpdir"},
     "nlohmann/": {"tools/corpdir"},
