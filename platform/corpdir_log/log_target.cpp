@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,19 +25,10 @@ constexpr std::chrono::seconds kRetryInterval{1};
 // An empty one stays empty: it means standard error.
 std::string AbsoluteDirectory(const std::string& directory)
 {
-    if (directory.empty())
-    {
-        return {};
-    }
-    char resolved[PATH_MAX];
-    struct stat status = {};
-    if (realpath(directory.c_str(), resolved) == nullptr || stat(resolved, &status) != 0)
+    char resolved[PATH_MAX] = "";
+    if (!directory.empty() && realpath(directory.c_str(), resolved) == nullptr)
     {
         throw std::system_error(errno, std::generic_category(), directory);
-    }
-    if (!S_ISDIR(status.st_mode))
-    {
-        throw std::system_error(ENOTDIR, std::generic_category(), directory);
     }
     return resolved;
 }

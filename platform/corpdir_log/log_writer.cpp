@@ -236,26 +236,19 @@ void LogWriter::OpenTarget(const std::shared_ptr<Opening>& opening)
     if (target != nullptr)
     {
         m_target.swap(target);
-        m_level = static_cast<int>(opening->settings.level);
+        // A close that is asked for meanwhile has refused records already.
+        m_level = m_isCloseAsked ? kClosed : static_cast<int>(opening->settings.level);
     }
     m_opening.reset();
     m_answered.NotifyAll();
 }
 
-// Answers a close. True, in its last section under the mutex, when the thread is to end: the log is
-// closed, and there is no command.
+// Answers a close. True, in the thread's last section under the mutex, when it is to end: the log
+// is closed, and there is no command.
 bool LogWriter::FinishRound(bool isClosed)
 {
     const base::MutexLock lock(m_mutex);
-    if (isClosed)
-    {
-        // An opening may have come in between.
-        m_level = kClosed;
-        m_records.clear();
-        m_bytes = 0;
-        m_dropped = 0;
-        m_isCloseAsked = false;
-    }
+    m_isCloseAsked = m_isCloseAsked && !isClosed;
     m_hasThreadEnded = m_target == nullptr && !HasCommand();
     m_answered.NotifyAll();
     return m_hasThreadEnded;

@@ -20,8 +20,8 @@ namespace corpdir_log
 // Takes records from any thread and writes them on a thread of its own, which alone touches files
 // and lives while the log is open. At most kCapacity bytes of records wait, or one record that is
 // larger; records that come when the queue is full push out the oldest. Thread-safe: queue and
-// commands are under a mutex that is held for a few instructions, and the target is the log's
-// thread's.
+// commands are under a mutex that is never held while a file is touched, and only the log's thread
+// uses the target.
 class LogWriter
 {
 public:
@@ -70,8 +70,8 @@ private:
     // one command.
     struct Work
     {
-        std::uint64_t dropped;             // records that are missing before the batch
-        bool isClose;                      //
+        std::uint64_t dropped;  // records that are missing before the batch
+        bool isClose;
         std::shared_ptr<Opening> opening;  // null: none
     };
 
@@ -95,7 +95,7 @@ private:
     std::deque<Record> m_records CORPDIR_GUARDED_BY(m_mutex);
     std::size_t m_bytes CORPDIR_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_dropped CORPDIR_GUARDED_BY(m_mutex) = 0;
-    bool m_isUrgent CORPDIR_GUARDED_BY(m_mutex) = false;  // some of the records shall not wait
+    bool m_isUrgent CORPDIR_GUARDED_BY(m_mutex) = false;  // write the records now
     bool m_isCloseAsked CORPDIR_GUARDED_BY(m_mutex) = false;
     std::shared_ptr<Opening> m_opening CORPDIR_GUARDED_BY(m_mutex);  // null: none is asked for
     bool m_isClosedForEver CORPDIR_GUARDED_BY(m_mutex) = false;

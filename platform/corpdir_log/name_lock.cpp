@@ -15,8 +15,8 @@ namespace
 {
 constexpr unsigned int kNames = 100;  // processes with a short name in one directory
 
-// The descriptors that hold locks, for the fork handler; 0: none, which is never one of ours. Two:
-// while the log is opened elsewhere its old name and the new one are both taken.
+// The descriptors that hold locks, for the fork handler; 0: none, since no lock has that number.
+// Two: while the log is opened in another directory, its old and its new name are both taken.
 std::array<std::atomic<int>, 2> g_lockDescriptors;
 
 void Replace(int before, int after)
@@ -31,7 +31,7 @@ void Replace(int before, int after)
     }
 }
 
-// Another user could hold every lock in a file of its own.
+// In a file of another user, that user could hold every lock.
 bool IsOurs(const base::Descriptor& file)
 {
     struct stat status = {};
@@ -59,7 +59,7 @@ NameLock::~NameLock()
     }
 }
 
-// False when the file is not to be used, or all its names are taken.
+// False when the file cannot be used, or all its names are taken.
 bool NameLock::TakeNameIn(const std::string& directory, const std::string& lockName,
                           const std::string& prefix)
 {
@@ -78,8 +78,8 @@ bool NameLock::TakeNameIn(const std::string& directory, const std::string& lockN
     return false;
 }
 
-// A lock of the open file description: unlike one of the process it ends with this descriptor
-// alone, whatever else of the client opens and closes the file.
+// A lock of the open file description. A lock of the process would end as soon as any other
+// descriptor of the file is closed.
 bool NameLock::TakeNumber(unsigned int number) const
 {
     struct flock range = {};

@@ -10,16 +10,17 @@ namespace corpdir_log
 {
 // Several processes may log into one directory: the first one gets corpdir.log, the next ones
 // corpdir-2.log and so on. A name is taken by a lock on one byte of the file .corpdir.lock, which
-// stays in the directory when the lock goes. The log file itself could not carry the lock: rotation
-// renames it. Beside a lock file of another user, user UID has .corpdir-UID.lock of its own, and
-// the names corpdir-uUID.log, corpdir-uUID-2.log and so on. Where locks are not to be had at all (a
-// file system without them, or all names taken) the name is corpdir-pPID.log. One thread only.
+// stays in the directory when the lock is released. The log file itself cannot carry the lock,
+// since rotation renames it. If the lock file belongs to another user, user UID has
+// .corpdir-UID.lock, and the names corpdir-uUID.log, corpdir-uUID-2.log and so on. If nothing can
+// be locked (a file system without locks, or all names taken), the name is corpdir-pPID.log. One
+// thread only.
 class NameLock
 {
 public:
-    // Never fails; throws std::bad_alloc.
+    // Always finds a name. Throws std::bad_alloc.
     explicit NameLock(const std::string& directory);
-    ~NameLock();  // frees the name
+    ~NameLock();  // releases the name
     NameLock(const NameLock&) = delete;
     NameLock& operator=(const NameLock&) = delete;
 
@@ -28,7 +29,8 @@ public:
         return m_fileName;
     }
 
-    // False when the lock is worth nothing there: another directory, or a new one of that name.
+    // False when the lock does not hold in this directory: it is another one, or a new one of the
+    // same name.
     bool IsFor(const std::string& directory) const;
 
     // To be called in the child of a fork, which would keep the parent's name taken.

@@ -9,13 +9,14 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <new>
 
 namespace corpdir_log
 {
 namespace
 {
-constexpr std::size_t kStackText = 1024;  // longer texts are formatted on the heap
+constexpr std::size_t kStackText = 1024;  // longer texts are formatted again on the heap
 // No text can end like this: its own backslashes are escaped.
 constexpr std::string_view kCutMark = " \\[cut: memory ran out]";
 
@@ -51,87 +52,25 @@ void AppendNumber(unsigned int number, std::string* out)
     out->append(digits.data(), result.ptr);
 }
 
-// False when memory ran out.
-bool TryResize(std::string* text, std::size_t size)
-{
-    try
-    {
-        text->resize(size);
-        return true;
-    }
-    catch (const std::bad_alloc&)
-    {
-        return false;
-    }
-}
-
-// What printf makes of a format and its arguments.
-struct FormattedText
-{
-    std::array<char, kStackText> stack;  // the beginning in any case
-    std::string heap;
-    std::string_view text;  // in one of the two
-    bool isCut = false;
-
-    void Cut()
-    {
-        text = {stack.data(), std::min(text.size(), kStackText - 1)};
-        heap = {};
-        isCut = true;
-    }
-};
-
-void FormatOnHeap(FormattedText* out, std::size_t length, const char* format, va_list arguments)
-    __attribute__((format(printf, 3, 0)));
-
-void FormatOnHeap(FormattedText* out, std::size_t length, const char* format, va_list arguments)
-{
-    out->text = {out->stack.data(), kStackText - 1};
-    if (!TryResize(&out->heap, length))
-    {
-        out->isCut = true;
-        return;
-    }
-    // An argument may have grown or shrunk since it was measured.
-    const int written = vsnprintf(out->heap.data(), length + 1, format, arguments);
-    if (written >= 0)
-    {
-        out->text = {out->heap.data(), std::min(length, static_cast<std::size_t>(written))};
-    }
-}
-
-// Most texts fit the stack, and only longer ones are formatted a second time.
-void Format(FormattedText* out, const char* format, va_list arguments)
+// What printf makes of a format and its arguments. An argument may have grown or shrunk since the
+// text was measured.
+std::string FormatOnHeap(std::size_t length, const char* format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
 
-void Format(FormattedText* out, const char* format, va_list arguments)
+std::string FormatOnHeap(std::size_t length, const char* format, va_list arguments)
 {
-    va_list again;
-    va_copy(again, arguments);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it does not follow the callers'
-    const int length = vsnprintf(out->stack.data(), out->stack.size(), format, arguments);
-    if (length < 0)
-    {
-        // An invalid wide text, or more than 2 GiB: the format is better than nothing.
-        (void)snprintf(out->stack.data(), out->stack.size(), "Cannot be formatted: %s", format);
-        out->text = out->stack.data();
-    }
-    else if (static_cast<std::size_t>(length) < out->stack.size())
-    {
-        out->text = {out->stack.data(), static_cast<std::size_t>(length)};
-    }
-    else
-    {
-        FormatOnHeap(out, static_cast<std::size_t>(length), format, again);
-    }
-    va_end(again);
+    std::string text(length, '\0');
+    const int written = vsnprintf(text.data(), length + 1, format, arguments);
+    text.resize(std::min(length, static_cast<std::size_t>(std::max(written, 0))));
+    return text;
 }
 
-std::string Assemble(const Place& place, unsigned int level, const FormattedText& text)
+std::string Assemble(const Place& place, unsigned int level, std::string_view text,
+                     std::string_view mark)
 {
     constexpr std::size_t kOtherColumns = 96;  // a guess, for one allocation
     std::string line;
-    line.reserve(kOtherColumns + text.text.size());
+    line.reserve(kOtherColumns + text.size());
     line += LevelWord(level);
     line += ' ';
     AppendNumber(ThreadNumber(), &line);
@@ -144,8 +83,8 @@ std::string Assemble(const Place& place, unsigned int level, const FormattedText
     line += ':';
     AppendNumber(place.line, &line);
     line += ' ';
-    AppendEscaped(text.text, Blanks::kKeep, &line);
-    line += text.isCut ? kCutMark : std::string_view();
+    AppendEscaped(text, Blanks::kKeep, &line);
+    line += mark;
     return line;
 }
 
@@ -184,18 +123,40 @@ void AppendEscapedByte(char byte, std::string* out)
 
 Record MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)
 {
-    const auto now = std::chrono::system_clock::now();
-    FormattedText text;
-    Format(&text, format == nullptr ? "(null)" : format, arguments);
+    Record record{std::chrono::system_clock::now(), level, {}};
+    format = format == nullptr ? "(null)" : format;
+    char stack[kStackText];
+    va_list again;
+    va_copy(again, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it does not follow the callers'
+    const int length = vsnprintf(stack, sizeof stack, format, arguments);
+    auto size = static_cast<std::size_t>(std::max(length, 0));
+    if (length < 0)
+    {
+        // An invalid wide text, or more than 2 GiB: the format is better than nothing.
+        (void)snprintf(stack, sizeof stack, "Cannot be formatted: %s", format);
+        size = strlen(stack);
+    }
     try
     {
-        return {now, level, Assemble(place, level, text)};
+        std::string heap;
+        std::string_view text(stack, std::min(size, sizeof stack - 1));
+        if (size >= sizeof stack)
+        {
+            text = heap = FormatOnHeap(size, format, again);
+        }
+        record.text = Assemble(place, level, text, {});
     }
     catch (const std::bad_alloc&)
     {
-        text.Cut();
-        return {now, level, Assemble(place, level, text)};
+        // The text stays empty, which no record's is.
     }
+    va_end(again);
+    if (record.text.empty())
+    {
+        record.text = Assemble(place, level, stack, kCutMark);
+    }
+    return record;
 }
 
 Record MakeOwnRecord(const Place& place, unsigned int level, const char* format, ...)
