@@ -8,7 +8,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <sstream>
+#include <stdexcept>
+#include <thread>
 
 namespace log_test
 {
@@ -52,6 +56,23 @@ std::string AfterColumns(const std::string& line, int columns)
         start = blank + 1;
     }
     return line.substr(start);
+}
+
+std::vector<std::string> TextsIn(const std::string& path, int columns)
+{
+    std::vector<std::string> texts;
+    for (const std::string& line : SplitLines(support::ReadFile(path)))
+    {
+        texts.push_back(AfterColumns(line, columns));
+    }
+    return texts;
+}
+
+bool Contains(const std::string& path, const std::string& text)
+{
+    std::ifstream file(path, std::ios::binary);  // a rotation may rename it at any moment
+    const std::string content{std::istreambuf_iterator<char>(file), {}};
+    return content.find(text) != std::string::npos;
 }
 
 Child::Child(const std::function<void()>& body)
@@ -134,21 +155,22 @@ void StuckStandardError::Fill()
     fcntl(STDERR_FILENO, F_SETFL, flags);
 }
 
-std::string StuckStandardError::TakeText()
+std::string StuckStandardError::ReadDuring(const std::function<void()>& action)
 {
-    std::array<char, 65536> buffer;
-    const ssize_t size = read(m_read, buffer.data(), buffer.size());
-    return {buffer.data(), static_cast<std::size_t>(size < 0 ? 0 : size)};
-}
-
-std::string StuckStandardError::ReadToEnd()
-{
-    std::string all;
-    for (std::string part = TakeText(); !part.empty(); part = TakeText())
-    {
-        all += part;
-    }
-    return all;
+    std::string text;
+    std::thread reader(
+        [&]
+        {
+            std::array<char, 65536> buffer;
+            for (ssize_t size = 0; (size = read(m_read, buffer.data(), buffer.size())) > 0;)
+            {
+                text.append(buffer.data(), static_cast<std::size_t>(size));
+            }
+        });
+    action();
+    Restore();  // closes the pipe's last end for writing
+    reader.join();
+    return text;
 }
 
 void StuckStandardError::Restore()
@@ -161,26 +183,10 @@ void StuckStandardError::Restore()
     }
 }
 
-std::vector<std::string> LogTest::ClosedLines()
+std::vector<std::string> LogTest::ClosedTexts(int columns)
 {
     CorpDir_CloseLog();
-    std::vector<std::string> lines = SplitLines(support::ReadFile(File()));
-    for (std::string& line : lines)
-    {
-        line = AfterColumns(line, 3);
-    }
-    return lines;
-}
-
-std::vector<std::string> LogTest::ClosedTexts()
-{
-    CorpDir_CloseLog();
-    std::vector<std::string> lines = SplitLines(support::ReadFile(File()));
-    for (std::string& line : lines)
-    {
-        line = AfterColumns(line, 6);
-    }
-    return lines;
+    return TextsIn(File(), columns);
 }
 
 }  // namespace log_test

@@ -14,7 +14,7 @@
 
 namespace log_test
 {
-// Record with these settings; 0 asks for the default.
+// Settings of a log; 0 means the default.
 tag_CORPDIR_LOGINFO Info(const std::string& directory, unsigned int level = 2,
                          unsigned int maxSize = 0, unsigned int maxCount = 0);
 
@@ -22,10 +22,16 @@ unsigned int Open(tag_CORPDIR_LOGINFO info);
 
 std::vector<std::string> SplitLines(const std::string& text);
 
-// What follows the first `columns` blanks.
+// A line without its first columns.
 std::string AfterColumns(const std::string& line, int columns);
 
-// One record of the test's: module "mod", function "func", file "file.cpp", line 7.
+// The lines of a file without their first columns, by default the texts of the records.
+std::vector<std::string> TextsIn(const std::string& path, int columns = 6);
+
+// False also when the file is missing.
+bool Contains(const std::string& path, const std::string& text);
+
+// Writes a record with module "mod", function "func", file "file.cpp", line 7.
 template <typename... Arguments>
 void Write(unsigned int level, const char* format, Arguments... arguments)
 {
@@ -56,7 +62,7 @@ private:
     pid_t m_id;
 };
 
-// Standard error, caught in a file for a scope.
+// Redirects standard error to a file for a scope.
 class CaughtStandardError
 {
 public:
@@ -72,8 +78,8 @@ private:
     int m_saved;
 };
 
-// Standard error made a pipe that nobody reads until Release: the log's thread comes to a halt as
-// it would on a disk that does not answer.
+// Makes standard error a pipe that is not read, so that the log's thread stops as it would on a
+// disk that does not answer.
 class StuckStandardError
 {
 public:
@@ -82,17 +88,19 @@ public:
     StuckStandardError(const StuckStandardError&) = delete;
     StuckStandardError& operator=(const StuckStandardError&) = delete;
 
-    void Fill();              // with bytes of the test's own, to the last one
-    std::string TakeText();   // reads what is there
-    std::string ReadToEnd();  // after Restore
-    void Restore();
+    void Fill();  // with bytes of the test, until nothing more fits
+
+    // Reads the pipe while the action runs, then restores standard error; everything read.
+    std::string ReadDuring(const std::function<void()>& action);
 
 private:
+    void Restore();
+
     int m_read = -1;
     int m_saved = -1;
 };
 
-// A log in a directory of its own, closed at the end.
+// A directory for a log, which is closed at the end.
 class LogTest : public testing::Test
 {
 protected:
@@ -110,11 +118,8 @@ protected:
     {
         return m_directory.File(name);
     }
-    // Lines of the file without their first three columns (time, level, thread), the log closed.
-    std::vector<std::string> ClosedLines();
-
-    // The texts alone.
-    std::vector<std::string> ClosedTexts();
+    // Closes the log, then as TextsIn.
+    std::vector<std::string> ClosedTexts(int columns = 6);
 
 private:
     support::TemporaryDirectory m_directory;

@@ -1,4 +1,4 @@
-// What a record looks like.
+// The form of a record.
 #include "corpdir_log_fixture.h"
 
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ protected:
     {
         ASSERT_EQ(Open(Info(Directory())), 0U);
     }
-    // What becomes of one text.
+    // The text of a record as the log writes it.
     std::string Written(const std::string& text)
     {
         Write(0, "%s", text.c_str());
@@ -200,7 +200,7 @@ std::string Unescaped(const std::string& line)
 TEST_F(LogRecord, EscapingLosesNothing)
 {
     std::mt19937 random(1);  // NOLINT: the same texts in every run
-    // Bytes at which decisions change, drawn more often than chance would.
+    // Bytes on both sides of a decision, more often than others.
     const std::string edges =
         "\n\\nx0\x1f \x7f\x80\x8f\x90\x9f\xa0\xbf\xc0\xc2\xe0\xe2\xed\xf0\xf4";
     std::vector<std::string> texts;
@@ -227,7 +227,7 @@ TEST_F(LogRecord, EscapesTheOtherColumnsBlanksIncluded)
 {
     g_LogOne->WriteLog("a module", "operator bool", "my dir/f\n.cpp", 1, 0, "text");
     g_LogOne->WriteLog("gr\xC3\xBCn", "~x", "\xFF", 0, 0, "text");
-    EXPECT_THAT(ClosedLines(),
+    EXPECT_THAT(ClosedTexts(3),
                 ElementsAre("a\\x20module operator\\x20bool my\\x20dir/f\\n.cpp:1 text",
                             "gr\xC3\xBCn ~x \\xff:0 text"));
 }
@@ -236,7 +236,7 @@ TEST_F(LogRecord, EmptyAndNullColumnsKeepTheirPlace)
 {
     g_LogOne->WriteLog(nullptr, nullptr, nullptr, 0, 0, "null");
     g_LogOne->WriteLog("", "", "", 0, 0, "empty");
-    EXPECT_THAT(ClosedLines(), ElementsAre("- - -:0 null", "- - -:0 empty"));
+    EXPECT_THAT(ClosedTexts(3), ElementsAre("- - -:0 null", "- - -:0 empty"));
 }
 
 TEST_F(LogRecord, IsWrittenWholeAtAnyLength)
@@ -333,7 +333,7 @@ TEST_F(LogRecord, TraceLogsEntryAndExit)
     {
         const FunctionTrace trace(&g_LogOne, "module", "Other", "t.cpp", 13, nullptr, 0, nullptr);
     }
-    EXPECT_THAT(ClosedLines(),
+    EXPECT_THAT(ClosedTexts(3),
                 ElementsAre("module2 Traced t.cpp:12 Enter", "mod func file.cpp:7 within",
                             "module2 Traced t.cpp:12 Leave", "module Other t.cpp:13 Enter",
                             "module Other t.cpp:13 Leave"));
@@ -345,7 +345,7 @@ TEST_F(LogRecord, TraceHasLevelTwo)
     {
         const FunctionTrace trace(&g_LogOne, "m", "f", "t.cpp", 1, nullptr, 0, "m");
     }
-    EXPECT_THAT(ClosedLines(), ElementsAre());
+    EXPECT_THAT(ClosedTexts(3), ElementsAre());
 }
 
 TEST_F(LogRecord, TracePrintsWhenAsked)
@@ -355,20 +355,20 @@ TEST_F(LogRecord, TracePrintsWhenAsked)
         const FunctionTrace trace(&g_LogOne, "m", "f", "t.cpp", 1, Print, 0, "m");
     }
     EXPECT_THAT(g_printed, ElementsAre("Enter", "Leave"));
-    EXPECT_EQ(ClosedLines().size(), 2U);
+    EXPECT_EQ(ClosedTexts(3).size(), 2U);
 }
 
-TEST_F(LogRecord, TraceIsSilencedByTheLogModeItWasGiven)
+TEST_F(LogRecord, TraceIsSilencedByItsLogMode)
 {
     g_printed.clear();
     {
         const FunctionTrace trace(&g_LogOne, "m", "f", "t.cpp", 1, Print, 1, "m");
     }
     EXPECT_THAT(g_printed, ElementsAre());
-    EXPECT_THAT(ClosedLines(), ElementsAre());
+    EXPECT_THAT(ClosedTexts(3), ElementsAre());
 }
 
-TEST_F(LogRecord, TraceFollowsThePointerAtEachEnd)
+TEST_F(LogRecord, TraceReadsThePointerAtEachEnd)
 {
     CCorpDirLog* log = nullptr;
     {
@@ -382,7 +382,7 @@ TEST_F(LogRecord, TraceFollowsThePointerAtEachEnd)
     {
         const FunctionTrace trace(nullptr, "m", "None", "t.cpp", 3, nullptr, 0, "m");
     }
-    EXPECT_THAT(ClosedLines(), ElementsAre("m Start t.cpp:1 Leave", "m Stop t.cpp:2 Enter"));
+    EXPECT_THAT(ClosedTexts(3), ElementsAre("m Start t.cpp:1 Leave", "m Stop t.cpp:2 Enter"));
 }
 
 TEST_F(LogRecord, TraceAcrossTheClosingWritesItsEntryOnly)
@@ -391,7 +391,7 @@ TEST_F(LogRecord, TraceAcrossTheClosingWritesItsEntryOnly)
         const FunctionTrace trace(&g_LogOne, "m", "f", "t.cpp", 1, nullptr, 0, "m");
         CorpDir_CloseLog();
     }
-    EXPECT_THAT(ClosedLines(), ElementsAre("m f t.cpp:1 Enter"));
+    EXPECT_THAT(ClosedTexts(3), ElementsAre("m f t.cpp:1 Enter"));
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ bool IsLock(int descriptor)
 
 }  // namespace
 
-// In the place of the C library's.
+// Replacements of the C library's functions.
 extern "C" int fchmod(int descriptor, mode_t mode) noexcept
 {
     g_chmodStall.Pass();
@@ -77,13 +77,12 @@ using log_test::SplitLines;
 using log_test::StuckStandardError;
 using log_test::Write;
 
-// What arrived, as the reader of a log would count it.
+// The records that arrived, as the reader of a log would count them.
 struct Arrived
 {
     std::size_t records = 0;
-    std::size_t missing = 0;  // by the log's own notices
+    std::size_t missing = 0;  // as the log's notices say
     bool isInOrder = true;    // within each thread
-    bool isWhole = true;      // every line is a record
     std::string last;
 };
 
@@ -115,8 +114,7 @@ Arrived CountArrived(const std::string& text)
         }
         else
         {
-            arrived.isWhole = false;
-            ADD_FAILURE() << "no record: " << line;
+            ADD_FAILURE() << "not a record: " << line;
         }
     }
     return arrived;
@@ -170,14 +168,10 @@ TEST_F(LogThreads, AFullQueueDropsTheOldestAndSaysHowMany)
 {
     StuckStandardError stuck;
     ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
-    // Some 20 MB: more than pipe and queue hold. Nobody reads, and no write waits for a reader.
+    // Some 20 MB: more than pipe and queue hold. The pipe is not read, and no write waits for it.
     constexpr int kRecords = 150000;
     RunThreads(1, kRecords);
-    std::string text;
-    std::thread reader([&] { text = stuck.ReadToEnd(); });
-    CorpDir_CloseLog();
-    stuck.Restore();
-    reader.join();
+    const std::string text = stuck.ReadDuring(CorpDir_CloseLog);
     const Arrived arrived = CountArrived(text);
     EXPECT_TRUE(arrived.isInOrder);
     EXPECT_GT(arrived.missing, 0U);
@@ -185,18 +179,14 @@ TEST_F(LogThreads, AFullQueueDropsTheOldestAndSaysHowMany)
     EXPECT_EQ(arrived.last, "0 " + std::to_string(kRecords - 1));
 }
 
-// The client may have made it so; it is then full most of the time.
+// As the client may have set it; it is then full most of the time.
 TEST_F(LogThreads, AStandardErrorThatDoesNotBlockStillGetsWholeRecords)
 {
     StuckStandardError stuck;
     fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);
     ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
     RunThreads(1, 5000);
-    std::string text;
-    std::thread reader([&] { text = stuck.ReadToEnd(); });
-    CorpDir_CloseLog();
-    stuck.Restore();
-    reader.join();
+    const std::string text = stuck.ReadDuring(CorpDir_CloseLog);
     EXPECT_EQ(CountArrived(text).records, 5000U);
 }
 
@@ -206,7 +196,7 @@ TEST_F(LogThreads, ClosingAndOpeningGiveUpOnADiskThatDoesNotAnswer)
     StuckStandardError stuck;
     stuck.Fill();
     ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
-    Write(0, "nobody reads");
+    Write(0, "not read yet");
     auto begin = steady_clock::now();
     CorpDir_CloseLog();
     EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(8));
@@ -216,14 +206,14 @@ TEST_F(LogThreads, ClosingAndOpeningGiveUpOnADiskThatDoesNotAnswer)
     EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
     EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(8));
 
-    std::string text;
-    std::thread reader([&] { text = stuck.ReadToEnd(); });
-    EXPECT_EQ(Open(Info(Directory())), 0U);  // the disk answers again
-    Write(0, "back");
-    EXPECT_THAT(ClosedTexts(), testing::ElementsAre("back"));
-    stuck.Restore();
-    reader.join();
-    EXPECT_THAT(text, testing::HasSubstr(" nobody reads\n"));
+    const std::string text = stuck.ReadDuring(
+        [this]
+        {
+            EXPECT_EQ(Open(Info(Directory())), 0U);  // the disk answers again
+            Write(0, "back");
+            EXPECT_THAT(ClosedTexts(), testing::ElementsAre("back"));
+        });
+    EXPECT_THAT(text, testing::HasSubstr(" not read yet\n"));
     EXPECT_THAT(text, testing::Not(testing::HasSubstr("dropped")));
 }
 
@@ -232,24 +222,20 @@ TEST_F(LogThreads, AnAbandonedOpeningChangesNothingLater)
     StuckStandardError stuck;
     stuck.Fill();
     ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
-    Write(0, "nobody reads");
+    Write(0, "not read yet");
     EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
     Write(0, "still the old log");
-    std::string text;
-    std::thread reader([&] { text = stuck.ReadToEnd(); });
-    CorpDir_CloseLog();
-    stuck.Restore();
-    reader.join();
+    const std::string text = stuck.ReadDuring(CorpDir_CloseLog);
     EXPECT_THAT(text, testing::HasSubstr(" still the old log\n"));
     EXPECT_FALSE(support::FileExists(File()) && !support::ReadFile(File()).empty());
 }
 
-// Its file is closed by the log's thread before anybody waits for that thread to end.
-TEST_F(LogThreads, AnAbandonedOpeningWhoseFileClosesSlowlyHoldsNobodyUp)
+// The log's thread closes the file before a caller waits for that thread to end.
+TEST_F(LogThreads, AnAbandonedOpeningWhoseFileClosesSlowlyDelaysNoCaller)
 {
     using std::chrono::steady_clock;
     support::WriteFile(File(), "");
-    chmod(File().c_str(), 0644);  // is made private by the opening
+    chmod(File().c_str(), 0644);  // the opening makes it private
     g_chmodStall.isOn = true;
     EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
     g_lockCloseStall.isOn = true;
@@ -270,7 +256,7 @@ TEST_F(LogThreads, AnAbandonedOpeningWhoseFileClosesSlowlyHoldsNobodyUp)
     EXPECT_THAT(ClosedTexts(), testing::ElementsAre("back"));
 }
 
-// The notice about what the queue dropped comes to a file that cannot be written.
+// The notice about dropped records comes to a file that cannot be written.
 TEST_F(LogThreads, WhatTheQueueDropsDuringAnOutageIsCountedWithIt)
 {
     const log_test::CaughtStandardError caught;
@@ -284,7 +270,7 @@ TEST_F(LogThreads, WhatTheQueueDropsDuringAnOutageIsCountedWithIt)
     const bool isStalled = support::WaitUntil(
         []
         {
-            Write(2, "the queue's reader looks for its file");
+            Write(2, "until the log looks for its file");
             return g_lockCloseStall.isHit.load();
         });
     EXPECT_TRUE(isStalled);
@@ -349,21 +335,18 @@ TEST_F(LogThreads, OpeningAndClosingWhileOthersWrite)
         threads[static_cast<std::size_t>(writer)].join();
     }
     CorpDir_CloseLog();
-    const std::regex trace(".* func file\\.cpp:7 (Enter|Leave)");
+    const std::regex trace("\n[^\n]* func file\\.cpp:7 (Enter|Leave)(?=\n)");
     for (const std::string& path : {File(), other.File("corpdir.log")})
     {
-        std::string records;
-        for (const std::string& line : SplitLines(support::ReadFile(path)))
-        {
-            records += std::regex_match(line, trace) ? "" : line + '\n';
-        }
+        const std::string records =
+            std::regex_replace('\n' + support::ReadFile(path), trace, "").substr(1);
         EXPECT_TRUE(CountArrived(records).isInOrder);
     }
     EXPECT_EQ(support::FilesIn(Directory()).size(), 2U);  // the log and the lock, no second name
     EXPECT_EQ(support::FilesIn(other.Path()).size(), 2U);
 }
 
-// Those of the log: a sanitizer may have some of its own.
+// The threads of the log: a sanitizer may have others.
 std::size_t LogsThreads()
 {
     std::size_t count = 0;
