@@ -193,13 +193,12 @@ void LogTarget::WriteLine(const Record& record, std::uint64_t count)
 
 void LogTarget::Flush() noexcept
 {
-    if (m_file == nullptr)
-    {
-        return;
-    }
     try
     {
-        m_file->Flush();
+        if (m_file != nullptr)
+        {
+            m_file->Flush();
+        }
         m_unflushed = 0;
     }
     catch (const std::exception& error)
