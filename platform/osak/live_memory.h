@@ -1,4 +1,4 @@
-// What is in use of the layer's memory: for tests.
+// Counts the layer's memory in use; for tests.
 #ifndef OSAK_LIVE_MEMORY_H
 #define OSAK_LIVE_MEMORY_H
 

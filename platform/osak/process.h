@@ -1,4 +1,4 @@
-// What the layer does at exit and in the child of a fork.
+// The layer's handlers for the exit and for the child of a fork.
 #ifndef OSAK_PROCESS_H
 #define OSAK_PROCESS_H
 

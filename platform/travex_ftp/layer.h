@@ -24,7 +24,7 @@ public:
     // The process is a fork of one that had the layer's threads; asked before anything else.
     static bool Forked();
 
-    // What TRAVEX_FTP_Init and TRAVEX_FTP_UnInit do. Init() is false when the process is ending,
+    // TRAVEX_FTP_Init and TRAVEX_FTP_UnInit. Init() is false when the process is ending,
     // and throws when resources run out.
     static bool Init();
     static void Uninit();

@@ -1,5 +1,5 @@
 // The end of a process that stopped nothing, and the child of a fork. Each case runs in a process
-// of its own, whose exit status and output tell what happened.
+// of its own, whose exit status and output are checked.
 #include "captured_log.h"
 #include "osak.h"
 #include "osak/live_memory.h"

@@ -21,7 +21,7 @@
 
 namespace
 {
-// What the entries, which take no argument, and the tests tell each other.
+// Shared by the tests and the entries, which take no argument.
 std::atomic<OSAK_THREAD> g_handle{nullptr};
 std::atomic<bool> g_go{false};
 std::atomic<unsigned int> g_code{0};
@@ -42,7 +42,7 @@ unsigned int ReturnAtOnce()
     return 0xFFFFFFFEU;
 }
 
-unsigned int ReturnWhenToldTo()
+unsigned int ReturnWhenReleased()
 {
     AwaitGo();
     return 5;
@@ -282,7 +282,7 @@ TEST_F(OsakThread, OfTwoThreadsThatJoinItOneWaitsAndTheOtherGetsACode)
     for (int i = 0; i < 100; ++i)
     {
         g_go = false;
-        const OSAK_THREAD thread = Start(ReturnWhenToldTo);
+        const OSAK_THREAD thread = Start(ReturnWhenReleased);
         auto join = [thread] { return OSAK_PthreadJoin(thread, nullptr); };
         auto first = std::async(std::launch::async, join);
         auto second = std::async(std::launch::async, join);
@@ -342,7 +342,7 @@ TEST_F(OsakThread, ManyRunAtOnce)
     threads.reserve(100);
     for (int i = 0; i < 100; ++i)
     {
-        threads.push_back(Start(ReturnWhenToldTo));
+        threads.push_back(Start(ReturnWhenReleased));
     }
     g_go = true;
     for (const OSAK_THREAD thread : threads)

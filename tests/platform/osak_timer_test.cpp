@@ -25,7 +25,7 @@ constexpr unsigned int kRepeats = 0;
 constexpr unsigned int kOnce = 1;
 constexpr unsigned int kLong = 600000;
 
-// What the callbacks of one test saw, and what they wait for.
+// The observations of one test's callbacks, and the condition that they wait for.
 class Seen
 {
 public:

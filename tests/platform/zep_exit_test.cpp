@@ -21,7 +21,7 @@ extern "C" const char* __tsan_default_options()
 
 namespace
 {
-// What the child's status means; a crash is a signal.
+// The child's exit status; 128 and the signal after a crash.
 int StatusOfChild(const std::function<void()>& body)
 {
     const pid_t child = fork();
@@ -113,7 +113,7 @@ TEST(ZepExit, ThreadsThatNobodyStopsDoNotCrashTheEnd)
         ASSERT_EQ(StatusOfChild(
                       []
                       {
-                          // Never joined and never destroyed: the process ends beneath them.
+                          // Never joined and never destroyed: the process ends while they run.
                           static std::vector<std::thread>& s_threads =
                               *new std::vector<std::thread>;
                           static std::atomic<int> s_running{0};
