@@ -262,7 +262,7 @@ void LogTarget::WriteLossNotice()
     m_unchecked += std::exchange(m_lost, 0);
 }
 
-// What was written since the last flush may or may not have reached the file. A file that is
+// Records since the last flush may or may not have reached the file. A file that is
 // removed takes all of it along.
 void LogTarget::BeginOutage(const char* reason) noexcept
 {

@@ -16,7 +16,7 @@
 
 namespace corpdir_log
 {
-// What a client asked for, defaults filled in.
+// The settings that a client asked for, defaults filled in.
 struct LogSettings
 {
     std::string directory;  // empty: standard error

@@ -66,8 +66,8 @@ private:
         int error = ESHUTDOWN;  // unless the log's thread gets to it
     };
 
-    // What the log's thread does next: it writes what it took from the queue, and executes at most
-    // one command.
+    // The next work of the log's thread: it writes what it took from the queue, and executes at
+    // most one command.
     struct Work
     {
         std::uint64_t dropped;  // records that are missing before the batch

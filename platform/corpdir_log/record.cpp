@@ -52,8 +52,8 @@ void AppendNumber(unsigned int number, std::string* out)
     out->append(digits.data(), result.ptr);
 }
 
-// What printf makes of a format and its arguments. An argument may have grown or shrunk since the
-// text was measured.
+// The text that printf makes of a format and its arguments. An argument may have grown or shrunk
+// since the text was measured.
 std::string FormatOnHeap(std::size_t length, const char* format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
 

@@ -1,4 +1,4 @@
-// What the tests of the log share.
+// The fixture of the tests of the log.
 #ifndef CORPDIR_TESTS_CORPDIR_LOG_FIXTURE_H
 #define CORPDIR_TESTS_CORPDIR_LOG_FIXTURE_H
 
