@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <functional>
 #include <numeric>
 #include <thread>
 
@@ -157,28 +158,39 @@ TEST_F(TaskListTest, TwoTakersGetTheTasksOfFourProducersOnceAndInOrder)
 TEST_F(TaskListTest, EachOperationMayRunBesideAppendsAndClears)
 {
     std::atomic<bool> bEnd{false};
+    std::atomic<unsigned int> ulRounds{0};
     std::thread producer(
         [&]
         {
-            for (unsigned int i = 0; i < TASKS_EACH; ++i)
+            while (!bEnd)
             {
-                list.push_back(Task(7));
-                if (i % 10 == 9)
+                for (int i = 0; i < 10; ++i)
                 {
-                    list.clear();
+                    list.push_back(Task(7));
                 }
+                list.clear();
+                ulRounds.fetch_add(1, std::memory_order_relaxed);
             }
-            bEnd = true;
         });
-    while (!bEnd)
+    const std::function<void()> aOperations[] = {
+        [&] { EXPECT_LE(list.size(), 10U); }, [&] { (void)list.empty(); },
+        [&] { EXPECT_THAT(list.front(), testing::AnyOf(Task(0), Task(7))); },
+        [&]
+        {
+            CThreadProList::value_type eTask = Task(7);
+            (void)list.take_front(eTask);
+            EXPECT_EQ(eTask, Task(7));
+        }};
+    // One after the other, and counted without order: a lock or a barrier would hide the race.
+    for (const std::function<void()>& Operation : aOperations)
     {
-        EXPECT_LE(list.size(), 10U);
-        EXPECT_THAT(list.front(), testing::AnyOf(Task(0), Task(7)));
-        (void)list.empty();
-        CThreadProList::value_type eTask = Task(7);
-        (void)list.take_front(eTask);
-        EXPECT_EQ(eTask, Task(7));
+        const unsigned int ulEnd = ulRounds.load(std::memory_order_relaxed) + 1000;
+        while (ulRounds.load(std::memory_order_relaxed) < ulEnd)
+        {
+            Operation();
+        }
     }
+    bEnd = true;
     producer.join();
     EXPECT_TRUE(list.empty());
 }
