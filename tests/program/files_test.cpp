@@ -4,14 +4,13 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "commands/output_files.h"
 #include "commands/version_file.h"
-#include "os/muted_stderr.h"
+#include "os/output_files.h"
 #include "os/password.h"
 #include "parts_support.h"
+#include "text.h"
 #include "travex_ftp.h"
 #include "ui/report.h"
-#include "ui/text.h"
 
 namespace corpdir_tool
 {
@@ -101,76 +100,76 @@ TEST(ToolPassword, OtherControlBytesAreRefused)
 {
     for (const char* text : {"secret\n\n", "sec\nret", "secret\r", "sec\tret", "secret\x7f"})
     {
-        const Thrown thrown = FailureOf([text] { PasswordFrom(text); });
-        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+        const Thrown thrown = ExitErrorOf([text] { PasswordFrom(text); });
+        EXPECT_EQ(thrown.status, kExitArguments);
         EXPECT_THAT(thrown.message, HasSubstr("contains a control byte"));
     }
-    EXPECT_THAT(FailureOf([] { PasswordFrom(std::string("a\0b", 3)); }).message,
+    EXPECT_THAT(ExitErrorOf([] { PasswordFrom(std::string("a\0b", 3)); }).message,
                 HasSubstr("contains a control byte"));
 }
 
 TEST(ToolPassword, ItIsNotEmpty)
 {
-    EXPECT_THAT(FailureOf([] { PasswordFrom(""); }).message, HasSubstr("is empty"));
-    EXPECT_THAT(FailureOf([] { PasswordFrom("\n"); }).message, HasSubstr("is empty"));
-    EXPECT_EQ(FailureOf([] { PasswordFrom("\r\n"); }).status, EXIT_ARGUMENTS);
+    EXPECT_THAT(ExitErrorOf([] { PasswordFrom(""); }).message, HasSubstr("is empty"));
+    EXPECT_THAT(ExitErrorOf([] { PasswordFrom("\n"); }).message, HasSubstr("is empty"));
+    EXPECT_EQ(ExitErrorOf([] { PasswordFrom("\r\n"); }).status, kExitArguments);
 }
 
 TEST(ToolPassword, ItHasAtMost127Bytes)
 {
     const std::string longest(127, 'p');
     EXPECT_EQ(PasswordFrom(longest + "\n"), longest);
-    EXPECT_THAT(FailureOf([&longest] { PasswordFrom(longest + "p"); }).message,
+    EXPECT_THAT(ExitErrorOf([&longest] { PasswordFrom(longest + "p"); }).message,
                 HasSubstr("is 128 bytes long; at most 127 are allowed"));
-    EXPECT_THAT(FailureOf([] { PasswordFrom(std::string(5000, 'p')); }).message,
+    EXPECT_THAT(ExitErrorOf([] { PasswordFrom(std::string(5000, 'p')); }).message,
                 HasSubstr("is over 4096 bytes long; at most 127 are allowed"));
 }
 
 TEST(ToolPassword, TheMessageNeverHoldsIt)
 {
-    const Thrown thrown = FailureOf([] { PasswordFrom("hunter2\n\n"); });
+    const Thrown thrown = ExitErrorOf([] { PasswordFrom("hunter2\n\n"); });
     EXPECT_THAT(thrown.message, testing::Not(HasSubstr("hunter2")));
 }
 
 TEST(ToolPassword, AFileThatCannotBeReadIsNamed)
 {
     Secret password;
-    const Thrown thrown = FailureOf([&password] { ReadPassword("/nonexistent/p", password); });
-    EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+    const Thrown thrown = ExitErrorOf([&password] { ReadPassword("/nonexistent/p", password); });
+    EXPECT_EQ(thrown.status, kExitArguments);
     EXPECT_EQ(thrown.message,
               "cannot read the password from '/nonexistent/p': No such file or directory");
-    EXPECT_THAT(FailureOf([&password] { ReadPassword("/tmp", password); }).message,
+    EXPECT_THAT(ExitErrorOf([&password] { ReadPassword("/tmp", password); }).message,
                 HasSubstr("Is a directory"));
 }
 
 TEST(ToolPassword, TheVariableIsTakenAndRemoved)
 {
-    ASSERT_EQ(setenv(PASSWORD_VARIABLE, "from the variable", 1), 0);
-    const char* const bytes = getenv(PASSWORD_VARIABLE);
+    ASSERT_EQ(setenv(kPasswordVariable, "from the variable", 1), 0);
+    const char* const bytes = getenv(kPasswordVariable);
     Secret password;
     ReadPassword("", password);
     EXPECT_EQ(password.View(), "from the variable");
-    EXPECT_EQ(getenv(PASSWORD_VARIABLE), nullptr);
+    EXPECT_EQ(getenv(kPasswordVariable), nullptr);
     EXPECT_EQ(*bytes, '\0') << "the variable's bytes are still readable in /proc";
 }
 
 TEST(ToolPassword, AVariableMustFit)
 {
-    ASSERT_EQ(setenv(PASSWORD_VARIABLE, std::string(5000, 'p').c_str(), 1), 0);
+    ASSERT_EQ(setenv(kPasswordVariable, std::string(5000, 'p').c_str(), 1), 0);
     Secret password;
-    EXPECT_THAT(FailureOf([&password] { ReadPassword("", password); }).message,
+    EXPECT_THAT(ExitErrorOf([&password] { ReadPassword("", password); }).message,
                 HasSubstr("CORPDIR_PASSWORD is 5000 bytes long; at most 127 are allowed"));
-    ASSERT_EQ(setenv(PASSWORD_VARIABLE, "", 1), 0);
+    ASSERT_EQ(setenv(kPasswordVariable, "", 1), 0);
     password.Wipe();
-    EXPECT_EQ(FailureOf([&password] { ReadPassword("", password); }).message,
+    EXPECT_EQ(ExitErrorOf([&password] { ReadPassword("", password); }).message,
               "the password from CORPDIR_PASSWORD is empty; unset it, or give --password-file");
 }
 
 TEST(ToolPassword, TheFileGoesBeforeTheVariable)
 {
-    ASSERT_EQ(setenv(PASSWORD_VARIABLE, "variable", 1), 0);
+    ASSERT_EQ(setenv(kPasswordVariable, "variable", 1), 0);
     EXPECT_EQ(PasswordFrom("file"), "file");
-    ASSERT_EQ(unsetenv(PASSWORD_VARIABLE), 0);
+    ASSERT_EQ(unsetenv(kPasswordVariable), 0);
 }
 
 // Standard input replaced by a file for the lifetime.
@@ -203,7 +202,7 @@ TEST(ToolPassword, ADashIsStandardInput)
     ReadPassword("-", password);
     EXPECT_EQ(password.View(), "from a pipe");
     password.Wipe();
-    EXPECT_EQ(FailureOf([&password] { ReadPassword("-", password); }).message,
+    EXPECT_EQ(ExitErrorOf([&password] { ReadPassword("-", password); }).message,
               "the password from standard input is empty");
 }
 
@@ -319,31 +318,6 @@ TEST(ToolAmount, StaysWithinItsBounds)
     EXPECT_EQ(Amount(300, 200), "300 of 200 bytes (100%)");
     EXPECT_EQ(Amount(1ULL << 62, 1ULL << 63),
               "4611686018427387904 of 9223372036854775808 bytes (50%)");
-}
-
-TEST(ToolMutedStandardError, DropsTheLogAndKeepsTheMessages)
-{
-    const TemporaryDirectory directory;
-    const std::string path = directory.Write("stderr", "");
-    const int saved = dup(STDERR_FILENO);
-    const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_APPEND);
-    (void)dup2(file, STDERR_FILENO);
-    {
-        const MutedStandardError muted(true);
-        (void)!write(STDERR_FILENO, "log\n", 4);
-        (void)std::fputs("message\n", muted.Messages());
-    }
-    (void)!write(STDERR_FILENO, "after\n", 6);
-    {
-        const MutedStandardError heard(false);
-        (void)!write(STDERR_FILENO, "log\n", 4);
-        EXPECT_EQ(heard.Messages(), stderr);
-    }
-    (void)dup2(saved, STDERR_FILENO);
-    (void)close(saved);
-    (void)close(file);
-    std::ifstream text(path);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(text), {}), "message\nafter\nlog\n");
 }
 
 }  // namespace

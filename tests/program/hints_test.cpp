@@ -1,4 +1,5 @@
 // What the program advises after each kind of failure.
+#include "travex_ftp.h"
 #include "ui/hints.h"
 
 #include <gmock/gmock.h>
@@ -139,14 +140,14 @@ TEST(ToolHints, OptionsOfTheCallChangeTheAdvice)
     EXPECT_EQ(HintFor({TRAVEX_FTP_ERR_LOGIN, TRAVEX_FTP_STEP_LOGIN, 530, 0, "", kReason}, plan),
               "the server may refuse logins without TLS: leave out --plain; else check --user and "
               "the password");
-    const Trouble silent = {TRAVEX_FTP_ERR_TIMEOUT, TRAVEX_FTP_STEP_GREETING, 0, 0, "", kReason};
+    const Failure silent = {TRAVEX_FTP_ERR_TIMEOUT, TRAVEX_FTP_STEP_GREETING, 0, 0, "", kReason};
     EXPECT_THAT(HintFor(silent, plan), Not(HasSubstr("990")));
     plan.plain = false;
     plan.port = 990;
     EXPECT_THAT(HintFor(silent, plan), Not(HasSubstr("990")));
     EXPECT_EQ(HintFor({TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0, "", kReason}, plan),
               "is the server up, and is --port 990 the right one?");
-    const Trouble directory = {
+    const Failure directory = {
         TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 550, 0, "other", kReason};
     EXPECT_THAT(HintFor(directory, plan), HasSubstr("check --directory-file;"));
 }

@@ -63,7 +63,7 @@ TEST(ToolMemory, AnObservationThatDoesNotFitIsToldAsSuch)
         complete = t_countdown >= 0;
         t_countdown = -1;
         const Event event = events.WaitUntil({});
-        EXPECT_EQ(event.kind, complete ? EventKind::FAILED : EventKind::OUT_OF_MEMORY);
+        EXPECT_EQ(event.kind, complete ? EventKind::kFailed : EventKind::kOutOfMemory);
         EXPECT_EQ(event.reason, complete ? reason : "");
     }
     EXPECT_GT(failures, 3) << "each text and the queue's place can fail";

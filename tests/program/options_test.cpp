@@ -6,6 +6,7 @@
 
 #include "cli/options.h"
 #include "parts_support.h"
+#include "ui/cipher_table.h"
 
 namespace corpdir_tool
 {
@@ -35,12 +36,12 @@ protected:
 
     std::string Message() const
     {
-        return FailureOf([this] { MadePlan(); }).message;
+        return ExitErrorOf([this] { MadePlan(); }).message;
     }
 
     int Status() const
     {
-        return FailureOf([this] { MadePlan(); }).status;
+        return ExitErrorOf([this] { MadePlan(); }).status;
     }
 
     TemporaryDirectory m_directory;
@@ -106,7 +107,7 @@ TEST_F(ToolOptions, TheTwoFilesDiffer)
     EXPECT_THAT(Message(), HasSubstr("both files would be stored as 'version.txt'"));
     m_options.directoryFile = m_options.versionFile;
     EXPECT_THAT(Message(), HasSubstr("are the same file '/pub/version.txt'"));
-    EXPECT_EQ(Status(), EXIT_ARGUMENTS);
+    EXPECT_EQ(Status(), kExitArguments);
 }
 
 struct Limit
@@ -129,11 +130,11 @@ TEST_F(ToolOptions, TextsFitTheirFields)
     {
         Options options = m_options;
         options.*limit.member = std::string(limit.limit, 'x');
-        EXPECT_EQ(FailureOf([&options] { MakePlan(options, SomeCiphers); }).status, -1)
+        EXPECT_EQ(ExitErrorOf([&options] { MakePlan(options, SomeCiphers); }).status, -1)
             << limit.option;
         options.*limit.member += 'x';
-        const Thrown thrown = FailureOf([&options] { MakePlan(options, SomeCiphers); });
-        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+        const Thrown thrown = ExitErrorOf([&options] { MakePlan(options, SomeCiphers); });
+        EXPECT_EQ(thrown.status, kExitArguments);
         EXPECT_EQ(thrown.message, std::string(limit.option) + " is " +
                                       std::to_string(limit.limit + 1) + " bytes long; at most " +
                                       std::to_string(limit.limit) + " are allowed");
@@ -155,8 +156,8 @@ TEST_F(ToolOptions, TextsHaveNoControlBytes)
         {
             Options options = m_options;
             options.*text.member = std::string("a") + byte + "b";
-            const Thrown thrown = FailureOf([&options] { MakePlan(options, SomeCiphers); });
-            EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+            const Thrown thrown = ExitErrorOf([&options] { MakePlan(options, SomeCiphers); });
+            EXPECT_EQ(thrown.status, kExitArguments);
             EXPECT_THAT(thrown.message,
                         HasSubstr(std::string(text.option) + " contains a control byte"));
         }
@@ -177,8 +178,8 @@ TEST_F(ToolOptions, RequiredTextsAreNotEmpty)
     {
         Options options = m_options;
         (options.*text.member).clear();
-        const Thrown thrown = FailureOf([&options] { MakePlan(options, SomeCiphers); });
-        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+        const Thrown thrown = ExitErrorOf([&options] { MakePlan(options, SomeCiphers); });
+        EXPECT_EQ(thrown.status, kExitArguments);
         EXPECT_EQ(thrown.message, std::string(text.option) + " is empty");
     }
 }
@@ -195,13 +196,13 @@ TEST_F(ToolOptions, TheOutputDirectoryIsMeasuredWithItsSlash)
     m_options.outputDir = path + "d";
     EXPECT_EQ(Message(),
               "--output-dir with its closing '/' is 128 bytes long; at most 127 are allowed");
-    EXPECT_EQ(Status(), EXIT_ARGUMENTS);
+    EXPECT_EQ(Status(), kExitArguments);
 }
 
 TEST_F(ToolOptions, TheOutputDirectoryMustExist)
 {
     m_options.outputDir = m_directory.Path() + "/none";
-    EXPECT_EQ(Status(), EXIT_LOCAL_FILE);
+    EXPECT_EQ(Status(), kExitLocalFile);
     EXPECT_EQ(Message(), "--output-dir '" + m_directory.Path() +
                              "/none/': No such file or directory; make it first");
 }
@@ -209,23 +210,23 @@ TEST_F(ToolOptions, TheOutputDirectoryMustExist)
 TEST_F(ToolOptions, TheOutputDirectoryMustBeADirectory)
 {
     m_options.outputDir = m_directory.Write("file", "");
-    EXPECT_EQ(Status(), EXIT_LOCAL_FILE);
+    EXPECT_EQ(Status(), kExitLocalFile);
 }
 
 TEST_F(ToolOptions, TheTargetsMustNotBeDirectories)
 {
     std::filesystem::create_directory(m_directory.Path() + "/directory.csv");
-    EXPECT_EQ(Status(), EXIT_LOCAL_FILE);
+    EXPECT_EQ(Status(), kExitLocalFile);
     EXPECT_THAT(Message(), HasSubstr("/directory.csv' is a directory"));
 }
 
 TEST_F(ToolOptions, TheLogDirectoryMustExist)
 {
     m_options.logDir = m_directory.Path() + "/none";
-    EXPECT_EQ(Status(), EXIT_LOCAL_FILE);
+    EXPECT_EQ(Status(), kExitLocalFile);
     EXPECT_THAT(Message(), HasSubstr("--log-dir '"));
     m_options.logDir = std::string(256, 'l');
-    EXPECT_EQ(Status(), EXIT_ARGUMENTS);
+    EXPECT_EQ(Status(), kExitArguments);
     EXPECT_EQ(Message(), "--log-dir is 256 bytes long; at most 255 are allowed");
 }
 
@@ -252,14 +253,14 @@ TEST_F(ToolOptions, TheAuthoritiesMustBeReadable)
     EXPECT_EQ(MadePlan().trust, "ca=" + m_options.ca);
     m_options.ca = m_directory.Path() + "/none.pem";
     EXPECT_EQ(Message(), "--ca '" + m_options.ca + "' cannot be read: No such file or directory");
-    EXPECT_EQ(Status(), EXIT_ARGUMENTS);
+    EXPECT_EQ(Status(), kExitArguments);
 }
 
 TEST_F(ToolOptions, APathWithASemicolonIsRefused)
 {
     m_options.ca = m_directory.Write("ca;name=evil.example", "");
     EXPECT_THAT(Message(), HasSubstr("contains a ';'"));
-    EXPECT_EQ(Status(), EXIT_ARGUMENTS);
+    EXPECT_EQ(Status(), kExitArguments);
 }
 
 TEST_F(ToolOptions, ThePathOfTheAuthoritiesFits)
@@ -307,7 +308,7 @@ TEST_F(ToolOptions, ProtectionThatWouldHaveNoEffectIsRefused)
     m_options.verifyNames.clear();
     m_options.ciphers = {"53"};
     EXPECT_THAT(Message(), HasSubstr("--plain has no TLS"));
-    EXPECT_EQ(Status(), EXIT_ARGUMENTS);
+    EXPECT_EQ(Status(), kExitArguments);
 }
 
 TEST_F(ToolOptions, TheLocalAddressIsAnAddress)
@@ -354,8 +355,8 @@ TEST(ToolCiphers, ANumberThatIsNoIdentifierIsRefused)
 {
     for (const char* text : {"65536", "0x02000035", "0x103000035", "9999999999"})
     {
-        const Thrown thrown = FailureOf([text] { IdentifierOf(text); });
-        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS) << text;
+        const Thrown thrown = ExitErrorOf([text] { IdentifierOf(text); });
+        EXPECT_EQ(thrown.status, kExitArguments) << text;
         EXPECT_EQ(thrown.message,
                   "--ciphers: '" + std::string(text) +
                       "' is not a cipher suite identifier such as 0x03000035, 0x0035 or 53");
@@ -369,8 +370,8 @@ TEST(ToolCiphers, WhatIsNeitherNumberNorNameIsRefused)
     for (const char* text : {"", "0x", "x", "AES256", "-1", "+1", " 1", "1 ", "0x0x35",
                              "99999999999999999999999", "\n"})
     {
-        const Thrown thrown = FailureOf([text] { IdentifierOf(text); });
-        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS) << text;
+        const Thrown thrown = ExitErrorOf([text] { IdentifierOf(text); });
+        EXPECT_EQ(thrown.status, kExitArguments) << text;
         EXPECT_THAT(thrown.message, HasSubstr("'corpdir ciphers' lists them")) << text;
     }
 }

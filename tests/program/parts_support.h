@@ -11,7 +11,7 @@
 #include <string>
 
 #include "cli/ciphers.h"
-#include "commands/failure.h"
+#include "exit_error.h"
 
 namespace corpdir_tool
 {
@@ -86,23 +86,23 @@ inline CipherTable SomeCiphers()
             {0x03000035, "TLS_RSA_WITH_AES_256_CBC_SHA", "AES256-SHA", "SSLv3"}};
 }
 
-// The message and status of the Failure that a call throws.
+// The message and status of the ExitError that a call throws.
 struct Thrown
 {
     int status = -1;
     std::string message = "nothing was thrown";
 };
 
-template <typename CALL>
-Thrown FailureOf(CALL call)
+template <typename Call>
+Thrown ExitErrorOf(Call call)
 {
     try
     {
         call();
     }
-    catch (const Failure& failure)
+    catch (const ExitError& error)
     {
-        return {failure.Status(), failure.what()};
+        return {error.Status(), error.what()};
     }
     return {};
 }

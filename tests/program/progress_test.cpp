@@ -13,11 +13,11 @@ namespace
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr std::uint64_t MEGABYTE = 1000000;
+constexpr std::uint64_t kMegabyte = 1000000;
 
 ProgressState HalfWay()
 {
-    return {"directory", 30 * MEGABYTE, 60 * MEGABYTE, 2.5e6};
+    return {"directory", 30 * kMegabyte, 60 * kMegabyte, 2.5e6};
 }
 
 TEST(ToolProgress, BytesAreShortAndExactWhereTheyAreFew)
@@ -29,7 +29,7 @@ TEST(ToolProgress, BytesAreShortAndExactWhereTheyAreFew)
     EXPECT_EQ(ShortBytes(99951), "100 kB");
     EXPECT_EQ(ShortBytes(999499), "999 kB");
     EXPECT_EQ(ShortBytes(999500), "1.0 MB");
-    EXPECT_EQ(ShortBytes(12300 * MEGABYTE), "12.3 GB");
+    EXPECT_EQ(ShortBytes(12300 * kMegabyte), "12.3 GB");
     EXPECT_EQ(ShortBytes(UINT64_MAX), "18446744 TB");
 }
 
@@ -66,7 +66,7 @@ TEST(ToolProgress, ANarrowLineLeavesOutTheRest)
 
 TEST(ToolProgress, NoLineIsWiderThanAllowed)
 {
-    for (const std::uint64_t total : {UINT64_MAX, UINT64_MAX - 1, 60 * MEGABYTE, std::uint64_t{0}})
+    for (const std::uint64_t total : {UINT64_MAX, UINT64_MAX - 1, 60 * kMegabyte, std::uint64_t{0}})
     {
         for (unsigned int width = 0; width != 250; ++width)
         {
@@ -88,7 +88,7 @@ TEST(ToolProgress, WithoutATotalThereIsNoBar)
 TEST(ToolProgress, MoreBytesThanAnnouncedAreAllOfThem)
 {
     ProgressState state = HalfWay();
-    state.bytes = 70 * MEGABYTE;
+    state.bytes = 70 * kMegabyte;
     EXPECT_EQ(ProgressLine(state, 40), "directory [=============] 100%  2.5 MB/s");
 }
 
@@ -101,12 +101,12 @@ TEST(ToolProgress, TheRateFollowsTheNetwork)
     std::uint64_t bytes = 0;
     for (int i = 0; i != 10; ++i)
     {
-        display.Show("directory", bytes += MEGABYTE, 100 * MEGABYTE, now += seconds(1));
+        display.Show("directory", bytes += kMegabyte, 100 * kMegabyte, now += seconds(1));
     }
     EXPECT_THAT(stream.Text(), testing::EndsWith("10.0 MB of 100 MB  1.0 MB/s  1:30 left"));
     for (int i = 0; i != 10; ++i)
     {
-        display.Show("directory", bytes += 4 * MEGABYTE, 100 * MEGABYTE, now += seconds(1));
+        display.Show("directory", bytes += 4 * kMegabyte, 100 * kMegabyte, now += seconds(1));
     }
     EXPECT_THAT(stream.Text(), testing::EndsWith("50.0 MB of 100 MB  4.0 MB/s  0:13 left"));
 }
@@ -131,7 +131,7 @@ TEST(ToolProgress, ElsewhereALineIsWrittenNowAndThen)
     ProgressDisplay::Clock::time_point now{};
     for (int i = 0; i != 120; ++i)
     {
-        display.Show("directory", static_cast<std::uint64_t>(i) * 100000, 20 * MEGABYTE,
+        display.Show("directory", static_cast<std::uint64_t>(i) * 100000, 20 * kMegabyte,
                      now += milliseconds(100));
     }
     display.Erase();

@@ -7,7 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "commands/failure.h"
+#include "exit_error.h"
 #include "os/password.h"
 
 namespace corpdir_tool
@@ -15,8 +15,8 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr int LIMIT_MS = 20000;
-constexpr int AS_TYPED = 7;  // exit statuses of the child
+constexpr int kLimitMs = 20000;
+constexpr int kAsTyped = 7;  // exit statuses of the child
 
 // A child process that prompts on a pseudo terminal, seen from the keyboard's and screen's side.
 class Prompting
@@ -50,7 +50,7 @@ public:
             pollfd wait = {m_terminal, POLLIN, 0};
             char piece[256];
             const ssize_t got =
-                poll(&wait, 1, LIMIT_MS) == 1 ? read(m_terminal, piece, sizeof piece) : 0;
+                poll(&wait, 1, kLimitMs) == 1 ? read(m_terminal, piece, sizeof piece) : 0;
             if (got <= 0)
             {
                 return false;
@@ -93,13 +93,13 @@ private:
         try
         {
             Secret password;
-            (void)unsetenv(PASSWORD_VARIABLE);
+            (void)unsetenv(kPasswordVariable);
             ReadPassword("", password);
-            status = password.View() == "se cret" ? AS_TYPED : 0;
+            status = password.View() == "se cret" ? kAsTyped : 0;
         }
-        catch (const Failure& failure)
+        catch (const ExitError& error)
         {
-            status = failure.Status();
+            status = error.Status();
         }
         _exit(status);
     }
@@ -118,7 +118,7 @@ TEST(ToolPrompt, TakesALineWithoutShowingIt)
     EXPECT_TRUE(prompting.WaitFor("\n"));
     const int status = prompting.End();
     EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), AS_TYPED);
+    EXPECT_EQ(WEXITSTATUS(status), kAsTyped);
     EXPECT_EQ(prompting.Screen(), "Password: \r\n");
     EXPECT_TRUE(prompting.Echoes());
 }
@@ -141,7 +141,7 @@ TEST(ToolPrompt, AnEmptyLineIsRefused)
     prompting.Type("\n");
     const int status = prompting.End();
     EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), EXIT_ARGUMENTS);
+    EXPECT_EQ(WEXITSTATUS(status), kExitArguments);
 }
 
 // Standard input may be a pipe: the prompt is the terminal's, which a session of its own lacks.
@@ -156,23 +156,23 @@ TEST(ToolPrompt, WithoutATerminalTheSourcesAreNamed)
         {
             Secret password;
             (void)setsid();
-            (void)unsetenv(PASSWORD_VARIABLE);
+            (void)unsetenv(kPasswordVariable);
             ReadPassword("", password);
         }
-        catch (const Failure& failure)
+        catch (const ExitError& error)
         {
-            message = failure.what();
+            message = error.what();
         }
         _exit(message ==
                       "no password: give --password-file, set CORPDIR_PASSWORD, or start the "
                       "program on a terminal"
-                  ? AS_TYPED
+                  ? kAsTyped
                   : 0);
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), AS_TYPED);
+    EXPECT_EQ(WEXITSTATUS(status), kAsTyped);
 }
 
 }  // namespace

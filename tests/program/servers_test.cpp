@@ -44,19 +44,19 @@ TEST(ToolServers, RefusesEmptyLists)
 {
     for (const char* list : {"", " ", "\t"})
     {
-        const Thrown thrown = FailureOf([list] { SplitServers(list); });
-        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+        const Thrown thrown = ExitErrorOf([list] { SplitServers(list); });
+        EXPECT_EQ(thrown.status, kExitArguments);
         EXPECT_EQ(thrown.message, "--servers is empty");
     }
 }
 
 TEST(ToolServers, RefusesEmptyEntriesWithTheirPlace)
 {
-    EXPECT_EQ(FailureOf([] { SplitServers("a.example;;b.example"); }).message,
+    EXPECT_EQ(ExitErrorOf([] { SplitServers("a.example;;b.example"); }).message,
               "--servers: entry 2 of 'a.example;;b.example' is empty");
-    EXPECT_EQ(FailureOf([] { SplitServers("a.example;"); }).message,
+    EXPECT_EQ(ExitErrorOf([] { SplitServers("a.example;"); }).message,
               "--servers: entry 2 of 'a.example;' is empty");
-    EXPECT_EQ(FailureOf([] { SplitServers(";a.example"); }).message,
+    EXPECT_EQ(ExitErrorOf([] { SplitServers(";a.example"); }).message,
               "--servers: entry 1 of ';a.example' is empty");
 }
 
@@ -66,8 +66,8 @@ TEST(ToolServers, RefusesWhatIsNeitherAddressNorName)
                               "dir example", "ftp://dir.example", "dir..example", ".", "a,b", "a=b",
                               "user@dir.example", "dir.example\n"})
     {
-        const Thrown thrown = FailureOf([entry] { SplitServers(entry); });
-        EXPECT_EQ(thrown.status, EXIT_ARGUMENTS) << entry;
+        const Thrown thrown = ExitErrorOf([entry] { SplitServers(entry); });
+        EXPECT_EQ(thrown.status, kExitArguments) << entry;
         EXPECT_THAT(thrown.message, HasSubstr("is neither an address nor a host name")) << entry;
     }
 }
@@ -76,17 +76,17 @@ TEST(ToolServers, SaysWhereThePortGoes)
 {
     for (const char* entry : {"192.0.2.1:2121", "dir.example:21", "[::1]:21"})
     {
-        EXPECT_THAT(FailureOf([entry] { SplitServers(entry); }).message,
+        EXPECT_THAT(ExitErrorOf([entry] { SplitServers(entry); }).message,
                     HasSubstr("the port is given with --port"));
     }
-    EXPECT_THAT(FailureOf([] { SplitServers("fe80::1%eth0"); }).message, HasSubstr("zone"));
+    EXPECT_THAT(ExitErrorOf([] { SplitServers("fe80::1%eth0"); }).message, HasSubstr("zone"));
 }
 
 TEST(ToolServers, RefusesZeroAddresses)
 {
     for (const char* entry : {"0.0.0.0", "::", "[::]", "::ffff:0.0.0.0"})
     {
-        EXPECT_THAT(FailureOf([entry] { SplitServers(entry); }).message,
+        EXPECT_THAT(ExitErrorOf([entry] { SplitServers(entry); }).message,
                     HasSubstr("is not the address of a server"));
     }
 }
@@ -136,14 +136,14 @@ TEST(ToolNameResolver, TellsWhenItIsReadyAndLeavesTheMainThreadFree)
     EventQueue events;
     NameResolver resolver(entries, AF_UNSPEC, lookup, events);
 
-    events.PushNumber(EventKind::SIGNAL, 15);
-    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::SIGNAL);
+    events.Push(EventKind::kSignal, 15);
+    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::kSignal);
     {
         const std::lock_guard<std::mutex> lock(mutex);
         answer = true;
     }
     changed.notify_one();
-    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::RESOLVED);
+    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::kResolved);
     EXPECT_EQ(resolver.Take().servers.at(0).Label(), "192.0.2.9 (slow.example)");
 }
 
@@ -178,8 +178,7 @@ TEST(ToolNameResolver, TellsWhenMemoryRunsOut)
     const std::vector<ServerEntry> entries = SplitServers("dir.example");
     EventQueue events;
     const NameResolver resolver(entries, AF_UNSPEC, lookup, events);
-    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind,
-              EventKind::OUT_OF_MEMORY);
+    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::kOutOfMemory);
 }
 
 }  // namespace

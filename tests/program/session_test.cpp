@@ -278,7 +278,7 @@ protected:
 
     int RunUntilSignal(const std::string& list)
     {
-        return RunUntilHanging(list, [this] { m_events.PushNumber(EventKind::SIGNAL, SIGTERM); });
+        return RunUntilHanging(list, [this] { m_events.Push(EventKind::kSignal, SIGTERM); });
     }
 
     // What was said, without the advice.
@@ -307,7 +307,7 @@ protected:
 TEST_F(ToolSession, TheFirstServerDelivers)
 {
     const Outcome outcome = Run("192.0.2.1;192.0.2.2");
-    EXPECT_EQ(outcome.status, EXIT_FETCHED);
+    EXPECT_EQ(outcome.status, kExitFetched);
     EXPECT_EQ(outcome.version, "2024-01-01");
     EXPECT_EQ(outcome.bytes, 24U);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
@@ -338,7 +338,7 @@ TEST_F(ToolSession, TheRequestHoldsWhatWasAskedFor)
 TEST_F(ToolSession, TheNamesOfEachAddressAreRegistered)
 {
     m_service.scripts["192.0.2.10"].directoryFails = TRAVEX_FTP_ERR_FILE;
-    EXPECT_EQ(Run("dir.example;192.0.2.11;192.0.2.12").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("dir.example;192.0.2.11;192.0.2.12").status, kExitFetched);
     EXPECT_STREQ(m_service.lastRequest.szFtpCtrlInfo, "ca=system") << "no names in the trust text";
     EXPECT_THAT(Layers().names, ElementsAre("192.0.2.11=dir.example", "192.0.2.11=192.0.2.11",
                                             "192.0.2.12=192.0.2.12"))
@@ -348,7 +348,7 @@ TEST_F(ToolSession, TheNamesOfEachAddressAreRegistered)
 TEST_F(ToolSession, NamesToVerifyTakeThePlaceOfTheListedOnes)
 {
     m_options.verifyNames = {"a.example", "b.example"};
-    EXPECT_EQ(Run("dir.example").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("dir.example").status, kExitFetched);
     EXPECT_THAT(Layers().names, ElementsAre("192.0.2.10=a.example", "192.0.2.10=b.example",
                                             "192.0.2.11=a.example", "192.0.2.11=b.example"));
 }
@@ -356,9 +356,9 @@ TEST_F(ToolSession, NamesToVerifyTakeThePlaceOfTheListedOnes)
 TEST_F(ToolSession, NamesThatCannotBeRegisteredEndIt)
 {
     Layers().nameResult = TRAVEX_FTP_ERR_SYSTEM;
-    const Thrown thrown = FailureOf([this] { Run("192.0.2.1"); });
+    const Thrown thrown = ExitErrorOf([this] { Run("192.0.2.1"); });
     Layers().nameResult = 0;
-    EXPECT_EQ(thrown.status, EXIT_INTERNAL);
+    EXPECT_EQ(thrown.status, kExitInternal);
     EXPECT_EQ(thrown.message, "the names of the servers could not be registered (code 7)");
     EXPECT_THAT(m_service.requests, IsEmpty());
 }
@@ -367,7 +367,7 @@ TEST_F(ToolSession, LimitsAreSetByFunction)
 {
     m_options.maxSize = 5000;
     m_options.connectTimeout = 3600;
-    EXPECT_EQ(Run("192.0.2.1").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1").status, kExitFetched);
     EXPECT_EQ(Layers().limits.ullFileBytes, 5000U);
     EXPECT_EQ(Layers().limits.ulConnectMs, 3600000U);
     tagTRAVEX_FTP_S_LIMITS others = Layers().limits;
@@ -378,16 +378,16 @@ TEST_F(ToolSession, LimitsAreSetByFunction)
 
     m_options.maxSize = 0;
     m_options.connectTimeout = 0;
-    EXPECT_EQ(Run("192.0.2.1").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1").status, kExitFetched);
     EXPECT_EQ(memcmp(&Layers().limits, &none, sizeof none), 0);
 }
 
 TEST_F(ToolSession, LimitsThatCannotBeSetEndIt)
 {
     Layers().limitsResult = TRAVEX_FTP_ERR_SYSTEM;
-    const Thrown thrown = FailureOf([this] { Run("192.0.2.1"); });
+    const Thrown thrown = ExitErrorOf([this] { Run("192.0.2.1"); });
     Layers().limitsResult = 0;
-    EXPECT_EQ(thrown.status, EXIT_INTERNAL);
+    EXPECT_EQ(thrown.status, kExitInternal);
     EXPECT_EQ(thrown.message, "the limits could not be set (code 7)");
 }
 
@@ -418,7 +418,7 @@ TEST_F(ToolSession, EachServerThatFailsIsNamedAsTheServiceMovesOn)
 {
     m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     m_service.scripts["192.0.2.10"].versionFails = TRAVEX_FTP_ERR_LOGIN;
-    EXPECT_EQ(Run("192.0.2.1;dir.example").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1;dir.example").status, kExitFetched);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.10;192.0.2.11"));
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
@@ -431,7 +431,7 @@ TEST_F(ToolSession, AfterTheLastServerNoneIsLeft)
     {
         m_service.scripts[address].versionFails = TRAVEX_FTP_ERR_CONNECT;
     }
-    EXPECT_EQ(Run("192.0.2.1;2001:db8::2;192.0.2.3").status, EXIT_NO_SERVER);
+    EXPECT_EQ(Run("192.0.2.1;2001:db8::2;192.0.2.3").status, kExitNoServer);
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
               "2001:db8::2: version refused; trying next server\n"
@@ -443,7 +443,7 @@ TEST_F(ToolSession, AfterTheLastServerNoneIsLeft)
 TEST_F(ToolSession, TheOnlyServerIsAskedTwice)
 {
     m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    EXPECT_EQ(Run("192.0.2.1").status, EXIT_NO_SERVER);
+    EXPECT_EQ(Run("192.0.2.1").status, kExitNoServer);
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying again\n"
               "192.0.2.1: version refused\n"
@@ -454,14 +454,14 @@ TEST_F(ToolSession, TheOnlyServerMayRecover)
 {
     m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     m_service.scripts["192.0.2.1"].versionFailures = 1;
-    EXPECT_EQ(Run("192.0.2.1").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1").status, kExitFetched);
 }
 
 TEST_F(ToolSession, ADirectoryFileThatFailsIsAskedFromTheNextServer)
 {
     m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     m_service.scripts["192.0.2.2"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4").status, kExitFetched);
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4", "192.0.2.3;192.0.2.4"));
     EXPECT_EQ(Messages(),
@@ -473,7 +473,7 @@ TEST_F(ToolSession, ADirectoryFileThatFailsEverywhereLeavesNoServer)
 {
     m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
     m_service.scripts["192.0.2.2"].directoryFails = TRAVEX_FTP_ERR_FILE;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_NO_SERVER);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitNoServer);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2"));
     EXPECT_THAT(Messages(), HasSubstr("192.0.2.2: pub/directory.csv: directory refused\n"));
 }
@@ -483,7 +483,7 @@ TEST_F(ToolSession, TheServersLeftAreRotatedAnew)
     m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
     m_service.scripts["192.0.2.2"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     m_service.scripts["192.0.2.3"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, EXIT_NO_SERVER);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, kExitNoServer);
     EXPECT_EQ(Messages(),
               "192.0.2.1: pub/directory.csv: directory refused; trying next server\n"
               "192.0.2.2: version refused; trying next server\n"
@@ -494,7 +494,7 @@ TEST_F(ToolSession, TheServersLeftAreRotatedAnew)
 TEST_F(ToolSession, ADirectoryTransferThatDoesNotBeginCountsAsAFailure)
 {
     m_service.scripts["192.0.2.1"].refuseDirectory = TRAVEX_FTP_ERR_SYSTEM;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitFetched);
     EXPECT_EQ(Messages(), "192.0.2.1: directory not begun; trying next server\n");
 }
 
@@ -502,7 +502,7 @@ TEST_F(ToolSession, ARequestThatIsNotStartedIsRepeatedWithTheNextServer)
 {
     m_service.scripts["192.0.2.1"].refuseUnseen = true;
     m_service.scripts["192.0.2.2"].refuseRequest = TRAVEX_FTP_ERR_SYSTEM;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, kExitFetched);
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3", "192.0.2.2;192.0.2.3", "192.0.2.3"));
     EXPECT_EQ(Messages(),
@@ -513,7 +513,7 @@ TEST_F(ToolSession, ARequestThatIsNotStartedIsRepeatedWithTheNextServer)
 TEST_F(ToolSession, NoRequestStartedLeavesNoServer)
 {
     m_service.scripts["192.0.2.1"].refuseUnseen = true;
-    EXPECT_EQ(Run("192.0.2.1").status, EXIT_NO_SERVER);
+    EXPECT_EQ(Run("192.0.2.1").status, kExitNoServer);
 }
 
 TEST_F(ToolSession, ARefusedArgumentIsNotTriedElsewhere)
@@ -522,7 +522,7 @@ TEST_F(ToolSession, ARefusedArgumentIsNotTriedElsewhere)
          {TRAVEX_FTP_ERR_PARAM, TRAVEX_FTP_ERR_CIPHER, TRAVEX_FTP_ERR_TRUST})
     {
         m_service.scripts["192.0.2.1"].refuseRequest = code;
-        EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_ARGUMENTS);
+        EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitArguments);
     }
     EXPECT_EQ(m_service.requests.size(), 3U);
     EXPECT_THAT(Messages(), HasSubstr("corpdir: --ciphers: refused: bad suite\n"));
@@ -532,22 +532,22 @@ TEST_F(ToolSession, ARefusedArgumentIsNotTriedElsewhere)
 TEST_F(ToolSession, ARefusedArgumentOfTheDirectoryTransferEndsIt)
 {
     m_service.scripts["192.0.2.1"].refuseDirectory = TRAVEX_FTP_ERR_PARAM;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_ARGUMENTS);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitArguments);
 }
 
 TEST_F(ToolSession, AFileThatCannotBeWrittenEndsIt)
 {
     m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_LOCAL_FILE;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_LOCAL_FILE);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitLocalFile);
     m_service.scripts["192.0.2.1"].versionFails = 0;
     m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_LOCAL_FILE;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_LOCAL_FILE);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitLocalFile);
 }
 
 TEST_F(ToolSession, AnInvalidVersionEndsIt)
 {
     m_service.scripts["192.0.2.1"].version = "1.2\nlater lines do not count\n";
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_BAD_VERSION);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitBadVersion);
     EXPECT_EQ(Messages(), "corpdir: version file '" + m_directory.Path() +
                               "/version.txt' from 192.0.2.1 is not valid: its first line "
                               "'1.2' is shorter than 5 bytes\n");
@@ -556,7 +556,7 @@ TEST_F(ToolSession, AnInvalidVersionEndsIt)
 TEST_F(ToolSession, ALateVersionFailureDoesNotMatter)
 {
     m_service.scripts["192.0.2.1"].versionFailsLate = true;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitFetched);
     EXPECT_EQ(Messages(), "");
 }
 
@@ -582,16 +582,16 @@ TEST_F(ToolSession, TimeRunsOut)
 {
     m_service.scripts["192.0.2.1"].hangVersion = true;
     m_deadline = EventQueue::Clock::now();
-    EXPECT_EQ(Run("192.0.2.1").status, EXIT_NO_OUTCOME);
+    EXPECT_EQ(Run("192.0.2.1").status, kExitNoOutcome);
 }
 
 TEST_F(ToolSession, TheMessageSaysWhatWasGoingOn)
 {
     m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     m_service.scripts["192.0.2.10"].hangDirectory = true;
-    EXPECT_EQ(RunUntilHanging("192.0.2.1;dir.example",
-                              [this] { m_events.PushKind(EventKind::DEADLINE); }),
-              EXIT_NO_OUTCOME);
+    EXPECT_EQ(
+        RunUntilHanging("192.0.2.1;dir.example", [this] { m_events.Push(EventKind::kDeadline); }),
+        kExitNoOutcome);
     EXPECT_THAT(Messages(),
                 HasSubstr("corpdir: no outcome within 120 s; stopped while fetching directory file "
                           "'pub/directory.csv' from 192.0.2.10 (dir.example): 24 of 48 bytes"));
@@ -601,40 +601,40 @@ TEST_F(ToolSession, TheCipherListIsSetAfterEachStart)
 {
     m_options.ciphers = {"0x0035", "61"};
     m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitFetched);
     EXPECT_THAT(m_service.cipherLists, ElementsAre(ElementsAre(0x03000035, 0x0300003d),
                                                    ElementsAre(0x03000035, 0x0300003d)));
     m_options.ciphers.clear();
     m_service.cipherLists.clear();
-    EXPECT_EQ(Run("192.0.2.2").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.2").status, kExitFetched);
     EXPECT_THAT(m_service.cipherLists, IsEmpty());
 }
 
 TEST_F(ToolSession, AStartThatFailsIsStopped)
 {
     m_service.initResult = 9;
-    const Thrown start = FailureOf([this] { Run("192.0.2.1"); });
-    EXPECT_EQ(start.status, EXIT_INTERNAL);
+    const Thrown start = ExitErrorOf([this] { Run("192.0.2.1"); });
+    EXPECT_EQ(start.status, kExitInternal);
     EXPECT_EQ(start.message, "the service could not be started (code 9)");
     m_service.initResult = 0;
     m_service.cipherResult = 1;
     m_options.ciphers = {"53"};
-    EXPECT_EQ(FailureOf([this] { Run("192.0.2.1"); }).message,
+    EXPECT_EQ(ExitErrorOf([this] { Run("192.0.2.1"); }).message,
               "the cipher list could not be set (code 1)");
 }
 
 TEST_F(ToolSession, MemoryThatRunsOutEndsIt)
 {
     m_service.scripts["192.0.2.1"].hangVersion = true;
-    m_events.PushKind(EventKind::OUT_OF_MEMORY);
+    m_events.Push(EventKind::kOutOfMemory);
     // Pushed before the start, whose own events it must outlive.
-    EXPECT_EQ(Run("192.0.2.1").status, EXIT_INTERNAL);
+    EXPECT_EQ(Run("192.0.2.1").status, kExitInternal);
 }
 
 TEST_F(ToolSession, ProgressIsShownByFile)
 {
     m_progress = true;
-    EXPECT_EQ(Run("192.0.2.1").status, EXIT_FETCHED);
+    EXPECT_EQ(Run("192.0.2.1").status, kExitFetched);
     EXPECT_EQ(
         m_messages.Text(),
         "\r\033[K\033[Jdirectory [==========>         ]  50%  24 bytes of 48 bytes\r\033[K\033[J");
@@ -646,7 +646,7 @@ TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
     m_service.scripts["192.0.2.2"].versionFails = TRAVEX_FTP_ERR_LOGIN;
     m_service.scripts["192.0.2.3"].versionFails = TRAVEX_FTP_ERR_CONNECT;
     const Outcome outcome = Run("192.0.2.1;192.0.2.2;192.0.2.3");
-    EXPECT_EQ(outcome.status, EXIT_NO_SERVER);
+    EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_EQ(outcome.error, "all 3 servers failed");
     const std::string text = m_messages.Text();
     EXPECT_EQ(text.substr(text.find("hint: ")),
@@ -654,8 +654,8 @@ TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
               "hint: check --user and the password\n");
     ASSERT_EQ(outcome.attempts.size(), 3U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
-    EXPECT_EQ(outcome.attempts[1].trouble.code, TRAVEX_FTP_ERR_LOGIN);
-    EXPECT_EQ(outcome.attempts[1].trouble.reason, "version refused");
+    EXPECT_EQ(outcome.attempts[1].failure.code, TRAVEX_FTP_ERR_LOGIN);
+    EXPECT_EQ(outcome.attempts[1].failure.reason, "version refused");
 }
 
 TEST_F(ToolSession, TheServerThatGaveTheFileIsTheLastAttempt)
@@ -664,7 +664,7 @@ TEST_F(ToolSession, TheServerThatGaveTheFileIsTheLastAttempt)
     const Outcome outcome = Run("192.0.2.1;192.0.2.2");
     ASSERT_EQ(outcome.attempts.size(), 2U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
-    EXPECT_EQ(outcome.attempts[1].trouble.reason, "");
+    EXPECT_EQ(outcome.attempts[1].failure.reason, "");
     EXPECT_EQ(outcome.error, "");
 }
 
@@ -699,15 +699,15 @@ TEST(ToolEvents, AFailureKeepsItsStructure)
 TEST(ToolEvents, SignalsOutliveAService)
 {
     EventQueue events;
-    events.PushKind(EventKind::DELIVERED);
-    events.PushNumber(EventKind::SIGNAL, SIGINT);
-    events.PushKind(EventKind::FAILED);
+    events.Push(EventKind::kDelivered);
+    events.Push(EventKind::kSignal, SIGINT);
+    events.Push(EventKind::kFailed);
     const std::vector<Event> taken = events.TakeServiceEvents();
     ASSERT_EQ(taken.size(), 2U);
-    EXPECT_EQ(taken[0].kind, EventKind::DELIVERED);
-    EXPECT_EQ(taken[1].kind, EventKind::FAILED);
+    EXPECT_EQ(taken[0].kind, EventKind::kDelivered);
+    EXPECT_EQ(taken[1].kind, EventKind::kFailed);
     EXPECT_EQ(events.WaitUntil({}).number, SIGINT);
-    EXPECT_EQ(events.WaitUntil({}).kind, EventKind::DEADLINE);
+    EXPECT_EQ(events.WaitUntil({}).kind, EventKind::kDeadline);
 }
 
 }  // namespace

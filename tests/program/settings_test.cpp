@@ -4,8 +4,8 @@
 #include <sstream>
 
 #include "cli/settings_file.h"
+#include "cli/suggestion.h"
 #include "parts_support.h"
-#include "ui/hints.h"
 
 namespace corpdir_tool
 {
@@ -36,8 +36,8 @@ std::string Value(const std::string& text)
 
 std::string Problem(const std::string& text)
 {
-    const Thrown thrown = FailureOf([&text] { Read(text); });
-    EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+    const Thrown thrown = ExitErrorOf([&text] { Read(text); });
+    EXPECT_EQ(thrown.status, kExitArguments);
     return thrown.message;
 }
 

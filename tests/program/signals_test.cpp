@@ -11,9 +11,9 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr std::chrono::hours FOREVER{1};
-constexpr std::chrono::milliseconds SOON{20};
-constexpr std::chrono::seconds LIMIT{20};
+constexpr std::chrono::hours kForever{1};
+constexpr std::chrono::milliseconds kSoon{20};
+constexpr std::chrono::seconds kLimit{20};
 
 // Signals go to the process, as they do from a terminal.
 void Send(int signalNumber)
@@ -23,7 +23,7 @@ void Send(int signalNumber)
 
 int Received(std::future<int> future)
 {
-    return future.wait_for(LIMIT) == std::future_status::ready ? future.get() : -1;
+    return future.wait_for(kLimit) == std::future_status::ready ? future.get() : -1;
 }
 
 struct Promises
@@ -46,7 +46,7 @@ TEST(ToolSignals, ASignalIsTold)
         Promises promises;
         std::future<int> lastResort = promises.lastResort.get_future();
         {
-            const SignalWatch watch = Watch(promises, FOREVER);
+            const SignalWatch watch = Watch(promises, kForever);
             Send(number);
             EXPECT_EQ(Received(promises.first.get_future()), number);
         }
@@ -57,7 +57,7 @@ TEST(ToolSignals, ASignalIsTold)
 TEST(ToolSignals, AStopThatHangsEndsInTheLastResort)
 {
     Promises promises;
-    const SignalWatch watch = Watch(promises, SOON);
+    const SignalWatch watch = Watch(promises, kSoon);
     Send(SIGTERM);
     EXPECT_EQ(Received(promises.first.get_future()), SIGTERM);
     EXPECT_EQ(Received(promises.lastResort.get_future()), SIGTERM);
@@ -66,7 +66,7 @@ TEST(ToolSignals, AStopThatHangsEndsInTheLastResort)
 TEST(ToolSignals, ASecondSignalDoesNotWait)
 {
     Promises promises;
-    const SignalWatch watch = Watch(promises, FOREVER);
+    const SignalWatch watch = Watch(promises, kForever);
     Send(SIGINT);
     EXPECT_EQ(Received(promises.first.get_future()), SIGINT);
     Send(SIGINT);
@@ -78,7 +78,7 @@ TEST(ToolSignals, AWatchEndsWithoutASignal)
     for (int round = 0; round < 100; ++round)
     {
         Promises promises;
-        const SignalWatch watch = Watch(promises, FOREVER);
+        const SignalWatch watch = Watch(promises, kForever);
     }
 }
 
@@ -88,7 +88,7 @@ TEST(ToolSignals, TheMaskIsRestored)
     ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &before), 0);
     {
         Promises promises;
-        const SignalWatch watch = Watch(promises, FOREVER);
+        const SignalWatch watch = Watch(promises, kForever);
         sigset_t during;
         ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &during), 0);
         EXPECT_EQ(sigismember(&during, SIGINT), 1);
@@ -105,7 +105,7 @@ TEST(ToolSignals, WhatIsIgnoredStaysIgnored)
     {
         Promises promises;
         std::future<int> first = promises.first.get_future();
-        const SignalWatch watch = Watch(promises, FOREVER);
+        const SignalWatch watch = Watch(promises, kForever);
         Send(SIGHUP);
         Send(SIGTERM);
         EXPECT_EQ(Received(std::move(first)), SIGTERM);

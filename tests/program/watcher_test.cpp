@@ -25,7 +25,7 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
 
-constexpr seconds PATIENCE{20};
+constexpr seconds kPatience{20};
 
 // What the watcher has said so far; may be read while it goes on.
 class Said
@@ -208,7 +208,7 @@ public:
             }
             return count;
         };
-        const auto end = std::chrono::steady_clock::now() + PATIENCE;
+        const auto end = std::chrono::steady_clock::now() + kPatience;
         std::unique_lock<std::mutex> lock(m_mutex);
         while (said() < times)
         {
@@ -294,7 +294,7 @@ protected:
     // The last step of a script: the user asks the watch to end.
     void Stop()
     {
-        m_events.PushNumber(EventKind::SIGNAL, SIGTERM);
+        m_events.Push(EventKind::kSignal, SIGTERM);
     }
 
     int Run(std::vector<Script> scripts)
@@ -310,7 +310,9 @@ protected:
         std::optional<ChildCommand> command;
         if (!m_options.execute.empty())
         {
-            command.emplace(m_options.execute, STDERR_FILENO, m_events);
+            command.emplace(m_options.execute, STDERR_FILENO,
+                            [this](int status)
+                            { m_events.Push(EventKind::kCommandEnded, status); });
         }
         Watcher watcher(m_service, plan, lookup, m_password, m_events, output,
                         command ? &*command : nullptr);
@@ -746,8 +748,8 @@ TEST_F(ToolWatcher, WaitsForANameThatHasNoAddressYet)
 TEST_F(ToolWatcher, ARefusedArgumentEndsItAtTheStartOnly)
 {
     m_service.refuseWith = TRAVEX_FTP_ERR_CIPHER;
-    const Thrown thrown = FailureOf([this] { Run({}); });
-    EXPECT_EQ(thrown.status, EXIT_ARGUMENTS);
+    const Thrown thrown = ExitErrorOf([this] { Run({}); });
+    EXPECT_EQ(thrown.status, kExitArguments);
     EXPECT_EQ(thrown.message, "--ciphers: refused: bad suite");
 }
 
@@ -774,15 +776,14 @@ TEST_F(ToolWatcher, ATransferThatIsRefusedLaterIsAskedForAgain)
 TEST_F(ToolWatcher, AServiceThatDoesNotStartEndsIt)
 {
     m_service.initResult = 5;
-    EXPECT_EQ(FailureOf([this] { Run({}); }).status, EXIT_INTERNAL);
+    EXPECT_EQ(ExitErrorOf([this] { Run({}); }).status, kExitInternal);
 }
 
 TEST_F(ToolWatcher, LackOfMemoryEndsIt)
 {
-    const Thrown thrown = FailureOf(
-        [this]
-        { Run({[this](ScriptedService&) { m_events.PushKind(EventKind::OUT_OF_MEMORY); }}); });
-    EXPECT_EQ(thrown.status, EXIT_INTERNAL);
+    const Thrown thrown = ExitErrorOf(
+        [this] { Run({[this](ScriptedService&) { m_events.Push(EventKind::kOutOfMemory); }}); });
+    EXPECT_EQ(thrown.status, kExitInternal);
     EXPECT_EQ(thrown.message, "memory ran out");
 }
 
@@ -795,8 +796,8 @@ TEST_F(ToolWatcher, AnOutputThatNobodyReadsEndsIt)
     m_service.scripts = {[](ScriptedService& service) { service.Version(A, "edition 1"); }};
     {
         Watcher watcher(m_service, plan, SystemLookup, m_password, m_events, output, nullptr);
-        const Thrown thrown = FailureOf([&watcher] { watcher.Run(); });
-        EXPECT_EQ(thrown.status, EXIT_LOCAL_FILE);
+        const Thrown thrown = ExitErrorOf([&watcher] { watcher.Run(); });
+        EXPECT_EQ(thrown.status, kExitLocalFile);
     }
     (void)std::fclose(full);
 }
@@ -933,7 +934,7 @@ TEST_F(ToolWatcherCommand, ThatDoesNotEndIsKilled)
                        Stop();
                    }}),
               0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, PATIENCE);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, kPatience);
 }
 
 // Nothing of what the watch has done to signals is left for the command.

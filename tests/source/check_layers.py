@@ -31,10 +31,13 @@ ALLOWED = {
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
     "client": {"osak.h", "travex_ftp.h"} | BASE,
-    "tools/corpdir": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | TEXT,
+    "tools/corpdir": CLIENT_HEADERS | {"corpdir_log.h", "travex_ftp.h"} | SHARED | TEXT,
     "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | BASE,
     "examples": {"ftpcorpdir.h", "corpdir_c.h"},
 }
+
+# The program's folders, and the others of them that each may include.
+PROGRAM = {"os": set(), "cli": {"os"}, "ui": {"os", "cli"}, "commands": {"os", "cli", "ui"}}
 
 # The one folder in which a library's headers may stand.
 THIRD_PARTY = {
@@ -66,6 +69,9 @@ def wrong_includes(root, path):
         for prefix, folders in THIRD_PARTY.items():
             if name.startswith(prefix) and folder not in folders:
                 yield place + " belongs to " + " and ".join(sorted(folders))
+        target = name.split("/")[0]
+        if path.parent.name in PROGRAM and target in PROGRAM and target not in PROGRAM[path.parent.name] | {path.parent.name}:
+            yield place + " is above " + path.parent.name + "/"
         if match.group(1) == '"' and name not in own and name not in ALLOWED[folder]:
             yield place + " is not for this folder to include"
 

@@ -12,13 +12,14 @@
 
 #include "cli/ciphers.h"
 #include "cli/settings_file.h"
+#include "cli/suggestion.h"
 #include "commands/check.h"
-#include "commands/failure.h"
 #include "commands/fetch.h"
 #include "commands/watch.h"
+#include "exit_error.h"
+#include "text.h"
 #include "travex_ftp.h"
-#include "ui/hints.h"
-#include "ui/text.h"
+#include "ui/cipher_table.h"
 
 namespace
 {
@@ -28,7 +29,7 @@ using corpdir_tool::CipherSuite;
 using corpdir_tool::CipherTable;
 using corpdir_tool::Options;
 
-const char STATUS_TEXT[] = R"(Exit status:
+const char kStatusText[] = R"(Exit status:
   0  the directory file was fetched
   1  the service could not be started
   2  unusable arguments
@@ -38,7 +39,7 @@ const char STATUS_TEXT[] = R"(Exit status:
   6  a local file or directory cannot be written
   128 + N  stopped by signal N)";
 
-const char PROGRAM_TEXT[] = R"(Options can also stand in a file, "--config FILE" names it:
+const char kProgramText[] = R"(Options can also stand in a file, "--config FILE" names it:
   servers = "dir1.example;dir2.example"
   user = "phone"
   password-file = "/etc/phone/password"
@@ -46,12 +47,12 @@ const char PROGRAM_TEXT[] = R"(Options can also stand in a file, "--config FILE"
 'corpdir fetch --help', and so on, list the options of a command.
 The manual page corpdir(1) tells more.)";
 
-const char FETCH_TEXT[] = R"(Example:
+const char kFetchText[] = R"(Example:
   corpdir fetch --servers 'dir1.example;dir2.example' --user phone \
       --version-file /dir/version.txt --directory-file /dir/directory.csv \
       --output-dir /var/lib/phone --ca /etc/phone/ca.pem --password-file /etc/phone/password)";
 
-const char WATCH_TEXT[] = R"(Example:
+const char kWatchText[] = R"(Example:
   corpdir --config /etc/phone/corpdir.conf watch --exec 'systemctl reload phone'
 
 The command of --exec finds CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
@@ -64,7 +65,7 @@ Exit status:
   2  unusable arguments
   6  the events cannot be written)";
 
-const char CHECK_TEXT[] = R"(Example:
+const char kCheckText[] = R"(Example:
   corpdir --config /etc/phone/corpdir.conf check
 
 Each server is asked for the version file, and for the directory file, which is given up
@@ -200,31 +201,31 @@ void AddTimeout(CLI::App& command, Options& options)
         ->group("Limits");
 }
 
-const char MESSAGES[] = "Messages";
+const char kMessages[] = "Messages";
 
 void AddLogOptions(CLI::App& command, Options& options)
 {
     command.add_option("--log-dir", options.logDir, "Write the service's log to this directory")
         ->check(NotEmpty())
         ->type_name("DIR")
-        ->group(MESSAGES);
+        ->group(kMessages);
     command
         .add_option("--log-level", options.logLevel,
                     "0 errors, 1 fallbacks too, 2 everything (default with --log-dir);\n"
                     "without --log-dir the log goes to standard error")
         ->check(CLI::Range(0U, 2U).description(""))
         ->type_name("0|1|2")
-        ->group(MESSAGES);
+        ->group(kMessages);
 }
 
 void AddJson(CLI::App& command, Options& options, const std::string& text)
 {
-    command.add_flag("--json", options.json, text)->group(MESSAGES);
+    command.add_flag("--json", options.json, text)->group(kMessages);
 }
 
 void AddQuiet(CLI::App& command, Options& options, const std::string& text)
 {
-    command.add_flag("--quiet", options.quiet, text)->group(MESSAGES);
+    command.add_flag("--quiet", options.quiet, text)->group(kMessages);
 }
 
 void AddRequestOptions(CLI::App& command, Options& options)
@@ -247,8 +248,8 @@ CipherTable KnownCiphers()
     };
     if (TRAVEX_FTP_ListCiphers(add, &table) != TRAVEX_FTP_OK)
     {
-        throw corpdir_tool::Failure(corpdir_tool::EXIT_INTERNAL,
-                                    "the cipher suites of this system cannot be listed");
+        throw corpdir_tool::ExitError(corpdir_tool::kExitInternal,
+                                      "the cipher suites of this system cannot be listed");
     }
     return table;
 }
@@ -258,12 +259,12 @@ CipherTable KnownCiphers()
 void AddFetch(CLI::App& program, Options& options, int& status)
 {
     CLI::App* fetch = program.add_subcommand("fetch", "Fetch the directory file once");
-    fetch->footer(std::string(FETCH_TEXT) + "\n\n" + STATUS_TEXT);
+    fetch->footer(std::string(kFetchText) + "\n\n" + kStatusText);
     AddRequestOptions(*fetch, options);
     AddTimeout(*fetch, options);
     AddJson(*fetch, options, "Print the outcome as one JSON object, that of a failure too");
     AddQuiet(*fetch, options, "Print errors only, failed servers included");
-    fetch->add_flag("--no-progress", options.noProgress, "Show no progress")->group(MESSAGES);
+    fetch->add_flag("--no-progress", options.noProgress, "Show no progress")->group(kMessages);
     fetch->callback([&] { status = corpdir_tool::RunFetch(options, KnownCiphers); });
 }
 
@@ -271,7 +272,7 @@ void AddWatch(CLI::App& program, Options& options, int& status)
 {
     CLI::App* watch = program.add_subcommand(
         "watch", "Stay, check every ten minutes, fetch each new directory file");
-    watch->footer(WATCH_TEXT);
+    watch->footer(kWatchText);
     AddRequestOptions(*watch, options);
     watch
         ->add_option("--retry", options.retrySeconds,
@@ -296,7 +297,7 @@ void AddCheck(CLI::App& program, Options& options, int& status)
 {
     CLI::App* check = program.add_subcommand(
         "check", "Say whether these options would work, without downloading the directory file");
-    check->footer(CHECK_TEXT);
+    check->footer(kCheckText);
     AddRequestOptions(*check, options);
     AddTimeout(*check, options);
     AddJson(*check, options, "Print the outcome as one JSON object");
@@ -376,7 +377,7 @@ int Run(int argc, char** argv)
     CLI::App program("Fetches a corporate directory from FTP and FTPS servers.", "corpdir");
     program.require_subcommand(1);  // a bare "corpdir" is a mistake, not a request for nothing
     program.failure_message(ParseProblem);
-    program.footer(PROGRAM_TEXT);
+    program.footer(kProgramText);
     program.set_version_flag("--version", VersionText, "Print versions and exit");
     corpdir_tool::AddSettingsFile(program);
     Options options;
@@ -392,7 +393,7 @@ int Run(int argc, char** argv)
     catch (const CLI::ParseError& error)
     {
         // The parser has statuses of its own; only "help was shown" is a success.
-        return program.exit(error) == 0 ? 0 : corpdir_tool::EXIT_ARGUMENTS;
+        return program.exit(error) == 0 ? 0 : corpdir_tool::kExitArguments;
     }
     return status;
 }
@@ -402,10 +403,10 @@ int WithOutputWritten(int status)
 {
     std::cout.flush();  // the parser's, for help and versions
     const bool written = std::cout.good() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-    if (status == corpdir_tool::EXIT_FETCHED && !written)
+    if (status == corpdir_tool::kExitFetched && !written)
     {
-        throw corpdir_tool::Failure(corpdir_tool::EXIT_LOCAL_FILE,
-                                    "standard output cannot be written");
+        throw corpdir_tool::ExitError(corpdir_tool::kExitLocalFile,
+                                      "standard output cannot be written");
     }
     return status;
 }
@@ -432,14 +433,14 @@ int main(int argc, char** argv)
     {
         return WithOutputWritten(Run(argc, argv));
     }
-    catch (const corpdir_tool::Failure& failure)
+    catch (const corpdir_tool::ExitError& error)
     {
-        (void)std::fprintf(stderr, "corpdir: %s\n", failure.what());
-        return failure.Status();
+        (void)std::fprintf(stderr, "corpdir: %s\n", error.what());
+        return error.Status();
     }
     catch (const std::exception& error)
     {
         (void)std::fprintf(stderr, "corpdir: %s\n", error.what());
-        return corpdir_tool::EXIT_INTERNAL;
+        return corpdir_tool::kExitInternal;
     }
 }

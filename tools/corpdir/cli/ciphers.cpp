@@ -6,9 +6,8 @@
 #include <cstdlib>
 #include <optional>
 
-#include "commands/failure.h"
-#include "ui/json.h"
-#include "ui/text.h"
+#include "exit_error.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -16,10 +15,7 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr unsigned long CIPHER_PREFIX = 0x03000000;
-
-// What the service offers when its client sets nothing; ftpcorpdir.h names them.
-constexpr int DEFAULT_CIPHERS[] = {0x03000035, 0x0300003C, 0x0300003D};
+constexpr unsigned long kCipherPrefix = 0x03000000;
 
 // The value of a number that is one from end to end; strtoul itself would also take a sign, blanks
 // and a second "0x".
@@ -38,7 +34,7 @@ std::optional<unsigned long> NumberOf(const std::string& text)
 
 [[noreturn]] void Refuse(const std::string& text, const std::string& why)
 {
-    throw Failure(EXIT_ARGUMENTS, "--ciphers: '" + Printable(text) + "' " + why);
+    throw ExitError(kExitArguments, "--ciphers: '" + Printable(text) + "' " + why);
 }
 
 bool SameName(const std::string& one, const std::string& other)
@@ -46,27 +42,20 @@ bool SameName(const std::string& one, const std::string& other)
     return strcasecmp(one.c_str(), other.c_str()) == 0;
 }
 
-std::string Hexadecimal(int identifier)
-{
-    char text[16] = "";
-    (void)std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned int>(identifier));
-    return text;
-}
-
 }  // namespace
 
-bool IsDefaultCipher(int identifier)
+const std::vector<int>& DefaultCiphers()
 {
-    return std::find(std::begin(DEFAULT_CIPHERS), std::end(DEFAULT_CIPHERS), identifier) !=
-           std::end(DEFAULT_CIPHERS);
+    static const std::vector<int> ciphers = {0x03000035, 0x0300003C, 0x0300003D};
+    return ciphers;
 }
 
 int FindCipher(const std::string& text, const CipherSource& source)
 {
     if (const std::optional<unsigned long> number = NumberOf(text))
     {
-        const unsigned long identifier = *number <= 0xffff ? *number | CIPHER_PREFIX : *number;
-        if ((identifier & ~0xffffUL) != CIPHER_PREFIX)
+        const unsigned long identifier = *number <= 0xffff ? *number | kCipherPrefix : *number;
+        if ((identifier & ~0xffffUL) != kCipherPrefix)
         {
             Refuse(text, "is not a cipher suite identifier such as 0x03000035, 0x0035 or 53");
         }
@@ -80,33 +69,6 @@ int FindCipher(const std::string& text, const CipherSource& source)
         }
     }
     Refuse(text, "is not a cipher suite of this system; 'corpdir ciphers' lists them");
-}
-
-void PrintCiphers(const CipherTable& table, std::FILE* output)
-{
-    (void)std::fprintf(output, "%-10s  %-7s  %-7s  %-45s  %s\n", "IDENTIFIER", "SINCE", "DEFAULT",
-                       "STANDARD NAME", "OPENSSL NAME");
-    for (const CipherSuite& suite : table)
-    {
-        (void)std::fprintf(output, "%s  %-7s  %-7s  %-45s  %s\n",
-                           Hexadecimal(suite.identifier).c_str(), suite.protocol.c_str(),
-                           IsDefaultCipher(suite.identifier) ? "yes" : "",
-                           suite.standardName.c_str(), suite.opensslName.c_str());
-    }
-}
-
-void PrintCiphersAsJson(const CipherTable& table, std::FILE* output)
-{
-    Json list = Json::array();
-    for (const CipherSuite& suite : table)
-    {
-        list.push_back({{"identifier", Hexadecimal(suite.identifier)},
-                        {"standard_name", suite.standardName},
-                        {"openssl_name", suite.opensslName},
-                        {"since", suite.protocol},
-                        {"default", IsDefaultCipher(suite.identifier)}});
-    }
-    (void)std::fprintf(output, "%s\n", TextOf(list).c_str());
 }
 
 }  // namespace corpdir_tool

@@ -1,8 +1,7 @@
-// TLS cipher suites by any of their names.
+// TLS cipher suites by number or name.
 #ifndef CORPDIR_TOOL_CIPHERS_H
 #define CORPDIR_TOOL_CIPHERS_H
 
-#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -21,22 +20,16 @@ struct CipherSuite
 // The suites that the FTP layer accepts, in the TLS library's order of preference.
 using CipherTable = std::vector<CipherSuite>;
 
-// Gives the table; asked only when it is needed, since it costs a moment.
+// Makes the table; called only when needed, since it takes a moment.
 using CipherSource = std::function<CipherTable()>;
 
-// True for a suite that is offered when none is chosen.
-bool IsDefaultCipher(int identifier);
+// The suites that are offered without --ciphers: the service's default, see ftpcorpdir.h.
+const std::vector<int>& DefaultCiphers();
 
-// The identifier for "0x03000035", "0x0035", a decimal number, or either name of a suite of the
-// table, in any case. A number need not be in the table: the FTP layer has the last word. Throws
-// Failure for anything else.
+// The identifier for "0x03000035", "0x0035", a decimal number, or either name of a suite in the
+// table, in any case. A number need not be in the table: the FTP layer checks it. Throws ExitError
+// for anything else.
 int FindCipher(const std::string& text, const CipherSource& source);
-
-// One line for each suite, under a heading.
-void PrintCiphers(const CipherTable& table, std::FILE* output);
-
-// The same as a JSON array of objects.
-void PrintCiphersAsJson(const CipherTable& table, std::FILE* output);
 
 }  // namespace corpdir_tool
 

@@ -6,9 +6,9 @@
 
 #include <algorithm>
 
-#include "commands/failure.h"
-#include "commands/output_files.h"
-#include "ui/text.h"
+#include "exit_error.h"
+#include "os/output_files.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -18,17 +18,17 @@ namespace
 
 // Bytes that fit, without the terminator: a field of the request record, and the FTP layer's own
 // narrower ones.
-constexpr std::size_t MAX_FIELD = 255;
-constexpr std::size_t MAX_USER = 127;
-constexpr std::size_t MAX_DIRECTORY = 127;
+constexpr std::size_t kMaxField = 255;
+constexpr std::size_t kMaxUser = 127;
+constexpr std::size_t kMaxDirectory = 127;
 
-const std::string TRUST_PREFIX = "ca=";
+const std::string kTrustPrefix = "ca=";
 
-constexpr unsigned int EVERYTHING = 2;  // log level of a log that was asked for without one
+constexpr unsigned int kEverything = 2;  // log level of a log that was asked for without one
 
 [[noreturn]] void Refuse(const std::string& message)
 {
-    throw Failure(EXIT_ARGUMENTS, message);
+    throw ExitError(kExitArguments, message);
 }
 
 void CheckLength(const std::string& what, std::size_t length, std::size_t limit)
@@ -67,7 +67,7 @@ std::string LocalName(const std::string& option, const std::string& given,
         }
         return name;
     }
-    CheckText(option, given, MAX_FIELD);
+    CheckText(option, given, kMaxField);
     if (given.find('/') != std::string::npos || given == "." || given == "..")
     {
         Refuse(option + " '" + given + "' is not a plain file name; the directory is --output-dir");
@@ -77,8 +77,8 @@ std::string LocalName(const std::string& option, const std::string& given,
 
 void PlanFiles(const Options& options, Plan& plan)
 {
-    CheckText("--version-file", options.versionFile, MAX_FIELD);
-    CheckText("--directory-file", options.directoryFile, MAX_FIELD);
+    CheckText("--version-file", options.versionFile, kMaxField);
+    CheckText("--directory-file", options.directoryFile, kMaxField);
     if (options.versionFile == options.directoryFile)
     {
         Refuse("--version-file and --directory-file are the same file '" + options.versionFile +
@@ -104,7 +104,7 @@ void PlanFiles(const Options& options, Plan& plan)
     {
         plan.outputDir += '/';
     }
-    CheckLength("--output-dir with its closing '/'", plan.outputDir.size(), MAX_DIRECTORY);
+    CheckLength("--output-dir with its closing '/'", plan.outputDir.size(), kMaxDirectory);
 }
 
 void PlanServers(const Options& options, Plan& plan)
@@ -153,7 +153,7 @@ void CheckAuthorities(const std::string& ca)
     {
         Refuse("--ca is empty");
     }
-    CheckLength("--ca", ca.size(), MAX_FIELD - TRUST_PREFIX.size());
+    CheckLength("--ca", ca.size(), kMaxField - kTrustPrefix.size());
     if (ca.find(';') != std::string::npos)
     {
         Refuse("--ca '" + Printable(ca) + "' contains a ';', which the trust text cannot carry");
@@ -185,7 +185,7 @@ void PlanProtection(const Options& options, const CipherSource& ciphers, Plan& p
     {
         CheckAuthorities(options.ca);
         CheckNames(options.verifyNames);
-        plan.trust = TRUST_PREFIX + options.ca;
+        plan.trust = kTrustPrefix + options.ca;
         plan.verifyNames = options.verifyNames;
     }
     for (const std::string& cipher : options.ciphers)
@@ -196,12 +196,12 @@ void PlanProtection(const Options& options, const CipherSource& ciphers, Plan& p
 
 void PlanLog(const Options& options, Plan& plan)
 {
-    CheckLength("--log-dir", options.logDir.size(), MAX_FIELD);
+    CheckLength("--log-dir", options.logDir.size(), kMaxField);
     plan.logDir = options.logDir;
     plan.logLevel = options.logLevel;
     if (!plan.logDir.empty() && !plan.logLevel)
     {
-        plan.logLevel = EVERYTHING;
+        plan.logLevel = kEverything;
     }
 }
 
@@ -212,7 +212,7 @@ Plan MakePlan(const Options& options, const CipherSource& ciphers)
     Plan plan;
     // In the order of the help text, which is the order in which people look for the mistake.
     PlanServers(options, plan);
-    CheckText("--user", options.user, MAX_USER);
+    CheckText("--user", options.user, kMaxUser);
     plan.user = options.user;
     PlanFiles(options, plan);
     PlanProtection(options, ciphers, plan);

@@ -88,7 +88,7 @@ struct Plan
 };
 
 // Checks the options one by one, touching neither network nor files other than to see whether they
-// can be used. Throws Failure with a message that names the option, the limit and the length.
+// can be used. Throws ExitError with a message that names the option, the limit and the length.
 // ciphers: asked when a suite is given by name.
 Plan MakePlan(const Options& options, const CipherSource& ciphers);
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "commands/failure.h"
-#include "ui/text.h"
+#include "exit_error.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -42,11 +42,11 @@ std::vector<std::string> Split(const std::string& text, char separator)
     const bool hasPort =
         std::count(text.begin(), text.end(), ':') == 1 || text.find("]:") != std::string::npos;
     const bool hasZone = text.find('%') != std::string::npos;
-    throw Failure(EXIT_ARGUMENTS, "--servers: '" + Printable(text) +
-                                      "' is neither an address nor a host name" +
-                                      (hasPort   ? "; the port is given with --port"
-                                       : hasZone ? "; an address with a zone cannot be used"
-                                                 : ""));
+    throw ExitError(kExitArguments, "--servers: '" + Printable(text) +
+                                        "' is neither an address nor a host name" +
+                                        (hasPort   ? "; the port is given with --port"
+                                         : hasZone ? "; an address with a zone cannot be used"
+                                                   : ""));
 }
 
 ServerEntry MakeEntry(const std::string& text)
@@ -54,7 +54,7 @@ ServerEntry MakeEntry(const std::string& text)
     const std::string address = corpdir_shared::NormalAddress(text);
     if (corpdir_shared::IsZeroAddress(address))
     {
-        throw Failure(EXIT_ARGUMENTS, "--servers: " + text + " is not the address of a server");
+        throw ExitError(kExitArguments, "--servers: " + text + " is not the address of a server");
     }
     if (address.empty() && !IsHostName(text))
     {
@@ -74,11 +74,11 @@ std::vector<ServerEntry> SplitServers(const std::string& list)
         const std::string text = WithoutBlanks(piece);
         if (text.empty())
         {
-            throw Failure(EXIT_ARGUMENTS, pieces.size() == 1
-                                              ? "--servers is empty"
-                                              : "--servers: entry " +
-                                                    std::to_string(entries.size() + 1) + " of '" +
-                                                    Printable(list) + "' is empty");
+            throw ExitError(kExitArguments, pieces.size() == 1
+                                                ? "--servers is empty"
+                                                : "--servers: entry " +
+                                                      std::to_string(entries.size() + 1) + " of '" +
+                                                      Printable(list) + "' is empty");
         }
         entries.push_back(MakeEntry(text));
     }

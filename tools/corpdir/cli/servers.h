@@ -19,7 +19,7 @@ using corpdir_shared::ServerEntry;
 using corpdir_shared::SystemLookup;
 
 // Splits a list at ";"; blanks around an entry do not count, IPv6 addresses may stand in brackets.
-// Throws Failure for an empty list or entry and for one that is neither address nor host name.
+// Throws ExitError for an empty list or entry and for one that is neither address nor host name.
 std::vector<ServerEntry> SplitServers(const std::string& list);
 
 }  // namespace corpdir_tool

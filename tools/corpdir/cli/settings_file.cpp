@@ -6,9 +6,9 @@
 #include <memory>
 #include <sstream>
 
-#include "commands/failure.h"
-#include "ui/hints.h"
-#include "ui/text.h"
+#include "cli/suggestion.h"
+#include "exit_error.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -16,32 +16,32 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr std::size_t MAX_FILE = 1 << 20;
+constexpr std::size_t kMaxFile = 1 << 20;
 
 [[noreturn]] void Refuse(std::size_t line, const std::string& problem)
 {
-    throw Failure(EXIT_ARGUMENTS, "line " + std::to_string(line) + ": " + problem);
+    throw ExitError(kExitArguments, "line " + std::to_string(line) + ": " + problem);
 }
 
 // For messages: a file that is none of settings may have anything in it.
 std::string Shown(const std::string& text)
 {
-    constexpr std::size_t LONGEST = 40;
-    return "'" + Printable(text.substr(0, LONGEST)) + (text.size() > LONGEST ? "..." : "") + "'";
+    constexpr std::size_t kLongest = 40;
+    return "'" + Printable(text.substr(0, kLongest)) + (text.size() > kLongest ? "..." : "") + "'";
 }
 
 std::string ReadAll(std::istream& input)
 {
-    std::string text(MAX_FILE + 1, '\0');
+    std::string text(kMaxFile + 1, '\0');
     input.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<std::size_t>(input.gcount()));
     if (input.bad() || (input.fail() && !input.eof()))
     {
-        throw Failure(EXIT_ARGUMENTS, "the file cannot be read any further");
+        throw ExitError(kExitArguments, "the file cannot be read any further");
     }
-    if (text.size() > MAX_FILE)
+    if (text.size() > kMaxFile)
     {
-        throw Failure(EXIT_ARGUMENTS, "the file is too large for one of settings");
+        throw ExitError(kExitArguments, "the file is too large for one of settings");
     }
     return text;
 }
@@ -158,10 +158,10 @@ public:
         {
             return Items(ReadSettings(input));
         }
-        catch (const Failure& failure)
+        catch (const ExitError& error)
         {
             const auto path = m_program.get_config_ptr()->as<std::string>();
-            throw Failure(EXIT_ARGUMENTS, "--config " + Printable(path) + ", " + failure.what());
+            throw ExitError(kExitArguments, "--config " + Printable(path) + ", " + error.what());
         }
     }
 

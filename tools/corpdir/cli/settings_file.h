@@ -19,7 +19,7 @@ struct Setting
 };
 
 // Reads TOML (toml.io, 1.0): texts, whole numbers, true and false, in sections that are not nested;
-// in the order of the lines. Throws Failure with the line's number for anything else.
+// in the order of the lines. Throws ExitError with the line's number for anything else.
 std::vector<Setting> ReadSettings(std::istream& input);
 
 // One file serves all commands. Settings before the first section hold for each command that has

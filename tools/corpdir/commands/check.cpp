@@ -8,14 +8,13 @@
 
 #include "commands/checker.h"
 #include "commands/command.h"
-#include "commands/failure.h"
-#include "ftpcorpdir.h"
+#include "exit_error.h"
 #include "os/password.h"
+#include "text.h"
 #include "travex_ftp.h"
 #include "ui/check_table.h"
 #include "ui/hints.h"
 #include "ui/report.h"
-#include "ui/text.h"
 
 namespace corpdir_tool
 {
@@ -32,8 +31,8 @@ public:
         std::string pattern = "/tmp/corpdir-check-XXXXXX";
         if (mkdtemp(pattern.data()) == nullptr)
         {
-            throw Failure(EXIT_LOCAL_FILE,
-                          "no scratch directory can be made in /tmp: " + SystemMessage(errno));
+            throw ExitError(kExitLocalFile,
+                            "no scratch directory can be made in /tmp: " + SystemMessage(errno));
         }
         m_path = pattern + "/";
     }
@@ -64,16 +63,16 @@ int StatusOf(const std::vector<CheckResult>& results)
 {
     for (const CheckResult& result : results)
     {
-        if (result.failedAt == CheckStep::DONE)
+        if (result.failedAt == CheckStep::kDone)
         {
-            return EXIT_FETCHED;
+            return kExitFetched;
         }
-        if (result.failedAt == CheckStep::VERSION_FILE && result.trouble.code == 0)
+        if (result.failedAt == CheckStep::kVersionFile && result.failure.code == 0)
         {
-            return EXIT_BAD_VERSION;
+            return kExitBadVersion;
         }
     }
-    return EXIT_NO_SERVER;
+    return kExitNoServer;
 }
 
 // Shows results as they come, or all together as JSON.
@@ -88,7 +87,7 @@ public:
     void Add(const CheckResult& result)
     {
         m_results.push_back(result);
-        if (!m_json && !(m_quiet && result.failedAt == CheckStep::DONE))
+        if (!m_json && !(m_quiet && result.failedAt == CheckStep::kDone))
         {
             PrintCheck(result, m_plan, std::time(nullptr), Terminal(stdout));
             (void)std::fflush(stdout);
@@ -109,7 +108,7 @@ public:
         }
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         {
-            throw Failure(EXIT_LOCAL_FILE, "the result cannot be written to standard output");
+            throw ExitError(kExitLocalFile, "the result cannot be written to standard output");
         }
         if (!error.empty())
         {
@@ -127,12 +126,12 @@ public:
 private:
     void Hint() const
     {
-        std::vector<Trouble> troubles;
+        std::vector<Failure> failures;
         for (const CheckResult& result : m_results)
         {
-            troubles.push_back(result.trouble);
+            failures.push_back(result.failure);
         }
-        for (const std::string& hint : HintsFor(troubles, m_plan))
+        for (const std::string& hint : HintsFor(failures, m_plan))
         {
             m_report.Hint(hint);
         }
@@ -148,20 +147,20 @@ private:
 
 std::string ErrorOf(const std::vector<CheckResult>& results, int status)
 {
-    if (status == EXIT_FETCHED)
+    if (status == kExitFetched)
     {
         return "";
     }
-    return status == EXIT_BAD_VERSION ? "the version file is not valid" : AllFailed(results.size());
+    return status == kExitBadVersion ? "the version file is not valid" : AllFailed(results.size());
 }
 
 // Ends with what the servers are good for, a check that was stopped as well.
 int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret& password,
-             EventQueue::Clock::time_point deadline, CommandFrame& frame, CheckPrinter& printer)
+             EventQueue::Clock::time_point deadline, CommandProcess& process, CheckPrinter& printer)
 {
     const ScratchDirectory scratch;
-    const LastResort lastResort(frame, [&scratch] { scratch.Remove(); });
-    Checker checker(*GetCorpDirInstance(), plan, scratch.Path(), password, frame.Events());
+    const LastResort lastResort(process, [&scratch] { scratch.Remove(); });
+    Checker checker(plan, scratch.Path(), password, process.Events());
     try
     {
         for (const Server& server : servers)
@@ -171,9 +170,9 @@ int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret&
     }
     catch (const CheckStopped& stopped)
     {
-        const bool works = StatusOf(printer.Results()) == EXIT_FETCHED;
-        const bool timeOver = stopped.status == EXIT_NO_OUTCOME;
-        return printer.End(works && timeOver ? EXIT_FETCHED : stopped.status, stopped.message);
+        const bool works = StatusOf(printer.Results()) == kExitFetched;
+        const bool timeOver = stopped.status == kExitNoOutcome;
+        return printer.End(works && timeOver ? kExitFetched : stopped.status, stopped.message);
     }
     const int status = StatusOf(printer.Results());
     return printer.End(status, ErrorOf(printer.Results(), status));
@@ -185,10 +184,10 @@ int Check(const Options& options, const CipherSource& ciphers)
     Secret password;
     ReadPassword(options.passwordFile, password);
 
-    CommandFrame frame(plan, [](int number) { return EXIT_SIGNAL + number; });
+    CommandProcess process(plan, [](int number) { return kExitSignal + number; });
     ReportSettings settings;
     settings.quiet = options.quiet;
-    Report report(settings, frame.Messages());
+    Report report(settings, process.Messages());
     CheckPrinter printer(options, plan, report);
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
     const auto leaveOut = [&report, &printer](const std::string& problem)
@@ -198,12 +197,12 @@ int Check(const Options& options, const CipherSource& ciphers)
     };
     try
     {
-        const std::vector<Server> servers = FindServers(plan, frame.Events(), deadline, leaveOut);
-        return CheckAll(servers, plan, password, deadline, frame, printer);
+        const std::vector<Server> servers = FindServers(plan, process.Events(), deadline, leaveOut);
+        return CheckAll(servers, plan, password, deadline, process, printer);
     }
-    catch (const Failure& failure)
+    catch (const ExitError& error)
     {
-        return printer.End(failure.Status(), failure.what());
+        return printer.End(error.Status(), error.what());
     }
 }
 
@@ -215,11 +214,11 @@ int RunCheck(const Options& options, const CipherSource& ciphers)
     {
         return Check(options, ciphers);
     }
-    catch (const Failure& failure)
+    catch (const ExitError& error)
     {
         if (options.json)
         {
-            PrintChecksAsJson({}, {}, options.port, failure.Status(), failure.what(), stdout);
+            PrintChecksAsJson({}, {}, options.port, error.Status(), error.what(), stdout);
         }
         throw;
     }

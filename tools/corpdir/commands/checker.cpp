@@ -1,6 +1,10 @@
 #include "commands/checker.h"
 
-#include "commands/failure.h"
+#include <arpa/inet.h>
+
+#include "commands/layer_settings.h"
+#include "corpdir_log.h"
+#include "exit_error.h"
 #include "os/signals.h"
 
 namespace corpdir_tool
@@ -9,153 +13,249 @@ namespace corpdir_tool
 namespace
 {
 
-// Not a file name: with it the FTP layer refuses a download before anything is sent. The service
-// follows up a version file with the directory file faster than it could be stopped.
-const char NO_FILE[] = ".";
+// Names in the scratch directory.
+const std::string kVersionName = "version";
+const std::string kDirectoryName = "directory";
 
-// Nothing but a file of this size would be downloaded.
-constexpr std::uint64_t SMALLEST_LIMIT = 1;
-
-// The plan of a request that fetches one file into the scratch directory, and nothing after it.
-Plan PlanFor(const Plan& plan, const std::string& scratch, const std::string& file)
+class Handle
 {
-    Plan one = plan;
-    one.versionFile = file;
-    one.outputDir = scratch;
-    one.versionName = "file";
-    one.directoryName = NO_FILE;
-    return one;
+public:
+    Handle() : m_handle(TRAVEX_FTP_CreateHandle())
+    {
+        if (m_handle == nullptr)
+        {
+            throw ExitError(kExitInternal, "the FTP layer could not create a handle");
+        }
+    }
+    ~Handle()
+    {
+        (void)TRAVEX_FTP_CloseHandle(m_handle);  // it is a live handle
+    }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+
+    TRAVEX_FTP_HANDLE Get() const
+    {
+        return m_handle;
+    }
+
+private:
+    TRAVEX_FTP_HANDLE m_handle;
+};
+
+void Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
+{
+    static_cast<EventQueue*>(user)->PushObservation(*seen);
 }
 
-// The row of the first transfer's failure.
+void StartLayers(const Plan& plan)
+{
+    if (plan.logLevel)
+    {
+        tag_CORPDIR_LOGINFO log = LogSettingsOf(plan);
+        if (const unsigned int code = CorpDir_OpenLog(&log); code != 0)
+        {
+            throw LogError(plan, code);
+        }
+    }
+    if (const unsigned int code = TRAVEX_FTP_Init(); code != 0)
+    {
+        CorpDir_CloseLog();
+        throw ExitError(kExitInternal,
+                        "the FTP layer could not be started (code " + std::to_string(code) + ")");
+    }
+}
+
+// 0: IPv4, 1: IPv6.
+unsigned int SetAddress(const std::string& text, unsigned char (&address)[16])
+{
+    const int family = corpdir_shared::FamilyOf(text.c_str());
+    (void)inet_pton(family, text.c_str(), address);  // the plan has checked the text
+    return family == AF_INET6 ? 1 : 0;
+}
+
+// The row of the version file's failure.
 CheckStep StepOf(const Event& event)
 {
     switch (event.step)
     {
         case TRAVEX_FTP_STEP_CONNECT:
-            return CheckStep::CONNECT;
-        case TRAVEX_FTP_STEP_GREETING:  // of implicit FTPS it comes behind the handshake
-            return event.timings.ullSecured == 0 ? CheckStep::CONNECT : CheckStep::LOGIN;
+            return CheckStep::kConnect;
+        case TRAVEX_FTP_STEP_GREETING:  // with implicit FTPS it follows the handshake
+            return event.timings.ullSecured == 0 ? CheckStep::kConnect : CheckStep::kLogin;
         case TRAVEX_FTP_STEP_AUTH:
-            return CheckStep::TLS;
+            return CheckStep::kTls;
         case TRAVEX_FTP_STEP_TLS:
-            return event.code == TRAVEX_FTP_ERR_CERT ? CheckStep::CERTIFICATE : CheckStep::TLS;
+            return event.code == TRAVEX_FTP_ERR_CERT ? CheckStep::kCertificate : CheckStep::kTls;
         case TRAVEX_FTP_STEP_LOGIN:
-            return CheckStep::LOGIN;
+            return CheckStep::kLogin;
         default:
-            return CheckStep::VERSION_FILE;
+            return CheckStep::kVersionFile;
     }
 }
 
-void Fail(CheckResult& result, CheckStep step, const Trouble& trouble)
+void Fail(CheckResult& result, CheckStep step, const Failure& failure)
 {
     result.failedAt = step;
-    result.trouble = trouble;
+    result.failure = failure;
 }
 
 }  // namespace
 
-Checker::Checker(IFtpCorpDir& service, const Plan& plan, const std::string& scratch,
-                 const Secret& password, EventQueue& events)
-    : m_service(service), m_plan(plan), m_scratch(scratch), m_password(password), m_events(events)
+Checker::Checker(const Plan& plan, const std::string& scratch, const Secret& password,
+                 EventQueue& events)
+    : m_plan(plan), m_scratch(scratch), m_password(password), m_events(events)
 {
+    StartLayers(plan);
+    TRAVEX_FTP_SetObserver(&Observe, &m_events);
+}
+
+Checker::~Checker()
+{
+    (void)TRAVEX_FTP_UnInit();  // harmless in any state
+    TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    CorpDir_CloseLog();
 }
 
 CheckResult Checker::Check(const Server& server, EventQueue::Clock::time_point deadline)
 {
     CheckResult result;
     result.server = server;
-    const Plan version = PlanFor(m_plan, m_scratch, m_plan.versionFile);
-    CheckVersion(OutcomeOf(version, server, deadline), result);
-    if (result.failedAt == CheckStep::DONE)
+    SetLimits(m_plan, m_plan.maxSize);
+    RegisterServers({server}, m_plan);
+    const Handle handle;
+    if (const unsigned int code = SetParameters(handle.Get(), server); code != 0)
     {
-        Plan directory = PlanFor(m_plan, m_scratch, m_plan.directoryFile);
-        directory.maxSize = SMALLEST_LIMIT;
-        CheckDirectory(OutcomeOf(directory, server, deadline), result);
+        Fail(result, CheckStep::kConnect, FailureOf(Refusal(code)));
+        return result;
+    }
+    CheckVersionFile(Download(handle.Get(), m_plan.versionFile, kVersionName, server, deadline),
+                     result);
+    if (result.failedAt == CheckStep::kDone)
+    {
+        constexpr std::uint64_t kSmallestLimit = 1;  // byte
+        SetLimits(m_plan, kSmallestLimit);
+        CheckDirectoryFile(
+            Download(handle.Get(), m_plan.directoryFile, kDirectoryName, server, deadline), result);
     }
     return result;
 }
 
-// The end of the first transfer of a request, or why it did not begin.
-Event Checker::OutcomeOf(const Plan& plan, const Server& server,
-                         EventQueue::Clock::time_point deadline)
-{
-    ServiceLink link(m_service, plan, m_events);
-    link.Start();
-    const unsigned int code = link.Request({server}, m_password);
-    for (;;)
-    {
-        // A request that was refused has been observed already.
-        Event event = m_events.WaitUntil(code == 0 ? deadline : EventQueue::Clock::time_point());
-        switch (event.kind)
-        {
-            case EventKind::TRANSFERRED:
-            case EventKind::FAILED:
-                return event;
-            case EventKind::REFUSED:
-                if (IsArgumentRefusal(event.code))
-                {
-                    throw Failure(EXIT_ARGUMENTS, ArgumentProblem(event));
-                }
-                return event;
-            case EventKind::SIGNAL:
-                throw CheckStopped{
-                    EXIT_SIGNAL + event.number,
-                    "stopped by " + SignalName(event.number) + " while checking " + server.Label()};
-            case EventKind::DEADLINE:
-                if (code != 0)
-                {
-                    event.kind = EventKind::REFUSED;
-                    event.reason =
-                        "the request could not be started (code " + std::to_string(code) + ")";
-                    return event;
-                }
-                throw CheckStopped{EXIT_NO_OUTCOME,
-                                   "no outcome within " + std::to_string(m_plan.timeout.count()) +
-                                       " s; stopped while checking " + server.Label()};
-            case EventKind::OUT_OF_MEMORY:
-                throw Failure(EXIT_INTERNAL, "memory ran out");
-            default:
-                break;
-        }
-    }
-}
-
-void Checker::CheckVersion(const Event& event, CheckResult& result) const
+void Checker::CheckVersionFile(const Event& event, CheckResult& result) const
 {
     result.timings = event.timings;
-    if (event.kind != EventKind::TRANSFERRED)
+    if (event.kind != EventKind::kTransferred)
     {
-        Fail(result, StepOf(event), TroubleOf(event));
+        Fail(result, StepOf(event), FailureOf(event));
         return;
     }
     result.versionBytes = event.bytes;
-    const VersionFile& file = event.version;
+    const VersionFile file = ReadVersionFile(m_scratch + kVersionName);
     if (!file.version)
     {
-        Fail(result, CheckStep::VERSION_FILE, {0, 0, 0, 0, m_plan.versionFile, file.problem});
+        Fail(result, CheckStep::kVersionFile, {0, 0, 0, 0, m_plan.versionFile, file.problem});
         return;
     }
     result.version = *file.version;
 }
 
-void Checker::CheckDirectory(const Event& event, CheckResult& result) const
+void Checker::CheckDirectoryFile(const Event& event, CheckResult& result) const
 {
-    const bool there =
-        event.kind == EventKind::TRANSFERRED || event.code == TRAVEX_FTP_ERR_TOO_LARGE;
-    if (!there)
+    const bool exists =
+        event.kind == EventKind::kTransferred || event.code == TRAVEX_FTP_ERR_TOO_LARGE;
+    if (!exists)
     {
-        Fail(result, CheckStep::DIRECTORY_FILE, TroubleOf(event));
+        Fail(result, CheckStep::kDirectoryFile, FailureOf(event));
         return;
     }
-    result.directoryBytes = event.kind == EventKind::TRANSFERRED ? event.bytes : event.total;
+    result.directoryBytes = event.kind == EventKind::kTransferred ? event.bytes : event.total;
     if (m_plan.maxSize != 0 && result.directoryBytes != TRAVEX_FTP_SIZE_UNKNOWN &&
         result.directoryBytes > m_plan.maxSize)
     {
-        Fail(result, CheckStep::DIRECTORY_FILE,
+        Fail(result, CheckStep::kDirectoryFile,
              {TRAVEX_FTP_ERR_TOO_LARGE, TRAVEX_FTP_STEP_RECEIVE, 0, 0, m_plan.directoryFile,
               "the file has " + std::to_string(result.directoryBytes) +
                   " bytes, --max-size allows " + std::to_string(m_plan.maxSize)});
+    }
+}
+
+// The options that have no effect stay zero. 0, or the layer's code.
+unsigned int Checker::SetParameters(TRAVEX_FTP_HANDLE handle, const Server& server) const
+{
+    Wiped<tagTRAVEX_FTP_S_CTRL_PARAM> control;
+    tagTRAVEX_FTP_S_CTRL_PARAM& parameters = control.record;
+    parameters.ulServerType = m_plan.plain ? 0 : 1;
+    parameters.ulServerIpType = SetAddress(server.address, parameters.aucServerIp);
+    parameters.ulServerPort = m_plan.port;
+    CopyText(parameters.acUserName, m_plan.user);
+    CopyText(parameters.acPassword, m_password.View());
+    CopyText(parameters.acWorkDir, m_scratch);
+    parameters.pcFtpCtrlInfo = m_plan.trust.c_str();
+    const std::vector<int>& ciphers = m_plan.ciphers.empty() ? DefaultCiphers() : m_plan.ciphers;
+    parameters.piCipherList = ciphers.data();
+    parameters.ulCipherNum = static_cast<unsigned int>(ciphers.size());
+    if (!m_plan.localIp.empty())
+    {
+        parameters.ulLocalIpType = SetAddress(m_plan.localIp, parameters.aucLocalIp);
+    }
+    parameters.ulCertVerify = m_plan.verify ? 1 : 0;
+    const tagTRAVEX_FTP_S_DATA_PARAM data = {};
+    const unsigned int code = TRAVEX_FTP_SetCtrlParam(handle, &parameters);
+    return code != 0 ? code : TRAVEX_FTP_SetDataParam(handle, &data);
+}
+
+Event Checker::Download(TRAVEX_FTP_HANDLE handle, const std::string& file,
+                        const std::string& localName, const Server& server,
+                        EventQueue::Clock::time_point deadline)
+{
+    unsigned int task = 0;
+    const unsigned int code =
+        TRAVEX_FTP_AsynDownloadFile(handle, &task, file.c_str(), ".", localName.c_str(), nullptr);
+    return code == 0 ? Outcome(server, deadline) : Refusal(code);
+}
+
+// A refusal is observed before the call returns. Throws ExitError when an argument is refused.
+Event Checker::Refusal(unsigned int code)
+{
+    Event refusal;
+    refusal.kind = EventKind::kRefused;
+    refusal.code = code;
+    refusal.reason = "the transfer could not be started (code " + std::to_string(code) + ")";
+    for (const Event& event : m_events.TakeServiceEvents())
+    {
+        refusal = event.kind == EventKind::kRefused ? event : refusal;
+    }
+    if (IsArgumentRefusal(refusal.code))
+    {
+        throw ExitError(kExitArguments, ArgumentProblem(refusal));
+    }
+    return refusal;
+}
+
+// The end of the transfer under way.
+Event Checker::Outcome(const Server& server, EventQueue::Clock::time_point deadline)
+{
+    for (;;)
+    {
+        Event event = m_events.WaitUntil(deadline);
+        switch (event.kind)
+        {
+            case EventKind::kTransferred:
+            case EventKind::kFailed:
+                return event;
+            case EventKind::kSignal:
+                throw CheckStopped{
+                    kExitSignal + event.number,
+                    "stopped by " + SignalName(event.number) + " while checking " + server.Label()};
+            case EventKind::kDeadline:
+                throw CheckStopped{kExitNoOutcome,
+                                   "no outcome within " + std::to_string(m_plan.timeout.count()) +
+                                       " s; stopped while checking " + server.Label()};
+            case EventKind::kOutOfMemory:
+                throw ExitError(kExitInternal, "out of memory");
+            default:
+                break;
+        }
     }
 }
 

@@ -1,72 +1,52 @@
-// What `check` finds out: what each server would do with a request, found out without downloading
-// the directory file.
+// The work of `check`: tries each server without downloading the directory file.
 #ifndef CORPDIR_TOOL_CHECKER_H
 #define CORPDIR_TOOL_CHECKER_H
 
-#include <cstdint>
-#include <optional>
 #include <string>
 
 #include "cli/options.h"
 #include "cli/servers.h"
 #include "commands/events.h"
-#include "commands/service_link.h"
 #include "os/secret.h"
-#include "ui/hints.h"
+#include "ui/check_table.h"
 
 namespace corpdir_tool
 {
 
-// How far a server got.
-enum class CheckStep
-{
-    CONNECT,
-    TLS,
-    CERTIFICATE,
-    LOGIN,
-    VERSION_FILE,
-    DIRECTORY_FILE,
-    DONE
-};
-
-struct CheckResult
-{
-    Server server;
-    CheckStep failedAt = CheckStep::DONE;
-    Trouble trouble;                       // of the failure; its code is 0 for a bad version file
-    tagTRAVEX_FTP_S_TIMINGS timings = {};  // of the version file's transfer
-    std::string version;
-    std::uint64_t versionBytes = 0;
-    std::uint64_t directoryBytes = TRAVEX_FTP_SIZE_UNKNOWN;  // as the server announced it
-};
-
-// The check cannot go on: the time is over, or a stop was asked for.
+// The check cannot go on: --timeout is over, or a signal asks the program to stop.
 struct CheckStopped
 {
     int status;
     std::string message;
 };
 
-// Makes requests of its own to one server after the other. The version file goes to a scratch
-// directory. The directory file is only begun: with the size limit at its smallest the FTP layer
-// gives it up as soon as the server has opened it or sent a first piece.
-// Belongs to the main thread.
+// Uses the FTP layer without the service: one handle for each server, the same parameters as the
+// service would set. The version file goes to a scratch directory. The transfer of the directory
+// file runs under the smallest size limit, so that it ends as soon as the server begins to send.
+// Belongs to the main thread; one at a time in a process.
 class Checker
 {
 public:
     // All references must outlive the checker. scratch: an empty directory, ending in "/".
-    Checker(IFtpCorpDir& service, const Plan& plan, const std::string& scratch,
-            const Secret& password, EventQueue& events);
+    // Throws ExitError when the log or the FTP layer cannot be started.
+    Checker(const Plan& plan, const std::string& scratch, const Secret& password,
+            EventQueue& events);
+    ~Checker();  // cancels what is still under way
+    Checker(const Checker&) = delete;
+    Checker& operator=(const Checker&) = delete;
 
-    // Throws CheckStopped, or Failure when the service cannot be started or an argument is refused.
+    // Throws CheckStopped, or ExitError when the FTP layer refuses an argument.
     CheckResult Check(const Server& server, EventQueue::Clock::time_point deadline);
 
 private:
-    Event OutcomeOf(const Plan& plan, const Server& server, EventQueue::Clock::time_point deadline);
-    void CheckVersion(const Event& event, CheckResult& result) const;
-    void CheckDirectory(const Event& event, CheckResult& result) const;
+    void CheckVersionFile(const Event& event, CheckResult& result) const;
+    void CheckDirectoryFile(const Event& event, CheckResult& result) const;
+    unsigned int SetParameters(TRAVEX_FTP_HANDLE handle, const Server& server) const;
+    Event Download(TRAVEX_FTP_HANDLE handle, const std::string& file, const std::string& localName,
+                   const Server& server, EventQueue::Clock::time_point deadline);
+    Event Refusal(unsigned int code);
+    Event Outcome(const Server& server, EventQueue::Clock::time_point deadline);
 
-    IFtpCorpDir& m_service;
     const Plan& m_plan;
     const std::string m_scratch;
     const Secret& m_password;

@@ -5,9 +5,10 @@
 
 #include <utility>
 
-#include "commands/failure.h"
 #include "commands/name_resolver.h"
-#include "commands/output_files.h"
+#include "corpdir_log.h"
+#include "exit_error.h"
+#include "os/output_files.h"
 
 namespace corpdir_tool
 {
@@ -15,39 +16,39 @@ namespace corpdir_tool
 namespace
 {
 
-// How long a stop may take before the program leaves without it.
-constexpr std::chrono::milliseconds STOP_PATIENCE{900};
+// Time for a stop before the process exits without it.
+constexpr std::chrono::milliseconds kStopPatience{900};
 
 }  // namespace
 
-CommandFrame::CommandFrame(const Plan& plan, int (*lastStatus)(int signalNumber))
-    : m_watch([this](int number) { m_events.PushNumber(EventKind::SIGNAL, number); },
+CommandProcess::CommandProcess(const Plan& plan, int (*lastStatus)(int signalNumber))
+    : m_watch([this](int number) { m_events.Push(EventKind::kSignal, number); },
               [this, lastStatus](int number)
               {
-                  LeaveBehindNothing();
+                  CleanUp();
                   _exit(lastStatus(number));
               },
-              STOP_PATIENCE),
-      m_muted(!plan.logLevel),
-      m_messages(m_muted.Messages())
+              kStopPatience)
 {
-    // A reader of the messages that goes away must not end a transfer halfway.
+    // The service opens a log in any case; records of errors would go to standard error.
+    g_LogMode = plan.logLevel ? 0 : 1;
+    // A closed pipe on standard error must not end a transfer.
     (void)signal(SIGPIPE, SIG_IGN);
 }
 
-LastResort::LastResort(CommandFrame& frame, std::function<void()> action) : m_frame(frame)
+LastResort::LastResort(CommandProcess& process, std::function<void()> action) : m_process(process)
 {
-    const std::lock_guard<std::mutex> lock(m_frame.m_mutex);
-    m_frame.m_lastResort = std::move(action);
+    const std::lock_guard<std::mutex> lock(m_process.m_mutex);
+    m_process.m_lastResort = std::move(action);
 }
 
 LastResort::~LastResort()
 {
-    const std::lock_guard<std::mutex> lock(m_frame.m_mutex);
-    m_frame.m_lastResort = nullptr;
+    const std::lock_guard<std::mutex> lock(m_process.m_mutex);
+    m_process.m_lastResort = nullptr;
 }
 
-void CommandFrame::LeaveBehindNothing() noexcept
+void CommandProcess::CleanUp() noexcept
 {
     RemoveTemporaryFiles();
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -65,18 +66,18 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
     const Event event = events.WaitUntil(deadline);
     switch (event.kind)
     {
-        case EventKind::RESOLVED:
+        case EventKind::kResolved:
             break;
-        case EventKind::SIGNAL:
-            throw Failure(EXIT_SIGNAL + event.number,
-                          "stopped while looking up the names of the servers");
-        case EventKind::DEADLINE:
-            throw Failure(EXIT_NO_OUTCOME, "no outcome within " +
-                                               std::to_string(plan.timeout.count()) +
-                                               " s; stopped while looking up the names of the "
-                                               "servers");
+        case EventKind::kSignal:
+            throw ExitError(kExitSignal + event.number,
+                            "stopped while looking up the names of the servers");
+        case EventKind::kDeadline:
+            throw ExitError(kExitNoOutcome, "no outcome within " +
+                                                std::to_string(plan.timeout.count()) +
+                                                " s; stopped while looking up the names of the "
+                                                "servers");
         default:
-            throw Failure(EXIT_INTERNAL, "memory ran out");
+            throw ExitError(kExitInternal, "memory ran out");
     }
     ResolvedServers resolved = resolver.Take();
     for (const corpdir_shared::LeftOut& entry : resolved.leftOut)
@@ -85,9 +86,9 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
     }
     if (resolved.servers.empty())
     {
-        throw Failure(EXIT_NO_SERVER,
-                      "no name of --servers has an address: check the spelling, "
-                      "'getent hosts NAME' asks this machine's resolver");
+        throw ExitError(kExitNoServer,
+                        "no name of --servers has an address: check the spelling, "
+                        "'getent hosts NAME' asks this machine's resolver");
     }
     return std::move(resolved.servers);
 }

@@ -16,19 +16,19 @@ EventKind KindOf(unsigned int observed)
     switch (observed)
     {
         case TRAVEX_FTP_OBSERVED_ACCEPTED:
-            return EventKind::ACCEPTED;
+            return EventKind::kAccepted;
         case TRAVEX_FTP_OBSERVED_SUCCESS:
-            return EventKind::TRANSFERRED;
+            return EventKind::kTransferred;
         case TRAVEX_FTP_OBSERVED_FAILED:
-            return EventKind::FAILED;
+            return EventKind::kFailed;
         case TRAVEX_FTP_OBSERVED_REFUSED:
-            return EventKind::REFUSED;
+            return EventKind::kRefused;
         default:
-            return EventKind::PROGRESS;
+            return EventKind::kProgress;
     }
 }
 
-// The record is valid during the observer's call only, so everything is copied.
+// Copies everything: the record is valid only during the observer's call.
 Event CopyOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
 {
     Event event;
@@ -51,6 +51,11 @@ Event CopyOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
 }
 
 }  // namespace
+
+Failure FailureOf(const Event& event)
+{
+    return {event.code, event.step, event.reply, event.detail, event.file, event.reason};
+}
 
 std::string AddressOfEndpoint(const std::string& endpoint)
 {
@@ -75,39 +80,12 @@ std::string ArgumentProblem(const Event& event)
     return option + event.reason;
 }
 
-void EventQueue::Push(Event event) noexcept
-{
-    try
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_events.push_back(std::move(event));
-    }
-    catch (const std::bad_alloc&)
-    {
-        SetOutOfMemory();
-    }
-    // Without the lock, which the woken thread would have to wait for.
-    m_changed.notify_one();
-}
-
-void EventQueue::PushKind(EventKind kind) noexcept
-{
-    Event event;
-    event.kind = kind;
-    Push(std::move(event));
-}
-
-void EventQueue::PushNumber(EventKind kind, int number) noexcept
+void EventQueue::Push(EventKind kind, int number) noexcept
 {
     Event event;
     event.kind = kind;
     event.number = number;
-    Push(std::move(event));
-}
-
-void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
-{
-    PushObservation(seen, "", "");
+    Append(std::move(event));
 }
 
 void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen,
@@ -117,16 +95,15 @@ void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen,
     try
     {
         Event event = CopyOf(seen);
-        if (event.kind == EventKind::TRANSFERRED && event.file == versionFile)
+        if (event.kind == EventKind::kTransferred && event.file == versionFile)
         {
             event.version = ReadVersionFile(localVersionFile);
         }
-        Push(std::move(event));
+        Append(std::move(event));
     }
     catch (const std::bad_alloc&)
     {
         SetOutOfMemory();
-        m_changed.notify_one();
     }
 }
 
@@ -134,11 +111,11 @@ Event EventQueue::WaitUntil(Clock::time_point deadline)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_changed.wait_until(lock, deadline, [this] { return m_outOfMemory || !m_events.empty(); });
-    // An event that is lost may be the one that is waited for, so this goes before all others.
+    // The event that was lost may be the one awaited, so this comes before all others.
     Event event;
     if (m_outOfMemory)
     {
-        event.kind = EventKind::OUT_OF_MEMORY;
+        event.kind = EventKind::kOutOfMemory;
     }
     else if (!m_events.empty())
     {
@@ -151,8 +128,7 @@ Event EventQueue::WaitUntil(Clock::time_point deadline)
 std::vector<Event> EventQueue::TakeServiceEvents()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto isOther = [](const Event& event) { return event.kind > EventKind::DELIVERED; };
-    // The order of both kinds is kept.
+    const auto isOther = [](const Event& event) { return event.kind > EventKind::kDelivered; };
     const auto first = std::stable_partition(m_events.begin(), m_events.end(), isOther);
     std::vector<Event> taken(std::make_move_iterator(first),
                              std::make_move_iterator(m_events.end()));
@@ -160,10 +136,27 @@ std::vector<Event> EventQueue::TakeServiceEvents()
     return taken;
 }
 
+void EventQueue::Append(Event event) noexcept
+{
+    try
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_events.push_back(std::move(event));
+    }
+    catch (const std::bad_alloc&)
+    {
+        SetOutOfMemory();
+    }
+    m_changed.notify_one();
+}
+
 void EventQueue::SetOutOfMemory() noexcept
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_outOfMemory = true;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_outOfMemory = true;
+    }
+    m_changed.notify_one();
 }
 
 }  // namespace corpdir_tool

@@ -3,8 +3,8 @@
 #include <chrono>
 
 #include "commands/command.h"
-#include "commands/failure.h"
 #include "commands/session.h"
+#include "exit_error.h"
 #include "ftpcorpdir.h"
 #include "os/password.h"
 #include "ui/json.h"
@@ -32,12 +32,12 @@ Json ServersOf(const Outcome& outcome)
     {
         servers.push_back({{"address", attempt.server.address},
                            {"name", OrNull(attempt.server.name)},
-                           {"gave", attempt.trouble.reason.empty()},
-                           {"file", OrNull(attempt.trouble.file)},
-                           {"code", attempt.trouble.code},
-                           {"step", attempt.trouble.step},
-                           {"reply", attempt.trouble.reply},
-                           {"reason", OrNull(attempt.trouble.reason)}});
+                           {"gave", attempt.failure.reason.empty()},
+                           {"file", OrNull(attempt.failure.file)},
+                           {"code", attempt.failure.code},
+                           {"step", attempt.failure.step},
+                           {"reply", attempt.failure.reply},
+                           {"reason", OrNull(attempt.failure.reason)}});
     }
     return servers;
 }
@@ -59,7 +59,7 @@ public:
         m_leftOut.push_back(problem);
     }
 
-    // Throws Failure when it cannot be written.
+    // Throws ExitError when it cannot be written.
     void Print(const Outcome& outcome) const;
 
 private:
@@ -78,19 +78,19 @@ void ResultPrinter::Print(const Outcome& outcome) const
     {
         PrintObject(outcome);
     }
-    else if (outcome.status == EXIT_FETCHED && !m_quiet)
+    else if (outcome.status == kExitFetched && !m_quiet)
     {
         PrintResult(outcome.version, m_path, outcome.bytes, stdout);
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
     {
-        throw Failure(EXIT_LOCAL_FILE, "the result cannot be written to standard output");
+        throw ExitError(kExitLocalFile, "the result cannot be written to standard output");
     }
 }
 
 void ResultPrinter::PrintObject(const Outcome& outcome) const
 {
-    const bool fetched = outcome.status == EXIT_FETCHED;
+    const bool fetched = outcome.status == kExitFetched;
     const std::chrono::duration<double> spent = EventQueue::Clock::now() - m_begun;
     const Json object = {{"status", outcome.status},
                          {"fetched", fetched},
@@ -133,9 +133,9 @@ Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter
     Secret password;
     ReadPassword(options.passwordFile, password);
 
-    CommandFrame frame(plan, [](int number) { return EXIT_SIGNAL + number; });
-    Report report(SettingsOf(options, plan), frame.Messages());
-    return Download(plan, password, frame.Events(), report, printer);
+    CommandProcess process(plan, [](int number) { return kExitSignal + number; });
+    Report report(SettingsOf(options, plan), process.Messages());
+    return Download(plan, password, process.Events(), report, printer);
 }
 
 }  // namespace
@@ -148,15 +148,15 @@ int RunFetch(const Options& options, const CipherSource& ciphers)
     {
         outcome = Fetch(options, ciphers, printer);
     }
-    catch (const Failure& failure)
+    catch (const ExitError& error)
     {
         if (!options.json)
         {
             throw;
         }
         // The object comes whatever happens; the messages are the same as without it.
-        (void)std::fprintf(stderr, "corpdir: %s\n", failure.what());
-        outcome = Failed(failure.Status(), failure.what());
+        (void)std::fprintf(stderr, "corpdir: %s\n", error.what());
+        outcome = Failed(error.Status(), error.what());
     }
     printer.Print(outcome);
     return outcome.status;

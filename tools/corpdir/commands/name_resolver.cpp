@@ -33,11 +33,11 @@ void NameResolver::Resolve() noexcept
     try
     {
         m_resolved = m_lookup.Wait();
-        m_events.PushKind(EventKind::RESOLVED);
+        m_events.Push(EventKind::kResolved);
     }
     catch (const std::bad_alloc&)
     {
-        m_events.PushKind(EventKind::OUT_OF_MEMORY);
+        m_events.Push(EventKind::kOutOfMemory);
     }
 }
 

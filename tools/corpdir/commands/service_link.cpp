@@ -1,12 +1,9 @@
 #include "commands/service_link.h"
 
-#include <string.h>
-
-#include <algorithm>
 #include <atomic>
 
-#include "commands/failure.h"
-#include "ui/text.h"
+#include "commands/layer_settings.h"
+#include "exit_error.h"
 
 namespace corpdir_tool
 {
@@ -14,17 +11,17 @@ namespace corpdir_tool
 namespace
 {
 
-// Where OnResult puts its news.
+// The client callback has no user pointer.
 std::atomic<EventQueue*> g_resultQueue{nullptr};
 
-// Failures are told better by the observer, which gives the reason.
+// Reports success only: the observer reports failures, with their reasons.
 void OnResult(unsigned int, unsigned int result, const char*, void*)
 {
-    // Read once: the link may be ending on the main thread.
+    // Read once: the main thread may be destroying the link.
     EventQueue* const queue = g_resultQueue;
     if (result == 0 && queue != nullptr)
     {
-        queue->PushKind(EventKind::DELIVERED);
+        queue->Push(EventKind::kDelivered);
     }
 }
 
@@ -33,55 +30,21 @@ void OnObservation(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
     static_cast<ServiceLink*>(user)->Observe(*seen);
 }
 
-// The plan has checked that every text fits.
-template <std::size_t SIZE>
-void Fill(char (&field)[SIZE], std::string_view text)
-{
-    memcpy(field, text.data(), std::min(text.size(), SIZE - 1));
-}
-
-// The request record; it holds the password, and is wiped at the end.
-struct RequestRecord
-{
-    RequestRecord() = default;
-    ~RequestRecord()
-    {
-        explicit_bzero(&info, sizeof info);
-    }
-    RequestRecord(const RequestRecord&) = delete;
-    RequestRecord& operator=(const RequestRecord&) = delete;
-
-    tag_CORPDIR_DOWNLOADINFO info = {};
-};
-
 void FillRequest(const Plan& plan, const Secret& password, tag_CORPDIR_DOWNLOADINFO& info)
 {
-    Fill(info.szFtpCtrlInfo, plan.trust);
-    Fill(info.szUserName, plan.user);
-    Fill(info.szPassword, password.View());
-    Fill(info.szVersionServerFile, plan.versionFile);
-    Fill(info.szCorpDirServerFile, plan.directoryFile);
-    Fill(info.szVersionLocalDir, plan.outputDir);
-    Fill(info.szVersionLocalFileName, plan.versionName);
-    Fill(info.szCorpDirLocalDir, plan.outputDir);
-    Fill(info.szCorpDirLocalFileName, plan.directoryName);
+    CopyText(info.szFtpCtrlInfo, plan.trust);
+    CopyText(info.szUserName, plan.user);
+    CopyText(info.szPassword, password.View());
+    CopyText(info.szVersionServerFile, plan.versionFile);
+    CopyText(info.szCorpDirServerFile, plan.directoryFile);
+    CopyText(info.szVersionLocalDir, plan.outputDir);
+    CopyText(info.szVersionLocalFileName, plan.versionName);
+    CopyText(info.szCorpDirLocalDir, plan.outputDir);
+    CopyText(info.szCorpDirLocalFileName, plan.directoryName);
     info.ulPort = plan.port;
     info.ulFtpMode = plan.plain ? 1 : 0;
-    info.pszLocalIP = plan.localIp.c_str();  // null would keep an earlier request's
+    info.pszLocalIP = plan.localIp.c_str();  // null would keep that of an earlier request
     info.ulCertVerify = plan.verify ? 1 : 0;
-}
-
-void SetLimits(const Plan& plan)
-{
-    tagTRAVEX_FTP_S_LIMITS limits = {};
-    limits.ullFileBytes = plan.maxSize;
-    limits.ulConnectMs =
-        static_cast<unsigned int>(std::chrono::milliseconds(plan.connectTimeout).count());
-    if (const unsigned int code = TRAVEX_FTP_SetLimits(&limits); code != 0)
-    {
-        throw Failure(EXIT_INTERNAL,
-                      "the limits could not be set (code " + std::to_string(code) + ")");
-    }
 }
 
 }  // namespace
@@ -107,22 +70,18 @@ void ServiceLink::Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen) const noexcep
 
 void ServiceLink::Start()
 {
-    SetLimits(m_plan);
-    tag_CORPDIR_LOGINFO log = {};
-    Fill(log.szLogDir, m_plan.logDir);
-    log.ulLogLevel = m_plan.logLevel.value_or(0);
-    m_started = true;  // a start that failed wants a stop, too
+    SetLimits(m_plan, m_plan.maxSize);
+    tag_CORPDIR_LOGINFO log = LogSettingsOf(m_plan);
+    m_started = true;  // a start that failed needs a stop as well
     if (const unsigned int code = m_service.CorpDirInit(&log); code != 0)
     {
-        constexpr unsigned int NOT_THE_LOG = 1;
-        if (code != NOT_THE_LOG && !m_plan.logDir.empty())
+        constexpr unsigned int kNotTheLog = 1;
+        if (code != kNotTheLog && !m_plan.logDir.empty())
         {
-            throw Failure(EXIT_LOCAL_FILE,
-                          "--log-dir '" + Printable(m_plan.logDir) +
-                              "' cannot be written: " + SystemMessage(static_cast<int>(code)));
+            throw LogError(m_plan, code);
         }
-        throw Failure(EXIT_INTERNAL,
-                      "the service could not be started (code " + std::to_string(code) + ")");
+        throw ExitError(kExitInternal,
+                        "the service could not be started (code " + std::to_string(code) + ")");
     }
     if (m_plan.ciphers.empty())
     {
@@ -132,28 +91,23 @@ void ServiceLink::Start()
         m_plan.ciphers.data(), static_cast<unsigned int>(m_plan.ciphers.size()));
     if (code != 0)
     {
-        throw Failure(EXIT_INTERNAL,
-                      "the cipher list could not be set (code " + std::to_string(code) + ")");
+        throw ExitError(kExitInternal,
+                        "the cipher list could not be set (code " + std::to_string(code) + ")");
     }
 }
 
 unsigned int ServiceLink::Request(const std::vector<Server>& servers, const Secret& password)
 {
-    if (const unsigned int code = corpdir_shared::RegisterNames(servers, m_plan.verifyNames);
-        code != 0)
-    {
-        throw Failure(EXIT_INTERNAL, "the names of the servers could not be registered (code " +
-                                         std::to_string(code) + ")");
-    }
+    RegisterServers(servers, m_plan);
     std::string addresses;
     for (const Server& server : servers)
     {
         addresses += (addresses.empty() ? "" : ";") + server.address;
     }
-    RequestRecord record;
-    FillRequest(m_plan, password, record.info);
-    record.info.pszFtpIPs = addresses.c_str();
-    return m_service.CorpDirDownloadNetaddr(&record.info, &OnResult);
+    Wiped<tag_CORPDIR_DOWNLOADINFO> info;
+    FillRequest(m_plan, password, info.record);
+    info.record.pszFtpIPs = addresses.c_str();
+    return m_service.CorpDirDownloadNetaddr(&info.record, &OnResult);
 }
 
 void ServiceLink::Stop()

@@ -28,7 +28,7 @@ public:
     ServiceLink& operator=(const ServiceLink&) = delete;
 
     // Starts the service with the plan's limits and its cipher list, which a stop releases. Throws
-    // Failure.
+    // ExitError.
     void Start();
 
     // Asks these servers for the files, and registers for whom their certificates may be. 0 when

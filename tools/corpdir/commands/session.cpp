@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "commands/failure.h"
+#include "exit_error.h"
 #include "os/signals.h"
-#include "ui/text.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -12,8 +12,8 @@ namespace corpdir_tool
 namespace
 {
 
-const char NEXT_SERVER[] = "trying next server";
-const char SAME_SERVER[] = "trying again";
+const char kNextServer[] = "trying next server";
+const char kSameServer[] = "trying again";
 
 }  // namespace
 
@@ -36,7 +36,7 @@ Outcome Session::Run(EventQueue::Clock::time_point deadline)
         status = Handle(m_events.WaitUntil(deadline));
     }
     m_link.Stop();
-    if (*status == EXIT_FETCHED)
+    if (*status == kExitFetched)
     {
         m_attempts.push_back({m_servers[m_current], {}});
     }
@@ -66,15 +66,15 @@ Session::Settled Session::StartFrom(std::size_t first)
         refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
         for (const Event& event : m_events.TakeServiceEvents())
         {
-            if (event.kind == EventKind::REFUSED && IsArgumentRefusal(event.code))
+            if (event.kind == EventKind::kRefused && IsArgumentRefusal(event.code))
             {
-                return Fail(EXIT_ARGUMENTS, ArgumentProblem(event));
+                return Fail(kExitArguments, ArgumentProblem(event));
             }
-            refusal = event.kind == EventKind::REFUSED ? event : refusal;
+            refusal = event.kind == EventKind::kRefused ? event : refusal;
         }
         // The start itself may have failed halfway, with a transfer under way.
         m_link.Stop();
-        ReportServer(index, refusal, index + 1 < m_servers.size() ? NEXT_SERVER : "");
+        ReportServer(index, refusal, index + 1 < m_servers.size() ? kNextServer : "");
     }
     return NoServerLeft();
 }
@@ -83,30 +83,30 @@ Session::Settled Session::Handle(const Event& event)
 {
     switch (event.kind)
     {
-        case EventKind::ACCEPTED:
+        case EventKind::kAccepted:
             break;  // progress and outcome follow
-        case EventKind::PROGRESS:
+        case EventKind::kProgress:
             return OnProgress(event);
-        case EventKind::TRANSFERRED:
+        case EventKind::kTransferred:
             return OnTransferred(event);
-        case EventKind::FAILED:
+        case EventKind::kFailed:
             return OnFailed(event);
-        case EventKind::REFUSED:
+        case EventKind::kRefused:
             return OnRefused(event);
-        case EventKind::DELIVERED:
-            return EXIT_FETCHED;
-        case EventKind::SIGNAL:
-            return Fail(EXIT_SIGNAL + event.number,
+        case EventKind::kDelivered:
+            return kExitFetched;
+        case EventKind::kSignal:
+            return Fail(kExitSignal + event.number,
                         "stopped by " + SignalName(event.number) + " while " + Activity());
-        case EventKind::DEADLINE:
-            return Fail(EXIT_NO_OUTCOME,
+        case EventKind::kDeadline:
+            return Fail(kExitNoOutcome,
                         "no outcome within " + std::to_string(m_plan.timeout.count()) +
                             " s; stopped while " + Activity(),
                         "--timeout allows more");
-        case EventKind::OUT_OF_MEMORY:
-            return Fail(EXIT_INTERNAL, "memory ran out");
-        case EventKind::RESOLVED:
-        case EventKind::COMMAND_ENDED:
+        case EventKind::kOutOfMemory:
+            return Fail(kExitInternal, "memory ran out");
+        case EventKind::kResolved:
+        case EventKind::kCommandEnded:
             break;  // was awaited before the session; never in one
     }
     return std::nullopt;
@@ -142,7 +142,7 @@ Session::Settled Session::OnTransferred(const Event& event)
     m_current = IndexOf(event);
     if (!file.version)
     {
-        return Fail(EXIT_BAD_VERSION,
+        return Fail(kExitBadVersion,
                     "version file '" + m_plan.VersionPath() + "' from " +
                         m_servers[m_current].Label() + " is not valid: " + file.problem,
                     "its first line, the version, has 5 to 30 bytes");
@@ -157,7 +157,7 @@ Session::Settled Session::OnFailed(const Event& event)
 {
     if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
     {
-        return Fail(EXIT_LOCAL_FILE, event.reason, HintFor(TroubleOf(event), m_plan));
+        return Fail(kExitLocalFile, event.reason, HintFor(FailureOf(event), m_plan));
     }
     if (!IsVersionFile(event))
     {
@@ -182,7 +182,7 @@ Session::Settled Session::OnVersionFailed(const Event& event)
     m_current = servers == 1 ? m_first : m_first + m_failures;
     m_bytes = 0;
     m_total = TRAVEX_FTP_SIZE_UNKNOWN;
-    ReportServer(failed, event, servers == 1 ? SAME_SERVER : NEXT_SERVER);
+    ReportServer(failed, event, servers == 1 ? kSameServer : kNextServer);
     return std::nullopt;
 }
 
@@ -191,7 +191,7 @@ Session::Settled Session::OnRefused(const Event& event)
 {
     if (IsArgumentRefusal(event.code))
     {
-        return Fail(EXIT_ARGUMENTS, ArgumentProblem(event));
+        return Fail(kExitArguments, ArgumentProblem(event));
     }
     return MoveOn(m_current, event);
 }
@@ -201,7 +201,7 @@ Session::Settled Session::MoveOn(std::size_t failedIndex, const Event& event)
 {
     m_link.Stop();
     const std::size_t next = failedIndex + 1;
-    ReportServer(failedIndex, event, next < m_servers.size() ? NEXT_SERVER : "");
+    ReportServer(failedIndex, event, next < m_servers.size() ? kNextServer : "");
     return StartFrom(next);
 }
 
@@ -210,7 +210,7 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
     m_error = message;
     m_report.Error(message);
     // The server that was being asked; the others have been told of.
-    if (status != EXIT_NO_SERVER && status != EXIT_ARGUMENTS)
+    if (status != kExitNoServer && status != kExitArguments)
     {
         m_attempts.push_back({m_servers[m_current], {0, 0, 0, 0, "", message}});
     }
@@ -223,20 +223,20 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
 
 Session::Settled Session::NoServerLeft()
 {
-    (void)Fail(EXIT_NO_SERVER, AllFailed(m_servers.size()));
+    (void)Fail(kExitNoServer, AllFailed(m_servers.size()));
     Hint();
-    return EXIT_NO_SERVER;
+    return kExitNoServer;
 }
 
 // For each kind of failure once.
 void Session::Hint() const
 {
-    std::vector<Trouble> troubles;
+    std::vector<Failure> failures;
     for (const Attempt& attempt : m_attempts)
     {
-        troubles.push_back(attempt.trouble);
+        failures.push_back(attempt.failure);
     }
-    for (const std::string& hint : HintsFor(troubles, m_plan))
+    for (const std::string& hint : HintsFor(failures, m_plan))
     {
         m_report.Hint(hint);
     }
@@ -262,8 +262,8 @@ std::size_t Session::IndexOf(const Event& event) const
 
 void Session::ReportServer(std::size_t index, const Event& event, const std::string& next)
 {
-    m_attempts.push_back({m_servers[index], TroubleOf(event)});
-    m_report.ServerFailed(m_servers[index].Label(), WithFile(m_attempts.back().trouble), next);
+    m_attempts.push_back({m_servers[index], FailureOf(event)});
+    m_report.ServerFailed(m_servers[index].Label(), WithFile(m_attempts.back().failure), next);
 }
 
 std::string Session::Activity() const

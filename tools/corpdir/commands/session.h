@@ -22,7 +22,7 @@ namespace corpdir_tool
 struct Attempt
 {
     Server server;
-    Trouble trouble;  // without a reason: it gave the file
+    Failure failure;  // without a reason: it gave the file
 };
 
 struct Outcome
@@ -48,7 +48,7 @@ public:
             const Secret& password, EventQueue& events, Report& report);
 
     // Runs to the outcome, which is reported unless it is a success. The service is stopped when it
-    // returns. Throws Failure when the service cannot be started.
+    // returns. Throws ExitError when the service cannot be started.
     Outcome Run(EventQueue::Clock::time_point deadline);
 
 private:

@@ -4,7 +4,7 @@
 
 #include <fstream>
 
-#include "ui/text.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -12,8 +12,8 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr std::size_t MIN_VERSION = 5;
-constexpr std::size_t MAX_VERSION = 30;
+constexpr std::size_t kMinVersion = 5;
+constexpr std::size_t kMaxVersion = 30;
 
 }  // namespace
 
@@ -25,13 +25,13 @@ VersionFile ReadVersionFile(const std::string& path)
     {
         return {std::nullopt, "cannot be opened: " + SystemMessage(errno)};
     }
-    char line[MAX_VERSION + 1] = "";
+    char line[kMaxVersion + 1] = "";
     file.getline(line, sizeof line);
     const std::string version = line;
-    if (version.size() < MIN_VERSION)
+    if (version.size() < kMinVersion)
     {
         return {std::nullopt, "its first line '" + Printable(version) + "' is shorter than " +
-                                  std::to_string(MIN_VERSION) + " bytes"};
+                                  std::to_string(kMinVersion) + " bytes"};
     }
     return {version, ""};
 }

@@ -1,10 +1,12 @@
 #include "commands/watch.h"
 
+#include <unistd.h>
+
 #include <optional>
 
 #include "commands/command.h"
-#include "commands/failure.h"
 #include "commands/watcher.h"
+#include "exit_error.h"
 #include "ftpcorpdir.h"
 #include "os/password.h"
 
@@ -18,14 +20,16 @@ int RunWatch(const Options& options, const CipherSource& ciphers)
     ReadPassword(options.passwordFile, password);
 
     // Being asked to stop is how a watch ends.
-    CommandFrame frame(plan, [](int) { return static_cast<int>(EXIT_FETCHED); });
+    CommandProcess process(plan, [](int) { return static_cast<int>(kExitFetched); });
     WatchOutput output(stdout, options.json, options.quiet);
     std::optional<ChildCommand> command;
     if (!options.execute.empty())
     {
-        command.emplace(options.execute, fileno(frame.Messages().Stream()), frame.Events());
+        command.emplace(options.execute, STDERR_FILENO,
+                        [&process](int status)
+                        { process.Events().Push(EventKind::kCommandEnded, status); });
     }
-    const LastResort lastResort(frame,
+    const LastResort lastResort(process,
                                 [&command]
                                 {
                                     if (command)
@@ -33,7 +37,7 @@ int RunWatch(const Options& options, const CipherSource& ciphers)
                                         command->Kill();
                                     }
                                 });
-    Watcher watcher(*GetCorpDirInstance(), plan, SystemLookup, password, frame.Events(), output,
+    Watcher watcher(*GetCorpDirInstance(), plan, SystemLookup, password, process.Events(), output,
                     command ? &*command : nullptr);
     return watcher.Run();
 }

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "commands/failure.h"
+#include "exit_error.h"
 #include "os/signals.h"
-#include "ui/text.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -14,10 +14,10 @@ namespace
 {
 
 // The service's own time between two checks.
-constexpr std::chrono::seconds CHECK_INTERVAL{600};
+constexpr std::chrono::seconds kCheckInterval{600};
 
 // For want of anything to wait for.
-constexpr std::chrono::hours LONG_WAIT{24};
+constexpr std::chrono::hours kLongWait{24};
 
 bool SameServers(const std::vector<Server>& one, const std::vector<Server>& other)
 {
@@ -46,11 +46,11 @@ int Watcher::Run()
     Settled status;
     while (!status)
     {
-        status = Handle(m_events.WaitUntil(m_askAgainAt.value_or(Clock::now() + LONG_WAIT)));
+        status = Handle(m_events.WaitUntil(m_askAgainAt.value_or(Clock::now() + kLongWait)));
         if (!status && m_output.Lost())
         {
             m_link.Stop();
-            throw Failure(EXIT_LOCAL_FILE, "the events cannot be written to standard output");
+            throw ExitError(kExitLocalFile, "the events cannot be written to standard output");
         }
     }
     m_link.Stop();
@@ -109,11 +109,11 @@ Watcher::Settled Watcher::Request(std::size_t first)
         return std::nullopt;
     }
     Event refusal;
-    refusal.kind = EventKind::REFUSED;
+    refusal.kind = EventKind::kRefused;
     refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
     for (const Event& event : m_events.TakeServiceEvents())
     {
-        refusal = event.kind == EventKind::REFUSED ? event : refusal;
+        refusal = event.kind == EventKind::kRefused ? event : refusal;
     }
     m_link.Stop();
     return OnRefused(refusal);
@@ -128,13 +128,13 @@ unsigned int Watcher::StartAndRequest()
         m_link.Start();
         return m_link.Request(m_servers, m_password);
     }
-    catch (const Failure& failure)
+    catch (const ExitError& error)
     {
         if (!m_taken)
         {
             throw;
         }
-        m_output.StartFailed(failure.what());
+        m_output.StartFailed(error.what());
         AskAgainLater();
         return 0;
     }
@@ -144,33 +144,33 @@ Watcher::Settled Watcher::Handle(const Event& event)
 {
     switch (event.kind)
     {
-        case EventKind::ACCEPTED:
+        case EventKind::kAccepted:
             OnAccepted(event);
             break;
-        case EventKind::PROGRESS:
+        case EventKind::kProgress:
             break;
-        case EventKind::TRANSFERRED:
+        case EventKind::kTransferred:
             return OnTransferred(event);
-        case EventKind::DELIVERED:
+        case EventKind::kDelivered:
             OnDelivered();
             break;
-        case EventKind::FAILED:
+        case EventKind::kFailed:
             return OnFailed(event);
-        case EventKind::REFUSED:
+        case EventKind::kRefused:
             return OnRefused(event);
-        case EventKind::RESOLVED:
+        case EventKind::kResolved:
             return OnResolved();
-        case EventKind::COMMAND_ENDED:
+        case EventKind::kCommandEnded:
             OnCommandEnded(event.number);
             break;
-        case EventKind::SIGNAL:
+        case EventKind::kSignal:
             m_output.Stopped(SignalName(event.number));
-            return EXIT_FETCHED;
-        case EventKind::DEADLINE:
+            return kExitFetched;
+        case EventKind::kDeadline:
             OnDeadline();
             break;
-        case EventKind::OUT_OF_MEMORY:
-            throw Failure(EXIT_INTERNAL, "memory ran out");
+        case EventKind::kOutOfMemory:
+            throw ExitError(kExitInternal, "memory ran out");
     }
     return std::nullopt;
 }
@@ -244,7 +244,7 @@ void Watcher::OnDelivered()
 
 Watcher::Settled Watcher::OnFailed(const Event& event)
 {
-    m_output.Failed(ServerOf(event), TroubleOf(event));
+    m_output.Failed(ServerOf(event), FailureOf(event));
     if (IsVersionFile(event))
     {
         OnVersionFailed();
@@ -268,7 +268,7 @@ void Watcher::OnVersionFailed()
         AskAgainLater();
         return;
     }
-    m_output.Waiting(CHECK_INTERVAL, false);
+    m_output.Waiting(kCheckInterval, false);
     LookUp();
 }
 
@@ -317,9 +317,9 @@ Watcher::Settled Watcher::OnRefused(const Event& event)
 {
     if (!m_taken && IsArgumentRefusal(event.code))
     {
-        throw Failure(EXIT_ARGUMENTS, ArgumentProblem(event));
+        throw ExitError(kExitArguments, ArgumentProblem(event));
     }
-    m_output.Failed(ServerOf(event), TroubleOf(event));
+    m_output.Failed(ServerOf(event), FailureOf(event));
     AskAgainLater();
     return std::nullopt;
 }

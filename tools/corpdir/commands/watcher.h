@@ -43,8 +43,8 @@ public:
             EventQueue& events, WatchOutput& output, ChildCommand* command);
 
     // Runs until a signal asks it to stop, then gives 0; any other status after a failure that
-    // repeating cannot mend. The service is stopped when it returns. Throws Failure when it cannot
-    // be started.
+    // repeating cannot mend. The service is stopped when it returns. Throws ExitError when it
+    // cannot be started.
     int Run();
 
 private:

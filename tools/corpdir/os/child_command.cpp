@@ -16,11 +16,11 @@ namespace corpdir_tool
 namespace
 {
 
-// What a command has to end on its own when the program ends.
-constexpr std::chrono::milliseconds PATIENCE{300};
+// Time for a command to end after SIGTERM.
+constexpr std::chrono::milliseconds kPatience{300};
 
-// Ours with the variables added. One of the same name is left out: which of two counts, shells do
-// not agree on.
+// The program's environment with the variables added. An inherited variable of the same name is
+// left out: shells differ in which of two they use.
 std::vector<std::string> EnvironmentWith(const Variables& variables)
 {
     std::vector<std::string> all;
@@ -52,7 +52,7 @@ std::vector<char*> PointersTo(std::vector<std::string>& texts)
     return pointers;
 }
 
-// Settings of posix_spawn, freed at the end.
+// Settings of posix_spawn; frees them.
 struct SpawnSettings
 {
     explicit SpawnSettings(int output)
@@ -63,7 +63,7 @@ struct SpawnSettings
         (void)sigfillset(&ordinary);
         (void)posix_spawnattr_init(&attributes);
         (void)posix_spawn_file_actions_init(&files);
-        // Our signals are blocked and SIGPIPE is ignored; the command shall find nothing of that.
+        // The program blocks signals and ignores SIGPIPE; the command must inherit neither.
         (void)posix_spawnattr_setsigmask(&attributes, &none);
         (void)posix_spawnattr_setsigdefault(&attributes, &ordinary);
         (void)posix_spawnattr_setpgroup(&attributes, 0);
@@ -72,7 +72,7 @@ struct SpawnSettings
         (void)posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         (void)posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
         (void)posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO);
-        // Some library's descriptors are not closed by the exec itself.
+        // Libraries may have opened descriptors without the close-on-exec flag.
         (void)posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
     }
     ~SpawnSettings()
@@ -87,7 +87,7 @@ struct SpawnSettings
     posix_spawn_file_actions_t files;
 };
 
-// As a shell gives it: 128 and the signal for a command that a signal ended.
+// As a shell reports it: 128 plus the signal's number for a command that a signal ended.
 int StatusOf(const siginfo_t& end)
 {
     return end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
@@ -95,8 +95,8 @@ int StatusOf(const siginfo_t& end)
 
 }  // namespace
 
-ChildCommand::ChildCommand(std::string command, int output, EventQueue& events)
-    : m_command(std::move(command)), m_output(output), m_events(events)
+ChildCommand::ChildCommand(std::string command, int output, std::function<void(int status)> onEnd)
+    : m_command(std::move(command)), m_output(output), m_onEnd(std::move(onEnd))
 {
 }
 
@@ -108,12 +108,12 @@ ChildCommand::~ChildCommand()
     }
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        // Not reaped before the thread says so, so the group is still this command's.
+        // Until m_over is set the command is not reaped, so the group id is still its own.
         if (!m_over)
         {
             (void)kill(-m_child, SIGTERM);
         }
-        if (!m_changed.wait_for(lock, PATIENCE, [this] { return m_over; }))
+        if (!m_changed.wait_for(lock, kPatience, [this] { return m_over; }))
         {
             (void)kill(-m_child, SIGKILL);
         }
@@ -158,7 +158,7 @@ void ChildCommand::Ended()
 void ChildCommand::Wait() noexcept
 {
     siginfo_t end = {};
-    // Left unreaped until nobody signals its group any more.
+    // WNOWAIT: it stays unreaped until no thread can signal its group any more.
     while (waitid(P_PID, static_cast<id_t>(m_child), &end, WEXITED | WNOWAIT) != 0 &&
            errno == EINTR)
     {
@@ -169,7 +169,7 @@ void ChildCommand::Wait() noexcept
         (void)waitpid(m_child, nullptr, 0);
     }
     m_changed.notify_all();
-    m_events.PushNumber(EventKind::COMMAND_ENDED, StatusOf(end));
+    m_onEnd(StatusOf(end));
 }
 
 }  // namespace corpdir_tool

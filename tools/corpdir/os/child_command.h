@@ -5,13 +5,12 @@
 #include <sys/types.h>
 
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include "commands/events.h"
 
 namespace corpdir_tool
 {
@@ -19,35 +18,35 @@ namespace corpdir_tool
 // Added to the environment of the command.
 using Variables = std::vector<std::pair<std::string, std::string>>;
 
-// Runs one command at a time in a process group of its own; while it runs a thread waits for its
-// end, which becomes a COMMAND_ENDED. Belongs to the main thread.
+// Runs one command at a time in its own process group; a thread waits for its end. Belongs to the
+// main thread.
 class ChildCommand
 {
 public:
-    // command: for /bin/sh -c. output: descriptor for both of its outputs, so that it does not
-    // write between the lines of a program whose output is read by another one. events must outlive
-    // it.
-    ChildCommand(std::string command, int output, EventQueue& events);
+    // command: for /bin/sh -c. output: descriptor for its standard output and standard error, so
+    // that it does not write between the program's own lines. onEnd: called on the waiting thread
+    // with the exit status, 128 plus the number for a command that a signal ended; must not throw.
+    ChildCommand(std::string command, int output, std::function<void(int status)> onEnd);
 
-    // Ends a command that still runs: its group is asked to end, and killed a moment later.
+    // A command that still runs gets SIGTERM, and SIGKILL a moment later, with its process group.
     ~ChildCommand();
 
     ChildCommand(const ChildCommand&) = delete;
     ChildCommand& operator=(const ChildCommand&) = delete;
 
-    // A command was started, and its COMMAND_ENDED has not been taken note of.
+    // A command was started, and its kCommandEnded has not been taken note of.
     bool Running() const
     {
         return m_thread.joinable();
     }
 
-    // Starts it; call it when none is running. An errno value on failure, else 0.
+    // Starts the command; only when none is running. 0, or an errno value.
     [[nodiscard]] int Start(const Variables& variables);
 
-    // Kills its group, for a process that is about to leave at once. Any thread.
+    // Kills the process group, for a process that is about to exit. Any thread.
     void Kill() noexcept;
 
-    // Takes note of COMMAND_ENDED.
+    // To be called once after onEnd, before the next start.
     void Ended();
 
 private:
@@ -55,7 +54,7 @@ private:
 
     const std::string m_command;
     const int m_output;
-    EventQueue& m_events;
+    const std::function<void(int status)> m_onEnd;
     std::mutex m_mutex;  // guards the next three
     std::condition_variable m_changed;
     pid_t m_child = -1;  // written while no thread waits for it

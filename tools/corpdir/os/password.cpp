@@ -11,18 +11,18 @@
 #include <algorithm>
 #include <array>
 
-#include "commands/failure.h"
-#include "ui/text.h"
+#include "exit_error.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
 
-const char* const PASSWORD_VARIABLE = "CORPDIR_PASSWORD";
+const char* const kPasswordVariable = "CORPDIR_PASSWORD";
 
 namespace
 {
 
-const char TERMINAL[] = "/dev/tty";
+const char kTerminal[] = "/dev/tty";
 
 // What the signal handler needs to give the user's terminal its echo back.
 int g_terminal = -1;
@@ -66,8 +66,8 @@ void ReadDescriptor(int descriptor, bool onlyOneLine, const std::string& source,
         }
         if (got < 0)
         {
-            throw Failure(EXIT_ARGUMENTS,
-                          "cannot read the password from " + source + ": " + SystemMessage(errno));
+            throw ExitError(kExitArguments, "cannot read the password from " + source + ": " +
+                                                SystemMessage(errno));
         }
         if (got == 0)
         {
@@ -75,10 +75,10 @@ void ReadDescriptor(int descriptor, bool onlyOneLine, const std::string& source,
         }
         if (!password.Append(byte))
         {
-            throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is over " +
-                                              std::to_string(Secret::CAPACITY) +
-                                              " bytes long; at most " +
-                                              std::to_string(MAX_PASSWORD_LENGTH) + " are allowed");
+            throw ExitError(kExitArguments,
+                            "the password from " + source + " is over " +
+                                std::to_string(Secret::kCapacity) + " bytes long; at most " +
+                                std::to_string(kMaxPasswordLength) + " are allowed");
         }
         if (onlyOneLine && byte == '\n')
         {
@@ -106,19 +106,19 @@ void CheckPassword(const Secret& password, const std::string& source)
     if (text.empty())
     {
         const char* const advice =
-            source == PASSWORD_VARIABLE ? "; unset it, or give --password-file" : "";
-        throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is empty" + advice);
+            source == kPasswordVariable ? "; unset it, or give --password-file" : "";
+        throw ExitError(kExitArguments, "the password from " + source + " is empty" + advice);
     }
-    if (text.size() > MAX_PASSWORD_LENGTH)
+    if (text.size() > kMaxPasswordLength)
     {
-        throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is " +
-                                          std::to_string(text.size()) + " bytes long; at most " +
-                                          std::to_string(MAX_PASSWORD_LENGTH) + " are allowed");
+        throw ExitError(kExitArguments, "the password from " + source + " is " +
+                                            std::to_string(text.size()) + " bytes long; at most " +
+                                            std::to_string(kMaxPasswordLength) + " are allowed");
     }
     if (std::any_of(text.begin(), text.end(), IsControlByte))
     {
-        throw Failure(EXIT_ARGUMENTS, "the password from " + source +
-                                          " contains a control byte, such as a newline");
+        throw ExitError(kExitArguments, "the password from " + source +
+                                            " contains a control byte, such as a newline");
     }
 }
 
@@ -132,8 +132,8 @@ void ReadFile(const std::string& path, const std::string& source, Secret& passwo
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (file.Get() < 0)
     {
-        throw Failure(EXIT_ARGUMENTS,
-                      "cannot read the password from " + source + ": " + SystemMessage(errno));
+        throw ExitError(kExitArguments,
+                        "cannot read the password from " + source + ": " + SystemMessage(errno));
     }
     ReadDescriptor(file.Get(), false, source, password);
 }
@@ -143,7 +143,7 @@ void ForgetVariable(char* value)
 {
     explicit_bzero(value, strlen(value));
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet
-    (void)unsetenv(PASSWORD_VARIABLE);  // cannot fail for a name that is valid
+    (void)unsetenv(kPasswordVariable);  // cannot fail for a name that is valid
 }
 
 void TakeVariable(char* value, const std::string& source, Secret& password)
@@ -157,9 +157,9 @@ void TakeVariable(char* value, const std::string& source, Secret& password)
     ForgetVariable(value);
     if (!fits)
     {
-        throw Failure(EXIT_ARGUMENTS, "the password from " + source + " is " +
-                                          std::to_string(length) + " bytes long; at most " +
-                                          std::to_string(MAX_PASSWORD_LENGTH) + " are allowed");
+        throw ExitError(kExitArguments, "the password from " + source + " is " +
+                                            std::to_string(length) + " bytes long; at most " +
+                                            std::to_string(kMaxPasswordLength) + " are allowed");
     }
 }
 
@@ -180,15 +180,15 @@ public:
         g_terminal = descriptor;
         if (tcgetattr(descriptor, &g_savedMode) != 0)
         {
-            throw Failure(EXIT_ARGUMENTS,
-                          "cannot prompt for the password: " + SystemMessage(errno));
+            throw ExitError(kExitArguments,
+                            "cannot prompt for the password: " + SystemMessage(errno));
         }
         struct sigaction action = {};
         action.sa_handler = RestoreEchoAndRaise;
         action.sa_flags = static_cast<int>(SA_RESETHAND);
-        for (std::size_t index = 0; index < SIGNALS.size(); ++index)
+        for (std::size_t index = 0; index < kSignals.size(); ++index)
         {
-            TakeOver(SIGNALS[index], action, m_savedActions[index]);
+            TakeOver(kSignals[index], action, m_savedActions[index]);
         }
         termios silent = g_savedMode;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
@@ -197,9 +197,9 @@ public:
     ~SilentTerminal()
     {
         (void)tcsetattr(g_terminal, TCSAFLUSH, &g_savedMode);
-        for (std::size_t index = 0; index < SIGNALS.size(); ++index)
+        for (std::size_t index = 0; index < kSignals.size(); ++index)
         {
-            (void)sigaction(SIGNALS[index], &m_savedActions[index], nullptr);
+            (void)sigaction(kSignals[index], &m_savedActions[index], nullptr);
         }
     }
     SilentTerminal(const SilentTerminal&) = delete;
@@ -216,18 +216,18 @@ private:
         }
     }
 
-    static constexpr std::array<int, 4> SIGNALS{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-    std::array<struct sigaction, SIGNALS.size()> m_savedActions{};
+    static constexpr std::array<int, 4> kSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    std::array<struct sigaction, kSignals.size()> m_savedActions{};
 };
 
 void Prompt(const std::string& source, Secret& password)
 {
-    const Descriptor terminal(open(TERMINAL, O_RDWR | O_CLOEXEC | O_NOCTTY));
+    const Descriptor terminal(open(kTerminal, O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (terminal.Get() < 0)
     {
-        throw Failure(EXIT_ARGUMENTS, std::string("no password: give --password-file, set ") +
-                                          PASSWORD_VARIABLE +
-                                          ", or start the program on a terminal");
+        throw ExitError(kExitArguments, std::string("no password: give --password-file, set ") +
+                                            kPasswordVariable +
+                                            ", or start the program on a terminal");
     }
     const SilentTerminal silent(terminal.Get());
     (void)!write(terminal.Get(), "Password: ", 10);  // without it the user still may type
@@ -241,7 +241,7 @@ void ReadPassword(const std::string& passwordFile, Secret& password)
 {
     std::string source;
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread exists yet
-    char* const variable = getenv(PASSWORD_VARIABLE);
+    char* const variable = getenv(kPasswordVariable);
     if (!passwordFile.empty())
     {
         if (variable != nullptr)
@@ -253,7 +253,7 @@ void ReadPassword(const std::string& passwordFile, Secret& password)
     }
     else if (variable != nullptr)
     {
-        source = PASSWORD_VARIABLE;
+        source = kPasswordVariable;
         TakeVariable(variable, source, password);
     }
     else

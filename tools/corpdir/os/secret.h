@@ -1,4 +1,4 @@
-// A password in memory: one fixed buffer that is never copied by growing and is wiped at the end.
+// A password in memory: one fixed buffer, which never grows by copying and is wiped at the end.
 #ifndef CORPDIR_TOOL_SECRET_H
 #define CORPDIR_TOOL_SECRET_H
 
@@ -15,8 +15,8 @@ namespace corpdir_tool
 class Secret
 {
 public:
-    // More than any password may have, so that an over-long one can be told with its length.
-    static constexpr std::size_t CAPACITY = 4096;
+    // More than a password may have, so that the message on a longer one can give its length.
+    static constexpr std::size_t kCapacity = 4096;
 
     Secret() = default;
     ~Secret()
@@ -29,7 +29,7 @@ public:
     // False, and nothing appended, when the byte does not fit.
     [[nodiscard]] bool Append(char byte)
     {
-        if (m_length == CAPACITY)
+        if (m_length == kCapacity)
         {
             return false;
         }
@@ -54,8 +54,23 @@ public:
     }
 
 private:
-    std::array<char, CAPACITY> m_bytes{};
+    std::array<char, kCapacity> m_bytes{};
     std::size_t m_length = 0;
+};
+
+// A zeroed record that will hold a password; wiped at the end.
+template <typename Record>
+struct Wiped
+{
+    Wiped() = default;
+    ~Wiped()
+    {
+        explicit_bzero(&record, sizeof record);
+    }
+    Wiped(const Wiped&) = delete;
+    Wiped& operator=(const Wiped&) = delete;
+
+    Record record = {};
 };
 
 }  // namespace corpdir_tool

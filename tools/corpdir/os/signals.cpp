@@ -13,7 +13,7 @@ namespace
 {
 
 // Also wakes the watch's own thread when it is to end.
-constexpr int WAKE_SIGNAL = SIGTERM;
+constexpr int kWakeSignal = SIGTERM;
 
 void AddUnlessIgnored(int signalNumber, sigset_t& signals)
 {
@@ -29,7 +29,7 @@ sigset_t StopSignals()
 {
     sigset_t signals;
     (void)sigemptyset(&signals);
-    (void)sigaddset(&signals, WAKE_SIGNAL);
+    (void)sigaddset(&signals, kWakeSignal);
     AddUnlessIgnored(SIGINT, signals);
     AddUnlessIgnored(SIGHUP, signals);
     return signals;
@@ -74,7 +74,7 @@ SignalWatch::SignalWatch(Handler onSignal, Handler lastResort, std::chrono::mill
 SignalWatch::~SignalWatch()
 {
     m_ending = true;
-    (void)pthread_kill(m_thread.native_handle(), WAKE_SIGNAL);
+    (void)pthread_kill(m_thread.native_handle(), kWakeSignal);
     m_thread.join();
     (void)pthread_sigmask(SIG_SETMASK, &m_savedMask, nullptr);
 }

@@ -12,7 +12,7 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr unsigned int USUAL_WIDTH = 80;
+constexpr unsigned int kUsualWidth = 80;
 
 bool CanRewrite(std::FILE* stream)
 {
@@ -31,15 +31,15 @@ const char* CodeOf(Style style)
 {
     switch (style)
     {
-        case Style::BAD:
+        case Style::kBad:
             return "31";
-        case Style::WARN:
+        case Style::kWarn:
             return "33";
-        case Style::GOOD:
+        case Style::kGood:
             return "32";
-        case Style::FAINT:
+        case Style::kFaint:
             return "90";
-        case Style::PLAIN:
+        case Style::kPlain:
             break;
     }
     return nullptr;
@@ -60,7 +60,7 @@ unsigned int Terminal::Width() const
         return m_width;
     }
     const bool known = ioctl(fileno(m_stream), TIOCGWINSZ, &size) == 0 && size.ws_col != 0;
-    return known ? size.ws_col : USUAL_WIDTH;
+    return known ? size.ws_col : kUsualWidth;
 }
 
 std::string Terminal::Styled(Style style, const std::string& text) const

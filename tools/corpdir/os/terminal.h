@@ -10,11 +10,11 @@ namespace corpdir_tool
 
 enum class Style
 {
-    PLAIN,
-    BAD,    // red
-    WARN,   // yellow
-    GOOD,   // green
-    FAINT,  // grey
+    kPlain,
+    kBad,    // red
+    kWarn,   // yellow
+    kGood,   // green
+    kFaint,  // grey
 };
 
 // Not thread-safe: belongs to the main thread. Does not own the stream.

@@ -1,7 +1,7 @@
 #include "ui/check_table.h"
 
+#include "text.h"
 #include "ui/json.h"
-#include "ui/text.h"
 
 namespace corpdir_tool
 {
@@ -9,7 +9,7 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr unsigned int USUAL_PORT = 21;
+constexpr unsigned int kUsualPort = 21;
 
 struct Row
 {
@@ -69,26 +69,26 @@ std::vector<Row> RowsOf(const CheckResult& result, const Plan& plan, std::time_t
     { return end > begin ? end - begin : 0; };
     const std::uint64_t ready = plan.plain ? timings.ullConnected : timings.ullSecured;
     std::vector<Row> rows;
-    rows.push_back({CheckStep::CONNECT, "connect", "ok", timings.ullConnected});
+    rows.push_back({CheckStep::kConnect, "connect", "ok", timings.ullConnected});
     if (!plan.plain)
     {
-        rows.push_back({CheckStep::TLS, "TLS",
+        rows.push_back({CheckStep::kTls, "TLS",
                         std::string(timings.acTlsVersion) + ", " + timings.acTlsSuite,
                         since(timings.ullSecured, timings.ullConnected)});
-        rows.push_back({CheckStep::CERTIFICATE, "certificate",
+        rows.push_back({CheckStep::kCertificate, "certificate",
                         CertificateText(result, now) + (plan.verify ? "" : "; not verified"), 0});
     }
     rows.push_back(
-        {CheckStep::LOGIN, "login", "ok as " + plan.user, since(timings.ullLoggedIn, ready)});
+        {CheckStep::kLogin, "login", "ok as " + plan.user, since(timings.ullLoggedIn, ready)});
     const char* const data = plan.plain                   ? ""
                              : timings.ulDataResumed == 1 ? "; data channel resumed the TLS session"
                                                           : "; data channel had a TLS session of "
                                                             "its own";
     rows.push_back(
-        {CheckStep::VERSION_FILE, "version file",
+        {CheckStep::kVersionFile, "version file",
          "'" + result.version + "', " + std::to_string(result.versionBytes) + " bytes" + data,
          since(timings.ullEnded, timings.ullLoggedIn)});
-    rows.push_back({CheckStep::DIRECTORY_FILE, "directory file", DirectoryText(result), 0});
+    rows.push_back({CheckStep::kDirectoryFile, "directory file", DirectoryText(result), 0});
     return rows;
 }
 
@@ -108,11 +108,11 @@ Json JsonOf(const CheckResult& result)
     const bool certificate = timings.llCertificateUntil != 0;
     return {{"address", result.server.address},
             {"name", OrNull(result.server.name)},
-            {"works", result.failedAt == CheckStep::DONE},
-            {"code", result.trouble.code},
-            {"step", result.trouble.step},
-            {"reply", result.trouble.reply},
-            {"reason", OrNull(result.trouble.reason)},
+            {"works", result.failedAt == CheckStep::kDone},
+            {"code", result.failure.code},
+            {"step", result.failure.step},
+            {"reply", result.failure.reply},
+            {"reason", OrNull(result.failure.reason)},
             {"tls_version", OrNull(timings.acTlsVersion)},
             {"tls_suite", OrNull(timings.acTlsSuite)},
             {"certificate_subject", OrNull(timings.acSubject)},
@@ -136,7 +136,7 @@ Json JsonOf(const CheckResult& result)
 void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
                 const Terminal& output)
 {
-    const std::string port = std::to_string(plan.port == 0 ? USUAL_PORT : plan.port);
+    const std::string port = std::to_string(plan.port == 0 ? kUsualPort : plan.port);
     (void)std::fprintf(output.Stream(), "%s, port %s\n", Printable(result.server.Label()).c_str(),
                        port.c_str());
     for (const Row& row : RowsOf(result, plan, now))
@@ -144,18 +144,18 @@ void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
         if (row.step == result.failedAt)
         {
             PrintRow(row.name,
-                     output.Styled(Style::BAD, "failed: ") + Printable(result.trouble.reason), "",
+                     output.Styled(Style::kBad, "failed: ") + Printable(result.failure.reason), "",
                      output);
             // What the certificate says is what somebody wants to know who is told that it fails.
             const std::string certificate = CertificateText(result, now);
-            if (row.step == CheckStep::CERTIFICATE && !certificate.empty())
+            if (row.step == CheckStep::kCertificate && !certificate.empty())
             {
                 PrintRow("", Printable(certificate), "", output);
             }
             return;
         }
         // Without its handshake a channel has nothing to show.
-        if (row.step != CheckStep::TLS || result.failedAt != CheckStep::CERTIFICATE)
+        if (row.step != CheckStep::kTls || result.failedAt != CheckStep::kCertificate)
         {
             PrintRow(row.name, Printable(row.result),
                      row.microseconds == 0 ? "" : Milliseconds(row.microseconds), output);
@@ -174,7 +174,7 @@ void PrintChecksAsJson(const std::vector<CheckResult>& results,
     }
     const Json object = {{"status", status},
                          {"error", OrNull(error)},
-                         {"port", port == 0 ? USUAL_PORT : port},
+                         {"port", port == 0 ? kUsualPort : port},
                          {"servers", servers},
                          {"left_out", leftOut}};
     (void)std::fprintf(output, "%s\n", TextOf(object).c_str());

@@ -1,7 +1,6 @@
 #include "ui/hints.h"
 
 #include <algorithm>
-#include <numeric>
 
 #include "travex_ftp.h"
 
@@ -11,40 +10,37 @@ namespace corpdir_tool
 namespace
 {
 
-// Letters that may be missing, too many, or wrong in a word that is still recognised.
-constexpr std::size_t MAX_MISTAKES = 2;
-
-constexpr unsigned int USUAL_PORT = 21;
-constexpr unsigned int IMPLICIT_PORT = 990;
+constexpr unsigned int kUsualPort = 21;
+constexpr unsigned int kImplicitPort = 990;
 
 // Replies that say more than the step at which they came.
-constexpr unsigned int SERVICE_CLOSED = 421;
-constexpr unsigned int NO_DATA_CONNECTION = 425;
+constexpr unsigned int kServiceClosed = 421;
+constexpr unsigned int kNoDataConnection = 425;
 
-const char LOG_HINT[] = "--log-dir DIR writes a log of every step";
-const char SERVER_LOG_HINT[] = "the server's own log may say why";
+const char kLogHint[] = "--log-dir DIR writes a log of every step";
+const char kServerLogHint[] = "the server's own log may say why";
 
 std::string PortOf(const Plan& plan)
 {
-    return "port " + std::to_string(plan.port == 0 ? USUAL_PORT : plan.port);
+    return "port " + std::to_string(plan.port == 0 ? kUsualPort : plan.port);
 }
 
-std::string ClosedHint(const Trouble& trouble)
+std::string ClosedHint(const Failure& failure)
 {
-    return trouble.step == TRAVEX_FTP_STEP_GREETING || trouble.step == TRAVEX_FTP_STEP_LOGIN
+    return failure.step == TRAVEX_FTP_STEP_GREETING || failure.step == TRAVEX_FTP_STEP_LOGIN
                ? "connection limit reached or service closed; try again later"
                : "the server closed the connection: its time limit, or a shutdown; try again later";
 }
 
-std::string ConnectHint(const Trouble& trouble, const Plan& plan)
+std::string ConnectHint(const Failure& failure, const Plan& plan)
 {
-    switch (trouble.step)
+    switch (failure.step)
     {
         case TRAVEX_FTP_STEP_DATA_CONNECT:
             return "the server's passive ports must be open, on the server and in firewalls before "
                    "it";
         case TRAVEX_FTP_STEP_GREETING:
-            return std::string("the server does not serve this machine; ") + SERVER_LOG_HINT;
+            return std::string("the server does not serve this machine; ") + kServerLogHint;
         default:
             return "is the server up, and is --" + PortOf(plan) + " the right one?";
     }
@@ -74,38 +70,38 @@ std::string VersionHint(const Plan& plan)
     return prefix + "those of --ciphers are too new for it, and it has to be updated";
 }
 
-std::string TlsHint(const Trouble& trouble, const Plan& plan)
+std::string TlsHint(const Failure& failure, const Plan& plan)
 {
-    if (trouble.detail == TRAVEX_FTP_DETAIL_TLS_VERSION)
+    if (failure.detail == TRAVEX_FTP_DETAIL_TLS_VERSION)
     {
         return VersionHint(plan);
     }
-    if (trouble.detail == TRAVEX_FTP_DETAIL_TLS_SUITES)
+    if (failure.detail == TRAVEX_FTP_DETAIL_TLS_SUITES)
     {
         return "the server accepts none of the cipher suites; 'corpdir ciphers' lists what "
                "--ciphers can offer";
     }
-    switch (trouble.step)
+    switch (failure.step)
     {
         case TRAVEX_FTP_STEP_AUTH:
-            return trouble.reply == 0
+            return failure.reply == 0
                        ? "something between may have changed the replies: check the network"
                        : "the server offers no TLS on " + PortOf(plan) +
                              ": enable FTPS there; --plain would send the password in clear";
         case TRAVEX_FTP_STEP_PROTECT:
             return "the server refuses an encrypted data channel: enable PROT P there";
         case TRAVEX_FTP_STEP_DATA_TLS:
-            return SERVER_LOG_HINT;
+            return kServerLogHint;
         default:
             return "port 990 is for implicit FTPS, the others are for explicit; is --" +
                    PortOf(plan) + " the right one?";
     }
 }
 
-std::string CertificateHint(const Trouble& trouble)
+std::string CertificateHint(const Failure& failure)
 {
     const char* const rest = "; 'corpdir check' shows the certificate";
-    switch (trouble.detail)
+    switch (failure.detail)
     {
         case TRAVEX_FTP_DETAIL_CERT_NAME:
             return std::string(
@@ -120,9 +116,9 @@ std::string CertificateHint(const Trouble& trouble)
     }
 }
 
-std::string TimeHint(const Trouble& trouble, const Plan& plan)
+std::string TimeHint(const Failure& failure, const Plan& plan)
 {
-    switch (trouble.step)
+    switch (failure.step)
     {
         case TRAVEX_FTP_STEP_CONNECT:
             return "a firewall may drop packets to " + PortOf(plan) +
@@ -131,7 +127,7 @@ std::string TimeHint(const Trouble& trouble, const Plan& plan)
             return "a firewall may drop packets to the server's passive ports; --connect-timeout "
                    "allows more time";
         case TRAVEX_FTP_STEP_GREETING:
-            return plan.port == IMPLICIT_PORT || plan.plain
+            return plan.port == kImplicitPort || plan.plain
                        ? "the server accepted the connection and sent nothing: check the server"
                        : "the server accepted the connection and sent nothing: implicit FTPS needs "
                          "--port 990; else check the server";
@@ -141,7 +137,7 @@ std::string TimeHint(const Trouble& trouble, const Plan& plan)
         case TRAVEX_FTP_STEP_RECEIVE:
             return "the server or the network is too slow or hangs; try again later";
         case TRAVEX_FTP_STEP_CONFIRM:
-            return SERVER_LOG_HINT;
+            return kServerLogHint;
         default:
             return "the server is too slow or hangs; try again later";
     }
@@ -154,92 +150,69 @@ std::string LoginHint(const Plan& plan)
                       : "check --user and the password";
 }
 
-std::string FileHint(const Trouble& trouble, const Plan& plan)
+std::string FileHint(const Failure& failure, const Plan& plan)
 {
-    if (trouble.reply == NO_DATA_CONNECTION)
+    if (failure.reply == kNoDataConnection)
     {
-        return std::string("the server could not use the data channel; ") + SERVER_LOG_HINT;
+        return std::string("the server could not use the data channel; ") + kServerLogHint;
     }
-    if (trouble.reply >= 400 && trouble.reply < 500)
+    if (failure.reply >= 400 && failure.reply < 500)
     {
         return "the server cannot send the file at present; try again later";
     }
     const std::string option =
-        trouble.file == plan.versionFile ? "--version-file" : "--directory-file";
+        failure.file == plan.versionFile ? "--version-file" : "--directory-file";
     return "check " + option +
            "; without a leading '/' it is relative to the directory after the login";
 }
 
-// What has to be changed in one word to get the other (Levenshtein's distance).
-std::size_t Mistakes(const std::string& word, const std::string& other)
-{
-    std::vector<std::size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (const char letter : word)
-    {
-        std::size_t before = row[0]++;
-        for (std::size_t i = 1; i != row.size(); ++i)
-        {
-            const std::size_t swapped = before + (letter == other[i - 1] ? 0 : 1);
-            before = row[i];
-            row[i] = std::min({row[i] + 1, row[i - 1] + 1, swapped});
-        }
-    }
-    return row.back();
-}
-
 }  // namespace
 
-Trouble TroubleOf(const Event& event)
+std::string HintFor(const Failure& failure, const Plan& plan)
 {
-    return {event.code, event.step, event.reply, event.detail, event.file, event.reason};
-}
-
-std::string HintFor(const Trouble& trouble, const Plan& plan)
-{
-    if (trouble.reply == SERVICE_CLOSED)
+    if (failure.reply == kServiceClosed)
     {
-        return ClosedHint(trouble);
+        return ClosedHint(failure);
     }
-    switch (trouble.code)
+    switch (failure.code)
     {
         case TRAVEX_FTP_ERR_CONNECT:
-            return ConnectHint(trouble, plan);
+            return ConnectHint(failure, plan);
         case TRAVEX_FTP_ERR_TLS:
-            return TlsHint(trouble, plan);
+            return TlsHint(failure, plan);
         case TRAVEX_FTP_ERR_CERT:
-            return CertificateHint(trouble);
+            return CertificateHint(failure);
         case TRAVEX_FTP_ERR_LOGIN:
             return LoginHint(plan);
         case TRAVEX_FTP_ERR_FILE:
-            return FileHint(trouble, plan);
+            return FileHint(failure, plan);
         case TRAVEX_FTP_ERR_TIMEOUT:
-            return TimeHint(trouble, plan);
+            return TimeHint(failure, plan);
         case TRAVEX_FTP_ERR_PARTIAL:
             return std::string("the server, or something between, ended the file early; ") +
-                   SERVER_LOG_HINT;
+                   kServerLogHint;
         case TRAVEX_FTP_ERR_TOO_LARGE:
             return "--max-size allows more";
         case TRAVEX_FTP_ERR_LOCAL_FILE:
             return "check free space and permissions of --output-dir";
         case TRAVEX_FTP_ERR_TRANSFER:
-            return trouble.step == TRAVEX_FTP_STEP_GREETING
+            return failure.step == TRAVEX_FTP_STEP_GREETING
                        ? "the server closes connections at once: a limit, or is --" + PortOf(plan) +
                              " the wrong one?"
-                       : LOG_HINT;
+                       : kLogHint;
         case TRAVEX_FTP_ERR_REPLY:
-            return LOG_HINT;
+            return kLogHint;
         default:
             return "";
     }
 }
 
-std::vector<std::string> HintsFor(const std::vector<Trouble>& troubles, const Plan& plan)
+std::vector<std::string> HintsFor(const std::vector<Failure>& failures, const Plan& plan)
 {
     std::vector<std::string> hints;
-    for (const Trouble& trouble : troubles)
+    for (const Failure& failure : failures)
     {
-        const std::string hint = HintFor(trouble, plan);
+        const std::string hint = HintFor(failure, plan);
         if (!hint.empty() && std::find(hints.begin(), hints.end(), hint) == hints.end())
         {
             hints.push_back(hint);
@@ -248,31 +221,19 @@ std::vector<std::string> HintsFor(const std::vector<Trouble>& troubles, const Pl
     return hints;
 }
 
-std::string WithFile(const Trouble& trouble)
+std::string WithFile(const Failure& failure)
 {
-    const bool isAboutFile = trouble.code == TRAVEX_FTP_ERR_FILE ||
-                             trouble.code == TRAVEX_FTP_ERR_PARTIAL ||
-                             trouble.code == TRAVEX_FTP_ERR_TOO_LARGE;
-    return isAboutFile && !trouble.file.empty() ? trouble.file + ": " + trouble.reason
-                                                : trouble.reason;
+    const bool isAboutFile = failure.code == TRAVEX_FTP_ERR_FILE ||
+                             failure.code == TRAVEX_FTP_ERR_PARTIAL ||
+                             failure.code == TRAVEX_FTP_ERR_TOO_LARGE;
+    return isAboutFile && !failure.file.empty() ? failure.file + ": " + failure.reason
+                                                : failure.reason;
 }
 
 std::string AllFailed(std::size_t servers)
 {
     return servers == 1 ? "the server failed"
                         : "all " + std::to_string(servers) + " servers failed";
-}
-
-std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates)
-{
-    const auto closest = std::min_element(candidates.begin(), candidates.end(),
-                                          [&word](const std::string& one, const std::string& other)
-                                          { return Mistakes(word, one) < Mistakes(word, other); });
-    if (closest == candidates.end() || Mistakes(word, *closest) > MAX_MISTAKES)
-    {
-        return "";
-    }
-    return "; did you mean '" + *closest + "'?";
 }
 
 }  // namespace corpdir_tool

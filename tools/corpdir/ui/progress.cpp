@@ -12,11 +12,11 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr std::size_t SHORTEST_BAR = 8;
-constexpr std::size_t LONGEST_BAR = 60;
+constexpr std::size_t kShortestBar = 8;
+constexpr std::size_t kLongestBar = 60;
 
 // Seconds after which an old rate counts for a third.
-constexpr double RATE_MEMORY = 2.0;
+constexpr double kRateMemory = 2.0;
 
 bool IsKnown(std::uint64_t total)
 {
@@ -120,9 +120,9 @@ std::string ProgressLine(const ProgressState& state, unsigned int width)
     for (const std::string& rest : rests)
     {
         const std::size_t others = state.what.size() + 1 + 1 + rest.size();
-        if (others + SHORTEST_BAR <= width)
+        if (others + kShortestBar <= width)
         {
-            const std::size_t columns = std::min(width - others, LONGEST_BAR);
+            const std::size_t columns = std::min(width - others, kLongestBar);
             return state.what + " " + Bar(columns, Share(state)) + " " + rest;
         }
     }
@@ -156,7 +156,7 @@ void ProgressDisplay::Show(const std::string& what, std::uint64_t bytes, std::ui
         // In the last column some terminals begin the next line.
         Draw(ProgressLine(m_state, m_terminal.Width() - 1));
     }
-    else if (now - m_lineWritten >= LINE_INTERVAL)
+    else if (now - m_lineWritten >= kLineInterval)
     {
         m_lineWritten = now;
         (void)std::fprintf(m_terminal.Stream(), "%s\n", ProgressWords(m_state).c_str());
@@ -171,7 +171,7 @@ void ProgressDisplay::Measure(std::uint64_t bytes, Clock::time_point now)
     {
         const double seconds = std::chrono::duration<double>(now - *m_measured).count();
         const double rate = static_cast<double>(bytes - m_state.bytes) / seconds;
-        const double weight = m_state.rate > 0 ? std::exp(-seconds / RATE_MEMORY) : 0;
+        const double weight = m_state.rate > 0 ? std::exp(-seconds / kRateMemory) : 0;
         m_state.rate = weight * m_state.rate + (1 - weight) * rate;
     }
     m_measured = now;

@@ -40,7 +40,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     // Elsewhere than on a terminal a line is written this often.
-    static constexpr std::chrono::seconds LINE_INTERVAL{5};
+    static constexpr std::chrono::seconds kLineInterval{5};
 
     explicit ProgressDisplay(const Terminal& terminal) : m_terminal(terminal) {}
 

@@ -1,7 +1,7 @@
 #include "ui/report.h"
 
+#include "text.h"
 #include "travex_ftp.h"
-#include "ui/text.h"
 
 namespace corpdir_tool
 {
@@ -42,21 +42,21 @@ void PrintResult(const std::string& version, const std::string& path, std::uint6
 
 void Report::Error(const std::string& message)
 {
-    Line(m_messages.Styled(Style::BAD, "corpdir:") + " " + Printable(message));
+    Line(m_messages.Styled(Style::kBad, "corpdir:") + " " + Printable(message));
 }
 
 void Report::Hint(const std::string& text)
 {
     if (!m_settings.quiet)
     {
-        Line(m_messages.Styled(Style::FAINT, "hint:") + " " + text);
+        Line(m_messages.Styled(Style::kFaint, "hint:") + " " + text);
     }
 }
 
 void Report::ServerFailed(const std::string& server, const std::string& reason,
                           const std::string& next)
 {
-    Line(m_messages.Styled(Style::WARN, Printable(server) + ":") + " " + Printable(reason) +
+    Line(m_messages.Styled(Style::kWarn, Printable(server) + ":") + " " + Printable(reason) +
          (next.empty() ? "" : "; " + next));
 }
 

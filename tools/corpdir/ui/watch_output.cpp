@@ -2,8 +2,8 @@
 
 #include <ctime>
 
+#include "text.h"
 #include "ui/json.h"
-#include "ui/text.h"
 
 namespace corpdir_tool
 {
@@ -101,17 +101,17 @@ void WatchOutput::Stopped(const std::string& signal)
     Write(false, "stopped", "stopped by " + signal, Json({{"signal", signal}}));
 }
 
-void WatchOutput::Failed(const Server& server, const Trouble& trouble)
+void WatchOutput::Failed(const Server& server, const Failure& failure)
 {
     Json fields = FieldsOf(server);
-    fields["remote_file"] = OrNull(trouble.file);
-    fields["code"] = trouble.code;
-    fields["step"] = trouble.step;
-    fields["reply"] = trouble.reply;
-    fields["reason"] = trouble.reason;
+    fields["remote_file"] = OrNull(failure.file);
+    fields["code"] = failure.code;
+    fields["step"] = failure.step;
+    fields["reply"] = failure.reply;
+    fields["reason"] = failure.reason;
     Write(true, "failed",
-          "failed: " + (trouble.file.empty() ? "" : trouble.file + " from ") + server.Label() +
-              ": " + trouble.reason,
+          "failed: " + (failure.file.empty() ? "" : failure.file + " from ") + server.Label() +
+              ": " + failure.reason,
           fields);
 }
 

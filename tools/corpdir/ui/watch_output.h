@@ -33,7 +33,7 @@ public:
 
     // The rest is what --quiet leaves.
 
-    void Failed(const Server& server, const Trouble& trouble);
+    void Failed(const Server& server, const Failure& failure);
     void NameFailed(const std::string& problem);
 
     void NoServerLeft();

@@ -7,10 +7,10 @@
 namespace corpdir_tool
 {
 
-// Throws Failure, naming option and directory, unless files can be made in it.
+// Throws ExitError, naming option and directory, unless files can be made in it.
 void CheckWritableDirectory(const std::string& option, const std::string& directory);
 
-// Throws Failure when the path is something that a file cannot replace, such as a directory.
+// Throws ExitError when the path is something that a file cannot replace, such as a directory.
 void CheckReplaceable(const std::string& path);
 
 // Removes the temporary files that this process has open for a download, and no others. For a

@@ -1,4 +1,4 @@
-#include "ui/text.h"
+#include "text.h"
 
 #include <algorithm>
 #include <system_error>

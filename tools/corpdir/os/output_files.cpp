@@ -1,4 +1,4 @@
-#include "commands/output_files.h"
+#include "os/output_files.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -8,8 +8,8 @@
 
 #include <cstdio>
 
-#include "commands/failure.h"
-#include "ui/text.h"
+#include "exit_error.h"
+#include "text.h"
 
 namespace corpdir_tool
 {
@@ -18,17 +18,17 @@ namespace
 {
 
 // Names of the FTP layer's temporary files, which lie beside the file that they replace.
-const char TEMPORARY_PREFIX[] = ".travex_ftp-";
-const char TEMPORARY_SUFFIX[] = ".part";
+const char kTemporaryPrefix[] = ".travex_ftp-";
+const char kTemporarySuffix[] = ".part";
 
 bool IsTemporaryPath(const char* path)
 {
     const char* const slash = strrchr(path, '/');
     const std::size_t length = strlen(path);
-    const std::size_t suffix = sizeof TEMPORARY_SUFFIX - 1;
+    const std::size_t suffix = sizeof kTemporarySuffix - 1;
     return slash != nullptr && length > suffix &&
-           strncmp(slash + 1, TEMPORARY_PREFIX, sizeof TEMPORARY_PREFIX - 1) == 0 &&
-           strcmp(path + length - suffix, TEMPORARY_SUFFIX) == 0;
+           strncmp(slash + 1, kTemporaryPrefix, sizeof kTemporaryPrefix - 1) == 0 &&
+           strcmp(path + length - suffix, kTemporarySuffix) == 0;
 }
 
 }  // namespace
@@ -40,16 +40,16 @@ void CheckWritableDirectory(const std::string& option, const std::string& direct
     if (stat(directory.c_str(), &state) != 0)
     {
         const char* const advice = errno == ENOENT ? "; make it first" : "";
-        throw Failure(EXIT_LOCAL_FILE, what + ": " + SystemMessage(errno) + advice);
+        throw ExitError(kExitLocalFile, what + ": " + SystemMessage(errno) + advice);
     }
     if (!S_ISDIR(state.st_mode))
     {
-        throw Failure(EXIT_LOCAL_FILE, what + " is not a directory");
+        throw ExitError(kExitLocalFile, what + " is not a directory");
     }
     // Also tells a read-only file system; what else can go wrong shows when a file is made.
     if (access(directory.c_str(), W_OK | X_OK) != 0)
     {
-        throw Failure(EXIT_LOCAL_FILE, what + " cannot be written: " + SystemMessage(errno));
+        throw ExitError(kExitLocalFile, what + " cannot be written: " + SystemMessage(errno));
     }
 }
 
@@ -58,8 +58,8 @@ void CheckReplaceable(const std::string& path)
     struct stat state = {};
     if (lstat(path.c_str(), &state) == 0 && S_ISDIR(state.st_mode))
     {
-        throw Failure(EXIT_LOCAL_FILE,
-                      "'" + path + "' is a directory; a file is to be stored there");
+        throw ExitError(kExitLocalFile,
+                        "'" + path + "' is a directory; a file is to be stored there");
     }
 }
 
