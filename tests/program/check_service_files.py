@@ -78,7 +78,7 @@ def check_runs(program, unit, machine):
         if result.returncode != NO_SERVER_LEFT or "Connection refused" not in result.stdout + result.stderr:
             yield "%s: status %d\n%s" % (" ".join(call), result.returncode, result.stdout + result.stderr)
     for call in (start, [program, "watch", "--config", str(machine.everything)]):
-        lines, status = watch_until("asking again in", *call)
+        lines, status = watch_until("retrying in", *call)
         if status != 0 or "stopped by SIGTERM" not in lines:
             yield "%s: status %d\n%s" % (" ".join(call), status, lines)
 

@@ -1,4 +1,4 @@
-// The version file's rule, the password's sources, and what the user sees.
+// The rule of the version file, the sources of the password, and the report.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <stdlib.h>

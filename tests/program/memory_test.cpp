@@ -1,5 +1,5 @@
-// The event queue when memory runs out in a callback: nothing is thrown, the waiting thread is
-// told.
+// The event queue when memory runs out in a callback: nothing is thrown, and the waiting thread
+// gets an event.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -10,7 +10,7 @@
 namespace
 {
 
-// Requests of this thread until one fails; below 0: none fails.
+// Allocations of this thread until one fails; below 0: none fails.
 thread_local int t_countdown = -1;
 
 bool FailsNow()

@@ -1,5 +1,5 @@
-// For whom a server's certificate must be, through the program: the name or address under which the
-// server is listed. Names have addresses of the test.
+// The certificate must have the name or address by which the server is listed. Names have addresses
+// that the test defines.
 #include <signal.h>
 
 #include <chrono>
@@ -121,7 +121,7 @@ TEST_P(ProgramIdentity, IsWhatWasListed)
         ExpectBothFiles();
         return;
     }
-    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_THAT(result.output, HasSubstr(std::string(": ") + GetParam().refused + "\n"));
     EXPECT_EQ(m_server->CountCommands("USER"), 0U) << "nothing is sent to a stranger";
 }
@@ -137,7 +137,7 @@ TEST_F(ProgramNames, AnIpv6AddressIsForItself)
     EXPECT_EQ(RunCommand(StagedFetch("", {"--servers=[0:0::1]"})).status, kFetched);
     const std::string hosts = "dir.test=::1 other.test=::1";
     EXPECT_EQ(RunCommand(StagedFetch(hosts, {"--servers=dir.test"})).status, kFetched);
-    EXPECT_EQ(RunCommand(StagedFetch(hosts, {"--servers=other.test"})).status, kNoServerLeft);
+    EXPECT_EQ(RunCommand(StagedFetch(hosts, {"--servers=other.test"})).status, kNoServer);
 }
 
 TEST_F(ProgramNames, TwoHundredLongNamesStandInOneList)
@@ -159,8 +159,8 @@ TEST_F(ProgramNames, TwoHundredLongNamesStandInOneList)
     ExpectBothFiles();
 }
 
-// The names of a list are looked up side by side, and wait for ten seconds together.
-TEST_F(ProgramNames, ThoseWithoutAnAnswerHoldUpTheOthersForTenSeconds)
+// The names of a list are looked up in parallel, with one limit of ten seconds.
+TEST_F(ProgramNames, ThoseWithoutAnAnswerDelayTheOthersForTenSeconds)
 {
     Serve();
     const auto begun = steady_clock::now();
@@ -174,12 +174,12 @@ TEST_F(ProgramNames, ThoseWithoutAnAnswerHoldUpTheOthersForTenSeconds)
     for (const char* name : {"slow1.test", "slow2.test", "slow3.test"})
     {
         EXPECT_THAT(result.output, HasSubstr(std::string("corpdir: ") + name +
-                                             ": no answer of the resolver within 10 s; left out"));
+                                             ": no answer of the resolver within 10 s; skipped"));
     }
     ExpectBothFiles();
 }
 
-// A lookup cannot be interrupted, and the program ends all the same.
+// A lookup cannot be interrupted; the program ends nevertheless.
 TEST_F(ProgramNames, AStopDoesNotWaitForALookup)
 {
     TemporaryDirectory files;
@@ -200,7 +200,7 @@ TEST_F(ProgramNames, TheTimeOfTheProgramGoesBeforeThatOfALookup)
     const CommandResult result =
         RunCommand(StagedFetch("slow.test=hang", {"--servers=slow.test;127.0.0.1", "--timeout=1"}));
     EXPECT_EQ(result.status, kNoOutcome) << result.output;
-    EXPECT_THAT(result.output, HasSubstr("no outcome within 1 s; stopped while looking up"));
+    EXPECT_THAT(result.output, HasSubstr("timed out after 1 s while looking up"));
 }
 
 TEST_F(ProgramNames, AWatchStopsWhileItLooksUp)

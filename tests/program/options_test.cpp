@@ -1,4 +1,4 @@
-// Every limit of the program's options, with the message that names it.
+// The limits of the options, and their messages.
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
@@ -83,8 +83,10 @@ TEST_F(ToolOptions, LocalNamesArePlainNames)
     for (const char* name : {"a/b", "/a", ".", ".."})
     {
         m_options.versionName = name;
-        EXPECT_EQ(Message(), "--version-name '" + m_options.versionName +
-                                 "' is not a plain file name; the directory is --output-dir");
+        EXPECT_EQ(
+            Message(),
+            "--version-name '" + m_options.versionName +
+                "' must be a file name without a directory; --output-dir gives the directory");
     }
     m_options.versionName = "v";
     m_options.directoryName = "a/b";
@@ -96,8 +98,8 @@ TEST_F(ToolOptions, ARemoteDirectoryGivesNoLocalName)
     for (const char* name : {"/pub/", "/", "pub/.", "pub/.."})
     {
         m_options.versionFile = name;
-        EXPECT_EQ(Message(), "--version-file '" + m_options.versionFile +
-                                 "' does not end in the name of a file");
+        EXPECT_EQ(Message(),
+                  "--version-file '" + m_options.versionFile + "' does not end in a file name");
     }
 }
 
@@ -195,7 +197,7 @@ TEST_F(ToolOptions, TheOutputDirectoryIsMeasuredWithItsSlash)
     EXPECT_EQ(MadePlan().outputDir.size(), 127U);
     m_options.outputDir = path + "d";
     EXPECT_EQ(Message(),
-              "--output-dir with its closing '/' is 128 bytes long; at most 127 are allowed");
+              "--output-dir with its trailing '/' is 128 bytes long; at most 127 are allowed");
     EXPECT_EQ(Status(), kExitArguments);
 }
 
@@ -204,7 +206,7 @@ TEST_F(ToolOptions, TheOutputDirectoryMustExist)
     m_options.outputDir = m_directory.Path() + "/none";
     EXPECT_EQ(Status(), kExitLocalFile);
     EXPECT_EQ(Message(), "--output-dir '" + m_directory.Path() +
-                             "/none/': No such file or directory; make it first");
+                             "/none/': No such file or directory; create it first");
 }
 
 TEST_F(ToolOptions, TheOutputDirectoryMustBeADirectory)
@@ -304,10 +306,10 @@ TEST_F(ToolOptions, ProtectionThatWouldHaveNoEffectIsRefused)
     EXPECT_THAT(Message(), HasSubstr("--no-verify checks no certificate"));
     m_options.noVerify = false;
     m_options.plain = true;
-    EXPECT_THAT(Message(), HasSubstr("--plain has no TLS"));
+    EXPECT_THAT(Message(), HasSubstr("--plain does not use TLS"));
     m_options.verifyNames.clear();
     m_options.ciphers = {"53"};
-    EXPECT_THAT(Message(), HasSubstr("--plain has no TLS"));
+    EXPECT_THAT(Message(), HasSubstr("--plain does not use TLS"));
     EXPECT_EQ(Status(), kExitArguments);
 }
 

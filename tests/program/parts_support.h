@@ -1,4 +1,4 @@
-// What the tests of the command-line program share.
+// Shared by the unit tests of the program.
 #ifndef CORPDIR_TOOL_SUPPORT_H
 #define CORPDIR_TOOL_SUPPORT_H
 
@@ -16,7 +16,7 @@
 namespace corpdir_tool
 {
 
-// A directory of its own, removed with its contents. Its path is short enough for --output-dir.
+// A temporary directory, removed at the end. Its path is short enough for --output-dir.
 class TemporaryDirectory
 {
 public:
@@ -48,7 +48,7 @@ private:
     std::string m_path;
 };
 
-// A stream that keeps what is written to it.
+// A stream that keeps its text.
 class TextStream
 {
 public:
@@ -86,7 +86,7 @@ inline CipherTable SomeCiphers()
             {0x03000035, "TLS_RSA_WITH_AES_256_CBC_SHA", "AES256-SHA", "SSLv3"}};
 }
 
-// The message and status of the ExitError that a call throws.
+// Message and status of an ExitError.
 struct Thrown
 {
     int status = -1;

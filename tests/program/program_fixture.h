@@ -1,4 +1,4 @@
-// What the tests of the program as a process share: a server, a command line, what it fetched.
+// Shared by the tests of the program as a process: a server, a command line, the files fetched.
 #ifndef CORPDIR_TESTS_PROGRAM_FIXTURE_H
 #define CORPDIR_TESTS_PROGRAM_FIXTURE_H
 
@@ -18,12 +18,12 @@
 namespace integration
 {
 
-// What the program ends with.
+// Exit statuses.
 enum Status
 {
     kFetched = 0,
     kBadArguments = 2,
-    kNoServerLeft = 3,
+    kNoServer = 3,
     kBadVersion = 4,
     kNoOutcome = 5,
     kLocalFile = 6
@@ -42,8 +42,7 @@ protected:
         m_options.certificate = m_certificates.Good();
     }
 
-    // A sanitizer's report would be lost: the program keeps its standard error to itself while the
-    // service runs.
+    // A sanitizer's report goes to a file, so that it does not disturb the output that is compared.
     ~Program() override
     {
         for (const std::string& name : support::FilesIn(m_reports.Path()))
@@ -62,14 +61,14 @@ protected:
         return Use(std::make_unique<support::VsftpdServer>(m_options));
     }
 
-    // A complete command line; `more` replaces or adds options, each with its value after a '=',
-    // and leaves out those whose value is kLeftOut.
+    // A complete command line. `more` replaces or adds options ("--name=value"), and removes those
+    // whose value is kLeftOut.
     support::Command Fetch(const std::vector<std::string>& more = {}) const
     {
         return Line("fetch", more);
     }
 
-    // The same for another command, or for another build of the program.
+    // The same for another command or another build of the program.
     support::Command Line(const std::string& name, const std::vector<std::string>& more = {},
                           const std::string& program = CORPDIR_TEST_PROGRAM) const
     {

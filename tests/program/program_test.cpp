@@ -112,7 +112,7 @@ TEST_F(Program, NamesTheDeadServerAndMovesOn)
     ExpectBothFiles();
 }
 
-// The service leaves a failed directory file to its client.
+// The service does not retry a directory file.
 TEST_F(Program, AsksTheNextServerForADirectoryThatFailed)
 {
     m_options.certificate = m_certificates.WithNames("IP:127.0.0.1,IP:127.0.0.2");
@@ -188,7 +188,8 @@ void PrintTo(const Refused& refused, std::ostream* stream)
     *stream << refused.name;
 }
 
-// Bad arguments are told before anything starts: nothing listens on the port of these tests.
+// Invalid arguments are reported before anything starts: nothing listens on the port of these
+// tests.
 class ProgramArguments : public Program, public ::testing::WithParamInterface<Refused>
 {
 };
@@ -241,7 +242,7 @@ TEST_F(Program, RefusesAPasswordThatIsTooLong)
     EXPECT_THAT(result.output, AllOf(HasSubstr("127"), HasSubstr("128")));
 }
 
-// Failures that leave what was there before.
+// Failures that leave the existing files untouched.
 class ProgramFailure : public Program
 {
 protected:
@@ -263,7 +264,7 @@ protected:
 TEST_F(ProgramFailure, NoServerAnswers)
 {
     const CommandResult result = Run({"--servers=127.0.0.2;127.0.0.3"});
-    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_THAT(result.output, AllOf(HasSubstr("127.0.0.2"), HasSubstr("127.0.0.3")));
     ExpectOlderDirectory();
 }
@@ -271,7 +272,7 @@ TEST_F(ProgramFailure, NoServerAnswers)
 TEST_F(ProgramFailure, NameThatDoesNotResolve)
 {
     const CommandResult result = Run({"--servers=directory.invalid"});
-    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_THAT(result.output, HasSubstr("directory.invalid"));
     ExpectOlderDirectory();
 }
@@ -282,7 +283,7 @@ TEST_F(ProgramFailure, WrongPassword)
     Command command = Fetch();
     command.environment = Environment("not-the-password");
     const CommandResult result = RunCommand(command);
-    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_THAT(result.output, AllOf(HasSubstr("127.0.0.1"), Not(HasSubstr("not-the-password"))));
     ExpectOlderDirectory();
 }
@@ -291,7 +292,7 @@ TEST_F(ProgramFailure, AuthorityThatIsNotTrusted)
 {
     Serve();
     const CommandResult result = Run({"--ca=" + m_certificates.OtherAuthority()});
-    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_EQ(m_server->CountCommands("PASS"), 0u);
     ExpectOlderDirectory();
 }
@@ -301,7 +302,7 @@ TEST_F(ProgramFailure, NameThatTheCertificateDoesNotCarry)
     m_options.certificate = m_certificates.WithNames("DNS:directory.test");
     Serve();
     CommandResult result = Run({"--verify-name=elsewhere.test"});
-    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_EQ(m_server->CountCommands("PASS"), 0u);
     ExpectOlderDirectory();
     result = Run({"--verify-name=directory.test"});
@@ -313,13 +314,13 @@ TEST_F(ProgramFailure, AnotherTlsVersionIsWanted)
     m_options.max_tls = "1.2";
     Serve();
     CommandResult result = Run({"--ciphers=TLS_AES_256_GCM_SHA384"});
-    EXPECT_EQ(result.status, kNoServerLeft) << result.output;
+    EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr("127.0.0.1: TLS handshake failed: the server wants another TLS "
                                 "version\n"),
-                      HasSubstr("hint: the server wants another TLS version: with "
-                                "TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 in --ciphers TLS 1.2 is "
-                                "offered\n")));
+                      HasSubstr("hint: the server requires another TLS version: add "
+                                "TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 to --ciphers to offer "
+                                "TLS 1.2\n")));
     result = Run({"--ciphers=TLS_AES_256_GCM_SHA384,TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384"});
     EXPECT_EQ(result.status, kFetched) << result.output;
 }

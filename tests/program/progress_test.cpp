@@ -1,4 +1,4 @@
-// The progress bar at any width, and the plain lines where there is no terminal.
+// The progress bar at any width, and the lines without a terminal.
 #include <gmock/gmock.h>
 
 #include "parts_support.h"

@@ -1,4 +1,4 @@
-// The password prompt on a terminal of its own: no echo, and an echo again after it.
+// The password prompt on a pseudo terminal: no echo during the prompt, echo after it.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
@@ -18,7 +18,7 @@ namespace
 constexpr int kLimitMs = 20000;
 constexpr int kAsTyped = 7;  // exit statuses of the child
 
-// A child process that prompts on a pseudo terminal, seen from the keyboard's and screen's side.
+// A child process that prompts on a pseudo terminal, and the other side of the terminal.
 class Prompting
 {
 public:
@@ -42,7 +42,7 @@ public:
     Prompting(const Prompting&) = delete;
     Prompting& operator=(const Prompting&) = delete;
 
-    // Reads the screen until the text is there.
+    // Reads the output until it has the text.
     bool WaitFor(const std::string& text)
     {
         while (m_screen.find(text) == std::string::npos)
@@ -72,7 +72,7 @@ public:
         return (mode.c_lflag & ECHO) != 0;
     }
 
-    // The status as waitpid gives it.
+    // The status of waitpid.
     int End()
     {
         int status = -1;
@@ -144,7 +144,7 @@ TEST(ToolPrompt, AnEmptyLineIsRefused)
     EXPECT_EQ(WEXITSTATUS(status), kExitArguments);
 }
 
-// Standard input may be a pipe: the prompt is the terminal's, which a session of its own lacks.
+// The prompt uses the terminal, not standard input; a new session has no terminal.
 TEST(ToolPrompt, WithoutATerminalTheSourcesAreNamed)
 {
     const pid_t child = fork();

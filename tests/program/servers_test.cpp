@@ -72,12 +72,12 @@ TEST(ToolServers, RefusesWhatIsNeitherAddressNorName)
     }
 }
 
-TEST(ToolServers, SaysWhereThePortGoes)
+TEST(ToolServers, NamesTheOptionForThePort)
 {
     for (const char* entry : {"192.0.2.1:2121", "dir.example:21", "[::1]:21"})
     {
         EXPECT_THAT(ExitErrorOf([entry] { SplitServers(entry); }).message,
-                    HasSubstr("the port is given with --port"));
+                    HasSubstr("give the port with --port"));
     }
     EXPECT_THAT(ExitErrorOf([] { SplitServers("fe80::1%eth0"); }).message, HasSubstr("zone"));
 }
@@ -121,7 +121,7 @@ TEST(ToolServers, TheSystemSaysWhyThereIsNoAddress)
     EXPECT_EQ(zero.problem, "no address that can be connected to");
 }
 
-TEST(ToolNameResolver, TellsWhenItIsReadyAndLeavesTheMainThreadFree)
+TEST(ToolNameResolver, PushesAnEventAndDoesNotBlockTheMainThread)
 {
     std::mutex mutex;
     std::condition_variable changed;
@@ -149,7 +149,7 @@ TEST(ToolNameResolver, TellsWhenItIsReadyAndLeavesTheMainThreadFree)
 
 TEST(ToolNameResolver, DoesNotWaitForTheSystemsResolver)
 {
-    // Of the lookup, which outlives the test.
+    // Shared with the lookup, which outlives the test.
     struct Answer
     {
         std::mutex mutex;

@@ -1,4 +1,4 @@
-// The program's download, against a service that follows a script.
+// The session of `fetch`, with a scripted service.
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <string.h>
@@ -21,7 +21,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-// What a server does with each transfer. Codes: tagTRAVEX_FTP_RESULT, 0 for a success.
+// The result of each transfer from a server. Codes: tagTRAVEX_FTP_RESULT.
 struct ServerScript
 {
     unsigned int refuseRequest = 0;  // the request itself is refused, observed
@@ -36,9 +36,9 @@ struct ServerScript
     bool versionFailsLate = false;  // a repeated check fails while the directory file comes
 };
 
-// Rotates as the service does: the next server after each version failure, the only one once more,
-// and no further when the list is at an end. Callbacks come on a thread of its own, which a stop
-// joins. Requests are recorded.
+// Rotates as the service does: after each version failure to the next server, a single server is
+// tried twice, and the rotation ends with the list. Callbacks run on a separate thread, which a
+// stop joins. Records the requests.
 class FakeService final : public IFtpCorpDir
 {
 public:
@@ -262,7 +262,7 @@ protected:
         return session.Run(m_deadline);
     }
 
-    // Does something once the service hangs, which should end the wait; returns the exit status.
+    // Calls the function once the service hangs; returns the exit status.
     int RunUntilHanging(const std::string& list, const std::function<void()>& action)
     {
         std::thread other(
@@ -281,7 +281,7 @@ protected:
         return RunUntilHanging(list, [this] { m_events.Push(EventKind::kSignal, SIGTERM); });
     }
 
-    // What was said, without the advice.
+    // The messages without hints.
     std::string Messages() const
     {
         std::istringstream text(m_messages.Text());
@@ -593,7 +593,7 @@ TEST_F(ToolSession, TheMessageSaysWhatWasGoingOn)
         RunUntilHanging("192.0.2.1;dir.example", [this] { m_events.Push(EventKind::kDeadline); }),
         kExitNoOutcome);
     EXPECT_THAT(Messages(),
-                HasSubstr("corpdir: no outcome within 120 s; stopped while fetching directory file "
+                HasSubstr("corpdir: timed out after 120 s while fetching directory file "
                           "'pub/directory.csv' from 192.0.2.10 (dir.example): 24 of 48 bytes"));
 }
 
@@ -627,7 +627,7 @@ TEST_F(ToolSession, MemoryThatRunsOutEndsIt)
 {
     m_service.scripts["192.0.2.1"].hangVersion = true;
     m_events.Push(EventKind::kOutOfMemory);
-    // Pushed before the start, whose own events it must outlive.
+    // Pushed before the start, which discards only events of the service.
     EXPECT_EQ(Run("192.0.2.1").status, kExitInternal);
 }
 
@@ -650,7 +650,7 @@ TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
     EXPECT_EQ(outcome.error, "all 3 servers failed");
     const std::string text = m_messages.Text();
     EXPECT_EQ(text.substr(text.find("hint: ")),
-              "hint: is the server up, and is --port 21 the right one?\n"
+              "hint: check that the server is running and that --port 21 is right\n"
               "hint: check --user and the password\n");
     ASSERT_EQ(outcome.attempts.size(), 3U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");

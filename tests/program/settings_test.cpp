@@ -1,4 +1,4 @@
-// The settings file, line by line: whatever may be a mistake is told with its line.
+// The settings file: mistakes are reported with their line.
 #include <gmock/gmock.h>
 
 #include <sstream>
@@ -71,8 +71,7 @@ TEST(ToolSettings, ValuesAreTextsWholeNumbersAndTruthValues)
     for (const char* const other : {"1.5", "[1, 2]", "1979-05-27", "{a = 1}"})
     {
         const std::string text = std::string("[watch]\nname = ") + other;
-        EXPECT_EQ(Problem(text),
-                  "line 2: 'name' is neither a text, nor a whole number, nor true or false");
+        EXPECT_EQ(Problem(text), "line 2: 'name' must be a string, an integer, true or false");
     }
 }
 
@@ -104,7 +103,7 @@ TEST(ToolSettings, AFileThatIsNoneIsNotPrinted)
     EXPECT_LT(problem.size(), 200U);
 }
 
-TEST(ToolSuggestion, IsTheWordThatIsMostAlike)
+TEST(ToolSuggestion, IsTheClosestWord)
 {
     const std::vector<std::string> words = {"servers", "user", "output-dir", "version-file"};
     EXPECT_EQ(Suggestion("server", words), "; did you mean 'servers'?");

@@ -1,4 +1,4 @@
-// Stop signals: told once, and the last resort when the stop hangs.
+// Stop signals: reported once, and the last resort when the stop hangs.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -15,7 +15,7 @@ constexpr std::chrono::hours kForever{1};
 constexpr std::chrono::milliseconds kSoon{20};
 constexpr std::chrono::seconds kLimit{20};
 
-// Signals go to the process, as they do from a terminal.
+// Signals are sent to the process, as from a terminal.
 void Send(int signalNumber)
 {
     ASSERT_EQ(kill(getpid(), signalNumber), 0);

@@ -1,6 +1,6 @@
-// Stands before the OS layer of the program under test. Ten minutes of a timer are a fifth of a
-// second. CORPDIR_TEST_HOSTS has addresses of names: "one.test=127.0.0.1,::1 two.test=hang"; a name
-// that hangs never gets an answer.
+// Replaces functions of the OS layer in the program under test. A timer of ten minutes takes a
+// fifth of a second. CORPDIR_TEST_HOSTS defines names: "one.test=127.0.0.1,::1 two.test=hang"; the
+// lookup of a name with "hang" never ends.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -51,7 +51,7 @@ extern "C"
         return __real_OSAK_StartRelTimer(timer, ms / 3000, param);
     }
 
-    // The system's lists are made of blocks of their own, and can be joined.
+    // The entries of the system's lists are separate blocks, which can be linked.
     int __wrap_OSAK_GetAddrInfo(const char* node, const char* service, const addrinfo* hints,
                                 addrinfo** result)
     {

@@ -1,4 +1,4 @@
-// The program's watch, against a service that follows a script.
+// The watcher, with a scripted service.
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -27,7 +27,7 @@ using testing::HasSubstr;
 
 constexpr seconds kPatience{20};
 
-// What the watcher has said so far; may be read while it goes on.
+// The output of the watcher so far; may be read while it runs.
 class Said
 {
 public:
@@ -57,12 +57,11 @@ private:
 
 class ScriptedService;
 
-// What happens after the request of this number; the last one goes on for those that follow.
+// The events after a request; the last script is used for all later requests.
 using Script = std::function<void(ScriptedService& service)>;
 
-// Plays one script for each request, on a thread that a stop joins. A script acts by the functions
-// below, which do what the service and the FTP layer would do, and end it when the service is
-// stopped.
+// Runs one script for each request, on a thread that a stop joins. The functions below do what the
+// service and the FTP layer would do, and end the script when the service is stopped.
 class ScriptedService final : public IFtpCorpDir
 {
 public:
@@ -132,7 +131,7 @@ public:
         return 1;
     }
 
-    // Of a script: the version file arrives.
+    // The version file arrives.
     void Version(const std::string& server, const std::string& firstLine)
     {
         Begin(server, m_request.szVersionServerFile);
@@ -161,7 +160,7 @@ public:
         m_callback(1, 0, nullptr, nullptr);
     }
 
-    // The service has forgotten the task, and tells nobody.
+    // The service has forgotten the task, and calls no callback.
     void DirectoryIsInPlace(const std::string& server, unsigned int task)
     {
         m_task = task;
@@ -194,7 +193,7 @@ public:
         Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", "", TRAVEX_FTP_ERR_TRUST, "no such file");
     }
 
-    // Waits until the watcher has said this so often.
+    // Waits until the output has this text so many times.
     void Await(const std::string& text, std::size_t times = 1)
     {
         const auto said = [this, &text]
@@ -291,7 +290,7 @@ protected:
         EXPECT_EQ(Layers().observer, nullptr) << "the observer was left behind";
     }
 
-    // The last step of a script: the user asks the watch to end.
+    // The last step of a script: a signal ends the watch.
     void Stop()
     {
         m_events.Push(EventKind::kSignal, SIGTERM);
@@ -319,7 +318,7 @@ protected:
         return watcher.Run();
     }
 
-    // What was said, each line without its time.
+    // The output lines without their times.
     std::vector<std::string> Lines() const
     {
         static const std::regex time(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ )");
@@ -444,7 +443,7 @@ TEST_F(ToolWatcher, QuietLeavesFailures)
                                      "valid: its first line 'oops' is shorter than 5 bytes"));
 }
 
-// The service would ask that server again, and no other one.
+// The service itself would only try the same server again.
 TEST_F(ToolWatcher, AVersionFileThatIsNotValidIsAskedForAtTheNextServerAtOnce)
 {
     const Script bad = [](ScriptedService& service)
@@ -463,7 +462,7 @@ TEST_F(ToolWatcher, AVersionFileThatIsNotValidIsAskedForAtTheNextServerAtOnce)
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
 }
 
-// The version is the one that the file held when it arrived, not when there was time to look.
+// The version is that of the file when it arrived, not when the event is handled.
 TEST_F(ToolWatcher, VersionsThatComeFastAreNotMixedUp)
 {
     EXPECT_EQ(Run({[this](ScriptedService& service)
@@ -480,7 +479,7 @@ TEST_F(ToolWatcher, VersionsThatComeFastAreNotMixedUp)
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
 }
 
-// The service takes up the newer one only after it has told of the old one.
+// The service starts the newer transfer after it has reported the old one.
 TEST_F(ToolWatcher, AFileThatArrivesWhenANewerVersionIsAnnouncedHasItsOwnVersion)
 {
     EXPECT_EQ(Run({[this](ScriptedService& service)
@@ -519,7 +518,7 @@ TEST_F(ToolWatcher, AnOldDirectoryFileThatEndsLastIsNotTakenForTheNewOne)
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
 }
 
-// A log directory that has gone must not end a watch.
+// A missing log directory must not end the watch.
 TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
 {
     const Script failing = [this](ScriptedService& service)
@@ -541,7 +540,7 @@ TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
     EXPECT_THAT(Lines(), testing::Contains("failed: the service could not be started (code 2)"));
 }
 
-// The service would fetch the directory file again only when the version changes.
+// The service itself would retry the directory file only when the version changes.
 TEST_F(ToolWatcher, AFailedDirectoryFileIsAskedForAtTheNextServerAtOnce)
 {
     const Script failing = [](ScriptedService& service)
@@ -566,7 +565,7 @@ TEST_F(ToolWatcher, AFailedDirectoryFileIsAskedForAtTheNextServerAtOnce)
                                      Downloaded("edition 1", B), "stopped by SIGTERM"));
 }
 
-// So that no version is missed: well within the time between two checks.
+// Otherwise a version would be missed. The retry is sooner than the next check.
 TEST_F(ToolWatcher, ADirectoryFileThatFailedEverywhereIsAskedForAgainAfterTheRetryTime)
 {
     const Script first = [](ScriptedService& service)
@@ -594,7 +593,7 @@ TEST_F(ToolWatcher, ADirectoryFileThatFailedEverywhereIsAskedForAgainAfterTheRet
     EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1", "192.0.2.1;192.0.2.2"));
-    EXPECT_THAT(Lines(), testing::Contains("asking again in 1 s"));
+    EXPECT_THAT(Lines(), testing::Contains("retrying in 1 s"));
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)));
 }
 
@@ -617,7 +616,7 @@ TEST_F(ToolWatcher, ADirectoryFileThatCannotBeWrittenIsNotTriedElsewhere)
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.1;192.0.2.2"));
 }
 
-// The failure of a file that a newer one replaces is told, and that is all.
+// The failure of an outdated file is reported, without a retry.
 TEST_F(ToolWatcher, AnOldDirectoryFileThatFailsIsNotAskedForAgain)
 {
     EXPECT_EQ(Run({[this](ScriptedService& service)
@@ -641,7 +640,7 @@ TEST_F(ToolWatcher, AnOldDirectoryFileThatFailsIsNotAskedForAgain)
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
 }
 
-// A failed check alone is no reason to fetch everything again.
+// A failed check alone does not lead to a new request.
 TEST_F(ToolWatcher, AnOutageAfterAVersionIsLeftToTheService)
 {
     EXPECT_EQ(Run({[this](ScriptedService& service)
@@ -651,14 +650,14 @@ TEST_F(ToolWatcher, AnOutageAfterAVersionIsLeftToTheService)
                        service.VersionFails(A);  // after a success, the first of the list again
                        service.VersionFails(A);
                        service.VersionFails(B);
-                       service.Await("due within 600 s");
+                       service.Await("next check within 600 s");
                        service.Version(A, "edition 1");
                        service.Await("unchanged");
                        Stop();
                    }}),
               0);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
-    EXPECT_THAT(Lines(), testing::Contains("the next check is due within 600 s"));
+    EXPECT_THAT(Lines(), testing::Contains("next check within 600 s"));
 }
 
 TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
@@ -678,7 +677,7 @@ TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
     };
     EXPECT_EQ(Run({down, down, up}), 0);
     EXPECT_EQ(m_service.requests.size(), 3U);
-    EXPECT_THAT(Lines(), testing::Contains("asking again in 1 s").Times(2));
+    EXPECT_THAT(Lines(), testing::Contains("retrying in 1 s").Times(2));
 }
 
 TEST_F(ToolWatcher, OneServerIsTriedTwice)
@@ -688,7 +687,7 @@ TEST_F(ToolWatcher, OneServerIsTriedTwice)
                    {
                        service.VersionFails(A);
                        service.VersionFails(A);
-                       service.Await("asking again");
+                       service.Await("retrying in");
                        Stop();
                    }}),
               0);
@@ -697,7 +696,7 @@ TEST_F(ToolWatcher, OneServerIsTriedTwice)
         ElementsAre("checking 192.0.2.1", "failed: version.txt from 192.0.2.1: no connection",
                     "next server 192.0.2.1", "checking 192.0.2.1",
                     "failed: version.txt from 192.0.2.1: no connection", "all servers failed",
-                    "asking again in 1 s", "stopped by SIGTERM"));
+                    "retrying in 1 s", "stopped by SIGTERM"));
 }
 
 TEST_F(ToolWatcher, NewAddressesAreTakenWhenTheOldOnesFail)
@@ -739,7 +738,7 @@ TEST_F(ToolWatcher, WaitsForANameThatHasNoAddressYet)
                        Stop();
                    }}),
               0);
-    EXPECT_THAT(Lines(), ElementsAre("failed: dir.example: no network", "asking again in 1 s",
+    EXPECT_THAT(Lines(), ElementsAre("failed: dir.example: no network", "retrying in 1 s",
                                      "checking 192.0.2.1 (dir.example)",
                                      "new version 'edition 1' at 192.0.2.1 (dir.example)",
                                      "stopped by SIGTERM"));
@@ -784,7 +783,7 @@ TEST_F(ToolWatcher, LackOfMemoryEndsIt)
     const Thrown thrown = ExitErrorOf(
         [this] { Run({[this](ScriptedService&) { m_events.Push(EventKind::kOutOfMemory); }}); });
     EXPECT_EQ(thrown.status, kExitInternal);
-    EXPECT_EQ(thrown.message, "memory ran out");
+    EXPECT_EQ(thrown.message, "out of memory");
 }
 
 TEST_F(ToolWatcher, AnOutputThatNobodyReadsEndsIt)
@@ -802,7 +801,7 @@ TEST_F(ToolWatcher, AnOutputThatNobodyReadsEndsIt)
     (void)std::fclose(full);
 }
 
-// The command writes what it was given to a file.
+// The command writes its variables to a file.
 class ToolWatcherCommand : public ToolWatcher
 {
 protected:
@@ -828,10 +827,10 @@ TEST_F(ToolWatcherCommand, IsRunForEachNewVersion)
                    {
                        service.Version(A, "edition 1");
                        service.Directory(A);
-                       service.Await("the command has ended");
+                       service.Await("the command succeeded");
                        service.Version(A, "edition 2");
                        service.Directory(A);
-                       service.Await("the command has ended", 2);
+                       service.Await("the command succeeded", 2);
                        Stop();
                    }}),
               0);
@@ -848,7 +847,7 @@ TEST_F(ToolWatcherCommand, IsNotRunForTheSameVersionAgain)
     {
         service.Version(A, "edition 1");
         service.Directory(A);
-        service.Await("the command has ended");
+        service.Await("the command succeeded");
         service.VersionFails(A);
         service.VersionFails(A);
         service.Await("never said");
@@ -864,7 +863,7 @@ TEST_F(ToolWatcherCommand, IsNotRunForTheSameVersionAgain)
     EXPECT_EQ(Given().size(), 1U);
 }
 
-TEST_F(ToolWatcherCommand, RunsOnceForAllThatArrivesMeanwhile)
+TEST_F(ToolWatcherCommand, RunsOnceForSeveralVersionsDuringARun)
 {
     const std::string gate = m_directory.Path() + "/gate";
     m_options.execute = "while [ ! -e " + gate + " ]; do sleep 0.01; done; " + m_note;
@@ -877,7 +876,7 @@ TEST_F(ToolWatcherCommand, RunsOnceForAllThatArrivesMeanwhile)
                            service.Await("downloaded", static_cast<std::size_t>(version[8] - '0'));
                        }
                        std::ofstream(gate) << "open";
-                       service.Await("the command has ended", 2);
+                       service.Await("the command succeeded", 2);
                        Stop();
                    }}),
               0);
@@ -937,8 +936,8 @@ TEST_F(ToolWatcherCommand, ThatDoesNotEndIsKilled)
     EXPECT_LT(std::chrono::steady_clock::now() - begun, kPatience);
 }
 
-// Nothing of what the watch has done to signals is left for the command.
-TEST_F(ToolWatcherCommand, FindsSignalsAsUsual)
+// The command inherits no signal settings of the watch.
+TEST_F(ToolWatcherCommand, InheritsNoSignalSettings)
 {
     m_options.execute =
         "grep -E '^Sig(Blk|Ign)' /proc/self/status >>" + m_directory.Path() + "/given";
@@ -952,13 +951,13 @@ TEST_F(ToolWatcherCommand, FindsSignalsAsUsual)
                    {
                        service.Version(A, "edition 1");
                        service.Directory(A);
-                       service.Await("the command has ended");
+                       service.Await("the command succeeded");
                        Stop();
                    }}),
               0);
     (void)signal(SIGPIPE, previous);
     (void)pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-    // Bits above 31 are the C library's own.
+    // Bits above 31 are used by the C library.
     ASSERT_EQ(Given().size(), 2U);
     for (const std::string& line : Given())
     {

@@ -12,7 +12,7 @@ namespace corpdir_tool
 enum ExitStatus : int
 {
     kExitFetched = 0,     // the directory file was fetched
-    kExitInternal = 1,    // the service could not be started, or memory ran out
+    kExitInternal = 1,    // the service could not be started, or the program ran out of memory
     kExitArguments = 2,   // invalid arguments
     kExitNoServer = 3,    // every server failed
     kExitBadVersion = 4,  // the version file is not valid

@@ -32,20 +32,20 @@ using corpdir_tool::Options;
 const char kStatusText[] = R"(Exit status:
   0  the directory file was fetched
   1  the service could not be started
-  2  unusable arguments
-  3  every server failed, for the reasons named
-  4  the version file on disk is not valid
+  2  invalid arguments
+  3  every server failed
+  4  the version file is not valid
   5  no outcome within --timeout
   6  a local file or directory cannot be written
   128 + N  stopped by signal N)";
 
-const char kProgramText[] = R"(Options can also stand in a file, "--config FILE" names it:
+const char kProgramText[] = R"(Options can also be read from a file, with --config FILE:
   servers = "dir1.example;dir2.example"
   user = "phone"
   password-file = "/etc/phone/password"
 
-'corpdir fetch --help', and so on, list the options of a command.
-The manual page corpdir(1) tells more.)";
+'corpdir COMMAND --help' lists the options of a command.
+The manual page is corpdir(1).)";
 
 const char kFetchText[] = R"(Example:
   corpdir fetch --servers 'dir1.example;dir2.example' --user phone \
@@ -55,25 +55,26 @@ const char kFetchText[] = R"(Example:
 const char kWatchText[] = R"(Example:
   corpdir --config /etc/phone/corpdir.conf watch --exec 'systemctl reload phone'
 
-The command of --exec finds CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
-environment. It is run for each new version, one run at a time, and writes to standard
-error. Each start fetches the directory file and runs it, whatever is there already.
+The command of --exec has CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
+environment. It runs for each new version, one run at a time, and its output goes to
+standard error. Each start of watch fetches the directory file and runs the command,
+even if the file is there already.
 
 Exit status:
-  0  asked to stop by SIGTERM, SIGINT or SIGHUP
+  0  stopped by SIGTERM, SIGINT or SIGHUP
   1  the service could not be started
-  2  unusable arguments
+  2  invalid arguments
   6  the events cannot be written)";
 
 const char kCheckText[] = R"(Example:
   corpdir --config /etc/phone/corpdir.conf check
 
-Each server is asked for the version file, and for the directory file, which is given up
-as soon as it begins; nothing is written to --output-dir.
+From each server the version file is fetched, and the transfer of the directory file is
+started and then cancelled; nothing is written to --output-dir.
 
-The exit status is the one that 'corpdir fetch' would end with.)";
+The exit status is that of 'corpdir fetch' with the same options.)";
 
-// An empty value of an optional text is a variable that a script did not set, not a request.
+// An empty value comes from an unset variable in a script; it is not a request for the default.
 CLI::Validator NotEmpty()
 {
     return CLI::Validator([](const std::string& value)
@@ -94,18 +95,18 @@ void AddServerOptions(CLI::App& command, Options& options)
         ->check(CLI::Range(1U, 65535U).description(""))
         ->type_name("N")
         ->group(group);
-    command.add_option("--local-ip", options.localIp, "Address of this machine to connect from")
+    command.add_option("--local-ip", options.localIp, "Local address to connect from")
         ->check(NotEmpty())
         ->type_name("ADDR")
         ->group(group);
-    command.add_option("--user", options.user, "Name to log in with")
+    command.add_option("--user", options.user, "User name")
         ->required()
         ->type_name("NAME")
         ->group(group);
     command
         .add_option("--password-file", options.passwordFile,
-                    "File with the password, '-' for standard input; without it the\n"
-                    "variable CORPDIR_PASSWORD is used, else a prompt")
+                    "File with the password, '-' for standard input; default: the\n"
+                    "variable CORPDIR_PASSWORD, otherwise a prompt")
         ->check(NotEmpty())
         ->type_name("FILE")
         ->group(group);
@@ -122,19 +123,20 @@ void AddFileOptions(CLI::App& command, Options& options)
         ->required()
         ->type_name("REMOTE")
         ->group(group);
-    command.add_option("--output-dir", options.outputDir, "Existing directory to store both in")
+    command
+        .add_option("--output-dir", options.outputDir, "Existing directory to store both files in")
         ->required()
         ->type_name("DIR")
         ->group(group);
     command
         .add_option("--version-name", options.versionName,
-                    "Name of the version file there (default: as on the server)")
+                    "Local name of the version file (default: as on the server)")
         ->check(NotEmpty())
         ->type_name("LOCAL")
         ->group(group);
     command
         .add_option("--directory-name", options.directoryName,
-                    "Name of the directory file there (default: as on the server)")
+                    "Local name of the directory file (default: as on the server)")
         ->check(NotEmpty())
         ->type_name("LOCAL")
         ->group(group);
@@ -151,19 +153,19 @@ void AddProtectionOptions(CLI::App& command, Options& options)
         ->group(group);
     command
         .add_option("--verify-name", options.verifyNames,
-                    "Name that each certificate must be for, whatever is listed; may be\n"
-                    "repeated (default: the name or address that --servers lists)")
+                    "Name that every certificate must have; may be repeated (default:\n"
+                    "the name or address in --servers)")
         ->type_name("DNS")
         ->allow_extra_args(false)
         ->delimiter(',')
         ->group(group);
     command
         .add_flag("--no-verify", options.noVerify,
-                  "Accept any certificate: whoever answers gets the password")
+                  "Accept any certificate: insecure, any server gets the password")
         ->group(group);
     command
         .add_flag("--plain", options.plain,
-                  "FTP without TLS: password and files can be read on the way")
+                  "FTP without TLS: insecure, password and files are not encrypted")
         ->group(group);
     command
         .add_option("--ciphers", options.ciphers,
@@ -179,7 +181,7 @@ void AddLimitOptions(CLI::App& command, Options& options)
     const char group[] = "Limits";
     command
         .add_option("--connect-timeout", options.connectTimeout,
-                    "Time for one TCP connection, control or data (10)")
+                    "Time limit for one TCP connection, control or data (10)")
         ->check(CLI::Range(1U, 3600U).description(""))
         ->type_name("SECONDS")
         ->group(group);
@@ -194,7 +196,7 @@ void AddLimitOptions(CLI::App& command, Options& options)
 
 void AddTimeout(CLI::App& command, Options& options)
 {
-    command.add_option("--timeout", options.timeoutSeconds, "Time for everything")
+    command.add_option("--timeout", options.timeoutSeconds, "Time limit for the whole command")
         ->capture_default_str()
         ->check(CLI::Range(1U, 604800U).description(""))
         ->type_name("SECONDS")
@@ -205,13 +207,13 @@ const char kMessages[] = "Messages";
 
 void AddLogOptions(CLI::App& command, Options& options)
 {
-    command.add_option("--log-dir", options.logDir, "Write the service's log to this directory")
+    command.add_option("--log-dir", options.logDir, "Write a log to this directory")
         ->check(NotEmpty())
         ->type_name("DIR")
         ->group(kMessages);
     command
         .add_option("--log-level", options.logLevel,
-                    "0 errors, 1 fallbacks too, 2 everything (default with --log-dir);\n"
+                    "0 errors, 1 also fallbacks, 2 everything (default with --log-dir);\n"
                     "without --log-dir the log goes to standard error")
         ->check(CLI::Range(0U, 2U).description(""))
         ->type_name("0|1|2")
@@ -235,7 +237,7 @@ void AddRequestOptions(CLI::App& command, Options& options)
     AddProtectionOptions(command, options);
     AddLimitOptions(command, options);
     AddLogOptions(command, options);
-    command.fallthrough();  // "--config" may stand behind the command
+    command.fallthrough();  // allows --config after the command
 }
 
 CipherTable KnownCiphers()
@@ -249,12 +251,12 @@ CipherTable KnownCiphers()
     if (TRAVEX_FTP_ListCiphers(add, &table) != TRAVEX_FTP_OK)
     {
         throw corpdir_tool::ExitError(corpdir_tool::kExitInternal,
-                                      "the cipher suites of this system cannot be listed");
+                                      "cannot list the cipher suites of this system");
     }
     return table;
 }
 
-// Each command is a function like these: it describes its options and says what runs it.
+// One function for each command: its options, and what runs it.
 
 void AddFetch(CLI::App& program, Options& options, int& status)
 {
@@ -262,8 +264,8 @@ void AddFetch(CLI::App& program, Options& options, int& status)
     fetch->footer(std::string(kFetchText) + "\n\n" + kStatusText);
     AddRequestOptions(*fetch, options);
     AddTimeout(*fetch, options);
-    AddJson(*fetch, options, "Print the outcome as one JSON object, that of a failure too");
-    AddQuiet(*fetch, options, "Print errors only, failed servers included");
+    AddJson(*fetch, options, "Print the outcome as one JSON object, also on failure");
+    AddQuiet(*fetch, options, "Print errors only, including failed servers");
     fetch->add_flag("--no-progress", options.noProgress, "Show no progress")->group(kMessages);
     fetch->callback([&] { status = corpdir_tool::RunFetch(options, KnownCiphers); });
 }
@@ -271,12 +273,12 @@ void AddFetch(CLI::App& program, Options& options, int& status)
 void AddWatch(CLI::App& program, Options& options, int& status)
 {
     CLI::App* watch = program.add_subcommand(
-        "watch", "Stay, check every ten minutes, fetch each new directory file");
+        "watch", "Check every ten minutes, and fetch each new directory file");
     watch->footer(kWatchText);
     AddRequestOptions(*watch, options);
     watch
         ->add_option("--retry", options.retrySeconds,
-                     "Time until servers that all failed are asked again when the\n"
+                     "Time until the next try when all servers failed and the\n"
                      "directory file is missing")
         ->capture_default_str()
         ->check(CLI::Range(1U, 600U).description(""))
@@ -284,11 +286,11 @@ void AddWatch(CLI::App& program, Options& options, int& status)
         ->group("Limits");
     watch
         ->add_option("--exec", options.execute,
-                     "Run this command of the shell for each new directory file")
+                     "Run this shell command for each new directory file")
         ->check(NotEmpty())
         ->type_name("COMMAND")
         ->group("Command");
-    AddJson(*watch, options, "Print each event as a JSON object on a line of its own");
+    AddJson(*watch, options, "Print each event as a JSON object on its own line");
     AddQuiet(*watch, options, "Print failures only");
     watch->callback([&] { status = corpdir_tool::RunWatch(options, KnownCiphers); });
 }
@@ -296,19 +298,19 @@ void AddWatch(CLI::App& program, Options& options, int& status)
 void AddCheck(CLI::App& program, Options& options, int& status)
 {
     CLI::App* check = program.add_subcommand(
-        "check", "Say whether these options would work, without downloading the directory file");
+        "check", "Test these options without downloading the directory file");
     check->footer(kCheckText);
     AddRequestOptions(*check, options);
     AddTimeout(*check, options);
     AddJson(*check, options, "Print the outcome as one JSON object");
-    AddQuiet(*check, options, "Print servers that fail only");
+    AddQuiet(*check, options, "Print only servers that fail");
     check->callback([&] { status = corpdir_tool::RunCheck(options, KnownCiphers); });
 }
 
 void AddCiphers(CLI::App& program, Options& options)
 {
-    CLI::App* ciphers = program.add_subcommand("ciphers", "List the cipher suites to choose from");
-    ciphers->footer("Those marked as default are offered when --ciphers is not given.");
+    CLI::App* ciphers = program.add_subcommand("ciphers", "List the available cipher suites");
+    ciphers->footer("The default suites are offered when --ciphers is not given.");
     ciphers->fallthrough();
     AddJson(*ciphers, options, "Print them as a JSON array");
     ciphers->callback(
@@ -327,8 +329,8 @@ std::string VersionText()
            TRAVEX_FTP_Libraries();
 }
 
-// The first word that the parser could make nothing of, with one that may have been meant; empty
-// when there is none.
+// A message on the first word that the parser did not understand, with a suggestion; empty when
+// there is none.
 std::string UnknownWord(const CLI::App& program, const CLI::App* chosen)
 {
     const std::vector<std::string> rest = program.remaining(true);
@@ -375,7 +377,7 @@ std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
 int Run(int argc, char** argv)
 {
     CLI::App program("Fetches a corporate directory from FTP and FTPS servers.", "corpdir");
-    program.require_subcommand(1);  // a bare "corpdir" is a mistake, not a request for nothing
+    program.require_subcommand(1);  // "corpdir" alone is a mistake
     program.failure_message(ParseProblem);
     program.footer(kProgramText);
     program.set_version_flag("--version", VersionText, "Print versions and exit");
@@ -392,16 +394,16 @@ int Run(int argc, char** argv)
     }
     catch (const CLI::ParseError& error)
     {
-        // The parser has statuses of its own; only "help was shown" is a success.
+        // The parser has its own statuses; 0 means that help or version was shown.
         return program.exit(error) == 0 ? 0 : corpdir_tool::kExitArguments;
     }
     return status;
 }
 
-// What was printed has to have arrived, or nobody has read it.
+// A success whose output could not be written is a failure.
 int WithOutputWritten(int status)
 {
-    std::cout.flush();  // the parser's, for help and versions
+    std::cout.flush();  // used by the parser for help and version
     const bool written = std::cout.good() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     if (status == corpdir_tool::kExitFetched && !written)
     {
@@ -411,15 +413,15 @@ int WithOutputWritten(int status)
     return status;
 }
 
-// A standard stream that is closed would be the next file or socket that is opened, and what is
-// written to it would end there. Writing to its stand-in fails, as it does to a closed one.
+// If a standard stream is closed, the next file or socket would get its descriptor, and messages
+// would be written there. Writing to the replacement fails, as writing to a closed stream does.
 void FillStandardStreams()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
     {
         if (fcntl(descriptor, F_GETFD) < 0)
         {
-            (void)open("/dev/null", O_RDONLY);  // takes the lowest number, which is this one
+            (void)open("/dev/null", O_RDONLY);  // gets the lowest free number, which is this one
         }
     }
 }

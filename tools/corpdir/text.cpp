@@ -34,6 +34,14 @@ std::string Printable(std::string_view text)
     return printable;
 }
 
+std::string Trimmed(const std::string& text, const char* blanks)
+{
+    const std::size_t first = text.find_first_not_of(blanks);
+    return first == std::string::npos
+               ? ""
+               : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
 std::string SystemMessage(int error)
 {
     return std::generic_category().message(error);

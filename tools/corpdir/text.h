@@ -1,4 +1,4 @@
-// Small helpers for texts in messages. Stateless, any thread.
+// Helpers for texts in messages. Stateless; any thread.
 #ifndef CORPDIR_TOOL_TEXT_H
 #define CORPDIR_TOOL_TEXT_H
 
@@ -8,14 +8,17 @@
 namespace corpdir_tool
 {
 
-// True for a byte below 0x20 or 0x7f: ends a line or steers a terminal, and has no place in an FTP
-// command.
+// True for a byte below 0x20 and for 0x7f, which can end a line or control a terminal and must not
+// be in an FTP command.
 bool IsControlByte(char byte);
 
-// The text with each byte of what is not UTF-8, or not to be seen ("base/printable.h"), as \xNN.
+// The text with invalid UTF-8 and invisible characters ("base/printable.h") as \xNN.
 std::string Printable(std::string_view text);
 
-// The system's words for an errno value.
+// The text without blanks at both ends.
+std::string Trimmed(const std::string& text, const char* blanks = " \t");
+
+// The system's message for an errno value.
 std::string SystemMessage(int error);
 
 }  // namespace corpdir_tool

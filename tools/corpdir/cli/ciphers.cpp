@@ -17,7 +17,7 @@ namespace
 
 constexpr unsigned long kCipherPrefix = 0x03000000;
 
-// The value of a number that is one from end to end; strtoul itself would also take a sign, blanks
+// The value of a text that is a number as a whole; strtoul alone would also accept a sign, blanks
 // and a second "0x".
 std::optional<unsigned long> NumberOf(const std::string& text)
 {

@@ -16,15 +16,15 @@ namespace corpdir_tool
 namespace
 {
 
-// Bytes that fit, without the terminator: a field of the request record, and the FTP layer's own
-// narrower ones.
+// Bytes that fit without the terminator: in a field of the request record, and in the narrower
+// fields of the FTP layer.
 constexpr std::size_t kMaxField = 255;
 constexpr std::size_t kMaxUser = 127;
 constexpr std::size_t kMaxDirectory = 127;
 
 const std::string kTrustPrefix = "ca=";
 
-constexpr unsigned int kEverything = 2;  // log level of a log that was asked for without one
+constexpr unsigned int kEverything = 2;  // log level of --log-dir without --log-level
 
 [[noreturn]] void Refuse(const std::string& message)
 {
@@ -40,7 +40,7 @@ void CheckLength(const std::string& what, std::size_t length, std::size_t limit)
     }
 }
 
-// A text of the request record that goes to the server or becomes a file name.
+// For a text that is sent to the server or becomes a file name.
 void CheckText(const std::string& option, const std::string& text, std::size_t limit)
 {
     if (text.empty())
@@ -54,7 +54,7 @@ void CheckText(const std::string& option, const std::string& text, std::size_t l
     }
 }
 
-// The local name: as given, else the last part of the name on the server.
+// The local name: as given, otherwise the last component of the name on the server.
 std::string LocalName(const std::string& option, const std::string& given,
                       const std::string& remoteOption, const std::string& remote)
 {
@@ -63,14 +63,15 @@ std::string LocalName(const std::string& option, const std::string& given,
         std::string name = remote.substr(remote.rfind('/') + 1);
         if (name.empty() || name == "." || name == "..")
         {
-            Refuse(remoteOption + " '" + remote + "' does not end in the name of a file");
+            Refuse(remoteOption + " '" + remote + "' does not end in a file name");
         }
         return name;
     }
     CheckText(option, given, kMaxField);
     if (given.find('/') != std::string::npos || given == "." || given == "..")
     {
-        Refuse(option + " '" + given + "' is not a plain file name; the directory is --output-dir");
+        Refuse(option + " '" + given +
+               "' must be a file name without a directory; --output-dir gives the directory");
     }
     return given;
 }
@@ -104,7 +105,7 @@ void PlanFiles(const Options& options, Plan& plan)
     {
         plan.outputDir += '/';
     }
-    CheckLength("--output-dir with its closing '/'", plan.outputDir.size(), kMaxDirectory);
+    CheckLength("--output-dir with its trailing '/'", plan.outputDir.size(), kMaxDirectory);
 }
 
 void PlanServers(const Options& options, Plan& plan)
@@ -122,7 +123,7 @@ void PlanServers(const Options& options, Plan& plan)
     {
         Refuse("--local-ip '" + Printable(options.localIp) + "' is not an IPv4 or IPv6 address");
     }
-    // Names are looked up in this family only; an address of the other one is a contradiction.
+    // Names are looked up in this family only; a listed address must be of the same family.
     for (const ServerEntry& entry : plan.servers)
     {
         if (entry.isAddress && corpdir_shared::FamilyOf(entry.text.c_str()) != plan.family)
@@ -133,17 +134,17 @@ void PlanServers(const Options& options, Plan& plan)
     }
 }
 
-// Options that would have no effect are refused: who gives them believes to be protected by them.
+// Options without effect are refused: a user may rely on the protection that they suggest.
 void CheckProtection(const Options& options)
 {
     const bool trustGiven = options.ca != "system" || !options.verifyNames.empty();
     if (options.plain && (trustGiven || !options.ciphers.empty()))
     {
-        Refuse("--plain has no TLS; leave out --ca, --verify-name and --ciphers");
+        Refuse("--plain does not use TLS; remove --ca, --verify-name and --ciphers");
     }
     if (options.noVerify && trustGiven)
     {
-        Refuse("--no-verify checks no certificate; leave out --ca and --verify-name");
+        Refuse("--no-verify checks no certificate; remove --ca and --verify-name");
     }
 }
 
@@ -156,7 +157,7 @@ void CheckAuthorities(const std::string& ca)
     CheckLength("--ca", ca.size(), kMaxField - kTrustPrefix.size());
     if (ca.find(';') != std::string::npos)
     {
-        Refuse("--ca '" + Printable(ca) + "' contains a ';', which the trust text cannot carry");
+        Refuse("--ca '" + Printable(ca) + "' contains a ';', which is not allowed there");
     }
     if (ca != "system" && access(ca.c_str(), R_OK) != 0)
     {
@@ -180,7 +181,7 @@ void PlanProtection(const Options& options, const CipherSource& ciphers, Plan& p
     CheckProtection(options);
     plan.plain = options.plain;
     plan.verify = !options.plain && !options.noVerify;
-    plan.trust = "system";  // the service wants one even when nothing is verified by it
+    plan.trust = "system";  // the service requires one even when nothing is verified
     if (plan.verify)
     {
         CheckAuthorities(options.ca);
@@ -210,7 +211,7 @@ void PlanLog(const Options& options, Plan& plan)
 Plan MakePlan(const Options& options, const CipherSource& ciphers)
 {
     Plan plan;
-    // In the order of the help text, which is the order in which people look for the mistake.
+    // In the order of the help text.
     PlanServers(options, plan);
     CheckText("--user", options.user, kMaxUser);
     plan.user = options.user;
@@ -221,7 +222,7 @@ Plan MakePlan(const Options& options, const CipherSource& ciphers)
     plan.connectTimeout = std::chrono::seconds(options.connectTimeout);
     plan.timeout = std::chrono::seconds(options.timeoutSeconds);
     plan.retry = std::chrono::seconds(options.retrySeconds);
-    // Last, so that a mistake in an argument is told as one.
+    // Last, so that a mistake in an argument is reported first.
     CheckWritableDirectory("--output-dir", plan.outputDir);
     CheckReplaceable(plan.VersionPath());
     CheckReplaceable(plan.DirectoryPath());

@@ -1,4 +1,4 @@
-// The options of the commands as they were given, and the checked plan that is made of them.
+// The options as given, and the checked plan made from them.
 #ifndef CORPDIR_TOOL_OPTIONS_H
 #define CORPDIR_TOOL_OPTIONS_H
 
@@ -14,8 +14,8 @@
 namespace corpdir_tool
 {
 
-// As the command line gave them; the defaults are those of the help text. A command leaves those
-// that it does not have as they are.
+// As given on the command line; the defaults are those of the help text. Options that a command
+// does not have keep their defaults.
 struct Options
 {
     std::string servers;
@@ -41,7 +41,7 @@ struct Options
     unsigned int connectTimeout = 0;    // seconds; 0: not given
     unsigned int timeoutSeconds = 120;  // fetch and check
     unsigned int retrySeconds = 60;     // watch
-    std::string execute;                // watch: for the shell; empty: nothing
+    std::string execute;                // watch: shell command; empty: none
     std::string logDir;
     std::optional<unsigned int> logLevel;
     bool quiet = false;
@@ -49,13 +49,13 @@ struct Options
     bool json = false;
 };
 
-// Everything that a download needs except the password, each value within its limit.
+// Everything that a download needs except the password; each value is within its limit.
 struct Plan
 {
     std::vector<ServerEntry> servers;
     unsigned int port = 0;
-    std::string localIp;  // empty: the system's choice
-    int family = 0;       // AF_INET or AF_INET6 when localIp asks for one, else AF_UNSPEC
+    std::string localIp;  // empty: chosen by the system
+    int family = 0;       // the family of localIp, else AF_UNSPEC
 
     std::string user;
     std::string versionFile;    // on the server
@@ -67,15 +67,15 @@ struct Plan
     bool plain = false;
     bool verify = true;
     std::string trust;                     // text for the FTP layer, never empty
-    std::vector<std::string> verifyNames;  // empty: each server's own as listed
-    std::vector<int> ciphers;              // empty: the service's own list
+    std::vector<std::string> verifyNames;  // empty: each server as listed
+    std::vector<int> ciphers;              // empty: DefaultCiphers()
 
     std::uint64_t maxSize = 0;               // bytes; 0: the FTP layer's limit
     std::chrono::seconds connectTimeout{0};  // 0: the FTP layer's limit
     std::chrono::seconds timeout{0};
     std::chrono::seconds retry{0};
     std::string logDir;                    // empty: standard error
-    std::optional<unsigned int> logLevel;  // none: no log at all
+    std::optional<unsigned int> logLevel;  // not set: no log
 
     std::string VersionPath() const
     {
@@ -87,9 +87,9 @@ struct Plan
     }
 };
 
-// Checks the options one by one, touching neither network nor files other than to see whether they
-// can be used. Throws ExitError with a message that names the option, the limit and the length.
-// ciphers: asked when a suite is given by name.
+// Checks the options one by one. Uses no network, and only tests whether files and directories are
+// usable. Throws ExitError with a message that names the option. ciphers: called when a suite is
+// given by name.
 Plan MakePlan(const Options& options, const CipherSource& ciphers);
 
 }  // namespace corpdir_tool

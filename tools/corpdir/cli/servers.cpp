@@ -11,17 +11,6 @@ namespace corpdir_tool
 namespace
 {
 
-std::string WithoutBlanks(const std::string& text)
-{
-    const char blanks[] = " \t";
-    const std::size_t first = text.find_first_not_of(blanks);
-    if (first == std::string::npos)
-    {
-        return {};
-    }
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 std::vector<std::string> Split(const std::string& text, char separator)
 {
     std::vector<std::string> pieces;
@@ -38,14 +27,14 @@ std::vector<std::string> Split(const std::string& text, char separator)
 
 [[noreturn]] void RefuseEntry(const std::string& text)
 {
-    // What people try most often deserves its own hint.
+    // Hints for the most frequent mistakes.
     const bool hasPort =
         std::count(text.begin(), text.end(), ':') == 1 || text.find("]:") != std::string::npos;
     const bool hasZone = text.find('%') != std::string::npos;
     throw ExitError(kExitArguments, "--servers: '" + Printable(text) +
                                         "' is neither an address nor a host name" +
-                                        (hasPort   ? "; the port is given with --port"
-                                         : hasZone ? "; an address with a zone cannot be used"
+                                        (hasPort   ? "; give the port with --port"
+                                         : hasZone ? "; addresses with a zone are not supported"
                                                    : ""));
 }
 
@@ -71,7 +60,7 @@ std::vector<ServerEntry> SplitServers(const std::string& list)
     const std::vector<std::string> pieces = Split(list, ';');
     for (const std::string& piece : pieces)
     {
-        const std::string text = WithoutBlanks(piece);
+        const std::string text = Trimmed(piece);
         if (text.empty())
         {
             throw ExitError(kExitArguments, pieces.size() == 1

@@ -18,7 +18,7 @@ using corpdir_shared::Server;
 using corpdir_shared::ServerEntry;
 using corpdir_shared::SystemLookup;
 
-// Splits a list at ";"; blanks around an entry do not count, IPv6 addresses may stand in brackets.
+// Splits a list at ";". Blanks around an entry are ignored; IPv6 addresses may be in brackets.
 // Throws ExitError for an empty list or entry and for one that is neither address nor host name.
 std::vector<ServerEntry> SplitServers(const std::string& list);
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <sstream>
 
 #include "cli/suggestion.h"
 #include "exit_error.h"
@@ -16,14 +15,14 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr std::size_t kMaxFile = 1 << 20;
+constexpr std::size_t kMaxFile = 1 << 20;  // bytes
 
 [[noreturn]] void Refuse(std::size_t line, const std::string& problem)
 {
     throw ExitError(kExitArguments, "line " + std::to_string(line) + ": " + problem);
 }
 
-// For messages: a file that is none of settings may have anything in it.
+// For messages: the file may be anything.
 std::string Shown(const std::string& text)
 {
     constexpr std::size_t kLongest = 40;
@@ -37,72 +36,50 @@ std::string ReadAll(std::istream& input)
     text.resize(static_cast<std::size_t>(input.gcount()));
     if (input.bad() || (input.fail() && !input.eof()))
     {
-        throw ExitError(kExitArguments, "the file cannot be read any further");
+        throw ExitError(kExitArguments, "the file cannot be read");
     }
     if (text.size() > kMaxFile)
     {
-        throw ExitError(kExitArguments, "the file is too large for one of settings");
+        throw ExitError(kExitArguments, "the file is larger than 1 MiB");
     }
     return text;
 }
 
-std::string Trimmed(const std::string& text)
+// Where a line starts; lines are counted from 1.
+std::size_t StartOfLine(const std::string& text, std::size_t number)
 {
-    const char blanks[] = " \t\r";
-    const std::size_t first = text.find_first_not_of(blanks);
-    return first == std::string::npos
-               ? ""
-               : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+    std::size_t start = 0;
+    for (std::size_t line = 1; line < number && start < text.size(); ++line)
+    {
+        start = std::min(text.find('\n', start), text.size() - 1) + 1;
+    }
+    return start;
 }
 
-// The lines with one of them replaced.
-std::string WithLine(const std::string& text, std::size_t number, const std::string& replacement)
-{
-    std::istringstream lines(text);
-    std::string all;
-    std::string line;
-    for (std::size_t at = 1; std::getline(lines, line); ++at)
-    {
-        all += (at == number ? replacement : line) + "\n";
-    }
-    return all;
-}
-
-std::string LineOf(const std::string& text, std::size_t number)
-{
-    std::istringstream lines(text);
-    std::string line;
-    while (number-- != 0 && std::getline(lines, line))
-    {
-    }
-    return line;
-}
-
-bool IsGoodUpTo(const std::string& text, std::size_t line)
-{
-    try
-    {
-        (void)toml::parse(text);
-        return true;
-    }
-    catch (const toml::parse_error& error)
-    {
-        return error.source().begin.line > line;
-    }
-}
-
-// The line with its value in quotes, if that is what it lacks; else empty.
+// The line with its value in quotes, if that makes it valid, otherwise empty. Earlier versions read
+// values without quotes.
 std::string InQuotes(const std::string& text, std::size_t number)
 {
-    const std::string line = LineOf(text, number);
+    const std::size_t start = StartOfLine(text, number);
+    const std::string line = text.substr(start, text.find('\n', start) - start);
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos)
     {
         return "";
     }
+    const char blanks[] = " \t\r";
     const std::string value = line.substr(equals + 1, line.find(" #") - equals - 1);
-    const std::string quoted = Trimmed(line.substr(0, equals)) + " = \"" + Trimmed(value) + "\"";
-    return IsGoodUpTo(WithLine(text, number, quoted), number) ? quoted : "";
+    const std::string quoted =
+        Trimmed(line.substr(0, equals), blanks) + " = \"" + Trimmed(value, blanks) + "\"";
+    try
+    {
+        (void)toml::parse(text.substr(0, start) + quoted);
+        return quoted;
+    }
+    catch (const toml::parse_error&)
+    {
+        return "";
+    }
 }
 
 [[noreturn]] void RefuseToml(const toml::parse_error& error, const std::string& text)
@@ -113,7 +90,7 @@ std::string InQuotes(const std::string& text, std::size_t number)
            Printable(error.description()) + (quoted.empty() ? "" : "; write " + Printable(quoted)));
 }
 
-// Numbers and the words true and false mean the same in quotes.
+// Integers and booleans mean the same with and without quotes.
 std::string TextOf(const toml::node& node, const std::string& name)
 {
     if (const auto text = node.value_exact<std::string>())
@@ -128,8 +105,7 @@ std::string TextOf(const toml::node& node, const std::string& name)
     {
         return *truth ? "true" : "false";
     }
-    Refuse(node.source().begin.line,
-           Shown(name) + " is neither a text, nor a whole number, nor true or false");
+    Refuse(node.source().begin.line, Shown(name) + " must be a string, an integer, true or false");
 }
 
 void Collect(const toml::table& table, const std::string& section, std::vector<Setting>& settings)
@@ -146,7 +122,7 @@ void Collect(const toml::table& table, const std::string& section, std::vector<S
     }
 }
 
-// Hands each setting to the chosen command in the parser's own terms.
+// Passes each setting to the chosen command, as an item of the parser.
 class SettingsFormat final : public CLI::ConfigBase
 {
 public:
@@ -174,7 +150,7 @@ private:
         {
             Sort(setting, setting.section.empty() ? ofAll : ofCommand);
         }
-        // The first setting of an option counts.
+        // The parser takes the first setting of an option.
         ofCommand.insert(ofCommand.end(), ofAll.begin(), ofAll.end());
         return ofCommand;
     }
@@ -224,13 +200,14 @@ private:
                    " has an option " + Shown(setting.name) + Suggestion(setting.name, names));
     }
 
-    // A flag that is false is as good as one that is not there. Any other value is a mistake: an
-    // empty one may come of a template, and shall switch nothing off.
+    // A flag that is false is the same as no flag. Any value but true and false is a mistake: an
+    // empty one may come from a template, and must not switch a protection off.
     static bool IsSet(const Setting& setting, bool isFlag)
     {
         if (isFlag && setting.value != "true" && setting.value != "false")
         {
-            Refuse(setting.line, setting.name + " is true or false, not " + Shown(setting.value));
+            Refuse(setting.line,
+                   setting.name + " must be true or false, not " + Shown(setting.value));
         }
         return !isFlag || setting.value == "true";
     }

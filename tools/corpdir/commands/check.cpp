@@ -22,7 +22,7 @@ namespace corpdir_tool
 namespace
 {
 
-// An empty directory, removed with what is in it.
+// A temporary directory, removed with its files.
 class ScratchDirectory
 {
 public:
@@ -32,7 +32,7 @@ public:
         if (mkdtemp(pattern.data()) == nullptr)
         {
             throw ExitError(kExitLocalFile,
-                            "no scratch directory can be made in /tmp: " + SystemMessage(errno));
+                            "cannot create a temporary directory in /tmp: " + SystemMessage(errno));
         }
         m_path = pattern + "/";
     }
@@ -58,7 +58,8 @@ private:
     std::string m_path;
 };
 
-// What `fetch` would end with: it goes on to the next server except after a bad version file.
+// The exit status of `fetch`, which goes on to the next server except after an invalid version
+// file.
 int StatusOf(const std::vector<CheckResult>& results)
 {
     for (const CheckResult& result : results)
@@ -75,7 +76,7 @@ int StatusOf(const std::vector<CheckResult>& results)
     return kExitNoServer;
 }
 
-// Shows results as they come, or all together as JSON.
+// Prints each result at once, or all as one JSON object.
 class CheckPrinter
 {
 public:
@@ -99,7 +100,7 @@ public:
         m_leftOut.push_back(problem);
     }
 
-    // The last words; gives the status back.
+    // Prints the end; returns the status.
     int End(int status, const std::string& error) const
     {
         if (m_json)
@@ -154,7 +155,7 @@ std::string ErrorOf(const std::vector<CheckResult>& results, int status)
     return status == kExitBadVersion ? "the version file is not valid" : AllFailed(results.size());
 }
 
-// Ends with what the servers are good for, a check that was stopped as well.
+// A check that was stopped ends with success when a server works.
 int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret& password,
              EventQueue::Clock::time_point deadline, CommandProcess& process, CheckPrinter& printer)
 {
@@ -192,7 +193,7 @@ int Check(const Options& options, const CipherSource& ciphers)
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
     const auto leaveOut = [&report, &printer](const std::string& problem)
     {
-        report.Error(problem + "; left out");
+        report.Error(problem + "; skipped");
         printer.LeaveOut(problem);
     };
     try

@@ -7,7 +7,7 @@
 namespace corpdir_tool
 {
 
-// As RunFetch, without a download: the status is the one that `fetch` would end with.
+// Returns the exit status that `fetch` would have.
 int RunCheck(const Options& options, const CipherSource& ciphers);
 
 }  // namespace corpdir_tool

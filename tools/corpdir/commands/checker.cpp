@@ -248,9 +248,9 @@ Event Checker::Outcome(const Server& server, EventQueue::Clock::time_point deadl
                     kExitSignal + event.number,
                     "stopped by " + SignalName(event.number) + " while checking " + server.Label()};
             case EventKind::kDeadline:
-                throw CheckStopped{kExitNoOutcome,
-                                   "no outcome within " + std::to_string(m_plan.timeout.count()) +
-                                       " s; stopped while checking " + server.Label()};
+                throw CheckStopped{kExitNoOutcome, "timed out after " +
+                                                       std::to_string(m_plan.timeout.count()) +
+                                                       " s while checking " + server.Label()};
             case EventKind::kOutOfMemory:
                 throw ExitError(kExitInternal, "out of memory");
             default:

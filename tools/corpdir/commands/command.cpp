@@ -72,12 +72,12 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
             throw ExitError(kExitSignal + event.number,
                             "stopped while looking up the names of the servers");
         case EventKind::kDeadline:
-            throw ExitError(kExitNoOutcome, "no outcome within " +
+            throw ExitError(kExitNoOutcome, "timed out after " +
                                                 std::to_string(plan.timeout.count()) +
-                                                " s; stopped while looking up the names of the "
+                                                " s while looking up the names of the "
                                                 "servers");
         default:
-            throw ExitError(kExitInternal, "memory ran out");
+            throw ExitError(kExitInternal, "out of memory");
     }
     ResolvedServers resolved = resolver.Take();
     for (const corpdir_shared::LeftOut& entry : resolved.leftOut)
@@ -87,8 +87,8 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
     if (resolved.servers.empty())
     {
         throw ExitError(kExitNoServer,
-                        "no name of --servers has an address: check the spelling, "
-                        "'getent hosts NAME' asks this machine's resolver");
+                        "no name in --servers could be resolved: check the spelling; 'getent hosts "
+                        "NAME' asks this machine's resolver");
     }
     return std::move(resolved.servers);
 }

@@ -42,7 +42,7 @@ Json ServersOf(const Outcome& outcome)
     return servers;
 }
 
-// Where the outcome goes: two lines for people, or one object for programs.
+// Prints the outcome: two lines, or one JSON object.
 class ResultPrinter
 {
 public:
@@ -53,7 +53,7 @@ public:
         m_path = path;
     }
 
-    // A name without an address, and why.
+    // A name without an address, with the reason.
     void LeaveOut(const std::string& problem)
     {
         m_leftOut.push_back(problem);
@@ -118,7 +118,7 @@ Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, R
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
     const auto leaveOut = [&report, &printer](const std::string& problem)
     {
-        report.Error(problem + "; left out");
+        report.Error(problem + "; skipped");
         printer.LeaveOut(problem);
     };
     Session session(*GetCorpDirInstance(), plan, FindServers(plan, events, deadline, leaveOut),
@@ -154,7 +154,7 @@ int RunFetch(const Options& options, const CipherSource& ciphers)
         {
             throw;
         }
-        // The object comes whatever happens; the messages are the same as without it.
+        // With --json the object is printed in any case, and the message as well.
         (void)std::fprintf(stderr, "corpdir: %s\n", error.what());
         outcome = Failed(error.Status(), error.what());
     }

@@ -7,9 +7,8 @@
 namespace corpdir_tool
 {
 
-// Runs the command to its end; call it on the main thread before any other exists. Returns the exit
-// status. Throws ExitError. Leaves the process at once, with its status, when a stop is asked for
-// or the time is over while names are being looked up.
+// Runs the command and returns the exit status. Call it on the main thread before any other exists.
+// Throws ExitError.
 int RunFetch(const Options& options, const CipherSource& ciphers);
 
 }  // namespace corpdir_tool

@@ -1,4 +1,4 @@
-// Name resolution beside the main thread, which meanwhile can be told to stop.
+// Name resolution on a separate thread, so that the main thread can react to signals.
 #ifndef CORPDIR_TOOL_NAME_RESOLVER_H
 #define CORPDIR_TOOL_NAME_RESOLVER_H
 
@@ -11,7 +11,7 @@
 namespace corpdir_tool
 {
 
-// Used on one thread; its own thread only fills the result and then pushes RESOLVED.
+// Used on one thread; its own thread only fills the result and pushes kResolved.
 class NameResolver
 {
 public:
@@ -19,13 +19,13 @@ public:
     NameResolver(const std::vector<ServerEntry>& entries, int family, Lookup lookup,
                  EventQueue& events);
 
-    // Gives up; does not wait for the system's resolver.
+    // Cancels; does not wait for the system's resolver.
     ~NameResolver();
 
     NameResolver(const NameResolver&) = delete;
     NameResolver& operator=(const NameResolver&) = delete;
 
-    // The servers that were found; call it once, after RESOLVED.
+    // The servers; call it once, after kResolved.
     ResolvedServers Take();
 
 private:

@@ -1,5 +1,5 @@
-// The program's side of the service: start it, make a request, stop it. What the service and the
-// FTP layer then say arrives in the event queue.
+// Starts the service, makes a request, stops it. Reports of the service and the FTP layer arrive in
+// the event queue.
 #ifndef CORPDIR_TOOL_SERVICE_LINK_H
 #define CORPDIR_TOOL_SERVICE_LINK_H
 
@@ -16,8 +16,8 @@
 namespace corpdir_tool
 {
 
-// Not thread-safe: belongs to the main thread, which alone may call the service; callbacks only
-// fill the queue. One at a time in a process, since the client callback carries no user pointer.
+// Not thread-safe: belongs to the main thread, the only one that calls the service; callbacks only
+// fill the queue. One at a time in a process: the client callback has no user pointer.
 class ServiceLink
 {
 public:
@@ -27,18 +27,17 @@ public:
     ServiceLink(const ServiceLink&) = delete;
     ServiceLink& operator=(const ServiceLink&) = delete;
 
-    // Starts the service with the plan's limits and its cipher list, which a stop releases. Throws
-    // ExitError.
+    // Starts the service with the plan's limits and cipher list. Throws ExitError.
     void Start();
 
-    // Asks these servers for the files, and registers for whom their certificates may be. 0 when
-    // the first check was started.
+    // Requests the files from these servers, and registers their certificate names. 0 when the
+    // first check was started.
     [[nodiscard]] unsigned int Request(const std::vector<Server>& servers, const Secret& password);
 
-    // An observation becomes an event. Called on threads of the FTP layer.
+    // Turns an observation into an event. Called on threads of the FTP layer.
     void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen) const noexcept;
 
-    // Stops the service; nothing is under way afterwards, and none of its events are left.
+    // Stops the service and discards its events.
     void Stop();
 
 private:

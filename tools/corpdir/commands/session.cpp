@@ -43,8 +43,8 @@ Outcome Session::Run(EventQueue::Clock::time_point deadline)
     return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts};
 }
 
-// Makes a request to the servers from `first` on; a server for which it cannot even be started is
-// left out of the next try.
+// Makes a request to the servers from `first` on. A server for which it cannot be started is
+// skipped.
 Session::Settled Session::StartFrom(std::size_t first)
 {
     for (std::size_t index = first; index < m_servers.size(); ++index)
@@ -72,7 +72,7 @@ Session::Settled Session::StartFrom(std::size_t first)
             }
             refusal = event.kind == EventKind::kRefused ? event : refusal;
         }
-        // The start itself may have failed halfway, with a transfer under way.
+        // The failed start may have left a transfer running.
         m_link.Stop();
         ReportServer(index, refusal, index + 1 < m_servers.size() ? kNextServer : "");
     }
@@ -100,21 +100,21 @@ Session::Settled Session::Handle(const Event& event)
                         "stopped by " + SignalName(event.number) + " while " + Activity());
         case EventKind::kDeadline:
             return Fail(kExitNoOutcome,
-                        "no outcome within " + std::to_string(m_plan.timeout.count()) +
-                            " s; stopped while " + Activity(),
-                        "--timeout allows more");
+                        "timed out after " + std::to_string(m_plan.timeout.count()) + " s while " +
+                            Activity(),
+                        "raise --timeout to allow more time");
         case EventKind::kOutOfMemory:
-            return Fail(kExitInternal, "memory ran out");
+            return Fail(kExitInternal, "out of memory");
         case EventKind::kResolved:
         case EventKind::kCommandEnded:
-            break;  // was awaited before the session; never in one
+            break;  // never during a session
     }
     return std::nullopt;
 }
 
 Session::Settled Session::OnProgress(const Event& event)
 {
-    // The service's own ten-minute check may fetch the version file again meanwhile.
+    // The service's ten-minute check may fetch the version file again in between.
     if (IsVersionFile(event) == m_version.has_value())
     {
         return std::nullopt;
@@ -125,14 +125,14 @@ Session::Settled Session::OnProgress(const Event& event)
     return std::nullopt;
 }
 
-// A file is on disk. The service is told after the observer, reads the version file by the same
-// rule, and goes on to the directory file when it is valid.
+// A file is on disk. The service is notified after the observer; it reads the version file by the
+// same rule, and goes on to the directory file when the version is valid.
 Session::Settled Session::OnTransferred(const Event& event)
 {
     if (!IsVersionFile(event))
     {
         m_bytes = event.bytes;
-        return std::nullopt;  // the service's word, DELIVERED, follows
+        return std::nullopt;  // kDelivered follows
     }
     if (m_version)
     {
@@ -145,7 +145,7 @@ Session::Settled Session::OnTransferred(const Event& event)
         return Fail(kExitBadVersion,
                     "version file '" + m_plan.VersionPath() + "' from " +
                         m_servers[m_current].Label() + " is not valid: " + file.problem,
-                    "its first line, the version, has 5 to 30 bytes");
+                    "the first line of the version file must have 5 to 30 bytes");
     }
     m_version = file.version;
     m_bytes = 0;
@@ -166,11 +166,11 @@ Session::Settled Session::OnFailed(const Event& event)
     return m_version ? std::nullopt : OnVersionFailed(event);
 }
 
-// The service has moved on by itself, unless its list is at an end.
+// The service goes on to the next server by itself until its list is used up.
 Session::Settled Session::OnVersionFailed(const Event& event)
 {
     const std::size_t servers = m_servers.size() - m_first;
-    // With one server the service's list is at an end only after a second try.
+    // A single server is tried twice.
     const std::size_t attempts = servers == 1 ? 2 : servers;
     const std::size_t failed = IndexOf(event);
     ++m_failures;
@@ -186,7 +186,7 @@ Session::Settled Session::OnVersionFailed(const Event& event)
     return std::nullopt;
 }
 
-// The service's worker could not start a transfer; no callback will come.
+// The service could not start a transfer; no callback follows.
 Session::Settled Session::OnRefused(const Event& event)
 {
     if (IsArgumentRefusal(event.code))
@@ -196,7 +196,7 @@ Session::Settled Session::OnRefused(const Event& event)
     return MoveOn(m_current, event);
 }
 
-// A new request while anything of the earlier one is under way is not allowed, hence the stop.
+// The service must be stopped before a new request.
 Session::Settled Session::MoveOn(std::size_t failedIndex, const Event& event)
 {
     m_link.Stop();
@@ -209,7 +209,7 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
 {
     m_error = message;
     m_report.Error(message);
-    // The server that was being asked; the others have been told of.
+    // Adds the current server; the others have been reported already.
     if (status != kExitNoServer && status != kExitArguments)
     {
         m_attempts.push_back({m_servers[m_current], {0, 0, 0, 0, "", message}});
@@ -228,7 +228,7 @@ Session::Settled Session::NoServerLeft()
     return kExitNoServer;
 }
 
-// For each kind of failure once.
+// Each hint once.
 void Session::Hint() const
 {
     std::vector<Failure> failures;
@@ -247,7 +247,7 @@ bool Session::IsVersionFile(const Event& event) const
     return event.file == m_plan.versionFile;
 }
 
-// The layer names the server that it talked to; when it does not, it is the one being asked.
+// The current server when the event does not name one.
 std::size_t Session::IndexOf(const Event& event) const
 {
     for (std::size_t index = m_first; index < m_servers.size(); ++index)

@@ -1,4 +1,4 @@
-// One download from the first request to its outcome: which server to ask, and when to give up.
+// One download, from the first request to the outcome.
 #ifndef CORPDIR_TOOL_SESSION_H
 #define CORPDIR_TOOL_SESSION_H
 
@@ -18,28 +18,27 @@
 namespace corpdir_tool
 {
 
-// A server that was asked, and why it did not give the file.
+// A server that was tried, and its failure.
 struct Attempt
 {
     Server server;
-    Failure failure;  // without a reason: it gave the file
+    Failure failure;  // no reason: the download succeeded
 };
 
 struct Outcome
 {
     int status = 0;                 // exit status
-    std::string error;              // in words, unless it is a success
-    std::string version;            // of a directory file that has arrived
+    std::string error;              // message; empty on success
+    std::string version;            // of the directory file
     std::uint64_t bytes = 0;        // its size
     std::vector<Attempt> attempts;  // in the order in which they ended
 };
 
-// A state machine on the main thread, fed by the event queue; it never polls. Not thread-safe.
+// A state machine on the main thread, driven by the event queue. Not thread-safe.
 //
-// The service rotates by itself while the version file fails: to the next server of its list, and
-// once more to the only one. Everything else it leaves to its client: a directory file that failed,
-// or a transfer that could not be started, is asked for with a new request to the servers that are
-// left, for which the service is stopped first.
+// When the version file fails, the service itself goes on to the next server, and tries a single
+// server twice. When the directory file fails, or a transfer cannot be started, the session stops
+// the service and makes a new request to the remaining servers.
 class Session
 {
 public:
@@ -47,12 +46,12 @@ public:
     Session(IFtpCorpDir& service, const Plan& plan, std::vector<Server> servers,
             const Secret& password, EventQueue& events, Report& report);
 
-    // Runs to the outcome, which is reported unless it is a success. The service is stopped when it
-    // returns. Throws ExitError when the service cannot be started.
+    // Runs until the outcome, and reports a failure. The service is stopped on return. Throws
+    // ExitError when the service cannot be started.
     Outcome Run(EventQueue::Clock::time_point deadline);
 
 private:
-    // Each returns the exit status when it settles the outcome.
+    // These return the exit status once the outcome is known.
     using Settled = std::optional<int>;
 
     Settled StartFrom(std::size_t first);
@@ -79,13 +78,13 @@ private:
     Report& m_report;
     ServiceLink m_link;
 
-    std::size_t m_first = 0;               // first server of the request under way
-    std::size_t m_current = 0;             // the server that is being asked
-    std::size_t m_failures = 0;            // version transfers that failed since the request
-    std::optional<std::string> m_version;  // set once the version file is good
+    std::size_t m_first = 0;               // first server of the current request
+    std::size_t m_current = 0;             // the current server
+    std::size_t m_failures = 0;            // failed version transfers of the current request
+    std::optional<std::string> m_version;  // set once the version file is valid
     std::string m_error;
     std::vector<Attempt> m_attempts;
-    std::uint64_t m_bytes = 0;  // of the file under way, or of the directory file
+    std::uint64_t m_bytes = 0;  // of the current file, finally of the directory file
     std::uint64_t m_total = 0;
 };
 

@@ -1,5 +1,5 @@
-// The version file on disk, read by the rule of the service, so that the program knows at once
-// whether a directory file will follow.
+// Reads the version file by the rule of the service, so that the program knows whether the service
+// goes on to the directory file.
 #ifndef CORPDIR_TOOL_VERSION_FILE_H
 #define CORPDIR_TOOL_VERSION_FILE_H
 
@@ -9,15 +9,15 @@
 namespace corpdir_tool
 {
 
-// What a version file holds: its version, or in words why it is none.
+// The version, or why the file is not valid.
 struct VersionFile
 {
     std::optional<std::string> version;
     std::string problem;
 };
 
-// The version is the first line, at most 30 bytes of it, up to a zero byte, nothing trimmed; it is
-// valid from 5 bytes on.
+// The version is the first line, at most 30 bytes, up to a zero byte; nothing is trimmed. It is
+// valid with at least 5 bytes.
 VersionFile ReadVersionFile(const std::string& path);
 
 }  // namespace corpdir_tool

@@ -19,7 +19,7 @@ int RunWatch(const Options& options, const CipherSource& ciphers)
     Secret password;
     ReadPassword(options.passwordFile, password);
 
-    // Being asked to stop is how a watch ends.
+    // A watch that is stopped by a signal ends with success.
     CommandProcess process(plan, [](int) { return static_cast<int>(kExitFetched); });
     WatchOutput output(stdout, options.json, options.quiet);
     std::optional<ChildCommand> command;

@@ -7,9 +7,8 @@
 namespace corpdir_tool
 {
 
-// Runs the command until it is asked to stop; call it on the main thread before any other exists.
-// Returns the exit status. Throws ExitError. Leaves the process at once when it is asked to stop
-// while names are being looked up.
+// Runs the command until a signal asks it to stop, and returns the exit status. Call it on the main
+// thread before any other exists. Throws ExitError.
 int RunWatch(const Options& options, const CipherSource& ciphers);
 
 }  // namespace corpdir_tool

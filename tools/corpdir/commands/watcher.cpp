@@ -13,10 +13,10 @@ namespace corpdir_tool
 namespace
 {
 
-// The service's own time between two checks.
+// The service's interval between two checks.
 constexpr std::chrono::seconds kCheckInterval{600};
 
-// For want of anything to wait for.
+// Used when there is nothing to wait for.
 constexpr std::chrono::hours kLongWait{24};
 
 bool SameServers(const std::vector<Server>& one, const std::vector<Server>& other)
@@ -79,7 +79,7 @@ Watcher::Settled Watcher::OnResolved()
         AskAgainLater();
         return std::nullopt;
     }
-    // A name that has no address for the moment is no reason to give up those of a request.
+    // If a name has no address at the moment, the addresses of the current request stay in use.
     const bool moved = resolved.leftOut.empty() && !SameServers(resolved.servers, m_found);
     if (!m_requestDue && !moved)
     {
@@ -91,7 +91,7 @@ Watcher::Settled Watcher::OnResolved()
     return Request(0);
 }
 
-// Makes a request that begins with this server of the one before.
+// Makes a request that begins with this server of the previous one.
 Watcher::Settled Watcher::Request(std::size_t first)
 {
     m_link.Stop();
@@ -119,8 +119,8 @@ Watcher::Settled Watcher::Request(std::size_t first)
     return OnRefused(refusal);
 }
 
-// The code of the request. A start that fails later on, for a log directory that has gone, is told
-// and tried again: m_requestDue is set then.
+// Returns the code of the request. A restart that fails, for example because the log directory is
+// gone, is reported and retried later; m_requestDue is set in this case.
 unsigned int Watcher::StartAndRequest()
 {
     try
@@ -170,7 +170,7 @@ Watcher::Settled Watcher::Handle(const Event& event)
             OnDeadline();
             break;
         case EventKind::kOutOfMemory:
-            throw ExitError(kExitInternal, "memory ran out");
+            throw ExitError(kExitInternal, "out of memory");
     }
     return std::nullopt;
 }
@@ -190,8 +190,8 @@ void Watcher::OnAccepted(const Event& event)
     m_output.Checking(ServerOf(event));
 }
 
-// A version file is on disk. The service reads it by the same rule, and goes on to the directory
-// file when it is valid and new.
+// For a version file: the service reads it by the same rule, and goes on to the directory file when
+// the version is valid and new.
 Watcher::Settled Watcher::OnTransferred(const Event& event)
 {
     const Server server = ServerOf(event);
@@ -219,8 +219,8 @@ Watcher::Settled Watcher::OnTransferred(const Event& event)
     return std::nullopt;
 }
 
-// The service's word, DELIVERED, follows at once, unless it waits for another task by now. A newer
-// version may have been announced meanwhile: what counts is the one that the task was begun for.
+// kDelivered follows, unless the service already waits for another task. The version is the one
+// that the task was started for: a newer one may have been seen since.
 void Watcher::OnDirectoryArrived(const Event& event)
 {
     m_arrival = {ServerOf(event), m_expected[event.task], event.bytes};
@@ -253,7 +253,7 @@ Watcher::Settled Watcher::OnFailed(const Event& event)
     return OnDirectoryFailed(event);
 }
 
-// The service has moved on by itself, unless its list is at an end.
+// The service goes on to the next server by itself until its list is used up.
 void Watcher::OnVersionFailed()
 {
     if (!RefillWhenUsedUp())
@@ -279,9 +279,9 @@ Watcher::Settled Watcher::OnDirectoryFailed(const Event& event)
     m_expected.erase(event.task);
     if (version != m_version)
     {
-        return std::nullopt;  // a newer one is on its way
+        return std::nullopt;  // a newer one will follow
     }
-    // No server would do better with a file that cannot be written.
+    // Another server would not help.
     if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
     {
         AskAgainLater();
@@ -290,7 +290,7 @@ Watcher::Settled Watcher::OnDirectoryFailed(const Event& event)
     return TryElsewhere(ServerOf(event));
 }
 
-// The service would ask this one again, or nobody. When all have been tried, there is time.
+// The service itself would not go on to the next server.
 Watcher::Settled Watcher::TryElsewhere(const Server& server)
 {
     ++m_fruitless;
@@ -311,8 +311,8 @@ Watcher::Settled Watcher::TryElsewhere(const Server& server)
     return Request(index);
 }
 
-// At the start a refused setting is the user's mistake. Later it is a file that has gone, or memory
-// that ran out, and may be mended.
+// At the start a refused setting is the user's mistake. Later the cause may be temporary: a missing
+// file, or lack of memory.
 Watcher::Settled Watcher::OnRefused(const Event& event)
 {
     if (!m_taken && IsArgumentRefusal(event.code))
@@ -340,7 +340,7 @@ void Watcher::OnCommandEnded(int status)
     RunCommand();
 }
 
-// The service's list is at an end: it takes all servers anew, and pauses.
+// When its list is used up, the service starts again with all servers, after a pause.
 bool Watcher::RefillWhenUsedUp()
 {
     if (m_left != 0)
@@ -351,7 +351,7 @@ bool Watcher::RefillWhenUsedUp()
     return true;
 }
 
-// Failures that the service bears after the first server; with one server it tries that twice.
+// The servers after the first; a single server is tried twice.
 void Watcher::Refill()
 {
     m_left = std::max<std::size_t>(m_servers.size() - 1, 1);
@@ -364,7 +364,7 @@ void Watcher::AskAgainLater()
     m_output.Waiting(m_plan.retry, true);
 }
 
-// One at a time; of several versions that arrive meanwhile, for the last.
+// One run at a time; when several versions arrive during a run, only for the last one.
 void Watcher::RunCommand()
 {
     if (!m_commandDue || m_command->Running())
@@ -386,7 +386,7 @@ bool Watcher::IsVersionFile(const Event& event) const
     return event.file == m_plan.versionFile;
 }
 
-// With the name that it was found by.
+// The server with its name.
 Server Watcher::ServerOf(const Event& event) const
 {
     for (const Server& server : m_servers)

@@ -1,4 +1,4 @@
-// The states of `watch`: what the service does on its own, and what it leaves to its client.
+// The state machine of `watch`.
 #ifndef CORPDIR_TOOL_WATCHER_H
 #define CORPDIR_TOOL_WATCHER_H
 
@@ -22,19 +22,17 @@
 namespace corpdir_tool
 {
 
-// A state machine on the main thread, fed by the event queue; it never polls. Not thread-safe.
+// Runs on the main thread, driven by the event queue. Not thread-safe.
 //
 // The service checks the version every ten minutes, and goes through the servers while the version
-// file fails. It does not ask again for a directory file that failed, nor for a transfer that could
-// not be started, and it would take its servers' addresses for good. So the watcher makes a new
-// request, for which the service is stopped first:
-//   - at once, to the next server, when the directory file failed at one of several, or the version
-//     file there is not valid;
-//   - after the plan's retry time, names looked up again, when all of them failed so, when the file
-//     could not be written, or when no version was seen since the request;
-//   - when every server failed and their names have got other addresses.
-// A new request downloads the directory file even if its version is the one that is there; the
-// command is run for other versions only.
+// file fails. It does not retry a directory file that failed or a transfer that could not be
+// started, and never looks up names again. In these cases the watcher stops the service and makes a
+// new request:
+//   - at once, to the next server, when the directory file failed or the version file is not valid;
+//   - after the plan's retry time, with names looked up again, when all servers failed in this way,
+//     when the file could not be written, or when no version was seen since the request;
+//   - when every server failed and their names have other addresses now.
+// A new request always downloads the directory file; the command runs only for a new version.
 class Watcher
 {
 public:
@@ -42,13 +40,12 @@ public:
     Watcher(IFtpCorpDir& service, const Plan& plan, Lookup lookup, const Secret& password,
             EventQueue& events, WatchOutput& output, ChildCommand* command);
 
-    // Runs until a signal asks it to stop, then gives 0; any other status after a failure that
-    // repeating cannot mend. The service is stopped when it returns. Throws ExitError when it
-    // cannot be started.
+    // Runs until a signal asks it to stop; returns the exit status. The service is stopped on
+    // return. Throws ExitError when the service cannot be started or the events cannot be written.
     int Run();
 
 private:
-    // Each returns the exit status when it ends the watch.
+    // These return the exit status when the watch ends.
     using Settled = std::optional<int>;
     using Clock = EventQueue::Clock;
 
@@ -85,19 +82,20 @@ private:
     ServiceLink m_link;
     std::unique_ptr<NameResolver> m_resolver;
 
-    // The request under way.
-    std::vector<Server> m_found;    // as the names stand for them, in the order given
+    // The current request.
+    std::vector<Server> m_found;    // as looked up last, in the order given
     std::vector<Server> m_servers;  // in the order of the request
-    bool m_requestDue = true;       // a new one is to be made as soon as names are looked up
+    bool m_requestDue = true;       // make a request when the names have been looked up
     std::optional<Clock::time_point> m_askAgainAt;
-    std::size_t m_left = 0;       // version failures that the service bears before it pauses
-    bool m_moving = false;        // a version file failed, and the next server is asked
-    std::size_t m_fruitless = 0;  // requests in a row that brought no directory file
-    std::string m_version;        // that the service has taken note of
-    std::map<unsigned int, std::string> m_expected;  // version of each directory file under way
-    bool m_taken = false;                            // a transfer was accepted once
+    std::size_t m_left = 0;       // servers that the service will still try before it pauses
+    bool m_moving = false;        // a version file failed, and the next server is tried
+    std::size_t m_fruitless = 0;  // requests in a row without a directory file
+    std::string m_version;        // seen last by the service
+    // Version of each directory file being transferred, by task.
+    std::map<unsigned int, std::string> m_expected;
+    bool m_taken = false;  // a transfer has been accepted
 
-    // What has arrived.
+    // The directory file that arrived last.
     struct Arrival
     {
         Server server;

@@ -9,14 +9,14 @@ _corpdir()
     local word=${COMP_WORDS[COMP_CWORD]} option=${COMP_WORDS[COMP_CWORD - 1]} command="" index
     COMPREPLY=()
 
-    # bash takes "--option=value" for three words.
+    # bash splits "--option=value" into three words.
     if [[ $word == "=" ]]; then
         word=""
     elif [[ $option == "=" ]]; then
         option=${COMP_WORDS[COMP_CWORD - 2]}
     fi
 
-    # The first word that is neither an option nor the value of the only one before the command.
+    # The command: the first word that is neither an option nor the value of --config.
     for ((index = 1; index < COMP_CWORD && ${#command} == 0; index++)); do
         case ${COMP_WORDS[index]} in
             --config)
@@ -42,7 +42,7 @@ _corpdir()
             _corpdir_words "0 1 2" "$word"
             return ;;
         --ciphers)
-            # Both names of each suite, for the last one of a list.
+            # Both names of each suite, for the last element of a list.
             _corpdir_words "$("$1" ciphers 2>/dev/null | awk 'NR > 1 { print $(NF - 1), $NF }')" \
                 "${word##*,}" "${word%"${word##*,}"}"
             compopt -o nospace 2>/dev/null
@@ -69,7 +69,7 @@ _corpdir()
     esac
 }
 
-# Adds the words of a list that begin as typed: LIST TYPED [PREFIX].
+# Adds the words of a list that start with what is typed: LIST TYPED [PREFIX].
 _corpdir_words()
 {
     local found
@@ -77,7 +77,7 @@ _corpdir_words()
     COMPREPLY+=("${found[@]}")
 }
 
-# Adds files (-f) or directories (-d) that begin as typed.
+# Adds files (-f) or directories (-d) that start with what is typed.
 _corpdir_files()
 {
     mapfile -t COMPREPLY < <(compgen "$1" -- "$2")

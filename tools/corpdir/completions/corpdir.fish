@@ -1,13 +1,14 @@
 # Completion of corpdir(1) for fish.
 
-# Succeeds when the command on the line is one of those given; without any, when there is none yet.
+# Succeeds when the command on the line is one of the arguments; without arguments, when there is no
+# command yet.
 function __corpdir_command
     set -l words (commandline -opc)
     set -e words[1]
     while set -q words[1]
         switch $words[1]
             case --config
-                # Its value is no command.
+                # Its value is not a command.
                 set -q words[2]; and set -e words[2]
             case '-*'
             case '*'
@@ -24,7 +25,7 @@ function __corpdir_suites
     corpdir ciphers 2>/dev/null | awk 'NR > 1 { print $(NF - 1); print $NF }' | sort -u
 end
 
-# What is typed so far may begin with the option: "--log-dir=/v".
+# The word typed so far, without a leading option as in "--log-dir=/v".
 function __corpdir_typed
     commandline -ct | string replace -r -- '^--[a-z-]+=' ''
 end
@@ -44,34 +45,34 @@ complete -c corpdir -l config -rF -d 'Read options from this file'
 set -l none __corpdir_command
 complete -c corpdir -n $none -l version -d 'Print versions and exit'
 complete -c corpdir -n $none -a fetch -d 'Fetch the directory file once'
-complete -c corpdir -n $none -a watch -d 'Stay, fetch each new directory file'
-complete -c corpdir -n $none -a check -d 'Say whether these options would work'
+complete -c corpdir -n $none -a watch -d 'Fetch each new directory file'
+complete -c corpdir -n $none -a check -d 'Test these options'
 complete -c corpdir -n $none -a ciphers -d 'List the cipher suites'
 
 set -l request '__corpdir_command fetch watch check'
 complete -c corpdir -n $request -l servers -x -d 'Servers, separated by ;'
 complete -c corpdir -n $request -l port -x -d 'Port of all servers'
-complete -c corpdir -n $request -l local-ip -x -d 'Address to connect from'
-complete -c corpdir -n $request -l user -x -d 'Name to log in with'
+complete -c corpdir -n $request -l local-ip -x -d 'Local address to connect from'
+complete -c corpdir -n $request -l user -x -d 'User name'
 complete -c corpdir -n $request -l password-file -rF -d 'File with the password'
 complete -c corpdir -n $request -l version-file -x -d 'Version file on the server'
 complete -c corpdir -n $request -l directory-file -x -d 'Directory file on the server'
-complete -c corpdir -n $request -l output-dir -xa '(__corpdir_directories)' -d 'Directory to store both in'
+complete -c corpdir -n $request -l output-dir -xa '(__corpdir_directories)' -d 'Directory to store both files in'
 complete -c corpdir -n $request -l version-name -x -d 'Local name of the version file'
 complete -c corpdir -n $request -l directory-name -x -d 'Local name of the directory file'
 complete -c corpdir -n $request -l ca -rFa system -d 'Authorities to trust'
-complete -c corpdir -n $request -l verify-name -x -d 'Name that each certificate must be for'
+complete -c corpdir -n $request -l verify-name -x -d 'Name that every certificate must have'
 complete -c corpdir -n $request -l no-verify -d 'Accept any certificate'
 complete -c corpdir -n $request -l plain -d 'FTP without TLS'
 complete -c corpdir -n $request -l ciphers -xa '(__fish_append , (__corpdir_suites))' -d 'Cipher suites to offer'
-complete -c corpdir -n $request -l connect-timeout -x -d 'Seconds for one connection'
+complete -c corpdir -n $request -l connect-timeout -x -d 'Time limit for one connection in seconds'
 complete -c corpdir -n $request -l max-size -x -d 'Largest file to accept'
 complete -c corpdir -n $request -l log-dir -xa '(__corpdir_directories)' -d 'Write a log to this directory'
-complete -c corpdir -n $request -l log-level -xa '0 1 2' -d 'How much the log tells'
+complete -c corpdir -n $request -l log-level -xa '0 1 2' -d 'What to log'
 complete -c corpdir -n $request -l quiet -d 'Print failures only'
 complete -c corpdir -n "$request ciphers" -l json -d 'Print JSON'
 
-complete -c corpdir -n '__corpdir_command fetch check' -l timeout -x -d 'Seconds for everything'
+complete -c corpdir -n '__corpdir_command fetch check' -l timeout -x -d 'Time limit for the whole command in seconds'
 complete -c corpdir -n '__corpdir_command fetch' -l no-progress -d 'Show no progress'
-complete -c corpdir -n '__corpdir_command watch' -l retry -x -d 'Seconds until servers are asked again'
+complete -c corpdir -n '__corpdir_command watch' -l retry -x -d 'Seconds until the next try'
 complete -c corpdir -n '__corpdir_command watch' -l exec -xa '(__corpdir_programs)' -d 'Command to run for each new file'

@@ -17,7 +17,7 @@ namespace corpdir_tool
 namespace
 {
 
-// Names of the FTP layer's temporary files, which lie beside the file that they replace.
+// Names of the FTP layer's temporary files, in the directory of the file that they replace.
 const char kTemporaryPrefix[] = ".travex_ftp-";
 const char kTemporarySuffix[] = ".part";
 
@@ -39,14 +39,14 @@ void CheckWritableDirectory(const std::string& option, const std::string& direct
     struct stat state = {};
     if (stat(directory.c_str(), &state) != 0)
     {
-        const char* const advice = errno == ENOENT ? "; make it first" : "";
+        const char* const advice = errno == ENOENT ? "; create it first" : "";
         throw ExitError(kExitLocalFile, what + ": " + SystemMessage(errno) + advice);
     }
     if (!S_ISDIR(state.st_mode))
     {
         throw ExitError(kExitLocalFile, what + " is not a directory");
     }
-    // Also tells a read-only file system; what else can go wrong shows when a file is made.
+    // Also detects a read-only file system; other errors show when a file is created.
     if (access(directory.c_str(), W_OK | X_OK) != 0)
     {
         throw ExitError(kExitLocalFile, what + " cannot be written: " + SystemMessage(errno));
@@ -59,14 +59,14 @@ void CheckReplaceable(const std::string& path)
     if (lstat(path.c_str(), &state) == 0 && S_ISDIR(state.st_mode))
     {
         throw ExitError(kExitLocalFile,
-                        "'" + path + "' is a directory; a file is to be stored there");
+                        "'" + path + "' is a directory; choose another file name or remove it");
     }
 }
 
-// What is open tells our files from those of another process in the same directory.
+// Only open files are removed: others in the same directory belong to other processes.
 void RemoveTemporaryFiles() noexcept
 {
-    // The limit may be in the millions, but a download has few files open, all with low numbers.
+    // The limit may be in the millions, but a download has few files open, with low numbers.
     const long descriptors = sysconf(_SC_OPEN_MAX);
     for (long descriptor = 0; descriptor < descriptors && descriptor < 4096; ++descriptor)
     {
@@ -81,7 +81,7 @@ void RemoveTemporaryFiles() noexcept
         path[length] = '\0';
         if (IsTemporaryPath(path))
         {
-            (void)unlink(path);  // a file that was renamed into place meanwhile has lost that name
+            (void)unlink(path);  // a file that was renamed into place no longer has this name
         }
     }
 }

@@ -24,7 +24,7 @@ namespace
 
 const char kTerminal[] = "/dev/tty";
 
-// What the signal handler needs to give the user's terminal its echo back.
+// For the signal handler, which restores the terminal's echo.
 int g_terminal = -1;
 termios g_savedMode;
 
@@ -52,8 +52,8 @@ private:
     int m_descriptor;
 };
 
-// Takes one byte at a time, so that no buffer but the secret's own holds a piece of the password.
-// Ends at the end of the file, or after a newline when onlyOneLine.
+// Reads one byte at a time, so that no other buffer holds a part of the password.
+// Stops at the end of the file, and with onlyOneLine after a newline.
 void ReadDescriptor(int descriptor, bool onlyOneLine, const std::string& source, Secret& password)
 {
     for (;;)
@@ -87,7 +87,7 @@ void ReadDescriptor(int descriptor, bool onlyOneLine, const std::string& source,
     }
 }
 
-// Editors end a line with LF, those of another system with CR LF.
+// LF or CR LF.
 void RemoveNewline(Secret& password)
 {
     if (!password.View().empty() && password.View().back() == '\n')
@@ -138,7 +138,7 @@ void ReadFile(const std::string& path, const std::string& source, Secret& passwo
     ReadDescriptor(file.Get(), false, source, password);
 }
 
-// Its own bytes are overwritten too: they would stay readable in /proc.
+// Overwrites the value, which would stay readable in /proc.
 void ForgetVariable(char* value)
 {
     explicit_bzero(value, strlen(value));
@@ -163,15 +163,15 @@ void TakeVariable(char* value, const std::string& source, Secret& password)
     }
 }
 
-// tcsetattr may be called in a handler. The signal was reset to its default action and is raised
-// anew, so that the program ends as it would have without a prompt.
+// tcsetattr is async-signal-safe. The handler was reset to the default action, so raising the
+// signal again ends the program as without a prompt.
 void RestoreEchoAndRaise(int signalNumber)
 {
     (void)tcsetattr(g_terminal, TCSAFLUSH, &g_savedMode);
     (void)raise(signalNumber);
 }
 
-// Switches the echo of a terminal off for its lifetime, a death by signal included.
+// Switches the echo of a terminal off; on again at the end, also when a signal ends the program.
 class SilentTerminal
 {
 public:
@@ -206,7 +206,7 @@ public:
     SilentTerminal& operator=(const SilentTerminal&) = delete;
 
 private:
-    // A signal that whoever started the program wants ignored stays ignored.
+    // A signal that was ignored at the start stays ignored.
     static void TakeOver(int signalNumber, const struct sigaction& action, struct sigaction& saved)
     {
         (void)sigaction(signalNumber, nullptr, &saved);
@@ -230,7 +230,7 @@ void Prompt(const std::string& source, Secret& password)
                                             ", or start the program on a terminal");
     }
     const SilentTerminal silent(terminal.Get());
-    (void)!write(terminal.Get(), "Password: ", 10);  // without it the user still may type
+    (void)!write(terminal.Get(), "Password: ", 10);  // the prompt is not essential
     ReadDescriptor(terminal.Get(), true, source, password);
     (void)!write(terminal.Get(), "\n", 1);
 }
@@ -246,7 +246,7 @@ void ReadPassword(const std::string& passwordFile, Secret& password)
     {
         if (variable != nullptr)
         {
-            ForgetVariable(variable);  // not used, and not to be inherited by a command
+            ForgetVariable(variable);  // not used, and a command must not inherit it
         }
         source = passwordFile == "-" ? "standard input" : "'" + Printable(passwordFile) + "'";
         ReadFile(passwordFile, source, password);

@@ -1,4 +1,4 @@
-// Where the password comes from. Never from an argument: those are seen by every user of a system.
+// Sources of the password. Not an argument: every user of the machine can see arguments.
 #ifndef CORPDIR_TOOL_PASSWORD_H
 #define CORPDIR_TOOL_PASSWORD_H
 
@@ -15,11 +15,11 @@ extern const char* const kPasswordVariable;
 // Bytes that fit into the FTP layer's record.
 constexpr std::size_t kMaxPasswordLength = 127;
 
-// Fills `password` from passwordFile ("-": standard input); when that is empty from the environment
-// variable, which is removed from the environment; else from a prompt on the terminal, without
-// echo. One newline at the end is not part of it. Main thread, before any other exists: it changes
-// the environment and, while it prompts, the signal handlers.
-// Throws ExitError: no source, unreadable, empty, too long, or with a control byte.
+// Fills `password` from passwordFile ("-": standard input), otherwise from the environment
+// variable, otherwise from a prompt on the terminal without echo. Removes the variable from the
+// environment. One newline at the end is removed. Main thread, before any other exists: it changes
+// the environment and, during the prompt, the signal handlers. Throws ExitError: no source,
+// unreadable, empty, too long, or with a control byte.
 void ReadPassword(const std::string& passwordFile, Secret& password);
 
 }  // namespace corpdir_tool

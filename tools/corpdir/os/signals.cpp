@@ -12,7 +12,7 @@ namespace corpdir_tool
 namespace
 {
 
-// Also wakes the watch's own thread when it is to end.
+// Also wakes the watch's thread to end it.
 constexpr int kWakeSignal = SIGTERM;
 
 void AddUnlessIgnored(int signalNumber, sigset_t& signals)
@@ -95,7 +95,7 @@ void SignalWatch::Watch()
     {
         second = sigtimedwait(&m_signals, nullptr, &patience);
     } while (second < 0 && errno == EINTR);
-    // A second signal, or the patience is over.
+    // A second signal came, or the time is over.
     if (!m_ending)
     {
         m_lastResort(signalNumber);

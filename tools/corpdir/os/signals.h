@@ -1,4 +1,4 @@
-// SIGINT, SIGTERM and SIGHUP as events, with a last resort when the stop that they ask for hangs.
+// SIGINT, SIGTERM and SIGHUP as events, and a last resort when the stop hangs.
 #ifndef CORPDIR_TOOL_SIGNALS_H
 #define CORPDIR_TOOL_SIGNALS_H
 
@@ -16,21 +16,21 @@ namespace corpdir_tool
 // "SIGTERM".
 std::string SignalName(int signalNumber);
 
-// Receives the signals on a thread of its own for as long as it lives. Make it before any other
-// thread: those inherit that the signals are blocked. One at a time in a process.
+// Receives the signals on its own thread while it lives. Make it before any other thread, so that
+// all threads inherit the blocked signals. One at a time in a process.
 //
-// SIGINT and SIGHUP stay ignored when the program was started so (as "nohup" and "&" do).
+// SIGINT and SIGHUP stay ignored if they were ignored at the start (as by "nohup" and "&").
 class SignalWatch
 {
 public:
     using Handler = std::function<void(int signalNumber)>;
 
-    // onSignal is called with the first signal. lastResort is called when the watch still lives
-    // `patience` after that, or when a second signal comes; it should end the process. Both run on
-    // the watch's thread and must not throw.
+    // onSignal: called with the first signal. lastResort: called when the watch still lives after
+    // `patience`, or when a second signal comes; it should end the process. Both run on the watch's
+    // thread and must not throw.
     SignalWatch(Handler onSignal, Handler lastResort, std::chrono::milliseconds patience);
 
-    // Ends the watch and restores the signal mask. Waits for a handler in progress.
+    // Restores the signal mask. Waits for a handler in progress.
     ~SignalWatch();
 
     SignalWatch(const SignalWatch&) = delete;

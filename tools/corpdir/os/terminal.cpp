@@ -26,7 +26,7 @@ bool WantsColours()
     return none == nullptr || *none == '\0';
 }
 
-// Colours of ECMA-48, which every terminal that is not a dumb one knows.
+// ECMA-48 colours.
 const char* CodeOf(Style style)
 {
     switch (style)
@@ -35,14 +35,10 @@ const char* CodeOf(Style style)
             return "31";
         case Style::kWarn:
             return "33";
-        case Style::kGood:
-            return "32";
         case Style::kFaint:
             return "90";
-        case Style::kPlain:
-            break;
     }
-    return nullptr;
+    return "";
 }
 
 }  // namespace
@@ -65,12 +61,7 @@ unsigned int Terminal::Width() const
 
 std::string Terminal::Styled(Style style, const std::string& text) const
 {
-    const char* const code = CodeOf(style);
-    if (!m_colours || code == nullptr)
-    {
-        return text;
-    }
-    return "\033[" + std::string(code) + "m" + text + "\033[0m";
+    return m_colours ? "\033[" + std::string(CodeOf(style)) + "m" + text + "\033[0m" : text;
 }
 
 }  // namespace corpdir_tool

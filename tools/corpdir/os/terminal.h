@@ -1,4 +1,4 @@
-// What a stream can show: its width, its colours, a line that is rewritten.
+// The abilities of an output stream: width, colours, rewriting a line.
 #ifndef CORPDIR_TOOL_TERMINAL_H
 #define CORPDIR_TOOL_TERMINAL_H
 
@@ -10,10 +10,8 @@ namespace corpdir_tool
 
 enum class Style
 {
-    kPlain,
     kBad,    // red
     kWarn,   // yellow
-    kGood,   // green
     kFaint,  // grey
 };
 
@@ -21,10 +19,10 @@ enum class Style
 class Terminal
 {
 public:
-    // Looks at the stream, at TERM and at NO_COLOR, which any value but an empty one sets.
+    // Uses TERM and NO_COLOR (set when not empty).
     explicit Terminal(std::FILE* stream);
 
-    // For tests: a terminal of this width, or none at all.
+    // For tests: a terminal of this width; 0: not a terminal.
     Terminal(std::FILE* stream, unsigned int width, bool colours)
         : m_stream(stream), m_width(width), m_rewrites(width != 0), m_colours(colours)
     {
@@ -35,16 +33,16 @@ public:
         return m_stream;
     }
 
-    // A line can be rewritten: it is a terminal, and not a dumb one.
+    // True for a terminal that can rewrite a line.
     bool Rewrites() const
     {
         return m_rewrites;
     }
 
-    // Columns, as they are now; 80 when they are not known.
+    // Current number of columns; 80 when not known.
     unsigned int Width() const;
 
-    // The text in that style, or as it is where there are no colours.
+    // The text in that style; unchanged without colours.
     std::string Styled(Style style, const std::string& text) const;
 
 private:

@@ -57,11 +57,12 @@ std::string CertificateText(const CheckResult& result, std::time_t now)
 std::string DirectoryText(const CheckResult& result)
 {
     return result.directoryBytes == TRAVEX_FTP_SIZE_UNKNOWN
-               ? "there; the server does not give its size"
-               : "there, " + std::to_string(result.directoryBytes) + " bytes";
+               ? "exists; the server does not report its size"
+               : "exists, " + std::to_string(result.directoryBytes) + " bytes";
 }
 
-// Steps are timed from the begin of the transfer; each row has the time since the step before.
+// The layer measures times from the begin of the transfer; each row shows the time since the step
+// before.
 std::vector<Row> RowsOf(const CheckResult& result, const Plan& plan, std::time_t now)
 {
     const tagTRAVEX_FTP_S_TIMINGS& timings = result.timings;
@@ -80,10 +81,11 @@ std::vector<Row> RowsOf(const CheckResult& result, const Plan& plan, std::time_t
     }
     rows.push_back(
         {CheckStep::kLogin, "login", "ok as " + plan.user, since(timings.ullLoggedIn, ready)});
-    const char* const data = plan.plain                   ? ""
-                             : timings.ulDataResumed == 1 ? "; data channel resumed the TLS session"
-                                                          : "; data channel had a TLS session of "
-                                                            "its own";
+    const char* const data = plan.plain ? ""
+                             : timings.ulDataResumed == 1
+                                 ? "; the data channel resumed the TLS session"
+                                 : "; data channel had a TLS session of "
+                                   "its own";
     rows.push_back(
         {CheckStep::kVersionFile, "version file",
          "'" + result.version + "', " + std::to_string(result.versionBytes) + " bytes" + data,
@@ -146,7 +148,7 @@ void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
             PrintRow(row.name,
                      output.Styled(Style::kBad, "failed: ") + Printable(result.failure.reason), "",
                      output);
-            // What the certificate says is what somebody wants to know who is told that it fails.
+            // Shows the certificate although it was not accepted.
             const std::string certificate = CertificateText(result, now);
             if (row.step == CheckStep::kCertificate && !certificate.empty())
             {
@@ -154,7 +156,7 @@ void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
             }
             return;
         }
-        // Without its handshake a channel has nothing to show.
+        // When the handshake failed there is no TLS version to show.
         if (row.step != CheckStep::kTls || result.failedAt != CheckStep::kCertificate)
         {
             PrintRow(row.name, Printable(row.result),

@@ -1,4 +1,4 @@
-// What `check` shows of a server.
+// Output of `check`.
 #ifndef CORPDIR_TOOL_CHECK_TABLE_H
 #define CORPDIR_TOOL_CHECK_TABLE_H
 
@@ -17,7 +17,7 @@
 namespace corpdir_tool
 {
 
-// How far a server got.
+// The rows of the table.
 enum class CheckStep
 {
     kConnect,
@@ -33,20 +33,20 @@ struct CheckResult
 {
     Server server;
     CheckStep failedAt = CheckStep::kDone;
-    Failure failure;                       // of the failure; its code is 0 for a bad version file
+    Failure failure;                       // code 0: the version file is not valid
     tagTRAVEX_FTP_S_TIMINGS timings = {};  // of the version file's transfer
     std::string version;
     std::uint64_t versionBytes = 0;
-    std::uint64_t directoryBytes = TRAVEX_FTP_SIZE_UNKNOWN;  // as the server announced it
+    std::uint64_t directoryBytes = TRAVEX_FTP_SIZE_UNKNOWN;  // as announced by the server
 };
 
-// A table of the steps: what came of each, and how long it took. now: for what is left of the
-// certificate's time.
+// A table of the steps, with result and time. now: to compute the remaining validity of the
+// certificate.
 void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
                 const Terminal& output);
 
-// All servers as one JSON object. leftOut: names without an address, and why; port: 0 for the usual
-// one; status: the program's exit status; error: in words, empty when a server works.
+// All servers as one JSON object. leftOut: names without an address, with the reason; port: 0 for
+// the default; status: the exit status; error: empty when a server works.
 void PrintChecksAsJson(const std::vector<CheckResult>& results,
                        const std::vector<std::string>& leftOut, unsigned int port, int status,
                        const std::string& error, std::FILE* output);

@@ -13,12 +13,12 @@ namespace
 constexpr unsigned int kUsualPort = 21;
 constexpr unsigned int kImplicitPort = 990;
 
-// Replies that say more than the step at which they came.
+// Replies that are more specific than the step in which they came.
 constexpr unsigned int kServiceClosed = 421;
 constexpr unsigned int kNoDataConnection = 425;
 
 const char kLogHint[] = "--log-dir DIR writes a log of every step";
-const char kServerLogHint[] = "the server's own log may say why";
+const char kServerLogHint[] = "the server's log may say why";
 
 std::string PortOf(const Plan& plan)
 {
@@ -29,7 +29,7 @@ std::string ClosedHint(const Failure& failure)
 {
     return failure.step == TRAVEX_FTP_STEP_GREETING || failure.step == TRAVEX_FTP_STEP_LOGIN
                ? "connection limit reached or service closed; try again later"
-               : "the server closed the connection: its time limit, or a shutdown; try again later";
+               : "the server closed the connection: time limit or shutdown; try again later";
 }
 
 std::string ConnectHint(const Failure& failure, const Plan& plan)
@@ -37,37 +37,35 @@ std::string ConnectHint(const Failure& failure, const Plan& plan)
     switch (failure.step)
     {
         case TRAVEX_FTP_STEP_DATA_CONNECT:
-            return "the server's passive ports must be open, on the server and in firewalls before "
-                   "it";
+            return "open the server's passive ports, on the server and in the firewalls before it";
         case TRAVEX_FTP_STEP_GREETING:
-            return std::string("the server does not serve this machine; ") + kServerLogHint;
+            return std::string("the server refuses connections from this machine; ") +
+                   kServerLogHint;
         default:
-            return "is the server up, and is --" + PortOf(plan) + " the right one?";
+            return "check that the server is running and that --" + PortOf(plan) + " is right";
     }
 }
 
-// The identifiers of TLS 1.3's suites are 0x03001301 and up.
+// The identifiers of the TLS 1.3 suites begin with 0x030013.
 bool IsTls13(int cipher)
 {
     return (cipher & 0xff00) == 0x1300;
 }
 
-// The versions offered follow from the suites; those that the service offers by itself are older
-// than TLS 1.3.
+// The TLS versions offered follow from the suites; the default suites are older than TLS 1.3.
 std::string VersionHint(const Plan& plan)
 {
     const auto count = std::count_if(plan.ciphers.begin(), plan.ciphers.end(), IsTls13);
-    const std::string prefix = "the server wants another TLS version: ";
+    const std::string prefix = "the server requires another TLS version: ";
     if (count == 0)
     {
-        return prefix + "with TLS_AES_256_GCM_SHA384 in --ciphers TLS 1.3 is offered";
+        return prefix + "add TLS_AES_256_GCM_SHA384 to --ciphers to offer TLS 1.3";
     }
     if (static_cast<std::size_t>(count) == plan.ciphers.size())
     {
-        return prefix +
-               "with TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 in --ciphers TLS 1.2 is offered";
+        return prefix + "add TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 to --ciphers to offer TLS 1.2";
     }
-    return prefix + "those of --ciphers are too new for it, and it has to be updated";
+    return prefix + "its TLS is too old for the suites of --ciphers; update the server";
 }
 
 std::string TlsHint(const Failure& failure, const Plan& plan)
@@ -78,74 +76,74 @@ std::string TlsHint(const Failure& failure, const Plan& plan)
     }
     if (failure.detail == TRAVEX_FTP_DETAIL_TLS_SUITES)
     {
-        return "the server accepts none of the cipher suites; 'corpdir ciphers' lists what "
-               "--ciphers can offer";
+        return "the server accepts none of the cipher suites offered; 'corpdir ciphers' lists the "
+               "choices for --ciphers";
     }
     switch (failure.step)
     {
         case TRAVEX_FTP_STEP_AUTH:
             return failure.reply == 0
-                       ? "something between may have changed the replies: check the network"
+                       ? "a device on the way may have changed the replies: check the network"
                        : "the server offers no TLS on " + PortOf(plan) +
-                             ": enable FTPS there; --plain would send the password in clear";
+                             ": enable FTPS there; --plain would send the password unencrypted";
         case TRAVEX_FTP_STEP_PROTECT:
             return "the server refuses an encrypted data channel: enable PROT P there";
         case TRAVEX_FTP_STEP_DATA_TLS:
             return kServerLogHint;
         default:
-            return "port 990 is for implicit FTPS, the others are for explicit; is --" +
-                   PortOf(plan) + " the right one?";
+            return "port 990 is for implicit FTPS, other ports are for explicit FTPS; check that "
+                   "--" +
+                   PortOf(plan) + " is right";
     }
 }
 
 std::string CertificateHint(const Failure& failure)
 {
-    const char* const rest = "; 'corpdir check' shows the certificate";
+    const std::string rest = "; 'corpdir check' shows the certificate";
     switch (failure.detail)
     {
         case TRAVEX_FTP_DETAIL_CERT_NAME:
-            return std::string(
-                       "list the server as its certificate names it, or give that name "
-                       "with --verify-name, if that server is meant") +
+            return "if this is the right server, list it by the name in its certificate, or give "
+                   "that name with --verify-name" +
                    rest;
         case TRAVEX_FTP_DETAIL_CERT_DATES:
-            return std::string("its owner has to renew it, or this machine's clock is wrong") +
-                   rest;
+            return "renew the certificate on the server, or correct this machine's clock" + rest;
         default:
-            return std::string("--ca names the authorities to trust") + rest;
+            return "check that --ca has the authority that issued the certificate" + rest;
     }
 }
 
 std::string TimeHint(const Failure& failure, const Plan& plan)
 {
+    const std::string silent = "the server accepted the connection but sent nothing: ";
     switch (failure.step)
     {
         case TRAVEX_FTP_STEP_CONNECT:
             return "a firewall may drop packets to " + PortOf(plan) +
-                   ", or the server is down; --connect-timeout allows more time";
+                   ", or the server is down; raise --connect-timeout if the network is slow";
         case TRAVEX_FTP_STEP_DATA_CONNECT:
-            return "a firewall may drop packets to the server's passive ports; --connect-timeout "
-                   "allows more time";
+            return "a firewall may drop packets to the server's passive ports; raise "
+                   "--connect-timeout if the network is slow";
         case TRAVEX_FTP_STEP_GREETING:
             return plan.port == kImplicitPort || plan.plain
-                       ? "the server accepted the connection and sent nothing: check the server"
-                       : "the server accepted the connection and sent nothing: implicit FTPS needs "
-                         "--port 990; else check the server";
+                       ? silent + "check the server"
+                       : silent + "implicit FTPS needs --port 990; otherwise check the server";
         case TRAVEX_FTP_STEP_TLS:
         case TRAVEX_FTP_STEP_DATA_TLS:
-            return "the server accepted the connection and did not answer in TLS: check the server";
+            return "the server accepted the connection but did not answer the TLS handshake: check "
+                   "the server";
         case TRAVEX_FTP_STEP_RECEIVE:
-            return "the server or the network is too slow or hangs; try again later";
+            return "the server or the network is too slow or has stalled; try again later";
         case TRAVEX_FTP_STEP_CONFIRM:
             return kServerLogHint;
         default:
-            return "the server is too slow or hangs; try again later";
+            return "the server is too slow or has stalled; try again later";
     }
 }
 
 std::string LoginHint(const Plan& plan)
 {
-    return plan.plain ? "the server may refuse logins without TLS: leave out --plain; else check "
+    return plan.plain ? "the server may refuse logins without TLS: remove --plain; otherwise check "
                         "--user and the password"
                       : "check --user and the password";
 }
@@ -158,12 +156,11 @@ std::string FileHint(const Failure& failure, const Plan& plan)
     }
     if (failure.reply >= 400 && failure.reply < 500)
     {
-        return "the server cannot send the file at present; try again later";
+        return "the server cannot send the file at the moment; try again later";
     }
     const std::string option =
         failure.file == plan.versionFile ? "--version-file" : "--directory-file";
-    return "check " + option +
-           "; without a leading '/' it is relative to the directory after the login";
+    return "check " + option + "; without a leading '/' it is relative to the login directory";
 }
 
 }  // namespace
@@ -189,16 +186,16 @@ std::string HintFor(const Failure& failure, const Plan& plan)
         case TRAVEX_FTP_ERR_TIMEOUT:
             return TimeHint(failure, plan);
         case TRAVEX_FTP_ERR_PARTIAL:
-            return std::string("the server, or something between, ended the file early; ") +
+            return std::string("the server or a device on the way cut the file short; ") +
                    kServerLogHint;
         case TRAVEX_FTP_ERR_TOO_LARGE:
-            return "--max-size allows more";
+            return "raise --max-size if the file should be this large";
         case TRAVEX_FTP_ERR_LOCAL_FILE:
             return "check free space and permissions of --output-dir";
         case TRAVEX_FTP_ERR_TRANSFER:
             return failure.step == TRAVEX_FTP_STEP_GREETING
-                       ? "the server closes connections at once: a limit, or is --" + PortOf(plan) +
-                             " the wrong one?"
+                       ? "the server closes connections at once: connection limit reached, or --" +
+                             PortOf(plan) + " is wrong"
                        : kLogHint;
         case TRAVEX_FTP_ERR_REPLY:
             return kLogHint;

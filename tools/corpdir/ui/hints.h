@@ -1,4 +1,4 @@
-// What to do about a failure.
+// Failures of transfers, and hints on what to do about them.
 #ifndef CORPDIR_TOOL_HINTS_H
 #define CORPDIR_TOOL_HINTS_H
 
@@ -15,19 +15,19 @@ struct Failure
 {
     unsigned int code = 0;    // tagTRAVEX_FTP_RESULT
     unsigned int step = 0;    // tagTRAVEX_FTP_STEP
-    unsigned int reply = 0;   // number of the server's reply that caused it; 0: none did
+    unsigned int reply = 0;   // number of the server reply that caused it; 0: none
     unsigned int detail = 0;  // tagTRAVEX_FTP_DETAIL
     std::string file;         // on the server; empty when not known
-    std::string reason;       // in words, for people: nothing is decided by them
+    std::string reason;       // for people; nothing is decided by its words
 };
 
-// A sentence on what to do next; empty when there is nothing to advise.
+// What to do next; empty when there is no advice.
 std::string HintFor(const Failure& failure, const Plan& plan);
 
-// Those of several failures, each once, in their order.
+// The hints for several failures, each once, in order.
 std::vector<std::string> HintsFor(const std::vector<Failure>& failures, const Plan& plan);
 
-// The reason with the file that it is about, where it is about one.
+// The reason, after the file name when the failure is about a file.
 std::string WithFile(const Failure& failure);
 
 // "all 3 servers failed"

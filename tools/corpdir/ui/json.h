@@ -1,4 +1,4 @@
-// JSON for those who read the program's output by program.
+// JSON output.
 #ifndef CORPDIR_TOOL_JSON_H
 #define CORPDIR_TOOL_JSON_H
 
@@ -8,10 +8,10 @@
 namespace corpdir_tool
 {
 
-// Members stand in the order in which they were added.
+// Members keep the order in which they were added.
 using Json = nlohmann::ordered_json;
 
-// On one line. Bytes that are not UTF-8, as a server may send them, are replaced by U+FFFD.
+// One line. Bytes that are not UTF-8, which a server may send, are replaced by U+FFFD.
 inline std::string TextOf(const Json& value)
 {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);

@@ -15,7 +15,7 @@ namespace
 constexpr std::size_t kShortestBar = 8;
 constexpr std::size_t kLongestBar = 60;
 
-// Seconds after which an old rate counts for a third.
+// Seconds after which the weight of an old rate has fallen to a third.
 constexpr double kRateMemory = 2.0;
 
 bool IsKnown(std::uint64_t total)
@@ -25,7 +25,7 @@ bool IsKnown(std::uint64_t total)
 
 double Share(const ProgressState& state)
 {
-    // As numbers with a point: the product of large ones would not fit.
+    // Floating point: the product of large integers would overflow.
     return std::min(1.0, static_cast<double>(state.bytes) / static_cast<double>(state.total));
 }
 
@@ -74,7 +74,7 @@ std::string ShortBytes(std::uint64_t bytes)
     const std::array<const char*, 4> units = {"kB", "MB", "GB", "TB"};
     double amount = static_cast<double>(bytes) / 1000.0;
     std::size_t unit = 0;
-    // What would be shown as 1000 of a unit is 1 of the next.
+    // 1000 of a unit is shown as 1 of the next.
     while (amount >= 999.5 && unit + 1 < units.size())
     {
         amount /= 1000.0;
@@ -113,7 +113,7 @@ std::string ProgressLine(const ProgressState& state, unsigned int width)
     }
     const std::string percent = Percent(state);
     const std::string amount = "  " + ShortBytes(state.bytes) + " of " + ShortBytes(state.total);
-    // What stands behind the bar, from all to little.
+    // The text after the bar, from the longest form to the shortest.
     const std::string rests[] = {percent + amount + Rate(state) + TimeLeft(state),
                                  percent + Rate(state) + TimeLeft(state), percent + TimeLeft(state),
                                  percent};
@@ -153,7 +153,7 @@ void ProgressDisplay::Show(const std::string& what, std::uint64_t bytes, std::ui
     m_state.total = total;
     if (m_terminal.Rewrites())
     {
-        // In the last column some terminals begin the next line.
+        // Some terminals wrap after the last column.
         Draw(ProgressLine(m_state, m_terminal.Width() - 1));
     }
     else if (now - m_lineWritten >= kLineInterval)
@@ -164,7 +164,7 @@ void ProgressDisplay::Show(const std::string& what, std::uint64_t bytes, std::ui
     }
 }
 
-// The rate of the last seconds: that of all the time would tell nothing of a network that changed.
+// Averages over the last seconds, so that the rate follows changes of the network.
 void ProgressDisplay::Measure(std::uint64_t bytes, Clock::time_point now)
 {
     if (m_measured && now > *m_measured)
@@ -178,9 +178,9 @@ void ProgressDisplay::Measure(std::uint64_t bytes, Clock::time_point now)
     m_state.bytes = bytes;
 }
 
-// A terminal that has become narrower has broken the line that stands there into several. The row
-// of the cursor is cleared alone first: what is cleared from the top left corner on, some terminals
-// keep among the lines that were scrolled away.
+// A terminal that has become narrower has wrapped the old line into several rows. The cursor's row
+// is cleared first: some terminals keep what is cleared from the top left corner in their
+// scrollback.
 void ProgressDisplay::Draw(const std::string& line)
 {
     const std::size_t rows = m_drawn == 0 ? 0 : (m_drawn - 1) / m_terminal.Width();

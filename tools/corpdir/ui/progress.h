@@ -1,4 +1,4 @@
-// How far a transfer is: a bar on a terminal, now and then a line elsewhere.
+// Progress of a transfer: a bar on a terminal, otherwise a line every few seconds.
 #ifndef CORPDIR_TOOL_PROGRESS_H
 #define CORPDIR_TOOL_PROGRESS_H
 
@@ -12,13 +12,13 @@
 namespace corpdir_tool
 {
 
-// "48291 bytes", or "12.3 MB": units of 1000, as file managers have them.
+// "4829 bytes" or "12.3 MB"; units of 1000.
 std::string ShortBytes(std::uint64_t bytes);
 
 // "0:04", "12:30", "1:02:03".
 std::string ShortTime(std::chrono::seconds time);
 
-// What is known of a transfer at a moment.
+// The state of a transfer.
 struct ProgressState
 {
     std::string what;         // "directory"
@@ -27,19 +27,19 @@ struct ProgressState
     double rate = 0;          // bytes a second; 0: not known yet
 };
 
-// One line of at most `width` columns. What does not fit is left out, the most telling last.
+// One line of at most `width` columns; what does not fit is omitted, the most important part last.
 std::string ProgressLine(const ProgressState& state, unsigned int width);
 
-// The same for a file or a pipe, as long as it needs.
+// The same for a file or a pipe, of any length.
 std::string ProgressWords(const ProgressState& state);
 
-// Shows the progress of one transfer after the other. Not thread-safe.
+// Shows the progress of transfers, one at a time. Not thread-safe.
 class ProgressDisplay
 {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // Elsewhere than on a terminal a line is written this often.
+    // Interval between two lines where the output is not a terminal.
     static constexpr std::chrono::seconds kLineInterval{5};
 
     explicit ProgressDisplay(const Terminal& terminal) : m_terminal(terminal) {}
@@ -47,8 +47,7 @@ public:
     void Show(const std::string& what, std::uint64_t bytes, std::uint64_t total,
               Clock::time_point now);
 
-    // Takes the bar away, so that a message can stand in its place. The next transfer starts
-    // afresh.
+    // Removes the bar to make room for a message. The next call of Show starts a new one.
     void Erase();
 
 private:
@@ -57,9 +56,9 @@ private:
 
     const Terminal& m_terminal;
     ProgressState m_state;
-    std::optional<Clock::time_point> m_measured;  // when the rate was last looked at
+    std::optional<Clock::time_point> m_measured;  // time of the last measurement
     Clock::time_point m_lineWritten;
-    std::size_t m_drawn = 0;  // columns of the bar on the screen; 0: none
+    std::size_t m_drawn = 0;  // columns of the bar on the screen; 0: no bar
 };
 
 }  // namespace corpdir_tool

@@ -15,7 +15,7 @@ unsigned int Percent(std::uint64_t bytes, std::uint64_t total)
     {
         return 100;
     }
-    // The product of large numbers would not fit.
+    // Floating point: the product of large integers would overflow.
     return static_cast<unsigned int>(static_cast<double>(bytes) * 100.0 /
                                      static_cast<double>(total));
 }
@@ -68,7 +68,7 @@ void Report::Progress(const std::string& what, std::uint64_t bytes, std::uint64_
     }
 }
 
-// In place of the progress, which goes on below.
+// Replaces the progress bar, which is drawn again below the line.
 void Report::Line(const std::string& text)
 {
     m_progress.Erase();

@@ -1,5 +1,4 @@
-// What the user of `fetch` sees: messages and progress on standard error, the result on standard
-// output.
+// Output of `fetch`: messages and progress on standard error, the result on standard output.
 #ifndef CORPDIR_TOOL_REPORT_H
 #define CORPDIR_TOOL_REPORT_H
 
@@ -15,7 +14,7 @@ namespace corpdir_tool
 
 struct ReportSettings
 {
-    bool quiet = false;  // errors only; a server that failed is one
+    bool quiet = false;  // errors only, including failed servers
     bool progress = false;
 };
 
@@ -38,14 +37,14 @@ public:
     // "corpdir: message"
     void Error(const std::string& message);
 
-    // What to do next: "hint: text".
+    // "hint: text"
     void Hint(const std::string& text);
 
-    // A failure at one server, named as it happens: "server: reason; next".
+    // "server: reason; next"
     void ServerFailed(const std::string& server, const std::string& reason,
                       const std::string& next);
 
-    // Bytes of a file. total: TRAVEX_FTP_SIZE_UNKNOWN when unknown.
+    // total: TRAVEX_FTP_SIZE_UNKNOWN when not known.
     void Progress(const std::string& what, std::uint64_t bytes, std::uint64_t total);
 
 private:
@@ -56,7 +55,7 @@ private:
     ProgressDisplay m_progress;
 };
 
-// The result, on two lines.
+// Prints the result, on two lines.
 void PrintResult(const std::string& version, const std::string& path, std::uint64_t bytes,
                  std::FILE* output);
 

@@ -133,15 +133,14 @@ void WatchOutput::StartFailed(const std::string& reason)
 void WatchOutput::Waiting(std::chrono::seconds time, bool own)
 {
     const std::string seconds = std::to_string(time.count()) + " s";
-    Write(true, "waiting",
-          own ? "asking again in " + seconds : "the next check is due within " + seconds,
+    Write(true, "waiting", own ? "retrying in " + seconds : "next check within " + seconds,
           Json({{"seconds", time.count()}, {"asks_again", own}}));
 }
 
 void WatchOutput::CommandEnded(int status)
 {
     Write(status != 0, "command",
-          status == 0 ? "the command has ended"
+          status == 0 ? "the command succeeded"
                       : "the command failed with status " + std::to_string(status),
           Json({{"status", status}, {"reason", nullptr}}));
 }

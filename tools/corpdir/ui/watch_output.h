@@ -1,4 +1,4 @@
-// What `watch` says: a line for each event.
+// Output of `watch`: one line for each event.
 #ifndef CORPDIR_TOOL_WATCH_OUTPUT_H
 #define CORPDIR_TOOL_WATCH_OUTPUT_H
 
@@ -13,8 +13,8 @@
 namespace corpdir_tool
 {
 
-// Writes each event with its time (UTC, RFC 3339) as a sentence or as a JSON object, at once. Not
-// thread-safe: belongs to the main thread. Does not own the stream.
+// Writes and flushes each event with its time (UTC, RFC 3339) as a sentence or as a JSON object.
+// Not thread-safe: belongs to the main thread. Does not own the stream.
 class WatchOutput
 {
 public:
@@ -31,24 +31,24 @@ public:
     void NextServer(const Server& server);
     void Stopped(const std::string& signal);
 
-    // The rest is what --quiet leaves.
+    // With --quiet only the events below are written.
 
     void Failed(const Server& server, const Failure& failure);
     void NameFailed(const std::string& problem);
 
     void NoServerLeft();
 
-    // The service could not be started again.
+    // A restart of the service failed.
     void StartFailed(const std::string& reason);
 
-    // own: in this time the program asks again, else the service, at the latest.
+    // own: the program retries after this time; otherwise the service checks within it.
     void Waiting(std::chrono::seconds time, bool own);
 
-    // The command of --exec has ended: as a shell gives it. 0 is left out by --quiet.
+    // status: as a shell reports it; with --quiet a 0 is not written.
     void CommandEnded(int status);
     void CommandFailed(const std::string& reason);
 
-    // A line could not be written: nobody learns of what happens.
+    // True when a line could not be written.
     bool Lost() const
     {
         return m_lost;
