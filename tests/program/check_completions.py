@@ -22,7 +22,7 @@ from corpdir_help import commands, listed_options, options
 
 PATIENCE = 120  # seconds for a shell; under a sanitizer the program itself takes its time
 
-END = "\x1e"  # stands behind the completions of each line
+END = "\x1e"  # follows the completions of each line
 
 # The words of a line are split as bash does it, at blanks and around "=".
 BASH = r"""
@@ -57,7 +57,7 @@ while read -l line
 end < $LINES_FILE
 """
 
-# What is added to the list of matches is noted on its way.
+# Records what is added to the list of matches.
 ZSH = r"""
 fpath=($COMPLETIONS $fpath)
 autoload -Uz compinit && compinit -u -D

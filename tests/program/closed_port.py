@@ -1,4 +1,4 @@
-"""A port of 127.0.0.1 on which nobody listens, and the program against it."""
+"""A closed port of 127.0.0.1, and runs of the program against it."""
 
 import contextlib
 import select
@@ -12,7 +12,7 @@ PATIENCE = 60  # seconds; under a sanitizer everything takes its time
 
 @contextlib.contextmanager
 def closed_port():
-    """Bound, so that nobody else gets it, and not listening."""
+    """Bound, so that no other process gets it, but not listening."""
     with socket.socket() as taken:
         taken.bind(("127.0.0.1", 0))
         yield taken.getsockname()[1]

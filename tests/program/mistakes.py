@@ -22,8 +22,8 @@ BLOCK = re.compile(r"^```console\n(.*?)^```\n", re.M | re.S)
 HEADING = re.compile(r"^## (?:\d+\. )?(.*)\n", re.M)
 COUNT = range(20, 23)
 
-# What the resolver says of a name that does not exist, and what it says without a network, with a
-# network that does not answer, or where no name service is set up.
+# The resolver's message for a name that does not exist, and its messages without a network, with a
+# network that does not answer, or without a name service.
 UNKNOWN_NAME = "Name or service not known"
 RESOLVER_WORDS = ["Temporary failure in name resolution", "Non-recoverable failure in name resolution",
                   "No address associated with hostname"]
@@ -85,7 +85,7 @@ class Mistakes:
             self.scene.write("etc/" + name, self.real("".join(lines)).replace("2121", str(port)))
 
     def places(self):
-        """What stands in the command that is run, and what in the document."""
+        """The texts of the command that is run, and their replacements in the document."""
         return [(str(self.scene.folder / "out"), "/var/lib/directory"),
                 (str(self.scene.folder / "etc"), "/etc/corpdir"), ("127.0.0.1", "192.0.2.1")]
 

@@ -41,7 +41,7 @@ from scene import PASSWORD, Scene, environment
 # Comment, kind and content of a block; where the block begins in its line.
 BLOCK = re.compile(r"(?:^ *<!-- run: (?P<marks>.*?) -->\n+)?^ *```(?P<kind>\w*)\n(?P<text>.*?)^ *```\n",
                    re.M | re.S)
-# What would be commands in a block that is only indented.
+# Commands in a block that is only indented.
 INDENTED = re.compile(r"^ {4,}(\./|scripts/|build/|bench/|cmake |ctest |corpdir |git |apt|grep |CORPDIR_\w+=).*", re.M)
 MARKS = {"elsewhere", "file", "status", "numbers"}
 
@@ -193,7 +193,7 @@ def differences(block, expected, status, output):
 
 
 def show(script, output):
-    """As it would stand on a terminal."""
+    """As a terminal would show it."""
     goes_on = False
     for line in script.splitlines():
         print(("> " if goes_on else "$ ") + line)

@@ -19,7 +19,7 @@ PASSWORD = "t0p-Secret"
 
 
 def python_with_server():
-    """Debian's interpreter first: the packages are for it, and another one may stand in PATH."""
+    """Prefers Debian's interpreter, which has the packages; PATH may have another one first."""
     for candidate in ("/usr/bin/python3", "python3"):
         if subprocess.run([candidate, "-c", "import pyftpdlib, OpenSSL"],
                           stderr=subprocess.DEVNULL, check=False).returncode == 0:
@@ -79,7 +79,7 @@ class Scene:
         return self.start("ftp_server.py", *arguments, *options)
 
     def closed_port(self):
-        """Nobody listens there, and nobody else can while the scene lasts."""
+        """A closed port, which no other process can use during the scene."""
         holder = socket.socket()
         holder.bind(("127.0.0.1", 0))
         self.sockets.append(holder)

@@ -37,7 +37,7 @@ WORDS = re.compile(r"(version|directory): .* \(\d+%\)")
 UNITS = {"bytes": 1, "kB": 1000, "MB": 1000000}
 COLOUR = re.compile(r"\x1b\[[0-9;]*3[0-9][0-9;]*m")
 
-# Of the document: a screen is the block behind such a mark, and the line above it says how wide.
+# In the document a screen is the block after such a mark, and the line above it gives the width.
 SCREEN = re.compile(r"(\d+) columns:?\n+<!-- run: elsewhere tests/program/terminal.py -->\n+```text\n(.*?)```\n",
                     re.S)
 
@@ -70,7 +70,7 @@ class Window:
     """A window of tmux with one run of the program in it; it begins when start() is called."""
 
     def __init__(self, tmux, name, width, command, above=8):
-        """above: how many lines stand above those of the program."""
+        """above: number of lines above those of the program."""
         self.tmux, self.name = tmux, name
         self.raw_file = tmux.scene.folder / (name + ".raw")
         script = tmux.scene.write(name + ".sh", "stty -echo; seq -f 'earlier %%g' %d; read go\n%s\n"
@@ -87,8 +87,8 @@ class Window:
         self.tmux.call("send-keys", "-t", self.name, "Enter")
 
     def resize(self, width):
-        """The program is held meanwhile: tmux breaks its lines a moment before it tells the new width,
-        and what is drawn in that moment is drawn for the old one."""
+        """Stops the program during the change: tmux wraps its lines shortly before it reports the new
+        width, and the program would still draw for the old one."""
         held = self.program_ids()
         for number in held:
             os.kill(number, signal.SIGSTOP)
@@ -185,7 +185,7 @@ class Test:
         return {width: windows["w%d" % width] for width in WIDTHS}
 
     def watch(self, windows):
-        """Looks at the screens until all programs have ended, and resizes a window meanwhile."""
+        """Watches the screens until all programs have ended, and resizes a window during this time."""
         sampled = [windows[name] for name in ["w%d" % width for width in WIDTHS] + ["resized"]]
         sizes = [50, 120, 50, 120]
         resized, unrest_until, began = windows["resized"], 0.0, time.monotonic()
@@ -215,7 +215,7 @@ class Test:
         self.check_course(windows["resized"])
         for name in ["w%d" % width for width in WIDTHS] + ["resized"]:
             self.check_end(windows[name])
-        # Where the progress stands in the first row, tmux keeps what is cleared from there on.
+        # When the progress is in the first row, tmux keeps what is cleared from there on.
         self.check_end(windows["first-row"], "-S", "-")
         self.check_json((self.scene.folder / "json").read_text(), "--json on a terminal")
         self.expect(any(COLOUR.search(row) for row in windows["colour"].raw().splitlines()),

@@ -329,8 +329,7 @@ std::string VersionText()
            TRAVEX_FTP_Libraries();
 }
 
-// A message on the first word that the parser did not understand, with a suggestion; empty when
-// there is none.
+// A message on the first word that the parser did not understand, with a suggestion; else empty.
 std::string UnknownWord(const CLI::App& program, const CLI::App* chosen)
 {
     const std::vector<std::string> rest = program.remaining(true);

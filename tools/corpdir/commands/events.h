@@ -1,4 +1,4 @@
-// What the program waits for, and the one queue that carries it to the main thread.
+// Events, and the one queue that carries them to the main thread.
 #ifndef CORPDIR_TOOL_EVENTS_H
 #define CORPDIR_TOOL_EVENTS_H
 

@@ -1,4 +1,4 @@
-// What the plan means for the layers below: log, limits, certificate names.
+// Settings of the layers below, from the plan: log, limits, certificate names.
 #ifndef CORPDIR_TOOL_LAYER_SETTINGS_H
 #define CORPDIR_TOOL_LAYER_SETTINGS_H
 

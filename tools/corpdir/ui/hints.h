@@ -21,7 +21,7 @@ struct Failure
     std::string reason;       // for people; nothing is decided by its words
 };
 
-// What to do next; empty when there is no advice.
+// The advice on a failure; empty when there is none.
 std::string HintFor(const Failure& failure, const Plan& plan);
 
 // The hints for several failures, each once, in order.
