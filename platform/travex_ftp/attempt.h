@@ -1,4 +1,4 @@
-// One try of a transfer: what its steps share.
+// State shared by the steps of one attempt at a transfer.
 #ifndef TRAVEX_FTP_ATTEMPT_H
 #define TRAVEX_FTP_ATTEMPT_H
 
@@ -10,11 +10,11 @@
 
 namespace travex_ftp
 {
-// Not thread-safe: the transfer thread's.
+// Not thread-safe: transfer thread only.
 class Attempt
 {
 public:
-    // `cancel` becomes readable when the transfer is cancelled; `end`: when it must be over.
+    // `cancel` becomes readable when the transfer is cancelled; at `end` the transfer times out.
     Attempt(const Limits& limits, int cancel, Clock::time_point end)
         : m_limits(limits), m_cancel(cancel), m_end(end), m_begin(Clock::now())
     {
@@ -25,13 +25,13 @@ public:
         return m_limits;
     }
 
-    // The steps that follow belong to this one.
+    // A step begins.
     void Enter(tagTRAVEX_FTP_STEP step)
     {
         SetStep(failure, step);
     }
 
-    // A wait of the step under way.
+    // Deadlines for a wait; none is later than the end of the transfer.
     Deadline Within(milliseconds limit) const
     {
         return Until(Clock::now() + limit);
@@ -42,9 +42,9 @@ public:
         return {std::min(at, m_end), m_cancel};
     }
 
-    // A wait has ended with kTimedOut or kCancelled. Returns true if there is nothing more to say:
-    // the transfer was cancelled, or its whole time is over.
-    bool Over(Io io)
+    // True if this result of a wait ends the attempt: the transfer was cancelled, or has timed out,
+    // which sets the failure.
+    bool EndedBy(Io io)
     {
         cancelled = cancelled || io == Io::kCancelled;
         if (io == Io::kTimedOut && Clock::now() >= m_end)
@@ -55,7 +55,7 @@ public:
         return cancelled || Failed(failure);
     }
 
-    // Microseconds since this try began, never 0.
+    // Microseconds since the attempt began, never 0.
     uint64_t Elapsed() const
     {
         using std::chrono::microseconds;
@@ -68,8 +68,8 @@ public:
         return std::chrono::duration<double>(duration).count();
     }
 
-    Failure failure{};       // ulStep: the step under way
-    bool cancelled = false;  // whatever failed, it is of no interest
+    Failure failure{};       // ulStep: the current step
+    bool cancelled = false;  // a failure is not reported then
     tagTRAVEX_FTP_S_TIMINGS timings{};
 
 private:

@@ -16,10 +16,9 @@ namespace travex_ftp
 {
 namespace
 {
-// A router forgets a connection on which nothing is said, as on the control connection during a
-// long file.
+// A router drops an idle connection, such as the control connection during a long transfer.
 constexpr int kKeepAliveIdle = 45;      // seconds until the first probe
-constexpr int kKeepAliveInterval = 15;  // seconds between two
+constexpr int kKeepAliveInterval = 15;  // seconds between probes
 
 constexpr char kClosed[] = "closed by the server";
 
@@ -43,12 +42,12 @@ socklen_t ToSystem(const Address& address, unsigned int port, sockaddr_storage& 
 
 void Set(int socket, int level, int option, int value)
 {
-    (void)setsockopt(socket, level, option, &value, sizeof value);  // without it, it works as well
+    (void)setsockopt(socket, level, option, &value, sizeof value);  // an optimisation only
 }
 
-// OpenSSL's reason for a failure. The words for an alert of the peer are its description's: those
-// of the reason differ between OpenSSL's releases.
-const char* InWords(unsigned long error)
+// Text of an OpenSSL error. For the peer's alerts it is the alert's description: the reason's text
+// differs between OpenSSL releases.
+const char* TlsErrorText(unsigned long error)
 {
     const int reason = ERR_GET_REASON(error);
     if (ERR_GET_LIB(error) == ERR_LIB_SSL && reason >= SSL_AD_REASON_OFFSET)
@@ -72,7 +71,7 @@ Io Deadline::Wait(int socket, short events) const
 {
     for (;;)
     {
-        // A negative descriptor is passed over.
+        // poll ignores negative descriptors.
         pollfd watched[] = {{socket, events, 0}, {cancel, POLLIN, 0}, {other, otherEvents, 0}};
         const int ready = poll(watched, 3, Milliseconds(at));
         if (watched[1].revents != 0)
@@ -145,7 +144,7 @@ Io Channel::Connected()
     {
         return m_connecting;
     }
-    // The system tells an error once.
+    // SO_ERROR returns an error only once.
     int error = 0;
     socklen_t size = sizeof error;
     (void)getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &error, &size);
@@ -170,14 +169,14 @@ Io Channel::AwaitConnected(const Deadline& deadline)
     }
 }
 
-Io Channel::Handshake(std::unique_ptr<SSL, void (*)(SSL*)> ssl)
+Io Channel::Handshake(OpensslPtr<SSL> ssl)
 {
     m_ssl = std::move(ssl);
     m_answered = false;
     m_messages = 0;
     SSL_set_msg_callback(m_ssl.get(), OnMessage);
     SSL_set_msg_callback_arg(m_ssl.get(), this);
-    // It reads nothing from the socket before AnswersInTls has looked at it.
+    // OpenSSL reads from the socket only after AnswersInTls has seen the first byte.
     BIO* const nothing = BIO_new(BIO_s_mem());
     if (nothing == nullptr || SSL_set_wfd(m_ssl.get(), m_socket) != 1)
     {
@@ -189,8 +188,8 @@ Io Channel::Handshake(std::unique_ptr<SSL, void (*)(SSL*)> ssl)
     return Io::kDone;
 }
 
-// OpenSSL passes over some messages without returning, as long as they come. A server that sends so
-// many of them would keep it beyond every deadline.
+// OpenSSL skips some messages, such as HelloRequest, without returning. A server that sends them
+// without end would keep the thread beyond every deadline.
 void Channel::OnMessage(int sent, int, int type, const void*, size_t, SSL*, void* channel)
 {
     constexpr unsigned int kMostMessages = 1000;
@@ -201,7 +200,8 @@ void Channel::OnMessage(int sent, int, int type, const void*, size_t, SSL*, void
     }
 }
 
-// A server that refuses a connection in clear, or does not know TLS, is not answered in TLS.
+// Looks at the peer's first byte: a server that refuses the connection in clear, or does not speak
+// TLS, must not be answered with a TLS alert.
 bool Channel::AnswersInTls()
 {
     if (m_answered)
@@ -212,7 +212,7 @@ bool Channel::AnswersInTls()
     const ssize_t length = recv(m_socket, begin, sizeof begin - 1, MSG_PEEK);
     if (length < 0)
     {
-        // The system reports an error once, and this was it.
+        // The system reports an error only once.
         const bool later = errno == EAGAIN || errno == EINTR;
         return later || Fail(errno) == Io::kDone;
     }
@@ -230,7 +230,7 @@ bool Channel::AnswersInTls()
     return false;
 }
 
-Io Channel::GoOn(const Deadline& deadline)
+Io Channel::ContinueHandshake(const Deadline& deadline)
 {
     for (;;)
     {
@@ -241,7 +241,7 @@ Io Channel::GoOn(const Deadline& deadline)
             m_events = POLLIN;
             return Io::kDone;
         }
-        const Io ended = Judge(result);
+        const Io ended = Classify(result);
         if (ended != Io::kAgain)
         {
             return ended;
@@ -258,8 +258,8 @@ Io Channel::GoOn(const Deadline& deadline)
     }
 }
 
-// What an unsuccessful call of OpenSSL means.
-Io Channel::Judge(int result)
+// Classifies an unsuccessful call of OpenSSL.
+Io Channel::Classify(int result)
 {
     const int error = errno;
     switch (SSL_get_error(m_ssl.get(), result))
@@ -281,7 +281,7 @@ Io Channel::Judge(int result)
             {
                 return Fail(0);
             }
-            m_why = InWords(m_tlsError);
+            m_why = TlsErrorText(m_tlsError);
             return Io::kFailed;
     }
 }
@@ -293,7 +293,7 @@ Io Channel::Read(char* buffer, size_t size, size_t& length)
     {
         ERR_clear_error();
         const int result = SSL_read_ex(m_ssl.get(), buffer, size, &length);
-        return result == 1 ? Io::kDone : Judge(result);
+        return result == 1 ? Io::kDone : Classify(result);
     }
     ssize_t result = 0;
     do
@@ -322,7 +322,7 @@ Io Channel::Write(const char* data, size_t length, const Deadline& deadline)
 {
     if (m_ssl != nullptr && SSL_is_init_finished(m_ssl.get()) != 1)
     {
-        return Fail(0);  // a handshake that failed is not taken up again
+        return Fail(0);  // the handshake has failed
     }
     while (length != 0)
     {
@@ -332,7 +332,7 @@ Io Channel::Write(const char* data, size_t length, const Deadline& deadline)
         {
             ERR_clear_error();
             const int sent = SSL_write_ex(m_ssl.get(), data, length, &written);
-            result = sent == 1 ? Io::kDone : Judge(sent);
+            result = sent == 1 ? Io::kDone : Classify(sent);
         }
         else
         {
@@ -363,7 +363,7 @@ void Channel::Close()
         {
             (void)SSL_shutdown(m_ssl.get());
         }
-        // Otherwise OpenSSL would not let the session be used again.
+        // Without both flags OpenSSL makes the session unusable for resumption.
         SSL_set_shutdown(m_ssl.get(), SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
         m_ssl.reset();
         ERR_clear_error();

@@ -1,32 +1,31 @@
-// One TCP connection, with TLS on it or without.
+// A TCP connection, with or without TLS.
 #ifndef TRAVEX_FTP_CHANNEL_H
 #define TRAVEX_FTP_CHANNEL_H
 
-#include <openssl/ssl.h>
 #include <poll.h>
 
-#include <memory>
 #include <string>
 
 #include "limits.h"
+#include "openssl_ptr.h"
 #include "settings.h"
 
 namespace travex_ftp
 {
-// How an operation on a channel ended.
+// Result of an operation on a channel.
 enum class Io
 {
     kDone,
-    kAgain,       // nothing can be read or written now
-    kEnded,       // the peer has ended the channel: Channel::Why
+    kAgain,       // it would block
+    kEnded,       // the peer closed the channel: Channel::Why
     kFailed,      // it failed otherwise: Channel::Why
     kTimedOut,    // the deadline has passed
     kCancelled,   // the transfer was cancelled
-    kOtherReady,  // something is to be seen on the other descriptor of the wait
+    kOtherReady,  // Deadline::other is ready
 };
 
-// What bounds a wait: a point in time, and a descriptor that becomes readable when the transfer is
-// cancelled. A wait ends too when there are events on `other`, if that is given.
+// Limits of a wait: a point in time, and a descriptor that becomes readable when the transfer is
+// cancelled. The wait also ends when `other`, if set, is ready.
 struct Deadline
 {
     Clock::time_point at;
@@ -34,13 +33,13 @@ struct Deadline
     int other = -1;
     short otherEvents = POLLIN;
 
-    // Waits until the events are there (-1: for no socket). kDone, kTimedOut, kCancelled,
+    // Waits for events on the socket (-1: none). Returns kDone, kTimedOut, kCancelled or
     // kOtherReady.
     Io Wait(int socket, short events) const;
 };
 
-// Not thread-safe: the transfer thread's. No operation blocks beyond its deadline; those without
-// one do not block. Writes raise no SIGPIPE that anyone gets: the thread has it blocked.
+// Not thread-safe: transfer thread only. Operations with a deadline return by then, the others do
+// not block. SIGPIPE is blocked on the transfer thread.
 class Channel
 {
 public:
@@ -49,30 +48,32 @@ public:
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
-    // Begins to connect. kDone: it is under way, or done.
+    // Starts to connect. kDone: in progress or complete.
     Io Connect(const Address& server, unsigned int port, const Address& local);
 
-    // The end of it: kAgain while it is under way.
+    // Result of the connect; kAgain while in progress.
     Io Connected();
     Io AwaitConnected(const Deadline& deadline);
 
-    // Makes the TLS handshake. After kOtherReady it may be called again to go on.
-    Io Handshake(std::unique_ptr<SSL, void (*)(SSL*)> ssl);
-    Io GoOn(const Deadline& deadline);
+    // Prepares a TLS handshake.
+    Io Handshake(OpensslPtr<SSL> ssl);
 
-    // Reads what is there. kEnded: CloseNotified tells how.
+    // Makes the handshake. May be called again after kOtherReady.
+    Io ContinueHandshake(const Deadline& deadline);
+
+    // Reads available bytes. After kEnded CloseNotified() tells how the channel ended.
     Io Read(char* buffer, size_t size, size_t& length);
 
-    // Waits until Read has something to say.
+    // Waits until Read returns something other than kAgain.
     Io AwaitReadable(const Deadline& deadline);
 
-    // Acknowledges what was read at once: a server may hold back its next reply until then.
+    // Sends the TCP acknowledgement at once: a server may delay its next reply until it arrives.
     void Acknowledge() const;
 
-    // Writes all of it.
+    // Writes all bytes.
     Io Write(const char* data, size_t length, const Deadline& deadline);
 
-    // Ends it in order, as far as that takes no time: close_notify, then the connection.
+    // Sends close_notify if that does not block, and closes the connection.
     void Close();
 
     int Socket() const
@@ -84,13 +85,13 @@ public:
         return m_ssl.get();
     }
 
-    // The peer has ended a TLS channel by its rules: nothing was cut off.
+    // The peer sent close_notify: nothing was truncated.
     bool CloseNotified() const
     {
         return m_closeNotified;
     }
 
-    // Clear text that the peer sent in the place of a handshake, else empty.
+    // Plaintext that the peer sent instead of a handshake, else empty.
     const std::string& ClearText() const
     {
         return m_clearText;
@@ -110,18 +111,18 @@ public:
 
 private:
     Io Fail(int error);
-    Io Judge(int result);
+    Io Classify(int result);
     bool BindLocal(const Address& local);
     bool AnswersInTls();
     static void OnMessage(int sent, int version, int type, const void* data, size_t length,
                           SSL* ssl, void* channel);
 
     int m_socket = -1;
-    std::unique_ptr<SSL, void (*)(SSL*)> m_ssl{nullptr, SSL_free};
+    OpensslPtr<SSL> m_ssl;
     short m_events = POLLIN;
     Io m_connecting = Io::kAgain;  // kDone: connected
-    bool m_answered = false;       // what came first was TLS
-    unsigned int m_messages = 0;   // of handshakes, received
+    bool m_answered = false;       // the peer's first byte was that of a TLS record
+    unsigned int m_messages = 0;   // handshake messages received
     bool m_closeNotified = false;
     unsigned long m_tlsError = 0;
     std::string m_clearText;

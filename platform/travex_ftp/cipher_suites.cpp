@@ -1,32 +1,14 @@
 #include "cipher_suites.h"
 
 #include <cstring>
-#include <memory>
+
+#include "openssl_ptr.h"
 
 namespace travex_ftp
 {
 namespace
 {
-// Frees what OpenSSL has made.
-struct Freed
-{
-    void operator()(SSL_CTX* context) const
-    {
-        SSL_CTX_free(context);
-    }
-    void operator()(SSL* ssl) const
-    {
-        SSL_free(ssl);
-    }
-    void operator()(STACK_OF(SSL_CIPHER) * ciphers) const
-    {
-        sk_SSL_CIPHER_free(ciphers);
-    }
-};
-using Context = std::unique_ptr<SSL_CTX, Freed>;
-using Session = std::unique_ptr<SSL, Freed>;
-
-// An identifier is 0x0300 and the number under which IANA registers the suite.
+// An identifier is 0x0300 followed by the suite's IANA number.
 const SSL_CIPHER* FindSuite(SSL* ssl, int identifier)
 {
     const unsigned int bits = static_cast<unsigned int>(identifier);
@@ -39,13 +21,13 @@ const SSL_CIPHER* FindSuite(SSL* ssl, int identifier)
     return SSL_CIPHER_find(ssl, number);
 }
 
-// The version in which the suite was introduced; those of TLS 1.3 serve no other.
+// Suites of TLS 1.3 work with no other version.
 bool IsTls13(const SSL_CIPHER* suite)
 {
     return strcmp(SSL_CIPHER_get_version(suite), "TLSv1.3") == 0;
 }
 
-// Without encryption there is nothing private, without authentication no certificate to check.
+// Encrypts and authenticates.
 bool IsSafe(const SSL_CIPHER* suite)
 {
     return SSL_CIPHER_get_cipher_nid(suite) != NID_undef &&
@@ -59,7 +41,7 @@ bool AddSuite(SSL* ssl, int identifier, CipherSuites& suites, Failure& failure)
     const SSL_CIPHER* suite = FindSuite(ssl, identifier);
     if (suite == nullptr)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_CIPHER, "cipher suite 0x%08X is unknown", bits);
+        return Fail(failure, TRAVEX_FTP_ERR_CIPHER, "unknown cipher suite 0x%08X", bits);
     }
     if (!IsSafe(suite))
     {
@@ -72,13 +54,13 @@ bool AddSuite(SSL* ssl, int identifier, CipherSuites& suites, Failure& failure)
     return true;
 }
 
-// What the context really offers with these suites: OpenSSL drops what its security level forbids.
+// Checks that the context offers every suite: OpenSSL drops those that its security level forbids.
 bool AllOffered(SSL_CTX* context, const CipherSuites& suites, const int* identifiers,
                 unsigned int count, Failure& failure)
 {
-    const Session ssl(suites.Apply(context) ? SSL_new(context) : nullptr);
-    const std::unique_ptr<STACK_OF(SSL_CIPHER), Freed> offered(
-        ssl ? SSL_get1_supported_ciphers(ssl.get()) : nullptr);
+    const OpensslPtr<SSL> ssl(suites.Apply(context) ? SSL_new(context) : nullptr);
+    const OpensslPtr<STACK_OF(SSL_CIPHER)> offered(ssl ? SSL_get1_supported_ciphers(ssl.get())
+                                                       : nullptr);
     for (unsigned int i = 0; i < count; ++i)
     {
         const SSL_CIPHER* suite = ssl ? FindSuite(ssl.get(), identifiers[i]) : nullptr;
@@ -107,23 +89,23 @@ bool CipherSuites::Apply(SSL_CTX* context) const
     {
         return true;
     }
-    // An empty list of TLS 1.3 suites is valid; one of TLS 1.2 is not, but then it is not offered.
+    // OpenSSL accepts an empty list of TLS 1.3 suites, but not of TLS 1.2 suites.
     return SSL_CTX_set_ciphersuites(context, tls13.c_str()) == 1 &&
            (only13 || SSL_CTX_set_cipher_list(context, tls12.c_str()) == 1);
 }
 
-// All that the library has, those of low security included, and of these what is offered.
+// Enables all suites of the library, then lists those that its security level allows.
 bool ListSuites(TRAVEX_FTP_CIPHER_CB callback, void* user)
 {
-    const Context context(SSL_CTX_new(TLS_client_method()));
+    const OpensslPtr<SSL_CTX> context(SSL_CTX_new(TLS_client_method()));
     if (!context || SSL_CTX_set_cipher_list(context.get(), "ALL:COMPLEMENTOFALL") != 1 ||
         SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1)
     {
         return false;
     }
-    const Session ssl(SSL_new(context.get()));
-    const std::unique_ptr<STACK_OF(SSL_CIPHER), Freed> offered(
-        ssl ? SSL_get1_supported_ciphers(ssl.get()) : nullptr);
+    const OpensslPtr<SSL> ssl(SSL_new(context.get()));
+    const OpensslPtr<STACK_OF(SSL_CIPHER)> offered(ssl ? SSL_get1_supported_ciphers(ssl.get())
+                                                       : nullptr);
     for (int i = 0; offered && i < sk_SSL_CIPHER_num(offered.get()); ++i)
     {
         const SSL_CIPHER* const suite = sk_SSL_CIPHER_value(offered.get(), i);
@@ -145,8 +127,8 @@ bool ChooseSuites(const int* identifiers, unsigned int count, CipherSuites& suit
     {
         return true;
     }
-    const Context context(SSL_CTX_new(TLS_client_method()));
-    const Session ssl(context ? SSL_new(context.get()) : nullptr);
+    const OpensslPtr<SSL_CTX> context(SSL_CTX_new(TLS_client_method()));
+    const OpensslPtr<SSL> ssl(context ? SSL_new(context.get()) : nullptr);
     if (!ssl)
     {
         return FailSystem(failure, "cipher suites");

@@ -1,4 +1,4 @@
-// The cipher suites of a control record in OpenSSL's terms.
+// The cipher suites of a control record, as OpenSSL names.
 #ifndef TRAVEX_FTP_CIPHER_SUITES_H
 #define TRAVEX_FTP_CIPHER_SUITES_H
 
@@ -10,8 +10,8 @@
 
 namespace travex_ftp
 {
-// Exactly the suites that were asked for. The protocol versions follow from them: a version for
-// which no suite is left is not offered. Immutable once chosen.
+// The suites to offer, and no others. The protocol versions follow from them: a version without a
+// suite is not offered.
 struct CipherSuites
 {
     std::string tls12;    // names for TLS 1.2, separated by ":"
@@ -23,17 +23,17 @@ struct CipherSuites
         return chosen == other.chosen && tls12 == other.tls12 && tls13 == other.tls13;
     }
 
-    // Makes a context offer these suites and versions. Never anything older than TLS 1.2.
+    // Makes a context offer these suites and versions. Never older than TLS 1.2.
     bool Apply(SSL_CTX* context) const;
 };
 
-// Looks the identifiers up. Refused by identifier: one that OpenSSL does not know, one without
-// encryption or without authentication, and one that the system's security level would drop in
-// silence. Throws std::bad_alloc.
+// Looks up the identifiers. Refuses one that OpenSSL does not know, one without encryption or
+// authentication, and one that the system's security level would silently drop. Throws
+// std::bad_alloc.
 bool ChooseSuites(const int* identifiers, unsigned int count, CipherSuites& suites,
                   Failure& failure);
 
-// Calls back for each suite that chooseSuites would take. False when OpenSSL fails.
+// Calls back for each suite that ChooseSuites accepts. False when OpenSSL fails.
 bool ListSuites(TRAVEX_FTP_CIPHER_CB callback, void* user);
 
 }  // namespace travex_ftp

@@ -8,7 +8,7 @@ namespace travex_ftp
 {
 namespace
 {
-// A command on its way. The password is in it, and goes with it.
+// A command line. Wiped on destruction, since it may contain the password.
 class CommandLine
 {
 public:
@@ -76,7 +76,7 @@ bool ControlConnection::Open(Attempt& attempt)
 void ControlConnection::Reopen(Attempt& attempt)
 {
     m_reader.Restart(attempt.TheLimits());
-    m_heard = 0;
+    m_replyCount = 0;
     attempt.timings.ulReused = 1;
     if (m_tls != nullptr)
     {
@@ -95,7 +95,7 @@ bool ControlConnection::Connect(Attempt& attempt)
         attempt.timings.ullConnected = attempt.Elapsed();
         return true;
     }
-    if (attempt.Over(io))
+    if (attempt.EndedBy(io))
     {
         return false;
     }
@@ -116,12 +116,12 @@ bool ControlConnection::Greet(Attempt& attempt)
         {
             return false;
         }
-    } while (reply.Preliminary());  // 120: ready in some minutes
+    } while (reply.Preliminary());  // 120: service ready in some minutes
     m_greeted = true;
     if (reply.Refusal())
     {
         return FailByReply(attempt.failure, TRAVEX_FTP_ERR_CONNECT,
-                           "the server refuses the connection", reply);
+                           "the server refused the connection", reply);
     }
     return reply.Positive() ||
            FailByReply(attempt.failure, TRAVEX_FTP_ERR_REPLY, "unexpected greeting", reply);
@@ -141,11 +141,11 @@ bool ControlConnection::Secure(Attempt& attempt)
     {
         return FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "AUTH refused", reply);
     }
-    // An attacker may have put it there, to be taken for what comes over TLS.
+    // An attacker may have injected it, to be taken for a reply that came over TLS.
     if (m_reader.Pending())
     {
         return Fail(attempt.failure, TRAVEX_FTP_ERR_TLS,
-                    "clear text behind the reply to AUTH: the connection is not safe");
+                    "plaintext received after the reply to AUTH: possible injection");
     }
     return Handshake(attempt);
 }
@@ -153,13 +153,15 @@ bool ControlConnection::Secure(Attempt& attempt)
 bool ControlConnection::Handshake(Attempt& attempt)
 {
     attempt.Enter(TRAVEX_FTP_STEP_TLS);
-    TlsContext::Ssl ssl = m_tls->MakeControl();
+    OpensslPtr<SSL> ssl = m_tls->MakeControl();
     if (ssl == nullptr)
     {
         return FailSystem(attempt.failure, "TLS channel");
     }
     Io io = m_channel.Handshake(std::move(ssl));
-    io = io == Io::kDone ? m_channel.GoOn(attempt.Within(attempt.TheLimits().handshake)) : io;
+    io = io == Io::kDone
+             ? m_channel.ContinueHandshake(attempt.Within(attempt.TheLimits().handshake))
+             : io;
     if (io != Io::kDone)
     {
         return FailHandshake(attempt, io);
@@ -169,11 +171,11 @@ bool ControlConnection::Handshake(Attempt& attempt)
     return true;
 }
 
-// With implicit TLS a server that is full may say so in clear.
+// With implicit TLS a server at its connection limit may send its 421 in clear.
 bool ControlConnection::FailHandshake(Attempt& attempt, Io io)
 {
     const std::string& clear = m_channel.ClearText();
-    if (attempt.Over(io))
+    if (attempt.EndedBy(io))
     {
         return false;
     }
@@ -204,7 +206,7 @@ bool ControlConnection::LogIn(Attempt& attempt)
     constexpr unsigned int kNeedPassword = 331;
     if (reply.code == kNeedPassword)
     {
-        const Clear password(m_settings->password);
+        const RevealedSecret password(m_settings->password);
         if (!Send(attempt, "PASS", password.Text()) || !ReadReply(attempt, reply))
         {
             return false;
@@ -251,7 +253,7 @@ bool ControlConnection::Command(Attempt& attempt, const char* verb, const char* 
     return Send(attempt, verb, argument) && ReadReply(attempt, reply);
 }
 
-// Whatever is sent or received until then, nothing is said once the handle is closed.
+// Sends nothing after the handle was closed.
 bool ControlConnection::Send(Attempt& attempt, const char* verb, const char* argument)
 {
     attempt.cancelled = attempt.cancelled || m_closed;
@@ -267,12 +269,12 @@ bool ControlConnection::Send(Attempt& attempt, const char* verb, const char* arg
     return sent == Io::kDone || FailWait(attempt, sent);
 }
 
-// What has arrived before a command is sent is not its reply. Some servers answer PASS twice.
+// Discards replies that arrived before the command is sent. Some servers answer PASS twice.
 bool ControlConnection::DiscardStray(Attempt& attempt)
 {
     Reply stray;
     Io io = Io::kAgain;
-    while ((io = PollReply(attempt, stray, "reply without a command")) == Io::kDone)
+    while ((io = PollReply(attempt, stray, "unsolicited reply")) == Io::kDone)
     {
         if (stray.code == kServiceNotAvailable)
         {
@@ -316,12 +318,12 @@ Io ControlConnection::PollReply(Attempt& attempt, Reply& reply, const char* head
         const ReplyReader::Result result = m_reader.Next(reply, IsLogin(m_verb));
         if (lines != m_reader.LinesLeft())
         {
-            m_replyDue = Clock::now() + attempt.TheLimits().response;  // each is a sign of life
+            m_replyDue = Clock::now() + attempt.TheLimits().response;
         }
         switch (result)
         {
             case ReplyReader::Result::kReply:
-                ++m_heard;
+                ++m_replyCount;
                 TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: %s: %u %s", m_settings->serverText.c_str(),
                                heading != nullptr ? heading : m_verb, reply.code, reply.text);
                 if (m_loggedIn && reply.code == kLoggedIn)
@@ -350,7 +352,7 @@ Io ControlConnection::PollReply(Attempt& attempt, Reply& reply, const char* head
     }
 }
 
-// A reply that ends the service is a failure wherever it comes.
+// A 421 is a failure, whatever the command.
 bool ControlConnection::Accept(Attempt& attempt, const Reply& reply) const
 {
     return reply.code != kServiceNotAvailable ||
@@ -359,14 +361,14 @@ bool ControlConnection::Accept(Attempt& attempt, const Reply& reply) const
 
 bool ControlConnection::FailWait(Attempt& attempt, Io io)
 {
-    if (attempt.Over(io))
+    if (attempt.EndedBy(io))
     {
         return false;
     }
     if (io != Io::kTimedOut)
     {
-        return Fail(attempt.failure, TRAVEX_FTP_ERR_TRANSFER, "connection lost at %s: %s", m_verb,
-                    m_channel.Why());
+        return Fail(attempt.failure, TRAVEX_FTP_ERR_TRANSFER, "connection lost during %s: %s",
+                    m_verb, m_channel.Why());
     }
     const bool greeting = attempt.failure.ulStep == TRAVEX_FTP_STEP_GREETING;
     return Fail(attempt.failure, TRAVEX_FTP_ERR_TIMEOUT, "no %s%s within %g s",
@@ -387,7 +389,7 @@ void ControlConnection::Quit()
     {
         TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: closing the connection",
                        m_settings->serverText.c_str());
-        // Without a wait: what does not fit into the socket's buffer is left unsaid.
+        // Does not wait: if the socket's buffer is full, QUIT is not sent.
         (void)m_channel.Write("QUIT\r\n", 6, {Clock::now()});
     }
     m_channel.Close();

@@ -1,4 +1,4 @@
-// The control connection to a server: the dialogue up to a login, and its commands.
+// The control connection to a server: connect, TLS, login, commands and replies.
 #ifndef TRAVEX_FTP_CONTROL_CONNECTION_H
 #define TRAVEX_FTP_CONTROL_CONNECTION_H
 
@@ -13,62 +13,62 @@
 
 namespace travex_ftp
 {
-// Serves one transfer after the other. Not thread-safe: the transfer thread's.
+// Serves transfers one after the other. Not thread-safe: transfer thread only.
 class ControlConnection
 {
 public:
-    // `closed`: the handle was closed. It must outlive the object.
+    // `closed` becomes true when the handle is closed; it must outlive the object.
     ControlConnection(std::shared_ptr<const Settings> settings, const std::atomic<bool>& closed);
     ControlConnection(const ControlConnection&) = delete;
     ControlConnection& operator=(const ControlConnection&) = delete;
 
-    // Connects, greets, secures, logs in, and asks for files as they are. False: it has failed, or
-    // was cancelled, as the attempt says; the connection is of no use then.
+    // Connects, reads the greeting, secures the connection, logs in and selects binary mode. False:
+    // failed or cancelled, see the attempt; the connection is unusable.
     bool Open(Attempt& attempt);
 
-    // A further transfer begins on it.
+    // Starts a further transfer on the connection.
     void Reopen(Attempt& attempt);
 
-    // Sends a command and takes its reply. False: there is none, or it ends the service.
+    // Sends a command and reads its reply. False: no reply, or a 421.
     bool Command(Attempt& attempt, const char* verb, const char* argument, Reply& reply);
 
-    // Sends a command; its reply is taken by ReadReply.
+    // Sends a command; ReadReply reads its reply.
     bool Send(Attempt& attempt, const char* verb, const char* argument);
 
-    // Waits for the next reply. False as Command.
+    // Waits for the next reply. False: no reply, or a 421.
     bool ReadReply(Attempt& attempt, Reply& reply);
 
-    // Takes a reply that has arrived, without waiting. kAgain: there is none; kEnded, kFailed: the
-    // connection is lost. A reply that is too long is a failure of the attempt, and kFailed.
-    // `heading` names it in the log; null: the last command does.
+    // Reads a reply that has arrived, without waiting. kAgain: none; kEnded, kFailed: the
+    // connection is lost. A reply that exceeds the limits fails the attempt and returns kFailed.
+    // `heading` labels the reply in the log; null: the last command.
     Io PollReply(Attempt& attempt, Reply& reply, const char* heading = nullptr);
 
-    // When the next line of the reply must be there; each line moves it.
+    // When the next line of the reply is due; each line extends it.
     Clock::time_point ReplyDue() const
     {
         return m_replyDue;
     }
 
-    // A reply that PollReply took: false if it ends the service.
+    // False, with the failure set, if a reply from PollReply is a 421.
     bool Accept(Attempt& attempt, const Reply& reply) const;
 
-    // A wait for a reply, or PollReply, has ended so: sets the failure.
+    // Sets the failure for the result of a wait for a reply, or of PollReply. Returns false.
     bool FailWait(Attempt& attempt, Io io);
 
-    // The server is there, and has said nothing unasked.
+    // True if the connection is open and no unsolicited reply has arrived.
     bool Quiet();
 
-    // Leaves the server with a QUIT, without waiting for its reply.
+    // Sends QUIT without waiting for its reply, and closes the connection.
     void Quit();
 
-    // It was made with settings that serve these too.
+    // True if the connection may be reused with these settings.
     bool Serves(const Settings& settings) const
     {
         return m_settings->SameConnection(settings);
     }
 
-    // A data channel of it, its TLS handshake to be made.
-    TlsContext::Ssl MakeDataTls()
+    // A TLS object for the handshake of a data channel.
+    OpensslPtr<SSL> MakeDataTls()
     {
         return m_tls->MakeData(m_channel.Tls());
     }
@@ -87,12 +87,13 @@ public:
     }
 
     // Replies since Open or Reopen.
-    unsigned int Heard() const
+    unsigned int ReplyCount() const
     {
-        return m_heard;
+        return m_replyCount;
     }
 
-    // On this connection SIZE, the 150 and the bytes have agreed: the 150 is enough.
+    // SIZE, the 150 and the received bytes agreed for a file on this connection: SIZE is left out
+    // from then on.
     bool sizesAgree = false;
 
 private:
@@ -114,7 +115,7 @@ private:
     const std::atomic<bool>& m_closed;
     const char* m_verb = "the greeting";
     Clock::time_point m_replyDue;
-    unsigned int m_heard = 0;
+    unsigned int m_replyCount = 0;
     bool m_greeted = false;
     bool m_loggedIn = false;
 };

@@ -17,12 +17,13 @@ namespace travex_ftp
 {
 namespace
 {
-// Hidden, and not derived from the target, whose name may be as long as a name can be.
+// Hidden; not derived from the target's name, which may have the maximum length.
 constexpr char kPrefix[] = ".travex_ftp-";
 constexpr char kSuffix[] = ".part";
 constexpr size_t kDigits = 16;
 
-// Sweepers hold a new file for a moment; who holds so many of them in a row is none.
+// Another download that looks for orphans locks a new file only for a moment. This many locked
+// files in a row are something else.
 constexpr int kTries = 100;
 
 constexpr mode_t kPermissions = 0777;
@@ -39,7 +40,7 @@ bool RandomName(char (&name)[64])
     return true;
 }
 
-// Never waits: a stop would have to wait too. On a network's file system a signal may end it.
+// Does not wait, which would delay a stop. On a network file system a signal may interrupt it.
 bool Lock(int fd)
 {
     int result = 0;
@@ -50,8 +51,8 @@ bool Lock(int fd)
     return result == 0;
 }
 
-// Orphans have the permissions that their target had. Some network file systems lock exclusively
-// only what is open for writing.
+// Opens an orphan, which may be read-only, like the target it was to replace. Some network file
+// systems need a descriptor open for writing for an exclusive lock.
 int OpenOrphan(int directory, const char* name)
 {
     constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
@@ -59,13 +60,14 @@ int OpenOrphan(int directory, const char* name)
     return fd >= 0 ? fd : openat(directory, name, O_RDONLY | kFlags);
 }
 
-// A file of this user; of any for root, who gives files away before they are in place.
+// True for a file of this user; for root of any user, since root changes the owner before the
+// rename.
 bool MayRemove(const struct stat& status)
 {
     return S_ISREG(status.st_mode) && (status.st_uid == geteuid() || geteuid() == 0);
 }
 
-// Removes a temporary file that nobody holds.
+// Removes a temporary file that is not locked.
 void RemoveIfOrphan(int directory, const char* name)
 {
     const int fd = OpenOrphan(directory, name);
@@ -76,7 +78,7 @@ void RemoveIfOrphan(int directory, const char* name)
     struct stat status = {};
     if (fstat(fd, &status) == 0 && MayRemove(status) && Lock(fd))
     {
-        // Its owner may have renamed it since: then the name is gone, and this fails harmlessly.
+        // Fails harmlessly if its owner has renamed it meanwhile.
         (void)unlinkat(directory, name, 0);
     }
     (void)::close(fd);
@@ -84,7 +86,7 @@ void RemoveIfOrphan(int directory, const char* name)
 
 }  // namespace
 
-// Names are told by their whole form: no file that a user named is ever taken for an orphan.
+// Checks the whole name, so that no file of a user is mistaken for an orphan.
 bool IsTemporaryName(const char* name)
 {
     if (strlen(name) != sizeof kPrefix - 1 + kDigits + sizeof kSuffix - 1 ||
@@ -119,7 +121,7 @@ bool DownloadFile::Open(const std::string& directory, const std::string& name, F
     }
     if (exists && !S_ISREG(target.st_mode) && !S_ISLNK(target.st_mode))
     {
-        return LocalFailure(failure, "cannot replace", "it is not a regular file");
+        return LocalFailure(failure, "cannot replace", "not a regular file");
     }
     m_replaced = {};
     if (exists && S_ISREG(target.st_mode))
@@ -139,19 +141,19 @@ bool DownloadFile::CreateTemporary(Failure& failure)
             return false;
         }
         const Claim claim = LockTemporary();
-        if (claim != Claim::Lost)
+        if (claim != Claim::kLost)
         {
-            return claim == Claim::Ours || LocalFailure(failure, "cannot lock");
+            return claim == Claim::kOurs || LocalFailure(failure, "cannot lock");
         }
         RemoveTemporary();
     }
-    return LocalFailure(failure, "cannot lock", "others lock every temporary file");
+    return LocalFailure(failure, "cannot lock", "other processes lock every temporary file");
 }
 
 bool DownloadFile::MakeTemporary(Failure& failure)
 {
-    // A replacement gets the permissions of the replaced file at the end; until then nobody else
-    // may read it, as nobody else may read a private target.
+    // A replacement gets its target's permissions at the end. Until then it is private, as the
+    // target may be.
     const mode_t mode = m_replaced.st_mode != 0 ? 0600 : 0666;
     do
     {
@@ -177,29 +179,29 @@ DownloadFile::Claim DownloadFile::LockTemporary()
         switch (errno)
         {
             case EWOULDBLOCK:
-                return Claim::Lost;
-            // The file system knows no locks: then nobody sweeps there either.
+                return Claim::kLost;
+            // The file system does not support locks, so no process removes orphans there.
             case ENOLCK:
             case EOPNOTSUPP:
             case ENOSYS:
             case EINVAL:
-                return Claim::Ours;
+                return Claim::kOurs;
             default:
-                return Claim::Failed;
+                return Claim::kFailed;
         }
     }
     struct stat status = {};
     if (fstat(m_fd, &status) != 0)
     {
-        return Claim::Failed;
+        return Claim::kFailed;
     }
-    // A sweeper may have had it between its creation and its lock, and removed it.
-    return status.st_nlink != 0 ? Claim::Ours : Claim::Lost;
+    // Another download may have removed it as an orphan between its creation and its lock.
+    return status.st_nlink != 0 ? Claim::kOurs : Claim::kLost;
 }
 
 void DownloadFile::RemoveOrphans()
 {
-    // A stream of its own: closing it closes the descriptor.
+    // A new descriptor, since closedir closes it.
     const int fd = openat(m_directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     DIR* const entries = fd < 0 ? nullptr : fdopendir(fd);
     if (entries == nullptr)
@@ -210,7 +212,7 @@ void DownloadFile::RemoveOrphans()
         }
         return;
     }
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this thread's own.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): this thread alone uses the stream.
     while (const dirent* entry = readdir(entries))
     {
         if (IsTemporaryName(entry->d_name))
@@ -242,7 +244,7 @@ bool DownloadFile::Arrived(size_t length, Failure& failure)
     return m_used != kFilePiece || FlushPiece(failure);
 }
 
-// A write may take less than it was given, as when the disk is nearly full.
+// A write may be short, as when the disk is nearly full.
 bool DownloadFile::FlushPiece(Failure& failure)
 {
     for (size_t written = 0; written != m_used;)
@@ -254,19 +256,20 @@ bool DownloadFile::FlushPiece(Failure& failure)
         }
         written += count < 0 ? 0 : static_cast<size_t>(count);
     }
-    m_unbegun += static_cast<off_t>(m_used);
+    m_unflushed += static_cast<off_t>(m_used);
     m_used = 0;
-    if (m_unbegun >= kWriteBehind)
+    if (m_unflushed >= kWriteBehind)
     {
-        // A hint: whether it all gets to the disk is what the flush at the end finds out.
-        (void)sync_file_range(m_fd, m_begun, m_unbegun, SYNC_FILE_RANGE_WRITE);
-        m_begun += m_unbegun;
-        m_unbegun = 0;
+        // Only a hint: the flush at the end reports errors.
+        (void)sync_file_range(m_fd, m_flushing, m_unflushed, SYNC_FILE_RANGE_WRITE);
+        m_flushing += m_unflushed;
+        m_unflushed = 0;
     }
     return true;
 }
 
-// Of the target as it is now; if it has gone since the start, as it was then.
+// Sets the permissions and owner of the target as it is now, or as it was at the start if it has
+// vanished since.
 bool DownloadFile::TakePermissions(Failure& failure)
 {
     struct stat target = {};
@@ -279,12 +282,12 @@ bool DownloadFile::TakePermissions(Failure& failure)
     {
         return true;
     }
-    // Whoever could read the old file can read the new one, if we may see to it. A user may give
-    // away no file, but may change its group.
+    // Users who could read the old file shall be able to read the new one. Only root may change the
+    // owner; a user may change the group.
     const bool given = fchown(m_fd, m_replaced.st_uid, m_replaced.st_gid) == 0 ||
                        fchown(m_fd, static_cast<uid_t>(-1), m_replaced.st_gid) == 0;
-    (void)given;  // else it is ours, as a new one would be
-    // What a server sent runs with nobody's rights but its caller's.
+    (void)given;  // on failure the file keeps our user and group
+    // Without set-user-id and set-group-id: the content comes from a server.
     return fchmod(m_fd, m_replaced.st_mode & kPermissions) == 0 ||
            LocalFailure(failure, "cannot set the permissions of");
 }
@@ -309,7 +312,7 @@ bool DownloadFile::Publish(Failure& failure)
         return LocalFailure(failure, "cannot replace");
     }
     m_temporary[0] = '\0';
-    // The file is complete and in place whatever comes of this; some file systems cannot do it.
+    // A failure is ignored: the file is in place, and some file systems cannot flush directories.
     (void)fsync(m_directoryFd);
     Close();
     return true;
@@ -325,7 +328,7 @@ void DownloadFile::RemoveTemporary()
 {
     if (m_temporary[0] != '\0')
     {
-        // Before it is unlocked, so that no sweeper sees it without its owner.
+        // Removed before it is unlocked, so that no other download sees an orphan.
         (void)unlinkat(m_directoryFd, m_temporary, 0);
         m_temporary[0] = '\0';
     }
@@ -336,7 +339,7 @@ void DownloadFile::RemoveTemporary()
     }
 }
 
-// Frees the buffer as well: an object lives on while its transfer waits to be told of.
+// Frees the buffer too: the object lives as long as its handle.
 void DownloadFile::Close()
 {
     for (int* fd : {&m_fd, &m_directoryFd})
@@ -349,7 +352,7 @@ void DownloadFile::Close()
     }
     m_piece.reset();
     m_used = 0;
-    m_begun = m_unbegun = 0;
+    m_flushing = m_unflushed = 0;
 }
 
 bool DownloadFile::LocalFailure(Failure& failure, const char* step)

@@ -1,4 +1,4 @@
-// The file being written.
+// The local file of a download.
 #ifndef TRAVEX_FTP_DOWNLOAD_FILE_H
 #define TRAVEX_FTP_DOWNLOAD_FILE_H
 
@@ -12,12 +12,12 @@
 
 namespace travex_ftp
 {
-// A name that only this layer gives: a file of this name may be removed as an orphan.
+// True for names that only this layer creates: such a file may be removed as an orphan.
 bool IsTemporaryName(const char* name);
 
-// A temporary file beside the target, which it replaces once it is complete. It is locked (flock)
-// while in use: what no one holds is left over from a process that was killed, and is removed by
-// the next download into that directory. Not thread-safe.
+// A temporary file in the target's directory, which replaces the target when it is complete. It is
+// locked (flock) while in use. An unlocked one is an orphan of a killed process, and the next
+// download into the directory removes it. Not thread-safe.
 class DownloadFile
 {
 public:
@@ -26,24 +26,23 @@ public:
     DownloadFile(const DownloadFile&) = delete;
     DownloadFile& operator=(const DownloadFile&) = delete;
 
-    // Finds out early what will not work: a directory that is missing or cannot be written, a
-    // target that is neither a file nor a symbolic link. Removes orphans of ours. Throws
-    // std::bad_alloc.
+    // Creates the temporary file. Fails early if the directory is missing or not writable, or the
+    // target is neither a regular file nor a symbolic link. Removes orphans. Throws std::bad_alloc.
     bool Open(const std::string& directory, const std::string& name, Failure& failure);
 
-    // Where to put the next bytes, up to `size` of them; null when memory runs out.
+    // The buffer for the next bytes, up to `size` of them; null when memory runs out.
     char* Room(size_t& size, Failure& failure);
 
-    // They have arrived there. Large pieces are collected before they are written, and the system
-    // is told early to bring them to the disk, so that little is left to wait for at the end.
+    // Bytes were put there. Written in large pieces; the system is asked early to write them to the
+    // disk, so that the flush at the end is short.
     bool Arrived(size_t length, Failure& failure);
 
-    // Writes out and flushes to the disk, with the permissions of the file that is to be replaced,
-    // and its owner and group where that is permitted.
+    // Writes the rest and flushes to the disk. Sets the permissions of the file that is replaced,
+    // and its owner and group where permitted.
     bool Complete(Failure& failure);
 
-    // Renames over the target what is complete: a symbolic link is replaced itself. Afterwards the
-    // object is as new.
+    // Renames the complete file to the target; a symbolic link is replaced, not followed. The
+    // object can be used again.
     bool Publish(Failure& failure);
 
     // Removes the temporary file, if there is one.
@@ -52,9 +51,9 @@ public:
 private:
     enum class Claim
     {
-        Ours,
-        Lost,    // another process has got hold of it
-        Failed,  // errno says why
+        kOurs,
+        kLost,    // another process has locked or removed it
+        kFailed,  // see errno
     };
 
     bool CreateTemporary(Failure& failure);
@@ -70,14 +69,14 @@ private:
 
     std::string m_directory;
     std::string m_name;
-    struct stat m_replaced = {};  // the file that the target is or was, zero: none
+    struct stat m_replaced = {};  // the regular file to be replaced; zero: none
     int m_directoryFd = -1;
     int m_fd = -1;
     char m_temporary[64] = "";  // name in the directory, empty: no file to remove
     std::unique_ptr<char[]> m_piece;
     size_t m_used = 0;
-    off_t m_begun = 0;    // bytes that were told to go to the disk
-    off_t m_unbegun = 0;  // bytes written since
+    off_t m_flushing = 0;   // bytes that the system was asked to write to the disk
+    off_t m_unflushed = 0;  // bytes written since
 };
 
 }  // namespace travex_ftp

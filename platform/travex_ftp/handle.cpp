@@ -31,7 +31,7 @@ Handle::Handle(Notifier& notifier) : m_notifier(notifier), m_wake(MakeWake()) {}
 void Handle::SetSettings(std::shared_ptr<const Settings> settings)
 {
     const base::MutexLock lock(m_mutex);
-    m_settings.swap(settings);  // the old ones go after the lock
+    m_settings.swap(settings);  // the old settings are destroyed after the lock is released
 }
 
 void Handle::SetDataParam()
@@ -62,7 +62,7 @@ void Handle::StartThread()
     }
 }
 
-// On a handle that was closed meanwhile the task is as one that was cancelled.
+// If the handle has been closed, the task is dropped like a cancelled one.
 void Handle::Submit(TaskPtr task)
 {
     const base::MutexLock lock(m_mutex);
@@ -97,13 +97,13 @@ void Handle::Run()
 {
     while (const TaskPtr task = AwaitTask())
     {
-        Transfer(task);
+        RunTask(task);
     }
-    LeaveServer();
+    CloseConnection();
     DropTasks();
 }
 
-// The next task; null: the handle is cancelled.
+// The next task; null: the handle is closed.
 TaskPtr Handle::AwaitTask()
 {
     while (!m_closed)
@@ -113,12 +113,12 @@ TaskPtr Handle::AwaitTask()
         {
             return task;
         }
-        AwaitWork();
+        AwaitRequest();
     }
     return nullptr;
 }
 
-// Null: there is none now, and Submit wakes the thread.
+// Null: the queue is empty, and the next Submit wakes the thread.
 TaskPtr Handle::TakeTask()
 {
     const base::MutexLock lock(m_mutex);
@@ -131,8 +131,8 @@ TaskPtr Handle::TakeTask()
     return m_queue.Pop();
 }
 
-// Nothing is to do. The connection is kept for a while, unless the server gives it up.
-void Handle::AwaitWork()
+// Waits for a task. Closes the kept connection after a while, or when something arrives on it.
+void Handle::AwaitRequest()
 {
     const bool kept = m_connection != nullptr;
     const Deadline deadline = {kept ? m_keptUntil : Clock::now() + std::chrono::hours(1),
@@ -141,7 +141,7 @@ void Handle::AwaitWork()
     const bool chatter = kept && io == Io::kDone && !m_connection->Quiet();
     if (chatter || (kept && io == Io::kTimedOut))
     {
-        LeaveServer();
+        CloseConnection();
     }
 }
 
@@ -153,104 +153,105 @@ void Handle::DropTasks()
     dropped = std::move(m_queue);
 }
 
-void Handle::Transfer(const TaskPtr& task)
+void Handle::RunTask(const TaskPtr& task)
 {
-    Work work{task, Limits::Current(), Clock::now()};
+    Transfer transfer{task, Limits::Current(), Clock::now()};
     bool good = false;
     try
     {
-        good = Prepare(work) && Fetch(work);
+        good = Prepare(transfer) && Fetch(transfer);
     }
     catch (const std::bad_alloc&)
     {
-        (void)FailSystem(work.failure, "transfer");
+        (void)FailSystem(transfer.failure, "transfer");
     }
     if (!good || !m_connection->Quiet())
     {
-        LeaveServer();
+        CloseConnection();
     }
     m_file.Discard();
-    m_keptUntil = Clock::now() + work.limits.idle;
+    m_keptUntil = Clock::now() + transfer.limits.idle;
     if (!m_closed)
     {
-        Finish(work);
+        Finish(transfer);
     }
 }
 
-// What can fail without a connection.
-bool Handle::Prepare(Work& work)
+// Checks that need no connection.
+bool Handle::Prepare(Transfer& transfer)
 {
-    const Task& task = *work.task;
-    // Connecting to the zero address would reach the local host, and hand it the password.
+    const Task& task = *transfer.task;
+    // Connecting to the zero address would send the password to the local host.
     if (task.settings->server.Zero())
     {
-        SetStep(work.failure, TRAVEX_FTP_STEP_CONNECT);
-        return Fail(work.failure, TRAVEX_FTP_ERR_CONNECT, "the server address is zero");
+        SetStep(transfer.failure, TRAVEX_FTP_STEP_CONNECT);
+        return Fail(transfer.failure, TRAVEX_FTP_ERR_CONNECT, "the server address is zero");
     }
-    return !KnownRefusal(work) && m_file.Open(task.directory, task.localFile, work.failure);
+    return !KnownRefusal(transfer) && m_file.Open(task.directory, task.localFile, transfer.failure);
 }
 
-// Tries again, unseen, what failed for reasons that a fresh connection can mend.
-bool Handle::Fetch(Work& work)
+// Repeats an attempt on a new connection where that may help. The client does not see it.
+bool Handle::Fetch(Transfer& transfer)
 {
-    ChooseConnection(*work.task->settings);
+    ChooseConnection(*transfer.task->settings);
     bool again = false;
-    bool good = Try(work, again);
+    bool good = Try(transfer, again);
     while (!good && again)
     {
-        LeaveServer();
+        CloseConnection();
         again = false;
-        good = Try(work, again);
+        good = Try(transfer, again);
     }
-    RememberRefusal(work);
+    RememberRefusal(transfer);
     return good;
 }
 
-// A connection on which something has arrived since is left: it would be taken for a reply.
+// Closes the kept connection if it was made with other settings, or if anything has arrived on it,
+// which would be mistaken for a reply.
 void Handle::ChooseConnection(const Settings& settings)
 {
     if (m_connection != nullptr && (!m_connection->Serves(settings) || !m_connection->Quiet()))
     {
-        LeaveServer();
+        CloseConnection();
     }
 }
 
-bool Handle::Try(Work& work, bool& again)
+bool Handle::Try(Transfer& transfer, bool& again)
 {
-    const Settings& settings = *work.task->settings;
+    const Settings& settings = *transfer.task->settings;
     const bool reused = m_connection != nullptr;
     TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s on a %s connection",
-                   settings.serverText.c_str(), work.task->id.Value(),
-                   work.task->serverFile.c_str(), reused ? "known" : "new");
-    Attempt attempt(work.limits, m_wake.Number(), work.begin + work.limits.transfer);
+                   settings.serverText.c_str(), transfer.task->id,
+                   transfer.task->serverFile.c_str(), reused ? "reused" : "new");
+    Attempt attempt(transfer.limits, m_wake.Number(), transfer.begin + transfer.limits.transfer);
     if (reused)
     {
         m_connection->Reopen(attempt);
     }
     else
     {
-        m_connection = std::make_unique<ControlConnection>(work.task->settings, m_closed);
+        m_connection = std::make_unique<ControlConnection>(transfer.task->settings, m_closed);
     }
-    ServerHabits& habits = m_habits[settings.serverText];
-    Retrieval retrieval(*m_connection, attempt, work.task, m_file, habits, m_notifier);
+    bool& usePasv = m_usePasv[settings.serverText];
+    Retrieval retrieval(*m_connection, attempt, transfer.task, m_file, usePasv, m_notifier);
     const bool good =
         (reused || m_connection->Open(attempt)) && retrieval.Run() && Commit(attempt.failure);
-    work.failure = attempt.failure;
-    work.timings = attempt.timings;
-    work.received = retrieval.Received();
-    work.announced = retrieval.Announced();
-    work.timings.ullEnded = attempt.Elapsed();
-    // A server may have given up a connection that was kept, or said something on it just now that
-    // was taken for a reply.
-    const bool stale =
-        reused && (m_connection->Heard() == 0 || attempt.failure.ulReply == kServiceNotAvailable ||
-                   attempt.failure.ulRet == TRAVEX_FTP_ERR_REPLY);
-    habits.noEpsv = habits.noEpsv || (retrieval.WantsPasv() && !stale);
-    again = !attempt.cancelled && work.received == 0 && (stale || retrieval.WantsPasv());
+    transfer.failure = attempt.failure;
+    transfer.timings = attempt.timings;
+    transfer.received = retrieval.Received();
+    transfer.announced = retrieval.Announced();
+    transfer.timings.ullEnded = attempt.Elapsed();
+    // The server may have closed the kept connection, or just sent something on it that was
+    // mistaken for a reply.
+    const bool stale = reused && (m_connection->ReplyCount() == 0 ||
+                                  attempt.failure.ulReply == kServiceNotAvailable ||
+                                  attempt.failure.ulRet == TRAVEX_FTP_ERR_REPLY);
+    usePasv = usePasv || (retrieval.WantsPasv() && !stale);
+    again = !attempt.cancelled && transfer.received == 0 && (stale || retrieval.WantsPasv());
     return good;
 }
 
-// Flushing may take its time, in which the handle may be closed.
+// The handle may be closed while the file is flushed.
 bool Handle::Commit(Failure& failure)
 {
     const bool complete = m_file.Complete(failure);
@@ -258,27 +259,28 @@ bool Handle::Commit(Failure& failure)
     return complete && !m_closed && m_file.Publish(failure);
 }
 
-// The outcome for the log and the client.
-void Handle::Finish(Work& work)
+// Reports the outcome to the log and the client.
+void Handle::Finish(Transfer& transfer)
 {
-    const Task& task = *work.task;
+    const Task& task = *transfer.task;
     const char* const server = task.settings->serverText.c_str();
-    if (Failed(work.failure))
+    if (Failed(transfer.failure))
     {
-        TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s (task %u, %s)", server, work.failure.acReason,
-                       task.id.Value(), task.serverFile.c_str());
+        TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s (task %u, %s)", server, transfer.failure.acReason,
+                       task.id, task.serverFile.c_str());
     }
     else
     {
         TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s complete, %llu bytes in %.3f s", server,
-                       task.id.Value(), task.serverFile.c_str(),
-                       static_cast<unsigned long long>(work.received),
-                       Attempt::Seconds(Clock::now() - work.begin));
+                       task.id, task.serverFile.c_str(),
+                       static_cast<unsigned long long>(transfer.received),
+                       Attempt::Seconds(Clock::now() - transfer.begin));
     }
-    m_notifier.Finished(work.task, work.failure, work.received, work.announced, work.timings);
+    m_notifier.Finished(transfer.task, transfer.failure, transfer.received, transfer.announced,
+                        transfer.timings);
 }
 
-void Handle::LeaveServer()
+void Handle::CloseConnection()
 {
     if (m_connection != nullptr)
     {
@@ -287,33 +289,33 @@ void Handle::LeaveServer()
     }
 }
 
-// The account would be locked by further tries; what the server said holds for a while.
-bool Handle::KnownRefusal(Work& work)
+// Fails with the reason of an earlier 530: repeated failures may lock the account.
+bool Handle::KnownRefusal(Transfer& transfer)
 {
     const Clock::time_point now = Clock::now();
     m_refusedLogins.erase(
         std::remove_if(m_refusedLogins.begin(), m_refusedLogins.end(),
                        [now](const RefusedLogin& one) { return one.until < now; }),
         m_refusedLogins.end());
-    const Settings& settings = *work.task->settings;
+    const Settings& settings = *transfer.task->settings;
     for (const RefusedLogin& one : m_refusedLogins)
     {
         if (one.settings->SameLogin(settings))
         {
-            work.failure = one.failure;
+            transfer.failure = one.failure;
             return true;
         }
     }
     return false;
 }
 
-void Handle::RememberRefusal(const Work& work)
+void Handle::RememberRefusal(const Transfer& transfer)
 {
     constexpr unsigned int kNotLoggedIn = 530;
-    if (work.failure.ulRet == TRAVEX_FTP_ERR_LOGIN && work.failure.ulReply == kNotLoggedIn)
+    if (transfer.failure.ulRet == TRAVEX_FTP_ERR_LOGIN && transfer.failure.ulReply == kNotLoggedIn)
     {
         m_refusedLogins.push_back(
-            {work.task->settings, work.failure, Clock::now() + kRefusedLogin});
+            {transfer.task->settings, transfer.failure, Clock::now() + kRefusedLogin});
     }
 }
 

@@ -1,4 +1,4 @@
-// A handle: its parameters, and the thread on which its downloads run one after the other.
+// A handle: its parameters, and the thread that runs its downloads one after the other.
 #ifndef TRAVEX_FTP_HANDLE_H
 #define TRAVEX_FTP_HANDLE_H
 
@@ -21,8 +21,8 @@
 
 namespace travex_ftp
 {
-// Public functions are thread-safe, the rest belongs to the transfer thread. The thread is made
-// with the first download; the object must outlive it.
+// Public functions are thread-safe, private ones run on the transfer thread. The thread starts with
+// the first download; the object must outlive it.
 class Handle
 {
 public:
@@ -34,17 +34,17 @@ public:
     void SetSettings(std::shared_ptr<const Settings> settings) CORPDIR_EXCLUDES(m_mutex);
     void SetDataParam() CORPDIR_EXCLUDES(m_mutex);
 
-    // The parameters as they are now; null settings: never set.
+    // The current parameters; null settings: never set.
     std::shared_ptr<const Settings> CurrentSettings() CORPDIR_EXCLUDES(m_mutex);
     bool DataParamSet() CORPDIR_EXCLUDES(m_mutex);
 
-    // Makes the thread if there is none. Throws std::system_error or std::bad_alloc.
+    // Starts the thread if it is not running. Throws std::system_error or std::bad_alloc.
     void StartThread() CORPDIR_EXCLUDES(m_mutex);
 
-    // Runs a download after those that were accepted before it. StartThread() comes first.
+    // Queues a download. StartThread() must have been called.
     void Submit(TaskPtr task) CORPDIR_EXCLUDES(m_mutex);
 
-    // Cancels all downloads; no notification of it begins any more. Waits for nothing.
+    // Cancels all downloads; no notification of the handle begins afterwards. Does not wait.
     void Cancel() CORPDIR_EXCLUDES(m_mutex);
 
     bool Closed() const
@@ -57,12 +57,13 @@ public:
         return m_worker;
     }
 
-    // At process exit, on its own thread: removes the temporary file of the download under way.
+    // At process exit, if called on the transfer thread: removes the temporary file of the current
+    // download.
     void LeaveNoFile();
 
 private:
-    // A download on its way.
-    struct Work
+    // The current download.
+    struct Transfer
     {
         const TaskPtr& task;
         const Limits limits;
@@ -73,7 +74,7 @@ private:
         uint64_t announced = TRAVEX_FTP_SIZE_UNKNOWN;
     };
 
-    // A login that a server refused for good.
+    // A login that a server refused with 530.
     struct RefusedLogin
     {
         std::shared_ptr<const Settings> settings;
@@ -84,23 +85,23 @@ private:
     void Run();
     TaskPtr AwaitTask() CORPDIR_EXCLUDES(m_mutex);
     TaskPtr TakeTask() CORPDIR_EXCLUDES(m_mutex);
-    void AwaitWork();
+    void AwaitRequest();
     void DropTasks() CORPDIR_EXCLUDES(m_mutex);
-    void Transfer(const TaskPtr& task);
-    bool Prepare(Work& work);
+    void RunTask(const TaskPtr& task);
+    bool Prepare(Transfer& transfer);
     void ChooseConnection(const Settings& settings);
-    bool Fetch(Work& work);
-    bool Try(Work& work, bool& again);
+    bool Fetch(Transfer& transfer);
+    bool Try(Transfer& transfer, bool& again);
     bool Commit(Failure& failure);
-    void Finish(Work& work);
-    void LeaveServer();
-    bool KnownRefusal(Work& work);
-    void RememberRefusal(const Work& work);
+    void Finish(Transfer& transfer);
+    void CloseConnection();
+    bool KnownRefusal(Transfer& transfer);
+    void RememberRefusal(const Transfer& transfer);
 
     Notifier& m_notifier;
     Worker m_worker;
-    const base::Descriptor
-        m_wake;  // eventfd: readable when the handle is closed, or work has come while idle
+    // An eventfd: readable when the handle is closed, or a task came while idle.
+    const base::Descriptor m_wake;
     std::atomic<bool> m_closed{false};
 
     base::Mutex m_mutex;
@@ -111,11 +112,11 @@ private:
     bool m_idle CORPDIR_GUARDED_BY(m_mutex) = false;
     TaskQueue<&Task::nextTransfer> m_queue CORPDIR_GUARDED_BY(m_mutex);
 
-    // Of the transfer thread.
+    // Transfer thread only.
     DownloadFile m_file;
     std::unique_ptr<ControlConnection> m_connection;
     Clock::time_point m_keptUntil;
-    std::map<std::string, ServerHabits> m_habits;  // by Settings::serverText
+    std::map<std::string, bool> m_usePasv;  // by Settings::serverText, see Retrieval
     std::vector<RefusedLogin> m_refusedLogins;
 };
 

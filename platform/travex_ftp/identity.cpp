@@ -22,7 +22,7 @@ std::string AddressText(const std::string& key)
     return text;
 }
 
-// "10.1" is an address too, as the system reads it.
+// inet_aton also accepts short forms such as "10.1".
 bool ReadAddress(const char* listed, std::string& normalized)
 {
     unsigned char bytes[16];
@@ -48,7 +48,7 @@ bool NormalizeServerName(const char* listed, std::string& normalized)
         return true;
     }
     const bool addressLike = strspn(listed, "0123456789.:") == length;
-    const bool anySubdomain = *listed == '.';  // which OpenSSL would take it for
+    const bool anySubdomain = *listed == '.';  // OpenSSL would match every subdomain
     const bool zone = strchr(listed, '%') != nullptr;
     const bool control = std::any_of(
         listed, listed + length, [](unsigned char byte) { return byte <= ' ' || byte == 0x7f; });
@@ -82,14 +82,14 @@ bool CertificateIsFor(X509* certificate, const Identity& identity)
                        });
 }
 
-std::string InWords(const Identity& identity)
+std::string JoinNames(const Identity& identity)
 {
-    std::string words;
+    std::string names;
     for (const std::string& one : identity)
     {
-        words.append(words.empty() ? "" : " nor for ").append(one);
+        names.append(names.empty() ? "" : " or ").append(one);
     }
-    return words;
+    return names;
 }
 
 bool ServerNames::Add(const std::string& address, const std::string& normalized)
@@ -128,7 +128,7 @@ void ServerNames::ForgetAll()
     m_count = 0;
 }
 
-Identity ServerNames::Of(const std::string& address)
+Identity ServerNames::Find(const std::string& address)
 {
     const base::MutexLock lock(m_mutex);
     const auto found = m_names.find(address);

@@ -1,4 +1,4 @@
-// For whom a server's certificate must be.
+// Names and addresses that a server's certificate must carry.
 #ifndef TRAVEX_FTP_IDENTITY_H
 #define TRAVEX_FTP_IDENTITY_H
 
@@ -12,35 +12,34 @@
 
 namespace travex_ftp
 {
-// Names and addresses as text, in the form in which they are compared. The certificate must be for
-// one of them.
+// Names and addresses as normalized text. The certificate must carry one of them.
 using Identity = std::vector<std::string>;
 
-// A listed text in the form in which it is compared: an address in its usual form (an IPv4 address
-// mapped into IPv6 as IPv4; a text of digits, dots and colons counts as one), a name without its
-// trailing dot. False: neither.
+// Normalizes a listed name or address: an address to its canonical text, IPv4-mapped IPv6 to IPv4;
+// a name loses its trailing dot. A text of digits, dots and colons counts as an address. False: the
+// text is neither.
 bool NormalizeServerName(const char* listed, std::string& normalized);
 
-// The text is an address; given in the form of NormalizeServerName.
+// True if a normalized text is an address.
 bool IsAddress(const std::string& normalized);
 
-// The certificate is for one of them (RFC 6125, 6.4): names by its DNS entries, with a wildcard in
-// the left-most label, addresses by its IP entries.
+// True if the certificate carries one of them (RFC 6125, 6.4): a name among its DNS entries, with a
+// wildcard in the left-most label only; an address among its IP entries.
 bool CertificateIsFor(X509* certificate, const Identity& identity);
 
-// "192.0.2.1 nor for dir.example", for a sentence.
-std::string InWords(const Identity& identity);
+// "192.0.2.1 or dir.example".
+std::string JoinNames(const Identity& identity);
 
-// What TRAVEX_FTP_SetServerName added. Thread-safe.
+// The names that TRAVEX_FTP_SetServerName added. Thread-safe: one mutex guards them.
 class ServerNames
 {
 public:
-    // Addresses are keys of base::AddressKey. False: the table is full. Throws std::bad_alloc.
+    // `address` is a base::AddressKey. False: the table is full. Throws std::bad_alloc.
     bool Add(const std::string& address, const std::string& normalized) CORPDIR_EXCLUDES(m_mutex);
     void Forget(const std::string& address) CORPDIR_EXCLUDES(m_mutex);
     void ForgetAll() CORPDIR_EXCLUDES(m_mutex);
 
-    Identity Of(const std::string& address) CORPDIR_EXCLUDES(m_mutex);
+    Identity Find(const std::string& address) CORPDIR_EXCLUDES(m_mutex);
 
 private:
     base::Mutex m_mutex;

@@ -9,7 +9,7 @@ namespace travex_ftp
 {
 namespace
 {
-// No time is longer: twice this many milliseconds fit into 32 bits.
+// Cap of all times: twice this many milliseconds fit into 32 bits.
 constexpr uint64_t kLongest = 1000ull * 3600 * 24 * 20;
 
 milliseconds Bounded(uint64_t number)
@@ -17,8 +17,8 @@ milliseconds Bounded(uint64_t number)
     return milliseconds(std::min(number, kLongest));
 }
 
-// The value of a variable, 0 if it is of no use. secure_getenv: a set-user-id program does not let
-// its caller loosen a limit.
+// The value of a variable; 0: not set, or not a positive number. secure_getenv: the caller of a
+// set-user-id program cannot change its limits.
 uint64_t FromEnvironment(const char* name)
 {
     const char* const text = secure_getenv(name);
@@ -33,7 +33,7 @@ uint64_t FromEnvironment(const char* name)
 
 using Set = tagTRAVEX_FTP_S_LIMITS;
 
-// The variable of a limit, the limit, and how the program sets it.
+// A limit: its environment variable, its member of Limits, its member of the program's record.
 template <class Value, class Number>
 struct Entry
 {
@@ -60,7 +60,7 @@ constexpr Entry<uint64_t, uint64_t> kCounts[] = {
     {"CORPDIR_FTP_REPLY_LINES", &Limits::replyLines, &Set::ullReplyLines},
 };
 
-// Gives each limit the number that `choose` has for its entry; 0: it stays.
+// Sets each limit to what `choose` returns for its entry; 0: the limit stays.
 template <class Choose>
 void Apply(Limits& limits, const Choose& choose)
 {
@@ -76,14 +76,14 @@ void Apply(Limits& limits, const Choose& choose)
     }
 }
 
-Limits OfEnvironment()
+Limits EnvironmentLimits()
 {
     Limits limits;
     Apply(limits, [](const auto& entry) { return FromEnvironment(entry.variable); });
     return limits;
 }
 
-// Never destroyed: transfers may begin until the process is gone.
+// Never destroyed: transfers may begin until the process has ended.
 struct Setting
 {
     tagTRAVEX_FTP_S_LIMITS Get() CORPDIR_EXCLUDES(mutex)
@@ -106,7 +106,7 @@ Setting& TheSetting()
 
 Limits Limits::Current()
 {
-    static const Limits environment = OfEnvironment();
+    static const Limits environment = EnvironmentLimits();
     Limits limits = environment;
     const tagTRAVEX_FTP_S_LIMITS set = TheSetting().Get();
     Apply(limits, [&set](const auto& entry) { return set.*entry.set; });

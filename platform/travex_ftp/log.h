@@ -1,4 +1,4 @@
-// Records of this layer in the module log.
+// Log records of this layer.
 #ifndef TRAVEX_FTP_LOG_H
 #define TRAVEX_FTP_LOG_H
 
@@ -7,7 +7,7 @@
 namespace travex_ftp
 {
 // The log object, read once per record: the log component may set it on another thread.
-inline CCorpDirLog* log()
+inline CCorpDirLog* TheLog()
 {
     return g_LogMode == 0 ? __atomic_load_n(&g_LogOne, __ATOMIC_ACQUIRE) : nullptr;
 }
@@ -17,7 +17,7 @@ inline CCorpDirLog* log()
 #define TRAVEX_FTP_LOG(level, ...)                                                          \
     do                                                                                      \
     {                                                                                       \
-        if (CCorpDirLog* const log_ = travex_ftp::log())                                    \
+        if (CCorpDirLog* const log_ = travex_ftp::TheLog())                                 \
         {                                                                                   \
             log_->WriteLog("travex_ftp", __func__, __FILE__, __LINE__, level, __VA_ARGS__); \
         }                                                                                   \

@@ -14,7 +14,7 @@ void Notifier::Start()
     m_worker.Start("corpdir-notify", [this] { Run(); });
 }
 
-// What is queued goes with the thread.
+// The thread drops what is queued.
 void Notifier::Stop()
 {
     const base::MutexLock lock(m_mutex);
@@ -22,34 +22,34 @@ void Notifier::Stop()
     m_changed.NotifyAll();
 }
 
-// A task that waits in the queue already is told of once, with the newest numbers: neither a slow
-// callback nor a fast network makes the queue grow.
+// A task that is queued already is reported once, with the newest numbers: the queue does not grow
+// when a callback is slow.
 void Notifier::Progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 {
     const base::MutexLock lock(m_mutex);
-    task->news.bytes = bytes;
-    task->news.total = total;
+    task->report.bytes = bytes;
+    task->report.total = total;
     Enqueue(task);
 }
 
-// A progress that waits in the queue is overtaken by the outcome.
+// Replaces a queued progress.
 void Notifier::Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
                         const tagTRAVEX_FTP_S_TIMINGS& timings)
 {
     const base::MutexLock lock(m_mutex);
-    task->news.over = true;
-    task->news.bytes = bytes;
-    task->news.total = total;
-    task->news.failure = failure;
-    task->news.timings = timings;
+    task->report.finished = true;
+    task->report.bytes = bytes;
+    task->report.total = total;
+    task->report.failure = failure;
+    task->report.timings = timings;
     Enqueue(task);
 }
 
 void Notifier::Enqueue(const TaskPtr& task)
 {
-    if (!task->news.queued && !m_stopping)
+    if (!task->report.queued && !m_stopping)
     {
-        task->news.queued = true;
+        task->report.queued = true;
         m_queue.Push(task);
         m_changed.NotifyAll();
     }
@@ -58,21 +58,21 @@ void Notifier::Enqueue(const TaskPtr& task)
 void Notifier::Run()
 {
     TaskPtr task;
-    Task::News news;
-    while (Take(task, news))
+    Task::Report report;
+    while (Take(task, report))
     {
-        Deliver(*task, news);
-        task.reset();  // before the wait: its id is free, its settings are wiped
+        Deliver(*task, report);
+        task.reset();  // before the wait: its settings, password included, may be destroyed
     }
-    TaskQueue<&Task::nextNews> dropped;
+    TaskQueue<&Task::nextReport> dropped;
     {
         const base::MutexLock lock(m_mutex);
         dropped = std::move(m_queue);
     }
 }
 
-// Waits for news. The lock is released before they are told.
-bool Notifier::Take(TaskPtr& task, Task::News& news)
+// Waits for a report. False: the notifier was stopped.
+bool Notifier::Take(TaskPtr& task, Task::Report& report)
 {
     const base::MutexLock lock(m_mutex);
     while (!m_stopping && m_queue.IsEmpty())
@@ -84,32 +84,32 @@ bool Notifier::Take(TaskPtr& task, Task::News& news)
         return false;
     }
     task = m_queue.Pop();
-    task->news.queued = false;
-    news = task->news;
+    task->report.queued = false;
+    report = task->report;
     return true;
 }
 
-// Asked before each single callback: a handle may be closed, or the layer stopped, between two.
+// Checked before each callback: the handle may be closed, or the layer stopped, between two.
 bool Notifier::MayBegin(const Task& task)
 {
     const base::MutexLock lock(m_mutex);
     return !m_stopping && !task.handle->Closed();
 }
 
-// The observer first: whoever is told by a notification may ask what the observer has seen.
-void Notifier::Deliver(const Task& task, Task::News& news)
+// The observer is called first, so that a notification callback may use what it has seen.
+void Notifier::Deliver(const Task& task, Task::Report& report)
 {
     if (MayBegin(task))
     {
-        TellObserver(task, news);
+        NotifyObserver(task, report);
     }
-    if (!news.over)
+    if (!report.finished)
     {
         return;
     }
-    if (Failed(news.failure))
+    if (Failed(report.failure))
     {
-        Notify(task, TRAVEX_FTP_NOTIFY_FAILED, &news.failure);
+        Notify(task, TRAVEX_FTP_NOTIFY_FAILED, &report.failure);
         return;
     }
     Notify(task, TRAVEX_FTP_NOTIFY_SUCCESS, nullptr);
@@ -122,9 +122,9 @@ void Notifier::Notify(const Task& task, unsigned int type, Failure* failure)
     {
         return;
     }
-    // Of this call alone, so that a client that writes into it harms nobody.
+    // A fresh record for each call: the client may write to it.
     tagTRAVEX_FTP_S_NOTIFY_DATA data{};
-    data.ulTaskID = task.id.Value();
+    data.ulTaskID = task.id;
     memcpy(data.DownFileName, task.serverFile.c_str(), task.serverFile.size());
     data.ulType = type;
     data.pstErrInfo = failure;
@@ -132,24 +132,24 @@ void Notifier::Notify(const Task& task, unsigned int type, Failure* failure)
     base::Changes::Get().Raise();
 }
 
-void Notifier::TellObserver(const Task& task, const Task::News& news)
+void Notifier::NotifyObserver(const Task& task, const Task::Report& report)
 {
     tagTRAVEX_FTP_S_OBSERVATION seen{};
-    seen.ulKind = !news.over             ? TRAVEX_FTP_OBSERVED_PROGRESS
-                  : Failed(news.failure) ? TRAVEX_FTP_OBSERVED_FAILED
-                                         : TRAVEX_FTP_OBSERVED_SUCCESS;
-    seen.ulTaskID = task.id.Value();
+    seen.ulKind = !report.finished         ? TRAVEX_FTP_OBSERVED_PROGRESS
+                  : Failed(report.failure) ? TRAVEX_FTP_OBSERVED_FAILED
+                                           : TRAVEX_FTP_OBSERVED_SUCCESS;
+    seen.ulTaskID = task.id;
     seen.pcServer = task.settings->serverText.c_str();
     seen.pcServerFile = task.serverFile.c_str();
-    seen.ullBytes = news.bytes;
-    seen.ullTotal = news.total;
-    const bool failed = news.over && Failed(news.failure);
-    seen.ulRet = failed ? news.failure.ulRet : static_cast<unsigned int>(TRAVEX_FTP_OK);
-    seen.ulStep = failed ? news.failure.ulStep : 0;
-    seen.ulReply = failed ? news.failure.ulReply : 0;
-    seen.ulDetail = failed ? news.failure.ulDetail : 0;
-    seen.pcReason = failed ? news.failure.acReason : "";
-    seen.pstTimings = news.over ? &news.timings : nullptr;
+    seen.ullBytes = report.bytes;
+    seen.ullTotal = report.total;
+    const bool failed = report.finished && Failed(report.failure);
+    seen.ulRet = failed ? report.failure.ulRet : static_cast<unsigned int>(TRAVEX_FTP_OK);
+    seen.ulStep = failed ? report.failure.ulStep : 0;
+    seen.ulReply = failed ? report.failure.ulReply : 0;
+    seen.ulDetail = failed ? report.failure.ulDetail : 0;
+    seen.pcReason = failed ? report.failure.acReason : "";
+    seen.pstTimings = report.finished ? &report.timings : nullptr;
     Observe(seen);
 }
 

@@ -6,14 +6,14 @@ namespace travex_ftp
 {
 namespace
 {
-// A call of the observer in progress; lives on the stack of its thread.
+// A call of the observer in progress, on the stack of its thread.
 struct Call
 {
-    uint64_t setting;  // number of the SetObserver whose observer is called
+    uint64_t setting;  // number of the SetObserver that set this observer
     Call* next;
 };
 
-// Never destroyed: observations may come until the process is gone.
+// Never destroyed: threads may observe until the process has ended.
 struct State
 {
     base::Mutex mutex;
@@ -33,7 +33,7 @@ State& TheState()
 // Depth of observer calls on this thread.
 thread_local unsigned int t_observing = 0;
 
-// An observer that was replaced is still running.
+// True while an observer that was replaced before `setting` is running.
 bool CallsBefore(const State& all, uint64_t setting) CORPDIR_REQUIRES(all.mutex)
 {
     for (const Call* call = all.calls; call != nullptr; call = call->next)
@@ -65,7 +65,7 @@ void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
     const uint64_t setting = ++all.settings;
     all.observer = observer;
     all.user = user;
-    // An observer that replaces itself cannot wait for its own end.
+    // An observer that replaces itself cannot wait for its own return.
     while (t_observing == 0 && CallsBefore(all, setting))
     {
         all.ended.Wait(all.mutex);

@@ -1,4 +1,4 @@
-// The one observer of the process.
+// The observer of the process.
 #ifndef TRAVEX_FTP_OBSERVER_H
 #define TRAVEX_FTP_OBSERVER_H
 
@@ -6,13 +6,13 @@
 
 namespace travex_ftp
 {
-// Sets it, and waits until the one before is not running any more, unless called from it.
+// Sets the observer and waits until calls of earlier ones have ended, unless called within one.
 void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user);
 
-// There is one: whoever would have to work for an observation asks first.
+// True if an observer is set. Lets callers skip the work of an observation.
 bool Observed();
 
-// Calls the observer, if there is one, on the calling thread. No lock is held meanwhile.
+// Calls the observer, if set, on the calling thread and without a lock.
 void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen);
 
 }  // namespace travex_ftp

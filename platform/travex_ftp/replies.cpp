@@ -11,18 +11,22 @@ namespace
 {
 constexpr char kWithheld[] = "(text withheld)";
 
+// A shorter secret is not masked: it would match parts of ordinary words, and the mask would reveal
+// it.
+constexpr size_t kShortestMasked = 4;
+
 bool Digit(char c)
 {
     return c >= '0' && c <= '9';
 }
 
-// Servers that know one case only may repeat a text in it.
+// Some servers echo a text in one case only.
 char Lower(char c)
 {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-// Code of a line "150 text", "150-text" or "150", else 0.
+// The code of a line "150 text", "150-text" or "150", else 0.
 unsigned int CodeOf(const char* line, size_t length)
 {
     if (length < 3 || !Digit(line[0]) || !Digit(line[1]) || !Digit(line[2]) ||
@@ -33,7 +37,7 @@ unsigned int CodeOf(const char* line, size_t length)
     return static_cast<unsigned int>((line[0] - '0') * 100 + (line[1] - '0') * 10 + line[2] - '0');
 }
 
-// Reads digits from `at` on and returns where they end. A number that does not fit is the largest.
+// Reads digits and returns their end. A number that does not fit becomes UINT64_MAX.
 const char* ReadNumber(const char* at, uint64_t& number)
 {
     number = 0;
@@ -45,7 +49,7 @@ const char* ReadNumber(const char* at, uint64_t& number)
     return at;
 }
 
-// "(|||50000|)", with any delimiter (RFC 2428); some servers leave one out, or the parentheses.
+// "(|||50000|)", with any delimiter (RFC 2428); some servers omit a delimiter or the parentheses.
 unsigned int ExtendedPort(const char* text)
 {
     const char* const parenthesis = strchr(text, '(');
@@ -85,8 +89,8 @@ unsigned int PassivePort(const char* text)
     return 0;
 }
 
-// The secret in the other of the two encodings that servers use for what they repeat; ASCII is the
-// same in both.
+// Converts the secret from UTF-8 to Latin-1, or from Latin-1 to UTF-8 if it is not UTF-8: servers
+// may echo it in either.
 void OtherEncoding(const char* secret, char (&other)[2 * Secret::kCapacity])
 {
     const auto* at = reinterpret_cast<const unsigned char*>(secret);
@@ -137,7 +141,7 @@ void ReplyReader::Arrived(size_t length)
     m_end = length;
 }
 
-// Moves bytes up to the end of a line from the input. False: the line has not ended.
+// Moves bytes of the current line from the input. False: the line is incomplete.
 bool ReplyReader::TakeLine()
 {
     while (m_at != m_end)
@@ -178,17 +182,17 @@ ReplyReader::Result ReplyReader::Next(Reply& reply, bool login)
             return Result::kTooManyLines;
         }
         --m_linesLeft;
-        const bool whole = EndReply(reply, login);
+        const bool complete = EndReply(reply, login);
         m_length = 0;
-        if (whole)
+        if (complete)
         {
             return Result::kReply;
         }
     }
 }
 
-// Looks at a whole line. Lines in the middle of a reply may look like the end of another one: only
-// the code that began it ends it. Lines without a code before a reply are passed over.
+// Handles a complete line; true if it ends a reply. A reply of several lines ends only with its own
+// code. Lines without a code outside a reply are ignored.
 bool ReplyReader::EndReply(Reply& reply, bool login)
 {
     m_length -= m_length != 0 && m_line[m_length - 1] == '\r' ? 1 : 0;
@@ -215,15 +219,14 @@ bool ReplyReader::EndReply(Reply& reply, bool login)
     return true;
 }
 
-// Text of the line in m_line. The password is looked for in the line as it came: not trimmed, not
-// shortened, not yet printable.
+// Copies the text of m_line. The password is masked first, while the text is still as received.
 void ReplyReader::KeepText(char (&text)[256], bool login) const
 {
     const size_t begin = std::min<size_t>(m_length, 4);
     const size_t kept = std::min(m_length - begin, sizeof text - 1);
     memcpy(text, m_line + begin, kept);
     text[kept] = '\0';
-    const Clear secret(m_secret);
+    const RevealedSecret secret(m_secret);
     const size_t length = strlen(secret.Text());
     if (length >= kShortestMasked)
     {
@@ -244,8 +247,8 @@ void ReplyReader::KeepText(char (&text)[256], bool login) const
     MakePrintable(text);
 }
 
-// Replaces a secret in the text by asterisks, in letters of either case; also where the text ends
-// within it, and where the server has cut its end or its beginning: half of it is too much.
+// Masks the secret in the text with asterisks, ignoring case; also a beginning or an end of it that
+// is at least half as long, and where the text ends within it.
 void ReplyReader::MaskText(char (&text)[256], const char* secret, size_t length) const
 {
     const size_t least = std::max(kShortestMasked, length / 2);
@@ -285,7 +288,7 @@ uint64_t SizeOfOpening(const char* text)
         uint64_t size = 0;
         const char* const end = ReadNumber(at + 1, size);
         const bool number = end != at + 1 && strncmp(end, kUnit, sizeof kUnit - 1) == 0;
-        found = number ? size : found;  // the last one: a file's name may look like it
+        found = number ? size : found;  // the last one: a file name may look like a size
     }
     return found != 0 && found <= static_cast<uint64_t>(INT64_MAX) ? found
                                                                    : TRAVEX_FTP_SIZE_UNKNOWN;

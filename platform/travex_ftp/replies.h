@@ -1,4 +1,4 @@
-// What the server says on the control channel.
+// Replies on the control channel.
 #ifndef TRAVEX_FTP_REPLIES_H
 #define TRAVEX_FTP_REPLIES_H
 
@@ -14,8 +14,8 @@ namespace travex_ftp
 struct Reply
 {
     unsigned int code = 0;  // 0: none yet
-    char text[256] = "";    // of its last line, or of the first if that one is empty; printable,
-                            // shortened, without the password
+    char text[256] = "";    // of the last line, or of the first if the last is empty; printable,
+                            // truncated, with the password masked
 
     bool Preliminary() const
     {
@@ -31,24 +31,25 @@ struct Reply
     }
 };
 
-// "Service not available": the server gives up the control connection, whatever the command was.
+// Service not available, closing control connection: a reply to any command.
 constexpr unsigned int kServiceNotAvailable = 421;
 
-// Makes replies of the bytes that arrive. Memory is of fixed size, however much arrives. Not
-// thread-safe: the transfer thread's.
+// Parses replies from received bytes, in memory of fixed size. Not thread-safe: transfer thread
+// only.
 class ReplyReader
 {
 public:
-    // `secret` is the password, which a server may repeat; it must outlive the object.
+    // `secret` is the password, masked in replies; it must outlive the object.
     explicit ReplyReader(const Secret& secret) : m_secret(secret) {}
     ~ReplyReader();
     ReplyReader(const ReplyReader&) = delete;
     ReplyReader& operator=(const ReplyReader&) = delete;
 
-    // A transfer begins: what it may hear is counted from here.
+    // A transfer begins: its limits count from here.
     void Restart(const Limits& limits);
 
-    // Where to put what arrives, and that it has. Only when Next() has said kIncomplete.
+    // The buffer for received bytes, and how many were put there. Only after Next() has returned
+    // kIncomplete.
     char* Room(size_t& size);
     void Arrived(size_t length);
 
@@ -60,17 +61,17 @@ public:
         kTooManyLines,
     };
 
-    // Takes the next reply out of what has arrived. `login`: it answers USER or PASS, so that its
-    // text is withheld if the password is too short to be masked.
+    // Parses the next reply. `login`: it answers USER or PASS, and its text is withheld if the
+    // password is too short to be masked.
     Result Next(Reply& reply, bool login);
 
-    // Lines that may still come.
+    // Lines left of the limit.
     uint64_t LinesLeft() const
     {
         return m_linesLeft;
     }
 
-    // Something has arrived that no reply was made of.
+    // Bytes have arrived that belong to no complete reply.
     bool Pending() const
     {
         return m_at != m_end || m_length != 0 || m_code != 0;
@@ -85,25 +86,24 @@ private:
     const Secret& m_secret;
     uint64_t m_bytesLeft = 0;
     uint64_t m_linesLeft = 0;
-    char m_input[2048];  // as it arrived; from m_at to m_end it is not looked at yet
+    char m_input[2048];  // received bytes; those from m_at to m_end are not parsed yet
     size_t m_at = 0;
     size_t m_end = 0;
-    char m_line[512];         // the line that is arriving, its beginning if it is longer
-    size_t m_length = 0;      // of the line as far as it is kept
-    unsigned int m_code = 0;  // of a reply of several lines that has not ended
+    char m_line[512];         // the current line, truncated
+    size_t m_length = 0;      // of m_line
+    unsigned int m_code = 0;  // of an incomplete reply of several lines, else 0
     char m_first[256] = "";   // text of its first line
 };
 
-// The number of a 213 reply to SIZE; TRAVEX_FTP_SIZE_UNKNOWN when the text is not one number of a
-// range that a file can have. Some servers add words.
+// The size in a 213 reply to SIZE; TRAVEX_FTP_SIZE_UNKNOWN when the text is not exactly one number
+// up to INT64_MAX.
 uint64_t SizeOfAnswer(const char* text);
 
-// The number of "(1234 bytes" in the text of a 150, else TRAVEX_FTP_SIZE_UNKNOWN. 0 is unknown too:
-// some servers write it whatever the size is.
+// The size in "(1234 bytes" in a 150 reply, else TRAVEX_FTP_SIZE_UNKNOWN. 0 is unknown too: some
+// servers always write it.
 uint64_t SizeOfOpening(const char* text);
 
-// The port of a reply to EPSV or PASV, told apart by what the reply holds; its address is not used.
-// 0: there is none.
+// The port in a reply to EPSV or PASV, in either format; the address in it is ignored. 0: none.
 unsigned int PortOfReply(const Reply& reply);
 
 }  // namespace travex_ftp

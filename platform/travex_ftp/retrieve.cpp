@@ -12,119 +12,120 @@ namespace
 {
 using Count = unsigned long long;
 
-// What is read between two looks at the control connection while data flows.
-constexpr uint64_t kLook = 4 << 20;
+// Bytes received between two checks of the control connection while data flows.
+constexpr uint64_t kCheckInterval = 4 << 20;
 
 bool IsFinal(const Reply& reply)
 {
     return reply.code != 0 && !reply.Preliminary();
 }
 
-// The server's own word rules.
-bool DecideByRefusal(const Seen& seen, Failure& failure)
+bool DecideByRefusal(const Evidence& evidence, Failure& failure)
 {
-    return seen.last.code == kServiceNotAvailable
-               ? FailByReply(failure, TRAVEX_FTP_ERR_CONNECT, "service not available", seen.last)
+    return evidence.last.code == kServiceNotAvailable
+               ? FailByReply(failure, TRAVEX_FTP_ERR_CONNECT, "service not available",
+                             evidence.last)
                : FailByReply(failure, TRAVEX_FTP_ERR_PARTIAL, "the server aborted the transfer",
-                             seen.last);
+                             evidence.last);
 }
 
-bool FailStalled(const Seen& seen, Failure& failure)
+bool FailStalled(const Evidence& evidence, Failure& failure)
 {
     char of[48] = "";
-    if (seen.announced != TRAVEX_FTP_SIZE_UNKNOWN)
+    if (evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN)
     {
-        (void)snprintf(of, sizeof of, " of %llu", static_cast<Count>(seen.announced));
+        (void)snprintf(of, sizeof of, " of %llu", static_cast<Count>(evidence.announced));
     }
     return Fail(failure, TRAVEX_FTP_ERR_TIMEOUT, "stalled: %llu bytes in %g s, %llu%s received",
-                static_cast<Count>(seen.stalledBytes), Attempt::Seconds(seen.stall),
-                static_cast<Count>(seen.received), of);
+                static_cast<Count>(evidence.stalledBytes), Attempt::Seconds(evidence.stall),
+                static_cast<Count>(evidence.received), of);
 }
 
-// The bytes, against the size if there is one and the end of the data channel if not.
-bool DecideByBytes(const Seen& seen, Failure& failure)
+// Compares the bytes with the announced size; without one, checks the end of the data channel.
+bool DecideByBytes(const Evidence& evidence, Failure& failure)
 {
-    const bool known = seen.announced != TRAVEX_FTP_SIZE_UNKNOWN;
-    if (known && seen.received > seen.announced)
+    const bool known = evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN;
+    if (known && evidence.received > evidence.announced)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARTIAL, "%llu bytes received, %llu announced",
-                    static_cast<Count>(seen.received), static_cast<Count>(seen.announced));
+        return Fail(failure, TRAVEX_FTP_ERR_PARTIAL,
+                    "too many bytes: %llu received, %llu announced",
+                    static_cast<Count>(evidence.received), static_cast<Count>(evidence.announced));
     }
-    if (known && seen.received == seen.announced)
+    if (known && evidence.received == evidence.announced)
     {
         return true;
     }
-    switch (seen.data)
+    switch (evidence.data)
     {
         case DataEnd::kStalled:
-            return FailStalled(seen, failure);
+            return FailStalled(evidence, failure);
         case DataEnd::kLost:
             return Fail(failure, TRAVEX_FTP_ERR_PARTIAL,
                         "data connection lost after %llu bytes: %s",
-                        static_cast<Count>(seen.received), seen.dataWhy);
+                        static_cast<Count>(evidence.received), evidence.dataWhy);
         case DataEnd::kOpen:
-            return true;  // the control connection has the reason
+            return true;  // the control connection has failed
         case DataEnd::kCutOff:
         case DataEnd::kInOrder:
             break;
     }
     if (known)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARTIAL, "%llu bytes received of %llu announced",
-                    static_cast<Count>(seen.received), static_cast<Count>(seen.announced));
+        return Fail(failure, TRAVEX_FTP_ERR_PARTIAL, "incomplete: %llu of %llu bytes received",
+                    static_cast<Count>(evidence.received), static_cast<Count>(evidence.announced));
     }
-    return seen.data == DataEnd::kInOrder ||
+    return evidence.data == DataEnd::kInOrder ||
            Fail(failure, TRAVEX_FTP_ERR_PARTIAL,
-                "the data channel ended without close_notify: the file may be cut off");
+                "the data channel closed without close_notify: the file may be truncated");
 }
 
 }  // namespace
 
-bool Decide(const Seen& seen, Failure& failure)
+bool Decide(const Evidence& evidence, Failure& failure)
 {
     SetStep(failure, TRAVEX_FTP_STEP_RECEIVE);
-    if (seen.last.Refusal())
+    if (evidence.last.Refusal())
     {
-        return DecideByRefusal(seen, failure);
+        return DecideByRefusal(evidence, failure);
     }
-    if (!DecideByBytes(seen, failure))
+    if (!DecideByBytes(evidence, failure))
     {
         return false;
     }
-    if (seen.controlLost && seen.data == DataEnd::kOpen)
+    if (evidence.controlLost && evidence.data == DataEnd::kOpen)
     {
         return Fail(failure, TRAVEX_FTP_ERR_PARTIAL, "connection lost during the transfer: %s",
-                    seen.controlWhy);
+                    evidence.controlWhy);
     }
     SetStep(failure, TRAVEX_FTP_STEP_CONFIRM);
-    if (seen.controlLost)
+    if (evidence.controlLost)
     {
         return Fail(failure, TRAVEX_FTP_ERR_PARTIAL, "connection lost before the 226: %s",
-                    seen.controlWhy);
+                    evidence.controlWhy);
     }
-    if (!IsFinal(seen.last))
+    if (!IsFinal(evidence.last))
     {
         return Fail(failure, TRAVEX_FTP_ERR_TIMEOUT, "no 226 within %g s of the last byte",
-                    Attempt::Seconds(seen.confirm));
+                    Attempt::Seconds(evidence.confirm));
     }
-    return seen.last.Positive() ||
-           FailByReply(failure, TRAVEX_FTP_ERR_REPLY, "unexpected reply to RETR", seen.last);
+    return evidence.last.Positive() ||
+           FailByReply(failure, TRAVEX_FTP_ERR_REPLY, "unexpected reply to RETR", evidence.last);
 }
 
 Retrieval::Retrieval(ControlConnection& control, Attempt& attempt, const TaskPtr& task,
-                     DownloadFile& file, ServerHabits& habits, Notifier& notifier)
+                     DownloadFile& file, bool& usePasv, Notifier& notifier)
     : m_control(control),
       m_attempt(attempt),
       m_task(task),
       m_file(file),
-      m_habits(habits),
+      m_usePasv(usePasv),
       m_notifier(notifier),
       m_settings(control.TheSettings()),
       m_limits(attempt.TheLimits()),
       m_reported(Clock::now())
 {
-    m_seen.stall = m_limits.stall;
-    m_seen.confirm = m_limits.confirm;
+    m_evidence.stall = m_limits.stall;
+    m_evidence.confirm = m_limits.confirm;
 }
 
 bool Retrieval::Run()
@@ -135,14 +136,14 @@ bool Retrieval::Run()
 
 bool Retrieval::MayUsePasv() const
 {
-    return m_settings.server.Ipv4() && !m_habits.noEpsv;
+    return m_settings.server.Ipv4() && !m_usePasv;
 }
 
-// Asks for a port and begins to connect to it: the next command need not wait for the connection.
+// Requests a port and starts to connect to it; the next command does not wait for the connection.
 bool Retrieval::OpenData()
 {
     unsigned int port = 0;
-    if (!m_habits.noEpsv && !AskPort("EPSV", "EPSV refused", "unexpected reply to EPSV", port))
+    if (!m_usePasv && !AskPort("EPSV", "EPSV refused", "unexpected reply to EPSV", port))
     {
         return false;
     }
@@ -152,14 +153,14 @@ bool Retrieval::OpenData()
 
 bool Retrieval::OpenByPasv()
 {
-    m_habits.noEpsv = true;
+    m_usePasv = true;
     m_byEpsv = false;
     unsigned int port = 0;
     return AskPort("PASV", "PASV refused", "unexpected reply to PASV", port) && ConnectTo(port);
 }
 
-// EPSV (RFC 2428) or PASV. With IPv4 there is PASV when the server does not understand EPSV, and
-// the port is 0; a firewall on the way may even cut the connection.
+// EPSV (RFC 2428) or PASV. With IPv4 an EPSV without a usable port is not a failure: the port is 0,
+// and PASV follows. Some firewalls reset the control connection on EPSV.
 bool Retrieval::AskPort(const char* verb, const char* refused, const char* unexpected,
                         unsigned int& port)
 {
@@ -175,12 +176,12 @@ bool Retrieval::AskPort(const char* verb, const char* refused, const char* unexp
     {
         return true;
     }
-    m_habits.noEpsv = false;  // PASV has not served either
+    m_usePasv = false;  // PASV has failed too
     return FailByReply(m_attempt.failure, TRAVEX_FTP_ERR_REPLY,
                        reply.Refusal() ? refused : unexpected, reply);
 }
 
-// The address is the control connection's, whatever the server said.
+// Connects to the address of the control connection; the one in a 227 is ignored.
 bool Retrieval::ConnectTo(unsigned int port)
 {
     m_port = port;
@@ -190,24 +191,24 @@ bool Retrieval::ConnectTo(unsigned int port)
     return io == Io::kDone || FailData(io);
 }
 
-// The data connection has not come about. A firewall may let through only what PASV has announced.
+// The data connection has failed. PASV may work: some firewalls open only ports of PASV replies.
 bool Retrieval::FailData(Io io)
 {
     m_attempt.Enter(TRAVEX_FTP_STEP_DATA_CONNECT);
-    if (m_attempt.Over(io))
+    if (m_attempt.EndedBy(io))
     {
         return false;
     }
     m_wantsPasv = m_byEpsv && MayUsePasv();
-    m_habits.noEpsv = m_habits.noEpsv && m_byEpsv;  // PASV has not served either
+    m_usePasv = m_usePasv && m_byEpsv;  // PASV has failed too
     return io == Io::kTimedOut ? Fail(m_attempt.failure, TRAVEX_FTP_ERR_TIMEOUT,
-                                      "no data connection to port %u within %g s", m_port,
+                                      "connection to data port %u timed out after %g s", m_port,
                                       Attempt::Seconds(m_limits.connect))
                                : Fail(m_attempt.failure, TRAVEX_FTP_ERR_CONNECT,
-                                      "no data connection to port %u: %s", m_port, m_data.Why());
+                                      "cannot connect to data port %u: %s", m_port, m_data.Why());
 }
 
-// A server that says the size in its 150 is not asked for it again.
+// SIZE is left out when the 150 of this server has proven reliable.
 bool Retrieval::AskSize()
 {
     if (m_control.sizesAgree)
@@ -222,11 +223,11 @@ bool Retrieval::AskSize()
     }
     constexpr unsigned int kFileStatus = 213;
     m_sizeAnswered = reply.code == kFileStatus ? SizeOfAnswer(reply.text) : TRAVEX_FTP_SIZE_UNKNOWN;
-    m_seen.announced = m_sizeAnswered;
+    m_evidence.announced = m_sizeAnswered;
     return true;
 }
 
-// While the server waits for a command the data connection can still be made by PASV.
+// Falls back to PASV while the server still waits for a command.
 bool Retrieval::CheckData()
 {
     const Io io = m_data.Connected();
@@ -259,11 +260,11 @@ bool Retrieval::Request()
                              reply);
 }
 
-// The reply to RETR. The data connection may still be under way; when it fails, the reply may say
-// why, but does not have to come.
+// Waits for the reply to RETR while the data connection may still be in progress. When that fails,
+// the reply, which may say why, is awaited for a limited time only.
 bool Retrieval::AwaitOpening(Reply& reply)
 {
-    Clock::time_point lastWord = Clock::time_point::max();
+    Clock::time_point replyUntil = Clock::time_point::max();
     Io data = Io::kAgain;
     for (;;)
     {
@@ -276,9 +277,9 @@ bool Retrieval::AwaitOpening(Reply& reply)
         {
             data = m_data.Connected();
             const bool failed = data != Io::kAgain && data != Io::kDone;
-            lastWord = failed ? Clock::now() + kLastWord : lastWord;
+            replyUntil = failed ? Clock::now() + kFinalReplyWait : replyUntil;
         }
-        const Clock::time_point until = std::min(lastWord, m_control.ReplyDue());
+        const Clock::time_point until = std::min(replyUntil, m_control.ReplyDue());
         io = io == Io::kAgain ? AwaitControl(data == Io::kAgain, until) : io;
         if (io == Io::kTimedOut && data != Io::kDone)
         {
@@ -291,7 +292,7 @@ bool Retrieval::AwaitOpening(Reply& reply)
     }
 }
 
-// Waits for something on the control connection, or for the data connection.
+// Waits for the control connection, or for the data connection to be made.
 Io Retrieval::AwaitControl(bool connecting, Clock::time_point until)
 {
     Deadline deadline = m_attempt.Until(connecting ? std::min(until, m_connectUntil) : until);
@@ -300,23 +301,26 @@ Io Retrieval::AwaitControl(bool connecting, Clock::time_point until)
     return m_control.TheChannel().AwaitReadable(deadline);
 }
 
-// The server begins to send. What SIZE said rules: the text of a 150 is for people.
+// The server has started to send. The size in a 213 takes precedence over that in the 150, which is
+// free text.
 bool Retrieval::Opened(const Reply& reply)
 {
     m_attempt.timings.ullOpened = m_attempt.Elapsed();
     m_control.TheChannel().Acknowledge();
     m_sizeOpened = SizeOfOpening(reply.text);
-    m_seen.announced = m_sizeAnswered != TRAVEX_FTP_SIZE_UNKNOWN ? m_sizeAnswered : m_sizeOpened;
+    m_evidence.announced =
+        m_sizeAnswered != TRAVEX_FTP_SIZE_UNKNOWN ? m_sizeAnswered : m_sizeOpened;
     m_attempt.Enter(TRAVEX_FTP_STEP_RECEIVE);
-    if (m_seen.announced != TRAVEX_FTP_SIZE_UNKNOWN && m_seen.announced > m_limits.fileBytes)
+    if (m_evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN &&
+        m_evidence.announced > m_limits.fileBytes)
     {
         return FailTooLarge();
     }
     Deadline deadline = m_attempt.Until(m_connectUntil);
-    // What came in one piece with the 150 makes the socket readable no more.
+    // A reply that came in one piece with the 150 has been read already and wakes no poll.
     while (Watch())
     {
-        deadline.other = IsFinal(m_seen.last) ? -1 : m_control.TheChannel().Socket();
+        deadline.other = ControlSocket();
         const Io io = m_data.AwaitConnected(deadline);
         if (io != Io::kOtherReady)
         {
@@ -332,7 +336,8 @@ bool Retrieval::FailTooLarge()
                 static_cast<Count>(m_limits.fileBytes));
 }
 
-// The server may take up the handshake only now, and say on the control connection why it does not.
+// The handshake starts after the 150: some servers accept it only then. The control connection is
+// watched, since a server may report there why it refuses the handshake.
 bool Retrieval::SecureData()
 {
     if (!m_settings.tls.encrypted)
@@ -340,7 +345,7 @@ bool Retrieval::SecureData()
         return true;
     }
     m_attempt.Enter(TRAVEX_FTP_STEP_DATA_TLS);
-    TlsContext::Ssl ssl = m_control.MakeDataTls();
+    OpensslPtr<SSL> ssl = m_control.MakeDataTls();
     if (ssl == nullptr)
     {
         return FailSystem(m_attempt.failure, "TLS channel");
@@ -349,8 +354,8 @@ bool Retrieval::SecureData()
     Io io = m_data.Handshake(std::move(ssl));
     do
     {
-        deadline.other = IsFinal(m_seen.last) ? -1 : m_control.TheChannel().Socket();
-        io = io == Io::kDone || io == Io::kOtherReady ? m_data.GoOn(deadline) : io;
+        deadline.other = ControlSocket();
+        io = io == Io::kDone || io == Io::kOtherReady ? m_data.ContinueHandshake(deadline) : io;
     } while (io == Io::kOtherReady && Watch());
     if (io == Io::kDone)
     {
@@ -362,7 +367,7 @@ bool Retrieval::SecureData()
 
 bool Retrieval::FailSecureData(Io io)
 {
-    if (m_attempt.Over(io))
+    if (m_attempt.EndedBy(io))
     {
         return false;
     }
@@ -372,54 +377,68 @@ bool Retrieval::FailSecureData(Io io)
                     "data channel: TLS handshake timed out after %g s",
                     Attempt::Seconds(m_limits.handshake));
     }
-    // What the server says then is its answer to our alert.
-    if (!m_control.Tls().Rejected() && AwaitFinal(kLastWord) == Io::kDone && m_seen.last.Refusal())
+    // After a rejected certificate the server's reply only answers our alert.
+    if (!m_control.Tls().Rejected() && AwaitFinal(kFinalReplyWait) == Io::kDone &&
+        m_evidence.last.Refusal())
     {
-        return Decide(m_seen, m_attempt.failure);
+        return Decide(m_evidence, m_attempt.failure);
     }
     m_control.Tls().Explain(m_data.TlsError(), m_data.Why(), true, m_attempt.failure);
     return false;
 }
 
-// Looks at the control connection while data is awaited. False: there is nothing more to wait for.
+// Checks the control connection during the transfer. False: the transfer has failed.
 bool Retrieval::Watch()
 {
     Io io = Io::kDone;
-    while (!IsFinal(m_seen.last) && (io = m_control.PollReply(m_attempt, m_seen.last)) == Io::kDone)
+    while (!IsFinal(m_evidence.last) &&
+           (io = m_control.PollReply(m_attempt, m_evidence.last)) == Io::kDone)
     {
     }
-    if (io == Io::kEnded || io == Io::kFailed)
+    NoteLoss(io);
+    if (m_evidence.controlLost || m_evidence.last.Refusal())
     {
-        m_seen.controlLost = true;
-        m_seen.controlWhy = m_control.TheChannel().Why();
-    }
-    if (m_seen.controlLost || m_seen.last.Refusal())
-    {
-        return Decide(m_seen, m_attempt.failure);  // it is a failure, and of which kind
+        return Decide(m_evidence, m_attempt.failure);  // always a failure
     }
     return !Failed(m_attempt.failure);
 }
 
-// Receives until the data channel ends, or the control connection leaves nothing to wait for.
+// Records that the control connection is lost, if this result of an operation on it says so.
+void Retrieval::NoteLoss(Io io)
+{
+    if (io == Io::kEnded || io == Io::kFailed)
+    {
+        m_evidence.controlLost = true;
+        m_evidence.controlWhy = m_control.TheChannel().Why();
+    }
+}
+
+// The control socket to watch during the transfer; -1 after the final reply.
+int Retrieval::ControlSocket() const
+{
+    return IsFinal(m_evidence.last) ? -1 : m_control.TheChannel().Socket();
+}
+
+// Receives until the data channel ends or the transfer fails.
 bool Retrieval::Receive()
 {
     m_attempt.Enter(TRAVEX_FTP_STEP_RECEIVE);
-    m_windowEnd = Clock::now() + m_limits.stall;
-    uint64_t look = kLook;
-    while (m_seen.data == DataEnd::kOpen)
+    m_stallEnd = Clock::now() + m_limits.stall;
+    uint64_t nextCheck = kCheckInterval;
+    while (m_evidence.data == DataEnd::kOpen)
     {
         Io io = ReadSome();
         if (io == Io::kAgain)
         {
             io = AwaitData();
         }
-        else if (io == Io::kDone && m_seen.received >= look)
+        else if (io == Io::kDone && m_evidence.received >= nextCheck)
         {
-            look = m_seen.received + kLook;
-            io = LookAround();
+            nextCheck = m_evidence.received + kCheckInterval;
+            io = CheckOthers();
         }
-        const bool goesOn = io == Io::kOtherReady ? Watch() : io == Io::kDone || EndData(io);
-        if (!goesOn)
+        const bool proceed = io == Io::kOtherReady ? Watch() : io == Io::kDone || EndData(io);
+        if (!proceed)
         {
             return false;
         }
@@ -427,13 +446,14 @@ bool Retrieval::Receive()
     return true;
 }
 
-// Sees, while data keeps coming, what AwaitData would see.
-Io Retrieval::LookAround()
+// Checks the control connection, the cancel descriptor and the time without waiting: while data
+// keeps coming AwaitData is not called.
+Io Retrieval::CheckOthers()
 {
     Deadline deadline = m_attempt.Within(milliseconds(0));
-    deadline.other = IsFinal(m_seen.last) ? -1 : m_control.TheChannel().Socket();
+    deadline.other = ControlSocket();
     const Io io = deadline.Wait(-1, 0);
-    return io == Io::kTimedOut && !m_attempt.Over(io) ? Io::kDone : io;
+    return io == Io::kTimedOut && !m_attempt.EndedBy(io) ? Io::kDone : io;
 }
 
 Io Retrieval::ReadSome()
@@ -446,8 +466,8 @@ Io Retrieval::ReadSome()
         return Io::kFailed;
     }
     const Io io = m_data.Read(room, size, length);
-    m_seen.received += length;
-    if (m_seen.received > m_limits.fileBytes)
+    m_evidence.received += length;
+    if (m_evidence.received > m_limits.fileBytes)
     {
         (void)FailTooLarge();
         return Io::kFailed;
@@ -456,77 +476,74 @@ Io Retrieval::ReadSome()
     {
         return Io::kFailed;
     }
-    Worker::ParkAtExit();  // a slow disk may have held it up until OpenSSL has gone
+    Worker::ParkAtExit();  // a slow disk may have delayed it beyond the end of OpenSSL
     Report();
     return io;
 }
 
-// Waits for data, and for what the control connection has to say. The window of the pace is not
-// moved by a single byte: a server cannot keep a transfer alive by a byte now and then. A server
-// that has confirmed a complete file is not waited for any more.
+// Waits for data and watches the control connection. The stall period is extended only when enough
+// bytes arrived in it: single bytes do not keep a transfer alive. After a final reply and all
+// announced bytes the end of the data channel is awaited for a short time only.
 Io Retrieval::AwaitData()
 {
-    const bool complete = IsFinal(m_seen.last) && m_seen.received == m_seen.announced;
+    const bool complete = IsFinal(m_evidence.last) && m_evidence.received == m_evidence.announced;
     const Clock::time_point until =
-        complete ? std::min(m_windowEnd, Clock::now() + kLastWord) : m_windowEnd;
+        complete ? std::min(m_stallEnd, Clock::now() + kFinalReplyWait) : m_stallEnd;
     Deadline deadline = m_attempt.Until(until);
-    deadline.other = IsFinal(m_seen.last) ? -1 : m_control.TheChannel().Socket();
+    deadline.other = ControlSocket();
     const Io io = m_data.AwaitReadable(deadline);
-    m_seen.stalledBytes = m_seen.received - m_windowBytes;
-    const bool keepsPace = !complete && m_seen.stalledBytes >= m_limits.stallBytes;
-    if (io == Io::kTimedOut && keepsPace && !m_attempt.Over(io))
+    m_evidence.stalledBytes = m_evidence.received - m_stallBytes;
+    const bool keepsPace = !complete && m_evidence.stalledBytes >= m_limits.stallBytes;
+    if (io == Io::kTimedOut && keepsPace && !m_attempt.EndedBy(io))
     {
-        m_windowEnd = Clock::now() + m_limits.stall;
-        m_windowBytes = m_seen.received;
+        m_stallEnd = Clock::now() + m_limits.stall;
+        m_stallBytes = m_evidence.received;
         return Io::kDone;
     }
     return io;
 }
 
-// The data channel gives no more. False: that is a failure of ours, or the end of the transfer.
+// The data channel has ended. False: the attempt has failed or was cancelled.
 bool Retrieval::EndData(Io io)
 {
-    if (Failed(m_attempt.failure) || m_attempt.Over(io))
+    if (Failed(m_attempt.failure) || m_attempt.EndedBy(io))
     {
         return false;
     }
     const bool ordered = !m_settings.tls.encrypted || m_data.CloseNotified();
-    m_seen.data = io == Io::kTimedOut ? DataEnd::kStalled
-                  : io == Io::kFailed ? DataEnd::kLost
-                  : ordered           ? DataEnd::kInOrder
-                                      : DataEnd::kCutOff;
-    m_seen.dataWhy = m_data.Why();
+    m_evidence.data = io == Io::kTimedOut ? DataEnd::kStalled
+                      : io == Io::kFailed ? DataEnd::kLost
+                      : ordered           ? DataEnd::kInOrder
+                                          : DataEnd::kCutOff;
+    m_evidence.dataWhy = m_data.Why();
     m_data.Close();
     return true;
 }
 
-// The server's last word. Where the bytes show that the file is not whole it may give the reason.
+// Waits for the final reply. If the bytes show already that the file is incomplete, only for a
+// short time: the reply may give the reason.
 bool Retrieval::AwaitConfirmation()
 {
-    const bool known = m_seen.announced != TRAVEX_FTP_SIZE_UNKNOWN;
-    const bool whole = known && m_seen.received == m_seen.announced;
+    const bool known = m_evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN;
+    const bool complete = known && m_evidence.received == m_evidence.announced;
     const bool mayExplain =
-        m_seen.data == DataEnd::kStalled || m_seen.data == DataEnd::kLost || known;
-    const Io io = AwaitFinal(mayExplain && !whole ? kLastWord : m_limits.confirm);
+        m_evidence.data == DataEnd::kStalled || m_evidence.data == DataEnd::kLost || known;
+    const Io io = AwaitFinal(mayExplain && !complete ? kFinalReplyWait : m_limits.confirm);
     return !m_attempt.cancelled && !Failed(m_attempt.failure) && io != Io::kCancelled;
 }
 
-// Waits for the final reply; also when it has come already.
+// Waits for the final reply, unless it has arrived already.
 Io Retrieval::AwaitFinal(milliseconds limit)
 {
     const Deadline deadline = m_attempt.Within(limit);
-    while (!IsFinal(m_seen.last))
+    while (!IsFinal(m_evidence.last))
     {
-        Io io = m_control.PollReply(m_attempt, m_seen.last);
+        Io io = m_control.PollReply(m_attempt, m_evidence.last);
         io = io == Io::kAgain ? m_control.TheChannel().AwaitReadable(deadline) : io;
-        if (io == Io::kEnded || io == Io::kFailed)
-        {
-            m_seen.controlLost = true;
-            m_seen.controlWhy = m_control.TheChannel().Why();
-        }
+        NoteLoss(io);
         if (io != Io::kDone)
         {
-            (void)m_attempt.Over(io);
+            (void)m_attempt.EndedBy(io);
             return io;
         }
     }
@@ -535,24 +552,24 @@ Io Retrieval::AwaitFinal(milliseconds limit)
 
 bool Retrieval::Conclude()
 {
-    if (!Decide(m_seen, m_attempt.failure))
+    if (!Decide(m_evidence, m_attempt.failure))
     {
         return false;
     }
     const bool asked = m_sizeAnswered != TRAVEX_FTP_SIZE_UNKNOWN;
-    m_control.sizesAgree = m_sizeOpened == m_seen.received &&
+    m_control.sizesAgree = m_sizeOpened == m_evidence.received &&
                            (m_control.sizesAgree || (asked && m_sizeAnswered == m_sizeOpened));
     return true;
 }
 
-// The clock is read before the observer's lock is taken.
+// Checks the clock first: Observed() takes a lock.
 void Retrieval::Report()
 {
     const Clock::time_point now = Clock::now();
     if (now - m_reported >= m_limits.observe && Observed())
     {
         m_reported = now;
-        m_notifier.Progress(m_task, m_seen.received, m_seen.announced);
+        m_notifier.Progress(m_task, m_evidence.received, m_evidence.announced);
     }
 }
 

@@ -1,4 +1,4 @@
-// One file over a control connection: from the data connection to the server's last word.
+// The transfer of one file: data connection, SIZE, RETR, bytes, final reply.
 #ifndef TRAVEX_FTP_RETRIEVE_H
 #define TRAVEX_FTP_RETRIEVE_H
 
@@ -11,63 +11,60 @@
 
 namespace travex_ftp
 {
-// How a data channel was left.
+// How a data channel ended.
 enum class DataEnd
 {
-    kOpen,     // it is still there
-    kCutOff,   // the server has closed the connection, where TLS has an end of its own
-    kInOrder,  // close_notify, or the end of a connection in clear
-    kLost,     // it broke
-    kStalled,  // too little came
+    kOpen,     // it is still open
+    kCutOff,   // TLS: closed without close_notify
+    kInOrder,  // close_notify, or the close of a connection in clear
+    kLost,     // failed
+    kStalled,  // fewer bytes than the limit
 };
 
-// What was seen of a file between the 150 and the end. The outcome follows from it alone.
-struct Seen
+// What is known about a transfer after its 150. Its outcome depends on nothing else.
+struct Evidence
 {
     uint64_t announced = TRAVEX_FTP_SIZE_UNKNOWN;
     uint64_t received = 0;
     DataEnd data = DataEnd::kOpen;
-    const char* dataWhy = "";  // of kLost
-    Reply last;                // the server's final word; code 0: there was none
+    const char* dataWhy = "";  // the reason for kLost
+    Reply last;                // the final reply; code 0: none
     bool controlLost = false;
     const char* controlWhy = "";
-    milliseconds stall{0};  // the limits that may have run out
+    milliseconds stall{0};  // the limits, for the reason
     milliseconds confirm{0};
-    uint64_t stalledBytes = 0;  // that came within `stall`
+    uint64_t stalledBytes = 0;  // received in the last stall period
 };
 
-// True: the file is proven whole. Proof is a positive reply and, when a size was announced, just as
-// many bytes; otherwise the data channel's end by its rules. Sets step, code and reason.
-bool Decide(const Seen& seen, Failure& failure);
+// True: the file is proven complete, by a positive final reply and exactly the announced number of
+// bytes, or without an announced size by an orderly end of the data channel. Else sets step, code
+// and reason.
+bool Decide(const Evidence& evidence, Failure& failure);
 
-// What a handle knows of a server beyond one connection.
-struct ServerHabits
-{
-    bool noEpsv = false;  // PASV is to be used (IPv4): EPSV was refused, or led nowhere
-};
-
-// Not thread-safe: the transfer thread's.
+// Not thread-safe: transfer thread only.
 class Retrieval
 {
 public:
+    // `usePasv`, kept by the handle for each server: use PASV (IPv4), since EPSV was refused or its
+    // port cannot be reached.
     Retrieval(ControlConnection& control, Attempt& attempt, const TaskPtr& task, DownloadFile& file,
-              ServerHabits& habits, Notifier& notifier);
+              bool& usePasv, Notifier& notifier);
     Retrieval(const Retrieval&) = delete;
     Retrieval& operator=(const Retrieval&) = delete;
 
-    // Receives the file. False: it has failed, or was cancelled, as the attempt says.
+    // Receives the file. False: failed or cancelled, see the attempt.
     bool Run();
 
     uint64_t Received() const
     {
-        return m_seen.received;
+        return m_evidence.received;
     }
     uint64_t Announced() const
     {
-        return m_seen.announced;
+        return m_evidence.announced;
     }
 
-    // It failed since EPSV led nowhere, and PASV has not been tried.
+    // EPSV failed, and PASV is to be tried on a new connection.
     bool WantsPasv() const
     {
         return m_wantsPasv;
@@ -90,10 +87,12 @@ private:
     bool FailSecureData(Io io);
     bool Receive();
     Io ReadSome();
-    Io LookAround();
+    Io CheckOthers();
     Io AwaitData();
     bool EndData(Io io);
     bool Watch();
+    void NoteLoss(Io io);
+    int ControlSocket() const;
     bool AwaitConfirmation();
     Io AwaitFinal(milliseconds limit);
     bool Conclude();
@@ -104,7 +103,7 @@ private:
     Attempt& m_attempt;
     const TaskPtr& m_task;
     DownloadFile& m_file;
-    ServerHabits& m_habits;
+    bool& m_usePasv;
     Notifier& m_notifier;
     const Settings& m_settings;
     const Limits& m_limits;
@@ -116,9 +115,9 @@ private:
     Clock::time_point m_connectUntil;
     uint64_t m_sizeAnswered = TRAVEX_FTP_SIZE_UNKNOWN;
     uint64_t m_sizeOpened = TRAVEX_FTP_SIZE_UNKNOWN;
-    Seen m_seen;
-    Clock::time_point m_windowEnd;  // of the pace that data must keep
-    uint64_t m_windowBytes = 0;     // received when it began
+    Evidence m_evidence;
+    Clock::time_point m_stallEnd;  // of the current stall period
+    uint64_t m_stallBytes = 0;     // received when it began
     Clock::time_point m_reported;
 };
 

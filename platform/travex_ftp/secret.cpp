@@ -39,7 +39,7 @@ bool Secret::operator==(const Secret& other) const
     return difference == 0;
 }
 
-Clear::Clear(const Secret& secret)
+RevealedSecret::RevealedSecret(const Secret& secret)
 {
     for (size_t i = 0; i != sizeof m_text; ++i)
     {
@@ -47,7 +47,7 @@ Clear::Clear(const Secret& secret)
     }
 }
 
-Clear::~Clear()
+RevealedSecret::~RevealedSecret()
 {
     explicit_bzero(m_text, sizeof m_text);
 }

@@ -1,4 +1,4 @@
-// A password in memory.
+// The password in memory.
 #ifndef TRAVEX_FTP_SECRET_H
 #define TRAVEX_FTP_SECRET_H
 
@@ -6,15 +6,14 @@
 
 namespace travex_ftp
 {
-// Stands in memory beneath a mask of random bytes of its own, so that a copy of the memory does not
-// show it as it is while a handle waits for its next transfer. Wiped when it goes, never copied.
-// Immutable: any thread.
+// Stored XORed with random bytes, so that a memory dump does not show it in clear while a handle
+// waits for its next transfer. Wiped on destruction, never copied. Thread-safe: immutable.
 class Secret
 {
 public:
     static constexpr size_t kCapacity = 128;  // terminator included
 
-    // Takes 127 bytes at most. Throws std::system_error when the system has no random bytes.
+    // Keeps at most 127 bytes. Throws std::system_error when the system has no random bytes.
     explicit Secret(const char* text);
     ~Secret();
     Secret(const Secret&) = delete;
@@ -23,20 +22,20 @@ public:
     bool operator==(const Secret& other) const;
 
 private:
-    friend class Clear;
+    friend class RevealedSecret;
 
     unsigned char m_masked[kCapacity];
     unsigned char m_mask[kCapacity];
 };
 
-// It in clear, for a scope.
-class Clear
+// The password in clear; wiped at the end of the scope.
+class RevealedSecret
 {
 public:
-    explicit Clear(const Secret& secret);
-    ~Clear();
-    Clear(const Clear&) = delete;
-    Clear& operator=(const Clear&) = delete;
+    explicit RevealedSecret(const Secret& secret);
+    ~RevealedSecret();
+    RevealedSecret(const RevealedSecret&) = delete;
+    RevealedSecret& operator=(const RevealedSecret&) = delete;
 
     const char* Text() const
     {

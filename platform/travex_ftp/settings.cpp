@@ -1,6 +1,7 @@
 #include "settings.h"
 
 #include <arpa/inet.h>
+#include <openssl/err.h>
 
 #include <algorithm>
 #include <cstring>
@@ -14,7 +15,23 @@ namespace
 constexpr unsigned int kFtpPort = 21;
 constexpr unsigned int kImplicitPort = 990;  // TLS from the first byte on, by convention
 
-// The bytes behind an IPv4 address are not looked at.
+// Leaves OpenSSL's error queue of the caller's thread as it was.
+class ErrorQueueGuard
+{
+public:
+    ErrorQueueGuard()
+    {
+        (void)ERR_set_mark();
+    }
+    ~ErrorQueueGuard()
+    {
+        (void)ERR_pop_to_mark();
+    }
+    ErrorQueueGuard(const ErrorQueueGuard&) = delete;
+    ErrorQueueGuard& operator=(const ErrorQueueGuard&) = delete;
+};
+
+// The bytes after an IPv4 address are ignored.
 Address ReadAddress(unsigned int type, const unsigned char (&bytes)[16])
 {
     Address address;
@@ -37,37 +54,36 @@ unsigned int PortOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
     return record.ulServerPort == 0 ? kFtpPort : record.ulServerPort;
 }
 
-// A text field of the record: terminated, not empty, free of control bytes where it becomes part of
-// a command. The text itself is not quoted: it may be the password.
+// A text field of the record: terminated, not empty, and without control characters if it becomes
+// part of a command. The reason does not quote the text, which may be the password.
 template <size_t N>
 bool CheckText(const char (&text)[N], const char* name, bool command, Failure& failure)
 {
     if (memchr(text, '\0', N) == nullptr)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s has no end", name);
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s is not NUL-terminated", name);
     }
     if (text[0] == '\0')
     {
         return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s is empty", name);
     }
-    if (command && HasControlByte(text))
+    if (command && HasControlCharacter(text))
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s holds a control byte", name);
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s contains a control character", name);
     }
     return true;
 }
 
-// Numbers that have no meaning are refused rather than taken for one that has.
+// Unknown numbers are refused, not replaced by a default.
 bool CheckNumbers(const tagTRAVEX_FTP_S_CTRL_PARAM& record, Failure& failure)
 {
     if (record.ulServerType > 1)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "server type %u is unknown",
-                    record.ulServerType);
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "unknown server type %u", record.ulServerType);
     }
     if (record.ulServerIpType > 1 || record.ulLocalIpType > 1)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "address type %u is unknown",
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "unknown address type %u",
                     std::max(record.ulServerIpType, record.ulLocalIpType));
     }
     if (record.ulServerPort > 65535)
@@ -81,7 +97,8 @@ bool CheckNumbers(const tagTRAVEX_FTP_S_CTRL_PARAM& record, Failure& failure)
     return true;
 }
 
-// The names of the trust text. An address there would be one that no certificate is checked for.
+// Takes the names of the trust text as the identity. An address among them is refused: they are
+// compared with DNS entries only.
 bool TakeTrustNames(TlsPolicy& tls, Failure& failure)
 {
     for (const std::string& name : tls.trust.names)
@@ -89,7 +106,7 @@ bool TakeTrustNames(TlsPolicy& tls, Failure& failure)
         std::string normalized;
         if (!NormalizeServerName(name.c_str(), normalized) || IsAddress(normalized))
         {
-            return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: \"%s\" is no DNS name",
+            return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: \"%s\" is not a DNS name",
                         name.c_str());
         }
         tls.identity.push_back(normalized);
@@ -97,7 +114,33 @@ bool TakeTrustNames(TlsPolicy& tls, Failure& failure)
     return true;
 }
 
-// For whom the certificate must be; the first that applies.
+bool ReadTlsPolicy(const tagTRAVEX_FTP_S_CTRL_PARAM& record, unsigned int port, TlsPolicy& tls,
+                   Failure& failure)
+{
+    const ErrorQueueGuard guard;
+    tls.encrypted = record.ulServerType == 1;
+    if (!tls.encrypted)
+    {
+        return true;
+    }
+    if (!ChooseSuites(record.piCipherList, record.ulCipherNum, tls.suites, failure))
+    {
+        return false;
+    }
+    tls.verify = record.ulCertVerify != 0;
+    tls.veto = record.pfnFtpsVerify;
+    // Without verification the trust text is optional.
+    const bool given = record.pcFtpCtrlInfo != nullptr && *record.pcFtpCtrlInfo != '\0';
+    if ((tls.verify || given) && !ParseTrustText(record.pcFtpCtrlInfo, tls.trust, failure))
+    {
+        return false;
+    }
+    tls.implicit = port == kImplicitPort || tls.trust.implicit;
+    return !tls.verify || LoadAnchors(tls.trust.authorities, tls.anchors, failure);
+}
+
+// Sets the names and addresses that the certificate must carry; the first source that has any
+// applies.
 bool SettleIdentity(Settings& settings, const Identity& added, const std::string& converted,
                     Failure& failure)
 {
@@ -121,7 +164,7 @@ bool SettleIdentity(Settings& settings, const Identity& added, const std::string
 
 bool Address::Zero() const
 {
-    // ::ffff:0.0.0.0 is the IPv4 zero address in IPv6 clothes.
+    // ::ffff:0.0.0.0 is the IPv4-mapped zero address.
     static const unsigned char kMapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0};
     return std::all_of(bytes, bytes + length, [](unsigned char byte) { return byte == 0; }) ||
            (length == 16 && memcmp(bytes, kMapped, sizeof kMapped) == 0);
@@ -132,7 +175,15 @@ bool Address::Ipv4() const
     return base::AddressKey(length == 16 ? AF_INET6 : AF_INET, bytes).size() == 4;
 }
 
-bool HasControlByte(const char* text)
+bool TlsPolicy::operator==(const TlsPolicy& other) const
+{
+    return encrypted == other.encrypted && implicit == other.implicit && verify == other.verify &&
+           veto == other.veto && identity == other.identity && suites == other.suites &&
+           trust.names == other.trust.names && trust.authorities == other.trust.authorities &&
+           anchors.digest == other.anchors.digest;
+}
+
+bool HasControlCharacter(const char* text)
 {
     for (; *text != '\0'; ++text)
     {
@@ -162,7 +213,7 @@ bool Settings::SameLogin(const Settings& other) const
            tls.encrypted == other.tls.encrypted;
 }
 
-// The address with its port tells the family too; the work directory is the transfer's affair.
+// The server's text includes the port and implies the address family.
 bool Settings::SameConnection(const Settings& other) const
 {
     return SameLogin(other) && local.literal == other.local.literal && tls == other.tls;
@@ -180,8 +231,7 @@ std::shared_ptr<const Settings> ReadSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& r
         return nullptr;
     }
     auto settings = std::make_shared<Settings>(record);
-    const bool implicit = settings->port == kImplicitPort;
-    if (!settings->tls.Read(record, implicit, failure) ||
+    if (!ReadTlsPolicy(record, settings->port, settings->tls, failure) ||
         !SettleIdentity(*settings, added, converted, failure))
     {
         return nullptr;

@@ -5,24 +5,41 @@
 #include <memory>
 #include <string>
 
+#include "cipher_suites.h"
 #include "failure.h"
+#include "identity.h"
 #include "secret.h"
-#include "tls_policy.h"
+#include "trust.h"
 
 namespace travex_ftp
 {
-// An address of the record: as bytes for the certificate, as text for sentences.
 struct Address
 {
     unsigned char bytes[16] = {};
     size_t length = 4;    // 4 or 16 bytes
     std::string literal;  // "192.0.2.1", "2001:db8::1"
 
-    // Of no use as a peer: connecting to it would reach the local host.
+    // The zero address, which would connect to the local host. IPv4-mapped zero included.
     bool Zero() const;
 
-    // Also one that is mapped into IPv6: the wire has IPv4.
+    // IPv4, or IPv4-mapped IPv6, which is IPv4 on the wire.
     bool Ipv4() const;
+};
+
+// TLS settings of a control record. Two policies are equal when a connection made under one may
+// serve the other.
+struct TlsPolicy
+{
+    bool encrypted = false;  // control and data channel
+    bool implicit = false;   // TLS from the first byte on, else AUTH TLS
+    bool verify = false;     // chain, dates and identity
+    CipherSuites suites;
+    TrustText trust;
+    Identity identity;                    // with verify only
+    Anchors anchors;                      // with verify only
+    TRAVEX_FTP_VERIFY_CB veto = nullptr;  // the client's verify callback
+
+    bool operator==(const TlsPolicy& other) const;
 };
 
 // Immutable, and shared by the handle and by all tasks accepted with it.
@@ -32,40 +49,40 @@ struct Settings
 
     Address server;
     unsigned int port = 21;
-    std::string serverText;  // "192.0.2.1:21", "[2001:db8::1]:21": names the server in sentences
+    std::string serverText;  // "192.0.2.1:21", "[2001:db8::1]:21"
     Address local;           // zero: the system's choice
     std::string user;
     Secret password;
     std::string workDir;
     TlsPolicy tls;
 
-    // A control connection made with the other settings serves these too: the same server, user,
-    // local address and security. The work directory does not matter.
+    // A control connection made with the other settings may be reused: server, login, local address
+    // and TLS policy are equal. The work directory does not matter.
     bool SameConnection(const Settings& other) const;
 
-    // The same server, user and password, in clear or encrypted.
+    // Server, user, password and encryption are equal.
     bool SameLogin(const Settings& other) const;
 };
 
-// Checks and copies a record; null, with the reason, when it is refused. `added` is what
-// TRAVEX_FTP_SetServerName added for its address, `converted` the text from which the calling
-// thread got it. Throws std::bad_alloc.
+// Checks and copies a record, and reads the files of its trust text. Null, with the reason, when it
+// is refused. `added`: names that TRAVEX_FTP_SetServerName added for its address; `converted`: see
+// TakeConvertedText. Throws std::bad_alloc.
 std::shared_ptr<const Settings> ReadSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& record,
                                              const Identity& added, const std::string& converted,
                                              Failure& failure);
 
-// The text that the calling thread converted first to the record's server address, else empty. The
-// thread's conversions are forgotten, also when there is no record.
+// The first text that the calling thread converted to the record's server address, else empty.
+// Forgets all conversions of the thread, also when the record is null.
 std::string TakeConvertedText(const tagTRAVEX_FTP_S_CTRL_PARAM* record);
 
-// The record's server address, as base::AddressKey has it.
+// The record's server address as a base::AddressKey.
 std::string AddressKeyOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record);
 
-// "192.0.2.1:21" as far as the record gives it, for the observation of a refusal.
+// "192.0.2.1:21", for the report of a refused record.
 std::string ServerOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record);
 
-// A byte that may end a command or hide in it.
-bool HasControlByte(const char* text);
+// True if the text has a control character, which could end a command or hide in it.
+bool HasControlCharacter(const char* text);
 
 }  // namespace travex_ftp
 

@@ -1,4 +1,4 @@
-// Downloads that were accepted.
+// Accepted downloads.
 #ifndef TRAVEX_FTP_TASK_H
 #define TRAVEX_FTP_TASK_H
 
@@ -14,27 +14,9 @@ namespace travex_ftp
 {
 class Handle;
 
-// A task id, reserved while the object lives. Never 0, unique among live tasks.
-class TaskId
-{
-public:
-    TaskId();  // throws std::bad_alloc
-    ~TaskId();
-    TaskId(const TaskId&) = delete;
-    TaskId& operator=(const TaskId&) = delete;
-
-    unsigned int Value() const
-    {
-        return m_value;
-    }
-
-private:
-    unsigned int m_value = 0;
-};
-
 struct Task
 {
-    const TaskId id;
+    const unsigned int id;
     const std::shared_ptr<Handle> handle;
     const std::shared_ptr<const Settings> settings;
     const std::string serverFile;
@@ -42,22 +24,21 @@ struct Task
     const std::string localFile;
     const TRAVEX_FTP_NOTIFY_CB callback;
 
-    // What the notification thread is to tell. Guarded by the notifier's lock.
-    struct News
+    // The newest state, for the notification thread. Guarded by the notifier's lock.
+    struct Report
     {
         bool queued = false;
-        bool over = false;
+        bool finished = false;
         uint64_t bytes = 0;
         uint64_t total = UINT64_MAX;
-        Failure failure{};  // of a task that is over; none: success
+        Failure failure{};  // of a finished task; none: success
         tagTRAVEX_FTP_S_TIMINGS timings{};
-    } news;
+    } report;
 
-    // Links of the queue that the task waits in: to be transferred, to be told of. A task is in
-    // each at most once, so that neither queue can grow beyond the tasks or fail for lack of
-    // memory.
+    // Links of the transfer queue and of the notification queue. A task is in each at most once, so
+    // a queue never holds more than the tasks and needs no memory of its own.
     std::shared_ptr<Task> nextTransfer;
-    std::shared_ptr<Task> nextNews;
+    std::shared_ptr<Task> nextReport;
 };
 
 using TaskPtr = std::shared_ptr<Task>;

@@ -13,32 +13,16 @@ namespace travex_ftp
 {
 namespace
 {
-struct Freed
-{
-    void operator()(X509_STORE_CTX* context) const
-    {
-        X509_STORE_CTX_free(context);
-    }
-    void operator()(BIO* bio) const
-    {
-        BIO_free_all(bio);
-    }
-    void operator()(SSL_SESSION* session) const
-    {
-        SSL_SESSION_free(session);
-    }
-};
-
-// A list need not exist for every authority of the chain; where there is one, it counts.
+// A revocation list is not required of every authority in the chain.
 int TolerateMissingList(int ok, X509_STORE_CTX* context)
 {
     return ok == 1 || X509_STORE_CTX_get_error(context) == X509_V_ERR_UNABLE_TO_GET_CRL ? 1 : 0;
 }
 
-// As RFC 4514 writes it, UTF-8 left as it is and control characters escaped.
+// The subject as in RFC 4514, in UTF-8, with control characters escaped.
 std::string SubjectOf(X509* certificate)
 {
-    const std::unique_ptr<BIO, Freed> text(BIO_new(BIO_s_mem()));
+    const OpensslPtr<BIO> text(BIO_new(BIO_s_mem()));
     const unsigned long form = XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
     char* bytes = nullptr;
     if (!text || X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0, form) < 0)
@@ -54,7 +38,7 @@ bool IsDatesError(int error)
     return error == X509_V_ERR_CERT_HAS_EXPIRED || error == X509_V_ERR_CERT_NOT_YET_VALID;
 }
 
-// The first name that was listed; a server that has several certificates chooses by it.
+// The server name indication: the first listed name, null if there are addresses only.
 const char* IndicatedName(const Identity& identity)
 {
     for (const std::string& one : identity)
@@ -67,7 +51,7 @@ const char* IndicatedName(const Identity& identity)
     return nullptr;
 }
 
-// The alerts and findings that say what to change.
+// The detail of a handshake failure that a user can fix.
 unsigned int DetailOf(unsigned long error)
 {
     switch (ERR_GET_LIB(error) == ERR_LIB_SSL ? ERR_GET_REASON(error) : 0)
@@ -85,10 +69,8 @@ unsigned int DetailOf(unsigned long error)
 
 }  // namespace
 
-TlsContext::TlsContext(const Settings& settings, std::function<bool()> unwanted)
-    : m_settings(settings),
-      m_unwanted(std::move(unwanted)),
-      m_context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free)
+TlsContext::TlsContext(const Settings& settings, std::function<bool()> closed)
+    : m_settings(settings), m_closed(std::move(closed)), m_context(SSL_CTX_new(TLS_client_method()))
 {
     m_usable = m_context != nullptr && Configure();
 }
@@ -96,7 +78,7 @@ TlsContext::TlsContext(const Settings& settings, std::function<bool()> unwanted)
 bool TlsContext::Configure()
 {
     SSL_CTX* const context = m_context.get();
-    // Without SSL_VERIFY_PEER the verdict of the callback would be ignored.
+    // Without SSL_VERIFY_PEER OpenSSL ignores the result of the callback.
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_cert_verify_callback(context, OnCertificate, this);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
@@ -105,10 +87,10 @@ bool TlsContext::Configure()
     return m_settings.tls.suites.Apply(context);
 }
 
-TlsContext::Ssl TlsContext::MakeControl()
+OpensslPtr<SSL> TlsContext::MakeControl()
 {
     m_data = false;
-    Ssl ssl(m_usable ? SSL_new(m_context.get()) : nullptr, SSL_free);
+    OpensslPtr<SSL> ssl(m_usable ? SSL_new(m_context.get()) : nullptr);
     const char* const name = IndicatedName(m_settings.tls.identity);
     if (ssl && name != nullptr && SSL_set_tlsext_host_name(ssl.get(), name) != 1)
     {
@@ -117,21 +99,21 @@ TlsContext::Ssl TlsContext::MakeControl()
     return ssl;
 }
 
-TlsContext::Ssl TlsContext::MakeData(SSL* control)
+OpensslPtr<SSL> TlsContext::MakeData(SSL* control)
 {
-    Ssl ssl = MakeControl();
+    OpensslPtr<SSL> ssl = MakeControl();
     m_data = true;
-    const std::unique_ptr<SSL_SESSION, Freed> session(SSL_get1_session(control));
+    const OpensslPtr<SSL_SESSION> session(SSL_get1_session(control));
     if (ssl && session && SSL_SESSION_is_resumable(session.get()) == 1)
     {
         (void)SSL_set_session(ssl.get(), session.get());
     }
-    // TLS 1.3 guesses the group. A server that wants another one asks again, a round trip later; on
-    // the control channel it has said which.
+    // Sends the key share of the group that the server chose on the control channel: another one
+    // may cost a HelloRetryRequest, a round trip.
     int group = static_cast<int>(SSL_get_negotiated_group(control));
     if (ssl && SSL_version(control) == TLS1_3_VERSION)
     {
-        (void)SSL_set1_groups(ssl.get(), &group, 1);  // else the guess is as before
+        (void)SSL_set1_groups(ssl.get(), &group, 1);  // on failure: the default groups
     }
     return ssl;
 }
@@ -165,7 +147,7 @@ void TlsContext::Explain(unsigned long error, const char* why, bool data, Failur
     failure.ulDetail = Failed(failure) ? failure.ulDetail : detail;
     (void)Fail(failure, TRAVEX_FTP_ERR_TLS, "%sTLS handshake failed: %s",
                data ? "data channel: " : "",
-               detail == TRAVEX_FTP_DETAIL_TLS_VERSION  ? "the server wants another TLS version"
+               detail == TRAVEX_FTP_DETAIL_TLS_VERSION  ? "no TLS version in common"
                : detail == TRAVEX_FTP_DETAIL_TLS_SUITES ? "no cipher suite in common"
                                                         : why);
 }
@@ -186,7 +168,7 @@ int TlsContext::OnCertificate(X509_STORE_CTX* presented, void* context)
     {
         accepted = self->Accept(presented);
     }
-    catch (...)  // for lack of memory: no exception may cross OpenSSL, and nothing is accepted
+    catch (...)  // out of memory: rejected, since no exception may pass through OpenSSL
     {
         (void)FailSystem(self->m_certificate, "certificate check");
     }
@@ -201,8 +183,8 @@ int TlsContext::OnCertificate(X509_STORE_CTX* presented, void* context)
     return accepted ? 1 : 0;
 }
 
-// Not reached when a session is resumed: it comes from a handshake of the same control connection,
-// which was checked.
+// Not called when a session is resumed: the certificate was checked in the handshake on the control
+// channel that the session comes from.
 bool TlsContext::Accept(X509_STORE_CTX* presented)
 {
     X509* const certificate = X509_STORE_CTX_get0_cert(presented);
@@ -222,7 +204,7 @@ bool TlsContext::Accept(X509_STORE_CTX* presented)
     return m_data || AskClient(certificate);
 }
 
-// Whatever comes of the certificate, it may have to be shown.
+// Kept even if the certificate is rejected: programs show it.
 void TlsContext::KeepFacts(X509* certificate)
 {
     m_subject = SubjectOf(certificate);
@@ -233,10 +215,10 @@ void TlsContext::KeepFacts(X509* certificate)
     }
 }
 
-// With the anchors of the trust text alone; whatever store the context has is not consulted.
+// Verifies with the anchors of the trust text only; the context's own store is not used.
 bool TlsContext::CheckChain(X509_STORE_CTX* presented)
 {
-    const std::unique_ptr<X509_STORE_CTX, Freed> check(X509_STORE_CTX_new());
+    const OpensslPtr<X509_STORE_CTX> check(X509_STORE_CTX_new());
     if (!check ||
         X509_STORE_CTX_init(check.get(), m_settings.tls.anchors.store.get(),
                             X509_STORE_CTX_get0_cert(presented),
@@ -254,7 +236,7 @@ bool TlsContext::CheckChain(X509_STORE_CTX* presented)
     {
         return true;
     }
-    // The alert that the server gets follows from this error.
+    // OpenSSL derives the alert from this error.
     const int error = X509_STORE_CTX_get_error(check.get());
     X509_STORE_CTX_set_error(presented, error);
     m_certificate.ulDetail =
@@ -262,7 +244,6 @@ bool TlsContext::CheckChain(X509_STORE_CTX* presented)
     return Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "%s", X509_verify_cert_error_string(error));
 }
 
-// The texts of the identity are the client's, so they may be in the reason.
 bool TlsContext::CheckIdentity(X509* certificate)
 {
     const Identity& identity = m_settings.tls.identity;
@@ -272,12 +253,12 @@ bool TlsContext::CheckIdentity(X509* certificate)
     }
     m_certificate.ulDetail = TRAVEX_FTP_DETAIL_CERT_NAME;
     return Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "certificate is not for %s",
-                InWords(identity).c_str());
+                JoinNames(identity).c_str());
 }
 
 bool TlsContext::AskClient(X509* certificate)
 {
-    if (m_settings.tls.veto == nullptr || m_unwanted())
+    if (m_settings.tls.veto == nullptr || m_closed())
     {
         return m_settings.tls.veto == nullptr;
     }
@@ -285,10 +266,10 @@ bool TlsContext::AskClient(X509* certificate)
     (void)X509_NAME_oneline(X509_get_subject_name(certificate), subject, sizeof subject);
     std::string server = m_settings.server.literal;
     const int vetoed = m_settings.tls.veto(server.data(), subject);
-    // The process may have begun to end meanwhile, and OpenSSL with it.
+    // The process may be ending by now, and OpenSSL with it.
     Worker::ParkAtExit();
-    return vetoed == 0 ||
-           Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "certificate was vetoed by the client");
+    return vetoed == 0 || Fail(m_certificate, TRAVEX_FTP_ERR_CERT,
+                               "certificate rejected by the client's verify callback");
 }
 
 }  // namespace travex_ftp

@@ -1,48 +1,47 @@
-// TLS of one control connection and of its data channels.
+// TLS of a control connection and its data channels.
 #ifndef TRAVEX_FTP_TLS_CONTEXT_H
 #define TRAVEX_FTP_TLS_CONTEXT_H
 
 #include <openssl/ssl.h>
 
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "failure.h"
+#include "openssl_ptr.h"
 #include "settings.h"
 
 namespace travex_ftp
 {
-// OpenSSL's context with the suites, versions and checks of the settings. Sessions stay within it,
-// so that none crosses control connections. The settings must outlive it. Transfer thread only.
+// An OpenSSL context with the suites, versions and certificate checks of the settings. One for each
+// control connection: sessions are never shared between control connections. The settings must
+// outlive it. Transfer thread only.
 class TlsContext
 {
 public:
-    using Ssl = std::unique_ptr<SSL, void (*)(SSL*)>;
-
-    // `unwanted`: the client has closed the handle, and is not asked any more.
-    TlsContext(const Settings& settings, std::function<bool()> unwanted);
+    // `closed`: the client has closed the handle, and its verify callback is not called any more.
+    TlsContext(const Settings& settings, std::function<bool()> closed);
     TlsContext(const TlsContext&) = delete;
     TlsContext& operator=(const TlsContext&) = delete;
 
-    // A channel to make a handshake on; null when OpenSSL cannot make one. The data channel offers
+    // A TLS object for the handshake of a channel; null when OpenSSL fails. The data channel offers
     // the newest session of the control channel.
-    Ssl MakeControl();
-    Ssl MakeData(SSL* control);
+    OpensslPtr<SSL> MakeControl();
+    OpensslPtr<SSL> MakeData(SSL* control);
 
-    // The handshake of a channel is done: logs it, and notes the facts of the control channel.
+    // A handshake is complete: logs it, and keeps version and suite of the control channel.
     void Established(const SSL* ssl, bool data, tagTRAVEX_FTP_S_TIMINGS& timings);
 
-    // The handshake failed. Sets the failure: the certificate's, or what OpenSSL says.
+    // A handshake has failed: sets the failure, from the certificate check or from OpenSSL's error.
     void Explain(unsigned long error, const char* why, bool data, Failure& failure) const;
 
-    // A certificate was not accepted.
+    // A certificate was rejected.
     bool Rejected() const
     {
         return Failed(m_certificate);
     }
 
-    // Version, suite and certificate of the control channel, as far as they are known.
+    // Copies version, suite and certificate of the control channel, as far as known.
     void Describe(tagTRAVEX_FTP_S_TIMINGS& timings) const;
 
 private:
@@ -56,12 +55,12 @@ private:
     bool AskClient(X509* certificate);
 
     const Settings& m_settings;
-    const std::function<bool()> m_unwanted;
-    const std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> m_context;
+    const std::function<bool()> m_closed;
+    const OpensslPtr<SSL_CTX> m_context;
     bool m_usable = false;
-    bool m_data = false;         // the handshake under way is a data channel's
-    Failure m_certificate{};     // why it was not accepted
-    const char* m_version = "";  // these two are OpenSSL's, and stay
+    bool m_data = false;         // the current handshake is a data channel's
+    Failure m_certificate{};     // why it was rejected
+    const char* m_version = "";  // OpenSSL's static text, like the suite
     const char* m_suite = "";
     std::string m_subject;
     int64_t m_validUntil = 0;

@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <new>
@@ -19,11 +20,11 @@ namespace travex_ftp
 {
 namespace
 {
-// What the notification can give back byte for byte, terminator included.
+// A longer name would not fit into the notification.
 constexpr size_t kLongestServerFile = sizeof(tagTRAVEX_FTP_S_NOTIFY_DATA::DownFileName) - 1;
 
-// Runs the body of a public function: in the child of a fork it does not run at all, and lack of
-// memory becomes a code.
+// Runs the body of a public function. An exception becomes a code; in the child of a fork the body
+// does not run.
 template <typename Body>
 unsigned int Guarded(Body body)
 {
@@ -41,7 +42,7 @@ unsigned int Guarded(Body body)
     }
 }
 
-// Logs a refusal and tells the observer, on the caller's thread. Returns its code.
+// Reports a refusal to the log and the observer, on the caller's thread. Returns its code.
 unsigned int Refused(const char* what, const Failure& failure, const char* server, const char* file)
 {
     TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s refused: %s", server, what, failure.acReason);
@@ -56,12 +57,12 @@ unsigned int Refused(const char* what, const Failure& failure, const char* serve
     return failure.ulRet;
 }
 
-// Tells the observer, on the caller's thread.
+// Reports an accepted task to the observer, on the caller's thread.
 void Accepted(const Task& task)
 {
     tagTRAVEX_FTP_S_OBSERVATION seen{};
     seen.ulKind = TRAVEX_FTP_OBSERVED_ACCEPTED;
-    seen.ulTaskID = task.id.Value();
+    seen.ulTaskID = task.id;
     seen.pcServer = task.settings->serverText.c_str();
     seen.pcServerFile = task.serverFile.c_str();
     seen.ullTotal = TRAVEX_FTP_SIZE_UNKNOWN;
@@ -69,28 +70,26 @@ void Accepted(const Task& task)
     Observe(seen);
 }
 
-const char* HandleReason(unsigned int code)
-{
-    return code == TRAVEX_FTP_ERR_NOT_INIT ? "the layer is not initialised"
-                                           : "the handle is not open";
-}
-
-// The handle, null with the reason if there is none.
+// The handle; null, with the failure set, if there is none.
 std::shared_ptr<Handle> FindHandle(const std::shared_ptr<Layer>& layer, TRAVEX_FTP_HANDLE number,
                                    Failure& failure)
 {
-    std::shared_ptr<Handle> handle = layer != nullptr ? layer->Find(number) : nullptr;
+    if (layer == nullptr)
+    {
+        (void)Fail(failure, TRAVEX_FTP_ERR_NOT_INIT, "the layer is not initialised");
+        return nullptr;
+    }
+    std::shared_ptr<Handle> handle = layer->Find(number);
     if (handle == nullptr)
     {
-        const unsigned int code =
-            layer == nullptr ? TRAVEX_FTP_ERR_NOT_INIT : TRAVEX_FTP_ERR_HANDLE;
-        (void)Fail(failure, code, "%s", HandleReason(code));
+        (void)Fail(failure, TRAVEX_FTP_ERR_HANDLE, "the handle is closed or unknown");
     }
     return handle;
 }
 
-// Suites and trust anchors are looked up here, on the caller's thread and without a lock: a mistake
-// in them is reported at once. Of the system's trust store files are read during a handshake too.
+// Cipher suites and trust anchors are read here, on the caller's thread and without a lock, so that
+// a mistake is reported at once. OpenSSL may read files of the system's store later, in a
+// handshake.
 unsigned int SetCtrlParam(TRAVEX_FTP_HANDLE number, const tagTRAVEX_FTP_S_CTRL_PARAM& record,
                           const std::string& converted)
 {
@@ -99,7 +98,7 @@ unsigned int SetCtrlParam(TRAVEX_FTP_HANDLE number, const tagTRAVEX_FTP_S_CTRL_P
     const std::shared_ptr<Handle> handle = FindHandle(layer, number, failure);
     if (handle != nullptr)
     {
-        const Identity added = layer->Names().Of(AddressKeyOf(record));
+        const Identity added = layer->Names().Find(AddressKeyOf(record));
         const std::shared_ptr<const Settings> settings =
             ReadSettings(record, added, converted, failure);
         if (settings != nullptr)
@@ -111,49 +110,50 @@ unsigned int SetCtrlParam(TRAVEX_FTP_HANDLE number, const tagTRAVEX_FTP_S_CTRL_P
     return Refused("control parameters", failure, ServerOf(record).c_str(), "");
 }
 
-// The file becomes part of commands: what could end one, or hide in one, is refused.
+// The file becomes part of commands, so it may not contain control characters.
 bool CheckServerFile(const char* serverFile, Failure& failure)
 {
     if (serverFile == nullptr || *serverFile == '\0')
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is empty");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file name is empty");
     }
     const size_t length = strnlen(serverFile, kLongestServerFile + 1);
     if (length > kLongestServerFile)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is longer than %zu bytes",
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file name exceeds %zu bytes",
                     kLongestServerFile);
     }
-    if (HasControlByte(serverFile))
+    if (HasControlCharacter(serverFile))
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file holds a control byte");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM,
+                    "the server file name contains a control character");
     }
-    // No file has such a name, and some servers would list the directory.
+    // Some servers would send a directory listing.
     if (serverFile[length - 1] == '/')
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file is a directory");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the server file name ends in \"/\"");
     }
     return true;
 }
 
-// A plain name cannot lead out of the directory.
+// A plain name cannot refer to a file outside the directory.
 bool CheckLocalFile(const char* localFile, Failure& failure)
 {
     if (localFile == nullptr || *localFile == '\0' || strnlen(localFile, NAME_MAX + 1) > NAME_MAX)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file is empty or too long");
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file name is empty or too long");
     }
     if (strchr(localFile, '/') != nullptr || strcmp(localFile, ".") == 0 ||
         strcmp(localFile, "..") == 0)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file \"%s\" is not a plain name",
+        return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the local file name \"%s\" is not a plain name",
                     localFile);
     }
-    // The next download into that directory would take it for an orphan.
+    // The next download into the directory would remove it as an orphan.
     if (IsTemporaryName(localFile))
     {
         return Fail(failure, TRAVEX_FTP_ERR_PARAM,
-                    "the local file \"%s\" has the name of a temporary file", localFile);
+                    "the local file name \"%s\" is reserved for temporary files", localFile);
     }
     return true;
 }
@@ -166,7 +166,7 @@ bool CheckParameters(const std::shared_ptr<const Settings>& settings, bool dataP
                 settings == nullptr ? "control" : "data");
 }
 
-// An absolute `dir` stands for itself.
+// The local directory: `dir`, relative to the work directory unless absolute.
 std::string DirectoryOf(const std::string& workDir, const char* dir)
 {
     if (dir == nullptr || *dir == '\0')
@@ -176,14 +176,26 @@ std::string DirectoryOf(const std::string& workDir, const char* dir)
     return *dir == '/' ? dir : workDir + "/" + dir;
 }
 
-// The parameters are taken as they are now: the task shares the settings, which never change.
+// Never 0, and unique unless a task lives while four thousand million others are accepted.
+unsigned int NextTaskId()
+{
+    static std::atomic<unsigned int> last{0};
+    unsigned int id = ++last;
+    while (id == 0)
+    {
+        id = ++last;
+    }
+    return id;
+}
+
+// The task shares the current settings, which never change.
 unsigned int Download(TRAVEX_FTP_HANDLE number, unsigned int* taskId, const char* serverFile,
                       const char* dir, const char* localFile, TRAVEX_FTP_NOTIFY_CB callback)
 {
     Failure failure{};
     if (taskId == nullptr)
     {
-        (void)Fail(failure, TRAVEX_FTP_ERR_PARAM, "there is no place for the task id");
+        (void)Fail(failure, TRAVEX_FTP_ERR_PARAM, "the task id pointer is null");
     }
     const std::shared_ptr<Handle> handle = FindHandle(Layer::Running(), number, failure);
     const std::shared_ptr<const Settings> settings =
@@ -195,7 +207,7 @@ unsigned int Download(TRAVEX_FTP_HANDLE number, unsigned int* taskId, const char
         const char* const server = settings ? settings->serverText.c_str() : "";
         return Refused("download", failure, server, serverFile != nullptr ? serverFile : "");
     }
-    const TaskPtr task(new Task{{},
+    const TaskPtr task(new Task{NextTaskId(),
                                 handle,
                                 settings,
                                 serverFile,
@@ -206,9 +218,9 @@ unsigned int Download(TRAVEX_FTP_HANDLE number, unsigned int* taskId, const char
                                 {},
                                 {}});
     handle->StartThread();
-    // Before anything can be reported of the task. The caller may read the id on the notification
-    // thread meanwhile, for another task of its own.
-    __atomic_store_n(taskId, task->id.Value(), __ATOMIC_RELEASE);
+    // Stored before anything can be reported of the task. Atomic, since the caller may read it on
+    // the notification thread at the same time.
+    __atomic_store_n(taskId, task->id, __ATOMIC_RELEASE);
     Accepted(*task);
     handle->Submit(task);
     return TRAVEX_FTP_OK;

@@ -1,7 +1,6 @@
 #include "trust.h"
 
 #include <dirent.h>
-#include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 
@@ -9,44 +8,27 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "openssl_ptr.h"
+
 namespace travex_ftp
 {
 namespace
 {
-struct Freed
+struct CloseDirectory
 {
-    void operator()(BIO* bio) const
-    {
-        BIO_free(bio);
-    }
-    void operator()(STACK_OF(X509_INFO) * infos) const
-    {
-        sk_X509_INFO_pop_free(infos, X509_INFO_free);
-    }
-    void operator()(EVP_MD_CTX* context) const
-    {
-        EVP_MD_CTX_free(context);
-    }
     void operator()(DIR* directory) const
     {
         (void)closedir(directory);
     }
 };
 
-// A file of authorities is small; what is larger is not one, and is not read into memory.
+// Bounds the memory that a wrong path can cost.
 constexpr off_t kLargestFile = 16777216;
 
-// Refuses a trust text for a file or a directory of it.
+// Refuses a trust text because of a file or directory.
 bool Refuse(Failure& failure, const std::string& path, const char* reason)
 {
     return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", path.c_str(), reason);
-}
-
-// OpenSSL has failed, for lack of memory or by the file's fault. errno tells which, set to 0
-// before: the queue of OpenSSL's errors holds the caller's own too.
-bool Blame(Failure& failure, const std::string& path, const char* reason)
-{
-    return errno == ENOMEM ? FailSystem(failure, "trust store") : Refuse(failure, path, reason);
 }
 
 bool ReadError(BIO* file)
@@ -89,13 +71,13 @@ bool ParsePair(const std::string& pair, TrustText& trust, Failure& failure)
     }
     else
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: \"%s\" is not understood",
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: invalid entry \"%s\"",
                     pair.c_str());
     }
     return true;
 }
 
-// Collects anchors into a store and into a digest.
+// Collects trust anchors and revocation lists in a store, and their digest.
 class Loader
 {
 public:
@@ -105,8 +87,8 @@ public:
     {
         return m_store && m_digest &&
                EVP_DigestInit_ex(m_digest.get(), EVP_sha256(), nullptr) == 1 &&
-               // Any certificate of the trust text is an anchor, an intermediate one
-               // and a server's own included.
+               // Every certificate of the trust text is an anchor, also an intermediate authority's
+               // or a server's own.
                X509_STORE_set_flags(m_store.get(), X509_V_FLAG_PARTIAL_CHAIN) == 1;
     }
 
@@ -115,32 +97,30 @@ public:
         return X509_STORE_set_default_paths(m_store.get()) == 1;
     }
 
-    // Takes what the file holds; a file without PEM text holds nothing. What cannot be read is a
-    // failure: it may be a revocation list.
+    // Adds the certificates and lists of a file; a file without PEM blocks adds none.
     bool AddFile(const std::string& path, Failure& failure)
     {
-        const std::unique_ptr<BIO, Freed> file(BIO_new_file(path.c_str(), "re"));
+        const OpensslPtr<BIO> file(BIO_new_file(path.c_str(), "re"));
         if (!file)
         {
             return Refuse(failure, path, SystemError(errno));
         }
-        errno = 0;
-        const std::unique_ptr<STACK_OF(X509_INFO), Freed> infos(
+        const OpensslPtr<STACK_OF(X509_INFO)> infos(
             PEM_X509_INFO_read_bio(file.get(), nullptr, RefusePassphrase, nullptr));
-        // OpenSSL takes it for the end of the file.
+        // OpenSSL treats a read error as the end of the file.
         if (ReadError(file.get()))
         {
-            return Refuse(failure, path, "it cannot be read");
+            return Refuse(failure, path, "read error");
         }
         if (!infos)
         {
-            return Blame(failure, path, "it holds a broken PEM block");
+            return Refuse(failure, path, "malformed PEM block");
         }
         for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i)
         {
-            if (!add(*sk_X509_INFO_value(infos.get(), i)))
+            if (!Add(*sk_X509_INFO_value(infos.get(), i)))
             {
-                return Blame(failure, path, "the trust store does not take it");
+                return Refuse(failure, path, "rejected by OpenSSL");
             }
         }
         return true;
@@ -162,14 +142,14 @@ public:
     }
 
 private:
-    // A private key that shares the file is skipped, not asked about on the terminal.
+    // Skips an encrypted private key in the file instead of prompting on the terminal.
     static int RefusePassphrase(char*, int, int, void*)
     {
         return -1;
     }
 
-    // What is in the store already is taken as well.
-    bool add(const X509_INFO& info)
+    // A duplicate is not an error.
+    bool Add(const X509_INFO& info)
     {
         unsigned char hash[EVP_MAX_MD_SIZE];
         unsigned int length = 0;
@@ -197,13 +177,12 @@ private:
     }
 
     std::shared_ptr<X509_STORE> m_store;
-    std::unique_ptr<EVP_MD_CTX, Freed> m_digest;
+    OpensslPtr<EVP_MD_CTX> m_digest;
     unsigned int m_certificates = 0;
     unsigned int m_lists = 0;
 };
 
-// Adds what a path leads to, if it is a regular file. A name that has gone, or leads nowhere, is as
-// one that was never there.
+// Adds a path if it is a regular file. A file that has vanished and a dangling link are ignored.
 bool ListFile(const std::string& path, std::vector<std::string>& files, Failure& failure)
 {
     struct stat status = {};
@@ -217,17 +196,17 @@ bool ListFile(const std::string& path, std::vector<std::string>& files, Failure&
     }
     if (status.st_size > kLargestFile)
     {
-        return Refuse(failure, path, "it is too large");
+        return Refuse(failure, path, "file too large");
     }
     files.push_back(path);
     return true;
 }
 
-// Regular files of a directory in the order of their names, so that the digest does not depend on
-// the directory's own order.
+// Lists the regular files of a directory, sorted, so that the digest does not depend on the order
+// of readdir.
 bool ListFiles(const std::string& path, std::vector<std::string>& files, Failure& failure)
 {
-    const std::unique_ptr<DIR, Freed> directory(opendir(path.c_str()));
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(path.c_str()));
     if (!directory)
     {
         return Refuse(failure, path, SystemError(errno));
@@ -235,7 +214,7 @@ bool ListFiles(const std::string& path, std::vector<std::string>& files, Failure
     for (;;)
     {
         errno = 0;
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this thread's own.
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): this thread alone uses the stream.
         const dirent* const entry = readdir(directory.get());
         if (entry == nullptr)
         {
@@ -254,7 +233,7 @@ bool ListFiles(const std::string& path, std::vector<std::string>& files, Failure
     return true;
 }
 
-// The files that an authorities path stands for.
+// Lists the file, or the files of the directory.
 bool Expand(const std::string& path, std::vector<std::string>& files, Failure& failure)
 {
     struct stat status = {};
@@ -268,7 +247,7 @@ bool Expand(const std::string& path, std::vector<std::string>& files, Failure& f
     }
     if (!S_ISREG(status.st_mode) || status.st_size > kLargestFile)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s is no file of certificates",
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: not a certificate file",
                     path.c_str());
     }
     files.push_back(path);
@@ -291,7 +270,7 @@ bool LoadFiles(const std::string& path, Loader& loader, Failure& failure)
     }
     if (loader.Certificates() == 0)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s holds no certificate",
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: no certificate found",
                     path.c_str());
     }
     return true;
@@ -303,10 +282,10 @@ bool ParseTrustText(const char* text, TrustText& trust, Failure& failure)
 {
     if (text == nullptr || *text == '\0')
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: it is empty");
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "the trust text is empty");
     }
     const std::string whole = text;
-    // A path may hold "=" too, but only behind a "/".
+    // A text with "=" is a list of pairs, unless a "/" comes first: then it is a path.
     const size_t equals = whole.find('=');
     if (equals == std::string::npos || whole.find('/') < equals)
     {
@@ -333,7 +312,7 @@ bool LoadAnchors(const std::string& authorities, Anchors& anchors, Failure& fail
     if (authorities == "system")
     {
         return (loader.UseSystem() && loader.Finish(anchors)) ||
-               FailSystem(failure, "the system's trust store");
+               FailSystem(failure, "system trust store");
     }
     return LoadFiles(authorities, loader, failure) &&
            (loader.Finish(anchors) || FailSystem(failure, "trust store"));

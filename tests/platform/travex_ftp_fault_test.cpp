@@ -1,5 +1,5 @@
-// A server that misbehaves: what the client reports, that the file that was there is untouched,
-// that nothing is left over, and that the next transfer works.
+// Faulty servers: the client reports the failure, keeps the old file, leaves no temporary file, and
+// the next transfer works.
 #include <gmock/gmock.h>
 
 #include <cstring>
@@ -9,10 +9,10 @@
 
 namespace
 {
-using ftp_test::Certificates;
 using ftp_test::FaultyServer;
 using ftp_test::LayerTest;
 using ftp_test::Limits;
+using ftp_test::OptionsFor;
 using ftp_test::Parameters;
 using ftp_test::TlsOptions;
 using testing::MatchesRegex;
@@ -28,26 +28,22 @@ void PrintTo(const Case& one, std::ostream* out)
     *out << one.fault;
 }
 
-// Limits short enough for a test.
 class FaultTest : public LayerTest, public testing::WithParamInterface<Case>
 {
 protected:
     void Try(bool tls)
     {
-        std::vector<std::string> options = tls ? TlsOptions() : std::vector<std::string>();
+        std::vector<std::string> options = OptionsFor(tls);
         options.emplace_back("--once");
         FaultyServer server(GetParam().fault, options);
-        auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
-        record.ulServerType = tls ? 1 : 0;
-        record.ulCertVerify = tls ? 1 : 0;
-        record.pcFtpCtrlInfo = Certificates().Authority().c_str();
+        auto record = RecordFor(server, tls);
         Use(record);
         support::WriteFile(m_directory.File("f"), "old");
         EXPECT_THAT(Fetch("f", "f"), MatchesRegex(GetParam().outcome));
         EXPECT_EQ("old", Content("f"));
         EXPECT_EQ(1u, support::FilesIn(m_directory.Path()).size());
         EXPECT_EQ(0u, captured_log::CountWith("throw-aw"));
-        // A login that was refused is not tried again at once.
+        // Another user, since a refused login is not repeated at once.
         strcpy(record.acUserName, "other");
         Use(record);
         EXPECT_EQ("0 12", Fetch("f", "f"));
@@ -67,7 +63,7 @@ class PlainFault : public FaultTest
 {
 };
 
-TEST_P(PlainFault, FailsInWords)
+TEST_P(PlainFault, IsReported)
 {
     Try(false);
 }
@@ -76,33 +72,34 @@ INSTANTIATE_TEST_SUITE_P(
     Steps, PlainFault,
     testing::Values(
         Case{"drop:GREETING",
-             "3 26/GREETING/0 connection lost at the greeting: closed by the server"},
+             "3 26/GREETING/0 connection lost during the greeting: closed by the server"},
         Case{"hang:GREETING", "3 22/GREETING/0 no greeting within 0\\.7 s"},
         Case{"reply:GREETING:421 Too many users.",
              "3 16/GREETING/421 service not available: 421 Too many users\\."},
         Case{"reply:GREETING:530 Go away.",
-             "3 16/GREETING/530 the server refuses the connection: 530 Go away\\."},
+             "3 16/GREETING/530 the server refused the connection: 530 Go away\\."},
         Case{"late_refusal", "3 16/GREETING/421 service not available: 421 Too long\\."},
         Case{"cut_greeting",
-             "3 26/GREETING/0 connection lost at the greeting: closed by the server"},
-        Case{"cut_line", "3 26/GREETING/0 connection lost at the greeting: closed by the server"},
-        Case{"drop:USER", "3 26/LOGIN/0 connection lost at USER: closed by the server"},
+             "3 26/GREETING/0 connection lost during the greeting: closed by the server"},
+        Case{"cut_line",
+             "3 26/GREETING/0 connection lost during the greeting: closed by the server"},
+        Case{"drop:USER", "3 26/LOGIN/0 connection lost during USER: closed by the server"},
         Case{"hang:USER", "3 22/LOGIN/0 no reply to USER within 0\\.7 s"},
         Case{"drip:USER", "3 22/LOGIN/0 no reply to USER within 0\\.7 s"},
         Case{"reply:USER:530 no", "3 19/LOGIN/530 login refused: 530 no"},
-        Case{"reset:PASS", "3 26/LOGIN/0 connection lost at PASS: Connection reset by peer"},
+        Case{"reset:PASS", "3 26/LOGIN/0 connection lost during PASS: Connection reset by peer"},
         Case{"hang:PASS", "3 22/LOGIN/0 no reply to PASS within 0\\.7 s"},
         Case{"reply:PASS:430 no", "3 19/LOGIN/430 login refused: 430 no"},
         Case{"reply:PASS:332 Need account.", "3 19/LOGIN/332 .*332 Need account\\."},
         Case{"reply:PASS:331 Once more.", "3 19/LOGIN/331 .*331 Once more\\."},
-        Case{"drop:TYPE", "3 26/TYPE/0 connection lost at TYPE: closed by the server"},
+        Case{"drop:TYPE", "3 26/TYPE/0 connection lost during TYPE: closed by the server"},
         Case{"hang:TYPE", "3 22/TYPE/0 no reply to TYPE within 0\\.7 s"},
         Case{"reply:TYPE:500 x", "3 21/TYPE/500 TYPE refused: 500 x"},
         Case{"hang:EPSV", "3 22/PASSIVE/0 no reply to EPSV within 0\\.7 s"},
         Case{"reply:EPSV:421 Bye.", "3 16/PASSIVE/421 service not available: 421 Bye\\."},
         Case{"reply:EPSV:500 x + hang:PASV", "3 22/PASSIVE/0 no reply to PASV within 0\\.7 s"},
         Case{"reply:EPSV:500 x + drop:PASV",
-             "3 26/PASSIVE/0 connection lost at PASV: closed by the server"},
+             "3 26/PASSIVE/0 connection lost during PASV: closed by the server"},
         Case{"reply:EPSV:500 x + reply:PASV:500 y", "3 21/PASSIVE/500 PASV refused: 500 y"},
         Case{"reply:EPSV:500 x + reply:PASV:227 bla",
              "3 21/PASSIVE/227 unexpected reply to PASV: 227 bla"},
@@ -111,15 +108,15 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"reply:EPSV:229 (|||70000|) + reply:PASV:227 (127,0,0,1,300,1)",
              "3 21/PASSIVE/227 unexpected reply to PASV: 227 \\(127,0,0,1,300,1\\)"},
         Case{"reply:EPSV:229 (|||1|) + reply:PASV:227 (127,0,0,1,0,1)",
-             "3 16/DATA_CONNECT/0 no data connection to port 1: Connection refused"},
-        Case{"drop:SIZE", "3 26/SIZE/0 connection lost at SIZE: closed by the server"},
+             "3 16/DATA_CONNECT/0 cannot connect to data port 1: Connection refused"},
+        Case{"drop:SIZE", "3 26/SIZE/0 connection lost during SIZE: closed by the server"},
         Case{"hang:SIZE", "3 22/SIZE/0 no reply to SIZE within 0\\.7 s"},
         Case{"reply:SIZE:421 Bye.", "3 16/SIZE/421 service not available: 421 Bye\\."},
-        Case{"drop:RETR", "3 26/RETRIEVE/0 connection lost at RETR: closed by the server"},
-        Case{"reset:RETR", "3 26/RETRIEVE/0 connection lost at RETR: Connection reset by peer"},
+        Case{"drop:RETR", "3 26/RETRIEVE/0 connection lost during RETR: closed by the server"},
+        Case{"reset:RETR", "3 26/RETRIEVE/0 connection lost during RETR: Connection reset by peer"},
         Case{"hang:RETR", "3 22/RETRIEVE/0 no reply to RETR within 0\\.7 s"},
         Case{"drip:RETR", "3 22/RETRIEVE/0 no reply to RETR within 0\\.7 s"},
-        Case{"cut_opening", "3 26/RETRIEVE/0 connection lost at RETR: closed by the server"},
+        Case{"cut_opening", "3 26/RETRIEVE/0 connection lost during RETR: closed by the server"},
         Case{"reply:RETR:550 No such file", "3 20/RETRIEVE/550 RETR refused: 550 No such file"},
         Case{"reply:RETR:425 No data connection.",
              "3 20/RETRIEVE/425 RETR refused: 425 No data connection\\."},
@@ -127,28 +124,28 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"wrong_order", "3 21/RETRIEVE/226 unexpected reply to RETR: 226 Transfer complete\\."},
         Case{"no_150", "3 21/RETRIEVE/226 unexpected reply to RETR: 226 Transfer complete\\."}));
 
-// SIZE that was refused is no failure, and not what a later one is blamed on.
+// A refused SIZE is not a failure, and not the reason of a later one.
 INSTANTIATE_TEST_SUITE_P(
     Causes, PlainFault,
     testing::Values(Case{"reply:SIZE:550 no + drop:RETR",
-                         "3 26/RETRIEVE/0 connection lost at RETR: closed by the server"},
+                         "3 26/RETRIEVE/0 connection lost during RETR: closed by the server"},
                     Case{"reply:EPSV:500 x + drop:SIZE",
-                         "3 26/SIZE/0 connection lost at SIZE: closed by the server"}));
+                         "3 26/SIZE/0 connection lost during SIZE: closed by the server"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Files, PlainFault,
     testing::Values(
-        Case{"early_eof", "3 23/RECEIVE/0 50000 bytes received of 100000 announced"},
+        Case{"early_eof", "3 23/RECEIVE/0 incomplete: 50000 of 100000 bytes received"},
         Case{"data_reset",
              "3 23/RECEIVE/0 data connection lost after [0-9]+ bytes: Connection reset by peer"},
         Case{"data_reset_unknown_size",
              "3 23/RECEIVE/0 data connection lost after 100000 bytes: Connection reset by peer"},
-        Case{"size_too_small", "3 23/RECEIVE/0 100000 bytes received, 99999 announced"},
-        Case{"size_too_large", "3 23/RECEIVE/0 100000 bytes received of 100001 announced"},
-        Case{"size_zero", "3 23/RECEIVE/0 [0-9]+ bytes received, 0 announced"},
+        Case{"size_too_small", "3 23/RECEIVE/0 too many bytes: 100000 received, 99999 announced"},
+        Case{"size_too_large", "3 23/RECEIVE/0 incomplete: 100000 of 100001 bytes received"},
+        Case{"size_zero", "3 23/RECEIVE/0 too many bytes: [0-9]+ received, 0 announced"},
         Case{"size_beyond_limit", "3 24/RECEIVE/0 the file is larger than 20000000 bytes"},
-        Case{"opening_lies", "3 23/RECEIVE/0 100000 bytes received of 100005 announced"},
-        Case{"file_grows", "3 23/RECEIVE/0 100005 bytes received, 100000 announced"},
+        Case{"opening_lies", "3 23/RECEIVE/0 incomplete: 100000 of 100005 bytes received"},
+        Case{"file_grows", "3 23/RECEIVE/0 too many bytes: 100005 received, 100000 announced"},
         Case{"endless_file", "3 24/RECEIVE/0 the file is larger than 20000000 bytes"},
         Case{"slow_drip",
              "3 22/RECEIVE/0 stalled: [1-9][0-9]* bytes in 0\\.9 s, [1-9][0-9]* of 100000 "
@@ -195,7 +192,7 @@ class TlsFault : public FaultTest
 {
 };
 
-TEST_P(TlsFault, FailsInWords)
+TEST_P(TlsFault, IsReported)
 {
     Try(true);
 }
@@ -212,7 +209,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"hang:TYPE", "3 22/TYPE/0 no reply to TYPE within 0\\.7 s"},
         Case{"hang:RETR", "3 22/RETRIEVE/0 no reply to RETR within 0\\.7 s"},
         Case{"injected_after_auth",
-             "3 17/AUTH/0 clear text behind the reply to AUTH: the connection is not safe"},
+             "3 17/AUTH/0 plaintext received after the reply to AUTH: possible injection"},
         Case{"hang_handshake", "3 22/TLS/0 TLS handshake timed out after 0\\.7 s"},
         Case{"endless_handshake", "3 17/TLS/0 TLS handshake failed: closed by the server"},
         Case{"drop_handshake", "3 17/TLS/0 TLS handshake failed: closed by the server"},
@@ -231,14 +228,16 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"reuse_refused",
              "3 23/RECEIVE/522 the server aborted the transfer: 522 SSL connection failed: session "
              "reuse required"},
-        Case{"early_eof", "3 23/RECEIVE/0 50000 bytes received of 100000 announced"},
+        Case{"early_eof", "3 23/RECEIVE/0 incomplete: 50000 of 100000 bytes received"},
         Case{"early_eof_unknown_size",
-             "3 23/RECEIVE/0 the data channel ended without close_notify: the file may be cut off"},
+             "3 23/RECEIVE/0 the data channel closed without close_notify: the file may be "
+             "truncated"},
         Case{"no_close_notify",
-             "3 23/RECEIVE/0 the data channel ended without close_notify: the file may be cut off"},
+             "3 23/RECEIVE/0 the data channel closed without close_notify: the file may be "
+             "truncated"},
         Case{"data_reset",
              "3 23/RECEIVE/0 data connection lost after [0-9]+ bytes: Connection reset by peer"},
-        Case{"file_grows", "3 23/RECEIVE/0 100005 bytes received, 100000 announced"},
+        Case{"file_grows", "3 23/RECEIVE/0 too many bytes: 100005 received, 100000 announced"},
         Case{"stall", "3 22/RECEIVE/0 stalled: 0 bytes in 0\\.9 s, 50000 of 100000 received"},
         Case{"abort_while_data_hangs",
              "3 23/RECEIVE/451 the server aborted the transfer: 451 Read error on the disk\\."},
@@ -249,28 +248,28 @@ INSTANTIATE_TEST_SUITE_P(
              "3 23/RECEIVE/426 the server aborted the transfer: 426 Failure writing "
              "network stream\\."}));
 
-// The connection is lost at each step of a whole dialogue over explicit TLS.
+// The connection is lost at each step of a dialogue over explicit TLS.
 INSTANTIATE_TEST_SUITE_P(
     EachStep, TlsFault,
     testing::Values(
         Case{"drop:GREETING",
-             "3 26/GREETING/0 connection lost at the greeting: closed by the server"},
-        Case{"drop:AUTH", "3 26/AUTH/0 connection lost at AUTH: closed by the server"},
-        Case{"reset:AUTH", "3 26/AUTH/0 connection lost at AUTH: Connection reset by peer"},
-        Case{"drop:USER", "3 26/LOGIN/0 connection lost at USER: closed by the server"},
-        Case{"drop:PASS", "3 26/LOGIN/0 connection lost at PASS: closed by the server"},
-        Case{"reset:PBSZ", "3 26/PROTECT/0 connection lost at PBSZ: Connection reset by peer"},
-        Case{"drop:PROT", "3 26/PROTECT/0 connection lost at PROT: closed by the server"},
-        Case{"drop:TYPE", "3 26/TYPE/0 connection lost at TYPE: closed by the server"},
-        Case{"drop:SIZE", "3 26/SIZE/0 connection lost at SIZE: closed by the server"},
-        Case{"drop:RETR", "3 26/RETRIEVE/0 connection lost at RETR: closed by the server"}));
+             "3 26/GREETING/0 connection lost during the greeting: closed by the server"},
+        Case{"drop:AUTH", "3 26/AUTH/0 connection lost during AUTH: closed by the server"},
+        Case{"reset:AUTH", "3 26/AUTH/0 connection lost during AUTH: Connection reset by peer"},
+        Case{"drop:USER", "3 26/LOGIN/0 connection lost during USER: closed by the server"},
+        Case{"drop:PASS", "3 26/LOGIN/0 connection lost during PASS: closed by the server"},
+        Case{"reset:PBSZ", "3 26/PROTECT/0 connection lost during PBSZ: Connection reset by peer"},
+        Case{"drop:PROT", "3 26/PROTECT/0 connection lost during PROT: closed by the server"},
+        Case{"drop:TYPE", "3 26/TYPE/0 connection lost during TYPE: closed by the server"},
+        Case{"drop:SIZE", "3 26/SIZE/0 connection lost during SIZE: closed by the server"},
+        Case{"drop:RETR", "3 26/RETRIEVE/0 connection lost during RETR: closed by the server"}));
 
-// Where nothing but EPSV is possible, its failure is the reason.
+// Over IPv6 there is no PASV, so the failure of EPSV is the reason.
 class Ipv6Fault : public FaultTest
 {
 };
 
-TEST_P(Ipv6Fault, FailsInWords)
+TEST_P(Ipv6Fault, IsReported)
 {
     FaultyServer server(GetParam().fault, {"--host", "::1"});
     Use(Parameters("::1", server.Port(), m_directory.Path()));
@@ -287,13 +286,12 @@ INSTANTIATE_TEST_SUITE_P(
              "3 21/PASSIVE/229 unexpected reply to EPSV: 229 Extended \\(\\|\\|\\|banana\\|\\)"},
         Case{"reply:EPSV:229 (|||0|)",
              "3 21/PASSIVE/229 unexpected reply to EPSV: 229 \\(\\|\\|\\|0\\|\\)"},
-        Case{"drop:EPSV", "3 26/PASSIVE/0 connection lost at EPSV: closed by the server"},
+        Case{"drop:EPSV", "3 26/PASSIVE/0 connection lost during EPSV: closed by the server"},
         Case{"epsv_unreachable",
-             "3 16/DATA_CONNECT/0 no data connection to port 1: Connection refused"}),
+             "3 16/DATA_CONNECT/0 cannot connect to data port 1: Connection refused"}),
     [](const auto& one) { return std::to_string(one.index); });
 
-// Implicit TLS protects the control channel whatever the server answers; the data channel must not
-// stay in clear for that.
+// With implicit TLS the control channel is always encrypted. The data channel must be too.
 class ImplicitTls : public LayerTest
 {
 protected:
@@ -314,8 +312,8 @@ TEST_F(ImplicitTls, ARefusedProtFailsToo)
     EXPECT_EQ(0u, server.Count("COMMAND RETR"));
 }
 
-// vsftpd greets the connections beyond its limit so.
-TEST_F(ImplicitTls, AGreetingInClearIsNamed)
+// vsftpd greets connections beyond its limit in clear.
+TEST_F(ImplicitTls, AGreetingInClearIsReported)
 {
     std::vector<std::string> options = TlsOptions("implicit");
     options.insert(options.end(), {"--most", "0"});
@@ -327,7 +325,7 @@ TEST_F(ImplicitTls, AGreetingInClearIsNamed)
               FetchImplicitly(plain));
 }
 
-// An operator has to change something else in each case.
+// The two cases need different fixes.
 class NothingInCommon : public LayerTest
 {
 protected:
@@ -344,48 +342,45 @@ protected:
         return Fetch("f", "f");
     }
 
-    const std::string m_version =
-        "3 17/TLS/0/3 TLS handshake failed: the server wants another TLS version";
+    const std::string m_version = "3 17/TLS/0/3 TLS handshake failed: no TLS version in common";
     const std::string m_suites = "3 17/TLS/0/4 TLS handshake failed: no cipher suite in common";
 };
 
-TEST_F(NothingInCommon, TheVersionIsNamed)
+TEST_F(NothingInCommon, TheVersionIsReported)
 {
     EXPECT_EQ(m_version, FetchWith({0x03001301}, {"--tls-max", "1.2"}));
     EXPECT_EQ(m_version, FetchWith({}, {"--tls-max", "1.1"}));
     EXPECT_EQ("0 12", FetchWith({0x03001301}, {}));
 }
 
-TEST_F(NothingInCommon, TheSuitesAreNamed)
+TEST_F(NothingInCommon, TheSuitesAreReported)
 {
     EXPECT_EQ(m_suites, FetchWith({0x03000035, 0x0300003C, 0x0300003D}, {"--ciphers", "ECDHE"}));
     EXPECT_EQ("0 12", FetchWith({0x03000035, 0x0300003C, 0x0300003D}, {}));
 }
 
-// A transfer as a whole has its limit, whatever it waits for.
+// The limit applies in every step.
 TEST_F(LayerTest, TheWholeTransferHasALimit)
 {
     const Limits limits([](auto& each) { each.ulTransferMs = 600; });
     for (const char* fault : {"hang:GREETING", "stall", "slow_drip", "hang:CLOSING"})
     {
         FaultyServer server(fault);
-        Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+        Use(RecordFor(server));
         EXPECT_THAT(Fetch("f", "f"), MatchesRegex("3 22/[A-Z]+/0 transfer timed out after 0\\.6 s"))
             << fault;
     }
 }
 
-// It is on the control channel, and the data channel's silence is no reason to wait.
+// The 451 is on the control channel; the idle data channel is not waited for.
 TEST_F(LayerTest, AnAbortIsReportedAtOnce)
 {
     for (const char* fault : {"abort_while_data_hangs", "abort_in_one_piece"})
     {
         for (const bool tls : {false, true})
         {
-            FaultyServer server(fault, tls ? TlsOptions() : std::vector<std::string>());
-            auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
-            record.ulServerType = tls ? 1 : 0;
-            Use(record);
+            FaultyServer server(fault, OptionsFor(tls));
+            Use(RecordFor(server, tls));
             const auto begin = std::chrono::steady_clock::now();
             EXPECT_EQ(
                 "3 23/RECEIVE/451 the server aborted the transfer: 451 Read error on the disk.",
@@ -408,8 +403,8 @@ protected:
     }
 };
 
-// However long the reply, however short the password, and in whatever code it is written.
-TEST_F(PasswordEcho, IsNeverRepeated)
+// With long replies, short passwords, and in both encodings.
+TEST_F(PasswordEcho, NeverAppears)
 {
     captured_log::Clear();
     EXPECT_EQ("3 19/LOGIN/530 login refused: 530 Login incorrect, password was *************.",

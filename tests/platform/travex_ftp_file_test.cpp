@@ -1,4 +1,4 @@
-// Files: what is replaced, what is kept, what is left behind, and what the observer sees of it.
+// Local files: replacement, permissions, orphans. And observations.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -19,17 +19,17 @@
 
 namespace
 {
-// What the next calls of flock answer; each error once for each count.
+// The next `count` calls of flock fail with `error`.
 struct LockFault
 {
     std::atomic<int> error{0};
     std::atomic<int> count{0};
-    std::atomic<int> waiting{0};  // calls that would have waited
+    std::atomic<int> waiting{0};  // calls without LOCK_NB
 } g_lock_fault;
 }  // namespace
 
-// Stands before the system's: file systems without locks and processes that take every lock are
-// hard to come by.
+// Replaces the system's flock, to simulate file systems without locks and processes that take every
+// lock.
 extern "C" int flock(int fd, int operation) noexcept
 {
     g_lock_fault.waiting += (operation & LOCK_NB) == 0 ? 1 : 0;
@@ -56,7 +56,7 @@ protected:
     void SetUp() override
     {
         LayerTest::SetUp();
-        Use(Parameters("127.0.0.1", m_server.Port(), m_directory.Path()));
+        Use(RecordFor(m_server));
     }
 
     mode_t ModeOf(const std::string& name) const
@@ -82,7 +82,7 @@ TEST_F(FileTest, PermissionsOfAReplacedFileAreKept)
     EXPECT_TRUE(FaultyServer::Body(100000) == Content("old"));
 }
 
-// To another user when the tests run as root.
+// As root, with a file of another user.
 TEST_F(FileTest, OwnerOfAReplacedFileIsKeptAndItsSpecialBitsAreNot)
 {
     const std::string file = m_directory.File("f");
@@ -99,10 +99,10 @@ TEST_F(FileTest, OwnerOfAReplacedFileIsKeptAndItsSpecialBitsAreNot)
     EXPECT_EQ(group, status.st_gid);
 }
 
-TEST_F(FileTest, PermissionsOutliveAFileThatVanishes)
+TEST_F(FileTest, PermissionsOfAFileThatVanishesAreKept)
 {
     const FaultyServer slow("slow_drip", {"--size", "60"});
-    Use(Parameters("127.0.0.1", slow.Port(), m_directory.Path()));
+    Use(RecordFor(slow));
     support::WriteFile(m_directory.File("f"), "old");
     ASSERT_EQ(0, chmod(m_directory.File("f").c_str(), 0654));
     const unsigned int task = Start("f", "f");
@@ -121,16 +121,16 @@ TEST_F(FileTest, SymbolicLinkIsReplacedNotFollowed)
     EXPECT_EQ("precious", Content("precious"));
 }
 
-TEST_F(FileTest, HopelessTargetsFailBeforeConnecting)
+TEST_F(FileTest, ImpossibleTargetsFailBeforeConnecting)
 {
     ASSERT_EQ(0, mkdir(m_directory.File("directory").c_str(), 0700));
     EXPECT_EQ(
         "3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() + "/./directory: Is a directory",
         Fetch("f", "directory"));
     ASSERT_EQ(0, mkfifo(m_directory.File("pipe").c_str(), 0600));
-    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() +
-                  "/./pipe: it is not a regular file",
-              Fetch("f", "pipe"));
+    EXPECT_EQ(
+        "3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() + "/./pipe: not a regular file",
+        Fetch("f", "pipe"));
     EXPECT_TRUE(S_ISFIFO(ModeOf("pipe")));
     unsigned int task = 0;
     ASSERT_EQ(0u,
@@ -141,7 +141,7 @@ TEST_F(FileTest, HopelessTargetsFailBeforeConnecting)
     EXPECT_EQ(0u, m_server.Count("CONNECT"));
 }
 
-TEST_F(FileTest, OrphansAreSweptAndFilesInUseAreNot)
+TEST_F(FileTest, OrphansAreRemovedAndFilesInUseAreNot)
 {
     const std::string orphan = m_directory.File(".travex_ftp-0123456789abcdef.part");
     const std::string held = m_directory.File(".travex_ftp-fedcba9876543210.part");
@@ -162,9 +162,9 @@ TEST_F(FileTest, OrphansAreSweptAndFilesInUseAreNot)
     ASSERT_EQ(0, unlink(others.c_str()));
 }
 
-// As the replacement of a file that is only to be read leaves one. Root may write everything, and
-// becomes another user meanwhile.
-TEST_F(FileTest, OrphansThatMayNotBeWrittenAreSwept)
+// The replacement of a read-only file leaves a read-only orphan. Root, who may write to any file,
+// runs this as another user.
+TEST_F(FileTest, ReadOnlyOrphansAreRemoved)
 {
     const std::string orphan = m_directory.File(".travex_ftp-0123456789abcdef.part");
     support::WriteFile(orphan, "x");
@@ -182,9 +182,9 @@ TEST_F(FileTest, OrphansThatMayNotBeWrittenAreSwept)
     EXPECT_FALSE(support::FileExists(orphan));
 }
 
-// Root gives the replacement of another user's file away before it is in place. Others have no
-// files but their own here.
-TEST_F(FileTest, OrphansOfOthersAreSweptByRootAlone)
+// Root changes the owner of a replacement before the rename, so orphans of other users may be its
+// own. Without root all files here have one owner.
+TEST_F(FileTest, OrphansOfOtherUsersAreRemovedByRootOnly)
 {
     const bool root = geteuid() == 0;
     const std::string orphan = m_directory.File(".travex_ftp-0123456789abcdef.part");
@@ -206,7 +206,7 @@ TEST_F(FileTest, OrphansOfOthersAreSweptByRootAlone)
     EXPECT_FALSE(support::FileExists(orphan));
 }
 
-// It would be swept by the next download.
+// The next download would remove it.
 TEST_F(FileTest, NameOfATemporaryFileIsRefused)
 {
     unsigned int task = 0;
@@ -214,8 +214,9 @@ TEST_F(FileTest, NameOfATemporaryFileIsRefused)
     EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
               TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", ".",
                                           ".travex_ftp-0123456789abcdef.part", nullptr));
-    EXPECT_EQ(1u, captured_log::CountWith("the local file \".travex_ftp-0123456789abcdef.part\" "
-                                          "has the name of a temporary file"));
+    EXPECT_EQ(1u,
+              captured_log::CountWith("the local file name \".travex_ftp-0123456789abcdef.part\" "
+                                      "is reserved for temporary files"));
     EXPECT_EQ("0 12", Fetch("f", ".travex_ftp-0123456789abcdeg.part"));
     EXPECT_EQ("0 12", Fetch("f", "g"));
     EXPECT_THAT(support::FilesIn(m_directory.Path()),
@@ -232,23 +233,23 @@ protected:
         g_lock_fault.error = error;
         g_lock_fault.count = count;
         const std::string outcome = Fetch("f", "f");
-        EXPECT_EQ(0, g_lock_fault.waiting) << "a lock may never be given";
+        EXPECT_EQ(0, g_lock_fault.waiting) << "waits for a lock";
         g_lock_fault.count = 0;
         return outcome;
     }
 };
 
-TEST_F(LockTest, ANewFileThatAnotherHoldsIsGivenUp)
+TEST_F(LockTest, AnotherNameIsUsedIfTheNewFileIsLocked)
 {
     EXPECT_EQ("0 12", FetchWith(EWOULDBLOCK, 3));
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
     EXPECT_EQ("3 25/LOCAL_FILE/0 cannot lock " + m_directory.Path() +
-                  "/./f: others lock every temporary file",
+                  "/./f: other processes lock every temporary file",
               FetchWith(EWOULDBLOCK, 1000000));
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
 }
 
-TEST_F(LockTest, AFileSystemWithoutLocksWillDo)
+TEST_F(LockTest, AFileSystemWithoutLocksWorks)
 {
     for (const int error : {ENOLCK, EOPNOTSUPP, ENOSYS, EINVAL})
     {
@@ -259,12 +260,12 @@ TEST_F(LockTest, AFileSystemWithoutLocksWillDo)
               FetchWith(EIO, 1000000));
 }
 
-TEST_F(FileTest, RunningTransfersDoNotSweepEachOther)
+TEST_F(FileTest, RunningTransfersDoNotRemoveEachOthersFiles)
 {
     std::vector<unsigned int> tasks;
     for (int i = 0; i != 40; ++i)
     {
-        const auto record = Parameters("127.0.0.1", m_server.Port(), m_directory.Path());
+        const auto record = RecordFor(m_server);
         tasks.push_back(
             ftp_test::StartOn(ftp_test::HandleWith(record), "f", "f" + std::to_string(i % 4)));
     }
@@ -277,7 +278,7 @@ TEST_F(FileTest, RunningTransfersDoNotSweepEachOther)
 
 TEST_F(FileTest, FullDiskLeavesTheOldFile)
 {
-    // A file-size limit is as good as a full disk, and needs no mount.
+    // A file-size limit acts like a full disk and needs no mount.
     support::WriteFile(m_directory.File("f"), "old");
     rlimit limit{};
     ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &limit));
@@ -292,34 +293,33 @@ TEST_F(FileTest, FullDiskLeavesTheOldFile)
     EXPECT_EQ("0 12", Fetch("f", "f"));
 }
 
-// A slow download of yesterday's file must not replace today's.
+// A slow earlier download must not replace the file of a later request.
 TEST_F(FileTest, TheFileOfTheLaterRequestStays)
 {
     FaultyServer slow("slow_drip", {"--size", "30"});
     FaultyServer quick("none", {"--size", "2000"});
-    Use(Parameters("127.0.0.1", slow.Port(), m_directory.Path()));
+    Use(RecordFor(slow));
     const unsigned int old = Start("f", "f");
-    Use(Parameters("127.0.0.1", quick.Port(), m_directory.Path()));
+    Use(RecordFor(quick));
     EXPECT_EQ("0 12", Fetch("f", "f"));
     EXPECT_EQ("0 12", ftp_test::OutcomeOf(old));
     EXPECT_EQ(FaultyServer::Body(2000), Content("f"));
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
 }
 
-// That a server announces a size does not mean that it gives the file; which of the two is wrong is
-// what its publisher has to know.
-TEST_F(FileTest, AFileThatIsNotGivenIsNotCalledTooLarge)
+// A server may announce a size above the limit and then refuse the file: the refusal is the reason.
+TEST_F(FileTest, ARefusedFileIsNotReportedAsTooLarge)
 {
     const ftp_test::Limits limits([](auto& each) { each.ullFileBytes = 1; });
     FaultyServer refusing("reply:RETR:550 gone");
-    Use(Parameters("127.0.0.1", refusing.Port(), m_directory.Path()));
+    Use(RecordFor(refusing));
     EXPECT_EQ("3 20/RETRIEVE/550 RETR refused: 550 gone", Fetch("f", "f"));
     FaultyServer giving("none");
-    Use(Parameters("127.0.0.1", giving.Port(), m_directory.Path()));
+    Use(RecordFor(giving));
     EXPECT_EQ("3 24/RECEIVE/0 the file is larger than 1 bytes", Fetch("f", "f"));
 }
 
-// What the observer saw; for one task at a time.
+// Recorded observations; for one task at a time.
 struct Watch
 {
     std::mutex mutex;
@@ -362,7 +362,7 @@ protected:
 TEST_F(ObserverTest, SeesProgressAndOutcomeBeforeTheNotification)
 {
     FaultyServer server("none", {"--size", "30000000"});
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    Use(RecordFor(server));
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
     size_t seenBefore = 0;
     ftp_test::SetHook(
@@ -385,16 +385,17 @@ TEST_F(ObserverTest, SeesProgressAndOutcomeBeforeTheNotification)
 TEST_F(ObserverTest, SeesFailuresWithTheReasonAndRefusalsAtOnce)
 {
     FaultyServer server("reply:RETR:550 gone");
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    Use(RecordFor(server));
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
     ASSERT_EQ("3 20/RETRIEVE/550 RETR refused: 550 gone", Fetch("f", "f"));
     unsigned int task = 0;
     EXPECT_EQ(TRAVEX_FTP_ERR_PARAM,
               TRAVEX_FTP_AsynDownloadFile(m_handle, &task, "f", ".", "..", nullptr));
     const std::string name = "127.0.0.1:" + std::to_string(server.Port());
-    EXPECT_THAT(m_watch.seen,
-                ElementsAre("4 f 18446744073709551615 ", "2 f 100000 RETR refused: 550 gone",
-                            "3 f 18446744073709551615 the local file \"..\" is not a plain name"));
+    EXPECT_THAT(
+        m_watch.seen,
+        ElementsAre("4 f 18446744073709551615 ", "2 f 100000 RETR refused: 550 gone",
+                    "3 f 18446744073709551615 the local file name \"..\" is not a plain name"));
     EXPECT_THAT(m_watch.servers, ElementsAre(name, name, name));
     using Cause = std::array<unsigned int, 4>;
     EXPECT_THAT(m_watch.causes,
@@ -405,7 +406,7 @@ TEST_F(ObserverTest, SeesFailuresWithTheReasonAndRefusalsAtOnce)
 TEST_F(ObserverTest, SeesTheTimingsOfATransferInClear)
 {
     FaultyServer server("none");
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    Use(RecordFor(server));
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
     ASSERT_EQ("0 12", Fetch("f", "f"));
     ASSERT_EQ("0 12", Fetch("f", "f"));
@@ -429,7 +430,7 @@ TEST_F(ObserverTest, SeesTheTimingsOfATransferInClear)
     EXPECT_LT(second.ullOpened, second.ullEnded);
 }
 
-TEST_F(ObserverTest, SeesWhoAnsweredOverTls)
+TEST_F(ObserverTest, SeesVersionSuiteAndCertificate)
 {
     support::FtpServerOptions options;
     options.tls = support::Tls::kExplicit;
@@ -458,11 +459,11 @@ TEST_F(ObserverTest, SeesWhoAnsweredOverTls)
     }
 }
 
-// Whose certificate it was helps to find out why it was not accepted.
-TEST_F(ObserverTest, SeesACertificateThatIsNotAccepted)
+// The subject helps to find out why a certificate was rejected.
+TEST_F(ObserverTest, SeesARejectedCertificate)
 {
     FaultyServer server("none", ftp_test::TlsOptions());
-    auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    auto record = RecordFor(server);
     record.ulServerType = 1;
     record.ulCertVerify = 1;
     record.pcFtpCtrlInfo = ftp_test::Certificates().OtherAuthority().c_str();
@@ -479,11 +480,11 @@ TEST_F(ObserverTest, SeesACertificateThatIsNotAccepted)
     EXPECT_STREQ("", refused.acTlsVersion);
 }
 
-// Once SetObserver has returned the earlier observer does not run: its state may go.
+// After SetObserver has returned, the earlier observer's state may be destroyed.
 TEST_F(ObserverTest, ReplacedObserverIsNotCalledAnyMore)
 {
     FaultyServer server("none");
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    Use(RecordFor(server));
     std::vector<unsigned int> tasks;
     for (int i = 0; i != 50; ++i)
     {
@@ -501,7 +502,7 @@ TEST_F(ObserverTest, ReplacedObserverIsNotCalledAnyMore)
 TEST_F(ObserverTest, MayReplaceItself)
 {
     FaultyServer server("none");
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    Use(RecordFor(server));
     TRAVEX_FTP_SetObserver([](void* user, const tagTRAVEX_FTP_S_OBSERVATION*)
                            { TRAVEX_FTP_SetObserver(Watch::See, user); },
                            &m_watch);

@@ -236,6 +236,11 @@ std::vector<std::string> TlsOptions(const std::string& kind)
     return {"--tls", kind, "--cert", certificate.certificate_file, "--key", certificate.key_file};
 }
 
+std::vector<std::string> OptionsFor(bool tls)
+{
+    return tls ? TlsOptions() : std::vector<std::string>();
+}
+
 tagTRAVEX_FTP_S_CTRL_PARAM Parameters(const std::string& host, unsigned int port,
                                       const std::string& directory)
 {
@@ -300,6 +305,14 @@ void LayerTest::TearDown()
     {
         EXPECT_NE(0u, name.find(".travex_ftp-")) << "left behind: " << name;
     }
+}
+
+tagTRAVEX_FTP_S_CTRL_PARAM LayerTest::RecordFor(const FaultyServer& server, bool tls) const
+{
+    auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
+    record.ulServerType = record.ulCertVerify = tls ? 1 : 0;
+    record.pcFtpCtrlInfo = Certificates().Authority().c_str();
+    return record;
 }
 
 void LayerTest::Use(const tagTRAVEX_FTP_S_CTRL_PARAM& parameters)

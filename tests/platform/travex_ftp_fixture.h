@@ -1,5 +1,4 @@
-// What the tests of the FTP layer share: a client with its notifications, and a server that
-// misbehaves on purpose.
+// Shared by the tests of the FTP layer: a client that records notifications, and a faulty server.
 #ifndef TRAVEX_FTP_FIXTURE_H
 #define TRAVEX_FTP_FIXTURE_H
 
@@ -19,7 +18,7 @@
 
 namespace ftp_test
 {
-// A notification as it arrived.
+// A recorded notification.
 struct Notice
 {
     unsigned int type = 0;
@@ -37,19 +36,19 @@ struct Notice
 std::vector<Notice> Notices();
 void ClearNotices();
 
-// Called in every notification after it was recorded; none: nothing.
+// Called in every notification after it was recorded; may be empty.
 void SetHook(std::function<void(const Notice&)> hook);
 
 // The callback that records.
 void Record(void* user, tagTRAVEX_FTP_S_NOTIFY_DATA* data);
 
-// How a task ended; waits for it. "0 12", or "3 <code>/<step>/<reply> <reason>" with the step's
-// name in travex_ftp.h, as "3 20/RETRIEVE/550 RETR refused: 550 gone"; behind a detail's number, if
-// there is one, as "3 18/TLS/0/1 certificate is not for 127.0.0.1". Empty when it did not end in
+// Waits for a task and returns its outcome: "0 12", or "3 <code>/<step>/<reply> <reason>" with the
+// step's name in travex_ftp.h, as "3 20/RETRIEVE/550 RETR refused: 550 gone"; with the number of a
+// detail, if any, as "3 18/TLS/0/1 certificate is not for 127.0.0.1". Empty if it did not end in
 // time.
 std::string OutcomeOf(unsigned int task);
 
-// Limits of the process for the life of the object; those that are left 0 are the layer's.
+// Limits of the process for the life of the object; those left 0 are the defaults.
 class Limits
 {
 public:
@@ -83,11 +82,11 @@ public:
 
     unsigned int Port() const;
     std::string Log() const;
-    size_t Count(const std::string& line) const;  // lines of the log that begin so
-    std::vector<std::string> Lines(const std::string& begin) const;  // what follows in those
+    size_t Count(const std::string& line) const;  // lines of the log that begin with it
+    std::vector<std::string> Lines(const std::string& begin) const;  // the rest of those lines
     std::vector<std::string> Commands() const;
 
-    static std::string Body(size_t size);  // what it serves under every name
+    static std::string Body(size_t size);  // the file that it serves
 
 private:
     support::TemporaryDirectory m_directory;
@@ -95,9 +94,12 @@ private:
     unsigned int m_port = 0;
 };
 
-// Certificates of the test program, and the options for a server of it with TLS.
+// Certificates of the test program.
 const support::TestCertificates& Certificates();
+
+// Options of a FaultyServer with TLS; and with explicit TLS or none.
 std::vector<std::string> TlsOptions(const std::string& kind = "explicit");
+std::vector<std::string> OptionsFor(bool tls);
 
 // Control parameters for an address and a work directory.
 tagTRAVEX_FTP_S_CTRL_PARAM Parameters(const std::string& host, unsigned int port,
@@ -119,6 +121,9 @@ class LayerTest : public ::testing::Test
 protected:
     void SetUp() override;
     void TearDown() override;
+
+    // Parameters for a server of this test, with TLS that is verified or without.
+    tagTRAVEX_FTP_S_CTRL_PARAM RecordFor(const FaultyServer& server, bool tls = false) const;
 
     // Sets the parameters; a failure fails the test.
     void Use(const tagTRAVEX_FTP_S_CTRL_PARAM& parameters);

@@ -1,5 +1,5 @@
-// Handles: one thread each, their transfers one after the other, none held up by another handle's
-// trouble, and ended at once in whatever step they are.
+// Handles: one thread each, transfers one after the other, independent of other handles, cancelled
+// at once in every step.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 
 #include "memory_search.h"
 #include "silent_address.h"
@@ -26,6 +27,7 @@ using ftp_test::LayerTest;
 using ftp_test::Limits;
 using ftp_test::Notice;
 using ftp_test::Notices;
+using ftp_test::OptionsFor;
 using ftp_test::OutcomeOf;
 using ftp_test::Parameters;
 using ftp_test::StartOn;
@@ -58,18 +60,25 @@ std::vector<int> Connections()
     return found;
 }
 
+// Sockets that connect to a port of 127.0.0.1 (state SYN_SENT).
+size_t Connecting(unsigned int port)
+{
+    char entry[32];
+    (void)snprintf(entry, sizeof entry, " 0100007F:%04X 02 ", port);
+    std::istringstream sockets(support::ReadFile("/proc/self/net/tcp"));
+    size_t count = 0;
+    for (std::string line; std::getline(sockets, line);)
+    {
+        count += line.find(entry) != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
 class HandleTest : public LayerTest
 {
-protected:
-    tagTRAVEX_FTP_S_CTRL_PARAM RecordFor(const FaultyServer& server, bool tls = false) const
-    {
-        auto record = Parameters("127.0.0.1", server.Port(), m_directory.Path());
-        record.ulServerType = tls ? 1 : 0;
-        return record;
-    }
 };
 
-// The order is that of acceptance, whatever the servers; the second server is quicker by far.
+// In the order of acceptance, although the second server is much faster.
 TEST_F(HandleTest, TransfersFollowOneAnotherInTheOrderOfTheirRequests)
 {
     FaultyServer slow("slow_drip", {"--size", "30"});
@@ -95,7 +104,7 @@ TEST_F(HandleTest, TransfersFollowOneAnotherInTheOrderOfTheirRequests)
     EXPECT_EQ(tasks, ended);
 }
 
-// A server that takes a single connection of a client is enough.
+// Works with a server that allows a single connection.
 TEST_F(HandleTest, ManyTransfersShareOneConnection)
 {
     constexpr size_t kTransfers = 200;
@@ -154,7 +163,7 @@ TEST_F(HandleTest, AClosedHandleBeginsNothingThatWaited)
     EXPECT_TRUE(Notices().empty());
 }
 
-// Steps in which a server may leave a client waiting, and what it has heard when it does.
+// Steps in which a server may hang, and the line of its log that shows the step.
 struct Hang
 {
     const char* fault;
@@ -185,16 +194,15 @@ class EveryHang : public HandleTest, public testing::WithParamInterface<Hang>
 protected:
     FaultyServer MakeServer() const
     {
-        return FaultyServer(GetParam().fault,
-                            GetParam().tls ? TlsOptions() : std::vector<std::string>());
+        return FaultyServer(GetParam().fault, OptionsFor(GetParam().tls));
     }
 
-    // A transfer that hangs in its step.
+    // Starts a transfer and waits until it hangs in its step.
     unsigned int Begin(TRAVEX_FTP_HANDLE handle, const FaultyServer& server)
     {
         const unsigned int task = StartOn(handle, "f", "hanging");
         EXPECT_TRUE(WaitUntil([&] { return server.Count(GetParam().heard) == 1; }));
-        // Until the client waits for what follows.
+        // Most likely the client waits by then; the tests hold if it does not.
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         return task;
     }
@@ -248,7 +256,7 @@ TEST_P(EveryHang, DelaysNoOtherHandle)
 INSTANTIATE_TEST_SUITE_P(All, EveryHang, testing::ValuesIn(kHangs),
                          [](const auto& hang) { return std::to_string(hang.index); });
 
-// A TCP connection that does not come about.
+// A TCP connection that is never established.
 class SilentServer : public HandleTest
 {
 protected:
@@ -266,8 +274,9 @@ TEST_F(SilentServer, IsLeftAtOnce)
 {
     const size_t before = CountThreads();
     Use(Parameters("127.0.0.1", m_silent.Port(), m_directory.Path()));
+    const size_t connecting = Connecting(m_silent.Port());
     (void)Start("f", "f");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(WaitUntil([&] { return Connecting(m_silent.Port()) > connecting; }));
     const auto begin = Clock::now();
     EXPECT_EQ(0u, TRAVEX_FTP_CloseHandle(m_handle));
     EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= before + 1; }));
@@ -286,7 +295,7 @@ TEST_F(SilentServer, DelaysNoOtherHandle)
     EXPECT_LT(Clock::now() - begin, kQuick);
 }
 
-// A number that is closed twice would be that of somebody else's descriptor.
+// Closing a descriptor twice would close one of the process.
 TEST_F(SilentServer, LeavesLaterDescriptorsOfTheProcessAlone)
 {
     const Limits limits([](auto& each) { each.ulConnectMs = 300; });
@@ -311,7 +320,7 @@ TEST_F(SilentServer, LeavesLaterDescriptorsOfTheProcessAlone)
     }
 }
 
-// Each on a connection and a thread of its own.
+// Each handle has its own connection and thread.
 TEST_F(HandleTest, ManyHandlesTransferAtOnce)
 {
     constexpr size_t kHandles = 100;
@@ -327,7 +336,7 @@ TEST_F(HandleTest, ManyHandlesTransferAtOnce)
     {
         EXPECT_EQ("0 12", OutcomeOf(task));
     }
-    // Each takes two seconds: one after the other they would take minutes.
+    // Each takes two seconds; in sequence they would take minutes.
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(40));
     EXPECT_EQ(kHandles, server.Count("CONNECT"));
     EXPECT_EQ(kHandles, support::FilesIn(m_directory.Path()).size());
@@ -348,7 +357,7 @@ TEST_F(HandleTest, StopWithManyTransfersRunningIsQuick)
     EXPECT_TRUE(support::FilesIn(m_directory.Path()).empty());
 }
 
-// Made with the first download of a handle, and no more however many follow.
+// It starts with the handle's first download and serves all later ones.
 TEST_F(HandleTest, EachHandleHasOneThread)
 {
     FaultyServer server("none");
@@ -377,7 +386,7 @@ TEST_F(HandleTest, EachHandleHasOneThread)
     EXPECT_LE(CountThreads(), before);
 }
 
-// The one thing of the layer that the verify callback may call.
+// The only function of the layer that the verify callback may call.
 TEST_F(HandleTest, MayBeClosedInTheVerifyCallback)
 {
     static TRAVEX_FTP_HANDLE s_handle = nullptr;
@@ -398,7 +407,7 @@ TEST_F(HandleTest, MayBeClosedInTheVerifyCallback)
 }
 
 #ifndef CORPDIR_TESTS_UNDER_SANITIZERS  // which have threads of their own
-// A write to a connection that the server has left must not end the process.
+// A write to a connection that the server has closed must not end the process.
 TEST_F(HandleTest, ItsThreadsBlockEverySignal)
 {
     FaultyServer server("none", TlsOptions());
@@ -417,12 +426,11 @@ TEST_F(HandleTest, ItsThreadsBlockEverySignal)
             EXPECT_NE(0u, blocked & (1ull << (SIGTERM - 1))) << task.path();
         }
     }
-    EXPECT_EQ(2u, threads) << "of the handle and of notifications";
+    EXPECT_EQ(2u, threads) << "handle and notification thread";
 }
 #endif
 
-// A router forgets a connection on which nothing is said, as on the control connection while a long
-// file is on its way.
+// A router drops an idle connection, such as the control connection during a long transfer.
 TEST_F(HandleTest, BothChannelsAreKeptAlive)
 {
     FaultyServer server("stall");
@@ -453,8 +461,7 @@ double CpuSeconds()
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-// Both sockets are watched: neither a data channel that is connected and silent, nor one that has
-// ended, nor a kept connection may keep the thread spinning.
+// The thread must not spin on an idle data channel, on a closed one, or on a kept connection.
 TEST_F(HandleTest, WaitingCostsNoTime)
 {
     const Limits limits(
@@ -467,7 +474,7 @@ TEST_F(HandleTest, WaitingCostsNoTime)
         Use(RecordFor(server, true));
         const unsigned int task = Start("f", "f");
         ASSERT_TRUE(WaitUntil([&] { return server.Count("COMMAND RETR") == 1; }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the file that does come
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until a file has arrived
         const double begin = CpuSeconds();
         (void)OutcomeOf(task);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -476,7 +483,7 @@ TEST_F(HandleTest, WaitingCostsNoTime)
 }
 
 #ifndef CORPDIR_TESTS_UNDER_SANITIZERS  // they keep freed memory, and map more than can be read
-// A password is put together at run time and wiped, so that the layer's copies are the only ones.
+// The password is assembled at run time and wiped, so that only the layer has copies.
 class PasswordInMemory : public HandleTest
 {
 protected:
@@ -485,8 +492,7 @@ protected:
         auto record = RecordFor(server, tls);
         std::copy(reversed.rbegin(), reversed.rend(), record.acPassword);
         record.acPassword[reversed.size()] = '\0';
-        // The beginning of a freed block is overwritten by the allocator itself: the end is looked
-        // for.
+        // Searches for its end: the allocator overwrites the beginning of a freed block.
         m_end = reversed.substr(0, 30);
         EXPECT_NE(0u, Count()) << "the search works";
         Use(record);
@@ -506,19 +512,19 @@ TEST_F(PasswordInMemory, IsNotInClearWhileAConnectionIsKept)
     const std::string reversed = "71-drowssap-gnol-a-fo-dne-eht-si-siht-" + std::string(40, '.');
     for (const bool tls : {false, true})
     {
-        FaultyServer server("none", tls ? TlsOptions() : std::vector<std::string>());
+        FaultyServer server("none", OptionsFor(tls));
         UsePassword(server, tls, reversed);
         EXPECT_EQ(0u, Count());
         ASSERT_EQ("0 12", Fetch("f", "f"));
         EXPECT_TRUE(WaitUntil([&] { return Count() == 0; })) << tls;
-        EXPECT_EQ(1u, Connections().size()) << "it is kept";  // the server's log has the password
+        EXPECT_EQ(1u, Connections().size()) << "it is kept";
         ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
         EXPECT_EQ(0u, Count()) << tls;
         SetUp();
     }
 }
 
-// Nor when no call waits for the layer's threads.
+// Also when no call waits for the layer's threads.
 TEST_F(PasswordInMemory, OutlivesNoStopWithinACallback)
 {
     FaultyServer server("none", TlsOptions());

@@ -1,4 +1,5 @@
-// Whose certificate is believed: that of the server as it was listed, by name or by address.
+// Certificate identity: the certificate must carry the name or address by which the server is
+// listed.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <netdb.h>
@@ -12,7 +13,7 @@
 
 namespace
 {
-// What names resolve to here; the linker puts these functions before the system's.
+// Addresses of host names; the linker wraps the system's getaddrinfo.
 std::map<std::string, std::vector<std::string>> g_hosts;
 }  // namespace
 
@@ -21,7 +22,7 @@ extern "C"
     int __real_getaddrinfo(const char* node, const char* service, const addrinfo* hints,
                            addrinfo** result);
 
-    // Every address of a name of ours, each taken from the system's conversion of its text.
+    // Returns all addresses of a name in g_hosts.
     int __wrap_getaddrinfo(const char* node, const char* service, const addrinfo* hints,
                            addrinfo** result)
     {
@@ -62,12 +63,12 @@ protected:
     {
         LayerTest::SetUp();
         g_hosts = {{"directory.test", {"127.0.0.1"}}, {"other.test", {"127.0.0.1"}}};
-        // What an earlier test converted on this thread.
+        // Forgets the conversions of earlier tests on this thread.
         auto record = Parameters("127.0.0.1", 1, m_directory.Path());
         Use(record);
     }
 
-    // Starts a server whose certificate is for these names, in OpenSSL's words.
+    // Starts a server whose certificate has these subjectAltName entries, in OpenSSL's syntax.
     void Serve(const std::string& names, const std::vector<std::string>& more = {},
                const char* fault = "none")
     {
@@ -88,7 +89,7 @@ protected:
         Use(record);
     }
 
-    // Whether the server's certificate is believed: its outcome.
+    // The outcome of a download with a verified certificate.
     std::string FetchWith(const std::string& trust = "", const std::string& host = "127.0.0.1")
     {
         UseServer(trust, host);
@@ -96,7 +97,8 @@ protected:
         const std::string outcome = Fetch("f", "f");
         if (outcome != "0 12")
         {
-            EXPECT_EQ(before, m_server->Count("COMMAND USER")) << "no password for a stranger";
+            EXPECT_EQ(before, m_server->Count("COMMAND USER"))
+                << "a rejected server gets no password";
         }
         return outcome;
     }
@@ -131,51 +133,43 @@ protected:
     std::unique_ptr<FaultyServer> m_server;
 };
 
-TEST_F(Identity, AnAddressIsExpectedWhereNothingElseWasListed)
+// Addresses are compared with IP entries, names with DNS entries, ignoring case, with a wildcard in
+// the left-most label only. The subject, here "CN=server", is not used.
+TEST_F(Identity, TheCertificateMustCarryTheListedNameOrAddress)
 {
-    Serve("IP:127.0.0.1");
-    EXPECT_EQ("0 12", FetchWith());
-    Serve("DNS:directory.test,IP:127.0.0.2");
-    EXPECT_EQ(NotFor("127.0.0.1"), FetchWith());
-}
-
-TEST_F(Identity, AnAddressIsNoDnsName)
-{
-    Serve("DNS:127.0.0.1");
-    EXPECT_EQ(NotFor("127.0.0.1"), FetchWith());
-}
-
-TEST_F(Identity, ANameIsExpectedWhereItWasListed)
-{
-    Serve("DNS:directory.test");
-    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
-    EXPECT_EQ("0 12", FetchWith());
-    EXPECT_EQ(0u, Name("127.0.0.1", nullptr));
-    EXPECT_EQ(0u, Name("127.0.0.1", "other.test"));
-    Serve("DNS:directory.test");
-    EXPECT_EQ(NotFor("other.test"), FetchWith());
-}
-
-TEST_F(Identity, AnAddressInTheCertificateIsNotEnoughForAName)
-{
-    Serve("IP:127.0.0.1");
-    EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
-    EXPECT_EQ(NotFor("directory.test"), FetchWith());
-}
-
-TEST_F(Identity, ANameInTheCertificateIsNotEnoughForAnAddress)
-{
-    Serve("DNS:directory.test");
-    EXPECT_EQ(0u, Name("127.0.0.1", "127.0.0.1"));
-    EXPECT_EQ(NotFor("127.0.0.1"), FetchWith());
-}
-
-// The subject of the certificates here is "CN=server".
-TEST_F(Identity, TheSubjectIsNotRead)
-{
-    Serve("email:somebody@directory.test");
-    EXPECT_EQ(0u, Name("127.0.0.1", "server"));
-    EXPECT_EQ(NotFor("server"), FetchWith());
+    const struct
+    {
+        const char* certificate;
+        const char* added;     // by TRAVEX_FTP_SetServerName; null: nothing
+        const char* trust;     // appended to the trust text
+        const char* expected;  // what the certificate does not carry; null: it is accepted
+    } kCases[] = {
+        {"IP:127.0.0.1", nullptr, "", nullptr},
+        {"DNS:directory.test,IP:127.0.0.2", nullptr, "", "127.0.0.1"},
+        {"DNS:127.0.0.1", nullptr, "", "127.0.0.1"},
+        {"DNS:directory.test", "directory.test", "", nullptr},
+        {"DNS:directory.test", "other.test", "", "other.test"},
+        {"IP:127.0.0.1", "directory.test", "", "directory.test"},
+        {"DNS:directory.test", "127.0.0.1", "", "127.0.0.1"},
+        {"email:somebody@directory.test", "server", "", "server"},
+        {"DNS:Directory.Test", "dIRECTORY.test", "", nullptr},
+        {"DNS:*.directory.test", nullptr, ";name=a.directory.test", nullptr},
+        {"DNS:*.directory.test", nullptr, ";name=b.a.directory.test", "b.a.directory.test"},
+        {"DNS:*.directory.test", nullptr, ";name=directory.test", "directory.test"},
+        {"DNS:a.*.test", nullptr, ";name=a.directory.test", "a.directory.test"},
+    };
+    for (const auto& each : kCases)
+    {
+        SCOPED_TRACE(std::string(each.certificate) + " " + (each.added ? each.added : "") +
+                     each.trust);
+        Serve(each.certificate);
+        EXPECT_EQ(0u, TRAVEX_FTP_SetServerName(0, nullptr, nullptr));
+        if (each.added != nullptr)
+        {
+            EXPECT_EQ(0u, Name("127.0.0.1", each.added));
+        }
+        EXPECT_EQ(each.expected == nullptr ? "0 12" : NotFor(each.expected), FetchWith(each.trust));
+    }
 }
 
 TEST_F(Identity, SeveralMayBeAdded)
@@ -185,12 +179,12 @@ TEST_F(Identity, SeveralMayBeAdded)
     Serve("DNS:two.test");
     EXPECT_EQ("0 12", FetchWith());
     Serve("DNS:three.test,IP:127.0.0.1");
-    EXPECT_EQ(NotFor("one.test nor for two.test"), FetchWith());
+    EXPECT_EQ(NotFor("one.test or two.test"), FetchWith());
     EXPECT_EQ(0u, Name("127.0.0.1", "127.0.0.1"));
     EXPECT_EQ("0 12", FetchWith());
 }
 
-// Each address of a name is the name's.
+// The name applies to each of its addresses.
 TEST_F(Identity, ANameWithTwoAddresses)
 {
     g_hosts["two.test"] = {"127.0.0.1", "127.0.0.2"};
@@ -205,7 +199,7 @@ TEST_F(Identity, ANameWithTwoAddresses)
     }
 }
 
-TEST_F(Identity, NamesOfTheTrustTextRuleOutAllElse)
+TEST_F(Identity, NamesOfTheTrustTextOverrideAllOthers)
 {
     EXPECT_EQ(0u, Name("127.0.0.1", "listed.test"));
     ConvertText("127.0.0.1");
@@ -213,10 +207,10 @@ TEST_F(Identity, NamesOfTheTrustTextRuleOutAllElse)
     EXPECT_EQ(NotFor("directory.test"), FetchWith(";name=directory.test"));
     Serve("DNS:second.test");
     EXPECT_EQ("0 12", FetchWith(";name=first.test,second.test"));
-    EXPECT_EQ(NotFor("first.test nor for third.test"), FetchWith(";name=first.test,third.test"));
+    EXPECT_EQ(NotFor("first.test or third.test"), FetchWith(";name=first.test,third.test"));
 }
 
-TEST_F(Identity, WhatWasAddedRulesOutConversions)
+TEST_F(Identity, AddedNamesOverrideConversions)
 {
     Serve("IP:127.0.0.1");
     EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
@@ -224,7 +218,7 @@ TEST_F(Identity, WhatWasAddedRulesOutConversions)
     EXPECT_EQ(NotFor("directory.test"), FetchWith());
 }
 
-TEST_F(Identity, WhatWasAddedIsForgotten)
+TEST_F(Identity, AddedNamesAreRemoved)
 {
     const auto afterwards = [this]
     {
@@ -245,7 +239,7 @@ TEST_F(Identity, WhatWasAddedIsForgotten)
     EXPECT_EQ(NotFor("127.0.0.1"), afterwards());
 }
 
-// From the next SetCtrlParam on.
+// Names apply from the next SetCtrlParam on.
 TEST_F(Identity, IsSettledWhenTheParametersAreSet)
 {
     Serve("IP:127.0.0.1");
@@ -291,7 +285,7 @@ TEST_F(Identity, TextsAreRefused)
     EXPECT_EQ(TRAVEX_FTP_ERR_NOT_INIT, TRAVEX_FTP_SetServerName(0, address, "a.test"));
 }
 
-// The limit protects memory; what was there stays.
+// The limit bounds memory. A refused name changes nothing.
 TEST_F(Identity, AFullTableDropsNothing)
 {
     unsigned char address[16] = {10};
@@ -309,7 +303,7 @@ TEST_F(Identity, AFullTableDropsNothing)
     EXPECT_EQ("0 12", FetchWith());
 }
 
-TEST_F(Identity, ADotAtTheEndIsNoPartOfAName)
+TEST_F(Identity, ATrailingDotIsRemoved)
 {
     Serve("DNS:directory.test");
     EXPECT_EQ(0u, Name("127.0.0.1", "directory.test."));
@@ -318,29 +312,7 @@ TEST_F(Identity, ADotAtTheEndIsNoPartOfAName)
     EXPECT_EQ("0 12", FetchWith(";name=directory.test."));
 }
 
-TEST_F(Identity, LettersOfBothCasesAreTheSame)
-{
-    Serve("DNS:Directory.Test");
-    EXPECT_EQ(0u, Name("127.0.0.1", "dIRECTORY.test"));
-    EXPECT_EQ("0 12", FetchWith());
-}
-
-TEST_F(Identity, AWildcardIsTheLeftmostLabel)
-{
-    Serve("DNS:*.directory.test");
-    EXPECT_EQ("0 12", FetchWith(";name=a.directory.test"));
-    EXPECT_EQ(NotFor("b.a.directory.test"), FetchWith(";name=b.a.directory.test"));
-}
-
-TEST_F(Identity, AWildcardElsewhereIsNone)
-{
-    Serve("DNS:a.*.test");
-    EXPECT_EQ(NotFor("a.directory.test"), FetchWith(";name=a.directory.test"));
-    Serve("DNS:*.directory.test");
-    EXPECT_EQ(NotFor("directory.test"), FetchWith(";name=directory.test"));
-}
-
-// The service converts what was listed on the thread on which it sets the parameters.
+// The service converts the listed text on the thread that sets the parameters.
 TEST_F(Identity, ANameThatWasResolvedIsExpected)
 {
     Serve("DNS:directory.test");
@@ -392,7 +364,7 @@ TEST_F(Identity, AConversionOfAnotherThreadDoesNotCount)
     EXPECT_EQ("0 12", FetchWith());
 }
 
-TEST_F(Identity, NothingAppliesWithoutVerification)
+TEST_F(Identity, WithoutVerificationAnyCertificateIsAccepted)
 {
     Serve("DNS:elsewhere.test");
     EXPECT_EQ(0u, Name("127.0.0.1", "directory.test"));
@@ -402,7 +374,7 @@ TEST_F(Identity, NothingAppliesWithoutVerification)
     EXPECT_EQ("0 12", Fetch("f", "f"));
 }
 
-TEST_F(Identity, TheServerIsToldTheFirstName)
+TEST_F(Identity, TheServerNameIndicationIsTheFirstName)
 {
     Serve("DNS:two.test");
     EXPECT_EQ(0u, Name("127.0.0.1", "one.test"));
@@ -411,7 +383,7 @@ TEST_F(Identity, TheServerIsToldTheFirstName)
     EXPECT_THAT(m_server->Lines("SNI "), ElementsAre("control one.test", "data one.test"));
 }
 
-TEST_F(Identity, TheServerIsToldNoAddress)
+TEST_F(Identity, AnAddressIsNotSentAsServerNameIndication)
 {
     Serve("IP:127.0.0.1");
     EXPECT_EQ("0 12", FetchWith());
@@ -420,8 +392,8 @@ TEST_F(Identity, TheServerIsToldNoAddress)
     EXPECT_THAT(m_server->Lines("SNI "), Each(testing::EndsWith(" -")));
 }
 
-// A data channel may end at another machine than the control channel.
-TEST_F(Identity, ADataChannelIsCheckedLikewise)
+// The data channel may lead to another host than the control channel.
+TEST_F(Identity, ADataChannelIsCheckedToo)
 {
     const std::string stranger = Certificates().WithNames("IP:127.0.0.2").certificate_file;
     Serve("IP:127.0.0.1", {"--data-cert", stranger});
@@ -434,7 +406,7 @@ TEST_F(Identity, ADataChannelIsCheckedLikewise)
               Fetch("f", "f"));
 }
 
-// The server's answer to our alert is not the reason.
+// The reason is the certificate, not the server's reply to our alert.
 TEST_F(Identity, ARefusedDataChannelIsTheCertificatesFailure)
 {
     const std::string stranger = Certificates().WithNames("IP:127.0.0.2").certificate_file;
@@ -448,8 +420,8 @@ TEST_F(Identity, ARefusedDataChannelIsTheCertificatesFailure)
     }
 }
 
-// What was proven for one identity is not proven for another.
-TEST_F(Identity, AConnectionIsKeptForItsIdentityAlone)
+// A connection verified for one identity is not reused for another.
+TEST_F(Identity, AConnectionIsReusedForItsIdentityOnly)
 {
     Serve("DNS:one.test,DNS:two.test");
     EXPECT_EQ("0 12", FetchWith(";name=one.test"));

@@ -1,5 +1,5 @@
-// Faults of the machine that the client runs on: a process that is killed, a full disk, a read-only
-// one, no descriptors left. The file that was there stays.
+// Local faults: a killed process, a full or read-only disk, no descriptors left. The old file
+// stays.
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -53,8 +53,8 @@ protected:
     FaultyServer m_server{"none", {"--size", std::to_string(kBytes)}};
 };
 
-// The moments are spread over a whole run of the process, its start and its end included.
-TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneWholeAtAnyMoment)
+// The process is killed at random times, from before its start-up is complete until after its end.
+TEST_F(KilledProcess, LeavesTheOldFileOrTheCompleteNewOne)
 {
     using Clock = std::chrono::steady_clock;
     const std::string body = FaultyServer::Body(kBytes);
@@ -90,16 +90,16 @@ TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneWholeAtAnyMoment)
         interrupted +=
             std::includes(orphans.begin(), orphans.end(), left.begin(), left.end()) ? 0 : 1;
     }
-    EXPECT_GT(oldFiles, 20) << "the moments came too late";
-    EXPECT_GT(interrupted, 5) << "no transfer was interrupted in its file";
+    EXPECT_GT(oldFiles, 20) << "killed too late";
+    EXPECT_GT(interrupted, 5) << "no transfer was interrupted";
 
-    Use(Parameters("127.0.0.1", m_server.Port(), m_directory.Path()));
+    Use(RecordFor(m_server));
     EXPECT_EQ("0 12", Fetch("f", "f"));
     EXPECT_TRUE(body == Content("f"));
-    EXPECT_TRUE(TemporaryFiles().empty()) << "the next transfer sweeps what the killed ones left";
+    EXPECT_TRUE(TemporaryFiles().empty()) << "the next transfer removes orphans";
 }
 
-// A file system of the test's own, in a mount namespace: as root, or in a user namespace too.
+// A small file system in a mount namespace; without root also in a user namespace.
 class SmallFileSystem : public LayerTest
 {
 protected:
@@ -108,7 +108,7 @@ protected:
         LayerTest::SetUp();
         const std::string mount = m_directory.File("mount");
         ASSERT_TRUE(std::filesystem::create_directory(mount));
-        // In a changed root the propagation of mounts cannot be set.
+        // After chroot the propagation of mounts cannot be set.
         for (const char* const propagation : {"private", "unchanged"})
         {
             m_propagation = propagation;
@@ -117,10 +117,10 @@ protected:
                 return;
             }
         }
-        FAIL() << "no mount in a namespace of one's own: " << Run("true");
+        FAIL() << "cannot mount in a namespace: " << Run("true");
     }
 
-    // The command sees the file system as $1, the program as $2, the server's port as $3.
+    // In the command $1 is the file system, $2 the program, $3 the server's port.
     std::vector<std::string> Confined(const std::string& command) const
     {
         std::vector<std::string> arguments{"unshare", "--propagation", m_propagation};
@@ -166,7 +166,7 @@ TEST_F(SmallFileSystem, AReadOnlyDirectoryFailsBeforeAnythingIsFetched)
     EXPECT_EQ(0u, m_server.Count("COMMAND RETR"));
 }
 
-// Of another user when the tests run as root, who may write everywhere.
+// Root, who may write everywhere, runs this as another user.
 TEST_F(LayerTest, ADirectoryThatMayNotBeWrittenFailsBeforeConnecting)
 {
     FaultyServer server("none");
@@ -194,17 +194,17 @@ class FewDescriptors : public LayerTest
 {
 };
 
-TEST_F(FewDescriptors, NoneLeftFailsInWordsAndTheNextTransferWorks)
+TEST_F(FewDescriptors, LackOfThemIsReportedAndTheNextTransferWorks)
 {
     FaultyServer server("none");
-    Use(Parameters("127.0.0.1", server.Port(), m_directory.Path()));
+    Use(RecordFor(server));
     support::WriteFile(m_directory.File("f"), "old");
     rlimit limit{};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
     const int lowestFree = dup(0);
     ASSERT_GE(lowestFree, 0);
     close(lowestFree);
-    // From no descriptor at all up to one too few for a whole transfer.
+    // From none at all to one too few for a transfer.
     std::string outcome;
     for (rlim_t more = 0; more != 10 && outcome != "0 12"; ++more)
     {
@@ -226,8 +226,8 @@ TEST_F(FewDescriptors, NoneLeftFailsInWordsAndTheNextTransferWorks)
 
 #endif
 
-// An operator's limits are read once in the life of a process; the program's own come first.
-TEST_F(LayerTest, TheEnvironmentLimitsWhatTheProgramLeavesOpen)
+// The environment is read once for each process; the program's own limits take precedence.
+TEST_F(LayerTest, TheEnvironmentSetsLimitsThatTheProgramLeavesOpen)
 {
     FaultyServer server("hang:USER");
     const auto fetch = [&](const std::vector<std::pair<std::string, std::string>>& environment)
@@ -242,7 +242,7 @@ TEST_F(LayerTest, TheEnvironmentLimitsWhatTheProgramLeavesOpen)
               fetch({{"CORPDIR_FTP_RESPONSE_MS", "300"}}));
     EXPECT_EQ("3 22/LOGIN/0 no reply to USER within 0.4 s\n",
               fetch({{"CORPDIR_FTP_RESPONSE_MS", "300"}, {"TRAVEX_FTP_FETCH_RESPONSE_MS", "400"}}));
-    // What is not a positive number counts as not there.
+    // A variable that is not a positive number is ignored.
     EXPECT_EQ("3 22/LOGIN/0 transfer timed out after 0.5 s\n",
               fetch({{"CORPDIR_FTP_RESPONSE_MS", "-1"}, {"CORPDIR_FTP_TRANSFER_MS", "500"}}));
 }

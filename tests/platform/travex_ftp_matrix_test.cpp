@@ -1,8 +1,8 @@
-// Every server, every kind of channel, both kinds of address: files of all sizes arrive whole, on
-// one login, with the certificate checked and the TLS session of the control channel resumed.
+// All servers, channels and address families: files of all sizes arrive complete over one login,
+// with the certificate checked and the TLS session of the control channel resumed.
 //
 //     CORPDIR_MATRIX_BIG_BYTES   size of the big file; default 4 MB
-//     CORPDIR_MATRIX_FILE        when the program ends, what was seen goes there as a table
+//     CORPDIR_MATRIX_FILE        file for a table of the results
 #include <gmock/gmock.h>
 
 #include <cstdlib>
@@ -17,6 +17,7 @@
 
 namespace
 {
+using ftp_test::Certificates;
 using ftp_test::LayerTest;
 using ftp_test::ParametersOf;
 using support::FtpServer;
@@ -34,10 +35,10 @@ struct ServerKind
     const char* name;
     const char* title;
     std::unique_ptr<FtpServer> (*make)(const FtpServerOptions& options);
-    bool demandsResumption;  // refuses a data channel with a session of its own
-    bool givesTickets;       // for TLS 1.3, which resumes nothing without
-    const char* proof;       // first file whose 150 names its size; null: none does
-    int crowd;               // connections that it takes at the same moment
+    bool demandsResumption;  // refuses a data channel that does not resume the session
+    bool givesTickets;       // for TLS 1.3, which needs them for resumption
+    const char* proof;       // first file whose 150 has its size; null: none
+    int crowd;               // connections that it accepts at the same moment
 };
 
 const ServerKind kServers[] = {
@@ -52,7 +53,7 @@ struct ChannelKind
     const char* name;
     const char* title;
     Tls tls;
-    const char* version;  // of TLS, in OpenSSL's words
+    const char* version;  // of TLS, as OpenSSL names it
 };
 
 const ChannelKind kChannels[] = {
@@ -65,7 +66,7 @@ const ChannelKind kChannels[] = {
 
 const char* const kHosts[] = {"127.0.0.1", "::1"};
 
-// What cannot be tested, and why.
+// Combinations that cannot be tested, and the reason.
 struct Impossible
 {
     const char* server;
@@ -144,13 +145,13 @@ bool Every(const Cell&)
     return true;
 }
 
-// For what does not depend on the kind of address.
+// For tests that do not depend on the address family.
 bool Ipv4(const Cell& cell)
 {
     return cell.host == kHosts[0];
 }
 
-// For what depends on the server alone.
+// For tests that depend on the server only.
 bool PlainIpv4(const Cell& cell)
 {
     return Ipv4(cell) && cell.channel->tls == Tls::kNone;
@@ -162,13 +163,7 @@ std::size_t BigSize()
     return text == nullptr ? 4u << 20 : std::stoul(text);
 }
 
-const support::TestCertificates& Certificates()
-{
-    static const support::TestCertificates certificates;
-    return certificates;
-}
-
-// Made once: servers get links to it.
+// Created once; servers get hard links to it.
 const std::string& BigFile()
 {
     static const support::TemporaryDirectory directory;
@@ -182,7 +177,7 @@ const std::string& BigFile()
     return path;
 }
 
-// Without either of them in memory.
+// Compares files block by block.
 bool SameBytes(const std::string& left, const std::string& right)
 {
     std::ifstream files[2];
@@ -205,7 +200,7 @@ bool SameBytes(const std::string& left, const std::string& right)
     return files[0].eof() && files[1].eof();
 }
 
-// TLS as the layer's log has it.
+// TLS handshakes in the layer's log.
 struct Handshakes
 {
     std::vector<std::string> control;  // "TLSv1.3 TLS_AES_256_GCM_SHA384" each
@@ -236,7 +231,7 @@ Handshakes LoggedHandshakes()
     return seen;
 }
 
-// What the cells had to tell, by the names of the tests, and the servers' versions.
+// Results of the cells, by name of the test, and the servers' versions.
 std::map<std::string, std::string> g_results;
 std::map<std::string, std::string> g_versions;
 
@@ -350,9 +345,9 @@ protected:
         return record;
     }
 
-    // All that the layer has to say for five files: one login, and two or three commands for each
-    // file. SIZE is left out once the 150 of a file has proven good. An empty one proves nothing,
-    // and ProFTPD says "1 byte".
+    // All commands for five files: one login, and two or three commands for each file. SIZE is left
+    // out once the 150 of a file has proven reliable. An empty file proves nothing, nor does
+    // ProFTPD's "1 byte".
     static std::vector<std::string> ExpectedCommands()
     {
         const Tls tls = GetParam().channel->tls;
@@ -427,7 +422,7 @@ private:
     std::string m_trust;
 };
 
-TEST_P(Matrix, EveryFileArrivesWholeOnOneLogin)
+TEST_P(Matrix, EveryFileArrivesCompleteOverOneLogin)
 {
     const auto server = GetParam().server->make(Options());
     AddFiles(*server);
@@ -439,7 +434,7 @@ TEST_P(Matrix, EveryFileArrivesWholeOnOneLogin)
         EXPECT_TRUE(SameBytes(server->Root() + "/" + file, m_directory.File(file))) << file;
     }
     EXPECT_EQ(BigSize(), std::filesystem::file_size(m_directory.File("big")));
-    // Some servers write a command down when they have answered it.
+    // Some servers log a command after they have answered it.
     EXPECT_TRUE(support::WaitUntil([&] { return server->CountCommands("RETR big") == 1; }));
     EXPECT_EQ(ExpectedCommands(), server->Commands());
     const Handshakes seen = LoggedHandshakes();
@@ -458,7 +453,7 @@ class Crowds : public Matrix
 {
 };
 
-// In the server's words, and the next transfer is not the worse for it.
+// Reported with the reply; the next transfer works.
 TEST_P(Refusals, HaveTheirReasons)
 {
     const auto server = GetParam().server->make(Options());
@@ -471,9 +466,9 @@ TEST_P(Refusals, HaveTheirReasons)
     EXPECT_EQ("some bytes", Content("f"));
 }
 
-// Each handle has a connection of its own. More than 50 of one client are too many for vsftpd, and
-// Pure-FTPd's queue of connections holds 9: it drops the others without a word.
-TEST_P(Crowds, AreServedToTheLast)
+// Each handle has its own connection. vsftpd allows 50 for each client, and Pure-FTPd's listen
+// queue holds 9: it drops the others silently.
+TEST_P(Crowds, AreServedCompletely)
 {
     const int handles = GetParam().server->crowd;
     const auto server = GetParam().server->make(Options());

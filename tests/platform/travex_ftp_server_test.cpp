@@ -1,5 +1,5 @@
-// Transfers from real servers: plain, explicit and implicit, IPv4 and IPv6, sessions and
-// connections used again, certificates, and what is said and kept quiet about them.
+// Transfers from real servers: plain, explicit and implicit, IPv4 and IPv6, reuse of sessions and
+// connections, certificates, and the log.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
@@ -11,6 +11,7 @@
 
 namespace
 {
+using ftp_test::Certificates;
 using ftp_test::LayerTest;
 using ftp_test::ParametersOf;
 using support::FtpServerOptions;
@@ -19,12 +20,6 @@ using support::Tls;
 using support::VsftpdServer;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-const support::TestCertificates& Certificates()
-{
-    static const support::TestCertificates certificates;
-    return certificates;
-}
 
 FtpServerOptions Options(Tls tls, const std::string& host = "127.0.0.1")
 {
@@ -41,7 +36,7 @@ FtpServerOptions Options(Tls tls, const std::string& host = "127.0.0.1")
 class RealServer : public LayerTest
 {
 protected:
-    // Trusts the test authority, with `more` behind it in the trust text.
+    // Trusts the test authority; `more` is appended to the trust text.
     void UseVerified(const support::FtpServer& server, const std::string& more = "")
     {
         m_trust = "ca=" + Certificates().Authority() + more +
@@ -85,8 +80,8 @@ class EveryKind : public RealServer, public testing::WithParamInterface<ServerKi
 {
 };
 
-// Fact: both files share one login, and every data channel resumes the session of its control
-// channel, on TLS 1.3 here.
+// Both files share one login, and every data channel resumes the session of its control channel,
+// here with TLS 1.3.
 TEST_P(EveryKind, PyFtpServesBothFilesOnOneLogin)
 {
     const auto [tls, host] = GetParam();
@@ -136,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(All, EveryKind,
                                           testing::Values("127.0.0.1", "::1")),
                          KindName);
 
-// No timer drives a transfer.
+// A transfer waits for no timer.
 TEST_F(RealServer, TwoFilesOverFtpsAreQuick)
 {
     VsftpdServer server(Options(Tls::kExplicit));
@@ -186,12 +181,10 @@ TEST_F(RealServer, OnlyTls13SuitesMeanNothingOlder)
     record.piCipherList = &suite;
     record.ulCipherNum = 1;
     Use(record);
-    EXPECT_EQ("3 17/TLS/0/3 TLS handshake failed: the server wants another TLS version",
-              Fetch("f", "f"));
+    EXPECT_EQ("3 17/TLS/0/3 TLS handshake failed: no TLS version in common", Fetch("f", "f"));
 }
 
-// A library may read the variable once in the life of a process: here in another one, which runs a
-// test above.
+// Runs a test above in another process: a library may read the variable only once.
 TEST_F(RealServer, KeysAreWrittenToNoFile)
 {
     const std::string keys = m_directory.File("keys");
@@ -204,7 +197,7 @@ TEST_F(RealServer, KeysAreWrittenToNoFile)
     EXPECT_TRUE(!support::FileExists(keys) || support::ReadFile(keys).empty());
 }
 
-TEST_F(RealServer, RefusalsSpeakTheServersWords)
+TEST_F(RealServer, RefusalsIncludeTheReply)
 {
     PyFtpServer server(Options(Tls::kNone));
     auto record = ParametersOf(server, m_directory.Path());
@@ -221,8 +214,8 @@ TEST_F(RealServer, RefusalsSpeakTheServersWords)
     EXPECT_EQ("3 16/CONNECT/0 cannot connect: Connection refused", Fetch("missing", "m"));
 }
 
-// "/x" is absolute, "x" relative to the login directory; nothing in a name is interpreted.
-TEST_F(RealServer, PathsGoToTheServerByteForByte)
+// "/x" is absolute, "x" relative to the login directory; no character is special.
+TEST_F(RealServer, PathsAreSentByteForByte)
 {
     PyFtpServer server(Options(Tls::kNone));
     Use(ParametersOf(server, m_directory.Path()));
@@ -243,7 +236,7 @@ class ManyTransfers : public RealServer, public testing::WithParamInterface<Tls>
 {
 };
 
-// More than there would be descriptors, if each had its own.
+// More than the limit of descriptors, if each had one.
 TEST_P(ManyTransfers, AThousandFollowOneAnotherOnOneConnection)
 {
     constexpr size_t kTransfers = 1000;
@@ -292,7 +285,7 @@ INSTANTIATE_TEST_SUITE_P(All, ManyTransfers, testing::Values(Tls::kNone, Tls::kE
                          [](const auto& kind)
                          { return kind.param == Tls::kNone ? "Plain" : "Explicit"; });
 
-// Settings that differ in anything that matters never share a login, nor a TLS session.
+// Different settings never share a login or a TLS session.
 TEST_F(RealServer, DifferentSecurityNeverSharesAConnection)
 {
     PyFtpServer server(Options(Tls::kExplicit));
@@ -340,13 +333,13 @@ protected:
         server.AddFile("f", "f");
         UseVerified(server, more);
         const std::string outcome = Fetch("f", "f");
-        // A certificate that is not accepted costs no password.
+        // The password is not sent after a rejected certificate.
         EXPECT_EQ(outcome == "0 12" ? 1u : 0u, server.CountCommands("PASS"));
         return outcome;
     }
 };
 
-TEST_F(CertificateTest, RefusalsHaveTheirOwnWords)
+TEST_F(CertificateTest, EachRejectionHasItsReason)
 {
     const auto& all = Certificates();
     EXPECT_EQ("0 12", FetchFrom(all.Good()));
@@ -373,14 +366,14 @@ TEST_F(CertificateTest, DirectoryOfAuthoritiesNeedsNoHashedNames)
     EXPECT_EQ("0 12", Fetch("f", "f"));
     support::WriteFile(authorities.File("our.pem"),
                        support::ReadFile(Certificates().OtherAuthority()));
-    Use(record);  // the same path with another content: another connection
+    Use(record);  // same path, other content: another connection
     EXPECT_EQ("3 18/TLS/0 unable to get local issuer certificate", Fetch("f", "f"));
     record.pcFtpCtrlInfo = "system";
     Use(record);
     EXPECT_EQ("3 18/TLS/0 unable to get local issuer certificate", Fetch("f", "f"));
 }
 
-// A certificate that its own authority has revoked; made with the openssl program.
+// A revoked certificate, made with the openssl program.
 class RevocationTest : public RealServer
 {
 protected:
@@ -421,7 +414,7 @@ protected:
     const support::TemporaryDirectory m_authorities;
 };
 
-TEST_F(RevocationTest, ListsBesideTheAuthoritiesCount)
+TEST_F(RevocationTest, ListsNextToTheAuthoritiesAreUsed)
 {
     ASSERT_NO_FATAL_FAILURE(MakeAuthorityAndServer());
     FtpServerOptions options = Options(Tls::kExplicit);
@@ -439,7 +432,7 @@ TEST_F(RevocationTest, ListsBesideTheAuthoritiesCount)
     OpenSsl({"ca", "-config", In("ca.cnf"), "-gencrl", "-out", m_authorities.File("crl.pem")});
     Use(record);
     EXPECT_EQ("3 18/TLS/0 certificate revoked", Fetch("f", "f"));
-    // A list of one authority does not make one of every other authority necessary.
+    // Other authorities need no list.
     support::WriteFile(m_authorities.File("other.pem"),
                        support::ReadFile(Certificates().Authority()));
     PyFtpServer other(Options(Tls::kExplicit));
@@ -476,9 +469,9 @@ TEST_F(CertificateTest, ClientIsAskedOncePerControlConnection)
     record.ulCertVerify = 1;
     record.pcFtpCtrlInfo = Certificates().Authority().c_str();
     Use(record);
-    EXPECT_EQ("3 18/TLS/0 certificate was vetoed by the client", Fetch("f", "f"));
+    EXPECT_EQ("3 18/TLS/0 certificate rejected by the client's verify callback", Fetch("f", "f"));
     EXPECT_EQ(2u, g_asked.size());
-    // Zero does not overrule a failed check: the client is not even asked.
+    // After a failed check the client is not asked.
     record.pcFtpCtrlInfo = Certificates().OtherAuthority().c_str();
     g_answer = 0;
     Use(record);

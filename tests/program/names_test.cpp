@@ -78,7 +78,7 @@ const Identity kIdentities[] = {
     {"TwoNamesForAThird",
      "DNS:other.test",
      {"--servers=dir.test;alias.test"},
-     "certificate is not for dir.test nor for alias.test"},
+     "certificate is not for dir.test or alias.test"},
     {"NameOfTwoAddresses", "DNS:both.test", {"--servers=both.test"}, nullptr},
     {"NameOfTwoAddressesForTheAddress",
      "IP:127.0.0.1",

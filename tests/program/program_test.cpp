@@ -316,8 +316,7 @@ TEST_F(ProgramFailure, AnotherTlsVersionIsWanted)
     CommandResult result = Run({"--ciphers=TLS_AES_256_GCM_SHA384"});
     EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_THAT(result.output,
-                AllOf(HasSubstr("127.0.0.1: TLS handshake failed: the server wants another TLS "
-                                "version\n"),
+                AllOf(HasSubstr("127.0.0.1: TLS handshake failed: no TLS version in common\n"),
                       HasSubstr("hint: the server requires another TLS version: add "
                                 "TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 to --ciphers to offer "
                                 "TLS 1.2\n")));

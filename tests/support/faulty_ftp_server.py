@@ -1,26 +1,27 @@
-"""Scripted FTP and FTPS server that misbehaves in named ways.
+"""FTP and FTPS server with selectable faults.
 
     faulty_ftp_server.py --fault NAME [--size BYTES] [--tls explicit --cert PEM --key PEM] [--log FILE]
 
-Prints "READY <port>" on standard output once it listens, and ends when its standard input is
-closed. It serves one file under every name: `size` bytes of a fixed pattern.
+Prints "READY <port>" on standard output when it listens, and ends when its standard input is closed.
+It serves one file under every name: `size` bytes of a fixed pattern.
 
-Faults of a step, VERB being a command, GREETING, or CLOSING (the reply after the file), at which the
-server, instead of answering,
-    drop:VERB      closes the connection           reset:VERB    resets it
-    hang:VERB      says nothing any more           reply:VERB:TEXT  answers TEXT
-    drip:VERB      answers a byte at a time from then on
-In TEXT stand {argument} for the command's argument, {half} for the first half of it, {latin1} for it
-in Latin-1 when it came in UTF-8, and in replies to EPSV and PASV {port} and {pasv}, the port as a
-number and, after the address, as PASV has it.
-Other faults are the methods of Faults, where each one is described. "none" is a server without fault;
-" + " joins several.
-With --most N a connection beyond N at a time is greeted with a 421, or, with --beyond, is closed or
-gets no greeting.
-With --once the fault is shown to the first transfer of the first control connection only.
+A fault of a step replaces the reply. VERB is a command, GREETING, or CLOSING (the reply after the
+file):
+    drop:VERB      closes the connection           reset:VERB    resets the connection
+    hang:VERB      sends nothing more              reply:VERB:TEXT  replies TEXT
+    drip:VERB      replies byte by byte from then on
+TEXT may contain {argument}, the command's argument; {half}, its first half; {latin1}, its conversion
+from UTF-8 to Latin-1; in replies to EPSV and PASV {port}, the port number, and {pasv}, address and
+port in PASV's form.
+The other faults are the methods of Faults, each with its description. "none" is a server without a
+fault; " + " joins several.
+With --most N a connection beyond N at a time gets a 421; with --beyond it is closed or gets no
+greeting.
+With --once the fault applies only to the first transfer of the first control connection.
 
-The --log file gets a line for each thing that happens: CONNECT <address>, SNI <channel> <name, or ->,
-TLS <channel> <version> new|resumed, COMMAND <line>, DATA <address>, END.
+Events in the --log file, one a line: CONNECT <address>, SNI <channel> <name, or ->, HELLO (the
+client's handshake has started), TLS <channel> <version> new|resumed, COMMAND <line>, DATA <address>,
+TAKEN (the client has closed the data connection), END.
 """
 
 import argparse
@@ -37,7 +38,7 @@ import warnings
 
 
 class Over(Exception):
-    """The dialogue ends here."""
+    """Ends the dialogue."""
 
 
 def pattern(size):
@@ -45,12 +46,12 @@ def pattern(size):
 
 
 class Faults:
-    """What differs from a good server. Each public method is a fault and takes the dialogue."""
+    """Each public method is a fault: it changes the dialogue of a good server."""
 
-    # The size and the bytes.
+    # Size and bytes.
 
     def early_eof(self, it):
-        """Half of the file, its end announced properly."""
+        """Half of the file, with a proper end of the data channel."""
         it.body = it.body[:len(it.body) // 2]
 
     def early_eof_unknown_size(self, it):
@@ -60,12 +61,12 @@ class Faults:
         it.body = it.body[:len(it.body) // 2]
 
     def no_close_notify(self, it):
-        """All of the file, no size known, no close_notify."""
+        """The whole file without close_notify, no size known."""
         self.unknown_size(it)
         it.close_notify = False
 
     def no_close_notify_known_size(self, it):
-        """No fault: all of the file, as announced, without close_notify."""
+        """No fault: the whole file, as announced, without close_notify."""
         it.close_notify = False
 
     def data_reset(self, it):
@@ -78,7 +79,7 @@ class Faults:
         it.at_end = lambda data: (time.sleep(0.3), it.reset_data(data))
 
     def data_reset_unknown_size(self, it):
-        """As before, but nothing shows that these were all bytes."""
+        """The same without a known size, so that nothing proves the file complete."""
         self.unknown_size(it)
         self.data_reset_at_end(it)
 
@@ -95,11 +96,11 @@ class Faults:
         it.size_reply = "213 30000000"
 
     def size_unknown(self, it):
-        """No fault: SIZE is unknown to the server."""
+        """No fault: the server does not support SIZE."""
         it.size_reply = "502 What?"
 
     def unknown_size(self, it):
-        """No fault: neither SIZE nor the 150 tells the size."""
+        """No fault: neither SIZE nor the 150 gives the size."""
         self.size_unknown(it)
         it.opening = "150 Here it comes."
 
@@ -112,25 +113,25 @@ class Faults:
         it.size_reply = "213-Size of the file\r\n %d\r\n213 End" % len(it.body)
 
     def opening_lies(self, it):
-        """The 150 names another size, SIZE is unknown to the server."""
+        """The 150 gives a wrong size, SIZE is not supported."""
         self.size_unknown(it)
         it.opening = "150 Opening BINARY mode data connection (%d bytes)." % (len(it.body) + 5)
 
     def opening_zero(self, it):
-        """No fault: the 150 names 0 bytes, SIZE is unknown to the server."""
+        """No fault: the 150 gives 0 bytes, SIZE is not supported."""
         self.size_unknown(it)
         it.opening = "150 Opening BINARY mode data connection (0 bytes)."
 
     def sizes_disagree(self, it):
-        """No fault: the 150 names another size than SIZE, which is right."""
+        """No fault: the 150 gives a wrong size, SIZE the right one."""
         it.opening = "150 Opening BINARY mode data connection (%d bytes)." % (len(it.body) + 5)
 
     def opening_says_nothing(self, it):
-        """No fault: the 150 names no size."""
+        """No fault: the 150 gives no size."""
         it.opening = "150 Here it comes."
 
     def file_grows(self, it):
-        """More bytes are sent than SIZE said."""
+        """More bytes than SIZE announced."""
         it.opening = "150 Here it comes."
         it.body = it.body + b"grown"
 
@@ -138,14 +139,14 @@ class Faults:
         self.unknown_size(it)
         it.at_start = it.send_for_ever
 
-    # Pace and order of what is sent.
+    # Speed and order.
 
     def slow_drip(self, it):
-        """A byte at a time."""
+        """The file byte by byte."""
         it.drip = 0.02
 
     def stall(self, it):
-        """Half of the file and then nothing, the connection stays."""
+        """Half of the file and then nothing; the connection stays open."""
         it.at_half = lambda data: it.hang()
 
     def slow_226(self, it):
@@ -157,13 +158,18 @@ class Faults:
         time.sleep(1)
 
     def slow_lines(self, it):
-        """No fault: half a second between the lines of a reply; the greeting has four."""
+        """No fault: half a second between the lines of a reply; the greeting has four lines."""
         it.greeting = "220-one\r\n220-two\r\n220-three\r\n220 ready"
         it.line_delay = 0.5
 
     def slow_handshake(self, it):
-        """No fault: the control channel's handshake is taken up after a second."""
-        it.handshake_delay = 1
+        """No fault: the control channel's handshake is answered after a second."""
+        def delayed():
+            it.connection.recv(1, socket.MSG_PEEK)
+            record("HELLO")
+            time.sleep(1)
+            it.handshake()
+        it.secure = delayed
 
     def single_bytes(self, it):
         """No fault: every reply is sent byte by byte."""
@@ -174,18 +180,27 @@ class Faults:
         it.data_first = True
 
     def replies_in_one_piece(self, it):
-        """No fault: 150 and 226 in one piece, after the file; with TLS before it."""
+        """No fault: 150 and 226 in one segment, after the file; with TLS before it."""
         it.opening, it.closing = it.opening + "\r\n" + it.closing, ""
         it.data_first = it.options.tls == "none"
 
     def early_226(self, it):
-        """No fault: the 226 overtakes half of the file."""
+        """No fault: the 226 arrives before the second half of the file."""
         closing, it.closing = it.closing, ""
         it.at_half = lambda data: (it.say(closing), time.sleep(0.3))
 
     def data_stays_open(self, it):
-        """No fault: the data connection is not closed after the file and the 226."""
+        """No fault: the data connection stays open after the file and the 226."""
         it.close_data = False
+
+    def taken(self, it):
+        """No fault: the reply after the file waits until the client has read all of it and closed
+        the data connection. Not with TLS."""
+        def wait(data):
+            data.shutdown(socket.SHUT_WR)
+            data.recv(1)
+            record("TAKEN")
+        it.at_end = wait
 
     def wrong_order(self, it):
         """226 before the file, 150 after it."""
@@ -195,40 +210,40 @@ class Faults:
         """226 without a 150."""
         it.opening = ""
 
-    # What ends the transfer between 150 and 226.
+    # Failures between 150 and 226.
 
     def late_426(self, it):
-        """Aborted after the last byte."""
+        """A 426 after the last byte."""
         it.closing = "426 Failure writing network stream."
 
     def late_451(self, it):
         it.closing = "451 Read error on the disk."
 
     def abort_while_data_hangs(self, it):
-        """451 after half of the file, of which nothing more comes; both connections stay."""
+        """451 after half of the file, and no more bytes; both connections stay open."""
         it.at_half = lambda data: (it.say("451 Read error on the disk."), it.hang())
 
     def abort_in_one_piece(self, it):
-        """The same, but the 451 comes in one piece with the 150."""
+        """The same, with the 451 in one segment with the 150."""
         it.opening += "\r\n451 Read error on the disk."
         it.at_half = lambda data: it.hang()
 
     def control_lost_before_data(self, it):
-        """The control connection is closed after the 150; the data connection stays."""
+        """The control connection is closed after the 150; the data connection stays open."""
         it.at_start = it.lose_control
 
     def control_lost_during_data(self, it):
         """The same after half of the file."""
         it.at_half = it.lose_control
 
-    # Words.
+    # Text of replies.
 
     def early_greeting(self, it):
         """No fault: a 120 comes before the 220."""
         it.greeting = "120 Ready in a moment.\r\n220 ready"
 
     def late_refusal(self, it):
-        """A 120, and then a 421."""
+        """A 120 followed by a 421."""
         it.greeting = "120 Ready in a moment.\r\n421 Too long."
 
     def endless_banner(self, it):
@@ -242,11 +257,11 @@ class Faults:
         it.for_ever(bytes(range(256)) * 16)
 
     def many_lines(self, it):
-        """A reply of five thousand lines that does end."""
+        """A complete reply of five thousand lines."""
         it.greeting = "220-hello\r\n" + "220-more\r\n" * 5000 + "220 done"
 
     def long_greeting(self, it):
-        """No fault: a greeting of several lines, some of which look like replies."""
+        """No fault: a greeting of several lines, some of them like replies."""
         it.greeting = "220-hello\r\n 421 no\r\n421 not this\r\n220-530 nor this\r\n220 ready"
 
     def banner_of_400_lines(self, it):
@@ -254,17 +269,17 @@ class Faults:
         it.greeting = "220-Gr\xfc\xdfe\r\n" + "\xe4\xf6\xfc \xa9\r\n" * 398 + "220 bereit"
 
     def bare_line_feeds(self, it):
-        """No fault: lines end with LF alone."""
+        """No fault: lines end with LF only."""
         it.line_end = "\n"
         it.greeting = "220-hello\n220 ready"
 
     def nul_bytes(self, it):
-        """No fault: replies with NUL bytes in them."""
+        """No fault: replies with NUL bytes."""
         it.greeting = "220-he\0llo\r\n220 rea\0dy"
         it.replies["PASS"] = "230 Wel\0come."
 
     def second_welcome(self, it):
-        """No fault: PASS is answered a second time, when the next command has come."""
+        """No fault: a second reply to PASS, sent when the next command arrives."""
         it.second_welcome = True
 
     def cut_greeting(self, it):
@@ -285,15 +300,15 @@ class Faults:
         it.replies["PASS"] = "530 Login incorrect, password was {argument}."
 
     def password_echo_cut(self, it):
-        """The password lies where a client may shorten the text."""
+        """The password is where a client may truncate the text."""
         it.replies["PASS"] = "530 " + "x" * 246 + "{argument}"
 
     def password_echo_half(self, it):
-        """The server shortens the password."""
+        """The server truncates the password."""
         it.replies["PASS"] = "530 Login incorrect, password was {half}..."
 
     def password_echo_latin1(self, it):
-        """The server repeats a password in Latin-1 that it got in UTF-8."""
+        """The server echoes in Latin-1 a password that it received in UTF-8."""
         it.replies["PASS"] = "530 Login incorrect, password was {latin1}."
 
     def password_echo_later(self, it):
@@ -310,33 +325,32 @@ class Faults:
     # Passive mode.
 
     def foreign_pasv(self, it):
-        """No fault: PASV names an address of somebody else."""
+        """No fault: PASV gives a foreign address."""
         it.replies["EPSV"] = "500 Unknown command."
         it.pasv_address = "192,0,2,77"
 
     def epsv_unreachable(self, it):
-        """No fault: EPSV names a port on which nothing listens, PASV works."""
-        # Port 1 of loopback.
+        """No fault: EPSV gives a closed port, PASV works."""
         it.replies["EPSV"] = "229 Extended (|||1|)"
 
     def epsv_silent(self, it):
-        """No fault: EPSV names a port whose queue of connections is full, PASV works."""
+        """No fault: EPSV gives a port whose listen queue is full, PASV works."""
         it.silent = SilentPort()
         it.replies["EPSV"] = "229 Extended (|||%d|)" % it.silent.port
 
     def data_silent(self, it):
-        """EPSV and PASV name such a port."""
+        """EPSV and PASV give such a port."""
         self.epsv_silent(it)
         it.replies["PASV"] = "227 (127,0,0,1,%d,%d)" % divmod(it.silent.port, 256)
 
     # TLS.
 
     def clear_data(self, it):
-        """PROT P is accepted, the data channel is in clear all the same."""
+        """PROT P is accepted, but the data channel is in clear."""
         it.protect_data = False
 
     def clear_after_auth(self, it):
-        """AUTH is accepted, and the handshake answered in clear."""
+        """AUTH is accepted, but the handshake is answered in clear."""
         it.secure = lambda: (it.connection.recv(4096), it.say("500 What is this?"), it.hang())
 
     def drop_handshake(self, it):
@@ -349,7 +363,7 @@ class Faults:
         it.secure = it.hang
 
     def endless_handshake(self, it):
-        """HelloRequests, which a client passes over, in the place of a handshake."""
+        """HelloRequests, which a client ignores, instead of a handshake."""
         hellos = b"\x16\x03\x03\x40\x00" + bytes(16384)
         it.secure = lambda: (it.connection.recv(4096), it.for_ever(hellos))
 
@@ -357,14 +371,14 @@ class Faults:
         it.secure_data = lambda data: it.hang()
 
     def drop_data_handshake(self, it):
-        """The data connection is closed instead of a handshake, and the server says why."""
+        """The data connection is closed instead of a handshake, with a 425."""
         def drop(data):
             data.recv(4096)
             it.closing = "425 Unable to build data connection: Operation not permitted"
         it.secure_data = drop
 
     def report_data_handshake(self, it):
-        """No fault: a handshake that the client ends is answered with a 426."""
+        """No fault: a 426 when the client aborts the handshake."""
         def report(data):
             try:
                 return it.handshake_data(data)
@@ -374,15 +388,15 @@ class Faults:
         it.secure_data = report
 
     def injected_after_auth(self, it):
-        """Plain text behind the answer to AUTH, as an attacker may slip in."""
+        """Replies in clear after the reply to AUTH, as an attacker may inject them."""
         it.replies["AUTH"] = "234 Go on.\r\n331 Password please.\r\n230 Welcome."
 
     def reuse_demanded(self, it):
-        """No fault: a data channel with a TLS session of its own is ended with a 522."""
+        """No fault: a 522 for a data channel that does not resume the TLS session."""
         it.demand_reuse = True
 
     def reuse_refused(self, it):
-        """Every data channel is ended with a 522."""
+        """A 522 for every data channel."""
         it.demand_reuse = it.deny_reuse = True
 
     # Between two files.
@@ -391,34 +405,30 @@ class Faults:
         it.replies["QUIT"] = ""
 
     def idle_421(self, it):
-        """After the first file: 421 and end."""
+        """A 421 and the end of the connection after the first file."""
         it.after_file = lambda: (it.say("421 Timeout."), it.end())
-
-    def taken(self, it):
-        """No fault: nothing follows the file until the client has taken up all of it. Not with TLS."""
-        it.at_end = lambda data: (data.shutdown(socket.SHUT_WR), data.settimeout(5), data.recv(1))
 
     def idle_close(self, it):
         it.after_file = it.end
 
     def idle_reset(self, it):
-        # A reset at once would take the 226 with it.
+        # An immediate reset would discard the 226.
         it.after_file = lambda: (time.sleep(0.3), it.reset())
 
     def idle_chatter(self, it):
-        """A while after the first file: a reply without a command; the connection stays."""
+        """An unsolicited reply a while after each file; the connection stays open."""
         it.after_file = lambda: (time.sleep(0.1), it.say("226 Once more."))
 
     def closing_and_more(self, it):
-        """A reply without a command, in one piece with the 226."""
+        """An unsolicited reply in one segment with the 226."""
         it.closing = "226 Transfer complete.\r\n200 Anything else?"
 
     def idle_deaf(self, it):
-        """After the first file nothing is answered any more."""
+        """No replies after the first file."""
         it.after_file = it.hang
 
     def idle_deaf_then_mute(self, it):
-        """The same, and later connections get no greeting."""
+        """The same, and no greeting on later connections."""
         it.after_file = it.hang
         if it.number != 1:
             it.step_faults.append(["hang", "GREETING"])
@@ -470,7 +480,7 @@ class Faults:
 
 
 class SilentPort:
-    """A port of 127.0.0.1 that never answers: its queue of connections is full."""
+    """A port of 127.0.0.1 that never answers: its listen queue is full."""
 
     def __init__(self):
         self.sockets = [socket.create_server(("127.0.0.1", 0), backlog=0)]
@@ -483,7 +493,7 @@ class SilentPort:
 
 
 class Dialogue:
-    """One control connection with a good server's answers, which a fault may change first."""
+    """A control connection with the replies of a good server, which a fault may change."""
 
     def __init__(self, connection, number, options):
         self.connection = connection
@@ -494,7 +504,7 @@ class Dialogue:
         self.behave()
 
     def behave(self):
-        """Sets the answers of a good server."""
+        """Sets the replies of a good server."""
         options = self.options
         self.body = pattern(options.size)[:options.size]
         self.greeting = "220 ready"
@@ -506,12 +516,12 @@ class Dialogue:
         self.closing = "226 Transfer complete."
         self.line_end = "\r\n"
         self.line_delay = self.byte_delay = self.drip = 0
-        self.closing_delay = self.handshake_delay = 0
+        self.closing_delay = 0
         self.data_first = False
         self.pasv_address = "127,0,0,1"
         self.protect_data = self.close_notify = self.close_data = True
         self.demand_reuse = self.deny_reuse = False
-        # What happens to the data connection at the file's start, middle and end.
+        # Called with the data connection at the file's start, middle and end.
         self.at_start = self.at_half = self.at_end = None
         self.secure = self.handshake
         self.secure_data = self.handshake_data
@@ -525,7 +535,7 @@ class Dialogue:
             elif fault != "none":
                 getattr(Faults(), fault)(self)
 
-    # What a fault may do.
+    # Actions of faults.
 
     def end(self):
         raise Over
@@ -604,7 +614,7 @@ class Dialogue:
         return line.rstrip(b"\r").decode("latin-1")
 
     def answer(self, verb, argument, good, port=0):
-        """What is said at a step, unless the step's fault ends it."""
+        """The reply at a step, unless the step's fault ends the dialogue."""
         text = self.replies.get(verb, good)
         for fault in self.step_faults:
             if fault[1] == verb and fault[0] == "reply":
@@ -638,7 +648,6 @@ class Dialogue:
                 raise Over
 
     def handshake(self):
-        time.sleep(self.handshake_delay)
         self.connection = self.encrypt("control", self.connection, self.options.context)
 
     @staticmethod
@@ -674,7 +683,7 @@ class Dialogue:
         self.after_file()
 
     def accept_data(self):
-        # A client that leaves instead ends the dialogue.
+        # The dialogue ends if the client closes the control connection instead.
         if self.listener not in select.select([self.listener, self.connection], [], [])[0]:
             raise Over
         data, address = self.listener.accept()
@@ -683,7 +692,7 @@ class Dialogue:
         return data
 
     def handshake_data(self, data):
-        """The encrypted connection, or None when it is to be closed without the file."""
+        """The encrypted connection; None: close it without sending the file."""
         secured = self.encrypt("data", data, self.options.data_context)
         if self.demand_reuse and (self.deny_reuse or not secured.session_reused):
             self.end_tls(secured)
@@ -693,7 +702,7 @@ class Dialogue:
 
     @staticmethod
     def end_tls(data):
-        """Sends close_notify; the client's may follow."""
+        """Sends close_notify and waits for the client's."""
         data.settimeout(5)
         try:
             data = data.unwrap()
@@ -735,7 +744,7 @@ class Dialogue:
 
 
 LOCK = threading.Lock()
-HANDSHAKE = threading.local()  # channel: of the handshake on this thread
+HANDSHAKE = threading.local()  # .channel: the channel of the handshake on this thread
 LOG = None
 
 
@@ -789,11 +798,11 @@ def parse_arguments():
     parser.add_argument("--size", type=int, default=100000)
     parser.add_argument("--tls", default="none", choices=["none", "explicit", "implicit"])
     parser.add_argument("--tls-max", default="1.3", choices=["1.1", "1.2", "1.3"])
-    parser.add_argument("--ciphers", help="suites up to TLS 1.2, as OpenSSL's cipher lists")
-    parser.add_argument("--tickets", type=int, default=2, help="of each TLS 1.3 handshake")
+    parser.add_argument("--ciphers", help="OpenSSL cipher list, up to TLS 1.2")
+    parser.add_argument("--tickets", type=int, default=2, help="number for each TLS 1.3 handshake")
     parser.add_argument("--cert")
     parser.add_argument("--key")
-    parser.add_argument("--data-cert", help="of data channels; default: --cert")
+    parser.add_argument("--data-cert", help="for data channels; default: --cert")
     parser.add_argument("--log")
     return parser.parse_args()
 
