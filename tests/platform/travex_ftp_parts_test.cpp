@@ -482,7 +482,7 @@ TEST(IdentityTest, ListedTextsAreNormalized)
     EXPECT_EQ("refused", form(std::string(254, 'a').c_str()));
 }
 
-TEST(IdentityTest, IsPutJoinNames)
+TEST(IdentityTest, NamesAreJoinedByOr)
 {
     EXPECT_EQ("192.0.2.1", travex_ftp::JoinNames({"192.0.2.1"}));
     EXPECT_EQ("a.example or b.example", travex_ftp::JoinNames({"a.example", "b.example"}));
