@@ -515,7 +515,7 @@ TEST_F(Idle, TheReplyToQuitIsNotAwaited)
     EXPECT_EQ("0 12", Fetch("f", "f"));
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(0u, TRAVEX_FTP_UnInit());
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
 // A connection is reused only with equal settings.

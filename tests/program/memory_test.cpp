@@ -20,7 +20,8 @@ bool FailsNow()
 
 }  // namespace
 
-void* operator new(std::size_t size)
+// Not inlined: gcc would see free() on memory of operator new, and warn.
+[[gnu::noinline]] void* operator new(std::size_t size)
 {
     void* const block = FailsNow() ? nullptr : malloc(size);
     if (block == nullptr)
@@ -30,12 +31,12 @@ void* operator new(std::size_t size)
     return block;
 }
 
-void operator delete(void* block) noexcept
+[[gnu::noinline]] void operator delete(void* block) noexcept
 {
     free(block);
 }
 
-void operator delete(void* block, std::size_t) noexcept
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept
 {
     free(block);
 }

@@ -105,7 +105,7 @@ protected:
 
 TEST_P(Exit, WithoutAStopIsCleanAtAnyMoment)
 {
-    const std::size_t count = Count("CORPDIR_EXITS", 1000, 100) / 2;  // of each kind of server
+    const std::size_t count = Count("CORPDIR_EXITS", 300, 100) / 2;  // of each kind of server
     const auto seed = static_cast<unsigned int>(Count("CORPDIR_EXIT_SEED", 1, 1));
     std::mt19937 random(seed);
     constexpr const char* kWays[] = {exit_client::kExit,

@@ -26,7 +26,7 @@ using ::testing::Each;
 
 std::size_t Cycles(std::size_t usual)
 {
-    return Count("CORPDIR_CYCLES", usual, usual / 4);
+    return Count("CORPDIR_CYCLES", usual, usual / 3);
 }
 
 class Lifecycle : public ::testing::TestWithParam<Tls>
@@ -84,7 +84,7 @@ TEST_P(Lifecycle, ManyStopsAtAnyMoment)
 
 TEST_P(Lifecycle, ManyStopsWithinTheCallback)
 {
-    const std::size_t cycles = Cycles(1000);
+    const std::size_t cycles = Cycles(300);
     std::atomic<std::size_t> stopped{0};
     m_client.OnResult(
         [this, &stopped]
@@ -106,7 +106,7 @@ TEST_P(Lifecycle, ManyStopsWithinTheCallback)
 
 TEST_P(Lifecycle, ManyStopsWhileTheCallbackRuns)
 {
-    const std::size_t cycles = Cycles(1000);
+    const std::size_t cycles = Cycles(300);
     std::atomic<std::size_t> entered{0};
     std::atomic<std::size_t> stopping{0};
     std::atomic<std::size_t> left{0};

@@ -592,7 +592,7 @@ void ExpectThatAFetchSucceeds(const Servers& servers, bool tls)
 
 TEST(LifecycleSequences, NothingIsLeftBehindAndEverythingStillWorks)
 {
-    const std::size_t count = Count("CORPDIR_SEQUENCES", 5000, 500);
+    const std::size_t count = Count("CORPDIR_SEQUENCES", 1000, 500);
     const auto first = static_cast<unsigned int>(Count("CORPDIR_SEQUENCE_SEED", 1, 1));
     const Servers servers;
     const Leftovers leftovers;
