@@ -4,7 +4,7 @@
  * The service fetches a small version file from an FTP or FTPS server, compares its first line with
  * the version it accepted last, and fetches the directory file when that line changed. It repeats
  * the check every ten minutes, tries the next server of the list when one fails, and reports to the
- * client by events.
+ * client through events.
  *
  *     corpdir_client* client;
  *     corpdir_open(NULL, &client);          the log opens, the service runs
@@ -13,12 +13,12 @@
  *
  * Threads. Every function may be called on any thread, also on several at once, and within the
  * callback. Events are delivered on one thread of the library's own, one at a time, in the order in
- * which they happened; a slow callback delays later events and nothing else. That thread blocks the
- * program's signals.
+ * which they happened; a slow callback holds up later events and nothing else. That thread blocks
+ * all signals.
  *
  * Waiting. corpdir_close, and corpdir_start while an earlier request is under way, wait for a
- * callback in progress unless they are called within a callback. Do not call them while you hold a
- * lock that the callback takes.
+ * callback in progress unless they are called within a callback. So do not call them while holding
+ * a lock that the callback takes.
  *
  * The end of a process. A process may end without corpdir_close: from exit() on no callback begins,
  * and one in progress is waited for at most 1 s. In the child of a fork nothing here may be called.
@@ -40,60 +40,60 @@
 #define CORPDIR_API __attribute__((visibility("default")))
 #endif
 
-/* The result of a call, and the cause of a transfer's failure in an event. */
+/** Results of calls, and reasons of failed transfers in events. */
 typedef enum corpdir_code
 {
-    CORPDIR_OK = 0, /* success; in an event: nothing failed */
+    CORPDIR_OK = 0, /**< success; of an event: nothing failed */
 
     /* Calls. */
-    CORPDIR_ERR_ARGUMENT = 1,    /* a null pointer, or a record of a size that is unknown */
-    CORPDIR_ERR_CLIENT = 2,      /* the client is not open, or another thread is closing it */
-    CORPDIR_ERR_BUSY = 3,        /* the process has an open client already */
-    CORPDIR_ERR_MEMORY = 4,      /* memory or threads ran out */
-    CORPDIR_ERR_LOG = 5,         /* the log's directory cannot be used */
-    CORPDIR_ERR_SERVICE = 6,     /* the service could not be started; the log says why */
-    CORPDIR_ERR_NOT_STARTED = 7, /* the first check could not be started: no server's name has
+    CORPDIR_ERR_ARGUMENT = 1,    /**< a null pointer, or a record of a size that is unknown */
+    CORPDIR_ERR_CLIENT = 2,      /**< the client is not open, or another thread is closing it */
+    CORPDIR_ERR_BUSY = 3,        /**< the process has an open client already */
+    CORPDIR_ERR_MEMORY = 4,      /**< memory or threads ran out */
+    CORPDIR_ERR_LOG = 5,         /**< the log's directory cannot be used */
+    CORPDIR_ERR_SERVICE = 6,     /**< the service could not be started; the log says why */
+    CORPDIR_ERR_NOT_STARTED = 7, /**< the first check could not be started: no server's name has
                                   * an address, for instance; the log says why */
 
-    /* Transfers that failed. */
-    CORPDIR_ERR_CONNECT = 16,     /* no connection: refused, unreachable, no answer */
-    CORPDIR_ERR_TLS = 17,         /* TLS refused, or its handshake failed */
-    CORPDIR_ERR_CERTIFICATE = 18, /* the server's certificate was not accepted */
-    CORPDIR_ERR_LOGIN = 19,       /* user or password not accepted */
-    CORPDIR_ERR_FILE = 20,        /* the server does not send the file */
-    CORPDIR_ERR_REPLY = 21,       /* an unexpected reply, or one that is too long */
-    CORPDIR_ERR_TIMEOUT = 22,     /* a time limit was reached */
-    CORPDIR_ERR_PARTIAL = 23,     /* the file ended early, or its size is not the one announced */
-    CORPDIR_ERR_TOO_LARGE = 24,   /* the file is larger than the limit */
-    CORPDIR_ERR_LOCAL_FILE = 25,  /* the local file cannot be written */
-    CORPDIR_ERR_TRANSFER = 26,    /* any other failure of the transfer */
+    /* Failed transfers. */
+    CORPDIR_ERR_CONNECT = 16,     /**< no connection: refused, unreachable, no answer */
+    CORPDIR_ERR_TLS = 17,         /**< TLS refused, or its handshake failed */
+    CORPDIR_ERR_CERTIFICATE = 18, /**< the server's certificate was not accepted */
+    CORPDIR_ERR_LOGIN = 19,       /**< user or password not accepted */
+    CORPDIR_ERR_FILE = 20,        /**< the server refused the file */
+    CORPDIR_ERR_REPLY = 21,       /**< an unexpected reply, or one that is too long */
+    CORPDIR_ERR_TIMEOUT = 22,     /**< a time limit was exceeded */
+    CORPDIR_ERR_PARTIAL = 23,     /**< the file ended early, or its size is not the one announced */
+    CORPDIR_ERR_TOO_LARGE = 24,   /**< the file is larger than the limit */
+    CORPDIR_ERR_LOCAL_FILE = 25,  /**< the local file cannot be written */
+    CORPDIR_ERR_TRANSFER = 26,    /**< any other failure of the transfer */
 
-    /* Transfers that were refused before they began; also results of corpdir_start. */
-    CORPDIR_ERR_REFUSED = 32,     /* a parameter that cannot be used */
-    CORPDIR_ERR_CIPHER = 33,      /* a cipher suite that is unknown or not allowed */
-    CORPDIR_ERR_AUTHORITIES = 34, /* a trust text that cannot be used, or its file */
-    CORPDIR_ERR_SYSTEM = 35,      /* memory or another resource of the system ran out */
+    /* Transfers that were refused before they began, and corpdir_start. */
+    CORPDIR_ERR_REFUSED = 32,     /**< a parameter that cannot be used */
+    CORPDIR_ERR_CIPHER = 33,      /**< a cipher suite that is unknown or not allowed */
+    CORPDIR_ERR_AUTHORITIES = 34, /**< a trust text that cannot be used, or its file */
+    CORPDIR_ERR_SYSTEM = 35,      /**< memory or another resource of the system ran out */
 
-    /* Members of a record that cannot be used; the rule is at the member. */
-    CORPDIR_ERR_SERVERS = 48,
-    CORPDIR_ERR_USER = 49,
-    CORPDIR_ERR_PASSWORD = 50,
-    CORPDIR_ERR_VERSION_FILE = 51,
-    CORPDIR_ERR_DIRECTORY_FILE = 52,
-    CORPDIR_ERR_VERSION_DIR = 53,
-    CORPDIR_ERR_VERSION_NAME = 54,
-    CORPDIR_ERR_DIRECTORY_DIR = 55,
-    CORPDIR_ERR_DIRECTORY_NAME = 56,
-    CORPDIR_ERR_LOCAL_ADDRESS = 57,
-    CORPDIR_ERR_TRUST = 58,
-    CORPDIR_ERR_PORT = 59,
-    CORPDIR_ERR_MODE = 60,
-    CORPDIR_ERR_VERIFICATION = 61,
-    CORPDIR_ERR_LOG_DIR = 62,
-    CORPDIR_ERR_LOG_LEVEL = 63
+    /* Record members that cannot be used; the rule is beside the member. */
+    CORPDIR_ERR_SERVERS = 48,        /**< servers cannot be used */
+    CORPDIR_ERR_USER = 49,           /**< user cannot be used */
+    CORPDIR_ERR_PASSWORD = 50,       /**< password cannot be used */
+    CORPDIR_ERR_VERSION_FILE = 51,   /**< version_file cannot be used */
+    CORPDIR_ERR_DIRECTORY_FILE = 52, /**< directory_file cannot be used */
+    CORPDIR_ERR_VERSION_DIR = 53,    /**< version_dir cannot be used */
+    CORPDIR_ERR_VERSION_NAME = 54,   /**< version_name cannot be used */
+    CORPDIR_ERR_DIRECTORY_DIR = 55,  /**< directory_dir cannot be used */
+    CORPDIR_ERR_DIRECTORY_NAME = 56, /**< directory_name cannot be used */
+    CORPDIR_ERR_LOCAL_ADDRESS = 57,  /**< local_address cannot be used */
+    CORPDIR_ERR_TRUST = 58,          /**< trust cannot be used */
+    CORPDIR_ERR_PORT = 59,           /**< port cannot be used */
+    CORPDIR_ERR_MODE = 60,           /**< mode cannot be used */
+    CORPDIR_ERR_VERIFICATION = 61,   /**< without_verification cannot be used */
+    CORPDIR_ERR_LOG_DIR = 62,        /**< the log's directory cannot be used */
+    CORPDIR_ERR_LOG_LEVEL = 63       /**< the log's level cannot be used */
 } corpdir_code;
 
-/* An open service. Not an address: a client that was closed is recognised. */
+/** An open service. It is not an address, so a client that was closed is recognised. */
 typedef struct corpdir_client corpdir_client;
 
 /** Where the service writes its log, and how much of it. */
@@ -107,7 +107,7 @@ typedef struct corpdir_log_settings
     uint32_t reserved;       /**< 0 */
 } corpdir_log_settings;
 
-/* The protocol for a request's servers. */
+/** Protocol of a request's servers. */
 typedef enum corpdir_mode
 {
     CORPDIR_MODE_FTPS = 0, /**< control and data encrypted; implicit on port 990 */
@@ -123,32 +123,31 @@ typedef enum corpdir_event_kind
     CORPDIR_EVENT_FAILED = 3,      /**< a transfer failed: code and reason; the file that was there
                                     * before is untouched. For the version file the next server may
                                     * be tried next, so that several can precede a success */
-    CORPDIR_EVENT_REFUSED = 4,     /* a later transfer could not begin: code and reason */
-    CORPDIR_EVENT_DELIVERED = 5,   /* the directory file is complete under its local name; server,
+    CORPDIR_EVENT_REFUSED = 4,     /**< a later transfer could not be started: code and reason */
+    CORPDIR_EVENT_DELIVERED = 5,   /**< the directory file is complete under its local name; server,
                                     * file and bytes are those of its transfer */
     CORPDIR_EVENT_LOST = 6 /**< memory ran out: one or more events before this one are missing */
 } corpdir_event_kind;
 
-/* The total while the server has not announced a size. */
+/** The value of corpdir_event.total until the server announces a size. */
 #define CORPDIR_SIZE_UNKNOWN UINT64_MAX
 
-/* One event. The record and its texts belong to the library and are valid during the call. No text
- * is NULL; an unknown one is "". */
+/** An event. The record and its texts belong to the library and are valid for the call. No text is
+ * NULL; an unknown one is "". */
 typedef struct corpdir_event
 {
-    size_t size;        /* of this record in the library */
-    uint32_t kind;      /* corpdir_event_kind; later versions may add some */
-    uint32_t code;      /* corpdir_code of a failure or refusal, else CORPDIR_OK */
-    const char* server; /* "192.0.2.1:21" or "[2001:db8::1]:21"; a name that has no address */
-    const char* file;   /* on the server, as the request named it */
-    const char* reason; /* why it failed or was refused, without the server's name */
-    uint64_t bytes;     /* received so far */
-    uint64_t total;     /* size the server announced; CORPDIR_SIZE_UNKNOWN until it did */
+    size_t size;        /**< of this record in the library */
+    uint32_t kind;      /**< corpdir_event_kind; later versions may add some */
+    uint32_t code;      /**< corpdir_code of a failure or refusal, else CORPDIR_OK */
+    const char* server; /**< "192.0.2.1:21" or "[2001:db8::1]:21"; a name that has no address */
+    const char* file;   /**< on the server, as the request named it */
+    const char* reason; /**< of a failure or refusal, in words, without the server */
+    uint64_t bytes;     /**< received so far */
+    uint64_t total;     /**< size the server announced; until then CORPDIR_SIZE_UNKNOWN */
 } corpdir_event;
 
-/* Called for each event, on the library's event thread, one call at a time. user: user_data of the
- * request. Every function of this header may be called within; the callback must not throw, nor end
- * its thread. */
+/** Called for each event on the library's event thread, one call at a time. user: user_data of the
+ * request. It may call every function of this header; it must not throw or end its thread. */
 typedef void (*corpdir_event_fn)(void* user, const corpdir_event* event);
 
 /** A download request. Control bytes are refused in every text. */
@@ -170,19 +169,19 @@ typedef struct corpdir_request
     const char* version_name;   /**< NULL: the last part of version_file */
     const char* local_address;  /**< IPv4 or IPv6 address to connect from; NULL or "": the system's
                                  * choice */
-    const char* trust;          /* trusted servers, at most 255 bytes; NULL: "system", the system's
-                                 * certificate store. Else the path of a PEM file or directory of
-                                 * certification authorities, or "key=value" pairs separated by ";":
-                                 * ca= (a path or "system"), name= (DNS names separated by ",": each
-                                 * certificate must be for one of them, whatever is listed),
-                                 * tls=implicit */
-    uint32_t port;              /* 0: 21; at most 65535 */
-    uint32_t mode;              /* corpdir_mode */
-    uint32_t without_verification; /* 0: the server's certificate is checked; 1: it is not, and
-                                    * any server that answers gets the password */
-    uint32_t reserved;             /* 0 */
-    corpdir_event_fn on_event;     /* NULL: events are dropped */
-    void* user_data;               /* passed to on_event; remains the caller's */
+    const char* trust; /**< certificates to accept, at most 255 bytes; NULL: "system", the system's
+                        * certificate store. Else the path of a PEM file or directory of
+                        * certification authorities, or "key=value" pairs separated by ";":
+                        * ca= (a path or "system"), name= (DNS names separated by ",": each
+                        * certificate must carry one of them, whatever is listed),
+                        * tls=implicit */
+    uint32_t port;     /**< 0: 21; at most 65535 */
+    uint32_t mode;     /**< corpdir_mode */
+    uint32_t without_verification; /**< 0: the server's certificate is checked; 1: it is not, and
+                                    * any host that answers gets the password */
+    uint32_t reserved;             /**< 0 */
+    corpdir_event_fn on_event;     /**< NULL: no events */
+    void* user_data;               /**< passed to on_event; remains the caller's */
 } corpdir_request;
 
 /** Opens the service: the log, the service's threads, the event thread. log: NULL for standard
@@ -195,12 +194,12 @@ CORPDIR_API corpdir_code corpdir_open(const corpdir_log_settings* log, corpdir_c
  * transfer under way is cancelled, the file that was there before is untouched, and events that
  * were not delivered are dropped.
  *
- * After it returns no callback of the client runs, and user_data may be freed. Called within
- * the callback it does not wait: the callback in progress is the last one, the client is closed
- * at once, and a new one may be opened within. A close of the same client on another
- * thread then waits for the callback's end.
+ * After it returns no callback of the client runs, and user_data may be freed. Called within the
+ * callback it does not wait for that callback, which is the last one: the client is closed at once,
+ * and the callback may open a new one. A close of the same client on another thread then waits for
+ * the callback's end.
  *
- * NULL, or a client that is closed already, has no effect. Any thread. Blocks until a callback in
+ * NULL and a client that is closed already are harmless. Any thread. Blocks until a callback in
  * progress has returned, the log is written (5 s at most) and the service's threads have ended;
  * the resolution of a server's name can delay these. */
 CORPDIR_API void corpdir_close(corpdir_client* client);
@@ -209,20 +208,20 @@ CORPDIR_API void corpdir_close(corpdir_client* client);
  * its texts are copied during the call, and remain the caller's; wipe the password. The service
  * keeps it in sealed form only.
  *
- * An earlier request is ended first: the service is stopped and started, its transfer is
- * cancelled and its events are dropped. When the call returns success, the earlier callback does
- * not run any more and its user_data may be freed, unless this is called within that callback. A
- * request that is refused for one of its members changes nothing.
+ * If an earlier request is under way, the service is stopped and started again: the earlier
+ * transfer is cancelled and its events are dropped. Once the new request is accepted, the earlier
+ * callback no longer runs and its user_data may be freed, unless this is called within that
+ * callback. A request that is refused for one of its members changes nothing.
  *
- * Events may be delivered before the call returns. After a failure nothing of the request is
- * under way, nothing of it is delivered, and no earlier request goes on, unless the code is one
- * of a member, CORPDIR_ERR_ARGUMENT or CORPDIR_ERR_CLIENT. corpdir_start_reason explains it.
+ * Events may be delivered before the call returns. After a failure nothing of the request is under
+ * way, none of its events is delivered, and no earlier request continues, unless the code is that
+ * of a member, CORPDIR_ERR_ARGUMENT or CORPDIR_ERR_CLIENT. corpdir_start_reason gives the reason.
  *
- * Server names are looked up within the call, in parallel, for at most 10 s. A name without an
+ * Names of servers are looked up within the call, in parallel, 10 s at most. One that has no
  * address is left out, with an event CORPDIR_EVENT_FAILED. The others are looked up again at each
  * later check.
  *
- * Any thread. Blocks for the names, and to end an earlier request as corpdir_close does.
+ * Any thread. Blocks for the names, and after an earlier request as corpdir_close does.
  * CORPDIR_ERR_ARGUMENT, _CLIENT, _MEMORY, _LOG, _SERVICE, _NOT_STARTED, _REFUSED, _CIPHER,
  * _AUTHORITIES, _SYSTEM, and from _SERVERS to _VERIFICATION. */
 CORPDIR_API corpdir_code corpdir_start(corpdir_client* client, const corpdir_request* request);
@@ -232,10 +231,11 @@ CORPDIR_API corpdir_code corpdir_start(corpdir_client* client, const corpdir_req
  * may be NULL when capacity is 0. Any thread. Waits for a call under way on another thread. */
 CORPDIR_API size_t corpdir_start_reason(corpdir_client* client, char* buffer, size_t capacity);
 
-/* TLS cipher suites that FTPS offers, in order of preference, as two-byte IANA numbers (0x1302
- * is TLS_AES_256_GCM_SHA384). They hold for the client until it is closed, and for requests
- * made afterwards. When none are set: 0x0035, 0x003C, 0x003D, which old servers support, and
- * which have no forward secrecy. An unknown suite is refused by corpdir_start.
+/** @name TLS cipher suites
+ * The suites that FTPS offers, in order of preference, as two-byte IANA numbers (0x1302 is
+ * TLS_AES_256_GCM_SHA384). They apply to requests made afterwards, until the client is closed.
+ * When none are set: 0x0035, 0x003C, 0x003D, which old servers support and which have no forward
+ * secrecy. corpdir_start refuses an unknown suite.
  *
  * Any thread. Waits for a call under way on another thread. CORPDIR_ERR_ARGUMENT, _CLIENT,
  * _MEMORY.
@@ -250,9 +250,7 @@ CORPDIR_API corpdir_code corpdir_set_ciphers(corpdir_client* client, const uint1
 CORPDIR_API corpdir_code corpdir_add_cipher(corpdir_client* client, uint16_t suite);
 /** @} */
 
-/* Constants of the library. */
-
-/* The meaning of a code; never NULL. A constant of the library. Any thread. */
+/** Returns the meaning of a code in words, a constant text; never NULL. Any thread. */
 CORPDIR_API const char* corpdir_error_text(uint32_t code);
 
 /** Returns the library's version, such as "1.0.0", a constant text. Any thread. */

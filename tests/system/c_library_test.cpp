@@ -655,7 +655,7 @@ TEST_F(CLibraryFetch, ALaterTransferThatIsRefusedIsTold)
     EXPECT_EQ(last.kind, CORPDIR_EVENT_REFUSED);
     EXPECT_EQ(last.code, CORPDIR_ERR_REFUSED);
     EXPECT_EQ(last.file, "directory.csv");
-    EXPECT_THAT(last.reason, HasSubstr("name of a temporary file"));
+    EXPECT_THAT(last.reason, HasSubstr("is reserved for temporary files"));
 }
 
 TEST_F(CLibraryTransfer, AServerThatDiesLeavesTheOlderFile)
