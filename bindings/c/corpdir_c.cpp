@@ -128,8 +128,8 @@ private:
 
 Binding& Binding::Get()
 {
-    static Binding* const instance = new Binding;
-    return *instance;
+    static Binding* const s_binding = new Binding;
+    return *s_binding;
 }
 
 bool Binding::IsOpen(corpdir_client* client) const

@@ -85,9 +85,9 @@ EventThread::EventThread(corpdir_client* client) : m_client(client) {}
 
 void EventThread::Start()
 {
-    static const bool registered = base::ProcessEnd::Register<base::EndStage::kEvents>(
+    static const bool s_registered = base::ProcessEnd::Register<base::EndStage::kEvents>(
         EndCallbacks, [] { g_callbacks.ForgetInside(); });
-    if (!registered)
+    if (!s_registered)
     {
         throw std::bad_alloc();
     }

@@ -17,8 +17,8 @@ class Changes
 public:
     static Changes& Get()
     {
-        static NeverDestroyed<Changes> changes;
-        return changes.Get();
+        static NeverDestroyed<Changes> s_changes;
+        return s_changes.Get();
     }
 
     // Counts a change and wakes all sleepers.

@@ -15,7 +15,7 @@ namespace base
 // IPv4 or IPv6, distinguished by the length; an IPv4 address mapped into IPv6 counts as IPv4.
 inline std::string AddressKey(int family, const void* bytes)
 {
-    static const char kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, '\xff', '\xff'};
+    constexpr char kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, '\xff', '\xff'};
     const char* const begin = static_cast<const char*>(bytes);
     if (family == AF_INET6 && memcmp(begin, kMapped, sizeof kMapped) != 0)
     {
@@ -30,8 +30,8 @@ class ResolvedNames
 public:
     static ResolvedNames& OfThisThread()
     {
-        thread_local ResolvedNames names;
-        return names;
+        thread_local ResolvedNames t_names;
+        return t_names;
     }
 
     // Notes that the text was converted to the address. When memory runs out, or very many were

@@ -42,7 +42,7 @@ socklen_t ToSystem(const Address& address, unsigned int port, sockaddr_storage& 
 
 void Set(int socket, int level, int option, int value)
 {
-    (void)setsockopt(socket, level, option, &value, sizeof value);  // an optimisation only
+    (void)setsockopt(socket, level, option, &value, sizeof value);  // a failure does no harm
 }
 
 // Text of an OpenSSL error. For the peer's alerts it is the alert's description: the reason's text
@@ -200,8 +200,8 @@ void Channel::OnMessage(int sent, int, int type, const void*, size_t, SSL*, void
     }
 }
 
-// Looks at the peer's first byte: a server that refuses the connection in clear, or does not speak
-// TLS, must not be answered with a TLS alert.
+// Looks at the peer's first byte: a server that refuses the connection in cleartext, or does not
+// speak TLS, must not be answered with a TLS alert.
 bool Channel::AnswersInTls()
 {
     if (m_answered)

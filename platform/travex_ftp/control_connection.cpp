@@ -73,7 +73,7 @@ bool ControlConnection::Open(Attempt& attempt)
     return opened;
 }
 
-void ControlConnection::Reopen(Attempt& attempt)
+void ControlConnection::BeginTransfer(Attempt& attempt)
 {
     m_reader.Restart(attempt.TheLimits());
     m_replyCount = 0;
@@ -118,12 +118,12 @@ bool ControlConnection::Greet(Attempt& attempt)
         }
     } while (reply.Preliminary());  // 120: service ready in some minutes
     m_greeted = true;
-    if (reply.Refusal())
+    if (reply.Negative())
     {
         return FailByReply(attempt.failure, TRAVEX_FTP_ERR_CONNECT,
                            "the server refused the connection", reply);
     }
-    return reply.Positive() ||
+    return reply.PositiveCompletion() ||
            FailByReply(attempt.failure, TRAVEX_FTP_ERR_REPLY, "unexpected greeting", reply);
 }
 
@@ -136,12 +136,13 @@ bool ControlConnection::Secure(Attempt& attempt)
     {
         return false;
     }
-    constexpr unsigned int kSecurityDataFollows = 334;
-    if (!reply.Positive() && reply.code != kSecurityDataFollows)
+    constexpr unsigned int kSecurityDataExpected = 334;
+    if (!reply.PositiveCompletion() && reply.code != kSecurityDataExpected)
     {
         return FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "AUTH refused", reply);
     }
-    // An attacker may have injected it, to be taken for a reply that came over TLS.
+    // Cleartext that is buffered here may have been injected, and would be read as a reply that
+    // came over TLS.
     if (m_reader.Pending())
     {
         return Fail(attempt.failure, TRAVEX_FTP_ERR_TLS,
@@ -212,7 +213,7 @@ bool ControlConnection::LogIn(Attempt& attempt)
             return false;
         }
     }
-    if (!reply.Positive())
+    if (!reply.PositiveCompletion())
     {
         return FailByReply(attempt.failure, TRAVEX_FTP_ERR_LOGIN, "login refused", reply);
     }
@@ -229,12 +230,12 @@ bool ControlConnection::Protect(Attempt& attempt)
     {
         return false;
     }
-    if (!reply.Positive())
+    if (!reply.PositiveCompletion())
     {
         return FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "PBSZ refused", reply);
     }
     return Command(attempt, "PROT", "P", reply) &&
-           (reply.Positive() ||
+           (reply.PositiveCompletion() ||
             FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "PROT refused", reply));
 }
 
@@ -243,7 +244,7 @@ bool ControlConnection::ChooseType(Attempt& attempt)
     attempt.Enter(TRAVEX_FTP_STEP_TYPE);
     Reply reply;
     return Command(attempt, "TYPE", "I", reply) &&
-           (reply.Positive() ||
+           (reply.PositiveCompletion() ||
             FailByReply(attempt.failure, TRAVEX_FTP_ERR_REPLY, "TYPE refused", reply));
 }
 
@@ -376,7 +377,7 @@ bool ControlConnection::FailWait(Attempt& attempt, Io io)
                 Attempt::Seconds(attempt.TheLimits().response));
 }
 
-bool ControlConnection::Quiet()
+bool ControlConnection::NothingPending()
 {
     char byte = 0;
     size_t length = 0;

@@ -22,12 +22,12 @@ public:
     ControlConnection(const ControlConnection&) = delete;
     ControlConnection& operator=(const ControlConnection&) = delete;
 
-    // Connects, reads the greeting, secures the connection, logs in and selects binary mode. False:
-    // failed or cancelled, see the attempt; the connection is unusable.
+    // Connects, reads the greeting, secures the connection, logs in and selects the image type
+    // (TYPE I). False: failed or cancelled, see the attempt; the connection is unusable.
     bool Open(Attempt& attempt);
 
-    // Starts a further transfer on the connection.
-    void Reopen(Attempt& attempt);
+    // Prepares the connection for a further transfer.
+    void BeginTransfer(Attempt& attempt);
 
     // Sends a command and reads its reply. False: no reply, or a 421.
     bool Command(Attempt& attempt, const char* verb, const char* argument, Reply& reply);
@@ -56,7 +56,7 @@ public:
     bool FailWait(Attempt& attempt, Io io);
 
     // True if the connection is open and no unsolicited reply has arrived.
-    bool Quiet();
+    bool NothingPending();
 
     // Sends QUIT without waiting for its reply, and closes the connection.
     void Quit();
@@ -86,7 +86,7 @@ public:
         return *m_settings;
     }
 
-    // Replies since Open or Reopen.
+    // Replies since Open or BeginTransfer.
     unsigned int ReplyCount() const
     {
         return m_replyCount;

@@ -22,8 +22,8 @@ constexpr char kPrefix[] = ".travex_ftp-";
 constexpr char kSuffix[] = ".part";
 constexpr size_t kDigits = 16;
 
-// Another download that looks for orphans locks a new file only for a moment. This many locked
-// files in a row are something else.
+// Another download that searches for orphans locks a new file for a moment only. This many in a row
+// mean a program that locks everything.
 constexpr int kTries = 100;
 
 constexpr mode_t kPermissions = 0777;

@@ -113,7 +113,7 @@ TaskPtr Handle::AwaitTask()
         {
             return task;
         }
-        AwaitRequest();
+        AwaitWakeUp();
     }
     return nullptr;
 }
@@ -132,13 +132,13 @@ TaskPtr Handle::TakeTask()
 }
 
 // Waits for a task. Closes the kept connection after a while, or when something arrives on it.
-void Handle::AwaitRequest()
+void Handle::AwaitWakeUp()
 {
     const bool kept = m_connection != nullptr;
     const Deadline deadline = {kept ? m_keptUntil : Clock::now() + std::chrono::hours(1),
                                m_wake.Number()};
     const Io io = deadline.Wait(kept ? m_connection->TheChannel().Socket() : -1, POLLIN);
-    const bool chatter = kept && io == Io::kDone && !m_connection->Quiet();
+    const bool chatter = kept && io == Io::kDone && !m_connection->NothingPending();
     if (chatter || (kept && io == Io::kTimedOut))
     {
         CloseConnection();
@@ -165,7 +165,7 @@ void Handle::RunTask(const TaskPtr& task)
     {
         (void)FailSystem(transfer.failure, "transfer");
     }
-    if (!good || !m_connection->Quiet())
+    if (!good || !m_connection->NothingPending())
     {
         CloseConnection();
     }
@@ -210,7 +210,8 @@ bool Handle::Fetch(Transfer& transfer)
 // which would be mistaken for a reply.
 void Handle::ChooseConnection(const Settings& settings)
 {
-    if (m_connection != nullptr && (!m_connection->Serves(settings) || !m_connection->Quiet()))
+    if (m_connection != nullptr &&
+        (!m_connection->Serves(settings) || !m_connection->NothingPending()))
     {
         CloseConnection();
     }
@@ -226,7 +227,7 @@ bool Handle::Try(Transfer& transfer, bool& again)
     Attempt attempt(transfer.limits, m_wake.Number(), transfer.begin + transfer.limits.transfer);
     if (reused)
     {
-        m_connection->Reopen(attempt);
+        m_connection->BeginTransfer(attempt);
     }
     else
     {

@@ -85,7 +85,7 @@ private:
     void Run();
     TaskPtr AwaitTask() CORPDIR_EXCLUDES(m_mutex);
     TaskPtr TakeTask() CORPDIR_EXCLUDES(m_mutex);
-    void AwaitRequest();
+    void AwaitWakeUp();
     void DropTasks() CORPDIR_EXCLUDES(m_mutex);
     void RunTask(const TaskPtr& task);
     bool Prepare(Transfer& transfer);

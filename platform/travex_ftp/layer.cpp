@@ -13,7 +13,7 @@ namespace travex_ftp
 {
 // The state of the layer outside its runs. Created on first use and never destroyed: calls may come
 // until the process is gone.
-struct World
+struct ProcessState
 {
     base::Mutex mutex;
     std::shared_ptr<Layer> running CORPDIR_GUARDED_BY(mutex);
@@ -25,7 +25,7 @@ struct World
     std::atomic<bool> hasThreads{false};
     std::atomic<bool> forked{false};
 
-    static World& Get();
+    static ProcessState& Get();
     static void StartOnce();
     static void AtExit(Clock::time_point deadline);
     static void OnFork();
@@ -37,27 +37,27 @@ struct World
     void JoinEnded(bool onlyOver) CORPDIR_EXCLUDES(mutex);
 };
 
-World& World::Get()
+ProcessState& ProcessState::Get()
 {
-    static World* const world = new World;
-    return *world;
+    static ProcessState* const s_state = new ProcessState;
+    return *s_state;
 }
 
-// Our stage is registered after OpenSSL's exit handler, and so runs before it. The flag makes
-// OpenSSL register its handler and load nothing: plain FTP needs nothing more of it.
-void World::StartOnce()
+// OpenSSL's exit handler is registered first, so our stage runs before it. ATFORK loads nothing
+// else of OpenSSL.
+void ProcessState::StartOnce()
 {
-    static const bool started =
+    static const bool s_started =
         OPENSSL_init_crypto(OPENSSL_INIT_ATFORK, nullptr) == 1 &&
         base::ProcessEnd::Register<base::EndStage::kTransfers>(AtExit, OnFork);
-    if (!started)
+    if (!s_started)
     {
         throw std::bad_alloc();
     }
 }
 
 // False when another thread was faster, or the process is ending. Throws std::bad_alloc.
-bool World::Install(const std::shared_ptr<Layer>& layer)
+bool ProcessState::Install(const std::shared_ptr<Layer>& layer)
 {
     const base::MutexLock lock(mutex);
     if (base::ProcessEnd::HasBegun(base::EndStage::kTransfers) || running != nullptr)
@@ -71,7 +71,7 @@ bool World::Install(const std::shared_ptr<Layer>& layer)
 }
 
 // Takes the running layer out of service, without waiting; null if there is none.
-std::shared_ptr<Layer> World::Retire()
+std::shared_ptr<Layer> ProcessState::Retire()
 {
     const base::MutexLock lock(mutex);
     std::shared_ptr<Layer> layer = std::move(running);
@@ -82,7 +82,7 @@ std::shared_ptr<Layer> World::Retire()
     return layer;
 }
 
-std::shared_ptr<Layer> World::FirstEnded(bool onlyOver)
+std::shared_ptr<Layer> ProcessState::FirstEnded(bool onlyOver)
 {
     const base::MutexLock lock(mutex);
     const auto found =
@@ -91,8 +91,8 @@ std::shared_ptr<Layer> World::FirstEnded(bool onlyOver)
     return found == ended.end() ? nullptr : *found;
 }
 
-// Without threads any process may start the layer: the child of a fork made now may too.
-void World::Forget(const std::shared_ptr<Layer>& layer)
+// Clears the flag when no thread is left: a child forked after that may use the layer.
+void ProcessState::Forget(const std::shared_ptr<Layer>& layer)
 {
     const base::MutexLock lock(mutex);
     ended.erase(std::remove(ended.begin(), ended.end(), layer), ended.end());
@@ -100,7 +100,7 @@ void World::Forget(const std::shared_ptr<Layer>& layer)
 }
 
 // A run stays in the list until its threads are joined, so that every caller waits for them.
-void World::JoinEnded(bool onlyOver)
+void ProcessState::JoinEnded(bool onlyOver)
 {
     while (const std::shared_ptr<Layer> layer = FirstEnded(onlyOver))
     {
@@ -112,53 +112,53 @@ void World::JoinEnded(bool onlyOver)
 // From here on no notification begins. A notification in progress, and the current step of each
 // transfer thread, are waited for until the deadline. Nothing is destroyed: a thread that is busy
 // after it still finds all objects that it uses.
-void World::AtExit(Clock::time_point deadline)
+void ProcessState::AtExit(Clock::time_point deadline)
 {
-    World& world = Get();
-    if (world.forked)
+    ProcessState& state = Get();
+    if (state.forked)
     {
         return;
     }
-    (void)world.Retire();
-    static auto* const left = new std::vector<std::shared_ptr<Layer>>;
+    (void)state.Retire();
+    static auto* const s_left = new std::vector<std::shared_ptr<Layer>>;
     {
-        const base::MutexLock lock(world.mutex);
-        left->swap(world.ended);
+        const base::MutexLock lock(state.mutex);
+        s_left->swap(state.ended);
     }
-    for (const std::shared_ptr<Layer>& layer : *left)
+    for (const std::shared_ptr<Layer>& layer : *s_left)
     {
         layer->Stop();
         layer->LeaveNoFiles();
     }
-    for (const std::shared_ptr<Layer>& layer : *left)
+    for (const std::shared_ptr<Layer>& layer : *s_left)
     {
         (void)layer->Join(deadline);
     }
 }
 
-void World::OnFork()
+void ProcessState::OnFork()
 {
-    World& world = Get();
-    world.forked = world.forked || world.hasThreads;
+    ProcessState& state = Get();
+    state.forked = state.forked || state.hasThreads;
 }
 
 bool Layer::Forked()
 {
-    return World::Get().forked;
+    return ProcessState::Get().forked;
 }
 
 std::shared_ptr<Layer> Layer::Running()
 {
-    World& world = World::Get();
-    const base::MutexLock lock(world.mutex);
-    return world.running;
+    ProcessState& state = ProcessState::Get();
+    const base::MutexLock lock(state.mutex);
+    return state.running;
 }
 
 bool Layer::Init()
 {
-    World::StartOnce();
-    World& world = World::Get();
-    world.JoinEnded(true);
+    ProcessState::StartOnce();
+    ProcessState& state = ProcessState::Get();
+    state.JoinEnded(true);
     if (Running() != nullptr)
     {
         return true;
@@ -167,7 +167,7 @@ bool Layer::Init()
     try
     {
         layer->m_notifier.Start();
-        if (world.Install(layer))
+        if (state.Install(layer))
         {
             return true;
         }
@@ -184,20 +184,20 @@ bool Layer::Init()
 
 void Layer::Uninit()
 {
-    World& world = World::Get();
-    if (const std::shared_ptr<Layer> layer = world.Retire())
+    ProcessState& state = ProcessState::Get();
+    if (const std::shared_ptr<Layer> layer = state.Retire())
     {
         layer->Stop();
     }
     // A thread of the layer cannot wait for itself; its run is joined by a later call.
     if (!Worker::CallerIsOurs())
     {
-        world.JoinEnded(false);
+        state.JoinEnded(false);
     }
 }
 
-// The notifier first: a transfer that ends from here on is not reported. A handle is always in one
-// of the lists: each caller that joins sees it.
+// The notifier first: a transfer that ends from here on is not reported. A handle is always in
+// m_handles or m_closed, so that every caller that joins finds it.
 void Layer::Stop()
 {
     m_notifier.Stop();
@@ -236,7 +236,7 @@ void Layer::Reap()
     }
 }
 
-// Stops first: another caller may have begun to end the run, but not stopped its handles yet.
+// Stops first: another caller may have retired this run and not stopped its handles yet.
 bool Layer::Join(Clock::time_point deadline)
 {
     Stop();

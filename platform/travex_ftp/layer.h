@@ -21,7 +21,8 @@ public:
     // The running layer, null if there is none.
     static std::shared_ptr<Layer> Running();
 
-    // The process is a fork of one that had the layer's threads; asked before anything else.
+    // This process is a child of a fork of one that had the layer's threads. Check it before any
+    // lock is taken.
     static bool Forked();
 
     // TRAVEX_FTP_Init and TRAVEX_FTP_UnInit. Init() is false when the process is ending,
@@ -47,7 +48,7 @@ public:
     }
 
 private:
-    friend struct World;
+    friend struct ProcessState;
 
     void Stop() CORPDIR_EXCLUDES(m_mutex);
     void Close(const std::shared_ptr<Handle>& handle) CORPDIR_REQUIRES(m_mutex);

@@ -9,7 +9,7 @@ namespace travex_ftp
 {
 namespace
 {
-// Cap of all times: twice this many milliseconds fit into 32 bits.
+// 20 days: even doubled it fits into 32 bits of milliseconds.
 constexpr uint64_t kLongest = 1000ull * 3600 * 24 * 20;
 
 milliseconds Bounded(uint64_t number)
@@ -98,16 +98,16 @@ struct Setting
 
 Setting& TheSetting()
 {
-    static Setting* const setting = new Setting;
-    return *setting;
+    static Setting* const s_setting = new Setting;
+    return *s_setting;
 }
 
 }  // namespace
 
 Limits Limits::Current()
 {
-    static const Limits environment = EnvironmentLimits();
-    Limits limits = environment;
+    static const Limits s_environment = EnvironmentLimits();
+    Limits limits = s_environment;
     const tagTRAVEX_FTP_S_LIMITS set = TheSetting().Get();
     Apply(limits, [&set](const auto& entry) { return set.*entry.set; });
     return limits;

@@ -15,9 +15,9 @@ namespace travex_ftp
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-// How long a server may take and how much it may send. The first that is given applies: the value
-// set with TRAVEX_FTP_SetLimits; the environment variable named beside the limit, a positive number
-// in its unit, read once; the default. Times are capped at 20 days.
+// How long a server may take and how much it may send. In this order: TRAVEX_FTP_SetLimits; the
+// environment variable named beside the limit (read once, a positive number in its unit); the
+// default. Times are capped at 20 days.
 struct Limits
 {
     milliseconds connect{10000};    // CORPDIR_FTP_CONNECT_MS: one TCP connection, control or data
@@ -42,9 +42,9 @@ struct Limits
 // Implements TRAVEX_FTP_SetLimits. Thread-safe.
 void SetLimits(const tagTRAVEX_FTP_S_LIMITS* limits);
 
-// How long a server may leave the data channel open after it has confirmed a complete file, and how
-// long the reply that explains a broken data channel is awaited.
-constexpr milliseconds kFinalReplyWait{1000};
+// Grace period: for the server to close the data channel after the 226, and for the reply that
+// explains a broken one.
+constexpr milliseconds kGracePeriod{1000};
 
 // How long a handle does not repeat a login that was refused with 530: repeated failures may lock
 // the account.

@@ -26,7 +26,7 @@ public:
     // A task has received bytes. Replaces a progress that was not reported yet.
     void Progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(m_mutex);
 
-    // A task has ended; a failure with code 0 is success. Reported once, in the order of the calls.
+    // A task has ended; ulRet 0 is success. Reported once, in the order of the calls.
     void Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
                   const tagTRAVEX_FTP_S_TIMINGS& timings) CORPDIR_EXCLUDES(m_mutex);
 

@@ -26,8 +26,8 @@ struct State
 
 State& TheState()
 {
-    static State* const instance = new State;
-    return *instance;
+    static State* const s_state = new State;
+    return *s_state;
 }
 
 // Depth of observer calls on this thread.

@@ -247,8 +247,8 @@ void ReplyReader::KeepText(char (&text)[256], bool login) const
     MakePrintable(text);
 }
 
-// Masks the secret in the text with asterisks, ignoring case; also a beginning or an end of it that
-// is at least half as long, and where the text ends within it.
+// Masks the password with asterisks, ignoring case: whole, its first or last part of at least half
+// its length (4 bytes at least), or cut by the end of the text.
 void ReplyReader::MaskText(char (&text)[256], const char* secret, size_t length) const
 {
     const size_t least = std::max(kShortestMasked, length / 2);
@@ -271,7 +271,7 @@ void ReplyReader::MaskText(char (&text)[256], const char* secret, size_t length)
     }
 }
 
-uint64_t SizeOfAnswer(const char* text)
+uint64_t SizeIn213(const char* text)
 {
     uint64_t size = 0;
     const char* const end = ReadNumber(text, size);
@@ -279,9 +279,9 @@ uint64_t SizeOfAnswer(const char* text)
     return number ? size : TRAVEX_FTP_SIZE_UNKNOWN;
 }
 
-uint64_t SizeOfOpening(const char* text)
+uint64_t SizeIn150(const char* text)
 {
-    static const char kUnit[] = " bytes";
+    constexpr char kUnit[] = " bytes";
     uint64_t found = 0;
     for (const char* at = strchr(text, '('); at != nullptr; at = strchr(at + 1, '('))
     {

@@ -21,11 +21,11 @@ struct Reply
     {
         return code >= 100 && code < 200;
     }
-    bool Positive() const
+    bool PositiveCompletion() const
     {
         return code >= 200 && code < 300;
     }
-    bool Refusal() const
+    bool Negative() const
     {
         return code >= 400 && code < 600;
     }
@@ -97,11 +97,11 @@ private:
 
 // The size in a 213 reply to SIZE; TRAVEX_FTP_SIZE_UNKNOWN when the text is not exactly one number
 // up to INT64_MAX.
-uint64_t SizeOfAnswer(const char* text);
+uint64_t SizeIn213(const char* text);
 
 // The size in "(1234 bytes" in a 150 reply, else TRAVEX_FTP_SIZE_UNKNOWN. 0 is unknown too: some
 // servers always write it.
-uint64_t SizeOfOpening(const char* text);
+uint64_t SizeIn150(const char* text);
 
 // The port in a reply to EPSV or PASV, in either format; the address in it is ignored. 0: none.
 unsigned int PortOfReply(const Reply& reply);

@@ -65,8 +65,8 @@ bool DecideByBytes(const Evidence& evidence, Failure& failure)
                         static_cast<Count>(evidence.received), evidence.dataWhy);
         case DataEnd::kOpen:
             return true;  // the control connection has failed
-        case DataEnd::kCutOff:
-        case DataEnd::kInOrder:
+        case DataEnd::kTruncated:
+        case DataEnd::kClosedCleanly:
             break;
     }
     if (known)
@@ -74,7 +74,7 @@ bool DecideByBytes(const Evidence& evidence, Failure& failure)
         return Fail(failure, TRAVEX_FTP_ERR_PARTIAL, "incomplete: %llu of %llu bytes received",
                     static_cast<Count>(evidence.received), static_cast<Count>(evidence.announced));
     }
-    return evidence.data == DataEnd::kInOrder ||
+    return evidence.data == DataEnd::kClosedCleanly ||
            Fail(failure, TRAVEX_FTP_ERR_PARTIAL,
                 "the data channel closed without close_notify: the file may be truncated");
 }
@@ -84,7 +84,7 @@ bool DecideByBytes(const Evidence& evidence, Failure& failure)
 bool Decide(const Evidence& evidence, Failure& failure)
 {
     SetStep(failure, TRAVEX_FTP_STEP_RECEIVE);
-    if (evidence.last.Refusal())
+    if (evidence.last.Negative())
     {
         return DecideByRefusal(evidence, failure);
     }
@@ -108,7 +108,7 @@ bool Decide(const Evidence& evidence, Failure& failure)
         return Fail(failure, TRAVEX_FTP_ERR_TIMEOUT, "no 226 within %g s of the last byte",
                     Attempt::Seconds(evidence.confirm));
     }
-    return evidence.last.Positive() ||
+    return evidence.last.PositiveCompletion() ||
            FailByReply(failure, TRAVEX_FTP_ERR_REPLY, "unexpected reply to RETR", evidence.last);
 }
 
@@ -130,7 +130,7 @@ Retrieval::Retrieval(ControlConnection& control, Attempt& attempt, const TaskPtr
 
 bool Retrieval::Run()
 {
-    return OpenData() && AskSize() && CheckData() && Request() && SecureData() && Receive() &&
+    return OpenData() && AskSize() && CheckData() && SendRetr() && SecureData() && Receive() &&
            AwaitConfirmation() && Conclude();
 }
 
@@ -160,7 +160,8 @@ bool Retrieval::OpenByPasv()
 }
 
 // EPSV (RFC 2428) or PASV. With IPv4 an EPSV without a usable port is not a failure: the port is 0,
-// and PASV follows. Some firewalls reset the control connection on EPSV.
+// and PASV follows. If the control connection is lost on EPSV, as behind some firewalls, PASV is
+// tried on a new one.
 bool Retrieval::AskPort(const char* verb, const char* refused, const char* unexpected,
                         unsigned int& port)
 {
@@ -171,14 +172,14 @@ bool Retrieval::AskPort(const char* verb, const char* refused, const char* unexp
         m_wantsPasv = MayUsePasv() && m_attempt.failure.ulRet == TRAVEX_FTP_ERR_TRANSFER;
         return false;
     }
-    port = reply.Positive() ? PortOfReply(reply) : 0;
+    port = reply.PositiveCompletion() ? PortOfReply(reply) : 0;
     if (port != 0 || MayUsePasv())
     {
         return true;
     }
     m_usePasv = false;  // PASV has failed too
     return FailByReply(m_attempt.failure, TRAVEX_FTP_ERR_REPLY,
-                       reply.Refusal() ? refused : unexpected, reply);
+                       reply.Negative() ? refused : unexpected, reply);
 }
 
 // Connects to the address of the control connection; the one in a 227 is ignored.
@@ -191,7 +192,8 @@ bool Retrieval::ConnectTo(unsigned int port)
     return io == Io::kDone || FailData(io);
 }
 
-// The data connection has failed. PASV may work: some firewalls open only ports of PASV replies.
+// The data connection has failed. PASV may work: some firewalls open only ports that
+// they see in a 227.
 bool Retrieval::FailData(Io io)
 {
     m_attempt.Enter(TRAVEX_FTP_STEP_DATA_CONNECT);
@@ -208,7 +210,7 @@ bool Retrieval::FailData(Io io)
                                       "cannot connect to data port %u: %s", m_port, m_data.Why());
 }
 
-// SIZE is left out when the 150 of this server has proven reliable.
+// SIZE is left out when 213, 150 and bytes agreed earlier on this connection.
 bool Retrieval::AskSize()
 {
     if (m_control.sizesAgree)
@@ -222,12 +224,12 @@ bool Retrieval::AskSize()
         return false;
     }
     constexpr unsigned int kFileStatus = 213;
-    m_sizeAnswered = reply.code == kFileStatus ? SizeOfAnswer(reply.text) : TRAVEX_FTP_SIZE_UNKNOWN;
-    m_evidence.announced = m_sizeAnswered;
+    m_sizeIn213 = reply.code == kFileStatus ? SizeIn213(reply.text) : TRAVEX_FTP_SIZE_UNKNOWN;
+    m_evidence.announced = m_sizeIn213;
     return true;
 }
 
-// Falls back to PASV while the server still waits for a command.
+// If the data channel has failed already, PASV is tried now, before RETR.
 bool Retrieval::CheckData()
 {
     const Io io = m_data.Connected();
@@ -242,11 +244,11 @@ bool Retrieval::CheckData()
     return OpenByPasv();
 }
 
-bool Retrieval::Request()
+bool Retrieval::SendRetr()
 {
     m_attempt.Enter(TRAVEX_FTP_STEP_RETRIEVE);
     Reply reply;
-    if (!m_control.Send(m_attempt, "RETR", m_task->serverFile.c_str()) || !AwaitOpening(reply))
+    if (!m_control.Send(m_attempt, "RETR", m_task->serverFile.c_str()) || !AwaitPreliminary(reply))
     {
         return false;
     }
@@ -254,7 +256,7 @@ bool Retrieval::Request()
     {
         return Opened(reply);
     }
-    return reply.Refusal()
+    return reply.Negative()
                ? FailByReply(m_attempt.failure, TRAVEX_FTP_ERR_FILE, "RETR refused", reply)
                : FailByReply(m_attempt.failure, TRAVEX_FTP_ERR_REPLY, "unexpected reply to RETR",
                              reply);
@@ -262,7 +264,7 @@ bool Retrieval::Request()
 
 // Waits for the reply to RETR while the data connection may still be in progress. When that fails,
 // the reply, which may say why, is awaited for a limited time only.
-bool Retrieval::AwaitOpening(Reply& reply)
+bool Retrieval::AwaitPreliminary(Reply& reply)
 {
     Clock::time_point replyUntil = Clock::time_point::max();
     Io data = Io::kAgain;
@@ -277,7 +279,7 @@ bool Retrieval::AwaitOpening(Reply& reply)
         {
             data = m_data.Connected();
             const bool failed = data != Io::kAgain && data != Io::kDone;
-            replyUntil = failed ? Clock::now() + kFinalReplyWait : replyUntil;
+            replyUntil = failed ? Clock::now() + kGracePeriod : replyUntil;
         }
         const Clock::time_point until = std::min(replyUntil, m_control.ReplyDue());
         io = io == Io::kAgain ? AwaitControl(data == Io::kAgain, until) : io;
@@ -307,9 +309,8 @@ bool Retrieval::Opened(const Reply& reply)
 {
     m_attempt.timings.ullOpened = m_attempt.Elapsed();
     m_control.TheChannel().Acknowledge();
-    m_sizeOpened = SizeOfOpening(reply.text);
-    m_evidence.announced =
-        m_sizeAnswered != TRAVEX_FTP_SIZE_UNKNOWN ? m_sizeAnswered : m_sizeOpened;
+    m_sizeIn150 = SizeIn150(reply.text);
+    m_evidence.announced = m_sizeIn213 != TRAVEX_FTP_SIZE_UNKNOWN ? m_sizeIn213 : m_sizeIn150;
     m_attempt.Enter(TRAVEX_FTP_STEP_RECEIVE);
     if (m_evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN &&
         m_evidence.announced > m_limits.fileBytes)
@@ -377,9 +378,9 @@ bool Retrieval::FailSecureData(Io io)
                     "data channel: TLS handshake timed out after %g s",
                     Attempt::Seconds(m_limits.handshake));
     }
-    // After a rejected certificate the server's reply only answers our alert.
-    if (!m_control.Tls().Rejected() && AwaitFinal(kFinalReplyWait) == Io::kDone &&
-        m_evidence.last.Refusal())
+    // If we rejected the certificate, the reply only reports our alert: it is not the cause.
+    if (!m_control.Tls().Rejected() && AwaitFinal(kGracePeriod) == Io::kDone &&
+        m_evidence.last.Negative())
     {
         return Decide(m_evidence, m_attempt.failure);
     }
@@ -396,7 +397,7 @@ bool Retrieval::Watch()
     {
     }
     NoteLoss(io);
-    if (m_evidence.controlLost || m_evidence.last.Refusal())
+    if (m_evidence.controlLost || m_evidence.last.Negative())
     {
         return Decide(m_evidence, m_attempt.failure);  // always a failure
     }
@@ -476,7 +477,7 @@ Io Retrieval::ReadSome()
     {
         return Io::kFailed;
     }
-    Worker::ParkAtExit();  // a slow disk may have delayed it beyond the end of OpenSSL
+    Worker::ParkAtExit();  // the write may have lasted until OpenSSL was torn down
     Report();
     return io;
 }
@@ -488,7 +489,7 @@ Io Retrieval::AwaitData()
 {
     const bool complete = IsFinal(m_evidence.last) && m_evidence.received == m_evidence.announced;
     const Clock::time_point until =
-        complete ? std::min(m_stallEnd, Clock::now() + kFinalReplyWait) : m_stallEnd;
+        complete ? std::min(m_stallEnd, Clock::now() + kGracePeriod) : m_stallEnd;
     Deadline deadline = m_attempt.Until(until);
     deadline.other = ControlSocket();
     const Io io = m_data.AwaitReadable(deadline);
@@ -513,8 +514,8 @@ bool Retrieval::EndData(Io io)
     const bool ordered = !m_settings.tls.encrypted || m_data.CloseNotified();
     m_evidence.data = io == Io::kTimedOut ? DataEnd::kStalled
                       : io == Io::kFailed ? DataEnd::kLost
-                      : ordered           ? DataEnd::kInOrder
-                                          : DataEnd::kCutOff;
+                      : ordered           ? DataEnd::kClosedCleanly
+                                          : DataEnd::kTruncated;
     m_evidence.dataWhy = m_data.Why();
     m_data.Close();
     return true;
@@ -528,7 +529,7 @@ bool Retrieval::AwaitConfirmation()
     const bool complete = known && m_evidence.received == m_evidence.announced;
     const bool mayExplain =
         m_evidence.data == DataEnd::kStalled || m_evidence.data == DataEnd::kLost || known;
-    const Io io = AwaitFinal(mayExplain && !complete ? kFinalReplyWait : m_limits.confirm);
+    const Io io = AwaitFinal(mayExplain && !complete ? kGracePeriod : m_limits.confirm);
     return !m_attempt.cancelled && !Failed(m_attempt.failure) && io != Io::kCancelled;
 }
 
@@ -556,9 +557,9 @@ bool Retrieval::Conclude()
     {
         return false;
     }
-    const bool asked = m_sizeAnswered != TRAVEX_FTP_SIZE_UNKNOWN;
-    m_control.sizesAgree = m_sizeOpened == m_evidence.received &&
-                           (m_control.sizesAgree || (asked && m_sizeAnswered == m_sizeOpened));
+    const bool asked = m_sizeIn213 != TRAVEX_FTP_SIZE_UNKNOWN;
+    m_control.sizesAgree = m_sizeIn150 == m_evidence.received &&
+                           (m_control.sizesAgree || (asked && m_sizeIn213 == m_sizeIn150));
     return true;
 }
 

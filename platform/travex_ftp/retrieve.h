@@ -14,11 +14,11 @@ namespace travex_ftp
 // How a data channel ended.
 enum class DataEnd
 {
-    kOpen,     // it is still open
-    kCutOff,   // TLS: closed without close_notify
-    kInOrder,  // close_notify, or the close of a connection in clear
-    kLost,     // failed
-    kStalled,  // fewer bytes than the limit
+    kOpen,           // it is still open
+    kTruncated,      // TLS: closed without close_notify
+    kClosedCleanly,  // close_notify, or the close of a connection in clear
+    kLost,           // failed
+    kStalled,        // fewer bytes than the limit
 };
 
 // What is known about a transfer after its 150. Its outcome depends on nothing else.
@@ -37,7 +37,7 @@ struct Evidence
 };
 
 // True: the file is proven complete, by a positive final reply and exactly the announced number of
-// bytes, or without an announced size by an orderly end of the data channel. Else sets step, code
+// bytes, or without an announced size by a clean close of the data channel. Else sets step, code
 // and reason.
 bool Decide(const Evidence& evidence, Failure& failure);
 
@@ -45,8 +45,7 @@ bool Decide(const Evidence& evidence, Failure& failure);
 class Retrieval
 {
 public:
-    // `usePasv`, kept by the handle for each server: use PASV (IPv4), since EPSV was refused or its
-    // port cannot be reached.
+    // `usePasv`: kept for each server. True: skip EPSV, which failed before (IPv4 only).
     Retrieval(ControlConnection& control, Attempt& attempt, const TaskPtr& task, DownloadFile& file,
               bool& usePasv, Notifier& notifier);
     Retrieval(const Retrieval&) = delete;
@@ -78,8 +77,8 @@ private:
     bool FailData(Io io);
     bool AskSize();
     bool CheckData();
-    bool Request();
-    bool AwaitOpening(Reply& reply);
+    bool SendRetr();
+    bool AwaitPreliminary(Reply& reply);
     Io AwaitControl(bool connecting, Clock::time_point until);
     bool Opened(const Reply& reply);
     bool FailTooLarge();
@@ -113,8 +112,8 @@ private:
     bool m_byEpsv = false;
     bool m_wantsPasv = false;
     Clock::time_point m_connectUntil;
-    uint64_t m_sizeAnswered = TRAVEX_FTP_SIZE_UNKNOWN;
-    uint64_t m_sizeOpened = TRAVEX_FTP_SIZE_UNKNOWN;
+    uint64_t m_sizeIn213 = TRAVEX_FTP_SIZE_UNKNOWN;
+    uint64_t m_sizeIn150 = TRAVEX_FTP_SIZE_UNKNOWN;
     Evidence m_evidence;
     Clock::time_point m_stallEnd;  // of the current stall period
     uint64_t m_stallBytes = 0;     // received when it began

@@ -128,7 +128,7 @@ bool ReadTlsPolicy(const tagTRAVEX_FTP_S_CTRL_PARAM& record, unsigned int port, 
         return false;
     }
     tls.verify = record.ulCertVerify != 0;
-    tls.veto = record.pfnFtpsVerify;
+    tls.verifyCallback = record.pfnFtpsVerify;
     // Without verification the trust text is optional.
     const bool given = record.pcFtpCtrlInfo != nullptr && *record.pcFtpCtrlInfo != '\0';
     if ((tls.verify || given) && !ParseTrustText(record.pcFtpCtrlInfo, tls.trust, failure))
@@ -165,7 +165,7 @@ bool SettleIdentity(Settings& settings, const Identity& added, const std::string
 bool Address::Zero() const
 {
     // ::ffff:0.0.0.0 is the IPv4-mapped zero address.
-    static const unsigned char kMapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0};
+    constexpr unsigned char kMapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0};
     return std::all_of(bytes, bytes + length, [](unsigned char byte) { return byte == 0; }) ||
            (length == 16 && memcmp(bytes, kMapped, sizeof kMapped) == 0);
 }
@@ -178,7 +178,7 @@ bool Address::Ipv4() const
 bool TlsPolicy::operator==(const TlsPolicy& other) const
 {
     return encrypted == other.encrypted && implicit == other.implicit && verify == other.verify &&
-           veto == other.veto && identity == other.identity && suites == other.suites &&
+           verifyCallback == other.verifyCallback && identity == other.identity && suites == other.suites &&
            trust.names == other.trust.names && trust.authorities == other.trust.authorities &&
            anchors.digest == other.anchors.digest;
 }

@@ -35,9 +35,9 @@ struct TlsPolicy
     bool verify = false;     // chain, dates and identity
     CipherSuites suites;
     TrustText trust;
-    Identity identity;                    // with verify only
-    Anchors anchors;                      // with verify only
-    TRAVEX_FTP_VERIFY_CB veto = nullptr;  // the client's verify callback
+    Identity identity;  // with verify only
+    Anchors anchors;    // with verify only
+    TRAVEX_FTP_VERIFY_CB verifyCallback = nullptr;
 
     bool operator==(const TlsPolicy& other) const;
 };
@@ -56,8 +56,8 @@ struct Settings
     std::string workDir;
     TlsPolicy tls;
 
-    // A control connection made with the other settings may be reused: server, login, local address
-    // and TLS policy are equal. The work directory does not matter.
+    // True: a control connection made with `other` may serve these settings. Server, login, local
+    // address and TLS policy are equal; the work directory may differ.
     bool SameConnection(const Settings& other) const;
 
     // Server, user, password and encryption are equal.

@@ -39,7 +39,7 @@ bool IsDatesError(int error)
 }
 
 // The server name indication: the first listed name, null if there are addresses only.
-const char* IndicatedName(const Identity& identity)
+const char* SniName(const Identity& identity)
 {
     for (const std::string& one : identity)
     {
@@ -91,7 +91,7 @@ OpensslPtr<SSL> TlsContext::MakeControl()
 {
     m_data = false;
     OpensslPtr<SSL> ssl(m_usable ? SSL_new(m_context.get()) : nullptr);
-    const char* const name = IndicatedName(m_settings.tls.identity);
+    const char* const name = SniName(m_settings.tls.identity);
     if (ssl && name != nullptr && SSL_set_tlsext_host_name(ssl.get(), name) != 1)
     {
         ssl.reset();
@@ -258,14 +258,14 @@ bool TlsContext::CheckIdentity(X509* certificate)
 
 bool TlsContext::AskClient(X509* certificate)
 {
-    if (m_settings.tls.veto == nullptr || m_closed())
+    if (m_settings.tls.verifyCallback == nullptr || m_closed())
     {
-        return m_settings.tls.veto == nullptr;
+        return m_settings.tls.verifyCallback == nullptr;
     }
     char subject[512] = "";
     (void)X509_NAME_oneline(X509_get_subject_name(certificate), subject, sizeof subject);
     std::string server = m_settings.server.literal;
-    const int vetoed = m_settings.tls.veto(server.data(), subject);
+    const int vetoed = m_settings.tls.verifyCallback(server.data(), subject);
     // The process may be ending by now, and OpenSSL with it.
     Worker::ParkAtExit();
     return vetoed == 0 || Fail(m_certificate, TRAVEX_FTP_ERR_CERT,

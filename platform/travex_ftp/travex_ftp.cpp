@@ -176,14 +176,14 @@ std::string DirectoryOf(const std::string& workDir, const char* dir)
     return *dir == '/' ? dir : workDir + "/" + dir;
 }
 
-// Never 0, and unique unless a task lives while four thousand million others are accepted.
+// Never 0, and unique unless a task lives while four billion others are accepted.
 unsigned int NextTaskId()
 {
-    static std::atomic<unsigned int> last{0};
-    unsigned int id = ++last;
+    static std::atomic<unsigned int> s_last{0};
+    unsigned int id = ++s_last;
     while (id == 0)
     {
-        id = ++last;
+        id = ++s_last;
     }
     return id;
 }

@@ -28,7 +28,7 @@ void Worker::Start(const char* name, std::function<void()> body)
     m_running = true;
 }
 
-// The thread ends its body in its last section under the mutex, so the join within it is short.
+// The thread clears m_running in its last step, so joining it after that is short.
 bool Worker::Join(Clock::time_point deadline)
 {
     const base::MutexLock lock(m_mutex);

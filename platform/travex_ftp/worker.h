@@ -29,12 +29,11 @@ public:
     // The body has ended, or was not started: a join would not wait.
     bool Over() CORPDIR_EXCLUDES(m_mutex);
 
-    // The caller is this thread; the caller is a thread of the layer, of an earlier run perhaps.
+    // True on this worker's thread; true on any worker's thread.
     bool IsCaller();
     static bool CallerIsOurs();
 
-    // After the layer's stage of the process's end the libraries are torn down: a thread of the
-    // layer that gets here then does not return.
+    // Does not return once the process has ended the transfers' stage: libraries are torn down.
     static void ParkAtExit();
 
 private:

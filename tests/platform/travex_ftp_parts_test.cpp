@@ -221,29 +221,28 @@ TEST(RepliesTest, RepliesToALoginWithAShortPasswordHaveNoText)
 
 TEST(SizesTest, InA213AreOneNumberInRange)
 {
-    using travex_ftp::SizeOfAnswer;
-    EXPECT_EQ(0u, SizeOfAnswer("0"));
-    EXPECT_EQ(100000u, SizeOfAnswer("100000"));
-    EXPECT_EQ(9223372036854775807u, SizeOfAnswer("9223372036854775807"));
+    using travex_ftp::SizeIn213;
+    EXPECT_EQ(0u, SizeIn213("0"));
+    EXPECT_EQ(100000u, SizeIn213("100000"));
+    EXPECT_EQ(9223372036854775807u, SizeIn213("9223372036854775807"));
     for (const char* text :
          {"", "-1", "+1", "1 byte", "19 bytes", "0x10", "1.5", "about", "9223372036854775808",
           "18446744073709551615", "18446744073709551616", "99999999999999999999999"})
     {
-        EXPECT_EQ(kUnknown, SizeOfAnswer(text)) << text;
+        EXPECT_EQ(kUnknown, SizeIn213(text)) << text;
     }
 }
 
 TEST(SizesTest, InA150AreInParentheses)
 {
-    using travex_ftp::SizeOfOpening;
-    EXPECT_EQ(65536u,
-              SizeOfOpening("Opening BINARY mode data connection for a(2).b (65536 bytes)."));
-    EXPECT_EQ(5u, SizeOfOpening("(5 bytes)"));
-    EXPECT_EQ(100u, SizeOfOpening("Opening a(5 bytes) (100 bytes).")) << "the name has one too";
+    using travex_ftp::SizeIn150;
+    EXPECT_EQ(65536u, SizeIn150("Opening BINARY mode data connection for a(2).b (65536 bytes)."));
+    EXPECT_EQ(5u, SizeIn150("(5 bytes)"));
+    EXPECT_EQ(100u, SizeIn150("Opening a(5 bytes) (100 bytes).")) << "the name has one too";
     for (const char* text : {"64.0 kbytes to download", "(64 kbytes)", "(", "(12", "", "(0 bytes)",
                              "(9223372036854775808 bytes)", "12 bytes"})
     {
-        EXPECT_EQ(kUnknown, SizeOfOpening(text)) << text;
+        EXPECT_EQ(kUnknown, SizeIn150(text)) << text;
     }
 }
 
@@ -280,7 +279,7 @@ protected:
     DecideTest()
     {
         m_evidence.announced = m_evidence.received = 100;
-        m_evidence.data = DataEnd::kInOrder;
+        m_evidence.data = DataEnd::kClosedCleanly;
         m_evidence.stall = std::chrono::milliseconds(900);
         m_evidence.confirm = std::chrono::milliseconds(700);
         Say(226, "done");
@@ -310,7 +309,7 @@ protected:
 TEST_F(DecideTest, BytesAndAPositiveReplyAreProof)
 {
     for (const DataEnd end :
-         {DataEnd::kInOrder, DataEnd::kCutOff, DataEnd::kLost, DataEnd::kStalled})
+         {DataEnd::kClosedCleanly, DataEnd::kTruncated, DataEnd::kLost, DataEnd::kStalled})
     {
         m_evidence.data = end;
         for (const unsigned int code : {200u, 226u, 250u})
@@ -327,7 +326,7 @@ TEST_F(DecideTest, WithoutASizeTheEndOfTheDataChannelIsNeeded)
 {
     m_evidence.announced = kUnknown;
     EXPECT_EQ("good", Outcome());
-    m_evidence.data = DataEnd::kCutOff;
+    m_evidence.data = DataEnd::kTruncated;
     EXPECT_EQ("23/14/0 the data channel closed without close_notify: the file may be truncated",
               Outcome());
     m_evidence.data = DataEnd::kLost;
@@ -341,7 +340,7 @@ TEST_F(DecideTest, MoreOrFewerBytesThanAnnouncedAreAFailure)
 {
     m_evidence.received = 50;
     EXPECT_EQ("23/14/0 incomplete: 50 of 100 bytes received", Outcome());
-    m_evidence.data = DataEnd::kCutOff;
+    m_evidence.data = DataEnd::kTruncated;
     EXPECT_EQ("23/14/0 incomplete: 50 of 100 bytes received", Outcome());
     m_evidence.data = DataEnd::kLost;
     m_evidence.dataWhy = "Connection reset by peer";
@@ -350,7 +349,7 @@ TEST_F(DecideTest, MoreOrFewerBytesThanAnnouncedAreAFailure)
     m_evidence.stalledBytes = 7;
     EXPECT_EQ("22/14/0 stalled: 7 bytes in 0.9 s, 50 of 100 received", Outcome());
     m_evidence.received = 101;
-    for (const DataEnd end : {DataEnd::kInOrder, DataEnd::kLost, DataEnd::kOpen})
+    for (const DataEnd end : {DataEnd::kClosedCleanly, DataEnd::kLost, DataEnd::kOpen})
     {
         m_evidence.data = end;
         EXPECT_EQ("23/14/0 too many bytes: 101 received, 100 announced", Outcome());

@@ -12,7 +12,7 @@ import tempfile
 SUPPORT = pathlib.Path(__file__).resolve().parent.parent / "support"
 sys.path.insert(0, str(SUPPORT))
 
-from certificates import EXPIRED, Certificates  # noqa: E402,F401
+from certificates import Certificates  # noqa: E402
 
 USER = "directory"
 PASSWORD = "t0p-Secret"

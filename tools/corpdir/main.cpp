@@ -2,243 +2,25 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
-#include <vector>
 
 #include "cli/ciphers.h"
-#include "cli/settings_file.h"
-#include "cli/suggestion.h"
+#include "cli/command_line.h"
 #include "commands/check.h"
 #include "commands/fetch.h"
 #include "commands/watch.h"
 #include "exit_error.h"
-#include "text.h"
 #include "travex_ftp.h"
 #include "ui/cipher_table.h"
 
 namespace
 {
 
-using corpdir_tool::CipherSource;
-using corpdir_tool::CipherSuite;
 using corpdir_tool::CipherTable;
 using corpdir_tool::Options;
-
-const char kStatusText[] = R"(Exit status:
-  0  the directory file was fetched
-  1  the service could not be started
-  2  invalid arguments
-  3  every server failed
-  4  the version file is not valid
-  5  no outcome within --timeout
-  6  a local file or directory cannot be written
-  128 + N  stopped by signal N)";
-
-const char kProgramText[] = R"(Options can also be read from a file, with --config FILE:
-  servers = "dir1.example;dir2.example"
-  user = "phone"
-  password-file = "/etc/phone/password"
-
-'corpdir COMMAND --help' lists the options of a command.
-The manual page is corpdir(1).)";
-
-const char kFetchText[] = R"(Example:
-  corpdir fetch --servers 'dir1.example;dir2.example' --user phone \
-      --version-file /dir/version.txt --directory-file /dir/directory.csv \
-      --output-dir /var/lib/phone --ca /etc/phone/ca.pem --password-file /etc/phone/password)";
-
-const char kWatchText[] = R"(Example:
-  corpdir --config /etc/phone/corpdir.conf watch --exec 'systemctl reload phone'
-
-The command of --exec has CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
-environment. It runs for each new version, one run at a time, and its output goes to
-standard error. Each start of watch fetches the directory file and runs the command,
-even if the file is there already.
-
-Exit status:
-  0  stopped by SIGTERM, SIGINT or SIGHUP
-  1  the service could not be started
-  2  invalid arguments
-  6  the events cannot be written)";
-
-const char kCheckText[] = R"(Example:
-  corpdir --config /etc/phone/corpdir.conf check
-
-From each server the version file is fetched, and the transfer of the directory file is
-started and then cancelled; nothing is written to --output-dir.
-
-The exit status is that of 'corpdir fetch' with the same options.)";
-
-// An empty value comes from an unset variable in a script; it is not a request for the default.
-CLI::Validator NotEmpty()
-{
-    return CLI::Validator([](const std::string& value)
-                          { return value.empty() ? std::string("Value is empty") : std::string(); },
-                          "");
-}
-
-void AddServerOptions(CLI::App& command, Options& options)
-{
-    const char group[] = "Servers";
-    command
-        .add_option("--servers", options.servers,
-                    "Host names and addresses separated by ';', tried in this order")
-        ->required()
-        ->type_name("LIST")
-        ->group(group);
-    command.add_option("--port", options.port, "Port of all servers (21; 990 is implicit FTPS)")
-        ->check(CLI::Range(1U, 65535U).description(""))
-        ->type_name("N")
-        ->group(group);
-    command.add_option("--local-ip", options.localIp, "Local address to connect from")
-        ->check(NotEmpty())
-        ->type_name("ADDR")
-        ->group(group);
-    command.add_option("--user", options.user, "User name")
-        ->required()
-        ->type_name("NAME")
-        ->group(group);
-    command
-        .add_option("--password-file", options.passwordFile,
-                    "File with the password, '-' for standard input; default: the\n"
-                    "variable CORPDIR_PASSWORD, otherwise a prompt")
-        ->check(NotEmpty())
-        ->type_name("FILE")
-        ->group(group);
-}
-
-void AddFileOptions(CLI::App& command, Options& options)
-{
-    const char group[] = "Files";
-    command.add_option("--version-file", options.versionFile, "Version file on the server")
-        ->required()
-        ->type_name("REMOTE")
-        ->group(group);
-    command.add_option("--directory-file", options.directoryFile, "Directory file on the server")
-        ->required()
-        ->type_name("REMOTE")
-        ->group(group);
-    command
-        .add_option("--output-dir", options.outputDir, "Existing directory to store both files in")
-        ->required()
-        ->type_name("DIR")
-        ->group(group);
-    command
-        .add_option("--version-name", options.versionName,
-                    "Local name of the version file (default: as on the server)")
-        ->check(NotEmpty())
-        ->type_name("LOCAL")
-        ->group(group);
-    command
-        .add_option("--directory-name", options.directoryName,
-                    "Local name of the directory file (default: as on the server)")
-        ->check(NotEmpty())
-        ->type_name("LOCAL")
-        ->group(group);
-}
-
-void AddProtectionOptions(CLI::App& command, Options& options)
-{
-    const char group[] = "Protection (default: FTPS, certificate verified)";
-    command
-        .add_option("--ca", options.ca,
-                    "Certification authorities to trust: PEM file, directory, or 'system'\n"
-                    "(default)")
-        ->type_name("FILE|DIR|system")
-        ->group(group);
-    command
-        .add_option("--verify-name", options.verifyNames,
-                    "Name that every certificate must have; may be repeated (default:\n"
-                    "the name or address in --servers)")
-        ->type_name("DNS")
-        ->allow_extra_args(false)
-        ->delimiter(',')
-        ->group(group);
-    command
-        .add_flag("--no-verify", options.noVerify,
-                  "Accept any certificate: insecure, any server gets the password")
-        ->group(group);
-    command
-        .add_flag("--plain", options.plain,
-                  "FTP without TLS: insecure, password and files are not encrypted")
-        ->group(group);
-    command
-        .add_option("--ciphers", options.ciphers,
-                    "Cipher suites to offer, by number or name; 'corpdir ciphers' lists them")
-        ->type_name("SUITE,SUITE")
-        ->allow_extra_args(false)
-        ->delimiter(',')
-        ->group(group);
-}
-
-void AddLimitOptions(CLI::App& command, Options& options)
-{
-    const char group[] = "Limits";
-    command
-        .add_option("--connect-timeout", options.connectTimeout,
-                    "Time limit for one TCP connection, control or data (10)")
-        ->check(CLI::Range(1U, 3600U).description(""))
-        ->type_name("SECONDS")
-        ->group(group);
-    command
-        .add_option("--max-size", options.maxSize,
-                    "Largest file to accept, such as 500000, 20kb or 1gb (16gib)")
-        ->transform(CLI::AsSizeValue(true).description(""))
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60).description(""))
-        ->type_name("SIZE")
-        ->group(group);
-}
-
-void AddTimeout(CLI::App& command, Options& options)
-{
-    command.add_option("--timeout", options.timeoutSeconds, "Time limit for the whole command")
-        ->capture_default_str()
-        ->check(CLI::Range(1U, 604800U).description(""))
-        ->type_name("SECONDS")
-        ->group("Limits");
-}
-
-const char kMessages[] = "Messages";
-
-void AddLogOptions(CLI::App& command, Options& options)
-{
-    command.add_option("--log-dir", options.logDir, "Write a log to this directory")
-        ->check(NotEmpty())
-        ->type_name("DIR")
-        ->group(kMessages);
-    command
-        .add_option("--log-level", options.logLevel,
-                    "0 errors, 1 also fallbacks, 2 everything (default with --log-dir);\n"
-                    "without --log-dir the log goes to standard error")
-        ->check(CLI::Range(0U, 2U).description(""))
-        ->type_name("0|1|2")
-        ->group(kMessages);
-}
-
-void AddJson(CLI::App& command, Options& options, const std::string& text)
-{
-    command.add_flag("--json", options.json, text)->group(kMessages);
-}
-
-void AddQuiet(CLI::App& command, Options& options, const std::string& text)
-{
-    command.add_flag("--quiet", options.quiet, text)->group(kMessages);
-}
-
-void AddRequestOptions(CLI::App& command, Options& options)
-{
-    AddServerOptions(command, options);
-    AddFileOptions(command, options);
-    AddProtectionOptions(command, options);
-    AddLimitOptions(command, options);
-    AddLogOptions(command, options);
-    command.fallthrough();  // allows --config after the command
-}
 
 CipherTable KnownCiphers()
 {
@@ -256,147 +38,23 @@ CipherTable KnownCiphers()
     return table;
 }
 
-// One function for each command: its options, and what runs it.
-
-void AddFetch(CLI::App& program, Options& options, int& status)
-{
-    CLI::App* fetch = program.add_subcommand("fetch", "Fetch the directory file once");
-    fetch->footer(std::string(kFetchText) + "\n\n" + kStatusText);
-    AddRequestOptions(*fetch, options);
-    AddTimeout(*fetch, options);
-    AddJson(*fetch, options, "Print the outcome as one JSON object, also on failure");
-    AddQuiet(*fetch, options, "Print errors only, including failed servers");
-    fetch->add_flag("--no-progress", options.noProgress, "Show no progress")->group(kMessages);
-    fetch->callback([&] { status = corpdir_tool::RunFetch(options, KnownCiphers); });
-}
-
-void AddWatch(CLI::App& program, Options& options, int& status)
-{
-    CLI::App* watch = program.add_subcommand(
-        "watch", "Check every ten minutes, and fetch each new directory file");
-    watch->footer(kWatchText);
-    AddRequestOptions(*watch, options);
-    watch
-        ->add_option("--retry", options.retrySeconds,
-                     "Time until the next try when all servers failed and the\n"
-                     "directory file is missing")
-        ->capture_default_str()
-        ->check(CLI::Range(1U, 600U).description(""))
-        ->type_name("SECONDS")
-        ->group("Limits");
-    watch
-        ->add_option("--exec", options.execute,
-                     "Run this shell command for each new directory file")
-        ->check(NotEmpty())
-        ->type_name("COMMAND")
-        ->group("Command");
-    AddJson(*watch, options, "Print each event as a JSON object on its own line");
-    AddQuiet(*watch, options, "Print failures only");
-    watch->callback([&] { status = corpdir_tool::RunWatch(options, KnownCiphers); });
-}
-
-void AddCheck(CLI::App& program, Options& options, int& status)
-{
-    CLI::App* check = program.add_subcommand(
-        "check", "Test these options without downloading the directory file");
-    check->footer(kCheckText);
-    AddRequestOptions(*check, options);
-    AddTimeout(*check, options);
-    AddJson(*check, options, "Print the outcome as one JSON object");
-    AddQuiet(*check, options, "Print only servers that fail");
-    check->callback([&] { status = corpdir_tool::RunCheck(options, KnownCiphers); });
-}
-
-void AddCiphers(CLI::App& program, Options& options)
-{
-    CLI::App* ciphers = program.add_subcommand("ciphers", "List the available cipher suites");
-    ciphers->footer("The default suites are offered when --ciphers is not given.");
-    ciphers->fallthrough();
-    AddJson(*ciphers, options, "Print them as a JSON array");
-    ciphers->callback(
-        [&options]
-        {
-            const auto print =
-                options.json ? corpdir_tool::PrintCiphersAsJson : corpdir_tool::PrintCiphers;
-            print(KnownCiphers(), stdout);
-        });
-}
+const corpdir_tool::Commands kCommands = {
+    [](const Options& options) { return corpdir_tool::RunFetch(options, KnownCiphers); },
+    [](const Options& options) { return corpdir_tool::RunWatch(options, KnownCiphers); },
+    [](const Options& options) { return corpdir_tool::RunCheck(options, KnownCiphers); },
+    [](const Options& options)
+    {
+        const auto print =
+            options.json ? corpdir_tool::PrintCiphersAsJson : corpdir_tool::PrintCiphers;
+        print(KnownCiphers(), stdout);
+        return 0;
+    }};
 
 std::string VersionText()
 {
     return std::string("corpdir " CORPDIR_VERSION ", built " CORPDIR_BUILD_DATE
                        " " CORPDIR_BUILD_TIME " UTC\n") +
            TRAVEX_FTP_Libraries();
-}
-
-// A message on the first word that the parser did not understand, with a suggestion; else empty.
-std::string UnknownWord(const CLI::App& program, const CLI::App* chosen)
-{
-    const std::vector<std::string> rest = program.remaining(true);
-    const auto option = std::find_if(
-        rest.begin(), rest.end(), [](const std::string& word) { return word.rfind("-", 0) == 0; });
-    std::vector<std::string> names;
-    if (option != rest.end())
-    {
-        const std::string word = option->substr(0, option->find('='));
-        for (const CLI::App* app : {&program, chosen != nullptr ? chosen : &program})
-        {
-            for (const CLI::Option* known : app->get_options())
-            {
-                names.push_back("--" + known->get_single_name());
-            }
-        }
-        return "unknown option '" + corpdir_tool::Printable(word) + "'" +
-               corpdir_tool::Suggestion(word, names);
-    }
-    if (rest.empty())
-    {
-        return "";
-    }
-    for (const CLI::App* command : program.get_subcommands(nullptr))
-    {
-        names.push_back(command->get_name());
-    }
-    const std::string word = rest.front();
-    return (chosen == nullptr ? "unknown command '" : "unexpected '") +
-           corpdir_tool::Printable(word) + "'" +
-           (chosen == nullptr ? corpdir_tool::Suggestion(word, names) : "");
-}
-
-std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
-{
-    const std::vector<const CLI::App*> commands =
-        program->get_subcommands([](const CLI::App* command) { return command->parsed(); });
-    const CLI::App* const chosen = commands.empty() ? nullptr : commands.front();
-    const std::string unknown = UnknownWord(*program, chosen);
-    return "corpdir: " + (unknown.empty() ? std::string(error.what()) : unknown) +
-           "\nTry 'corpdir " + (chosen == nullptr ? "" : chosen->get_name() + " ") + "--help'.\n";
-}
-
-int Run(int argc, char** argv)
-{
-    CLI::App program("Fetches a corporate directory from FTP and FTPS servers.", "corpdir");
-    program.require_subcommand(1);  // "corpdir" alone is a mistake
-    program.failure_message(ParseProblem);
-    program.footer(kProgramText);
-    program.set_version_flag("--version", VersionText, "Print versions and exit");
-    corpdir_tool::AddSettingsFile(program);
-    Options options;
-    int status = 0;
-    AddFetch(program, options, status);
-    AddWatch(program, options, status);
-    AddCheck(program, options, status);
-    AddCiphers(program, options);
-    try
-    {
-        program.parse(argc, argv);
-    }
-    catch (const CLI::ParseError& error)
-    {
-        // The parser has its own statuses; 0 means that help or version was shown.
-        return program.exit(error) == 0 ? 0 : corpdir_tool::kExitArguments;
-    }
-    return status;
 }
 
 // A success whose output could not be written is a failure.
@@ -432,7 +90,7 @@ int main(int argc, char** argv)
     FillStandardStreams();
     try
     {
-        return WithOutputWritten(Run(argc, argv));
+        return WithOutputWritten(corpdir_tool::RunCommandLine(argc, argv, kCommands, VersionText));
     }
     catch (const corpdir_tool::ExitError& error)
     {

@@ -16,7 +16,7 @@ bool IsControlByte(char byte)
 
 std::string Printable(std::string_view text)
 {
-    static const char digits[] = "0123456789abcdef";
+    constexpr char kDigits[] = "0123456789abcdef";
     std::string printable;
     while (!text.empty())
     {
@@ -26,8 +26,8 @@ std::string Printable(std::string_view text)
         {
             const auto value = static_cast<unsigned char>(text.front());
             printable += "\\x";
-            printable += digits[value >> 4];
-            printable += digits[value & 0x0f];
+            printable += kDigits[value >> 4];
+            printable += kDigits[value & 0x0f];
         }
         text.remove_prefix(std::max<std::size_t>(length, 1));
     }

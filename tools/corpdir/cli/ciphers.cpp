@@ -46,8 +46,8 @@ bool SameName(const std::string& one, const std::string& other)
 
 const std::vector<int>& DefaultCiphers()
 {
-    static const std::vector<int> ciphers = {0x03000035, 0x0300003C, 0x0300003D};
-    return ciphers;
+    static const std::vector<int> s_ciphers = {0x03000035, 0x0300003C, 0x0300003D};
+    return s_ciphers;
 }
 
 int FindCipher(const std::string& text, const CipherSource& source)

@@ -69,7 +69,7 @@ std::string InQuotes(const std::string& text, std::size_t number)
     }
     const char blanks[] = " \t\r";
     const std::string value = line.substr(equals + 1, line.find(" #") - equals - 1);
-    const std::string quoted =
+    std::string quoted =
         Trimmed(line.substr(0, equals), blanks) + " = \"" + Trimmed(value, blanks) + "\"";
     try
     {

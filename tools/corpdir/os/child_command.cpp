@@ -36,7 +36,10 @@ std::vector<std::string> EnvironmentWith(const Variables& variables)
     }
     for (const auto& [name, value] : variables)
     {
-        all.push_back(name + "=" + value);
+        std::string text = name;
+        text += '=';
+        text += value;
+        all.push_back(std::move(text));
     }
     return all;
 }
@@ -44,6 +47,7 @@ std::vector<std::string> EnvironmentWith(const Variables& variables)
 std::vector<char*> PointersTo(std::vector<std::string>& texts)
 {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts)
     {
         pointers.push_back(text.data());

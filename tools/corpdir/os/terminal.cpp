@@ -16,13 +16,13 @@ constexpr unsigned int kUsualWidth = 80;
 
 bool CanRewrite(std::FILE* stream)
 {
-    const char* const kind = std::getenv("TERM");
+    const char* const kind = secure_getenv("TERM");
     return isatty(fileno(stream)) == 1 && kind != nullptr && std::strcmp(kind, "dumb") != 0;
 }
 
 bool WantsColours()
 {
-    const char* const none = std::getenv("NO_COLOR");
+    const char* const none = secure_getenv("NO_COLOR");
     return none == nullptr || *none == '\0';
 }
 

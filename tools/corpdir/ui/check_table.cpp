@@ -38,7 +38,7 @@ std::string DateOf(std::int64_t time)
 
 std::string TimeLeft(std::int64_t until, std::time_t now)
 {
-    const std::int64_t days = (until - now) / (24 * 3600);
+    const std::int64_t days = (until - now) / 86400;
     return until < now ? "expired"
                        : std::to_string(days) + (days == 1 ? " day left" : " days left");
 }

@@ -1,0 +1,29 @@
+// The commands and options of the program, with their help.
+#ifndef CORPDIR_TOOL_COMMAND_LINE_H
+#define CORPDIR_TOOL_COMMAND_LINE_H
+
+#include <string>
+
+#include "cli/options.h"
+
+namespace corpdir_tool
+{
+
+// Runs one command; returns its exit status.
+using Runner = int (*)(const Options& options);
+
+struct Commands
+{
+    Runner fetch;
+    Runner watch;
+    Runner check;
+    Runner ciphers;
+};
+
+// Reads the command line and the settings file, and runs the command. Help, version and mistakes
+// are printed here. Returns the exit status.
+int RunCommandLine(int argc, char** argv, const Commands& commands, std::string (*versionText)());
+
+}  // namespace corpdir_tool
+
+#endif
