@@ -20,7 +20,7 @@
 #include "osak.h"
 #include "travex_ftp.h"
 
-namespace corpdir_shared
+namespace client
 {
 
 namespace
@@ -359,4 +359,4 @@ unsigned int RegisterNames(const std::vector<Server>& servers,
     return code;
 }
 
-}  // namespace corpdir_shared
+}  // namespace client

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace corpdir_shared
+namespace client
 {
 
 // Time for the lookups of one list, all together.
@@ -110,6 +110,6 @@ private:
 [[nodiscard]] unsigned int RegisterNames(const std::vector<Server>& servers,
                                          const std::vector<std::string>& names);
 
-}  // namespace corpdir_shared
+}  // namespace client
 
 #endif

@@ -325,7 +325,7 @@ corpdir_code Binding::RegisterServers(Request& request, ServerList& list, Refusa
 {
     tag_CORPDIR_DOWNLOADINFO& info = request.Info();
     list = FindServers(info.pszFtpIPs, info.pszLocalIP);
-    for (const corpdir_shared::LeftOut& entry : list.leftOut)
+    for (const client::LeftOut& entry : list.leftOut)
     {
         tagTRAVEX_FTP_S_OBSERVATION failure = {};
         failure.ulKind = TRAVEX_FTP_OBSERVED_FAILED;
@@ -342,7 +342,7 @@ corpdir_code Binding::RegisterServers(Request& request, ServerList& list, Refusa
         return CORPDIR_ERR_NOT_STARTED;
     }
     info.pszFtpIPs = list.forService.c_str();
-    return CodeOf(corpdir_shared::RegisterNames(list.servers, {}));
+    return CodeOf(client::RegisterNames(list.servers, {}));
 }
 
 corpdir_code Binding::StartStopped(Request& request, Refusal& refusal)

@@ -27,11 +27,11 @@ std::vector<std::string> Split(const std::string& list)
 ServerList FindServers(const std::string& list, const char* localAddress)
 {
     ServerList found;
-    std::vector<corpdir_shared::ServerEntry> entries;
+    std::vector<client::ServerEntry> entries;
     for (const std::string& text : Split(list))
     {
-        const std::string address = corpdir_shared::NormalAddress(text);
-        if (!address.empty() || corpdir_shared::IsHostName(text))
+        const std::string address = client::NormalAddress(text);
+        if (!address.empty() || client::IsHostName(text))
         {
             entries.push_back({address.empty() ? text : address, !address.empty()});
         }
@@ -40,15 +40,15 @@ ServerList FindServers(const std::string& list, const char* localAddress)
             found.leftOut.push_back({text, "neither an address nor a host name"});
         }
     }
-    corpdir_shared::ServerLookup lookup(entries, corpdir_shared::FamilyOf(localAddress),
-                                        corpdir_shared::SystemLookup);
-    corpdir_shared::ResolvedServers resolved = lookup.Wait();
-    const auto isLeftOut = [&resolved](const corpdir_shared::ServerEntry& entry)
+    client::ServerLookup lookup(entries, client::FamilyOf(localAddress),
+                                        client::SystemLookup);
+    client::ResolvedServers resolved = lookup.Wait();
+    const auto isLeftOut = [&resolved](const client::ServerEntry& entry)
     {
         return std::any_of(resolved.leftOut.begin(), resolved.leftOut.end(),
                            [&entry](const auto& one) { return one.text == entry.text; });
     };
-    for (const corpdir_shared::ServerEntry& entry : entries)
+    for (const client::ServerEntry& entry : entries)
     {
         if (!isLeftOut(entry))
         {

@@ -13,11 +13,11 @@ namespace corpdir_c
 struct ServerList
 {
     std::string forService;  // the entries that have an address, separated by ";"
-    std::vector<corpdir_shared::Server> servers;
-    std::vector<corpdir_shared::LeftOut> leftOut;
+    std::vector<client::Server> servers;
+    std::vector<client::LeftOut> leftOut;
 };
 
-// Looks up the names of a list in parallel, for at most corpdir_shared::kLookupLimit. The service
+// Looks up the names of a list in parallel, for at most client::kLookupLimit. The service
 // gets the names, and looks them up again at each check. localAddress: when not empty, names need
 // an address of its family. Throws std::bad_alloc, and std::system_error when no thread
 // can be made.

@@ -14,7 +14,7 @@
 
 #include "fake_layers.h"
 
-namespace corpdir_shared
+namespace client
 {
 namespace
 {
@@ -277,4 +277,4 @@ TEST(ServerNames, ARegistrationThatIsRefusedGivesItsCode)
 }
 
 }  // namespace
-}  // namespace corpdir_shared
+}  // namespace client

@@ -204,6 +204,15 @@ TEST_F(OddTest, AnUnsolicitedReplyIsLoggedOnceAsSuch)
     EXPECT_EQ(1u, captured_log::CountWith("unsolicited reply: 211 By the way."));
 }
 
+TEST_F(OddTest, TheGreetingIsLoggedByItsLastLine)
+{
+    captured_log::Clear();
+    FaultyServer server("long_greeting");
+    Use(RecordFor(server));
+    EXPECT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(1u, captured_log::CountWith("the greeting: 220 ready"));
+}
+
 // The exact commands. AUTH TLS comes first: some servers do not know AUTH SSL.
 class Dialogue : public OddTest
 {

@@ -257,7 +257,7 @@ protected:
         };
         const Terminal terminal(m_messages.Get(), m_progress ? 60 : 0, false);
         Report report({false, m_progress}, terminal);
-        corpdir_shared::ServerLookup servers(plan.servers, plan.family, lookup);
+        client::ServerLookup servers(plan.servers, plan.family, lookup);
         Session session(m_service, plan, servers.Wait().servers, m_password, m_events, report);
         return session.Run(m_deadline);
     }

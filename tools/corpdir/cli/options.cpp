@@ -118,7 +118,7 @@ void PlanServers(const Options& options, Plan& plan)
         return;
     }
     plan.localIp = options.localIp;
-    plan.family = corpdir_shared::FamilyOf(options.localIp.c_str());
+    plan.family = client::FamilyOf(options.localIp.c_str());
     if (plan.family == AF_UNSPEC)
     {
         Refuse("--local-ip '" + Printable(options.localIp) + "' is not an IPv4 or IPv6 address");
@@ -126,7 +126,7 @@ void PlanServers(const Options& options, Plan& plan)
     // Names are looked up in this family only; a listed address must be of the same family.
     for (const ServerEntry& entry : plan.servers)
     {
-        if (entry.isAddress && corpdir_shared::FamilyOf(entry.text.c_str()) != plan.family)
+        if (entry.isAddress && client::FamilyOf(entry.text.c_str()) != plan.family)
         {
             Refuse("server " + entry.text + " cannot be reached from --local-ip " +
                    options.localIp + ": one is IPv4, the other IPv6");

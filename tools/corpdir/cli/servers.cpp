@@ -40,8 +40,8 @@ std::vector<std::string> Split(const std::string& text, char separator)
 
 ServerEntry MakeEntry(const std::string& text)
 {
-    const std::string address = corpdir_shared::NormalAddress(text);
-    if (corpdir_shared::IsZeroAddress(address))
+    const std::string address = client::NormalAddress(text);
+    if (client::IsZeroAddress(address))
     {
         throw ExitError(kExitArguments, "--servers: " + text + " is not the address of a server");
     }

@@ -10,13 +10,13 @@
 namespace corpdir_tool
 {
 
-using corpdir_shared::IsHostName;
-using corpdir_shared::Lookup;
-using corpdir_shared::LookupResult;
-using corpdir_shared::ResolvedServers;
-using corpdir_shared::Server;
-using corpdir_shared::ServerEntry;
-using corpdir_shared::SystemLookup;
+using client::IsHostName;
+using client::Lookup;
+using client::LookupResult;
+using client::ResolvedServers;
+using client::Server;
+using client::ServerEntry;
+using client::SystemLookup;
 
 // Splits a list at ";". Blanks around an entry are ignored; IPv6 addresses may be in brackets.
 // Throws ExitError for an empty list or entry and for one that is neither address nor host name.

@@ -69,7 +69,7 @@ void StartLayers(const Plan& plan)
 // 0: IPv4, 1: IPv6.
 unsigned int SetAddress(const std::string& text, unsigned char (&address)[16])
 {
-    const int family = corpdir_shared::FamilyOf(text.c_str());
+    const int family = client::FamilyOf(text.c_str());
     (void)inet_pton(family, text.c_str(), address);  // the plan has checked the text
     return family == AF_INET6 ? 1 : 0;
 }

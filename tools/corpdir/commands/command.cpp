@@ -80,7 +80,7 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
             throw ExitError(kExitInternal, "out of memory");
     }
     ResolvedServers resolved = resolver.Take();
-    for (const corpdir_shared::LeftOut& entry : resolved.leftOut)
+    for (const client::LeftOut& entry : resolved.leftOut)
     {
         leaveOut(entry.text + ": " + entry.problem);
     }

@@ -32,7 +32,7 @@ private:
     void Resolve() noexcept;
 
     EventQueue& m_events;
-    corpdir_shared::ServerLookup m_lookup;
+    client::ServerLookup m_lookup;
     ResolvedServers m_resolved;
     std::thread m_thread;  // last: it uses all of the above
 };

@@ -70,7 +70,7 @@ Watcher::Settled Watcher::OnResolved()
 {
     ResolvedServers resolved = m_resolver->Take();
     m_resolver.reset();
-    for (const corpdir_shared::LeftOut& entry : resolved.leftOut)
+    for (const client::LeftOut& entry : resolved.leftOut)
     {
         m_output.NameFailed(entry.text + ": " + entry.problem);
     }
