@@ -97,7 +97,7 @@ std::vector<std::string> NamesOf(const std::vector<ServerEntry>& entries)
 std::string NoAnswer(std::chrono::milliseconds limit)
 {
     char text[64] = "";
-    (void)std::snprintf(text, sizeof text, "no answer of the resolver within %g s",
+    (void)std::snprintf(text, sizeof text, "no answer from the resolver within %g s",
                         static_cast<double>(limit.count()) / 1000.0);
     return text;
 }
@@ -212,7 +212,7 @@ LookupResult SystemLookup(const std::string& name, int family)
     }
     if (found.addresses.empty())
     {
-        found.problem = "no address that can be connected to";
+        found.problem = "no usable address";
     }
     return found;
 }

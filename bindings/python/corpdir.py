@@ -303,7 +303,7 @@ class _Outcome:
             raise CorpdirError(event.code, _describe(event))
 
     def when_late(self, timeout):
-        reason = "no outcome within %g s" % timeout
+        reason = "timed out after %g s" % timeout
         if self.last is not None:
             reason += "; the last failure: " + _describe(self.last)
         elif self.version_came:
@@ -435,7 +435,7 @@ class Client:
         Takes the version file from the first server that sends it, and the directory file from the
         same server. Raises CorpdirError with the last failure's code and reason when no server
         sends the version file or that server does not send the directory file, and with
-        Code.TIMEOUT when there is no outcome after `timeout` seconds. on_event is called for each
+        Code.TIMEOUT when the fetch times out after `timeout` seconds. on_event is called for each
         event, on this thread; its exceptions are raised.
 
         The request stays under way: checks follow, and their events are dropped. close() the

@@ -37,6 +37,7 @@ struct Registry
     base::CondVar changed;  // a thread ended, was held, or left the client's code; the exit began
     std::map<OSAK_THREAD, Thread> threads CORPDIR_GUARDED_BY(mutex);
     unsigned int inClientCode CORPDIR_GUARDED_BY(mutex) = 0;
+    bool awaited CORPDIR_GUARDED_BY(mutex) = false;  // the exit has waited for the threads
 };
 
 Registry& TheRegistry()
@@ -86,7 +87,12 @@ private:
 void Run(OSAK_THREAD handle, OSAK_THREAD_PROC entry)
 {
     const RunningThread running(handle);
+    HoldIfExiting();  // the exit may have waited before this thread was counted
     const unsigned int result = entry();
+    if (IsForkedChild())
+    {
+        return;
+    }
     Registry& registry = TheRegistry();
     const base::MutexLock lock(registry.mutex);
     registry.threads.at(handle).result = result;
@@ -123,7 +129,7 @@ unsigned int AwaitEnd(Registry& registry, const Thread& thread) CORPDIR_REQUIRES
 {
     while (!thread.ended)
     {
-        if (MustHold() || base::ProcessEnd::IsOver(base::EndStage::kThreads))
+        if (MustHold() || registry.awaited)
         {
             return OSAK_ERR_BUSY;
         }
@@ -209,6 +215,8 @@ unsigned int AwaitClientCode(base::Clock::time_point deadline)
     while (registry.inClientCode > own && registry.changed.WaitUntil(registry.mutex, deadline))
     {
     }
+    registry.awaited = true;
+    registry.changed.NotifyAll();  // callers that join a thread that is held
     return registry.inClientCode - own;
 }
 

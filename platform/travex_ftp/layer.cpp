@@ -24,6 +24,7 @@ struct ProcessState
     // taken: in the child of a fork another thread, which does not exist there, may hold the lock.
     std::atomic<bool> hasThreads{false};
     std::atomic<bool> forked{false};
+    std::atomic<bool> idleChild{false};  // a forked child that has not started the layer
 
     static ProcessState& Get();
     static void StartOnce();
@@ -67,6 +68,7 @@ bool ProcessState::Install(const std::shared_ptr<Layer>& layer)
     ended.reserve(ended.size() + 1);  // Retire() needs no memory
     running = layer;
     hasThreads = true;
+    idleChild = false;
     return true;
 }
 
@@ -115,7 +117,7 @@ void ProcessState::JoinEnded(bool onlyOver)
 void ProcessState::AtExit(Clock::time_point deadline)
 {
     ProcessState& state = Get();
-    if (state.forked)
+    if (state.forked || state.idleChild)
     {
         return;
     }
@@ -140,6 +142,7 @@ void ProcessState::OnFork()
 {
     ProcessState& state = Get();
     state.forked = state.forked || state.hasThreads;
+    state.idleChild = true;
 }
 
 bool Layer::Forked()

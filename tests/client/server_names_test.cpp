@@ -201,8 +201,8 @@ TEST(ServerNames, TheTimeOfAllLookupsIsLimited)
     EXPECT_LT(spent, milliseconds(5000));
     EXPECT_THAT(Labels(resolved), ElementsAre("192.0.2.1 (quick.example)"));
     EXPECT_THAT(Problems(resolved),
-                ElementsAre("slow1.example: no answer of the resolver within 0.25 s",
-                            "slow2.example: no answer of the resolver within 0.25 s"));
+                ElementsAre("slow1.example: no answer from the resolver within 0.25 s",
+                            "slow2.example: no answer from the resolver within 0.25 s"));
     gate->Open();  // the threads end after their lookup was destroyed
 }
 

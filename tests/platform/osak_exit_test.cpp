@@ -23,6 +23,8 @@ std::atomic<unsigned int> g_passes{0};
 std::atomic<bool> g_ready{false};
 std::atomic<bool> g_exiting{false};
 std::atomic<bool> g_done{false};
+std::atomic<bool> g_joining{false};
+std::atomic<bool> g_joined{false};
 Clock::time_point g_exitBegan;
 OSAK_MUTEX g_mutex;
 OSAK_TIMER g_timer = nullptr;
@@ -433,6 +435,65 @@ TEST_F(OsakExitDeathTest, AJoinOfAThreadAtWorkGetsACode)
             });
         EndProcess();
     });
+}
+
+// A thread of the program's own waits for a thread that the exit holds, while another thread keeps
+// the layer's exit handler busy.
+TEST_F(OsakExitDeathTest, AJoinUnderWayOfAHeldThreadGetsACode)
+{
+    EXPECT_CLEAN_EXIT({
+        RunAfterTheLayersHandler(
+            []
+            {
+                while (!g_joined && SinceExit() < std::chrono::seconds(10))
+                {
+                    std::this_thread::yield();
+                }
+                Demand(g_joined, "the join ends");
+            });
+        StartThread(PollAsTheServiceDoes);
+        OSAK_THREAD busy = nullptr;
+        const OSAK_THREAD_PROC never = []() -> unsigned int
+        {
+            Await(g_done);
+            return 0;
+        };
+        Demand(OSAK_PthreadCreate(&busy, nullptr, never, nullptr) == OSAK_OK, "busy thread");
+        std::thread(
+            []
+            {
+                g_joining = true;
+                Demand(OSAK_PthreadJoin(g_thread, nullptr) == OSAK_ERR_BUSY, "a code");
+                g_joined = true;
+            })
+            .detach();
+        Await(g_joining);
+        EndProcess();
+    });
+}
+
+// A thread that the system has not run yet when the exit handler waits.
+TEST_F(OsakExitDeathTest, AThreadThatStartsLateRunsNoClientCode)
+{
+    for (int round = 0; round < 20; ++round)
+    {
+        EXPECT_CLEAN_EXIT({
+            RunAfterTheLayersHandler(
+                []
+                {
+                    g_ready = true;
+                    std::this_thread::sleep_for(milliseconds(20));
+                    Demand(!g_done, "no entry begins after the exit handler");
+                });
+            const OSAK_THREAD_PROC late = []() -> unsigned int
+            {
+                g_done = g_ready.load();
+                return 0;
+            };
+            Demand(OSAK_PthreadCreate(&g_thread, nullptr, late, nullptr) == OSAK_OK, "thread");
+            EndProcess();
+        });
+    }
 }
 
 // Runs `child` in a forked process and demands that it exits with 0, and soon.

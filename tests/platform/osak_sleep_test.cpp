@@ -89,7 +89,7 @@ TEST_F(OsakSleep, AnyOtherLastsUntilAChange)
     AwaitSleeper();
     EXPECT_EQ(std::future_status::timeout, second.wait_for(milliseconds(200)));
     base::Changes::Get().Raise();
-    EXPECT_GE(second.get(), milliseconds(200));
+    EXPECT_LT(second.get(), kNotLong);
 }
 
 TEST_F(OsakSleep, AChangeWakesEverySleeper)
@@ -123,14 +123,14 @@ TEST_F(OsakSleep, SoonAfterAChangeItLastsTheTimeAsked)
                {
                    (void)Sleep(kAsked);
                    osak::SetLongestSleep(milliseconds(0));
+                   const Clock::time_point begin = Clock::now();
                    for (bool soon = false; !soon;)  // the thread may not get to run for a while
                    {
                        base::Changes::Get().Raise();
-                       const Clock::time_point raised = Clock::now();
                        (void)Sleep(kAsked);  // ended by that change
                        const milliseconds slept = Sleep(30000);
                        soon = slept >= milliseconds(30);
-                       ASSERT_LT(Clock::now() - raised, kNotLong);
+                       ASSERT_LT(Clock::now() - begin, kNotLong);
                    }
                })
         .get();

@@ -473,14 +473,12 @@ protected:
     // Returns true when a change woke it.
     std::future<bool> StartSleeper()
     {
+        const uint64_t seen = base::Changes::Get().Sleep(0, std::chrono::seconds(0), kLongest);
         return std::async(std::launch::async,
-                          []
+                          [seen]
                           {
-                              base::Changes& changes = base::Changes::Get();
                               const auto begin = base::Clock::now();
-                              const uint64_t seen =
-                                  changes.Sleep(0, std::chrono::seconds(0), kLongest);
-                              (void)changes.Sleep(seen, kLongest, kLongest);
+                              (void)base::Changes::Get().Sleep(seen, kLongest, kLongest);
                               return base::Clock::now() - begin < kNotLong;
                           });
     }

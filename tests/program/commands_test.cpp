@@ -337,8 +337,8 @@ TEST_F(ProgramSettings, AMisspeltOptionIsRefused)
          "no command has an option 'verify-nmae'; did you mean 'verify-name'?\n"},
         {"password = \"x\"", "no command has an option 'password'\n"},
         {"config = \"x\"", "no command has an option 'config'\n"},
-        {"[fetch]\nexec = \"true\"", "no command 'fetch' has an option 'exec'\n"},
-        {"[no-such]\nuser = \"x\"", "no command 'no-such' has an option 'user'\n"}};
+        {"[fetch]\nexec = \"true\"", "section [fetch] has no option 'exec'\n"},
+        {"[no-such]\nuser = \"x\"", "section [no-such] has no option 'user'\n"}};
     for (const auto& [lines, problem] : cases)
     {
         const CommandResult result = RunWith("", lines);

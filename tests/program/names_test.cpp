@@ -174,7 +174,7 @@ TEST_F(ProgramNames, ThoseWithoutAnAnswerDelayTheOthersForTenSeconds)
     for (const char* name : {"slow1.test", "slow2.test", "slow3.test"})
     {
         EXPECT_THAT(result.output, HasSubstr(std::string("corpdir: ") + name +
-                                             ": no answer of the resolver within 10 s; skipped"));
+                                             ": no answer from the resolver within 10 s; skipped"));
     }
     ExpectBothFiles();
 }

@@ -87,7 +87,7 @@ TEST(ToolServers, RefusesZeroAddresses)
     for (const char* entry : {"0.0.0.0", "::", "[::]", "::ffff:0.0.0.0"})
     {
         EXPECT_THAT(ExitErrorOf([entry] { SplitServers(entry); }).message,
-                    HasSubstr("is not the address of a server"));
+                    HasSubstr("is the unspecified address, not a server"));
     }
 }
 
@@ -118,7 +118,7 @@ TEST(ToolServers, TheSystemSaysWhyThereIsNoAddress)
 
     const LookupResult zero = SystemLookup("0.0.0.0", AF_UNSPEC);
     EXPECT_THAT(zero.addresses, IsEmpty());
-    EXPECT_EQ(zero.problem, "no address that can be connected to");
+    EXPECT_EQ(zero.problem, "no usable address");
 }
 
 TEST(ToolNameResolver, PushesAnEventAndDoesNotBlockTheMainThread)

@@ -16,7 +16,7 @@ enum ExitStatus : int
     kExitArguments = 2,   // invalid arguments
     kExitNoServer = 3,    // every server failed
     kExitBadVersion = 4,  // the version file is not valid
-    kExitNoOutcome = 5,   // no outcome within --timeout
+    kExitNoOutcome = 5,   // timed out (--timeout)
     kExitLocalFile = 6,   // a local file or directory cannot be written
     kExitSignal = 128
 };

@@ -18,11 +18,11 @@ namespace
 
 const char kStatusText[] = R"(Exit status:
   0  the directory file was fetched
-  1  the service could not be started
+  1  the service could not be started, or the program ran out of memory
   2  invalid arguments
   3  every server failed
   4  the version file is not valid
-  5  no outcome within --timeout
+  5  timed out (--timeout)
   6  a local file or directory cannot be written
   128 + N  stopped by signal N)";
 
@@ -49,9 +49,9 @@ even if the file is there already.
 
 Exit status:
   0  stopped by SIGTERM, SIGINT or SIGHUP
-  1  the service could not be started
+  1  the service could not be started, or the program ran out of memory
   2  invalid arguments
-  6  the events cannot be written)";
+  6  a local directory or the events cannot be written)";
 
 const char kCheckText[] = R"(Example:
   corpdir --config /etc/phone/corpdir.conf check
@@ -93,7 +93,7 @@ void AddServerOptions(CLI::App& command, Options& options)
     command
         .add_option("--password-file", options.passwordFile,
                     "File with the password, '-' for standard input; default: the\n"
-                    "variable CORPDIR_PASSWORD, otherwise a prompt")
+                    "environment variable CORPDIR_PASSWORD, otherwise a prompt")
         ->check(NotEmpty())
         ->type_name("FILE")
         ->group(group);
@@ -140,8 +140,8 @@ void AddProtectionOptions(CLI::App& command, Options& options)
         ->group(group);
     command
         .add_option("--verify-name", options.verifyNames,
-                    "Name that every certificate must have; may be repeated (default:\n"
-                    "the name or address in --servers)")
+                    "Name that every certificate must have; if repeated, one of them is\n"
+                    "enough (default: the name or address in --servers)")
         ->type_name("DNS")
         ->allow_extra_args(false)
         ->delimiter(',')

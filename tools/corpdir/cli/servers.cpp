@@ -43,7 +43,8 @@ ServerEntry MakeEntry(const std::string& text)
     const std::string address = client::NormalAddress(text);
     if (client::IsZeroAddress(address))
     {
-        throw ExitError(kExitArguments, "--servers: " + text + " is not the address of a server");
+        throw ExitError(kExitArguments,
+                        "--servers: " + text + " is the unspecified address, not a server");
     }
     if (address.empty() && !IsHostName(text))
     {

@@ -195,9 +195,10 @@ private:
                 }
             }
         }
-        Refuse(setting.line,
-               (setting.section.empty() ? "no command" : "no command " + Shown(setting.section)) +
-                   " has an option " + Shown(setting.name) + Suggestion(setting.name, names));
+        Refuse(setting.line, (setting.section.empty()
+                                  ? "no command has an option "
+                                  : "section [" + Printable(setting.section) + "] has no option ") +
+                                 Shown(setting.name) + Suggestion(setting.name, names));
     }
 
     // A flag that is false is the same as no flag. Any value but true and false is a mistake: an

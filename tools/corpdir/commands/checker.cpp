@@ -135,8 +135,19 @@ CheckResult Checker::Check(const Server& server, EventQueue::Clock::time_point d
     {
         constexpr std::uint64_t kSmallestLimit = 1;  // byte
         SetLimits(m_plan, kSmallestLimit);
-        CheckDirectoryFile(
-            Download(handle.Get(), m_plan.directoryFile, kDirectoryName, server, deadline), result);
+        Event event =
+            Download(handle.Get(), m_plan.directoryFile, kDirectoryName, server, deadline);
+        // The layer may have left out SIZE on the reused connection: ask again on a new one.
+        if (m_plan.maxSize != 0 && event.code == TRAVEX_FTP_ERR_TOO_LARGE &&
+            event.total == TRAVEX_FTP_SIZE_UNKNOWN && event.timings.ulReused == 1)
+        {
+            const Handle fresh;
+            const unsigned int code = SetParameters(fresh.Get(), server);
+            event = code != 0 ? Refusal(code)
+                              : Download(fresh.Get(), m_plan.directoryFile, kDirectoryName, server,
+                                         deadline);
+        }
+        CheckDirectoryFile(event, result);
     }
     return result;
 }
@@ -240,8 +251,13 @@ Event Checker::Outcome(const Server& server, EventQueue::Clock::time_point deadl
         Event event = m_events.WaitUntil(deadline);
         switch (event.kind)
         {
-            case EventKind::kTransferred:
             case EventKind::kFailed:
+                if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
+                {
+                    throw ExitError(kExitLocalFile, event.reason);
+                }
+                return event;
+            case EventKind::kTransferred:
                 return event;
             case EventKind::kSignal:
                 throw CheckStopped{

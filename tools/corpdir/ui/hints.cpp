@@ -37,7 +37,8 @@ std::string ConnectHint(const Failure& failure, const Plan& plan)
     switch (failure.step)
     {
         case TRAVEX_FTP_STEP_DATA_CONNECT:
-            return "open the server's passive ports, on the server and in the firewalls before it";
+            return "open the server's passive ports, on the server and in the firewalls in front "
+                   "of it";
         case TRAVEX_FTP_STEP_GREETING:
             return std::string("the server refuses connections from this machine; ") +
                    kServerLogHint;
@@ -83,7 +84,7 @@ std::string TlsHint(const Failure& failure, const Plan& plan)
     {
         case TRAVEX_FTP_STEP_AUTH:
             return failure.reply == 0
-                       ? "a device on the way may have changed the replies: check the network"
+                       ? "a device in between may have altered the replies: check the network"
                        : "the server offers no TLS on " + PortOf(plan) +
                              ": enable FTPS there; --plain would send the password unencrypted";
         case TRAVEX_FTP_STEP_PROTECT:
@@ -186,7 +187,7 @@ std::string HintFor(const Failure& failure, const Plan& plan)
         case TRAVEX_FTP_ERR_TIMEOUT:
             return TimeHint(failure, plan);
         case TRAVEX_FTP_ERR_PARTIAL:
-            return std::string("the server or a device on the way cut the file short; ") +
+            return std::string("the server or a device in between cut the file short; ") +
                    kServerLogHint;
         case TRAVEX_FTP_ERR_TOO_LARGE:
             return "raise --max-size if the file should be this large";
