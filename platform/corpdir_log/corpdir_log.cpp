@@ -8,7 +8,6 @@
 #include "record.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -39,9 +38,6 @@ std::atomic<LogWriter*> g_writer{nullptr};
 // In the child of a fork, the parent's writer: it may be in any state and is never used again. Kept
 // so that it is no leak, and atomic so that the compiler does not find the store useless.
 std::atomic<LogWriter*> g_parentWriter{nullptr};
-
-// Functions to be called at the close: filled from the front, never emptied.
-std::array<std::atomic<void (*)()>, 8> g_atClose;
 
 LogWriter* Writer()
 {
@@ -111,18 +107,6 @@ bool IsLogOff()
     return __atomic_load_n(&g_LogMode, __ATOMIC_RELAXED) != 0;
 }
 
-void CallAtClose()
-{
-    for (const auto& place : g_atClose)
-    {
-        void (*const last)() = place.load();
-        if (last != nullptr)
-        {
-            last();
-        }
-    }
-}
-
 }  // namespace
 
 void CCorpDirLog::WriteLog(const char* module, const char* function, const char* file,
@@ -168,30 +152,8 @@ catch (const std::system_error& error)
 void CorpDir_CloseLog()
 {
     LogWriter* const writer = Writer();
-    if (writer == nullptr)
+    if (writer != nullptr)
     {
-        return;
+        writer->Close(base::Clock::now() + kClosePatience);
     }
-    if (writer->IsWritten(CORPDIR_LOG_ERROR))
-    {
-        CallAtClose();
-    }
-    writer->Close(base::Clock::now() + kClosePatience);
-}
-
-bool CorpDir_AtCloseLog(void (*last)())
-{
-    if (last == nullptr)
-    {
-        return false;
-    }
-    for (auto& place : g_atClose)
-    {
-        void (*none)() = nullptr;
-        if (place.compare_exchange_strong(none, last))
-        {
-            return true;
-        }
-    }
-    return false;
 }

@@ -77,16 +77,8 @@ extern "C"
     unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* info);
 
     /// Writes the pending records and closes the log. Gives up on a disk that does not answer after
-    /// 5 s, counted from the end of the functions of CorpDir_AtCloseLog. Closing a closed log does
-    /// nothing.
+    /// 5 s. Closing a closed log does nothing.
     void CorpDir_CloseLog();
-
-    /// Registers a function of a layer that writes records when the log closes: each
-    /// CorpDir_CloseLog of an open log calls `last`, on its thread and while records are still
-    /// written, in the order of registration. It is not called when the process ends with the log
-    /// open. The registration lasts for the life of the process. False when `last` is null or 8
-    /// functions are registered already.
-    bool CorpDir_AtCloseLog(void (*last)());
 
 }  // extern "C"
 

@@ -28,12 +28,12 @@ constexpr size_t kLongestServerFile = sizeof(tagTRAVEX_FTP_S_NOTIFY_DATA::DownFi
 template <typename Body>
 unsigned int Guarded(Body body)
 {
-    if (Layer::Forked())
-    {
-        return TRAVEX_FTP_ERR_SYSTEM;
-    }
     try
     {
+        if (Layer::Forked())
+        {
+            return TRAVEX_FTP_ERR_SYSTEM;
+        }
         return body();
     }
     catch (...)
@@ -371,8 +371,10 @@ const char* TRAVEX_FTP_Libraries()
 
 void TRAVEX_FTP_SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
 {
-    if (!Layer::Forked())
-    {
-        SetObserver(observer, user);
-    }
+    (void)Guarded(  // there is no code to return
+        [&]
+        {
+            SetObserver(observer, user);
+            return static_cast<unsigned int>(TRAVEX_FTP_OK);
+        });
 }

@@ -313,35 +313,6 @@ TEST_F(LogFile, AClosedLogDropsRecordsAndMayBeClosedAgain)
     EXPECT_THAT(ClosedTexts(), ElementsAre("first", "second"));
 }
 
-// Registered for the life of the process, so silent outside its test.
-std::atomic<bool> g_isLastWritten{false};
-std::atomic<int> g_closings{0};
-
-TEST_F(LogFile, EachCloseOfAnOpenLogCallsTheRegisteredFunctions)
-{
-    EXPECT_FALSE(CorpDir_AtCloseLog(nullptr));
-    ASSERT_TRUE(CorpDir_AtCloseLog(
-        []
-        {
-            if (g_isLastWritten)
-            {
-                ++g_closings;
-                Write(1, "last");
-            }
-        }));
-    g_isLastWritten = true;
-    for (int time = 1; time <= 2; ++time)
-    {
-        ASSERT_EQ(Open(Info(Directory())), 0U);
-        Write(1, "first");
-        CorpDir_CloseLog();
-        CorpDir_CloseLog();
-        EXPECT_EQ(g_closings, time);
-    }
-    EXPECT_THAT(ClosedTexts(), ElementsAre("first", "last", "first", "last"));
-    g_isLastWritten = false;
-}
-
 TEST_F(LogFile, EachProcessGetsANameOfItsOwn)
 {
     const auto hold = [this](const char* text)

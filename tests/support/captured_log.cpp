@@ -12,7 +12,6 @@ struct Store
     std::mutex guard;
     std::vector<captured_log::Record> records;
     unsigned int openResult = 0;
-    std::vector<void (*)()> atClose;
 };
 
 // Never destroyed: layers log while the process exits.
@@ -91,26 +90,8 @@ unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* info)
     return store.openResult;
 }
 
-bool CorpDir_AtCloseLog(void (*last)())
-{
-    Store& store = TheStore();
-    const std::lock_guard<std::mutex> lock(store.guard);
-    store.atClose.push_back(last);
-    return true;
-}
-
 void CorpDir_CloseLog()
 {
-    std::vector<void (*)()> at_close;
-    {
-        Store& store = TheStore();
-        const std::lock_guard<std::mutex> lock(store.guard);
-        at_close = store.atClose;
-    }
-    for (void (*last)() : at_close)
-    {
-        last();
-    }
     Add({captured_log::Kind::kClose, "", "", "", 0, 0, ""});
 }
 
