@@ -1,4 +1,4 @@
-// Counts changes that a polling thread may have to look at, and its sleep between two looks.
+// Counts changes for polling threads, and lets them sleep until the next one.
 #ifndef CORPDIR_BASE_CHANGES_H
 #define CORPDIR_BASE_CHANGES_H
 

@@ -1,4 +1,4 @@
-// Uses of something that the end of the process takes away.
+// Guards something that is shut down when the process ends.
 #ifndef CORPDIR_BASE_GATE_H
 #define CORPDIR_BASE_GATE_H
 
@@ -38,7 +38,7 @@ public:
         --m_inside;
     }
 
-    // Lets nobody in from now on, and waits until at most `own` are inside, or for the deadline.
+    // Admits no caller from now on, and waits until at most `own` are inside, or for the deadline.
     void Close(unsigned int own, Clock::time_point deadline)
     {
         m_closed = true;

@@ -1,4 +1,4 @@
-// Handles: numbers in the guise of the pointer types that the interfaces show.
+// Handles: numbers in the interfaces' pointer types.
 #ifndef CORPDIR_BASE_HANDLE_H
 #define CORPDIR_BASE_HANDLE_H
 
@@ -19,7 +19,7 @@ Pointer PointerOf(std::uintptr_t number)
 }
 
 // A handle that was never given before in this process, so that a stale one is recognised without
-// being followed. Odd, so that none is mistaken for the address of something. Thread-safe.
+// being dereferenced. Odd, so that none is mistaken for the address of something. Thread-safe.
 template <typename Pointer>
 Pointer NewHandle()
 {

@@ -62,7 +62,7 @@ private:
     Mutex& m_mutex;
 };
 
-// A condition that threads wait for while they hold a mutex; a wait may end without a reason.
+// A condition that threads wait for while they hold a mutex; a wait may end spuriously.
 class CondVar
 {
 public:

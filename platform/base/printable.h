@@ -1,4 +1,4 @@
-// Which characters of a foreign text may be shown as they are.
+// Characters of an untrusted text that may be shown unchanged.
 #ifndef CORPDIR_BASE_PRINTABLE_H
 #define CORPDIR_BASE_PRINTABLE_H
 
@@ -20,12 +20,15 @@ inline bool IsUnseen(uint32_t character)
     };
     constexpr Range kRanges[] = {
         {0x0080, 0x009F},    // controls
+        {0x00AD, 0x00AD},    // soft hyphen
         {0x061C, 0x061C},    // a mark of direction
+        {0x180E, 0x180E},    // vowel separator
         {0x200B, 0x200F},    // zero width: space, joiners, marks of direction
         {0x2028, 0x202E},    // separators, embeddings and overrides of the direction
-        {0x2060, 0x2060},    // word joiner
-        {0x2066, 0x2069},    // isolates
+        {0x2060, 0x2064},    // word joiner, invisible operators
+        {0x2066, 0x206F},    // isolates, obsolete controls
         {0xFEFF, 0xFEFF},    // byte order mark
+        {0xFFF9, 0xFFFB},    // annotations
         {0xE0000, 0xE007F},  // tags
     };
     return std::any_of(std::begin(kRanges), std::end(kRanges),

@@ -89,7 +89,7 @@ public:
     {
         for (;;)
         {
-            (void)pause();  // returns when a handler of the client took a signal
+            (void)pause();  // returns after a signal handler of the client
         }
     }
 

@@ -1,4 +1,4 @@
-// The one way to start a thread of our own.
+// Starts the layers' threads.
 #ifndef CORPDIR_BASE_THREAD_H
 #define CORPDIR_BASE_THREAD_H
 
@@ -52,7 +52,7 @@ public:
     Thread(const char* name, std::function<void()> body)
     {
         auto start = std::make_unique<Start>(Start{name, std::move(body)});
-        // The new thread inherits the mask, so that no signal finds it open.
+        // The new thread inherits the mask, so that it never receives a signal.
         const SignalsBlocked blocked;
         const int error = pthread_create(&m_native, nullptr, Run, start.get());
         if (error != 0)

@@ -54,7 +54,7 @@ void OnExit(base::Clock::time_point deadline)
 }
 
 // The child starts with no log and may open its own: the log's thread exists in the parent only.
-// Memory that the parent's threads had in hand stays allocated.
+// Memory that the parent's threads were using stays allocated.
 void OnForkInChild()
 {
     LogWriter* const writer = g_writer.exchange(nullptr);

@@ -53,11 +53,10 @@ std::string TimeColumn(std::time_t second)
 
 LineFormatter::LineFormatter()
 {
-    static const int s_error = pthread_atfork(LockZone, UnlockZone, UnlockZone);
-    if (s_error != 0)
-    {
-        throw std::bad_alloc();
-    }
+    // A static whose making throws is made again by the next opening.
+    static const bool s_watching =
+        pthread_atfork(LockZone, UnlockZone, UnlockZone) == 0 ? true : throw std::bad_alloc();
+    (void)s_watching;
 }
 
 void LineFormatter::Append(std::chrono::system_clock::time_point time, std::string_view text,

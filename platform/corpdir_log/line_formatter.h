@@ -1,4 +1,4 @@
-// How a record becomes a line.
+// Formats a record as a line.
 #ifndef CORPDIR_LOG_LINE_FORMATTER_H
 #define CORPDIR_LOG_LINE_FORMATTER_H
 

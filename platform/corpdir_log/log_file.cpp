@@ -36,7 +36,7 @@ int MakePrivate(int descriptor, const struct stat& status)
     return isPrivate || fchmod(descriptor, 0600) == 0 ? 0 : errno;
 }
 
-// 0, or the error number. A line that a full disk cut short would swallow the next record.
+// 0, or the error number. A line that a full disk cut short would run into the next record.
 int EndCutLine(int descriptor, off_t size)
 {
     char last = '\n';
@@ -47,7 +47,7 @@ int EndCutLine(int descriptor, off_t size)
     return last == '\n' || write(descriptor, "\n", 1) == 1 ? 0 : errno;
 }
 
-// 0, or the error number. EAGAIN cannot happen: O_NONBLOCK means nothing to a regular file.
+// 0, or the error number. EAGAIN cannot happen: O_NONBLOCK has no effect on a regular file.
 int WriteAll(int descriptor, std::string_view text)
 {
     while (!text.empty())
@@ -125,7 +125,7 @@ void LogFile::Flush()
 }
 
 // False when the file is not to be rotated: someone else has truncated it, or it is not in its
-// place, and what has its name is not ours to rename.
+// place, and another file has its name and must not be renamed.
 bool LogFile::Rotate()
 {
     Flush();

@@ -11,11 +11,11 @@
 namespace corpdir_log
 {
 // FILE.log, and FILE.1.log (the newest) to FILE.n.log, mode 0600. The descriptor that was checked
-// is the one that is written. A missing directory is not made. Symbolic links in the file's place,
-// devices and other users' files are refused, a second hard link to a file of ours is not. A line
-// that a full disk cut is ended before the next one. The buffer is no stream of the C library, so
-// the child of a fork does not write it. Throws std::system_error or std::bad_alloc; after that the
-// object must not be used again. One thread only.
+// is the one that is written. A missing directory is not created. Symbolic links in the file's
+// place, devices and other users' files are refused, a second hard link to our own file is
+// accepted. A line that a full disk cut is ended before the next one. The buffer is no stream of
+// the C library, so the child of a fork does not write it. Throws std::system_error or
+// std::bad_alloc; after that the object must not be used again. One thread only.
 class LogFile
 {
 public:
@@ -28,7 +28,7 @@ public:
     // False when the path no longer names the open file: it was removed or moved away.
     bool IsInPlace() const;
 
-    // True when the file has no name left anywhere, so that what it holds ends with this object.
+    // True when the file has no name left anywhere, so its contents are lost when it is closed.
     bool IsRemoved() const;
 
     // Appends a line. True when the file was full and the line is the first of an empty one.

@@ -40,9 +40,9 @@ bool AwaitRoom()
     return errno == EAGAIN && poll(&console, 1, -1) == 1;
 }
 
-// Past the C library's stream: a standard error that is not read would block the log's thread with
-// the stream locked, and the process, which flushes its streams, could not end. A line that cannot
-// be written is dropped, since there is no place to report it.
+// Bypasses the C library's stream: a standard error that is not read would block the log's thread
+// with the stream locked, and the process, which flushes its streams, could not end. A line that
+// cannot be written is dropped, since there is no place to report it.
 void WriteToStandardError(std::string_view line)
 {
     while (!line.empty())
@@ -54,6 +54,12 @@ void WriteToStandardError(std::string_view line)
         }
         line.remove_prefix(written < 0 ? 0 : static_cast<std::size_t>(written));
     }
+}
+
+// Memory that ran out is not the disk's fault.
+const char* ReasonOf(const std::exception& error)
+{
+    return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? "memory ran out" : error.what();
 }
 
 }  // namespace
@@ -80,6 +86,7 @@ void LogTarget::OpenFile()
 {
     if (m_name == nullptr || !m_name->IsFor(m_directory))
     {
+        m_name.reset();  // also when no name is found
         m_name = std::make_shared<NameLock>(m_directory);
     }
     m_file =
@@ -87,7 +94,7 @@ void LogTarget::OpenFile()
     m_unchecked = 0;
 }
 
-void LogTarget::Write(const std::deque<Record>& records, std::uint64_t dropped) noexcept
+void LogTarget::Write(const std::list<Record>& records, std::uint64_t dropped) noexcept
 {
     LeaveLostFile();
     if (dropped != 0)
@@ -164,7 +171,7 @@ void LogTarget::WriteRecord(const Record& record, std::uint64_t count) noexcept
     }
     catch (const std::exception& error)
     {
-        BeginOutage(error.what());
+        BeginOutage(ReasonOf(error));
     }
 }
 
@@ -203,7 +210,7 @@ void LogTarget::Flush() noexcept
     }
     catch (const std::exception& error)
     {
-        BeginOutage(error.what());
+        BeginOutage(ReasonOf(error));
     }
 }
 
@@ -216,7 +223,7 @@ void LogTarget::AddLost(std::uint64_t count, const char* reason) noexcept
     }
     catch (const std::bad_alloc&)
     {
-        // The number matters more.
+        // The count is kept without its reason.
     }
 }
 
@@ -242,7 +249,7 @@ bool LogTarget::IsReady() noexcept
     }
     catch (const std::exception& error)
     {
-        BeginOutage(error.what());
+        BeginOutage(ReasonOf(error));
         return false;
     }
 }
@@ -262,8 +269,8 @@ void LogTarget::WriteLossNotice()
     m_unchecked += std::exchange(m_lost, 0);
 }
 
-// Records since the last flush may or may not have reached the file. A file that is
-// removed takes all of it along.
+// Records since the last flush may or may not have reached the file. All records in a removed file
+// are lost.
 void LogTarget::BeginOutage(const char* reason) noexcept
 {
     const bool isRemoved = m_file != nullptr && m_file->IsRemoved();
@@ -279,7 +286,7 @@ void LogTarget::BeginOutage(const char* reason) noexcept
     }
     catch (const std::bad_alloc&)
     {
-        // No memory for a sentence; the outage is handled all the same.
+        // No memory for the report; the outage is handled all the same.
     }
 }
 
@@ -289,16 +296,17 @@ void LogTarget::BeginOutage(const char* reason) noexcept
 void LogTarget::ReportOnce(bool* isReported, const std::string& trouble) const
 {
     pollfd console = {STDERR_FILENO, POLLOUT, 0};
-    if (*isReported || IsStandardError() || poll(&console, 1, 0) != 1 ||
+    // A number that was closed at the opening may be a file of the client's by now.
+    if (*isReported || IsStandardError() || !m_isConsoleOpen || poll(&console, 1, 0) != 1 ||
         (console.revents & POLLOUT) == 0)
     {
         return;
     }
-    *isReported = true;
     std::string line;
     AppendEscaped("corpdir: the log in " + m_directory + ' ' + trouble, Blanks::kKeep, &line);
     line.resize(std::min<std::size_t>(line.size(), PIPE_BUF - 1));
     line += '\n';
+    *isReported = true;                                     // not before: memory may run out above
     (void)!write(STDERR_FILENO, line.data(), line.size());  // there is no other place to report to
 }
 

@@ -10,7 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 #include <string>
 
@@ -44,7 +44,7 @@ public:
     // Writes a notice about records that the queue dropped, if there are any, then the records, and
     // hands all to the system. A file that was removed or moved away is opened again first; what
     // was written to a removed one since it was last seen in its place is lost.
-    void Write(const std::deque<Record>& records, std::uint64_t dropped) noexcept;
+    void Write(const std::list<Record>& records, std::uint64_t dropped) noexcept;
 
     // To be called before the target is replaced or destroyed: tries once more to say how many
     // records are missing.

@@ -11,10 +11,10 @@ namespace corpdir_log
 {
 namespace
 {
-// The longest that an opening waits for the disk.
+// Time limit of an opening.
 constexpr std::chrono::seconds kOpenPatience{5};
 
-// Waking a thread costs its waker more than writing a record does. So the log's thread lets records
+// Waking a thread takes longer than queuing a record. So the log's thread lets records
 // gather for this long, unless an error is among them, or more than this many bytes.
 constexpr std::chrono::milliseconds kGather{100};
 constexpr std::size_t kManyBytes = 256U << 10;
@@ -51,9 +51,12 @@ void LogWriter::Write(const Place& place, unsigned int level, const char* format
 {
     try
     {
-        Record record = MakeRecord(place, level, format, arguments);
+        // Allocated and freed without the mutex: an operator new of the client may write records.
+        std::list<Record> record;
+        record.push_back(MakeRecord(place, level, format, arguments));
+        std::list<Record> dropped;
         const base::MutexLock lock(m_mutex);
-        Push(std::move(record));
+        Push(&record, &dropped);
     }
     catch (const std::exception&)  // memory ran out
     {
@@ -62,22 +65,24 @@ void LogWriter::Write(const Place& place, unsigned int level, const char* format
     }
 }
 
-void LogWriter::Push(Record record)
+// Moves the one record to the end of the queue, and those that it pushes out to `dropped`.
+void LogWriter::Push(std::list<Record>* record, std::list<Record>* dropped)
 {
     if (m_level == kClosed)
     {
         return;
     }
-    const std::size_t bytes = MemorySize(record);
+    const std::size_t bytes = MemorySize(record->front());
     while (m_bytes + bytes > kCapacity && !m_records.empty())
     {
         m_bytes -= MemorySize(m_records.front());
-        m_records.pop_front();
+        dropped->splice(dropped->end(), m_records, m_records.begin());
         ++m_dropped;
     }
     const bool isFirst = m_records.empty();
-    const bool isUrgent = record.level == CORPDIR_LOG_ERROR || m_bytes + bytes > kManyBytes;
-    m_records.push_back(std::move(record));
+    const bool isUrgent =
+        record->front().level == CORPDIR_LOG_ERROR || m_bytes + bytes > kManyBytes;
+    m_records.splice(m_records.end(), *record);
     m_bytes += bytes;
     if (isFirst || (isUrgent && !m_isUrgent))
     {
@@ -199,7 +204,7 @@ void LogWriter::Run()
     }
 }
 
-// Waits for a record or a command. A close comes before an opening that is asked for at the same
+// Waits for a record or a command. A close is executed before an opening requested at the same
 // time.
 LogWriter::Work LogWriter::AwaitWork()
 {

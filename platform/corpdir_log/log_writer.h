@@ -12,7 +12,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 
 namespace corpdir_log
@@ -32,7 +32,7 @@ public:
     LogWriter(const LogWriter&) = delete;
     LogWriter& operator=(const LogWriter&) = delete;
 
-    // False when the log is closed as well.
+    // Also false when the log is closed.
     bool IsWritten(unsigned int level) const
     {
         return level <= kHighestLevel &&
@@ -63,7 +63,7 @@ private:
     struct Opening
     {
         LogSettings settings;
-        int error = ESHUTDOWN;  // unless the log's thread gets to it
+        int error = ESHUTDOWN;  // until the log's thread executes it
     };
 
     // The next work of the log's thread: it writes what it took from the queue, and executes at
@@ -75,7 +75,7 @@ private:
         std::shared_ptr<Opening> opening;  // null: none
     };
 
-    void Push(Record record) CORPDIR_REQUIRES(m_mutex);
+    void Push(std::list<Record>* record, std::list<Record>* dropped) CORPDIR_REQUIRES(m_mutex);
     bool HasCommand() const CORPDIR_REQUIRES(m_mutex);
     bool IsThreadRunning() const CORPDIR_REQUIRES(m_mutex);
     void StartThread() CORPDIR_REQUIRES(m_mutex);
@@ -92,7 +92,7 @@ private:
     base::Mutex m_mutex;
     base::CondVar m_wake;      // for the log's thread
     base::CondVar m_answered;  // for callers of Open and Close
-    std::deque<Record> m_records CORPDIR_GUARDED_BY(m_mutex);
+    std::list<Record> m_records CORPDIR_GUARDED_BY(m_mutex);
     std::size_t m_bytes CORPDIR_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_dropped CORPDIR_GUARDED_BY(m_mutex) = 0;
     bool m_isUrgent CORPDIR_GUARDED_BY(m_mutex) = false;  // write the records now
@@ -100,10 +100,10 @@ private:
     std::shared_ptr<Opening> m_opening CORPDIR_GUARDED_BY(m_mutex);  // null: none is asked for
     bool m_isClosedForEver CORPDIR_GUARDED_BY(m_mutex) = false;
     base::Thread m_thread CORPDIR_GUARDED_BY(m_mutex);
-    bool m_hasThreadEnded CORPDIR_GUARDED_BY(m_mutex) = false;  // and is to be joined
+    bool m_hasThreadEnded CORPDIR_GUARDED_BY(m_mutex) = false;  // it must be joined
 
     // The log's thread only.
-    std::deque<Record> m_batch;
+    std::list<Record> m_batch;
     std::unique_ptr<LogTarget> m_target;
 };
 

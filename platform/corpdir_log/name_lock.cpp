@@ -8,6 +8,8 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <system_error>
 
 namespace corpdir_log
 {
@@ -64,6 +66,11 @@ bool NameLock::TakeNameIn(const std::string& directory, const std::string& lockN
                           const std::string& prefix)
 {
     m_file = OpenPrivate(directory + '/' + lockName);
+    if (!m_file.IsOpen() && (errno == ENOENT || errno == EMFILE || errno == ENFILE))
+    {
+        // The directory is missing, or descriptors ran out: no other name would help.
+        throw std::system_error(errno, std::generic_category(), directory);
+    }
     for (unsigned int number = 1; IsOurs(m_file) && number <= kNames; ++number)
     {
         if (TakeNumber(number))

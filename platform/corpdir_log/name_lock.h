@@ -18,7 +18,8 @@ namespace corpdir_log
 class NameLock
 {
 public:
-    // Always finds a name. Throws std::bad_alloc.
+    // Finds a name in every directory that exists. Throws std::system_error when the directory is
+    // missing or descriptors ran out, or std::bad_alloc.
     explicit NameLock(const std::string& directory);
     ~NameLock();  // releases the name
     NameLock(const NameLock&) = delete;

@@ -1,4 +1,4 @@
-// Files of the log: of this user alone, found again by their paths.
+// Opens the log's files for this user only, and compares them with their paths.
 #ifndef CORPDIR_LOG_PRIVATE_FILE_H
 #define CORPDIR_LOG_PRIVATE_FILE_H
 

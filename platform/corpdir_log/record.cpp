@@ -149,7 +149,7 @@ Record MakeRecord(const Place& place, unsigned int level, const char* format, va
     }
     catch (const std::bad_alloc&)
     {
-        // The text stays empty, which no record's is.
+        // The text stays empty and is made again below.
     }
     va_end(again);
     if (record.text.empty())

@@ -9,8 +9,8 @@
 
 namespace corpdir_log
 {
-// A line without its first column. The columns in the text are escaped, so that the record keeps no
-// pointer of its writer's.
+// A line without its first column. The columns in the text are escaped, so that the record holds no
+// pointer of its caller.
 struct Record
 {
     std::chrono::system_clock::time_point time;
@@ -27,8 +27,8 @@ struct Place
     unsigned int line;
 };
 
-// A record of this moment and thread. When memory is short the text is cut, and says so; throws
-// std::bad_alloc when there is no memory for that either. Any thread; nothing is locked.
+// Makes a record with the current time and thread. When memory is short the text is cut, and says
+// so; throws std::bad_alloc when there is no memory for that either. Any thread; nothing is locked.
 Record MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)
     __attribute__((format(printf, 3, 0)));
 

@@ -444,7 +444,8 @@ TEST_F(LogFile, ThatIsRemovedCountsWhatItTookAlong)
     ASSERT_NO_FATAL_FAILURE(LoseWithFile(File()));
     EXPECT_TRUE(ArrivesIn(File(), "after"));
     CorpDir_CloseLog();
-    EXPECT_EQ(MissingIn(File()), 50U);
+    EXPECT_GT(MissingIn(File()), 0U);  // fewer than 50 when a second batch has checked the file
+    EXPECT_LE(MissingIn(File()), 50U);
     EXPECT_TRUE(Contains(File(), "missing here: the file that held them was removed\n"));
 }
 
@@ -453,7 +454,8 @@ TEST_F(LogFile, ThatIsRemovedBeforeACloseCountsWhatItTookAlong)
     ASSERT_EQ(Open(Info(Directory())), 0U);
     ASSERT_NO_FATAL_FAILURE(LoseWithFile(File()));
     CorpDir_CloseLog();
-    EXPECT_EQ(MissingIn(File()), 50U);
+    EXPECT_GT(MissingIn(File()), 0U);  // fewer than 50 when a second batch has checked the file
+    EXPECT_LE(MissingIn(File()), 50U);
 }
 
 // Loses 50 records: the directory is gone when they come, and is there again at the end.

@@ -82,19 +82,20 @@ TEST_F(LogProcess, AfterTheExitHandlersRecordsAreDroppedAndOpeningIsRefused)
 }
 
 // Threads that write until the process ends, never joined.
-void StartWriters(int count)
+void StartWriters(int count, std::chrono::microseconds rest = {})
 {
     static std::vector<std::thread>& s_threads = *new std::vector<std::thread>;
     static std::atomic<int> s_running{0};
     for (int writer = 0; writer < count; ++writer)
     {
         s_threads.emplace_back(
-            [writer]
+            [writer, rest]
             {
                 ++s_running;
                 for (int number = 0;; ++number)
                 {
                     Write(2, "%d %d", writer, number);
+                    std::this_thread::sleep_for(rest);
                 }
             });
     }
@@ -129,7 +130,7 @@ TEST_F(LogProcess, AKilledProcessLeavesItsErrorsBehind)
         [this]
         {
             (void)Open(Info(Directory(), 2, 1U << 30));
-            StartWriters(1);
+            StartWriters(1, std::chrono::microseconds(50));  // a small file is read quickly
             Write(0, "the last record");
             pause();
         });
