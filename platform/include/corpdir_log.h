@@ -16,11 +16,11 @@
 /// carry the user's number: corpdir-u1000.log. If no lock is possible, they carry the process's
 /// number: corpdir-p4711.log; one such file remains for each process.
 ///
-/// If the directory is removed or full, records are lost and, the first time, one line goes to
-/// standard error. The
-/// log continues as soon as it can; a record then says how many are missing at most. The same holds
-/// if only the file is removed. If files cannot be renamed, the one file is truncated when full,
-/// and one line on standard error says so. If standard error is not read, that line is dropped.
+/// If the directory is removed or full, records are lost; the first time, one line goes to standard
+/// error. The log continues as soon as it can; a record then says how many are missing at most. The
+/// same holds if only the file is removed. If files cannot be renamed, the one file is truncated
+/// when full, and one line on standard error says so. If standard error is not read, that line is
+/// written later, or dropped.
 ///
 /// The log has a thread of its own while it is open. It writes errors at once and other records
 /// within a second. When 8 MiB of records wait, the oldest are dropped and a record says how many;
