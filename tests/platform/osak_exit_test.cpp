@@ -475,7 +475,7 @@ TEST_F(OsakExitDeathTest, AJoinUnderWayOfAHeldThreadGetsACode)
 // A thread that the system has not run yet when the exit handler waits.
 TEST_F(OsakExitDeathTest, AThreadThatStartsLateRunsNoClientCode)
 {
-    for (int round = 0; round < 20; ++round)
+    for (int round = 0; round < 10; ++round)
     {
         EXPECT_CLEAN_EXIT({
             RunAfterTheLayersHandler(
@@ -484,6 +484,7 @@ TEST_F(OsakExitDeathTest, AThreadThatStartsLateRunsNoClientCode)
                     g_ready = true;
                     std::this_thread::sleep_for(milliseconds(20));
                     Demand(!g_done, "no entry begins after the exit handler");
+                    (void)OSAK_PthreadJoin(g_thread, nullptr);  // it may have ended before
                 });
             const OSAK_THREAD_PROC late = []() -> unsigned int
             {
