@@ -40,8 +40,7 @@ ServerList FindServers(const std::string& list, const char* localAddress)
             found.leftOut.push_back({text, "neither an address nor a host name"});
         }
     }
-    client::ServerLookup lookup(entries, client::FamilyOf(localAddress),
-                                        client::SystemLookup);
+    client::ServerLookup lookup(entries, client::FamilyOf(localAddress), client::SystemLookup);
     client::ResolvedServers resolved = lookup.Wait();
     const auto isLeftOut = [&resolved](const client::ServerEntry& entry)
     {

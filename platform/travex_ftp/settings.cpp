@@ -178,9 +178,9 @@ bool Address::Ipv4() const
 bool TlsPolicy::operator==(const TlsPolicy& other) const
 {
     return encrypted == other.encrypted && implicit == other.implicit && verify == other.verify &&
-           verifyCallback == other.verifyCallback && identity == other.identity && suites == other.suites &&
-           trust.names == other.trust.names && trust.authorities == other.trust.authorities &&
-           anchors.digest == other.anchors.digest;
+           verifyCallback == other.verifyCallback && identity == other.identity &&
+           suites == other.suites && trust.names == other.trust.names &&
+           trust.authorities == other.trust.authorities && anchors.digest == other.anchors.digest;
 }
 
 bool HasControlCharacter(const char* text)

@@ -40,8 +40,7 @@ void SetLimits(const Plan& plan, std::uint64_t fileBytes)
 
 void RegisterServers(const std::vector<Server>& servers, const Plan& plan)
 {
-    if (const unsigned int code = client::RegisterNames(servers, plan.verifyNames);
-        code != 0)
+    if (const unsigned int code = client::RegisterNames(servers, plan.verifyNames); code != 0)
     {
         throw ExitError(kExitInternal, "the names of the servers could not be registered (code " +
                                            std::to_string(code) + ")");
