@@ -12,7 +12,7 @@ namespace base
 template <typename Pointer>
 Pointer PointerOf(std::uintptr_t number)
 {
-    static_assert(std::is_pointer_v<Pointer> && sizeof(Pointer) == sizeof(std::uintptr_t));
+    static_assert(std::is_pointer_v<Pointer>);
     Pointer pointer;
     std::memcpy(&pointer, &number, sizeof number);
     return pointer;

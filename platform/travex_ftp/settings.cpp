@@ -56,10 +56,10 @@ unsigned int PortOf(const tagTRAVEX_FTP_S_CTRL_PARAM& record)
 
 // A text field of the record: terminated, not empty, and without control characters if it becomes
 // part of a command. The reason does not quote the text, which may be the password.
-template <size_t N>
-bool CheckText(const char (&text)[N], const char* name, bool command, Failure& failure)
+template <size_t kSize>
+bool CheckText(const char (&text)[kSize], const char* name, bool command, Failure& failure)
 {
-    if (memchr(text, '\0', N) == nullptr)
+    if (memchr(text, '\0', kSize) == nullptr)
     {
         return Fail(failure, TRAVEX_FTP_ERR_PARAM, "the %s is not NUL-terminated", name);
     }

@@ -18,10 +18,10 @@ namespace corpdir_tool
 {
 
 // Copies a text into a zeroed field of a record. The plan has checked that it fits.
-template <std::size_t Size>
-void CopyText(char (&field)[Size], std::string_view text)
+template <std::size_t kSize>
+void CopyText(char (&field)[kSize], std::string_view text)
 {
-    memcpy(field, text.data(), std::min(text.size(), Size - 1));
+    memcpy(field, text.data(), std::min(text.size(), kSize - 1));
 }
 
 tag_CORPDIR_LOGINFO LogSettingsOf(const Plan& plan);
