@@ -497,10 +497,15 @@ TEST_F(OddTest, AFailedTransferEndsTheConnection)
     }
 }
 
+// A wait for the reply to QUIT would last 60 s, longer than any wait of the tests.
 class Idle : public OddTest
 {
 protected:
-    const Limits m_limits{[](auto& limits) { limits.ulIdleMs = 300; }};
+    const Limits m_limits{[](auto& each)
+                          {
+                              each.ulIdleMs = 300;
+                              each.ulResponseMs = each.ulConfirmMs = 60000;
+                          }};
 };
 
 TEST_F(Idle, UnusedConnectionIsClosedWithQuit)
