@@ -3,7 +3,7 @@
 ///
 /// Each handle has a thread of its own, on which its downloads run one after the other, in the
 /// order in which they were accepted, over one control connection. Handles are independent of each
-/// other. One notification thread calls back for all of them, so that a slow callback stalls no
+/// other. One notification thread calls back for all of them, so that a slow callback delays no
 /// transfer. Every function may be called on any thread, also within a callback, and none waits for
 /// the network. Nothing throws. Result codes: tagTRAVEX_FTP_RESULT.
 ///
@@ -24,7 +24,7 @@ enum tagTRAVEX_FTP_RESULT
     TRAVEX_FTP_ERR_NOT_INIT = 3,  ///< TRAVEX_FTP_Init has not been called
     TRAVEX_FTP_ERR_NOT_SET = 4,   ///< control or data parameters were not set on the handle
     TRAVEX_FTP_ERR_CIPHER = 5,    ///< a cipher suite that the TLS library does not know
-    TRAVEX_FTP_ERR_TRUST = 6,     ///< a trust text that cannot be used
+    TRAVEX_FTP_ERR_TRUST = 6,     ///< trusted certificates that cannot be used
     TRAVEX_FTP_ERR_SYSTEM = 7,    ///< memory or another resource of the system ran out
 
     TRAVEX_FTP_ERR_CONNECT = 16,  ///< no connection: zero address, refused, unreachable, no service
@@ -107,15 +107,15 @@ struct tagTRAVEX_FTP_S_CTRL_PARAM
     unsigned int ulCtrlOption3;       ///< carried, no effect
     char acWorkDir[128];              ///< local directory, not empty
     unsigned char aucReserved4[8];    ///< not read
-    const char* pcFtpCtrlInfo;        ///< trust text: a path of a PEM file or directory of
-                                      ///< certification authorities; "system"; or key=value pairs
-                                      ///< separated by ";": ca= (default: system), name= (DNS
-                                      ///< names separated by ",", see ulCertVerify), tls=implicit.
-                                      ///< Read for FTPS, the authorities' files when ulCertVerify
-                                      ///< is 1
-    unsigned int ulTlsOption1;        ///< carried, no effect
-    unsigned short usTlsOption2;      ///< carried, no effect
-    unsigned int ulTlsOption3;        ///< carried, no effect
+    const char* pcFtpCtrlInfo;        ///< trusted certificates: a path of a PEM file or directory
+                                ///< of certification authorities; "system"; or key=value pairs
+                                ///< separated by ";": ca= (default: system), name= (DNS
+                                ///< names separated by ",", see ulCertVerify), tls=implicit.
+                                ///< Read for FTPS, the authorities' files when ulCertVerify
+                                ///< is 1
+    unsigned int ulTlsOption1;           ///< carried, no effect
+    unsigned short usTlsOption2;         ///< carried, no effect
+    unsigned int ulTlsOption3;           ///< carried, no effect
     TRAVEX_FTP_VERIFY_CB pfnFtpsVerify;  ///< may be null
     const int* piCipherList;       ///< the suites offered, 0x03000000 + IANA number; the protocol
                                    ///< versions follow from them. Read for FTPS
@@ -126,7 +126,7 @@ struct tagTRAVEX_FTP_S_CTRL_PARAM
     unsigned char aucLocalIp[16];  ///< address to connect from; all zero: the system's choice
     unsigned int ulCertVerify;     ///< 1: chain, dates and identity are checked; 0: they are not.
                                    ///< The certificate must be for one of, first that applies:
-                                   ///< the names of the trust text; what
+                                   ///< the names of pcFtpCtrlInfo; what
                                    ///< TRAVEX_FTP_SetServerName added for the address; the name
                                    ///< or address text that this thread converted to the address
                                    ///< (OSAK_GetAddrInfo, OSAK_Inet_Pton) since its last
@@ -232,7 +232,7 @@ struct tagTRAVEX_FTP_S_LIMITS
     unsigned int ulStallMs;      ///< window in which ullStallBytes must arrive; default 30,000 ms
     unsigned int ulConfirmMs;    ///< from the last byte to the 226; default 60,000 ms
     unsigned int ulTransferMs;   ///< one whole transfer; default 6 hours
-    unsigned int ulIdleMs;       ///< an unused control connection is kept; default 15,000 ms
+    unsigned int ulIdleMs;       ///< until an idle control connection is closed; default 15,000 ms
     unsigned int ulObserveMs;    ///< between two progress observations; default 100 ms
 };
 
@@ -305,9 +305,9 @@ extern "C"
     unsigned int TRAVEX_FTP_CloseHandle(TRAVEX_FTP_HANDLE handle);
 
     /// Sets the parameters of the downloads started after it. Everything is copied during the call,
-    /// the trust text and the cipher list included. Refused with a code, a log line and an
-    /// observation: empty user name, password or work directory, an unknown suite, a bad trust
-    /// text.
+    /// trusted certificates and the cipher list included. Refused with a code, a log line and an
+    /// observation: empty user name, password or work directory, an unknown suite, unusable
+    /// trusted certificates.
     unsigned int TRAVEX_FTP_SetCtrlParam(TRAVEX_FTP_HANDLE handle,
                                          const tagTRAVEX_FTP_S_CTRL_PARAM* param);
 

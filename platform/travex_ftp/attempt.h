@@ -7,6 +7,7 @@
 #include "channel.h"
 #include "failure.h"
 #include "limits.h"
+#include "observer.h"
 
 namespace travex_ftp
 {
@@ -70,7 +71,7 @@ public:
 
     Failure failure{};       // ulStep: the current step
     bool cancelled = false;  // a failure is not reported then
-    tagTRAVEX_FTP_S_TIMINGS timings{};
+    Timings timings{};
 
 private:
     const Limits& m_limits;

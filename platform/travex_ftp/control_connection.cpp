@@ -258,7 +258,7 @@ bool ControlConnection::Command(Attempt& attempt, const char* verb, const char* 
 bool ControlConnection::Send(Attempt& attempt, const char* verb, const char* argument)
 {
     attempt.cancelled = attempt.cancelled || m_closed;
-    if (attempt.cancelled || !DiscardStray(attempt))
+    if (attempt.cancelled || !DiscardUnsolicited(attempt))
     {
         return false;
     }
@@ -271,15 +271,15 @@ bool ControlConnection::Send(Attempt& attempt, const char* verb, const char* arg
 }
 
 // Discards replies that arrived before the command is sent. Some servers answer PASS twice.
-bool ControlConnection::DiscardStray(Attempt& attempt)
+bool ControlConnection::DiscardUnsolicited(Attempt& attempt)
 {
-    Reply stray;
+    Reply reply;
     Io io = Io::kAgain;
-    while ((io = PollReply(attempt, stray, "unsolicited reply")) == Io::kDone)
+    while ((io = PollReply(attempt, reply, "unsolicited reply")) == Io::kDone)
     {
-        if (stray.code == kServiceNotAvailable)
+        if (reply.code == kServiceNotAvailable)
         {
-            return Accept(attempt, stray);
+            return Accept(attempt, reply);
         }
     }
     return io == Io::kAgain || FailWait(attempt, io);
@@ -343,7 +343,7 @@ Io ControlConnection::PollReply(Attempt& attempt, Reply& reply, const char* head
         }
         size_t size = 0;
         size_t length = 0;
-        char* const room = m_reader.Room(size);
+        char* const room = m_reader.FreeSpace(size);
         const Io io = m_channel.Read(room, size, length);
         if (io != Io::kDone)
         {

@@ -105,7 +105,7 @@ private:
     bool LogIn(Attempt& attempt);
     bool Protect(Attempt& attempt);
     bool ChooseType(Attempt& attempt);
-    bool DiscardStray(Attempt& attempt);
+    bool DiscardUnsolicited(Attempt& attempt);
     static Io FailTooLong(Attempt& attempt, uint64_t bytes);
 
     const std::shared_ptr<const Settings> m_settings;

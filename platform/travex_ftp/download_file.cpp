@@ -110,18 +110,18 @@ bool DownloadFile::Open(const std::string& directory, const std::string& name, F
     m_directoryFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (m_directoryFd < 0)
     {
-        return LocalFailure(failure, "cannot open the directory of");
+        return FailLocal(failure, "cannot open the directory of");
     }
     struct stat target = {};
     const bool exists = fstatat(m_directoryFd, name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && S_ISDIR(target.st_mode))
     {
         errno = EISDIR;
-        return LocalFailure(failure, "cannot replace");
+        return FailLocal(failure, "cannot replace");
     }
     if (exists && !S_ISREG(target.st_mode) && !S_ISLNK(target.st_mode))
     {
-        return LocalFailure(failure, "cannot replace", "not a regular file");
+        return FailLocal(failure, "cannot replace", "not a regular file");
     }
     m_replaced = {};
     if (exists && S_ISREG(target.st_mode))
@@ -140,14 +140,14 @@ bool DownloadFile::CreateTemporary(Failure& failure)
         {
             return false;
         }
-        const Claim claim = LockTemporary();
-        if (claim != Claim::kLost)
+        const LockResult result = LockTemporary();
+        if (result != LockResult::kLost)
         {
-            return claim == Claim::kOurs || LocalFailure(failure, "cannot lock");
+            return result == LockResult::kLocked || FailLocal(failure, "cannot lock");
         }
         RemoveTemporary();
     }
-    return LocalFailure(failure, "cannot lock", "other processes lock every temporary file");
+    return FailLocal(failure, "cannot lock", "other processes lock every temporary file");
 }
 
 bool DownloadFile::MakeTemporary(Failure& failure)
@@ -160,43 +160,43 @@ bool DownloadFile::MakeTemporary(Failure& failure)
         if (!RandomName(m_temporary))
         {
             m_temporary[0] = '\0';
-            return LocalFailure(failure, "cannot create");
+            return FailLocal(failure, "cannot create");
         }
         m_fd = openat(m_directoryFd, m_temporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     } while (m_fd < 0 && errno == EEXIST);
     if (m_fd < 0)
     {
         m_temporary[0] = '\0';
-        return LocalFailure(failure, "cannot create");
+        return FailLocal(failure, "cannot create");
     }
     return true;
 }
 
-DownloadFile::Claim DownloadFile::LockTemporary()
+DownloadFile::LockResult DownloadFile::LockTemporary()
 {
     if (!Lock(m_fd))
     {
         switch (errno)
         {
             case EWOULDBLOCK:
-                return Claim::kLost;
+                return LockResult::kLost;
             // The file system does not support locks, so no process removes orphans there.
             case ENOLCK:
             case EOPNOTSUPP:
             case ENOSYS:
             case EINVAL:
-                return Claim::kOurs;
+                return LockResult::kLocked;
             default:
-                return Claim::kFailed;
+                return LockResult::kFailed;
         }
     }
     struct stat status = {};
     if (fstat(m_fd, &status) != 0)
     {
-        return Claim::kFailed;
+        return LockResult::kFailed;
     }
     // Another download may have removed it as an orphan between its creation and its lock.
-    return status.st_nlink != 0 ? Claim::kOurs : Claim::kLost;
+    return status.st_nlink != 0 ? LockResult::kLocked : LockResult::kLost;
 }
 
 void DownloadFile::RemoveOrphans()
@@ -223,36 +223,36 @@ void DownloadFile::RemoveOrphans()
     (void)closedir(entries);
 }
 
-char* DownloadFile::Room(size_t& size, Failure& failure)
+char* DownloadFile::FreeSpace(size_t& size, Failure& failure)
 {
-    if (m_piece == nullptr)
+    if (m_buffer == nullptr)
     {
-        m_piece.reset(new (std::nothrow) char[kFilePiece]);
-        if (m_piece == nullptr)
+        m_buffer.reset(new (std::nothrow) char[kFileBufferSize]);
+        if (m_buffer == nullptr)
         {
             (void)FailSystem(failure, "file buffer");
             return nullptr;
         }
     }
-    size = kFilePiece - m_used;
-    return m_piece.get() + m_used;
+    size = kFileBufferSize - m_used;
+    return m_buffer.get() + m_used;
 }
 
 bool DownloadFile::Arrived(size_t length, Failure& failure)
 {
     m_used += length;
-    return m_used != kFilePiece || FlushPiece(failure);
+    return m_used != kFileBufferSize || WriteBuffer(failure);
 }
 
 // A write may be short, as when the disk is nearly full.
-bool DownloadFile::FlushPiece(Failure& failure)
+bool DownloadFile::WriteBuffer(Failure& failure)
 {
     for (size_t written = 0; written != m_used;)
     {
-        const ssize_t count = ::write(m_fd, m_piece.get() + written, m_used - written);
+        const ssize_t count = ::write(m_fd, m_buffer.get() + written, m_used - written);
         if (count < 0 && errno != EINTR)
         {
-            return LocalFailure(failure, "cannot write");
+            return FailLocal(failure, "cannot write");
         }
         written += count < 0 ? 0 : static_cast<size_t>(count);
     }
@@ -270,7 +270,7 @@ bool DownloadFile::FlushPiece(Failure& failure)
 
 // Sets the permissions and owner of the target as it is now, or as it was at the start if it has
 // vanished since.
-bool DownloadFile::TakePermissions(Failure& failure)
+bool DownloadFile::CopyPermissions(Failure& failure)
 {
     struct stat target = {};
     if (fstatat(m_directoryFd, m_name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -289,27 +289,27 @@ bool DownloadFile::TakePermissions(Failure& failure)
     (void)given;  // on failure the file keeps our user and group
     // Without set-user-id and set-group-id: the content comes from a server.
     return fchmod(m_fd, m_replaced.st_mode & kPermissions) == 0 ||
-           LocalFailure(failure, "cannot set the permissions of");
+           FailLocal(failure, "cannot set the permissions of");
 }
 
 bool DownloadFile::Complete(Failure& failure)
 {
-    if (!FlushPiece(failure) || !TakePermissions(failure))
+    if (!WriteBuffer(failure) || !CopyPermissions(failure))
     {
         return false;
     }
     if (fsync(m_fd) != 0)
     {
-        return LocalFailure(failure, "cannot flush");
+        return FailLocal(failure, "cannot flush");
     }
     return true;
 }
 
-bool DownloadFile::Publish(Failure& failure)
+bool DownloadFile::MoveIntoPlace(Failure& failure)
 {
     if (renameat(m_directoryFd, m_temporary, m_directoryFd, m_name.c_str()) != 0)
     {
-        return LocalFailure(failure, "cannot replace");
+        return FailLocal(failure, "cannot replace");
     }
     m_temporary[0] = '\0';
     // A failure is ignored: the file is in place, and some file systems cannot flush directories.
@@ -350,17 +350,17 @@ void DownloadFile::Close()
             *fd = -1;
         }
     }
-    m_piece.reset();
+    m_buffer.reset();
     m_used = 0;
     m_flushing = m_unflushed = 0;
 }
 
-bool DownloadFile::LocalFailure(Failure& failure, const char* step)
+bool DownloadFile::FailLocal(Failure& failure, const char* step)
 {
-    return LocalFailure(failure, step, SystemError(errno));
+    return FailLocal(failure, step, SystemError(errno));
 }
 
-bool DownloadFile::LocalFailure(Failure& failure, const char* step, const char* reason)
+bool DownloadFile::FailLocal(Failure& failure, const char* step, const char* reason)
 {
     SetStep(failure, TRAVEX_FTP_STEP_LOCAL_FILE);
     return Fail(failure, TRAVEX_FTP_ERR_LOCAL_FILE, "%s %s/%s: %s", step, m_directory.c_str(),

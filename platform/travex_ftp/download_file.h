@@ -31,7 +31,7 @@ public:
     bool Open(const std::string& directory, const std::string& name, Failure& failure);
 
     // The buffer for the next bytes, up to `size` of them; null when memory runs out.
-    char* Room(size_t& size, Failure& failure);
+    char* FreeSpace(size_t& size, Failure& failure);
 
     // Bytes were put there. Written in large pieces; the system is asked early to write them to the
     // disk, so that the flush at the end is short.
@@ -43,28 +43,28 @@ public:
 
     // Renames the complete file to the target; a symbolic link is replaced, not followed. The
     // object can be used again.
-    bool Publish(Failure& failure);
+    bool MoveIntoPlace(Failure& failure);
 
     // Removes the temporary file, if there is one.
     void Discard();
 
 private:
-    enum class Claim
+    enum class LockResult
     {
-        kOurs,
+        kLocked,
         kLost,    // another process has locked or removed it
         kFailed,  // see errno
     };
 
     bool CreateTemporary(Failure& failure);
     bool MakeTemporary(Failure& failure);
-    Claim LockTemporary();
+    LockResult LockTemporary();
     void RemoveTemporary();
     void RemoveOrphans();
-    bool FlushPiece(Failure& failure);
-    bool TakePermissions(Failure& failure);
-    bool LocalFailure(Failure& failure, const char* step);
-    bool LocalFailure(Failure& failure, const char* step, const char* reason);
+    bool WriteBuffer(Failure& failure);
+    bool CopyPermissions(Failure& failure);
+    bool FailLocal(Failure& failure, const char* step);
+    bool FailLocal(Failure& failure, const char* step, const char* reason);
     void Close();
 
     std::string m_directory;
@@ -73,7 +73,7 @@ private:
     int m_directoryFd = -1;
     int m_fd = -1;
     char m_temporary[64] = "";  // name in the directory, empty: no file to remove
-    std::unique_ptr<char[]> m_piece;
+    std::unique_ptr<char[]> m_buffer;
     size_t m_used = 0;
     off_t m_flushing = 0;   // bytes that the system was asked to write to the disk
     off_t m_unflushed = 0;  // bytes written since

@@ -85,7 +85,7 @@ void Handle::Cancel()
     (void)eventfd_write(m_wake.Number(), 1);
 }
 
-void Handle::LeaveNoFile()
+void Handle::RemoveTemporaryFile()
 {
     if (m_worker.IsCaller())
     {
@@ -131,15 +131,15 @@ TaskPtr Handle::TakeTask()
     return m_queue.Pop();
 }
 
-// Waits for a task. Closes the kept connection after a while, or when something arrives on it.
+// Waits for a task. Closes an idle connection after a while, or when something arrives on it.
 void Handle::AwaitWakeUp()
 {
-    const bool kept = m_connection != nullptr;
-    const Deadline deadline = {kept ? m_keptUntil : Clock::now() + std::chrono::hours(1),
+    const bool connected = m_connection != nullptr;
+    const Deadline deadline = {connected ? m_idleUntil : Clock::now() + std::chrono::hours(1),
                                m_wake.Number()};
-    const Io io = deadline.Wait(kept ? m_connection->TheChannel().Socket() : -1, POLLIN);
-    const bool chatter = kept && io == Io::kDone && !m_connection->NothingPending();
-    if (chatter || (kept && io == Io::kTimedOut))
+    const Io io = deadline.Wait(connected ? m_connection->TheChannel().Socket() : -1, POLLIN);
+    const bool unsolicited = connected && io == Io::kDone && !m_connection->NothingPending();
+    if (unsolicited || (connected && io == Io::kTimedOut))
     {
         CloseConnection();
     }
@@ -170,7 +170,7 @@ void Handle::RunTask(const TaskPtr& task)
         CloseConnection();
     }
     m_file.Discard();
-    m_keptUntil = Clock::now() + transfer.limits.idle;
+    m_idleUntil = Clock::now() + transfer.limits.idle;
     if (!m_closed)
     {
         Finish(transfer);
@@ -206,7 +206,7 @@ bool Handle::Fetch(Transfer& transfer)
     return good;
 }
 
-// Closes the kept connection if it was made with other settings, or if anything has arrived on it,
+// Closes the idle connection if it was made with other settings, or if anything has arrived on it,
 // which would be mistaken for a reply.
 void Handle::ChooseConnection(const Settings& settings)
 {
@@ -242,7 +242,7 @@ bool Handle::Try(Transfer& transfer, bool& again)
     transfer.received = retrieval.Received();
     transfer.announced = retrieval.Announced();
     transfer.timings.ullEnded = attempt.Elapsed();
-    // The server may have closed the kept connection, or just sent something on it that was
+    // The server may have closed the idle connection, or just sent something on it that was
     // mistaken for a reply.
     const bool stale = reused && (m_connection->ReplyCount() == 0 ||
                                   attempt.failure.ulReply == kServiceNotAvailable ||
@@ -257,7 +257,7 @@ bool Handle::Commit(Failure& failure)
 {
     const bool complete = m_file.Complete(failure);
     Worker::ParkAtExit();
-    return complete && !m_closed && m_file.Publish(failure);
+    return complete && !m_closed && m_file.MoveIntoPlace(failure);
 }
 
 // Reports the outcome to the log and the client.

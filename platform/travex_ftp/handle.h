@@ -59,7 +59,7 @@ public:
 
     // At process exit, if called on the transfer thread: removes the temporary file of the current
     // download.
-    void LeaveNoFile();
+    void RemoveTemporaryFile();
 
 private:
     // The current download.
@@ -69,7 +69,7 @@ private:
         const Limits limits;
         const Clock::time_point begin;
         Failure failure{};
-        tagTRAVEX_FTP_S_TIMINGS timings{};
+        Timings timings{};
         uint64_t received = 0;
         uint64_t announced = TRAVEX_FTP_SIZE_UNKNOWN;
     };
@@ -115,7 +115,7 @@ private:
     // Transfer thread only.
     DownloadFile m_file;
     std::unique_ptr<ControlConnection> m_connection;
-    Clock::time_point m_keptUntil;
+    Clock::time_point m_idleUntil;
     std::map<std::string, bool> m_usePasv;  // by Settings::serverText, see Retrieval
     std::vector<RefusedLogin> m_refusedLogins;
 };

@@ -33,9 +33,9 @@ struct ProcessState
 
     bool Install(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(mutex);
     std::shared_ptr<Layer> Retire() CORPDIR_EXCLUDES(mutex);
-    std::shared_ptr<Layer> FirstEnded(bool onlyOver) CORPDIR_EXCLUDES(mutex);
+    std::shared_ptr<Layer> FirstEnded(bool onlyIfEnded) CORPDIR_EXCLUDES(mutex);
     void Forget(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(mutex);
-    void JoinEnded(bool onlyOver) CORPDIR_EXCLUDES(mutex);
+    void JoinEnded(bool onlyIfEnded) CORPDIR_EXCLUDES(mutex);
 };
 
 ProcessState& ProcessState::Get()
@@ -84,12 +84,12 @@ std::shared_ptr<Layer> ProcessState::Retire()
     return layer;
 }
 
-std::shared_ptr<Layer> ProcessState::FirstEnded(bool onlyOver)
+std::shared_ptr<Layer> ProcessState::FirstEnded(bool onlyIfEnded)
 {
     const base::MutexLock lock(mutex);
-    const auto found =
-        std::find_if(ended.begin(), ended.end(),
-                     [onlyOver](const auto& layer) { return !onlyOver || layer->Over(); });
+    const auto found = std::find_if(ended.begin(), ended.end(),
+                                    [onlyIfEnded](const auto& layer)
+                                    { return !onlyIfEnded || layer->HasEnded(); });
     return found == ended.end() ? nullptr : *found;
 }
 
@@ -102,9 +102,9 @@ void ProcessState::Forget(const std::shared_ptr<Layer>& layer)
 }
 
 // A run stays in the list until its threads are joined, so that every caller waits for them.
-void ProcessState::JoinEnded(bool onlyOver)
+void ProcessState::JoinEnded(bool onlyIfEnded)
 {
-    while (const std::shared_ptr<Layer> layer = FirstEnded(onlyOver))
+    while (const std::shared_ptr<Layer> layer = FirstEnded(onlyIfEnded))
     {
         (void)layer->Join(Clock::time_point::max());
         Forget(layer);
@@ -130,7 +130,7 @@ void ProcessState::AtExit(Clock::time_point deadline)
     for (const std::shared_ptr<Layer>& layer : *s_left)
     {
         layer->Stop();
-        layer->LeaveNoFiles();
+        layer->RemoveTemporaryFiles();
     }
     for (const std::shared_ptr<Layer>& layer : *s_left)
     {
@@ -226,11 +226,11 @@ std::vector<std::shared_ptr<Handle>> Layer::ClosedHandles()
 
 // Joins the threads of closed handles that have ended, so that they do not pile up for a client
 // that makes and closes many handles.
-void Layer::Reap()
+void Layer::JoinEndedThreads()
 {
     for (const std::shared_ptr<Handle>& handle : ClosedHandles())
     {
-        if (handle->Thread().Over())
+        if (handle->Thread().HasEnded())
         {
             (void)handle->Thread().Join();
             const base::MutexLock lock(m_mutex);
@@ -252,26 +252,26 @@ bool Layer::Join(Clock::time_point deadline)
     return joined;
 }
 
-bool Layer::Over()
+bool Layer::HasEnded()
 {
     const base::MutexLock lock(m_mutex);
-    return m_handles.empty() && m_notifier.Thread().Over() &&
+    return m_handles.empty() && m_notifier.Thread().HasEnded() &&
            std::all_of(m_closed.begin(), m_closed.end(),
-                       [](const auto& handle) { return handle->Thread().Over(); });
+                       [](const auto& handle) { return handle->Thread().HasEnded(); });
 }
 
-void Layer::LeaveNoFiles()
+void Layer::RemoveTemporaryFiles()
 {
     for (const std::shared_ptr<Handle>& handle : ClosedHandles())
     {
-        handle->LeaveNoFile();
+        handle->RemoveTemporaryFile();
     }
 }
 
 TRAVEX_FTP_HANDLE Layer::CreateHandle()
 {
     const auto handle = base::NewHandle<TRAVEX_FTP_HANDLE>();
-    Reap();
+    JoinEndedThreads();
     auto state = std::make_shared<Handle>(m_notifier);
     const base::MutexLock lock(m_mutex);
     m_handles.emplace(handle, std::move(state));

@@ -25,12 +25,12 @@ struct Limits
     milliseconds response{20000};   // CORPDIR_FTP_RESPONSE_MS: wait for the next line of a reply,
                                     // the greeting included
     milliseconds stall{30000};      // CORPDIR_FTP_STALL_MS: period in which stallBytes must arrive
-    uint64_t stallBytes = 1024;     // CORPDIR_FTP_STALL_BYTES: minimum per stall period
+    uint64_t stallBytes = 1024;     // CORPDIR_FTP_STALL_BYTES: minimum in such a period
     milliseconds confirm{60000};    // CORPDIR_FTP_CONFIRM_MS: from the end of the data channel to
                                     // the 226, which a virus scanner may delay by 30 s
     milliseconds transfer{6 * 3600 * 1000};  // CORPDIR_FTP_TRANSFER_MS: one whole transfer
-    milliseconds idle{15000};         // CORPDIR_FTP_IDLE_MS: how long an unused connection is kept
-    milliseconds observe{100};        // CORPDIR_FTP_OBSERVE_MS: between two progress observations
+    milliseconds idle{15000};   // CORPDIR_FTP_IDLE_MS: after which an idle connection is closed
+    milliseconds observe{100};  // CORPDIR_FTP_OBSERVE_MS: between two progress observations
     uint64_t fileBytes = 1ull << 34;  // CORPDIR_FTP_FILE_BYTES: 16 GiB, ends an endless file
     uint64_t replyBytes = 65536;      // CORPDIR_FTP_REPLY_BYTES: all replies of one transfer
     uint64_t replyLines = 1000;       // CORPDIR_FTP_REPLY_LINES: the same, in lines
@@ -51,7 +51,7 @@ constexpr milliseconds kGracePeriod{1000};
 constexpr milliseconds kRefusedLogin{60000};
 
 // Size of the file buffer: fewer, larger writes cost the page cache less.
-constexpr size_t kFilePiece = 262144;
+constexpr size_t kFileBufferSize = 262144;
 
 // Bytes after which the system is asked to start writing them to the disk.
 constexpr off_t kWriteBehind = 8 << 20;

@@ -34,7 +34,7 @@ void Notifier::Progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 
 // Replaces a queued progress.
 void Notifier::Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
-                        const tagTRAVEX_FTP_S_TIMINGS& timings)
+                        const Timings& timings)
 {
     const base::MutexLock lock(m_mutex);
     task->report.finished = true;
@@ -134,7 +134,7 @@ void Notifier::Notify(const Task& task, unsigned int type, Failure* failure)
 
 void Notifier::NotifyObserver(const Task& task, const Task::Report& report)
 {
-    tagTRAVEX_FTP_S_OBSERVATION seen{};
+    Observation seen{};
     seen.ulKind = !report.finished         ? TRAVEX_FTP_OBSERVED_PROGRESS
                   : Failed(report.failure) ? TRAVEX_FTP_OBSERVED_FAILED
                                            : TRAVEX_FTP_OBSERVED_SUCCESS;

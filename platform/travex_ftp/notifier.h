@@ -28,7 +28,7 @@ public:
 
     // A task has ended; ulRet 0 is success. Reported once, in the order of the calls.
     void Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
-                  const tagTRAVEX_FTP_S_TIMINGS& timings) CORPDIR_EXCLUDES(m_mutex);
+                  const Timings& timings) CORPDIR_EXCLUDES(m_mutex);
 
 private:
     void Run() CORPDIR_EXCLUDES(m_mutex);

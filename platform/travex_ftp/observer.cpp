@@ -79,7 +79,7 @@ bool Observed()
     return all.observer != nullptr;
 }
 
-void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen)
+void Observe(const Observation& seen)
 {
     State& all = TheState();
     Call call{};

@@ -6,6 +6,9 @@
 
 namespace travex_ftp
 {
+using Observation = tagTRAVEX_FTP_S_OBSERVATION;
+using Timings = tagTRAVEX_FTP_S_TIMINGS;
+
 // Sets the observer and waits until calls of earlier ones have ended, unless called within one.
 void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user);
 
@@ -13,7 +16,7 @@ void SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user);
 bool Observed();
 
 // Calls the observer, if set, on the calling thread and without a lock.
-void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen);
+void Observe(const Observation& seen);
 
 }  // namespace travex_ftp
 

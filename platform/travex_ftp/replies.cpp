@@ -129,7 +129,7 @@ void ReplyReader::Restart(const Limits& limits)
     m_linesLeft = limits.replyLines;
 }
 
-char* ReplyReader::Room(size_t& size)
+char* ReplyReader::FreeSpace(size_t& size)
 {
     size = sizeof m_input;
     return m_input;

@@ -50,7 +50,7 @@ public:
 
     // The buffer for received bytes, and how many were put there. Only after Next() has returned
     // kIncomplete.
-    char* Room(size_t& size);
+    char* FreeSpace(size_t& size);
     void Arrived(size_t length);
 
     enum class Result

@@ -29,15 +29,16 @@ bool DecideByRefusal(const Evidence& evidence, Failure& failure)
                              evidence.last);
 }
 
-bool FailStalled(const Evidence& evidence, Failure& failure)
+bool FailTimedOut(const Evidence& evidence, Failure& failure)
 {
     char of[48] = "";
     if (evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN)
     {
         (void)snprintf(of, sizeof of, " of %llu", static_cast<Count>(evidence.announced));
     }
-    return Fail(failure, TRAVEX_FTP_ERR_TIMEOUT, "stalled: %llu bytes in %g s, %llu%s received",
-                static_cast<Count>(evidence.stalledBytes), Attempt::Seconds(evidence.stall),
+    return Fail(failure, TRAVEX_FTP_ERR_TIMEOUT,
+                "timed out while receiving: %llu bytes in %g s, %llu%s received",
+                static_cast<Count>(evidence.periodBytes), Attempt::Seconds(evidence.stall),
                 static_cast<Count>(evidence.received), of);
 }
 
@@ -57,8 +58,8 @@ bool DecideByBytes(const Evidence& evidence, Failure& failure)
     }
     switch (evidence.data)
     {
-        case DataEnd::kStalled:
-            return FailStalled(evidence, failure);
+        case DataEnd::kTimedOut:
+            return FailTimedOut(evidence, failure);
         case DataEnd::kLost:
             return Fail(failure, TRAVEX_FTP_ERR_PARTIAL,
                         "data connection lost after %llu bytes: %s",
@@ -130,7 +131,7 @@ Retrieval::Retrieval(ControlConnection& control, Attempt& attempt, const TaskPtr
 
 bool Retrieval::Run()
 {
-    return OpenData() && AskSize() && CheckData() && SendRetr() && SecureData() && Receive() &&
+    return OpenData() && RequestSize() && CheckData() && SendRetr() && SecureData() && Receive() &&
            AwaitConfirmation() && Conclude();
 }
 
@@ -143,7 +144,7 @@ bool Retrieval::MayUsePasv() const
 bool Retrieval::OpenData()
 {
     unsigned int port = 0;
-    if (!m_usePasv && !AskPort("EPSV", "EPSV refused", "unexpected reply to EPSV", port))
+    if (!m_usePasv && !RequestPort("EPSV", "EPSV refused", "unexpected reply to EPSV", port))
     {
         return false;
     }
@@ -156,14 +157,14 @@ bool Retrieval::OpenByPasv()
     m_usePasv = true;
     m_byEpsv = false;
     unsigned int port = 0;
-    return AskPort("PASV", "PASV refused", "unexpected reply to PASV", port) && ConnectTo(port);
+    return RequestPort("PASV", "PASV refused", "unexpected reply to PASV", port) && ConnectTo(port);
 }
 
 // EPSV (RFC 2428) or PASV. With IPv4 an EPSV without a usable port is not a failure: the port is 0,
 // and PASV follows. If the control connection is lost on EPSV, as behind some firewalls, PASV is
 // tried on a new one.
-bool Retrieval::AskPort(const char* verb, const char* refused, const char* unexpected,
-                        unsigned int& port)
+bool Retrieval::RequestPort(const char* verb, const char* refused, const char* unexpected,
+                            unsigned int& port)
 {
     m_attempt.Enter(TRAVEX_FTP_STEP_PASSIVE);
     Reply reply;
@@ -211,7 +212,7 @@ bool Retrieval::FailData(Io io)
 }
 
 // SIZE is left out when 213, 150 and bytes agreed earlier on this connection.
-bool Retrieval::AskSize()
+bool Retrieval::RequestSize()
 {
     if (m_control.sizesAgree)
     {
@@ -319,7 +320,7 @@ bool Retrieval::Opened(const Reply& reply)
     }
     Deadline deadline = m_attempt.Until(m_connectUntil);
     // A reply that came in one piece with the 150 has been read already and wakes no poll.
-    while (Watch())
+    while (CheckControl())
     {
         deadline.other = ControlSocket();
         const Io io = m_data.AwaitConnected(deadline);
@@ -357,7 +358,7 @@ bool Retrieval::SecureData()
     {
         deadline.other = ControlSocket();
         io = io == Io::kDone || io == Io::kOtherReady ? m_data.ContinueHandshake(deadline) : io;
-    } while (io == Io::kOtherReady && Watch());
+    } while (io == Io::kOtherReady && CheckControl());
     if (io == Io::kDone)
     {
         m_control.Tls().Established(m_data.Tls(), true, m_attempt.timings);
@@ -389,14 +390,14 @@ bool Retrieval::FailSecureData(Io io)
 }
 
 // Checks the control connection during the transfer. False: the transfer has failed.
-bool Retrieval::Watch()
+bool Retrieval::CheckControl()
 {
     Io io = Io::kDone;
     while (!IsFinal(m_evidence.last) &&
            (io = m_control.PollReply(m_attempt, m_evidence.last)) == Io::kDone)
     {
     }
-    NoteLoss(io);
+    RecordControlLoss(io);
     if (m_evidence.controlLost || m_evidence.last.Negative())
     {
         return Decide(m_evidence, m_attempt.failure);  // always a failure
@@ -405,7 +406,7 @@ bool Retrieval::Watch()
 }
 
 // Records that the control connection is lost, if this result of an operation on it says so.
-void Retrieval::NoteLoss(Io io)
+void Retrieval::RecordControlLoss(Io io)
 {
     if (io == Io::kEnded || io == Io::kFailed)
     {
@@ -424,7 +425,7 @@ int Retrieval::ControlSocket() const
 bool Retrieval::Receive()
 {
     m_attempt.Enter(TRAVEX_FTP_STEP_RECEIVE);
-    m_stallEnd = Clock::now() + m_limits.stall;
+    m_periodEnd = Clock::now() + m_limits.stall;
     uint64_t nextCheck = kCheckInterval;
     while (m_evidence.data == DataEnd::kOpen)
     {
@@ -436,9 +437,10 @@ bool Retrieval::Receive()
         else if (io == Io::kDone && m_evidence.received >= nextCheck)
         {
             nextCheck = m_evidence.received + kCheckInterval;
-            io = CheckOthers();
+            io = PollControl();
         }
-        const bool proceed = io == Io::kOtherReady ? Watch() : io == Io::kDone || EndData(io);
+        const bool proceed =
+            io == Io::kOtherReady ? CheckControl() : io == Io::kDone || EndData(io);
         if (!proceed)
         {
             return false;
@@ -449,7 +451,7 @@ bool Retrieval::Receive()
 
 // Checks the control connection, the cancel descriptor and the time without waiting: while data
 // keeps coming AwaitData is not called.
-Io Retrieval::CheckOthers()
+Io Retrieval::PollControl()
 {
     Deadline deadline = m_attempt.Within(milliseconds(0));
     deadline.other = ControlSocket();
@@ -461,7 +463,7 @@ Io Retrieval::ReadSome()
 {
     size_t size = 0;
     size_t length = 0;
-    char* const room = m_file.Room(size, m_attempt.failure);
+    char* const room = m_file.FreeSpace(size, m_attempt.failure);
     if (room == nullptr)
     {
         return Io::kFailed;
@@ -482,23 +484,23 @@ Io Retrieval::ReadSome()
     return io;
 }
 
-// Waits for data and watches the control connection. The stall period is extended only when enough
-// bytes arrived in it: single bytes do not keep a transfer alive. After a final reply and all
+// Waits for data and watches the control connection. The period is extended only when enough bytes
+// arrived in it: single bytes do not keep a transfer alive. After a final reply and all
 // announced bytes the end of the data channel is awaited for a short time only.
 Io Retrieval::AwaitData()
 {
     const bool complete = IsFinal(m_evidence.last) && m_evidence.received == m_evidence.announced;
     const Clock::time_point until =
-        complete ? std::min(m_stallEnd, Clock::now() + kGracePeriod) : m_stallEnd;
+        complete ? std::min(m_periodEnd, Clock::now() + kGracePeriod) : m_periodEnd;
     Deadline deadline = m_attempt.Until(until);
     deadline.other = ControlSocket();
     const Io io = m_data.AwaitReadable(deadline);
-    m_evidence.stalledBytes = m_evidence.received - m_stallBytes;
-    const bool keepsPace = !complete && m_evidence.stalledBytes >= m_limits.stallBytes;
+    m_evidence.periodBytes = m_evidence.received - m_periodBegin;
+    const bool keepsPace = !complete && m_evidence.periodBytes >= m_limits.stallBytes;
     if (io == Io::kTimedOut && keepsPace && !m_attempt.EndedBy(io))
     {
-        m_stallEnd = Clock::now() + m_limits.stall;
-        m_stallBytes = m_evidence.received;
+        m_periodEnd = Clock::now() + m_limits.stall;
+        m_periodBegin = m_evidence.received;
         return Io::kDone;
     }
     return io;
@@ -512,7 +514,7 @@ bool Retrieval::EndData(Io io)
         return false;
     }
     const bool ordered = !m_settings.tls.encrypted || m_data.CloseNotified();
-    m_evidence.data = io == Io::kTimedOut ? DataEnd::kStalled
+    m_evidence.data = io == Io::kTimedOut ? DataEnd::kTimedOut
                       : io == Io::kFailed ? DataEnd::kLost
                       : ordered           ? DataEnd::kClosedCleanly
                                           : DataEnd::kTruncated;
@@ -528,7 +530,7 @@ bool Retrieval::AwaitConfirmation()
     const bool known = m_evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN;
     const bool complete = known && m_evidence.received == m_evidence.announced;
     const bool mayExplain =
-        m_evidence.data == DataEnd::kStalled || m_evidence.data == DataEnd::kLost || known;
+        m_evidence.data == DataEnd::kTimedOut || m_evidence.data == DataEnd::kLost || known;
     const Io io = AwaitFinal(mayExplain && !complete ? kGracePeriod : m_limits.confirm);
     return !m_attempt.cancelled && !Failed(m_attempt.failure) && io != Io::kCancelled;
 }
@@ -541,7 +543,7 @@ Io Retrieval::AwaitFinal(milliseconds limit)
     {
         Io io = m_control.PollReply(m_attempt, m_evidence.last);
         io = io == Io::kAgain ? m_control.TheChannel().AwaitReadable(deadline) : io;
-        NoteLoss(io);
+        RecordControlLoss(io);
         if (io != Io::kDone)
         {
             (void)m_attempt.EndedBy(io);

@@ -18,7 +18,7 @@ enum class DataEnd
     kTruncated,      // TLS: closed without close_notify
     kClosedCleanly,  // close_notify, or the close of a connection in clear
     kLost,           // failed
-    kStalled,        // fewer bytes than the limit
+    kTimedOut,       // fewer bytes than the limit
 };
 
 // What is known about a transfer after its 150. Its outcome depends on nothing else.
@@ -33,7 +33,7 @@ struct Evidence
     const char* controlWhy = "";
     milliseconds stall{0};  // the limits, for the reason
     milliseconds confirm{0};
-    uint64_t stalledBytes = 0;  // received in the last stall period
+    uint64_t periodBytes = 0;  // received in the last period of `stall`
 };
 
 // True: the file is proven complete, by a positive final reply and exactly the announced number of
@@ -45,7 +45,7 @@ bool Decide(const Evidence& evidence, Failure& failure);
 class Retrieval
 {
 public:
-    // `usePasv`: kept for each server. True: skip EPSV, which failed before (IPv4 only).
+    // `usePasv`: remembered for each server. True: skip EPSV, which failed before (IPv4 only).
     Retrieval(ControlConnection& control, Attempt& attempt, const TaskPtr& task, DownloadFile& file,
               bool& usePasv, Notifier& notifier);
     Retrieval(const Retrieval&) = delete;
@@ -72,10 +72,11 @@ public:
 private:
     bool OpenData();
     bool OpenByPasv();
-    bool AskPort(const char* verb, const char* refused, const char* unexpected, unsigned int& port);
+    bool RequestPort(const char* verb, const char* refused, const char* unexpected,
+                     unsigned int& port);
     bool ConnectTo(unsigned int port);
     bool FailData(Io io);
-    bool AskSize();
+    bool RequestSize();
     bool CheckData();
     bool SendRetr();
     bool AwaitPreliminary(Reply& reply);
@@ -86,11 +87,11 @@ private:
     bool FailSecureData(Io io);
     bool Receive();
     Io ReadSome();
-    Io CheckOthers();
+    Io PollControl();
     Io AwaitData();
     bool EndData(Io io);
-    bool Watch();
-    void NoteLoss(Io io);
+    bool CheckControl();
+    void RecordControlLoss(Io io);
     int ControlSocket() const;
     bool AwaitConfirmation();
     Io AwaitFinal(milliseconds limit);
@@ -115,8 +116,8 @@ private:
     uint64_t m_sizeIn213 = TRAVEX_FTP_SIZE_UNKNOWN;
     uint64_t m_sizeIn150 = TRAVEX_FTP_SIZE_UNKNOWN;
     Evidence m_evidence;
-    Clock::time_point m_stallEnd;  // of the current stall period
-    uint64_t m_stallBytes = 0;     // received when it began
+    Clock::time_point m_periodEnd;  // of the current period of Limits::stall
+    uint64_t m_periodBegin = 0;     // bytes received when it began
     Clock::time_point m_reported;
 };
 

@@ -97,17 +97,17 @@ bool CheckNumbers(const tagTRAVEX_FTP_S_CTRL_PARAM& record, Failure& failure)
     return true;
 }
 
-// Takes the names of the trust text as the identity. An address among them is refused: they are
+// Sets the listed names as the identity. An address among them is refused: they are
 // compared with DNS entries only.
-bool TakeTrustNames(TlsPolicy& tls, Failure& failure)
+bool SetTrustNames(TlsPolicy& tls, Failure& failure)
 {
     for (const std::string& name : tls.trust.names)
     {
         std::string normalized;
         if (!NormalizeServerName(name.c_str(), normalized) || IsAddress(normalized))
         {
-            return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: \"%s\" is not a DNS name",
-                        name.c_str());
+            return Fail(failure, TRAVEX_FTP_ERR_TRUST,
+                        "trusted certificates: \"%s\" is not a DNS name", name.c_str());
         }
         tls.identity.push_back(normalized);
     }
@@ -129,25 +129,25 @@ bool ReadTlsPolicy(const tagTRAVEX_FTP_S_CTRL_PARAM& record, unsigned int port, 
     }
     tls.verify = record.ulCertVerify != 0;
     tls.verifyCallback = record.pfnFtpsVerify;
-    // Without verification the trust text is optional.
+    // Without verification the trusted certificates are optional.
     const bool given = record.pcFtpCtrlInfo != nullptr && *record.pcFtpCtrlInfo != '\0';
-    if ((tls.verify || given) && !ParseTrustText(record.pcFtpCtrlInfo, tls.trust, failure))
+    if ((tls.verify || given) && !ParseTrustSettings(record.pcFtpCtrlInfo, tls.trust, failure))
     {
         return false;
     }
     tls.implicit = port == kImplicitPort || tls.trust.implicit;
-    return !tls.verify || LoadAnchors(tls.trust.authorities, tls.anchors, failure);
+    return !tls.verify || LoadTrustAnchors(tls.trust.authorities, tls.anchors, failure);
 }
 
 // Sets the names and addresses that the certificate must carry; the first source that has any
 // applies.
-bool SettleIdentity(Settings& settings, const Identity& added, const std::string& converted,
-                    Failure& failure)
+bool SetIdentity(Settings& settings, const Identity& added, const std::string& converted,
+                 Failure& failure)
 {
     TlsPolicy& tls = settings.tls;
     if (!tls.verify || !tls.trust.names.empty())
     {
-        return !tls.verify || TakeTrustNames(tls, failure);
+        return !tls.verify || SetTrustNames(tls, failure);
     }
     tls.identity = added;
     if (added.empty())
@@ -232,7 +232,7 @@ std::shared_ptr<const Settings> ReadSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& r
     }
     auto settings = std::make_shared<Settings>(record);
     if (!ReadTlsPolicy(record, settings->port, settings->tls, failure) ||
-        !SettleIdentity(*settings, added, converted, failure))
+        !SetIdentity(*settings, added, converted, failure))
     {
         return nullptr;
     }

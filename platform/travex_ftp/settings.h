@@ -34,9 +34,9 @@ struct TlsPolicy
     bool implicit = false;   // TLS from the first byte on, else AUTH TLS
     bool verify = false;     // chain, dates and identity
     CipherSuites suites;
-    TrustText trust;
-    Identity identity;  // with verify only
-    Anchors anchors;    // with verify only
+    TrustSettings trust;
+    Identity identity;     // with verify only
+    TrustAnchors anchors;  // with verify only
     TRAVEX_FTP_VERIFY_CB verifyCallback = nullptr;
 
     bool operator==(const TlsPolicy& other) const;
@@ -64,9 +64,9 @@ struct Settings
     bool SameLogin(const Settings& other) const;
 };
 
-// Checks and copies a record, and reads the files of its trust text. Null, with the reason, when it
-// is refused. `added`: names that TRAVEX_FTP_SetServerName added for its address; `converted`: see
-// TakeConvertedText. Throws std::bad_alloc.
+// Checks and copies a record, and reads the files of its trusted certificates. Null, with the
+// reason, when it is refused. `added`: names that TRAVEX_FTP_SetServerName added for its address;
+// `converted`: see TakeConvertedText. Throws std::bad_alloc.
 std::shared_ptr<const Settings> ReadSettings(const tagTRAVEX_FTP_S_CTRL_PARAM& record,
                                              const Identity& added, const std::string& converted,
                                              Failure& failure);

@@ -8,6 +8,7 @@
 
 #include "base/linked_queue.h"
 #include "failure.h"
+#include "observer.h"
 #include "settings.h"
 
 namespace travex_ftp
@@ -32,7 +33,7 @@ struct Task
         uint64_t bytes = 0;
         uint64_t total = UINT64_MAX;
         Failure failure{};  // of a finished task; none: success
-        tagTRAVEX_FTP_S_TIMINGS timings{};
+        Timings timings{};
     } report;
 
     // Links of the transfer queue and of the notification queue. A task is in each at most once, so

@@ -118,7 +118,7 @@ OpensslPtr<SSL> TlsContext::MakeData(SSL* control)
     return ssl;
 }
 
-void TlsContext::Established(const SSL* ssl, bool data, tagTRAVEX_FTP_S_TIMINGS& timings)
+void TlsContext::Established(const SSL* ssl, bool data, Timings& timings)
 {
     const bool resumed = SSL_session_reused(ssl) == 1;
     TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: %s channel %s %s%s", m_settings.serverText.c_str(),
@@ -152,7 +152,7 @@ void TlsContext::Explain(unsigned long error, const char* why, bool data, Failur
                                                         : why);
 }
 
-void TlsContext::Describe(tagTRAVEX_FTP_S_TIMINGS& timings) const
+void TlsContext::Describe(Timings& timings) const
 {
     (void)snprintf(timings.acTlsVersion, sizeof timings.acTlsVersion, "%s", m_version);
     (void)snprintf(timings.acTlsSuite, sizeof timings.acTlsSuite, "%s", m_suite);
@@ -190,7 +190,7 @@ bool TlsContext::Accept(X509_STORE_CTX* presented)
     X509* const certificate = X509_STORE_CTX_get0_cert(presented);
     if (!m_data)
     {
-        KeepFacts(certificate);
+        StoreCertificate(certificate);
     }
     if (m_settings.tls.verify && !CheckChain(presented))
     {
@@ -201,11 +201,11 @@ bool TlsContext::Accept(X509_STORE_CTX* presented)
         X509_STORE_CTX_set_error(presented, X509_V_ERR_HOSTNAME_MISMATCH);
         return false;
     }
-    return m_data || AskClient(certificate);
+    return m_data || CallVerifyCallback(certificate);
 }
 
-// Kept even if the certificate is rejected: programs show it.
-void TlsContext::KeepFacts(X509* certificate)
+// Stored even if the certificate is rejected: programs show it.
+void TlsContext::StoreCertificate(X509* certificate)
 {
     m_subject = SubjectOf(certificate);
     std::tm until{};
@@ -215,7 +215,7 @@ void TlsContext::KeepFacts(X509* certificate)
     }
 }
 
-// Verifies with the anchors of the trust text only; the context's own store is not used.
+// Verifies with the configured trust anchors only; the context's own store is not used.
 bool TlsContext::CheckChain(X509_STORE_CTX* presented)
 {
     const OpensslPtr<X509_STORE_CTX> check(X509_STORE_CTX_new());
@@ -252,11 +252,11 @@ bool TlsContext::CheckIdentity(X509* certificate)
         return true;
     }
     m_certificate.ulDetail = TRAVEX_FTP_DETAIL_CERT_NAME;
-    return Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "certificate is not for %s",
+    return Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "certificate is not valid for host %s",
                 JoinNames(identity).c_str());
 }
 
-bool TlsContext::AskClient(X509* certificate)
+bool TlsContext::CallVerifyCallback(X509* certificate)
 {
     if (m_settings.tls.verifyCallback == nullptr || m_closed())
     {

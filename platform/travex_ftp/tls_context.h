@@ -8,6 +8,7 @@
 #include <string>
 
 #include "failure.h"
+#include "observer.h"
 #include "openssl_ptr.h"
 #include "settings.h"
 
@@ -30,7 +31,7 @@ public:
     OpensslPtr<SSL> MakeData(SSL* control);
 
     // A handshake is complete: logs it, and keeps version and suite of the control channel.
-    void Established(const SSL* ssl, bool data, tagTRAVEX_FTP_S_TIMINGS& timings);
+    void Established(const SSL* ssl, bool data, Timings& timings);
 
     // A handshake has failed: sets the failure, from the certificate check or from OpenSSL's error.
     void Explain(unsigned long error, const char* why, bool data, Failure& failure) const;
@@ -42,17 +43,17 @@ public:
     }
 
     // Copies version, suite and certificate of the control channel, as far as known.
-    void Describe(tagTRAVEX_FTP_S_TIMINGS& timings) const;
+    void Describe(Timings& timings) const;
 
 private:
     static int OnCertificate(X509_STORE_CTX* presented, void* context);
 
     bool Configure();
     bool Accept(X509_STORE_CTX* presented);
-    void KeepFacts(X509* certificate);
+    void StoreCertificate(X509* certificate);
     bool CheckChain(X509_STORE_CTX* presented);
     bool CheckIdentity(X509* certificate);
-    bool AskClient(X509* certificate);
+    bool CallVerifyCallback(X509* certificate);
 
     const Settings& m_settings;
     const std::function<bool()> m_closed;

@@ -46,7 +46,7 @@ unsigned int Guarded(Body body)
 unsigned int Refused(const char* what, const Failure& failure, const char* server, const char* file)
 {
     TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s refused: %s", server, what, failure.acReason);
-    tagTRAVEX_FTP_S_OBSERVATION seen{};
+    Observation seen{};
     seen.ulKind = TRAVEX_FTP_OBSERVED_REFUSED;
     seen.pcServer = server;
     seen.pcServerFile = file;
@@ -60,7 +60,7 @@ unsigned int Refused(const char* what, const Failure& failure, const char* serve
 // Reports an accepted task to the observer, on the caller's thread.
 void Accepted(const Task& task)
 {
-    tagTRAVEX_FTP_S_OBSERVATION seen{};
+    Observation seen{};
     seen.ulKind = TRAVEX_FTP_OBSERVED_ACCEPTED;
     seen.ulTaskID = task.id;
     seen.pcServer = task.settings->serverText.c_str();

@@ -25,10 +25,11 @@ struct CloseDirectory
 // Bounds the memory that a wrong path can cost.
 constexpr off_t kLargestFile = 16777216;
 
-// Refuses a trust text because of a file or directory.
+// Fails because of a file or directory.
 bool Refuse(Failure& failure, const std::string& path, const char* reason)
 {
-    return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: %s", path.c_str(), reason);
+    return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trusted certificates: %s: %s", path.c_str(),
+                reason);
 }
 
 bool ReadError(BIO* file)
@@ -52,7 +53,7 @@ std::vector<std::string> Split(const std::string& text, char separator)
     return parts;
 }
 
-bool ParsePair(const std::string& pair, TrustText& trust, Failure& failure)
+bool ParsePair(const std::string& pair, TrustSettings& trust, Failure& failure)
 {
     const size_t equals = pair.find('=');
     const std::string key = pair.substr(0, equals);
@@ -71,7 +72,7 @@ bool ParsePair(const std::string& pair, TrustText& trust, Failure& failure)
     }
     else
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: invalid entry \"%s\"",
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trusted certificates: invalid entry \"%s\"",
                     pair.c_str());
     }
     return true;
@@ -87,7 +88,7 @@ public:
     {
         return m_store && m_digest &&
                EVP_DigestInit_ex(m_digest.get(), EVP_sha256(), nullptr) == 1 &&
-               // Every certificate of the trust text is an anchor, also an intermediate authority's
+               // Every listed certificate is an anchor, also an intermediate authority's
                // or a server's own.
                X509_STORE_set_flags(m_store.get(), X509_V_FLAG_PARTIAL_CHAIN) == 1;
     }
@@ -126,7 +127,7 @@ public:
         return true;
     }
 
-    bool Finish(Anchors& anchors)
+    bool Finish(TrustAnchors& anchors)
     {
         if (m_lists != 0)
         {
@@ -247,8 +248,8 @@ bool Expand(const std::string& path, std::vector<std::string>& files, Failure& f
     }
     if (!S_ISREG(status.st_mode) || status.st_size > kLargestFile)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: not a certificate file",
-                    path.c_str());
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST,
+                    "trusted certificates: %s: not a certificate file", path.c_str());
     }
     files.push_back(path);
     return true;
@@ -270,7 +271,7 @@ bool LoadFiles(const std::string& path, Loader& loader, Failure& failure)
     }
     if (loader.Certificates() == 0)
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trust text: %s: no certificate found",
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trusted certificates: %s: no certificate found",
                     path.c_str());
     }
     return true;
@@ -278,11 +279,11 @@ bool LoadFiles(const std::string& path, Loader& loader, Failure& failure)
 
 }  // namespace
 
-bool ParseTrustText(const char* text, TrustText& trust, Failure& failure)
+bool ParseTrustSettings(const char* text, TrustSettings& trust, Failure& failure)
 {
     if (text == nullptr || *text == '\0')
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "the trust text is empty");
+        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "no trusted certificates given");
     }
     const std::string whole = text;
     // A text with "=" is a list of pairs, unless a "/" comes first: then it is a path.
@@ -302,7 +303,7 @@ bool ParseTrustText(const char* text, TrustText& trust, Failure& failure)
     return true;
 }
 
-bool LoadAnchors(const std::string& authorities, Anchors& anchors, Failure& failure)
+bool LoadTrustAnchors(const std::string& authorities, TrustAnchors& anchors, Failure& failure)
 {
     Loader loader;
     if (!loader.Ready())

@@ -1,4 +1,4 @@
-// The trust text: the trusted certification authorities and expected names.
+// The trusted certificates and expected names of pcFtpCtrlInfo.
 #ifndef TRAVEX_FTP_TRUST_H
 #define TRAVEX_FTP_TRUST_H
 
@@ -13,8 +13,8 @@
 
 namespace travex_ftp
 {
-// A parsed trust text; no file is read yet.
-struct TrustText
+// The parsed text; no file is read yet.
+struct TrustSettings
 {
     std::string authorities = "system";  // path of a PEM file or directory, or "system"
     std::vector<std::string> names;      // names of which the certificate must carry one
@@ -22,10 +22,10 @@ struct TrustText
 };
 
 // "key=value;key=value", "system" or a path. Throws std::bad_alloc.
-bool ParseTrustText(const char* text, TrustText& trust, Failure& failure);
+bool ParseTrustSettings(const char* text, TrustSettings& trust, Failure& failure);
 
 // Trust anchors, and the revocation lists found with them. Immutable, shared by threads.
-struct Anchors
+struct TrustAnchors
 {
     std::shared_ptr<X509_STORE> store;
     // Digest of the loaded certificates and lists. Connections are not reused when it differs, even
@@ -36,7 +36,7 @@ struct Anchors
 // Loads every certificate and revocation list of a PEM file or of all files in a directory, or uses
 // the system's store. Never combines private and system anchors. A file that cannot be read
 // completely is a failure: a missing revocation list would accept too much. Throws std::bad_alloc.
-bool LoadAnchors(const std::string& authorities, Anchors& anchors, Failure& failure);
+bool LoadTrustAnchors(const std::string& authorities, TrustAnchors& anchors, Failure& failure);
 
 }  // namespace travex_ftp
 

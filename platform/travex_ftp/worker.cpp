@@ -50,7 +50,7 @@ bool Worker::Join(Clock::time_point deadline)
     return true;
 }
 
-bool Worker::Over()
+bool Worker::HasEnded()
 {
     const base::MutexLock lock(m_mutex);
     return !m_running;

@@ -27,7 +27,7 @@ public:
     bool Join(Clock::time_point deadline = Clock::time_point::max()) CORPDIR_EXCLUDES(m_mutex);
 
     // The body has ended, or was not started: a join would not wait.
-    bool Over() CORPDIR_EXCLUDES(m_mutex);
+    bool HasEnded() CORPDIR_EXCLUDES(m_mutex);
 
     // True on this worker's thread; true on any worker's thread.
     bool IsCaller();

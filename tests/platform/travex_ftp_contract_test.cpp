@@ -165,7 +165,7 @@ TEST_F(Contract, CipherSuitesAreRefusedByIdentifier)
     EXPECT_THAT(with({0x03000005}), HasSubstr("cipher suite 0x03000005"));  // RC4
 }
 
-TEST_F(Contract, TrustTextsAreChecked)
+TEST_F(Contract, TrustedCertificatesAreChecked)
 {
     const auto with = [this](const std::string& text)
     {
@@ -174,13 +174,15 @@ TEST_F(Contract, TrustTextsAreChecked)
         record.pcFtpCtrlInfo = text.c_str();
         return Refusal(record);
     };
-    EXPECT_EQ("6 the trust text is empty", with(""));
-    EXPECT_EQ("6 trust text: /nowhere/ca.pem: No such file or directory", with("/nowhere/ca.pem"));
-    EXPECT_EQ("6 trust text: invalid entry \"cb=x\"", with("cb=x"));
-    EXPECT_EQ("6 trust text: invalid entry \"tls=explicit\"", with("ca=system;tls=explicit"));
-    EXPECT_EQ("6 trust text: /dev/null: not a certificate file", with("/dev/null"));
+    EXPECT_EQ("6 no trusted certificates given", with(""));
+    EXPECT_EQ("6 trusted certificates: /nowhere/ca.pem: No such file or directory",
+              with("/nowhere/ca.pem"));
+    EXPECT_EQ("6 trusted certificates: invalid entry \"cb=x\"", with("cb=x"));
+    EXPECT_EQ("6 trusted certificates: invalid entry \"tls=explicit\"",
+              with("ca=system;tls=explicit"));
+    EXPECT_EQ("6 trusted certificates: /dev/null: not a certificate file", with("/dev/null"));
     support::WriteFile(m_directory.File("x=y"), "no PEM here");
-    EXPECT_EQ("6 trust text: " + m_directory.File("x=y") + ": no certificate found",
+    EXPECT_EQ("6 trusted certificates: " + m_directory.File("x=y") + ": no certificate found",
               with(m_directory.File("x=y")));
     EXPECT_THAT(with("ca=" + m_directory.Path()), HasSubstr(": no certificate found"));
 }

@@ -158,10 +158,14 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"file_grows", "3 23/RECEIVE/0 too many bytes: 100005 received, 100000 announced"},
         Case{"endless_file", "3 24/RECEIVE/0 the file is larger than 20000000 bytes"},
         Case{"slow_drip",
-             "3 22/RECEIVE/0 stalled: [1-9][0-9]* bytes in 0\\.9 s, [1-9][0-9]* of 100000 "
+             "3 22/RECEIVE/0 timed out while receiving: [1-9][0-9]* bytes in 0\\.9 s, [1-9][0-9]* "
+             "of 100000 "
              "received"},
-        Case{"stall", "3 22/RECEIVE/0 stalled: 0 bytes in 0\\.9 s, 50000 of 100000 received"},
-        Case{"stall + unknown_size", "3 22/RECEIVE/0 stalled: 0 bytes in 0\\.9 s, 50000 received"},
+        Case{"stall",
+             "3 22/RECEIVE/0 timed out while receiving: 0 bytes in 0\\.9 s, 50000 of 100000 "
+             "received"},
+        Case{"stall + unknown_size",
+             "3 22/RECEIVE/0 timed out while receiving: 0 bytes in 0\\.9 s, 50000 received"},
         Case{"control_lost_before_data",
              "3 23/RECEIVE/0 connection lost during the transfer: closed by the server"},
         Case{"control_lost_during_data",
@@ -248,7 +252,9 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"data_reset",
              "3 23/RECEIVE/0 data connection lost after [0-9]+ bytes: Connection reset by peer"},
         Case{"file_grows", "3 23/RECEIVE/0 too many bytes: 100005 received, 100000 announced"},
-        Case{"stall", "3 22/RECEIVE/0 stalled: 0 bytes in 0\\.9 s, 50000 of 100000 received"},
+        Case{"stall",
+             "3 22/RECEIVE/0 timed out while receiving: 0 bytes in 0\\.9 s, 50000 of 100000 "
+             "received"},
         Case{"abort_while_data_hangs",
              "3 23/RECEIVE/451 the server aborted the transfer: 451 Read error on the disk\\."},
         Case{"control_lost_during_data",

@@ -44,8 +44,8 @@ void Record(void* user, tagTRAVEX_FTP_S_NOTIFY_DATA* data);
 
 // Waits for a task and returns its outcome: "0 12", or "3 <code>/<step>/<reply> <reason>" with the
 // step's name in travex_ftp.h, as "3 20/RETRIEVE/550 RETR refused: 550 gone"; with the number of a
-// detail, if any, as "3 18/TLS/0/1 certificate is not for 127.0.0.1". Empty if it did not end in
-// time.
+// detail, if any, as "3 18/TLS/0/1 certificate is not valid for host 127.0.0.1". Empty if it did
+// not end in time.
 std::string OutcomeOf(unsigned int task);
 
 // Limits of the process for the life of the object; those left 0 are the defaults.
@@ -105,7 +105,7 @@ std::vector<std::string> OptionsFor(bool tls);
 tagTRAVEX_FTP_S_CTRL_PARAM Parameters(const std::string& host, unsigned int port,
                                       const std::string& directory);
 
-// Parameters of a server of the support library. The trust text must outlive the record.
+// Parameters of a server of the support library. pcFtpCtrlInfo must outlive the record.
 tagTRAVEX_FTP_S_CTRL_PARAM ParametersOf(const support::FtpServer& server,
                                         const std::string& directory);
 

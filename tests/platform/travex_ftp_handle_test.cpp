@@ -147,8 +147,9 @@ TEST_F(HandleTest, ARequestWaitsBehindTheTransferUnderWay)
     ASSERT_TRUE(WaitUntil([&] { return stalling.Count("DATA") == 1; }));
     Use(RecordFor(good));
     const unsigned int second = Start("f", "two");
-    EXPECT_EQ("3 22/RECEIVE/0 stalled: 0 bytes in 0.6 s, 50000 of 100000 received",
-              OutcomeOf(first));
+    EXPECT_EQ(
+        "3 22/RECEIVE/0 timed out while receiving: 0 bytes in 0.6 s, 50000 of 100000 received",
+        OutcomeOf(first));
     EXPECT_EQ("0 12", OutcomeOf(second));
     EXPECT_EQ(TRAVEX_FTP_NOTIFY_FAILED, Notices()[0].type);
     EXPECT_EQ(first, Notices()[0].task);
@@ -471,7 +472,7 @@ double CpuSeconds()
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-// The thread must not spin on an idle data channel, on a closed one, or on a kept connection.
+// The thread must not spin on an idle data channel, on a closed one, or on an idle connection.
 TEST_F(HandleTest, WaitingCostsNoTime)
 {
     const Limits limits(
@@ -517,7 +518,7 @@ protected:
     std::string m_end;
 };
 
-TEST_F(PasswordInMemory, IsNotInClearWhileAConnectionIsKept)
+TEST_F(PasswordInMemory, IsNotInClearWhileAConnectionIsIdle)
 {
     const std::string reversed = "71-drowssap-gnol-a-fo-dne-eht-si-siht-" + std::string(40, '.');
     for (const bool tls : {false, true})
@@ -527,7 +528,7 @@ TEST_F(PasswordInMemory, IsNotInClearWhileAConnectionIsKept)
         EXPECT_EQ(0u, Count());
         ASSERT_EQ("0 12", Fetch("f", "f"));
         EXPECT_TRUE(WaitUntil([&] { return Count() == 0; })) << tls;
-        EXPECT_EQ(1u, Connections().size()) << "it is kept";
+        EXPECT_EQ(1u, Connections().size()) << "it stays open";
         ASSERT_EQ(0u, TRAVEX_FTP_UnInit());
         EXPECT_EQ(0u, Count()) << tls;
         SetUp();

@@ -127,7 +127,7 @@ protected:
 
     static std::string NotFor(const std::string& names)
     {
-        return "3 18/TLS/0/1 certificate is not for " + names;
+        return "3 18/TLS/0/1 certificate is not valid for host " + names;
     }
 
     std::unique_ptr<FaultyServer> m_server;
@@ -141,7 +141,7 @@ TEST_F(Identity, TheCertificateMustCarryTheListedNameOrAddress)
     {
         const char* certificate;
         const char* added;     // by TRAVEX_FTP_SetServerName; null: nothing
-        const char* trust;     // appended to the trust text
+        const char* trust;     // appended to pcFtpCtrlInfo
         const char* expected;  // what the certificate does not carry; null: it is accepted
     } kCases[] = {
         {"IP:127.0.0.1", nullptr, "", nullptr},
@@ -199,7 +199,7 @@ TEST_F(Identity, ANameWithTwoAddresses)
     }
 }
 
-TEST_F(Identity, NamesOfTheTrustTextOverrideAllOthers)
+TEST_F(Identity, GivenNamesOverrideAllOthers)
 {
     EXPECT_EQ(0u, Name("127.0.0.1", "listed.test"));
     ConvertText("127.0.0.1");
@@ -269,7 +269,8 @@ TEST_F(Identity, Ipv6Addresses)
     EXPECT_EQ(0u, Name("::1", "0:0:0:0:0:0:0:1"));
     EXPECT_EQ("0 12", FetchWith("", "::1"));
     Serve("IP:127.0.0.1", {"--host", "::1"});
-    EXPECT_THAT(FetchWith("", "::1"), testing::StartsWith("3 18/TLS/0/1 certificate is not for "));
+    EXPECT_THAT(FetchWith("", "::1"),
+                testing::StartsWith("3 18/TLS/0/1 certificate is not valid for host "));
 }
 
 TEST_F(Identity, TextsAreRefused)
@@ -398,7 +399,8 @@ TEST_F(Identity, ADataChannelIsCheckedToo)
     const std::string stranger = Certificates().WithNames("IP:127.0.0.2").certificate_file;
     Serve("IP:127.0.0.1", {"--data-cert", stranger});
     UseServer();
-    EXPECT_EQ("3 18/DATA_TLS/0/1 data channel: certificate is not for 127.0.0.1", Fetch("f", "f"));
+    EXPECT_EQ("3 18/DATA_TLS/0/1 data channel: certificate is not valid for host 127.0.0.1",
+              Fetch("f", "f"));
     const std::string untrusted = Certificates().FromOtherAuthority().certificate_file;
     Serve("IP:127.0.0.1", {"--data-cert", untrusted});
     UseServer();
@@ -415,7 +417,7 @@ TEST_F(Identity, ARefusedDataChannelIsTheCertificatesFailure)
         Serve("IP:127.0.0.1", {"--data-cert", stranger, "--tls-max", version},
               "report_data_handshake");
         UseServer();
-        EXPECT_EQ("3 18/DATA_TLS/0/1 data channel: certificate is not for 127.0.0.1",
+        EXPECT_EQ("3 18/DATA_TLS/0/1 data channel: certificate is not valid for host 127.0.0.1",
                   Fetch("f", "f"));
     }
 }

@@ -422,7 +422,7 @@ TEST_F(RefusedLogin, OtherFailuresAreRepeated)
     }
 }
 
-// A kept connection that the server has closed is replaced without a visible failure.
+// An idle connection that the server has closed is replaced without a visible failure.
 class Stale : public OddTest, public testing::WithParamInterface<const char*>
 {
 protected:

@@ -27,7 +27,7 @@ using travex_ftp::Limits;
 using travex_ftp::Reply;
 using travex_ftp::ReplyReader;
 using travex_ftp::Secret;
-using travex_ftp::TrustText;
+using travex_ftp::TrustSettings;
 
 constexpr uint64_t kUnknown = TRAVEX_FTP_SIZE_UNKNOWN;
 
@@ -88,7 +88,7 @@ private:
     size_t Arrive(const std::string& bytes, size_t at, size_t piece)
     {
         size_t size = 0;
-        char* const room = m_reader.Room(size);
+        char* const room = m_reader.FreeSpace(size);
         const size_t length = std::min({size, piece, bytes.size() - at});
         memcpy(room, bytes.data() + at, length);
         m_reader.Arrived(length);
@@ -309,7 +309,7 @@ protected:
 TEST_F(DecideTest, BytesAndAPositiveReplyAreProof)
 {
     for (const DataEnd end :
-         {DataEnd::kClosedCleanly, DataEnd::kTruncated, DataEnd::kLost, DataEnd::kStalled})
+         {DataEnd::kClosedCleanly, DataEnd::kTruncated, DataEnd::kLost, DataEnd::kTimedOut})
     {
         m_evidence.data = end;
         for (const unsigned int code : {200u, 226u, 250u})
@@ -332,8 +332,8 @@ TEST_F(DecideTest, WithoutASizeTheEndOfTheDataChannelIsNeeded)
     m_evidence.data = DataEnd::kLost;
     m_evidence.dataWhy = "Connection reset by peer";
     EXPECT_EQ("23/14/0 data connection lost after 100 bytes: Connection reset by peer", Outcome());
-    m_evidence.data = DataEnd::kStalled;
-    EXPECT_EQ("22/14/0 stalled: 0 bytes in 0.9 s, 100 received", Outcome());
+    m_evidence.data = DataEnd::kTimedOut;
+    EXPECT_EQ("22/14/0 timed out while receiving: 0 bytes in 0.9 s, 100 received", Outcome());
 }
 
 TEST_F(DecideTest, MoreOrFewerBytesThanAnnouncedAreAFailure)
@@ -345,9 +345,9 @@ TEST_F(DecideTest, MoreOrFewerBytesThanAnnouncedAreAFailure)
     m_evidence.data = DataEnd::kLost;
     m_evidence.dataWhy = "Connection reset by peer";
     EXPECT_EQ("23/14/0 data connection lost after 50 bytes: Connection reset by peer", Outcome());
-    m_evidence.data = DataEnd::kStalled;
-    m_evidence.stalledBytes = 7;
-    EXPECT_EQ("22/14/0 stalled: 7 bytes in 0.9 s, 50 of 100 received", Outcome());
+    m_evidence.data = DataEnd::kTimedOut;
+    m_evidence.periodBytes = 7;
+    EXPECT_EQ("22/14/0 timed out while receiving: 7 bytes in 0.9 s, 50 of 100 received", Outcome());
     m_evidence.received = 101;
     for (const DataEnd end : {DataEnd::kClosedCleanly, DataEnd::kLost, DataEnd::kOpen})
     {
@@ -538,8 +538,8 @@ TEST(FailureTest, AReplyIsItsCause)
 std::string Parsed(const std::string& text)
 {
     Failure failure{};
-    TrustText trust;
-    if (!travex_ftp::ParseTrustText(text.c_str(), trust, failure))
+    TrustSettings trust;
+    if (!travex_ftp::ParseTrustSettings(text.c_str(), trust, failure))
     {
         return failure.acReason;
     }
@@ -551,7 +551,7 @@ std::string Parsed(const std::string& text)
     return result;
 }
 
-TEST(TrustTextTest, PathsAndPairs)
+TEST(TrustSettingsTest, PathsAndPairs)
 {
     EXPECT_EQ("/etc/ca.pem", Parsed("/etc/ca.pem"));
     EXPECT_EQ("/etc/a=b.pem", Parsed("/etc/a=b.pem"));
@@ -560,9 +560,9 @@ TEST(TrustTextTest, PathsAndPairs)
               Parsed("ca=/etc/ca.pem;name=a.test,b.test;tls=implicit"));
     EXPECT_EQ("system a.test", Parsed("name=a.test;"));
     EXPECT_EQ("system implicit", Parsed("tls=implicit"));
-    EXPECT_EQ("trust text: invalid entry \"ca=\"", Parsed("ca="));
-    EXPECT_EQ("trust text: invalid entry \"CA=/x\"", Parsed("CA=/x"));
-    EXPECT_EQ("trust text: invalid entry \"x\"", Parsed("ca=/x;x"));
+    EXPECT_EQ("trusted certificates: invalid entry \"ca=\"", Parsed("ca="));
+    EXPECT_EQ("trusted certificates: invalid entry \"CA=/x\"", Parsed("CA=/x"));
+    EXPECT_EQ("trusted certificates: invalid entry \"x\"", Parsed("ca=/x;x"));
 }
 
 // A directory of authorities: the number of loaded certificates, or the reason.
@@ -582,8 +582,8 @@ protected:
     std::string Load() const
     {
         Failure failure{};
-        travex_ftp::Anchors anchors;
-        if (!travex_ftp::LoadAnchors(m_directory.Path(), anchors, failure))
+        travex_ftp::TrustAnchors anchors;
+        if (!travex_ftp::LoadTrustAnchors(m_directory.Path(), anchors, failure))
         {
             return std::to_string(failure.ulRet) + " " + failure.acReason;
         }
@@ -592,7 +592,7 @@ protected:
 
     std::string Refusal(const std::string& name, const std::string& reason) const
     {
-        return "6 trust text: " + m_directory.File(name) + ": " + reason;
+        return "6 trusted certificates: " + m_directory.File(name) + ": " + reason;
     }
 
     const support::TestCertificates m_certificates;

@@ -36,7 +36,7 @@ FtpServerOptions Options(Tls tls, const std::string& host = "127.0.0.1")
 class RealServer : public LayerTest
 {
 protected:
-    // Trusts the test authority; `more` is appended to the trust text.
+    // Trusts the test authority; `more` is appended to pcFtpCtrlInfo.
     void UseVerified(const support::FtpServer& server, const std::string& more = "")
     {
         m_trust = "ca=" + Certificates().Authority() + more +
@@ -347,7 +347,8 @@ TEST_F(CertificateTest, EachRejectionHasItsReason)
     EXPECT_EQ("0 12", FetchFrom(all.ViaIntermediate()));
     EXPECT_EQ("3 18/TLS/0/2 certificate has expired", FetchFrom(all.Expired()));
     EXPECT_EQ("3 18/TLS/0/2 certificate is not yet valid", FetchFrom(all.NotYetValid()));
-    EXPECT_EQ("3 18/TLS/0/1 certificate is not for 127.0.0.1", FetchFrom(all.WrongName()));
+    EXPECT_EQ("3 18/TLS/0/1 certificate is not valid for host 127.0.0.1",
+              FetchFrom(all.WrongName()));
     EXPECT_EQ("3 18/TLS/0 self-signed certificate", FetchFrom(all.SelfSigned()));
     EXPECT_EQ("3 18/TLS/0 unable to get local issuer certificate",
               FetchFrom(all.FromOtherAuthority()));

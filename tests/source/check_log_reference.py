@@ -34,8 +34,8 @@ DEFINITIONS = {SERVICE_FOLDER + "/ftpcorpdirimpl.cpp": 1, "platform/travex_ftp/l
                "platform/corpdir_log/corpdir_log.cpp": 1, "platform/corpdir_log/function_trace.cpp": 1}
 
 # Functions of the FTP layer that make a reason, and the arguments that hold a text of their own.
-REASONS = {"Fail": [2], "FailByReply": [2], "FailSystem": [1], "LocalFailure": [1, 2], "Refuse": [2],
-           "Blame": [2], "AskPort": [1, 2]}
+REASONS = {"Fail": [2], "FailByReply": [2], "FailSystem": [1], "FailLocal": [1, 2], "Refuse": [2],
+           "RequestPort": [1, 2]}
 
 LEVELS = {"0": "error", "1": "notice", "2": "info", "CORPDIR_LOG_ERROR": "error",
           "CORPDIR_LOG_NOTICE": "notice", "CORPDIR_LOG_INFO": "info"}

@@ -605,7 +605,8 @@ TEST_F(CLibraryFetch, TheCertificateIsForWhatIsListed)
     ASSERT_EQ(Start(other, [&](CRequest& request) { request.record.trust = wrong.c_str(); }),
               CORPDIR_OK);
     ASSERT_TRUE(other.WaitFor(CORPDIR_EVENT_FAILED));
-    EXPECT_EQ(other.Of(CORPDIR_EVENT_FAILED)[0].reason, "certificate is not for elsewhere.test");
+    EXPECT_EQ(other.Of(CORPDIR_EVENT_FAILED)[0].reason,
+              "certificate is not valid for host elsewhere.test");
 }
 
 // The certificate is for both loopback addresses, one of which is that of the name.
@@ -619,7 +620,8 @@ TEST_F(CLibraryFetch, AListedNameMustStandInTheCertificate)
     ASSERT_EQ(Start(m_told, [](CRequest& request) { request.record.servers = "localhost"; }),
               CORPDIR_OK);
     ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED));
-    EXPECT_EQ(m_told.Of(CORPDIR_EVENT_FAILED)[0].reason, "certificate is not for localhost");
+    EXPECT_EQ(m_told.Of(CORPDIR_EVENT_FAILED)[0].reason,
+              "certificate is not valid for host localhost");
     EXPECT_EQ(m_server->CountCommands("USER"), 0u);
 }
 

@@ -35,8 +35,9 @@
 /// local directory 127 bytes with its closing "/".
 struct tag_CORPDIR_DOWNLOADINFO
 {
-    /// Trust text, must not be empty: "system" for the system's certificate store, the path of a
-    /// PEM file or directory of certification authorities, or "key=value" pairs separated by ";":
+    /// Trusted certificates, must not be empty: "system" for the system's certificate store, the
+    /// path of a PEM file or directory of certification authorities, or "key=value" pairs separated
+    /// by ";":
     ///
     ///     ca=PATH         the same path (or "system")
     ///     name=A,B        DNS names, of which each server's certificate must carry one,

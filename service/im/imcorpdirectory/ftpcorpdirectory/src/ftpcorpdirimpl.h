@@ -76,7 +76,7 @@ public:
     virtual void freeFtpCipherList();
 
 private:
-    // Forgets the request, the sealed password and its key first. Keeps the numbers, the trust text
+    // Forgets the request, the sealed password and its key first. Keeps the numbers, szFtpCtrlInfo
     // and the callback.
     void ClearRequest() noexcept;
 
