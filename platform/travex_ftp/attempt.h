@@ -16,14 +16,9 @@ class Attempt
 {
 public:
     // `cancel` becomes readable when the transfer is cancelled; at `end` the transfer times out.
-    Attempt(const Limits& limits, int cancel, Clock::time_point end)
-        : m_limits(limits), m_cancel(cancel), m_end(end), m_begin(Clock::now())
+    Attempt(const Limits& current, int cancel, Clock::time_point end)
+        : limits(current), m_cancel(cancel), m_end(end), m_begin(Clock::now())
     {
-    }
-
-    const Limits& TheLimits() const
-    {
-        return m_limits;
     }
 
     // A step begins.
@@ -51,7 +46,7 @@ public:
         if (io == Io::kTimedOut && Clock::now() >= m_end)
         {
             (void)Fail(failure, TRAVEX_FTP_ERR_TIMEOUT, "transfer timed out after %g s",
-                       Seconds(m_limits.transfer));
+                       Seconds(limits.transfer));
         }
         return cancelled || Failed(failure);
     }
@@ -69,12 +64,12 @@ public:
         return std::chrono::duration<double>(duration).count();
     }
 
+    const Limits& limits;
     Failure failure{};       // ulStep: the current step
     bool cancelled = false;  // a failure is not reported then
     Timings timings{};
 
 private:
-    const Limits& m_limits;
     const int m_cancel;
     const Clock::time_point m_end;
     const Clock::time_point m_begin;

@@ -4,7 +4,6 @@
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -108,25 +107,26 @@ bool Channel::BindLocal(const Address& local)
 {
     sockaddr_storage storage;
     const socklen_t length = ToSystem(local, 0, storage);
-    Set(m_socket, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1);
-    return local.Zero() || bind(m_socket, reinterpret_cast<sockaddr*>(&storage), length) == 0;
+    Set(Socket(), IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1);
+    return local.Zero() || bind(Socket(), reinterpret_cast<sockaddr*>(&storage), length) == 0;
 }
 
 Io Channel::Connect(const Address& server, unsigned int port, const Address& local)
 {
     sockaddr_storage storage;
     const socklen_t length = ToSystem(server, port, storage);
-    m_socket = socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (m_socket < 0 || !BindLocal(local))
+    m_socket =
+        base::Descriptor(socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!m_socket.IsOpen() || !BindLocal(local))
     {
         return Fail(errno);
     }
-    Set(m_socket, SOL_SOCKET, SO_KEEPALIVE, 1);
-    Set(m_socket, IPPROTO_TCP, TCP_KEEPIDLE, kKeepAliveIdle);
-    Set(m_socket, IPPROTO_TCP, TCP_KEEPINTVL, kKeepAliveInterval);
-    Set(m_socket, IPPROTO_TCP, TCP_NODELAY, 1);
+    Set(Socket(), SOL_SOCKET, SO_KEEPALIVE, 1);
+    Set(Socket(), IPPROTO_TCP, TCP_KEEPIDLE, kKeepAliveIdle);
+    Set(Socket(), IPPROTO_TCP, TCP_KEEPINTVL, kKeepAliveInterval);
+    Set(Socket(), IPPROTO_TCP, TCP_NODELAY, 1);
     m_connecting = Io::kAgain;
-    if (connect(m_socket, reinterpret_cast<sockaddr*>(&storage), length) == 0)
+    if (connect(Socket(), reinterpret_cast<sockaddr*>(&storage), length) == 0)
     {
         m_connecting = Io::kDone;
     }
@@ -139,7 +139,7 @@ Io Channel::Connect(const Address& server, unsigned int port, const Address& loc
 
 Io Channel::Connected()
 {
-    pollfd watched = {m_socket, POLLOUT, 0};
+    pollfd watched = {Socket(), POLLOUT, 0};
     if (m_connecting != Io::kAgain || poll(&watched, 1, 0) <= 0)
     {
         return m_connecting;
@@ -147,7 +147,7 @@ Io Channel::Connected()
     // SO_ERROR returns an error only once.
     int error = 0;
     socklen_t size = sizeof error;
-    (void)getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &error, &size);
+    (void)getsockopt(Socket(), SOL_SOCKET, SO_ERROR, &error, &size);
     m_connecting = error == 0 ? Io::kDone : Fail(error);
     return m_connecting;
 }
@@ -161,7 +161,7 @@ Io Channel::AwaitConnected(const Deadline& deadline)
         {
             return connected;
         }
-        const Io waited = deadline.Wait(m_socket, POLLOUT);
+        const Io waited = deadline.Wait(Socket(), POLLOUT);
         if (waited != Io::kDone)
         {
             return waited;
@@ -178,7 +178,7 @@ Io Channel::Handshake(OpensslPtr<SSL> ssl)
     SSL_set_msg_callback_arg(m_ssl.get(), this);
     // OpenSSL reads from the socket only after AnswersInTls has seen the first byte.
     BIO* const nothing = BIO_new(BIO_s_mem());
-    if (nothing == nullptr || SSL_set_wfd(m_ssl.get(), m_socket) != 1)
+    if (nothing == nullptr || SSL_set_wfd(m_ssl.get(), Socket()) != 1)
     {
         BIO_free(nothing);
         return Fail(ENOMEM);
@@ -196,7 +196,7 @@ void Channel::OnMessage(int sent, int, int type, const void*, size_t, SSL*, void
     auto* const self = static_cast<Channel*>(channel);
     if (sent == 0 && type == SSL3_RT_HANDSHAKE && ++self->m_messages > kMostMessages)
     {
-        (void)shutdown(self->m_socket, SHUT_RD);
+        (void)shutdown(self->Socket(), SHUT_RD);
     }
 }
 
@@ -209,7 +209,7 @@ bool Channel::AnswersInTls()
         return true;
     }
     char begin[512];
-    const ssize_t length = recv(m_socket, begin, sizeof begin - 1, MSG_PEEK);
+    const ssize_t length = recv(Socket(), begin, sizeof begin - 1, MSG_PEEK);
     if (length < 0)
     {
         // The system reports an error only once.
@@ -221,7 +221,7 @@ bool Channel::AnswersInTls()
     constexpr char kLastType = 0x18;  // of a TLS record
     if (length == 0 || (begin[0] >= kFirstType && begin[0] <= kLastType))
     {
-        return SSL_set_rfd(m_ssl.get(), m_socket) == 1 || Fail(ENOMEM) == Io::kDone;
+        return SSL_set_rfd(m_ssl.get(), Socket()) == 1 || Fail(ENOMEM) == Io::kDone;
     }
     begin[length] = '\0';
     m_clearText = std::string(begin, strcspn(begin, "\r\n"));
@@ -246,7 +246,7 @@ Io Channel::ContinueHandshake(const Deadline& deadline)
         {
             return ended;
         }
-        const Io waited = deadline.Wait(m_socket, m_events);
+        const Io waited = deadline.Wait(Socket(), m_events);
         if (waited != Io::kDone)
         {
             return waited;
@@ -298,7 +298,7 @@ Io Channel::Read(char* buffer, size_t size, size_t& length)
     ssize_t result = 0;
     do
     {
-        result = recv(m_socket, buffer, size, 0);
+        result = recv(Socket(), buffer, size, 0);
     } while (result < 0 && errno == EINTR);
     if (result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
     {
@@ -310,12 +310,12 @@ Io Channel::Read(char* buffer, size_t size, size_t& length)
 
 void Channel::Acknowledge() const
 {
-    Set(m_socket, IPPROTO_TCP, TCP_QUICKACK, 1);
+    Set(Socket(), IPPROTO_TCP, TCP_QUICKACK, 1);
 }
 
 Io Channel::AwaitReadable(const Deadline& deadline)
 {
-    return deadline.Wait(m_socket, m_events);
+    return deadline.Wait(Socket(), m_events);
 }
 
 Io Channel::Write(const char* data, size_t length, const Deadline& deadline)
@@ -336,7 +336,7 @@ Io Channel::Write(const char* data, size_t length, const Deadline& deadline)
         }
         else
         {
-            const ssize_t sent = send(m_socket, data, length, MSG_NOSIGNAL);
+            const ssize_t sent = send(Socket(), data, length, MSG_NOSIGNAL);
             m_events = POLLOUT;
             const bool later = sent < 0 && (errno == EAGAIN || errno == EINTR);
             result = sent >= 0 ? Io::kDone : later ? Io::kAgain : Fail(errno);
@@ -344,7 +344,7 @@ Io Channel::Write(const char* data, size_t length, const Deadline& deadline)
         }
         data += written;
         length -= written;
-        result = result == Io::kAgain ? deadline.Wait(m_socket, m_events) : result;
+        result = result == Io::kAgain ? deadline.Wait(Socket(), m_events) : result;
         if (result != Io::kDone)
         {
             return result;
@@ -368,11 +368,7 @@ void Channel::Close()
         m_ssl.reset();
         ERR_clear_error();
     }
-    if (m_socket >= 0)
-    {
-        (void)close(m_socket);
-        m_socket = -1;
-    }
+    m_socket = base::Descriptor();
 }
 
 }  // namespace travex_ftp

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "base/descriptor.h"
 #include "limits.h"
 #include "openssl_ptr.h"
 #include "settings.h"
@@ -78,7 +79,7 @@ public:
 
     int Socket() const
     {
-        return m_socket;
+        return m_socket.Number();
     }
     SSL* Tls() const
     {
@@ -117,7 +118,7 @@ private:
     static void OnMessage(int sent, int version, int type, const void* data, size_t length,
                           SSL* ssl, void* channel);
 
-    int m_socket = -1;
+    base::Descriptor m_socket;
     OpensslPtr<SSL> m_ssl;
     short m_events = POLLIN;
     Io m_connecting = Io::kAgain;  // kDone: connected

@@ -8,37 +8,6 @@ namespace travex_ftp
 {
 namespace
 {
-// A command line. Wiped on destruction, since it may contain the password.
-class CommandLine
-{
-public:
-    CommandLine(const char* verb, const char* argument)
-    {
-        const int length = snprintf(m_text, sizeof m_text, "%s%s%s\r\n", verb,
-                                    *argument != '\0' ? " " : "", argument);
-        m_length = static_cast<size_t>(length);
-    }
-    ~CommandLine()
-    {
-        explicit_bzero(m_text, sizeof m_text);
-    }
-    CommandLine(const CommandLine&) = delete;
-    CommandLine& operator=(const CommandLine&) = delete;
-
-    const char* Text() const
-    {
-        return m_text;
-    }
-    size_t Length() const
-    {
-        return m_length;
-    }
-
-private:
-    char m_text[320];  // arguments have up to 255 bytes
-    size_t m_length;
-};
-
 constexpr unsigned int kLoggedIn = 230;
 
 bool IsLogin(const char* verb)
@@ -57,7 +26,7 @@ ControlConnection::ControlConnection(std::shared_ptr<const Settings> settings,
 bool ControlConnection::Open(Attempt& attempt)
 {
     const TlsPolicy& tls = m_settings->tls;
-    m_reader.Restart(attempt.TheLimits());
+    m_reader.Restart(attempt.limits);
     if (tls.encrypted)
     {
         m_tls = std::make_unique<TlsContext>(*m_settings, [this] { return m_closed.load(); });
@@ -75,7 +44,7 @@ bool ControlConnection::Open(Attempt& attempt)
 
 void ControlConnection::BeginTransfer(Attempt& attempt)
 {
-    m_reader.Restart(attempt.TheLimits());
+    m_reader.Restart(attempt.limits);
     m_replyCount = 0;
     attempt.timings.ulReused = 1;
     if (m_tls != nullptr)
@@ -87,7 +56,7 @@ void ControlConnection::BeginTransfer(Attempt& attempt)
 bool ControlConnection::Connect(Attempt& attempt)
 {
     attempt.Enter(TRAVEX_FTP_STEP_CONNECT);
-    const milliseconds limit = attempt.TheLimits().connect;
+    const milliseconds limit = attempt.limits.connect;
     Io io = m_channel.Connect(m_settings->server, m_settings->port, m_settings->local);
     io = io == Io::kDone ? m_channel.AwaitConnected(attempt.Within(limit)) : io;
     if (io == Io::kDone)
@@ -108,7 +77,7 @@ bool ControlConnection::Connect(Attempt& attempt)
 bool ControlConnection::Greet(Attempt& attempt)
 {
     attempt.Enter(TRAVEX_FTP_STEP_GREETING);
-    m_replyDue = Clock::now() + attempt.TheLimits().response;
+    m_replyDue = Clock::now() + attempt.limits.response;
     Reply reply;
     do
     {
@@ -160,9 +129,8 @@ bool ControlConnection::Handshake(Attempt& attempt)
         return FailSystem(attempt.failure, "TLS channel");
     }
     Io io = m_channel.Handshake(std::move(ssl));
-    io = io == Io::kDone
-             ? m_channel.ContinueHandshake(attempt.Within(attempt.TheLimits().handshake))
-             : io;
+    io = io == Io::kDone ? m_channel.ContinueHandshake(attempt.Within(attempt.limits.handshake))
+                         : io;
     if (io != Io::kDone)
     {
         return FailHandshake(attempt, io);
@@ -190,7 +158,7 @@ bool ControlConnection::FailHandshake(Attempt& attempt, Io io)
     if (io == Io::kTimedOut)
     {
         return Fail(attempt.failure, TRAVEX_FTP_ERR_TIMEOUT, "TLS handshake timed out after %g s",
-                    Attempt::Seconds(attempt.TheLimits().handshake));
+                    Attempt::Seconds(attempt.limits.handshake));
     }
     m_tls->Explain(m_channel.TlsError(), m_channel.Why(), false, attempt.failure);
     return false;
@@ -225,27 +193,23 @@ bool ControlConnection::LogIn(Attempt& attempt)
 bool ControlConnection::Protect(Attempt& attempt)
 {
     attempt.Enter(TRAVEX_FTP_STEP_PROTECT);
-    Reply reply;
-    if (!Command(attempt, "PBSZ", "0", reply))
-    {
-        return false;
-    }
-    if (!reply.PositiveCompletion())
-    {
-        return FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "PBSZ refused", reply);
-    }
-    return Command(attempt, "PROT", "P", reply) &&
-           (reply.PositiveCompletion() ||
-            FailByReply(attempt.failure, TRAVEX_FTP_ERR_TLS, "PROT refused", reply));
+    return Require(attempt, "PBSZ", "0", TRAVEX_FTP_ERR_TLS, "PBSZ refused") &&
+           Require(attempt, "PROT", "P", TRAVEX_FTP_ERR_TLS, "PROT refused");
 }
 
 bool ControlConnection::ChooseType(Attempt& attempt)
 {
     attempt.Enter(TRAVEX_FTP_STEP_TYPE);
+    return Require(attempt, "TYPE", "I", TRAVEX_FTP_ERR_REPLY, "TYPE refused");
+}
+
+// Sends a command whose reply must be positive; `code` and `refused` are for one that is not.
+bool ControlConnection::Require(Attempt& attempt, const char* verb, const char* argument,
+                                unsigned int code, const char* refused)
+{
     Reply reply;
-    return Command(attempt, "TYPE", "I", reply) &&
-           (reply.PositiveCompletion() ||
-            FailByReply(attempt.failure, TRAVEX_FTP_ERR_REPLY, "TYPE refused", reply));
+    return Command(attempt, verb, argument, reply) &&
+           (reply.PositiveCompletion() || FailByReply(attempt.failure, code, refused, reply));
 }
 
 bool ControlConnection::Command(Attempt& attempt, const char* verb, const char* argument,
@@ -263,9 +227,12 @@ bool ControlConnection::Send(Attempt& attempt, const char* verb, const char* arg
         return false;
     }
     m_verb = verb;
-    const CommandLine line(verb, argument);
-    const milliseconds limit = attempt.TheLimits().response;
-    const Io sent = m_channel.Write(line.Text(), line.Length(), attempt.Within(limit));
+    char line[320];  // arguments have up to 255 bytes
+    const int length =
+        snprintf(line, sizeof line, "%s%s%s\r\n", verb, *argument != '\0' ? " " : "", argument);
+    const milliseconds limit = attempt.limits.response;
+    const Io sent = m_channel.Write(line, static_cast<size_t>(length), attempt.Within(limit));
+    explicit_bzero(line, sizeof line);  // it may contain the password
     m_replyDue = Clock::now() + limit;
     return sent == Io::kDone || FailWait(attempt, sent);
 }
@@ -319,7 +286,7 @@ Io ControlConnection::PollReply(Attempt& attempt, Reply& reply, const char* head
         const ReplyReader::Result result = m_reader.Next(reply, IsLogin(m_verb));
         if (lines != m_reader.LinesLeft())
         {
-            m_replyDue = Clock::now() + attempt.TheLimits().response;
+            m_replyDue = Clock::now() + attempt.limits.response;
         }
         switch (result)
         {
@@ -333,10 +300,10 @@ Io ControlConnection::PollReply(Attempt& attempt, Reply& reply, const char* head
                 }
                 return Io::kDone;
             case ReplyReader::Result::kTooManyBytes:
-                return FailTooLong(attempt, attempt.TheLimits().replyBytes);
+                return FailTooLong(attempt, attempt.limits.replyBytes);
             case ReplyReader::Result::kTooManyLines:
                 (void)Fail(attempt.failure, TRAVEX_FTP_ERR_REPLY, "the reply exceeds %llu lines",
-                           static_cast<unsigned long long>(attempt.TheLimits().replyLines));
+                           static_cast<unsigned long long>(attempt.limits.replyLines));
                 return Io::kFailed;
             case ReplyReader::Result::kIncomplete:
                 break;
@@ -374,7 +341,7 @@ bool ControlConnection::FailWait(Attempt& attempt, Io io)
     const bool greeting = attempt.failure.ulStep == TRAVEX_FTP_STEP_GREETING;
     return Fail(attempt.failure, TRAVEX_FTP_ERR_TIMEOUT, "no %s%s within %g s",
                 greeting ? "" : "reply to ", greeting ? "greeting" : m_verb,
-                Attempt::Seconds(attempt.TheLimits().response));
+                Attempt::Seconds(attempt.limits.response));
 }
 
 bool ControlConnection::NothingPending()

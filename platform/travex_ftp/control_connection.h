@@ -105,6 +105,8 @@ private:
     bool LogIn(Attempt& attempt);
     bool Protect(Attempt& attempt);
     bool ChooseType(Attempt& attempt);
+    bool Require(Attempt& attempt, const char* verb, const char* argument, unsigned int code,
+                 const char* refused);
     bool DiscardUnsolicited(Attempt& attempt);
     static Io FailTooLong(Attempt& attempt, uint64_t bytes);
 

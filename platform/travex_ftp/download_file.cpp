@@ -70,18 +70,13 @@ bool MayRemove(const struct stat& status)
 // Removes a temporary file that is not locked.
 void RemoveIfOrphan(int directory, const char* name)
 {
-    const int fd = OpenOrphan(directory, name);
-    if (fd < 0)
-    {
-        return;
-    }
+    const base::Descriptor fd(OpenOrphan(directory, name));
     struct stat status = {};
-    if (fstat(fd, &status) == 0 && MayRemove(status) && Lock(fd))
+    if (fd.IsOpen() && fstat(fd.Number(), &status) == 0 && MayRemove(status) && Lock(fd.Number()))
     {
         // Fails harmlessly if its owner has renamed it meanwhile.
         (void)unlinkat(directory, name, 0);
     }
-    (void)::close(fd);
 }
 
 }  // namespace
@@ -107,13 +102,14 @@ bool DownloadFile::Open(const std::string& directory, const std::string& name, F
 {
     m_directory = directory;
     m_name = name;
-    m_directoryFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (m_directoryFd < 0)
+    m_directoryFd = base::Descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!m_directoryFd.IsOpen())
     {
         return FailLocal(failure, "cannot open the directory of");
     }
     struct stat target = {};
-    const bool exists = fstatat(m_directoryFd, name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool exists =
+        fstatat(m_directoryFd.Number(), name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && S_ISDIR(target.st_mode))
     {
         errno = EISDIR;
@@ -162,9 +158,10 @@ bool DownloadFile::MakeTemporary(Failure& failure)
             m_temporary[0] = '\0';
             return FailLocal(failure, "cannot create");
         }
-        m_fd = openat(m_directoryFd, m_temporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    } while (m_fd < 0 && errno == EEXIST);
-    if (m_fd < 0)
+        m_fd = base::Descriptor(openat(m_directoryFd.Number(), m_temporary,
+                                       O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    } while (!m_fd.IsOpen() && errno == EEXIST);
+    if (!m_fd.IsOpen())
     {
         m_temporary[0] = '\0';
         return FailLocal(failure, "cannot create");
@@ -174,7 +171,7 @@ bool DownloadFile::MakeTemporary(Failure& failure)
 
 DownloadFile::LockResult DownloadFile::LockTemporary()
 {
-    if (!Lock(m_fd))
+    if (!Lock(m_fd.Number()))
     {
         switch (errno)
         {
@@ -191,7 +188,7 @@ DownloadFile::LockResult DownloadFile::LockTemporary()
         }
     }
     struct stat status = {};
-    if (fstat(m_fd, &status) != 0)
+    if (fstat(m_fd.Number(), &status) != 0)
     {
         return LockResult::kFailed;
     }
@@ -201,15 +198,9 @@ DownloadFile::LockResult DownloadFile::LockTemporary()
 
 void DownloadFile::RemoveOrphans()
 {
-    // A new descriptor, since closedir closes it.
-    const int fd = openat(m_directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* const entries = fd < 0 ? nullptr : fdopendir(fd);
+    DIR* const entries = opendir(m_directory.c_str());
     if (entries == nullptr)
     {
-        if (fd >= 0)
-        {
-            (void)::close(fd);
-        }
         return;
     }
     // NOLINTNEXTLINE(concurrency-mt-unsafe): this thread alone uses the stream.
@@ -217,7 +208,7 @@ void DownloadFile::RemoveOrphans()
     {
         if (IsTemporaryName(entry->d_name))
         {
-            RemoveIfOrphan(m_directoryFd, entry->d_name);
+            RemoveIfOrphan(m_directoryFd.Number(), entry->d_name);
         }
     }
     (void)closedir(entries);
@@ -249,7 +240,7 @@ bool DownloadFile::WriteBuffer(Failure& failure)
 {
     for (size_t written = 0; written != m_used;)
     {
-        const ssize_t count = ::write(m_fd, m_buffer.get() + written, m_used - written);
+        const ssize_t count = ::write(m_fd.Number(), m_buffer.get() + written, m_used - written);
         if (count < 0 && errno != EINTR)
         {
             return FailLocal(failure, "cannot write");
@@ -261,7 +252,7 @@ bool DownloadFile::WriteBuffer(Failure& failure)
     if (m_unflushed >= kWriteBehind)
     {
         // Only a hint: the flush at the end reports errors.
-        (void)sync_file_range(m_fd, m_flushing, m_unflushed, SYNC_FILE_RANGE_WRITE);
+        (void)sync_file_range(m_fd.Number(), m_flushing, m_unflushed, SYNC_FILE_RANGE_WRITE);
         m_flushing += m_unflushed;
         m_unflushed = 0;
     }
@@ -273,7 +264,7 @@ bool DownloadFile::WriteBuffer(Failure& failure)
 bool DownloadFile::CopyPermissions(Failure& failure)
 {
     struct stat target = {};
-    if (fstatat(m_directoryFd, m_name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0 &&
+    if (fstatat(m_directoryFd.Number(), m_name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0 &&
         S_ISREG(target.st_mode))
     {
         m_replaced = target;
@@ -284,11 +275,11 @@ bool DownloadFile::CopyPermissions(Failure& failure)
     }
     // Users who could read the old file shall be able to read the new one. Only root may change the
     // owner; a user may change the group.
-    const bool given = fchown(m_fd, m_replaced.st_uid, m_replaced.st_gid) == 0 ||
-                       fchown(m_fd, static_cast<uid_t>(-1), m_replaced.st_gid) == 0;
+    const bool given = fchown(m_fd.Number(), m_replaced.st_uid, m_replaced.st_gid) == 0 ||
+                       fchown(m_fd.Number(), static_cast<uid_t>(-1), m_replaced.st_gid) == 0;
     (void)given;  // on failure the file keeps our user and group
     // Without set-user-id and set-group-id: the content comes from a server.
-    return fchmod(m_fd, m_replaced.st_mode & kPermissions) == 0 ||
+    return fchmod(m_fd.Number(), m_replaced.st_mode & kPermissions) == 0 ||
            FailLocal(failure, "cannot set the permissions of");
 }
 
@@ -298,7 +289,7 @@ bool DownloadFile::Complete(Failure& failure)
     {
         return false;
     }
-    if (fsync(m_fd) != 0)
+    if (fsync(m_fd.Number()) != 0)
     {
         return FailLocal(failure, "cannot flush");
     }
@@ -307,13 +298,13 @@ bool DownloadFile::Complete(Failure& failure)
 
 bool DownloadFile::MoveIntoPlace(Failure& failure)
 {
-    if (renameat(m_directoryFd, m_temporary, m_directoryFd, m_name.c_str()) != 0)
+    if (renameat(m_directoryFd.Number(), m_temporary, m_directoryFd.Number(), m_name.c_str()) != 0)
     {
         return FailLocal(failure, "cannot replace");
     }
     m_temporary[0] = '\0';
     // A failure is ignored: the file is in place, and some file systems cannot flush directories.
-    (void)fsync(m_directoryFd);
+    (void)fsync(m_directoryFd.Number());
     Close();
     return true;
 }
@@ -329,42 +320,29 @@ void DownloadFile::RemoveTemporary()
     if (m_temporary[0] != '\0')
     {
         // Removed before it is unlocked, so that no other download sees an orphan.
-        (void)unlinkat(m_directoryFd, m_temporary, 0);
+        (void)unlinkat(m_directoryFd.Number(), m_temporary, 0);
         m_temporary[0] = '\0';
     }
-    if (m_fd >= 0)
-    {
-        (void)::close(m_fd);
-        m_fd = -1;
-    }
+    m_fd = base::Descriptor();
 }
 
 // Frees the buffer too: the object lives as long as its handle.
 void DownloadFile::Close()
 {
-    for (int* fd : {&m_fd, &m_directoryFd})
-    {
-        if (*fd >= 0)
-        {
-            (void)::close(*fd);
-            *fd = -1;
-        }
-    }
+    m_fd = base::Descriptor();
+    m_directoryFd = base::Descriptor();
     m_buffer.reset();
     m_used = 0;
     m_flushing = m_unflushed = 0;
 }
 
-bool DownloadFile::FailLocal(Failure& failure, const char* step)
-{
-    return FailLocal(failure, step, SystemError(errno));
-}
-
+// A null reason: that of errno.
 bool DownloadFile::FailLocal(Failure& failure, const char* step, const char* reason)
 {
+    const char* const why = reason != nullptr ? reason : SystemError(errno);
     SetStep(failure, TRAVEX_FTP_STEP_LOCAL_FILE);
     return Fail(failure, TRAVEX_FTP_ERR_LOCAL_FILE, "%s %s/%s: %s", step, m_directory.c_str(),
-                m_name.c_str(), reason);
+                m_name.c_str(), why);
 }
 
 }  // namespace travex_ftp

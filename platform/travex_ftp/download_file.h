@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "base/descriptor.h"
 #include "failure.h"
 #include "limits.h"
 
@@ -63,15 +64,14 @@ private:
     void RemoveOrphans();
     bool WriteBuffer(Failure& failure);
     bool CopyPermissions(Failure& failure);
-    bool FailLocal(Failure& failure, const char* step);
-    bool FailLocal(Failure& failure, const char* step, const char* reason);
+    bool FailLocal(Failure& failure, const char* step, const char* reason = nullptr);
     void Close();
 
     std::string m_directory;
     std::string m_name;
     struct stat m_replaced = {};  // the regular file to be replaced; zero: none
-    int m_directoryFd = -1;
-    int m_fd = -1;
+    base::Descriptor m_directoryFd;
+    base::Descriptor m_fd;
     char m_temporary[64] = "";  // name in the directory, empty: no file to remove
     std::unique_ptr<char[]> m_buffer;
     size_t m_used = 0;

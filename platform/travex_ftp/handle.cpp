@@ -163,7 +163,7 @@ void Handle::RunTask(const TaskPtr& task)
     }
     catch (const std::bad_alloc&)
     {
-        (void)FailSystem(transfer.failure, "transfer");
+        (void)FailSystem(transfer.report.failure, "transfer");
     }
     if (!good || !m_connection->NothingPending())
     {
@@ -184,10 +184,11 @@ bool Handle::Prepare(Transfer& transfer)
     // Connecting to the zero address would send the password to the local host.
     if (task.settings->server.Zero())
     {
-        SetStep(transfer.failure, TRAVEX_FTP_STEP_CONNECT);
-        return Fail(transfer.failure, TRAVEX_FTP_ERR_CONNECT, "the server address is zero");
+        SetStep(transfer.report.failure, TRAVEX_FTP_STEP_CONNECT);
+        return Fail(transfer.report.failure, TRAVEX_FTP_ERR_CONNECT, "the server address is zero");
     }
-    return !KnownRefusal(transfer) && m_file.Open(task.directory, task.localFile, transfer.failure);
+    return !KnownRefusal(transfer) &&
+           m_file.Open(task.directory, task.localFile, transfer.report.failure);
 }
 
 // Repeats an attempt on a new connection where that may help. The client does not see it.
@@ -237,18 +238,18 @@ bool Handle::Try(Transfer& transfer, bool& again)
     Retrieval retrieval(*m_connection, attempt, transfer.task, m_file, usePasv, m_notifier);
     const bool good =
         (reused || m_connection->Open(attempt)) && retrieval.Run() && Commit(attempt.failure);
-    transfer.failure = attempt.failure;
-    transfer.timings = attempt.timings;
-    transfer.received = retrieval.Received();
-    transfer.announced = retrieval.Announced();
-    transfer.timings.ullEnded = attempt.Elapsed();
+    transfer.report.failure = attempt.failure;
+    transfer.report.timings = attempt.timings;
+    transfer.report.bytes = retrieval.Received();
+    transfer.report.total = retrieval.Announced();
+    transfer.report.timings.ullEnded = attempt.Elapsed();
     // The server may have closed the idle connection, or just sent something on it that was
     // mistaken for a reply.
     const bool stale = reused && (m_connection->ReplyCount() == 0 ||
                                   attempt.failure.ulReply == kServiceNotAvailable ||
                                   attempt.failure.ulRet == TRAVEX_FTP_ERR_REPLY);
     usePasv = usePasv || (retrieval.WantsPasv() && !stale);
-    again = !attempt.cancelled && transfer.received == 0 && (stale || retrieval.WantsPasv());
+    again = !attempt.cancelled && transfer.report.bytes == 0 && (stale || retrieval.WantsPasv());
     return good;
 }
 
@@ -265,20 +266,19 @@ void Handle::Finish(Transfer& transfer)
 {
     const Task& task = *transfer.task;
     const char* const server = task.settings->serverText.c_str();
-    if (Failed(transfer.failure))
+    if (Failed(transfer.report.failure))
     {
-        TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s (task %u, %s)", server, transfer.failure.acReason,
-                       task.id, task.serverFile.c_str());
+        TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s (task %u, %s)", server,
+                       transfer.report.failure.acReason, task.id, task.serverFile.c_str());
     }
     else
     {
         TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s complete, %llu bytes in %.3f s", server,
                        task.id, task.serverFile.c_str(),
-                       static_cast<unsigned long long>(transfer.received),
+                       static_cast<unsigned long long>(transfer.report.bytes),
                        Attempt::Seconds(Clock::now() - transfer.begin));
     }
-    m_notifier.Finished(transfer.task, transfer.failure, transfer.received, transfer.announced,
-                        transfer.timings);
+    m_notifier.Finished(transfer.task, transfer.report);
 }
 
 void Handle::CloseConnection()
@@ -303,7 +303,7 @@ bool Handle::KnownRefusal(Transfer& transfer)
     {
         if (one.settings->SameLogin(settings))
         {
-            transfer.failure = one.failure;
+            transfer.report.failure = one.failure;
             return true;
         }
     }
@@ -313,10 +313,11 @@ bool Handle::KnownRefusal(Transfer& transfer)
 void Handle::RememberRefusal(const Transfer& transfer)
 {
     constexpr unsigned int kNotLoggedIn = 530;
-    if (transfer.failure.ulRet == TRAVEX_FTP_ERR_LOGIN && transfer.failure.ulReply == kNotLoggedIn)
+    if (transfer.report.failure.ulRet == TRAVEX_FTP_ERR_LOGIN &&
+        transfer.report.failure.ulReply == kNotLoggedIn)
     {
         m_refusedLogins.push_back(
-            {transfer.task->settings, transfer.failure, Clock::now() + kRefusedLogin});
+            {transfer.task->settings, transfer.report.failure, Clock::now() + kRefusedLogin});
     }
 }
 

@@ -68,10 +68,7 @@ private:
         const TaskPtr& task;
         const Limits limits;
         const Clock::time_point begin;
-        Failure failure{};
-        Timings timings{};
-        uint64_t received = 0;
-        uint64_t announced = TRAVEX_FTP_SIZE_UNKNOWN;
+        Task::Report report{};
     };
 
     // A login that a server refused with 530.

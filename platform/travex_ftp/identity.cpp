@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "base/resolved_names.h"
 
@@ -95,44 +96,41 @@ std::string JoinNames(const Identity& identity)
 bool ServerNames::Add(const std::string& address, const std::string& normalized)
 {
     const base::MutexLock lock(m_mutex);
-    const auto known = m_names.find(address);
-    if (known != m_names.end() &&
-        std::find(known->second.begin(), known->second.end(), normalized) != known->second.end())
-    {
-        return true;
-    }
-    if (m_count == kMostNames)
+    const auto range = m_names.equal_range(address);
+    const bool known =
+        std::any_of(range.first, range.second,
+                    [&normalized](const auto& entry) { return entry.second == normalized; });
+    if (!known && m_names.size() == kMostNames)
     {
         return false;
     }
-    m_names[address].push_back(normalized);
-    ++m_count;
+    if (!known)
+    {
+        m_names.emplace(address, normalized);  // after the earlier ones
+    }
     return true;
 }
 
 void ServerNames::Forget(const std::string& address)
 {
     const base::MutexLock lock(m_mutex);
-    const auto found = m_names.find(address);
-    if (found != m_names.end())
-    {
-        m_count -= found->second.size();
-        m_names.erase(found);
-    }
+    m_names.erase(address);
 }
 
 void ServerNames::ForgetAll()
 {
     const base::MutexLock lock(m_mutex);
     m_names.clear();
-    m_count = 0;
 }
 
 Identity ServerNames::Find(const std::string& address)
 {
     const base::MutexLock lock(m_mutex);
-    const auto found = m_names.find(address);
-    return found != m_names.end() ? found->second : Identity();
+    const auto range = m_names.equal_range(address);
+    Identity found;
+    std::transform(range.first, range.second, std::back_inserter(found),
+                   [](const auto& entry) { return entry.second; });
+    return found;
 }
 
 }  // namespace travex_ftp

@@ -43,8 +43,7 @@ public:
 
 private:
     base::Mutex m_mutex;
-    std::map<std::string, Identity> m_names CORPDIR_GUARDED_BY(m_mutex);
-    size_t m_count CORPDIR_GUARDED_BY(m_mutex) = 0;
+    std::multimap<std::string, std::string> m_names CORPDIR_GUARDED_BY(m_mutex);
 };
 
 }  // namespace travex_ftp

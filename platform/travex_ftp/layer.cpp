@@ -106,7 +106,7 @@ void ProcessState::JoinEnded(bool onlyIfEnded)
 {
     while (const std::shared_ptr<Layer> layer = FirstEnded(onlyIfEnded))
     {
-        (void)layer->Join(Clock::time_point::max());
+        layer->Join();
         Forget(layer);
     }
 }
@@ -134,7 +134,7 @@ void ProcessState::AtExit(Clock::time_point deadline)
     }
     for (const std::shared_ptr<Layer>& layer : *s_left)
     {
-        (void)layer->Join(deadline);
+        layer->Join(deadline);
     }
 }
 
@@ -177,10 +177,10 @@ bool Layer::Init()
     }
     catch (...)
     {
-        (void)layer->Join(Clock::time_point::max());  // half a start is undone like a whole one
+        layer->Join();  // half a start is undone like a whole one
         throw;
     }
-    (void)layer->Join(Clock::time_point::max());
+    layer->Join();
     // Another thread's start was faster and counts for this call too, even if its run has ended.
     return !base::ProcessEnd::HasBegun(base::EndStage::kTransfers);
 }
@@ -232,7 +232,7 @@ void Layer::JoinEndedThreads()
     {
         if (handle->Thread().HasEnded())
         {
-            (void)handle->Thread().Join();
+            handle->Thread().Join();
             const base::MutexLock lock(m_mutex);
             m_closed.erase(std::remove(m_closed.begin(), m_closed.end(), handle), m_closed.end());
         }
@@ -240,16 +240,14 @@ void Layer::JoinEndedThreads()
 }
 
 // Stops first: another caller may have retired this run and not stopped its handles yet.
-bool Layer::Join(Clock::time_point deadline)
+void Layer::Join(Clock::time_point deadline)
 {
     Stop();
-    bool joined = !m_notifier.Thread().IsCaller() && m_notifier.Thread().Join(deadline);
+    m_notifier.Thread().Join(deadline);
     for (const std::shared_ptr<Handle>& handle : ClosedHandles())
     {
-        Worker& thread = handle->Thread();
-        joined = !thread.IsCaller() && thread.Join(deadline) && joined;
+        handle->Thread().Join(deadline);
     }
-    return joined;
 }
 
 bool Layer::HasEnded()

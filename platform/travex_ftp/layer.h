@@ -53,7 +53,7 @@ private:
     void Stop() CORPDIR_EXCLUDES(m_mutex);
     void Close(const std::shared_ptr<Handle>& handle) CORPDIR_REQUIRES(m_mutex);
     void JoinEndedThreads() CORPDIR_EXCLUDES(m_mutex);
-    bool Join(Clock::time_point deadline) CORPDIR_EXCLUDES(m_mutex);
+    void Join(Clock::time_point deadline = Clock::time_point::max()) CORPDIR_EXCLUDES(m_mutex);
     bool HasEnded() CORPDIR_EXCLUDES(m_mutex);
     void RemoveTemporaryFiles() CORPDIR_EXCLUDES(m_mutex);
     std::vector<std::shared_ptr<Handle>> ClosedHandles() CORPDIR_EXCLUDES(m_mutex);

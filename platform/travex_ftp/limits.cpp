@@ -12,11 +12,6 @@ namespace
 // 20 days: even doubled it fits into 32 bits of milliseconds.
 constexpr uint64_t kLongest = 1000ull * 3600 * 24 * 20;
 
-milliseconds Bounded(uint64_t number)
-{
-    return milliseconds(std::min(number, kLongest));
-}
-
 // The value of a variable; 0: not set, or not a positive number. secure_getenv: the caller of a
 // set-user-id program cannot change its limits.
 uint64_t FromEnvironment(const char* name)
@@ -67,7 +62,8 @@ void Apply(Limits& limits, const Choose& choose)
     for (const auto& entry : kTimes)
     {
         const uint64_t number = choose(entry);
-        limits.*entry.limit = number != 0 ? Bounded(number) : limits.*entry.limit;
+        const milliseconds limit(std::min(number, kLongest));
+        limits.*entry.limit = number != 0 ? limit : limits.*entry.limit;
     }
     for (const auto& entry : kCounts)
     {

@@ -33,23 +33,19 @@ void Notifier::Progress(const TaskPtr& task, uint64_t bytes, uint64_t total)
 }
 
 // Replaces a queued progress.
-void Notifier::Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
-                        const Timings& timings)
+void Notifier::Finished(const TaskPtr& task, const Task::Report& report)
 {
     const base::MutexLock lock(m_mutex);
+    task->report = report;
     task->report.finished = true;
-    task->report.bytes = bytes;
-    task->report.total = total;
-    task->report.failure = failure;
-    task->report.timings = timings;
     Enqueue(task);
 }
 
 void Notifier::Enqueue(const TaskPtr& task)
 {
-    if (!task->report.queued && !m_stopping)
+    if (!task->reportQueued && !m_stopping)
     {
-        task->report.queued = true;
+        task->reportQueued = true;
         m_queue.Push(task);
         m_changed.NotifyAll();
     }
@@ -84,7 +80,7 @@ bool Notifier::Take(TaskPtr& task, Task::Report& report)
         return false;
     }
     task = m_queue.Pop();
-    task->report.queued = false;
+    task->reportQueued = false;
     report = task->report;
     return true;
 }

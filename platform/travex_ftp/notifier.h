@@ -26,9 +26,8 @@ public:
     // A task has received bytes. Replaces a progress that was not reported yet.
     void Progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(m_mutex);
 
-    // A task has ended; ulRet 0 is success. Reported once, in the order of the calls.
-    void Finished(const TaskPtr& task, const Failure& failure, uint64_t bytes, uint64_t total,
-                  const Timings& timings) CORPDIR_EXCLUDES(m_mutex);
+    // A task has ended. Reported once, in the order of the calls.
+    void Finished(const TaskPtr& task, const Task::Report& report) CORPDIR_EXCLUDES(m_mutex);
 
 private:
     void Run() CORPDIR_EXCLUDES(m_mutex);

@@ -122,7 +122,7 @@ Retrieval::Retrieval(ControlConnection& control, Attempt& attempt, const TaskPtr
       m_usePasv(usePasv),
       m_notifier(notifier),
       m_settings(control.TheSettings()),
-      m_limits(attempt.TheLimits()),
+      m_limits(attempt.limits),
       m_reported(Clock::now())
 {
     m_evidence.stall = m_limits.stall;

@@ -164,15 +164,17 @@ bool SetIdentity(Settings& settings, const Identity& added, const std::string& c
 
 bool Address::Zero() const
 {
-    // ::ffff:0.0.0.0 is the IPv4-mapped zero address.
-    constexpr unsigned char kMapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0};
-    return std::all_of(bytes, bytes + length, [](unsigned char byte) { return byte == 0; }) ||
-           (length == 16 && memcmp(bytes, kMapped, sizeof kMapped) == 0);
+    return Key().find_first_not_of('\0') == std::string::npos;
 }
 
 bool Address::Ipv4() const
 {
-    return base::AddressKey(length == 16 ? AF_INET6 : AF_INET, bytes).size() == 4;
+    return Key().size() == 4;
+}
+
+std::string Address::Key() const
+{
+    return base::AddressKey(length == 16 ? AF_INET6 : AF_INET, bytes);
 }
 
 bool TlsPolicy::operator==(const TlsPolicy& other) const
@@ -185,15 +187,8 @@ bool TlsPolicy::operator==(const TlsPolicy& other) const
 
 bool HasControlCharacter(const char* text)
 {
-    for (; *text != '\0'; ++text)
-    {
-        const unsigned char byte = static_cast<unsigned char>(*text);
-        if (byte < 0x20 || byte == 0x7f)
-        {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(text, text + strlen(text),
+                       [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
 }
 
 Settings::Settings(const tagTRAVEX_FTP_S_CTRL_PARAM& record)

@@ -24,6 +24,9 @@ struct Address
 
     // IPv4, or IPv4-mapped IPv6, which is IPv4 on the wire.
     bool Ipv4() const;
+
+private:
+    std::string Key() const;
 };
 
 // TLS settings of a control record. Two policies are equal when a connection made under one may

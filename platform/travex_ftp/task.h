@@ -28,18 +28,18 @@ struct Task
     // The newest state, for the notification thread. Guarded by the notifier's lock.
     struct Report
     {
-        bool queued = false;
         bool finished = false;
         uint64_t bytes = 0;
         uint64_t total = UINT64_MAX;
         Failure failure{};  // of a finished task; none: success
         Timings timings{};
-    } report;
+    } report{};
+    bool reportQueued = false;  // guarded in the same way
 
     // Links of the transfer queue and of the notification queue. A task is in each at most once, so
     // a queue never holds more than the tasks and needs no memory of its own.
-    std::shared_ptr<Task> nextTransfer;
-    std::shared_ptr<Task> nextReport;
+    std::shared_ptr<Task> nextTransfer{};
+    std::shared_ptr<Task> nextReport{};
 };
 
 using TaskPtr = std::shared_ptr<Task>;

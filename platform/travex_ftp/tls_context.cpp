@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 
@@ -41,14 +42,8 @@ bool IsDatesError(int error)
 // The server name indication: the first listed name, null if there are addresses only.
 const char* SniName(const Identity& identity)
 {
-    for (const std::string& one : identity)
-    {
-        if (!IsAddress(one))
-        {
-            return one.c_str();
-        }
-    }
-    return nullptr;
+    const auto name = std::find_if_not(identity.begin(), identity.end(), IsAddress);
+    return name != identity.end() ? name->c_str() : nullptr;
 }
 
 // The detail of a handshake failure that a user can fix.

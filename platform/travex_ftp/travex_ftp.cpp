@@ -42,32 +42,28 @@ unsigned int Guarded(Body body)
     }
 }
 
-// Reports a refusal to the log and the observer, on the caller's thread. Returns its code.
-unsigned int Refused(const char* what, const Failure& failure, const char* server, const char* file)
+// Reports an accepted or refused download, or refused parameters, to the observer, on the caller's
+// thread.
+void ReportCall(unsigned int kind, unsigned int taskId, const char* server, const char* file,
+                const Failure& failure)
 {
-    TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s refused: %s", server, what, failure.acReason);
     Observation seen{};
-    seen.ulKind = TRAVEX_FTP_OBSERVED_REFUSED;
+    seen.ulKind = kind;
+    seen.ulTaskID = taskId;
     seen.pcServer = server;
     seen.pcServerFile = file;
     seen.ullTotal = TRAVEX_FTP_SIZE_UNKNOWN;
     seen.ulRet = failure.ulRet;
     seen.pcReason = failure.acReason;
     Observe(seen);
-    return failure.ulRet;
 }
 
-// Reports an accepted task to the observer, on the caller's thread.
-void Accepted(const Task& task)
+// Reports a refusal to the log and the observer. Returns its code.
+unsigned int Refused(const char* what, const Failure& failure, const char* server, const char* file)
 {
-    Observation seen{};
-    seen.ulKind = TRAVEX_FTP_OBSERVED_ACCEPTED;
-    seen.ulTaskID = task.id;
-    seen.pcServer = task.settings->serverText.c_str();
-    seen.pcServerFile = task.serverFile.c_str();
-    seen.ullTotal = TRAVEX_FTP_SIZE_UNKNOWN;
-    seen.pcReason = "";
-    Observe(seen);
+    TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s refused: %s", server, what, failure.acReason);
+    ReportCall(TRAVEX_FTP_OBSERVED_REFUSED, 0, server, file, failure);
+    return failure.ulRet;
 }
 
 // The handle; null, with the failure set, if there is none.
@@ -207,21 +203,14 @@ unsigned int Download(TRAVEX_FTP_HANDLE number, unsigned int* taskId, const char
         const char* const server = settings ? settings->serverText.c_str() : "";
         return Refused("download", failure, server, serverFile != nullptr ? serverFile : "");
     }
-    const TaskPtr task(new Task{NextTaskId(),
-                                handle,
-                                settings,
-                                serverFile,
-                                DirectoryOf(settings->workDir, dir),
-                                localFile,
-                                callback,
-                                {},
-                                {},
-                                {}});
+    const TaskPtr task(new Task{NextTaskId(), handle, settings, serverFile,
+                                DirectoryOf(settings->workDir, dir), localFile, callback});
     handle->StartThread();
     // Stored before anything can be reported of the task. Atomic, since the caller may read it on
     // the notification thread at the same time.
     __atomic_store_n(taskId, task->id, __ATOMIC_RELEASE);
-    Accepted(*task);
+    ReportCall(TRAVEX_FTP_OBSERVED_ACCEPTED, task->id, settings->serverText.c_str(), serverFile,
+               failure);
     handle->Submit(task);
     return TRAVEX_FTP_OK;
 }
@@ -317,17 +306,16 @@ unsigned int TRAVEX_FTP_SetDataParam(TRAVEX_FTP_HANDLE handle,
     return Guarded(
         [=]() -> unsigned int
         {
-            const std::shared_ptr<Layer> layer = Layer::Running();
-            if (param == nullptr || layer == nullptr)
+            if (param == nullptr)
             {
-                return param == nullptr ? TRAVEX_FTP_ERR_PARAM : TRAVEX_FTP_ERR_NOT_INIT;
+                return TRAVEX_FTP_ERR_PARAM;
             }
-            const std::shared_ptr<Handle> found = layer->Find(handle);
-            if (found != nullptr)
+            Failure failure{};
+            if (const auto found = FindHandle(Layer::Running(), handle, failure))
             {
                 found->SetDataParam();
             }
-            return found != nullptr ? TRAVEX_FTP_OK : TRAVEX_FTP_ERR_HANDLE;
+            return failure.ulRet;
         });
 }
 

@@ -1,12 +1,13 @@
 #include "trust.h"
 
-#include <dirent.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 #include "openssl_ptr.h"
 
@@ -14,14 +15,6 @@ namespace travex_ftp
 {
 namespace
 {
-struct CloseDirectory
-{
-    void operator()(DIR* directory) const
-    {
-        (void)closedir(directory);
-    }
-};
-
 // Bounds the memory that a wrong path can cost.
 constexpr off_t kLargestFile = 16777216;
 
@@ -203,62 +196,39 @@ bool ListFile(const std::string& path, std::vector<std::string>& files, Failure&
     return true;
 }
 
-// Lists the regular files of a directory, sorted, so that the digest does not depend on the order
-// of readdir.
+// Lists the file, or the regular files of the directory, sorted, so that the digest does not depend
+// on their order in it.
 bool ListFiles(const std::string& path, std::vector<std::string>& files, Failure& failure)
-{
-    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(path.c_str()));
-    if (!directory)
-    {
-        return Refuse(failure, path, SystemError(errno));
-    }
-    for (;;)
-    {
-        errno = 0;
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): this thread alone uses the stream.
-        const dirent* const entry = readdir(directory.get());
-        if (entry == nullptr)
-        {
-            break;
-        }
-        if (!ListFile(path + "/" + entry->d_name, files, failure))
-        {
-            return false;
-        }
-    }
-    if (errno != 0)
-    {
-        return Refuse(failure, path, SystemError(errno));
-    }
-    std::sort(files.begin(), files.end());
-    return true;
-}
-
-// Lists the file, or the files of the directory.
-bool Expand(const std::string& path, std::vector<std::string>& files, Failure& failure)
 {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0)
     {
         return Refuse(failure, path, SystemError(errno));
     }
-    if (S_ISDIR(status.st_mode))
+    if (!S_ISDIR(status.st_mode))
     {
-        return ListFiles(path, files, failure);
+        files.push_back(path);
+        return (S_ISREG(status.st_mode) && status.st_size <= kLargestFile) ||
+               Refuse(failure, path, "not a certificate file");
     }
-    if (!S_ISREG(status.st_mode) || status.st_size > kLargestFile)
+    std::error_code error;
+    const std::filesystem::directory_iterator end;
+    for (std::filesystem::directory_iterator entry(path, error); !error && entry != end;
+         entry.increment(error))
     {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST,
-                    "trusted certificates: %s: not a certificate file", path.c_str());
+        if (!ListFile(entry->path().string(), files, failure))
+        {
+            return false;
+        }
     }
-    files.push_back(path);
-    return true;
+    std::sort(files.begin(), files.end());
+    return !error || Refuse(failure, path, SystemError(error.value()));
 }
 
 bool LoadFiles(const std::string& path, Loader& loader, Failure& failure)
 {
     std::vector<std::string> files;
-    if (!Expand(path, files, failure))
+    if (!ListFiles(path, files, failure))
     {
         return false;
     }
@@ -269,12 +239,7 @@ bool LoadFiles(const std::string& path, Loader& loader, Failure& failure)
             return false;
         }
     }
-    if (loader.Certificates() == 0)
-    {
-        return Fail(failure, TRAVEX_FTP_ERR_TRUST, "trusted certificates: %s: no certificate found",
-                    path.c_str());
-    }
-    return true;
+    return loader.Certificates() != 0 || Refuse(failure, path, "no certificate found");
 }
 
 }  // namespace

@@ -29,10 +29,10 @@ void Worker::Start(const char* name, std::function<void()> body)
 }
 
 // The thread clears m_running in its last step, so joining it after that is short.
-bool Worker::Join(Clock::time_point deadline)
+void Worker::Join(Clock::time_point deadline)
 {
     const base::MutexLock lock(m_mutex);
-    while (m_running)
+    while (m_running && !IsCaller())
     {
         if (deadline == Clock::time_point::max())
         {
@@ -40,14 +40,13 @@ bool Worker::Join(Clock::time_point deadline)
         }
         else if (!m_ended.WaitUntil(m_mutex, deadline) && m_running)
         {
-            return false;
+            return;
         }
     }
-    if (m_thread.Joinable())
+    if (!m_running && m_thread.Joinable())
     {
         m_thread.Join();
     }
-    return true;
 }
 
 bool Worker::HasEnded()

@@ -22,9 +22,9 @@ public:
     // std::bad_alloc.
     void Start(const char* name, std::function<void()> body) CORPDIR_EXCLUDES(m_mutex);
 
-    // Waits for the end of the body, for ever or until a deadline, and joins the thread. Any number
-    // of callers may call it, but not this thread. False when the deadline came first.
-    bool Join(Clock::time_point deadline = Clock::time_point::max()) CORPDIR_EXCLUDES(m_mutex);
+    // Waits for the end of the body, for ever or until a deadline, and joins the thread if it has
+    // ended. Any number of callers may call it; on this worker's thread it does nothing.
+    void Join(Clock::time_point deadline = Clock::time_point::max()) CORPDIR_EXCLUDES(m_mutex);
 
     // The body has ended, or was not started: a join would not wait.
     bool HasEnded() CORPDIR_EXCLUDES(m_mutex);

@@ -35,7 +35,7 @@ DEFINITIONS = {SERVICE_FOLDER + "/ftpcorpdirimpl.cpp": 1, "platform/travex_ftp/l
 
 # Functions of the FTP layer that make a reason, and the arguments that hold a text of their own.
 REASONS = {"Fail": [2], "FailByReply": [2], "FailSystem": [1], "FailLocal": [1, 2], "Refuse": [2],
-           "RequestPort": [1, 2]}
+           "RequestPort": [1, 2], "Require": [4]}
 
 LEVELS = {"0": "error", "1": "notice", "2": "info", "CORPDIR_LOG_ERROR": "error",
           "CORPDIR_LOG_NOTICE": "notice", "CORPDIR_LOG_INFO": "info"}
