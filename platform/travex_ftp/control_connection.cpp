@@ -269,17 +269,16 @@ bool ControlConnection::ReadReply(Attempt& attempt, Reply& reply)
     }
 }
 
-Io ControlConnection::FailTooLong(Attempt& attempt, uint64_t bytes)
+Io ControlConnection::FailTooLong(Attempt& attempt, uint64_t limit, const char* unit)
 {
-    const bool kilobytes = bytes % 1024 == 0;
     (void)Fail(attempt.failure, TRAVEX_FTP_ERR_REPLY, "the reply exceeds %llu %s",
-               static_cast<unsigned long long>(kilobytes ? bytes / 1024 : bytes),
-               kilobytes ? "KB" : "bytes");
+               static_cast<unsigned long long>(limit), unit);
     return Io::kFailed;
 }
 
 Io ControlConnection::PollReply(Attempt& attempt, Reply& reply, const char* heading)
 {
+    const uint64_t bytes = attempt.limits.replyBytes;
     for (;;)
     {
         const uint64_t lines = m_reader.LinesLeft();
@@ -300,11 +299,10 @@ Io ControlConnection::PollReply(Attempt& attempt, Reply& reply, const char* head
                 }
                 return Io::kDone;
             case ReplyReader::Result::kTooManyBytes:
-                return FailTooLong(attempt, attempt.limits.replyBytes);
+                return bytes % 1024 == 0 ? FailTooLong(attempt, bytes / 1024, "KB")
+                                         : FailTooLong(attempt, bytes, "bytes");
             case ReplyReader::Result::kTooManyLines:
-                (void)Fail(attempt.failure, TRAVEX_FTP_ERR_REPLY, "the reply exceeds %llu lines",
-                           static_cast<unsigned long long>(attempt.limits.replyLines));
-                return Io::kFailed;
+                return FailTooLong(attempt, attempt.limits.replyLines, "lines");
             case ReplyReader::Result::kIncomplete:
                 break;
         }

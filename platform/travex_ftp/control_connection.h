@@ -108,7 +108,7 @@ private:
     bool Require(Attempt& attempt, const char* verb, const char* argument, unsigned int code,
                  const char* refused);
     bool DiscardUnsolicited(Attempt& attempt);
-    static Io FailTooLong(Attempt& attempt, uint64_t bytes);
+    static Io FailTooLong(Attempt& attempt, uint64_t limit, const char* unit);
 
     const std::shared_ptr<const Settings> m_settings;
     Channel m_channel;

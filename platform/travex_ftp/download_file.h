@@ -34,7 +34,7 @@ public:
     // The buffer for the next bytes, up to `size` of them; null when memory runs out.
     char* FreeSpace(size_t& size, Failure& failure);
 
-    // Bytes were put there. Written in large pieces; the system is asked early to write them to the
+    // Bytes were put there. Written in large chunks; the system is asked early to write them to the
     // disk, so that the flush at the end is short.
     bool Arrived(size_t length, Failure& failure);
 

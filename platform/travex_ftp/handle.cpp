@@ -34,22 +34,10 @@ void Handle::SetSettings(std::shared_ptr<const Settings> settings)
     m_settings.swap(settings);  // the old settings are destroyed after the lock is released
 }
 
-void Handle::SetDataParam()
-{
-    const base::MutexLock lock(m_mutex);
-    m_dataParam = true;
-}
-
 std::shared_ptr<const Settings> Handle::CurrentSettings()
 {
     const base::MutexLock lock(m_mutex);
     return m_settings;
-}
-
-bool Handle::DataParamSet()
-{
-    const base::MutexLock lock(m_mutex);
-    return m_dataParam;
 }
 
 void Handle::StartThread()

@@ -32,11 +32,17 @@ public:
     Handle& operator=(const Handle&) = delete;
 
     void SetSettings(std::shared_ptr<const Settings> settings) CORPDIR_EXCLUDES(m_mutex);
-    void SetDataParam() CORPDIR_EXCLUDES(m_mutex);
+    void SetDataParam()
+    {
+        m_dataParam = true;
+    }
 
     // The current parameters; null settings: never set.
     std::shared_ptr<const Settings> CurrentSettings() CORPDIR_EXCLUDES(m_mutex);
-    bool DataParamSet() CORPDIR_EXCLUDES(m_mutex);
+    bool DataParamSet() const
+    {
+        return m_dataParam;
+    }
 
     // Starts the thread if it is not running. Throws std::system_error or std::bad_alloc.
     void StartThread() CORPDIR_EXCLUDES(m_mutex);
@@ -100,10 +106,10 @@ private:
     // An eventfd: readable when the handle is closed, or a task came while idle.
     const base::Descriptor m_wake;
     std::atomic<bool> m_closed{false};
+    std::atomic<bool> m_dataParam{false};
 
     base::Mutex m_mutex;
     std::shared_ptr<const Settings> m_settings CORPDIR_GUARDED_BY(m_mutex);
-    bool m_dataParam CORPDIR_GUARDED_BY(m_mutex) = false;
     bool m_started CORPDIR_GUARDED_BY(m_mutex) = false;
     bool m_cancelled CORPDIR_GUARDED_BY(m_mutex) = false;
     bool m_idle CORPDIR_GUARDED_BY(m_mutex) = false;

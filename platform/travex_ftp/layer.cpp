@@ -177,7 +177,7 @@ bool Layer::Init()
     }
     catch (...)
     {
-        layer->Join();  // half a start is undone like a whole one
+        layer->Join();  // a failed start is undone like a complete one
         throw;
     }
     layer->Join();
@@ -224,8 +224,8 @@ std::vector<std::shared_ptr<Handle>> Layer::ClosedHandles()
     return m_closed;
 }
 
-// Joins the threads of closed handles that have ended, so that they do not pile up for a client
-// that makes and closes many handles.
+// Joins the threads of closed handles that have ended, so that they do not accumulate for a client
+// that creates and closes many handles.
 void Layer::JoinEndedThreads()
 {
     for (const std::shared_ptr<Handle>& handle : ClosedHandles())

@@ -319,7 +319,7 @@ bool Retrieval::Opened(const Reply& reply)
         return FailTooLarge();
     }
     Deadline deadline = m_attempt.Until(m_connectUntil);
-    // A reply that came in one piece with the 150 has been read already and wakes no poll.
+    // A reply that came in one segment with the 150 has been read already and wakes no poll.
     while (CheckControl())
     {
         deadline.other = ControlSocket();

@@ -21,7 +21,7 @@ enum class DataEnd
     kTimedOut,       // fewer bytes than the limit
 };
 
-// What is known about a transfer after its 150. Its outcome depends on nothing else.
+// The facts about a transfer after its 150. Its outcome depends on nothing else.
 struct Evidence
 {
     uint64_t announced = TRAVEX_FTP_SIZE_UNKNOWN;

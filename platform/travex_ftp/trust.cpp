@@ -147,27 +147,17 @@ private:
     {
         unsigned char hash[EVP_MAX_MD_SIZE];
         unsigned int length = 0;
-        if (info.x509 != nullptr)
-        {
-            ++m_certificates;
-            if (X509_STORE_add_cert(m_store.get(), info.x509) != 1 ||
-                X509_digest(info.x509, EVP_sha256(), hash, &length) != 1 ||
-                EVP_DigestUpdate(m_digest.get(), hash, length) != 1)
-            {
-                return false;
-            }
-        }
-        if (info.crl != nullptr)
-        {
-            ++m_lists;
-            if (X509_STORE_add_crl(m_store.get(), info.crl) != 1 ||
-                X509_CRL_digest(info.crl, EVP_sha256(), hash, &length) != 1 ||
-                EVP_DigestUpdate(m_digest.get(), hash, length) != 1)
-            {
-                return false;
-            }
-        }
-        return true;
+        const bool added =
+            info.x509 == nullptr || (X509_STORE_add_cert(m_store.get(), info.x509) == 1 &&
+                                     X509_digest(info.x509, EVP_sha256(), hash, &length) == 1 &&
+                                     EVP_DigestUpdate(m_digest.get(), hash, length) == 1);
+        const bool listAdded =
+            info.crl == nullptr || (X509_STORE_add_crl(m_store.get(), info.crl) == 1 &&
+                                    X509_CRL_digest(info.crl, EVP_sha256(), hash, &length) == 1 &&
+                                    EVP_DigestUpdate(m_digest.get(), hash, length) == 1);
+        m_certificates += info.x509 != nullptr ? 1 : 0;
+        m_lists += info.crl != nullptr ? 1 : 0;
+        return added && listAdded;
     }
 
     std::shared_ptr<X509_STORE> m_store;

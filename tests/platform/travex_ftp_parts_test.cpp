@@ -41,9 +41,9 @@ public:
         m_reader.Restart(m_limits);
     }
 
-    // The complete replies in `bytes`, received in pieces of a size, each as "220 ready"; the last
+    // The complete replies in `bytes`, received in chunks of a size, each as "220 ready"; the last
     // entry names the limit that was exceeded, if any.
-    std::vector<std::string> Hear(const std::string& bytes, size_t piece = 1000, bool login = false)
+    std::vector<std::string> Hear(const std::string& bytes, size_t chunk = 1000, bool login = false)
     {
         std::vector<std::string> replies;
         size_t at = 0;
@@ -68,7 +68,7 @@ public:
             {
                 return replies;
             }
-            at += Arrive(bytes, at, piece);
+            at += Arrive(bytes, at, chunk);
         }
     }
 
@@ -85,11 +85,11 @@ public:
     }
 
 private:
-    size_t Arrive(const std::string& bytes, size_t at, size_t piece)
+    size_t Arrive(const std::string& bytes, size_t at, size_t chunk)
     {
         size_t size = 0;
         char* const room = m_reader.FreeSpace(size);
-        const size_t length = std::min({size, piece, bytes.size() - at});
+        const size_t length = std::min({size, chunk, bytes.size() - at});
         memcpy(room, bytes.data() + at, length);
         m_reader.Arrived(length);
         return length;
@@ -107,9 +107,9 @@ TEST(RepliesTest, ReplyOfSeveralLinesEndsWithItsOwnCode)
     const std::string bytes =
         "220-hello\r\n421 is not the end\r\n 220 nor this\r\n220-nor this\r\n220 ready \r\n"
         "331 next\r\n";
-    for (size_t piece = 1; piece <= bytes.size(); ++piece)
+    for (size_t chunk = 1; chunk <= bytes.size(); ++chunk)
     {
-        EXPECT_EQ((Texts{"220 ready", "331 next"}), Listener().Hear(bytes, piece)) << piece;
+        EXPECT_EQ((Texts{"220 ready", "331 next"}), Listener().Hear(bytes, chunk)) << chunk;
     }
     EXPECT_EQ(Texts{}, Listener().Hear("220-hello\r\n421 no\r\n"));
 }
@@ -157,11 +157,11 @@ TEST(RepliesTest, LinesAndBytesAreBounded)
     listener.Restart(3, 1000);
     EXPECT_EQ(Texts{"220 f"}, listener.Hear("220-d\r\n220-e\r\n220 f\r\n"));
     EXPECT_EQ(Texts{"too many lines"}, listener.Hear("220 g\r\n"));
-    for (const size_t piece : {1u, 7u, 1000u})
+    for (const size_t chunk : {1u, 7u, 1000u})
     {
         Listener other;
         other.Restart(1000, 20);
-        EXPECT_EQ(Texts{"too many bytes"}, other.Hear(std::string(21, 'x'), piece)) << piece;
+        EXPECT_EQ(Texts{"too many bytes"}, other.Hear(std::string(21, 'x'), chunk)) << chunk;
     }
 }
 
