@@ -22,7 +22,7 @@ VERSION = re.search(r"project\(corpdir VERSION ([\d.]+)",
                     (SOURCE / "CMakeLists.txt").read_text())[1]
 MAJOR, MINOR, _ = map(int, VERSION.split("."))
 SONAME = "libcorpdir.so.%d" % MAJOR
-# What a cross build sets.
+# Set by a cross build.
 CC, CXX, STRIP, EMULATOR = (os.environ.get("CORPDIR_" + name, usual).split() for name, usual in (
     ("CC", "gcc"), ("CXX", "g++"), ("STRIP", "strip"), ("EMULATOR", "")))
 SIZE_LIMIT = 400_000  # bytes of the stripped shared library

@@ -75,7 +75,7 @@ void CCorpDirLog::WriteLog(const char* module, const char* function, const char*
     }
 }
 
-// What a trace is made with is the same everywhere but for function and line.
+// All traces are made with the same arguments except function and line.
 FunctionTrace::FunctionTrace(CCorpDirLog** log, const char* module, const char* function,
                              const char* file, unsigned int line, void (*print)(const char*),
                              unsigned int logMode, const char* module2)

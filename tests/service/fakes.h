@@ -45,7 +45,7 @@ std::vector<std::string> TakeLogged();
 // Calls of one function since Reset.
 unsigned int Calls(const std::string& strFunction);
 
-// What the contract of a layer forbids and happened nevertheless.
+// Calls that the contract of a layer forbids.
 std::vector<std::string> TakeMisuses();
 
 // Adds an event of the test's own.

@@ -53,7 +53,7 @@ protected:
         return vecLines;
     }
 
-    // Of the last run.
+    // Results of the last run.
     bool bFired = false;  // the failing call came
     Lines vecUnused;      // rules whose call did not come
     Lines vecMisuses;

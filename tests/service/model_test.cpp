@@ -115,7 +115,7 @@ public:
     unsigned int ulCipherCount = 0;
     bool bCipherStorage = false;
     std::vector<int> vecCiphers;
-    unsigned int ulToldGood = 0, ulToldBad = 0;
+    unsigned int ulReportedGood = 0, ulReportedBad = 0;
 
     Version version;                  // the version file on disk
     unsigned int ulNextTask = 1;      // the library's
@@ -323,7 +323,7 @@ void Model::Notify(unsigned int ulType, unsigned int ulTask, const std::string& 
     }
     else if (ulType == OVER && ulTask == ulCorpDirTask)
     {
-        ulToldGood += bCallback ? 1 : 0;
+        ulReportedGood += bCallback ? 1 : 0;
     }
 }
 
@@ -353,7 +353,7 @@ void Model::Failed(unsigned int ulTask, const std::string& strFile)
     {
         *pulMember = 0;
     }
-    ulToldBad += bCallback ? 1 : 0;
+    ulReportedBad += bCallback ? 1 : 0;
     if (strIPs.empty())
     {
         strIPs = strAllIPs;
@@ -457,8 +457,8 @@ private:
     Lines vecDone;  // the events of this sequence, for a failure's message
     bool bStartFailed = false;
     unsigned int ulCompared = 0;  // the task whose parameters were compared last
-    unsigned int ulToldGood = 0;
-    unsigned int ulToldBad = 0;
+    unsigned int ulReportedGood = 0;
+    unsigned int ulReportedBad = 0;
 };
 
 void ModelTest::BeginSequence()
@@ -470,7 +470,7 @@ void ModelTest::BeginSequence()
     model = std::make_unique<Model>();
     vecDone.clear();
     bStartFailed = false;
-    ulToldGood = ulToldBad = ulCompared = 0;
+    ulReportedGood = ulReportedBad = ulCompared = 0;
 }
 
 void ModelTest::RunSequence(unsigned int ulSeed)
@@ -709,11 +709,11 @@ void ModelTest::Compare()
     EXPECT_EQ(Tasks(), std::vector<unsigned int>(model->queTasks.begin(), model->queTasks.end()));
     for (const std::string& strLine : Only(Trace(), {"client("}))
     {
-        ulToldGood += strLine == "client(1, 0, null, null)" ? 1 : 0;
-        ulToldBad += strLine == "client(1, 1, null, null)" ? 1 : 0;
+        ulReportedGood += strLine == "client(1, 0, null, null)" ? 1 : 0;
+        ulReportedBad += strLine == "client(1, 1, null, null)" ? 1 : 0;
     }
-    EXPECT_EQ(ulToldGood, model->ulToldGood);
-    EXPECT_EQ(ulToldBad, model->ulToldBad);
+    EXPECT_EQ(ulReportedGood, model->ulReportedGood);
+    EXPECT_EQ(ulReportedBad, model->ulReportedBad);
     Logged();
 }
 

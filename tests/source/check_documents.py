@@ -19,7 +19,7 @@ import sys
 import unicodedata
 
 NOT_OURS = {".git", ".cache", "build", "__pycache__"}
-# Names with these endings are files of the tree, wherever they stand.
+# Names with these endings are files of the tree, wherever they occur.
 ENDINGS = (".cpp", ".h", ".c", ".py", ".md", ".cmake", ".map", ".service", ".supp")
 
 LINK = re.compile(r"\[[^\]]*\]\(([^()\s]+)\)|^\[[^\]]+\]:\s*(\S+)$", re.M)

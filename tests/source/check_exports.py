@@ -2,7 +2,7 @@
 """Checks that a shared library exports what it is to export, and nothing else.
 
 Usage: check_exports.py NM LIBRARY NAME...
-A name that ends in ".h" stands for the functions that this header declares with CORPDIR_API.
+A name that ends in ".h" means the functions that this header declares with CORPDIR_API.
 """
 
 import pathlib

@@ -39,7 +39,7 @@ ALLOWED = {
 # The program's folders, and the others of them that each may include.
 PROGRAM = {"os": set(), "cli": {"os"}, "ui": {"os", "cli"}, "commands": {"os", "cli", "ui"}}
 
-# The one folder in which a library's headers may stand.
+# The one folder that may include a library's headers.
 THIRD_PARTY = {
     "openssl/": {"platform/zep", "platform/travex_ftp"},
     "CLI/": {"tools/corpdir"},

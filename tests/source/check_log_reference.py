@@ -18,8 +18,8 @@ import sys
 SERVICE, FTP, OSAK, LOG = "ZepCorpDirectory", "travex_ftp", "osak", "corpdir_log"
 SERVICE_FOLDER = "service/im/imcorpdirectory/ftpcorpdirectory/src"
 
-# Folder, macro or function, component, and where level and format stand among its arguments. A
-# function's name stands at -1 when it is the one around the call.
+# Folder, macro or function, component, and the positions of level and format among its arguments. The
+# position of a function's name is -1 when it is the function around the call.
 DOORS = [
     (SERVICE_FOLDER, "LOG", SERVICE, -1, 0, 1),
     (SERVICE_FOLDER, "LOG_AS", SERVICE, 0, 1, 2),
@@ -152,7 +152,7 @@ class Sources:
         self.records.setdefault((component, LEVELS[found[level]], shown(words)), set()).add(function)
 
     def add_traces(self, name, code):
-        """Both texts of a trace stand in function_trace.cpp, its functions in the service."""
+        """Both texts of a trace are in function_trace.cpp, its functions in the service."""
         if name == SERVICE_FOLDER + "/ftpcorpdirimpl.cpp":
             traced = {enclosing(code, position) for position, _ in calls(code, "TRACE")}
             trace = (self.root / "platform/corpdir_log/function_trace.cpp").read_text()

@@ -45,7 +45,7 @@ size_t CountWith(const std::string& part);
 
 void Clear();
 
-// What CorpDir_OpenLog returns from now on; 0 at first.
+// The result of CorpDir_OpenLog from now on; 0 at first.
 void SetOpenResult(unsigned int result);
 
 }  // namespace captured_log

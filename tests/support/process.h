@@ -13,7 +13,7 @@
 namespace support
 {
 
-// What to start. The program is looked up in PATH unless it holds a slash.
+// The command to start. The program is looked up in PATH unless it contains a slash.
 struct Command
 {
     std::vector<std::string> arguments;                            // the program first

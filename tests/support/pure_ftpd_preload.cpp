@@ -1,8 +1,8 @@
-// Loaded into Pure-FTPd by LD_PRELOAD: what the program wants of the system and a test cannot give.
+// Loaded into Pure-FTPd by LD_PRELOAD: replaces system functions that a test cannot provide.
 //
-// Its messages, for which it knows the system's log alone, go to the file that the variable
-// CORPDIR_SYSLOG_FILE names. Supplementary groups are given up, as it insists on, where that is
-// allowed, and kept where it is not: it runs as the user who launched it.
+// Its messages, which it writes to the system's log only, go to the file that the variable
+// CORPDIR_SYSLOG_FILE names. It insists on dropping supplementary groups: they are dropped where
+// that is allowed, and kept where it is not, since it runs as the user who launched it.
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -27,7 +27,7 @@ extern "C"
 {
     void openlog(const char*, int, int) {}
 
-    // What <syslog.h> makes of syslog() with -D_FORTIFY_SOURCE. One write per line: sessions are
+    // <syslog.h> turns syslog() into this with -D_FORTIFY_SOURCE. One write per line: sessions are
     // processes.
     __attribute__((format(printf, 3, 4))) void __syslog_chk(int, int, const char* format, ...)
     {
@@ -51,8 +51,8 @@ extern "C"
         return setgroups(1, &group);
     }
 
-    // It makes one directory on its own, as root: for a list of its clients under /run, where what
-    // ends by a signal leaves its file behind. Without the directory there is no list.
+    // As root it makes one directory, for a list of its clients under /run, where a process that a
+    // signal ends leaves its file behind. Without the directory there is no list.
     int mkdir(const char*, mode_t) noexcept
     {
         errno = EACCES;

@@ -16,10 +16,10 @@ void PrintTo(const Event& event, std::ostream* stream)
             << event.file << ", " << event.bytes << " bytes, " << event.reason << ")";
 }
 
-void Told::OnEvent(void* user, const corpdir_event* event)
+void RecordedEvents::OnEvent(void* user, const corpdir_event* event)
 {
     EXPECT_EQ(event->size, sizeof *event);
-    auto& told = *static_cast<Told*>(user);
+    auto& events = *static_cast<RecordedEvents*>(user);
     const Event copy = {static_cast<corpdir_event_kind>(event->kind),
                         static_cast<corpdir_code>(event->code),
                         event->server,
@@ -29,9 +29,9 @@ void Told::OnEvent(void* user, const corpdir_event* event)
                         event->total};
     std::function<void(const Event&)> action;
     {
-        const std::lock_guard<std::mutex> lock(told.m_mutex);
-        told.m_events.push_back(copy);
-        action = told.m_action;
+        const std::lock_guard<std::mutex> lock(events.m_mutex);
+        events.m_events.push_back(copy);
+        action = events.m_action;
     }
     if (action)
     {
@@ -39,19 +39,19 @@ void Told::OnEvent(void* user, const corpdir_event* event)
     }
 }
 
-void Told::Then(std::function<void(const Event&)> action)
+void RecordedEvents::Then(std::function<void(const Event&)> action)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_action = std::move(action);
 }
 
-std::vector<Event> Told::Events() const
+std::vector<Event> RecordedEvents::All() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_events;
 }
 
-std::vector<Event> Told::Of(corpdir_event_kind kind) const
+std::vector<Event> RecordedEvents::OfKind(corpdir_event_kind kind) const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<Event> found;
@@ -60,13 +60,14 @@ std::vector<Event> Told::Of(corpdir_event_kind kind) const
     return found;
 }
 
-bool Told::WaitFor(corpdir_event_kind kind, std::size_t count) const
+bool RecordedEvents::WaitFor(corpdir_event_kind kind, std::size_t count) const
 {
-    return support::WaitUntil([&] { return Of(kind).size() >= count; }, std::chrono::seconds(30));
+    return support::WaitUntil([&] { return OfKind(kind).size() >= count; },
+                              std::chrono::seconds(30));
 }
 
 CRequest::CRequest(const support::FtpServer& server, const support::TestCertificates& certificates,
-                   const std::string& output, Told& told)
+                   const std::string& output, RecordedEvents& events)
     : servers(server.Host()),
       user(server.Options().user),
       password(server.Options().password),
@@ -84,8 +85,8 @@ CRequest::CRequest(const support::FtpServer& server, const support::TestCertific
     record.directory_dir = directory.c_str();
     record.mode =
         server.Options().tls == support::Tls::kNone ? CORPDIR_MODE_FTP : CORPDIR_MODE_FTPS;
-    record.on_event = &Told::OnEvent;
-    record.user_data = &told;
+    record.on_event = &RecordedEvents::OnEvent;
+    record.user_data = &events;
 }
 
 }  // namespace integration

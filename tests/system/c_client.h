@@ -29,8 +29,8 @@ struct Event
 // How GoogleTest shows one.
 void PrintTo(const Event& event, std::ostream* stream);
 
-// What one callback was told. Thread-safe; must outlive the callback.
-class Told
+// The events that one callback received. Thread-safe; must outlive the callback.
+class RecordedEvents
 {
 public:
     static void OnEvent(void* user, const corpdir_event* event);
@@ -38,8 +38,8 @@ public:
     // Runs on the event thread after the event was recorded.
     void Then(std::function<void(const Event&)> action);
 
-    std::vector<Event> Events() const;
-    std::vector<Event> Of(corpdir_event_kind kind) const;
+    std::vector<Event> All() const;
+    std::vector<Event> OfKind(corpdir_event_kind kind) const;
     bool WaitFor(corpdir_event_kind kind, std::size_t count = 1) const;  // false: not in time
 
 private:
@@ -52,7 +52,7 @@ private:
 struct CRequest
 {
     CRequest(const support::FtpServer& server, const support::TestCertificates& certificates,
-             const std::string& directory, Told& told);
+             const std::string& directory, RecordedEvents& events);
     CRequest(const CRequest&) = delete;
     CRequest& operator=(const CRequest&) = delete;
 

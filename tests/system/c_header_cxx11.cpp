@@ -1,4 +1,4 @@
-// That corpdir_c.h is C++11, for c_header_test.c.
+// Checks that corpdir_c.h is C++11, for c_header_test.c.
 #include "corpdir_c.h"
 
 extern "C"

@@ -54,7 +54,7 @@ corpdir_log_settings LogIn(const std::string& directory)
     return log;
 }
 
-// A client that was opened; the test may close it before.
+// An open client; the test may close it.
 class CLibrary : public ::testing::Test
 {
 protected:
@@ -105,7 +105,7 @@ protected:
 
     ~CLibraryFetch() override
     {
-        // Before what its callbacks use.
+        // The callbacks use members of this class.
         corpdir_close(m_client);
     }
 
@@ -114,26 +114,26 @@ protected:
         return m_server->Host() + ":" + std::to_string(m_server->Port());
     }
 
-    corpdir_code Start(Told& told)
+    corpdir_code Start(RecordedEvents& events)
     {
-        return Start(told, [](CRequest&) {});
+        return Start(events, [](CRequest&) {});
     }
 
-    corpdir_code Start(Told& told, const std::function<void(CRequest&)>& change)
+    corpdir_code Start(RecordedEvents& events, const std::function<void(CRequest&)>& change)
     {
-        CRequest request(*m_server, m_certificates, m_output.Path(), told);
+        CRequest request(*m_server, m_certificates, m_output.Path(), events);
         change(request);
         return corpdir_start(m_client, &request.record);
     }
 
-    // A fetch of its own, from an opened client to a delivered file.
+    // Fetches the directory and closes the client.
     void ExpectFetch()
     {
-        Told told;
-        ASSERT_EQ(Start(told), CORPDIR_OK);
-        EXPECT_TRUE(told.WaitFor(CORPDIR_EVENT_DELIVERED));
+        RecordedEvents events;
+        ASSERT_EQ(Start(events), CORPDIR_OK);
+        EXPECT_TRUE(events.WaitFor(CORPDIR_EVENT_DELIVERED));
         corpdir_close(m_client);
-        EXPECT_THAT(told.Of(CORPDIR_EVENT_FAILED), IsEmpty());
+        EXPECT_THAT(events.OfKind(CORPDIR_EVENT_FAILED), IsEmpty());
         EXPECT_EQ(ReadFile(m_output.File("directory.csv")), m_bytes);
     }
 
@@ -141,7 +141,7 @@ protected:
     FtpServerOptions m_options;
     std::string m_bytes;
     std::unique_ptr<PyFtpServer> m_server;
-    Told m_told;
+    RecordedEvents m_events;
 };
 
 // A directory that takes minutes at the server's rate.
@@ -150,16 +150,16 @@ class CLibraryTransfer : public CLibraryFetch
 protected:
     CLibraryTransfer() : CLibraryFetch(1000000, 60000000) {}
 
-    // Until the directory's first bytes have been told.
+    // Returns when the directory's first bytes have been reported.
     void StartTransfer()
     {
-        ASSERT_EQ(Start(m_told), CORPDIR_OK);
-        ASSERT_TRUE(WaitUntil([this] { return UnderWay(m_told); }));
+        ASSERT_EQ(Start(m_events), CORPDIR_OK);
+        ASSERT_TRUE(WaitUntil([this] { return UnderWay(m_events); }));
     }
 
-    static bool UnderWay(const Told& told)
+    static bool UnderWay(const RecordedEvents& events)
     {
-        for (const Event& event : told.Of(CORPDIR_EVENT_PROGRESS))
+        for (const Event& event : events.OfKind(CORPDIR_EVENT_PROGRESS))
         {
             if (event.file == "directory.csv" && event.bytes > 0)
             {
@@ -377,10 +377,10 @@ TEST_P(CLibraryMember, IsRefusedWithItsCode)
 INSTANTIATE_TEST_SUITE_P(Request, CLibraryMember, ::testing::ValuesIn(kBadMembers),
                          [](const auto& tested) { return tested.param.name; });
 
-// What is at its limit goes to the server: it is not there, which is told as an event.
+// A text at its limit is passed on to the server, which does not exist: an event reports that.
 TEST_F(CLibrary, TextsAtTheirLimitsAreTaken)
 {
-    Told told;
+    RecordedEvents events;
     const std::string port_servers = "127.0.0.1;" + std::string(255, 'a');
     const std::string directory = "/" + std::string(125, 'd');
     const std::string ca = "ca=system;name=" + std::string(240, 'n');
@@ -393,41 +393,41 @@ TEST_F(CLibrary, TextsAtTheirLimitsAreTaken)
     request.directory_name = kDots255.c_str();
     request.trust = ca.c_str();
     request.local_address = "127.0.0.1";
-    request.on_event = &Told::OnEvent;
-    request.user_data = &told;
+    request.on_event = &RecordedEvents::OnEvent;
+    request.user_data = &events;
     EXPECT_EQ(corpdir_start(m_client, &request), CORPDIR_OK) << StartReason();
-    EXPECT_TRUE(told.WaitFor(CORPDIR_EVENT_FAILED));
+    EXPECT_TRUE(events.WaitFor(CORPDIR_EVENT_FAILED));
     corpdir_close(m_client);
 }
 
 // --- Fetching ---
 
-TEST_F(CLibraryFetch, DeliversTheFileAndTellsOfIt)
+TEST_F(CLibraryFetch, DeliversTheFileAndReportsIt)
 {
-    ASSERT_EQ(Start(m_told), CORPDIR_OK) << StartReason();
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    ASSERT_EQ(Start(m_events), CORPDIR_OK) << StartReason();
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
     corpdir_close(m_client);
     EXPECT_EQ(ReadFile(m_output.File("directory.csv")), m_bytes);
     EXPECT_EQ(ReadFile(m_output.File("version.txt")), "edition 17\n");
-    const auto transferred = m_told.Of(CORPDIR_EVENT_TRANSFERRED);
+    const auto transferred = m_events.OfKind(CORPDIR_EVENT_TRANSFERRED);
     ASSERT_THAT(transferred, SizeIs(2));
     EXPECT_EQ(transferred[0].file, "version.txt");
     EXPECT_EQ(transferred[1].file, "directory.csv");
-    const Event last = m_told.Events().back();
+    const Event last = m_events.All().back();
     EXPECT_EQ(last.kind, CORPDIR_EVENT_DELIVERED);
     EXPECT_EQ(last.code, CORPDIR_OK);
     EXPECT_EQ(last.server, Endpoint());
     EXPECT_EQ(last.file, "directory.csv");
     EXPECT_EQ(last.bytes, m_bytes.size());
     EXPECT_EQ(last.reason, "");
-    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_FAILED), IsEmpty());
+    EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_FAILED), IsEmpty());
 }
 
 TEST_F(CLibraryFetch, PutsTheFilesWhereTheRequestSays)
 {
     TemporaryDirectory versions;
     const std::string version_dir = versions.Path() + "/";
-    ASSERT_EQ(Start(m_told,
+    ASSERT_EQ(Start(m_events,
                     [&](CRequest& request)
                     {
                         request.record.version_dir = version_dir.c_str();
@@ -435,7 +435,7 @@ TEST_F(CLibraryFetch, PutsTheFilesWhereTheRequestSays)
                         request.record.directory_name = "people.csv";
                     }),
               CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
     corpdir_close(m_client);
     EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre("people.csv"));
     EXPECT_THAT(FilesIn(versions.Path()), ElementsAre("edition"));
@@ -443,17 +443,17 @@ TEST_F(CLibraryFetch, PutsTheFilesWhereTheRequestSays)
 
 TEST_F(CLibraryFetch, WithoutACallbackItFetchesAllTheSame)
 {
-    ASSERT_EQ(Start(m_told, [](CRequest& request) { request.record.on_event = nullptr; }),
+    ASSERT_EQ(Start(m_events, [](CRequest& request) { request.record.on_event = nullptr; }),
               CORPDIR_OK);
     EXPECT_TRUE(WaitUntil([this] { return FilesIn(m_output.Path()).size() == 2; }));
     corpdir_close(m_client);
-    EXPECT_THAT(m_told.Events(), IsEmpty());
+    EXPECT_THAT(m_events.All(), IsEmpty());
 }
 
-// Longer records are of a later header: the members that this library does not know are zero.
+// A longer record comes from a later header: members that this library does not know must be zero.
 TEST_F(CLibraryFetch, ALongerRecordIsTakenWhenTheRestIsZero)
 {
-    CRequest request(*m_server, m_certificates, m_output.Path(), m_told);
+    CRequest request(*m_server, m_certificates, m_output.Path(), m_events);
     struct
     {
         corpdir_request known;
@@ -463,7 +463,7 @@ TEST_F(CLibraryFetch, ALongerRecordIsTakenWhenTheRestIsZero)
     EXPECT_EQ(corpdir_start(m_client, &longer.known), CORPDIR_ERR_ARGUMENT);
     longer.later = 0;
     EXPECT_EQ(corpdir_start(m_client, &longer.known), CORPDIR_OK);
-    EXPECT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
 }
 
 TEST_F(CLibraryFetch, TheSuitesThatWereSetAreOffered)
@@ -472,9 +472,9 @@ TEST_F(CLibraryFetch, TheSuitesThatWereSetAreOffered)
     ASSERT_EQ(corpdir_set_ciphers(m_client, suites, 1), CORPDIR_OK);
     for (int i = 0; i < 2; ++i)  // the second start finds them again
     {
-        Told told;
-        ASSERT_EQ(Start(told), CORPDIR_OK) << StartReason();
-        ASSERT_TRUE(told.WaitFor(CORPDIR_EVENT_DELIVERED));
+        RecordedEvents events;
+        ASSERT_EQ(Start(events), CORPDIR_OK) << StartReason();
+        ASSERT_TRUE(events.WaitFor(CORPDIR_EVENT_DELIVERED));
         EXPECT_THAT(m_server->Log(), HasSubstr("TLS control TLSv1.3 TLS_AES_256_GCM_SHA384"));
         EXPECT_THAT(m_server->Log(), Not(HasSubstr("TLSv1.2")));
         if (i == 1)
@@ -483,18 +483,18 @@ TEST_F(CLibraryFetch, TheSuitesThatWereSetAreOffered)
         }
         else
         {
-            ASSERT_EQ(Start(m_told), CORPDIR_OK);
-            ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+            ASSERT_EQ(Start(m_events), CORPDIR_OK);
+            ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
         }
     }
 }
 
-TEST_F(CLibraryFetch, AnAddedSuiteStandsBesideTheUsualThree)
+TEST_F(CLibraryFetch, AnAddedSuiteIsOfferedBesideTheUsualThree)
 {
     ASSERT_EQ(corpdir_add_cipher(m_client, 0x1302), CORPDIR_OK);
     ASSERT_EQ(corpdir_add_cipher(m_client, 0x1302), CORPDIR_OK);
-    ASSERT_EQ(Start(m_told), CORPDIR_OK) << StartReason();
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    ASSERT_EQ(Start(m_events), CORPDIR_OK) << StartReason();
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
     EXPECT_THAT(m_server->Log(), HasSubstr("TLSv1.3"));
     corpdir_close(m_client);  // until then the log's thread may be behind
     const std::string log = ReadFile(m_log.File("corpdir.log"));
@@ -503,13 +503,13 @@ TEST_F(CLibraryFetch, AnAddedSuiteStandsBesideTheUsualThree)
 
 // --- Failures ---
 
-TEST_F(CLibraryFetch, AWrongPasswordIsToldInWords)
+TEST_F(CLibraryFetch, AWrongPasswordIsReportedInWords)
 {
-    ASSERT_EQ(Start(m_told, [](CRequest& request) { request.record.password = "not-this-one"; }),
+    ASSERT_EQ(Start(m_events, [](CRequest& request) { request.record.password = "not-this-one"; }),
               CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED, 2));  // a list of one server is asked twice
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_FAILED, 2));  // a list of one server is asked twice
     corpdir_close(m_client);
-    for (const Event& event : m_told.Of(CORPDIR_EVENT_FAILED))
+    for (const Event& event : m_events.OfKind(CORPDIR_EVENT_FAILED))
     {
         EXPECT_EQ(event.code, CORPDIR_ERR_LOGIN);
         EXPECT_EQ(event.file, "version.txt");
@@ -517,18 +517,18 @@ TEST_F(CLibraryFetch, AWrongPasswordIsToldInWords)
         EXPECT_THAT(event.reason, StartsWith("login refused: 530"));
         EXPECT_THAT(event.reason, Not(HasSubstr("not-this-one")));
     }
-    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_DELIVERED), IsEmpty());
+    EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_DELIVERED), IsEmpty());
     EXPECT_THAT(FilesIn(m_output.Path()), IsEmpty());
 }
 
-TEST_F(CLibraryFetch, AnUnknownAuthorityIsToldBeforeThePasswordIsSent)
+TEST_F(CLibraryFetch, AnUnknownAuthorityFailsBeforeThePasswordIsSent)
 {
     const std::string other = "ca=" + m_certificates.OtherAuthority();
-    ASSERT_EQ(Start(m_told, [&](CRequest& request) { request.record.trust = other.c_str(); }),
+    ASSERT_EQ(Start(m_events, [&](CRequest& request) { request.record.trust = other.c_str(); }),
               CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED));
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_FAILED));
     corpdir_close(m_client);
-    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_FAILED),
+    EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_FAILED),
                 Each(AllOf(Field(&Event::code, CORPDIR_ERR_CERTIFICATE),
                            Field(&Event::reason, HasSubstr("certificate")))));
     EXPECT_EQ(m_server->CountCommands("PASS"), 0u);
@@ -537,35 +537,36 @@ TEST_F(CLibraryFetch, AnUnknownAuthorityIsToldBeforeThePasswordIsSent)
 TEST_F(CLibraryFetch, WithoutVerificationAnyAuthorityIsTaken)
 {
     const std::string other = "ca=" + m_certificates.OtherAuthority();
-    ASSERT_EQ(Start(m_told,
+    ASSERT_EQ(Start(m_events,
                     [&](CRequest& request)
                     {
                         request.record.trust = other.c_str();
                         request.record.without_verification = 1;
                     }),
               CORPDIR_OK);
-    EXPECT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
 }
 
-// A start that fails says why, tells nobody, and leaves a client that can be used.
+// A start that fails gives its reason, reports no event, and leaves a usable client.
 TEST_F(CLibraryFetch, AStartThatFailsGivesItsReason)
 {
     const auto with_trust = [](const char* trust)
     { return [trust](CRequest& request) { request.record.trust = trust; }; };
-    EXPECT_EQ(Start(m_told, with_trust("ca=/nonexistent.pem")), CORPDIR_ERR_AUTHORITIES);
+    EXPECT_EQ(Start(m_events, with_trust("ca=/nonexistent.pem")), CORPDIR_ERR_AUTHORITIES);
     EXPECT_THAT(StartReason(), HasSubstr("/nonexistent.pem"));
-    EXPECT_EQ(Start(m_told, with_trust("colour=blue")), CORPDIR_ERR_AUTHORITIES);
+    EXPECT_EQ(Start(m_events, with_trust("colour=blue")), CORPDIR_ERR_AUTHORITIES);
 
     const std::uint16_t suite = 0xfffe;
     ASSERT_EQ(corpdir_set_ciphers(m_client, &suite, 1), CORPDIR_OK);
-    EXPECT_EQ(Start(m_told), CORPDIR_ERR_CIPHER);
+    EXPECT_EQ(Start(m_events), CORPDIR_ERR_CIPHER);
     EXPECT_THAT(StartReason(), HasSubstr("0x0300FFFE"));
     ASSERT_EQ(corpdir_set_ciphers(m_client, nullptr, 0), CORPDIR_OK);
 
-    EXPECT_EQ(Start(m_told, [](CRequest& request) { request.record.servers = "nowhere.invalid"; }),
-              CORPDIR_ERR_NOT_STARTED);
+    EXPECT_EQ(
+        Start(m_events, [](CRequest& request) { request.record.servers = "nowhere.invalid"; }),
+        CORPDIR_ERR_NOT_STARTED);
     EXPECT_THAT(StartReason(), StartsWith("nowhere.invalid: "));
-    EXPECT_THAT(m_told.Events(), IsEmpty());
+    EXPECT_THAT(m_events.All(), IsEmpty());
 
     char cut[4];
     EXPECT_GT(corpdir_start_reason(m_client, cut, sizeof cut), 3u);
@@ -579,10 +580,10 @@ TEST_F(CLibraryFetch, AServerWithoutAnAddressFailsAndTheOthersAreAsked)
 {
     const std::string servers =
         "nowhere.invalid;" + m_server->Host() + ";" + std::string(255, 'a') + ";10.1";
-    ASSERT_EQ(Start(m_told, [&](CRequest& request) { request.record.servers = servers.c_str(); }),
+    ASSERT_EQ(Start(m_events, [&](CRequest& request) { request.record.servers = servers.c_str(); }),
               CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
-    const std::vector<Event> failed = m_told.Of(CORPDIR_EVENT_FAILED);
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
+    const std::vector<Event> failed = m_events.OfKind(CORPDIR_EVENT_FAILED);
     ASSERT_EQ(failed.size(), 3u);
     EXPECT_THAT(failed, Each(AllOf(Field(&Event::code, CORPDIR_ERR_CONNECT),
                                    Field(&Event::file, "version.txt"))));
@@ -592,55 +593,55 @@ TEST_F(CLibraryFetch, AServerWithoutAnAddressFailsAndTheOthersAreAsked)
     EXPECT_NE(failed[2].reason, "");
 }
 
-// An address is for itself, and names of the trust text are for every server.
+// A listed address must be in the certificate, unless the trust text gives names.
 TEST_F(CLibraryFetch, TheCertificateIsForWhatIsListed)
 {
     const std::string named = "ca=" + m_certificates.Authority() + ";name=directory.test";
-    ASSERT_EQ(Start(m_told, [&](CRequest& request) { request.record.trust = named.c_str(); }),
+    ASSERT_EQ(Start(m_events, [&](CRequest& request) { request.record.trust = named.c_str(); }),
               CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
 
-    Told other;
+    RecordedEvents other;
     const std::string wrong = "ca=" + m_certificates.Authority() + ";name=elsewhere.test";
     ASSERT_EQ(Start(other, [&](CRequest& request) { request.record.trust = wrong.c_str(); }),
               CORPDIR_OK);
     ASSERT_TRUE(other.WaitFor(CORPDIR_EVENT_FAILED));
-    EXPECT_EQ(other.Of(CORPDIR_EVENT_FAILED)[0].reason,
+    EXPECT_EQ(other.OfKind(CORPDIR_EVENT_FAILED)[0].reason,
               "certificate is not valid for host elsewhere.test");
 }
 
-// The certificate is for both loopback addresses, one of which is that of the name.
-TEST_F(CLibraryFetch, AListedNameMustStandInTheCertificate)
+// The certificate has both loopback addresses, one of which is that of the name.
+TEST_F(CLibraryFetch, AListedNameMustBeInTheCertificate)
 {
     addrinfo* list = nullptr;
     ASSERT_EQ(getaddrinfo("localhost", nullptr, nullptr, &list), 0);
     m_options.host = list->ai_family == AF_INET6 ? "::1" : "127.0.0.1";
     freeaddrinfo(list);
     m_server = std::make_unique<PyFtpServer>(m_options);
-    ASSERT_EQ(Start(m_told, [](CRequest& request) { request.record.servers = "localhost"; }),
+    ASSERT_EQ(Start(m_events, [](CRequest& request) { request.record.servers = "localhost"; }),
               CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED));
-    EXPECT_EQ(m_told.Of(CORPDIR_EVENT_FAILED)[0].reason,
-              "certificate is not valid for host localhost");
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_FAILED));
+    EXPECT_EQ(m_events.OfKind(CORPDIR_EVENT_FAILED)[0].reason, "certificate is not valid for host localhost");
     EXPECT_EQ(m_server->CountCommands("USER"), 0u);
 }
 
 TEST_F(CLibraryFetch, ALogThatIsGoneFailsTheRestart)
 {
-    ASSERT_EQ(Start(m_told), CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    ASSERT_EQ(Start(m_events), CORPDIR_OK);
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
     std::filesystem::remove_all(m_log.Path());
-    Told second;
+    RecordedEvents second;
     EXPECT_EQ(Start(second), CORPDIR_ERR_LOG);
-    EXPECT_THAT(second.Events(), IsEmpty());
+    EXPECT_THAT(second.All(), IsEmpty());
     std::filesystem::create_directory(m_log.Path());
     ExpectFetch();
 }
 
-// On the thread that was to begin the transfer, which a close within the callback joins.
-TEST_F(CLibraryFetch, ALaterTransferThatIsRefusedIsTold)
+// The event comes on the thread that was to begin the transfer, and a close in the callback joins
+// it.
+TEST_F(CLibraryFetch, ALaterTransferThatIsRefusedIsReported)
 {
-    m_told.Then(
+    m_events.Then(
         [this](const Event& event)
         {
             if (event.kind == CORPDIR_EVENT_REFUSED)
@@ -648,12 +649,12 @@ TEST_F(CLibraryFetch, ALaterTransferThatIsRefusedIsTold)
                 corpdir_close(m_client);
             }
         });
-    ASSERT_EQ(Start(m_told, [](CRequest& request)
+    ASSERT_EQ(Start(m_events, [](CRequest& request)
                     { request.record.directory_name = ".travex_ftp-0123456789abcdef.part"; }),
               CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_REFUSED));
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_REFUSED));
     corpdir_close(m_client);
-    const Event last = m_told.Events().back();
+    const Event last = m_events.All().back();
     EXPECT_EQ(last.kind, CORPDIR_EVENT_REFUSED);
     EXPECT_EQ(last.code, CORPDIR_ERR_REFUSED);
     EXPECT_EQ(last.file, "directory.csv");
@@ -665,9 +666,9 @@ TEST_F(CLibraryTransfer, AServerThatDiesLeavesTheOlderFile)
     WriteFile(m_output.File("directory.csv"), "older");
     StartTransfer();
     m_server->Stop();
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED));
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_FAILED));
     corpdir_close(m_client);
-    const Event failed = m_told.Of(CORPDIR_EVENT_FAILED).front();
+    const Event failed = m_events.OfKind(CORPDIR_EVENT_FAILED).front();
     EXPECT_EQ(failed.file, "directory.csv");
     EXPECT_NE(failed.reason, "");
     EXPECT_GT(failed.bytes, 0u);
@@ -679,10 +680,10 @@ TEST_F(CLibraryTransfer, AServerThatDiesLeavesTheOlderFile)
 TEST_F(CLibraryTransfer, ProgressGrowsToTheAnnouncedSize)
 {
     StartTransfer();
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_PROGRESS, 4));
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_PROGRESS, 4));
     corpdir_close(m_client);
     std::uint64_t before = 0;
-    for (const Event& event : m_told.Of(CORPDIR_EVENT_PROGRESS))
+    for (const Event& event : m_events.OfKind(CORPDIR_EVENT_PROGRESS))
     {
         if (event.file == "directory.csv")
         {
@@ -693,21 +694,21 @@ TEST_F(CLibraryTransfer, ProgressGrowsToTheAnnouncedSize)
     }
 }
 
-TEST_F(CLibraryTransfer, ACloseInTheMiddleLeavesNothingAndTellsNothingMore)
+TEST_F(CLibraryTransfer, ACloseDuringATransferLeavesNothingAndReportsNothingMore)
 {
     WriteFile(m_output.File("directory.csv"), "older");
     StartTransfer();
     const auto before = steady_clock::now();
     corpdir_close(m_client);
     EXPECT_LT(steady_clock::now() - before, seconds(5));
-    const std::size_t told = m_told.Events().size();
+    const std::size_t count = m_events.All().size();
     EXPECT_EQ(ReadFile(m_output.File("directory.csv")), "older");
     EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
-    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_DELIVERED), IsEmpty());
-    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_FAILED), IsEmpty());
+    EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_DELIVERED), IsEmpty());
+    EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_FAILED), IsEmpty());
     Open();
     corpdir_close(m_client);
-    EXPECT_THAT(m_told.Events(), SizeIs(told));
+    EXPECT_THAT(m_events.All(), SizeIs(count));
 }
 
 TEST_F(CLibraryFetch, ACloseWaitsForTheCallbackInProgress)
@@ -715,7 +716,7 @@ TEST_F(CLibraryFetch, ACloseWaitsForTheCallbackInProgress)
     std::promise<void> entered;
     std::promise<void> leave;
     std::atomic<bool> left{false};
-    m_told.Then(
+    m_events.Then(
         [&](const Event& event)
         {
             if (event.kind == CORPDIR_EVENT_DELIVERED)
@@ -725,7 +726,7 @@ TEST_F(CLibraryFetch, ACloseWaitsForTheCallbackInProgress)
                 left = true;
             }
         });
-    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_EQ(Start(m_events), CORPDIR_OK);
     ASSERT_EQ(entered.get_future().wait_for(seconds(30)), std::future_status::ready);
     std::atomic<bool> closed{false};
     std::thread closer(
@@ -735,7 +736,7 @@ TEST_F(CLibraryFetch, ACloseWaitsForTheCallbackInProgress)
             EXPECT_TRUE(left);
             closed = true;
         });
-    // The closing client is told from an open one by its code; the callback is still in progress.
+    // The code shows that the close has begun; the callback is still in progress.
     EXPECT_TRUE(
         WaitUntil([&] { return corpdir_add_cipher(m_client, 0x1302) == CORPDIR_ERR_CLIENT; }));
     corpdir_client* other = nullptr;
@@ -746,12 +747,12 @@ TEST_F(CLibraryFetch, ACloseWaitsForTheCallbackInProgress)
     Open();
 }
 
-// Callbacks that close, or start, while another thread waits for them.
-TEST_F(CLibraryFetch, ACallbackInProgressMayCallWhileItIsWaitedFor)
+// A callback closes and starts while another thread waits for it.
+TEST_F(CLibraryFetch, ACallbackMayCallWhileACloseWaitsForIt)
 {
     std::promise<void> entered;
     std::atomic<int> code{-1};
-    m_told.Then(
+    m_events.Then(
         [&](const Event& event)
         {
             if (event.kind != CORPDIR_EVENT_DELIVERED)
@@ -761,14 +762,14 @@ TEST_F(CLibraryFetch, ACallbackInProgressMayCallWhileItIsWaitedFor)
             entered.set_value();
             EXPECT_TRUE(WaitUntil(
                 [&] { return corpdir_add_cipher(m_client, 0x1302) == CORPDIR_ERR_CLIENT; }));
-            code = Start(m_told);
+            code = Start(m_events);
             corpdir_close(m_client);
         });
-    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_EQ(Start(m_events), CORPDIR_OK);
     ASSERT_EQ(entered.get_future().wait_for(seconds(30)), std::future_status::ready);
     corpdir_close(m_client);
     EXPECT_EQ(code, CORPDIR_ERR_CLIENT);
-    m_told.Then(nullptr);
+    m_events.Then(nullptr);
     Open();
     ExpectFetch();
 }
@@ -776,7 +777,7 @@ TEST_F(CLibraryFetch, ACallbackInProgressMayCallWhileItIsWaitedFor)
 TEST_F(CLibraryFetch, TheCallbackMayClose)
 {
     std::atomic<bool> returned{false};
-    m_told.Then(
+    m_events.Then(
         [&](const Event&)
         {
             corpdir_close(m_client);
@@ -784,60 +785,60 @@ TEST_F(CLibraryFetch, TheCallbackMayClose)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             returned = true;
         });
-    ASSERT_EQ(Start(m_told), CORPDIR_OK);
-    ASSERT_TRUE(WaitUntil([this] { return !m_told.Events().empty(); }));
-    corpdir_close(m_client);  // of a client that may be closed already: waits for the callback
+    ASSERT_EQ(Start(m_events), CORPDIR_OK);
+    ASSERT_TRUE(WaitUntil([this] { return !m_events.All().empty(); }));
+    corpdir_close(m_client);  // the client may be closed already: waits for the callback
     EXPECT_TRUE(returned);
-    EXPECT_THAT(m_told.Events(), SizeIs(1));
-    m_told.Then(nullptr);
+    EXPECT_THAT(m_events.All(), SizeIs(1));
+    m_events.Then(nullptr);
     Open();
     ExpectFetch();
 }
 
 TEST_F(CLibraryFetch, TheCallbackMayCloseAndOpenAgain)
 {
-    Told second;
+    RecordedEvents second;
     std::atomic<int> code{-1};
-    m_told.Then(
+    m_events.Then(
         [&](const Event&)
         {
             corpdir_close(m_client);
             Open();
             code = Start(second);
         });
-    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_EQ(Start(m_events), CORPDIR_OK);
     EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_DELIVERED));
     EXPECT_EQ(code, CORPDIR_OK);
     corpdir_close(m_client);
-    EXPECT_THAT(m_told.Events(), SizeIs(1));
+    EXPECT_THAT(m_events.All(), SizeIs(1));
 }
 
 TEST_F(CLibraryTransfer, ASecondStartReplacesTheFirst)
 {
     StartTransfer();
-    Told second;
+    RecordedEvents second;
     ASSERT_EQ(Start(second), CORPDIR_OK);
-    const std::size_t told = m_told.Events().size();
+    const std::size_t count = m_events.All().size();
     EXPECT_TRUE(WaitUntil([&] { return UnderWay(second); }));
     corpdir_close(m_client);
-    EXPECT_THAT(m_told.Events(), SizeIs(told));
-    EXPECT_THAT(m_told.Of(CORPDIR_EVENT_FAILED), IsEmpty());
+    EXPECT_THAT(m_events.All(), SizeIs(count));
+    EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_FAILED), IsEmpty());
 }
 
 TEST_F(CLibraryTransfer, ARequestWithABadMemberLeavesTheEarlierOneAlone)
 {
     StartTransfer();
-    const std::size_t told = m_told.Events().size();
-    EXPECT_EQ(Start(m_told, [](CRequest& request) { request.record.port = 70000; }),
+    const std::size_t count = m_events.All().size();
+    EXPECT_EQ(Start(m_events, [](CRequest& request) { request.record.port = 70000; }),
               CORPDIR_ERR_PORT);
-    EXPECT_TRUE(WaitUntil([&] { return m_told.Events().size() > told + 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return m_events.All().size() > count + 1; }));
 }
 
 TEST_F(CLibraryFetch, TheCallbackMayStartAgain)
 {
-    Told second;
+    RecordedEvents second;
     std::atomic<int> code{-1};
-    m_told.Then(
+    m_events.Then(
         [&](const Event& event)
         {
             if (event.kind == CORPDIR_EVENT_DELIVERED)
@@ -845,18 +846,18 @@ TEST_F(CLibraryFetch, TheCallbackMayStartAgain)
                 code = Start(second);
             }
         });
-    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_EQ(Start(m_events), CORPDIR_OK);
     EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_DELIVERED));
     EXPECT_EQ(code, CORPDIR_OK);
     corpdir_close(m_client);
-    EXPECT_EQ(m_told.Events().back().kind, CORPDIR_EVENT_DELIVERED);
+    EXPECT_EQ(m_events.All().back().kind, CORPDIR_EVENT_DELIVERED);
 }
 
 TEST_F(CLibraryFetch, AStartWaitsForTheEarlierCallback)
 {
     std::promise<void> entered;
     std::atomic<bool> left{false};
-    m_told.Then(
+    m_events.Then(
         [&](const Event& event)
         {
             if (event.kind == CORPDIR_EVENT_DELIVERED)
@@ -866,23 +867,23 @@ TEST_F(CLibraryFetch, AStartWaitsForTheEarlierCallback)
                 left = true;
             }
         });
-    ASSERT_EQ(Start(m_told), CORPDIR_OK);
+    ASSERT_EQ(Start(m_events), CORPDIR_OK);
     ASSERT_EQ(entered.get_future().wait_for(seconds(30)), std::future_status::ready);
-    Told second;
+    RecordedEvents second;
     ASSERT_EQ(Start(second), CORPDIR_OK);
     EXPECT_TRUE(left);
     EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_DELIVERED));
     corpdir_close(m_client);
 }
 
-// Every call beside every other one; what counts is that nothing hangs, crashes or races.
+// Every call runs beside every other one: nothing hangs, crashes or races.
 TEST_F(CLibraryFetch, ManyThreadsAtOnce)
 {
     std::atomic<bool> stop{false};
     std::atomic<unsigned int> started{0};
-    std::vector<Told> told(3);
+    std::vector<RecordedEvents> received(3);
     std::vector<std::thread> threads;
-    for (Told& own : told)
+    for (RecordedEvents& own : received)
     {
         threads.emplace_back(
             [&]
@@ -903,49 +904,49 @@ TEST_F(CLibraryFetch, ManyThreadsAtOnce)
     corpdir_close(m_client);
     const auto count = [&]
     {
-        std::size_t events = 0;
-        for (const Told& own : told)
+        std::size_t sum = 0;
+        for (const RecordedEvents& own : received)
         {
-            events += own.Events().size();
+            sum += own.All().size();
         }
-        return events;
+        return sum;
     };
-    const std::size_t events = count();
+    const std::size_t before = count();
     closer.join();
     stop = true;
     for (std::thread& thread : threads)
     {
         thread.join();
     }
-    EXPECT_EQ(count(), events);
+    EXPECT_EQ(count(), before);
 }
 
 // --- The end of the process ---
 
 constexpr int kEnded = 7;
 
-// Fails at once, and again: nobody listens.
-void StartFailing(Told& told)
+// Starts a request that fails again and again: no server listens on the port.
+void StartFailing(RecordedEvents& events)
 {
     corpdir_client* client = nullptr;
     corpdir_log_settings log = {};
     log.size = sizeof log;
     corpdir_request request = PlainRequest();
     request.port = static_cast<std::uint32_t>(support::FreePort("127.0.0.1"));
-    request.on_event = &Told::OnEvent;
-    request.user_data = &told;
+    request.on_event = &RecordedEvents::OnEvent;
+    request.user_data = &events;
     if (corpdir_open(&log, &client) != CORPDIR_OK ||
-        corpdir_start(client, &request) != CORPDIR_OK || !told.WaitFor(CORPDIR_EVENT_FAILED))
+        corpdir_start(client, &request) != CORPDIR_OK || !events.WaitFor(CORPDIR_EVENT_FAILED))
     {
         _exit(1);
     }
 }
 
-// Never destroyed: threads look at it until the process is gone.
-Told& NewTold()
+// Never destroyed: threads use it until the process is gone.
+RecordedEvents& NewEvents()
 {
-    static Told* const told = new Told;
-    return *told;
+    static RecordedEvents* const events = new RecordedEvents;
+    return *events;
 }
 
 class CLibraryExitDeathTest : public ::testing::Test
@@ -957,13 +958,13 @@ protected:
     }
 };
 
-// That other threads run meanwhile is the point.
+// Other threads run meanwhile on purpose.
 TEST_F(CLibraryExitDeathTest, WithoutAClose)
 {
     EXPECT_EXIT(
         {
-            Told& told = NewTold();
-            StartFailing(told);
+            RecordedEvents& events = NewEvents();
+            StartFailing(events);
             std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)
         },
         ::testing::ExitedWithCode(kEnded), "");
@@ -973,9 +974,9 @@ TEST_F(CLibraryExitDeathTest, WithinTheCallback)
 {
     EXPECT_EXIT(
         {
-            Told& told = NewTold();
-            told.Then([](const Event&) { std::exit(kEnded); });  // NOLINT(concurrency-mt-unsafe)
-            StartFailing(told);
+            RecordedEvents& events = NewEvents();
+            events.Then([](const Event&) { std::exit(kEnded); });  // NOLINT(concurrency-mt-unsafe)
+            StartFailing(events);
             std::this_thread::sleep_for(seconds(30));
             _exit(1);
         },
@@ -986,23 +987,23 @@ TEST_F(CLibraryExitDeathTest, BesideACallback)
 {
     EXPECT_EXIT(
         {
-            Told& told = NewTold();
-            told.Then([](const Event&)
-                      { std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
-            StartFailing(told);
+            RecordedEvents& events = NewEvents();
+            events.Then([](const Event&)
+                        { std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
+            StartFailing(events);
             std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)
         },
         ::testing::ExitedWithCode(kEnded), "");
 }
 
-// A callback that does not return is not waited for for ever.
+// The wait for a callback that does not return is limited.
 TEST_F(CLibraryExitDeathTest, BesideACallbackThatStays)
 {
     EXPECT_EXIT(
         {
-            Told& told = NewTold();
-            told.Then([](const Event&) { std::this_thread::sleep_for(seconds(60)); });
-            StartFailing(told);
+            RecordedEvents& events = NewEvents();
+            events.Then([](const Event&) { std::this_thread::sleep_for(seconds(60)); });
+            StartFailing(events);
             (void)alarm(20);
             std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)
         },

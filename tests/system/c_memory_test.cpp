@@ -1,4 +1,4 @@
-// That the C library leaves no copy of the password behind, and what it says when memory runs out.
+// The C library leaves no copy of the password, and reports when it runs out of memory.
 // As in memory_test.cpp, the test knows the password in changed form only, and looks for its end.
 #include <string.h>
 
@@ -15,7 +15,7 @@
 
 static std::atomic<bool> g_no_memory{false};
 
-// What events are made with. The library's calls come here too: a program's definition goes first.
+// The allocation of events. The library's calls come here too: a program's definition goes first.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
     return g_no_memory ? nullptr : std::malloc(size);
@@ -58,7 +58,7 @@ protected:
         char password[128] = {};
         const std::string reversed = kReversedEnd + std::string(40, '.');
         std::reverse_copy(reversed.begin(), reversed.end(), password);
-        CRequest request(*m_server, m_certificates, m_output.Path(), m_told);
+        CRequest request(*m_server, m_certificates, m_output.Path(), m_events);
         request.record.password = password;
         change(request.record);
         EXPECT_THAT(PlacesInMemory(m_secret), Not(IsEmpty())) << "the search finds nothing";
@@ -71,7 +71,7 @@ protected:
     std::unique_ptr<support::PyFtpServer> m_server;
     support::TemporaryDirectory m_output;
     Scrambled m_secret;
-    Told m_told;
+    RecordedEvents m_events;
     corpdir_client* m_client = nullptr;
 };
 
@@ -94,20 +94,20 @@ TEST_F(CMemory, AStartThatFailsLeavesNoPassword)
 TEST_F(CMemory, ACloseLeavesNoPassword)
 {
     EXPECT_EQ(Start([](corpdir_request&) {}), CORPDIR_OK);
-    ASSERT_TRUE(m_told.WaitFor(CORPDIR_EVENT_FAILED, 2));
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_FAILED, 2));
     corpdir_close(m_client);
-    EXPECT_EQ(m_told.Of(CORPDIR_EVENT_FAILED).front().code, CORPDIR_ERR_LOGIN);
+    EXPECT_EQ(m_events.OfKind(CORPDIR_EVENT_FAILED).front().code, CORPDIR_ERR_LOGIN);
     EXPECT_THAT(PlacesInMemory(m_secret), IsEmpty());
 }
 
-TEST_F(CMemory, EventsThatAreLostAreTold)
+TEST_F(CMemory, LostEventsAreReported)
 {
     g_no_memory = true;
     const corpdir_code code = Start([](corpdir_request&) {});
-    EXPECT_TRUE(m_told.WaitFor(CORPDIR_EVENT_LOST));
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_LOST));
     g_no_memory = false;
     EXPECT_EQ(code, CORPDIR_OK);
-    const Event first = m_told.Events().front();
+    const Event first = m_events.All().front();
     EXPECT_EQ(first.kind, CORPDIR_EVENT_LOST);
     EXPECT_EQ(first.server + first.file + first.reason, "");
     EXPECT_EQ(first.total, CORPDIR_SIZE_UNKNOWN);
@@ -115,7 +115,7 @@ TEST_F(CMemory, EventsThatAreLostAreTold)
     EXPECT_EQ(Start([this](corpdir_request& request)
                     { request.password = m_server->Options().password.c_str(); }),
               CORPDIR_OK);
-    EXPECT_TRUE(m_told.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ DIRECTORY = random.Random(5).randbytes(200000)
 
 
 def python_with_server():
-    """The interpreter that the test server's packages are for; another may stand first in PATH."""
+    """The interpreter that the test server's packages are for; another may be first in PATH."""
     for candidate in ("/usr/bin/python3", "python3"):
         with contextlib.suppress(OSError):
             if subprocess.run([candidate, "-c", "import pyftpdlib, OpenSSL"],
@@ -319,14 +319,14 @@ class PythonClient(unittest.TestCase):
         delivered = threading.Event()
         threads = set()
 
-        def told(event):
+        def on_event(event):
             threads.add(threading.get_ident())
             if event.kind == EventKind.DELIVERED:
                 delivered.set()
 
         with self.client() as client:
-            client.start(**self.request(), on_event=told)
-            del told
+            client.start(**self.request(), on_event=on_event)
+            del on_event
             gc.collect()  # what C calls must be kept by the client
             self.assertTrue(delivered.wait(30))
         self.assertEqual(len(threads), 1)
@@ -338,13 +338,13 @@ class PythonClient(unittest.TestCase):
             closed = threading.Event()
             client = corpdir.Client(log_dir=self.log)
 
-            def told(_event, client=client, closed=closed):
+            def on_event(_event, client=client, closed=closed):
                 if not closed.is_set():
                     client.close()
                     closed.set()
 
-            client.start(**self.request(), on_event=told)
-            del client, told
+            client.start(**self.request(), on_event=on_event)
+            del client, on_event
             gc.collect()
             self.assertTrue(closed.wait(30))
         with self.client() as client:
@@ -355,17 +355,17 @@ class PythonClient(unittest.TestCase):
         delivered = threading.Event()
         rounds = []
 
-        def told(event):
+        def on_event(event):
             if event.kind == EventKind.DELIVERED:
                 rounds.append(event)
                 if len(rounds) < 5:
-                    client.start(**self.request(), on_event=told)
+                    client.start(**self.request(), on_event=on_event)
                     gc.collect()
                 else:
                     delivered.set()
 
         with self.client() as client:
-            client.start(**self.request(), on_event=told)
+            client.start(**self.request(), on_event=on_event)
             self.assertTrue(delivered.wait(30))
 
     def test_an_exception_in_a_callback_is_not_lost(self):
@@ -373,34 +373,34 @@ class PythonClient(unittest.TestCase):
         before, threading.excepthook = threading.excepthook, hooked.append
         self.addCleanup(setattr, threading, "excepthook", before)
 
-        def told(_event):
+        def on_event(_event):
             raise KeyError("of the callback")
 
         with self.client() as client:
-            client.start(**self.request(), on_event=told)
+            client.start(**self.request(), on_event=on_event)
             with self.assertRaisesRegex(KeyError, "of the callback"):
                 next(client.events(timeout=30))
         self.assertIs(hooked[0].exc_type, KeyError)
 
     def test_an_exception_in_the_callback_of_a_fetch(self):
-        def told(_event):
+        def on_event(_event):
             raise KeyError("of the callback")
 
         with self.client() as client:
             with self.assertRaisesRegex(KeyError, "of the callback"):
-                client.fetch(**self.request(), on_event=told)
+                client.fetch(**self.request(), on_event=on_event)
 
     def test_fetch_within_a_callback_is_refused(self):
         refused = threading.Event()
 
-        def told(_event):
+        def on_event(_event):
             try:
                 client.fetch(**self.request())
             except RuntimeError:
                 refused.set()
 
         with self.client() as client:
-            client.start(**self.request(), on_event=told)
+            client.start(**self.request(), on_event=on_event)
             self.assertTrue(refused.wait(30))
 
     def test_ciphers(self):

@@ -107,7 +107,7 @@ public:
         return request;
     }
 
-    // Nothing listens there.
+    // No server listens on this port.
     Request Dead(bool tls) const
     {
         Request request = Good(tls);
@@ -158,7 +158,7 @@ public:
     void Run();
     void End();  // stops, and checks that nothing is left
 
-    // What was done so far, for the message of a failure.
+    // The operations so far, for the message of a failure.
     std::string Trail() const
     {
         const std::lock_guard<std::mutex> lock(m_trail_mutex);
@@ -166,14 +166,14 @@ public:
     }
 
 private:
-    // What the client knows about the service.
+    // The state of the service as the client knows it.
     enum class State
     {
         kStopped,
         kRunning,
         kFailed  // a start has failed, or may have
     };
-    // What the next callback does.
+    // The action of the next callback.
     enum class Reaction
     {
         kNone,
@@ -419,8 +419,8 @@ void Sequence::RequestInVain()
     const std::pair<const char*, Change>& change = kChanges[Draw(std::size(kChanges))];
     const std::lock_guard<std::mutex> call(m_call);
     Note(std::string("request ") + change.first);
-    const bool told = change.first != std::string("without a callback");
-    EXPECT_NE(m_client.AskWith(m_servers.Good(Draw(2) == 1), change.second, told), 0u);
+    const bool withCallback = change.first != std::string("without a callback");
+    EXPECT_NE(m_client.AskWith(m_servers.Good(Draw(2) == 1), change.second, withCallback), 0u);
 }
 
 // Allowed at any time, since no record is read.
@@ -544,8 +544,8 @@ std::size_t Descriptors()
     return support::FilesIn("/proc/self/fd").size();
 }
 
-// What a stopped service may keep, compared with the process before its first start: the thread of
-// the timers.
+// A stopped service may keep the thread of the timers, and nothing else that the process did not
+// have before its first start.
 class Leftovers
 {
 public:

@@ -121,7 +121,7 @@ unsigned int Client::Ask(const Request& request)
 
 unsigned int Client::AskWith(const Request& request,
                              const std::function<void(tag_CORPDIR_DOWNLOADINFO&)>& change,
-                             bool told)
+                             bool withCallback)
 {
     tag_CORPDIR_DOWNLOADINFO record = {};
     Fill(record.szFtpCtrlInfo, request.trust);
@@ -139,7 +139,7 @@ unsigned int Client::AskWith(const Request& request,
     record.ulCertVerify = request.verify ? 1 : 0;
     change(record);
     const unsigned int result =
-        GetCorpDirInstance()->CorpDirDownloadNetaddr(&record, told ? Record : nullptr);
+        GetCorpDirInstance()->CorpDirDownloadNetaddr(&record, withCallback ? Record : nullptr);
     explicit_bzero(&record, sizeof record);
     return result;
 }

@@ -36,7 +36,7 @@ extern const Result kFailed;
 // How GoogleTest shows one.
 void PrintTo(const Result& result, std::ostream* stream);
 
-// What a request asks for.
+// The values of a request.
 struct Request
 {
     std::string servers;
@@ -71,11 +71,11 @@ public:
     unsigned int StartWithLogIn(const std::string& directory, unsigned int log_level = 2);
     void Stop();
     unsigned int Ask(const Request& request);
-    // With a record that `change` has modified, and without a callback unless `told`. The record is
-    // wiped.
+    // With a record that `change` has modified, and without a callback unless `withCallback`. The
+    // record is wiped.
     unsigned int AskWith(const Request& request,
                          const std::function<void(tag_CORPDIR_DOWNLOADINFO&)>& change,
-                         bool told = true);
+                         bool withCallback = true);
     unsigned int AskWithoutRecord();
 
     // Runs on the notification thread after the result was recorded.

@@ -12,7 +12,7 @@ namespace integration
 
 using Secrets = std::vector<support::Scrambled>;
 
-// What the password of the current request is sealed with: the halves of the key and of the IV.
+// The key and the IV that seal the password of the current request, each in two halves.
 Secrets SealingSecrets();
 
 }  // namespace integration
