@@ -1,4 +1,5 @@
-// Control parameters: the record that the FTP library gets, to the byte, and each way to fail.
+// Control and data parameters: the records that the FTP library gets, to the byte, and each way to
+// fail.
 #include <cstring>
 
 #include "fake_state.h"
@@ -6,6 +7,7 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using namespace std::string_literals;
 
 namespace
 {
@@ -107,12 +109,11 @@ private:
 
 // --- The record ---------------------------------------------------------------------------------
 
-// The same for both modes but for the server type.
+// The two modes differ in the server type; certificates are verified as the request asked.
 TEST_F(ControlParamTest, TheWholeRecordIsAsTheLibraryExpectsIt)
 {
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
     stInfo.ulPort = 2121;
-    stInfo.ulCertVerify = 1;
     stInfo.pszLocalIP = "192.0.2.99";
     Take(stInfo);
     ExpectedRecord expected;
@@ -121,40 +122,20 @@ TEST_F(ControlParamTest, TheWholeRecordIsAsTheLibraryExpectsIt)
     expected.Text(432, "/local/dir/").At(568, members.m_strFtpCtrlInfo.c_str());
     expected.At(576, 1U).At(580, static_cast<unsigned short>(28)).At(584, 1U);
     expected.At(592, inside::VerifyCallback()).At(600, inside::DefaultCipherList()).At(608, 3U);
-    expected.Text(624, Bytes({192, 0, 2, 99})).At(640, 1U);
+    expected.Text(624, Bytes({192, 0, 2, 99}));
     for (const unsigned int ulMode : {0U, 1U})
     {
         members.m_ulFtpMode = ulMode;
+        members.m_ulCertVerify = 1 - ulMode;
         g_stFtpCiperList.ulCipherNum = 0;
         ASSERT_EQ(Set(), 0U);
-        expected.At(0, ulMode == 0 ? 1U : 0U);
+        expected.At(0, 1 - ulMode).At(640, 1 - ulMode);
         const tagTRAVEX_FTP_S_CTRL_PARAM& stRecord = Record();
         EXPECT_EQ(std::string(reinterpret_cast<const char*>(&stRecord), sizeof(stRecord)),
                   expected.AsBytes());
         EXPECT_EQ(control.hFtp, members.m_hFtpHandle);
         EXPECT_EQ(control.strTrustText, "ca=/etc/ca.pem");
     }
-}
-
-TEST_F(ControlParamTest, CertificatesAreVerifiedAsTheRequestAsked)
-{
-    for (const unsigned int ulVerify : {0U, 1U})
-    {
-        members.m_ulCertVerify = ulVerify;
-        ASSERT_EQ(Set(), 0U);
-        EXPECT_EQ(Record().ulCertVerify, ulVerify);
-    }
-}
-
-TEST_F(ControlParamTest, TheRecordIsZeroedAsAWholeThroughTheSecurityLayer)
-{
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_THAT(
-        Only(Trace(), {"zep_memset_s(local, 648", "zep_strncpy_s", "TRAVEX"}),
-        ElementsAre("zep_memset_s(local, 648, 0, 648)", "zep_strncpy_s(local, 128, alice, 5)",
-                    "zep_strncpy_s(local, 128, secret, 6)",
-                    "zep_strncpy_s(local, 128, /local/dir/, 11)", "TRAVEX_FTP_SetCtrlParam(ftp 1)",
-                    "zep_memset_s(local, 648, 0, 648)"));
 }
 
 TEST_F(ControlParamTest, LogsItsProgressInThisOrder)
@@ -183,13 +164,6 @@ TEST_F(ControlParamTest, ModeZeroAsksForFtpsAndAnyOtherForPlainFtp)
         EXPECT_EQ(Record().ulServerType, ulMode == 0 ? 1U : 0U) << ulMode;
     }
     EXPECT_THAT(Only(Logged(), {"2 SetFtpCtrlParam: Set ServerType:0"}), testing::SizeIs(3));
-}
-
-TEST_F(ControlParamTest, WithoutAPortTheFieldStaysZeroAndNothingIsSaid)
-{
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(Record().ulServerPort, 0U);
-    EXPECT_THAT(Only(Logged(), {"2 SetFtpCtrlParam: use new port"}), IsEmpty());
 }
 
 TEST_F(ControlParamTest, TheWorkDirectoryAlwaysEndsInASlash)
@@ -290,6 +264,7 @@ TEST_F(ControlParamTest, EveryInputHasToBeThere)
         EXPECT_THAT(Logged(), ElementsAre("0 SetFtpCtrlParam: Input param is empty.")) << pszWhat;
         EXPECT_THAT(Trace(), ElementsAre("log 0 SetFtpCtrlParam: Input param is empty."));
     };
+    members.m_hFtpHandle = nullptr;  // would be found after the inputs
     ExpectRefused("directory", "");
     for (std::string* const pstrMember :
          {&members.m_strFtpCtrlInfo, &members.m_strUserName, &members.m_strFtpIP})
@@ -303,14 +278,6 @@ TEST_F(ControlParamTest, EveryInputHasToBeThere)
     members.m_pucPassword = nullptr;
     ExpectRefused("password", "/local/dir");
     members.m_pucPassword = pucKept;
-    EXPECT_EQ(Set(), 0U);
-}
-
-TEST_F(ControlParamTest, AnEmptyInputIsFoundBeforeAMissingHandle)
-{
-    members.m_hFtpHandle = nullptr;
-    EXPECT_EQ(Set(""), 1U);
-    EXPECT_THAT(Logged(), ElementsAre("0 SetFtpCtrlParam: Input param is empty."));
 }
 
 TEST_F(ControlParamTest, FailsWithoutAHandle)
@@ -365,17 +332,6 @@ TEST_F(ControlParamTest, AListNeverSetGivesTheStaticDefaultAndInstallsACopyOfIt)
     ASSERT_EQ(Set(), 0U);
     EXPECT_EQ(Record().piCipherList, g_stFtpCiperList.piCipherList);
     EXPECT_THAT(Only(Logged(), {"1"}), IsEmpty()) << "the warning comes once";
-}
-
-TEST_F(ControlParamTest, TheDefaultIsInstalledThroughTheServicesOwnOperation)
-{
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_THAT(Only(Trace(), {"log 1", "enter", "leave", "log 2 SetFtpCtrlParam: Set ServerType"}),
-                ElementsAre("log 1 SetFtpCtrlParam: Ftp cipher list not set, use default value!",
-                            "enter CorpDirSetFtpCipherListToDirImpl",
-                            "leave CorpDirSetFtpCipherListToDirImpl",
-                            "log 2 SetFtpCtrlParam: Set ServerType:1(0:ftp, 1:ftps), FTP IP : "
-                            "192.0.2.1"));
 }
 
 TEST_F(ControlParamTest, AReleasedListGetsTheDefaultWithoutARecord)
@@ -493,45 +449,27 @@ TEST_F(ControlParamTest, OnlyAPositiveParseMakesALiteral)
 
 // --- Server address -----------------------------------------------------------------------------
 
-TEST_F(ControlParamTest, ADottedQuadIsConvertedAsIPv4)
-{
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(Record().ulServerIpType, 0U);
-    EXPECT_EQ(ServerAddress(), Padded(Bytes({192, 0, 2, 1})));
-    EXPECT_EQ(fakes::Calls("OSAK_GetAddrInfo"), 0U);
-}
-
+// The log prints the bytes of the address up to its first zero byte, and at most sixteen.
 TEST_F(ControlParamTest, AColonFormIsConvertedAsIPv6)
 {
-    members.m_strFtpIP = "2001:db8::1";
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(Record().ulServerIpType, 1U);
-    EXPECT_EQ(ServerAddress(), Bytes({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
-    EXPECT_THAT(Only(Logged(), {"2 SetFtpCtrlParam: after"}),
-                ElementsAre("2 SetFtpCtrlParam: after OSAK_Inet_Pton, FTP Server IPv6 : "
-                            "\x20\x01\x0d\xb8 "));
-}
-
-TEST_F(ControlParamTest, TheLoopbackOfIPv6IsConvertedAsIPv6)
-{
-    members.m_strFtpIP = "::1";
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(Record().ulServerIpType, 1U);
-    EXPECT_THAT(Only(Logged(), {"2 SetFtpCtrlParam: after"}),
-                ElementsAre("2 SetFtpCtrlParam: after OSAK_Inet_Pton, FTP Server IPv6 :  "));
-}
-
-TEST_F(ControlParamTest, AnIPv6AddressWithoutAZeroByteIsPrintedWithinItsSixteenBytes)
-{
-    members.m_strFtpIP = "4142:4344:4546:4748:494a:4b4c:4d4e:4f50";
-    members.m_strLocalIP = "6162:6364:6566:6768:696a:6b6c:6d6e:6f70";
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(Record().ulLocalIpType, 1U);
-    EXPECT_THAT(Only(Logged(), {"2 SetFtpCtrlParam: after"}),
-                ElementsAre("2 SetFtpCtrlParam: after OSAK_Inet_Pton, FTP Server IPv6 : "
-                            "ABCDEFGHIJKLMNOP ",
-                            "2 SetFtpCtrlParam: after OSAK_Inet_Pton, FTP Local IPv6 : "
-                            "abcdefghijklmnop "));
+    for (const auto& [strText, strAddress] :
+         {std::pair{"2001:db8::1"s, "\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\1"s},
+          std::pair{"::1"s, std::string(15, '\0') + "\1"},
+          std::pair{"4142:4344:4546:4748:494a:4b4c:4d4e:4f50"s, "ABCDEFGHIJKLMNOP"s}})
+    {
+        members.m_strFtpIP = members.m_strLocalIP = strText;
+        ASSERT_EQ(Set(), 0U);
+        EXPECT_EQ(Record().ulServerIpType, 1U);
+        EXPECT_EQ(ServerAddress(), strAddress);
+        EXPECT_EQ(Record().ulLocalIpType, 1U);
+        EXPECT_EQ(LocalAddress(), strAddress);
+        const std::string strPrinted = strAddress.c_str();
+        EXPECT_THAT(
+            Only(Logged(), {"2 SetFtpCtrlParam: after"}),
+            ElementsAre(
+                "2 SetFtpCtrlParam: after OSAK_Inet_Pton, FTP Server IPv6 : " + strPrinted + " ",
+                "2 SetFtpCtrlParam: after OSAK_Inet_Pton, FTP Local IPv6 : " + strPrinted + " "));
+    }
 }
 
 TEST_F(ControlParamTest, ANegativeParseCountsAsASuccessOfTheConversion)
@@ -671,34 +609,7 @@ TEST_F(ControlParamTest, AnEntryOfAnotherFamilyFailsAfterItWasFreed)
     EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetCtrlParam"), 0U);
 }
 
-TEST_F(ControlParamTest, ALongTextOfNumbersAndDotsIsResolvedAsAName)
-{
-    members.m_strFtpIP = "0300.0000.02.0001";
-    ASSERT_EQ(Set(), 0U);
-    EXPECT_EQ(fakes::Calls("OSAK_GetAddrInfo"), 1U);
-}
-
 // --- Local address ------------------------------------------------------------------------------
-
-TEST_F(ControlParamTest, ALocalAddressIsConvertedAsTheServersIs)
-{
-    struct Local
-    {
-        const char* pszText;
-        unsigned int ulType;
-        std::string strBytes;
-    };
-    for (const Local& local :
-         {Local{"", 0, ZERO_ADDRESS}, Local{"192.0.2.99", 0, Padded(Bytes({192, 0, 2, 99}))},
-          Local{"2001:db8::2", 1,
-                Bytes({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2})}})
-    {
-        members.m_strLocalIP = local.pszText;
-        ASSERT_EQ(Set(), 0U);
-        EXPECT_EQ(Record().ulLocalIpType, local.ulType) << local.pszText;
-        EXPECT_EQ(LocalAddress(), local.strBytes) << local.pszText;
-    }
-}
 
 TEST_F(ControlParamTest, ALocalNameIsNeverResolvedAndLeavesTheAddressZero)
 {
@@ -737,4 +648,33 @@ TEST_F(ControlParamTest, TheVerificationCallbackOnlyLogsItsArgumentsAndAgrees)
     const Lines vecLogged = Logged();
     ASSERT_EQ(vecLogged.size(), 2U);
     EXPECT_EQ(vecLogged[0], "2 VerifyCallback: VerifyCallback Enter FnFtpsVerify, (nil), 0x1234");
+}
+
+// --- Data parameters ----------------------------------------------------------------------------
+
+TEST_F(ControlParamTest, OfTheDataParametersFourAreFixedAndTheRestIsZero)
+{
+    EXPECT_EQ(inside::SetFtpDataParam(service), 0U);
+    const tagTRAVEX_FTP_S_DATA_PARAM stRecord = fakes::LastDataParameters();
+    unsigned int aulWords[6];
+    static_assert(sizeof(aulWords) == sizeof(stRecord));
+    std::memcpy(aulWords, &stRecord, sizeof(aulWords));
+    EXPECT_THAT(aulWords, ElementsAre(0, 1, 0, 1, 0, 0));
+    EXPECT_THAT(Trace(),
+                ElementsAre("zep_memset_s(local, 24, 0, 24)", "TRAVEX_FTP_SetDataParam(ftp 1)"));
+}
+
+TEST_F(ControlParamTest, WithoutAHandleTheDataParametersAreNotSet)
+{
+    members.m_hFtpHandle = nullptr;
+    EXPECT_EQ(inside::SetFtpDataParam(service), 1U);
+    EXPECT_THAT(Trace(), ElementsAre("log 0 SetFtpDataParam: FTPS Handle is NULL!"));
+}
+
+TEST_F(ControlParamTest, TheLibrarysRefusalOfTheDataParametersIsLoggedAsUnsignedAndBecomesOne)
+{
+    fakes::FailCall("TRAVEX_FTP_SetDataParam", 1, 0xFFFFFFFF);
+    EXPECT_EQ(inside::SetFtpDataParam(service), 1U);
+    EXPECT_THAT(Logged(), ElementsAre("0 SetFtpDataParam: TRAVEX_FTP_SetDataParam Failed! Ret = "
+                                      "4294967295"));
 }

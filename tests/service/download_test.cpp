@@ -30,61 +30,21 @@ protected:
 // The version file and the directory file: the same start with other members.
 struct File
 {
-    const char* pszName;
     const char* pszFunction;
     unsigned int (*pfnDownload)(CFTPCorpDirImpl&);
-    unsigned int& (*pfnTask)(inside::Members&);
-    std::string& (*pfnServerPath)(inside::Members&);
-    std::string& (*pfnLocalPath)(inside::Members&);
-    std::string& (*pfnFileName)(inside::Members&);
     const char* pszServerFile;
     const char* pszWorkDir;
     const char* pszLocalFile;
 };
 
-const File FILES[] = {{"Version", "VersionDownload", inside::VersionDownload,
-                       [](inside::Members& members) -> auto& {return members.m_ulVersionTaskID;
-}  // namespace
-, [](inside::Members& members) -> auto&
-{
-    return members.m_strVersionServerPath;
-}
-, [](inside::Members& members) -> auto&
-{
-    return members.m_strVersionLocalPath;
-}
-, [](inside::Members& members) -> auto&
-{
-    return members.m_strVersionFileName;
-}
-, "pub/version.txt", "/nowhere/v/", "version.local"
-}
-,
-{
-    "Directory", "CorpDirDownload", inside::CorpDirDownload, [](inside::Members & members) -> auto&
-    {
-        return members.m_ulCorpDirTaskID;
-    }
-    , [](inside::Members & members) -> auto&
-    {
-        return members.m_strCorpDirServerPath;
-    }
-    , [](inside::Members & members) -> auto&
-    {
-        return members.m_strCorpDirLocalPath;
-    }
-    , [](inside::Members & members) -> auto&
-    {
-        return members.m_strCorpDirFileName;
-    }
-    , "pub/directory.xml", "/nowhere/d/", "directory.local"
-}
-}
-;
+const File VERSION = {"VersionDownload", inside::VersionDownload, "pub/version.txt", "/nowhere/v/",
+                      "version.local"};
+const File DIRECTORY = {"CorpDirDownload", inside::CorpDirDownload, "pub/directory.xml",
+                        "/nowhere/d/", "directory.local"};
 
 void PrintTo(const File& file, std::ostream* pStream)
 {
-    *pStream << file.pszName;
+    *pStream << file.pszFunction;
 }
 
 class FileDownloadTest : public DownloadTest, public testing::WithParamInterface<File>
@@ -96,7 +56,12 @@ protected:
     }
 
     const File& file = GetParam();
-    unsigned int& ulTask = file.pfnTask(members);
+    const bool bVersion = file.pfnDownload == inside::VersionDownload;
+    unsigned int& ulTask = bVersion ? members.m_ulVersionTaskID : members.m_ulCorpDirTaskID;
+    std::string* const apstrTexts[3] = {
+        bVersion ? &members.m_strVersionServerPath : &members.m_strCorpDirServerPath,
+        bVersion ? &members.m_strVersionLocalPath : &members.m_strCorpDirLocalPath,
+        bVersion ? &members.m_strVersionFileName : &members.m_strCorpDirFileName};
 };
 
 class DispatchTest : public ServiceTest
@@ -116,10 +81,11 @@ std::string Detail(unsigned int ulTask, unsigned int ulType, unsigned int ulVers
 
 // --- Start of a download ------------------------------------------------------------------------
 
-TEST_F(DownloadTest, PushesBothParameterSetsBeforeTheDownload)
+TEST_F(DownloadTest, PushesBothParameterSetsThenTaskAndCallback)
 {
     members.m_hFtpHandle = TRAVEX_FTP_CreateHandle();
     Trace();
+    fakes::OnCall("TRAVEX_FTP_AsynDownloadFile", 1, [&] { EXPECT_EQ(ulTaskID, 0U); });
     EXPECT_EQ(Begin(), 0U);
     EXPECT_EQ(ulTaskID, 1U);
     EXPECT_THAT(Only(Trace(), {"TRAVEX", "log 1 Asyn", "log 2 Asyn", "log 0"}),
@@ -129,26 +95,9 @@ TEST_F(DownloadTest, PushesBothParameterSetsBeforeTheDownload)
                             "DownloadCallback)",
                             "log 2 AsynFtpDownload: Download file : file.local, TaskID : 1"));
     EXPECT_STREQ(fakes::LastControlParameters().stRecord.acWorkDir, "/local/dir/");
-}
-
-TEST_F(DownloadTest, GivesTheLibraryTheAddressOfTheTaskMemberAndTheCallback)
-{
-    members.m_hFtpHandle = TRAVEX_FTP_CreateHandle();
-    ASSERT_EQ(Begin(), 0U);
     const fakes::Download download = fakes::LastDownload();
     EXPECT_EQ(download.pulTaskID, &ulTaskID);
     EXPECT_EQ(download.pfnNotify, inside::NotifyCallback());
-    EXPECT_EQ(download.strDir, ".");
-    EXPECT_EQ(download.hFtp, members.m_hFtpHandle);
-}
-
-TEST_F(DownloadTest, MakesAMissingHandle)
-{
-    EXPECT_EQ(Begin(), 0U);
-    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
-    EXPECT_THAT(Only(Trace(), {"log 1 Asyn", "TRAVEX_FTP_CreateHandle"}),
-                ElementsAre("log 1 AsynFtpDownload: Ftp Handle is Null, creating.",
-                            "TRAVEX_FTP_CreateHandle()"));
 }
 
 TEST_F(DownloadTest, FailsWhenNoHandleCanBeMade)
@@ -172,26 +121,20 @@ TEST_F(DownloadTest, EveryTextHasToBeThere)
                                      "log 0 AsynFtpDownload: Input param is empty."));
 }
 
-TEST_F(DownloadTest, RejectedControlParametersStopItInTheWordsOfTheDataParameters)
+TEST_F(DownloadTest, RejectedParametersStopItInTheWordsOfTheDataParameters)
 {
-    fakes::FailCall("TRAVEX_FTP_SetCtrlParam", 1, 5);
-    EXPECT_EQ(Begin(), 1U);
-    EXPECT_EQ(ulTaskID, 99U);
-    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetDataParam"), 0U);
-    EXPECT_THAT(Only(Logged(), {"0"}),
-                ElementsAre("0 SetFtpCtrlParam: TRAVEX_FTP_SetCtrlParam Failed! Ret = 5",
-                            "0 AsynFtpDownload: SetFtpDataParam failed, iRet = 1"));
-}
-
-TEST_F(DownloadTest, RejectedDataParametersStopIt)
-{
-    fakes::FailCall("TRAVEX_FTP_SetDataParam", 1, 5);
-    EXPECT_EQ(Begin(), 1U);
-    EXPECT_EQ(ulTaskID, 99U);
+    for (const std::string strKind : {"Ctrl", "Data"})
+    {
+        fakes::FailCall("TRAVEX_FTP_Set" + strKind + "Param", 1, 5);
+        EXPECT_EQ(Begin(), 1U);
+        EXPECT_THAT(Only(Logged(), {"0"}),
+                    ElementsAre("0 SetFtp" + strKind + "Param: TRAVEX_FTP_Set" + strKind +
+                                    "Param Failed! Ret = 5",
+                                "0 AsynFtpDownload: SetFtpDataParam failed, iRet = 1"));
+    }
+    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetDataParam"), 1U);
     EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 0U);
-    EXPECT_THAT(Only(Logged(), {"0"}),
-                ElementsAre("0 SetFtpDataParam: TRAVEX_FTP_SetDataParam Failed! Ret = 5",
-                            "0 AsynFtpDownload: SetFtpDataParam failed, iRet = 1"));
+    EXPECT_EQ(ulTaskID, 99U);
 }
 
 TEST_F(DownloadTest, ARefusedDownloadLeavesTaskZeroAndPassesTheCode)
@@ -205,19 +148,12 @@ TEST_F(DownloadTest, ARefusedDownloadLeavesTaskZeroAndPassesTheCode)
                             "0 AsynFtpDownload: TRAVEX_FTP_AsynDownloadFile Failed! ulRet = -1"));
 }
 
-TEST_F(DownloadTest, TheTaskIsZeroWhileTheLibraryDecides)
-{
-    unsigned int ulDuring = 99;
-    fakes::OnCall("TRAVEX_FTP_AsynDownloadFile", 1, [&] { ulDuring = ulTaskID; });
-    ASSERT_EQ(Begin(), 0U);
-    EXPECT_EQ(ulDuring, 0U);
-}
-
-TEST_F(DownloadTest, TheHandleLivesAcrossDownloads)
+TEST_F(DownloadTest, AMissingHandleIsMadeAndLivesAcrossDownloads)
 {
     ASSERT_EQ(Begin(), 0U);
     ASSERT_EQ(Begin(), 0U);
     EXPECT_EQ(ulTaskID, 2U);
+    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
     EXPECT_EQ(fakes::Calls("TRAVEX_FTP_CreateHandle"), 1U);
     EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetCtrlParam"), 2U);
     EXPECT_EQ(fakes::Calls("TRAVEX_FTP_SetDataParam"), 2U);
@@ -259,8 +195,7 @@ TEST_P(FileDownloadTest, EveryPathHasToBeThere)
 {
     ulTask = 7;
     const std::string strFunction = file.pszFunction;
-    for (std::string* const pstrMember :
-         {&file.pfnServerPath(members), &file.pfnLocalPath(members), &file.pfnFileName(members)})
+    for (std::string* const pstrMember : apstrTexts)
     {
         const std::string strKept = *pstrMember;
         pstrMember->clear();
@@ -295,8 +230,9 @@ TEST_P(FileDownloadTest, AStartThatFailsForgetsTheEarlierTaskAndPassesTheCode)
     EXPECT_THAT(Tasks(), IsEmpty()) << "nothing is tried again";
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, FileDownloadTest, testing::ValuesIn(FILES),
-                         [](const auto& instance) { return std::string(instance.param.pszName); });
+INSTANTIATE_TEST_SUITE_P(Files, FileDownloadTest, testing::Values(VERSION, DIRECTORY),
+                         [](const auto& instance)
+                         { return std::string(instance.param.pszFunction); });
 
 // --- Dispatch of notifications ------------------------------------------------------------------
 
@@ -337,31 +273,12 @@ TEST_F(DispatchTest, AnOverGoesToTheHandlerOfItsTask)
                             "log " + Detail(2, 12, 1, 2, "b"), "enter CorpDirDownloadOver"));
 }
 
-TEST_F(DispatchTest, AnOverOfAnUnknownTaskIsOnlyLogged)
-{
-    members.m_ulVersionTaskID = 1;
-    members.m_ulCorpDirTaskID = 2;
-    Notification(OVER, 3, "c").Deliver();
-    EXPECT_THAT(Trace(), ElementsAre("log 2 DownloadCallback: Download is OVER!",
-                                     "log " + Detail(3, 12, 1, 2, "c")));
-}
-
 TEST_F(DispatchTest, TheVersionTaskIsTestedFirst)
 {
     members.m_ulVersionTaskID = 5;
     members.m_ulCorpDirTaskID = 5;
     Notification(OVER, 5, "a").Deliver();
     EXPECT_THAT(Only(Trace(), {"enter"}), ElementsAre("enter VersionDownloadOver"));
-}
-
-TEST_F(DispatchTest, AFailureIsLoggedAndHandedToTheFailureHandling)
-{
-    members.m_ulVersionTaskID = 1;
-    Notification(FAILED, 1, "a").Deliver();
-    const Lines vecLogged = Logged();
-    EXPECT_THAT(Lines(vecLogged.begin(), vecLogged.begin() + 2),
-                ElementsAre(Detail(1, 3, 1, 0, "a"),
-                            "0 VersionCorpDownloadErr: Download Error, taskid = 1"));
 }
 
 TEST_F(DispatchTest, OtherKindsAreIgnoredWithoutARecord)
@@ -394,10 +311,47 @@ TEST_F(DispatchTest, TheNotificationIsReadButNeverWritten)
     EXPECT_EQ(notification.stError.ulRet, 19U);
 }
 
-TEST_F(DispatchTest, LargeNumbersAreUnsigned)
+TEST_F(DispatchTest, AnOverOfAnUnknownTaskIsOnlyLogged)
 {
     members.m_ulVersionTaskID = 0xFFFFFFFE;
     members.m_ulCorpDirTaskID = 0xFFFFFFFD;
     Notification(OVER, 0xFFFFFFFF, "a").Deliver();
-    EXPECT_EQ(Logged().back(), Detail(0xFFFFFFFF, 12, 0xFFFFFFFE, 0xFFFFFFFD, "a"));
+    EXPECT_THAT(Trace(), ElementsAre("log 2 DownloadCallback: Download is OVER!",
+                                     "log " + Detail(0xFFFFFFFF, 12, 0xFFFFFFFE, 0xFFFFFFFD, "a")));
+}
+
+// --- The end of the directory's download --------------------------------------------------------
+
+TEST_F(DownloadTest, TheFinishedDownloadIsReportedToTheClient)
+{
+    members.m_pfnDownloadCb = ClientCallback;
+    ASSERT_EQ(inside::CorpDirDownload(service), 0U);
+    Trace();
+    Notification(OVER, 1, "pub/directory.xml").Deliver();
+    const Lines vecTrace = Trace();
+    EXPECT_THAT(Lines(vecTrace.begin() + 2, vecTrace.end()),
+                ElementsAre("enter CorpDirDownloadOver",
+                            "log 2 CorpDirDownloadOver: CorpDir Path : /nowhere/d/",
+                            "log 2 CorpDirDownloadOver: CorpDir Name : directory.local",
+                            "log 2 CorpDirDownloadOver: CorpDir File : /nowhere/d/directory.local",
+                            "client(1, 0, null, null)", "leave CorpDirDownloadOver"));
+    EXPECT_EQ(members.m_ulCorpDirTaskID, 1U) << "a finished task's id stays";
+    EXPECT_THAT(Tasks(), IsEmpty());
+}
+
+TEST_F(DownloadTest, WithoutACallbackTheSuccessIsOnlyLogged)
+{
+    inside::CorpDirDownloadOver(service);
+    EXPECT_EQ(Logged().back(), "0 CorpDirDownloadOver: corpdir_downloadCb is NULL");
+    EXPECT_THAT(Only(Trace(), {"client"}), IsEmpty());
+}
+
+TEST_F(DownloadTest, ATrailingSlashOfTheLocalDirectoryIsNotDoubled)
+{
+    members.m_strCorpDirLocalPath = "/nowhere/d/";
+    inside::CorpDirDownloadOver(service);
+    EXPECT_THAT(Only(Logged(), {"2"}),
+                ElementsAre("2 CorpDirDownloadOver: CorpDir Path : /nowhere/d/",
+                            "2 CorpDirDownloadOver: CorpDir Name : directory.local",
+                            "2 CorpDirDownloadOver: CorpDir File : /nowhere/d/directory.local"));
 }

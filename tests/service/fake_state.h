@@ -93,7 +93,6 @@ struct Values
     unsigned int ulResolved = 0;
 
     unsigned int ulRandom = 0;
-    std::optional<std::string> strSealed;
     std::optional<std::string> strUnsealed;
     Secret secret;
 };

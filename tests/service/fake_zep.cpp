@@ -69,7 +69,7 @@ extern "C" unsigned int ZEP_CPYPT_Encrypt(unsigned int alg, const unsigned char*
         strBytes[i] = static_cast<char>(strBytes[i] ^ Mask(key, iv, i));
     }
     const LockedState state;
-    return Give(state->strSealed.value_or(strBytes), out, outLen);
+    return Give(strBytes, out, outLen);
 }
 
 static bool TakePaddingOff(std::string& strBytes)

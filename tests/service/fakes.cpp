@@ -346,12 +346,6 @@ unsigned int ResolverResultsNotFreed()
     return state->ulResolved;
 }
 
-void SetSealed(const std::string& strBytes)
-{
-    const LockedState state;
-    state->strSealed = strBytes;
-}
-
 void SetUnsealed(const std::string& strBytes)
 {
     const LockedState state;

@@ -146,8 +146,7 @@ unsigned int ResolverResultsNotFreed();
 
 // --- Security layer -----------------------------------------------------------------------------
 
-// The result of the next encryptions and decryptions instead of the fake cipher's.
-void SetSealed(const std::string& strBytes);
+// The result of the next decryptions instead of the fake cipher's.
 void SetUnsealed(const std::string& strBytes);
 
 // Notes where the layers see this text in the service's own memory. A place counts as not wiped

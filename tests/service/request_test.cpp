@@ -12,6 +12,8 @@ using testing::Not;
 namespace
 {
 
+void OtherCallback(unsigned int, unsigned int, const char*, void*) {}
+
 class RequestTest : public ServiceTest
 {
 protected:
@@ -39,9 +41,27 @@ protected:
     {
         return std::string(reinterpret_cast<char*>(members.m_aucIV), 16);
     }
-};
 
-void OtherCallback(unsigned int, unsigned int, const char*, void*) {}
+    Lines Sealed() const
+    {
+        return {SealedBlock(), Key(), IV()};
+    }
+
+    // A request after a first one is refused: the first one's servers and callback are kept.
+    void ExpectRefused(tag_CORPDIR_DOWNLOADINFO stInfo, const Lines& vecErrors)
+    {
+        stInfo.pszFtpIPs = "x;y";
+        EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
+        EXPECT_EQ(members.m_strFtpIP, "192.0.2.1");
+        EXPECT_EQ(members.m_strIPs, "192.0.2.1");
+        EXPECT_EQ(members.m_strAllIPs, "192.0.2.1");
+        EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
+        EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
+        EXPECT_EQ(Logged(), Joined({{"2 SetFtpInfo: before setftpinfo, username : " +
+                                     std::string(stInfo.szUserName) + ", FTPIPs : x;y "},
+                                    vecErrors}));
+    }
+};
 
 struct ServerList
 {
@@ -55,24 +75,15 @@ struct ServerList
 TEST_F(RequestTest, StartsTheVersionDownloadAndTheTimer)
 {
     Start();
+    fakes::OnCall("TRAVEX_FTP_AsynDownloadFile", 1,
+                  [&] { EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback); });
     EXPECT_EQ(Make(ARequest()), 0U);
     const fakes::Download download = fakes::LastDownload();
     EXPECT_EQ(download.strServerFile, "pub/version.txt");
     EXPECT_EQ(download.strLocalFile, "version.local");
     EXPECT_EQ(members.m_ulVersionTaskID, download.ulTaskID);
-    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
     EXPECT_EQ(fakes::LiveTimer().ulLengthMs, 600000U);
     EXPECT_THAT(Only(Trace(), {"client"}), IsEmpty());
-}
-
-TEST_F(RequestTest, StoresTheCallbackBeforeTheDownloadStarts)
-{
-    Start();
-    CORPDIR_DOWNLOAD_CB pfnAtDownload = nullptr;
-    fakes::OnCall("TRAVEX_FTP_AsynDownloadFile", 1,
-                  [&] { pfnAtDownload = members.m_pfnDownloadCb; });
-    EXPECT_EQ(Make(ARequest()), 0U);
-    EXPECT_EQ(pfnAtDownload, ClientCallback);
 }
 
 TEST_F(RequestTest, CopiesEveryFieldIntoItsMember)
@@ -214,19 +225,6 @@ TEST_F(RequestTest, MeasuresThePasswordBeforeItDrawsAKey)
                             "ZEP_CPYPT_RealRandom(16)"));
 }
 
-TEST_F(RequestTest, SealsAPasswordOf255CharactersIntoTheWholeBlock)
-{
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    SetField(stInfo.szPassword, std::string(255, 'p'));
-    EXPECT_EQ(Take(stInfo), 0U);
-    unsigned char aucPlain[256] = {};
-    unsigned int ulLength = sizeof(aucPlain);
-    EXPECT_EQ(CommonDecrypt(members.m_pucPassword, 0, members.m_aucKey, 32, members.m_aucIV, 16,
-                            aucPlain, &ulLength),
-              0U);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(aucPlain), ulLength), std::string(255, 'p'));
-}
-
 TEST_F(RequestTest, DrawsAFreshKeyForEveryRequestAndReplacesTheSealedPassword)
 {
     ASSERT_EQ(Take(ARequest()), 0U);
@@ -251,16 +249,8 @@ TEST_F(RequestTest, DrawsAFreshKeyForEveryRequestAndReplacesTheSealedPassword)
     EXPECT_THAT(Only(Trace(), {"free", "malloc"}), ElementsAre("free(malloced)", "malloc(256)"));
 }
 
-TEST_F(RequestTest, WipesEveryPlainCopyOfThePassword)
-{
-    fakes::WatchSecret("secret");
-    ASSERT_EQ(Take(ARequest()), 0U);
-    EXPECT_GE(fakes::SecretCopiesSeen(), 1U);
-    EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U);
-}
-
 // The password as text; then the sealed block with one byte more, the key and the IV.
-TEST_F(RequestTest, WipesItsCopiesOfPasswordBlockKeyAndIVWholeOnEveryPath)
+TEST_F(RequestTest, WipesEveryCopyOfPasswordBlockKeyAndIVWholeOnEveryPath)
 {
     for (const char* pszFailing : {"", "ZEP_CPYPT_Encrypt", "malloc"})
     {
@@ -268,8 +258,11 @@ TEST_F(RequestTest, WipesItsCopiesOfPasswordBlockKeyAndIVWholeOnEveryPath)
         {
             fakes::FailCall(pszFailing, 1, 1);
         }
+        fakes::WatchSecret("secret");
         Trace();
         EXPECT_EQ(Take(ARequest()), *pszFailing != '\0' ? 1U : 0U);
+        EXPECT_GE(fakes::SecretCopiesSeen(), 1U);
+        EXPECT_EQ(fakes::SecretCopiesNotWiped(), 0U) << pszFailing;
         EXPECT_THAT(
             Only(Trace(), {"zep_memset_s(local"}),
             ElementsAre("zep_memset_s(local, 256, 0, 256)", "zep_memset_s(local, 305, 0, 305)"))
@@ -297,10 +290,6 @@ TEST_F(RequestTest, RefusesARecordWithoutServers)
                                       "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
     EXPECT_EQ(members.m_strUserName, "");
     EXPECT_EQ(members.m_pfnDownloadCb, nullptr);
-}
-
-TEST_F(RequestTest, TakingInANullRecordFails)
-{
     EXPECT_EQ(inside::SetFtpInfo(service, nullptr), 1U);
     EXPECT_THAT(Logged(), ElementsAre("0 SetFtpInfo: Input downloadinfo is null"));
 }
@@ -308,68 +297,38 @@ TEST_F(RequestTest, TakingInANullRecordFails)
 TEST_F(RequestTest, RefusesAnEmptyPasswordAfterUserNameAndTrustTextAreCopied)
 {
     StartWithRequest();
-    const Lines vecSealed = {SealedBlock(), Key(), IV()};
+    const Lines vecSealed = Sealed();
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
     SetField(stInfo.szFtpCtrlInfo, "system");
     SetField(stInfo.szUserName, "bob");
     SetField(stInfo.szPassword, "");
     SetField(stInfo.szVersionServerFile, "other");
-    stInfo.pszFtpIPs = "x;y";
-    EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
+    ExpectRefused(stInfo, {"0 SetFtpInfo: param Length is zero.",
+                           "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"});
     EXPECT_EQ(members.m_strUserName, "bob");
     EXPECT_EQ(members.m_strFtpCtrlInfo, "system");
-    EXPECT_EQ(Lines({SealedBlock(), Key(), IV()}), vecSealed) << "the old password remains";
+    EXPECT_EQ(Sealed(), vecSealed) << "the old password remains";
     EXPECT_EQ(members.m_strVersionServerPath, "pub/version.txt");
-    EXPECT_EQ(members.m_strAllIPs, "192.0.2.1");
-    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
-    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
-    EXPECT_THAT(Logged(),
-                ElementsAre("2 SetFtpInfo: before setftpinfo, username : bob, FTPIPs : x;y ",
-                            "0 SetFtpInfo: param Length is zero.",
-                            "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
 }
 
 TEST_F(RequestTest, FailsWithOneWhenThePasswordCannotBeSealed)
 {
     StartWithRequest();
-    const Lines vecSealed = {SealedBlock(), Key(), IV()};
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "x;y";
+    const Lines vecSealed = Sealed();
     fakes::FailCall("ZEP_CPYPT_Encrypt", 1, 77);
-    EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
-    EXPECT_EQ(Lines({SealedBlock(), Key(), IV()}), vecSealed);
-    EXPECT_EQ(members.m_strFtpIP, "192.0.2.1");
-    EXPECT_EQ(members.m_strIPs, "192.0.2.1");
-    EXPECT_EQ(members.m_strAllIPs, "192.0.2.1");
-    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
-    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
-    EXPECT_THAT(Logged(),
-                ElementsAre("2 SetFtpInfo: before setftpinfo, username : alice, FTPIPs : x;y ",
-                            "0 CommonEncrypt: ZEP_CPYPT_Encrypt error : 77",
-                            "0 SetFtpInfo: CommonEncrypt failed.",
-                            "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
-}
-
-TEST_F(RequestTest, FailsWithOneWhenNoKeyCanBeDrawn)
-{
-    StartWithRequest();
-    const Lines vecSealed = {SealedBlock(), Key(), IV()};
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "x;y";
-    for (const unsigned int ulNth : {1U, 2U})
+    ExpectRefused(ARequest(), {"0 CommonEncrypt: ZEP_CPYPT_Encrypt error : 77",
+                               "0 SetFtpInfo: CommonEncrypt failed.",
+                               "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"});
+    EXPECT_EQ(Sealed(), vecSealed);
+    for (const unsigned int ulDraw : {1U, 2U})
     {
-        fakes::FailCall("ZEP_CPYPT_RealRandom", ulNth, 5);
-        EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
-        EXPECT_EQ(Lines({SealedBlock(), Key(), IV()}), vecSealed);
-        EXPECT_EQ(members.m_strAllIPs, "192.0.2.1");
-        EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
-        EXPECT_THAT(Only(Logged(), {"0"}),
-                    ElementsAre("0 CommonEncrypt: Get RealRandom failed, errno is 5 .",
-                                "0 SetFtpInfo: CommonEncrypt failed.",
-                                "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
+        fakes::FailCall("ZEP_CPYPT_RealRandom", ulDraw, 5);
+        ExpectRefused(ARequest(), {"0 CommonEncrypt: Get RealRandom failed, errno is 5 .",
+                                   "0 SetFtpInfo: CommonEncrypt failed.",
+                                   "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"});
+        EXPECT_EQ(Sealed(), vecSealed);
     }
-    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 1U) << "the first request's";
-    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
+    EXPECT_EQ(fakes::Calls("ZEP_CPYPT_Encrypt"), 2U) << "not without a key";
 }
 
 TEST_F(RequestTest, HasANewKeyAndNoPasswordWhenItsBlockCannotBeAllocated)
@@ -377,41 +336,28 @@ TEST_F(RequestTest, HasANewKeyAndNoPasswordWhenItsBlockCannotBeAllocated)
     StartWithRequest();
     const std::string strKey = Key();
     const std::string strIV = IV();
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "x;y";
     fakes::FailCall("malloc", 1, 1);
-    EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, OtherCallback), 1U);
+    ExpectRefused(ARequest(), {"0 SetFtpInfo: param malloc failed.",
+                               "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"});
     EXPECT_EQ(members.m_pucPassword, nullptr);
     EXPECT_NE(Key(), strKey);
     EXPECT_NE(IV(), strIV);
-    EXPECT_EQ(members.m_strAllIPs, "192.0.2.1") << "nothing behind the password is taken";
-    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
-    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 1U) << "the first request's";
-    EXPECT_THAT(Only(Logged(), {"0"}),
-                ElementsAre("0 SetFtpInfo: param malloc failed.",
-                            "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
 }
 
 TEST_F(RequestTest, RefusesANullCallbackAfterTheRequestWasTakenIn)
 {
     Start();
+    members.m_pfnDownloadCb = OtherCallback;
     tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
     stInfo.pszFtpIPs = "x;y";
     EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, nullptr), 1U);
+    EXPECT_EQ(members.m_pfnDownloadCb, OtherCallback);
     EXPECT_EQ(members.m_strAllIPs, "x;y");
     EXPECT_NE(members.m_pucPassword, nullptr);
     EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 0U);
     EXPECT_EQ(fakes::LiveTimers(), 0U);
     EXPECT_THAT(Only(Logged(), {"0"}),
                 ElementsAre("0 CorpDirDownloadNetaddr: DownCallbackPtr is NULL."));
-}
-
-TEST_F(RequestTest, ANullCallbackLeavesTheEarlierOne)
-{
-    StartWithRequest();
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, nullptr), 1U);
-    EXPECT_EQ(members.m_pfnDownloadCb, ClientCallback);
 }
 
 TEST_F(RequestTest, PassesTheCodeOfAVersionDownloadThatDidNotStartAndStartsNoTimer)
@@ -435,22 +381,6 @@ TEST_F(RequestTest, FailsWhenTheTimerDoesNotStart)
     EXPECT_THAT(Only(Logged(), {"0"}),
                 ElementsAre("0 StartTimerForVersion: StartRelTimer UploadTimer Fail: 9",
                             "0 CorpDirDownloadNetaddr: StartTimerForVersion failed : 1"));
-}
-
-TEST_F(RequestTest, SucceedsWithoutATimerThatCannotBeCreated)
-{
-    Start();
-    fakes::FailCall("OSAK_CreateRelTimerM", 1, 1);
-    EXPECT_EQ(Make(ARequest()), 0U);
-    EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
-    EXPECT_THAT(Only(Logged(), {"0"}),
-                ElementsAre("0 StartTimerForVersion: CreateRelTimer uploadtimer Fail!"));
-}
-
-TEST_F(RequestTest, MakesAHandleOfItsOwnWithoutAStart)
-{
-    EXPECT_EQ(Make(ARequest()), 0U);
-    EXPECT_EQ(members.m_hFtpHandle, fakes::FtpHandle(1));
 }
 
 TEST_F(RequestTest, ASecondRequestReplacesTheFirstInPlace)

@@ -166,29 +166,6 @@ TEST_F(FailureTest, ASecondRequestInTheMiddleOfAPassStartsItsOwn)
     EXPECT_EQ(members.m_strFtpIP, "198.51.100.2");
 }
 
-TEST_F(FailureTest, ARetryConnectsToTheNextServer)
-{
-    StartWithRequest("192.0.2.1;192.0.2.2");
-    Notification(FAILED, 1, VERSION_FILE).Deliver();
-    RunWorkerUntilIdle();
-    EXPECT_EQ(fakes::LastControlParameters().stRecord.aucServerIp[3], 2);
-    EXPECT_EQ(members.m_ulVersionTaskID, 2U);
-}
-
-TEST_F(FailureTest, ARetryThatDoesNotStartIsLoggedAndMovesNothing)
-{
-    StartWithRequest("192.0.2.1;192.0.2.2;192.0.2.3");
-    Notification(FAILED, 1, VERSION_FILE).Deliver();
-    Trace();
-    fakes::FailCall("TRAVEX_FTP_AsynDownloadFile", 1, 20);
-    RunWorkerUntilIdle();
-    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 2U) << "it is not tried again";
-    EXPECT_EQ(members.m_strFtpIP, "192.0.2.2");
-    EXPECT_EQ(members.m_strIPs, "192.0.2.3");
-    EXPECT_THAT(Only(Trace(), {"client", "log 0 ThreadProcess"}),
-                ElementsAre("log 0 ThreadProcess: VersionDownload failed : 20"));
-}
-
 TEST_F(FailureTest, TheTimerStartsTheNextPassAtTheFirstServer)
 {
     fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
@@ -197,6 +174,7 @@ TEST_F(FailureTest, TheTimerStartsTheNextPassAtTheFirstServer)
     {
         Notification(FAILED, ulTask, VERSION_FILE).Deliver();
         ASSERT_TRUE(fakes::StepWorker());
+        EXPECT_EQ(fakes::LastControlParameters().stRecord.aucServerIp[3], 2) << "the next server";
     }
     EXPECT_EQ(fakes::LastDownload().ulTaskID, 2U) << "the pass has ended";
     EXPECT_EQ(fakes::Calls("OSAK_StartRelTimer"), 1U) << "the timer is left alone";
@@ -233,15 +211,17 @@ TEST_F(FailureTest, ARetryIsQueuedAfterItsRecord)
 TEST_F(FailureTest, AVersionFailureIsLoggedReportedForgottenRotatedAndQueued)
 {
     StartWithRequest("A;B;C");
-    Notification(FAILED, 1, VERSION_FILE).WithError(0x1F).Deliver();
-    const Lines vecTrace = Trace();
-    EXPECT_THAT(Lines(vecTrace.begin() + 1, vecTrace.end()),
-                ElementsAre("log 0 VersionCorpDownloadErr: Download Error, ret = 1f, taskid = 1",
-                            "client(1, 1, null, null)",
-                            "log 2 VersionCorpDownloadErr: FTP IP pos = 1, IPs = B;C",
-                            "OSAK_StrCmp(pub/version.txt, pub/version.txt)",
-                            "log 2 VersionCorpDownloadErr: FTP During rotating IP : B, IPs = C",
-                            "log 2 VersionCorpDownloadErr: Thread add version download"));
+    Notification(FAILED, 1, VERSION_FILE).WithError(0xFFFFFF1F).Deliver();
+    EXPECT_THAT(
+        Trace(),
+        ElementsAre("log 2 DownloadCallback: DownloadCallback : ulTaskID = 1l, ulType = 3l, "
+                    "VersionTaskID = 1, CorpDirTaskID = 0, DownFileName : pub/version.txt",
+                    "log 0 VersionCorpDownloadErr: Download Error, ret = ffffff1f, taskid = 1",
+                    "client(1, 1, null, null)",
+                    "log 2 VersionCorpDownloadErr: FTP IP pos = 1, IPs = B;C",
+                    "OSAK_StrCmp(pub/version.txt, pub/version.txt)",
+                    "log 2 VersionCorpDownloadErr: FTP During rotating IP : B, IPs = C",
+                    "log 2 VersionCorpDownloadErr: Thread add version download"));
     EXPECT_EQ(members.m_ulVersionTaskID, 0U);
     EXPECT_THAT(Tasks(), ElementsAre(1));
 }
@@ -322,14 +302,6 @@ TEST_F(FailureTest, WithoutErrorDetailOnlyTheTaskIsLogged)
     Notification(FAILED, 0xFFFFFFFF, VERSION_FILE).Deliver();
     EXPECT_THAT(Only(Logged(), {"0 VersionCorp"}),
                 ElementsAre("0 VersionCorpDownloadErr: Download Error, taskid = 4294967295",
-                            "0 VersionCorpDownloadErr: corpdir_downloadCb is NULL"));
-}
-
-TEST_F(FailureTest, TheErrorsCodeIsPrintedInHexadecimal)
-{
-    Notification(FAILED, 5, VERSION_FILE).WithError(0xFFFFFFFF).Deliver();
-    EXPECT_THAT(Only(Logged(), {"0 VersionCorp"}),
-                ElementsAre("0 VersionCorpDownloadErr: Download Error, ret = ffffffff, taskid = 5",
                             "0 VersionCorpDownloadErr: corpdir_downloadCb is NULL"));
 }
 

@@ -264,17 +264,6 @@ TEST_F(VersionFileTest, AnyDifferenceIsANewVersionAlsoALowerOne)
     EXPECT_THAT(Tasks(), ElementsAre(2, 2));
 }
 
-TEST_F(VersionFileTest, ARequestMakesTheSameVersionNewAgain)
-{
-    Arrive("2.0.0\n");
-    members.m_listThreadPro.clear();
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
-    members.m_strVersionLocalPath = directory.Path();
-    Arrive("2.0.0\n");
-    EXPECT_THAT(Tasks(), ElementsAre(2));
-}
-
 TEST_F(VersionFileTest, FiveBytesAreAVersionAndFourAreNot)
 {
     ExpectInvalid("1.23");
@@ -386,17 +375,4 @@ TEST_F(VersionFileTest, AnEmptyFullListIsNotCopied)
     EXPECT_EQ(members.m_strIPs, "192.0.2.2");
     EXPECT_THAT(Only(Logged(), {"2 VersionDownloadOver: FTP"}), IsEmpty());
     EXPECT_THAT(Tasks(), ElementsAre(2));
-}
-
-TEST_F(VersionFileTest, ArrivingThroughANotificationRunsTheDirectoryDownloadOnTheWorker)
-{
-    support::WriteFile(strFile, "2.0.0\n");
-    Notification(SUCCESS, 1, "pub/version.txt").Deliver();
-    EXPECT_THAT(Tasks(), IsEmpty());
-    Notification(OVER, 1, "pub/version.txt").Deliver();
-    RunWorkerUntilIdle();
-    EXPECT_EQ(fakes::LastDownload().strServerFile, "pub/directory.xml");
-    EXPECT_EQ(members.m_ulVersionTaskID, 1U) << "a finished task's id stays";
-    EXPECT_EQ(members.m_ulCorpDirTaskID, 2U);
-    EXPECT_THAT(Only(Trace(), {"client"}), IsEmpty()) << "the client hears of the directory only";
 }

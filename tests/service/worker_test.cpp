@@ -31,31 +31,6 @@ TEST_F(WorkerTest, AnIdlePassLocksUnlocksAndSleepsFiftyMicroseconds)
     EXPECT_EQ(Trace(), Joined({{ENTERING}, IDLE_PASS, IDLE_PASS, IDLE_PASS, LEAVING}));
 }
 
-TEST_F(WorkerTest, LogsNothingWhileIdle)
-{
-    fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
-    Start();
-    for (int i = 0; i < 100; ++i)
-    {
-        EXPECT_TRUE(fakes::StepWorker());
-    }
-    EXPECT_EQ(fakes::Calls("usleep"), 101U) << "the start's pass and a hundred more";
-    EXPECT_THAT(Logged(), IsEmpty());
-    client.CorpDirUninit();
-}
-
-TEST_F(WorkerTest, TakesATaskUnderTheMutexAndRunsItWithout)
-{
-    Start();
-    AddTask(3);
-    RunWorkerUntilIdle();
-    EXPECT_EQ(Trace(), Joined({{ENTERING, "OSAK_MutexLock(block 1)",
-                                "log 2 ThreadProcess: Thread download type : 3",
-                                "OSAK_MutexUnLock(block 1)"},
-                               IDLE_PASS,
-                               LEAVING}));
-}
-
 TEST_F(WorkerTest, LooksForATaskOnlyOnceItHasTheLock)
 {
     Start();
@@ -79,12 +54,12 @@ TEST_F(WorkerTest, RemovesTheTaskBeforeItUnlocks)
     EXPECT_THAT(vecAtUnlock, ElementsAre(4));
 }
 
-TEST_F(WorkerTest, RunsTheDownloadsInTheOrderOfTheirTasksWithoutAPause)
+TEST_F(WorkerTest, RunsTheDownloadsInTheOrderOfTheirTasksDuplicatesIncluded)
 {
     StartWithRequest();
     AddTask(1);
     AddTask(2);
-    AddTask(1);
+    AddTask(2);
     RunWorkerUntilIdle();
     EXPECT_THAT(
         Only(Trace(), {"log 2 ThreadProcess: Thread", "enter", "usleep"}),
@@ -92,18 +67,9 @@ TEST_F(WorkerTest, RunsTheDownloadsInTheOrderOfTheirTasksWithoutAPause)
                     "log 2 ThreadProcess: Thread begin VersionDownload.", "enter VersionDownload",
                     "log 2 ThreadProcess: Thread download type : 2",
                     "log 2 ThreadProcess: Thread begin CorpDirDownload.", "enter CorpDirDownload",
-                    "log 2 ThreadProcess: Thread download type : 1",
-                    "log 2 ThreadProcess: Thread begin VersionDownload.", "enter VersionDownload",
+                    "log 2 ThreadProcess: Thread download type : 2",
+                    "log 2 ThreadProcess: Thread begin CorpDirDownload.", "enter CorpDirDownload",
                     "usleep(50)", "log 2 ThreadProcess: ThreadProcess Leave."));
-}
-
-TEST_F(WorkerTest, KeepsDuplicates)
-{
-    StartWithRequest();
-    AddTask(1);
-    AddTask(1);
-    RunWorkerUntilIdle();
-    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 3U) << "the request's and two more";
 }
 
 TEST_F(WorkerTest, ConsumesUnknownTasksWithoutAction)
@@ -167,6 +133,7 @@ TEST_F(WorkerTest, ClosesTheHandleOnItsWayOutAndForgetsIt)
     inside::WorkerRunFlag() = 0;
     CFTPCorpDirImpl::ThreadProcess();
     EXPECT_EQ(members.m_hFtpHandle, nullptr);
+    EXPECT_NE(inside::WorkerThread(), nullptr) << "the thread's own handle is the stop's";
     EXPECT_THAT(Only(Logged(), {"2 ThreadProcess: TRAVEX"}),
                 ElementsAre("2 ThreadProcess: TRAVEX_FTP_CloseHandle Ret : 4294967295"));
 }
@@ -213,14 +180,6 @@ TEST_F(WorkerTest, IgnoresTheMutexesResults)
     EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 2U) << "the request's and the task's";
 }
 
-TEST_F(WorkerTest, LeavesItsHandleToTheStop)
-{
-    Start();
-    inside::WorkerRunFlag() = 0;
-    CFTPCorpDirImpl::ThreadProcess();
-    EXPECT_NE(inside::WorkerThread(), nullptr);
-}
-
 TEST_F(WorkerTest, AThreadThatStoppedIsNotRestartedBeforeAStop)
 {
     Start();
@@ -229,29 +188,6 @@ TEST_F(WorkerTest, AThreadThatStoppedIsNotRestartedBeforeAStop)
     EXPECT_EQ(client.CorpDirInit(&stLogInfo), 0U);
     EXPECT_EQ(fakes::Calls("OSAK_PthreadCreate"), 1U);
     EXPECT_EQ(inside::WorkerRunFlag(), 0U);
-}
-
-TEST_F(WorkerTest, FindsATaskAtItsNextPollWhereverItCameFrom)
-{
-    fakes::SetWorkerMode(fakes::WorkerMode::Stepped);
-    StartWithRequest();
-    inside::TimerCallback()(nullptr);
-    ASSERT_TRUE(fakes::StepWorker());
-    EXPECT_EQ(fakes::LastDownload().ulTaskID, 2U);
-    ASSERT_TRUE(fakes::StepWorker());
-    EXPECT_EQ(fakes::LastDownload().ulTaskID, 2U) << "each task once";
-    client.CorpDirUninit();
-}
-
-TEST_F(WorkerTest, AStopDuringATaskEndsTheWorkerAfterIt)
-{
-    StartWithRequest();
-    AddTask(1);
-    AddTask(1);
-    fakes::OnCall("TRAVEX_FTP_AsynDownloadFile", 1, [] { inside::WorkerRunFlag() = 0; });
-    CFTPCorpDirImpl::ThreadProcess();
-    EXPECT_EQ(fakes::Calls("TRAVEX_FTP_AsynDownloadFile"), 2U) << "the request's and one more";
-    EXPECT_THAT(Tasks(), IsEmpty());
 }
 
 TEST_F(WorkerTest, ASecondStartBesideAPollingWorkerDropsTheTasksAndKeepsTheWorker)
