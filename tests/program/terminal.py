@@ -141,7 +141,7 @@ class Test:
         scene.write("srv/directory.csv", b"number,name,telephone,mail\n" * (SIZE // 27))
         scene.write("password", PASSWORD + "\n")
         self.port = scene.serve(scene.folder / "srv", scene.make_certificate("server", "IP:127.0.0.1"),
-                                "--rate", str(RATE), "--even-pace")
+                                "--rate", str(RATE))
         self.tmux = Tmux(scene)
 
     def command(self, name, *more):

@@ -107,7 +107,6 @@ def parse_arguments():
     parser.add_argument("--ciphers", help="suites up to TLS 1.2, as OpenSSL's cipher lists")
     parser.add_argument("--tls-max", default="1.3", choices=["1.2", "1.3"])
     parser.add_argument("--rate", type=int, default=0, help="bytes a second per data connection")
-    parser.add_argument("--even-pace", action="store_true", help="with --rate: in small pieces")
     parser.add_argument("--log", help="file that records what clients do")
     arguments = parser.parse_args()
     if arguments.tls != "none" and not arguments.cert:
@@ -130,7 +129,8 @@ def make_ssl_context(arguments):
 
 
 class EvenPaceMixin:
-    """Pauses after each tenth of a second's bytes. pyftpdlib sends those of a second or two at once."""
+    """Pauses after each tenth of a second's bytes. pyftpdlib alone sends those of a second or two at
+    once, and clients would have to wait that long for the next ones."""
 
     def _throttle_bandwidth(self, len_chunk, max_speed):
         self._datacount += len_chunk
@@ -146,8 +146,7 @@ def data_handler(arguments):
     base = DTPHandler if arguments.tls == "none" else TLS_DTPHandler
     if arguments.rate == 0:
         return base
-    bases = (ThrottledDTPHandler, base)
-    return type("SlowDataHandler", (EvenPaceMixin, *bases) if arguments.even_pace else bases,
+    return type("SlowDataHandler", (EvenPaceMixin, ThrottledDTPHandler, base),
                 {"write_limit": arguments.rate, "auto_sized_buffers": True})
 
 
