@@ -149,6 +149,12 @@ TEST_F(ObjectTest, AFreshObjectIsEmpty)
 {
     inside::WorkerThread() = reinterpret_cast<OSAK_THREAD>(0x7001);
     inside::WorkerRunFlag() = 1;
+    fakes::OnCall("zep_memset_s", 2,
+                  []
+                  {
+                      EXPECT_NE(inside::WorkerThread(), nullptr) << "reset after the wipes";
+                      EXPECT_EQ(inside::WorkerRunFlag(), 1U) << "reset after the wipes";
+                  });
     RawService raw;
     const inside::Members fresh(*raw.pService);
     EXPECT_THAT(RequestTexts(fresh), Each(""));
@@ -166,23 +172,6 @@ TEST_F(ObjectTest, AFreshObjectIsEmpty)
     EXPECT_EQ(fresh.m_ulCorpDirTaskID, 0U);
     EXPECT_TRUE(fresh.m_listThreadPro.empty());
     EXPECT_EQ(fresh.m_hMutex, nullptr);
-    EXPECT_EQ(inside::WorkerThread(), nullptr);
-    EXPECT_EQ(inside::WorkerRunFlag(), 0U);
-    raw.pService->~CFTPCorpDirImpl();
-}
-
-TEST_F(ObjectTest, ConstructionResetsTheWorkersGlobalsAfterTheWipes)
-{
-    const auto hThread = reinterpret_cast<OSAK_THREAD>(0x7001);
-    inside::WorkerThread() = hThread;
-    inside::WorkerRunFlag() = 1;
-    fakes::OnCall("zep_memset_s", 2,
-                  [&]
-                  {
-                      EXPECT_EQ(inside::WorkerThread(), hThread);
-                      EXPECT_EQ(inside::WorkerRunFlag(), 1U);
-                  });
-    RawService raw;
     EXPECT_EQ(inside::WorkerThread(), nullptr);
     EXPECT_EQ(inside::WorkerRunFlag(), 0U);
     raw.pService->~CFTPCorpDirImpl();

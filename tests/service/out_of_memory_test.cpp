@@ -179,16 +179,13 @@ TEST_P(OutOfMemoryTest, ARequestWithoutAStartMakesItsHandleOrGivesOne)
         });
 }
 
-TEST_P(OutOfMemoryTest, AVersionDownloadCountsAsAStartThatFailed)
+TEST_P(OutOfMemoryTest, ADownloadCountsAsAStartThatFailed)
 {
-    CountUp([&] { StartRequest(); }, [&] { return inside::VersionDownload(service); },
-            [&](unsigned int ulRet, bool bFailed) { EXPECT_EQ(ulRet, bFailed ? 1U : 0U); });
-}
-
-TEST_P(OutOfMemoryTest, ADirectoryDownloadCountsAsAStartThatFailed)
-{
-    CountUp([&] { StartRequest(); }, [&] { return inside::CorpDirDownload(service); },
-            [&](unsigned int ulRet, bool bFailed) { EXPECT_EQ(ulRet, bFailed ? 1U : 0U); });
+    for (const auto Download : {inside::VersionDownload, inside::CorpDirDownload})
+    {
+        CountUp([&] { StartRequest(); }, [&] { return Download(service); },
+                [&](unsigned int ulRet, bool bFailed) { EXPECT_EQ(ulRet, bFailed ? 1U : 0U); });
+    }
 }
 
 TEST_P(OutOfMemoryTest, TheWorkerLogsAStartThatFailedAndTakesTheNextTask)

@@ -375,11 +375,12 @@ TEST_F(RequestTest, PassesTheCodeOfAVersionDownloadThatDidNotStartAndStartsNoTim
 TEST_F(RequestTest, FailsWhenTheTimerDoesNotStart)
 {
     Start();
-    fakes::FailCall("OSAK_StartRelTimer", 1, 9);
+    fakes::FailCall("OSAK_StartRelTimer", 1, 0xFFFFFFFF);
     EXPECT_EQ(Make(ARequest()), 1U);
     EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
+    EXPECT_EQ(fakes::LiveTimers(), 0U);
     EXPECT_THAT(Only(Logged(), {"0"}),
-                ElementsAre("0 StartTimerForVersion: StartRelTimer UploadTimer Fail: 9",
+                ElementsAre("0 StartTimerForVersion: StartRelTimer UploadTimer Fail: ffffffff",
                             "0 CorpDirDownloadNetaddr: StartTimerForVersion failed : 1"));
 }
 

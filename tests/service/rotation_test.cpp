@@ -211,6 +211,12 @@ TEST_F(FailureTest, ARetryIsQueuedAfterItsRecord)
 TEST_F(FailureTest, AVersionFailureIsLoggedReportedForgottenRotatedAndQueued)
 {
     StartWithRequest("A;B;C");
+    fakes::OnCall("client", 1,
+                  [&]
+                  {
+                      EXPECT_EQ(members.m_strFtpIP, "A") << "not rotated yet";
+                      EXPECT_EQ(members.m_ulVersionTaskID, 0U) << "forgotten already";
+                  });
     Notification(FAILED, 1, VERSION_FILE).WithError(0xFFFFFF1F).Deliver();
     EXPECT_THAT(
         Trace(),
@@ -311,22 +317,6 @@ TEST_F(FailureTest, ANullNotificationIsOnlyLogged)
     inside::VersionCorpDownloadErr(service, nullptr);
     EXPECT_THAT(Trace(),
                 ElementsAre("log 0 VersionCorpDownloadErr: VersionCorpDownloadErr Param is NULL"));
-}
-
-TEST_F(FailureTest, TheClientIsCalledBeforeTheRotation)
-{
-    StartWithRequest("A;B;C");
-    std::string strCurrentAtCallback;
-    unsigned int ulTaskAtCallback = 9;
-    fakes::OnCall("client", 1,
-                  [&]
-                  {
-                      strCurrentAtCallback = members.m_strFtpIP;
-                      ulTaskAtCallback = members.m_ulVersionTaskID;
-                  });
-    Notification(FAILED, 1, VERSION_FILE).Deliver();
-    EXPECT_EQ(strCurrentAtCallback, "A");
-    EXPECT_EQ(ulTaskAtCallback, 0U) << "the task is forgotten before";
 }
 
 TEST_F(FailureTest, TheFileNameIsComparedByteForByte)
