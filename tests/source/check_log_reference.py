@@ -18,8 +18,8 @@ import sys
 SERVICE, FTP, OSAK, LOG = "ZepCorpDirectory", "travex_ftp", "osak", "corpdir_log"
 SERVICE_FOLDER = "service/im/imcorpdirectory/ftpcorpdirectory/src"
 
-# Folder, macro or function, component, and the positions of level and format among its arguments. The
-# position of a function's name is -1 when it is the function around the call.
+# Folder, macro or function, component, and the positions of level and format among its arguments.
+# The position of a function's name is -1 when it is the function around the call.
 DOORS = [
     (SERVICE_FOLDER, "LOG", SERVICE, -1, 0, 1),
     (SERVICE_FOLDER, "LOG_AS", SERVICE, 0, 1, 2),

@@ -39,7 +39,24 @@ void RecordedEvents::OnEvent(void* user, const corpdir_event* event)
     }
 }
 
-void RecordedEvents::Then(std::function<void(const Event&)> action)
+void RecordedEvents::Then(std::function<void()> action)
+{
+    SetAction([action = std::move(action)](const Event&) { action(); });
+}
+
+void RecordedEvents::On(corpdir_event_kind kind, std::function<void()> action)
+{
+    SetAction(
+        [kind, action = std::move(action)](const Event& event)
+        {
+            if (event.kind == kind)
+            {
+                action();
+            }
+        });
+}
+
+void RecordedEvents::SetAction(std::function<void(const Event&)> action)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_action = std::move(action);

@@ -35,14 +35,17 @@ class RecordedEvents
 public:
     static void OnEvent(void* user, const corpdir_event* event);
 
-    // Runs on the event thread after the event was recorded.
-    void Then(std::function<void(const Event&)> action);
+    // Runs on the event thread after each event, or each one of this kind, was recorded.
+    void Then(std::function<void()> action);
+    void On(corpdir_event_kind kind, std::function<void()> action);
 
     std::vector<Event> All() const;
     std::vector<Event> OfKind(corpdir_event_kind kind) const;
     bool WaitFor(corpdir_event_kind kind, std::size_t count = 1) const;  // false: not in time
 
 private:
+    void SetAction(std::function<void(const Event&)> action);
+
     mutable std::mutex m_mutex;
     std::vector<Event> m_events;
     std::function<void(const Event&)> m_action;

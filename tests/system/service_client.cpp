@@ -155,6 +155,15 @@ void Client::OnResult(std::function<void()> action)
     g_action = std::move(action);
 }
 
+void Client::ExpectResults(const Request& request, const std::vector<Result>& expected)
+{
+    ASSERT_EQ(Start(), 0u);
+    ASSERT_EQ(Ask(request), 0u);
+    ASSERT_TRUE(WaitForResults(expected.size()));
+    Stop();
+    EXPECT_EQ(Results(), expected);
+}
+
 std::vector<Result> Client::Results() const
 {
     const std::lock_guard<std::mutex> lock(g_mutex);

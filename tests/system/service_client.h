@@ -81,6 +81,10 @@ public:
     // Runs on the notification thread after the result was recorded.
     void OnResult(std::function<void()> action);
 
+    // From a start to a stop, which follows as many results as are expected. The results since the
+    // client was made must be these.
+    void ExpectResults(const Request& request, const std::vector<Result>& expected);
+
     std::vector<Result> Results() const;
     bool WaitForResults(std::size_t count) const;  // false when they do not come in time
 
