@@ -46,9 +46,8 @@ void PrepareAuthority(const std::string& base)
 
 }  // namespace
 
-TestCertificates::TestCertificates() : m_key(m_directory.File("key.pem"))
+TestCertificates::TestCertificates() : m_key(CORPDIR_TEST_SERVER_KEY)
 {
-    OpenSsl({"genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", m_key});
     m_authority = MakeRootAuthority("authority");
     m_other_authority = MakeRootAuthority("other-authority");
 }

@@ -57,7 +57,7 @@ private:
 
     TemporaryDirectory m_directory;
     mutable int m_files = 0;
-    std::string m_key;  // of all servers: making an RSA key is slow
+    std::string m_key;  // of all servers; made by the build, since making an RSA key is slow
     std::string m_authority;
     std::string m_other_authority;
 };

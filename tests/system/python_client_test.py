@@ -241,7 +241,7 @@ class PythonClient(unittest.TestCase):
         server = self.slow_server()
         with self.client() as client:
             with self.assertRaises(CorpdirError) as caught:
-                client.fetch(**self.request(server), timeout=1)
+                client.fetch(**self.request(server), timeout=0.3)
         self.assertEqual(caught.exception.code, Code.TIMEOUT)
 
     def test_one_client_at_a_time(self):
