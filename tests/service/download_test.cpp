@@ -221,10 +221,13 @@ TEST_P(FileDownloadTest, AStartThatFailsForgetsTheEarlierTaskAndPassesTheCode)
          {Failure{"TRAVEX_FTP_SetCtrlParam", 1}, Failure{"TRAVEX_FTP_AsynDownloadFile", 20}})
     {
         ulTask = 7;
+        members.m_strIPs = "192.0.2.2";
         fakes::FailCall(failure.pszFunction, 1, 20);
         EXPECT_EQ(Begin(), failure.ulResult);
         EXPECT_EQ(ulTask, 0U);
         EXPECT_EQ(Logged().back(), strRecord);
+        EXPECT_EQ(members.m_strFtpIP, "192.0.2.1") << "the next check asks the same server";
+        EXPECT_EQ(members.m_strIPs, "192.0.2.2");
     }
     EXPECT_THAT(Only(Trace(), {"client"}), IsEmpty());
     EXPECT_THAT(Tasks(), IsEmpty()) << "nothing is tried again";
