@@ -306,7 +306,7 @@ TEST_F(ControlParamTest, TheLibrarysRefusalIsLoggedAsSignedAndBecomesOne)
 
 // --- Cipher list in the record ------------------------------------------------------------------
 
-TEST_F(ControlParamTest, AListThatTheClientSetIsHandedOverAsItStands)
+TEST_F(ControlParamTest, AListThatTheClientSetIsHandedOverUnchanged)
 {
     const int aiList[] = {9, 8};
     ASSERT_EQ(client.CorpDirSetFtpCipherListToDirImpl(aiList, 2), 0U);

@@ -331,8 +331,7 @@ TEST_F(DownloadTest, TheFinishedDownloadIsReportedToTheClient)
     ASSERT_EQ(inside::CorpDirDownload(service), 0U);
     Trace();
     Notification(OVER, 1, "pub/directory.xml").Deliver();
-    const Lines vecTrace = Trace();
-    EXPECT_THAT(Lines(vecTrace.begin() + 2, vecTrace.end()),
+    EXPECT_THAT(TraceFrom(2),
                 ElementsAre("enter CorpDirDownloadOver",
                             "log 2 CorpDirDownloadOver: CorpDir Path : /nowhere/d/",
                             "log 2 CorpDirDownloadOver: CorpDir Name : directory.local",

@@ -54,7 +54,7 @@ void Note(const std::string& strEvent);
 // The name under which a pointer is printed from now on.
 void NamePointer(const void* pPointer, const std::string& strName);
 
-// Off: calls are neither recorded nor compared with rules, for tests with a million of them.
+// Off: calls are neither recorded nor compared with rules, for tests with a million calls.
 void SetRecording(bool bOn);
 
 // Sees every log record, also while nothing is recorded. Null: none.

@@ -212,7 +212,7 @@ TEST_P(OutOfMemoryTest, TheWorkerLogsAStartThatFailedAndTakesTheNextTask)
                 EXPECT_TRUE(strError == "0 ThreadProcess: VersionDownload failed : 1" ||
                             strError == "0 ThreadProcess: CorpDirDownload failed : 1");
             }
-            EXPECT_EQ(members.m_hFtpHandle, nullptr) << "it takes its leave all the same";
+            EXPECT_EQ(members.m_hFtpHandle, nullptr) << "the worker closes it on its way out";
         });
 }
 

@@ -88,8 +88,7 @@ TEST_F(RequestTest, StartsTheVersionDownloadAndTheTimer)
 
 TEST_F(RequestTest, CopiesEveryFieldIntoItsMember)
 {
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "one;two";
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest("one;two");
     stInfo.pszLocalIP = "192.0.2.99";
     stInfo.ulPort = 2121;
     stInfo.ulFtpMode = 7;
@@ -138,8 +137,7 @@ TEST_F(RequestTest, SplitsTheServerListAtTheFirstSeparator)
           ServerList{";b", "", "b"}, ServerList{";", "", ""}, ServerList{" a ; b ", " a ", " b "},
           ServerList{"a;;c", "a", ";c"}})
     {
-        tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-        stInfo.pszFtpIPs = list.pszGiven;
+        tag_CORPDIR_DOWNLOADINFO stInfo = ARequest(list.pszGiven);
         EXPECT_EQ(Take(stInfo), 0U) << list.pszGiven;
         EXPECT_EQ(members.m_strFtpIP, list.pszCurrent) << list.pszGiven;
         EXPECT_EQ(members.m_strIPs, list.pszWorking) << list.pszGiven;
@@ -149,8 +147,7 @@ TEST_F(RequestTest, SplitsTheServerListAtTheFirstSeparator)
 
 TEST_F(RequestTest, AnEmptyServerListLeavesTheCurrentServerOfAnEarlierRequest)
 {
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "earlier;other";
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest("earlier;other");
     ASSERT_EQ(Take(stInfo), 0U);
     stInfo.pszFtpIPs = "";
     EXPECT_EQ(Take(stInfo), 0U);
@@ -283,8 +280,7 @@ TEST_F(RequestTest, RefusesANullRecord)
 
 TEST_F(RequestTest, RefusesARecordWithoutServers)
 {
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = nullptr;
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest(nullptr);
     EXPECT_EQ(Make(stInfo), 1U);
     EXPECT_THAT(Logged(), ElementsAre("0 SetFtpInfo: Input downloadinfo is null",
                                       "0 CorpDirDownloadNetaddr: SetFtpInfo failed : 1"));
@@ -348,8 +344,7 @@ TEST_F(RequestTest, RefusesANullCallbackAfterTheRequestWasTakenIn)
 {
     Start();
     members.m_pfnDownloadCb = OtherCallback;
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "x;y";
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest("x;y");
     EXPECT_EQ(client.CorpDirDownloadNetaddr(&stInfo, nullptr), 1U);
     EXPECT_EQ(members.m_pfnDownloadCb, OtherCallback);
     EXPECT_EQ(members.m_strAllIPs, "x;y");

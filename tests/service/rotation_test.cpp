@@ -155,8 +155,7 @@ TEST_F(FailureTest, ASecondRequestInTheMiddleOfAPassStartsItsOwn)
     StartWithRequest("192.0.2.1;192.0.2.2;192.0.2.3");
     Notification(FAILED, 1, VERSION_FILE).Deliver();
     ASSERT_EQ(members.m_strFtpIP, "192.0.2.2");
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "198.51.100.1;198.51.100.2";
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest("198.51.100.1;198.51.100.2");
     ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
     EXPECT_EQ(members.m_strFtpIP, "198.51.100.1");
     EXPECT_EQ(members.m_strIPs, "198.51.100.2");

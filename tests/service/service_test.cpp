@@ -12,7 +12,7 @@ void SetField(char (&acField)[256], const std::string& strText)
     std::memcpy(acField, strText.data(), std::min(strText.size(), sizeof(acField)));
 }
 
-tag_CORPDIR_DOWNLOADINFO ARequest()
+tag_CORPDIR_DOWNLOADINFO ARequest(const char* pszServers)
 {
     tag_CORPDIR_DOWNLOADINFO stInfo = {};
     SetField(stInfo.szFtpCtrlInfo, "ca=/etc/ca.pem");
@@ -24,7 +24,7 @@ tag_CORPDIR_DOWNLOADINFO ARequest()
     SetField(stInfo.szVersionLocalFileName, "version.local");
     SetField(stInfo.szCorpDirLocalDir, "/nowhere/d");
     SetField(stInfo.szCorpDirLocalFileName, "directory.local");
-    stInfo.pszFtpIPs = "192.0.2.1";
+    stInfo.pszFtpIPs = pszServers;
     return stInfo;
 }
 
@@ -170,8 +170,7 @@ void ServiceTest::Start()
 
 void ServiceTest::TakeRequest(const std::string& strServers)
 {
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = strServers.c_str();
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest(strServers.c_str());
     ASSERT_EQ(inside::SetFtpInfo(service, &stInfo), 0U);
     Trace();
     Logged();
@@ -180,8 +179,7 @@ void ServiceTest::TakeRequest(const std::string& strServers)
 void ServiceTest::StartWithRequest(const std::string& strServers)
 {
     Start();
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = strServers.c_str();
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest(strServers.c_str());
     ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, ClientCallback), 0U);
     Trace();
     Logged();
@@ -220,6 +218,13 @@ void ServiceTest::AddTask(unsigned int ulTask)
 Lines ServiceTest::Trace()
 {
     return fakes::TakeTrace();
+}
+
+Lines ServiceTest::TraceFrom(size_t ulFirst)
+{
+    const Lines vecTrace = Trace();
+    return Lines(vecTrace.begin() + static_cast<long>(std::min(ulFirst, vecTrace.size())),
+                 vecTrace.end());
 }
 
 Lines ServiceTest::Logged()

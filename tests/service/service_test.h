@@ -16,8 +16,8 @@
 
 using Lines = std::vector<std::string>;
 
-// A complete request: FTPS, one server 192.0.2.1, user "alice" with password "secret".
-tag_CORPDIR_DOWNLOADINFO ARequest();
+// A complete request: FTPS, user "alice" with password "secret".
+tag_CORPDIR_DOWNLOADINFO ARequest(const char* pszServers = "192.0.2.1");
 
 // Fills a field of the request as strcpy does, or without a terminator when the text has 256 bytes.
 void SetField(char (&acField)[256], const std::string& strText);
@@ -104,6 +104,9 @@ protected:
     // Everything that happened since the last call, or the log's part of it.
     Lines Trace();
     Lines Logged();
+
+    // The trace without its first lines.
+    Lines TraceFrom(size_t ulFirst);
 
     CFTPCorpDirImpl& service;
     IFtpCorpDir& client;  // the same object as a client sees it

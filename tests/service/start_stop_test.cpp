@@ -75,13 +75,11 @@ TEST_F(StartTest, TakesTheLibraryDownAgainWhenThereIsNoHandle)
     EXPECT_EQ(client.CorpDirInit(&stLogInfo), 1U);
     EXPECT_EQ(members.m_hFtpHandle, nullptr);
     EXPECT_EQ(members.m_hMutex, nullptr);
-    const Lines vecTrace = Trace();
-    EXPECT_THAT(
-        Lines(vecTrace.begin() + 6, vecTrace.end()),
-        ElementsAre("TRAVEX_FTP_CreateHandle() = 1",
-                    "log 0 CorpDirInit: TRAVEX_FTP_CreateHandle fail !", "TRAVEX_FTP_UnInit() = -1",
-                    "log 2 CorpDirInit: ftp uninit ret:4294967295", "CorpDir_CloseLog()",
-                    "leave CorpDirInit"));
+    EXPECT_THAT(TraceFrom(6), ElementsAre("TRAVEX_FTP_CreateHandle() = 1",
+                                          "log 0 CorpDirInit: TRAVEX_FTP_CreateHandle fail !",
+                                          "TRAVEX_FTP_UnInit() = -1",
+                                          "log 2 CorpDirInit: ftp uninit ret:4294967295",
+                                          "CorpDir_CloseLog()", "leave CorpDirInit"));
 }
 
 TEST_F(StartTest, ClosesTheHandleButKeepsItsValueWhenThereIsNoMutexStorage)
@@ -94,8 +92,7 @@ TEST_F(StartTest, ClosesTheHandleButKeepsItsValueWhenThereIsNoMutexStorage)
     EXPECT_EQ(inside::WorkerThread(), nullptr);
     EXPECT_EQ(inside::WorkerRunFlag(), 0U);
     EXPECT_EQ(fakes::LiveFtpHandles(), 0U);
-    const Lines vecTrace = Trace();
-    EXPECT_THAT(Lines(vecTrace.begin() + 8, vecTrace.end()),
+    EXPECT_THAT(TraceFrom(8),
                 ElementsAre("OSAK_MemMallocD(72) = 1", "log 0 CorpDirInit: Metex create failed. ",
                             "TRAVEX_FTP_CloseHandle(ftp 1) = -1",
                             "log 2 CorpDirInit: TRAVEX_FTP_CloseHandle Ret : -1",
@@ -117,8 +114,7 @@ TEST_F(StartTest, KeepsTheClosedHandleAndTheReleasedMutexWhenThereIsNoThread)
     EXPECT_EQ(fakes::LiveMemory(), 0U);
     EXPECT_EQ(inside::WorkerThread(), nullptr);
     EXPECT_EQ(inside::WorkerRunFlag(), 0U);
-    const Lines vecTrace = Trace();
-    EXPECT_THAT(Lines(vecTrace.begin() + 10, vecTrace.end()),
+    EXPECT_THAT(TraceFrom(10),
                 ElementsAre("OSAK_PthreadCreate(g_stThread, null, ThreadProcess, null) = 11",
                             "log 0 CorpDirInit: OSAK_PthreadCreate fail !",
                             "OSAK_MutexDestroy(block 1) = 3", "OSAK_MemFreeD(block 1)",
@@ -326,7 +322,7 @@ TEST_F(StopTest, LogsWhatItDoesNotReport)
     EXPECT_THAT(Only(Logged(), {"2 CorpDirUninit: OSAK_MutexDestroy", "2 CorpDirUninit: ftp"}),
                 ElementsAre("2 CorpDirUninit: OSAK_MutexDestroy Ret : -1",
                             "2 CorpDirUninit: ftp uninit ret:4294967295"));
-    EXPECT_EQ(fakes::LiveMemory(), 0U) << "the storage is released all the same";
+    EXPECT_EQ(fakes::LiveMemory(), 0U) << "the storage is released anyway";
 }
 
 namespace
@@ -369,7 +365,7 @@ TEST_F(StopTest, FreesTheTimerThenForgetsBothTasksThenJoinsTheWorkerThenClearsTh
     client.CorpDirUninit();
 }
 
-TEST_F(StopTest, ATimerThatDoesNotFreeIsForgottenAllTheSame)
+TEST_F(StopTest, ATimerThatDoesNotFreeIsForgottenAnyway)
 {
     StartWithRequest();
     fakes::FailCall("OSAK_FreeRelTimer", 1, 5);
@@ -548,8 +544,7 @@ TEST_F(StopTest, StartRequestAndStopCanBeRepeatedTenThousandTimes)
 {
     fakes::SetWorkerMode(fakes::WorkerMode::Free);
     fakes::SetRecording(false);
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "192.0.2.1;192.0.2.2;192.0.2.3";
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest("192.0.2.1;192.0.2.2;192.0.2.3");
     for (int i = 0; i < 10000; ++i)
     {
         ASSERT_EQ(client.CorpDirInit(&stLogInfo), 0U);

@@ -30,8 +30,7 @@ TEST_F(ThreadsTest, ExpiriesAndFailuresBesideARunningWorkerAllGetTheirDownload)
     fakes::SetWorkerMode(fakes::WorkerMode::Free);
     fakes::SetRecording(false);
     g_ulReported = 0;
-    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest();
-    stInfo.pszFtpIPs = "192.0.2.1;192.0.2.2";
+    tag_CORPDIR_DOWNLOADINFO stInfo = ARequest("192.0.2.1;192.0.2.2");
     ASSERT_EQ(client.CorpDirInit(&stLogInfo), 0U);
     ASSERT_EQ(client.CorpDirDownloadNetaddr(&stInfo, CountCall), 0U);
 

@@ -26,7 +26,7 @@ size_t OpenFiles()
     return static_cast<size_t>(std::distance(begin, std::filesystem::directory_iterator()));
 }
 
-// A request is under way whose version file is said to have arrived.
+// A request is under way, and the tests report that its version file has arrived.
 class VersionFileTest : public ServiceTest
 {
 protected:
@@ -115,8 +115,7 @@ TEST_F(TimerTest, ThatDoesNotRestartIsFreed)
     EXPECT_EQ(inside::StartTimerForVersion(service), 1U);
     EXPECT_EQ(members.m_pDownVersionTimer, nullptr);
     EXPECT_EQ(fakes::LiveTimers(), 0U);
-    const Lines vecTrace = Trace();
-    EXPECT_THAT(Lines(vecTrace.begin() + 1, vecTrace.end()),
+    EXPECT_THAT(TraceFrom(1),
                 ElementsAre("OSAK_StartRelTimer(timer 1, 600000, service) = -1",
                             "log 0 StartTimerForVersion: StartRelTimer UploadTimer Fail: ffffffff",
                             "OSAK_FreeRelTimer(timer 1)"));

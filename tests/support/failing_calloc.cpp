@@ -18,7 +18,7 @@ bool Fails()
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker wants these names.
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker requires these names.
 extern "C"
 {
     void* __real_calloc(std::size_t count, std::size_t size);

@@ -22,7 +22,7 @@ TemporaryDirectory::TemporaryDirectory()
     {
         throw std::runtime_error("no temporary directory " + m_path);
     }
-    // Servers may serve it under another user than ours.
+    // Servers may read it as another user.
     std::filesystem::permissions(m_path, std::filesystem::perms(0755));
 }
 

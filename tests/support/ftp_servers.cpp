@@ -196,7 +196,7 @@ void FtpServer::AddFile(const std::string& name, const std::string& bytes)
 {
     const std::string incoming = Workplace("incoming");
     WriteFile(incoming, bytes);
-    // Not every server reads it as our own user.
+    // Some servers read it as another user.
     std::filesystem::permissions(incoming, std::filesystem::perms(0644));
     std::filesystem::rename(incoming, m_root + "/" + name);
 }
@@ -364,8 +364,8 @@ VsftpdServer::VsftpdServer(const FtpServerOptions& options) : FtpServer(options)
         });
 }
 
-// Anonymous logins, whose password must be in a file of ours: a local user's would want PAM and
-// with it files under /etc. Nothing that needs root or a kernel's namespaces.
+// Logins are anonymous, since the password file of anonymous logins can be ours: local users need
+// PAM and with it files under /etc. No setting needs root or a kernel's namespaces.
 std::string VsftpdServer::Configuration(int port) const
 {
     const FtpServerOptions& options = Options();
@@ -419,7 +419,7 @@ ProftpdServer::ProftpdServer(const FtpServerOptions& options) : FtpServer(option
     WriteFile(users, options.user + ":" + HashOf(options.password) + ":" +
                          std::to_string(geteuid()) + ":" + std::to_string(getegid()) +
                          "::" + Root() + ":/bin/sh\n");
-    // It takes no list of users that others may read.
+    // ProFTPD refuses a list of users that others may read.
     std::filesystem::permissions(users, std::filesystem::perms(0600));
     LaunchOnPort("ProFTPD",
                  [this](int port) -> Command
@@ -432,12 +432,13 @@ ProftpdServer::ProftpdServer(const FtpServerOptions& options) : FtpServer(option
                  });
 }
 
-// Users of a file of ours, who may be root; nothing that is read or written outside the workplace.
+// The users are those of our file and may be root. No file outside the workplace is read or
+// written.
 std::string ProftpdServer::Configuration(int port) const
 {
     const FtpServerOptions& options = Options();
     std::ostringstream text;
-    // Some releases of Debian build in what others have as modules. mod_delay is not wanted.
+    // Some releases of Debian build in what others have as modules. mod_delay is switched off.
     text << "ModulePath " CORPDIR_TEST_SERVERS_DIR "/proftpd/usr/lib/proftpd\n"
          << "<IfModule !mod_xfer.c>\nLoadModule mod_xfer.c\n</IfModule>\n"
          << "<IfModule mod_delay.c>\nDelayEngine off\n</IfModule>\n"
@@ -492,8 +493,8 @@ PureFtpdServer::PureFtpdServer(const FtpServerOptions& options) : FtpServer(opti
                  });
 }
 
-// Written by hand: its own tool would ask for the password on a terminal and for a home directory
-// that exists under another name. Only the database must come from it.
+// The list is written here: pure-pw would ask for the password on a terminal and for a home
+// directory that exists under another name. Only the database must come from pure-pw.
 void PureFtpdServer::MakeUsers() const
 {
     const passwd* nobody = geteuid() == 0 ? getpwnam("nobody") : getpwuid(geteuid());
@@ -515,7 +516,7 @@ void PureFtpdServer::MakeUsers() const
     }
 }
 
-// A standard input that is a socket, as ours, it would take for its first and only client.
+// Pure-FTPd takes a standard input that is a socket, as ours is, for its first and only client.
 std::vector<std::string> PureFtpdServer::Arguments(int port) const
 {
     const FtpServerOptions& options = Options();
