@@ -1,10 +1,12 @@
 #include "corpdir_log_fixture.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +14,7 @@
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 
 namespace log_test
@@ -106,6 +109,27 @@ int Child::Wait()
     }
     m_id = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void Stall::Begin()
+{
+    isHit = false;
+    isOn = true;
+}
+
+void Stall::Pass()
+{
+    if (!isOn)
+    {
+        return;
+    }
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    while (isOn && std::string_view(name) == "corpdir-log")
+    {
+        isHit = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 CaughtStandardError::CaughtStandardError() : m_saved(dup(STDERR_FILENO))

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -60,6 +61,17 @@ public:
 
 private:
     pid_t m_id;
+};
+
+// A disk that does not answer a call of the log's thread. For a test's replacement of a function of
+// the C library.
+struct Stall
+{
+    std::atomic<bool> isOn{false};
+    std::atomic<bool> isHit{false};
+
+    void Begin();
+    void Pass();  // in the replacement
 };
 
 // Redirects standard error to a file for a scope.

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -21,25 +20,8 @@
 
 namespace
 {
-// A disk that does not answer a call of the log's thread.
-struct Stall
-{
-    std::atomic<bool> isOn{false};
-    std::atomic<bool> isHit{false};
-
-    void Pass()
-    {
-        char name[16] = "";
-        pthread_getname_np(pthread_self(), name, sizeof name);
-        while (isOn && std::string_view(name) == "corpdir-log")
-        {
-            isHit = true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-};
-Stall g_chmodStall;
-Stall g_lockCloseStall;  // of the lock file
+log_test::Stall g_chmodStall;
+log_test::Stall g_lockCloseStall;  // of the lock file
 
 bool IsLock(int descriptor)
 {
@@ -236,9 +218,9 @@ TEST_F(LogThreads, AnAbandonedOpeningWhoseFileClosesSlowlyDelaysNoCaller)
     using std::chrono::steady_clock;
     support::WriteFile(File(), "");
     chmod(File().c_str(), 0644);  // the opening makes it private
-    g_chmodStall.isOn = true;
+    g_chmodStall.Begin();
     EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
-    g_lockCloseStall.isOn = true;
+    g_lockCloseStall.Begin();
     g_chmodStall.isOn = false;
     ASSERT_TRUE(support::WaitUntil([] { return g_lockCloseStall.isHit.load(); }));
     std::thread disk(
@@ -264,8 +246,7 @@ TEST_F(LogThreads, WhatTheQueueDropsDuringAnOutageIsCountedWithIt)
     const std::string file = directory + "/corpdir.log";
     ASSERT_EQ(mkdir(directory.c_str(), 0700), 0);
     ASSERT_EQ(Open(Info(directory, 2, 1U << 30)), 0U);
-    g_lockCloseStall.isHit = false;
-    g_lockCloseStall.isOn = true;
+    g_lockCloseStall.Begin();
     std::filesystem::remove_all(directory);
     const bool isStalled = support::WaitUntil(
         []
