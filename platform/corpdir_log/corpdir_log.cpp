@@ -23,7 +23,6 @@ unsigned int g_LogMode = 0;
 
 namespace
 {
-constexpr std::chrono::seconds kClosePatience{5};
 constexpr std::size_t kDefaultFileSize = 10U << 20;
 constexpr std::size_t kDefaultFileCount = 5;
 constexpr unsigned int kMostFiles = 1000;  // each rotation looks at that many names
@@ -154,6 +153,6 @@ void CorpDir_CloseLog()
     LogWriter* const writer = Writer();
     if (writer != nullptr)
     {
-        writer->Close(base::Clock::now() + kClosePatience);
+        writer->Close();
     }
 }

@@ -11,8 +11,7 @@ namespace corpdir_log
 {
 namespace
 {
-// Time limit of an opening.
-constexpr std::chrono::seconds kOpenPatience{5};
+std::atomic<std::chrono::milliseconds> g_patience{std::chrono::seconds(5)};
 
 // Waking a thread takes longer than queuing a record. So the log's thread lets records
 // gather for this long, unless an error is among them, or more than this many bytes.
@@ -93,7 +92,7 @@ void LogWriter::Push(std::list<Record>* record, std::list<Record>* dropped)
 
 int LogWriter::Open(const LogSettings& settings)
 {
-    const auto deadline = base::Clock::now() + kOpenPatience;
+    const auto deadline = base::Clock::now() + g_patience.load();
     const auto opening = std::make_shared<Opening>(Opening{settings});
     const base::MutexLock lock(m_mutex);
     while (m_opening != nullptr && m_answered.WaitUntil(m_mutex, deadline))
@@ -123,7 +122,12 @@ int LogWriter::Open(const LogSettings& settings)
     return opening->error;
 }
 
-void LogWriter::Close(base::Clock::time_point deadline)
+void LogWriter::Close()
+{
+    CloseBy(base::Clock::now() + g_patience.load());
+}
+
+void LogWriter::CloseBy(base::Clock::time_point deadline)
 {
     const base::MutexLock lock(m_mutex);
     m_level = kClosed;
@@ -146,7 +150,12 @@ void LogWriter::CloseForEver(base::Clock::time_point deadline)
         m_opening.reset();
         m_answered.NotifyAll();
     }
-    Close(deadline);
+    CloseBy(deadline);
+}
+
+std::chrono::milliseconds LogWriter::SetPatience(std::chrono::milliseconds patience)
+{
+    return g_patience.exchange(patience);
 }
 
 bool LogWriter::HasCommand() const

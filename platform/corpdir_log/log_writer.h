@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -45,16 +46,19 @@ public:
                va_list arguments) noexcept __attribute__((format(printf, 4, 0)));
 
     // Opens the log, or gives an open one another target, after the records that are queued. 0, or
-    // an error number, ETIMEDOUT after 5 s among them; then all is as before. Throws
+    // an error number, ETIMEDOUT when it took too long among them; then all is as before. Throws
     // std::bad_alloc or std::system_error when memory or threads ran out.
     int Open(const LogSettings& settings);
 
-    // Writes what is queued and closes; records are refused at once. After the deadline only the
-    // log's thread goes on waiting for a disk that does not answer.
-    void Close(base::Clock::time_point deadline);
+    // Writes what is queued and closes; records are refused at once. When it takes too long, only
+    // the log's thread goes on waiting for a disk that does not answer.
+    void Close();
 
     // Refuses to open from now on, and closes.
     void CloseForEver(base::Clock::time_point deadline);
+
+    // The time limit of Open and Close: 5 s, unless it is set. For tests. Returns the earlier one.
+    static std::chrono::milliseconds SetPatience(std::chrono::milliseconds patience);
 
 private:
     static constexpr int kClosed = -1;
@@ -78,6 +82,7 @@ private:
     void Push(std::list<Record>* record, std::list<Record>* dropped) CORPDIR_REQUIRES(m_mutex);
     bool HasCommand() const CORPDIR_REQUIRES(m_mutex);
     bool IsThreadRunning() const CORPDIR_REQUIRES(m_mutex);
+    void CloseBy(base::Clock::time_point deadline);
     void StartThread() CORPDIR_REQUIRES(m_mutex);
     void JoinEndedThread() CORPDIR_REQUIRES(m_mutex);
 

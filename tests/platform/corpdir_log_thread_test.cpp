@@ -1,4 +1,5 @@
 // Many threads, a full queue, a disk that does not answer.
+#include "corpdir_log/log_writer.h"
 #include "corpdir_log_fixture.h"
 
 #include <fcntl.h>
@@ -13,6 +14,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <regex>
 #include <string_view>
@@ -172,21 +174,27 @@ TEST_F(LogThreads, AStandardErrorThatDoesNotBlockStillGetsWholeRecords)
     EXPECT_EQ(CountArrived(text).records, 5000U);
 }
 
+// Runs the action with a short time limit for opening and closing.
+void Impatiently(const std::function<void()>& action)
+{
+    using corpdir_log::LogWriter;
+    const auto before = LogWriter::SetPatience(std::chrono::milliseconds(100));
+    action();
+    LogWriter::SetPatience(before);
+}
+
 TEST_F(LogThreads, ClosingAndOpeningGiveUpOnADiskThatDoesNotAnswer)
 {
-    using std::chrono::steady_clock;
     StuckStandardError stuck;
     stuck.Fill();
     ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
     Write(0, "not read yet");
-    auto begin = steady_clock::now();
-    CorpDir_CloseLog();
-    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(8));
+    const auto begin = std::chrono::steady_clock::now();
+    Impatiently(CorpDir_CloseLog);
     Write(0, "dropped: the log is closed");
-
-    begin = steady_clock::now();
-    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
-    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(8));
+    Impatiently([this]
+                { EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT)); });
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
 
     const std::string text = stuck.ReadDuring(
         [this]
@@ -199,13 +207,18 @@ TEST_F(LogThreads, ClosingAndOpeningGiveUpOnADiskThatDoesNotAnswer)
     EXPECT_THAT(text, testing::Not(testing::HasSubstr("dropped")));
 }
 
-TEST_F(LogThreads, AnAbandonedOpeningChangesNothingLater)
+// The one test of the limit itself.
+TEST_F(LogThreads, AnOpeningIsAbandonedAfterFiveSecondsAndChangesNothingLater)
 {
     StuckStandardError stuck;
     stuck.Fill();
     ASSERT_EQ(CorpDir_OpenLog(nullptr), 0U);
     Write(0, "not read yet");
+    const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(waited, std::chrono::seconds(5));
+    EXPECT_LT(waited, std::chrono::seconds(8));
     Write(0, "still the old log");
     const std::string text = stuck.ReadDuring(CorpDir_CloseLog);
     EXPECT_THAT(text, testing::HasSubstr(" still the old log\n"));
@@ -215,23 +228,25 @@ TEST_F(LogThreads, AnAbandonedOpeningChangesNothingLater)
 // The log's thread closes the file before a caller waits for that thread to end.
 TEST_F(LogThreads, AnAbandonedOpeningWhoseFileClosesSlowlyDelaysNoCaller)
 {
-    using std::chrono::steady_clock;
+    const auto openInVain = [this]
+    { EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT)); };
     support::WriteFile(File(), "");
     chmod(File().c_str(), 0644);  // the opening makes it private
     g_chmodStall.Begin();
-    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
+    Impatiently(openInVain);
     g_lockCloseStall.Begin();
     g_chmodStall.isOn = false;
     ASSERT_TRUE(support::WaitUntil([] { return g_lockCloseStall.isHit.load(); }));
+    std::atomic<bool> isAnswered{false};
     std::thread disk(
-        []
+        [&]
         {
-            std::this_thread::sleep_for(std::chrono::seconds(9));
+            EXPECT_TRUE(support::WaitUntil([&] { return isAnswered.load(); }))
+                << "the opening waits for the disk";
             g_lockCloseStall.isOn = false;
         });
-    const auto begin = steady_clock::now();
-    EXPECT_EQ(Open(Info(Directory())), static_cast<unsigned int>(ETIMEDOUT));
-    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(8));
+    Impatiently(openInVain);
+    isAnswered = true;
     disk.join();
     EXPECT_EQ(Open(Info(Directory())), 0U);
     Write(0, "back");
