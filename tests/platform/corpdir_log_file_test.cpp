@@ -53,6 +53,13 @@ unsigned int ModeOf(const std::string& path)
     return status.st_mode & 07777;
 }
 
+// Writes the record and waits until the file holds it; no record is left in the queue then.
+bool IsWrittenTo(const std::string& path, const char* text)
+{
+    Write(0, "%s", text);
+    return support::WaitUntil([&] { return Contains(path, text); });
+}
+
 // Writes the record again until the file holds it.
 bool ArrivesIn(const std::string& path, const char* text)
 {
@@ -391,7 +398,7 @@ TEST_F(LogFile, WhereNamesCannotBeLockedItCarriesTheProcessNumber)
 TEST_F(LogFile, ThatWasMovedAwayIsOpenedAgain)
 {
     ASSERT_EQ(Open(Info(Directory())), 0U);
-    ASSERT_TRUE(ArrivesIn(File(), "before"));
+    ASSERT_TRUE(IsWrittenTo(File(), "before"));
     fs::rename(File(), File("moved"));
     EXPECT_TRUE(ArrivesIn(File(), "after"));
     CorpDir_CloseLog();
@@ -406,7 +413,7 @@ TEST_F(LogFile, ARemovedDirectoryIsReportedOnceAndUsedAgainWhenItIsBack)
     const std::string directory = File("sub");
     fs::create_directory(directory);
     ASSERT_EQ(Open(Info(directory)), 0U);
-    ASSERT_TRUE(ArrivesIn(directory + "/corpdir.log", "before"));
+    ASSERT_TRUE(IsWrittenTo(directory + "/corpdir.log", "before"));
     fs::remove_all(directory);
     EXPECT_TRUE(support::WaitUntil(
         [&]
@@ -417,6 +424,7 @@ TEST_F(LogFile, ARemovedDirectoryIsReportedOnceAndUsedAgainWhenItIsBack)
     EXPECT_FALSE(support::FileExists(directory)) << "the log makes no directory";
     fs::create_directory(directory);
     EXPECT_TRUE(ArrivesIn(directory + "/corpdir.log", "after"));
+    EXPECT_TRUE(IsWrittenTo(directory + "/corpdir.log", "last"));
     fs::remove_all(directory);
     ASSERT_EQ(Open(Info(Directory())), 0U);
     CorpDir_CloseLog();
@@ -476,7 +484,7 @@ TEST_F(LogFile, ThatIsRemovedBeforeACloseCountsWhatItTookAlong)
     EXPECT_EQ(MissingIn(File()), 50U);
 }
 
-// Loses 51 records: the directory is gone when they come, and is there again at the end.
+// Loses 51 records: the directory is removed with the first, and is gone when the others come.
 class LogOutage : public LogFile
 {
 protected:
@@ -484,13 +492,10 @@ protected:
     {
         fs::create_directory(m_lost);
         ASSERT_EQ(Open(Info(m_lost)), 0U);
-        Write(0, "before");
-        ASSERT_TRUE(
-            support::WaitUntil([&] { return Contains(m_lost + "/corpdir.log", "before"); }));
+        ASSERT_TRUE(IsWrittenTo(m_lost + "/corpdir.log", "before"));
         fs::remove_all(m_lost);
         WriteMany(50);
         EXPECT_TRUE(support::WaitUntil([&] { return !m_caught.Text().empty(); }));
-        fs::create_directory(m_lost);
     }
 
     // A record that the log's thread takes late may reach the directory that is there again.
@@ -508,6 +513,7 @@ protected:
 TEST_F(LogOutage, IsReportedByTheNextClose)
 {
     LoseRecords();
+    fs::create_directory(m_lost);
     CorpDir_CloseLog();
     ExpectAllAreCounted(m_lost + "/corpdir.log");
 }
@@ -515,7 +521,6 @@ TEST_F(LogOutage, IsReportedByTheNextClose)
 TEST_F(LogOutage, IsReportedInTheDirectoryOfTheNextOpening)
 {
     LoseRecords();
-    fs::remove_all(m_lost);
     ASSERT_EQ(Open(Info(Directory())), 0U);
     CorpDir_CloseLog();
     ExpectAllAreCounted(File());
@@ -524,6 +529,7 @@ TEST_F(LogOutage, IsReportedInTheDirectoryOfTheNextOpening)
 TEST_F(LogOutage, IsReportedByAnOpeningInTheSameDirectory)
 {
     LoseRecords();
+    fs::create_directory(m_lost);
     ASSERT_EQ(Open(Info(m_lost)), 0U);
     CorpDir_CloseLog();
     ExpectAllAreCounted(m_lost + "/corpdir.log");
@@ -537,7 +543,7 @@ TEST_F(LogFile, AnOutageEndsThoughStandardErrorIsNotRead)
     const std::string directory = File("sub");
     fs::create_directory(directory);
     ASSERT_EQ(Open(Info(directory)), 0U);
-    ASSERT_TRUE(ArrivesIn(directory + "/corpdir.log", "before"));
+    ASSERT_TRUE(IsWrittenTo(directory + "/corpdir.log", "before"));
     fs::remove_all(directory);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(2500);
     while (std::chrono::steady_clock::now() < end)  // there is no sign that the outage has begun
@@ -693,7 +699,7 @@ TEST_F(LogFile, AFullDiskIsReportedOnceAndWrittenAgainWhenThereIsRoom)
     ASSERT_TRUE(disk.IsMounted()) << "the test must be allowed to mount";
     const CaughtStandardError caught;
     ASSERT_EQ(Open(Info(Directory())), 0U);
-    ASSERT_TRUE(ArrivesIn(File(), "before"));
+    ASSERT_TRUE(IsWrittenTo(File(), "before"));
     disk.Fill();
     std::size_t written = 0;
     EXPECT_TRUE(support::WaitUntil(
