@@ -3,6 +3,7 @@
 #include "corpdir_log.h"
 
 #include "base/process_end.h"
+#include "log_file.h"
 #include "log_writer.h"
 #include "name_lock.h"
 #include "record.h"
@@ -12,9 +13,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
-#include <system_error>
 
 using corpdir_log::LogWriter;
 
@@ -62,13 +63,13 @@ void OnForkInChild()
         g_parentWriter = writer;
         corpdir_log::NameLock::ReleaseInForkedChild();
     }
-    corpdir_log::ForgetThreadNumber();
 }
 
 // Makes the writer if need be. Throws std::bad_alloc.
 LogWriter& MakeWriter()
 {
     static const bool s_isRegistered =
+        corpdir_log::WatchForks() &&
         base::ProcessEnd::Register<base::EndStage::kLog>(OnExit, OnForkInChild);
     if (!s_isRegistered)
     {
@@ -106,6 +107,20 @@ bool IsLogOff()
     return __atomic_load_n(&g_LogMode, __ATOMIC_RELAXED) != 0;
 }
 
+void Trace(CCorpDirLog** log, const char* module, const char* function, const char* file,
+           unsigned int line, void (*print)(const char*), const char* text)
+{
+    CCorpDirLog* const object = log == nullptr ? nullptr : __atomic_load_n(log, __ATOMIC_ACQUIRE);
+    if (object != nullptr)
+    {
+        object->WriteLog(module, function, file, line, CORPDIR_LOG_INFO, "%s", text);
+    }
+    if (print != nullptr)
+    {
+        print(text);
+    }
+}
+
 }  // namespace
 
 void CCorpDirLog::WriteLog(const char* module, const char* function, const char* file,
@@ -139,13 +154,9 @@ try
     }
     return static_cast<unsigned int>(error);
 }
-catch (const std::bad_alloc&)
+catch (const std::exception& error)
 {
-    return ENOMEM;
-}
-catch (const std::system_error& error)
-{
-    return static_cast<unsigned int>(error.code().value());
+    return static_cast<unsigned int>(corpdir_log::ErrorOf(error));
 }
 
 void CorpDir_CloseLog()
@@ -154,5 +165,30 @@ void CorpDir_CloseLog()
     if (writer != nullptr)
     {
         writer->Close();
+    }
+}
+
+FunctionTrace::FunctionTrace(CCorpDirLog** log, const char* module, const char* function,
+                             const char* file, unsigned int line, void (*print)(const char*),
+                             unsigned int logMode, const char* module2)
+    : m_ppLog(log),
+      m_pcModule(module2 == nullptr ? module : module2),
+      m_pcFunction(function),
+      m_pcFile(file),
+      m_ulLine(line),
+      m_pfnPrint(print),
+      m_ulLogMode(logMode)
+{
+    if (m_ulLogMode == 0)
+    {
+        Trace(m_ppLog, m_pcModule, m_pcFunction, m_pcFile, m_ulLine, m_pfnPrint, "Enter");
+    }
+}
+
+FunctionTrace::~FunctionTrace()
+{
+    if (m_ulLogMode == 0)
+    {
+        Trace(m_ppLog, m_pcModule, m_pcFunction, m_pcFile, m_ulLine, m_pfnPrint, "Leave");
     }
 }

@@ -1,7 +1,6 @@
 #include "log_file.h"
 
-#include "private_file.h"
-
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,11 +14,6 @@ namespace corpdir_log
 namespace
 {
 constexpr std::size_t kBufferSize = 64U << 10;
-
-[[noreturn]] void Refuse(int error, const std::string& path)
-{
-    throw std::system_error(error, std::generic_category(), path);
-}
 
 // 0, or the error number of what is wrong with the file as a log file.
 int MakePrivate(int descriptor, const struct stat& status)
@@ -64,6 +58,33 @@ int WriteAll(int descriptor, std::string_view text)
 
 }  // namespace
 
+// O_NONBLOCK: opening a pipe in the file's place must not hang.
+base::Descriptor OpenPrivate(const std::string& path)
+{
+    constexpr int kFlags = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    base::Descriptor file(open(path.c_str(), kFlags, 0600));
+    if (!file.IsOpen() || file.Number() > STDERR_FILENO)
+    {
+        return file;
+    }
+    return base::Descriptor(fcntl(file.Number(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
+bool IsAt(const base::Descriptor& file, const std::string& path)
+{
+    struct stat held = {};
+    struct stat found = {};
+    return file.IsOpen() && fstat(file.Number(), &held) == 0 && stat(path.c_str(), &found) == 0 &&
+           held.st_dev == found.st_dev && held.st_ino == found.st_ino;
+}
+
+// Memory ran out, unless the system gave another reason.
+int ErrorOf(const std::exception& error)
+{
+    const auto* const failure = dynamic_cast<const std::system_error*>(&error);
+    return failure == nullptr ? ENOMEM : failure->code().value();
+}
+
 LogFile::LogFile(const std::string& path, std::size_t maxSize, std::size_t maxCount)
     : m_path(path), m_maxSize(maxSize), m_maxCount(maxCount)
 {
@@ -85,7 +106,7 @@ void LogFile::Open()
     error = error == 0 ? EndCutLine(file.Number(), status.st_size) : error;
     if (error != 0)
     {
-        Refuse(error, m_path);
+        throw std::system_error(error, std::generic_category());
     }
     m_file = std::move(file);
     m_size = static_cast<std::size_t>(status.st_size);
@@ -120,7 +141,7 @@ void LogFile::Flush()
     m_buffer.clear();
     if (error != 0)
     {
-        Refuse(error, m_path);
+        throw std::system_error(error, std::generic_category());
     }
 }
 
@@ -151,7 +172,7 @@ bool LogFile::Rotate()
     }
     else
     {
-        Refuse(errno, m_path);
+        throw std::system_error(errno, std::generic_category());
     }
     return true;
 }

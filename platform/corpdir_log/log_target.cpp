@@ -28,7 +28,7 @@ std::string AbsoluteDirectory(const std::string& directory)
     char resolved[PATH_MAX] = "";
     if (!directory.empty() && realpath(directory.c_str(), resolved) == nullptr)
     {
-        throw std::system_error(errno, std::generic_category(), directory);
+        throw std::system_error(errno, std::generic_category());
     }
     return resolved;
 }
@@ -56,12 +56,6 @@ void WriteToStandardError(std::string_view line)
     }
 }
 
-// Memory that ran out is not the disk's fault.
-const char* ReasonOf(const std::exception& error)
-{
-    return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? "memory ran out" : error.what();
-}
-
 }  // namespace
 
 LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
@@ -74,7 +68,7 @@ LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
     {
         m_name = previous->m_name;
         m_lost = previous->m_lost;
-        m_reason = previous->m_reason;
+        m_lossError = previous->m_lossError;
     }
     if (!IsStandardError())
     {
@@ -132,7 +126,8 @@ void LogTarget::LeaveLostFile() noexcept
     }
     if (m_file->IsRemoved() && m_unchecked != 0)
     {
-        AddLost(std::exchange(m_unchecked, 0), "the file that held them was removed");
+        m_lost += std::exchange(m_unchecked, 0);
+        m_lossError = 0;
     }
     m_file.reset();
 }
@@ -151,7 +146,8 @@ void LogTarget::WriteDropNotice(std::uint64_t dropped) noexcept
     }
     catch (const std::bad_alloc&)
     {
-        AddLost(dropped, "memory ran out");
+        m_lost += dropped;
+        m_lossError = ENOMEM;
     }
 }
 
@@ -171,14 +167,14 @@ void LogTarget::WriteRecord(const Record& record, std::uint64_t count) noexcept
     }
     catch (const std::exception& error)
     {
-        BeginOutage(ReasonOf(error));
+        BeginOutage(ErrorOf(error));
     }
 }
 
 void LogTarget::WriteLine(const Record& record, std::uint64_t count)
 {
     m_line.clear();
-    m_formatter.Append(record.time, record.text, m_line);
+    AppendLine(record, &m_line);
     if (IsStandardError())
     {
         // A number that was closed at the opening may be a file of the client's by now.
@@ -191,9 +187,8 @@ void LogTarget::WriteLine(const Record& record, std::uint64_t count)
         m_unchecked = count;
         if (m_file->RotationError() != 0)
         {
-            ReportOnce(&m_isRotationReported,
-                       "cannot be rotated, it is truncated when full: " +
-                           std::generic_category().message(m_file->RotationError()));
+            ReportOnce(&m_isRotationReported, "cannot be rotated, it is truncated when full",
+                       m_file->RotationError());
         }
     }
 }
@@ -210,20 +205,7 @@ void LogTarget::Flush() noexcept
     }
     catch (const std::exception& error)
     {
-        BeginOutage(ReasonOf(error));
-    }
-}
-
-void LogTarget::AddLost(std::uint64_t count, const char* reason) noexcept
-{
-    m_lost += count;
-    try
-    {
-        m_reason = reason;
-    }
-    catch (const std::bad_alloc&)
-    {
-        // The count is kept without its reason.
+        BeginOutage(ErrorOf(error));
     }
 }
 
@@ -249,7 +231,7 @@ bool LogTarget::IsReady() noexcept
     }
     catch (const std::exception& error)
     {
-        BeginOutage(ReasonOf(error));
+        BeginOutage(ErrorOf(error));
         return false;
     }
 }
@@ -257,9 +239,11 @@ bool LogTarget::IsReady() noexcept
 // Flushed at once: a disk that is still full fails then, not at the writing.
 void LogTarget::WriteLossNotice()
 {
+    const std::string reason = m_lossError == 0 ? "the file that held them was removed"
+                                                : std::generic_category().message(m_lossError);
     WriteLine(MakeOwnRecord({"corpdir_log", __func__, __FILE__, __LINE__}, CORPDIR_LOG_ERROR,
                             "Up to %llu records are missing here: %s",
-                            static_cast<unsigned long long>(m_lost), m_reason.c_str()),
+                            static_cast<unsigned long long>(m_lost), reason.c_str()),
               0);
     if (m_file != nullptr)
     {
@@ -271,29 +255,23 @@ void LogTarget::WriteLossNotice()
 
 // Records since the last flush may or may not have reached the file. All records in a removed file
 // are lost.
-void LogTarget::BeginOutage(const char* reason) noexcept
+void LogTarget::BeginOutage(int error) noexcept
 {
     const bool isRemoved = m_file != nullptr && m_file->IsRemoved();
-    AddLost(isRemoved ? m_unchecked : m_unflushed, reason);
+    m_lost += isRemoved ? m_unchecked : m_unflushed;
+    m_lossError = error;
     m_unflushed = 0;
     m_unchecked = 0;
     m_file.reset();
     m_nextAttempt = base::Clock::now() + kRetryInterval;
-    try
-    {
-        ReportOnce(&m_isOutageReported,
-                   "cannot be written, records are lost until it can: " + std::string(reason));
-    }
-    catch (const std::bad_alloc&)
-    {
-        // No memory for the report; the outage is handled all the same.
-    }
+    ReportOnce(&m_isOutageReported, "cannot be written, records are lost until it can", error);
 }
 
 // A standard error without room is not waited for; the report is then made later. Where poll finds
 // room, a pipe takes a line of PIPE_BUF bytes without blocking, unless others fill it at this
 // moment.
-void LogTarget::ReportOnce(bool* isReported, const std::string& trouble) const
+void LogTarget::ReportOnce(bool* isReported, const char* trouble, int error) const noexcept
+try
 {
     pollfd console = {STDERR_FILENO, POLLOUT, 0};
     // A number that was closed at the opening may be a file of the client's by now.
@@ -303,11 +281,17 @@ void LogTarget::ReportOnce(bool* isReported, const std::string& trouble) const
         return;
     }
     std::string line;
-    AppendEscaped("corpdir: the log in " + m_directory + ' ' + trouble, Blanks::kKeep, &line);
+    AppendEscaped("corpdir: the log in " + m_directory + ' ' + trouble + ": " +
+                      std::generic_category().message(error),
+                  Blanks::kKeep, &line);
     line.resize(std::min<std::size_t>(line.size(), PIPE_BUF - 1));
     line += '\n';
-    *isReported = true;                                     // not before: memory may run out above
+    *isReported = true;
     (void)!write(STDERR_FILENO, line.data(), line.size());  // there is no other place to report to
+}
+catch (const std::bad_alloc&)
+{
+    // It is reported the next time.
 }
 
 }  // namespace corpdir_log

@@ -3,7 +3,6 @@
 #define CORPDIR_LOG_LOG_TARGET_H
 
 #include "base/mutex.h"
-#include "line_formatter.h"
 #include "log_file.h"
 #include "name_lock.h"
 #include "record.h"
@@ -37,9 +36,6 @@ public:
     // is kept. A loss that it has not reported is reported here. Throws std::system_error or
     // std::bad_alloc.
     LogTarget(const LogSettings& settings, const LogTarget* previous);
-    ~LogTarget() = default;
-    LogTarget(const LogTarget&) = delete;
-    LogTarget& operator=(const LogTarget&) = delete;
 
     // Writes a notice about records that the queue dropped, if there are any, then the records, and
     // hands all to the system. A file that was removed or moved away is opened again first; what
@@ -63,9 +59,8 @@ private:
     void WriteRecord(const Record& record, std::uint64_t count) noexcept;
     void WriteLine(const Record& record, std::uint64_t count);
     void Flush() noexcept;
-    void AddLost(std::uint64_t count, const char* reason) noexcept;
-    void BeginOutage(const char* reason) noexcept;
-    void ReportOnce(bool* isReported, const std::string& trouble) const;
+    void BeginOutage(int error) noexcept;
+    void ReportOnce(bool* isReported, const char* trouble, int error) const noexcept;
 
     const std::size_t m_maxSize;
     const std::size_t m_maxCount;
@@ -73,13 +68,12 @@ private:
     const bool m_isConsoleOpen;
     std::shared_ptr<NameLock> m_name;
     std::unique_ptr<LogFile> m_file;  // null: standard error, or an outage
-    LineFormatter m_formatter;
     std::string m_line;
 
     std::uint64_t m_unflushed = 0;  // records since the last flush, which a failure may lose
     std::uint64_t m_unchecked = 0;  // records since the file was last in its place, those included
     std::uint64_t m_lost = 0;       // records that are missing and not reported yet
-    std::string m_reason;           // of the last loss
+    int m_lossError = 0;            // of the last loss; 0: the file was removed
     bool m_isOutageReported = false;
     bool m_isRotationReported = false;
     base::Clock::time_point m_nextAttempt;

@@ -3,8 +3,6 @@
 #include "corpdir_log.h"
 
 #include <exception>
-#include <new>
-#include <system_error>
 #include <utility>
 
 namespace corpdir_log
@@ -21,26 +19,6 @@ constexpr std::size_t kManyBytes = 256U << 10;
 std::size_t MemorySize(const Record& record)
 {
     return sizeof record + record.text.size();
-}
-
-// The target, or null and the error number.
-std::unique_ptr<LogTarget> MakeTarget(const LogSettings& settings, const LogTarget* previous,
-                                      int* error)
-{
-    *error = 0;
-    try
-    {
-        return std::make_unique<LogTarget>(settings, previous);
-    }
-    catch (const std::system_error& failure)
-    {
-        *error = failure.code().value();
-    }
-    catch (const std::bad_alloc&)
-    {
-        *error = ENOMEM;
-    }
-    return nullptr;
 }
 
 }  // namespace
@@ -131,7 +109,7 @@ void LogWriter::CloseBy(base::Clock::time_point deadline)
 {
     const base::MutexLock lock(m_mutex);
     m_level = kClosed;
-    if (IsThreadRunning())
+    if (m_isRunning)
     {
         m_isCloseAsked = true;
         m_wake.NotifyAll();
@@ -158,22 +136,13 @@ std::chrono::milliseconds LogWriter::SetPatience(std::chrono::milliseconds patie
     return g_patience.exchange(patience);
 }
 
-bool LogWriter::HasCommand() const
-{
-    return m_isCloseAsked || m_opening != nullptr;
-}
-
-bool LogWriter::IsThreadRunning() const
-{
-    return m_thread.Joinable() && !m_hasThreadEnded;
-}
-
 void LogWriter::StartThread()
 {
     JoinEndedThread();
-    if (!IsThreadRunning())
+    if (!m_isRunning)
     {
         m_thread = base::Thread("corpdir-log", [this] { Run(); });
+        m_isRunning = true;
     }
 }
 
@@ -181,10 +150,9 @@ void LogWriter::StartThread()
 // so this waits for no disk, only for the thread to return.
 void LogWriter::JoinEndedThread()
 {
-    if (m_hasThreadEnded)
+    if (!m_isRunning && m_thread.Joinable())
     {
         m_thread.Join();
-        m_hasThreadEnded = false;
     }
 }
 
@@ -194,30 +162,40 @@ void LogWriter::Run()
 {
     for (bool isOver = false; !isOver;)
     {
-        const Work work = AwaitWork();
+        std::list<Record> records;
+        std::uint64_t dropped = 0;
+        bool isClose = false;
+        std::shared_ptr<Opening> opening;
+        {
+            const base::MutexLock lock(m_mutex);
+            AwaitWork();
+            records.swap(m_records);
+            m_bytes = 0;
+            m_isUrgent = false;
+            dropped = std::exchange(m_dropped, 0);
+            isClose = m_isCloseAsked;
+            opening = m_opening;
+        }
         if (m_target != nullptr)
         {
-            m_target->Write(m_batch, work.dropped);
+            m_target->Write(records, dropped);
         }
-        m_batch.clear();
-        if (work.isClose && m_target != nullptr)
+        if (isClose && m_target != nullptr)
         {
             m_target->Settle();
             m_target.reset();  // before the answer: the client may remove the directory then
         }
-        if (work.opening != nullptr)
+        if (!isClose && opening != nullptr)  // a close that came with it is executed first
         {
-            OpenTarget(work.opening);
+            OpenTarget(opening);
         }
-        isOver = FinishRound(work.isClose);
+        isOver = FinishRound(isClose);
     }
 }
 
-// Waits for a record or a command. A close is executed before an opening requested at the same
-// time.
-LogWriter::Work LogWriter::AwaitWork()
+// Waits for a record or a command, and for more records unless it is urgent.
+void LogWriter::AwaitWork()
 {
-    const base::MutexLock lock(m_mutex);
     while (m_records.empty() && !HasCommand())
     {
         m_wake.Wait(m_mutex);
@@ -226,10 +204,6 @@ LogWriter::Work LogWriter::AwaitWork()
     while (!m_isUrgent && !HasCommand() && m_wake.WaitUntil(m_mutex, deadline))
     {
     }
-    m_isUrgent = false;
-    m_bytes = 0;
-    m_records.swap(m_batch);
-    return {std::exchange(m_dropped, 0), m_isCloseAsked, m_isCloseAsked ? nullptr : m_opening};
 }
 
 void LogWriter::OpenTarget(const std::shared_ptr<Opening>& opening)
@@ -239,8 +213,15 @@ void LogWriter::OpenTarget(const std::shared_ptr<Opening>& opening)
         m_target->Settle();
     }
     int error = 0;
-    // The one that is not used in the end is destroyed without the mutex.
-    std::unique_ptr<LogTarget> target = MakeTarget(opening->settings, m_target.get(), &error);
+    std::unique_ptr<LogTarget> target;  // the one that is not used is destroyed without the mutex
+    try
+    {
+        target = std::make_unique<LogTarget>(opening->settings, m_target.get());
+    }
+    catch (const std::exception& failure)
+    {
+        error = ErrorOf(failure);
+    }
     const base::MutexLock lock(m_mutex);
     if (m_opening != opening)
     {
@@ -263,9 +244,9 @@ bool LogWriter::FinishRound(bool isClosed)
 {
     const base::MutexLock lock(m_mutex);
     m_isCloseAsked = m_isCloseAsked && !isClosed;
-    m_hasThreadEnded = m_target == nullptr && !HasCommand();
+    m_isRunning = m_target != nullptr || HasCommand();
     m_answered.NotifyAll();
-    return m_hasThreadEnded;
+    return !m_isRunning;
 }
 
 }  // namespace corpdir_log

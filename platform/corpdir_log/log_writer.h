@@ -29,10 +29,6 @@ public:
     static constexpr std::size_t kCapacity = 8U << 20;
     static constexpr unsigned int kHighestLevel = 2;
 
-    LogWriter() = default;
-    LogWriter(const LogWriter&) = delete;
-    LogWriter& operator=(const LogWriter&) = delete;
-
     // Also false when the log is closed.
     bool IsWritten(unsigned int level) const
     {
@@ -70,25 +66,18 @@ private:
         int error = ESHUTDOWN;  // until the log's thread executes it
     };
 
-    // The next work of the log's thread: it writes what it took from the queue, and executes at
-    // most one command.
-    struct Work
-    {
-        std::uint64_t dropped;  // records that are missing before the batch
-        bool isClose;
-        std::shared_ptr<Opening> opening;  // null: none
-    };
-
     void Push(std::list<Record>* record, std::list<Record>* dropped) CORPDIR_REQUIRES(m_mutex);
-    bool HasCommand() const CORPDIR_REQUIRES(m_mutex);
-    bool IsThreadRunning() const CORPDIR_REQUIRES(m_mutex);
+    bool HasCommand() const CORPDIR_REQUIRES(m_mutex)
+    {
+        return m_isCloseAsked || m_opening != nullptr;
+    }
     void CloseBy(base::Clock::time_point deadline);
     void StartThread() CORPDIR_REQUIRES(m_mutex);
     void JoinEndedThread() CORPDIR_REQUIRES(m_mutex);
 
     // On the log's thread.
     void Run();
-    Work AwaitWork();
+    void AwaitWork() CORPDIR_REQUIRES(m_mutex);
     void OpenTarget(const std::shared_ptr<Opening>& opening);
     bool FinishRound(bool isClosed);
 
@@ -105,11 +94,9 @@ private:
     std::shared_ptr<Opening> m_opening CORPDIR_GUARDED_BY(m_mutex);  // null: none is asked for
     bool m_isClosedForEver CORPDIR_GUARDED_BY(m_mutex) = false;
     base::Thread m_thread CORPDIR_GUARDED_BY(m_mutex);
-    bool m_hasThreadEnded CORPDIR_GUARDED_BY(m_mutex) = false;  // it must be joined
+    bool m_isRunning CORPDIR_GUARDED_BY(m_mutex) = false;  // the thread; it looks for commands
 
-    // The log's thread only.
-    std::list<Record> m_batch;
-    std::unique_ptr<LogTarget> m_target;
+    std::unique_ptr<LogTarget> m_target;  // the log's thread only
 };
 
 }  // namespace corpdir_log

@@ -1,6 +1,6 @@
 #include "name_lock.h"
 
-#include "private_file.h"
+#include "log_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -69,7 +69,7 @@ bool NameLock::TakeNameIn(const std::string& directory, const std::string& lockN
     if (!m_file.IsOpen() && (errno == ENOENT || errno == EMFILE || errno == ENFILE))
     {
         // The directory is missing, or descriptors ran out: no other name would help.
-        throw std::system_error(errno, std::generic_category(), directory);
+        throw std::system_error(errno, std::generic_category());
     }
     for (unsigned int number = 1; IsOurs(m_file) && number <= kNames; ++number)
     {

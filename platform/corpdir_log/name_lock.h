@@ -22,8 +22,6 @@ public:
     // missing or descriptors ran out, or std::bad_alloc.
     explicit NameLock(const std::string& directory);
     ~NameLock();  // releases the name
-    NameLock(const NameLock&) = delete;
-    NameLock& operator=(const NameLock&) = delete;
 
     const std::string& FileName() const
     {

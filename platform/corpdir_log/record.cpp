@@ -1,15 +1,19 @@
 #include "record.h"
 
+#include "base/mutex.h"
 #include "base/printable.h"
 #include "corpdir_log.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <new>
 
 namespace corpdir_log
@@ -54,10 +58,9 @@ void AppendNumber(unsigned int number, std::string* out)
 
 // The text that printf makes of a format and its arguments. An argument may have grown or shrunk
 // since the text was measured.
-std::string FormatOnHeap(std::size_t length, const char* format, va_list arguments)
-    __attribute__((format(printf, 2, 0)));
-
-std::string FormatOnHeap(std::size_t length, const char* format, va_list arguments)
+__attribute__((format(printf, 2, 0))) std::string FormatOnHeap(std::size_t length,
+                                                               const char* format,
+                                                               va_list arguments)
 {
     std::string text(length, '\0');
     const int written = vsnprintf(text.data(), length + 1, format, arguments);
@@ -119,7 +122,64 @@ void AppendEscapedByte(char byte, std::string* out)
     *out += kDigits[number & 0x0F];
 }
 
+// The C library locks its time zone and does not unlock it in the child of a fork. As long as this
+// is held around both, a fork never meets it locked by this layer.
+base::Mutex g_zone;
+
+void BeforeFork() CORPDIR_ANNOTATE(no_thread_safety_analysis)
+{
+    g_zone.Lock();
+}
+
+void AfterForkInParent() CORPDIR_ANNOTATE(no_thread_safety_analysis)
+{
+    g_zone.Unlock();
+}
+
+void AfterForkInChild() CORPDIR_ANNOTATE(no_thread_safety_analysis)
+{
+    g_zone.Unlock();
+    t_threadNumber = 0;
+}
+
+std::tm LocalTime(std::time_t second)
+{
+    const base::MutexLock lock(g_zone);
+    std::tm local = {};
+    (void)localtime_r(&second, &local);  // no clock shows a time that has no date
+    return local;
+}
+
+// The first column; many records share a second. Each thread has its own, so that the child of a
+// fork never finds it half written.
+struct TimeColumn
+{
+    std::time_t second = -1;
+    char text[80] = "";
+};
+thread_local TimeColumn t_time;
+
+constexpr std::size_t kMilliseconds = 20;  // their place in the column
+
+void SetTime(std::time_t second)
+{
+    const std::tm local = LocalTime(second);
+    const long minutes = std::labs(local.tm_gmtoff) / 60;
+    (void)snprintf(t_time.text, sizeof t_time.text,
+                   "%04d-%02d-%02dT%02d:%02d:%02d.000%c%02ld:%02ld ", local.tm_year + 1900,
+                   local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                   local.tm_gmtoff < 0 ? '-' : '+', minutes / 60, minutes % 60);
+    t_time.second = second;
+}
+
 }  // namespace
+
+bool WatchForks()
+{
+    static const bool s_isWatching =
+        pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) == 0;
+    return s_isWatching;
+}
 
 Record MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)
 {
@@ -168,9 +228,20 @@ Record MakeOwnRecord(const Place& place, unsigned int level, const char* format,
     return record;
 }
 
-void ForgetThreadNumber()
+void AppendLine(const Record& record, std::string* lines)
 {
-    t_threadNumber = 0;
+    const auto since =
+        std::chrono::floor<std::chrono::milliseconds>(record.time.time_since_epoch());
+    const auto second = std::chrono::floor<std::chrono::seconds>(since);
+    if (second.count() != t_time.second)
+    {
+        SetTime(second.count());
+    }
+    const auto rest = static_cast<unsigned int>((since - second).count());
+    t_time.text[kMilliseconds] = static_cast<char>('0' + rest / 100);
+    t_time.text[kMilliseconds + 1] = static_cast<char>('0' + rest / 10 % 10);
+    t_time.text[kMilliseconds + 2] = static_cast<char>('0' + rest % 10);
+    lines->append(t_time.text).append(record.text).append("\n");
 }
 
 void AppendEscaped(std::string_view text, Blanks blanks, std::string* out)

@@ -9,8 +9,12 @@
 
 namespace corpdir_log
 {
-// A line without its first column. The columns in the text are escaped, so that the record holds no
-// pointer of its caller.
+// To be called before the first of the other functions, so that the child of a fork may call them,
+// too. False when memory ran out.
+bool WatchForks();
+
+// A line without its first column, the time. The columns in the text are escaped, so that the
+// record holds no pointer of its caller.
 struct Record
 {
     std::chrono::system_clock::time_point time;
@@ -36,8 +40,9 @@ Record MakeRecord(const Place& place, unsigned int level, const char* format, va
 Record MakeOwnRecord(const Place& place, unsigned int level, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
-// To be called in the child of a fork, whose one thread has a new number.
-void ForgetThreadNumber();
+// Appends the record's line: "2025-03-01T09:30:00.125+01:00 TEXT" and a line feed. ISO 8601, local
+// time. Throws std::bad_alloc. Any thread.
+void AppendLine(const Record& record, std::string* lines);
 
 enum class Blanks
 {

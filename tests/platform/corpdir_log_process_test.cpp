@@ -1,5 +1,5 @@
 // The log through crashes, exits and forks of its process.
-#include "corpdir_log/line_formatter.h"
+#include "corpdir_log/record.h"
 #include "corpdir_log_fixture.h"
 
 #include <gmock/gmock.h>
@@ -35,6 +35,7 @@ extern "C" int __lsan_is_turned_off()
 
 namespace
 {
+using corpdir_log::AppendLine;
 using log_test::AfterColumns;
 using log_test::Child;
 using log_test::Contains;
@@ -259,12 +260,11 @@ TEST_F(LogProcess, AForkWhileALineIsFormattedLeavesTheChildAbleToFormat)
     std::atomic<bool> isOver{false};
     const auto format = [](std::chrono::seconds second)
     {
-        corpdir_log::LineFormatter formatter;
         std::string line;
-        formatter.Append(std::chrono::system_clock::time_point(second), "text", line);
+        AppendLine({std::chrono::system_clock::time_point(second), 0, "text"}, &line);
         return line;
     };
-    (void)format(std::chrono::seconds(0));  // watches forks from now on
+    ASSERT_TRUE(corpdir_log::WatchForks());
     std::thread busy(
         [&]
         {

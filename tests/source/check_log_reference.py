@@ -31,7 +31,7 @@ DOORS = [
 # Files that define the doors, and what their own calls of WriteLog look like from outside.
 DEFINITIONS = {SERVICE_FOLDER + "/ftpcorpdirimpl.cpp": 1, "platform/travex_ftp/log.h": 1,
                "platform/osak/osak_log.h": 1, "platform/include/corpdir_log.h": 1,
-               "platform/corpdir_log/corpdir_log.cpp": 1, "platform/corpdir_log/function_trace.cpp": 1}
+               "platform/corpdir_log/corpdir_log.cpp": 2}
 
 # Functions of the FTP layer that make a reason, and the arguments that hold a text of their own.
 REASONS = {"Fail": [2], "FailByReply": [2], "FailSystem": [1], "FailLocal": [1, 2], "Refuse": [2],
@@ -152,10 +152,10 @@ class Sources:
         self.records.setdefault((component, LEVELS[found[level]], shown(words)), set()).add(function)
 
     def add_traces(self, name, code):
-        """Both texts of a trace are in function_trace.cpp, its functions in the service."""
+        """Both texts of a trace are in corpdir_log.cpp, its functions in the service."""
         if name == SERVICE_FOLDER + "/ftpcorpdirimpl.cpp":
             traced = {enclosing(code, position) for position, _ in calls(code, "TRACE")}
-            trace = (self.root / "platform/corpdir_log/function_trace.cpp").read_text()
+            trace = (self.root / "platform/corpdir_log/corpdir_log.cpp").read_text()
             for _, found in calls(without_comments(trace), "Trace"):
                 text = literal(found[-1])
                 if text is not None:
