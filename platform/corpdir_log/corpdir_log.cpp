@@ -102,11 +102,6 @@ corpdir_log::LogSettings SettingsOf(const tag_CORPDIR_LOGINFO* info)
         info->ulMaxFileCount == 0 ? kDefaultFileCount : std::min(info->ulMaxFileCount, kMostFiles)};
 }
 
-bool IsLogOff()
-{
-    return __atomic_load_n(&g_LogMode, __ATOMIC_RELAXED) != 0;
-}
-
 void Trace(CCorpDirLog** log, const char* module, const char* function, const char* file,
            unsigned int line, void (*print)(const char*), const char* text)
 {
@@ -126,12 +121,9 @@ void Trace(CCorpDirLog** log, const char* module, const char* function, const ch
 void CCorpDirLog::WriteLog(const char* module, const char* function, const char* file,
                            unsigned int line, unsigned int level, const char* format, ...)
 {
-    if (IsLogOff())
-    {
-        return;
-    }
     LogWriter* const writer = Writer();
-    if (writer == nullptr || !writer->IsWritten(level))
+    if (__atomic_load_n(&g_LogMode, __ATOMIC_RELAXED) != 0 || writer == nullptr ||
+        !writer->IsWritten(level))
     {
         return;
     }

@@ -99,7 +99,14 @@ void LogTarget::Write(const std::list<Record>& records, std::uint64_t dropped) n
     {
         WriteRecord(record, 1);
     }
-    Flush();
+    try
+    {
+        Flush();
+    }
+    catch (const std::exception& error)
+    {
+        BeginOutage(ErrorOf(error));
+    }
 }
 
 void LogTarget::Settle() noexcept
@@ -193,20 +200,13 @@ void LogTarget::WriteLine(const Record& record, std::uint64_t count)
     }
 }
 
-void LogTarget::Flush() noexcept
+void LogTarget::Flush()
 {
-    try
+    if (m_file != nullptr)
     {
-        if (m_file != nullptr)
-        {
-            m_file->Flush();
-        }
-        m_unflushed = 0;
+        m_file->Flush();
     }
-    catch (const std::exception& error)
-    {
-        BeginOutage(ErrorOf(error));
-    }
+    m_unflushed = 0;
 }
 
 // Opens the file if need be, and reports losses first. False when records cannot be written yet.
@@ -245,11 +245,7 @@ void LogTarget::WriteLossNotice()
                             "Up to %llu records are missing here: %s",
                             static_cast<unsigned long long>(m_lost), reason.c_str()),
               0);
-    if (m_file != nullptr)
-    {
-        m_file->Flush();
-    }
-    m_unflushed = 0;
+    Flush();
     m_unchecked += std::exchange(m_lost, 0);
 }
 

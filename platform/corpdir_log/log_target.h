@@ -58,7 +58,7 @@ private:
     void WriteLossNotice();
     void WriteRecord(const Record& record, std::uint64_t count) noexcept;
     void WriteLine(const Record& record, std::uint64_t count);
-    void Flush() noexcept;
+    void Flush();
     void BeginOutage(int error) noexcept;
     void ReportOnce(bool* isReported, const char* trouble, int error) const noexcept;
 

@@ -17,7 +17,7 @@ namespace
 {
 constexpr unsigned int kNames = 100;  // processes with a short name in one directory
 
-// The descriptors that hold locks, for the fork handler; 0: none, since no lock has that number.
+// The descriptors that hold locks, for the fork handler; 0: no lock, since none has that number.
 // Two: while the log is opened in another directory, its old and its new name are both taken.
 std::array<std::atomic<int>, 2> g_lockDescriptors;
 

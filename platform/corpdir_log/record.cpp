@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,13 +48,6 @@ std::string_view Column(const char* text)
     return text == nullptr || *text == '\0' ? std::string_view("-") : std::string_view(text);
 }
 
-void AppendNumber(unsigned int number, std::string* out)
-{
-    std::array<char, 10> digits;
-    const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
-    out->append(digits.data(), result.ptr);
-}
-
 // The text that printf makes of a format and its arguments. An argument may have grown or shrunk
 // since the text was measured.
 __attribute__((format(printf, 2, 0))) std::string FormatOnHeap(std::size_t length,
@@ -76,7 +68,7 @@ std::string Assemble(const Place& place, unsigned int level, std::string_view te
     line.reserve(kOtherColumns + text.size());
     line += LevelWord(level);
     line += ' ';
-    AppendNumber(ThreadNumber(), &line);
+    line += std::to_string(ThreadNumber());
     line += ' ';
     AppendEscaped(Column(place.module), Blanks::kEscape, &line);
     line += ' ';
@@ -84,7 +76,7 @@ std::string Assemble(const Place& place, unsigned int level, std::string_view te
     line += ' ';
     AppendEscaped(Column(place.file), Blanks::kEscape, &line);
     line += ':';
-    AppendNumber(place.line, &line);
+    line += std::to_string(place.line);
     line += ' ';
     AppendEscaped(text, Blanks::kKeep, &line);
     line += mark;

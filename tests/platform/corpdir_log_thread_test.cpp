@@ -163,7 +163,7 @@ TEST_F(LogThreads, AFullQueueDropsTheOldestAndSaysHowMany)
     EXPECT_EQ(arrived.last, "0 " + std::to_string(kRecords - 1));
 }
 
-// As the client may have set it; it is then full most of the time.
+// The client may have made it non-blocking; it is then full most of the time.
 TEST_F(LogThreads, AStandardErrorThatDoesNotBlockStillGetsWholeRecords)
 {
     StuckStandardError stuck;
