@@ -26,10 +26,11 @@ std::uint64_t CallerNumber()
 
 struct Mutex
 {
-    std::uint64_t owner = 0;  // number of the holding thread; 0: it is free
-    unsigned int depth = 0;   // locks of the holder
-    unsigned int ending = 0;  // threads that wait to destroy it: lockers stand back
-    bool destroyed = false;   // threads that wait for it may still have it
+    const OSAK_MUTEX* storage;  // its name in the registry
+    std::uint64_t owner = 0;    // number of the holding thread; 0: it is free
+    unsigned int depth = 0;     // locks of the holder
+    unsigned int ending = 0;    // threads that wait to destroy it: lockers stand back
+    bool destroyed = false;     // threads that wait for it may still have it
 };
 
 // Thread-safe: everything is under the guard, the mutexes included.
@@ -38,13 +39,6 @@ struct Registry
     base::Mutex guard;
     base::CondVar changed;  // a mutex was released or destroyed, or the process exits
     std::map<const OSAK_MUTEX*, std::shared_ptr<Mutex>> mutexes CORPDIR_GUARDED_BY(guard);
-
-    // Null: the storage names no mutex.
-    std::shared_ptr<Mutex> Find(const OSAK_MUTEX* storage) CORPDIR_REQUIRES(guard)
-    {
-        const auto found = mutexes.find(storage);
-        return found != mutexes.end() ? found->second : nullptr;
-    }
 };
 
 Registry& TheRegistry()
@@ -81,44 +75,49 @@ unsigned int AwaitFree(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRES(
     return OSAK_OK;
 }
 
-unsigned int Lock(const OSAK_MUTEX* storage)
+// Runs one of the operations below on the mutex that the storage names.
+unsigned int Apply(const OSAK_MUTEX* storage, unsigned int (*operation)(Registry&, Mutex&))
 {
+    if (const unsigned int code = CheckCall(storage); code != OSAK_OK)
+    {
+        return code;
+    }
     Registry& registry = TheRegistry();
     const base::MutexLock lock(registry.guard);
-    const std::shared_ptr<Mutex> mutex = registry.Find(storage);
-    if (mutex == nullptr)
+    const auto found = registry.mutexes.find(storage);
+    if (found == registry.mutexes.end())
     {
         return OSAK_ERR_NO_MUTEX;
     }
-    if (mutex->owner != CallerNumber())
+    // Another thread may destroy the mutex while the operation waits.
+    const std::shared_ptr<Mutex> mutex = found->second;
+    return operation(registry, *mutex);
+}
+
+unsigned int Lock(Registry& registry, Mutex& mutex) CORPDIR_REQUIRES(registry.guard)
+{
+    if (mutex.owner != CallerNumber())
     {
-        const unsigned int code = AwaitFree(registry, *mutex);
+        const unsigned int code = AwaitFree(registry, mutex);
         if (code != OSAK_OK)
         {
             return code;
         }
-        mutex->owner = CallerNumber();
+        mutex.owner = CallerNumber();
     }
-    ++mutex->depth;
+    ++mutex.depth;
     return OSAK_OK;
 }
 
-unsigned int Unlock(const OSAK_MUTEX* storage)
+unsigned int Unlock(Registry& registry, Mutex& mutex) CORPDIR_REQUIRES(registry.guard)
 {
-    Registry& registry = TheRegistry();
-    const base::MutexLock lock(registry.guard);
-    const std::shared_ptr<Mutex> mutex = registry.Find(storage);
-    if (mutex == nullptr)
-    {
-        return OSAK_ERR_NO_MUTEX;
-    }
-    if (mutex->owner != CallerNumber())
+    if (mutex.owner != CallerNumber())
     {
         return OSAK_ERR_OWNER;
     }
-    if (--mutex->depth == 0)
+    if (--mutex.depth == 0)
     {
-        mutex->owner = 0;
+        mutex.owner = 0;
         registry.changed.NotifyAll();
     }
     return OSAK_OK;
@@ -141,26 +140,19 @@ unsigned int AwaitUnheld(Registry& registry, const Mutex& mutex) CORPDIR_REQUIRE
     return mutex.destroyed ? OSAK_ERR_NO_MUTEX : OSAK_OK;
 }
 
-unsigned int Destroy(const OSAK_MUTEX* storage)
+unsigned int Destroy(Registry& registry, Mutex& mutex) CORPDIR_REQUIRES(registry.guard)
 {
-    Registry& registry = TheRegistry();
-    const base::MutexLock lock(registry.guard);
-    const std::shared_ptr<Mutex> mutex = registry.Find(storage);
-    if (mutex == nullptr)
-    {
-        return OSAK_ERR_NO_MUTEX;
-    }
-    if (mutex->owner == CallerNumber())
+    if (mutex.owner == CallerNumber())
     {
         return OSAK_ERR_OWNER;
     }
-    ++mutex->ending;
-    const unsigned int code = AwaitUnheld(registry, *mutex);
-    --mutex->ending;
+    ++mutex.ending;
+    const unsigned int code = AwaitUnheld(registry, mutex);
+    --mutex.ending;
     if (code == OSAK_OK)
     {
-        mutex->destroyed = true;
-        registry.mutexes.erase(storage);
+        mutex.destroyed = true;
+        registry.mutexes.erase(mutex.storage);
     }
     registry.changed.NotifyAll();
     return code;
@@ -192,7 +184,9 @@ unsigned int OSAK_MutexInitRecursive(OSAK_MUTEX* mutex, void* attr)
     {
         osak::Registry& registry = osak::TheRegistry();
         const base::MutexLock lock(registry.guard);
-        const bool made = registry.mutexes.emplace(mutex, std::make_shared<osak::Mutex>()).second;
+        const bool made =
+            registry.mutexes.emplace(mutex, std::make_shared<osak::Mutex>(osak::Mutex{mutex}))
+                .second;
         return made ? OSAK_OK : OSAK_ERR_PARAM;
     }
     catch (const std::bad_alloc&)
@@ -203,18 +197,13 @@ unsigned int OSAK_MutexInitRecursive(OSAK_MUTEX* mutex, void* attr)
 
 unsigned int OSAK_MutexDestroy(OSAK_MUTEX* mutex)
 {
-    const unsigned int code = osak::CheckCall(mutex);
-    return code == OSAK_OK ? osak::Destroy(mutex) : code;
+    return osak::Apply(mutex, osak::Destroy);
 }
 
 unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex)
 {
     osak::HoldIfExiting();
-    unsigned int code = osak::CheckCall(mutex);
-    if (code == OSAK_OK)
-    {
-        code = osak::Lock(mutex);
-    }
+    const unsigned int code = osak::Apply(mutex, osak::Lock);
     if (code != OSAK_OK)
     {
         osak::HoldIfExiting();
@@ -224,6 +213,5 @@ unsigned int OSAK_MutexLock(OSAK_MUTEX* mutex)
 
 unsigned int OSAK_MutexUnLock(OSAK_MUTEX* mutex)
 {
-    const unsigned int code = osak::CheckCall(mutex);
-    return code == OSAK_OK ? osak::Unlock(mutex) : code;
+    return osak::Apply(mutex, osak::Unlock);
 }
