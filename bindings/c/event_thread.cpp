@@ -1,7 +1,5 @@
 #include "event_thread.h"
 
-#include <string.h>
-
 #include <new>
 #include <utility>
 
@@ -10,6 +8,8 @@
 
 namespace corpdir_c
 {
+using client::EventKind;
+
 static_assert(CORPDIR_ERR_CONNECT == static_cast<int>(TRAVEX_FTP_ERR_CONNECT) &&
                   CORPDIR_ERR_TLS == static_cast<int>(TRAVEX_FTP_ERR_TLS) &&
                   CORPDIR_ERR_CERTIFICATE == static_cast<int>(TRAVEX_FTP_ERR_CERT) &&
@@ -23,6 +23,13 @@ static_assert(CORPDIR_ERR_CONNECT == static_cast<int>(TRAVEX_FTP_ERR_CONNECT) &&
                   CORPDIR_ERR_TRANSFER == static_cast<int>(TRAVEX_FTP_ERR_TRANSFER),
               "failures have the FTP layer's numbers");
 static_assert(CORPDIR_SIZE_UNKNOWN == TRAVEX_FTP_SIZE_UNKNOWN, "one value for both");
+static_assert(CORPDIR_EVENT_PROGRESS == static_cast<int>(client::EventKind::kProgress) &&
+                  CORPDIR_EVENT_TRANSFERRED == static_cast<int>(client::EventKind::kTransferred) &&
+                  CORPDIR_EVENT_FAILED == static_cast<int>(client::EventKind::kFailed) &&
+                  CORPDIR_EVENT_REFUSED == static_cast<int>(client::EventKind::kRefused) &&
+                  CORPDIR_EVENT_DELIVERED == static_cast<int>(client::EventKind::kDelivered) &&
+                  CORPDIR_EVENT_LOST == static_cast<int>(client::EventKind::kOutOfMemory),
+              "events have the client layer's numbers");
 
 namespace
 {
@@ -35,29 +42,6 @@ base::Gate g_callbacks;
 void EndCallbacks(base::Clock::time_point deadline)
 {
     g_callbacks.Close(EventThread::CallerIsOne() ? 1 : 0, deadline);
-}
-
-corpdir_event_kind KindOf(unsigned int observed)
-{
-    switch (observed)
-    {
-        case TRAVEX_FTP_OBSERVED_SUCCESS:
-            return CORPDIR_EVENT_TRANSFERRED;
-        case TRAVEX_FTP_OBSERVED_FAILED:
-            return CORPDIR_EVENT_FAILED;
-        case TRAVEX_FTP_OBSERVED_REFUSED:
-            return CORPDIR_EVENT_REFUSED;
-        default:
-            return CORPDIR_EVENT_PROGRESS;
-    }
-}
-
-template <std::size_t kSize>
-void Copy(char (&to)[kSize], const char* from)
-{
-    const std::size_t length = strnlen(from, kSize - 1);
-    memcpy(to, from, length);
-    to[length] = '\0';
 }
 
 }  // namespace
@@ -92,7 +76,6 @@ void EventThread::Start()
         throw std::bad_alloc();
     }
     const base::MutexLock lock(m_mutex);
-    m_transferred = std::make_unique<Item>();
     m_thread = base::Thread("corpdir-events", [this] { Run(); });
 }
 
@@ -122,79 +105,87 @@ void EventThread::Stop() noexcept
 
 void EventThread::Push(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
 {
-    Item item;
-    item.task = seen.ulTaskID;
-    item.kind = KindOf(seen.ulKind);
-    item.code = CodeOf(seen.ulRet);
-    item.bytes = seen.ullBytes;
-    item.total = seen.ullTotal;
-    Copy(item.server, seen.pcServer);
-    Copy(item.file, seen.pcServerFile);
-    Copy(item.reason, seen.pcReason);
     const base::MutexLock lock(m_mutex);
-    if (item.kind == CORPDIR_EVENT_TRANSFERRED)
+    try
     {
-        *m_transferred = item;
+        const client::TransferEvent event = client::EventOf(seen);
+        if (event.kind == EventKind::kTransferred)
+        {
+            m_transferred = event;
+        }
+        Append(event);
     }
-    Append(item);
+    catch (const std::bad_alloc&)
+    {
+        m_transferred = client::TransferEvent();
+        Lose();
+    }
 }
 
 // The service reports it right after the FTP layer's success, on the same thread.
 void EventThread::PushDelivered() noexcept
 {
     const base::MutexLock lock(m_mutex);
-    Item item = *m_transferred;
-    item.kind = CORPDIR_EVENT_DELIVERED;
-    Append(item);
+    try
+    {
+        client::TransferEvent event = m_transferred;
+        event.kind = EventKind::kDelivered;
+        Append(event);
+    }
+    catch (const std::bad_alloc&)
+    {
+        Lose();
+    }
 }
 
 // A progress that waits in the queue is updated: a slow callback makes no queue grow.
-bool EventThread::Overtake(const Item& item)
+bool EventThread::Overtake(const client::TransferEvent& event)
 {
-    for (QueuedItem* waiting = m_queue.First(); waiting != nullptr; waiting = waiting->next.get())
+    for (client::TransferEvent& waiting : m_queue)
     {
-        if (waiting->item.kind == CORPDIR_EVENT_PROGRESS && waiting->item.task == item.task)
+        if (waiting.kind == EventKind::kProgress && waiting.task == event.task)
         {
-            waiting->item.bytes = item.bytes;
-            waiting->item.total = item.total;
+            waiting.bytes = event.bytes;
+            waiting.total = event.total;
             return true;
         }
     }
     return false;
 }
 
-void EventThread::Append(const Item& item)
+bool EventThread::IsUnwanted() const
 {
-    const bool unwanted = m_stopping || (!m_held && m_callback == nullptr);
-    if (unwanted || (item.kind == CORPDIR_EVENT_PROGRESS && Overtake(item)))
+    return m_stopping || (!m_held && m_callback == nullptr);
+}
+
+void EventThread::Append(const client::TransferEvent& event)
+{
+    if (!IsUnwanted() && !(event.kind == EventKind::kProgress && Overtake(event)))
     {
-        return;
+        m_queue.push_back(event);
+        m_changed.NotifyAll();
     }
-    std::unique_ptr<QueuedItem> queued(new (std::nothrow) QueuedItem{item, nullptr});
-    if (queued == nullptr)
-    {
-        m_lost = true;
-    }
-    else
-    {
-        m_queue.Push(std::move(queued));
-    }
+}
+
+void EventThread::Lose()
+{
+    m_lost = m_lost || !IsUnwanted();
     m_changed.NotifyAll();
 }
 
 void EventThread::Clear()
 {
-    m_queue.Clear();
+    m_queue.clear();
     m_lost = false;
 }
 
 void EventThread::Run() noexcept
 {
     t_thread = this;
-    Item item;
-    while (Take(item))
+    client::TransferEvent event;
+    while (Take(event))
     {
-        Deliver(item);
+        Deliver(event);
     }
     const base::MutexLock lock(m_mutex);
     m_over = true;
@@ -203,12 +194,12 @@ void EventThread::Run() noexcept
 
 // Waits for an event that may be delivered; the callback counts as in progress from here on. A loss
 // is reported first. False: the thread is to end.
-bool EventThread::Take(Item& item)
+bool EventThread::Take(client::TransferEvent& event)
 {
     const base::MutexLock lock(m_mutex);
     m_inCallback = false;
     m_changed.NotifyAll();
-    while (!m_stopping && (m_held || (!m_lost && m_queue.IsEmpty())))
+    while (!m_stopping && (m_held || (!m_lost && m_queue.empty())))
     {
         m_changed.Wait(m_mutex);
     }
@@ -220,16 +211,18 @@ bool EventThread::Take(Item& item)
     if (m_lost)
     {
         m_lost = false;
-        item = Item();
+        event = client::TransferEvent();
+        event.kind = EventKind::kOutOfMemory;
         return true;
     }
-    item = m_queue.Pop()->item;
+    event = std::move(m_queue.front());
+    m_queue.pop_front();
     return true;
 }
 
 // Callback and user do not change meanwhile: a caller that changes them waits for the callback
 // first, or is called by it.
-void EventThread::Deliver(const Item& item)
+void EventThread::Deliver(const client::TransferEvent& event)
 {
     corpdir_event_fn callback = nullptr;
     void* user = nullptr;
@@ -242,16 +235,16 @@ void EventThread::Deliver(const Item& item)
     {
         return;
     }
-    corpdir_event event = {};
-    event.size = sizeof event;
-    event.kind = item.kind;
-    event.code = item.code;
-    event.server = item.server;
-    event.file = item.file;
-    event.reason = item.reason;
-    event.bytes = item.bytes;
-    event.total = item.total;
-    callback(user, &event);
+    corpdir_event record = {};
+    record.size = sizeof record;
+    record.kind = static_cast<corpdir_event_kind>(event.kind);
+    record.code = CodeOf(event.code);
+    record.server = event.server.c_str();
+    record.file = event.file.c_str();
+    record.reason = event.reason.c_str();
+    record.bytes = event.bytes;
+    record.total = event.total;
+    callback(user, &record);
     g_callbacks.Leave();
 }
 

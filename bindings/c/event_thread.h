@@ -2,14 +2,13 @@
 #ifndef CORPDIR_C_EVENT_THREAD_H
 #define CORPDIR_C_EVENT_THREAD_H
 
-#include <cstdint>
+#include <deque>
 #include <memory>
 
-#include "base/linked_queue.h"
 #include "base/mutex.h"
 #include "base/thread.h"
 #include "corpdir_c.h"
-#include "travex_ftp.h"
+#include "transfer_event.h"
 
 namespace corpdir_c
 {
@@ -61,30 +60,13 @@ public:
     std::shared_ptr<EventThread> nextEnded;
 
 private:
-    // An event with its texts. The bounds are those of the FTP layer.
-    struct Item
-    {
-        unsigned int task = 0;
-        corpdir_event_kind kind = CORPDIR_EVENT_LOST;
-        corpdir_code code = CORPDIR_OK;
-        std::uint64_t bytes = 0;
-        std::uint64_t total = CORPDIR_SIZE_UNKNOWN;
-        char server[64] = "";
-        char file[256] = "";
-        char reason[512] = "";
-    };
-
-    struct QueuedItem
-    {
-        Item item;
-        std::unique_ptr<QueuedItem> next;
-    };
-
     void Run() noexcept;
-    bool Take(Item& item);
-    void Deliver(const Item& item);
-    void Append(const Item& item) CORPDIR_REQUIRES(m_mutex);
-    bool Overtake(const Item& item) CORPDIR_REQUIRES(m_mutex);
+    bool Take(client::TransferEvent& event);
+    void Deliver(const client::TransferEvent& event);
+    bool IsUnwanted() const CORPDIR_REQUIRES(m_mutex);
+    void Lose() CORPDIR_REQUIRES(m_mutex);
+    void Append(const client::TransferEvent& event) CORPDIR_REQUIRES(m_mutex);
+    bool Overtake(const client::TransferEvent& event) CORPDIR_REQUIRES(m_mutex);
     void Clear() CORPDIR_REQUIRES(m_mutex);
 
     corpdir_client* const m_client;
@@ -92,10 +74,9 @@ private:
     base::Mutex m_mutex;
     base::CondVar m_changed;
     base::Thread m_thread CORPDIR_GUARDED_BY(m_mutex);
-    base::LinkedQueue<std::unique_ptr<QueuedItem>, &QueuedItem::next> m_queue
-        CORPDIR_GUARDED_BY(m_mutex);
-    std::unique_ptr<Item> m_transferred
-        CORPDIR_GUARDED_BY(m_mutex);                  // the latest file that was complete
+    std::deque<client::TransferEvent> m_queue CORPDIR_GUARDED_BY(m_mutex);
+    // The latest file that was complete.
+    client::TransferEvent m_transferred CORPDIR_GUARDED_BY(m_mutex);
     bool m_lost CORPDIR_GUARDED_BY(m_mutex) = false;  // there was no memory for an event
     bool m_held CORPDIR_GUARDED_BY(m_mutex) = true;
     bool m_stopping CORPDIR_GUARDED_BY(m_mutex) = false;

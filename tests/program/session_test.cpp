@@ -670,9 +670,9 @@ TEST_F(ToolSession, TheServerThatGaveTheFileIsTheLastAttempt)
 
 TEST(ToolEvents, EndpointsLoseTheirPort)
 {
-    EXPECT_EQ(AddressOfEndpoint("192.0.2.1:21"), "192.0.2.1");
-    EXPECT_EQ(AddressOfEndpoint("[2001:db8::1]:21"), "2001:db8::1");
-    EXPECT_EQ(AddressOfEndpoint(""), "");
+    EXPECT_EQ(client::AddressOfEndpoint("192.0.2.1:21"), "192.0.2.1");
+    EXPECT_EQ(client::AddressOfEndpoint("[2001:db8::1]:21"), "2001:db8::1");
+    EXPECT_EQ(client::AddressOfEndpoint(""), "");
 }
 
 TEST(ToolEvents, AFailureKeepsItsStructure)

@@ -8,62 +8,9 @@
 namespace corpdir_tool
 {
 
-namespace
-{
-
-EventKind KindOf(unsigned int observed)
-{
-    switch (observed)
-    {
-        case TRAVEX_FTP_OBSERVED_ACCEPTED:
-            return EventKind::kAccepted;
-        case TRAVEX_FTP_OBSERVED_SUCCESS:
-            return EventKind::kTransferred;
-        case TRAVEX_FTP_OBSERVED_FAILED:
-            return EventKind::kFailed;
-        case TRAVEX_FTP_OBSERVED_REFUSED:
-            return EventKind::kRefused;
-        default:
-            return EventKind::kProgress;
-    }
-}
-
-// Copies everything: the record is valid only during the observer's call.
-Event CopyOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
-{
-    Event event;
-    event.kind = KindOf(seen.ulKind);
-    event.task = seen.ulTaskID;
-    event.server = AddressOfEndpoint(seen.pcServer);
-    event.file = seen.pcServerFile;
-    event.bytes = seen.ullBytes;
-    event.total = seen.ullTotal;
-    event.code = seen.ulRet;
-    event.step = seen.ulStep;
-    event.reply = seen.ulReply;
-    event.detail = seen.ulDetail;
-    event.reason = seen.pcReason;
-    if (seen.pstTimings != nullptr)
-    {
-        event.timings = *seen.pstTimings;
-    }
-    return event;
-}
-
-}  // namespace
-
 Failure FailureOf(const Event& event)
 {
     return {event.code, event.step, event.reply, event.detail, event.file, event.reason};
-}
-
-std::string AddressOfEndpoint(const std::string& endpoint)
-{
-    if (!endpoint.empty() && endpoint.front() == '[')
-    {
-        return endpoint.substr(1, endpoint.find(']') - 1);
-    }
-    return endpoint.substr(0, endpoint.find(':'));
 }
 
 bool IsArgumentRefusal(unsigned int code)
@@ -94,7 +41,8 @@ void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen,
 {
     try
     {
-        Event event = CopyOf(seen);
+        Event event{client::EventOf(seen), {}, 0};
+        event.server = client::AddressOfEndpoint(event.server);
         if (event.kind == EventKind::kTransferred && event.file == versionFile)
         {
             event.version = ReadVersionFile(localVersionFile);
@@ -113,6 +61,7 @@ Event EventQueue::WaitUntil(Clock::time_point deadline)
     m_changed.wait_until(lock, deadline, [this] { return m_outOfMemory || !m_events.empty(); });
     // The event that was lost may be the one awaited, so this comes before all others.
     Event event;
+    event.kind = EventKind::kDeadline;
     if (m_outOfMemory)
     {
         event.kind = EventKind::kOutOfMemory;

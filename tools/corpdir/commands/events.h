@@ -4,59 +4,29 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "commands/version_file.h"
+#include "transfer_event.h"
 #include "travex_ftp.h"
 #include "ui/hints.h"
 
 namespace corpdir_tool
 {
 
-enum class EventKind
-{
-    // From the service and the FTP layer:
-    kAccepted,     // a transfer was accepted
-    kProgress,     // bytes of a file have arrived
-    kTransferred,  // a file is complete and in place
-    kFailed,       // a transfer failed
-    kRefused,      // a transfer was refused before it began
-    kDelivered,    // the service reports that the directory file has arrived
+using client::EventKind;
 
-    // From elsewhere:
-    kResolved,      // the names of the servers have been looked up
-    kCommandEnded,  // the command of --exec has ended
-    kSignal,        // a signal asks the program to stop
-    kDeadline,      // the wait timed out
-    kOutOfMemory
-};
-
-struct Event
+// `server` is the address alone.
+struct Event : client::TransferEvent
 {
-    EventKind kind = EventKind::kDeadline;
-    unsigned int task = 0;  // of the FTP layer; 0: none
-    std::string server;     // address of the server; empty when not known
-    std::string file;       // file on the server; empty when not known
-    std::uint64_t bytes = 0;
-    std::uint64_t total = TRAVEX_FTP_SIZE_UNKNOWN;
-    unsigned int code = 0;    // tagTRAVEX_FTP_RESULT of a failure or refusal
-    unsigned int step = 0;    // tagTRAVEX_FTP_STEP of a failure
-    unsigned int reply = 0;   // number of the server reply that caused the failure; 0: none
-    unsigned int detail = 0;  // tagTRAVEX_FTP_DETAIL of a failure
-    std::string reason;       // in words, without the server
-    VersionFile version;      // content of a version file that has arrived
-    tagTRAVEX_FTP_S_TIMINGS timings = {};  // of a transfer that has ended
-    int number = 0;                        // the signal, or the exit status of the command
+    VersionFile version;  // content of a version file that has arrived
+    int number = 0;       // the signal, or the exit status of the command
 };
 
 Failure FailureOf(const Event& event);
-
-// "[2001:db8::1]:21" or "192.0.2.1:21" without brackets and port.
-std::string AddressOfEndpoint(const std::string& endpoint);
 
 // True when every server would refuse the same arguments.
 bool IsArgumentRefusal(unsigned int code);
