@@ -10,6 +10,7 @@
 
 #include "commands/session.h"
 #include "fake_layers.h"
+#include "fake_service.h"
 #include "parts_support.h"
 
 namespace corpdir_tool
@@ -37,49 +38,29 @@ struct ServerScript
 };
 
 // Rotates as the service does: after each version failure to the next server, a single server is
-// tried twice, and the rotation ends with the list. Callbacks run on a separate thread, which a
-// stop joins. Records the requests.
-class FakeService final : public IFtpCorpDir
+// tried twice, and the rotation ends with the list.
+class RotatingService final : public FakeService
 {
 public:
-    ~FakeService()
+    ~RotatingService()
     {
         CorpDirUninit();
     }
 
-    unsigned int CorpDirInit(tag_CORPDIR_LOGINFO* log) override
+    void WaitUntilHanging()
     {
-        ++starts;
-        m_stop = false;
-        lastLog = *log;
-        return initResult;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_hanging; });
     }
 
-    void CorpDirUninit() override
-    {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_changed.notify_all();
-        if (m_thread.joinable())
-        {
-            m_thread.join();
-        }
-        ++stops;
-    }
+    std::map<std::string, ServerScript> scripts;
 
-    unsigned int CorpDirDownloadNetaddr(tag_CORPDIR_DOWNLOADINFO* info,
-                                        CORPDIR_DOWNLOAD_CB callback) override
+private:
+    unsigned int Refuse() override
     {
-        EXPECT_FALSE(m_thread.joinable()) << "a request while another one is under way";
-        requests.push_back(info->pszFtpIPs);
-        lastRequest = *info;
-        m_callback = callback;
-        m_all = requests.back();
-        m_current = m_all.substr(0, m_all.find(';'));
-        m_working =
-            m_all.find(';') == std::string::npos ? m_all : m_all.substr(m_all.find(';') + 1);
+        const std::string& all = requests.back();
+        m_current = all.substr(0, all.find(';'));
+        m_working = all.find(';') == std::string::npos ? all : all.substr(all.find(';') + 1);
         const ServerScript& script = scripts[m_current];
         if (script.refuseUnseen)
         {
@@ -90,42 +71,10 @@ public:
             Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", script.refuseRequest, "refused: bad suite");
             return 1;
         }
-        m_thread = std::thread(&FakeService::Play, this);
         return 0;
     }
 
-    unsigned int CorpDirSetFtpCipherListToDirImpl(const int* list, unsigned int count) override
-    {
-        cipherLists.emplace_back(list, list + count);
-        return cipherResult;
-    }
-    unsigned int CorpDirAddFtpCipherListToDirImplByOne(int) override
-    {
-        return 1;
-    }
-    unsigned int CorpDirAddFtpCipherListToDirImpl(const int*, unsigned int) override
-    {
-        return 1;
-    }
-
-    void WaitUntilHanging()
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_hanging; });
-    }
-
-    std::map<std::string, ServerScript> scripts;
-    unsigned int initResult = 0;
-    unsigned int cipherResult = 0;
-    int starts = 0;
-    int stops = 0;
-    std::vector<std::string> requests;
-    std::vector<std::vector<int>> cipherLists;
-    tag_CORPDIR_DOWNLOADINFO lastRequest = {};
-    tag_CORPDIR_LOGINFO lastLog = {};
-
-private:
-    void Play()
+    void Play() override
     {
         while (!Version())
         {
@@ -216,14 +165,8 @@ private:
         m_changed.wait(lock, [this] { return m_stop; });
     }
 
-    CORPDIR_DOWNLOAD_CB m_callback = nullptr;
-    std::string m_all;
     std::string m_current;
     std::string m_working;
-    std::thread m_thread;
-    std::mutex m_mutex;  // guards the two below
-    std::condition_variable m_changed;
-    bool m_stop = false;
     bool m_hanging = false;
 };
 
@@ -301,7 +244,7 @@ protected:
     TextStream m_output;
     TextStream m_messages;
     bool m_progress = false;
-    FakeService m_service;
+    RotatingService m_service;
 };
 
 TEST_F(ToolSession, TheFirstServerDelivers)

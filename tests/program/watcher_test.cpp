@@ -2,16 +2,13 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include "commands/watcher.h"
 #include "fake_layers.h"
+#include "fake_service.h"
 #include "parts_support.h"
 
 namespace corpdir_tool
@@ -62,7 +59,9 @@ using Script = std::function<void(ScriptedService& service)>;
 
 // Runs one script for each request, on a thread that a stop joins. The functions below do what the
 // service and the FTP layer would do, and end the script when the service is stopped.
-class ScriptedService final : public IFtpCorpDir
+// The functions below do what the service and the FTP layer would do, and end the script when the
+// service is stopped.
+class ScriptedService final : public FakeService
 {
 public:
     struct Stopped
@@ -75,83 +74,27 @@ public:
         CorpDirUninit();
     }
 
-    unsigned int CorpDirInit(tag_CORPDIR_LOGINFO*) override
-    {
-        m_stop = false;
-        ++starts;
-        const unsigned int result = initResult;
-        if (result != 0 && --initFailures == 0)
-        {
-            initResult = 0;
-        }
-        return result;
-    }
-
-    void CorpDirUninit() override
-    {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_changed.notify_all();
-        if (m_thread.joinable())
-        {
-            m_thread.join();
-        }
-        ++stops;
-    }
-
-    unsigned int CorpDirDownloadNetaddr(tag_CORPDIR_DOWNLOADINFO* info,
-                                        CORPDIR_DOWNLOAD_CB callback) override
-    {
-        EXPECT_FALSE(m_thread.joinable()) << "a request while another one is under way";
-        requests.push_back(info->pszFtpIPs);
-        m_request = *info;
-        m_callback = callback;
-        if (refuseWith != 0)
-        {
-            Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", "", refuseWith, "refused: bad suite");
-            return 1;
-        }
-        const std::size_t number = std::min(requests.size(), scripts.size()) - 1;
-        m_thread = std::thread(&ScriptedService::Play, this, scripts[number]);
-        return 0;
-    }
-
-    unsigned int CorpDirSetFtpCipherListToDirImpl(const int*, unsigned int) override
-    {
-        return 0;
-    }
-    unsigned int CorpDirAddFtpCipherListToDirImplByOne(int) override
-    {
-        return 1;
-    }
-    unsigned int CorpDirAddFtpCipherListToDirImpl(const int*, unsigned int) override
-    {
-        return 1;
-    }
-
     // The version file arrives.
     void Version(const std::string& server, const std::string& firstLine)
     {
-        Begin(server, m_request.szVersionServerFile);
+        Begin(server, lastRequest.szVersionServerFile);
         const std::string path =
-            std::string(m_request.szVersionLocalDir) + m_request.szVersionLocalFileName;
+            std::string(lastRequest.szVersionLocalDir) + lastRequest.szVersionLocalFileName;
         std::ofstream(path, std::ios::binary) << firstLine << "\n";
-        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, m_request.szVersionServerFile, 0, "");
+        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, lastRequest.szVersionServerFile, 0, "");
     }
 
     void VersionFails(const std::string& server)
     {
-        Begin(server, m_request.szVersionServerFile);
-        Observe(TRAVEX_FTP_OBSERVED_FAILED, server, m_request.szVersionServerFile,
+        Begin(server, lastRequest.szVersionServerFile);
+        Observe(TRAVEX_FTP_OBSERVED_FAILED, server, lastRequest.szVersionServerFile,
                 TRAVEX_FTP_ERR_CONNECT, "no connection");
         m_callback(1, 1, nullptr, nullptr);
     }
 
     void DirectoryBegins(const std::string& server)
     {
-        Begin(server, m_request.szCorpDirServerFile);
+        Begin(server, lastRequest.szCorpDirServerFile);
     }
 
     void DirectoryArrives(const std::string& server, unsigned int task)
@@ -164,7 +107,7 @@ public:
     void DirectoryIsInPlace(const std::string& server, unsigned int task)
     {
         m_task = task;
-        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, m_request.szCorpDirServerFile, 0, "");
+        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, lastRequest.szCorpDirServerFile, 0, "");
     }
 
     void Directory(const std::string& server)
@@ -183,7 +126,7 @@ public:
                             unsigned int code = TRAVEX_FTP_ERR_PARTIAL)
     {
         m_task = task;
-        Observe(TRAVEX_FTP_OBSERVED_FAILED, server, m_request.szCorpDirServerFile, code,
+        Observe(TRAVEX_FTP_OBSERVED_FAILED, server, lastRequest.szCorpDirServerFile, code,
                 "ended early");
         m_callback(1, 1, nullptr, nullptr);
     }
@@ -191,6 +134,13 @@ public:
     void TransferRefused()
     {
         Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", "", TRAVEX_FTP_ERR_TRUST, "no such file");
+    }
+
+    // Both files arrive.
+    void Update(const std::string& server, const std::string& firstLine)
+    {
+        Version(server, firstLine);
+        Directory(server);
     }
 
     // Waits until the output has this text so many times.
@@ -226,19 +176,25 @@ public:
     }
 
     std::vector<Script> scripts;
-    std::atomic<unsigned int> initResult{0};
-    int initFailures = 1000;  // how often
     unsigned int refuseWith = 0;
-    int starts = 0;
-    int stops = 0;
-    std::vector<std::string> requests;
 
 private:
-    void Play(const Script& script)
+    unsigned int Refuse() override
+    {
+        if (refuseWith == 0)
+        {
+            return 0;
+        }
+        Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", "", refuseWith, "refused: bad suite");
+        return 1;
+    }
+
+    // After the script nothing happens until the stop.
+    void Play() override
     {
         try
         {
-            script(*this);
+            scripts[std::min(requests.size(), scripts.size()) - 1](*this);
         }
         catch (const Stopped&)
         {
@@ -258,13 +214,7 @@ private:
     }
 
     const Said& m_output;
-    CORPDIR_DOWNLOAD_CB m_callback = nullptr;
-    tag_CORPDIR_DOWNLOADINFO m_request = {};
     unsigned int m_task = 0;
-    std::thread m_thread;
-    std::mutex m_mutex;  // guards m_stop
-    std::condition_variable m_changed;
-    bool m_stop = false;
 };
 
 const char A[] = "192.0.2.1";
@@ -290,10 +240,27 @@ protected:
         EXPECT_EQ(Layers().observer, nullptr) << "the observer was left behind";
     }
 
-    // The last step of a script: a signal ends the watch.
-    void Stop()
+    // A script: both files arrive.
+    static Script Fetch(const std::string& server)
     {
-        m_events.Push(EventKind::kSignal, SIGTERM);
+        return [server](ScriptedService& service)
+        {
+            service.Update(server, "edition 1");
+            service.Await("downloaded");
+        };
+    }
+
+    // Runs the scripts; at the end of the last one a signal ends the watch, with success.
+    template <typename... Scripts>
+    void Watch(Scripts... scripts)
+    {
+        std::vector<Script> all = {scripts...};
+        all.back() = [this, last = all.back()](ScriptedService& service)
+        {
+            last(service);
+            m_events.Push(EventKind::kSignal, SIGTERM);
+        };
+        EXPECT_EQ(Run(all), 0);
     }
 
     int Run(std::vector<Script> scripts)
@@ -350,19 +317,16 @@ protected:
 
 TEST_F(ToolWatcher, TellsEachCheckAndEachNewVersion)
 {
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Directory(A);
-                       service.Await("downloaded");
-                       service.Version(A, "edition 1");
-                       service.Await("unchanged");
-                       service.Version(A, "edition 2");
-                       service.Directory(A);
-                       service.Await("edition 2', 24 bytes");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Update(A, "edition 1");
+            service.Await("downloaded");
+            service.Version(A, "edition 1");
+            service.Await("unchanged");
+            service.Update(A, "edition 2");
+            service.Await("edition 2', 24 bytes");
+        });
     EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
                                      Downloaded("edition 1", A), "checking 192.0.2.1",
                                      "unchanged: version 'edition 1' at 192.0.2.1",
@@ -374,15 +338,13 @@ TEST_F(ToolWatcher, TellsEachCheckAndEachNewVersion)
 
 TEST_F(ToolWatcher, TellsTheNextServer)
 {
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.VersionFails(A);
-                       service.Version(B, "edition 1");
-                       service.Directory(B);
-                       service.Await("downloaded");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.VersionFails(A);
+            service.Update(B, "edition 1");
+            service.Await("downloaded");
+        });
     EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1",
                                      "failed: version.txt from 192.0.2.1: no connection",
                                      "next server 192.0.2.2", "checking 192.0.2.2",
@@ -395,14 +357,13 @@ TEST_F(ToolWatcher, EventsAreJsonObjectsWhenAskedFor)
     m_options.json = true;
     m_options.servers = "dir.example";
     m_found = {{{A}, ""}};
-    Run({[this](ScriptedService& service)
-         {
-             service.VersionFails(A);
-             service.Version(A, "edition\t1\xff");
-             service.Directory(A);
-             service.Await("downloaded");
-             Stop();
-         }});
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.VersionFails(A);
+            service.Update(A, "edition\t1\xff");
+            service.Await("downloaded");
+        });
     const std::vector<std::string> lines = Lines();
     ASSERT_EQ(lines.size(), 7U);
     static const std::regex time(R"(^\{"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ",)");
@@ -431,13 +392,13 @@ TEST_F(ToolWatcher, EventsAreJsonObjectsWhenAskedFor)
 TEST_F(ToolWatcher, QuietLeavesFailures)
 {
     m_options.quiet = true;
-    Run({[this](ScriptedService& service)
-         {
-             service.VersionFails(A);
-             service.Version(B, "oops");
-             service.Await("not valid");
-             Stop();
-         }});
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.VersionFails(A);
+            service.Version(B, "oops");
+            service.Await("not valid");
+        });
     EXPECT_THAT(Lines(), ElementsAre("failed: version.txt from 192.0.2.1: no connection",
                                      "failed: version.txt from 192.0.2.2: the version file is not "
                                      "valid: its first line 'oops' is shorter than 5 bytes"));
@@ -446,35 +407,21 @@ TEST_F(ToolWatcher, QuietLeavesFailures)
 // The service itself would only try the same server again.
 TEST_F(ToolWatcher, AVersionFileThatIsNotValidIsAskedForAtTheNextServerAtOnce)
 {
-    const Script bad = [](ScriptedService& service)
-    {
-        service.Version(A, "oops");
-        service.Await("never said");
-    };
-    const Script good = [this](ScriptedService& service)
-    {
-        service.Version(B, "edition 1");
-        service.Directory(B);
-        service.Await("downloaded");
-        Stop();
-    };
-    EXPECT_EQ(Run({bad, good}), 0);
+    const Script bad = [](ScriptedService& service) { service.Version(A, "oops"); };
+    Watch(bad, Fetch(B));
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
 }
 
 // The version is that of the file when it arrived, not when the event is handled.
 TEST_F(ToolWatcher, VersionsThatComeFastAreNotMixedUp)
 {
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Directory(A);
-                       service.Version(A, "edition 2");
-                       service.Directory(A);
-                       service.Await("downloaded", 2);
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Update(A, "edition 1");
+            service.Update(A, "edition 2");
+            service.Await("downloaded", 2);
+        });
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)));
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
 }
@@ -482,38 +429,35 @@ TEST_F(ToolWatcher, VersionsThatComeFastAreNotMixedUp)
 // The service starts the newer transfer after it has reported the old one.
 TEST_F(ToolWatcher, AFileThatArrivesWhenANewerVersionIsAnnouncedHasItsOwnVersion)
 {
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.DirectoryBegins(A);
-                       const unsigned int old = service.Task();
-                       service.Version(A, "edition 2");
-                       service.DirectoryArrives(A, old);
-                       service.Directory(A);
-                       service.Await("downloaded", 2);
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Version(A, "edition 1");
+            service.DirectoryBegins(A);
+            const unsigned int old = service.Task();
+            service.Version(A, "edition 2");
+            service.DirectoryArrives(A, old);
+            service.Directory(A);
+            service.Await("downloaded", 2);
+        });
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)).Times(1));
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)).Times(1));
 }
 
 TEST_F(ToolWatcher, AnOldDirectoryFileThatEndsLastIsNotTakenForTheNewOne)
 {
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.DirectoryBegins(A);
-                       const unsigned int old = service.Task();
-                       service.Version(A, "edition 2");
-                       service.Directory(A);
-                       service.Await("downloaded");
-                       service.DirectoryIsInPlace(A, old);
-                       service.Version(A, "edition 2");
-                       service.Await("unchanged");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Version(A, "edition 1");
+            service.DirectoryBegins(A);
+            const unsigned int old = service.Task();
+            service.Update(A, "edition 2");
+            service.Await("downloaded");
+            service.DirectoryIsInPlace(A, old);
+            service.Version(A, "edition 2");
+            service.Await("unchanged");
+        });
     EXPECT_THAT(Lines(), testing::Contains(HasSubstr("downloaded")).Times(1));
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
 }
@@ -526,17 +470,9 @@ TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
         service.Version(A, "edition 1");
         m_service.initResult = 2;
         service.DirectoryFails(A);
-        service.Await("never said");
-    };
-    const Script back = [this](ScriptedService& service)
-    {
-        service.Version(A, "edition 1");
-        service.Directory(A);
-        service.Await("downloaded");
-        Stop();
     };
     m_service.initFailures = 1;
-    EXPECT_EQ(Run({failing, back}), 0);
+    Watch(failing, Fetch(A));
     EXPECT_THAT(Lines(), testing::Contains("failed: the service could not be started (code 2)"));
 }
 
@@ -547,16 +483,8 @@ TEST_F(ToolWatcher, AFailedDirectoryFileIsAskedForAtTheNextServerAtOnce)
     {
         service.Version(A, "edition 1");
         service.DirectoryFails(A);
-        service.Await("never said");
     };
-    const Script giving = [this](ScriptedService& service)
-    {
-        service.Version(B, "edition 1");
-        service.Directory(B);
-        service.Await("downloaded");
-        Stop();
-    };
-    EXPECT_EQ(Run({failing, giving}), 0);
+    Watch(failing, Fetch(B));
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
     EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
                                      "failed: directory.csv from 192.0.2.1: ended early",
@@ -572,24 +500,15 @@ TEST_F(ToolWatcher, ADirectoryFileThatFailedEverywhereIsAskedForAgainAfterTheRet
     {
         service.Version(A, "edition 1");
         service.DirectoryFails(A);
-        service.Await("never said");
     };
     const Script second = [](ScriptedService& service)
     {
         service.Version(B, "edition 1");
         service.DirectoryFails(B);
         service.Version(B, "edition 1");  // the service's own check finds nothing new
-        service.Await("never said");
-    };
-    const Script third = [this](ScriptedService& service)
-    {
-        service.Version(A, "edition 1");
-        service.Directory(A);
-        service.Await("downloaded");
-        Stop();
     };
     const auto begun = std::chrono::steady_clock::now();
-    EXPECT_EQ(Run({first, second, third}), 0);
+    Watch(first, second, Fetch(A));
     EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1", "192.0.2.1;192.0.2.2"));
@@ -603,39 +522,30 @@ TEST_F(ToolWatcher, ADirectoryFileThatCannotBeWrittenIsNotTriedElsewhere)
     {
         service.Version(A, "edition 1");
         service.DirectoryFails(A, TRAVEX_FTP_ERR_LOCAL_FILE);
-        service.Await("never said");
     };
-    const Script room = [this](ScriptedService& service)
-    {
-        service.Version(A, "edition 1");
-        service.Directory(A);
-        service.Await("downloaded");
-        Stop();
-    };
-    EXPECT_EQ(Run({full, room}), 0);
+    Watch(full, Fetch(A));
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.1;192.0.2.2"));
 }
 
 // The failure of an outdated file is reported, without a retry.
 TEST_F(ToolWatcher, AnOldDirectoryFileThatFailsIsNotAskedForAgain)
 {
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.DirectoryBegins(A);
-                       const unsigned int old = service.Task();
-                       service.Await("edition 1");
-                       service.Version(A, "edition 2");
-                       service.DirectoryBegins(A);
-                       const unsigned int newer = service.Task();
-                       service.Await("edition 2");
-                       service.DirectoryEndsEarly(A, old);
-                       service.Await("ended early");
-                       service.DirectoryArrives(A, newer);
-                       service.Await("downloaded");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Version(A, "edition 1");
+            service.DirectoryBegins(A);
+            const unsigned int old = service.Task();
+            service.Await("edition 1");
+            service.Version(A, "edition 2");
+            service.DirectoryBegins(A);
+            const unsigned int newer = service.Task();
+            service.Await("edition 2");
+            service.DirectoryEndsEarly(A, old);
+            service.Await("ended early");
+            service.DirectoryArrives(A, newer);
+            service.Await("downloaded");
+        });
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
     EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
 }
@@ -643,19 +553,17 @@ TEST_F(ToolWatcher, AnOldDirectoryFileThatFailsIsNotAskedForAgain)
 // A failed check alone does not lead to a new request.
 TEST_F(ToolWatcher, AnOutageAfterAVersionIsLeftToTheService)
 {
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Directory(A);
-                       service.VersionFails(A);  // after a success, the first of the list again
-                       service.VersionFails(A);
-                       service.VersionFails(B);
-                       service.Await("next check within 600 s");
-                       service.Version(A, "edition 1");
-                       service.Await("unchanged");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Update(A, "edition 1");
+            service.VersionFails(A);  // after a success, the first of the list again
+            service.VersionFails(A);
+            service.VersionFails(B);
+            service.Await("next check within 600 s");
+            service.Version(A, "edition 1");
+            service.Await("unchanged");
+        });
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
     EXPECT_THAT(Lines(), testing::Contains("next check within 600 s"));
 }
@@ -666,16 +574,8 @@ TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
     {
         service.VersionFails(A);
         service.VersionFails(B);
-        service.Await("never said");
     };
-    const Script up = [this](ScriptedService& service)
-    {
-        service.Version(A, "edition 1");
-        service.Directory(A);
-        service.Await("downloaded");
-        Stop();
-    };
-    EXPECT_EQ(Run({down, down, up}), 0);
+    Watch(down, down, Fetch(A));
     EXPECT_EQ(m_service.requests.size(), 3U);
     EXPECT_THAT(Lines(), testing::Contains("retrying in 1 s").Times(2));
 }
@@ -683,14 +583,13 @@ TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
 TEST_F(ToolWatcher, OneServerIsTriedTwice)
 {
     m_options.servers = "192.0.2.1";
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.VersionFails(A);
-                       service.VersionFails(A);
-                       service.Await("retrying in");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.VersionFails(A);
+            service.VersionFails(A);
+            service.Await("retrying in");
+        });
     EXPECT_THAT(
         Lines(),
         ElementsAre("checking 192.0.2.1", "failed: version.txt from 192.0.2.1: no connection",
@@ -705,23 +604,19 @@ TEST_F(ToolWatcher, NewAddressesAreTakenWhenTheOldOnesFail)
     m_found = {{{A}, ""}, {{}, "no network"}, {{B, C}, ""}};
     const Script moved = [](ScriptedService& service)
     {
-        service.Version(A, "edition 1");
-        service.Directory(A);
+        service.Update(A, "edition 1");
         service.VersionFails(A);
         service.VersionFails(A);
         service.Await("no network");
         service.VersionFails(A);
         service.VersionFails(A);
-        service.Await("never said");
     };
-    const Script there = [this](ScriptedService& service)
+    const Script there = [](ScriptedService& service)
     {
-        service.Version(B, "edition 1");
-        service.Directory(B);
+        service.Update(B, "edition 1");
         service.Await("bytes from 192.0.2.2");
-        Stop();
     };
-    EXPECT_EQ(Run({moved, there}), 0);
+    Watch(moved, there);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1", "192.0.2.2;192.0.2.3"));
     EXPECT_THAT(Lines(), testing::Contains("failed: dir.example: no network"));
     EXPECT_THAT(Lines(), testing::Contains("checking 192.0.2.2 (dir.example)"));
@@ -731,13 +626,12 @@ TEST_F(ToolWatcher, WaitsForANameThatHasNoAddressYet)
 {
     m_options.servers = "dir.example";
     m_found = {{{}, "no network"}, {{A}, ""}};
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Await("new version");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Version(A, "edition 1");
+            service.Await("new version");
+        });
     EXPECT_THAT(Lines(), ElementsAre("failed: dir.example: no network", "retrying in 1 s",
                                      "checking 192.0.2.1 (dir.example)",
                                      "new version 'edition 1' at 192.0.2.1 (dir.example)",
@@ -758,16 +652,8 @@ TEST_F(ToolWatcher, ATransferThatIsRefusedLaterIsAskedForAgain)
     {
         service.Version(A, "edition 1");
         service.TransferRefused();
-        service.Await("never said");
     };
-    const Script back = [this](ScriptedService& service)
-    {
-        service.Version(A, "edition 1");
-        service.Directory(A);
-        service.Await("downloaded");
-        Stop();
-    };
-    EXPECT_EQ(Run({gone, back}), 0);
+    Watch(gone, Fetch(A));
     EXPECT_EQ(m_service.requests.size(), 2U);
     EXPECT_THAT(Lines(), testing::Contains(HasSubstr("no such file")));
 }
@@ -823,17 +709,14 @@ protected:
 TEST_F(ToolWatcherCommand, IsRunForEachNewVersion)
 {
     m_options.execute = m_note;
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Directory(A);
-                       service.Await("the command succeeded");
-                       service.Version(A, "edition 2");
-                       service.Directory(A);
-                       service.Await("the command succeeded", 2);
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Update(A, "edition 1");
+            service.Await("the command succeeded");
+            service.Update(A, "edition 2");
+            service.Await("the command succeeded", 2);
+        });
     const std::string file = m_directory.Path() + "/directory.csv ";
     EXPECT_THAT(Given(), ElementsAre(file + "edition 1 192.0.2.1", file + "edition 2 192.0.2.1"));
 }
@@ -845,21 +728,17 @@ TEST_F(ToolWatcherCommand, IsNotRunForTheSameVersionAgain)
     m_found = {{{A}, ""}, {{B}, ""}};
     const Script first = [](ScriptedService& service)
     {
-        service.Version(A, "edition 1");
-        service.Directory(A);
+        service.Update(A, "edition 1");
         service.Await("the command succeeded");
         service.VersionFails(A);
         service.VersionFails(A);
-        service.Await("never said");
     };
-    const Script moved = [this](ScriptedService& service)
+    const Script moved = [](ScriptedService& service)
     {
-        service.Version(B, "edition 1");
-        service.Directory(B);
+        service.Update(B, "edition 1");
         service.Await("bytes from 192.0.2.2");
-        Stop();
     };
-    EXPECT_EQ(Run({first, moved}), 0);
+    Watch(first, moved);
     EXPECT_EQ(Given().size(), 1U);
 }
 
@@ -867,19 +746,17 @@ TEST_F(ToolWatcherCommand, RunsOnceForSeveralVersionsDuringARun)
 {
     const std::string gate = m_directory.Path() + "/gate";
     m_options.execute = "while [ ! -e " + gate + " ]; do sleep 0.01; done; " + m_note;
-    EXPECT_EQ(Run({[this, &gate](ScriptedService& service)
-                   {
-                       for (const char* version : {"edition 1", "edition 2", "edition 3"})
-                       {
-                           service.Version(A, version);
-                           service.Directory(A);
-                           service.Await("downloaded", static_cast<std::size_t>(version[8] - '0'));
-                       }
-                       std::ofstream(gate) << "open";
-                       service.Await("the command succeeded", 2);
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [&gate](ScriptedService& service)
+        {
+            for (const char* version : {"edition 1", "edition 2", "edition 3"})
+            {
+                service.Update(A, version);
+                service.Await("downloaded", static_cast<std::size_t>(version[8] - '0'));
+            }
+            std::ofstream(gate) << "open";
+            service.Await("the command succeeded", 2);
+        });
     const std::string file = m_directory.Path() + "/directory.csv ";
     EXPECT_THAT(Given(), ElementsAre(file + "edition 1 192.0.2.1", file + "edition 3 192.0.2.1"));
 }
@@ -887,14 +764,12 @@ TEST_F(ToolWatcherCommand, RunsOnceForSeveralVersionsDuringARun)
 TEST_F(ToolWatcherCommand, AFailureIsTold)
 {
     m_options.execute = "exit 3";
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Directory(A);
-                       service.Await("the command failed");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Update(A, "edition 1");
+            service.Await("the command failed");
+        });
     EXPECT_THAT(Lines(), testing::Contains("the command failed with status 3"));
 }
 
@@ -903,17 +778,15 @@ TEST_F(ToolWatcherCommand, IsEndedWithTheWatch)
     m_options.execute = "trap 'echo asked to end >>" + m_directory.Path() +
                         "/given; exit' TERM; echo begun >>" + m_directory.Path() +
                         "/given; while :; do sleep 0.01; done";
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Directory(A);
-                       while (Given().empty())
-                       {
-                           std::this_thread::sleep_for(milliseconds(1));
-                       }
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [this](ScriptedService& service)
+        {
+            service.Update(A, "edition 1");
+            while (Given().empty())
+            {
+                std::this_thread::sleep_for(milliseconds(1));
+            }
+        });
     EXPECT_THAT(Given(), ElementsAre("begun", "asked to end"));
 }
 
@@ -922,17 +795,15 @@ TEST_F(ToolWatcherCommand, ThatDoesNotEndIsKilled)
     m_options.execute =
         "trap '' TERM; echo begun >>" + m_directory.Path() + "/given; while :; do sleep 0.01; done";
     const auto begun = std::chrono::steady_clock::now();
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Directory(A);
-                       while (Given().empty())
-                       {
-                           std::this_thread::sleep_for(milliseconds(1));
-                       }
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [this](ScriptedService& service)
+        {
+            service.Update(A, "edition 1");
+            while (Given().empty())
+            {
+                std::this_thread::sleep_for(milliseconds(1));
+            }
+        });
     EXPECT_LT(std::chrono::steady_clock::now() - begun, kPatience);
 }
 
@@ -947,14 +818,12 @@ TEST_F(ToolWatcherCommand, InheritsNoSignalSettings)
     (void)sigaddset(&blocked, SIGTERM);
     (void)pthread_sigmask(SIG_BLOCK, &blocked, &saved);
     const auto previous = signal(SIGPIPE, SIG_IGN);
-    EXPECT_EQ(Run({[this](ScriptedService& service)
-                   {
-                       service.Version(A, "edition 1");
-                       service.Directory(A);
-                       service.Await("the command succeeded");
-                       Stop();
-                   }}),
-              0);
+    Watch(
+        [](ScriptedService& service)
+        {
+            service.Update(A, "edition 1");
+            service.Await("the command succeeded");
+        });
     (void)signal(SIGPIPE, previous);
     (void)pthread_sigmask(SIG_SETMASK, &saved, nullptr);
     // Bits above 31 are used by the C library.
