@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Compares corpdir(1) with the program that it describes.
 
-- SYNOPSIS has each option of each command, with its value and in brackets unless it is required, and
-  OPTIONS each option once; neither has any that the program does not have.
+- SYNOPSIS has each command. OPTIONS has each option of each command once, with its value, the commands
+  that take it and whether it is required, and none that the program does not have.
 - JSON OUTPUT names each member that the program prints, and no other.
 - Exit statuses are those of the help, codes those of the FTP layer, variables those of the sources.
 - mandoc and man find nothing to warn of.
@@ -40,31 +40,41 @@ def section(page, macro, title):
     return re.split(r"^\.S%s " % ("h" if macro == "Sh" else "[hs]"), parts[1], flags=re.M)[0]
 
 
-def synopsis(page):
-    """{command: {"--name": Option}}"""
-    found = {}
-    for block in section(page, "Sh", "SYNOPSIS").split(".Nm corpdir\n")[1:]:
-        command = re.search(r"^\.Cm (\w+)$", block, re.M)
-        known = found.setdefault(command.group(1) if command else "", {})
-        for line in block.splitlines():
-            for name, value in re.findall(r"(-[a-z-]+)( Ar)?", line) if "Fl" in line else []:
-                known["-" + name] = Option(takes_value=bool(value), required=not line.startswith(".Op"))
-    return found
+def named_options(sentence):
+    return {"-" + name for name in re.findall(r"(?<=[ ,])-[a-z-]+", sentence)}
+
+
+def described_options(page):
+    """{command: {"--name": Option}} of those that OPTIONS describes, and the names of all."""
+    text = section(page, "Sh", "OPTIONS")
+    request, rest = text.split("are required", 1)
+    required = named_options(request.split("\n.Sq = .\n")[1])
+    of_ciphers = named_options(re.search(r"^\.Cm ciphers\ntakes\n(.*?)only\.$", rest, re.M | re.S).group(1))
+    found = {name: {} for name in ("fetch", "watch", "check", "ciphers")}
+    names = []
+    for name, value, marked in re.findall(r"^\.It Fl (?:h , )?(-[a-z-]+)( Ar)?.*\n(?:\.Pq Cm (.+)\n)?", text, re.M):
+        names.append("-" + name)
+        takers = marked.split(" , ") if marked else ["fetch", "watch", "check"]
+        for command in takers + (["ciphers"] if names[-1] in of_ciphers else []):
+            found[command][names[-1]] = Option(bool(value), names[-1] in required)
+    return found, names
 
 
 def check_options(page, program):
-    described = synopsis(page)
     names = commands(program)
-    yield from compare("SYNOPSIS", set(described), {"", *names})
-    every = set(listed_options(program))
+    synopsis = " ".join(re.findall(r"^\.Cm (.+)$", section(page, "Sh", "SYNOPSIS"), re.M))
+    yield from compare("SYNOPSIS", set(re.findall(r"\w+", synopsis)), set(names))
+    described, items = described_options(page)
+    general = set(listed_options(program))
+    every = set(general)
     for name in names:
         known = options(program, name)
         every |= set(known)
-        yield from compare("SYNOPSIS of " + name, described.get(name, {}), known)
-    yield from compare("SYNOPSIS without a command", set(described.get("", {})), set(listed_options(program)))
-    items = re.findall(r"^\.It Fl (?:h , )?(-[a-z-]+)", section(page, "Sh", "OPTIONS"), re.M)
-    yield from compare("OPTIONS", {"-" + item for item in items}, every)
-    yield from ("OPTIONS: -%s twice" % item for item in sorted(set(items)) if items.count(item) > 1)
+        taken = {option: how for option, how in described.get(name, {}).items()
+                 if option in known or option not in general}
+        yield from compare("OPTIONS of " + name, taken, known)
+    yield from compare("OPTIONS", set(items), every)
+    yield from ("OPTIONS: %s twice" % item for item in sorted(set(items)) if items.count(item) > 1)
 
 
 def members(value):
@@ -103,8 +113,10 @@ def check_json(page, program, root):
                    "Object of check": run(program, "check", *request).stdout,
                    "Array of ciphers": run(program, "ciphers", "--json").stdout}
         lines, status = watch_until('"waiting"', program, "watch", *request)
+    common = named_members(section(page, "Ss", "Objects of fetch and check"))
     for title, text in printed.items():
-        yield from compare(title, named_members(section(page, "Ss", title)), members(json.loads(text)))
+        named = named_members(section(page, "Ss", title)) | (common if "Object" in title else set())
+        yield from compare(title, named, members(json.loads(text)))
     if status != 0:
         yield "watch ended with status %d" % status
     intro, *items = section(page, "Ss", "Events of watch").split(".It Li ")
