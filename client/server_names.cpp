@@ -133,6 +133,19 @@ std::string Server::Label() const
     return name.empty() ? address : address + " (" + name + ")";
 }
 
+std::vector<std::string> SplitList(const std::string& list)
+{
+    std::vector<std::string> texts;
+    std::size_t begin = 0;
+    for (std::size_t end = list.find(';'); end != std::string::npos; end = list.find(';', begin))
+    {
+        texts.push_back(list.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    texts.push_back(list.substr(begin));
+    return texts;
+}
+
 int FamilyOf(const char* text)
 {
     unsigned char bytes[16];

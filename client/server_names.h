@@ -59,6 +59,9 @@ struct ResolvedServers
     std::vector<LeftOut> leftOut;
 };
 
+// The texts between the ";" of a list, at least one.
+std::vector<std::string> SplitList(const std::string& list);
+
 // AF_INET or AF_INET6 for the text of an address, else AF_UNSPEC. Takes no memory.
 int FamilyOf(const char* text);
 

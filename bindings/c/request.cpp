@@ -1,11 +1,12 @@
 #include "request.h"
 
-#include <arpa/inet.h>
 #include <string.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdint>
+
+#include "server_names.h"
 
 namespace corpdir_c
 {
@@ -103,12 +104,6 @@ bool IsServerList(const char* servers)
         }
         begin = end + 1;
     }
-}
-
-bool IsAddress(const char* text)
-{
-    unsigned char bytes[16];
-    return inet_pton(AF_INET, text, bytes) == 1 || inet_pton(AF_INET6, text, bytes) == 1;
 }
 
 bool SamePlace(const tag_CORPDIR_DOWNLOADINFO& info)
@@ -230,7 +225,7 @@ corpdir_code Request::ReadOptions(const corpdir_request& request)
 {
     // Null would keep the earlier request's address.
     m_info.pszLocalIP = request.local_address != nullptr ? request.local_address : "";
-    if (*m_info.pszLocalIP != '\0' && !IsAddress(m_info.pszLocalIP))
+    if (*m_info.pszLocalIP != '\0' && client::FamilyOf(m_info.pszLocalIP) == AF_UNSPEC)
     {
         return CORPDIR_ERR_LOCAL_ADDRESS;
     }

@@ -6,29 +6,11 @@
 namespace corpdir_c
 {
 
-namespace
-{
-
-std::vector<std::string> Split(const std::string& list)
-{
-    std::vector<std::string> texts;
-    std::size_t begin = 0;
-    for (std::size_t end = list.find(';'); end != std::string::npos; end = list.find(';', begin))
-    {
-        texts.push_back(list.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    texts.push_back(list.substr(begin));
-    return texts;
-}
-
-}  // namespace
-
 ServerList FindServers(const std::string& list, const char* localAddress)
 {
     ServerList found;
     std::vector<client::ServerEntry> entries;
-    for (const std::string& text : Split(list))
+    for (const std::string& text : client::SplitList(list))
     {
         const std::string address = client::NormalAddress(text);
         if (!address.empty() || client::IsHostName(text))

@@ -11,20 +11,6 @@ namespace corpdir_tool
 namespace
 {
 
-std::vector<std::string> Split(const std::string& text, char separator)
-{
-    std::vector<std::string> pieces;
-    std::size_t start = 0;
-    for (std::size_t end = text.find(separator); end != std::string::npos;
-         end = text.find(separator, start))
-    {
-        pieces.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    pieces.push_back(text.substr(start));
-    return pieces;
-}
-
 [[noreturn]] void RefuseEntry(const std::string& text)
 {
     // Hints for the most frequent mistakes.
@@ -58,7 +44,7 @@ ServerEntry MakeEntry(const std::string& text)
 std::vector<ServerEntry> SplitServers(const std::string& list)
 {
     std::vector<ServerEntry> entries;
-    const std::vector<std::string> pieces = Split(list, ';');
+    const std::vector<std::string> pieces = client::SplitList(list);
     for (const std::string& piece : pieces)
     {
         const std::string text = Trimmed(piece);
