@@ -23,18 +23,6 @@ bool IsKnown(std::uint64_t total)
     return total != TRAVEX_FTP_SIZE_UNKNOWN && total != 0;
 }
 
-double Share(const ProgressState& state)
-{
-    // Floating point: the product of large integers would overflow.
-    return std::min(1.0, static_cast<double>(state.bytes) / static_cast<double>(state.total));
-}
-
-std::string Percent(const ProgressState& state)
-{
-    const std::string number = std::to_string(static_cast<int>(Share(state) * 100.0));
-    return std::string(3 - number.size(), ' ') + number + "%";
-}
-
 std::string Rate(const ProgressState& state)
 {
     return state.rate < 1 ? "" : "  " + ShortBytes(static_cast<std::uint64_t>(state.rate)) + "/s";
@@ -50,10 +38,11 @@ std::string TimeLeft(const ProgressState& state)
     return "  " + ShortTime(std::chrono::seconds(std::llround(std::min(seconds, 1e6)))) + " left";
 }
 
-std::string Bar(std::size_t columns, double share)
+std::string Bar(std::size_t columns, const ProgressState& state)
 {
     const auto inner = columns - 2;
-    const auto done = static_cast<std::size_t>(share * static_cast<double>(inner));
+    const double share = static_cast<double>(state.bytes) / static_cast<double>(state.total);
+    const auto done = static_cast<std::size_t>(std::min(1.0, share) * static_cast<double>(inner));
     std::string bar(inner, ' ');
     std::fill_n(bar.begin(), done, '=');
     if (done < inner)
@@ -64,6 +53,13 @@ std::string Bar(std::size_t columns, double share)
 }
 
 }  // namespace
+
+std::string PercentOf(std::uint64_t bytes, std::uint64_t total)
+{
+    // Floating point: the product of large integers would overflow.
+    const double percent = static_cast<double>(bytes) * 100.0 / static_cast<double>(total);
+    return std::to_string(bytes >= total ? 100 : static_cast<int>(percent)) + "%";
+}
 
 std::string ShortBytes(std::uint64_t bytes)
 {
@@ -111,7 +107,8 @@ std::string ProgressLine(const ProgressState& state, unsigned int width)
         const std::string amount = ShortBytes(state.bytes);
         return (state.what + "  " + amount + Rate(state)).substr(0, width);
     }
-    const std::string percent = Percent(state);
+    const std::string number = PercentOf(state.bytes, state.total);
+    const std::string percent = std::string(4 - number.size(), ' ') + number;
     const std::string amount = "  " + ShortBytes(state.bytes) + " of " + ShortBytes(state.total);
     // The text after the bar, from the longest form to the shortest.
     const std::string rests[] = {percent + amount + Rate(state) + TimeLeft(state),
@@ -123,7 +120,7 @@ std::string ProgressLine(const ProgressState& state, unsigned int width)
         if (others + kShortestBar <= width)
         {
             const std::size_t columns = std::min(width - others, kLongestBar);
-            return state.what + " " + Bar(columns, Share(state)) + " " + rest;
+            return state.what + " " + Bar(columns, state) + " " + rest;
         }
     }
     return (state.what + " " + percent).substr(0, width);
@@ -135,9 +132,8 @@ std::string ProgressWords(const ProgressState& state)
     {
         return state.what + ": " + ShortBytes(state.bytes) + Rate(state);
     }
-    const std::string percent = std::to_string(static_cast<int>(Share(state) * 100.0)) + "%";
     return state.what + ": " + ShortBytes(state.bytes) + " of " + ShortBytes(state.total) + " (" +
-           percent + ")" + Rate(state) + TimeLeft(state);
+           PercentOf(state.bytes, state.total) + ")" + Rate(state) + TimeLeft(state);
 }
 
 void ProgressDisplay::Show(const std::string& what, std::uint64_t bytes, std::uint64_t total,

@@ -12,6 +12,9 @@
 namespace corpdir_tool
 {
 
+// "25%", at most 100; 100 when the total is 0.
+std::string PercentOf(std::uint64_t bytes, std::uint64_t total);
+
 // "4829 bytes" or "12.3 MB"; units of 1000.
 std::string ShortBytes(std::uint64_t bytes);
 

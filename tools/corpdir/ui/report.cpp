@@ -6,22 +6,6 @@
 namespace corpdir_tool
 {
 
-namespace
-{
-
-unsigned int Percent(std::uint64_t bytes, std::uint64_t total)
-{
-    if (bytes >= total)
-    {
-        return 100;
-    }
-    // Floating point: the product of large integers would overflow.
-    return static_cast<unsigned int>(static_cast<double>(bytes) * 100.0 /
-                                     static_cast<double>(total));
-}
-
-}  // namespace
-
 std::string Amount(std::uint64_t bytes, std::uint64_t total)
 {
     if (total == TRAVEX_FTP_SIZE_UNKNOWN)
@@ -29,7 +13,7 @@ std::string Amount(std::uint64_t bytes, std::uint64_t total)
         return std::to_string(bytes) + " bytes";
     }
     return std::to_string(bytes) + " of " + std::to_string(total) + " bytes (" +
-           std::to_string(Percent(bytes, total)) + "%)";
+           PercentOf(bytes, total) + ")";
 }
 
 void PrintResult(const std::string& version, const std::string& path, std::uint64_t bytes,
