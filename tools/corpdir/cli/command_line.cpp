@@ -61,160 +61,112 @@ started and then cancelled; nothing is written to --output-dir.
 
 The exit status is that of 'corpdir fetch' with the same options.)";
 
-// An empty value comes from an unset variable in a script; it is not a request for the default.
-CLI::Validator NotEmpty()
+const char kServers[] = "Servers";
+const char kFiles[] = "Files";
+const char kProtection[] = "Protection (default: FTPS, certificate verified)";
+const char kLimits[] = "Limits";
+const char kMessages[] = "Messages";
+
+template <typename Value>
+CLI::Option* Add(CLI::App& command, const char* group, const char* name, Value& value,
+                 const char* type, const char* text)
 {
-    return CLI::Validator([](const std::string& value)
-                          { return value.empty() ? std::string("Value is empty") : std::string(); },
-                          "");
+    return command.add_option(name, value, text)->type_name(type)->group(group);
+}
+
+void AddFlag(CLI::App& command, const char* group, const char* name, bool& value, const char* text)
+{
+    command.add_flag(name, value, text)->group(group);
+}
+
+CLI::Validator Within(unsigned int least, unsigned int most)
+{
+    return CLI::Range(least, most).description("");  // not in the help
 }
 
 void AddServerOptions(CLI::App& command, Options& options)
 {
-    const char group[] = "Servers";
-    command
-        .add_option("--servers", options.servers,
-                    "Host names and addresses separated by ';', tried in this order")
-        ->required()
-        ->type_name("LIST")
-        ->group(group);
-    command.add_option("--port", options.port, "Port of all servers (21; 990 is implicit FTPS)")
-        ->check(CLI::Range(1U, 65535U).description(""))
-        ->type_name("N")
-        ->group(group);
-    command.add_option("--local-ip", options.localIp, "Local address to connect from")
-        ->check(NotEmpty())
-        ->type_name("ADDR")
-        ->group(group);
-    command.add_option("--user", options.user, "User name")
-        ->required()
-        ->type_name("NAME")
-        ->group(group);
-    command
-        .add_option("--password-file", options.passwordFile,
-                    "File with the password, '-' for standard input; default: the\n"
-                    "environment variable CORPDIR_PASSWORD, otherwise a prompt")
-        ->check(NotEmpty())
-        ->type_name("FILE")
-        ->group(group);
+    Add(command, kServers, "--servers", options.servers, "LIST",
+        "Host names and addresses separated by ';', tried in this order")
+        ->required();
+    Add(command, kServers, "--port", options.port, "N",
+        "Port of all servers (21; 990 is implicit FTPS)")
+        ->check(Within(1, 65535));
+    Add(command, kServers, "--local-ip", options.localIp, "ADDR", "Local address to connect from")
+        ->check(NotEmpty());
+    Add(command, kServers, "--user", options.user, "NAME", "User name")->required();
+    Add(command, kServers, "--password-file", options.passwordFile, "FILE",
+        "File with the password, '-' for standard input; default: the\n"
+        "environment variable CORPDIR_PASSWORD, otherwise a prompt")
+        ->check(NotEmpty());
 }
 
 void AddFileOptions(CLI::App& command, Options& options)
 {
-    const char group[] = "Files";
-    command.add_option("--version-file", options.versionFile, "Version file on the server")
-        ->required()
-        ->type_name("REMOTE")
-        ->group(group);
-    command.add_option("--directory-file", options.directoryFile, "Directory file on the server")
-        ->required()
-        ->type_name("REMOTE")
-        ->group(group);
-    command
-        .add_option("--output-dir", options.outputDir, "Existing directory to store both files in")
-        ->required()
-        ->type_name("DIR")
-        ->group(group);
-    command
-        .add_option("--version-name", options.versionName,
-                    "Local name of the version file (default: as on the server)")
-        ->check(NotEmpty())
-        ->type_name("LOCAL")
-        ->group(group);
-    command
-        .add_option("--directory-name", options.directoryName,
-                    "Local name of the directory file (default: as on the server)")
-        ->check(NotEmpty())
-        ->type_name("LOCAL")
-        ->group(group);
+    Add(command, kFiles, "--version-file", options.versionFile, "REMOTE",
+        "Version file on the server")
+        ->required();
+    Add(command, kFiles, "--directory-file", options.directoryFile, "REMOTE",
+        "Directory file on the server")
+        ->required();
+    Add(command, kFiles, "--output-dir", options.outputDir, "DIR",
+        "Existing directory to store both files in")
+        ->required();
+    Add(command, kFiles, "--version-name", options.versionName, "LOCAL",
+        "Local name of the version file (default: as on the server)")
+        ->check(NotEmpty());
+    Add(command, kFiles, "--directory-name", options.directoryName, "LOCAL",
+        "Local name of the directory file (default: as on the server)")
+        ->check(NotEmpty());
 }
 
 void AddProtectionOptions(CLI::App& command, Options& options)
 {
-    const char group[] = "Protection (default: FTPS, certificate verified)";
-    command
-        .add_option("--ca", options.ca,
-                    "Certification authorities to trust: PEM file, directory, or 'system'\n"
-                    "(default)")
-        ->type_name("FILE|DIR|system")
-        ->group(group);
-    command
-        .add_option("--verify-name", options.verifyNames,
-                    "Name that every certificate must have; if repeated, one of them is\n"
-                    "enough (default: the name or address in --servers)")
-        ->type_name("DNS")
+    Add(command, kProtection, "--ca", options.ca, "FILE|DIR|system",
+        "Certification authorities to trust: PEM file, directory, or 'system'\n"
+        "(default)");
+    Add(command, kProtection, "--verify-name", options.verifyNames, "DNS",
+        "Name that every certificate must have; if repeated, one of them is\n"
+        "enough (default: the name or address in --servers)")
         ->allow_extra_args(false)
-        ->delimiter(',')
-        ->group(group);
-    command
-        .add_flag("--no-verify", options.noVerify,
-                  "Accept any certificate: insecure, any server gets the password")
-        ->group(group);
-    command
-        .add_flag("--plain", options.plain,
-                  "FTP without TLS: insecure, password and files are not encrypted")
-        ->group(group);
-    command
-        .add_option("--ciphers", options.ciphers,
-                    "Cipher suites to offer, by number or name; 'corpdir ciphers' lists them")
-        ->type_name("SUITE,SUITE")
+        ->delimiter(',');
+    AddFlag(command, kProtection, "--no-verify", options.noVerify,
+            "Accept any certificate: insecure, any server gets the password");
+    AddFlag(command, kProtection, "--plain", options.plain,
+            "FTP without TLS: insecure, password and files are not encrypted");
+    Add(command, kProtection, "--ciphers", options.ciphers, "SUITE,SUITE",
+        "Cipher suites to offer, by number or name; 'corpdir ciphers' lists them")
         ->allow_extra_args(false)
-        ->delimiter(',')
-        ->group(group);
+        ->delimiter(',');
 }
 
 void AddLimitOptions(CLI::App& command, Options& options)
 {
-    const char group[] = "Limits";
-    command
-        .add_option("--connect-timeout", options.connectTimeout,
-                    "Time limit for one TCP connection, control or data (10)")
-        ->check(CLI::Range(1U, 3600U).description(""))
-        ->type_name("SECONDS")
-        ->group(group);
-    command
-        .add_option("--max-size", options.maxSize,
-                    "Largest file to accept, such as 500000, 20kb or 1gb (16gib)")
+    Add(command, kLimits, "--connect-timeout", options.connectTimeout, "SECONDS",
+        "Time limit for one TCP connection, control or data (10)")
+        ->check(Within(1, 3600));
+    Add(command, kLimits, "--max-size", options.maxSize, "SIZE",
+        "Largest file to accept, such as 500000, 20kb or 1gb (16gib)")
         ->transform(CLI::AsSizeValue(true).description(""))
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60).description(""))
-        ->type_name("SIZE")
-        ->group(group);
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60).description(""));
 }
 
 void AddTimeout(CLI::App& command, Options& options)
 {
-    command.add_option("--timeout", options.timeoutSeconds, "Time limit for the whole command")
+    Add(command, kLimits, "--timeout", options.timeoutSeconds, "SECONDS",
+        "Time limit for the whole command")
         ->capture_default_str()
-        ->check(CLI::Range(1U, 604800U).description(""))
-        ->type_name("SECONDS")
-        ->group("Limits");
+        ->check(Within(1, 604800));
 }
-
-const char kMessages[] = "Messages";
 
 void AddLogOptions(CLI::App& command, Options& options)
 {
-    command.add_option("--log-dir", options.logDir, "Write a log to this directory")
-        ->check(NotEmpty())
-        ->type_name("DIR")
-        ->group(kMessages);
-    command
-        .add_option("--log-level", options.logLevel,
-                    "0 errors, 1 also fallbacks, 2 everything (default with --log-dir);\n"
-                    "without --log-dir the log goes to standard error")
-        ->check(CLI::Range(0U, 2U).description(""))
-        ->type_name("0|1|2")
-        ->group(kMessages);
-}
-
-void AddJson(CLI::App& command, Options& options, const std::string& text)
-{
-    command.add_flag("--json", options.json, text)->group(kMessages);
-}
-
-void AddQuiet(CLI::App& command, Options& options, const std::string& text)
-{
-    command.add_flag("--quiet", options.quiet, text)->group(kMessages);
+    Add(command, kMessages, "--log-dir", options.logDir, "DIR", "Write a log to this directory")
+        ->check(NotEmpty());
+    Add(command, kMessages, "--log-level", options.logLevel, "0|1|2",
+        "0 errors, 1 also fallbacks, 2 everything (default with --log-dir);\n"
+        "without --log-dir the log goes to standard error")
+        ->check(Within(0, 2));
 }
 
 void AddRequestOptions(CLI::App& command, Options& options)
@@ -235,9 +187,11 @@ void AddFetch(CLI::App& program, Options& options, const Runner& run, int& statu
     fetch->footer(std::string(kFetchText) + "\n\n" + kStatusText);
     AddRequestOptions(*fetch, options);
     AddTimeout(*fetch, options);
-    AddJson(*fetch, options, "Print the outcome as one JSON object, also on failure");
-    AddQuiet(*fetch, options, "Print errors only, including failed servers");
-    fetch->add_flag("--no-progress", options.noProgress, "Show no progress")->group(kMessages);
+    AddFlag(*fetch, kMessages, "--json", options.json,
+            "Print the outcome as one JSON object, also on failure");
+    AddFlag(*fetch, kMessages, "--quiet", options.quiet,
+            "Print errors only, including failed servers");
+    AddFlag(*fetch, kMessages, "--no-progress", options.noProgress, "Show no progress");
     fetch->callback([&] { status = run(options); });
 }
 
@@ -247,22 +201,17 @@ void AddWatch(CLI::App& program, Options& options, const Runner& run, int& statu
         "watch", "Check every ten minutes, and fetch each new directory file");
     watch->footer(kWatchText);
     AddRequestOptions(*watch, options);
-    watch
-        ->add_option("--retry", options.retrySeconds,
-                     "Time until the next try when all servers failed and the\n"
-                     "directory file is missing")
+    Add(*watch, kLimits, "--retry", options.retrySeconds, "SECONDS",
+        "Time until the next try when all servers failed and the\n"
+        "directory file is missing")
         ->capture_default_str()
-        ->check(CLI::Range(1U, 600U).description(""))
-        ->type_name("SECONDS")
-        ->group("Limits");
-    watch
-        ->add_option("--exec", options.execute,
-                     "Run this shell command for each new directory file")
-        ->check(NotEmpty())
-        ->type_name("COMMAND")
-        ->group("Command");
-    AddJson(*watch, options, "Print each event as a JSON object on its own line");
-    AddQuiet(*watch, options, "Print failures only");
+        ->check(Within(1, 600));
+    Add(*watch, "Command", "--exec", options.execute, "COMMAND",
+        "Run this shell command for each new directory file")
+        ->check(NotEmpty());
+    AddFlag(*watch, kMessages, "--json", options.json,
+            "Print each event as a JSON object on its own line");
+    AddFlag(*watch, kMessages, "--quiet", options.quiet, "Print failures only");
     watch->callback([&] { status = run(options); });
 }
 
@@ -273,8 +222,8 @@ void AddCheck(CLI::App& program, Options& options, const Runner& run, int& statu
     check->footer(kCheckText);
     AddRequestOptions(*check, options);
     AddTimeout(*check, options);
-    AddJson(*check, options, "Print the outcome as one JSON object");
-    AddQuiet(*check, options, "Print only servers that fail");
+    AddFlag(*check, kMessages, "--json", options.json, "Print the outcome as one JSON object");
+    AddFlag(*check, kMessages, "--quiet", options.quiet, "Print only servers that fail");
     check->callback([&] { status = run(options); });
 }
 
@@ -283,7 +232,7 @@ void AddCiphers(CLI::App& program, Options& options, const Runner& run, int& sta
     CLI::App* ciphers = program.add_subcommand("ciphers", "List the available cipher suites");
     ciphers->footer("The default suites are offered when --ciphers is not given.");
     ciphers->fallthrough();
-    AddJson(*ciphers, options, "Print them as a JSON array");
+    AddFlag(*ciphers, kMessages, "--json", options.json, "Print them as a JSON array");
     ciphers->callback([&] { status = run(options); });
 }
 

@@ -235,13 +235,18 @@ std::vector<Setting> ReadSettings(std::istream& input)
     return settings;
 }
 
+CLI::Validator NotEmpty()
+{
+    return CLI::Validator([](const std::string& value)
+                          { return value.empty() ? std::string("Value is empty") : std::string(); },
+                          "");
+}
+
 void AddSettingsFile(CLI::App& program)
 {
     program.config_formatter(std::make_shared<SettingsFormat>(program));
     program.set_config("--config", "", "Read options from this file; see the manual page")
-        ->check(CLI::Validator([](const std::string& value)
-                               { return value.empty() ? std::string("Value is empty") : ""; },
-                               ""))
+        ->check(NotEmpty())
         ->type_name("FILE");
 }
 

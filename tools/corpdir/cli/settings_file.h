@@ -22,6 +22,9 @@ struct Setting
 // Returns them in the order of the lines. Throws ExitError with the line number for anything else.
 std::vector<Setting> ReadSettings(std::istream& input);
 
+// An empty value comes from an unset variable in a script; it is not a request for the default.
+CLI::Validator NotEmpty();
+
 // One file serves all commands. Settings before the first section apply to each command that has
 // the option. A section applies to its command and overrides them; the command line overrides both.
 // An option that no command has is an error: a misspelt protection must not be ignored.
