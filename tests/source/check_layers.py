@@ -31,7 +31,7 @@ ALLOWED = {
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
     "client": {"osak.h", "travex_ftp.h"} | BASE,
-    "tools/corpdir": CLIENT_HEADERS | {"corpdir_log.h", "travex_ftp.h"} | SHARED | TEXT,
+    "tools/corpdir": CLIENT_HEADERS | {"corpdir_log.h", "travex_ftp.h", "base/descriptor.h"} | SHARED | TEXT,
     "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | BASE,
     "examples": {"ftpcorpdir.h", "corpdir_c.h"},
 }

@@ -9,9 +9,7 @@
 
 #include "cli/ciphers.h"
 #include "cli/command_line.h"
-#include "commands/check.h"
-#include "commands/fetch.h"
-#include "commands/watch.h"
+#include "commands/command.h"
 #include "exit_error.h"
 #include "travex_ftp.h"
 #include "ui/cipher_table.h"

@@ -1,5 +1,3 @@
-#include "commands/check.h"
-
 #include <stdlib.h>
 
 #include <algorithm>
@@ -95,9 +93,10 @@ public:
         }
     }
 
-    void LeaveOut(const std::string& problem)
+    // Names without an address, with the reason.
+    std::vector<std::string>& LeftOut()
     {
-        m_leftOut.push_back(problem);
+        return m_leftOut;
     }
 
     // Prints the end; returns the status.
@@ -107,10 +106,7 @@ public:
         {
             PrintChecksAsJson(m_results, m_leftOut, m_plan.port, status, error, stdout);
         }
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-        {
-            throw ExitError(kExitLocalFile, "the result cannot be written to standard output");
-        }
+        FlushResult();
         if (!error.empty())
         {
             m_report.Error(error);
@@ -191,14 +187,10 @@ int Check(const Options& options, const CipherSource& ciphers)
     Report report(settings, process.Messages());
     CheckPrinter printer(options, plan, report);
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
-    const auto leaveOut = [&report, &printer](const std::string& problem)
-    {
-        report.Error(problem + "; skipped");
-        printer.LeaveOut(problem);
-    };
     try
     {
-        const std::vector<Server> servers = FindServers(plan, process.Events(), deadline, leaveOut);
+        const std::vector<Server> servers =
+            FindServers(plan, process.Events(), deadline, report, printer.LeftOut());
         return CheckAll(servers, plan, password, deadline, process, printer);
     }
     catch (const ExitError& error)

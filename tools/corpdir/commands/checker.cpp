@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 
+#include <memory>
+
 #include "commands/layer_settings.h"
 #include "corpdir_log.h"
 #include "exit_error.h"
@@ -17,31 +19,25 @@ namespace
 const std::string kVersionName = "version";
 const std::string kDirectoryName = "directory";
 
-class Handle
+struct CloseHandle
 {
-public:
-    Handle() : m_handle(TRAVEX_FTP_CreateHandle())
+    void operator()(TRAVEX_FTP_HANDLE handle) const
     {
-        if (m_handle == nullptr)
-        {
-            throw ExitError(kExitInternal, "the FTP layer could not create a handle");
-        }
+        (void)TRAVEX_FTP_CloseHandle(handle);  // it is a live handle
     }
-    ~Handle()
-    {
-        (void)TRAVEX_FTP_CloseHandle(m_handle);  // it is a live handle
-    }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-
-    TRAVEX_FTP_HANDLE Get() const
-    {
-        return m_handle;
-    }
-
-private:
-    TRAVEX_FTP_HANDLE m_handle;
 };
+
+using Handle = std::unique_ptr<tagTRAVEX_FTP_HANDLE, CloseHandle>;
+
+Handle MakeHandle()
+{
+    Handle handle(TRAVEX_FTP_CreateHandle());
+    if (handle == nullptr)
+    {
+        throw ExitError(kExitInternal, "the FTP layer could not create a handle");
+    }
+    return handle;
+}
 
 void Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
 {
@@ -123,28 +119,28 @@ CheckResult Checker::Check(const Server& server, EventQueue::Clock::time_point d
     result.server = server;
     SetLimits(m_plan, m_plan.maxSize);
     RegisterServers({server}, m_plan);
-    const Handle handle;
-    if (const unsigned int code = SetParameters(handle.Get(), server); code != 0)
+    const Handle handle = MakeHandle();
+    if (const unsigned int code = SetParameters(handle.get(), server); code != 0)
     {
         Fail(result, CheckStep::kConnect, FailureOf(Refusal(code)));
         return result;
     }
-    CheckVersionFile(Download(handle.Get(), m_plan.versionFile, kVersionName, server, deadline),
+    CheckVersionFile(Download(handle.get(), m_plan.versionFile, kVersionName, server, deadline),
                      result);
     if (result.failedAt == CheckStep::kDone)
     {
         constexpr std::uint64_t kSmallestLimit = 1;  // byte
         SetLimits(m_plan, kSmallestLimit);
         Event event =
-            Download(handle.Get(), m_plan.directoryFile, kDirectoryName, server, deadline);
+            Download(handle.get(), m_plan.directoryFile, kDirectoryName, server, deadline);
         // The layer may have left out SIZE on the reused connection: ask again on a new one.
         if (m_plan.maxSize != 0 && event.code == TRAVEX_FTP_ERR_TOO_LARGE &&
             event.total == TRAVEX_FTP_SIZE_UNKNOWN && event.timings.ulReused == 1)
         {
-            const Handle fresh;
-            const unsigned int code = SetParameters(fresh.Get(), server);
+            const Handle fresh = MakeHandle();
+            const unsigned int code = SetParameters(fresh.get(), server);
             event = code != 0 ? Refusal(code)
-                              : Download(fresh.Get(), m_plan.directoryFile, kDirectoryName, server,
+                              : Download(fresh.get(), m_plan.directoryFile, kDirectoryName, server,
                                          deadline);
         }
         CheckDirectoryFile(event, result);

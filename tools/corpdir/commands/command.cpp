@@ -59,8 +59,8 @@ void CommandProcess::CleanUp() noexcept
 }
 
 std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
-                                EventQueue::Clock::time_point deadline,
-                                const std::function<void(const std::string&)>& leaveOut)
+                                EventQueue::Clock::time_point deadline, Report& report,
+                                std::vector<std::string>& leftOut)
 {
     NameResolver resolver(plan.servers, plan.family, SystemLookup, events);
     const Event event = events.WaitUntil(deadline);
@@ -82,7 +82,8 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
     ResolvedServers resolved = resolver.Take();
     for (const client::LeftOut& entry : resolved.leftOut)
     {
-        leaveOut(entry.text + ": " + entry.problem);
+        leftOut.push_back(entry.text + ": " + entry.problem);
+        report.Error(leftOut.back() + "; skipped");
     }
     if (resolved.servers.empty())
     {
@@ -91,6 +92,14 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
                         "NAME' asks this machine's resolver");
     }
     return std::move(resolved.servers);
+}
+
+void FlushResult()
+{
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+    {
+        throw ExitError(kExitLocalFile, "the result cannot be written to standard output");
+    }
 }
 
 }  // namespace corpdir_tool

@@ -1,4 +1,4 @@
-// Shared by the commands that use servers.
+// The commands that use servers, and what they share.
 #ifndef CORPDIR_TOOL_COMMAND_H
 #define CORPDIR_TOOL_COMMAND_H
 
@@ -12,6 +12,7 @@
 #include "commands/events.h"
 #include "os/signals.h"
 #include "os/terminal.h"
+#include "ui/report.h"
 
 namespace corpdir_tool
 {
@@ -62,11 +63,20 @@ private:
     CommandProcess& m_process;
 };
 
-// Looks up the servers' names. leaveOut: called with each name that has no address, and why. Throws
-// ExitError when no server is left, on a signal and on a timeout.
+// Looks up the servers' names. Each name without an address is reported, and added to leftOut with
+// the reason. Throws ExitError when no server is left, on a signal and on a timeout.
 std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
-                                EventQueue::Clock::time_point deadline,
-                                const std::function<void(const std::string&)>& leaveOut);
+                                EventQueue::Clock::time_point deadline, Report& report,
+                                std::vector<std::string>& leftOut);
+
+// Throws ExitError when standard output cannot be written.
+void FlushResult();
+
+// The commands; they return the exit status. Call them on the main thread before any other exists.
+// They throw ExitError.
+int RunFetch(const Options& options, const CipherSource& ciphers);
+int RunWatch(const Options& options, const CipherSource& ciphers);
+int RunCheck(const Options& options, const CipherSource& ciphers);
 
 }  // namespace corpdir_tool
 

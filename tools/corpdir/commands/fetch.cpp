@@ -1,5 +1,3 @@
-#include "commands/fetch.h"
-
 #include <chrono>
 
 #include "commands/command.h"
@@ -53,10 +51,10 @@ public:
         m_path = path;
     }
 
-    // A name without an address, with the reason.
-    void LeaveOut(const std::string& problem)
+    // Names without an address, with the reason.
+    std::vector<std::string>& LeftOut()
     {
-        m_leftOut.push_back(problem);
+        return m_leftOut;
     }
 
     // Throws ExitError when it cannot be written.
@@ -82,10 +80,7 @@ void ResultPrinter::Print(const Outcome& outcome) const
     {
         PrintResult(outcome.version, m_path, outcome.bytes, stdout);
     }
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-    {
-        throw ExitError(kExitLocalFile, "the result cannot be written to standard output");
-    }
+    FlushResult();
 }
 
 void ResultPrinter::PrintObject(const Outcome& outcome) const
@@ -116,13 +111,9 @@ Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, R
                  ResultPrinter& printer)
 {
     const auto deadline = EventQueue::Clock::now() + plan.timeout;
-    const auto leaveOut = [&report, &printer](const std::string& problem)
-    {
-        report.Error(problem + "; skipped");
-        printer.LeaveOut(problem);
-    };
-    Session session(*GetCorpDirInstance(), plan, FindServers(plan, events, deadline, leaveOut),
-                    password, events, report);
+    Session session(*GetCorpDirInstance(), plan,
+                    FindServers(plan, events, deadline, report, printer.LeftOut()), password,
+                    events, report);
     return session.Run(deadline);
 }
 

@@ -1,5 +1,3 @@
-#include "commands/watch.h"
-
 #include <unistd.h>
 
 #include <optional>

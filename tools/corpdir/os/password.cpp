@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 
+#include "base/descriptor.h"
 #include "exit_error.h"
 #include "text.h"
 
@@ -28,29 +29,22 @@ const char kTerminal[] = "/dev/tty";
 int g_terminal = -1;
 termios g_savedMode;
 
-// Owns a descriptor, standard input excepted.
-class Descriptor
+[[noreturn]] void Refuse(const std::string& source, const std::string& problem)
 {
-public:
-    explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
-    ~Descriptor()
-    {
-        if (m_descriptor > STDIN_FILENO)
-        {
-            (void)close(m_descriptor);  // it was only read
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
+    throw ExitError(kExitArguments, "the password from " + source + " " + problem);
+}
 
-    int Get() const
-    {
-        return m_descriptor;
-    }
+[[noreturn]] void RefuseLength(const std::string& source, const std::string& bytes)
+{
+    Refuse(source, "is " + bytes + " bytes long; at most " + std::to_string(kMaxPasswordLength) +
+                       " are allowed");
+}
 
-private:
-    int m_descriptor;
-};
+[[noreturn]] void RefuseUnreadable(const std::string& source)
+{
+    throw ExitError(kExitArguments,
+                    "cannot read the password from " + source + ": " + SystemMessage(errno));
+}
 
 // Reads one byte at a time, so that no other buffer holds a part of the password.
 // Stops at the end of the file, and with onlyOneLine after a newline.
@@ -66,8 +60,7 @@ void ReadDescriptor(int descriptor, bool onlyOneLine, const std::string& source,
         }
         if (got < 0)
         {
-            throw ExitError(kExitArguments, "cannot read the password from " + source + ": " +
-                                                SystemMessage(errno));
+            RefuseUnreadable(source);
         }
         if (got == 0)
         {
@@ -75,10 +68,7 @@ void ReadDescriptor(int descriptor, bool onlyOneLine, const std::string& source,
         }
         if (!password.Append(byte))
         {
-            throw ExitError(kExitArguments,
-                            "the password from " + source + " is over " +
-                                std::to_string(Secret::kCapacity) + " bytes long; at most " +
-                                std::to_string(kMaxPasswordLength) + " are allowed");
+            RefuseLength(source, "over " + std::to_string(Secret::kCapacity));
         }
         if (onlyOneLine && byte == '\n')
         {
@@ -107,18 +97,15 @@ void CheckPassword(const Secret& password, const std::string& source)
     {
         const char* const advice =
             source == kPasswordVariable ? "; unset it, or give --password-file" : "";
-        throw ExitError(kExitArguments, "the password from " + source + " is empty" + advice);
+        Refuse(source, std::string("is empty") + advice);
     }
     if (text.size() > kMaxPasswordLength)
     {
-        throw ExitError(kExitArguments, "the password from " + source + " is " +
-                                            std::to_string(text.size()) + " bytes long; at most " +
-                                            std::to_string(kMaxPasswordLength) + " are allowed");
+        RefuseLength(source, std::to_string(text.size()));
     }
     if (std::any_of(text.begin(), text.end(), IsControlByte))
     {
-        throw ExitError(kExitArguments, "the password from " + source +
-                                            " contains a control byte, such as a newline");
+        Refuse(source, "contains a control byte, such as a newline");
     }
 }
 
@@ -129,13 +116,12 @@ void ReadFile(const std::string& path, const std::string& source, Secret& passwo
         ReadDescriptor(STDIN_FILENO, false, source, password);
         return;
     }
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-    if (file.Get() < 0)
+    const base::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (file.Number() < 0)
     {
-        throw ExitError(kExitArguments,
-                        "cannot read the password from " + source + ": " + SystemMessage(errno));
+        RefuseUnreadable(source);
     }
-    ReadDescriptor(file.Get(), false, source, password);
+    ReadDescriptor(file.Number(), false, source, password);
 }
 
 // Overwrites the value, which would stay readable in /proc.
@@ -157,9 +143,7 @@ void TakeVariable(char* value, const std::string& source, Secret& password)
     ForgetVariable(value);
     if (!fits)
     {
-        throw ExitError(kExitArguments, "the password from " + source + " is " +
-                                            std::to_string(length) + " bytes long; at most " +
-                                            std::to_string(kMaxPasswordLength) + " are allowed");
+        RefuseLength(source, std::to_string(length));
     }
 }
 
@@ -222,17 +206,17 @@ private:
 
 void Prompt(const std::string& source, Secret& password)
 {
-    const Descriptor terminal(open(kTerminal, O_RDWR | O_CLOEXEC | O_NOCTTY));
-    if (terminal.Get() < 0)
+    const base::Descriptor terminal(open(kTerminal, O_RDWR | O_CLOEXEC | O_NOCTTY));
+    if (terminal.Number() < 0)
     {
         throw ExitError(kExitArguments, std::string("no password: give --password-file, set ") +
                                             kPasswordVariable +
                                             ", or start the program on a terminal");
     }
-    const SilentTerminal silent(terminal.Get());
-    (void)!write(terminal.Get(), "Password: ", 10);  // the prompt is not essential
-    ReadDescriptor(terminal.Get(), true, source, password);
-    (void)!write(terminal.Get(), "\n", 1);
+    const SilentTerminal silent(terminal.Number());
+    (void)!write(terminal.Number(), "Password: ", 10);  // the prompt is not essential
+    ReadDescriptor(terminal.Number(), true, source, password);
+    (void)!write(terminal.Number(), "\n", 1);
 }
 
 }  // namespace
