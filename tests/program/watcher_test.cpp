@@ -566,6 +566,7 @@ TEST_F(ToolWatcher, AnOutageAfterAVersionIsLeftToTheService)
         });
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
     EXPECT_THAT(Lines(), testing::Contains("next check within 600 s"));
+    EXPECT_THAT(Lines(), testing::Contains(HasSubstr("next server")).Times(2));
 }
 
 TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
