@@ -124,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(Failures, ToolHint, testing::ValuesIn(kCases),
 std::string VersionHintWith(std::vector<int> ciphers)
 {
     Plan plan;
-    plan.ciphers = std::move(ciphers);
+    plan.suites = std::move(ciphers);
     return HintFor(
         {TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_TLS_VERSION, "", kReason},
         plan);

@@ -200,7 +200,7 @@ protected:
         };
         const Terminal terminal(m_messages.Get(), m_progress ? 60 : 0, false);
         Report report({false, m_progress}, terminal);
-        client::ServerLookup servers(plan.servers, plan.family, lookup);
+        client::ServerLookup servers(plan.entries, plan.family, lookup);
         Session session(m_service, plan, servers.Wait().servers, m_password, m_events, report);
         return session.Run(m_deadline);
     }
@@ -421,7 +421,7 @@ TEST_F(ToolSession, ADirectoryFileThatFailsEverywhereLeavesNoServer)
     EXPECT_THAT(Messages(), HasSubstr("192.0.2.2: pub/directory.csv: directory refused\n"));
 }
 
-TEST_F(ToolSession, TheServersLeftAreRotatedAnew)
+TEST_F(ToolSession, TheRemainingServersAreRotatedAgain)
 {
     m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
     m_service.scripts["192.0.2.2"].versionFails = TRAVEX_FTP_ERR_CONNECT;

@@ -76,31 +76,27 @@ std::string LocalName(const std::string& option, const std::string& given,
     return given;
 }
 
-void PlanFiles(const Options& options, Plan& plan)
+void PlanFiles(Plan& plan)
 {
-    CheckText("--version-file", options.versionFile, kMaxField);
-    CheckText("--directory-file", options.directoryFile, kMaxField);
-    if (options.versionFile == options.directoryFile)
+    CheckText("--version-file", plan.versionFile, kMaxField);
+    CheckText("--directory-file", plan.directoryFile, kMaxField);
+    if (plan.versionFile == plan.directoryFile)
     {
-        Refuse("--version-file and --directory-file are the same file '" + options.versionFile +
-               "'");
+        Refuse("--version-file and --directory-file are the same file '" + plan.versionFile + "'");
     }
-    plan.versionFile = options.versionFile;
-    plan.directoryFile = options.directoryFile;
     plan.versionName =
-        LocalName("--version-name", options.versionName, "--version-file", options.versionFile);
-    plan.directoryName = LocalName("--directory-name", options.directoryName, "--directory-file",
-                                   options.directoryFile);
+        LocalName("--version-name", plan.versionName, "--version-file", plan.versionFile);
+    plan.directoryName =
+        LocalName("--directory-name", plan.directoryName, "--directory-file", plan.directoryFile);
     if (plan.versionName == plan.directoryName)
     {
         Refuse("both files would be stored as '" + plan.versionName +
                "'; give --version-name or --directory-name");
     }
-    if (options.outputDir.empty())
+    if (plan.outputDir.empty())
     {
         Refuse("--output-dir is empty");
     }
-    plan.outputDir = options.outputDir;
     if (plan.outputDir.back() != '/')
     {
         plan.outputDir += '/';
@@ -108,28 +104,26 @@ void PlanFiles(const Options& options, Plan& plan)
     CheckLength("--output-dir with its trailing '/'", plan.outputDir.size(), kMaxDirectory);
 }
 
-void PlanServers(const Options& options, Plan& plan)
+void PlanServers(Plan& plan)
 {
-    plan.servers = SplitServers(options.servers);
-    plan.port = options.port;
+    plan.entries = SplitServers(plan.servers);
     plan.family = AF_UNSPEC;
-    if (options.localIp.empty())
+    if (plan.localIp.empty())
     {
         return;
     }
-    plan.localIp = options.localIp;
-    plan.family = client::FamilyOf(options.localIp.c_str());
+    plan.family = client::FamilyOf(plan.localIp.c_str());
     if (plan.family == AF_UNSPEC)
     {
-        Refuse("--local-ip '" + Printable(options.localIp) + "' is not an IPv4 or IPv6 address");
+        Refuse("--local-ip '" + Printable(plan.localIp) + "' is not an IPv4 or IPv6 address");
     }
     // Names are looked up in this family only; a listed address must be of the same family.
-    for (const ServerEntry& entry : plan.servers)
+    for (const ServerEntry& entry : plan.entries)
     {
         if (entry.isAddress && client::FamilyOf(entry.text.c_str()) != plan.family)
         {
-            Refuse("server " + entry.text + " cannot be reached from --local-ip " +
-                   options.localIp + ": one is IPv4, the other IPv6");
+            Refuse("server " + entry.text + " cannot be reached from --local-ip " + plan.localIp +
+                   ": one is IPv4, the other IPv6");
         }
     }
 }
@@ -176,30 +170,26 @@ void CheckNames(const std::vector<std::string>& names)
     }
 }
 
-void PlanProtection(const Options& options, const CipherSource& ciphers, Plan& plan)
+void PlanProtection(const CipherSource& ciphers, Plan& plan)
 {
-    CheckProtection(options);
-    plan.plain = options.plain;
-    plan.verify = !options.plain && !options.noVerify;
+    CheckProtection(plan);
+    plan.verify = !plan.plain && !plan.noVerify;
     plan.trust = "system";  // the service requires one even when nothing is verified
     if (plan.verify)
     {
-        CheckAuthorities(options.ca);
-        CheckNames(options.verifyNames);
-        plan.trust = kTrustPrefix + options.ca;
-        plan.verifyNames = options.verifyNames;
+        CheckAuthorities(plan.ca);
+        CheckNames(plan.verifyNames);
+        plan.trust = kTrustPrefix + plan.ca;
     }
-    for (const std::string& cipher : options.ciphers)
+    for (const std::string& cipher : plan.ciphers)
     {
-        plan.ciphers.push_back(FindCipher(cipher, ciphers));
+        plan.suites.push_back(FindCipher(cipher, ciphers));
     }
 }
 
-void PlanLog(const Options& options, Plan& plan)
+void PlanLog(Plan& plan)
 {
-    CheckLength("--log-dir", options.logDir.size(), kMaxField);
-    plan.logDir = options.logDir;
-    plan.logLevel = options.logLevel;
+    CheckLength("--log-dir", plan.logDir.size(), kMaxField);
     if (!plan.logDir.empty() && !plan.logLevel)
     {
         plan.logLevel = kEverything;
@@ -211,17 +201,13 @@ void PlanLog(const Options& options, Plan& plan)
 Plan MakePlan(const Options& options, const CipherSource& ciphers)
 {
     Plan plan;
+    static_cast<Options&>(plan) = options;
     // In the order of the help text.
-    PlanServers(options, plan);
-    CheckText("--user", options.user, kMaxUser);
-    plan.user = options.user;
-    PlanFiles(options, plan);
-    PlanProtection(options, ciphers, plan);
-    PlanLog(options, plan);
-    plan.maxSize = options.maxSize;
-    plan.connectTimeout = std::chrono::seconds(options.connectTimeout);
-    plan.timeout = std::chrono::seconds(options.timeoutSeconds);
-    plan.retry = std::chrono::seconds(options.retrySeconds);
+    PlanServers(plan);
+    CheckText("--user", plan.user, kMaxUser);
+    PlanFiles(plan);
+    PlanProtection(ciphers, plan);
+    PlanLog(plan);
     // Last, so that a mistake in an argument is reported first.
     CheckWritableDirectory("--output-dir", plan.outputDir);
     CheckReplaceable(plan.VersionPath());

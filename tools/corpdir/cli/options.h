@@ -2,7 +2,6 @@
 #ifndef CORPDIR_TOOL_OPTIONS_H
 #define CORPDIR_TOOL_OPTIONS_H
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -20,7 +19,7 @@ struct Options
 {
     std::string servers;
     unsigned int port = 0;  // 0: not given
-    std::string localIp;
+    std::string localIp;    // empty: chosen by the system
 
     std::string user;
     std::string passwordFile;
@@ -37,45 +36,27 @@ struct Options
     std::vector<std::string> verifyNames;
     std::vector<std::string> ciphers;
 
-    std::uint64_t maxSize = 0;          // bytes; 0: not given
-    unsigned int connectTimeout = 0;    // seconds; 0: not given
-    unsigned int timeoutSeconds = 120;  // fetch and check
-    unsigned int retrySeconds = 60;     // watch
-    std::string execute;                // watch: shell command; empty: none
-    std::string logDir;
-    std::optional<unsigned int> logLevel;
+    std::uint64_t maxSize = 0;             // bytes; 0: the FTP layer's limit
+    unsigned int connectTimeout = 0;       // seconds; 0: the FTP layer's limit
+    unsigned int timeoutSeconds = 120;     // fetch and check
+    unsigned int retrySeconds = 60;        // watch
+    std::string execute;                   // watch: shell command; empty: none
+    std::string logDir;                    // empty: standard error
+    std::optional<unsigned int> logLevel;  // not set: no log
     bool quiet = false;
     bool noProgress = false;
     bool json = false;
 };
 
-// Everything that a download needs except the password; each value is within its limit.
-struct Plan
+// The options of a download after the checks: each value is within its limit, both local names are
+// set, outputDir ends in "/", and the log has a level if it has a directory.
+struct Plan : Options
 {
-    std::vector<ServerEntry> servers;
-    unsigned int port = 0;
-    std::string localIp;  // empty: chosen by the system
-    int family = 0;       // the family of localIp, else AF_UNSPEC
-
-    std::string user;
-    std::string versionFile;    // on the server
-    std::string directoryFile;  // on the server
-    std::string outputDir;      // ends in "/"
-    std::string versionName;    // in outputDir
-    std::string directoryName;  // in outputDir
-
-    bool plain = false;
+    std::vector<ServerEntry> entries;  // of --servers
+    int family = 0;                    // the family of localIp, else AF_UNSPEC
     bool verify = true;
-    std::string trust;                     // text for the FTP layer, never empty
-    std::vector<std::string> verifyNames;  // empty: each server as listed
-    std::vector<int> ciphers;              // empty: DefaultCiphers()
-
-    std::uint64_t maxSize = 0;               // bytes; 0: the FTP layer's limit
-    std::chrono::seconds connectTimeout{0};  // 0: the FTP layer's limit
-    std::chrono::seconds timeout{0};
-    std::chrono::seconds retry{0};
-    std::string logDir;                    // empty: standard error
-    std::optional<unsigned int> logLevel;  // not set: no log
+    std::string trust;        // text for the FTP layer, never empty
+    std::vector<int> suites;  // of --ciphers; empty: DefaultCiphers()
 
     std::string VersionPath() const
     {

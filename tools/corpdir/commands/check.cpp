@@ -78,15 +78,12 @@ int StatusOf(const std::vector<CheckResult>& results)
 class CheckPrinter
 {
 public:
-    CheckPrinter(const Options& options, const Plan& plan, Report& report)
-        : m_json(options.json), m_quiet(options.quiet), m_plan(plan), m_report(report)
-    {
-    }
+    CheckPrinter(const Plan& plan, Report& report) : m_plan(plan), m_report(report) {}
 
     void Add(const CheckResult& result)
     {
         m_results.push_back(result);
-        if (!m_json && !(m_quiet && result.failedAt == CheckStep::kDone))
+        if (!m_plan.json && !(m_plan.quiet && result.failedAt == CheckStep::kDone))
         {
             PrintCheck(result, m_plan, std::time(nullptr), Terminal(stdout));
             (void)std::fflush(stdout);
@@ -102,7 +99,7 @@ public:
     // Prints the end; returns the status.
     int End(int status, const std::string& error) const
     {
-        if (m_json)
+        if (m_plan.json)
         {
             PrintChecksAsJson(m_results, m_leftOut, m_plan.port, status, error, stdout);
         }
@@ -134,8 +131,6 @@ private:
         }
     }
 
-    const bool m_json;
-    const bool m_quiet;
     const Plan& m_plan;
     Report& m_report;
     std::vector<CheckResult> m_results;
@@ -185,8 +180,8 @@ int Check(const Options& options, const CipherSource& ciphers)
     ReportSettings settings;
     settings.quiet = options.quiet;
     Report report(settings, process.Messages());
-    CheckPrinter printer(options, plan, report);
-    const auto deadline = EventQueue::Clock::now() + plan.timeout;
+    CheckPrinter printer(plan, report);
+    const auto deadline = EventQueue::Clock::now() + std::chrono::seconds(plan.timeoutSeconds);
     try
     {
         const std::vector<Server> servers =

@@ -198,7 +198,7 @@ unsigned int Checker::SetParameters(TRAVEX_FTP_HANDLE handle, const Server& serv
     CopyText(parameters.acPassword, m_password.View());
     CopyText(parameters.acWorkDir, m_scratch);
     parameters.pcFtpCtrlInfo = m_plan.trust.c_str();
-    const std::vector<int>& ciphers = m_plan.ciphers.empty() ? DefaultCiphers() : m_plan.ciphers;
+    const std::vector<int>& ciphers = m_plan.suites.empty() ? DefaultCiphers() : m_plan.suites;
     parameters.piCipherList = ciphers.data();
     parameters.ulCipherNum = static_cast<unsigned int>(ciphers.size());
     if (!m_plan.localIp.empty())
@@ -261,7 +261,7 @@ Event Checker::Outcome(const Server& server, EventQueue::Clock::time_point deadl
                     "stopped by " + SignalName(event.number) + " while checking " + server.Label()};
             case EventKind::kDeadline:
                 throw CheckStopped{kExitNoOutcome, "timed out after " +
-                                                       std::to_string(m_plan.timeout.count()) +
+                                                       std::to_string(m_plan.timeoutSeconds) +
                                                        " s while checking " + server.Label()};
             case EventKind::kOutOfMemory:
                 throw ExitError(kExitInternal, "out of memory");

@@ -62,7 +62,7 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
                                 EventQueue::Clock::time_point deadline, Report& report,
                                 std::vector<std::string>& leftOut)
 {
-    NameResolver resolver(plan.servers, plan.family, SystemLookup, events);
+    NameResolver resolver(plan.entries, plan.family, SystemLookup, events);
     const Event event = events.WaitUntil(deadline);
     switch (event.kind)
     {
@@ -73,7 +73,7 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
                             "stopped while looking up the names of the servers");
         case EventKind::kDeadline:
             throw ExitError(kExitNoOutcome, "timed out after " +
-                                                std::to_string(plan.timeout.count()) +
+                                                std::to_string(plan.timeoutSeconds) +
                                                 " s while looking up the names of the "
                                                 "servers");
         default:

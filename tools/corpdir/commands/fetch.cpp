@@ -14,12 +14,12 @@ namespace corpdir_tool
 namespace
 {
 
-ReportSettings SettingsOf(const Options& options, const Plan& plan)
+ReportSettings SettingsOf(const Plan& plan)
 {
     const bool logBeside = plan.logLevel && plan.logDir.empty();
     ReportSettings settings;
-    settings.quiet = options.quiet;
-    settings.progress = !options.noProgress && !logBeside;
+    settings.quiet = plan.quiet;
+    settings.progress = !plan.noProgress && !logBeside;
     return settings;
 }
 
@@ -110,7 +110,7 @@ Outcome Failed(int status, const std::string& message)
 Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, Report& report,
                  ResultPrinter& printer)
 {
-    const auto deadline = EventQueue::Clock::now() + plan.timeout;
+    const auto deadline = EventQueue::Clock::now() + std::chrono::seconds(plan.timeoutSeconds);
     Session session(*GetCorpDirInstance(), plan,
                     FindServers(plan, events, deadline, report, printer.LeftOut()), password,
                     events, report);
@@ -125,7 +125,7 @@ Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter
     ReadPassword(options.passwordFile, password);
 
     CommandProcess process(plan, [](int number) { return kExitSignal + number; });
-    Report report(SettingsOf(options, plan), process.Messages());
+    Report report(SettingsOf(plan), process.Messages());
     return Download(plan, password, process.Events(), report, printer);
 }
 

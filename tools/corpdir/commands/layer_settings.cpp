@@ -1,6 +1,5 @@
 #include "commands/layer_settings.h"
 
-#include <chrono>
 #include <string>
 
 #include "text.h"
@@ -29,8 +28,7 @@ void SetLimits(const Plan& plan, std::uint64_t fileBytes)
 {
     tagTRAVEX_FTP_S_LIMITS limits = {};
     limits.ullFileBytes = fileBytes;
-    limits.ulConnectMs =
-        static_cast<unsigned int>(std::chrono::milliseconds(plan.connectTimeout).count());
+    limits.ulConnectMs = plan.connectTimeout * 1000;
     if (const unsigned int code = TRAVEX_FTP_SetLimits(&limits); code != 0)
     {
         throw ExitError(kExitInternal,

@@ -83,12 +83,12 @@ void ServiceLink::Start()
         throw ExitError(kExitInternal,
                         "the service could not be started (code " + std::to_string(code) + ")");
     }
-    if (m_plan.ciphers.empty())
+    if (m_plan.suites.empty())
     {
         return;
     }
     const unsigned int code = m_service.CorpDirSetFtpCipherListToDirImpl(
-        m_plan.ciphers.data(), static_cast<unsigned int>(m_plan.ciphers.size()));
+        m_plan.suites.data(), static_cast<unsigned int>(m_plan.suites.size()));
     if (code != 0)
     {
         throw ExitError(kExitInternal,

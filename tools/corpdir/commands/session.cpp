@@ -100,7 +100,7 @@ Session::Settled Session::Handle(const Event& event)
                         "stopped by " + SignalName(event.number) + " while " + Activity());
         case EventKind::kDeadline:
             return Fail(kExitNoOutcome,
-                        "timed out after " + std::to_string(m_plan.timeout.count()) + " s while " +
+                        "timed out after " + std::to_string(m_plan.timeoutSeconds) + " s while " +
                             Activity(),
                         "raise --timeout to allow more time");
         case EventKind::kOutOfMemory:

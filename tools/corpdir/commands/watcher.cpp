@@ -62,7 +62,7 @@ void Watcher::LookUp()
     if (m_resolver == nullptr)
     {
         m_resolver =
-            std::make_unique<NameResolver>(m_plan.servers, m_plan.family, m_lookup, m_events);
+            std::make_unique<NameResolver>(m_plan.entries, m_plan.family, m_lookup, m_events);
     }
 }
 
@@ -360,8 +360,9 @@ void Watcher::Refill()
 void Watcher::AskAgainLater()
 {
     m_requestDue = true;
-    m_askAgainAt = Clock::now() + m_plan.retry;
-    m_output.Waiting(m_plan.retry, true);
+    const std::chrono::seconds retry(m_plan.retrySeconds);
+    m_askAgainAt = Clock::now() + retry;
+    m_output.Waiting(retry, true);
 }
 
 // One run at a time; when several versions arrive during a run, only for the last one.

@@ -56,13 +56,13 @@ bool IsTls13(int cipher)
 // The TLS versions offered follow from the suites; the default suites are older than TLS 1.3.
 std::string VersionHint(const Plan& plan)
 {
-    const auto count = std::count_if(plan.ciphers.begin(), plan.ciphers.end(), IsTls13);
+    const auto count = std::count_if(plan.suites.begin(), plan.suites.end(), IsTls13);
     const std::string prefix = "the server requires another TLS version: ";
     if (count == 0)
     {
         return prefix + "add TLS_AES_256_GCM_SHA384 to --ciphers to offer TLS 1.3";
     }
-    if (static_cast<std::size_t>(count) == plan.ciphers.size())
+    if (static_cast<std::size_t>(count) == plan.suites.size())
     {
         return prefix + "add TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 to --ciphers to offer TLS 1.2";
     }
