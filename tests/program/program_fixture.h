@@ -119,6 +119,15 @@ protected:
         return support::RunCommand(Fetch(more));
     }
 
+    // A run that fetches both files.
+    support::CommandResult Fetched(const std::vector<std::string>& more = {}) const
+    {
+        const support::CommandResult result = Run(more);
+        EXPECT_EQ(result.status, kFetched) << result.output;
+        ExpectBothFiles();
+        return result;
+    }
+
     void ExpectBothFiles() const
     {
         EXPECT_EQ(support::ReadFile(m_output.File("version.txt")), kVersion);

@@ -38,28 +38,22 @@ using ::testing::Not;
 TEST_F(Program, FetchesOverFtps)
 {
     Serve();
-    const CommandResult result = Run();
-    EXPECT_EQ(result.status, kFetched) << result.output;
+    const CommandResult result = Fetched();
     EXPECT_THAT(result.output, Not(HasSubstr(m_options.password)));
-    ExpectBothFiles();
 }
 
 TEST_F(Program, FetchesOverPlainFtp)
 {
     m_options.tls = Tls::kNone;
     Serve();
-    const CommandResult result = Run();
-    EXPECT_EQ(result.status, kFetched) << result.output;
-    ExpectBothFiles();
+    Fetched();
 }
 
 TEST_F(Program, FetchesOverIpv6)
 {
     m_options.host = "::1";
     Serve();
-    const CommandResult result = Run();
-    EXPECT_EQ(result.status, kFetched) << result.output;
-    ExpectBothFiles();
+    Fetched();
 }
 
 struct Suite
@@ -81,9 +75,7 @@ TEST_P(ProgramSuite, FetchesWithSessionReuseDemanded)
 {
     m_options.require_session_reuse = true;
     ServeWithVsftpd();
-    const CommandResult result = Run({std::string("--ciphers=") + GetParam().id});
-    EXPECT_EQ(result.status, kFetched) << result.output;
-    ExpectBothFiles();
+    Fetched({std::string("--ciphers=") + GetParam().id});
     EXPECT_THAT(m_server->Log(),
                 HasSubstr("SSL cipher: " + std::string(GetParam().name) + ", reused"));
 }
@@ -98,9 +90,7 @@ TEST_F(Program, FetchesFromVsftpdOverPlainFtp)
 {
     m_options.tls = Tls::kNone;
     ServeWithVsftpd();
-    const CommandResult result = Run();
-    EXPECT_EQ(result.status, kFetched) << result.output;
-    ExpectBothFiles();
+    Fetched();
 }
 
 TEST_F(Program, NamesTheDeadServerAndMovesOn)
