@@ -102,7 +102,7 @@ std::string NoAnswer(std::chrono::milliseconds limit)
     return text;
 }
 
-// Keeps the first of equal addresses: asking one server twice tells nothing new.
+// Keeps the first of equal addresses: a second request to one server gives nothing new.
 class ServerList
 {
 public:

@@ -34,7 +34,7 @@ struct Server
     std::string Label() const;
 };
 
-// The addresses of a name, in the order of preference, or in words why there is none.
+// The addresses of a name, in the order of preference, or the reason in words why it has none.
 struct LookupResult
 {
     std::vector<std::string> addresses;
@@ -65,7 +65,7 @@ std::vector<std::string> SplitList(const std::string& list);
 // AF_INET or AF_INET6 for the text of an address, else AF_UNSPEC. Takes no memory.
 int FamilyOf(const char* text);
 
-// The address in its usual form, also of one in brackets; empty when the text is none.
+// The address in its usual form, also of one in brackets; empty for any other text.
 std::string NormalAddress(const std::string& text);
 
 // True for an address in its usual form that means any address: connecting to it would reach this
@@ -107,9 +107,9 @@ private:
     const std::shared_ptr<Shared> m_shared;
 };
 
-// Tells the FTP layer for whom the certificate of each server may be: `names`, or when there are
-// none the entries that gave its address. Replaces what was registered before. Call it between the
-// start of the service and the request. 0, or the layer's code.
+// Registers with the FTP layer the names that the certificate of each server may have: `names`, or
+// when it is empty the entries that gave the address. Replaces what was registered before. Call it
+// between the start of the service and the request. 0, or the layer's code.
 [[nodiscard]] unsigned int RegisterNames(const std::vector<Server>& servers,
                                          const std::vector<std::string>& names);
 

@@ -29,7 +29,7 @@ struct Mutex
     const OSAK_MUTEX* storage;  // its name in the registry
     std::uint64_t owner = 0;    // number of the holding thread; 0: it is free
     unsigned int depth = 0;     // locks of the holder
-    unsigned int ending = 0;    // threads that wait to destroy it: lockers stand back
+    unsigned int ending = 0;    // threads that wait to destroy it; no other thread gets it
     bool destroyed = false;     // threads that wait for it may still have it
 };
 

@@ -274,7 +274,7 @@ TEST(OsakMutex, LockersWaitOutADestroyThatGivesUp)
     EXPECT_EQ(OSAK_OK, locked.get());
 }
 
-// Those who came first to lock stand back behind the one who destroys.
+// A thread that waits to destroy the mutex goes before those that wait to lock it.
 TEST(OsakMutex, WaitingThreadsGetACodeWhenItIsDestroyed)
 {
     for (int i = 0; i < 50; ++i)

@@ -372,8 +372,8 @@ TEST(OsakTimer, AStartWithinTheCallbackReplacesTheRepetition)
     EXPECT_EQ(OSAK_OK, seen.code);
 }
 
-// A callback that outlasts its period stands for a machine that slept: the expiries it missed do
-// not come one after the other.
+// A callback that outlasts its period has the effect of a machine that slept: the expiries it
+// missed do not come one after the other.
 TEST(OsakTimer, MissedPeriodsAreNotMadeUpFor)
 {
     Seen seen;

@@ -1,4 +1,4 @@
-// What the scripted services of the unit tests have in common.
+// The part that the scripted services of the unit tests share.
 #ifndef CORPDIR_TESTS_FAKE_SERVICE_H
 #define CORPDIR_TESTS_FAKE_SERVICE_H
 
@@ -92,7 +92,7 @@ protected:
     // 0, or the code with which the request is refused.
     virtual unsigned int Refuse() = 0;
 
-    // What happens after a request.
+    // The events after a request.
     virtual void Play() = 0;
 
     CORPDIR_DOWNLOAD_CB m_callback = nullptr;

@@ -46,7 +46,7 @@ namespace corpdir_tool
 namespace
 {
 
-TEST(ToolMemory, AnObservationThatDoesNotFitIsToldAsSuch)
+TEST(ToolMemory, AnObservationThatDoesNotFitIsReported)
 {
     const char reason[] = "a reason that is too long for a string's own storage";
     tagTRAVEX_FTP_S_OBSERVATION seen = {};

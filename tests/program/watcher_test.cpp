@@ -315,7 +315,7 @@ protected:
     std::size_t m_lookups = 0;
 };
 
-TEST_F(ToolWatcher, TellsEachCheckAndEachNewVersion)
+TEST_F(ToolWatcher, ReportsEachCheckAndEachNewVersion)
 {
     Watch(
         [](ScriptedService& service)
@@ -336,7 +336,7 @@ TEST_F(ToolWatcher, TellsEachCheckAndEachNewVersion)
     EXPECT_GE(m_service.stops, m_service.starts);
 }
 
-TEST_F(ToolWatcher, TellsTheNextServer)
+TEST_F(ToolWatcher, ReportsTheNextServer)
 {
     Watch(
         [](ScriptedService& service)
@@ -673,7 +673,7 @@ TEST_F(ToolWatcher, LackOfMemoryEndsIt)
     EXPECT_EQ(thrown.message, "out of memory");
 }
 
-TEST_F(ToolWatcher, AnOutputThatNobodyReadsEndsIt)
+TEST_F(ToolWatcher, AnOutputThatCannotBeWrittenEndsIt)
 {
     std::FILE* const full = std::fopen("/dev/full", "w");
     ASSERT_NE(full, nullptr);
@@ -762,7 +762,7 @@ TEST_F(ToolWatcherCommand, RunsOnceForSeveralVersionsDuringARun)
     EXPECT_THAT(Given(), ElementsAre(file + "edition 1 192.0.2.1", file + "edition 3 192.0.2.1"));
 }
 
-TEST_F(ToolWatcherCommand, AFailureIsTold)
+TEST_F(ToolWatcherCommand, AFailureIsReported)
 {
     m_options.execute = "exit 3";
     Watch(
