@@ -46,6 +46,11 @@ struct Options
     bool quiet = false;
     bool noProgress = false;
     bool json = false;
+
+    unsigned int UsedPort() const
+    {
+        return port == 0 ? 21 : port;
+    }
 };
 
 // The options of a download after the checks: each value is within its limit, both local names are

@@ -101,7 +101,7 @@ public:
     {
         if (m_plan.json)
         {
-            PrintChecksAsJson(m_results, m_leftOut, m_plan.port, status, error, stdout);
+            PrintChecksAsJson(m_results, m_leftOut, m_plan.UsedPort(), status, error, stdout);
         }
         FlushResult();
         if (!error.empty())
@@ -206,7 +206,7 @@ int RunCheck(const Options& options, const CipherSource& ciphers)
     {
         if (options.json)
         {
-            PrintChecksAsJson({}, {}, options.port, error.Status(), error.what(), stdout);
+            PrintChecksAsJson({}, {}, options.UsedPort(), error.Status(), error.what(), stdout);
         }
         throw;
     }

@@ -99,14 +99,6 @@ void ResultPrinter::PrintObject(const Outcome& outcome) const
     (void)std::fprintf(stdout, "%s\n", TextOf(object).c_str());
 }
 
-Outcome Failed(int status, const std::string& message)
-{
-    Outcome outcome;
-    outcome.status = status;
-    outcome.error = message;
-    return outcome;
-}
-
 Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, Report& report,
                  ResultPrinter& printer)
 {
@@ -147,7 +139,8 @@ int RunFetch(const Options& options, const CipherSource& ciphers)
         }
         // With --json the object is printed in any case, and the message as well.
         (void)std::fprintf(stderr, "corpdir: %s\n", error.what());
-        outcome = Failed(error.Status(), error.what());
+        outcome.status = error.Status();
+        outcome.error = error.what();
     }
     printer.Print(outcome);
     return outcome.status;

@@ -35,15 +35,6 @@ sigset_t StopSignals()
     return signals;
 }
 
-timespec TimespecOf(std::chrono::milliseconds duration)
-{
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
-    timespec time = {};
-    time.tv_sec = static_cast<time_t>(seconds.count());
-    time.tv_nsec = static_cast<long>(std::chrono::nanoseconds(duration - seconds).count());
-    return time;
-}
-
 }  // namespace
 
 std::string SignalName(int signalNumber)
@@ -89,7 +80,7 @@ void SignalWatch::Watch()
     }
     m_onSignal(signalNumber);
 
-    const timespec patience = TimespecOf(m_patience);
+    const timespec patience = {m_patience.count() / 1000, m_patience.count() % 1000 * 1000000};
     int second = -1;
     do
     {

@@ -26,21 +26,6 @@ bool WantsColours()
     return none == nullptr || *none == '\0';
 }
 
-// ECMA-48 colours.
-const char* CodeOf(Style style)
-{
-    switch (style)
-    {
-        case Style::kBad:
-            return "31";
-        case Style::kWarn:
-            return "33";
-        case Style::kFaint:
-            return "90";
-    }
-    return "";
-}
-
 }  // namespace
 
 Terminal::Terminal(std::FILE* stream)
@@ -61,7 +46,8 @@ unsigned int Terminal::Width() const
 
 std::string Terminal::Styled(Style style, const std::string& text) const
 {
-    return m_colours ? "\033[" + std::string(CodeOf(style)) + "m" + text + "\033[0m" : text;
+    const std::string code = std::to_string(static_cast<int>(style));
+    return m_colours ? "\033[" + code + "m" + text + "\033[0m" : text;
 }
 
 }  // namespace corpdir_tool

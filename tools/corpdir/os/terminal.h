@@ -8,11 +8,12 @@
 namespace corpdir_tool
 {
 
+// Colours, by their numbers in ECMA-48.
 enum class Style
 {
-    kBad,    // red
-    kWarn,   // yellow
-    kFaint,  // grey
+    kBad = 31,    // red
+    kWarn = 33,   // yellow
+    kFaint = 90,  // grey
 };
 
 // Not thread-safe: belongs to the main thread. Does not own the stream.

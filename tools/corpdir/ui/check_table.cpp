@@ -9,8 +9,6 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr unsigned int kUsualPort = 21;
-
 struct Row
 {
     CheckStep step;
@@ -138,7 +136,7 @@ Json JsonOf(const CheckResult& result)
 void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
                 const Terminal& output)
 {
-    const std::string port = std::to_string(plan.port == 0 ? kUsualPort : plan.port);
+    const std::string port = std::to_string(plan.UsedPort());
     (void)std::fprintf(output.Stream(), "%s, port %s\n", Printable(result.server.Label()).c_str(),
                        port.c_str());
     for (const Row& row : RowsOf(result, plan, now))
@@ -176,7 +174,7 @@ void PrintChecksAsJson(const std::vector<CheckResult>& results,
     }
     const Json object = {{"status", status},
                          {"error", OrNull(error)},
-                         {"port", port == 0 ? kUsualPort : port},
+                         {"port", port},
                          {"servers", servers},
                          {"left_out", leftOut}};
     (void)std::fprintf(output, "%s\n", TextOf(object).c_str());

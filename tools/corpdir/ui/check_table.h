@@ -45,8 +45,8 @@ struct CheckResult
 void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
                 const Terminal& output);
 
-// All servers as one JSON object. leftOut: names without an address, with the reason; port: 0 for
-// the default; status: the exit status; error: empty when a server works.
+// All servers as one JSON object. leftOut: names without an address, with the reason. status: the
+// exit status. error: empty when a server works.
 void PrintChecksAsJson(const std::vector<CheckResult>& results,
                        const std::vector<std::string>& leftOut, unsigned int port, int status,
                        const std::string& error, std::FILE* output);

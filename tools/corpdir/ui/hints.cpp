@@ -10,7 +10,6 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr unsigned int kUsualPort = 21;
 constexpr unsigned int kImplicitPort = 990;
 
 // Replies that are more specific than the step in which they came.
@@ -22,7 +21,7 @@ const char kServerLogHint[] = "the server's log may say why";
 
 std::string PortOf(const Plan& plan)
 {
-    return "port " + std::to_string(plan.port == 0 ? kUsualPort : plan.port);
+    return "port " + std::to_string(plan.UsedPort());
 }
 
 std::string ClosedHint(const Failure& failure)
