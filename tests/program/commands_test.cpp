@@ -592,12 +592,13 @@ TEST_F(ProgramWatch, FetchesEachNewVersionAndNothingElse)
     Serve();
     const std::string given = m_files.File("given");
     Watch({"--exec=echo \"$CORPDIR_FILE $CORPDIR_VERSION\" >>" + given});
-    ASSERT_TRUE(Await("unchanged: version 'edition 17'", 3)) << Said();
+    // On a slow machine the next check begins before the directory file is there.
+    ASSERT_TRUE(Await("downloaded ") && Await("unchanged: version 'edition 17'", 3)) << Said();
     EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 1U);
     const std::string newer = support::PatternBytes(50000, 2);
     m_server->AddFile("directory.csv", newer);
     m_server->AddFile("version.txt", "edition 18\n");
-    ASSERT_TRUE(Await("unchanged: version 'edition 18'", 2)) << Said();
+    ASSERT_TRUE(Await("downloaded ", 2) && Await("unchanged: version 'edition 18'", 2)) << Said();
     EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 2U);
     EXPECT_EQ(ReadFile(m_output.File("directory.csv")), newer);
     const std::string file = m_output.File("directory.csv");
@@ -663,7 +664,7 @@ TEST_P(ProgramWatchStops, WithinASecond)
 {
     Serve();
     Watch({"--exec=sleep 60"});
-    ASSERT_TRUE(Await("unchanged")) << Said();
+    ASSERT_TRUE(Await("downloaded ") && Await("unchanged")) << Said();
     const auto begun = std::chrono::steady_clock::now();
     m_process->Signal(GetParam());
     EXPECT_EQ(m_process->Wait(seconds(10)), 0) << Said();
