@@ -594,7 +594,8 @@ TEST_F(CLibraryFetch, AListedNameMustBeInTheCertificate)
     ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_FAILED, m_events,
                                        [](CRequest& request)
                                        { request.record.servers = "localhost"; }));
-    EXPECT_EQ(m_events.OfKind(CORPDIR_EVENT_FAILED)[0].reason, "certificate is not valid for host localhost");
+    EXPECT_EQ(m_events.OfKind(CORPDIR_EVENT_FAILED)[0].reason,
+              "certificate is not valid for host localhost");
     EXPECT_EQ(m_server->CountCommands("USER"), 0u);
 }
 

@@ -96,7 +96,9 @@ int main(int count, char** arguments)
     tag_CORPDIR_LOGINFO log = {};
     Fill(log.szLogDir, arguments[6]);
     log.ulLogLevel = 2;
-    if (GetCorpDirInstance()->CorpDirInit(&log) != 0 || Ask(arguments) != 0)
+    // A request whose callback ends the process meanwhile may fail: it gets no timer then.
+    if (GetCorpDirInstance()->CorpDirInit(&log) != 0 ||
+        (Ask(arguments) != 0 && !(g_way == exit_client::kExitInCallback && g_callbacks > 0)))
     {
         return exit_client::kRefused;
     }
