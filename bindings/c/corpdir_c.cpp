@@ -184,7 +184,7 @@ void Binding::ForgetEnded()
 {
     for (std::shared_ptr<EventThread>* link = &m_ended; *link != nullptr;)
     {
-        if ((*link)->Over())
+        if ((*link)->HasEnded())
         {
             (*link)->Join();
             std::shared_ptr<EventThread> next = std::move((*link)->nextEnded);

@@ -277,7 +277,7 @@ void EventThread::Join()
     }
 }
 
-bool EventThread::Over()
+bool EventThread::HasEnded()
 {
     const base::MutexLock lock(m_mutex);
     return m_over;

@@ -51,7 +51,7 @@ public:
     bool InCallback();
     void WaitForCallback();  // until no callback is in progress; not on this thread
     void Join();             // after Stop(), any number of callers; not on this thread
-    bool Over();             // Join() would not wait
+    bool HasEnded();         // Join() would not wait
 
     bool IsCaller() const;
     static bool CallerIsOne();

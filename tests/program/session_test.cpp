@@ -282,7 +282,7 @@ TEST_F(ToolSession, TheNamesOfEachAddressAreRegistered)
 {
     m_service.scripts["192.0.2.10"].directoryFails = TRAVEX_FTP_ERR_FILE;
     EXPECT_EQ(Run("dir.example;192.0.2.11;192.0.2.12").status, kExitFetched);
-    EXPECT_STREQ(m_service.lastRequest.szFtpCtrlInfo, "ca=system") << "no names in the trust text";
+    EXPECT_STREQ(m_service.lastRequest.szFtpCtrlInfo, "ca=system") << "names go to the layer alone";
     EXPECT_THAT(Layers().names, ElementsAre("192.0.2.11=dir.example", "192.0.2.11=192.0.2.11",
                                             "192.0.2.12=192.0.2.12"))
         << "the servers of the request that came last";

@@ -50,7 +50,8 @@ Lines Procedure(const Lines& vecTrace);
 
 Lines Joined(std::initializer_list<Lines> parts);
 
-// The request's texts that a stop and the destructor clear; the trust text is not one of them.
+// The request's texts that a stop and the destructor clear; that of the trusted certificates is
+// kept.
 Lines RequestTexts(const inside::Members& members);
 
 // Waits until another thread has made the condition true.

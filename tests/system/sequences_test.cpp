@@ -406,7 +406,7 @@ void Sequence::RequestInVain()
 {
     using Change = void (*)(tag_CORPDIR_DOWNLOADINFO&);
     static constexpr std::pair<const char*, Change> kChanges[] = {
-        {"without a trust text", [](auto& record) { record.szFtpCtrlInfo[0] = '\0'; }},
+        {"without trusted certificates", [](auto& record) { record.szFtpCtrlInfo[0] = '\0'; }},
         {"without a user", [](auto& record) { record.szUserName[0] = '\0'; }},
         {"without a password", [](auto& record) { record.szPassword[0] = '\0'; }},
         {"with a long password", [](auto& record) { memset(record.szPassword, 'x', 255); }},
