@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "base/printable.h"
 #include "server_names.h"
 
 namespace corpdir_c
@@ -23,12 +24,6 @@ constexpr std::size_t kMaxDirectory = 127;
 constexpr std::uint32_t kMaxPort = 65535;
 constexpr std::uint32_t kMaxLevel = 2;
 constexpr std::size_t kMaxGrowth = 1024;  // a larger size of a record was not set
-
-bool IsControlByte(char byte)
-{
-    const auto value = static_cast<unsigned char>(byte);
-    return value < 0x20 || value == 0x7f;
-}
 
 // True for a record of this header, and for a longer one of a later header whose further members
 // are zero, which asks for this library's defaults.
@@ -48,7 +43,7 @@ bool IsKnown(const T& record)
 bool Fill(char (&field)[256], const char* text, std::size_t limit)
 {
     const std::size_t length = text == nullptr ? 0 : strnlen(text, limit + 1);
-    if (length == 0 || length > limit || std::any_of(text, text + length, IsControlByte))
+    if (length == 0 || length > limit || std::any_of(text, text + length, base::IsControlByte))
     {
         return false;
     }
@@ -82,7 +77,8 @@ bool FillDirectory(char (&field)[256], const char* directory)
 bool IsServer(const char* begin, const char* end)
 {
     return begin != end && static_cast<std::size_t>(end - begin) <= kMaxField &&
-           std::none_of(begin, end, [](char byte) { return byte == ' ' || IsControlByte(byte); });
+           std::none_of(begin, end,
+                        [](char byte) { return byte == ' ' || base::IsControlByte(byte); });
 }
 
 bool IsServerList(const char* servers)

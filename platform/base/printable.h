@@ -1,4 +1,4 @@
-// Characters of an untrusted text that may be shown unchanged.
+// Characters of an untrusted text: which may be sent, and which may be shown unchanged.
 #ifndef CORPDIR_BASE_PRINTABLE_H
 #define CORPDIR_BASE_PRINTABLE_H
 
@@ -10,6 +10,13 @@
 
 namespace base
 {
+// True for a byte that can end a line or control a terminal, and must not be in an FTP command.
+inline bool IsControlByte(char byte)
+{
+    const auto value = static_cast<unsigned char>(byte);
+    return value < 0x20 || value == 0x7F;
+}
+
 // True for a character beyond ASCII that a terminal or a viewer does not show, but obeys or drops.
 inline bool IsUnseen(uint32_t character)
 {

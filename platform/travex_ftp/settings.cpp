@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/printable.h"
 #include "base/resolved_names.h"
 
 namespace travex_ftp
@@ -187,8 +188,7 @@ bool TlsPolicy::operator==(const TlsPolicy& other) const
 
 bool HasControlCharacter(const char* text)
 {
-    return std::any_of(text, text + strlen(text),
-                       [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
+    return std::any_of(text, text + strlen(text), base::IsControlByte);
 }
 
 Settings::Settings(const tagTRAVEX_FTP_S_CTRL_PARAM& record)

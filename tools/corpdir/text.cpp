@@ -8,12 +8,6 @@
 namespace corpdir_tool
 {
 
-bool IsControlByte(char byte)
-{
-    const auto value = static_cast<unsigned char>(byte);
-    return value < 0x20 || value == 0x7f;
-}
-
 std::string Printable(std::string_view text)
 {
     constexpr char kDigits[] = "0123456789abcdef";

@@ -8,10 +8,6 @@
 namespace corpdir_tool
 {
 
-// True for a byte below 0x20 and for 0x7f, which can end a line or control a terminal and must not
-// be in an FTP command.
-bool IsControlByte(char byte);
-
 // The text with invalid UTF-8 and invisible characters ("base/printable.h") as \xNN.
 std::string Printable(std::string_view text);
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "base/printable.h"
 #include "exit_error.h"
 #include "os/output_files.h"
 #include "text.h"
@@ -48,7 +49,7 @@ void CheckText(const std::string& option, const std::string& text, std::size_t l
         Refuse(option + " is empty");
     }
     CheckLength(option, text.size(), limit);
-    if (std::any_of(text.begin(), text.end(), IsControlByte))
+    if (std::any_of(text.begin(), text.end(), base::IsControlByte))
     {
         Refuse(option + " contains a control byte, such as a newline: '" + Printable(text) + "'");
     }

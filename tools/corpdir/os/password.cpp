@@ -12,6 +12,7 @@
 #include <array>
 
 #include "base/descriptor.h"
+#include "base/printable.h"
 #include "exit_error.h"
 #include "text.h"
 
@@ -103,7 +104,7 @@ void CheckPassword(const Secret& password, const std::string& source)
     {
         RefuseLength(source, std::to_string(text.size()));
     }
-    if (std::any_of(text.begin(), text.end(), IsControlByte))
+    if (std::any_of(text.begin(), text.end(), base::IsControlByte))
     {
         Refuse(source, "contains a control byte, such as a newline");
     }
