@@ -502,7 +502,7 @@ constexpr CodeText kCodeTexts[] = {
     {CORPDIR_ERR_TRANSFER, "the transfer failed"},
     {CORPDIR_ERR_REFUSED, "the transfer was refused for one of its parameters"},
     {CORPDIR_ERR_CIPHER, "a cipher suite is unknown or not allowed"},
-    {CORPDIR_ERR_AUTHORITIES, "the trusted certificates, or their file, cannot be used"},
+    {CORPDIR_ERR_AUTHORITIES, "an entry, a file or a certificate of trust cannot be used"},
     {CORPDIR_ERR_SYSTEM, "memory or another resource of the system ran out"},
     {CORPDIR_ERR_SERVERS,
      "servers: missing, or not a list separated by \";\" of names and addresses of 1 to 255 bytes"},

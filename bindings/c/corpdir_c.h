@@ -71,7 +71,7 @@ typedef enum corpdir_code
     /* Transfers that were refused before they began, and corpdir_start. */
     CORPDIR_ERR_REFUSED = 32,     /**< a parameter that cannot be used */
     CORPDIR_ERR_CIPHER = 33,      /**< a cipher suite that is unknown or not allowed */
-    CORPDIR_ERR_AUTHORITIES = 34, /**< trusted certificates that cannot be used, or their file */
+    CORPDIR_ERR_AUTHORITIES = 34, /**< an entry, a file or a certificate of trust cannot be used */
     CORPDIR_ERR_SYSTEM = 35,      /**< memory or another resource of the system ran out */
 
     /* Record members that cannot be used; the rule is beside the member. */

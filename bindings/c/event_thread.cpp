@@ -106,18 +106,25 @@ void EventThread::Stop() noexcept
 void EventThread::Push(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
 {
     const base::MutexLock lock(m_mutex);
+    if (seen.ulKind == TRAVEX_FTP_OBSERVED_SUCCESS)
+    {
+        // What remains known when memory runs out below.
+        m_transferred = client::TransferEvent();
+        m_transferred.bytes = seen.ullBytes;
+        m_transferred.total = seen.ullTotal;
+    }
     try
     {
         const client::TransferEvent event = client::EventOf(seen);
         if (event.kind == EventKind::kTransferred)
         {
-            m_transferred = event;
+            client::TransferEvent copy = event;
+            m_transferred = std::move(copy);
         }
         Append(event);
     }
     catch (const std::bad_alloc&)
     {
-        m_transferred = client::TransferEvent();
         Lose();
     }
 }

@@ -68,8 +68,8 @@ void OnForkInChild()
 // Makes the writer if need be. Throws std::bad_alloc.
 LogWriter& MakeWriter()
 {
+    corpdir_log::WatchForks();
     static const bool s_isRegistered =
-        corpdir_log::WatchForks() &&
         base::ProcessEnd::Register<base::EndStage::kLog>(OnExit, OnForkInChild);
     if (!s_isRegistered)
     {

@@ -62,13 +62,15 @@ LogTarget::LogTarget(const LogSettings& settings, const LogTarget* previous)
     : m_maxSize(settings.maxSize),
       m_maxCount(settings.maxCount),
       m_directory(AbsoluteDirectory(settings.directory)),
-      m_isConsoleOpen(fcntl(STDERR_FILENO, F_GETFD) != -1)
+      m_isConsoleOpen(fcntl(STDERR_FILENO, F_GETFD) != -1),
+      m_path(std::make_shared<const std::string>(m_directory))
 {
     if (previous != nullptr)
     {
         m_name = previous->m_name;
         m_lost = previous->m_lost;
         m_lossError = previous->m_lossError;
+        m_lossPath = previous->m_lossPath;
     }
     if (!IsStandardError())
     {
@@ -83,8 +85,8 @@ void LogTarget::OpenFile()
         m_name.reset();  // also when no name is found
         m_name = std::make_shared<NameLock>(m_directory);
     }
-    m_file =
-        std::make_unique<LogFile>(m_directory + '/' + m_name->FileName(), m_maxSize, m_maxCount);
+    m_path = std::make_shared<const std::string>(m_directory + '/' + m_name->FileName());
+    m_file = std::make_unique<LogFile>(*m_path, m_maxSize, m_maxCount);
     m_unchecked = 0;
 }
 
@@ -155,6 +157,7 @@ void LogTarget::WriteDropNotice(std::uint64_t dropped) noexcept
     {
         m_lost += dropped;
         m_lossError = ENOMEM;
+        m_lossPath = m_path;
     }
 }
 
@@ -236,14 +239,19 @@ bool LogTarget::IsReady() noexcept
     }
 }
 
+// With the path: the records may be missing in the log of another directory.
+std::string LogTarget::LossReason() const
+{
+    return m_lossError == 0 ? "the file that held them was removed"
+                            : *m_lossPath + ": " + std::generic_category().message(m_lossError);
+}
+
 // Flushed at once: a disk that is still full fails then, not at the writing.
 void LogTarget::WriteLossNotice()
 {
-    const std::string reason = m_lossError == 0 ? "the file that held them was removed"
-                                                : std::generic_category().message(m_lossError);
     WriteLine(MakeOwnRecord({"corpdir_log", __func__, __FILE__, __LINE__}, CORPDIR_LOG_ERROR,
                             "Up to %llu records are missing here: %s",
-                            static_cast<unsigned long long>(m_lost), reason.c_str()),
+                            static_cast<unsigned long long>(m_lost), LossReason().c_str()),
               0);
     Flush();
     m_unchecked += std::exchange(m_lost, 0);
@@ -256,6 +264,7 @@ void LogTarget::BeginOutage(int error) noexcept
     const bool isRemoved = m_file != nullptr && m_file->IsRemoved();
     m_lost += isRemoved ? m_unchecked : m_unflushed;
     m_lossError = error;
+    m_lossPath = m_path;
     m_unflushed = 0;
     m_unchecked = 0;
     m_file.reset();
@@ -277,7 +286,7 @@ try
         return;
     }
     std::string line;
-    AppendEscaped("corpdir: the log in " + m_directory + ' ' + trouble + ": " +
+    AppendEscaped("corpdir: the log in " + m_directory + ' ' + trouble + ": " + *m_path + ": " +
                       std::generic_category().message(error),
                   Blanks::kKeep, &line);
     line.resize(std::min<std::size_t>(line.size(), PIPE_BUF - 1));

@@ -61,19 +61,22 @@ private:
     void Flush();
     void BeginOutage(int error) noexcept;
     void ReportOnce(bool* isReported, const char* trouble, int error) const noexcept;
+    std::string LossReason() const;
 
     const std::size_t m_maxSize;
     const std::size_t m_maxCount;
     const std::string m_directory;  // absolute: the client may change its working directory
     const bool m_isConsoleOpen;
     std::shared_ptr<NameLock> m_name;
-    std::unique_ptr<LogFile> m_file;  // null: standard error, or an outage
+    std::shared_ptr<const std::string> m_path;  // the file's; the directory's without a name
+    std::unique_ptr<LogFile> m_file;            // null: standard error, or an outage
     std::string m_line;
 
     std::uint64_t m_unflushed = 0;  // records since the last flush, which a failure may lose
     std::uint64_t m_unchecked = 0;  // records since the file was last in its place, those included
     std::uint64_t m_lost = 0;       // records that are missing and not reported yet
     int m_lossError = 0;            // of the last loss; 0: the file was removed
+    std::shared_ptr<const std::string> m_lossPath;  // of the file that could not be written
     bool m_isOutageReported = false;
     bool m_isRotationReported = false;
     base::Clock::time_point m_nextAttempt;

@@ -180,6 +180,7 @@ void LogWriter::Run()
         {
             m_target->Write(records, dropped);
         }
+        records.clear();  // the memory, before a disk may be waited for
         if (isClose && m_target != nullptr)
         {
             m_target->Settle();

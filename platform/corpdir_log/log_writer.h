@@ -53,7 +53,7 @@ public:
     // Refuses to open from now on, and closes.
     void CloseForEver(base::Clock::time_point deadline);
 
-    // The time limit of Open and Close: 5 s, unless it is set. For tests. Returns the earlier one.
+    // The time limit of Open and Close: 5 s, unless it is set. For tests. Returns the previous one.
     static std::chrono::milliseconds SetPatience(std::chrono::milliseconds patience);
 
 private:
@@ -94,7 +94,8 @@ private:
     std::shared_ptr<Opening> m_opening CORPDIR_GUARDED_BY(m_mutex);  // null: none is asked for
     bool m_isClosedForEver CORPDIR_GUARDED_BY(m_mutex) = false;
     base::Thread m_thread CORPDIR_GUARDED_BY(m_mutex);
-    bool m_isRunning CORPDIR_GUARDED_BY(m_mutex) = false;  // the thread; it looks for commands
+    bool m_isRunning CORPDIR_GUARDED_BY(m_mutex) =
+        false;  // the thread, and it will look for commands again
 
     std::unique_ptr<LogTarget> m_target;  // the log's thread only
 };

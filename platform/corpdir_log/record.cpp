@@ -166,11 +166,13 @@ void SetTime(std::time_t second)
 
 }  // namespace
 
-bool WatchForks()
+void WatchForks()
 {
-    static const bool s_isWatching =
-        pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) == 0;
-    return s_isWatching;
+    // When it throws, the next call tries again.
+    [[maybe_unused]] static const bool s_isWatching =
+        pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) == 0
+            ? true
+            : throw std::bad_alloc();
 }
 
 Record MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)

@@ -10,8 +10,8 @@
 namespace corpdir_log
 {
 // To be called before the first of the other functions, so that the child of a fork may call them,
-// too. False when memory ran out.
-bool WatchForks();
+// too. Throws std::bad_alloc.
+void WatchForks();
 
 // A line without its first column, the time. The columns in the text are escaped, so that the
 // record holds no pointer of its caller.

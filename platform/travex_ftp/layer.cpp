@@ -17,7 +17,7 @@ struct ProcessState
 {
     base::Mutex mutex;
     std::shared_ptr<Layer> running CORPDIR_GUARDED_BY(mutex);
-    std::vector<std::shared_ptr<Layer>> ended
+    std::vector<std::shared_ptr<Layer>> stopped
         CORPDIR_GUARDED_BY(mutex);  // runs whose threads are not all joined
 
     // The layer has threads; and a fork left this process without them. Read before any lock is
@@ -33,9 +33,9 @@ struct ProcessState
 
     bool Install(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(mutex);
     std::shared_ptr<Layer> Retire() CORPDIR_EXCLUDES(mutex);
-    std::shared_ptr<Layer> FirstEnded(bool onlyIfEnded) CORPDIR_EXCLUDES(mutex);
+    std::shared_ptr<Layer> FirstStopped(bool onlyIfEnded) CORPDIR_EXCLUDES(mutex);
     void Forget(const std::shared_ptr<Layer>& layer) CORPDIR_EXCLUDES(mutex);
-    void JoinEnded(bool onlyIfEnded) CORPDIR_EXCLUDES(mutex);
+    void JoinStopped(bool onlyIfEnded) CORPDIR_EXCLUDES(mutex);
 };
 
 ProcessState& ProcessState::Get()
@@ -65,7 +65,7 @@ bool ProcessState::Install(const std::shared_ptr<Layer>& layer)
     {
         return false;
     }
-    ended.reserve(ended.size() + 1);  // Retire() needs no memory
+    stopped.reserve(stopped.size() + 1);  // Retire() needs no memory
     running = layer;
     hasThreads = true;
     idleChild = false;
@@ -79,32 +79,32 @@ std::shared_ptr<Layer> ProcessState::Retire()
     std::shared_ptr<Layer> layer = std::move(running);
     if (layer != nullptr)
     {
-        ended.push_back(layer);
+        stopped.push_back(layer);
     }
     return layer;
 }
 
-std::shared_ptr<Layer> ProcessState::FirstEnded(bool onlyIfEnded)
+std::shared_ptr<Layer> ProcessState::FirstStopped(bool onlyIfEnded)
 {
     const base::MutexLock lock(mutex);
-    const auto found = std::find_if(ended.begin(), ended.end(),
+    const auto found = std::find_if(stopped.begin(), stopped.end(),
                                     [onlyIfEnded](const auto& layer)
                                     { return !onlyIfEnded || layer->HasEnded(); });
-    return found == ended.end() ? nullptr : *found;
+    return found == stopped.end() ? nullptr : *found;
 }
 
 // Clears the flag when no thread is left: a child forked after that may use the layer.
 void ProcessState::Forget(const std::shared_ptr<Layer>& layer)
 {
     const base::MutexLock lock(mutex);
-    ended.erase(std::remove(ended.begin(), ended.end(), layer), ended.end());
-    hasThreads = running != nullptr || !ended.empty();
+    stopped.erase(std::remove(stopped.begin(), stopped.end(), layer), stopped.end());
+    hasThreads = running != nullptr || !stopped.empty();
 }
 
 // A run stays in the list until its threads are joined, so that every caller waits for them.
-void ProcessState::JoinEnded(bool onlyIfEnded)
+void ProcessState::JoinStopped(bool onlyIfEnded)
 {
-    while (const std::shared_ptr<Layer> layer = FirstEnded(onlyIfEnded))
+    while (const std::shared_ptr<Layer> layer = FirstStopped(onlyIfEnded))
     {
         layer->Join();
         Forget(layer);
@@ -125,7 +125,7 @@ void ProcessState::AtExit(Clock::time_point deadline)
     static auto* const s_left = new std::vector<std::shared_ptr<Layer>>;
     {
         const base::MutexLock lock(state.mutex);
-        s_left->swap(state.ended);
+        s_left->swap(state.stopped);
     }
     for (const std::shared_ptr<Layer>& layer : *s_left)
     {
@@ -161,7 +161,7 @@ bool Layer::Init()
 {
     ProcessState::StartOnce();
     ProcessState& state = ProcessState::Get();
-    state.JoinEnded(true);
+    state.JoinStopped(true);
     if (Running() != nullptr)
     {
         return true;
@@ -195,7 +195,7 @@ void Layer::Uninit()
     // A thread of the layer cannot wait for itself; its run is joined by a later call.
     if (!Worker::CallerIsOurs())
     {
-        state.JoinEnded(false);
+        state.JoinStopped(false);
     }
 }
 

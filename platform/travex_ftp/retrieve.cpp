@@ -495,12 +495,12 @@ Io Retrieval::AwaitData()
     Deadline deadline = m_attempt.Until(until);
     deadline.other = ControlSocket();
     const Io io = m_data.AwaitReadable(deadline);
-    m_evidence.periodBytes = m_evidence.received - m_periodBegin;
+    m_evidence.periodBytes = m_evidence.received - m_bytesAtPeriodStart;
     const bool keepsPace = !complete && m_evidence.periodBytes >= m_limits.stallBytes;
     if (io == Io::kTimedOut && keepsPace && !m_attempt.EndedBy(io))
     {
         m_periodEnd = Clock::now() + m_limits.stall;
-        m_periodBegin = m_evidence.received;
+        m_bytesAtPeriodStart = m_evidence.received;
         return Io::kDone;
     }
     return io;

@@ -116,8 +116,8 @@ private:
     uint64_t m_sizeIn213 = TRAVEX_FTP_SIZE_UNKNOWN;
     uint64_t m_sizeIn150 = TRAVEX_FTP_SIZE_UNKNOWN;
     Evidence m_evidence;
-    Clock::time_point m_periodEnd;  // of the current period of Limits::stall
-    uint64_t m_periodBegin = 0;     // bytes received when it began
+    Clock::time_point m_periodEnd;      // of the current period of Limits::stall
+    uint64_t m_bytesAtPeriodStart = 0;  // bytes received when it began
     Clock::time_point m_reported;
 };
 

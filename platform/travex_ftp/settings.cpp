@@ -98,7 +98,7 @@ bool CheckNumbers(const tagTRAVEX_FTP_S_CTRL_PARAM& record, Failure& failure)
     return true;
 }
 
-// Sets the listed names as the identity. An address among them is refused: they are
+// Sets the names of "name=" as the identity. An address among them is refused: they are
 // compared with DNS entries only.
 bool SetTrustNames(TlsPolicy& tls, Failure& failure)
 {

@@ -185,7 +185,7 @@ bool TlsContext::Accept(X509_STORE_CTX* presented)
     X509* const certificate = X509_STORE_CTX_get0_cert(presented);
     if (!m_data)
     {
-        StoreCertificate(certificate);
+        RecordCertificate(certificate);
     }
     if (m_settings.tls.verify && !CheckChain(presented))
     {
@@ -200,7 +200,7 @@ bool TlsContext::Accept(X509_STORE_CTX* presented)
 }
 
 // Stored even if the certificate is rejected: programs show it.
-void TlsContext::StoreCertificate(X509* certificate)
+void TlsContext::RecordCertificate(X509* certificate)
 {
     m_subject = SubjectOf(certificate);
     std::tm until{};

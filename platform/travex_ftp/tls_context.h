@@ -50,7 +50,7 @@ private:
 
     bool Configure();
     bool Accept(X509_STORE_CTX* presented);
-    void StoreCertificate(X509* certificate);
+    void RecordCertificate(X509* certificate);
     bool CheckChain(X509_STORE_CTX* presented);
     bool CheckIdentity(X509* certificate);
     bool CallVerifyCallback(X509* certificate);

@@ -81,7 +81,7 @@ public:
     {
         return m_store && m_digest &&
                EVP_DigestInit_ex(m_digest.get(), EVP_sha256(), nullptr) == 1 &&
-               // Every listed certificate is an anchor, also an intermediate authority's
+               // Every loaded certificate is an anchor, also an intermediate authority's
                // or a server's own.
                X509_STORE_set_flags(m_store.get(), X509_V_FLAG_PARTIAL_CHAIN) == 1;
     }

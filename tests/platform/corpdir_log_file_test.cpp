@@ -524,6 +524,8 @@ TEST_F(LogOutage, IsReportedInTheDirectoryOfTheNextOpening)
     ASSERT_EQ(Open(Info(Directory())), 0U);
     CorpDir_CloseLog();
     ExpectAllAreCounted(File());
+    EXPECT_TRUE(
+        Contains(File(), "missing here: " + m_lost + "/corpdir.log: No such file or directory\n"));
 }
 
 TEST_F(LogOutage, IsReportedByAnOpeningInTheSameDirectory)
@@ -563,8 +565,8 @@ TEST_F(LogFile, ThatCannotBeRenamedIsTruncatedWhichIsReportedOnce)
     WriteMany(200);
     CorpDir_CloseLog();
     EXPECT_EQ(caught.Text(), "corpdir: the log in " + Directory() +
-                                 " cannot be rotated, it is truncated when full: Is a "
-                                 "directory\n");
+                                 " cannot be rotated, it is truncated when full: " + File() +
+                                 ": Is a directory\n");
     const std::vector<std::string> texts = TextsIn(File());
     ASSERT_GT(texts.size(), 5U);
     for (std::size_t index = 0; index < texts.size(); ++index)

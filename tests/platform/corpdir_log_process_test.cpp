@@ -264,7 +264,7 @@ TEST_F(LogProcess, AForkWhileALineIsFormattedLeavesTheChildAbleToFormat)
         AppendLine({std::chrono::system_clock::time_point(second), 0, "text"}, &line);
         return line;
     };
-    ASSERT_TRUE(corpdir_log::WatchForks());
+    corpdir_log::WatchForks();
     std::thread busy(
         [&]
         {

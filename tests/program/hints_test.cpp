@@ -13,7 +13,8 @@ using testing::HasSubstr;
 using testing::Not;
 
 // The words of a reason must not matter; these would be misleading.
-const char kReason[] = "421 bytes of 'timeout 990.csv', certificate is not for no greeting";
+const char kReason[] =
+    "421 bytes of 'timeout 990.csv', certificate is not valid for host no greeting";
 
 struct Case
 {

@@ -57,8 +57,6 @@ class ScriptedService;
 // The events after a request; the last script is used for all later requests.
 using Script = std::function<void(ScriptedService& service)>;
 
-// Runs one script for each request, on a thread that a stop joins. The functions below do what the
-// service and the FTP layer would do, and end the script when the service is stopped.
 // The functions below do what the service and the FTP layer would do, and end the script when the
 // service is stopped.
 class ScriptedService final : public FakeService

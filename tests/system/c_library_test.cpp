@@ -577,6 +577,7 @@ TEST_F(CLibraryFetch, AServerWithoutAnAddressFailsAndTheOthersAreAsked)
     ASSERT_EQ(failed.size(), 3u);
     EXPECT_THAT(failed, Each(AllOf(Field(&Event::code, CORPDIR_ERR_CONNECT),
                                    Field(&Event::file, "version.txt"))));
+    EXPECT_EQ(failed[0].server, std::string(255, 'a'));
     EXPECT_EQ(failed[1].server, "10.1");
     EXPECT_EQ(failed[1].reason, "neither an address nor a host name");
     EXPECT_EQ(failed[2].server, "nowhere.invalid");
@@ -597,6 +598,21 @@ TEST_F(CLibraryFetch, AListedNameMustBeInTheCertificate)
     EXPECT_EQ(m_events.OfKind(CORPDIR_EVENT_FAILED)[0].reason,
               "certificate is not valid for host localhost");
     EXPECT_EQ(m_server->CountCommands("USER"), 0u);
+}
+
+TEST_F(CLibraryFetch, NamesOfTheTrustedCertificatesReplaceTheListedOne)
+{
+    const std::string trust = "ca=" + m_certificates.Authority() + ";name=";
+    const std::string good = trust + "directory.test";
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_DELIVERED, m_events,
+                                       [&](CRequest& request)
+                                       { request.record.trust = good.c_str(); }));
+    const std::string wrong = trust + "elsewhere.test";
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_FAILED, m_events,
+                                       [&](CRequest& request)
+                                       { request.record.trust = wrong.c_str(); }));
+    EXPECT_EQ(m_events.OfKind(CORPDIR_EVENT_FAILED)[0].reason,
+              "certificate is not valid for host elsewhere.test");
 }
 
 TEST_F(CLibraryFetch, ALogThatIsGoneFailsTheRestart)

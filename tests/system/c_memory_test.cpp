@@ -114,7 +114,7 @@ TEST_F(CMemory, ACloseLeavesNoPassword)
     EXPECT_THAT(PlacesInMemory(m_secret), IsEmpty());
 }
 
-TEST_F(CMemory, EventsThatAreLostAreTold)
+TEST_F(CMemory, EventsThatAreLostAreReported)
 {
     g_no_memory = true;
     const corpdir_code code = Start([](corpdir_request&) {});
