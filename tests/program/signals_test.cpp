@@ -69,8 +69,21 @@ TEST(ToolSignals, ASecondSignalDoesNotWait)
     const SignalWatch watch = Watch(promises, kForever);
     Send(SIGINT);
     EXPECT_EQ(Received(promises.first.get_future()), SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
     Send(SIGINT);
     EXPECT_EQ(Received(promises.lastResort.get_future()), SIGINT);
+}
+
+// The stop goes on: the second signal of timeout(1) ended a watch before its last line.
+TEST(ToolSignals, ARepetitionAtOnceIsTheSameRequest)
+{
+    Promises promises;
+    std::future<int> lastResort = promises.lastResort.get_future();
+    const SignalWatch watch = Watch(promises, kForever);
+    Send(SIGTERM);
+    EXPECT_EQ(Received(promises.first.get_future()), SIGTERM);
+    Send(SIGTERM);
+    EXPECT_EQ(lastResort.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
 }
 
 TEST(ToolSignals, AWatchEndsWithoutASignal)

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace corpdir_tool
@@ -14,6 +15,24 @@ namespace
 
 // Also wakes the watch's thread to end it.
 constexpr int kWakeSignal = SIGTERM;
+
+// A signal that soon after the first is the same request: timeout(1) sends one to the process and
+// one to its group.
+constexpr std::chrono::milliseconds kRepeatTime{300};
+
+std::chrono::milliseconds Since(std::chrono::steady_clock::time_point begin)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 begin);
+}
+
+// The signal's number; -1, and errno set, when none came.
+int AwaitSignal(const sigset_t& signals, std::chrono::milliseconds longest)
+{
+    const long milliseconds = std::max<long>(longest.count(), 0);
+    const timespec time = {milliseconds / 1000, milliseconds % 1000 * 1000000};
+    return sigtimedwait(&signals, nullptr, &time);
+}
 
 void AddUnlessIgnored(int signalNumber, sigset_t& signals)
 {
@@ -80,12 +99,14 @@ void SignalWatch::Watch()
     }
     m_onSignal(signalNumber);
 
-    const timespec patience = {m_patience.count() / 1000, m_patience.count() % 1000 * 1000000};
-    int second = -1;
-    do
+    const auto begin = std::chrono::steady_clock::now();
+    bool isWaiting = true;
+    while (isWaiting)
     {
-        second = sigtimedwait(&m_signals, nullptr, &patience);
-    } while (second < 0 && errno == EINTR);
+        const int second = AwaitSignal(m_signals, m_patience - Since(begin));
+        const bool isInterrupted = second < 0 && errno == EINTR;
+        isWaiting = !m_ending && (isInterrupted || (second > 0 && Since(begin) < kRepeatTime));
+    }
     // A second signal came, or the time is over.
     if (!m_ending)
     {

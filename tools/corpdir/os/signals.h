@@ -26,7 +26,8 @@ public:
     using Handler = std::function<void(int signalNumber)>;
 
     // onSignal: called with the first signal. lastResort: called when the watch still lives after
-    // `patience`, or when a second signal comes; it should end the process. Both run on the watch's
+    // `patience`, or when another signal comes 0.3 s after the first or later; it should end the
+    // process. Both run on the watch's
     // thread and must not throw.
     SignalWatch(Handler onSignal, Handler lastResort, std::chrono::milliseconds patience);
 
