@@ -79,10 +79,15 @@ TEST(ToolSignals, ARepetitionAtOnceIsTheSameRequest)
 {
     Promises promises;
     std::future<int> lastResort = promises.lastResort.get_future();
-    const SignalWatch watch = Watch(promises, kForever);
+    const SignalWatch watch(
+        [&promises](int number)
+        {
+            Send(number);  // before the watch waits for another signal
+            promises.first.set_value(number);
+        },
+        [&promises](int number) { promises.lastResort.set_value(number); }, kForever);
     Send(SIGTERM);
     EXPECT_EQ(Received(promises.first.get_future()), SIGTERM);
-    Send(SIGTERM);
     EXPECT_EQ(lastResort.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
 }
 

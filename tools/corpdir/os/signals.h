@@ -27,8 +27,7 @@ public:
 
     // onSignal: called with the first signal. lastResort: called when the watch still lives after
     // `patience`, or when another signal comes 0.3 s after the first or later; it should end the
-    // process. Both run on the watch's
-    // thread and must not throw.
+    // process. Both run on the watch's thread and must not throw.
     SignalWatch(Handler onSignal, Handler lastResort, std::chrono::milliseconds patience);
 
     // Restores the signal mask. Waits for a handler in progress.
