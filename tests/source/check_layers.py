@@ -17,7 +17,7 @@ TEXT = {"base/printable.h"}
 BASE = {"base/" + name + ".h" for name in (
     "changes", "descriptor", "gate", "handle", "linked_queue", "mutex", "never_destroyed", "process_end",
     "resolved_names", "thread")} | TEXT
-SHARED = {"server_names.h", "transfer_event.h"}
+SHARED = {"server_names.h", "suites.h", "transfer_event.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
 # Folder: the project's headers that it may include beside those of its own folder.
