@@ -9,6 +9,7 @@
 #include "osak.h"
 #include "process.h"
 #include "thread.h"
+#include "timers.h"
 
 #include <chrono>
 #include <map>
@@ -37,6 +38,7 @@ public:
     OSAK_TIMER Create(OSAK_TIMER_PROC callback, bool repeats);
     unsigned int Start(OSAK_TIMER handle, unsigned int ms, void* param);
     unsigned int Free(OSAK_TIMER handle);
+    void Expire();
     void End();
 
 private:
@@ -174,6 +176,19 @@ unsigned int TimerService::Free(OSAK_TIMER handle)
     return OSAK_OK;
 }
 
+// After End() the thread looks at no timer.
+void TimerService::Expire()
+{
+    const base::MutexLock lock(m_mutex);
+    const Clock::time_point now = Clock::now();
+    for (auto& [handle, timer] : m_timers)
+    {
+        const bool runs = timer.due != Clock::time_point::max();
+        timer.due = runs ? now : timer.due;
+    }
+    m_changed.NotifyAll();
+}
+
 // Callers of Free() are woken to be held.
 void TimerService::End()
 {
@@ -187,6 +202,14 @@ void TimerService::End()
 void EndTimers()
 {
     TheService().End();
+}
+
+void ExpireTimers() noexcept
+{
+    if (!IsForkedChild())
+    {
+        TheService().Expire();
+    }
 }
 
 }  // namespace osak

@@ -3,6 +3,7 @@
 #include "captured_log.h"
 #include "osak.h"
 #include "osak/live_memory.h"
+#include "osak/timers.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -158,8 +159,11 @@ TEST_F(OsakExitDeathTest, NoTimerCallbackBeginsAndNoTimerIsStarted)
                 Demand(OSAK_PthreadCreate(&thread, nullptr, PollAsTheServiceDoes, nullptr) ==
                            OSAK_ERR_SYSTEM,
                        "no thread");
+                osak::ExpireTimers();
                 DemandThatNothingPassesAnyMore();
             });
+        const OSAK_TIMER later = OSAK_CreateRelTimerM([](void*) { CountPass(); }, 1, 1, "test");
+        Demand(OSAK_StartRelTimer(later, 600000, nullptr) == OSAK_OK, "later timer");
         StartTimer([](void*) { CountPass(); }, 0);
         EndProcess();
     });
@@ -551,6 +555,41 @@ TEST_F(OsakExitDeathTest, InAForkedChildEveryCallGetsACode)
         EndProcess();
     };
     EXPECT_EXIT(inAForkedChild(), testing::ExitedWithCode(0), "");
+}
+
+// Most forks find the layer's lock taken by one of the parent's threads.
+TEST_F(OsakExitDeathTest, InAForkedChildTimersDoNotExpire)
+{
+    const auto whileThreadsExpireTimers = []
+    {
+        for (int timer = 0; timer < 1000; ++timer)
+        {
+            Demand(OSAK_CreateRelTimerM([](void*) {}, 0, 1, "test") != nullptr, "timer");
+        }
+        for (int thread = 0; thread < 2; ++thread)
+        {
+            std::thread(
+                []
+                {
+                    while (!g_done)
+                    {
+                        osak::ExpireTimers();
+                    }
+                })
+                .detach();
+        }
+        for (int child = 0; child < 20; ++child)
+        {
+            DemandOfAFork(
+                []
+                {
+                    osak::ExpireTimers();
+                    _exit(0);
+                });
+        }
+        _exit(0);
+    };
+    EXPECT_EXIT(whileThreadsExpireTimers(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The relative timers of the operating-system layer.
 #include "osak.h"
+#include "osak/timers.h"
 #include "osak_faults.h"
 
 #include <gtest/gtest.h>
@@ -498,12 +499,99 @@ TEST(OsakTimer, ThreadsMayStartAndFreeTimersWhileTheyFire)
     }
 }
 
+TEST(OsakTimer, RunningTimersExpireOnRequest)
+{
+    Seen seen;
+    std::vector<OSAK_TIMER> timers;
+    for (const unsigned int mode : {kOnce, kRepeats, kOnce})
+    {
+        timers.push_back(Make(AddOne, mode));
+        ASSERT_EQ(OSAK_OK, OSAK_StartRelTimer(timers.back(), kLong, &seen));
+    }
+    osak::ExpireTimers();
+    seen.Await(3);
+    LetTimersPass(20);
+    EXPECT_EQ(3U, seen.Count());
+    // Only the repeating one is still running.
+    osak::ExpireTimers();
+    seen.Await(4);
+    LetTimersPass(20);
+    EXPECT_EQ(4U, seen.Count());
+    for (const OSAK_TIMER timer : timers)
+    {
+        EXPECT_EQ(OSAK_OK, OSAK_FreeRelTimer(timer));
+    }
+}
+
+TEST(OsakTimer, AnExpiredRepeatingTimerGoesOnWithItsFullPeriod)
+{
+    Seen seen;
+    const OSAK_TIMER timer = Make(AddOne, kRepeats);
+    EXPECT_EQ(OSAK_OK, OSAK_StartRelTimer(timer, 200, &seen));
+    LetTimersPass(100);
+    osak::ExpireTimers();
+    seen.Await(2);
+    EXPECT_EQ(OSAK_OK, OSAK_FreeRelTimer(timer));
+    const auto times = seen.Times();
+    EXPECT_GE(times[1] - times[0], milliseconds(200));
+}
+
+TEST(OsakTimer, TimersThatDoNotRunDoNotExpire)
+{
+    Seen never;
+    Seen fired;
+    const OSAK_TIMER unstarted = Make(AddOne, kRepeats);
+    const OSAK_TIMER once = Make(AddOne, kOnce);
+    EXPECT_EQ(OSAK_OK, OSAK_StartRelTimer(once, 1, &fired));
+    fired.Await(1);
+    osak::ExpireTimers();
+    LetTimersPass(20);
+    EXPECT_EQ(1U, fired.Count());
+    EXPECT_EQ(OSAK_OK, OSAK_StartRelTimer(unstarted, kLong, &never));
+    EXPECT_EQ(OSAK_OK, OSAK_FreeRelTimer(unstarted));
+    EXPECT_EQ(OSAK_OK, OSAK_FreeRelTimer(once));
+    EXPECT_EQ(0U, never.Count());
+}
+
+// The repeating timer whose callback runs is due again as well.
+TEST(OsakTimer, ExpiryDoesNotWaitForACallback)
+{
+    Seen blocked;
+    Seen seen;
+    const OSAK_TIMER blocker = Make(AddAndAwaitOpen, kRepeats);
+    const OSAK_TIMER timer = Make(AddOne, kOnce);
+    EXPECT_EQ(OSAK_OK, OSAK_StartRelTimer(timer, kLong, &seen));
+    EXPECT_EQ(OSAK_OK, OSAK_StartRelTimer(blocker, 1, &blocked));
+    blocked.Await(1);
+    EXPECT_EQ(OSAK_OK, OSAK_StartRelTimer(blocker, kLong, &blocked));
+    osak::ExpireTimers();
+    EXPECT_EQ(0U, seen.Count());
+    blocked.Open();
+    seen.Await(1);
+    blocked.Await(2);
+    EXPECT_EQ(OSAK_OK, OSAK_FreeRelTimer(blocker));
+    EXPECT_EQ(OSAK_OK, OSAK_FreeRelTimer(timer));
+}
+
+TEST(OsakTimer, ACallbackMayLetTimersExpire)
+{
+    Seen seen;
+    const OSAK_TIMER other = Make(AddOne, kOnce);
+    EXPECT_EQ(OSAK_OK, OSAK_StartRelTimer(other, kLong, &seen));
+    const OSAK_TIMER timer = Make([](void*) { osak::ExpireTimers(); }, kOnce);
+    EXPECT_EQ(OSAK_OK, OSAK_StartRelTimer(timer, 1, nullptr));
+    seen.Await(1);
+    EXPECT_EQ(OSAK_OK, OSAK_FreeRelTimer(timer));
+    EXPECT_EQ(OSAK_OK, OSAK_FreeRelTimer(other));
+}
+
 // In a process of its own, in which the timer thread has not started yet.
 TEST(OsakTimerDeathTest, GivesNullWithoutAThreadAndWorksLater)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
+            osak::ExpireTimers();
             osak_faults::SetNoThreads(true);
             const OSAK_TIMER none = OSAK_CreateRelTimerM(AddOne, kOnce, 1, "test");
             osak_faults::SetNoThreads(false);
