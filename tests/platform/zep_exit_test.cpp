@@ -1,11 +1,18 @@
-// The process ends while threads are inside the crypto library, or use it afterwards.
+// The process ends while threads are inside the crypto library, or use it afterwards. Functions of
+// a digest are replaced at link time: one waits when a test asks for it, the others must not be
+// called once the library has ended.
 #include "zep.h"
+#include "zep/digest.h"
 
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -18,6 +25,68 @@ extern "C" const char* __tsan_default_options()
 {
     return "atexit_sleep_ms=0";
 }
+
+namespace
+{
+std::atomic<bool> g_holdReads{false};
+std::atomic<bool> g_reading{false};
+std::atomic<bool> g_libraryEnded{false};
+std::atomic<int> g_error{0};  // of a digest that has failed
+
+void Await(const std::atomic<bool>& flag)
+{
+    while (!flag)
+    {
+        std::this_thread::yield();
+    }
+}
+
+// The C library's, or the crypto library's.
+template <typename Function>
+Function* Real(const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+void DemandThatTheLibraryIsThere()
+{
+    if (g_libraryEnded)
+    {
+        _exit(8);
+    }
+}
+
+}  // namespace
+
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
+extern "C" __attribute__((visibility("default"))) ssize_t pread(int descriptor, void* buffer,
+                                                                size_t size, off_t offset)
+{
+    static const auto s_real = Real<ssize_t(int, void*, size_t, off_t)>("pread");
+    if (g_holdReads)
+    {
+        g_reading = true;
+        Await(g_libraryEnded);
+    }
+    return s_real(descriptor, buffer, size, offset);
+}
+
+extern "C" __attribute__((visibility("default"))) int EVP_DigestUpdate(EVP_MD_CTX* context,
+                                                                       const void* bytes,
+                                                                       size_t size)
+{
+    static const auto s_real = Real<int(EVP_MD_CTX*, const void*, size_t)>("EVP_DigestUpdate");
+    DemandThatTheLibraryIsThere();
+    return s_real(context, bytes, size);
+}
+
+extern "C" __attribute__((visibility("default"))) void EVP_MD_CTX_free(EVP_MD_CTX* context)
+{
+    static const auto s_real = Real<void(EVP_MD_CTX*)>("EVP_MD_CTX_free");
+    DemandThatTheLibraryIsThere();
+    s_real(context);
+}
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace
 {
@@ -45,6 +114,15 @@ unsigned int Seal()
     return ZEP_CPYPT_Encrypt(0, key, sizeof key, iv, sizeof iv, text, sizeof text, out, &size);
 }
 
+// Of a file large enough that the end of the process most often falls within the digest.
+bool DigestOfThisProgram()
+{
+    static const int s_program = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    unsigned char digest[32] = {};
+    std::uint64_t size = 0;
+    return zep::Sha256OfFile(s_program, digest, size) && size != 0;
+}
+
 // True when a forked child that does nothing ends well, and long before the layer's one second.
 bool ChildEndsAtOnce()
 {
@@ -57,8 +135,9 @@ bool ChildEndsAtOnce()
 void UseAfterTheEnd()
 {
     unsigned char byte = 0;
-    const bool isRefused =
-        Seal() == ZEP_ERR_CIPHER && ZEP_CPYPT_RealRandom(&byte, 1) == ZEP_ERR_RANDOM;
+    const bool isRefused = Seal() == ZEP_ERR_CIPHER &&
+                           ZEP_CPYPT_RealRandom(&byte, 1) == ZEP_ERR_RANDOM &&
+                           !DigestOfThisProgram() && errno == ESHUTDOWN;
     _exit(isRefused ? 7 : 8);
 }
 
@@ -69,6 +148,30 @@ TEST(ZepExit, AfterTheExitHandlersCallsAreRefused)
                   {
                       std::atexit(UseAfterTheEnd);
                       EXPECT_EQ(Seal(), 0U);
+                  }),
+              7);
+}
+
+// The end does not wait for the disk, and a digest that goes on afterwards uses no library.
+TEST(ZepExit, ADigestInProgressFailsWhenTheProcessEnds)
+{
+    EXPECT_EQ(StatusOfChild(
+                  []
+                  {
+                      std::atexit(  // runs after the layer's
+                          []
+                          {
+                              g_libraryEnded = true;
+                              while (g_error == 0)
+                              {
+                                  std::this_thread::yield();
+                              }
+                              _exit(g_error == ESHUTDOWN ? 7 : 9);
+                          });
+                      EXPECT_EQ(Seal(), 0U);
+                      g_holdReads = true;
+                      std::thread([] { g_error = DigestOfThisProgram() ? -1 : errno; }).detach();
+                      Await(g_reading);
                   }),
               7);
 }
@@ -131,7 +234,15 @@ TEST(ZepExit, ThreadsThatNobodyStopsDoNotCrashTheEnd)
                                       pause();  // refused: the end has begun
                                   });
                           }
-                          while (s_running < 4)
+                          s_threads.emplace_back(
+                              []
+                              {
+                                  for (++s_running; DigestOfThisProgram();)
+                                  {
+                                  }
+                                  pause();
+                              });
+                          while (s_running < 5)
                           {
                               std::this_thread::yield();
                           }

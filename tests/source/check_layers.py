@@ -30,7 +30,7 @@ ALLOWED = {
     "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | BASE,
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
-    "client": {"osak.h", "travex_ftp.h", "osak/timers.h"} | BASE,
+    "client": {"osak.h", "travex_ftp.h", "osak/timers.h", "zep/digest.h"} | BASE,
     "tools/corpdir": CLIENT_HEADERS | {"corpdir_log.h", "travex_ftp.h", "osak/timers.h", "base/descriptor.h"} | SHARED | TEXT,
     "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | BASE,
     "examples": {"ftpcorpdir.h", "corpdir_c.h"},
