@@ -22,6 +22,8 @@ from corpdir_help import commands, listed_options, options
 
 PATIENCE = 120  # seconds for a shell; under a sanitizer the program itself takes its time
 
+SETS = {"compatible", "modern", "service"}  # of cipher suites
+
 END = "\x1e"  # follows the completions of each line
 
 # The words of a line are split as bash does it, at blanks and around "=".
@@ -168,7 +170,7 @@ def names_of_suites(program):
 def cases(program):
     """(line, the exact set that is to be offered)"""
     files, folders, suites = {"ca.pem", "pass word"}, {"authorities"}, names_of_suites(program)
-    values = {"--log-level": {"0", "1", "2"}, "--ciphers": suites, "--config": files | folders,
+    values = {"--log-level": {"0", "1", "2"}, "--ciphers": suites | SETS, "--config": files | folders,
               "--password-file": files | folders, "--output-dir": folders, "--log-dir": folders,
               "--ca": files | folders | {"system"}}
     names, general = commands(program), set(listed_options(program))

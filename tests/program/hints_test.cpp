@@ -1,5 +1,6 @@
 // The hint for each kind of failure.
 #include "ui/hints.h"
+#include "suites.h"
 #include "travex_ftp.h"
 
 #include <gmock/gmock.h>
@@ -52,11 +53,10 @@ const Case kCases[] = {
     {"DataHandshake", TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_DATA_TLS, 0, 0,
      "the server's log may say why"},
     {"Version", TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_TLS_VERSION,
-     "the server requires another TLS version: add TLS_AES_256_GCM_SHA384 to --ciphers to offer "
-     "TLS 1.3"},
+     "the server has no TLS 1.2 or later: update the server"},
     {"Suites", TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_TLS_SUITES,
-     "the server accepts none of the cipher suites offered; 'corpdir ciphers' lists the choices "
-     "for --ciphers"},
+     "the server accepts none of the default cipher suites: 'corpdir ciphers' lists others for "
+     "--ciphers"},
     {"Name", TRAVEX_FTP_ERR_CERT, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_CERT_NAME,
      "if this is the right server, list it by the name in its certificate, or give that name with "
      "--verify-name; 'corpdir check' shows the certificate"},
@@ -114,6 +114,7 @@ TEST_P(ToolHint, FollowsFromTheStructureOfTheFailure)
 {
     Plan plan;
     plan.versionFile = "version.txt";
+    plan.suites = client::SuitesOf(client::SuiteSet::kCompatible);
     const Case& one = GetParam();
     EXPECT_EQ(HintFor({one.code, one.step, one.reply, one.detail, "version.txt", kReason}, plan),
               one.says);
@@ -131,11 +132,23 @@ std::string VersionHintWith(std::vector<int> ciphers)
         plan);
 }
 
-TEST(ToolHints, TheVersionToAddDependsOnWhatWasOffered)
+TEST(ToolHints, TheVersionRequiredFollowsFromWhatWasOffered)
 {
-    EXPECT_THAT(VersionHintWith({0x03000035}), HasSubstr("to offer TLS 1.3"));
-    EXPECT_THAT(VersionHintWith({0x03001301, 0x03001302}), HasSubstr("to offer TLS 1.2"));
+    EXPECT_THAT(VersionHintWith({0x03000035}), HasSubstr("the server requires TLS 1.3, which"));
+    EXPECT_THAT(VersionHintWith({0x03001301, 0x03001302}),
+                HasSubstr("the server requires TLS 1.2, which"));
     EXPECT_THAT(VersionHintWith({0x03001301, 0x03000035}), HasSubstr("update the server"));
+}
+
+TEST(ToolHints, SuitesThatWereChosenCanBeLeftOut)
+{
+    Plan plan;
+    plan.suites = {0x03000035};
+    EXPECT_EQ(HintFor({TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_TLS_SUITES, "",
+                       kReason},
+                      plan),
+              "the server accepts none of the suites of --ciphers: remove --ciphers, or give "
+              "--ciphers compatible");
 }
 
 TEST(ToolHints, OptionsOfTheCallChangeTheAdvice)

@@ -6,6 +6,7 @@
 
 #include "cli/options.h"
 #include "parts_support.h"
+#include "suites.h"
 #include "ui/cipher_table.h"
 
 namespace corpdir_tool
@@ -66,7 +67,7 @@ TEST_F(ToolOptions, DefaultsAreFtpsWithVerificationOfWhatIsListed)
     EXPECT_EQ(plan.port, 0U);
     EXPECT_EQ(plan.family, AF_UNSPEC);
     EXPECT_EQ(plan.timeoutSeconds, 120U);
-    EXPECT_THAT(plan.suites, IsEmpty());
+    EXPECT_EQ(plan.suites, client::SuitesOf(client::SuiteSet::kCompatible));
     EXPECT_FALSE(plan.logLevel.has_value());
 }
 
@@ -332,6 +333,23 @@ TEST_F(ToolOptions, CipherSuitesAreNumbersOrNames)
                                                0x03000035, 0x0300003C));
 }
 
+TEST_F(ToolOptions, CipherSuitesAreASetByItsWord)
+{
+    const std::pair<const char*, client::SuiteSet> sets[] = {
+        {"compatible", client::SuiteSet::kCompatible},
+        {"modern", client::SuiteSet::kModern},
+        {"SERVICE", client::SuiteSet::kService}};
+    for (const auto& [word, set] : sets)
+    {
+        m_options.ciphers = {word};
+        EXPECT_EQ(MadePlan().suites, client::SuitesOf(set)) << word;
+    }
+    m_options.ciphers = {"53", "modern"};
+    EXPECT_EQ(Message(),
+              "--ciphers: 'modern' is a set of suites and cannot be combined with other values");
+    EXPECT_EQ(Status(), kExitArguments);
+}
+
 int IdentifierOf(const std::string& text)
 {
     return FindCipher(text, SomeCiphers);
@@ -375,7 +393,7 @@ TEST(ToolCiphers, AreListedWithAllTheirNames)
     EXPECT_EQ(output.Text(),
               "IDENTIFIER  SINCE    DEFAULT  STANDARD NAME                                  "
               "OPENSSL NAME\n"
-              "0x03001302  TLSv1.3           TLS_AES_256_GCM_SHA384                         "
+              "0x03001302  TLSv1.3  yes      TLS_AES_256_GCM_SHA384                         "
               "TLS_AES_256_GCM_SHA384\n"
               "0x0300003C  TLSv1.2  yes      TLS_RSA_WITH_AES_128_CBC_SHA256                "
               "AES128-SHA256\n"

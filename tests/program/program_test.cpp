@@ -56,6 +56,62 @@ TEST_F(Program, FetchesOverIpv6)
     Fetched();
 }
 
+// Servers that follow current defaults, and what the service's own default does there.
+struct Server
+{
+    const char* name;
+    const char* minTls;
+    const char* ciphers;  // up to TLS 1.2
+    bool elliptic;        // the certificate has an ECDSA key
+};
+
+void PrintTo(const Server& server, std::ostream* stream)
+{
+    *stream << server.name;
+}
+
+class ProgramServer : public Program, public ::testing::WithParamInterface<Server>
+{
+};
+
+TEST_P(ProgramServer, IsReachedByDefault)
+{
+    m_options.min_tls = GetParam().minTls;
+    m_options.ciphers = GetParam().ciphers;
+    m_options.certificate =
+        GetParam().elliptic ? m_certificates.GoodElliptic() : m_certificates.Good();
+    Serve();
+    Fetched();
+    Fetched({"--ciphers=modern"});
+    EXPECT_EQ(RunCommand(Line("check")).status, kFetched);
+    EXPECT_EQ(Run({"--ciphers=service"}).status, kNoServer);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modern, ProgramServer,
+                         ::testing::Values(Server{"Tls13Only", "1.3", "", false},
+                                           Server{"EcdheOnly", "1.2", "ECDHE+AESGCM", false},
+                                           Server{"ChaCha20Only", "1.2", "ECDHE+CHACHA20", false},
+                                           Server{"EcdsaCertificate", "1.2", "", true}),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(Program, ReachesVsftpdWithoutOldSuitesByDefault)
+{
+    m_options.ciphers = "ECDHE+AESGCM";
+    ServeWithVsftpd();
+    Fetched();
+    EXPECT_EQ(Run({"--ciphers=service"}).status, kNoServer);
+}
+
+TEST_F(Program, ReachesAServerWithOldSuitesByDefault)
+{
+    m_options.max_tls = "1.2";
+    m_options.ciphers = "AES256-SHA";
+    Serve();
+    Fetched();
+    Fetched({"--ciphers=service"});
+    EXPECT_EQ(Run({"--ciphers=modern"}).status, kNoServer);
+}
+
 struct Suite
 {
     const char* id;
@@ -307,9 +363,8 @@ TEST_F(ProgramFailure, AnotherTlsVersionIsWanted)
     EXPECT_EQ(result.status, kNoServer) << result.output;
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr("127.0.0.1: TLS handshake failed: no TLS version in common\n"),
-                      HasSubstr("hint: the server requires another TLS version: add "
-                                "TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 to --ciphers to offer "
-                                "TLS 1.2\n")));
+                      HasSubstr("hint: the server requires TLS 1.2, which the suites of --ciphers "
+                                "exclude: ")));
     result = Run({"--ciphers=TLS_AES_256_GCM_SHA384,TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384"});
     EXPECT_EQ(result.status, kFetched) << result.output;
 }

@@ -12,6 +12,7 @@
 #include "fake_layers.h"
 #include "fake_service.h"
 #include "parts_support.h"
+#include "suites.h"
 
 namespace corpdir_tool
 {
@@ -550,7 +551,8 @@ TEST_F(ToolSession, TheCipherListIsSetAfterEachStart)
     m_options.ciphers.clear();
     m_service.cipherLists.clear();
     EXPECT_EQ(Run("192.0.2.2").status, kExitFetched);
-    EXPECT_THAT(m_service.cipherLists, IsEmpty());
+    EXPECT_THAT(m_service.cipherLists,
+                ElementsAre(client::SuitesOf(client::SuiteSet::kCompatible)));
 }
 
 TEST_F(ToolSession, AStartThatFailsIsStopped)

@@ -25,8 +25,8 @@ void OpenSsl(const std::vector<std::string>& arguments)
     }
 }
 
-// Elliptic keys: they are made quickly, and no cipher suite depends on an authority's key.
-std::string MakeAuthorityKey(const std::string& base)
+// Authorities have such keys: they are made quickly, and no cipher suite depends on them.
+std::string MakeEllipticKey(const std::string& base)
 {
     OpenSsl({"genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out",
              base + ".key"});
@@ -67,6 +67,11 @@ ServerCertificate TestCertificates::Good() const
     return WithNames(kNames);
 }
 
+ServerCertificate TestCertificates::GoodElliptic() const
+{
+    return Leaf("authority", kNames, kValidNow, MakeEllipticKey(m_directory.File("elliptic")));
+}
+
 ServerCertificate TestCertificates::WithNames(const std::string& names) const
 {
     return Leaf("authority", names, kValidNow);
@@ -103,7 +108,7 @@ ServerCertificate TestCertificates::SelfSigned() const
 ServerCertificate TestCertificates::ViaIntermediate() const
 {
     const std::string base = m_directory.File("intermediate");
-    Sign("authority", "/CN=intermediate", MakeAuthorityKey(base), base + ".pem",
+    Sign("authority", "/CN=intermediate", MakeEllipticKey(base), base + ".pem",
          "basicConstraints=critical,CA:TRUE\nkeyUsage=critical,keyCertSign\n", kValidNow);
     PrepareAuthority(base);
     const ServerCertificate leaf = Leaf("intermediate", kNames, kValidNow);
@@ -119,8 +124,8 @@ std::string TestCertificates::NewFile(const std::string& suffix) const
 std::string TestCertificates::MakeRootAuthority(const std::string& name) const
 {
     const std::string base = m_directory.File(name);
-    OpenSsl({"req", "-x509", "-new", "-key", MakeAuthorityKey(base), "-subj", "/CN=" + name,
-             "-days", "3650", "-addext", "keyUsage=critical,keyCertSign", "-out", base + ".pem"});
+    OpenSsl({"req", "-x509", "-new", "-key", MakeEllipticKey(base), "-subj", "/CN=" + name, "-days",
+             "3650", "-addext", "keyUsage=critical,keyCertSign", "-out", base + ".pem"});
     PrepareAuthority(base);
     return base + ".pem";
 }
@@ -141,10 +146,16 @@ void TestCertificates::Sign(const std::string& authority, const std::string& sub
 ServerCertificate TestCertificates::Leaf(const std::string& authority, const std::string& names,
                                          Validity validity) const
 {
+    return Leaf(authority, names, validity, m_key);
+}
+
+ServerCertificate TestCertificates::Leaf(const std::string& authority, const std::string& names,
+                                         Validity validity, const std::string& key) const
+{
     const std::string certificate = NewFile(".pem");
-    Sign(authority, "/CN=server", m_key, certificate,
+    Sign(authority, "/CN=server", key, certificate,
          "basicConstraints=CA:FALSE\nsubjectAltName=" + names + "\n", validity);
-    return {certificate, m_key};
+    return {certificate, key};
 }
 
 }  // namespace support

@@ -17,7 +17,8 @@ struct ServerCertificate
 };
 
 // A trusted certification authority, another one, and server certificates, each made on request.
-// Servers have RSA keys, since the older suites need them. Not thread-safe.
+// Servers have RSA keys unless it says otherwise, since the older suites need them. Not
+// thread-safe.
 class TestCertificates
 {
 public:
@@ -30,6 +31,7 @@ public:
     const std::string& OtherAuthority() const;  // PEM of the other one
 
     ServerCertificate Good() const;
+    ServerCertificate GoodElliptic() const;                       // with an ECDSA key
     ServerCertificate WithNames(const std::string& names) const;  // subjectAltName of OpenSSL
     ServerCertificate WrongName() const;  // for another address and another name
     ServerCertificate Expired() const;
@@ -54,6 +56,8 @@ private:
               Validity validity) const;
     ServerCertificate Leaf(const std::string& authority, const std::string& names,
                            Validity validity) const;
+    ServerCertificate Leaf(const std::string& authority, const std::string& names,
+                           Validity validity, const std::string& key) const;
 
     TemporaryDirectory m_directory;
     mutable int m_files = 0;

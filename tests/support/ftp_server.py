@@ -105,6 +105,7 @@ def parse_arguments():
     parser.add_argument("--tls-required", action="store_true",
                         help="refuse logins and data connections that are not encrypted")
     parser.add_argument("--ciphers", help="suites up to TLS 1.2, as OpenSSL's cipher lists")
+    parser.add_argument("--tls-min", default="1.2", choices=["1.2", "1.3"])
     parser.add_argument("--tls-max", default="1.3", choices=["1.2", "1.3"])
     parser.add_argument("--rate", type=int, default=0, help="bytes a second per data connection")
     parser.add_argument("--log", help="file that records what clients do")
@@ -116,9 +117,9 @@ def parse_arguments():
 
 def make_ssl_context(arguments):
     context = SSL.Context(SSL.TLS_SERVER_METHOD)
-    context.set_min_proto_version(SSL.TLS1_2_VERSION)
-    context.set_max_proto_version(SSL.TLS1_2_VERSION if arguments.tls_max == "1.2"
-                                  else SSL.TLS1_3_VERSION)
+    versions = {"1.2": SSL.TLS1_2_VERSION, "1.3": SSL.TLS1_3_VERSION}
+    context.set_min_proto_version(versions[arguments.tls_min])
+    context.set_max_proto_version(versions[arguments.tls_max])
     context.use_certificate_chain_file(arguments.cert)
     context.use_privatekey_file(arguments.key or arguments.cert)
     context.check_privatekey()

@@ -319,6 +319,7 @@ PyFtpServer::PyFtpServer(const FtpServerOptions& options) : FtpServer(options)
     {
         arguments.push_back("--cert=" + options.certificate.certificate_file);
         arguments.push_back("--key=" + options.certificate.key_file);
+        arguments.push_back("--tls-min=" + options.min_tls);
         arguments.push_back("--tls-max=" + options.max_tls);
     }
     if (options.tls != Tls::kNone && options.require_tls)

@@ -39,6 +39,7 @@ struct FtpServerOptions
     ServerCertificate certificate;      // with TLS
     bool require_tls = true;            // with TLS: no login and no data connection without it
     std::string ciphers;                // suites up to TLS 1.2; empty: the server's default
+    std::string min_tls = "1.2";        // or "1.3"; PyFtpServer only
     std::string max_tls = "1.3";        // or "1.2"; PyFtpServer and ProftpdServer only
     bool require_session_reuse = true;  // VsftpdServer and ProftpdServer only
     int bytes_per_second = 0;  // of each transfer, 0: no limit; PyFtpServer and VsftpdServer only

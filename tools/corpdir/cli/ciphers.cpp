@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
+#include <utility>
 
 #include "exit_error.h"
+#include "suites.h"
 #include "text.h"
 
 namespace corpdir_tool
@@ -42,12 +44,45 @@ bool SameName(const std::string& one, const std::string& other)
     return strcasecmp(one.c_str(), other.c_str()) == 0;
 }
 
+std::optional<client::SuiteSet> SetOf(const std::string& text)
+{
+    const std::pair<const char*, client::SuiteSet> sets[] = {
+        {"compatible", client::SuiteSet::kCompatible},
+        {"modern", client::SuiteSet::kModern},
+        {"service", client::SuiteSet::kService}};
+    for (const auto& [word, set] : sets)
+    {
+        if (SameName(text, word))
+        {
+            return set;
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
-const std::vector<int>& DefaultCiphers()
+std::vector<int> FindSuites(const std::vector<std::string>& texts, const CipherSource& source)
 {
-    static const std::vector<int> s_ciphers = {0x03000035, 0x0300003C, 0x0300003D};
-    return s_ciphers;
+    if (texts.empty())
+    {
+        return client::SuitesOf(client::SuiteSet::kCompatible);
+    }
+    std::vector<int> suites;
+    for (const std::string& text : texts)
+    {
+        const std::optional<client::SuiteSet> set = SetOf(text);
+        if (set && texts.size() == 1)
+        {
+            return client::SuitesOf(*set);
+        }
+        if (set)
+        {
+            Refuse(text, "is a set of suites and cannot be combined with other values");
+        }
+        suites.push_back(FindCipher(text, source));
+    }
+    return suites;
 }
 
 int FindCipher(const std::string& text, const CipherSource& source)

@@ -23,8 +23,9 @@ using CipherTable = std::vector<CipherSuite>;
 // Makes the table; called only when needed, since it takes a moment.
 using CipherSource = std::function<CipherTable()>;
 
-// The suites that are offered without --ciphers: the service's default, see ftpcorpdir.h.
-const std::vector<int>& DefaultCiphers();
+// The suites of --ciphers: those of the word "compatible" (also without any text), "modern" or
+// "service", or the suite of each text. Throws ExitError for anything else.
+std::vector<int> FindSuites(const std::vector<std::string>& texts, const CipherSource& source);
 
 // The identifier for "0x03000035", "0x0035", a decimal number, or either name of a suite in the
 // table, in any case. A number need not be in the table: the FTP layer checks it. Throws ExitError

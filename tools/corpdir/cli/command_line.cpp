@@ -134,8 +134,9 @@ void AddProtectionOptions(CLI::App& command, Options& options)
             "Accept any certificate: insecure, any server gets the password");
     AddFlag(command, kProtection, "--plain", options.plain,
             "FTP without TLS: insecure, password and files are not encrypted");
-    Add(command, kProtection, "--ciphers", options.ciphers, "SUITE,SUITE",
-        "Cipher suites to offer, by number or name; 'corpdir ciphers' lists them")
+    Add(command, kProtection, "--ciphers", options.ciphers, "SET|SUITE,SUITE",
+        "Cipher suites to offer: 'compatible' (default), 'modern', 'service', or a\n"
+        "list of numbers and names; 'corpdir ciphers' lists them")
         ->allow_extra_args(false)
         ->delimiter(',');
 }

@@ -182,10 +182,7 @@ void PlanProtection(const CipherSource& ciphers, Plan& plan)
         CheckNames(plan.verifyNames);
         plan.trust = kTrustPrefix + plan.ca;
     }
-    for (const std::string& cipher : plan.ciphers)
-    {
-        plan.suites.push_back(FindCipher(cipher, ciphers));
-    }
+    plan.suites = FindSuites(plan.ciphers, ciphers);
 }
 
 void PlanLog(Plan& plan)

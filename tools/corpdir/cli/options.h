@@ -61,7 +61,7 @@ struct Plan : Options
     int family = 0;                    // the family of localIp, else AF_UNSPEC
     bool verify = true;
     std::string trust;        // text for the FTP layer, never empty
-    std::vector<int> suites;  // of --ciphers; empty: DefaultCiphers()
+    std::vector<int> suites;  // of --ciphers, never empty
 
     std::string VersionPath() const
     {

@@ -198,9 +198,8 @@ unsigned int Checker::SetParameters(TRAVEX_FTP_HANDLE handle, const Server& serv
     CopyText(parameters.acPassword, m_password.View());
     CopyText(parameters.acWorkDir, m_scratch);
     parameters.pcFtpCtrlInfo = m_plan.trust.c_str();
-    const std::vector<int>& ciphers = m_plan.suites.empty() ? DefaultCiphers() : m_plan.suites;
-    parameters.piCipherList = ciphers.data();
-    parameters.ulCipherNum = static_cast<unsigned int>(ciphers.size());
+    parameters.piCipherList = m_plan.suites.data();
+    parameters.ulCipherNum = static_cast<unsigned int>(m_plan.suites.size());
     if (!m_plan.localIp.empty())
     {
         parameters.ulLocalIpType = SetAddress(m_plan.localIp, parameters.aucLocalIp);

@@ -42,6 +42,7 @@ _corpdir()
             _corpdir_words "0 1 2" "$word"
             return ;;
         --ciphers)
+            [[ $word == *,* ]] || _corpdir_words "compatible modern service" "$word"
             # Both names of each suite, for the last element of a list.
             _corpdir_words "$("$1" ciphers 2>/dev/null | awk 'NR > 1 { print $(NF - 1), $NF }')" \
                 "${word##*,}" "${word%"${word##*,}"}"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "suites.h"
 #include "ui/json.h"
 
 namespace corpdir_tool
@@ -19,8 +20,8 @@ std::string Hexadecimal(int identifier)
 
 bool IsDefault(const CipherSuite& suite)
 {
-    const std::vector<int>& ciphers = DefaultCiphers();
-    return std::find(ciphers.begin(), ciphers.end(), suite.identifier) != ciphers.end();
+    const std::vector<int> suites = client::SuitesOf(client::SuiteSet::kCompatible);
+    return std::find(suites.begin(), suites.end(), suite.identifier) != suites.end();
 }
 
 }  // namespace

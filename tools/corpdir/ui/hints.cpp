@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "suites.h"
 #include "travex_ftp.h"
 
 namespace corpdir_tool
@@ -52,20 +53,29 @@ bool IsTls13(int cipher)
     return (cipher & 0xff00) == 0x1300;
 }
 
-// The TLS versions offered follow from the suites; the default suites are older than TLS 1.3.
+// The TLS versions offered follow from the suites.
 std::string VersionHint(const Plan& plan)
 {
     const auto count = std::count_if(plan.suites.begin(), plan.suites.end(), IsTls13);
-    const std::string prefix = "the server requires another TLS version: ";
-    if (count == 0)
+    const bool both = count != 0 && static_cast<std::size_t>(count) != plan.suites.size();
+    if (both)
     {
-        return prefix + "add TLS_AES_256_GCM_SHA384 to --ciphers to offer TLS 1.3";
+        return "the server has no TLS 1.2 or later: update the server";
     }
-    if (static_cast<std::size_t>(count) == plan.suites.size())
+    return std::string("the server requires ") + (count == 0 ? "TLS 1.3" : "TLS 1.2") +
+           ", which the suites of --ciphers exclude: remove --ciphers, or give --ciphers "
+           "compatible";
+}
+
+std::string SuitesHint(const Plan& plan)
+{
+    if (plan.suites == client::SuitesOf(client::SuiteSet::kCompatible))
     {
-        return prefix + "add TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384 to --ciphers to offer TLS 1.2";
+        return "the server accepts none of the default cipher suites: 'corpdir ciphers' lists "
+               "others for --ciphers";
     }
-    return prefix + "its TLS is too old for the suites of --ciphers; update the server";
+    return "the server accepts none of the suites of --ciphers: remove --ciphers, or give "
+           "--ciphers compatible";
 }
 
 std::string TlsHint(const Failure& failure, const Plan& plan)
@@ -76,8 +86,7 @@ std::string TlsHint(const Failure& failure, const Plan& plan)
     }
     if (failure.detail == TRAVEX_FTP_DETAIL_TLS_SUITES)
     {
-        return "the server accepts none of the cipher suites offered; 'corpdir ciphers' lists the "
-               "choices for --ciphers";
+        return SuitesHint(plan);
     }
     switch (failure.step)
     {
