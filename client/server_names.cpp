@@ -233,14 +233,19 @@ LookupResult SystemLookup(const std::string& name, int family)
 // Owned by the lookup and by each of its threads.
 struct ServerLookup::Shared
 {
-    Shared(std::vector<std::string> allNames, int ofFamily, Lookup how)
-        : names(std::move(allNames)), family(ofFamily), lookup(std::move(how))
+    Shared(std::vector<std::string> allNames, int ofFamily, Lookup how,
+           std::function<void()> whenDone)
+        : names(std::move(allNames)),
+          family(ofFamily),
+          lookup(std::move(how)),
+          onDone(std::move(whenDone))
     {
     }
 
     const std::vector<std::string> names;
     const int family;
     const Lookup lookup;
+    const std::function<void()> onDone;
 
     std::mutex mutex;  // guards the rest
     std::condition_variable changed;
@@ -277,14 +282,26 @@ struct ServerLookup::Shared
                 outOfMemory = true;
             }
             changed.notify_all();
+            if (onDone && IsDone())
+            {
+                onDone();
+            }
         }
+    }
+
+    bool IsDone()
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return Done();
     }
 };
 
 // Fewer threads than asked for do, only later.
-ServerLookup::ServerLookup(std::vector<ServerEntry> entries, int family, Lookup lookup)
+ServerLookup::ServerLookup(std::vector<ServerEntry> entries, int family, Lookup lookup,
+                           std::function<void()> onDone)
     : m_entries(std::move(entries)),
-      m_shared(std::make_shared<Shared>(NamesOf(m_entries), family, std::move(lookup)))
+      m_shared(std::make_shared<Shared>(NamesOf(m_entries), family, std::move(lookup),
+                                        std::move(onDone)))
 {
     const std::size_t wanted = std::min(m_shared->names.size(), kMaxThreads);
     for (std::size_t made = 0; made != wanted; ++made)
@@ -342,6 +359,11 @@ ResolvedServers ServerLookup::Wait(std::chrono::milliseconds limit)
         }
     }
     return {std::move(list.servers), std::move(leftOut)};
+}
+
+bool ServerLookup::IsDone() const
+{
+    return m_shared->IsDone();
 }
 
 void ServerLookup::GiveUp() noexcept

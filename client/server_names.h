@@ -87,8 +87,11 @@ LookupResult SystemLookup(const std::string& name, int family);
 class ServerLookup
 {
 public:
-    // Begins the lookups. Throws std::system_error when no thread can be made, std::bad_alloc.
-    ServerLookup(std::vector<ServerEntry> entries, int family, Lookup lookup);
+    // Begins the lookups. onDone is called on the last thread when Wait() would not wait any more;
+    // it may outlive the lookup, and must not throw. Throws std::system_error when no thread can be
+    // made, std::bad_alloc.
+    ServerLookup(std::vector<ServerEntry> entries, int family, Lookup lookup,
+                 std::function<void()> onDone = nullptr);
     ~ServerLookup();  // gives up
     ServerLookup(const ServerLookup&) = delete;
     ServerLookup& operator=(const ServerLookup&) = delete;
@@ -96,6 +99,9 @@ public:
     // Waits for the names, at most for this time; a name without an answer is left out then. Throws
     // std::bad_alloc, also for a lookup that did. Call it once.
     ResolvedServers Wait(std::chrono::milliseconds limit = kLookupLimit);
+
+    // True when Wait() would not wait.
+    bool IsDone() const;
 
     // Ends a wait at once. Any thread.
     void GiveUp() noexcept;

@@ -4,6 +4,7 @@
 #include <netdb.h>
 
 #include "osak.h"
+#include "osak/timers.h"
 
 namespace corpdir_tool
 {
@@ -68,4 +69,9 @@ int OSAK_GetAddrInfo(const char* node, const char* service, const struct addrinf
 void OSAK_FreeAddrInfo(struct addrinfo* result)
 {
     freeaddrinfo(result);
+}
+
+void osak::ExpireTimers() noexcept
+{
+    ++Layers().expiries;
 }

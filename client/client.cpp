@@ -1,0 +1,726 @@
+#include "client.h"
+
+#include <stdio.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "base/mutex.h"
+#include "client_log.h"
+#include "osak/timers.h"
+#include "travex_ftp.h"
+
+namespace client
+{
+
+namespace
+{
+
+constexpr unsigned int kErrorLevel = 0;
+
+// The service's interval between two checks.
+constexpr std::chrono::seconds kCheckInterval{600};
+
+bool SameServers(const std::vector<Server>& one, const std::vector<Server>& other)
+{
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [](const Server& left, const Server& right)
+                      { return left.address == right.address && left.listed == right.listed; });
+}
+
+// True when every server would refuse the same settings.
+bool IsSettingsRefusal(unsigned int code)
+{
+    return code == TRAVEX_FTP_ERR_PARAM || code == TRAVEX_FTP_ERR_CIPHER ||
+           code == TRAVEX_FTP_ERR_TRUST;
+}
+
+std::string SystemMessage(int error)
+{
+    return std::generic_category().message(error);
+}
+
+}  // namespace
+
+// What the layers' threads have reported. Thread-safe: one mutex guards all members.
+class Client::Inbox
+{
+public:
+    // It never throws: when memory runs out, Take() does.
+    void Push(Input input) noexcept
+    {
+        try
+        {
+            const base::MutexLock lock(m_mutex);
+            m_inputs.push_back(std::move(input));
+        }
+        catch (const std::bad_alloc&)
+        {
+            SetOutOfMemory();
+        }
+        m_changed.NotifyAll();
+    }
+
+    void SetOutOfMemory() noexcept
+    {
+        Set(m_outOfMemory);
+    }
+
+    // Ends one Take() without an input. woken: by the client's user.
+    void Wake() noexcept
+    {
+        Set(m_woken);
+    }
+    void Nudge() noexcept
+    {
+        Set(m_nudged);
+    }
+
+    // The next input; nothing at the deadline or when it was woken. Throws std::bad_alloc when an
+    // input was lost: it may be the one awaited, so this comes before all others.
+    std::optional<Input> Take(Clock::time_point deadline, bool& woken)
+    {
+        const base::MutexLock lock(m_mutex);
+        while (!m_outOfMemory && !m_woken && !m_nudged && m_inputs.empty() &&
+               m_changed.WaitUntil(m_mutex, deadline))
+        {
+        }
+        if (m_outOfMemory)
+        {
+            throw std::bad_alloc();
+        }
+        woken = std::exchange(m_woken, false);
+        m_nudged = false;
+        if (woken || m_inputs.empty())
+        {
+            return std::nullopt;
+        }
+        Input input = std::move(m_inputs.front());
+        m_inputs.pop_front();
+        return input;
+    }
+
+    std::deque<Input> TakeAll()
+    {
+        const base::MutexLock lock(m_mutex);
+        return std::exchange(m_inputs, {});
+    }
+
+private:
+    void Set(bool& flag) noexcept
+    {
+        {
+            const base::MutexLock lock(m_mutex);
+            flag = true;
+        }
+        m_changed.NotifyAll();
+    }
+
+    base::Mutex m_mutex;
+    base::CondVar m_changed;
+    std::deque<Input> m_inputs CORPDIR_GUARDED_BY(m_mutex);
+    bool m_woken = false;   // guarded by m_mutex, as the next two
+    bool m_nudged = false;  // something else than an input is to be looked at
+    bool m_outOfMemory = false;
+};
+
+// What happens on the FTP layer's threads: files that have arrived are read, or put aside, before
+// the service goes on. Constant while the service runs.
+class Client::Observer
+{
+public:
+    Observer(const Settings& settings, Staging& staging, std::string current, Inbox& inbox,
+             ServiceLink& link)
+        : m_versionFile(settings.versionFile),
+          m_current(std::move(current)),
+          m_staging(staging),
+          m_inbox(inbox),
+          m_link(link)
+    {
+    }
+
+    void Observe(const tagTRAVEX_FTP_S_OBSERVATION& seen) const noexcept
+    {
+        try
+        {
+            Input input;
+            input.transfer = EventOf(seen);
+            if (input.transfer.kind == EventKind::kTransferred)
+            {
+                const bool isVersion = input.transfer.file == m_versionFile;
+                (this->*(isVersion ? &Observer::ReadVersion : &Observer::PutAside))(input);
+            }
+            m_inbox.Push(std::move(input));
+        }
+        catch (const std::bad_alloc&)
+        {
+            m_inbox.SetOutOfMemory();
+        }
+    }
+
+private:
+    void ReadVersion(Input& input) const
+    {
+        auto seen = std::make_shared<Seen>();
+        (void)clock_gettime(CLOCK_REALTIME, &seen->read);
+        seen->file = ReadVersionFile(m_staging.Path(Staging::File::kVersion));
+        // The service would queue the directory file when this returns.
+        input.stopped = !m_current.empty() && seen->file.version == m_current;
+        if (input.stopped)
+        {
+            m_link.StopInObserver();
+        }
+        input.version = std::move(seen);
+    }
+
+    void PutAside(Input& input) const
+    {
+        const std::string received = m_staging.NewReceivedPath();
+        if (rename(m_staging.Path(Staging::File::kDirectory).c_str(), received.c_str()) == 0)
+        {
+            input.path = received;
+            return;
+        }
+        input.transfer.code = TRAVEX_FTP_ERR_LOCAL_FILE;
+        input.transfer.reason = "cannot rename '" + m_staging.Path(Staging::File::kDirectory) +
+                                "': " + SystemMessage(errno);
+    }
+
+    const std::string m_versionFile;
+    const std::string m_current;  // version of the local files; empty: fetch in any case
+    Staging& m_staging;
+    Inbox& m_inbox;
+    ServiceLink& m_link;
+};
+
+Client::Client(IFtpCorpDir& service, Lookup lookup)
+    : m_findAddresses(std::move(lookup)), m_inbox(std::make_shared<Inbox>()), m_link(service)
+{
+}
+
+Client::~Client()
+{
+    Stop();
+    TRAVEX_FTP_SetObserver(nullptr, nullptr);
+}
+
+void Client::Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
+{
+    static_cast<const Observer*>(user)->Observe(*seen);
+}
+
+void Client::Start(Settings settings)
+{
+    Stop();
+    TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    m_settings = std::move(settings);
+    if (m_directories == nullptr || m_directories->Folder() != m_settings.directoryFolder)
+    {
+        m_directories = std::make_unique<Staging>(m_settings.directoryFolder);
+    }
+    m_versions = m_settings.versionFolder == m_settings.directoryFolder
+                     ? nullptr
+                     : std::make_unique<Staging>(m_settings.versionFolder);
+    m_files = std::make_unique<LocalFiles>(m_settings, *m_directories,
+                                           m_versions == nullptr ? *m_directories : *m_versions);
+    std::string warning;
+    const std::string current = m_settings.onlyIfChanged ? m_files->Current(warning) : "";
+    Warn(warning);
+    m_observer = std::make_unique<Observer>(m_settings, *m_directories, current, *m_inbox, m_link);
+    TRAVEX_FTP_SetObserver(&Observe, m_observer.get());
+    m_taken = false;
+    m_loginRefused = false;
+    BeginCheck();
+}
+
+std::optional<Event> Client::Next(Clock::time_point deadline)
+{
+    for (;;)
+    {
+        if (!m_events.empty())
+        {
+            Event event = std::move(m_events.front());
+            m_events.pop_front();
+            return event;
+        }
+        const Clock::time_point now = Clock::now();
+        if (m_lookup != nullptr && (m_lookup->IsDone() || now >= m_lookupEnds))
+        {
+            OnLookedUp();
+            continue;
+        }
+        if (m_state == State::kPausing && now >= m_due)
+        {
+            BeginCheck();
+            continue;
+        }
+        Clock::time_point end = deadline;
+        end = m_lookup != nullptr ? std::min(end, m_lookupEnds) : end;
+        end = m_state == State::kPausing ? std::min(end, m_due) : end;
+        bool woken = false;
+        const std::optional<Input> input = m_inbox->Take(end, woken);
+        if (input)
+        {
+            Handle(*input);
+        }
+        else if (woken || Clock::now() >= deadline)
+        {
+            return std::nullopt;
+        }
+    }
+}
+
+void Client::Wake() noexcept
+{
+    m_inbox->Wake();
+}
+
+void Client::CheckNow()
+{
+    if (m_state == State::kIdle)
+    {
+        osak::ExpireTimers();
+    }
+    else if (m_state == State::kPausing)
+    {
+        m_due = Clock::now();
+    }
+}
+
+void Client::Stop()
+{
+    m_link.Stop();
+    m_lookup.reset();
+    for (const Input& input : m_inbox->TakeAll())
+    {
+        if (!input.path.empty())
+        {
+            (void)remove(input.path.c_str());
+        }
+    }
+    m_state = State::kStopped;
+}
+
+void Client::RemoveStaged() const noexcept
+{
+    for (const Staging* staging : {m_directories.get(), m_versions.get()})
+    {
+        if (staging != nullptr)
+        {
+            staging->Remove();
+        }
+    }
+}
+
+// With names looked up again, and a new request.
+void Client::BeginCheck()
+{
+    m_state = State::kResolving;
+    LookUp();
+}
+
+void Client::LookUp()
+{
+    const std::shared_ptr<Inbox> inbox = m_inbox;
+    m_lookup = std::make_unique<ServerLookup>(m_settings.servers, m_settings.family,
+                                              m_findAddresses, [inbox] { inbox->Nudge(); });
+    m_lookupEnds = Clock::now() + kLookupLimit;
+}
+
+void Client::OnLookedUp()
+{
+    ResolvedServers resolved = m_lookup->Wait(std::chrono::milliseconds(0));
+    m_lookup.reset();
+    for (const LeftOut& entry : resolved.leftOut)
+    {
+        Event& event = Say(Report::kNameFailed, {"", entry.text, {}});
+        event.transfer.reason = entry.problem;
+        CLIENT_LOG(kErrorLevel, "No address for server %s: %s", entry.text.c_str(),
+                   entry.problem.c_str());
+    }
+    const bool asked = m_state == State::kResolving;
+    if (resolved.servers.empty())
+    {
+        if (asked)
+        {
+            FailCheck();
+            Pause(m_settings.retry);
+        }
+        return;
+    }
+    // If a name has no address at the moment, the addresses of the current request stay in use.
+    const bool moved = m_state == State::kIdle && resolved.leftOut.empty() &&
+                       !SameServers(resolved.servers, m_found);
+    if (asked || moved)
+    {
+        m_found = std::move(resolved.servers);
+        m_servers = m_found;
+        m_failed.clear();
+        Request(0);
+    }
+}
+
+// Makes a request that begins with this server of the previous one.
+void Client::Request(std::size_t first)
+{
+    Stop();
+    std::rotate(m_servers.begin(), m_servers.begin() + static_cast<std::ptrdiff_t>(first),
+                m_servers.end());
+    m_version.clear();
+    m_expected.clear();
+    m_read.reset();
+    m_left = OthersLeft();
+    unsigned int code = 0;
+    try
+    {
+        m_link.Start(m_settings);
+        code = m_link.Request(m_settings, m_servers, m_directories->Name(Staging::File::kVersion),
+                              m_directories->Name(Staging::File::kDirectory),
+                              std::exchange(m_loginRefused, false));
+    }
+    catch (const StartError& error)
+    {
+        Stop();
+        if (!m_taken)
+        {
+            throw;
+        }
+        Say(Report::kStartFailed, {}).transfer.reason = error.what();
+        Pause(m_settings.retry);
+        return;
+    }
+    m_state = State::kChecking;
+    if (code != 0)
+    {
+        OnRequestRefused(code);
+    }
+}
+
+// The refusal was observed on this thread, before the request returned.
+void Client::OnRequestRefused(unsigned int code)
+{
+    TransferEvent refusal;
+    refusal.kind = EventKind::kRefused;
+    refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
+    for (const Input& input : m_inbox->TakeAll())
+    {
+        refusal = input.transfer.kind == EventKind::kRefused ? input.transfer : refusal;
+    }
+    OnRefused(refusal);
+}
+
+void Client::Handle(const Input& input)
+{
+    const TransferEvent& transfer = input.transfer;
+    switch (transfer.kind)
+    {
+        case EventKind::kAccepted:
+            OnAccepted(transfer);
+            break;
+        case EventKind::kTransferred:
+            IsVersionFile(transfer) ? OnVersion(input) : OnDirectory(input);
+            break;
+        case EventKind::kFailed:
+            OnFailed(transfer);
+            break;
+        case EventKind::kRefused:
+            OnRefused(transfer);
+            break;
+        default:
+            Say(Report::kProgress, ServerOf(transfer)).transfer = transfer;
+            break;
+    }
+}
+
+void Client::OnAccepted(const TransferEvent& transfer)
+{
+    m_taken = true;
+    if (!IsVersionFile(transfer))
+    {
+        m_expected[transfer.task] = m_read;
+        return;
+    }
+    if (m_state == State::kIdle)
+    {
+        m_failed.clear();
+    }
+    m_state = State::kChecking;
+    Event& event = Say(Report::kChecking, ServerOf(transfer));
+    event.next = m_failed.empty()        ? Next::kNothing
+                 : m_servers.size() == 1 ? Next::kSameServer
+                                         : Next::kOtherServer;
+}
+
+// The service reads the version by the same rule, and goes on to the directory file when it is
+// valid and new.
+void Client::OnVersion(const Input& input)
+{
+    const Server server = ServerOf(input.transfer);
+    const VersionFile& file = input.version->file;
+    if (!file.version)
+    {
+        OnInvalidVersion(input.transfer, file);
+        return;
+    }
+    m_left = m_servers.size();
+    m_read = input.version;
+    const bool unchanged = input.stopped || *file.version == m_version;
+    m_version = *file.version;
+    Event& event = Say(unchanged ? Report::kUnchanged : Report::kNewVersion, server);
+    event.version = m_version;
+    event.transfer = input.transfer;
+    Warn(file.warning);
+    if (!unchanged)
+    {
+        m_state = State::kFetching;
+        return;
+    }
+    Warn(m_files->NoteUnchanged(file));
+    EndCheck();
+    if (input.stopped)
+    {
+        Stop();
+    }
+}
+
+void Client::OnInvalidVersion(const TransferEvent& transfer, const VersionFile& file)
+{
+    const Server server = ServerOf(transfer);
+    m_failed.insert(server.address);
+    Event& event = Say(Report::kInvalidVersion, server);
+    event.transfer = transfer;
+    event.transfer.reason = file.problem;
+    event.next = OthersFailed() ? Next::kNothing : Next::kOtherServer;
+    CLIENT_LOG(kErrorLevel, "The version file %s from server %s is not valid: %s",
+               transfer.file.c_str(), server.Label().c_str(), file.problem.c_str());
+    GoOn(server);
+}
+
+void Client::OnDirectory(const Input& input)
+{
+    const auto expected = m_expected.find(input.transfer.task);
+    if (expected == m_expected.end() || expected->second == nullptr)
+    {
+        return;  // of no request of ours
+    }
+    const std::shared_ptr<const Seen> seen = expected->second;
+    m_expected.erase(expected);
+    const Server server = ServerOf(input.transfer);
+    TransferEvent transfer = input.transfer;
+    try
+    {
+        if (input.path.empty())
+        {
+            throw std::runtime_error(transfer.reason);
+        }
+        const Commit commit =
+            m_files->Replace({seen->file, seen->read, input.path, server.Label()});
+        transfer.bytes = commit.size;
+        Event& event = Say(commit.unchanged ? Report::kUnchanged : Report::kDelivered, server);
+        event.version = *seen->file.version;
+        event.path = m_settings.DirectoryPath();
+        event.transfer = transfer;
+        Warn(commit.warning);
+        EndCheck();
+    }
+    catch (const std::bad_alloc&)
+    {
+        throw;
+    }
+    catch (const std::runtime_error& error)  // std::system_error too
+    {
+        transfer.code = TRAVEX_FTP_ERR_LOCAL_FILE;
+        transfer.reason = error.what();
+        OnLocalFileFailed(transfer);
+    }
+}
+
+void Client::OnFailed(const TransferEvent& transfer)
+{
+    m_loginRefused = m_loginRefused || transfer.code == TRAVEX_FTP_ERR_LOGIN;
+    if (transfer.code == TRAVEX_FTP_ERR_LOCAL_FILE)
+    {
+        OnLocalFileFailed(transfer);
+    }
+    else if (IsVersionFile(transfer))
+    {
+        OnVersionFailed(transfer);
+    }
+    else
+    {
+        OnDirectoryFailed(transfer);
+    }
+}
+
+// Another server would not help.
+void Client::OnLocalFileFailed(const TransferEvent& transfer)
+{
+    Say(Report::kFailed, ServerOf(transfer)).transfer = transfer;
+    FailCheck();
+    Pause(m_settings.retry);
+}
+
+// The service goes on to the next server by itself until its list is used up. Then it begins again
+// with all servers at its next check.
+void Client::OnVersionFailed(const TransferEvent& transfer)
+{
+    const Server server = ServerOf(transfer);
+    m_failed.insert(server.address);
+    const bool usedUp = m_left == 0;
+    m_left = usedUp ? OthersLeft() : m_left - 1;
+    // It may still have servers to which the client had gone by itself.
+    const bool over = usedUp || (m_servers.size() > 1 && OthersFailed());
+    Event& event = Say(Report::kFailed, server);
+    event.transfer = transfer;
+    event.next = over                    ? Next::kNothing
+                 : m_servers.size() == 1 ? Next::kSameServer
+                                         : Next::kOtherServer;
+    if (!over)
+    {
+        return;
+    }
+    FailCheck();
+    if (m_version.empty() || !usedUp)
+    {
+        Pause(m_settings.retry);
+    }
+    else if (m_loginRefused)
+    {
+        Pause(kCheckInterval);  // the service would log in with the same password
+    }
+    else
+    {
+        m_state = State::kIdle;
+        Say(Report::kWaiting, {}).wait = kCheckInterval;
+        LookUp();
+    }
+}
+
+void Client::OnDirectoryFailed(const TransferEvent& transfer)
+{
+    const auto expected = m_expected.find(transfer.task);
+    const bool isLatest = expected != m_expected.end() && expected->second == m_read;
+    if (expected != m_expected.end())
+    {
+        m_expected.erase(expected);
+    }
+    const Server server = ServerOf(transfer);
+    m_failed.insert(server.address);
+    Event& event = Say(Report::kFailed, server);
+    event.transfer = transfer;
+    if (isLatest)  // else a newer one follows
+    {
+        event.next = OthersFailed() ? Next::kNothing : Next::kOtherServer;
+        GoOn(server);
+    }
+}
+
+// At the start refused settings are the user's mistake. Later the cause may be temporary: a missing
+// file, or lack of memory.
+void Client::OnRefused(const TransferEvent& transfer)
+{
+    const bool final = !m_taken && IsSettingsRefusal(transfer.code);
+    Say(final ? Report::kRefused : Report::kFailed, ServerOf(transfer)).transfer = transfer;
+    if (final)
+    {
+        Stop();
+        return;
+    }
+    FailCheck();
+    Pause(m_settings.retry);
+}
+
+// To the next server that has not failed; the service itself would not go there.
+void Client::GoOn(const Server& failed)
+{
+    if (OthersFailed())
+    {
+        FailCheck();
+        Pause(m_settings.retry);
+        return;
+    }
+    const auto hasFailed = [this](const Server& server)
+    { return m_failed.count(server.address) != 0; };
+    const auto isFailed = [&failed](const Server& server)
+    { return server.address == failed.address; };
+    const auto from = std::find_if(m_servers.begin(), m_servers.end(), isFailed);
+    auto next = std::find_if_not(from, m_servers.end(), hasFailed);
+    next = next != m_servers.end() ? next : std::find_if_not(m_servers.begin(), from, hasFailed);
+    Request(static_cast<std::size_t>(next - m_servers.begin()));
+}
+
+void Client::EndCheck()
+{
+    m_failed.clear();
+    m_state = m_expected.empty() ? State::kIdle : State::kFetching;
+}
+
+void Client::FailCheck()
+{
+    Say(Report::kPassFailed, {});
+    Warn(m_files->NoteFailure());
+}
+
+// Stops the service, and makes a new request after this time.
+void Client::Pause(std::chrono::seconds time)
+{
+    Stop();
+    m_state = State::kPausing;
+    m_due = Clock::now() + time;
+    Event& event = Say(Report::kWaiting, {});
+    event.wait = time;
+    event.retries = true;
+}
+
+Event& Client::Say(Report kind, const Server& server)
+{
+    Event& event = m_events.emplace_back();
+    event.kind = kind;
+    event.server = server;
+    return event;
+}
+
+// Nothing for an empty text.
+void Client::Warn(const std::string& reason)
+{
+    if (!reason.empty())
+    {
+        Say(Report::kWarning, {}).transfer.reason = reason;
+    }
+}
+
+bool Client::IsVersionFile(const TransferEvent& transfer) const
+{
+    return transfer.file == m_settings.versionFile;
+}
+
+// The server with its name.
+Server Client::ServerOf(const TransferEvent& transfer) const
+{
+    const std::string address = AddressOfEndpoint(transfer.server);
+    for (const Server& server : m_servers)
+    {
+        if (server.address == address)
+        {
+            return server;
+        }
+    }
+    return {address, "", {}};
+}
+
+// The servers that the service asks after the first; a single one is asked twice.
+std::size_t Client::OthersLeft() const
+{
+    return std::max<std::size_t>(m_servers.size() - 1, 1);
+}
+
+bool Client::OthersFailed() const
+{
+    return m_failed.size() >= m_servers.size();
+}
+
+}  // namespace client

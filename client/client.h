@@ -1,0 +1,159 @@
+// Keeps one directory current, on top of the service.
+#ifndef CORPDIR_CLIENT_CLIENT_H
+#define CORPDIR_CLIENT_CLIENT_H
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "event.h"
+#include "ftpcorpdir.h"
+#include "local_files.h"
+#include "server_names.h"
+#include "service_link.h"
+#include "settings.h"
+#include "staging.h"
+#include "transfer_event.h"
+
+namespace client
+{
+
+// The service checks the version every ten minutes, and goes through the servers while the version
+// file fails. It does not retry a directory file that failed, a version that is not valid, or a
+// transfer that could not be started, and never looks up names again. In these cases the client
+// stops the service and makes a new request:
+//   - at once, to the next server, when the directory file failed or the version is not valid;
+//   - after settings.retry, with names looked up again, when every server failed in this way, when
+//     a local file could not be written, or when no version was seen since the request;
+//   - when every server failed and their names have other addresses now.
+// A check ends with kUnchanged, kDelivered or kPassFailed.
+//
+// Both files arrive under names of the client's own. The version that was read last before a
+// directory file was accepted belongs to it, and both are put into place together.
+//
+// One at a time in a process, since there is one service. Next(), Start() and Stop() belong to one
+// thread; nothing happens outside of them, but that the service runs.
+class Client
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // The service must outlive the client.
+    explicit Client(IFtpCorpDir& service, Lookup lookup = SystemLookup);
+    ~Client();  // stops, and removes the client's own files
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    // Takes these settings and begins a check; an earlier one is given up. Throws StartError, and
+    // std::system_error when a folder cannot be written.
+    void Start(Settings settings);
+
+    // Waits for the next event. Nothing at the deadline, and after Wake(). Throws StartError,
+    // std::bad_alloc and what settings.readPassword throws; the client is then stopped.
+    std::optional<Event> Next(Clock::time_point deadline);
+
+    // Ends the current Next(), or the one that follows. Any thread.
+    void Wake() noexcept;
+
+    // Checks now. A check under way goes on.
+    void CheckNow();
+
+    // Stops the service. A transfer under way is cancelled; files in place stay.
+    void Stop();
+
+    // Removes the client's own files, for a process that ends without a stop. Any thread.
+    void RemoveStaged() const noexcept;
+
+private:
+    enum class State
+    {
+        kStopped,
+        kResolving,  // the names are looked up, for a new request
+        kChecking,   // the service checks the version
+        kFetching,   // the service fetches the directory file
+        kIdle,       // the service checks again by itself
+        kPausing,    // a new request is due at m_due
+    };
+
+    // What the version file said when it was read, and when.
+    struct Seen
+    {
+        VersionFile file;
+        std::timespec read = {};
+    };
+    // An observation, with what the observer did about it.
+    struct Input
+    {
+        TransferEvent transfer;
+        std::shared_ptr<const Seen> version;  // of a version file that has arrived
+        std::string path;                     // of a directory file that has arrived
+        bool stopped = false;  // the version is the local one: the service is stopped
+    };
+    class Inbox;
+    class Observer;
+
+    static void Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen);
+
+    void BeginCheck();
+    void LookUp();
+    void OnLookedUp();
+    void Request(std::size_t first);
+    void OnRequestRefused(unsigned int code);
+    void Handle(const Input& input);
+    void OnAccepted(const TransferEvent& transfer);
+    void OnVersion(const Input& input);
+    void OnInvalidVersion(const TransferEvent& transfer, const VersionFile& file);
+    void OnDirectory(const Input& input);
+    void OnFailed(const TransferEvent& transfer);
+    void OnVersionFailed(const TransferEvent& transfer);
+    void OnDirectoryFailed(const TransferEvent& transfer);
+    void OnRefused(const TransferEvent& transfer);
+    void OnLocalFileFailed(const TransferEvent& transfer);
+    void GoOn(const Server& failed);
+    void EndCheck();
+    void FailCheck();
+    void Pause(std::chrono::seconds time);
+    Event& Say(Report kind, const Server& server);
+    void Warn(const std::string& reason);
+
+    bool IsVersionFile(const TransferEvent& transfer) const;
+    Server ServerOf(const TransferEvent& transfer) const;
+    std::size_t OthersLeft() const;
+    bool OthersFailed() const;
+
+    const Lookup m_findAddresses;
+    const std::shared_ptr<Inbox> m_inbox;  // the lookups own it too
+    Settings m_settings;
+    std::unique_ptr<Staging> m_directories;
+    std::unique_ptr<Staging> m_versions;  // null: the same folder
+    std::unique_ptr<LocalFiles> m_files;
+    std::unique_ptr<Observer> m_observer;
+    ServiceLink m_link;
+
+    State m_state = State::kStopped;
+    std::deque<Event> m_events;  // to be returned
+    Clock::time_point m_due;     // of the pause
+    std::unique_ptr<ServerLookup> m_lookup;
+    Clock::time_point m_lookupEnds;
+
+    // The current request.
+    std::vector<Server> m_found;         // as looked up last, in the order of the list
+    std::vector<Server> m_servers;       // in the order of the request
+    std::size_t m_left = 0;              // servers that the service will still ask by itself
+    std::set<std::string> m_failed;      // addresses that have failed during this check
+    bool m_taken = false;                // a transfer has been accepted since Start()
+    bool m_loginRefused = false;         // since the password was read last
+    std::string m_version;               // accepted by the service last
+    std::shared_ptr<const Seen> m_read;  // the version file that was read last
+    std::map<unsigned int, std::shared_ptr<const Seen>> m_expected;  // by directory task
+};
+
+}  // namespace client
+
+#endif

@@ -1,0 +1,54 @@
+// What a client reports to its user.
+#ifndef CORPDIR_CLIENT_EVENT_H
+#define CORPDIR_CLIENT_EVENT_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "server_names.h"
+#include "transfer_event.h"
+
+namespace client
+{
+
+enum class Report
+{
+    kChecking,        // a transfer of the version file has begun
+    kProgress,        // bytes have arrived, or the dialogue has reached another step
+    kNewVersion,      // the version file was read: `version`; the directory file follows
+    kUnchanged,       // the end of a check: version and local directory file are those of before
+    kInvalidVersion,  // the version file was read, and is not valid: `reason`
+    kDelivered,       // the end of a check: directory file and version file are in place
+    kFailed,          // a transfer failed, could not be started, or a file could not be replaced
+    kRefused,         // every server would refuse these settings: `code`, `reason`
+    kNameFailed,      // a name in the list of servers has no address: `reason`
+    kPassFailed,      // the end of a check: every server failed
+    kStartFailed,     // the service could not be started again
+    kWaiting,         // until the next check: `wait`
+    kWarning,         // `reason`
+};
+
+// What the client does after a failure.
+enum class Next
+{
+    kNothing,
+    kSameServer,
+    kOtherServer,
+};
+
+struct Event
+{
+    Report kind = Report::kChecking;
+    Server server;           // empty when none is concerned
+    std::string version;     // byte for byte
+    std::string path;        // of the local file, when delivered
+    TransferEvent transfer;  // file, bytes, code, step, reply, detail, reason, timings
+    std::chrono::seconds wait{0};
+    Next next = Next::kNothing;  // of a failure, an invalid version, and the check after one
+    bool retries = false;        // of a wait: the client makes a new request after it
+};
+
+}  // namespace client
+
+#endif

@@ -1,0 +1,328 @@
+#include "local_files.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <thread>
+
+#include "base/mutex.h"
+#include "zep/digest.h"
+
+namespace client
+{
+
+namespace
+{
+
+using File = Staging::File;
+
+constexpr std::chrono::seconds kLockPatience{60};
+
+[[noreturn]] void Fail(const std::string& what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+std::string Quoted(const std::string& path)
+{
+    return "'" + path + "'";
+}
+
+std::int64_t Now()
+{
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// A rename lasts when its folder is on the disk.
+void FlushFolder(const std::string& folder)
+{
+    const base::Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Some file systems cannot flush a folder, and need not.
+    if (!opened.IsOpen() || (fsync(opened.Number()) != 0 && errno != EINVAL))
+    {
+        Fail("cannot flush " + Quoted(folder));
+    }
+}
+
+// Gives the open file the permissions, and where permitted the owner, of the file that it replaces.
+void CopyPermissions(const std::string& from, int to)
+{
+    struct stat replaced = {};
+    if (lstat(from.c_str(), &replaced) != 0 || !S_ISREG(replaced.st_mode))
+    {
+        return;
+    }
+    // The owner first: a change of owner may clear bits of the mode.
+    (void)!fchown(to, replaced.st_uid, replaced.st_gid);
+    if (fchmod(to, replaced.st_mode & 0777) != 0)
+    {
+        Fail("cannot set the permissions of the new " + Quoted(from));
+    }
+}
+
+void WriteAll(int file, const std::string& text, const std::string& path)
+{
+    for (std::size_t written = 0; written != text.size();)
+    {
+        const ssize_t count = write(file, text.data() + written, text.size() - written);
+        if (count < 0 && errno != EINTR)
+        {
+            Fail("cannot write " + Quoted(path));
+        }
+        written += count < 0 ? 0 : static_cast<std::size_t>(count);
+    }
+}
+
+void Rename(const std::string& from, const std::string& to)
+{
+    if (rename(from.c_str(), to.c_str()) != 0)
+    {
+        Fail("cannot replace " + Quoted(to));
+    }
+}
+
+base::Descriptor Create(const std::string& path)
+{
+    base::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!file.IsOpen())
+    {
+        Fail("cannot create " + Quoted(path));
+    }
+    return file;
+}
+
+}  // namespace
+
+Digest DigestOf(const std::string& path)
+{
+    constexpr char kDigits[] = "0123456789abcdef";
+    Digest digest;
+    const base::Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat state = {};
+    unsigned char bytes[32];
+    if (!file.IsOpen() || fstat(file.Number(), &state) != 0 || !S_ISREG(state.st_mode) ||
+        !zep::Sha256OfFile(file.Number(), bytes, digest.size))
+    {
+        return {};
+    }
+    for (const unsigned char byte : bytes)
+    {
+        digest.sha256 += {kDigits[byte >> 4U], kDigits[byte & 0xFU]};
+    }
+    return digest;
+}
+
+// The lock of a directory file is that of its state file. A commit replaces the state file, so the
+// lock counts only while the path leads to the locked file.
+class LocalFiles::Lock
+{
+public:
+    explicit Lock(const std::string& path)
+    {
+        const base::Clock::time_point deadline = base::Clock::now() + kLockPatience;
+        while (!Try(path))
+        {
+            if (base::Clock::now() > deadline)
+            {
+                errno = EWOULDBLOCK;
+                Fail("another process keeps " + Quoted(path) + " locked");
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+
+private:
+    bool Try(const std::string& path)
+    {
+        m_file = base::Descriptor(
+            open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+        if (!m_file.IsOpen())
+        {
+            Fail("cannot open " + Quoted(path));
+        }
+        struct stat locked = {};
+        struct stat found = {};
+        switch (TryLock(m_file.Number()))
+        {
+            case LockResult::kHeld:
+                return false;
+            case LockResult::kFailed:
+                Fail("cannot lock " + Quoted(path));
+            default:
+                return fstat(m_file.Number(), &locked) == 0 && stat(path.c_str(), &found) == 0 &&
+                       locked.st_ino == found.st_ino && locked.st_dev == found.st_dev;
+        }
+    }
+
+    base::Descriptor m_file;
+};
+
+LocalFiles::LocalFiles(const Settings& settings, const Staging& directories,
+                       const Staging& versions)
+    : m_settings(settings),
+      m_directories(directories),
+      m_versions(versions),
+      m_statePath(settings.directoryFolder + StateName(settings.directoryName))
+{
+}
+
+std::string LocalFiles::Current(std::string& warning) const
+{
+    const State known = Known(warning);
+    const bool described = !known.version.empty() &&
+                           DigestOf(m_settings.DirectoryPath()) == Digest{known.size, known.sha256};
+    return described ? known.version : "";
+}
+
+// An empty state when there is none.
+State LocalFiles::Known(std::string& warning) const
+{
+    std::string problem;
+    const std::optional<State> known = ReadState(m_statePath, problem);
+    if (!problem.empty())
+    {
+        warning = Quoted(m_statePath) + " is not used: " + problem;
+    }
+    return known.value_or(State());
+}
+
+Commit LocalFiles::Replace(const Arrival& arrival)
+{
+    const Digest arrived = DigestOf(arrival.path);
+    if (arrived.sha256.empty())
+    {
+        Fail("cannot read " + Quoted(arrival.path));
+    }
+    const Lock lock(m_statePath);
+    Commit commit;
+    State state = Known(commit.warning);
+    commit.size = arrived.size;
+    commit.unchanged = state.version == *arrival.version.version && state.size == arrived.size &&
+                       DigestOf(m_settings.DirectoryPath()) == arrived;
+    const bool versionFirst = LocalVersionIsNewer(arrival.read);
+    if (versionFirst)
+    {
+        WriteVersion(arrival.version, arrival.read);
+    }
+    if (commit.unchanged)
+    {
+        (void)unlink(arrival.path.c_str());
+    }
+    else
+    {
+        const base::Descriptor file(open(arrival.path.c_str(), O_RDONLY | O_CLOEXEC));
+        CopyPermissions(m_settings.DirectoryPath(), file.Number());
+        Rename(arrival.path, m_settings.DirectoryPath());
+        FlushFolder(m_settings.directoryFolder);
+        state.server = arrival.server;
+        state.fetched = Now();
+    }
+    if (!versionFirst)
+    {
+        WriteVersion(arrival.version, arrival.read);
+    }
+    state.version = *arrival.version.version;
+    state.size = arrived.size;
+    state.sha256 = arrived.sha256;
+    state.checked = state.confirmed = Now();
+    state.outcome = commit.unchanged ? "unchanged" : "fetched";
+    state.failures = 0;
+    const std::string problem = WriteState(state);
+    commit.warning = problem.empty() ? commit.warning : problem;
+    FlushFolder(m_settings.directoryFolder);
+    return commit;
+}
+
+std::string LocalFiles::NoteUnchanged(const VersionFile& version)
+{
+    try
+    {
+        const Lock lock(m_statePath);
+        std::string warning;
+        State state = Known(warning);
+        if (state.version != *version.version)
+        {
+            return warning;  // another process has committed another version
+        }
+        state.checked = state.confirmed = Now();
+        state.outcome = "unchanged";
+        state.failures = 0;
+        return WriteState(state);
+    }
+    catch (const std::system_error& error)
+    {
+        return error.what();
+    }
+}
+
+std::string LocalFiles::NoteFailure()
+{
+    try
+    {
+        const Lock lock(m_statePath);
+        std::string warning;
+        State state = Known(warning);
+        state.checked = Now();
+        state.outcome = "failed";
+        ++state.failures;
+        const std::string problem = WriteState(state);
+        return problem.empty() ? warning : problem;
+    }
+    catch (const std::system_error& error)
+    {
+        return error.what();
+    }
+}
+
+// The time of its version file is the time at which its version was read from the server.
+bool LocalFiles::LocalVersionIsNewer(const std::timespec& read) const
+{
+    struct stat local = {};
+    if (lstat(m_settings.VersionPath().c_str(), &local) != 0 || !S_ISREG(local.st_mode))
+    {
+        return false;
+    }
+    return local.st_mtim.tv_sec != read.tv_sec ? local.st_mtim.tv_sec > read.tv_sec
+                                               : local.st_mtim.tv_nsec > read.tv_nsec;
+}
+
+void LocalFiles::WriteVersion(const VersionFile& version, const std::timespec& read) const
+{
+    const std::string path = m_versions.Path(File::kNew);
+    const base::Descriptor file = Create(path);
+    WriteAll(file.Number(), version.bytes, path);
+    CopyPermissions(m_settings.VersionPath(), file.Number());
+    const std::timespec times[2] = {read, read};
+    if (futimens(file.Number(), times) != 0 || fsync(file.Number()) != 0)
+    {
+        Fail("cannot write " + Quoted(path));
+    }
+    Rename(path, m_settings.VersionPath());
+    FlushFolder(m_settings.versionFolder);
+}
+
+// Not flushed: a state that is lost or old only means one fetch more. Returns a warning.
+std::string LocalFiles::WriteState(const State& state) const
+{
+    try
+    {
+        const std::string path = m_directories.Path(File::kNew);
+        const base::Descriptor file = Create(path);
+        WriteAll(file.Number(), StateText(state), path);
+        CopyPermissions(m_settings.DirectoryPath(), file.Number());
+        Rename(path, m_statePath);
+        return {};
+    }
+    catch (const std::system_error& error)
+    {
+        return error.what();
+    }
+}
+
+}  // namespace client

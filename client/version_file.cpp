@@ -1,0 +1,101 @@
+#include "version_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "base/descriptor.h"
+
+namespace client
+{
+
+namespace
+{
+
+constexpr std::size_t kMinVersion = 5;
+constexpr std::size_t kMaxVersion = 30;
+constexpr std::size_t kMaxFile = 1U << 20U;
+
+bool IsUtf16(const std::string& bytes)
+{
+    return bytes.compare(0, 2, "\xFF\xFE") == 0 || bytes.compare(0, 2, "\xFE\xFF") == 0 ||
+           (bytes.size() > 1 && (bytes[0] == '\0') != (bytes[1] == '\0'));
+}
+
+std::string WarningOn(const std::string& line, const std::string& version)
+{
+    if (version.compare(0, 3, "\xEF\xBB\xBF") == 0)
+    {
+        return "the version begins with a UTF-8 byte-order mark, which is compared too";
+    }
+    if (version.size() == kMaxVersion && line.size() > kMaxVersion)
+    {
+        return "the version line has " + std::to_string(line.size()) +
+               " bytes; only the first 30 are compared";
+    }
+    if (!version.empty() && version.back() == '\r')
+    {
+        return "the version ends with a carriage return, which is compared too";
+    }
+    return {};
+}
+
+}  // namespace
+
+VersionFile ParseVersion(std::string bytes)
+{
+    VersionFile file;
+    file.bytes = std::move(bytes);
+    const std::string line = file.bytes.substr(0, file.bytes.find('\n'));
+    const std::string taken = line.substr(0, kMaxVersion);
+    const std::string version = taken.substr(0, taken.find('\0'));
+    if (version.size() >= kMinVersion)
+    {
+        file.version = version;
+        file.warning = WarningOn(line, version);
+    }
+    else if (IsUtf16(file.bytes))
+    {
+        file.problem = "it is UTF-16 text; store it as ASCII or UTF-8";
+    }
+    else
+    {
+        file.problem = "its first line '" + version + "' is shorter than " +
+                       std::to_string(kMinVersion) + " bytes";
+    }
+    return file;
+}
+
+VersionFile ReadVersionFile(const std::string& path)
+{
+    VersionFile refused;
+    const base::Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file.IsOpen())
+    {
+        refused.problem = "cannot be opened: " + std::generic_category().message(errno);
+        return refused;
+    }
+    std::string bytes;
+    char buffer[4096];
+    ssize_t count = 0;
+    while ((count = read(file.Number(), buffer, sizeof buffer)) > 0 && bytes.size() <= kMaxFile)
+    {
+        bytes.append(buffer, static_cast<std::size_t>(count));
+    }
+    if (count < 0)
+    {
+        refused.problem = "cannot be read: " + std::generic_category().message(errno);
+        return refused;
+    }
+    if (bytes.size() > kMaxFile)
+    {
+        refused.problem = "it is larger than 1 MiB";
+        return refused;
+    }
+    return ParseVersion(std::move(bytes));
+}
+
+}  // namespace client

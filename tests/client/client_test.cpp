@@ -1,0 +1,657 @@
+// The client on a scripted service: the test plays the service and the FTP layer on its own thread.
+#include "client.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <map>
+
+#include "fake_layers.h"
+#include "files.h"
+#include "state.h"
+#include "travex_ftp.h"
+
+namespace client
+{
+namespace
+{
+
+using corpdir_tool::Layers;
+using support::FileExists;
+using support::ReadFile;
+using support::WriteFile;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+const char kVersionFile[] = "/dir/version.txt";
+const char kDirectoryFile[] = "/dir/directory.csv";
+
+// Records the calls.
+class Service final : public IFtpCorpDir
+{
+public:
+    unsigned int CorpDirInit(tag_CORPDIR_LOGINFO*) override
+    {
+        running = initResult == 0;
+        return initResult;
+    }
+    void CorpDirUninit() override
+    {
+        running = false;
+        ++stops;
+    }
+    unsigned int CorpDirDownloadNetaddr(tag_CORPDIR_DOWNLOADINFO* info,
+                                        CORPDIR_DOWNLOAD_CB callback) override
+    {
+        EXPECT_TRUE(running);
+        EXPECT_NE(nullptr, callback);
+        requests.emplace_back(info->pszFtpIPs);
+        last = *info;
+        passwords.emplace_back(info->szPassword);
+        if (refuseWith != 0)
+        {
+            Layers().Observe(TRAVEX_FTP_OBSERVED_REFUSED, 0, "", "", refuseWith, "bad suite");
+            return 1;
+        }
+        return 0;
+    }
+    unsigned int CorpDirSetFtpCipherListToDirImpl(const int* list, unsigned int count) override
+    {
+        suites.assign(list, list + count);
+        return 0;
+    }
+    unsigned int CorpDirAddFtpCipherListToDirImplByOne(int) override
+    {
+        return 1;
+    }
+    unsigned int CorpDirAddFtpCipherListToDirImpl(const int*, unsigned int) override
+    {
+        return 1;
+    }
+
+    bool running = false;
+    int stops = 0;
+    unsigned int initResult = 0;
+    unsigned int refuseWith = 0;
+    std::vector<std::string> requests;
+    std::vector<std::string> passwords;
+    std::vector<int> suites;
+    tag_CORPDIR_DOWNLOADINFO last = {};
+};
+
+std::string NextText(Next next)
+{
+    return next == Next::kNothing ? "" : next == Next::kSameServer ? " again" : " next";
+}
+
+// "delivered 192.0.2.1 V0001"
+std::string TextOf(const Event& event)
+{
+    const std::string server = event.server.Label();
+    switch (event.kind)
+    {
+        case Report::kChecking:
+            return "checking " + server + NextText(event.next);
+        case Report::kProgress:
+            return "progress";
+        case Report::kNewVersion:
+            return "new " + server + " " + event.version;
+        case Report::kUnchanged:
+            return "unchanged " + server + " " + event.version;
+        case Report::kInvalidVersion:
+            return "invalid " + server + ": " + event.transfer.reason + NextText(event.next);
+        case Report::kDelivered:
+            return "delivered " + server + " " + event.version;
+        case Report::kFailed:
+            return "failed " + server + " " + std::to_string(event.transfer.code) +
+                   NextText(event.next);
+        case Report::kRefused:
+            return "refused " + event.transfer.reason;
+        case Report::kNameFailed:
+            return "no address " + event.server.name + ": " + event.transfer.reason;
+        case Report::kPassFailed:
+            return "all failed";
+        case Report::kStartFailed:
+            return "start failed: " + event.transfer.reason;
+        case Report::kWaiting:
+            return std::string(event.retries ? "retry" : "wait") + " " +
+                   std::to_string(event.wait.count());
+        case Report::kWarning:
+            return "warning: " + event.transfer.reason;
+    }
+    return "?";
+}
+
+class ClientTest : public testing::Test
+{
+protected:
+    ClientTest()
+    {
+        Layers() = {};
+        settings.servers = {{"192.0.2.1", true}, {"192.0.2.2", true}, {"192.0.2.3", true}};
+        settings.user = "phone";
+        settings.trust = "system";
+        settings.suites = {0x03001302};
+        settings.versionFile = kVersionFile;
+        settings.directoryFile = kDirectoryFile;
+        settings.versionFolder = settings.directoryFolder = folder.Path() + "/";
+        settings.versionName = "version.txt";
+        settings.directoryName = "directory.csv";
+        settings.readPassword = [this](Secret& password, bool refused)
+        {
+            for (const char byte : refused ? std::string("new") : secret)
+            {
+                ASSERT_TRUE(password.Append(byte));
+            }
+        };
+    }
+
+    void Start()
+    {
+        client.Start(settings);
+    }
+
+    // What the client has to say now.
+    std::vector<std::string> Said()
+    {
+        std::vector<std::string> texts;
+        while (const std::optional<Event> event = client.Next(Client::Clock::now()))
+        {
+            texts.push_back(TextOf(*event));
+        }
+        return texts;
+    }
+
+    // Names are looked up on other threads.
+    std::vector<std::string> AwaitSaid(std::size_t count)
+    {
+        std::vector<std::string> texts;
+        const Client::Clock::time_point end = Client::Clock::now() + std::chrono::seconds(20);
+        while (texts.size() < count)
+        {
+            const std::optional<Event> event = client.Next(end);
+            if (!event)
+            {
+                break;
+            }
+            texts.push_back(TextOf(*event));
+        }
+        return texts;
+    }
+    void AwaitRequests(std::size_t count)
+    {
+        const Client::Clock::time_point end = Client::Clock::now() + std::chrono::seconds(20);
+        while (service.requests.size() < count && Client::Clock::now() < end)
+        {
+            (void)client.Next(Client::Clock::now() + std::chrono::milliseconds(1));
+        }
+        EXPECT_THAT(service.requests, testing::SizeIs(count));
+    }
+
+    std::string Staged(const char* name) const
+    {
+        return folder.Path() + "/" + name;
+    }
+
+    void Accept(const std::string& server, const char* file)
+    {
+        Layers().Observe(TRAVEX_FTP_OBSERVED_ACCEPTED, ++task, server + ":21", file, 0, "");
+    }
+    void Succeed(const std::string& server, const char* file, unsigned int ofTask)
+    {
+        Layers().Observe(TRAVEX_FTP_OBSERVED_SUCCESS, ofTask, server + ":21", file, 0, "");
+    }
+    void Version(const std::string& server, const std::string& text)
+    {
+        Accept(server, kVersionFile);
+        WriteFile(Staged(service.last.szVersionLocalFileName), text);
+        Succeed(server, kVersionFile, task);
+    }
+    void Arrive(const std::string& server, const std::string& text, unsigned int ofTask)
+    {
+        WriteFile(Staged(service.last.szCorpDirLocalFileName), text);
+        Succeed(server, kDirectoryFile, ofTask);
+    }
+    void Directory(const std::string& server, const std::string& text)
+    {
+        Accept(server, kDirectoryFile);
+        Arrive(server, text, task);
+    }
+    void Fail(const std::string& server, const char* file,
+              unsigned int code = TRAVEX_FTP_ERR_CONNECT)
+    {
+        Accept(server, file);
+        Layers().Observe(TRAVEX_FTP_OBSERVED_FAILED, task, server + ":21", file, code, "no luck");
+    }
+    // A check of one server that delivers.
+    void Deliver(const std::string& server, const std::string& version, const std::string& text)
+    {
+        Version(server, version + "\n");
+        Directory(server, text);
+    }
+
+    State StateOfFile() const
+    {
+        std::string problem;
+        const std::optional<State> state =
+            ReadState(folder.Path() + "/.directory.csv.corpdir.json", problem);
+        EXPECT_TRUE(state.has_value()) << problem;
+        return state.value_or(State());
+    }
+    std::string Local(const char* name) const
+    {
+        return ReadFile(folder.Path() + "/" + name);
+    }
+
+    support::TemporaryDirectory folder;
+    Settings settings;
+    std::string secret = "old";
+    Service service;
+    std::map<std::string, LookupResult> addresses;
+    unsigned int task = 0;
+    Client client{service, [this](const std::string& name, int) { return addresses[name]; }};
+};
+
+TEST_F(ClientTest, PutsBothFilesAndTheStateIntoPlace)
+{
+    Start();
+    EXPECT_THAT(Said(), IsEmpty());
+    EXPECT_THAT(service.requests, ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3"));
+    EXPECT_THAT(service.suites, ElementsAre(0x03001302));
+    Version("192.0.2.1", "V0001\nand more\n");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001"));
+    EXPECT_FALSE(FileExists(folder.Path() + "/version.txt"));
+    Directory("192.0.2.1", "a,b\n");
+    EXPECT_THAT(Said(), ElementsAre("delivered 192.0.2.1 V0001"));
+    EXPECT_EQ("a,b\n", Local("directory.csv"));
+    EXPECT_EQ("V0001\nand more\n", Local("version.txt"));
+    const State state = StateOfFile();
+    EXPECT_EQ("V0001", state.version);
+    EXPECT_EQ(4u, state.size);
+    // printf 'a,b\n' | sha256sum
+    EXPECT_EQ("5be08c9684a1d25efcee09318204824278b08bbfb4aef973ffefd0b9d7478313", state.sha256);
+    EXPECT_EQ("192.0.2.1", state.server);
+    EXPECT_EQ("fetched", state.outcome);
+    EXPECT_EQ(0u, state.failures);
+    EXPECT_NE(0, state.fetched);
+    EXPECT_GE(state.confirmed, state.fetched);
+}
+
+TEST_F(ClientTest, LeavesOnlyTheStateBesideTheFiles)
+{
+    {
+        Client other(service, [](const std::string&, int) { return LookupResult(); });
+        other.Start(settings);
+        (void)other.Next(Client::Clock::now());
+        Deliver("192.0.2.1", "V0001", "a");
+        while (other.Next(Client::Clock::now()))
+        {
+        }
+    }
+    EXPECT_THAT(
+        support::FilesIn(folder.Path()),
+        UnorderedElementsAre("directory.csv", "version.txt", ".directory.csv.corpdir.json"));
+}
+
+TEST_F(ClientTest, SaysThatAVersionIsUnchanged)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    Version("192.0.2.1", "V0001\n");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "unchanged 192.0.2.1 V0001"));
+    EXPECT_EQ("unchanged", StateOfFile().outcome);
+    EXPECT_THAT(service.requests, testing::SizeIs(1));
+}
+
+TEST_F(ClientTest, FollowsTheServiceThroughItsServers)
+{
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    Fail("192.0.2.2", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "failed 192.0.2.1 16 next",
+                                    "checking 192.0.2.2 next", "failed 192.0.2.2 16 next"));
+    Deliver("192.0.2.3", "V0001", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.3 next", "new 192.0.2.3 V0001",
+                                    "delivered 192.0.2.3 V0001"));
+    EXPECT_THAT(service.requests, testing::SizeIs(1));
+}
+
+TEST_F(ClientTest, AsksAgainAfterAPauseWhenNoVersionWasSeen)
+{
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    Fail("192.0.2.2", kVersionFile);
+    (void)Said();
+    Fail("192.0.2.3", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.3 next", "failed 192.0.2.3 16", "all failed",
+                                    "retry 60"));
+    EXPECT_FALSE(service.running);
+    EXPECT_EQ(1u, StateOfFile().failures);
+    EXPECT_EQ("failed", StateOfFile().outcome);
+    client.CheckNow();
+    EXPECT_THAT(Said(), IsEmpty());
+    EXPECT_THAT(service.requests, testing::SizeIs(2));
+}
+
+// The service refills its list and checks again by itself.
+TEST_F(ClientTest, LeavesTheNextCheckToTheServiceWhenAVersionWasSeen)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    for (const char* server : {"192.0.2.1", "192.0.2.1", "192.0.2.2"})
+    {
+        Fail(server, kVersionFile);
+    }
+    (void)Said();
+    Fail("192.0.2.3", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.3 next", "failed 192.0.2.3 16", "all failed",
+                                    "wait 600"));
+    EXPECT_TRUE(service.running);
+    client.CheckNow();
+    EXPECT_EQ(1, Layers().expiries);
+    Version("192.0.2.1", "V0001");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "unchanged 192.0.2.1 V0001"));
+    EXPECT_EQ(0u, StateOfFile().failures);
+}
+
+TEST_F(ClientTest, AsksASingleServerTwice)
+{
+    settings.servers.resize(1);
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "failed 192.0.2.1 16 again"));
+    Fail("192.0.2.1", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1 again", "failed 192.0.2.1 16", "all failed",
+                                    "retry 60"));
+}
+
+TEST_F(ClientTest, GoesToTheNextServerAfterAnInvalidVersion)
+{
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V1\n");
+    EXPECT_THAT(Said(),
+                ElementsAre("checking 192.0.2.1",
+                            "invalid 192.0.2.1: its first line 'V1' is shorter than 5 bytes next"));
+    EXPECT_EQ("192.0.2.2;192.0.2.3;192.0.2.1", service.requests.back());
+    Fail("192.0.2.2", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.2 next", "failed 192.0.2.2 16 next"));
+    Version("192.0.2.3", std::string("\xFF\xFE\x31\0\x32\0\x33\0", 8));
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.3 next",
+                                    "invalid 192.0.2.3: it is UTF-16 text; store it as ASCII or "
+                                    "UTF-8",
+                                    "all failed", "retry 60"));
+    EXPECT_THAT(service.requests, testing::SizeIs(2));
+}
+
+// The service would go on to a server that the client has left already.
+TEST_F(ClientTest, AsksNoServerTwiceInACheckOfSeveral)
+{
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "");
+    (void)Said();
+    Fail("192.0.2.2", kVersionFile);
+    (void)Said();
+    Fail("192.0.2.3", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.3 next", "failed 192.0.2.3 16", "all failed",
+                                    "retry 60"));
+    EXPECT_FALSE(service.running);
+}
+
+TEST_F(ClientTest, GoesToTheNextServerWhenTheDirectoryFileFails)
+{
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V0001");
+    Fail("192.0.2.1", kDirectoryFile, TRAVEX_FTP_ERR_PARTIAL);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001",
+                                    "failed 192.0.2.1 23 next"));
+    EXPECT_EQ("192.0.2.2;192.0.2.3;192.0.2.1", service.requests.back());
+    Deliver("192.0.2.2", "V0001", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.2 next", "new 192.0.2.2 V0001",
+                                    "delivered 192.0.2.2 V0001"));
+}
+
+// A version file that arrives during the transfer belongs to the next directory file.
+TEST_F(ClientTest, BindsEachDirectoryFileToTheVersionBeforeIt)
+{
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V0001");
+    Accept("192.0.2.1", kDirectoryFile);
+    const unsigned int first = task;
+    Version("192.0.2.1", "V0002");
+    (void)Said();
+    Arrive("192.0.2.1", "one", first);
+    Accept("192.0.2.1", kDirectoryFile);
+    // The second file arrives before the first was looked at.
+    Arrive("192.0.2.1", "two", task);
+    std::vector<std::string> seen;
+    while (const std::optional<Event> event = client.Next(Client::Clock::now()))
+    {
+        seen.push_back(TextOf(*event) + ": " + Local("version.txt") + " " + Local("directory.csv"));
+    }
+    EXPECT_THAT(seen, ElementsAre("delivered 192.0.2.1 V0001: V0001 one",
+                                  "delivered 192.0.2.1 V0002: V0002 two"));
+}
+
+TEST_F(ClientTest, OldDirectoryFileThatFailsIsLeftToTheNewOne)
+{
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V0001");
+    Accept("192.0.2.1", kDirectoryFile);
+    const unsigned int first = task;
+    Version("192.0.2.1", "V0002");
+    (void)Said();
+    Layers().Observe(TRAVEX_FTP_OBSERVED_FAILED, first, "192.0.2.1:21", kDirectoryFile,
+                     TRAVEX_FTP_ERR_PARTIAL, "cut");
+    EXPECT_THAT(Said(), ElementsAre("failed 192.0.2.1 23"));
+    EXPECT_THAT(service.requests, testing::SizeIs(1));
+}
+
+TEST_F(ClientTest, StopsBeforeTheDirectoryFileWhenOnlyAChangeIsWanted)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    settings.onlyIfChanged = true;
+    Start();
+    (void)Said();
+    EXPECT_TRUE(service.running);
+    Accept("192.0.2.1", kVersionFile);
+    WriteFile(Staged(service.last.szVersionLocalFileName), "V0001\n");
+    Succeed("192.0.2.1", kVersionFile, task);
+    EXPECT_FALSE(service.running) << "stopped within the observer";
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "unchanged 192.0.2.1 V0001"));
+    EXPECT_EQ("unchanged", StateOfFile().outcome);
+}
+
+TEST_F(ClientTest, FetchesWhenTheLocalFileIsNotTheOneOfTheState)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    settings.onlyIfChanged = true;
+    const std::vector<std::function<void()>> changes = {
+        [this] { WriteFile(folder.Path() + "/directory.csv", "b"); },
+        [this] { std::filesystem::remove(folder.Path() + "/directory.csv"); },
+        [this] { WriteFile(folder.Path() + "/.directory.csv.corpdir.json", "{"); }};
+    for (const auto& change : changes)
+    {
+        change();
+        Start();
+        (void)Said();
+        Version("192.0.2.1", "V0001\n");
+        EXPECT_TRUE(service.running);
+        Directory("192.0.2.1", "a");
+        EXPECT_THAT(Said(), testing::Contains("delivered 192.0.2.1 V0001"));
+    }
+}
+
+// After a restart the service takes the first version for new, and fetches the directory file.
+TEST_F(ClientTest, EqualDirectoryFileIsNoUpdate)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    const std::int64_t fetched = StateOfFile().fetched;
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001",
+                                    "unchanged 192.0.2.1 V0001"));
+    EXPECT_EQ("unchanged", StateOfFile().outcome);
+    EXPECT_EQ(fetched, StateOfFile().fetched);
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "other");
+    EXPECT_THAT(Said(), testing::Contains("delivered 192.0.2.1 V0001"));
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0002", "other");
+    EXPECT_THAT(Said(), testing::Contains("delivered 192.0.2.1 V0002"));
+}
+
+TEST_F(ClientTest, NamesWithoutAnAddressAreLeftOut)
+{
+    settings.servers = {{"a.example", false}, {"b.example", false}, {"192.0.2.9", true}};
+    addresses["a.example"].problem = "no such name";
+    addresses["b.example"].addresses = {"192.0.2.5", "192.0.2.6"};
+    Start();
+    EXPECT_THAT(AwaitSaid(1), ElementsAre("no address a.example: no such name"));
+    EXPECT_THAT(service.requests, ElementsAre("192.0.2.5;192.0.2.6;192.0.2.9"));
+    EXPECT_THAT(Layers().names,
+                ElementsAre("192.0.2.5=b.example", "192.0.2.6=b.example", "192.0.2.9=192.0.2.9"));
+}
+
+TEST_F(ClientTest, ChecksAgainLaterWhenNoNameHasAnAddress)
+{
+    settings.servers = {{"a.example", false}};
+    addresses["a.example"].problem = "no such name";
+    Start();
+    EXPECT_THAT(AwaitSaid(3),
+                ElementsAre("no address a.example: no such name", "all failed", "retry 60"));
+    EXPECT_THAT(service.requests, IsEmpty());
+    addresses["a.example"].addresses = {"192.0.2.5"};
+    client.CheckNow();
+    AwaitRequests(1);
+    EXPECT_THAT(service.requests, ElementsAre("192.0.2.5"));
+}
+
+TEST_F(ClientTest, FollowsNamesThatMoveWhileTheirServersFail)
+{
+    settings.servers = {{"a.example", false}};
+    addresses["a.example"].addresses = {"192.0.2.5"};
+    Start();
+    AwaitRequests(1);
+    Deliver("192.0.2.5", "V0001", "a");
+    (void)Said();
+    addresses["a.example"].addresses = {"192.0.2.7"};
+    Fail("192.0.2.5", kVersionFile);
+    Fail("192.0.2.5", kVersionFile);
+    AwaitRequests(2);
+    EXPECT_EQ("192.0.2.7", service.requests.back());
+}
+
+TEST_F(ClientTest, RefusedSettingsAreFinalAtTheStartOnly)
+{
+    service.refuseWith = TRAVEX_FTP_ERR_CIPHER;
+    Start();
+    EXPECT_THAT(Said(), ElementsAre("refused bad suite"));
+    EXPECT_FALSE(service.running);
+    service.refuseWith = 0;
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V1");
+    service.refuseWith = TRAVEX_FTP_ERR_TRUST;
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", testing::StartsWith("invalid"),
+                                    testing::StartsWith("failed"), "all failed", "retry 60"));
+}
+
+TEST_F(ClientTest, ServiceThatCannotBeStartedIsAnErrorAtTheStartOnly)
+{
+    service.initResult = ENOENT;
+    Start();
+    try
+    {
+        (void)Said();
+        ADD_FAILURE() << "nothing was thrown";
+    }
+    catch (const StartError& error)
+    {
+        EXPECT_EQ(ENOENT, error.Log());
+    }
+    service.initResult = 0;
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V1");
+    service.initResult = 1;
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", testing::StartsWith("invalid"),
+                                    testing::StartsWith("start failed"), "retry 60"));
+}
+
+TEST_F(ClientTest, ReadsThePasswordAgainAfterARefusedLogin)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    for (const char* server : {"192.0.2.1", "192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    {
+        Fail(server, kVersionFile, TRAVEX_FTP_ERR_LOGIN);
+        (void)Said();
+    }
+    EXPECT_FALSE(service.running) << "the service would send the same password";
+    client.CheckNow();
+    (void)Said();
+    EXPECT_THAT(service.passwords, ElementsAre("old", "new"));
+}
+
+TEST_F(ClientTest, FileThatCannotBeReplacedIsReported)
+{
+    std::filesystem::create_directory(folder.Path() + "/directory.csv");
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001",
+                                    "failed 192.0.2.1 " + std::to_string(TRAVEX_FTP_ERR_LOCAL_FILE),
+                                    "all failed", "retry 60"));
+    EXPECT_FALSE(FileExists(folder.Path() + "/version.txt"));
+}
+
+TEST_F(ClientTest, WarnsOfAVersionThatIsNotWhatItSeems)
+{
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "0123456789012345678901234567890\n");
+    EXPECT_THAT(Said(),
+                ElementsAre("checking 192.0.2.1", "new 192.0.2.1 012345678901234567890123456789",
+                            "warning: the version line has 31 bytes; only the first 30 are "
+                            "compared"));
+}
+
+TEST_F(ClientTest, WakeEndsAWait)
+{
+    Start();
+    (void)Said();
+    client.Wake();
+    EXPECT_FALSE(client.Next(Client::Clock::now() + std::chrono::seconds(60)).has_value());
+}
+
+}  // namespace
+}  // namespace client

@@ -1,0 +1,230 @@
+// What is replaced, in which order.
+#include "local_files.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <system_error>
+
+#include "files.h"
+
+namespace client
+{
+namespace
+{
+
+using support::ReadFile;
+using support::WriteFile;
+
+class LocalFilesTest : public testing::Test
+{
+protected:
+    static Settings SettingsFor(const support::TemporaryDirectory& folder)
+    {
+        Settings settings;
+        settings.versionFolder = settings.directoryFolder = folder.Path() + "/";
+        settings.versionName = "version.txt";
+        settings.directoryName = "directory.csv";
+        return settings;
+    }
+
+    Arrival Arrived(const std::string& version, const std::string& text, long second)
+    {
+        Arrival arrival;
+        arrival.version = ParseVersion(version);
+        arrival.read.tv_sec = 1'700'000'000 + second;
+        arrival.path = staging.NewReceivedPath();
+        arrival.server = "192.0.2.1";
+        WriteFile(arrival.path, text);
+        return arrival;
+    }
+
+    std::string Both() const
+    {
+        return ReadFile(folder.File("version.txt")) + " " + ReadFile(folder.File("directory.csv"));
+    }
+
+    mode_t ModeOf(const std::string& name) const
+    {
+        struct stat state = {};
+        EXPECT_EQ(0, stat(folder.File(name).c_str(), &state)) << name;
+        return state.st_mode & 07777;
+    }
+
+    std::string StatePath() const
+    {
+        return folder.File(".directory.csv.corpdir.json");
+    }
+
+    support::TemporaryDirectory folder;
+    Settings settings = SettingsFor(folder);
+    Staging staging{folder.Path() + "/"};
+    LocalFiles files{settings, staging, staging};
+};
+
+TEST_F(LocalFilesTest, LaterCommitStays)
+{
+    (void)files.Replace(Arrived("V0002", "two", 2));
+    EXPECT_EQ("V0002 two", Both());
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    EXPECT_EQ("V0001 one", Both());
+}
+
+// The version must not be ahead when the second step fails.
+TEST_F(LocalFilesTest, DirectoryGoesFirst)
+{
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    std::filesystem::remove(folder.File("version.txt"));
+    std::filesystem::create_directories(folder.File("version.txt/x"));
+    EXPECT_THROW((void)files.Replace(Arrived("V0002", "two", 2)), std::system_error);
+    EXPECT_EQ("two", ReadFile(folder.File("directory.csv")));
+}
+
+TEST_F(LocalFilesTest, VersionGoesFirstBeforeAnOlderDirectory)
+{
+    (void)files.Replace(Arrived("V0002", "two", 2));
+    std::filesystem::remove(folder.File("directory.csv"));
+    std::filesystem::create_directories(folder.File("directory.csv/x"));
+    EXPECT_THROW((void)files.Replace(Arrived("V0001", "one", 1)), std::system_error);
+    EXPECT_EQ("V0001", ReadFile(folder.File("version.txt")));
+    // A newer one leaves the version.
+    EXPECT_THROW((void)files.Replace(Arrived("V0003", "three", 3)), std::system_error);
+    EXPECT_EQ("V0001", ReadFile(folder.File("version.txt")));
+}
+
+TEST_F(LocalFilesTest, VersionFileThatIsMissingComesBack)
+{
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    std::filesystem::remove(folder.File("version.txt"));
+    EXPECT_TRUE(files.Replace(Arrived("V0001", "one", 1)).unchanged);
+    EXPECT_EQ("V0001 one", Both());
+    EXPECT_THAT(support::FilesIn(folder.Path()), testing::SizeIs(4)) << "with the lock file";
+}
+
+TEST_F(LocalFilesTest, KeepsPermissions)
+{
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    ASSERT_EQ(0, chmod(folder.File("directory.csv").c_str(), 0640));
+    ASSERT_EQ(0, chmod(folder.File("version.txt").c_str(), 0604));
+    (void)files.Replace(Arrived("V0002", "two", 2));
+    EXPECT_EQ(0640U, ModeOf("directory.csv"));
+    EXPECT_EQ(0604U, ModeOf("version.txt"));
+    EXPECT_EQ(0640U, ModeOf(".directory.csv.corpdir.json"));
+}
+
+TEST_F(LocalFilesTest, TwoFoldersWork)
+{
+    const support::TemporaryDirectory other;
+    settings.versionFolder = other.Path() + "/";
+    const Staging versions(settings.versionFolder);
+    LocalFiles split(settings, staging, versions);
+    (void)split.Replace(Arrived("V0001", "one", 1));
+    EXPECT_EQ("V0001", ReadFile(other.File("version.txt")));
+    EXPECT_EQ("one", ReadFile(folder.File("directory.csv")));
+}
+
+TEST_F(LocalFilesTest, CurrentNeedsTheVeryFile)
+{
+    std::string warning;
+    EXPECT_EQ("", files.Current(warning));
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    EXPECT_EQ("V0001", files.Current(warning));
+    EXPECT_EQ("", warning);
+    WriteFile(folder.File("directory.csv"), "One");
+    EXPECT_EQ("", files.Current(warning));
+    WriteFile(StatePath(), "no JSON");
+    EXPECT_EQ("", files.Current(warning));
+    EXPECT_NE("", warning);
+}
+
+TEST_F(LocalFilesTest, StateCountsFailuresInARow)
+{
+    std::string problem;
+    EXPECT_EQ("", files.NoteFailure());
+    EXPECT_EQ("", files.NoteFailure());
+    std::optional<State> state = ReadState(StatePath(), problem);
+    ASSERT_TRUE(state.has_value()) << problem;
+    EXPECT_EQ(2U, state->failures);
+    EXPECT_EQ("", state->version);
+    EXPECT_EQ(0, state->confirmed);
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    EXPECT_EQ(0U, ReadState(StatePath(), problem)->failures);
+    EXPECT_EQ("", files.NoteFailure());
+    state = ReadState(StatePath(), problem);
+    EXPECT_EQ("V0001", state->version);
+    EXPECT_EQ("failed", state->outcome);
+    EXPECT_EQ("", files.NoteUnchanged(ParseVersion("V0001")));
+    EXPECT_EQ("unchanged", ReadState(StatePath(), problem)->outcome);
+}
+
+// Another process has committed another version since.
+TEST_F(LocalFilesTest, UnchangedSaysNothingOfAnotherVersion)
+{
+    (void)files.Replace(Arrived("V0002", "two", 2));
+    EXPECT_EQ("", files.NoteFailure());
+    EXPECT_EQ("", files.NoteUnchanged(ParseVersion("V0001")));
+    std::string problem;
+    EXPECT_EQ("failed", ReadState(StatePath(), problem)->outcome);
+}
+
+// Each process replaces the file that is locked, so the others have to find the new one.
+TEST_F(LocalFilesTest, EightProcessesNeverPutTheVersionAhead)
+{
+    constexpr int kRounds = 25;
+    auto* const published = static_cast<std::atomic<long>*>(
+        mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+             -1, 0));
+    ASSERT_NE(MAP_FAILED, static_cast<void*>(published));
+    std::vector<pid_t> children;
+    for (int number = 0; number != 8; ++number)
+    {
+        const pid_t child = fork();
+        if (child == 0)
+        {
+            Staging own(folder.Path() + "/");
+            LocalFiles mine(settings, own, own);
+            for (int round = 0; round != kRounds; ++round)
+            {
+                const long now = ++*published;
+                Arrival arrival = Arrived(std::to_string(100000 + now), "", now);
+                arrival.path = own.NewReceivedPath();
+                WriteFile(arrival.path, std::to_string(100000 + now));
+                (void)mine.Replace(arrival);
+            }
+            own.Remove();
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    int pairs = 0;
+    while (!children.empty())
+    {
+        const bool exists = support::FileExists(folder.File("version.txt"));
+        const std::string version = exists ? ReadFile(folder.File("version.txt")) : "";
+        const std::string directory = exists ? ReadFile(folder.File("directory.csv")) : "";
+        if (exists && ReadFile(folder.File("version.txt")) == version)
+        {
+            ++pairs;
+            EXPECT_LE(version, directory);
+        }
+        int status = -1;
+        const pid_t ended = waitpid(-1, &status, WNOHANG);
+        EXPECT_TRUE(ended == 0 || status == 0);
+        children.erase(std::remove(children.begin(), children.end(), ended), children.end());
+    }
+    EXPECT_GT(pairs, 0);
+    EXPECT_EQ(ReadFile(folder.File("version.txt")), ReadFile(folder.File("directory.csv")));
+    std::string problem;
+    EXPECT_EQ(ReadFile(folder.File("version.txt")), ReadState(StatePath(), problem)->version);
+    (void)munmap(published, sizeof *published);
+}
+
+}  // namespace
+}  // namespace client

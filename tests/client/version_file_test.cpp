@@ -1,0 +1,84 @@
+#include "version_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "files.h"
+
+namespace client
+{
+namespace
+{
+
+struct Case
+{
+    std::string bytes;
+    const char* version;  // null: not valid
+    const char* warning;  // its beginning
+};
+
+TEST(VersionFile, IsReadByTheRuleOfTheService)
+{
+    const std::string thirty(30, 'v');
+    const Case cases[] = {
+        {"1.2.3", "1.2.3", ""},
+        {"1.2.3\nmore", "1.2.3", ""},
+        {"1.23\n", nullptr, ""},
+        {"", nullptr, ""},
+        {"\n1.2.3", nullptr, ""},
+        {thirty + "\n", thirty.c_str(), ""},
+        {thirty + "w\n", thirty.c_str(), "the version line has 31 bytes"},
+        {"1.2.3\r\n", "1.2.3\r", "the version ends with a carriage return"},
+        {" 1.2 \n", " 1.2 ", ""},
+        {"\xEF\xBB\xBF"
+         "12\n",
+         "\xEF\xBB\xBF"
+         "12",
+         "the version begins with a UTF-8"},
+        {std::string("1.2.3\0a\n", 8), "1.2.3", ""},
+        {std::string("1.2\0.3\n", 7), nullptr, ""},
+    };
+    for (const Case& one : cases)
+    {
+        SCOPED_TRACE(one.bytes);
+        const VersionFile file = ParseVersion(one.bytes);
+        EXPECT_EQ(one.bytes, file.bytes);
+        EXPECT_EQ(one.version != nullptr, file.version.has_value());
+        EXPECT_EQ(one.version != nullptr ? one.version : "", file.version.value_or(""));
+        EXPECT_EQ(file.version.has_value(), file.problem.empty());
+        EXPECT_EQ(one.warning, file.warning.substr(0, std::string(one.warning).size()));
+        EXPECT_EQ(*one.warning == '\0', file.warning.empty());
+    }
+}
+
+TEST(VersionFile, NamesTheEncodingOfUtf16)
+{
+    for (const std::string& bytes : {std::string("\xFF\xFE"
+                                                 "1\0.\0",
+                                                 6),
+                                     std::string("\xFE\xFF\0"
+                                                 "1\0.",
+                                                 6),
+                                     std::string("1\0.\0", 4),
+                                     std::string("\0"
+                                                 "1\0.",
+                                                 4)})
+    {
+        EXPECT_EQ("it is UTF-16 text; store it as ASCII or UTF-8", ParseVersion(bytes).problem);
+    }
+}
+
+TEST(VersionFile, FileThatCannotBeReadIsNotValid)
+{
+    const support::TemporaryDirectory folder;
+    EXPECT_EQ("cannot be opened: No such file or directory",
+              ReadVersionFile(folder.File("none")).problem);
+    EXPECT_EQ("cannot be read: Is a directory", ReadVersionFile(folder.Path()).problem);
+    support::WriteFile(folder.File("large"), std::string((1U << 20U) + 1, 'v'));
+    EXPECT_EQ("it is larger than 1 MiB", ReadVersionFile(folder.File("large")).problem);
+    support::WriteFile(folder.File("most"), std::string(1U << 20U, 'v'));
+    EXPECT_TRUE(ReadVersionFile(folder.File("most")).version.has_value());
+}
+
+}  // namespace
+}  // namespace client
