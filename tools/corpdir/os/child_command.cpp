@@ -1,8 +1,10 @@
 #include "os/child_command.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,8 +18,8 @@ namespace corpdir_tool
 namespace
 {
 
-// Time for a command to end after SIGTERM.
-constexpr std::chrono::milliseconds kPatience{300};
+// Time for a command to end after SIGTERM when the program ends.
+constexpr std::chrono::milliseconds kStopPatience{300};
 
 // The program's environment with the variables added. An inherited variable of the same name is
 // left out: shells differ in which of two they use.
@@ -99,8 +101,13 @@ int StatusOf(const siginfo_t& end)
 
 }  // namespace
 
-ChildCommand::ChildCommand(std::string command, int output, std::function<void(int status)> onEnd)
-    : m_command(std::move(command)), m_output(output), m_onEnd(std::move(onEnd))
+ChildCommand::ChildCommand(std::string command, int output, std::function<void(int status)> onEnd,
+                           Limit limit, std::chrono::milliseconds patience)
+    : m_command(std::move(command)),
+      m_output(output),
+      m_onEnd(std::move(onEnd)),
+      m_limit(limit),
+      m_patience(patience)
 {
 }
 
@@ -110,28 +117,18 @@ ChildCommand::~ChildCommand()
     {
         return;
     }
+    Signal(SIGTERM);
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        // Until m_over is set the command is not reaped, so the group id is still its own.
-        if (!m_over)
-        {
-            (void)kill(-m_child, SIGTERM);
-        }
-        if (!m_changed.wait_for(lock, kPatience, [this] { return m_over; }))
-        {
-            (void)kill(-m_child, SIGKILL);
-        }
+        (void)m_changed.wait_for(lock, kStopPatience, [this] { return m_over; });
     }
+    Signal(SIGKILL);
     m_thread.join();
 }
 
 void ChildCommand::Kill() noexcept
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_child > 0 && !m_over)
-    {
-        (void)kill(-m_child, SIGKILL);
-    }
+    Signal(SIGKILL);
 }
 
 int ChildCommand::Start(const Variables& variables)
@@ -142,16 +139,28 @@ int ChildCommand::Start(const Variables& variables)
     pid_t child = -1;
     const int error = posix_spawn(&child, "/bin/sh", &settings.files, &settings.attributes,
                                   PointersTo(arguments).data(), PointersTo(environment).data());
-    if (error == 0)
+    if (error != 0)
     {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_child = child;
-            m_over = false;
-        }
-        m_thread = std::thread(&ChildCommand::Wait, this);
+        return error;
     }
-    return error;
+    // By number: the C library's header of Debian 12 does not work in C++.
+    base::Descriptor childEnd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    if (!childEnd.IsOpen())
+    {
+        const int cause = errno;
+        (void)kill(-child, SIGKILL);
+        (void)waitpid(child, nullptr, 0);
+        return cause;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_child = child;
+        m_over = false;
+    }
+    m_childEnd = std::move(childEnd);
+    m_timedOut = false;
+    m_thread = std::thread(&ChildCommand::Wait, this);
+    return 0;
 }
 
 void ChildCommand::Ended()
@@ -161,6 +170,13 @@ void ChildCommand::Ended()
 
 void ChildCommand::Wait() noexcept
 {
+    if (m_limit && !EndsWithin(*m_limit))
+    {
+        m_timedOut = true;
+        Signal(SIGTERM);
+        (void)EndsWithin(m_patience);
+        Signal(SIGKILL);  // a shell may have ended before a command that it started
+    }
     siginfo_t end = {};
     // WNOWAIT: it stays unreaped until no thread can signal its group any more.
     while (waitid(P_PID, static_cast<id_t>(m_child), &end, WEXITED | WNOWAIT) != 0 &&
@@ -174,6 +190,31 @@ void ChildCommand::Wait() noexcept
     }
     m_changed.notify_all();
     m_onEnd(StatusOf(end));
+}
+
+bool ChildCommand::EndsWithin(std::chrono::milliseconds time) const
+{
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + time;
+    pollfd ended = {m_childEnd.Number(), POLLIN, 0};
+    int ready = 0;
+    do
+    {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        ready = poll(&ended, 1, static_cast<int>(std::max<long>(left.count(), 0)));
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+// To the process group. Until m_over is set the command is not reaped, so the group id is still its
+// own.
+void ChildCommand::Signal(int signalNumber) noexcept
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_child > 0 && !m_over)
+    {
+        (void)kill(-m_child, signalNumber);
+    }
 }
 
 }  // namespace corpdir_tool

@@ -1,16 +1,20 @@
-// The command that is run for each new directory file.
+// The commands of --exec and --on-failure.
 #ifndef CORPDIR_TOOL_CHILD_COMMAND_H
 #define CORPDIR_TOOL_CHILD_COMMAND_H
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "base/descriptor.h"
 
 namespace corpdir_tool
 {
@@ -23,10 +27,16 @@ using Variables = std::vector<std::pair<std::string, std::string>>;
 class ChildCommand
 {
 public:
+    using Limit = std::optional<std::chrono::milliseconds>;
+
     // command: for /bin/sh -c. output: descriptor for its standard output and standard error, so
     // that it does not write between the program's own lines. onEnd: called on the waiting thread
     // with the exit status, 128 plus the number for a command that a signal ended; must not throw.
-    ChildCommand(std::string command, int output, std::function<void(int status)> onEnd);
+    // limit: a command that runs longer gets SIGTERM with its process group; what is left of the
+    // group gets SIGKILL when the command has ended, at the latest after `patience`.
+    ChildCommand(std::string command, int output, std::function<void(int status)> onEnd,
+                 Limit limit = std::nullopt,
+                 std::chrono::milliseconds patience = std::chrono::seconds(5));
 
     // A command that still runs gets SIGTERM, and SIGKILL a moment later, with its process group.
     ~ChildCommand();
@@ -34,7 +44,7 @@ public:
     ChildCommand(const ChildCommand&) = delete;
     ChildCommand& operator=(const ChildCommand&) = delete;
 
-    // A command was started, and its kCommandEnded has not been taken note of.
+    // A command was started, and Ended() has not been called since.
     bool Running() const
     {
         return m_thread.joinable();
@@ -49,16 +59,28 @@ public:
     // To be called once after onEnd, before the next start.
     void Ended();
 
+    // The limit ended the command; from Ended() until the next start.
+    bool TimedOut() const
+    {
+        return m_timedOut;
+    }
+
 private:
     void Wait() noexcept;
+    bool EndsWithin(std::chrono::milliseconds time) const;
+    void Signal(int signalNumber) noexcept;
 
     const std::string m_command;
     const int m_output;
     const std::function<void(int status)> m_onEnd;
+    const Limit m_limit;
+    const std::chrono::milliseconds m_patience;
     std::mutex m_mutex;  // guards the next three
     std::condition_variable m_changed;
     pid_t m_child = -1;  // written while no thread waits for it
     bool m_over = false;
+    base::Descriptor m_childEnd;  // readable when the command has ended; written as m_child
+    bool m_timedOut = false;      // belongs to m_thread while it runs
     std::thread m_thread;
 };
 
