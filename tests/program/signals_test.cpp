@@ -1,8 +1,14 @@
-// Stop signals: reported once, and the last resort when the stop hangs.
+// Stop signals: reported once, and the last resort when the stop hangs. Requests: each reported.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <unistd.h>
 
 #include <future>
+#include <string>
+#include <thread>
+
+#include "base/descriptor.h"
 
 #include "os/signals.h"
 
@@ -39,7 +45,7 @@ SignalWatch Watch(Promises& promises, std::chrono::milliseconds patience)
                        patience);
 }
 
-TEST(ToolSignals, ASignalIsTold)
+TEST(ToolSignals, ASignalIsReported)
 {
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
     {
@@ -127,6 +133,106 @@ TEST(ToolSignals, WhatIsIgnoredStaysIgnored)
         Send(SIGHUP);
         Send(SIGTERM);
         EXPECT_EQ(Received(std::move(first)), SIGTERM);
+    }
+    (void)signal(SIGHUP, before);
+}
+
+// Standard input is another one while it lives.
+class StandardInput
+{
+public:
+    explicit StandardInput(int other) : m_before(dup(STDIN_FILENO))
+    {
+        EXPECT_EQ(dup2(other, STDIN_FILENO), STDIN_FILENO);
+    }
+    ~StandardInput()
+    {
+        (void)dup2(m_before.Number(), STDIN_FILENO);
+    }
+    StandardInput(const StandardInput&) = delete;
+    StandardInput& operator=(const StandardInput&) = delete;
+
+private:
+    const base::Descriptor m_before;
+};
+
+class ToolSignalRequests : public ::testing::Test
+{
+protected:
+    // "check", "reload", or the number of the stop signal.
+    std::string Next()
+    {
+        std::future<std::string> next = m_next.get_future();
+        const bool came = next.wait_for(kLimit) == std::future_status::ready;
+        m_next = {};
+        return came ? next.get() : "nothing";
+    }
+
+    SignalWatch Watch()
+    {
+        return SignalWatch(
+            [this](int number) { m_next.set_value(SignalName(number)); },
+            [this](int) { m_lastResort.set_value(); }, kForever,
+            {[this] { m_next.set_value("check"); }, [this] { m_next.set_value("reload"); }});
+    }
+
+    const base::Descriptor m_null{open("/dev/null", O_RDONLY | O_CLOEXEC)};
+    const StandardInput m_input{m_null.Number()};
+    std::promise<std::string> m_next;
+    std::promise<void> m_lastResort;
+};
+
+TEST_F(ToolSignalRequests, EachIsReportedUntilTheStop)
+{
+    const SignalWatch watch = Watch();
+    for (int round = 0; round < 2; ++round)
+    {
+        Send(SIGUSR1);
+        EXPECT_EQ(Next(), "check");
+        Send(SIGHUP);
+        EXPECT_EQ(Next(), "reload");
+    }
+    Send(SIGTERM);
+    EXPECT_EQ(Next(), "SIGTERM");
+}
+
+// A reload that comes too late is no second stop signal, and does not end the process.
+TEST_F(ToolSignalRequests, OneAfterTheStopIsDropped)
+{
+    std::future<void> lastResort = m_lastResort.get_future();
+    {
+        const SignalWatch watch = Watch();
+        Send(SIGTERM);
+        EXPECT_EQ(Next(), "SIGTERM");
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        Send(SIGHUP);
+        EXPECT_EQ(lastResort.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    }
+    Send(SIGUSR1);
+    const SignalWatch next = Watch();
+    EXPECT_EQ(Next(), "check");
+}
+
+TEST_F(ToolSignalRequests, TheEndOfTheTerminalAsksForTheStop)
+{
+    int master = -1;
+    int slave = -1;
+    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    const base::Descriptor owned[] = {base::Descriptor(master), base::Descriptor(slave)};
+    const StandardInput terminal(slave);
+    const SignalWatch watch = Watch();
+    Send(SIGHUP);
+    EXPECT_EQ(Next(), "SIGHUP");
+}
+
+TEST_F(ToolSignalRequests, AnIgnoredOneStaysIgnored)
+{
+    void (*const before)(int) = signal(SIGHUP, SIG_IGN);
+    {
+        const SignalWatch watch = Watch();
+        Send(SIGHUP);
+        Send(SIGUSR1);
+        EXPECT_EQ(Next(), "check");
     }
     (void)signal(SIGHUP, before);
 }

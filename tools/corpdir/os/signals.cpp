@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <pthread.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
@@ -54,6 +55,28 @@ sigset_t StopSignals()
     return signals;
 }
 
+sigset_t SignalsOf(const SignalRequests& requests)
+{
+    sigset_t signals;
+    (void)sigemptyset(&signals);
+    if (requests.checkNow)
+    {
+        AddUnlessIgnored(SIGUSR1, signals);
+    }
+    if (requests.reload && isatty(STDIN_FILENO) == 0)
+    {
+        AddUnlessIgnored(SIGHUP, signals);
+    }
+    return signals;
+}
+
+sigset_t Both(const sigset_t& one, const sigset_t& other)
+{
+    sigset_t both;
+    (void)sigorset(&both, &one, &other);
+    return both;
+}
+
 }  // namespace
 
 std::string SignalName(int signalNumber)
@@ -71,11 +94,14 @@ std::string SignalName(int signalNumber)
     }
 }
 
-SignalWatch::SignalWatch(Handler onSignal, Handler lastResort, std::chrono::milliseconds patience)
+SignalWatch::SignalWatch(Handler onSignal, Handler lastResort, std::chrono::milliseconds patience,
+                         SignalRequests requests)
     : m_onSignal(std::move(onSignal)),
       m_lastResort(std::move(lastResort)),
       m_patience(patience),
-      m_signals(StopSignals())
+      m_requests(std::move(requests)),
+      m_requestSignals(SignalsOf(m_requests)),
+      m_signals(Both(StopSignals(), m_requestSignals))
 {
     (void)pthread_sigmask(SIG_BLOCK, &m_signals, &m_savedMask);
     m_thread = std::thread(&SignalWatch::Watch, this);
@@ -86,13 +112,33 @@ SignalWatch::~SignalWatch()
     m_ending = true;
     (void)pthread_kill(m_thread.native_handle(), kWakeSignal);
     m_thread.join();
-    (void)pthread_sigmask(SIG_SETMASK, &m_savedMask, nullptr);
+    const sigset_t mask = Both(m_savedMask, m_requestSignals);
+    (void)pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+}
+
+bool SignalWatch::IsRequest(int signalNumber) const
+{
+    return sigismember(&m_requestSignals, signalNumber) == 1;
+}
+
+// Also returns when the watch ends.
+int SignalWatch::AwaitStopSignal()
+{
+    for (;;)
+    {
+        int signalNumber = 0;
+        (void)sigwait(&m_signals, &signalNumber);  // fails only for a bad set
+        if (m_ending || !IsRequest(signalNumber))
+        {
+            return signalNumber;
+        }
+        (signalNumber == SIGUSR1 ? m_requests.checkNow : m_requests.reload)();
+    }
 }
 
 void SignalWatch::Watch()
 {
-    int signalNumber = 0;
-    (void)sigwait(&m_signals, &signalNumber);  // fails only for a bad set
+    const int signalNumber = AwaitStopSignal();
     if (m_ending)
     {
         return;
@@ -105,9 +151,10 @@ void SignalWatch::Watch()
     {
         const int second = AwaitSignal(m_signals, m_patience - Since(begin));
         const bool isInterrupted = second < 0 && errno == EINTR;
-        isWaiting = !m_ending && (isInterrupted || (second > 0 && Since(begin) < kRepeatTime));
+        const bool isRepeated = second > 0 && Since(begin) < kRepeatTime;
+        isWaiting = !m_ending && (isInterrupted || isRepeated || IsRequest(second));
     }
-    // A second signal came, or the time is over.
+    // A second stop signal came, or the time is over.
     if (!m_ending)
     {
         m_lastResort(signalNumber);
