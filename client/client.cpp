@@ -22,6 +22,9 @@ namespace
 
 constexpr unsigned int kErrorLevel = 0;
 
+// Bytes of an invalid version that are reported.
+constexpr std::size_t kMaxVersionText = 30;
+
 // The service's interval between two checks.
 constexpr std::chrono::seconds kCheckInterval{600};
 
@@ -333,11 +336,11 @@ void Client::LookUp()
 
 void Client::OnLookedUp()
 {
-    ResolvedServers resolved = m_lookup->Wait(std::chrono::milliseconds(0));
+    ResolvedServers resolved = m_lookup->Take();
     m_lookup.reset();
     for (const LeftOut& entry : resolved.leftOut)
     {
-        Event& event = Say(Report::kNameFailed, {"", entry.text, {}});
+        Event& event = Say(Event::Kind::kNameFailed, {"", entry.text, {}});
         event.transfer.reason = entry.problem;
         CLIENT_LOG(kErrorLevel, "No address for server %s: %s", entry.text.c_str(),
                    entry.problem.c_str());
@@ -389,7 +392,7 @@ void Client::Request(std::size_t first)
         {
             throw;
         }
-        Say(Report::kStartFailed, {}).transfer.reason = error.what();
+        Say(Event::Kind::kStartFailed, {}).transfer.reason = error.what();
         Pause(m_settings.retry);
         return;
     }
@@ -431,7 +434,7 @@ void Client::Handle(const Input& input)
             OnRefused(transfer);
             break;
         default:
-            Say(Report::kProgress, ServerOf(transfer)).transfer = transfer;
+            Say(Event::Kind::kProgress, ServerOf(transfer)).transfer = transfer;
             break;
     }
 }
@@ -449,7 +452,7 @@ void Client::OnAccepted(const TransferEvent& transfer)
         m_failed.clear();
     }
     m_state = State::kChecking;
-    Event& event = Say(Report::kChecking, ServerOf(transfer));
+    Event& event = Say(Event::Kind::kChecking, ServerOf(transfer));
     event.next = m_failed.empty()        ? Next::kNothing
                  : m_servers.size() == 1 ? Next::kSameServer
                                          : Next::kOtherServer;
@@ -470,7 +473,7 @@ void Client::OnVersion(const Input& input)
     m_read = input.version;
     const bool unchanged = input.stopped || *file.version == m_version;
     m_version = *file.version;
-    Event& event = Say(unchanged ? Report::kUnchanged : Report::kNewVersion, server);
+    Event& event = Say(unchanged ? Event::Kind::kUnchanged : Event::Kind::kNewVersion, server);
     event.version = m_version;
     event.transfer = input.transfer;
     Warn(file.warning);
@@ -491,9 +494,10 @@ void Client::OnInvalidVersion(const TransferEvent& transfer, const VersionFile& 
 {
     const Server server = ServerOf(transfer);
     m_failed.insert(server.address);
-    Event& event = Say(Report::kInvalidVersion, server);
+    Event& event = Say(Event::Kind::kInvalidVersion, server);
     event.transfer = transfer;
     event.transfer.reason = file.problem;
+    event.version = file.bytes.substr(0, file.bytes.find('\n')).substr(0, kMaxVersionText);
     event.next = OthersFailed() ? Next::kNothing : Next::kOtherServer;
     CLIENT_LOG(kErrorLevel, "The version file %s from server %s is not valid: %s",
                transfer.file.c_str(), server.Label().c_str(), file.problem.c_str());
@@ -520,7 +524,8 @@ void Client::OnDirectory(const Input& input)
         const Commit commit =
             m_files->Replace({seen->file, seen->read, input.path, server.Label()});
         transfer.bytes = commit.size;
-        Event& event = Say(commit.unchanged ? Report::kUnchanged : Report::kDelivered, server);
+        Event& event =
+            Say(commit.unchanged ? Event::Kind::kUnchanged : Event::Kind::kDelivered, server);
         event.version = *seen->file.version;
         event.path = m_settings.DirectoryPath();
         event.transfer = transfer;
@@ -559,7 +564,7 @@ void Client::OnFailed(const TransferEvent& transfer)
 // Another server would not help.
 void Client::OnLocalFileFailed(const TransferEvent& transfer)
 {
-    Say(Report::kFailed, ServerOf(transfer)).transfer = transfer;
+    Say(Event::Kind::kFailed, ServerOf(transfer)).transfer = transfer;
     FailCheck();
     Pause(m_settings.retry);
 }
@@ -574,7 +579,7 @@ void Client::OnVersionFailed(const TransferEvent& transfer)
     m_left = usedUp ? OthersLeft() : m_left - 1;
     // It may still have servers to which the client had gone by itself.
     const bool over = usedUp || (m_servers.size() > 1 && OthersFailed());
-    Event& event = Say(Report::kFailed, server);
+    Event& event = Say(Event::Kind::kFailed, server);
     event.transfer = transfer;
     event.next = over                    ? Next::kNothing
                  : m_servers.size() == 1 ? Next::kSameServer
@@ -595,7 +600,7 @@ void Client::OnVersionFailed(const TransferEvent& transfer)
     else
     {
         m_state = State::kIdle;
-        Say(Report::kWaiting, {}).wait = kCheckInterval;
+        Say(Event::Kind::kWaiting, {}).wait = kCheckInterval;
         LookUp();
     }
 }
@@ -610,7 +615,7 @@ void Client::OnDirectoryFailed(const TransferEvent& transfer)
     }
     const Server server = ServerOf(transfer);
     m_failed.insert(server.address);
-    Event& event = Say(Report::kFailed, server);
+    Event& event = Say(Event::Kind::kFailed, server);
     event.transfer = transfer;
     if (isLatest)  // else a newer one follows
     {
@@ -624,7 +629,8 @@ void Client::OnDirectoryFailed(const TransferEvent& transfer)
 void Client::OnRefused(const TransferEvent& transfer)
 {
     const bool final = !m_taken && IsSettingsRefusal(transfer.code);
-    Say(final ? Report::kRefused : Report::kFailed, ServerOf(transfer)).transfer = transfer;
+    Say(final ? Event::Kind::kRefused : Event::Kind::kFailed, ServerOf(transfer)).transfer =
+        transfer;
     if (final)
     {
         Stop();
@@ -661,7 +667,7 @@ void Client::EndCheck()
 
 void Client::FailCheck()
 {
-    Say(Report::kPassFailed, {});
+    Say(Event::Kind::kPassFailed, {});
     Warn(m_files->NoteFailure());
 }
 
@@ -671,12 +677,12 @@ void Client::Pause(std::chrono::seconds time)
     Stop();
     m_state = State::kPausing;
     m_due = Clock::now() + time;
-    Event& event = Say(Report::kWaiting, {});
+    Event& event = Say(Event::Kind::kWaiting, {});
     event.wait = time;
     event.retries = true;
 }
 
-Event& Client::Say(Report kind, const Server& server)
+Event& Client::Say(Event::Kind kind, const Server& server)
 {
     Event& event = m_events.emplace_back();
     event.kind = kind;
@@ -689,7 +695,7 @@ void Client::Warn(const std::string& reason)
 {
     if (!reason.empty())
     {
-        Say(Report::kWarning, {}).transfer.reason = reason;
+        Say(Event::Kind::kWarning, {}).transfer.reason = reason;
     }
 }
 

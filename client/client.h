@@ -119,7 +119,7 @@ private:
     void EndCheck();
     void FailCheck();
     void Pause(std::chrono::seconds time);
-    Event& Say(Report kind, const Server& server);
+    Event& Say(Event::Kind kind, const Server& server);
     void Warn(const std::string& reason);
 
     bool IsVersionFile(const TransferEvent& transfer) const;

@@ -12,23 +12,6 @@
 namespace client
 {
 
-enum class Report
-{
-    kChecking,        // a transfer of the version file has begun
-    kProgress,        // bytes have arrived, or the dialogue has reached another step
-    kNewVersion,      // the version file was read: `version`; the directory file follows
-    kUnchanged,       // the end of a check: version and local directory file are those of before
-    kInvalidVersion,  // the version file was read, and is not valid: `reason`
-    kDelivered,       // the end of a check: directory file and version file are in place
-    kFailed,          // a transfer failed, could not be started, or a file could not be replaced
-    kRefused,         // every server would refuse these settings: `code`, `reason`
-    kNameFailed,      // a name in the list of servers has no address: `reason`
-    kPassFailed,      // the end of a check: every server failed
-    kStartFailed,     // the service could not be started again
-    kWaiting,         // until the next check: `wait`
-    kWarning,         // `reason`
-};
-
 // What the client does after a failure.
 enum class Next
 {
@@ -39,7 +22,24 @@ enum class Next
 
 struct Event
 {
-    Report kind = Report::kChecking;
+    enum class Kind
+    {
+        kChecking,    // a transfer of the version file has begun
+        kProgress,    // bytes have arrived, or the dialogue has reached another step
+        kNewVersion,  // the version file was read: `version`; the directory file follows
+        kUnchanged,   // the end of a check: version and local directory file are those of before
+        kInvalidVersion,  // the version file was read, and is not valid: `reason`
+        kDelivered,       // the end of a check: directory file and version file are in place
+        kFailed,       // a transfer failed, could not be started, or a file could not be replaced
+        kRefused,      // every server would refuse these settings: `code`, `reason`
+        kNameFailed,   // a name in the list of servers has no address: `reason`
+        kPassFailed,   // the end of a check: every server failed
+        kStartFailed,  // the service could not be started again
+        kWaiting,      // until the next check: `wait`
+        kWarning,      // `reason`
+    };
+
+    Kind kind = Kind::kChecking;
     Server server;           // empty when none is concerned
     std::string version;     // byte for byte
     std::string path;        // of the local file, when delivered

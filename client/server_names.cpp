@@ -328,9 +328,23 @@ ServerLookup::~ServerLookup()
 
 ResolvedServers ServerLookup::Wait(std::chrono::milliseconds limit)
 {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    std::unique_lock<std::mutex> lock(m_shared->mutex);
-    m_shared->changed.wait_until(lock, deadline, [this] { return m_shared->Done(); });
+    {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        std::unique_lock<std::mutex> lock(m_shared->mutex);
+        m_shared->changed.wait_until(lock, deadline, [this] { return m_shared->Done(); });
+    }
+    return Collect(limit);
+}
+
+ResolvedServers ServerLookup::Take()
+{
+    return Collect(kLookupLimit);
+}
+
+// Nothing is wanted after this. limit: for the reason of a name without an answer.
+ResolvedServers ServerLookup::Collect(std::chrono::milliseconds limit)
+{
+    const std::lock_guard<std::mutex> lock(m_shared->mutex);
     m_shared->givenUp = true;
     if (m_shared->outOfMemory)
     {

@@ -103,11 +103,16 @@ public:
     // True when Wait() would not wait.
     bool IsDone() const;
 
+    // As Wait(), after kLookupLimit: for a caller that has waited in another way.
+    ResolvedServers Take();
+
     // Ends a wait at once. Any thread.
     void GiveUp() noexcept;
 
 private:
     struct Shared;
+
+    ResolvedServers Collect(std::chrono::milliseconds limit);
 
     const std::vector<ServerEntry> m_entries;
     const std::shared_ptr<Shared> m_shared;

@@ -25,8 +25,11 @@ enum class EventKind
     kOutOfMemory,   // events before this one are lost
     kResolved,      // the names of the servers have been looked up
     kCommandEnded,  // the program's command has ended
-    kSignal,        // a signal asks the program to stop
-    kDeadline       // the wait timed out
+    kFailureCommandEnded,
+    kSignal,    // a signal asks the program to stop
+    kCheckNow,  // a signal asks for a check
+    kReload,    // a signal asks for the settings to be read again
+    kDeadline   // the wait timed out
 };
 
 struct TransferEvent

@@ -93,33 +93,33 @@ std::string TextOf(const Event& event)
     const std::string server = event.server.Label();
     switch (event.kind)
     {
-        case Report::kChecking:
+        case Event::Kind::kChecking:
             return "checking " + server + NextText(event.next);
-        case Report::kProgress:
+        case Event::Kind::kProgress:
             return "progress";
-        case Report::kNewVersion:
+        case Event::Kind::kNewVersion:
             return "new " + server + " " + event.version;
-        case Report::kUnchanged:
+        case Event::Kind::kUnchanged:
             return "unchanged " + server + " " + event.version;
-        case Report::kInvalidVersion:
+        case Event::Kind::kInvalidVersion:
             return "invalid " + server + ": " + event.transfer.reason + NextText(event.next);
-        case Report::kDelivered:
+        case Event::Kind::kDelivered:
             return "delivered " + server + " " + event.version;
-        case Report::kFailed:
+        case Event::Kind::kFailed:
             return "failed " + server + " " + std::to_string(event.transfer.code) +
                    NextText(event.next);
-        case Report::kRefused:
+        case Event::Kind::kRefused:
             return "refused " + event.transfer.reason;
-        case Report::kNameFailed:
+        case Event::Kind::kNameFailed:
             return "no address " + event.server.name + ": " + event.transfer.reason;
-        case Report::kPassFailed:
+        case Event::Kind::kPassFailed:
             return "all failed";
-        case Report::kStartFailed:
+        case Event::Kind::kStartFailed:
             return "start failed: " + event.transfer.reason;
-        case Report::kWaiting:
+        case Event::Kind::kWaiting:
             return std::string(event.retries ? "retry" : "wait") + " " +
                    std::to_string(event.wait.count());
-        case Report::kWarning:
+        case Event::Kind::kWarning:
             return "warning: " + event.transfer.reason;
     }
     return "?";

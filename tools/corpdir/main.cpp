@@ -36,23 +36,48 @@ CipherTable KnownCiphers()
     return table;
 }
 
-const corpdir_tool::Commands kCommands = {
-    [](const Options& options) { return corpdir_tool::RunFetch(options, KnownCiphers); },
-    [](const Options& options) { return corpdir_tool::RunWatch(options, KnownCiphers); },
-    [](const Options& options) { return corpdir_tool::RunCheck(options, KnownCiphers); },
-    [](const Options& options)
-    {
-        const auto print =
-            options.json ? corpdir_tool::PrintCiphersAsJson : corpdir_tool::PrintCiphers;
-        print(KnownCiphers(), stdout);
-        return 0;
-    }};
+int ListCiphers(const Options& options)
+{
+    const auto print = options.json ? corpdir_tool::PrintCiphersAsJson : corpdir_tool::PrintCiphers;
+    print(KnownCiphers(), stdout);
+    return 0;
+}
 
 std::string VersionText()
 {
     return std::string("corpdir " CORPDIR_VERSION ", built " CORPDIR_BUILD_DATE
                        " " CORPDIR_BUILD_TIME " UTC\n") +
            TRAVEX_FTP_Libraries();
+}
+
+// The options of the same command line, with the settings file as it is now.
+Options ReadAgain(int argc, char** argv)
+{
+    Options read;
+    const auto keep = [&read](const Options& options)
+    {
+        read = options;
+        return 0;
+    };
+    if (corpdir_tool::RunCommandLine(argc, argv, {keep, keep, keep, keep}, VersionText) != 0)
+    {
+        throw corpdir_tool::ExitError(corpdir_tool::kExitArguments,
+                                      "the settings file cannot be used, see standard error");
+    }
+    return read;
+}
+
+int Run(int argc, char** argv)
+{
+    const corpdir_tool::Commands commands = {
+        [](const Options& options) { return corpdir_tool::RunFetch(options, KnownCiphers); },
+        [=](const Options& options) {
+            return corpdir_tool::RunWatch(options, KnownCiphers,
+                                          [=] { return ReadAgain(argc, argv); });
+        },
+        [](const Options& options) { return corpdir_tool::RunCheck(options, KnownCiphers); },
+        ListCiphers};
+    return corpdir_tool::RunCommandLine(argc, argv, commands, VersionText);
 }
 
 // A success whose output could not be written is a failure.
@@ -88,7 +113,7 @@ int main(int argc, char** argv)
     FillStandardStreams();
     try
     {
-        return WithOutputWritten(corpdir_tool::RunCommandLine(argc, argv, kCommands, VersionText));
+        return WithOutputWritten(Run(argc, argv));
     }
     catch (const corpdir_tool::ExitError& error)
     {

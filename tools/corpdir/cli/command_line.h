@@ -2,6 +2,7 @@
 #ifndef CORPDIR_TOOL_COMMAND_LINE_H
 #define CORPDIR_TOOL_COMMAND_LINE_H
 
+#include <functional>
 #include <string>
 
 #include "cli/options.h"
@@ -10,7 +11,7 @@ namespace corpdir_tool
 {
 
 // Runs one command; returns its exit status.
-using Runner = int (*)(const Options& options);
+using Runner = std::function<int(const Options& options)>;
 
 struct Commands
 {

@@ -3,6 +3,7 @@
 #define CORPDIR_TOOL_OPTIONS_H
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,8 +40,13 @@ struct Options
     std::uint64_t maxSize = 0;             // bytes; 0: the FTP layer's limit
     unsigned int connectTimeout = 0;       // seconds; 0: the FTP layer's limit
     unsigned int timeoutSeconds = 120;     // fetch and check
+    unsigned int maxTimeSeconds = 0;       // fetch and check; 0: none
+    bool ifChanged = false;                // fetch
     unsigned int retrySeconds = 60;        // watch
+    unsigned int splaySeconds = 0;         // watch
     std::string execute;                   // watch: shell command; empty: none
+    std::string onFailure;                 // watch: the same, for a check that failed
+    unsigned int execTimeoutSeconds = 0;   // watch: of both; 0: none
     std::string logDir;                    // empty: standard error
     std::optional<unsigned int> logLevel;  // not set: no log
     bool quiet = false;
@@ -70,6 +76,10 @@ struct Plan : Options
     std::string DirectoryPath() const
     {
         return outputDir + directoryName;
+    }
+    std::string AbsoluteDirectoryPath() const
+    {
+        return std::filesystem::absolute(DirectoryPath()).lexically_normal();
     }
 };
 

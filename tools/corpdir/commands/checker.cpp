@@ -8,6 +8,7 @@
 #include "corpdir_log.h"
 #include "exit_error.h"
 #include "os/signals.h"
+#include "version_file.h"
 
 namespace corpdir_tool
 {
@@ -98,7 +99,7 @@ void Fail(CheckResult& result, CheckStep step, const Failure& failure)
 
 }  // namespace
 
-Checker::Checker(const Plan& plan, const std::string& scratch, const Secret& password,
+Checker::Checker(const Plan& plan, const std::string& scratch, const client::Secret& password,
                  EventQueue& events)
     : m_plan(plan), m_scratch(scratch), m_password(password), m_events(events)
 {
@@ -157,7 +158,7 @@ void Checker::CheckVersionFile(const Event& event, CheckResult& result) const
         return;
     }
     result.versionBytes = event.bytes;
-    const VersionFile file = ReadVersionFile(m_scratch + kVersionName);
+    const client::VersionFile file = client::ReadVersionFile(m_scratch + kVersionName);
     if (!file.version)
     {
         Fail(result, CheckStep::kVersionFile, {0, 0, 0, 0, m_plan.versionFile, file.problem});
@@ -189,7 +190,7 @@ void Checker::CheckDirectoryFile(const Event& event, CheckResult& result) const
 // The options that have no effect stay zero. 0, or the layer's code.
 unsigned int Checker::SetParameters(TRAVEX_FTP_HANDLE handle, const Server& server) const
 {
-    Wiped<tagTRAVEX_FTP_S_CTRL_PARAM> control;
+    client::Wiped<tagTRAVEX_FTP_S_CTRL_PARAM> control;
     tagTRAVEX_FTP_S_CTRL_PARAM& parameters = control.record;
     parameters.ulServerType = m_plan.plain ? 0 : 1;
     parameters.ulServerIpType = SetAddress(server.address, parameters.aucServerIp);

@@ -7,7 +7,7 @@
 #include "cli/options.h"
 #include "cli/servers.h"
 #include "commands/events.h"
-#include "os/secret.h"
+#include "secret.h"
 #include "ui/check_table.h"
 
 namespace corpdir_tool
@@ -29,7 +29,7 @@ class Checker
 public:
     // All references must outlive the checker. scratch: an empty directory, ending in "/".
     // Throws ExitError when the log or the FTP layer cannot be started.
-    Checker(const Plan& plan, const std::string& scratch, const Secret& password,
+    Checker(const Plan& plan, const std::string& scratch, const client::Secret& password,
             EventQueue& events);
     ~Checker();  // cancels what is still under way
     Checker(const Checker&) = delete;
@@ -49,7 +49,7 @@ private:
 
     const Plan& m_plan;
     const std::string m_scratch;
-    const Secret& m_password;
+    const client::Secret& m_password;
     EventQueue& m_events;
 };
 

@@ -21,14 +21,18 @@ constexpr std::chrono::milliseconds kStopPatience{900};
 
 }  // namespace
 
-CommandProcess::CommandProcess(const Plan& plan, int (*lastStatus)(int signalNumber))
+CommandProcess::CommandProcess(const Plan& plan, int (*lastStatus)(int signalNumber),
+                               bool takesRequests)
     : m_watch([this](int number) { m_events.Push(EventKind::kSignal, number); },
               [this, lastStatus](int number)
               {
                   CleanUp();
                   _exit(lastStatus(number));
               },
-              kStopPatience)
+              kStopPatience,
+              takesRequests ? SignalRequests{[this] { m_events.Push(EventKind::kCheckNow); },
+                                             [this] { m_events.Push(EventKind::kReload); }}
+                            : SignalRequests{})
 {
     // The service opens a log in any case; records of errors would go to standard error.
     g_LogMode = plan.logLevel ? 0 : 1;

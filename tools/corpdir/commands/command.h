@@ -23,8 +23,10 @@ class CommandProcess
 {
 public:
     // When the stop that a signal asks for takes longer than a second, the process exits at once
-    // with the status that `lastStatus` returns for the signal.
-    CommandProcess(const Plan& plan, int (*lastStatus)(int signalNumber));
+    // with the status that `lastStatus` returns for the signal. takesRequests: SIGUSR1 and SIGHUP
+    // become kCheckNow and kReload.
+    CommandProcess(const Plan& plan, int (*lastStatus)(int signalNumber),
+                   bool takesRequests = false);
 
     EventQueue& Events()
     {
@@ -75,7 +77,9 @@ void FlushResult();
 // The commands; they return the exit status. Call them on the main thread before any other exists.
 // They throw ExitError.
 int RunFetch(const Options& options, const CipherSource& ciphers);
-int RunWatch(const Options& options, const CipherSource& ciphers);
+// again: reads the options again, from the command line and the settings file.
+int RunWatch(const Options& options, const CipherSource& ciphers,
+             const std::function<Options()>& again);
 int RunCheck(const Options& options, const CipherSource& ciphers);
 
 }  // namespace corpdir_tool

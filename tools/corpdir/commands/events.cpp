@@ -8,7 +8,7 @@
 namespace corpdir_tool
 {
 
-Failure FailureOf(const Event& event)
+Failure FailureOf(const client::TransferEvent& event)
 {
     return {event.code, event.step, event.reply, event.detail, event.file, event.reason};
 }
@@ -19,7 +19,7 @@ bool IsArgumentRefusal(unsigned int code)
            code == TRAVEX_FTP_ERR_TRUST;
 }
 
-std::string ArgumentProblem(const Event& event)
+std::string ArgumentProblem(const client::TransferEvent& event)
 {
     const char* const option = event.code == TRAVEX_FTP_ERR_CIPHER  ? "--ciphers: "
                                : event.code == TRAVEX_FTP_ERR_TRUST ? "--ca: "
@@ -35,24 +35,24 @@ void EventQueue::Push(EventKind kind, int number) noexcept
     Append(std::move(event));
 }
 
-void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen,
-                                 const std::string& versionFile,
-                                 const std::string& localVersionFile) noexcept
+void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept
 {
     try
     {
-        Event event{client::EventOf(seen), {}, 0};
+        Event event{client::EventOf(seen), 0};
         event.server = client::AddressOfEndpoint(event.server);
-        if (event.kind == EventKind::kTransferred && event.file == versionFile)
-        {
-            event.version = ReadVersionFile(localVersionFile);
-        }
         Append(std::move(event));
     }
     catch (const std::bad_alloc&)
     {
         SetOutOfMemory();
     }
+}
+
+void EventQueue::SetWake(std::function<void()> wake)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_wake = std::move(wake);
 }
 
 Event EventQueue::WaitUntil(Clock::time_point deadline)
@@ -91,6 +91,10 @@ void EventQueue::Append(Event event) noexcept
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_events.push_back(std::move(event));
+        if (m_wake)
+        {
+            m_wake();
+        }
     }
     catch (const std::bad_alloc&)
     {

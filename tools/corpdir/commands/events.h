@@ -5,11 +5,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "commands/version_file.h"
 #include "transfer_event.h"
 #include "travex_ftp.h"
 #include "ui/hints.h"
@@ -22,17 +22,16 @@ using client::EventKind;
 // `server` is the address alone.
 struct Event : client::TransferEvent
 {
-    VersionFile version;  // content of a version file that has arrived
-    int number = 0;       // the signal, or the exit status of the command
+    int number = 0;  // the signal, or the exit status of the command
 };
 
-Failure FailureOf(const Event& event);
+Failure FailureOf(const client::TransferEvent& event);
 
 // True when every server would refuse the same arguments.
 bool IsArgumentRefusal(unsigned int code);
 
 // The reason of such a refusal, with the option that caused it.
-std::string ArgumentProblem(const Event& event);
+std::string ArgumentProblem(const client::TransferEvent& event);
 
 // Thread-safe: one mutex guards all members; no other code is called while it is held.
 class EventQueue
@@ -44,11 +43,12 @@ public:
     // out the waiting thread gets kOutOfMemory instead.
     void Push(EventKind kind, int number = 0) noexcept;
 
-    // The same for an observation. When it completes `versionFile`, the local copy is read at once:
-    // a later download may replace it before the main thread gets the event.
-    void PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen,
-                         const std::string& versionFile = {},
-                         const std::string& localVersionFile = {}) noexcept;
+    // The same for an observation.
+    void PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept;
+
+    // Called after each event has been appended, on any thread, with the queue locked: it may set a
+    // flag. Null: none.
+    void SetWake(std::function<void()> wake);
 
     // The next event, or kDeadline when none comes before that time. One thread waits at a time.
     Event WaitUntil(Clock::time_point deadline);
@@ -63,6 +63,7 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Event> m_events;
+    std::function<void()> m_wake;
     bool m_outOfMemory = false;
 };
 

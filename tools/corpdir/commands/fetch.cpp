@@ -1,10 +1,10 @@
 #include <chrono>
 
+#include "commands/client_settings.h"
 #include "commands/command.h"
 #include "commands/session.h"
 #include "exit_error.h"
 #include "ftpcorpdir.h"
-#include "os/password.h"
 #include "ui/json.h"
 #include "ui/report.h"
 
@@ -14,7 +14,7 @@ namespace corpdir_tool
 namespace
 {
 
-ReportSettings SettingsOf(const Plan& plan)
+ReportSettings ReportSettingsOf(const Plan& plan)
 {
     const bool logBeside = plan.logLevel && plan.logDir.empty();
     ReportSettings settings;
@@ -51,12 +51,6 @@ public:
         m_path = path;
     }
 
-    // Names without an address, with the reason.
-    std::vector<std::string>& LeftOut()
-    {
-        return m_leftOut;
-    }
-
     // Throws ExitError when it cannot be written.
     void Print(const Outcome& outcome) const;
 
@@ -67,7 +61,6 @@ private:
     const bool m_quiet;
     const EventQueue::Clock::time_point m_begun = EventQueue::Clock::now();
     std::string m_path;
-    std::vector<std::string> m_leftOut;
 };
 
 void ResultPrinter::Print(const Outcome& outcome) const
@@ -75,6 +68,10 @@ void ResultPrinter::Print(const Outcome& outcome) const
     if (m_json)
     {
         PrintObject(outcome);
+    }
+    else if (outcome.unchanged && !m_quiet)
+    {
+        PrintUnchanged(outcome.version, stdout);
     }
     else if (outcome.status == kExitFetched && !m_quiet)
     {
@@ -85,40 +82,33 @@ void ResultPrinter::Print(const Outcome& outcome) const
 
 void ResultPrinter::PrintObject(const Outcome& outcome) const
 {
-    const bool fetched = outcome.status == kExitFetched;
+    const bool fetched = outcome.status == kExitFetched && !outcome.unchanged;
+    const bool current = outcome.status == kExitFetched;
     const std::chrono::duration<double> spent = EventQueue::Clock::now() - m_begun;
     const Json object = {{"status", outcome.status},
                          {"fetched", fetched},
+                         {"unchanged", outcome.unchanged},
                          {"error", OrNull(outcome.error)},
                          {"version", OrNull(outcome.version)},
-                         {"file", OrNull(fetched ? m_path : "")},
+                         {"file", OrNull(current ? m_path : "")},
                          {"bytes", fetched ? Json(outcome.bytes) : Json(nullptr)},
                          {"seconds", spent.count()},
                          {"servers", ServersOf(outcome)},
-                         {"left_out", m_leftOut}};
+                         {"left_out", outcome.leftOut}};
     (void)std::fprintf(stdout, "%s\n", TextOf(object).c_str());
-}
-
-Outcome Download(const Plan& plan, const Secret& password, EventQueue& events, Report& report,
-                 ResultPrinter& printer)
-{
-    const auto deadline = EventQueue::Clock::now() + std::chrono::seconds(plan.timeoutSeconds);
-    Session session(*GetCorpDirInstance(), plan,
-                    FindServers(plan, events, deadline, report, printer.LeftOut()), password,
-                    events, report);
-    return session.Run(deadline);
 }
 
 Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& printer)
 {
     const Plan plan = MakePlan(options, ciphers);
     printer.SetPath(plan.DirectoryPath());
-    Secret password;
-    ReadPassword(options.passwordFile, password);
+    PasswordSource password(options.passwordFile);
 
     CommandProcess process(plan, [](int number) { return kExitSignal + number; });
-    Report report(SettingsOf(plan), process.Messages());
-    return Download(plan, password, process.Events(), report, printer);
+    Report report(ReportSettingsOf(plan), process.Messages());
+    Session session(*GetCorpDirInstance(), plan, SystemLookup, password, process.Events(), report);
+    const LastResort lastResort(process, [&session] { session.RemoveStaged(); });
+    return session.Run();
 }
 
 }  // namespace

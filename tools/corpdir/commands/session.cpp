@@ -1,5 +1,10 @@
 #include "commands/session.h"
 
+#include <algorithm>
+#include <new>
+#include <set>
+#include <string>
+#include <system_error>
 #include <utility>
 
 #include "exit_error.h"
@@ -12,207 +17,227 @@ namespace corpdir_tool
 namespace
 {
 
-const char kNextServer[] = "trying next server";
-const char kSameServer[] = "trying again";
+using client::Next;
+using Kind = client::Event::Kind;
+
+const char* TextOf(Next next)
+{
+    return next == Next::kOtherServer  ? "trying next server"
+           : next == Next::kSameServer ? "trying again"
+                                       : "";
+}
+
+std::string Seconds(unsigned int seconds)
+{
+    return std::to_string(seconds) + " s";
+}
 
 }  // namespace
 
-Session::Session(IFtpCorpDir& service, const Plan& plan, std::vector<Server> servers,
-                 const Secret& password, EventQueue& events, Report& report)
+Session::Session(IFtpCorpDir& service, const Plan& plan, Lookup lookup, PasswordSource& password,
+                 EventQueue& events, Report& report)
     : m_plan(plan),
-      m_servers(std::move(servers)),
       m_password(password),
       m_events(events),
       m_report(report),
-      m_link(service, plan, events)
+      m_client(service, std::move(lookup))
 {
+    m_events.SetWake([this] { m_client.Wake(); });
 }
 
-Outcome Session::Run(EventQueue::Clock::time_point deadline)
+Session::~Session()
 {
-    Settled status = StartFrom(0);
-    while (!status)
-    {
-        status = Handle(m_events.WaitUntil(deadline));
-    }
-    m_link.Stop();
-    if (*status == kExitFetched)
-    {
-        m_attempts.push_back({m_servers[m_current], {}});
-    }
-    return {*status, m_error, m_version.value_or(""), m_bytes, m_attempts};
+    m_events.SetWake(nullptr);
 }
 
-// Makes a request to the servers from `first` on. A server for which it cannot be started is
-// skipped.
-Session::Settled Session::StartFrom(std::size_t first)
+Outcome Session::Run()
 {
-    for (std::size_t index = first; index < m_servers.size(); ++index)
+    Settled status;
+    try
     {
-        m_first = m_current = index;
-        m_failures = 0;
-        m_version.reset();
-        m_bytes = 0;
-        m_total = TRAVEX_FTP_SIZE_UNKNOWN;
-        m_link.Start();
-        const auto begin = m_servers.begin() + static_cast<std::ptrdiff_t>(index);
-        const unsigned int code = m_link.Request({begin, m_servers.end()}, m_password);
-        if (code == 0)
+        m_client.Start(SettingsOf(m_plan, m_password));
+        while (!status)
         {
-            return std::nullopt;
+            status = Step();
         }
-        // The refusal was observed on this thread, before the call returned.
-        Event refusal;
-        refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
-        for (const Event& event : m_events.TakeServiceEvents())
-        {
-            if (event.kind == EventKind::kRefused && IsArgumentRefusal(event.code))
-            {
-                return Fail(kExitArguments, ArgumentProblem(event));
-            }
-            refusal = event.kind == EventKind::kRefused ? event : refusal;
-        }
-        // The failed start may have left a transfer running.
-        m_link.Stop();
-        ReportServer(index, refusal, index + 1 < m_servers.size() ? kNextServer : "");
     }
-    return NoServerLeft();
+    catch (const client::StartError& error)
+    {
+        throw StartProblem(m_plan, error);
+    }
+    catch (const std::system_error& error)
+    {
+        throw ExitError(kExitLocalFile, error.what());
+    }
+    catch (const std::bad_alloc&)
+    {
+        status = Fail(kExitInternal, "out of memory");
+    }
+    m_client.Stop();
+    m_outcome.status = *status;
+    return std::move(m_outcome);
 }
 
-Session::Settled Session::Handle(const Event& event)
+Session::Settled Session::Step()
+{
+    Clock::time_point deadline = m_progress + std::chrono::seconds(m_plan.timeoutSeconds);
+    if (m_plan.maxTimeSeconds != 0)
+    {
+        deadline = std::min(deadline, m_begun + std::chrono::seconds(m_plan.maxTimeSeconds));
+    }
+    const std::optional<client::Event> event = m_client.Next(deadline);
+    if (event)
+    {
+        m_progress = Clock::now();
+        return Handle(*event);
+    }
+    const Settled status = HandleOwn();
+    return status || Clock::now() < deadline ? status : OnTimeOver();
+}
+
+Session::Settled Session::Handle(const client::Event& event)
 {
     switch (event.kind)
     {
-        case EventKind::kAccepted:
-            break;  // progress and outcome follow
-        case EventKind::kProgress:
-            return OnProgress(event);
-        case EventKind::kTransferred:
-            return OnTransferred(event);
-        case EventKind::kFailed:
+        case Kind::kChecking:
+            Begin(event.server);
+            break;
+        case Kind::kProgress:
+            m_bytes = event.transfer.bytes;
+            m_total = event.transfer.total;
+            if (event.transfer.kind == EventKind::kProgress)
+            {
+                m_report.Progress(m_newVersion ? "directory" : "version", m_bytes, m_total);
+            }
+            break;
+        case Kind::kNewVersion:
+            m_newVersion = event.version;
+            m_bytes = 0;
+            m_total = TRAVEX_FTP_SIZE_UNKNOWN;
+            break;
+        case Kind::kUnchanged:
+        case Kind::kDelivered:
+            return OnEnd(event);
+        case Kind::kInvalidVersion:
+            return OnInvalidVersion(event);
+        case Kind::kFailed:
             return OnFailed(event);
-        case EventKind::kRefused:
-            return OnRefused(event);
-        case EventKind::kDelivered:
-            return kExitFetched;
+        case Kind::kRefused:
+            return Fail(kExitArguments, ArgumentProblem(event.transfer));
+        case Kind::kNameFailed:
+            m_outcome.leftOut.push_back(event.server.name + ": " + event.transfer.reason);
+            m_report.Error(m_outcome.leftOut.back() + "; skipped");
+            break;
+        case Kind::kPassFailed:
+            return OnAllFailed();
+        case Kind::kStartFailed:
+            return Fail(kExitInternal, event.transfer.reason);
+        case Kind::kWarning:
+            m_report.Warning(event.transfer.reason);
+            break;
+        case Kind::kWaiting:
+            break;  // the session has ended before
+    }
+    return std::nullopt;
+}
+
+std::size_t Session::ServersAsked() const
+{
+    std::set<std::string> addresses;
+    for (const Attempt& attempt : m_outcome.attempts)
+    {
+        addresses.insert(attempt.server.address);
+    }
+    return addresses.size();
+}
+
+// Signals.
+Session::Settled Session::HandleOwn()
+{
+    const Event event = m_events.WaitUntil(Clock::now());
+    switch (event.kind)
+    {
         case EventKind::kSignal:
             return Fail(kExitSignal + event.number,
                         "stopped by " + SignalName(event.number) + " while " + Activity());
-        case EventKind::kDeadline:
-            return Fail(kExitNoOutcome,
-                        "timed out after " + std::to_string(m_plan.timeoutSeconds) + " s while " +
-                            Activity(),
-                        "raise --timeout to allow more time");
         case EventKind::kOutOfMemory:
-            return Fail(kExitInternal, "out of memory");
-        case EventKind::kResolved:
-        case EventKind::kCommandEnded:
-            break;  // never during a session
+            throw std::bad_alloc();
+        default:
+            return std::nullopt;
     }
+}
+
+Session::Settled Session::OnEnd(const client::Event& event)
+{
+    m_outcome.attempts.push_back({event.server, {}});
+    m_outcome.version = event.version;
+    m_outcome.unchanged = m_plan.ifChanged && event.kind == Kind::kUnchanged;
+    m_outcome.bytes = m_outcome.unchanged ? 0 : event.transfer.bytes;
+    return kExitFetched;
+}
+
+Session::Settled Session::OnInvalidVersion(const client::Event& event)
+{
+    m_invalidVersion = true;
+    Failure failure = FailureOf(event.transfer);
+    failure.reason = "the version file is not valid: " + failure.reason;
+    ReportServer(event.server, failure, event.next);
     return std::nullopt;
 }
 
-Session::Settled Session::OnProgress(const Event& event)
+Session::Settled Session::OnFailed(const client::Event& event)
 {
-    // The service's ten-minute check may fetch the version file again in between.
-    if (IsVersionFile(event) == m_version.has_value())
+    const Failure failure = FailureOf(event.transfer);
+    if (failure.code == TRAVEX_FTP_ERR_LOCAL_FILE)
     {
-        return std::nullopt;
+        return Fail(kExitLocalFile, failure.reason, HintFor(failure, m_plan));
     }
-    m_bytes = event.bytes;
-    m_total = event.total;
-    m_report.Progress(m_version ? "directory" : "version", m_bytes, m_total);
+    if (event.transfer.kind == EventKind::kRefused && IsArgumentRefusal(failure.code))
+    {
+        return Fail(kExitArguments, ArgumentProblem(event.transfer));
+    }
+    ReportServer(event.server, failure, event.next);
     return std::nullopt;
 }
 
-// A file is on disk. The service is notified after the observer; it reads the version file by the
-// same rule, and goes on to the directory file when the version is valid.
-Session::Settled Session::OnTransferred(const Event& event)
+Session::Settled Session::OnAllFailed()
 {
-    if (!IsVersionFile(event))
+    if (m_outcome.attempts.empty())
     {
-        m_bytes = event.bytes;
-        return std::nullopt;  // kDelivered follows
+        return Fail(kExitNoServer,
+                    "no name in --servers could be resolved: check the spelling; 'getent hosts "
+                    "NAME' asks this machine's resolver");
     }
-    if (m_version)
-    {
-        return std::nullopt;
-    }
-    const VersionFile& file = event.version;
-    m_current = IndexOf(event);
-    if (!file.version)
-    {
-        return Fail(kExitBadVersion,
-                    "version file '" + m_plan.VersionPath() + "' from " +
-                        m_servers[m_current].Label() + " is not valid: " + file.problem,
-                    "the first line of the version file must have 5 to 30 bytes");
-    }
-    m_version = file.version;
-    m_bytes = 0;
-    m_total = TRAVEX_FTP_SIZE_UNKNOWN;
-    return std::nullopt;
+    const int status = m_invalidVersion ? kExitBadVersion : kExitNoServer;
+    (void)Fail(status, AllFailed(ServersAsked()));
+    Hint();
+    return status;
 }
 
-Session::Settled Session::OnFailed(const Event& event)
+Session::Settled Session::OnTimeOver()
 {
-    if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
-    {
-        return Fail(kExitLocalFile, event.reason, HintFor(FailureOf(event), m_plan));
-    }
-    if (!IsVersionFile(event))
-    {
-        return MoveOn(IndexOf(event), event);
-    }
-    return m_version ? std::nullopt : OnVersionFailed(event);
-}
-
-// The service goes on to the next server by itself until its list is used up.
-Session::Settled Session::OnVersionFailed(const Event& event)
-{
-    const std::size_t servers = m_servers.size() - m_first;
-    // A single server is tried twice.
-    const std::size_t attempts = servers == 1 ? 2 : servers;
-    const std::size_t failed = IndexOf(event);
-    ++m_failures;
-    if (m_failures >= attempts)
-    {
-        ReportServer(failed, event, "");
-        return NoServerLeft();
-    }
-    m_current = servers == 1 ? m_first : m_first + m_failures;
-    m_bytes = 0;
-    m_total = TRAVEX_FTP_SIZE_UNKNOWN;
-    ReportServer(failed, event, servers == 1 ? kSameServer : kNextServer);
-    return std::nullopt;
-}
-
-// The service could not start a transfer; no callback follows.
-Session::Settled Session::OnRefused(const Event& event)
-{
-    if (IsArgumentRefusal(event.code))
-    {
-        return Fail(kExitArguments, ArgumentProblem(event));
-    }
-    return MoveOn(m_current, event);
-}
-
-// The service must be stopped before a new request.
-Session::Settled Session::MoveOn(std::size_t failedIndex, const Event& event)
-{
-    m_link.Stop();
-    const std::size_t next = failedIndex + 1;
-    ReportServer(failedIndex, event, next < m_servers.size() ? kNextServer : "");
-    return StartFrom(next);
+    const bool whole = m_plan.maxTimeSeconds != 0 &&
+                       Clock::now() >= m_begun + std::chrono::seconds(m_plan.maxTimeSeconds);
+    return whole
+               ? Fail(kExitNoOutcome,
+                      "not done within " + Seconds(m_plan.maxTimeSeconds) + ", while " + Activity(),
+                      "raise --max-time to allow more time")
+               : Fail(kExitNoOutcome,
+                      "timed out after " + Seconds(m_plan.timeoutSeconds) +
+                          " without progress, while " + Activity(),
+                      "raise --timeout to allow more time");
 }
 
 Session::Settled Session::Fail(int status, const std::string& message, const std::string& hint)
 {
-    m_error = message;
+    m_outcome.error = message;
     m_report.Error(message);
-    // Adds the current server; the others have been reported already.
-    if (status != kExitNoServer && status != kExitArguments)
+    // Adds the current server; those that failed have been reported already.
+    const bool one =
+        status != kExitNoServer && status != kExitBadVersion && status != kExitArguments;
+    if (one && !m_server.address.empty())
     {
-        m_attempts.push_back({m_servers[m_current], {0, 0, 0, 0, "", message}});
+        m_outcome.attempts.push_back({m_server, {0, 0, 0, 0, "", message}});
     }
     if (!hint.empty())
     {
@@ -221,18 +246,11 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
     return status;
 }
 
-Session::Settled Session::NoServerLeft()
-{
-    (void)Fail(kExitNoServer, AllFailed(m_servers.size()));
-    Hint();
-    return kExitNoServer;
-}
-
 // Each hint once.
 void Session::Hint() const
 {
     std::vector<Failure> failures;
-    for (const Attempt& attempt : m_attempts)
+    for (const Attempt& attempt : m_outcome.attempts)
     {
         failures.push_back(attempt.failure);
     }
@@ -242,36 +260,29 @@ void Session::Hint() const
     }
 }
 
-bool Session::IsVersionFile(const Event& event) const
+void Session::Begin(const Server& server)
 {
-    return event.file == m_plan.versionFile;
+    m_server = server;
+    m_newVersion.reset();
+    m_bytes = 0;
+    m_total = TRAVEX_FTP_SIZE_UNKNOWN;
 }
 
-// The current server when the event does not name one.
-std::size_t Session::IndexOf(const Event& event) const
+void Session::ReportServer(const Server& server, const Failure& failure, Next next)
 {
-    for (std::size_t index = m_first; index < m_servers.size(); ++index)
-    {
-        if (m_servers[index].address == event.server)
-        {
-            return index;
-        }
-    }
-    return m_current;
-}
-
-void Session::ReportServer(std::size_t index, const Event& event, const std::string& next)
-{
-    m_attempts.push_back({m_servers[index], FailureOf(event)});
-    m_report.ServerFailed(m_servers[index].Label(), WithFile(m_attempts.back().failure), next);
+    m_outcome.attempts.push_back({server, failure});
+    m_report.ServerFailed(server.Label(), WithFile(failure), TextOf(next));
 }
 
 std::string Session::Activity() const
 {
-    const std::string file = m_version ? "directory file '" + m_plan.directoryFile
-                                       : "version file '" + m_plan.versionFile;
-    return "fetching " + file + "' from " + m_servers[m_current].Label() + ": " +
-           Amount(m_bytes, m_total);
+    if (m_server.address.empty())
+    {
+        return "looking up the names of the servers";
+    }
+    const std::string file = m_newVersion ? "directory file '" + m_plan.directoryFile
+                                          : "version file '" + m_plan.versionFile;
+    return "fetching " + file + "' from " + m_server.Label() + ": " + Amount(m_bytes, m_total);
 }
 
 }  // namespace corpdir_tool

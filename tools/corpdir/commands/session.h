@@ -9,9 +9,9 @@
 
 #include "cli/options.h"
 #include "cli/servers.h"
+#include "client.h"
+#include "commands/client_settings.h"
 #include "commands/events.h"
-#include "commands/service_link.h"
-#include "os/secret.h"
 #include "ui/hints.h"
 #include "ui/report.h"
 
@@ -27,65 +27,70 @@ struct Attempt
 
 struct Outcome
 {
-    int status = 0;                 // exit status
-    std::string error;              // message; empty on success
-    std::string version;            // of the directory file
-    std::uint64_t bytes = 0;        // its size
-    std::vector<Attempt> attempts;  // in the order in which they ended
+    int status = 0;                    // exit status
+    std::string error;                 // message; empty on success
+    bool unchanged = false;            // the local file has the server's version: nothing fetched
+    std::string version;               // of the directory file
+    std::uint64_t bytes = 0;           // its size
+    std::vector<Attempt> attempts;     // in the order in which they ended
+    std::vector<std::string> leftOut;  // names without an address, with the reason
 };
 
-// A state machine on the main thread, driven by the event queue. Not thread-safe.
-//
-// When the version file fails, the service itself goes on to the next server, and tries a single
-// server twice. When the directory file fails, or a transfer cannot be started, the session stops
-// the service and makes a new request to the remaining servers.
+// One check of the client, on the main thread. Not thread-safe.
 class Session
 {
 public:
-    // All references must outlive the session. servers: not empty.
-    Session(IFtpCorpDir& service, const Plan& plan, std::vector<Server> servers,
-            const Secret& password, EventQueue& events, Report& report);
+    // All references must outlive the session.
+    Session(IFtpCorpDir& service, const Plan& plan, Lookup lookup, PasswordSource& password,
+            EventQueue& events, Report& report);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
 
-    // Runs until the outcome, and reports a failure. The service is stopped on return. Throws
-    // ExitError when the service cannot be started.
-    Outcome Run(EventQueue::Clock::time_point deadline);
+    // Returns the outcome at the latest when one of the plan's times is over. The service is
+    // stopped on return. Throws ExitError when it cannot be started.
+    Outcome Run();
+
+    // For a process that ends without a stop. Any thread.
+    void RemoveStaged() const noexcept
+    {
+        m_client.RemoveStaged();
+    }
 
 private:
-    // These return the exit status once the outcome is known.
+    using Clock = EventQueue::Clock;
+    // The exit status when the session ends.
     using Settled = std::optional<int>;
 
-    Settled StartFrom(std::size_t first);
-    Settled Handle(const Event& event);
-    Settled OnProgress(const Event& event);
-    Settled OnTransferred(const Event& event);
-    Settled OnFailed(const Event& event);
-    Settled OnVersionFailed(const Event& event);
-    Settled OnRefused(const Event& event);
-    Settled MoveOn(std::size_t failedIndex, const Event& event);
+    Settled Step();
+    Settled Handle(const client::Event& event);
+    Settled HandleOwn();
+    Settled OnEnd(const client::Event& event);
+    Settled OnInvalidVersion(const client::Event& event);
+    Settled OnFailed(const client::Event& event);
+    Settled OnAllFailed();
+    Settled OnTimeOver();
     Settled Fail(int status, const std::string& message, const std::string& hint = "");
-    Settled NoServerLeft();
-
-    bool IsVersionFile(const Event& event) const;
-    std::size_t IndexOf(const Event& event) const;
-    void ReportServer(std::size_t index, const Event& event, const std::string& next);
     void Hint() const;
+    void Begin(const Server& server);
+    void ReportServer(const Server& server, const Failure& failure, client::Next next);
+    std::size_t ServersAsked() const;
     std::string Activity() const;
 
     const Plan& m_plan;
-    const std::vector<Server> m_servers;
-    const Secret& m_password;
+    PasswordSource& m_password;
     EventQueue& m_events;
     Report& m_report;
-    ServiceLink m_link;
+    client::Client m_client;
 
-    std::size_t m_first = 0;               // first server of the current request
-    std::size_t m_current = 0;             // the current server
-    std::size_t m_failures = 0;            // failed version transfers of the current request
-    std::optional<std::string> m_version;  // set once the version file is valid
-    std::string m_error;
-    std::vector<Attempt> m_attempts;
-    std::uint64_t m_bytes = 0;  // of the current file, finally of the directory file
-    std::uint64_t m_total = 0;
+    const Clock::time_point m_begun = Clock::now();
+    Clock::time_point m_progress = m_begun;   // the last one
+    Server m_server;                          // asked now; no address: the names are looked up
+    std::optional<std::string> m_newVersion;  // its directory file is being fetched
+    std::uint64_t m_bytes = 0;                // of the current file
+    std::uint64_t m_total = TRAVEX_FTP_SIZE_UNKNOWN;
+    bool m_invalidVersion = false;  // of any server
+    Outcome m_outcome;
 };
 
 }  // namespace corpdir_tool

@@ -1,42 +1,41 @@
-#include <unistd.h>
-
-#include <optional>
-
 #include "commands/command.h"
 #include "commands/watcher.h"
 #include "exit_error.h"
 #include "ftpcorpdir.h"
-#include "os/password.h"
 
 namespace corpdir_tool
 {
 
-int RunWatch(const Options& options, const CipherSource& ciphers)
+namespace
+{
+
+WatchSettings SettingsFrom(const Options& options, const CipherSource& ciphers)
 {
     const Plan plan = MakePlan(options, ciphers);
-    Secret password;
-    ReadPassword(options.passwordFile, password);
+    return {plan, std::make_shared<PasswordSource>(options.passwordFile)};
+}
 
+}  // namespace
+
+int RunWatch(const Options& options, const CipherSource& ciphers,
+             const std::function<Options()>& again)
+{
+    const ServiceManager manager;
+    const WatchSettings settings = SettingsFrom(options, ciphers);
     // A watch that is stopped by a signal ends with success.
-    CommandProcess process(plan, [](int) { return static_cast<int>(kExitFetched); });
-    WatchOutput output(stdout, options.json, options.quiet);
-    std::optional<ChildCommand> command;
-    if (!options.execute.empty())
+    CommandProcess process(
+        settings.plan, [](int) { return static_cast<int>(kExitFetched); }, true);
+    // Without a password file, the password of the start stays in use.
+    const auto reload = [&]
     {
-        command.emplace(options.execute, STDERR_FILENO,
-                        [&process](int status)
-                        { process.Events().Push(EventKind::kCommandEnded, status); });
-    }
-    const LastResort lastResort(process,
-                                [&command]
-                                {
-                                    if (command)
-                                    {
-                                        command->Kill();
-                                    }
-                                });
-    Watcher watcher(*GetCorpDirInstance(), plan, SystemLookup, password, process.Events(), output,
-                    command ? &*command : nullptr);
+        const Options read = again();
+        return read.passwordFile.empty() || read.passwordFile == "-"
+                   ? WatchSettings{MakePlan(read, ciphers), settings.password}
+                   : SettingsFrom(read, ciphers);
+    };
+    Watcher watcher(*GetCorpDirInstance(), settings, reload, SystemLookup, process.Events(), stdout,
+                    manager);
+    const LastResort lastResort(process, [&watcher] { watcher.Abandon(); });
     return watcher.Run();
 }
 

@@ -1,10 +1,15 @@
 #include "commands/watcher.h"
 
-#include <algorithm>
+#include <unistd.h>
+
+#include <new>
+#include <random>
+#include <system_error>
 #include <utility>
 
 #include "exit_error.h"
 #include "os/signals.h"
+#include "state.h"
 #include "text.h"
 
 namespace corpdir_tool
@@ -13,391 +18,355 @@ namespace corpdir_tool
 namespace
 {
 
-// The service's interval between two checks.
-constexpr std::chrono::seconds kCheckInterval{600};
+using Kind = client::Event::Kind;
 
-// Used when there is nothing to wait for.
 constexpr std::chrono::hours kLongWait{24};
 
-bool SameServers(const std::vector<Server>& one, const std::vector<Server>& other)
+// A reload cannot change where the files are.
+void CheckSameFiles(const Plan& before, const Plan& now)
 {
-    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
-                      [](const Server& left, const Server& right)
-                      { return left.address == right.address && left.listed == right.listed; });
+    if (before.VersionPath() != now.VersionPath() || before.DirectoryPath() != now.DirectoryPath())
+    {
+        throw ExitError(kExitArguments,
+                        "the output directory and the local names cannot change while 'watch' "
+                        "runs; restart it");
+    }
 }
 
 }  // namespace
 
-Watcher::Watcher(IFtpCorpDir& service, const Plan& plan, Lookup lookup, const Secret& password,
-                 EventQueue& events, WatchOutput& output, ChildCommand* command)
-    : m_plan(plan),
-      m_lookup(std::move(lookup)),
-      m_password(password),
+Watcher::Watcher(IFtpCorpDir& service, WatchSettings settings, Reload reload, Lookup lookup,
+                 EventQueue& events, std::FILE* output, const ServiceManager& manager)
+    : m_reload(std::move(reload)),
       m_events(events),
-      m_output(output),
-      m_command(command),
-      m_link(service, plan, events)
+      m_stream(output),
+      m_manager(manager),
+      m_client(service, std::move(lookup))
 {
+    TakeSettings(std::move(settings));
+    m_events.SetWake([this] { m_client.Wake(); });
+}
+
+Watcher::~Watcher()
+{
+    m_events.SetWake(nullptr);
+}
+
+void Watcher::Abandon() noexcept
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (ChildCommand* const command : {m_update.get(), m_failure.get()})
+        {
+            if (command != nullptr)
+            {
+                command->Kill();
+            }
+        }
+    }
+    m_client.RemoveStaged();
 }
 
 int Watcher::Run()
 {
-    LookUp();
-    Settled status;
-    while (!status)
+    Settled status = Splay();
+    try
     {
-        status = Handle(m_events.WaitUntil(m_askAgainAt.value_or(Clock::now() + kLongWait)));
-        if (!status && m_output.Lost())
+        if (!status)
         {
-            m_link.Stop();
-            throw ExitError(kExitLocalFile, "the events cannot be written to standard output");
+            m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
+            m_manager.Ready();
+        }
+        while (!status)
+        {
+            status = Step(Clock::now() + kLongWait);
+            if (!status && m_output->Lost())
+            {
+                throw ExitError(kExitLocalFile, "the events cannot be written to standard output");
+            }
         }
     }
-    m_link.Stop();
+    catch (const client::StartError& error)
+    {
+        throw StartProblem(m_settings.plan, error);
+    }
+    catch (const std::system_error& error)
+    {
+        throw ExitError(kExitLocalFile, error.what());
+    }
+    catch (const std::bad_alloc&)
+    {
+        throw ExitError(kExitInternal, "out of memory");
+    }
+    m_manager.Stopping();
+    m_client.Stop();
     return *status;
 }
 
-void Watcher::LookUp()
+// Machines that start together do not all ask the server at once.
+Watcher::Settled Watcher::Splay()
 {
-    if (m_resolver == nullptr)
-    {
-        m_resolver =
-            std::make_unique<NameResolver>(m_plan.entries, m_plan.family, m_lookup, m_events);
-    }
-}
-
-Watcher::Settled Watcher::OnResolved()
-{
-    ResolvedServers resolved = m_resolver->Take();
-    m_resolver.reset();
-    for (const client::LeftOut& entry : resolved.leftOut)
-    {
-        m_output.NameFailed(entry.text + ": " + entry.problem);
-    }
-    if (resolved.servers.empty())
-    {
-        AskAgainLater();
-        return std::nullopt;
-    }
-    // If a name has no address at the moment, the addresses of the current request stay in use.
-    const bool moved = resolved.leftOut.empty() && !SameServers(resolved.servers, m_found);
-    if (!m_requestDue && !moved)
+    if (m_settings.plan.splaySeconds == 0)
     {
         return std::nullopt;
     }
-    m_found = std::move(resolved.servers);
-    m_servers = m_found;
-    m_fruitless = 0;
-    return Request(0);
+    std::random_device random;
+    const std::chrono::milliseconds wait(std::uniform_int_distribution<std::int64_t>(
+        0, std::int64_t{1000} * m_settings.plan.splaySeconds)(random));
+    m_output->Waiting(std::chrono::ceil<std::chrono::seconds>(wait), true);
+    m_manager.Ready();
+    const Clock::time_point end = Clock::now() + wait;
+    for (;;)
+    {
+        const Event event = m_events.WaitUntil(end);
+        if (event.kind == EventKind::kDeadline || event.kind == EventKind::kCheckNow)
+        {
+            return std::nullopt;
+        }
+        if (const Settled status = HandleOwn(event))
+        {
+            return status;
+        }
+    }
 }
 
-// Makes a request that begins with this server of the previous one.
-Watcher::Settled Watcher::Request(std::size_t first)
-{
-    m_link.Stop();
-    std::rotate(m_servers.begin(), m_servers.begin() + static_cast<std::ptrdiff_t>(first),
-                m_servers.end());
-    m_requestDue = false;
-    m_askAgainAt.reset();
-    m_moving = false;
-    m_version.clear();
-    m_expected.clear();
-    Refill();
-    const unsigned int code = StartAndRequest();
-    if (code == 0 || m_requestDue)
-    {
-        return std::nullopt;
-    }
-    Event refusal;
-    refusal.kind = EventKind::kRefused;
-    refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
-    for (const Event& event : m_events.TakeServiceEvents())
-    {
-        refusal = event.kind == EventKind::kRefused ? event : refusal;
-    }
-    m_link.Stop();
-    return OnRefused(refusal);
-}
-
-// Returns the code of the request. A restart that fails, for example because the log directory is
-// gone, is reported and retried later; m_requestDue is set in this case.
-unsigned int Watcher::StartAndRequest()
+Watcher::Settled Watcher::Step(Clock::time_point deadline)
 {
     try
     {
-        m_link.Start();
-        return m_link.Request(m_servers, m_password);
+        if (const std::optional<client::Event> event = m_client.Next(deadline))
+        {
+            Handle(*event);
+            return std::nullopt;
+        }
     }
-    catch (const ExitError& error)
+    catch (const client::StartError& error)
     {
-        if (!m_taken)
+        if (!m_previous)
         {
             throw;
         }
-        m_output.StartFailed(error.what());
-        AskAgainLater();
-        return 0;
+        KeepSettings(StartProblem(m_settings.plan, error).what());
+        return std::nullopt;
     }
+    return HandleOwn(m_events.WaitUntil(Clock::now()));
 }
 
-Watcher::Settled Watcher::Handle(const Event& event)
+void Watcher::Handle(const client::Event& event)
 {
     switch (event.kind)
     {
-        case EventKind::kAccepted:
-            OnAccepted(event);
+        case Kind::kChecking:
+            m_previous.reset();
+            if (event.next != client::Next::kNothing)
+            {
+                m_output->NextServer(event.server);
+            }
+            m_output->Checking(event.server);
             break;
-        case EventKind::kProgress:
+        case Kind::kProgress:
             break;
-        case EventKind::kTransferred:
-            return OnTransferred(event);
-        case EventKind::kDelivered:
-            OnDelivered();
+        case Kind::kNewVersion:
+            m_output->NewVersion(event.server, event.version);
             break;
-        case EventKind::kFailed:
-            return OnFailed(event);
-        case EventKind::kRefused:
-            return OnRefused(event);
-        case EventKind::kResolved:
-            return OnResolved();
-        case EventKind::kCommandEnded:
-            OnCommandEnded(event.number);
+        case Kind::kUnchanged:
+            m_output->Unchanged(event.server, event.version);
+            OnEnd(event);
             break;
+        case Kind::kInvalidVersion:
+            m_reason = "the version file is not valid: " + event.transfer.reason;
+            m_output->InvalidVersion(event.server, event.transfer.file, event.version, m_reason);
+            break;
+        case Kind::kDelivered:
+            m_delivered = event;
+            m_updateDue = m_update != nullptr;
+            m_output->Downloaded(event.server, event.version, event.path, event.transfer.bytes);
+            OnEnd(event);
+            break;
+        case Kind::kFailed:
+            m_reason = event.transfer.reason;
+            m_output->Failed(event.server, FailureOf(event.transfer));
+            break;
+        case Kind::kRefused:
+            OnRefused(ArgumentProblem(event.transfer));
+            break;
+        case Kind::kNameFailed:
+            m_reason = event.server.name + ": " + event.transfer.reason;
+            m_output->NameFailed(m_reason);
+            break;
+        case Kind::kPassFailed:
+            m_manager.Status("failed: " + m_reason);
+            m_output->NoServerLeft();
+            RunFailure();
+            break;
+        case Kind::kStartFailed:
+            m_output->StartFailed(event.transfer.reason);
+            break;
+        case Kind::kWaiting:
+            m_output->Waiting(event.wait, event.retries);
+            break;
+        case Kind::kWarning:
+            m_output->Warning(event.transfer.reason);
+            break;
+    }
+}
+
+// Signals and commands that have ended.
+Watcher::Settled Watcher::HandleOwn(const Event& event)
+{
+    switch (event.kind)
+    {
         case EventKind::kSignal:
-            m_output.Stopped(SignalName(event.number));
+            m_output->Stopped(SignalName(event.number));
             return kExitFetched;
-        case EventKind::kDeadline:
-            OnDeadline();
+        case EventKind::kCheckNow:
+            m_client.CheckNow();
+            break;
+        case EventKind::kReload:
+            OnReload();
+            break;
+        case EventKind::kCommandEnded:
+            OnUpdateEnded(event.number);
+            break;
+        case EventKind::kFailureCommandEnded:
+            OnFailureEnded(event.number);
             break;
         case EventKind::kOutOfMemory:
-            throw ExitError(kExitInternal, "out of memory");
+            throw std::bad_alloc();
+        default:
+            break;
     }
     return std::nullopt;
 }
 
-void Watcher::OnAccepted(const Event& event)
+void Watcher::OnRefused(const std::string& reason)
 {
-    m_taken = true;
-    if (!IsVersionFile(event))
+    if (!m_previous)
     {
-        m_expected[event.task] = m_version;
-        return;
+        throw ExitError(kExitArguments, reason);
     }
-    if (std::exchange(m_moving, false))
-    {
-        m_output.NextServer(ServerOf(event));
-    }
-    m_output.Checking(ServerOf(event));
+    KeepSettings(reason);
 }
 
-// For a version file: the service reads it by the same rule, and goes on to the directory file when
-// the version is valid and new.
-Watcher::Settled Watcher::OnTransferred(const Event& event)
+// The end of a check that found the directory current.
+void Watcher::OnEnd(const client::Event& event)
 {
-    const Server server = ServerOf(event);
-    if (!IsVersionFile(event))
-    {
-        OnDirectoryArrived(event);
-        return std::nullopt;
-    }
-    m_left = m_servers.size();
-    if (!event.version.version)
-    {
-        m_output.Failed(server, {0, 0, 0, 0, event.file,
-                                 "the version file is not valid: " + event.version.problem});
-        return TryElsewhere(server);
-    }
-    if (*event.version.version == m_version)
-    {
-        m_output.Unchanged(server, m_version);
-    }
-    else
-    {
-        m_version = *event.version.version;
-        m_output.NewVersion(server, m_version);
-    }
-    return std::nullopt;
+    m_manager.Status("version " + event.version + " from " + event.server.Label() + ", checked " +
+                     client::TimeText(std::time(nullptr)));
+    m_updateDue = m_updateDue || std::exchange(m_updateFailed, false);
+    RunUpdate();
 }
 
-// kDelivered follows, unless the service already waits for another task. The version is the one
-// that the task was started for: a newer one may have been seen since.
-void Watcher::OnDirectoryArrived(const Event& event)
+void Watcher::OnReload()
 {
-    m_arrival = {ServerOf(event), m_expected[event.task], event.bytes};
-    m_expected.erase(event.task);
-}
-
-void Watcher::OnDelivered()
-{
-    m_fruitless = 0;
-    m_requestDue = false;
-    m_askAgainAt.reset();
-    m_output.Downloaded(m_arrival.server, m_arrival.version, m_plan.DirectoryPath(),
-                        m_arrival.bytes);
-    if (m_arrival.version != m_current)
+    m_manager.Reloading();
+    try
     {
-        m_current = m_arrival.version;
-        m_commandDue = m_command != nullptr;
-        RunCommand();
-    }
-}
-
-Watcher::Settled Watcher::OnFailed(const Event& event)
-{
-    m_output.Failed(ServerOf(event), FailureOf(event));
-    if (IsVersionFile(event))
-    {
-        OnVersionFailed();
-        return std::nullopt;
-    }
-    return OnDirectoryFailed(event);
-}
-
-// The service goes on to the next server by itself until its list is used up.
-void Watcher::OnVersionFailed()
-{
-    if (!RefillWhenUsedUp())
-    {
-        --m_left;
-        m_moving = true;
-        return;
-    }
-    m_output.NoServerLeft();
-    if (m_version.empty())
-    {
-        AskAgainLater();
-        return;
-    }
-    m_output.Waiting(kCheckInterval, false);
-    LookUp();
-}
-
-Watcher::Settled Watcher::OnDirectoryFailed(const Event& event)
-{
-    (void)RefillWhenUsedUp();
-    const std::string version = m_expected[event.task];
-    m_expected.erase(event.task);
-    if (version != m_version)
-    {
-        return std::nullopt;  // a newer one will follow
-    }
-    // Another server would not help.
-    if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
-    {
-        AskAgainLater();
-        return std::nullopt;
-    }
-    return TryElsewhere(ServerOf(event));
-}
-
-// The service itself would not go on to the next server.
-Watcher::Settled Watcher::TryElsewhere(const Server& server)
-{
-    ++m_fruitless;
-    if (m_fruitless >= m_servers.size())
-    {
-        m_fruitless = 0;
-        m_output.NoServerLeft();
-        AskAgainLater();
-        return std::nullopt;
-    }
-    const std::string& address = server.address;
-    const auto failed =
-        std::find_if(m_servers.begin(), m_servers.end(),
-                     [&address](const auto& one) { return one.address == address; });
-    const auto next = failed == m_servers.end() ? m_servers.begin() : failed + 1;
-    const auto index = static_cast<std::size_t>(next - m_servers.begin()) % m_servers.size();
-    m_output.NextServer(m_servers[index]);
-    return Request(index);
-}
-
-// At the start a refused setting is the user's mistake. Later the cause may be temporary: a missing
-// file, or lack of memory.
-Watcher::Settled Watcher::OnRefused(const Event& event)
-{
-    if (!m_taken && IsArgumentRefusal(event.code))
-    {
-        throw ExitError(kExitArguments, ArgumentProblem(event));
-    }
-    m_output.Failed(ServerOf(event), FailureOf(event));
-    AskAgainLater();
-    return std::nullopt;
-}
-
-void Watcher::OnDeadline()
-{
-    if (m_askAgainAt)
-    {
-        m_askAgainAt.reset();
-        LookUp();
-    }
-}
-
-void Watcher::OnCommandEnded(int status)
-{
-    m_command->Ended();
-    m_output.CommandEnded(status);
-    RunCommand();
-}
-
-// When its list is used up, the service starts again with all servers, after a pause.
-bool Watcher::RefillWhenUsedUp()
-{
-    if (m_left != 0)
-    {
-        return false;
-    }
-    Refill();
-    return true;
-}
-
-// The servers after the first; a single server is tried twice.
-void Watcher::Refill()
-{
-    m_left = std::max<std::size_t>(m_servers.size() - 1, 1);
-}
-
-void Watcher::AskAgainLater()
-{
-    m_requestDue = true;
-    const std::chrono::seconds retry(m_plan.retrySeconds);
-    m_askAgainAt = Clock::now() + retry;
-    m_output.Waiting(retry, true);
-}
-
-// One run at a time; when several versions arrive during a run, only for the last one.
-void Watcher::RunCommand()
-{
-    if (!m_commandDue || m_command->Running())
-    {
-        return;
-    }
-    m_commandDue = false;
-    const int error = m_command->Start({{"CORPDIR_FILE", m_plan.DirectoryPath()},
-                                        {"CORPDIR_VERSION", m_current},
-                                        {"CORPDIR_SERVER", m_arrival.server.address}});
-    if (error != 0)
-    {
-        m_output.CommandFailed(SystemMessage(error));
-    }
-}
-
-bool Watcher::IsVersionFile(const Event& event) const
-{
-    return event.file == m_plan.versionFile;
-}
-
-// The server with its name.
-Server Watcher::ServerOf(const Event& event) const
-{
-    for (const Server& server : m_servers)
-    {
-        if (server.address == event.server)
+        WatchSettings read = m_reload();
+        CheckSameFiles(m_settings.plan, read.plan);
+        if ((m_update != nullptr && m_update->Running()) ||
+            (m_failure != nullptr && m_failure->Running()))
         {
-            return server;
+            throw ExitError(kExitArguments, "a command is running; reload again when it has ended");
         }
+        m_previous = m_settings;
+        TakeSettings(std::move(read));
+        m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
+        m_output->Reloaded();
+        m_manager.Ready();
     }
-    return {event.server, ""};
+    catch (const ExitError& error)
+    {
+        m_output->ReloadFailed(error.what());
+        m_manager.Ready();
+    }
+    catch (const std::system_error& error)
+    {
+        KeepSettings(error.what());
+    }
+}
+
+void Watcher::TakeSettings(WatchSettings settings)
+{
+    m_settings = std::move(settings);
+    const Plan& plan = m_settings.plan;
+    m_output.emplace(m_stream, plan.json, plan.quiet);
+    Command update = MakeCommand(plan.execute, EventKind::kCommandEnded);
+    Command failure = MakeCommand(plan.onFailure, EventKind::kFailureCommandEnded);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_update.swap(update);
+    m_failure.swap(failure);
+}
+
+// The new settings cannot be used.
+void Watcher::KeepSettings(const std::string& reason)
+{
+    TakeSettings(*std::exchange(m_previous, std::nullopt));
+    m_output->ReloadFailed(reason);
+    m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
+    m_manager.Ready();
+}
+
+Watcher::Command Watcher::MakeCommand(const std::string& text, EventKind end)
+{
+    if (text.empty())
+    {
+        return nullptr;
+    }
+    ChildCommand::Limit limit;
+    if (m_settings.plan.execTimeoutSeconds != 0)
+    {
+        limit = std::chrono::seconds(m_settings.plan.execTimeoutSeconds);
+    }
+    return std::make_unique<ChildCommand>(
+        text, STDERR_FILENO, [this, end](int status) { m_events.Push(end, status); }, limit);
+}
+
+// When several files arrive during a run, the next one is for the last of them.
+void Watcher::OnUpdateEnded(int status)
+{
+    m_update->Ended();
+    m_output->CommandEnded(status, m_update->TimedOut());
+    m_updateFailed = status != 0;
+    RunUpdate();
+}
+
+void Watcher::OnFailureEnded(int status)
+{
+    m_failure->Ended();
+    m_output->CommandEnded(status, m_failure->TimedOut());
+}
+
+// One run at a time.
+void Watcher::RunUpdate()
+{
+    if (m_update == nullptr || !m_updateDue || m_update->Running())
+    {
+        return;
+    }
+    m_updateDue = false;
+    m_updateFailed = false;
+    Run(*m_update, {{"CORPDIR_FILE", m_settings.plan.AbsoluteDirectoryPath()},
+                    {"CORPDIR_VERSION", m_delivered.version},
+                    {"CORPDIR_SERVER", m_delivered.server.address}});
+}
+
+void Watcher::RunFailure()
+{
+    if (m_failure != nullptr && !m_failure->Running())
+    {
+        Run(*m_failure, {{"CORPDIR_FILE", m_settings.plan.AbsoluteDirectoryPath()},
+                         {"CORPDIR_REASON", m_reason}});
+    }
+}
+
+void Watcher::Run(ChildCommand& command, const Variables& variables)
+{
+    if (const int error = command.Start(variables); error != 0)
+    {
+        m_output->CommandFailed(SystemMessage(error));
+        m_updateFailed = m_updateFailed || &command == m_update.get();
+    }
 }
 
 }  // namespace corpdir_tool

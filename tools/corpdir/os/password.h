@@ -4,10 +4,12 @@
 
 #include <string>
 
-#include "os/secret.h"
+#include "secret.h"
 
 namespace corpdir_tool
 {
+
+using client::Secret;
 
 // Name of the environment variable that may hold the password.
 extern const char* const kPasswordVariable;

@@ -24,9 +24,19 @@ void PrintResult(const std::string& version, const std::string& path, std::uint6
                        static_cast<unsigned long long>(bytes));
 }
 
+void PrintUnchanged(const std::string& version, std::FILE* output)
+{
+    (void)std::fprintf(output, "unchanged: %s\n", Printable(version).c_str());
+}
+
 void Report::Error(const std::string& message)
 {
     Line(m_messages.Styled(Style::kBad, "corpdir:") + " " + Printable(message));
+}
+
+void Report::Warning(const std::string& text)
+{
+    Line(m_messages.Styled(Style::kWarn, "warning:") + " " + Printable(text));
 }
 
 void Report::Hint(const std::string& text)

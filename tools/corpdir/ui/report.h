@@ -37,6 +37,9 @@ public:
     // "corpdir: message"
     void Error(const std::string& message);
 
+    // "warning: text"
+    void Warning(const std::string& text);
+
     // "hint: text"
     void Hint(const std::string& text);
 
@@ -58,6 +61,9 @@ private:
 // Prints the result, on two lines.
 void PrintResult(const std::string& version, const std::string& path, std::uint64_t bytes,
                  std::FILE* output);
+
+// "unchanged: VERSION"
+void PrintUnchanged(const std::string& version, std::FILE* output);
 
 // "12 of 48 bytes (25%)", or "12 bytes" when the total is not known.
 std::string Amount(std::uint64_t bytes, std::uint64_t total);

@@ -120,6 +120,32 @@ void WatchOutput::NameFailed(const std::string& problem)
     Write(true, "name_failed", "failed: " + problem, Json({{"reason", problem}}));
 }
 
+void WatchOutput::InvalidVersion(const Server& server, const std::string& file,
+                                 const std::string& version, const std::string& reason)
+{
+    Json fields = FieldsOf(server);
+    fields["remote_file"] = file;
+    fields["version"] = version;
+    fields["reason"] = reason;
+    Write(true, "invalid_version", "failed: " + file + " from " + server.Label() + ": " + reason,
+          fields);
+}
+
+void WatchOutput::Warning(const std::string& reason)
+{
+    Write(true, "warning", "warning: " + reason, Json({{"reason", reason}}));
+}
+
+void WatchOutput::Reloaded()
+{
+    Write(false, "reloaded", "settings reloaded", Json::object());
+}
+
+void WatchOutput::ReloadFailed(const std::string& reason)
+{
+    Write(true, "reload_failed", "settings not reloaded: " + reason, Json({{"reason", reason}}));
+}
+
 void WatchOutput::NoServerLeft()
 {
     Write(true, "no_server_left", "all servers failed", Json::object());
@@ -137,12 +163,13 @@ void WatchOutput::Waiting(std::chrono::seconds time, bool own)
           Json({{"seconds", time.count()}, {"asks_again", own}}));
 }
 
-void WatchOutput::CommandEnded(int status)
+void WatchOutput::CommandEnded(int status, bool timedOut)
 {
-    Write(status != 0, "command",
-          status == 0 ? "the command succeeded"
-                      : "the command failed with status " + std::to_string(status),
-          Json({{"status", status}, {"reason", nullptr}}));
+    const std::string failed = timedOut
+                                   ? "the command exceeded --exec-timeout and was ended"
+                                   : "the command failed with status " + std::to_string(status);
+    Write(status != 0, "command", status == 0 ? "the command succeeded" : failed,
+          Json({{"status", status}, {"reason", timedOut ? Json("timed out") : Json(nullptr)}}));
 }
 
 void WatchOutput::CommandFailed(const std::string& reason)

@@ -29,12 +29,19 @@ public:
     void Downloaded(const Server& server, const std::string& version, const std::string& file,
                     std::uint64_t bytes);
     void NextServer(const Server& server);
+    void Reloaded();
     void Stopped(const std::string& signal);
 
     // With --quiet only the events below are written.
 
     void Failed(const Server& server, const Failure& failure);
     void NameFailed(const std::string& problem);
+    void InvalidVersion(const Server& server, const std::string& file, const std::string& version,
+                        const std::string& reason);
+    void Warning(const std::string& reason);
+
+    // The settings of before stay in use.
+    void ReloadFailed(const std::string& reason);
 
     void NoServerLeft();
 
@@ -45,7 +52,7 @@ public:
     void Waiting(std::chrono::seconds time, bool own);
 
     // status: as a shell reports it; with --quiet a 0 is not written.
-    void CommandEnded(int status);
+    void CommandEnded(int status, bool timedOut);
     void CommandFailed(const std::string& reason);
 
     // True when a line could not be written.
