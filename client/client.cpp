@@ -298,6 +298,13 @@ void Client::Stop()
 {
     m_link.Stop();
     m_lookup.reset();
+    ForgetInputs();
+    m_state = State::kStopped;
+}
+
+// What a request that is over has left.
+void Client::ForgetInputs()
+{
     for (const Input& input : m_inbox->TakeAll())
     {
         if (!input.path.empty())
@@ -305,7 +312,6 @@ void Client::Stop()
             (void)remove(input.path.c_str());
         }
     }
-    m_state = State::kStopped;
 }
 
 void Client::RemoveStaged() const noexcept
@@ -319,11 +325,37 @@ void Client::RemoveStaged() const noexcept
     }
 }
 
-// With names looked up again, and a new request.
+// With names looked up again, and a new request. The service is started first: it opens the log.
 void Client::BeginCheck()
 {
-    m_state = State::kResolving;
-    LookUp();
+    if (Try([this] { m_link.Start(m_settings); }))
+    {
+        m_state = State::kResolving;
+        LookUp();
+    }
+}
+
+// Calls the service. At the start a service that does not start is the user's affair. Later the
+// cause may be temporary, such as a full disk: false then, and the client tries again after a
+// pause.
+bool Client::Try(const std::function<void()>& call)
+{
+    try
+    {
+        call();
+        return true;
+    }
+    catch (const StartError& error)
+    {
+        if (!m_taken)
+        {
+            Stop();
+            throw;
+        }
+        Say(Event::Kind::kStartFailed, {}).transfer.reason = error.what();
+        Pause(m_settings.retry);
+        return false;
+    }
 }
 
 void Client::LookUp()
@@ -370,30 +402,24 @@ void Client::OnLookedUp()
 // Makes a request that begins with this server of the previous one.
 void Client::Request(std::size_t first)
 {
-    Stop();
     std::rotate(m_servers.begin(), m_servers.begin() + static_cast<std::ptrdiff_t>(first),
                 m_servers.end());
     m_version.clear();
     m_expected.clear();
     m_read.reset();
     m_left = OthersLeft();
+    m_lookup.reset();
     unsigned int code = 0;
-    try
+    const auto request = [this, &code]
     {
         m_link.Start(m_settings);
+        ForgetInputs();
         code = m_link.Request(m_settings, m_servers, m_directories->Name(Staging::File::kVersion),
                               m_directories->Name(Staging::File::kDirectory),
                               std::exchange(m_loginRefused, false));
-    }
-    catch (const StartError& error)
+    };
+    if (!Try(request))
     {
-        Stop();
-        if (!m_taken)
-        {
-            throw;
-        }
-        Say(Event::Kind::kStartFailed, {}).transfer.reason = error.what();
-        Pause(m_settings.retry);
         return;
     }
     m_state = State::kChecking;

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -101,6 +102,8 @@ private:
     static void Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen);
 
     void BeginCheck();
+    bool Try(const std::function<void()>& call);
+    void ForgetInputs();
     void LookUp();
     void OnLookedUp();
     void Request(std::size_t first);

@@ -72,9 +72,14 @@ void ServiceLink::Enter(State state)
 
 void ServiceLink::Start(const Settings& settings)
 {
+    if (Current() == State::kStarted)
+    {
+        return;
+    }
+    Stop();
     SetLimits(settings);
     tag_CORPDIR_LOGINFO log = settings.log;
-    Enter(State::kRunning);  // a start that failed needs a stop as well
+    Enter(State::kStarted);  // a start that failed needs a stop as well
     if (const unsigned int code = m_service.CorpDirInit(&log); code != 0)
     {
         Stop();
@@ -110,21 +115,27 @@ unsigned int ServiceLink::Request(const Settings& settings, const std::vector<Se
     Fill(info.record.szCorpDirLocalFileName, directoryName);
     const std::string addresses = Addresses(servers);
     info.record.pszFtpIPs = addresses.c_str();
-    Enter(State::kBusy);
+    Enter(State::kRequesting);
     const unsigned int code = m_service.CorpDirDownloadNetaddr(&info.record, &IgnoreResult);
     Enter(State::kRunning);
     return code;
+}
+
+ServiceLink::State ServiceLink::Current()
+{
+    const base::MutexLock lock(m_mutex);
+    return m_state;
 }
 
 // True when the caller has to stop the service, and then to enter kStopped.
 bool ServiceLink::BeginStop(bool wait)
 {
     const base::MutexLock lock(m_mutex);
-    while (m_state == State::kBusy || (wait && m_state == State::kStopping))
+    while (m_state == State::kRequesting || (wait && m_state == State::kStopping))
     {
         m_changed.Wait(m_mutex);
     }
-    if (m_state != State::kRunning)
+    if (m_state == State::kStopped || m_state == State::kStopping)
     {
         return false;
     }

@@ -43,8 +43,8 @@ public:
     ServiceLink(const ServiceLink&) = delete;
     ServiceLink& operator=(const ServiceLink&) = delete;
 
-    // Starts the service with the log, the limits and the suites of these settings. Throws
-    // StartError; the service is stopped then.
+    // Starts the service with the log, the limits and the suites of these settings; one that has
+    // taken a request is stopped first. Throws StartError; the service is stopped then.
     void Start(const Settings& settings);
 
     // Requests the files from these servers, in this order, under these local names, and registers
@@ -63,12 +63,14 @@ private:
     enum class State
     {
         kStopped,
-        kBusy,  // one thread is inside a call
-        kRunning,
+        kStarted,     // without a request
+        kRequesting,  // one thread makes a request
+        kRunning,     // with a request
         kStopping,
     };
 
     void Enter(State state) CORPDIR_EXCLUDES(m_mutex);
+    State Current() CORPDIR_EXCLUDES(m_mutex);
     bool BeginStop(bool wait) CORPDIR_EXCLUDES(m_mutex);
 
     IFtpCorpDir& m_service;

@@ -2,6 +2,7 @@
 
 #include "commands/client_settings.h"
 #include "commands/command.h"
+#include "commands/run_log.h"
 #include "commands/session.h"
 #include "exit_error.h"
 #include "ftpcorpdir.h"
@@ -108,7 +109,13 @@ Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter
     Report report(ReportSettingsOf(plan), process.Messages());
     Session session(*GetCorpDirInstance(), plan, SystemLookup, password, process.Events(), report);
     const LastResort lastResort(process, [&session] { session.RemoveStaged(); });
-    return session.Run();
+    RunLog log("fetch", plan);
+    Outcome outcome = session.Run();
+    log.End(outcome.status, outcome.unchanged ? "unchanged, version " + outcome.version
+                            : outcome.error.empty()
+                                ? "fetched version " + outcome.version
+                                : outcome.error);
+    return outcome;
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "commands/command.h"
+#include "commands/run_log.h"
 #include "commands/watcher.h"
 #include "exit_error.h"
 #include "ftpcorpdir.h"
@@ -36,7 +37,18 @@ int RunWatch(const Options& options, const CipherSource& ciphers,
     Watcher watcher(*GetCorpDirInstance(), settings, reload, SystemLookup, process.Events(), stdout,
                     manager);
     const LastResort lastResort(process, [&watcher] { watcher.Abandon(); });
-    return watcher.Run();
+    RunLog log("watch", settings.plan);
+    try
+    {
+        const int status = watcher.Run();
+        log.End(status, "stopped");
+        return status;
+    }
+    catch (const ExitError& error)
+    {
+        log.End(error.Status(), error.what());
+        throw;
+    }
 }
 
 }  // namespace corpdir_tool
