@@ -10,6 +10,8 @@ EventKind KindOf(unsigned int observed)
 {
     switch (observed)
     {
+        case TRAVEX_FTP_OBSERVED_STEP:
+            return EventKind::kStep;
         case TRAVEX_FTP_OBSERVED_ACCEPTED:
             return EventKind::kAccepted;
         case TRAVEX_FTP_OBSERVED_SUCCESS:

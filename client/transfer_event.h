@@ -14,6 +14,7 @@ namespace client
 enum class EventKind
 {
     // From the service and the FTP layer:
+    kStep = -1,    // a transfer has reached another step
     kAccepted,     // a transfer was accepted
     kProgress,     // bytes of a file have arrived
     kTransferred,  // a file is complete and in place
@@ -41,7 +42,7 @@ struct TransferEvent
     std::uint64_t bytes = 0;
     std::uint64_t total = TRAVEX_FTP_SIZE_UNKNOWN;
     unsigned int code = 0;    // tagTRAVEX_FTP_RESULT of a failure or refusal
-    unsigned int step = 0;    // tagTRAVEX_FTP_STEP of a failure
+    unsigned int step = 0;    // tagTRAVEX_FTP_STEP of a failure or step
     unsigned int reply = 0;   // number of the server reply that caused the failure; 0: none
     unsigned int detail = 0;  // tagTRAVEX_FTP_DETAIL of a failure
     std::string reason;       // in words, without the server

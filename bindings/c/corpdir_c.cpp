@@ -57,9 +57,9 @@ void OnResult(unsigned int /*kind*/, unsigned int result, const char* /*text*/, 
 
 void OnObservation(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
 {
-    if (seen->ulKind == TRAVEX_FTP_OBSERVED_ACCEPTED)
+    if (seen->ulKind == TRAVEX_FTP_OBSERVED_ACCEPTED || seen->ulKind == TRAVEX_FTP_OBSERVED_STEP)
     {
-        return;  // a transfer is reported to the client when it has a result
+        return;  // a transfer is reported to the client when it has bytes or a result
     }
     if (seen->ulKind != TRAVEX_FTP_OBSERVED_REFUSED || t_refusal == nullptr)
     {

@@ -174,7 +174,11 @@ enum tagTRAVEX_FTP_OBSERVED
     TRAVEX_FTP_OBSERVED_SUCCESS = 1,   ///< before the task's 0
     TRAVEX_FTP_OBSERVED_FAILED = 2,    ///< before the task's 3
     TRAVEX_FTP_OBSERVED_REFUSED = 3,   ///< parameters or a download were refused: there is no task
-    TRAVEX_FTP_OBSERVED_ACCEPTED = 4   ///< a task was created; before anything else of it
+    TRAVEX_FTP_OBSERVED_ACCEPTED = 4,  ///< a task was created; before anything else of it
+    TRAVEX_FTP_OBSERVED_STEP = 5       ///< the dialogue has reached another step, ulStep, at most
+                                       ///< 0.1 s ago; lines of replies alone give none. A step
+                                       ///< that is reached again, as in a second attempt, is
+                                       ///< observed again
 };
 
 /// Times and peer of a transfer, as far as it got. Times are microseconds from the beginning of its
@@ -201,17 +205,19 @@ struct tagTRAVEX_FTP_S_OBSERVATION
     unsigned int ulTaskID;     ///< 0 when refused
     const char* pcServer;      ///< "192.0.2.1:21" or "[2001:db8::1]:21"; empty when not known
     const char* pcServerFile;  ///< empty when not known
-    uint64_t ullBytes;         ///< received so far
-    uint64_t ullTotal;         ///< size the server announced; until then TRAVEX_FTP_SIZE_UNKNOWN
+    uint64_t ullBytes;         ///< received so far; of a step 0
+    uint64_t ullTotal;         ///< size the server announced; until then, and of a step,
+                               ///< TRAVEX_FTP_SIZE_UNKNOWN
     unsigned int ulRet;        ///< tagTRAVEX_FTP_RESULT of a failure or refusal
-    unsigned int ulStep;       ///< of a failure, as in tagTRAVEX_FTP_S_ERR_INFO, else 0
-    unsigned int ulReply;      ///< the same
+    unsigned int ulStep;       ///< of a failure, as in tagTRAVEX_FTP_S_ERR_INFO; of a step: which;
+                               ///< else 0
+    unsigned int ulReply;      ///< of a failure, as there, else 0
     unsigned int ulDetail;     ///< the same
     const char* pcReason;      ///< the reason of a failure or refusal in words, else empty
     const tagTRAVEX_FTP_S_TIMINGS* pstTimings;  ///< of a success or failure, else null
 };
 
-/// The value of ullTotal until the server announces a size.
+/// The value of ullTotal when no size is known.
 #define TRAVEX_FTP_SIZE_UNKNOWN UINT64_MAX
 
 /// The record is valid for the call. Runs on the notification thread; for an accepted or refused

@@ -7,7 +7,9 @@
 #include "channel.h"
 #include "failure.h"
 #include "limits.h"
+#include "notifier.h"
 #include "observer.h"
+#include "task.h"
 
 namespace travex_ftp
 {
@@ -16,15 +18,26 @@ class Attempt
 {
 public:
     // `cancel` becomes readable when the transfer is cancelled; at `end` the transfer times out.
-    Attempt(const Limits& current, int cancel, Clock::time_point end)
-        : limits(current), m_cancel(cancel), m_end(end), m_begin(Clock::now())
+    Attempt(const Limits& current, int cancel, Clock::time_point end, const TaskPtr& task,
+            Notifier& notifier)
+        : limits(current),
+          m_cancel(cancel),
+          m_end(end),
+          m_begin(Clock::now()),
+          m_task(task),
+          m_notifier(notifier)
     {
     }
 
-    // A step begins.
+    // A step begins, which the observer sees. Ignored after a failure.
     void Enter(tagTRAVEX_FTP_STEP step)
     {
         SetStep(failure, step);
+        if (!Failed(failure) && step != m_entered)
+        {
+            m_entered = step;
+            m_notifier.Step(m_task, step);
+        }
     }
 
     // Deadlines for a wait; none is later than the end of the transfer.
@@ -73,6 +86,9 @@ private:
     const int m_cancel;
     const Clock::time_point m_end;
     const Clock::time_point m_begin;
+    const TaskPtr& m_task;
+    Notifier& m_notifier;
+    tagTRAVEX_FTP_STEP m_entered = TRAVEX_FTP_STEP_NONE;  // the latest
 };
 
 }  // namespace travex_ftp

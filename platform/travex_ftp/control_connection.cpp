@@ -150,7 +150,7 @@ bool ControlConnection::FailHandshake(Attempt& attempt, Io io)
     }
     if (m_settings->tls.implicit && clear.compare(0, 4, "421 ") == 0)
     {
-        attempt.Enter(TRAVEX_FTP_STEP_GREETING);
+        SetStep(attempt.failure, TRAVEX_FTP_STEP_GREETING);
         attempt.failure.ulReply = kServiceNotAvailable;
         return Fail(attempt.failure, TRAVEX_FTP_ERR_CONNECT, "service not available: %s",
                     clear.c_str());

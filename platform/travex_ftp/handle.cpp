@@ -175,8 +175,12 @@ bool Handle::Prepare(Transfer& transfer)
         SetStep(transfer.report.failure, TRAVEX_FTP_STEP_CONNECT);
         return Fail(transfer.report.failure, TRAVEX_FTP_ERR_CONNECT, "the server address is zero");
     }
-    return !KnownRefusal(transfer) &&
-           m_file.Open(task.directory, task.localFile, transfer.report.failure);
+    if (KnownRefusal(transfer))
+    {
+        return false;
+    }
+    m_notifier.Step(transfer.task, TRAVEX_FTP_STEP_LOCAL_FILE);
+    return m_file.Open(task.directory, task.localFile, transfer.report.failure);
 }
 
 // Repeats an attempt on a new connection where that may help. The client does not see it.
@@ -213,7 +217,8 @@ bool Handle::Try(Transfer& transfer, bool& again)
     TRAVEX_FTP_LOG(CORPDIR_LOG_INFO, "%s: task %u: %s on a %s connection",
                    settings.serverText.c_str(), transfer.task->id,
                    transfer.task->serverFile.c_str(), reused ? "reused" : "new");
-    Attempt attempt(transfer.limits, m_wake.Number(), transfer.begin + transfer.limits.transfer);
+    Attempt attempt(transfer.limits, m_wake.Number(), transfer.begin + transfer.limits.transfer,
+                    transfer.task, m_notifier);
     if (reused)
     {
         m_connection->BeginTransfer(attempt);
@@ -224,8 +229,7 @@ bool Handle::Try(Transfer& transfer, bool& again)
     }
     bool& usePasv = m_usePasv[settings.serverText];
     Retrieval retrieval(*m_connection, attempt, transfer.task, m_file, usePasv, m_notifier);
-    const bool good =
-        (reused || m_connection->Open(attempt)) && retrieval.Run() && Commit(attempt.failure);
+    const bool good = (reused || m_connection->Open(attempt)) && retrieval.Run() && Commit(attempt);
     transfer.report.failure = attempt.failure;
     transfer.report.timings = attempt.timings;
     transfer.report.bytes = retrieval.Received();
@@ -242,11 +246,12 @@ bool Handle::Try(Transfer& transfer, bool& again)
 }
 
 // The handle may be closed while the file is flushed.
-bool Handle::Commit(Failure& failure)
+bool Handle::Commit(Attempt& attempt)
 {
-    const bool complete = m_file.Complete(failure);
+    attempt.Enter(TRAVEX_FTP_STEP_LOCAL_FILE);
+    const bool complete = m_file.Complete(attempt.failure);
     Worker::ParkAtExit();
-    return complete && !m_closed && m_file.MoveIntoPlace(failure);
+    return complete && !m_closed && m_file.MoveIntoPlace(attempt.failure);
 }
 
 // Reports the outcome to the log and the client.

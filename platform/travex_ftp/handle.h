@@ -95,7 +95,7 @@ private:
     void ChooseConnection(const Settings& settings);
     bool Fetch(Transfer& transfer);
     bool Try(Transfer& transfer, bool& again);
-    bool Commit(Failure& failure);
+    bool Commit(Attempt& attempt);
     void Finish(Transfer& transfer);
     void CloseConnection();
     bool KnownRefusal(Transfer& transfer);

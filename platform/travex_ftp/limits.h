@@ -50,6 +50,10 @@ constexpr milliseconds kGracePeriod{1000};
 // the account.
 constexpr milliseconds kRefusedLogin{60000};
 
+// How long steps may wait for the observer, so that those of a quick transfer wake the notification
+// thread once and not each.
+constexpr milliseconds kStepDelay{100};
+
 // Size of the file buffer: fewer, larger writes cost the page cache less.
 constexpr size_t kFileBufferSize = 262144;
 

@@ -186,6 +186,7 @@ bool Retrieval::RequestPort(const char* verb, const char* refused, const char* u
 // Connects to the address of the control connection; the one in a 227 is ignored.
 bool Retrieval::ConnectTo(unsigned int port)
 {
+    m_attempt.Enter(TRAVEX_FTP_STEP_DATA_CONNECT);
     m_port = port;
     m_data.Close();
     m_connectUntil = Clock::now() + m_limits.connect;
@@ -197,7 +198,7 @@ bool Retrieval::ConnectTo(unsigned int port)
 // they see in a 227.
 bool Retrieval::FailData(Io io)
 {
-    m_attempt.Enter(TRAVEX_FTP_STEP_DATA_CONNECT);
+    SetStep(m_attempt.failure, TRAVEX_FTP_STEP_DATA_CONNECT);
     if (m_attempt.EndedBy(io))
     {
         return false;
@@ -312,7 +313,7 @@ bool Retrieval::Opened(const Reply& reply)
     m_control.TheChannel().Acknowledge();
     m_sizeIn150 = SizeIn150(reply.text);
     m_evidence.announced = m_sizeIn213 != TRAVEX_FTP_SIZE_UNKNOWN ? m_sizeIn213 : m_sizeIn150;
-    m_attempt.Enter(TRAVEX_FTP_STEP_RECEIVE);
+    SetStep(m_attempt.failure, TRAVEX_FTP_STEP_RECEIVE);
     if (m_evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN &&
         m_evidence.announced > m_limits.fileBytes)
     {
@@ -527,6 +528,7 @@ bool Retrieval::EndData(Io io)
 // short time: the reply may give the reason.
 bool Retrieval::AwaitConfirmation()
 {
+    m_attempt.Enter(TRAVEX_FTP_STEP_CONFIRM);
     const bool known = m_evidence.announced != TRAVEX_FTP_SIZE_UNKNOWN;
     const bool complete = known && m_evidence.received == m_evidence.announced;
     const bool mayExplain =

@@ -326,14 +326,22 @@ struct Watch
     std::vector<std::string> seen;
     std::vector<std::string> servers;
     std::vector<std::array<unsigned int, 4>> causes;  // code, step, reply, detail
+    std::vector<tagTRAVEX_FTP_S_OBSERVATION> steps;   // pointers in it are not valid
     std::vector<tagTRAVEX_FTP_S_TIMINGS> timings;
     uint64_t last = 0;
     bool forward = true;
+    std::string sequence;  // the steps' names; "*" for progress in a row, "." for the end
 
     static void See(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
     {
         auto& watch = *static_cast<Watch*>(user);
         const std::lock_guard<std::mutex> lock(watch.mutex);
+        watch.Continue(*seen);
+        if (seen->ulKind == TRAVEX_FTP_OBSERVED_STEP)
+        {
+            watch.steps.push_back(*seen);
+            return;
+        }
         watch.forward = watch.forward && seen->ullBytes >= watch.last;
         watch.last = seen->ullBytes;
         watch.seen.push_back(std::to_string(seen->ulKind) + " " + seen->pcServerFile + " " +
@@ -345,7 +353,26 @@ struct Watch
             watch.timings.push_back(*seen->pstTimings);
         }
     }
+
+    void Continue(const tagTRAVEX_FTP_S_OBSERVATION& next)
+    {
+        const bool progress = next.ulKind == TRAVEX_FTP_OBSERVED_PROGRESS;
+        const bool repeated = progress && !sequence.empty() && sequence.back() == '*';
+        if (next.ulKind != TRAVEX_FTP_OBSERVED_ACCEPTED && !repeated)
+        {
+            const bool step = next.ulKind == TRAVEX_FTP_OBSERVED_STEP;
+            sequence += sequence.empty() ? "" : " ";
+            sequence += step ? ftp_test::StepName(next.ulStep) : progress ? "*" : ".";
+        }
+    }
 };
+
+// Whether progress is seen depends on the time.
+std::string WithoutProgress(std::string sequence)
+{
+    const size_t progress = sequence.find("* ");
+    return progress == std::string::npos ? sequence : sequence.erase(progress, 2);
+}
 
 class ObserverTest : public LayerTest
 {
@@ -353,6 +380,18 @@ protected:
     ~ObserverTest() override
     {
         TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    }
+
+    // Steps, progress and the end since the last call.
+    std::string Sequence()
+    {
+        const std::lock_guard<std::mutex> lock(m_watch.mutex);
+        return std::exchange(m_watch.sequence, {});
+    }
+
+    std::string Steps()
+    {
+        return WithoutProgress(Sequence());
     }
 
     const ftp_test::Limits m_limits{[](auto& limits) { limits.ulObserveMs = 1; }};
@@ -402,6 +441,139 @@ TEST_F(ObserverTest, SeesFailuresWithTheReasonAndRefusalsAtOnce)
     EXPECT_THAT(m_watch.causes,
                 ElementsAre(Cause{}, Cause{TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 550, 0},
                             Cause{TRAVEX_FTP_ERR_PARAM, 0, 0, 0}));
+}
+
+constexpr char kPlainSteps[] =
+    "LOCAL_FILE CONNECT GREETING LOGIN TYPE PASSIVE DATA_CONNECT SIZE RETRIEVE RECEIVE CONFIRM "
+    "LOCAL_FILE .";
+
+TEST_F(ObserverTest, SeesTheStepsOfATransferInOrder)
+{
+    FaultyServer server("none");
+    Use(RecordFor(server));
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    const unsigned int task = Start("f", "f");
+    ASSERT_EQ("0 12", ftp_test::OutcomeOf(task));
+    EXPECT_EQ(kPlainSteps, Steps());
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ("LOCAL_FILE PASSIVE DATA_CONNECT RETRIEVE RECEIVE CONFIRM LOCAL_FILE .", Steps());
+    const tagTRAVEX_FTP_S_OBSERVATION& first = m_watch.steps.front();
+    EXPECT_EQ(task, first.ulTaskID);
+    EXPECT_EQ(0u, first.ullBytes);
+    EXPECT_EQ(TRAVEX_FTP_SIZE_UNKNOWN, first.ullTotal);
+    EXPECT_EQ(0u, first.ulRet + first.ulReply + first.ulDetail);
+    EXPECT_EQ(nullptr, first.pstTimings);
+}
+
+TEST_F(ObserverTest, SeesTheStepsOfFtps)
+{
+    FaultyServer server("none", ftp_test::TlsOptions());
+    Use(RecordFor(server, true));
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(
+        "LOCAL_FILE CONNECT GREETING AUTH TLS LOGIN PROTECT TYPE PASSIVE DATA_CONNECT SIZE "
+        "RETRIEVE "
+        "DATA_TLS RECEIVE CONFIRM LOCAL_FILE .",
+        Steps());
+}
+
+// Neither lines of a reply nor several replies to one command are steps.
+TEST_F(ObserverTest, SeesNoStepWhenOnlyRepliesArrive)
+{
+    for (const char* const fault :
+         {"banner_of_400_lines", "early_greeting", "second_welcome", "foreign_pasv"})
+    {
+        FaultyServer server(fault);
+        Use(RecordFor(server));
+        TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+        ASSERT_EQ("0 12", Fetch("f", "f"));
+        EXPECT_EQ(kPlainSteps, Steps()) << fault;
+    }
+    FaultyServer server("endless_banner");
+    Use(RecordFor(server));
+    ASSERT_EQ("3 21/GREETING/0 the reply exceeds 1000 lines", Fetch("f", "f"));
+    EXPECT_EQ("LOCAL_FILE CONNECT GREETING .", Steps());
+}
+
+// Progress lies between the receiving and the confirmation.
+TEST_F(ObserverTest, SeesStepsAndProgressInOrder)
+{
+    FaultyServer server("slow_226", {"--size", "30000000"});
+    Use(RecordFor(server));
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(
+        "LOCAL_FILE CONNECT GREETING LOGIN TYPE PASSIVE DATA_CONNECT SIZE RETRIEVE RECEIVE * "
+        "CONFIRM "
+        "LOCAL_FILE .",
+        Sequence());
+}
+
+// Waits in its first call on the notification thread until the file is in place.
+struct SlowWatch : Watch
+{
+    std::string file;
+
+    static void Wait(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
+    {
+        auto& watch = *static_cast<SlowWatch*>(user);
+        const bool inPlace = seen->ulKind == TRAVEX_FTP_OBSERVED_ACCEPTED ||
+                             support::WaitUntil([&] { return support::FileExists(watch.file); });
+        EXPECT_TRUE(inPlace);
+        See(static_cast<Watch*>(&watch), seen);
+    }
+};
+
+TEST_F(ObserverTest, ASlowObserverMissesNoStep)
+{
+    FaultyServer server("none");
+    Use(RecordFor(server));
+    SlowWatch watch;
+    watch.file = m_directory.File("f");
+    TRAVEX_FTP_SetObserver(SlowWatch::Wait, &watch);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    EXPECT_EQ(kPlainSteps, WithoutProgress(watch.sequence));
+}
+
+// Steps may wait for each other, but not for a server that hangs.
+TEST_F(ObserverTest, SeesTheStepInWhichATransferHangs)
+{
+    FaultyServer server("hang:RETR");
+    Use(RecordFor(server));
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    ASSERT_NE(0u, Start("f", "f"));
+    std::string steps;
+    EXPECT_TRUE(support::WaitUntil(
+        [&]
+        {
+            const std::lock_guard<std::mutex> lock(m_watch.mutex);
+            steps = m_watch.sequence;
+            return steps.find("RETRIEVE") != std::string::npos;
+        },
+        std::chrono::seconds(5)));
+    EXPECT_EQ("LOCAL_FILE CONNECT GREETING LOGIN TYPE PASSIVE DATA_CONNECT SIZE RETRIEVE", steps);
+    EXPECT_EQ(0u, TRAVEX_FTP_CloseHandle(m_handle));
+}
+
+TEST_F(ObserverTest, SeesAStepAgainWhenItIsReachedAgain)
+{
+    FaultyServer unreachable("epsv_unreachable");
+    Use(RecordFor(unreachable));
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(
+        "LOCAL_FILE CONNECT GREETING LOGIN TYPE PASSIVE DATA_CONNECT SIZE PASSIVE DATA_CONNECT "
+        "RETRIEVE RECEIVE CONFIRM LOCAL_FILE .",
+        Steps());
+    FaultyServer lost("drop:EPSV");
+    Use(RecordFor(lost));
+    ASSERT_EQ("0 12", Fetch("f", "f"));
+    EXPECT_EQ(
+        "LOCAL_FILE CONNECT GREETING LOGIN TYPE PASSIVE CONNECT GREETING LOGIN TYPE PASSIVE "
+        "DATA_CONNECT SIZE RETRIEVE RECEIVE CONFIRM LOCAL_FILE .",
+        Steps());
 }
 
 TEST_F(ObserverTest, SeesTheTimingsOfATransferInClear)

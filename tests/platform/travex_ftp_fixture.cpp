@@ -49,13 +49,9 @@ std::vector<Notice> WaitForEnd(unsigned int task)
 
 std::string Described(const Notice& failure)
 {
-    static const char* const kSteps[] = {"NONE",     "LOCAL_FILE", "CONNECT",      "GREETING",
-                                         "AUTH",     "TLS",        "LOGIN",        "PROTECT",
-                                         "TYPE",     "PASSIVE",    "DATA_CONNECT", "SIZE",
-                                         "RETRIEVE", "DATA_TLS",   "RECEIVE",      "CONFIRM"};
     std::ostringstream text;
-    text << failure.type << " " << failure.code << "/"
-         << (failure.step < std::size(kSteps) ? kSteps[failure.step] : "?") << "/" << failure.reply;
+    text << failure.type << " " << failure.code << "/" << StepName(failure.step) << "/"
+         << failure.reply;
     if (failure.detail != TRAVEX_FTP_DETAIL_NONE)
     {
         text << "/" << failure.detail;
@@ -65,6 +61,15 @@ std::string Described(const Notice& failure)
 }
 
 }  // namespace
+
+const char* StepName(unsigned int step)
+{
+    static const char* const kSteps[] = {"NONE",     "LOCAL_FILE", "CONNECT",      "GREETING",
+                                         "AUTH",     "TLS",        "LOGIN",        "PROTECT",
+                                         "TYPE",     "PASSIVE",    "DATA_CONNECT", "SIZE",
+                                         "RETRIEVE", "DATA_TLS",   "RECEIVE",      "CONFIRM"};
+    return step < std::size(kSteps) ? kSteps[step] : "?";
+}
 
 std::vector<Notice> Notices()
 {

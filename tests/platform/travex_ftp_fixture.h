@@ -71,6 +71,9 @@ private:
     const char* m_name;
 };
 
+// The name of a step in travex_ftp.h, such as "RETRIEVE"; "?": unknown.
+const char* StepName(unsigned int step);
+
 // Threads of this process, the calling one included.
 size_t CountThreads();
 

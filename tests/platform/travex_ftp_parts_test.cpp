@@ -16,6 +16,7 @@
 #include "travex_ftp/limits.h"
 #include "travex_ftp/replies.h"
 #include "travex_ftp/retrieve.h"
+#include "travex_ftp/task.h"
 #include "travex_ftp/trust.h"
 
 namespace
@@ -387,6 +388,42 @@ TEST_F(DecideTest, AnotherReplyIsUnexpected)
 {
     Say(331, "Password please.");
     EXPECT_EQ("21/15/331 unexpected reply to RETR: 331 Password please.", Outcome());
+}
+
+std::string Listed(const travex_ftp::Waiting& waiting)
+{
+    std::string text;
+    for (const tagTRAVEX_FTP_STEP step : waiting)
+    {
+        text += std::to_string(step) + " ";
+    }
+    return text;
+}
+
+TEST(WaitingTest, StepsAndProgressKeepTheirOrder)
+{
+    travex_ftp::Waiting waiting;
+    EXPECT_EQ("", Listed(waiting));
+    for (const auto step : {TRAVEX_FTP_STEP_NONE, TRAVEX_FTP_STEP_CONNECT, TRAVEX_FTP_STEP_CONNECT,
+                            TRAVEX_FTP_STEP_NONE, TRAVEX_FTP_STEP_NONE, TRAVEX_FTP_STEP_CONFIRM})
+    {
+        waiting.Add(step);
+    }
+    EXPECT_EQ("0 2 2 0 15 ", Listed(waiting));
+    waiting.RemoveProgress();
+    EXPECT_EQ("2 2 15 ", Listed(waiting));
+}
+
+TEST(WaitingTest, WhatDoesNotFitIsDropped)
+{
+    travex_ftp::Waiting waiting;
+    for (int step = 0; step != 100; ++step)
+    {
+        waiting.Add(TRAVEX_FTP_STEP_CONNECT);
+    }
+    waiting.Add(TRAVEX_FTP_STEP_CONFIRM);
+    EXPECT_EQ(64, waiting.end() - waiting.begin());
+    EXPECT_EQ(TRAVEX_FTP_STEP_CONNECT, waiting.end()[-1]);
 }
 
 TEST(LimitsTest, AreBoundedAndReset)
