@@ -179,7 +179,7 @@ def cases(program):
     yield "corpdir --config=ca.pem ", set(names)
     yield "corpdir --config ", files | folders
     yield "corpdir w", {name for name in names if name.startswith("w")}
-    yield "corpdir -", general | {"-h"}
+    yield "corpdir -", general | {"-h", "-V"}
     yield "corpdir --", general
     for name in names:
         known = options(program, name)
@@ -187,9 +187,9 @@ def cases(program):
             yield "corpdir %s%s --" % (before, name), set(known)
         yield "corpdir %s -" % name, set(known) | {"-h"}
         for option, kind in known.items():
-            if option == "--exec":
-                yield "corpdir %s --exec base6" % name, {"base64"}
-                yield "corpdir %s --exec=base6" % name, {"base64"}
+            if option in ("--exec", "--on-failure"):
+                yield "corpdir %s %s base6" % (name, option), {"base64"}
+                yield "corpdir %s %s=base6" % (name, option), {"base64"}
             elif kind.takes_value:
                 yield "corpdir %s %s " % (name, option), values.get(option, set())
                 yield "corpdir %s %s=" % (name, option), values.get(option, set())

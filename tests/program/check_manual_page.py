@@ -50,13 +50,15 @@ def described_options(page):
     request, rest = text.split("are required", 1)
     required = named_options(request.split("\n.Sq = .\n")[1])
     of_ciphers = named_options(re.search(r"^\.Cm ciphers\ntakes\n(.*?)only\.$", rest, re.M | re.S).group(1))
+    exempt = set(re.findall(r"^\.Cm (\w+)\nneeds no\n\.Fl -output-dir \.$", text, re.M))
     found = {name: {} for name in ("fetch", "watch", "check", "ciphers")}
     names = []
-    for name, value, marked in re.findall(r"^\.It Fl (?:h , )?(-[a-z-]+)( Ar)?.*\n(?:\.Pq Cm (.+)\n)?", text, re.M):
+    for name, value, marked in re.findall(r"^\.It Fl (?:\w , )?(-[a-z-]+)( Ar)?.*\n(?:\.Pq Cm (.+)\n)?", text, re.M):
         names.append("-" + name)
         takers = marked.split(" , ") if marked else ["fetch", "watch", "check"]
         for command in takers + (["ciphers"] if names[-1] in of_ciphers else []):
-            found[command][names[-1]] = Option(bool(value), names[-1] in required)
+            needed = names[-1] in required and not (names[-1] == "--output-dir" and command in exempt)
+            found[command][names[-1]] = Option(bool(value), needed)
     return found, names
 
 

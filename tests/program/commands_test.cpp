@@ -479,6 +479,39 @@ TEST_F(ProgramCheck, AServerThatWorksCountsAfterATimeout)
     EXPECT_EQ(result.status, kFetched) << result.output;
     EXPECT_EQ(ObjectIn(result.output)["servers"][0]["works"], true);
     EXPECT_EQ(ObjectIn(result.output)["status"], 0);
+    EXPECT_THAT(result.output, HasSubstr("corpdir: timed out while checking 127.0.0.2: no progress "
+                                         "for 2 s (--timeout)\n"));
+}
+
+// The version file takes more than four seconds, and bytes arrive all the time.
+TEST_F(ProgramCheck, ProgressDelaysTheTimeout)
+{
+    m_options.bytes_per_second = 15;
+    m_options.tls = Tls::kNone;
+    Serve().AddFile("version.txt", kVersion + std::string(60, '\n'));
+    const auto begun = std::chrono::steady_clock::now();
+    const CommandResult result = Check({"--timeout=2", "--max-time=1m"});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_GT(std::chrono::steady_clock::now() - begun, seconds(3));
+}
+
+TEST_F(ProgramCheck, TheWholeTimeIsLimited)
+{
+    m_options.bytes_per_second = 15;
+    m_options.tls = Tls::kNone;
+    Serve().AddFile("version.txt", kVersion + std::string(600, '\n'));
+    const CommandResult result = Check({"--max-time=2s"});
+    EXPECT_EQ(result.status, kNoOutcome) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("corpdir: timed out while checking 127.0.0.1: not done "
+                                         "within 2 s (--max-time)\n"));
+}
+
+TEST_F(ProgramCheck, NeedsNoOutputDirectory)
+{
+    Serve();
+    const CommandResult result = Check({"--output-dir=" + kLeftOut});
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("exists, 200000 bytes"));
 }
 
 TEST_F(ProgramCheck, ChecksPlainFtp)

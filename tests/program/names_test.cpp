@@ -200,7 +200,8 @@ TEST_F(ProgramNames, TheTimeOfTheProgramGoesBeforeThatOfALookup)
     const CommandResult result =
         RunCommand(StagedFetch("slow.test=hang", {"--servers=slow.test;127.0.0.1", "--timeout=1"}));
     EXPECT_EQ(result.status, kNoOutcome) << result.output;
-    EXPECT_THAT(result.output, HasSubstr("timed out after 1 s while looking up"));
+    EXPECT_THAT(result.output, HasSubstr("timed out while looking up the names of the servers: "
+                                         "no progress for 1 s (--timeout)\n"));
 }
 
 TEST_F(ProgramNames, AWatchStopsWhileItLooksUp)

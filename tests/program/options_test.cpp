@@ -133,14 +133,16 @@ const Text kTexts[] = {
     {"--version-file", &Options::versionFile, 255},
     {"--directory-file", &Options::directoryFile, 255},
     {"--version-name", &Options::versionName, 255},
-    {"--directory-name", &Options::directoryName, 255},
 };
 
 TEST_F(ToolOptions, TextsFitTheirFields)
 {
     for (const Text& text : kTexts)
     {
-        EXPECT_EQ(With(text.member, std::string(text.limit, 'x')).status, -1) << text.option;
+        // Its last component is a local name, which has a smaller limit.
+        const char* const last = text.member == &Options::directoryFile ? "/f" : "xx";
+        EXPECT_EQ(With(text.member, std::string(text.limit - 2, 'x') + last).status, -1)
+            << text.option;
         const Thrown thrown = With(text.member, std::string(text.limit + 1, 'x'));
         EXPECT_EQ(thrown.status, kExitArguments);
         EXPECT_EQ(thrown.message, std::string(text.option) + " is " +
@@ -193,6 +195,56 @@ TEST_F(ToolOptions, TheOutputDirectoryIsMeasuredWithItsSlash)
     m_options.outputDir = path + "d";
     EXPECT_EQ(Message(),
               "--output-dir with its trailing '/' is 128 bytes long; at most 127 are allowed");
+    EXPECT_EQ(Status(), kExitArguments);
+}
+
+TEST_F(ToolOptions, PathsHaveNoEmptyParts)
+{
+    std::filesystem::create_directories(m_directory.Path() + "/a/b");
+    m_options.outputDir = "/." + m_directory.Path() + "//a/././b///";
+    EXPECT_EQ(MadePlan().DirectoryPath(), m_directory.Path() + "/a/b/directory.csv");
+    m_options.outputDir = m_directory.Path() + "/a/.";
+    EXPECT_EQ(MadePlan().DirectoryPath(), m_directory.Path() + "/a/directory.csv");
+    m_options.outputDir = m_directory.Path() + "/a/../a";
+    EXPECT_EQ(MadePlan().DirectoryPath(), m_directory.Path() + "/a/../a/directory.csv");
+}
+
+TEST_F(ToolOptions, TheAbsolutePathIsThatOfTheTimeOfTheChecks)
+{
+    EXPECT_EQ(MadePlan().AbsoluteDirectoryPath(), m_directory.Path() + "/directory.csv");
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(m_directory.Path());
+    m_options.outputDir = ".";
+    const Plan here = MadePlan();
+    std::filesystem::create_directory("sub");
+    m_options.outputDir = "sub";
+    const Plan below = MadePlan();
+    std::filesystem::current_path(before);
+    EXPECT_EQ(here.AbsoluteDirectoryPath(), m_directory.Path() + "/directory.csv");
+    EXPECT_EQ(below.DirectoryPath(), "sub/directory.csv");
+    EXPECT_EQ(below.AbsoluteDirectoryPath(), m_directory.Path() + "/sub/directory.csv");
+}
+
+TEST_F(ToolOptions, TheOutputDirectoryMayBeOptional)
+{
+    m_options.outputDir = "";
+    EXPECT_EQ(MakePlan(m_options, SomeCiphers, Output::kOptional).outputDir, "");
+    m_options.outputDir = m_directory.Path() + "/none";
+    EXPECT_EQ(ExitErrorOf([this] { MakePlan(m_options, SomeCiphers, Output::kOptional); }).status,
+              kExitLocalFile);
+}
+
+TEST_F(ToolOptions, TheNameOfTheStateFileFits)
+{
+    m_options.directoryName = std::string(241, 'd');
+    EXPECT_EQ(MadePlan().directoryName, m_options.directoryName);
+    m_options.directoryName += 'd';
+    EXPECT_EQ(Message(),
+              "the local name of the directory file is 242 bytes long; at most 241 are allowed: "
+              "give a shorter --directory-name");
+    m_options.directoryName = "";
+    m_options.directoryFile = "/pub/" + std::string(242, 'd');
+    EXPECT_THAT(Message(), HasSubstr("242 bytes long"));
     EXPECT_EQ(Status(), kExitArguments);
 }
 

@@ -222,6 +222,19 @@ TEST_F(Program, WritesALogThatOnlyItsOwnerCanRead)
     EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0600));
 }
 
+TEST_F(Program, RotatesTheLogAsItIsAsked)
+{
+    Serve();
+    TemporaryDirectory logs;
+    Fetched({"--log-dir=" + logs.Path(), "--log-size=2kb", "--log-files=2"});
+    EXPECT_THAT(support::FilesIn(logs.Path()),
+                ElementsAre("corpdir.1.log", "corpdir.2.log", "corpdir.log"));
+    for (const std::string& name : support::FilesIn(logs.Path()))
+    {
+        EXPECT_LE(std::filesystem::file_size(logs.File(name)), 4000U) << name;
+    }
+}
+
 struct Refused
 {
     const char* name;
@@ -259,7 +272,10 @@ std::string Long(const std::string& option, std::size_t length)
 INSTANTIATE_TEST_SUITE_P(
     Refused, ProgramArguments,
     ::testing::Values(
-        Refused{"NoServers", {"--servers=" + kLeftOut}, {"--servers"}},
+        Refused{"NoServers", {"--servers=" + kLeftOut}, {"--servers is required"}},
+        Refused{"NoServersAndNoUser",
+                {"--servers=" + kLeftOut, "--user=" + kLeftOut},
+                {"--servers and --user are required"}},
         Refused{"EmptyServer", {"--servers=127.0.0.1;;127.0.0.3"}, {"--servers"}},
         Refused{"EmptyLastServer", {"--servers=127.0.0.1;"}, {"--servers"}},
         Refused{"User", {Long("--user", 128)}, {"--user", "127", "128"}},
@@ -268,10 +284,12 @@ INSTANTIATE_TEST_SUITE_P(
             "DirectoryFile", {Long("--directory-file", 256)}, {"--directory-file", "255", "256"}},
         Refused{"VersionName", {Long("--version-name", 256)}, {"--version-name", "255", "256"}},
         Refused{
-            "DirectoryName", {Long("--directory-name", 256)}, {"--directory-name", "255", "256"}},
+            "DirectoryName", {Long("--directory-name", 242)}, {"--directory-name", "241", "242"}},
         Refused{"OutputDirectory", {Long("--output-dir", 127)}, {"--output-dir", "127", "128"}},
         Refused{"Port", {"--port=65536"}, {"--port"}},
-        Refused{"Timeout", {"--timeout=never"}, {"--timeout"}},
+        Refused{"Timeout",
+                {"--timeout=never"},
+                {"--timeout: 'never' is not a duration such as 90, 90s, 5m, 2h or 1d"}},
         Refused{"LogLevel", {"--log-level=3"}, {"--log-level"}},
         Refused{"LocalAddress", {"--local-ip=localhost"}, {"--local-ip"}},
         Refused{"Cipher", {"--ciphers=0x0300FFFF"}, {}},

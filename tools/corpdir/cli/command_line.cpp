@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "cli/duration.h"
 #include "cli/settings_file.h"
 #include "cli/suggestion.h"
 #include "exit_error.h"
@@ -22,7 +23,7 @@ const char kStatusText[] = R"(Exit status:
   2  invalid arguments
   3  every server failed
   4  the version file is not valid
-  5  timed out (--timeout)
+  5  timed out (--timeout, --max-time)
   6  a local file or directory cannot be written
   128 + N  stopped by signal N)";
 
@@ -57,7 +58,7 @@ const char kCheckText[] = R"(Example:
   corpdir --config /etc/phone/corpdir.conf check
 
 From each server the version file is fetched, and the transfer of the directory file is
-started and then cancelled; nothing is written to --output-dir.
+started and then cancelled; nothing is written to --output-dir, which may be left out.
 
 The exit status is that of 'corpdir fetch' with the same options.)";
 
@@ -66,6 +67,9 @@ const char kFiles[] = "Files";
 const char kProtection[] = "Protection (default: FTPS, certificate verified)";
 const char kLimits[] = "Limits";
 const char kMessages[] = "Messages";
+const char kCommand[] = "Command";
+
+const char kOutputText[] = "Existing directory to store both files in";
 
 template <typename Value>
 CLI::Option* Add(CLI::App& command, const char* group, const char* name, Value& value,
@@ -77,6 +81,15 @@ CLI::Option* Add(CLI::App& command, const char* group, const char* name, Value& 
 void AddFlag(CLI::App& command, const char* group, const char* name, bool& value, const char* text)
 {
     command.add_flag(name, value, text)->group(group);
+}
+
+constexpr unsigned int kHour = 3600;  // seconds
+constexpr unsigned int kDay = 24 * kHour;
+
+void AddDuration(CLI::App& command, const char* group, const char* name, unsigned int& seconds,
+                 const char* text, unsigned int least, unsigned int most)
+{
+    Add(command, group, name, seconds, "DURATION", text)->transform(Duration(least, most));
 }
 
 CLI::Validator Within(unsigned int least, unsigned int most)
@@ -109,15 +122,17 @@ void AddFileOptions(CLI::App& command, Options& options)
     Add(command, kFiles, "--directory-file", options.directoryFile, "REMOTE",
         "Directory file on the server")
         ->required();
-    Add(command, kFiles, "--output-dir", options.outputDir, "DIR",
-        "Existing directory to store both files in")
-        ->required();
     Add(command, kFiles, "--version-name", options.versionName, "LOCAL",
         "Local name of the version file (default: as on the server)")
         ->check(NotEmpty());
     Add(command, kFiles, "--directory-name", options.directoryName, "LOCAL",
         "Local name of the directory file (default: as on the server)")
         ->check(NotEmpty());
+}
+
+CLI::Option* AddOutputDir(CLI::App& command, Options& options, const char* text)
+{
+    return Add(command, kFiles, "--output-dir", options.outputDir, "DIR", text);
 }
 
 void AddProtectionOptions(CLI::App& command, Options& options)
@@ -143,21 +158,20 @@ void AddProtectionOptions(CLI::App& command, Options& options)
 
 void AddLimitOptions(CLI::App& command, Options& options)
 {
-    Add(command, kLimits, "--connect-timeout", options.connectTimeout, "SECONDS",
-        "Time limit for one TCP connection, control or data (10)")
-        ->check(Within(1, 3600));
+    AddDuration(command, kLimits, "--connect-timeout", options.connectTimeout,
+                "Time limit for one TCP connection, control or data (10s)", 1, kHour);
     Add(command, kLimits, "--max-size", options.maxSize, "SIZE",
         "Largest file to accept, such as 500000, 20kb or 1gb (16gib)")
         ->transform(CLI::AsSizeValue(true).description(""))
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60).description(""));
 }
 
-void AddTimeout(CLI::App& command, Options& options)
+void AddTimeLimits(CLI::App& command, Options& options)
 {
-    Add(command, kLimits, "--timeout", options.timeoutSeconds, "SECONDS",
-        "Time limit for the whole command")
-        ->capture_default_str()
-        ->check(Within(1, 604800));
+    AddDuration(command, kLimits, "--timeout", options.timeoutSeconds,
+                "Longest time without progress (2m)", 1, 7 * kDay);
+    AddDuration(command, kLimits, "--max-time", options.maxTimeSeconds,
+                "Time limit for the whole command (none)", 1, 7 * kDay);
 }
 
 void AddLogOptions(CLI::App& command, Options& options)
@@ -168,6 +182,12 @@ void AddLogOptions(CLI::App& command, Options& options)
         "0 errors, 1 also fallbacks, 2 everything (default with --log-dir);\n"
         "without --log-dir the log goes to standard error")
         ->check(Within(0, 2));
+    Add(command, kMessages, "--log-size", options.logSize, "SIZE",
+        "Size at which a log file of --log-dir is rotated (10mib)")
+        ->transform(CLI::AsSizeValue(true).description(""))
+        ->check(Within(1000, 4000000000));
+    Add(command, kMessages, "--log-files", options.logFiles, "N", "Rotated log files to keep (5)")
+        ->check(Within(1, 1000));
 }
 
 void AddRequestOptions(CLI::App& command, Options& options)
@@ -187,7 +207,11 @@ void AddFetch(CLI::App& program, Options& options, const Runner& run, int& statu
     CLI::App* fetch = program.add_subcommand("fetch", "Fetch the directory file once");
     fetch->footer(std::string(kFetchText) + "\n\n" + kStatusText);
     AddRequestOptions(*fetch, options);
-    AddTimeout(*fetch, options);
+    AddOutputDir(*fetch, options, kOutputText)->required();
+    AddFlag(*fetch, kFiles, "--if-changed", options.ifChanged,
+            "Fetch the directory file only if the version or the local file has\n"
+            "changed");
+    AddTimeLimits(*fetch, options);
     AddFlag(*fetch, kMessages, "--json", options.json,
             "Print the outcome as one JSON object, also on failure");
     AddFlag(*fetch, kMessages, "--quiet", options.quiet,
@@ -202,14 +226,21 @@ void AddWatch(CLI::App& program, Options& options, const Runner& run, int& statu
         "watch", "Check every ten minutes, and fetch each new directory file");
     watch->footer(kWatchText);
     AddRequestOptions(*watch, options);
-    Add(*watch, kLimits, "--retry", options.retrySeconds, "SECONDS",
-        "Time until the next try when all servers failed and the\n"
-        "directory file is missing")
-        ->capture_default_str()
-        ->check(Within(1, 600));
-    Add(*watch, "Command", "--exec", options.execute, "COMMAND",
+    AddOutputDir(*watch, options, kOutputText)->required();
+    AddDuration(*watch, kLimits, "--retry", options.retrySeconds,
+                "Time until the next try when all servers failed and the\n"
+                "directory file is missing (1m)",
+                1, 600);
+    AddDuration(*watch, kLimits, "--splay", options.splaySeconds,
+                "Wait a random time, at most this, before the first check (none)", 1, kDay);
+    Add(*watch, kCommand, "--exec", options.execute, "COMMAND",
         "Run this shell command for each new directory file")
         ->check(NotEmpty());
+    Add(*watch, kCommand, "--on-failure", options.onFailure, "COMMAND",
+        "Run this shell command when all servers failed")
+        ->check(NotEmpty());
+    AddDuration(*watch, kCommand, "--exec-timeout", options.execTimeoutSeconds,
+                "Time limit for one run of either command (none)", 1, kDay);
     AddFlag(*watch, kMessages, "--json", options.json,
             "Print each event as a JSON object on its own line");
     AddFlag(*watch, kMessages, "--quiet", options.quiet, "Print failures only");
@@ -222,7 +253,9 @@ void AddCheck(CLI::App& program, Options& options, const Runner& run, int& statu
         "check", "Test these options without downloading the directory file");
     check->footer(kCheckText);
     AddRequestOptions(*check, options);
-    AddTimeout(*check, options);
+    AddOutputDir(*check, options, "Directory to check for permissions and free space")
+        ->check(NotEmpty());
+    AddTimeLimits(*check, options);
     AddFlag(*check, kMessages, "--json", options.json, "Print the outcome as one JSON object");
     AddFlag(*check, kMessages, "--quiet", options.quiet, "Print only servers that fail");
     check->callback([&] { status = run(options); });
@@ -270,14 +303,39 @@ std::string UnknownWord(const CLI::App& program, const CLI::App* chosen)
            (chosen == nullptr ? Suggestion(word, names) : "");
 }
 
+// CLI11 names only the first one.
+std::string MissingOptions(const CLI::App& command)
+{
+    std::vector<std::string> names;
+    for (const CLI::Option* option : command.get_options())
+    {
+        if (option->get_required() && option->count() == 0)
+        {
+            names.push_back(option->get_name());
+        }
+    }
+    std::string list;
+    for (std::size_t i = 0; i != names.size(); ++i)
+    {
+        list += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+    }
+    return list + (names.size() == 1 ? " is required" : " are required") +
+           ", on the command line or in a settings file";
+}
+
 std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
 {
     const std::vector<const CLI::App*> commands =
         program->get_subcommands([](const CLI::App* command) { return command->parsed(); });
     const CLI::App* const chosen = commands.empty() ? nullptr : commands.front();
-    const std::string unknown = UnknownWord(*program, chosen);
-    return "corpdir: " + (unknown.empty() ? std::string(error.what()) : unknown) +
-           "\nTry 'corpdir " + (chosen == nullptr ? "" : chosen->get_name() + " ") + "--help'.\n";
+    std::string problem = UnknownWord(*program, chosen);
+    if (problem.empty())
+    {
+        const bool missing = chosen != nullptr && error.get_name() == "RequiredError";
+        problem = missing ? MissingOptions(*chosen) : error.what();
+    }
+    return "corpdir: " + problem + "\nTry 'corpdir " +
+           (chosen == nullptr ? "" : chosen->get_name() + " ") + "--help'.\n";
 }
 
 }  // namespace
@@ -288,7 +346,7 @@ int RunCommandLine(int argc, char** argv, const Commands& commands, std::string 
     program.require_subcommand(1);  // "corpdir" alone is a mistake
     program.failure_message(ParseProblem);
     program.footer(kProgramText);
-    program.set_version_flag("--version", versionText, "Print versions and exit");
+    program.set_version_flag("-V,--version", versionText, "Print versions and exit");
     AddSettingsFile(program);
     Options options;
     int status = 0;

@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 #include "base/printable.h"
 #include "exit_error.h"
 #include "os/output_files.h"
+#include "state.h"
 #include "text.h"
 
 namespace corpdir_tool
@@ -77,6 +80,41 @@ std::string LocalName(const std::string& option, const std::string& given,
     return given;
 }
 
+// Without repeated "/" and without "." between two of them.
+std::string Tidied(std::string path)
+{
+    for (const char* const part : {"/./", "//"})
+    {
+        const std::size_t extra = std::string(part).size() - 1;
+        for (auto at = path.find(part); at != std::string::npos; at = path.find(part, at))
+        {
+            path.erase(at, extra);
+        }
+    }
+    return path;
+}
+
+void PlanOutput(Plan& plan)
+{
+    if (plan.outputDir.empty())
+    {
+        Refuse("--output-dir is empty");
+    }
+    plan.outputDir = Tidied(plan.outputDir + "/");
+    CheckLength("--output-dir with its trailing '/'", plan.outputDir.size(), kMaxDirectory);
+    if (plan.outputDir.front() != '/')
+    {
+        std::error_code error;
+        plan.workingDirectory = std::filesystem::current_path(error);
+        if (error)
+        {
+            throw ExitError(kExitLocalFile,
+                            "the working directory cannot be determined: " + error.message() +
+                                "; give --output-dir as an absolute path");
+        }
+    }
+}
+
 void PlanFiles(Plan& plan)
 {
     CheckText("--version-file", plan.versionFile, kMaxField);
@@ -94,15 +132,13 @@ void PlanFiles(Plan& plan)
         Refuse("both files would be stored as '" + plan.versionName +
                "'; give --version-name or --directory-name");
     }
-    if (plan.outputDir.empty())
+    if (plan.directoryName.size() > client::kMaxDirectoryName)
     {
-        Refuse("--output-dir is empty");
+        Refuse("the local name of the directory file is " +
+               std::to_string(plan.directoryName.size()) + " bytes long; at most " +
+               std::to_string(client::kMaxDirectoryName) +
+               " are allowed: give a shorter --directory-name");
     }
-    if (plan.outputDir.back() != '/')
-    {
-        plan.outputDir += '/';
-    }
-    CheckLength("--output-dir with its trailing '/'", plan.outputDir.size(), kMaxDirectory);
 }
 
 void PlanServers(Plan& plan)
@@ -196,7 +232,13 @@ void PlanLog(Plan& plan)
 
 }  // namespace
 
-Plan MakePlan(const Options& options, const CipherSource& ciphers)
+std::string Plan::AbsoluteDirectoryPath() const
+{
+    return outputDir.front() == '/' ? DirectoryPath()
+                                    : Tidied(workingDirectory + "/" + DirectoryPath());
+}
+
+Plan MakePlan(const Options& options, const CipherSource& ciphers, Output output)
 {
     Plan plan;
     static_cast<Options&>(plan) = options;
@@ -204,12 +246,20 @@ Plan MakePlan(const Options& options, const CipherSource& ciphers)
     PlanServers(plan);
     CheckText("--user", plan.user, kMaxUser);
     PlanFiles(plan);
+    const bool hasOutput = output == Output::kRequired || !plan.outputDir.empty();
+    if (hasOutput)
+    {
+        PlanOutput(plan);
+    }
     PlanProtection(ciphers, plan);
     PlanLog(plan);
     // Last, so that a mistake in an argument is reported first.
-    CheckWritableDirectory("--output-dir", plan.outputDir);
-    CheckReplaceable(plan.VersionPath());
-    CheckReplaceable(plan.DirectoryPath());
+    if (hasOutput)
+    {
+        CheckWritableDirectory("--output-dir", plan.outputDir);
+        CheckReplaceable(plan.VersionPath());
+        CheckReplaceable(plan.DirectoryPath());
+    }
     if (!plan.logDir.empty())
     {
         CheckWritableDirectory("--log-dir", plan.logDir);

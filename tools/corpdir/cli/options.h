@@ -39,16 +39,18 @@ struct Options
 
     std::uint64_t maxSize = 0;             // bytes; 0: the FTP layer's limit
     unsigned int connectTimeout = 0;       // seconds; 0: the FTP layer's limit
-    unsigned int timeoutSeconds = 120;     // fetch and check
-    unsigned int maxTimeSeconds = 0;       // fetch and check; 0: none
+    unsigned int timeoutSeconds = 120;     // fetch and check: without progress
+    unsigned int maxTimeSeconds = 0;       // fetch and check: the whole command; 0: no limit
     bool ifChanged = false;                // fetch
     unsigned int retrySeconds = 60;        // watch
-    unsigned int splaySeconds = 0;         // watch
+    unsigned int splaySeconds = 0;         // watch: longest random wait before the first check
     std::string execute;                   // watch: shell command; empty: none
-    std::string onFailure;                 // watch: the same, for a check that failed
-    unsigned int execTimeoutSeconds = 0;   // watch: of both; 0: none
+    std::string onFailure;                 // watch: shell command; empty: none
+    unsigned int execTimeoutSeconds = 0;   // watch: of either command; 0: no limit
     std::string logDir;                    // empty: standard error
     std::optional<unsigned int> logLevel;  // not set: no log
+    unsigned int logSize = 0;              // bytes of one log file; 0: the log's default
+    unsigned int logFiles = 0;             // rotated log files; 0: the log's default
     bool quiet = false;
     bool noProgress = false;
     bool json = false;
@@ -60,14 +62,15 @@ struct Options
 };
 
 // The options of a download after the checks: each value is within its limit, both local names are
-// set, outputDir ends in "/", and the log has a level if it has a directory.
+// set, outputDir ends in "/" unless it is empty, and the log has a level if it has a directory.
 struct Plan : Options
 {
     std::vector<ServerEntry> entries;  // of --servers
     int family = 0;                    // the family of localIp, else AF_UNSPEC
     bool verify = true;
-    std::string trust;        // text for the FTP layer, never empty
-    std::vector<int> suites;  // of --ciphers, never empty
+    std::string trust;             // text for the FTP layer, never empty
+    std::vector<int> suites;       // of --ciphers, never empty
+    std::string workingDirectory;  // at the time of the checks; set when outputDir is relative
 
     std::string VersionPath() const
     {
@@ -77,16 +80,19 @@ struct Plan : Options
     {
         return outputDir + directoryName;
     }
-    std::string AbsoluteDirectoryPath() const
-    {
-        return std::filesystem::absolute(DirectoryPath()).lexically_normal();
-    }
+    std::string AbsoluteDirectoryPath() const;
 };
 
 // Checks the options one by one. Uses no network, and only tests whether files and directories are
 // usable. Throws ExitError with a message that names the option. ciphers: called when a suite is
-// given by name.
-Plan MakePlan(const Options& options, const CipherSource& ciphers);
+// given by name. output: whether there must be an outputDir.
+enum class Output
+{
+    kRequired,
+    kOptional
+};
+Plan MakePlan(const Options& options, const CipherSource& ciphers,
+              Output output = Output::kRequired);
 
 }  // namespace corpdir_tool
 

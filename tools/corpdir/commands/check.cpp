@@ -148,16 +148,16 @@ std::string ErrorOf(const std::vector<CheckResult>& results, int status)
 
 // A check that was stopped ends with success when a server works.
 int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret& password,
-             EventQueue::Clock::time_point deadline, CommandProcess& process, CheckPrinter& printer)
+             TimeLimits& limits, CommandProcess& process, CheckPrinter& printer)
 {
     const ScratchDirectory scratch;
     const LastResort lastResort(process, [&scratch] { scratch.Remove(); });
-    Checker checker(plan, scratch.Path(), password, process.Events());
+    Checker checker(plan, scratch.Path(), password, process.Events(), limits);
     try
     {
         for (const Server& server : servers)
         {
-            printer.Add(checker.Check(server, deadline));
+            printer.Add(checker.Check(server));
         }
     }
     catch (const CheckStopped& stopped)
@@ -172,7 +172,7 @@ int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret&
 
 int Check(const Options& options, const CipherSource& ciphers)
 {
-    const Plan plan = MakePlan(options, ciphers);
+    const Plan plan = MakePlan(options, ciphers, Output::kOptional);
     Secret password;
     ReadPassword(options.passwordFile, password);
 
@@ -181,12 +181,12 @@ int Check(const Options& options, const CipherSource& ciphers)
     settings.quiet = options.quiet;
     Report report(settings, process.Messages());
     CheckPrinter printer(plan, report);
-    const auto deadline = EventQueue::Clock::now() + std::chrono::seconds(plan.timeoutSeconds);
+    TimeLimits limits(plan);
     try
     {
         const std::vector<Server> servers =
-            FindServers(plan, process.Events(), deadline, report, printer.LeftOut());
-        return CheckAll(servers, plan, password, deadline, process, printer);
+            FindServers(plan, process.Events(), limits, report, printer.LeftOut());
+        return CheckAll(servers, plan, password, limits, process, printer);
     }
     catch (const ExitError& error)
     {

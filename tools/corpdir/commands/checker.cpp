@@ -100,8 +100,8 @@ void Fail(CheckResult& result, CheckStep step, const Failure& failure)
 }  // namespace
 
 Checker::Checker(const Plan& plan, const std::string& scratch, const client::Secret& password,
-                 EventQueue& events)
-    : m_plan(plan), m_scratch(scratch), m_password(password), m_events(events)
+                 EventQueue& events, TimeLimits& limits)
+    : m_plan(plan), m_scratch(scratch), m_password(password), m_events(events), m_limits(limits)
 {
     StartLayers(plan);
     TRAVEX_FTP_SetObserver(&Observe, &m_events);
@@ -114,7 +114,7 @@ Checker::~Checker()
     CorpDir_CloseLog();
 }
 
-CheckResult Checker::Check(const Server& server, EventQueue::Clock::time_point deadline)
+CheckResult Checker::Check(const Server& server)
 {
     CheckResult result;
     result.server = server;
@@ -126,14 +126,12 @@ CheckResult Checker::Check(const Server& server, EventQueue::Clock::time_point d
         Fail(result, CheckStep::kConnect, FailureOf(Refusal(code)));
         return result;
     }
-    CheckVersionFile(Download(handle.get(), m_plan.versionFile, kVersionName, server, deadline),
-                     result);
+    CheckVersionFile(Download(handle.get(), m_plan.versionFile, kVersionName, server), result);
     if (result.failedAt == CheckStep::kDone)
     {
         constexpr std::uint64_t kSmallestLimit = 1;  // byte
         SetLimits(m_plan, kSmallestLimit);
-        Event event =
-            Download(handle.get(), m_plan.directoryFile, kDirectoryName, server, deadline);
+        Event event = Download(handle.get(), m_plan.directoryFile, kDirectoryName, server);
         // The layer may have left out SIZE on the reused connection: ask again on a new one.
         if (m_plan.maxSize != 0 && event.code == TRAVEX_FTP_ERR_TOO_LARGE &&
             event.total == TRAVEX_FTP_SIZE_UNKNOWN && event.timings.ulReused == 1)
@@ -141,8 +139,7 @@ CheckResult Checker::Check(const Server& server, EventQueue::Clock::time_point d
             const Handle fresh = MakeHandle();
             const unsigned int code = SetParameters(fresh.get(), server);
             event = code != 0 ? Refusal(code)
-                              : Download(fresh.get(), m_plan.directoryFile, kDirectoryName, server,
-                                         deadline);
+                              : Download(fresh.get(), m_plan.directoryFile, kDirectoryName, server);
         }
         CheckDirectoryFile(event, result);
     }
@@ -212,13 +209,12 @@ unsigned int Checker::SetParameters(TRAVEX_FTP_HANDLE handle, const Server& serv
 }
 
 Event Checker::Download(TRAVEX_FTP_HANDLE handle, const std::string& file,
-                        const std::string& localName, const Server& server,
-                        EventQueue::Clock::time_point deadline)
+                        const std::string& localName, const Server& server)
 {
     unsigned int task = 0;
     const unsigned int code =
         TRAVEX_FTP_AsynDownloadFile(handle, &task, file.c_str(), ".", localName.c_str(), nullptr);
-    return code == 0 ? Outcome(server, deadline) : Refusal(code);
+    return code == 0 ? Outcome(server) : Refusal(code);
 }
 
 // A refusal is observed before the call returns. Throws ExitError when an argument is refused.
@@ -240,11 +236,15 @@ Event Checker::Refusal(unsigned int code)
 }
 
 // The end of the transfer under way.
-Event Checker::Outcome(const Server& server, EventQueue::Clock::time_point deadline)
+Event Checker::Outcome(const Server& server)
 {
     for (;;)
     {
-        Event event = m_events.WaitUntil(deadline);
+        Event event = m_events.WaitUntil(m_limits.Deadline());
+        if (event.kind <= EventKind::kDelivered)  // from the FTP layer
+        {
+            m_limits.Progress();
+        }
         switch (event.kind)
         {
             case EventKind::kFailed:
@@ -260,9 +260,8 @@ Event Checker::Outcome(const Server& server, EventQueue::Clock::time_point deadl
                     kExitSignal + event.number,
                     "stopped by " + SignalName(event.number) + " while checking " + server.Label()};
             case EventKind::kDeadline:
-                throw CheckStopped{kExitNoOutcome, "timed out after " +
-                                                       std::to_string(m_plan.timeoutSeconds) +
-                                                       " s while checking " + server.Label()};
+                throw CheckStopped{kExitNoOutcome, "timed out while checking " + server.Label() +
+                                                       ": " + m_limits.Reason()};
             case EventKind::kOutOfMemory:
                 throw ExitError(kExitInternal, "out of memory");
             default:

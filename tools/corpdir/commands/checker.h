@@ -6,6 +6,7 @@
 
 #include "cli/options.h"
 #include "cli/servers.h"
+#include "commands/command.h"
 #include "commands/events.h"
 #include "secret.h"
 #include "ui/check_table.h"
@@ -13,7 +14,7 @@
 namespace corpdir_tool
 {
 
-// The check cannot go on: --timeout is over, or a signal asks the program to stop.
+// The check cannot go on: a time limit is over, or a signal asks the program to stop.
 struct CheckStopped
 {
     int status;
@@ -30,27 +31,28 @@ public:
     // All references must outlive the checker. scratch: an empty directory, ending in "/".
     // Throws ExitError when the log or the FTP layer cannot be started.
     Checker(const Plan& plan, const std::string& scratch, const client::Secret& password,
-            EventQueue& events);
+            EventQueue& events, TimeLimits& limits);
     ~Checker();  // cancels what is still under way
     Checker(const Checker&) = delete;
     Checker& operator=(const Checker&) = delete;
 
     // Throws CheckStopped, or ExitError when the FTP layer refuses an argument.
-    CheckResult Check(const Server& server, EventQueue::Clock::time_point deadline);
+    CheckResult Check(const Server& server);
 
 private:
     void CheckVersionFile(const Event& event, CheckResult& result) const;
     void CheckDirectoryFile(const Event& event, CheckResult& result) const;
     unsigned int SetParameters(TRAVEX_FTP_HANDLE handle, const Server& server) const;
     Event Download(TRAVEX_FTP_HANDLE handle, const std::string& file, const std::string& localName,
-                   const Server& server, EventQueue::Clock::time_point deadline);
+                   const Server& server);
     Event Refusal(unsigned int code);
-    Event Outcome(const Server& server, EventQueue::Clock::time_point deadline);
+    Event Outcome(const Server& server);
 
     const Plan& m_plan;
     const std::string m_scratch;
     const client::Secret& m_password;
     EventQueue& m_events;
+    TimeLimits& m_limits;
 };
 
 }  // namespace corpdir_tool

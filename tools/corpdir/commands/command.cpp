@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "commands/name_resolver.h"
@@ -62,12 +63,36 @@ void CommandProcess::CleanUp() noexcept
     }
 }
 
-std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
-                                EventQueue::Clock::time_point deadline, Report& report,
-                                std::vector<std::string>& leftOut)
+TimeLimits::TimeLimits(const Plan& plan)
+    : m_plan(plan),
+      m_end(plan.maxTimeSeconds == 0 ? Clock::time_point::max()
+                                     : Clock::now() + std::chrono::seconds(plan.maxTimeSeconds))
+{
+    Progress();
+}
+
+void TimeLimits::Progress()
+{
+    m_idleEnd = Clock::now() + std::chrono::seconds(m_plan.timeoutSeconds);
+}
+
+TimeLimits::Clock::time_point TimeLimits::Deadline() const
+{
+    return std::min(m_end, m_idleEnd);
+}
+
+std::string TimeLimits::Reason() const
+{
+    return m_end < m_idleEnd
+               ? "not done within " + std::to_string(m_plan.maxTimeSeconds) + " s (--max-time)"
+               : "no progress for " + std::to_string(m_plan.timeoutSeconds) + " s (--timeout)";
+}
+
+std::vector<Server> FindServers(const Plan& plan, EventQueue& events, const TimeLimits& limits,
+                                Report& report, std::vector<std::string>& leftOut)
 {
     NameResolver resolver(plan.entries, plan.family, SystemLookup, events);
-    const Event event = events.WaitUntil(deadline);
+    const Event event = events.WaitUntil(limits.Deadline());
     switch (event.kind)
     {
         case EventKind::kResolved:
@@ -76,10 +101,9 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
             throw ExitError(kExitSignal + event.number,
                             "stopped while looking up the names of the servers");
         case EventKind::kDeadline:
-            throw ExitError(kExitNoOutcome, "timed out after " +
-                                                std::to_string(plan.timeoutSeconds) +
-                                                " s while looking up the names of the "
-                                                "servers");
+            throw ExitError(
+                kExitNoOutcome,
+                "timed out while looking up the names of the servers: " + limits.Reason());
         default:
             throw ExitError(kExitInternal, "out of memory");
     }

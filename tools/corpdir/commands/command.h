@@ -65,11 +65,32 @@ private:
     CommandProcess& m_process;
 };
 
+// The time limits of a command, from its construction on. One thread only.
+class TimeLimits
+{
+public:
+    using Clock = EventQueue::Clock;
+
+    explicit TimeLimits(const Plan& plan);
+
+    // Restarts --timeout.
+    void Progress();
+
+    Clock::time_point Deadline() const;
+
+    // Which limit ends first: "no progress for 120 s (--timeout)".
+    std::string Reason() const;
+
+private:
+    const Plan& m_plan;
+    const Clock::time_point m_end;
+    Clock::time_point m_idleEnd;
+};
+
 // Looks up the servers' names. Each name without an address is reported, and added to leftOut with
 // the reason. Throws ExitError when no server is left, on a signal and on a timeout.
-std::vector<Server> FindServers(const Plan& plan, EventQueue& events,
-                                EventQueue::Clock::time_point deadline, Report& report,
-                                std::vector<std::string>& leftOut);
+std::vector<Server> FindServers(const Plan& plan, EventQueue& events, const TimeLimits& limits,
+                                Report& report, std::vector<std::string>& leftOut);
 
 // Throws ExitError when standard output cannot be written.
 void FlushResult();

@@ -13,6 +13,8 @@ tag_CORPDIR_LOGINFO LogSettingsOf(const Plan& plan)
     tag_CORPDIR_LOGINFO log = {};
     CopyText(log.szLogDir, plan.logDir);
     log.ulLogLevel = plan.logLevel.value_or(0);
+    log.ulMaxFileSize = plan.logSize;
+    log.ulMaxFileCount = plan.logFiles;
     return log;
 }
 

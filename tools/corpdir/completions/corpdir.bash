@@ -5,7 +5,7 @@ _corpdir()
     local request="--servers --port --local-ip --user --password-file --version-file
         --directory-file --output-dir --version-name --directory-name --ca --verify-name
         --no-verify --plain --ciphers --connect-timeout --max-size --log-dir --log-level
-        --config --help -h"
+        --log-size --log-files --json --quiet --config --help -h"
     local word=${COMP_WORDS[COMP_CWORD]} option=${COMP_WORDS[COMP_CWORD - 1]} command="" index
     COMPREPLY=()
 
@@ -48,24 +48,24 @@ _corpdir()
                 "${word##*,}" "${word%"${word##*,}"}"
             compopt -o nospace 2>/dev/null
             return ;;
-        --exec)
+        --exec | --on-failure)
             mapfile -t COMPREPLY < <(compgen -c -- "$word" | sort -u)
             return ;;
         --servers | --port | --local-ip | --user | --version-file | --directory-file | \
             --version-name | --directory-name | --verify-name | --connect-timeout | --max-size | \
-            --timeout | --retry)
+            --log-size | --log-files | --timeout | --max-time | --retry | --splay | --exec-timeout)
             return ;;
     esac
 
     case $command in
         "")
             case $word in
-                -*) _corpdir_words "--config --version --help -h" "$word" ;;
+                -*) _corpdir_words "--config --version -V --help -h" "$word" ;;
                 *) _corpdir_words "fetch watch check ciphers" "$word" ;;
             esac ;;
-        fetch) _corpdir_words "$request --timeout --json --quiet --no-progress" "$word" ;;
-        watch) _corpdir_words "$request --retry --exec --json --quiet" "$word" ;;
-        check) _corpdir_words "$request --timeout --json --quiet" "$word" ;;
+        fetch) _corpdir_words "$request --if-changed --timeout --max-time --no-progress" "$word" ;;
+        watch) _corpdir_words "$request --retry --splay --exec --on-failure --exec-timeout" "$word" ;;
+        check) _corpdir_words "$request --timeout --max-time" "$word" ;;
         ciphers) _corpdir_words "--config --json --help -h" "$word" ;;
     esac
 }
