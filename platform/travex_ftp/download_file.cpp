@@ -341,8 +341,9 @@ bool DownloadFile::FailLocal(Failure& failure, const char* step, const char* rea
 {
     const char* const why = reason != nullptr ? reason : SystemError(errno);
     SetStep(failure, TRAVEX_FTP_STEP_LOCAL_FILE);
-    return Fail(failure, TRAVEX_FTP_ERR_LOCAL_FILE, "%s %s/%s: %s", step, m_directory.c_str(),
-                m_name.c_str(), why);
+    const char* const slash = m_directory.back() == '/' ? "" : "/";
+    return Fail(failure, TRAVEX_FTP_ERR_LOCAL_FILE, "%s %s%s%s: %s", step, m_directory.c_str(),
+                slash, m_name.c_str(), why);
 }
 
 }  // namespace travex_ftp

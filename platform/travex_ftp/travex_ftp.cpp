@@ -165,11 +165,13 @@ bool CheckParameters(const std::shared_ptr<const Settings>& settings, bool dataP
 // The local directory: `dir`, relative to the work directory unless absolute.
 std::string DirectoryOf(const std::string& workDir, const char* dir)
 {
-    if (dir == nullptr || *dir == '\0')
+    const std::string relative = dir == nullptr ? "" : dir;
+    if (relative.empty() || relative == ".")
     {
         return workDir;
     }
-    return *dir == '/' ? dir : workDir + "/" + dir;
+    const char* const slash = workDir.back() == '/' ? "" : "/";
+    return relative.front() == '/' ? relative : workDir + slash + relative;
 }
 
 // Never 0, and unique unless a task lives while four billion others are accepted.

@@ -125,11 +125,11 @@ TEST_F(FileTest, ImpossibleTargetsFailBeforeConnecting)
 {
     ASSERT_EQ(0, mkdir(m_directory.File("directory").c_str(), 0700));
     EXPECT_EQ(
-        "3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() + "/./directory: Is a directory",
+        "3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() + "/directory: Is a directory",
         Fetch("f", "directory"));
     ASSERT_EQ(0, mkfifo(m_directory.File("pipe").c_str(), 0600));
     EXPECT_EQ(
-        "3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() + "/./pipe: not a regular file",
+        "3 25/LOCAL_FILE/0 cannot replace " + m_directory.Path() + "/pipe: not a regular file",
         Fetch("f", "pipe"));
     EXPECT_TRUE(S_ISFIFO(ModeOf("pipe")));
     unsigned int task = 0;
@@ -244,7 +244,7 @@ TEST_F(LockTest, AnotherNameIsUsedIfTheNewFileIsLocked)
     EXPECT_EQ("0 12", FetchWith(EWOULDBLOCK, 3));
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
     EXPECT_EQ("3 25/LOCAL_FILE/0 cannot lock " + m_directory.Path() +
-                  "/./f: other processes lock every temporary file",
+                  "/f: other processes lock every temporary file",
               FetchWith(EWOULDBLOCK, 1000000));
     EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
 }
@@ -256,7 +256,7 @@ TEST_F(LockTest, AFileSystemWithoutLocksWorks)
         EXPECT_EQ("0 12", FetchWith(error, 1000000)) << error;
         EXPECT_THAT(support::FilesIn(m_directory.Path()), ElementsAre("f"));
     }
-    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot lock " + m_directory.Path() + "/./f: Input/output error",
+    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot lock " + m_directory.Path() + "/f: Input/output error",
               FetchWith(EIO, 1000000));
 }
 
@@ -287,7 +287,7 @@ TEST_F(FileTest, FullDiskLeavesTheOldFile)
     signal(SIGXFSZ, SIG_IGN);
     const std::string outcome = Fetch("f", "f");
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot write " + m_directory.Path() + "/./f: File too large",
+    EXPECT_EQ("3 25/LOCAL_FILE/0 cannot write " + m_directory.Path() + "/f: File too large",
               outcome);
     EXPECT_EQ("old", Content("f"));
     EXPECT_EQ("0 12", Fetch("f", "f"));
