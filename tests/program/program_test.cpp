@@ -228,7 +228,7 @@ TEST_F(Program, RotatesTheLogAsItIsAsked)
     TemporaryDirectory logs;
     Fetched({"--log-dir=" + logs.Path(), "--log-size=2kb", "--log-files=2"});
     EXPECT_THAT(support::FilesIn(logs.Path()),
-                ElementsAre("corpdir.1.log", "corpdir.2.log", "corpdir.log"));
+                ElementsAre(".corpdir.lock", "corpdir.1.log", "corpdir.2.log", "corpdir.log"));
     for (const std::string& name : support::FilesIn(logs.Path()))
     {
         EXPECT_LE(std::filesystem::file_size(logs.File(name)), 4000U) << name;
