@@ -28,7 +28,7 @@ struct Parsed
     std::optional<Options> options;
 };
 
-Parsed Parse(const std::vector<std::string>& words)
+Parsed Parse(const std::vector<std::string>& words, const std::string& defaultSettings = "")
 {
     std::vector<std::string> texts = {"corpdir"};
     texts.insert(texts.end(), words.begin(), words.end());
@@ -41,15 +41,24 @@ Parsed Parse(const std::vector<std::string>& words)
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     Parsed parsed;
-    parsed.status =
-        RunCommandLine(static_cast<int>(arguments.size()), arguments.data(),
-                       {Keep, Keep, Keep, Keep}, [] { return std::string("the versions"); });
+    try
+    {
+        parsed.status = RunCommandLine(
+            static_cast<int>(arguments.size()), arguments.data(), {Keep, Keep, Keep, Keep},
+            [] { return std::string("the versions"); }, defaultSettings);
+    }
+    catch (const ExitError& error)  // as main() does
+    {
+        parsed.status = error.Status();
+        (void)std::fprintf(stderr, "corpdir: %s\n", error.what());
+    }
     parsed.output = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
     parsed.options = g_options;
     return parsed;
 }
 
-Parsed ParseFull(const std::string& command, const std::vector<std::string>& more)
+Parsed ParseFull(const std::string& command, const std::vector<std::string>& more,
+                 const std::string& defaultSettings = "")
 {
     std::vector<std::string> words = {command,
                                       "--servers=192.0.2.1",
@@ -58,7 +67,7 @@ Parsed ParseFull(const std::string& command, const std::vector<std::string>& mor
                                       "--directory-file=d",
                                       "--output-dir=o"};
     words.insert(words.end(), more.begin(), more.end());
-    return Parse(words);
+    return Parse(words, defaultSettings);
 }
 
 TEST(ToolDuration, HasAUnitOrIsInSeconds)
@@ -187,6 +196,147 @@ TEST(ToolCommandLine, TheVersionHasAShortOption)
         EXPECT_EQ(parsed.status, 0);
         EXPECT_EQ(parsed.output, "the versions\n");
     }
+}
+
+// A settings file with all that `fetch` needs, and what a test adds.
+class ToolSettingsFile : public testing::Test
+{
+protected:
+    void Write(const std::string& more)
+    {
+        m_path = m_directory.Write("corpdir.conf",
+                                   "servers = '192.0.2.1'\nuser = 'phone'\nversion-file = 'v'\n"
+                                   "directory-file = 'd'\noutput-dir = 'o'\n" +
+                                       more);
+    }
+
+    const TemporaryDirectory m_directory;
+    std::string m_path = m_directory.Path() + "/corpdir.conf";
+};
+
+TEST_F(ToolSettingsFile, TheDefaultOneIsReadWhenItExists)
+{
+    EXPECT_THAT(Parse({"fetch"}, m_path).output, HasSubstr("--servers, --user"));
+    Write("port = 77\n[watch]\nport = 78");
+    const Parsed fetch = Parse({"fetch"}, m_path);
+    EXPECT_EQ(fetch.output, "");
+    EXPECT_EQ(fetch.options->port, 77U);
+    EXPECT_EQ(Parse({"watch"}, m_path).options->port, 78U);
+    EXPECT_EQ(Parse({"fetch", "--port=79"}, m_path).options->port, 79U);
+}
+
+TEST_F(ToolSettingsFile, AnotherOneOrNoneReplacesTheDefaultOne)
+{
+    Write("port = 77");
+    const std::string other = m_directory.Write("other.conf", "port = 80\n");
+    for (const auto& words : {std::vector<std::string>{"--config=" + other, "fetch"},
+                              {"fetch", "--config", other},
+                              {"--no-config", "fetch"},
+                              {"fetch", "--no-config"}})
+    {
+        EXPECT_THAT(Parse(words, m_path).output, HasSubstr("--servers, --user")) << words[0];
+    }
+    EXPECT_EQ(ParseFull("fetch", {"--config=" + other}, m_path).options->port, 80U);
+    EXPECT_EQ(ParseFull("fetch", {"--no-config"}, m_path).options->port, 0U);
+    const Parsed both = ParseFull("fetch", {"--no-config", "--config=" + other}, m_path);
+    EXPECT_EQ(both.status, kExitArguments);
+    EXPECT_EQ(both.output, "corpdir: --config and --no-config exclude each other\n");
+}
+
+TEST_F(ToolSettingsFile, AMistakeInTheDefaultOneIsReportedWithItsPath)
+{
+    Write("prot = 1");
+    const Parsed parsed = Parse({"fetch"}, m_path);
+    EXPECT_EQ(parsed.status, kExitArguments);
+    EXPECT_EQ(
+        parsed.output,
+        "corpdir: " + m_path + ", line 6: no command has an option 'prot'; did you mean 'port'?\n");
+    EXPECT_THAT(Parse({"--config", m_path, "fetch"}).output,
+                HasSubstr("corpdir: --config " + m_path + ", line 6: "));
+}
+
+TEST_F(ToolSettingsFile, ADefaultOneThatCannotBeReadIsReported)
+{
+    // A loop cannot be opened, by root either.
+    std::filesystem::create_symlink("corpdir.conf", m_path);
+    const Parsed parsed = ParseFull("fetch", {}, m_path);
+    EXPECT_EQ(parsed.status, 0);
+    EXPECT_EQ(parsed.output,
+              "corpdir: " + m_path + " is not used: Too many levels of symbolic links\n");
+    EXPECT_EQ(ParseFull("fetch", {"--quiet"}, m_path).output, "");
+    EXPECT_EQ(ParseFull("fetch", {"--no-config"}, m_path).output, "");
+}
+
+TEST_F(ToolSettingsFile, ASettingGivesWayToTheCommandLine)
+{
+    struct Case
+    {
+        const char* settings;
+        std::vector<std::string> line;
+        const char* name;      // of the setting that gives way
+        const char* opposite;  // the option that rules it out
+    };
+    const Case cases[] = {{"ca = '/ca.pem'", {"--plain"}, "ca", "--plain"},
+                          {"verify-name = 'a.example'", {"--plain"}, "verify-name", "--plain"},
+                          {"ciphers = 'modern'", {"--plain"}, "ciphers", "--plain"},
+                          {"plain = true", {"--ca=/ca.pem"}, "plain", "--ca"},
+                          {"plain = true", {"--ciphers=modern"}, "plain", "--ciphers"},
+                          {"ca = '/ca.pem'", {"--no-verify"}, "ca", "--no-verify"},
+                          {"no-verify = true", {"--verify-name=a"}, "no-verify", "--verify-name"}};
+    for (const Case& one : cases)
+    {
+        Write(one.settings);
+        const std::string notice = std::string("corpdir: the setting '") + one.name + "' of " +
+                                   m_path + " is not used, because the command line has " +
+                                   one.opposite + "\n";
+        std::vector<std::string> words = {"fetch"};
+        words.insert(words.end(), one.line.begin(), one.line.end());
+        for (const bool byDefault : {true, false})
+        {
+            const Parsed parsed = byDefault ? Parse(words, m_path)
+                                            : [&]
+            {
+                std::vector<std::string> configured = words;
+                configured.push_back("--config=" + m_path);
+                return Parse(configured);
+            }();
+            EXPECT_EQ(parsed.status, 0);
+            EXPECT_EQ(parsed.output, notice);
+            ASSERT_TRUE(parsed.options.has_value());
+            const bool plainGiven = one.line[0] == "--plain";
+            EXPECT_EQ(parsed.options->plain, plainGiven);
+            EXPECT_EQ(parsed.options->noVerify, one.line[0] == "--no-verify");
+            EXPECT_EQ(parsed.options->ca, one.line[0] == "--ca=/ca.pem" ? "/ca.pem" : "system");
+        }
+    }
+}
+
+// What has no effect does not conflict, and what is in one source is not decided here.
+TEST_F(ToolSettingsFile, NothingElseGivesWay)
+{
+    Write("ca = 'system'\nverify-name = 'a.example'");
+    const Parsed harmless = Parse({"fetch", "--plain=false"}, m_path);
+    EXPECT_EQ(harmless.output, "");
+    EXPECT_EQ(harmless.options->verifyNames.size(), 1U);
+    Write("ca = 'system'");
+    EXPECT_EQ(Parse({"fetch", "--plain"}, m_path).output, "");
+    Write("ca = '/ca.pem'\nplain = true");
+    const Parsed both = Parse({"fetch"}, m_path);
+    EXPECT_EQ(both.output, "");
+    EXPECT_TRUE(both.options->plain);
+    EXPECT_EQ(both.options->ca, "/ca.pem");
+    const Parsed line = Parse({"fetch", "--plain", "--ca=/other.pem"}, m_path);
+    EXPECT_EQ(line.output, "");
+    EXPECT_TRUE(line.options->plain);
+    EXPECT_EQ(line.options->ca, "/other.pem");
+}
+
+TEST_F(ToolSettingsFile, AFlagThatIsFalseInASectionOverridesTheTop)
+{
+    Write("no-verify = true\n[fetch]\nno-verify = false");
+    EXPECT_FALSE(Parse({"fetch"}, m_path).options->noVerify);
+    EXPECT_TRUE(Parse({"watch"}, m_path).options->noVerify);
+    EXPECT_FALSE(Parse({"watch", "--no-verify=false"}, m_path).options->noVerify);
 }
 
 }  // namespace

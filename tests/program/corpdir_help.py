@@ -37,11 +37,12 @@ def listed_options(program, *command):
 
 
 def options(program, command):
-    """Those listed, and --config where the program takes it behind the command."""
+    """Those listed, and --config and --no-config where the program takes them behind the command."""
     found = listed_options(program, command)
     with tempfile.NamedTemporaryFile() as empty:
         result = subprocess.run([program, command, "--config", empty.name], capture_output=True,
                                 text=True, timeout=60, stdin=subprocess.DEVNULL)
     if "not expected" not in result.stderr:
         found["--config"] = Option(takes_value=True, required=False)
+        found["--no-config"] = Option(takes_value=False, required=False)
     return found

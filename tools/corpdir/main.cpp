@@ -43,6 +43,8 @@ int ListCiphers(const Options& options)
     return 0;
 }
 
+constexpr char kDefaultSettings[] = "/etc/corpdir/corpdir.conf";
+
 std::string VersionText()
 {
     return std::string("corpdir " CORPDIR_VERSION ", built " CORPDIR_BUILD_DATE
@@ -59,7 +61,8 @@ Options ReadAgain(int argc, char** argv)
         read = options;
         return 0;
     };
-    if (corpdir_tool::RunCommandLine(argc, argv, {keep, keep, keep, keep}, VersionText) != 0)
+    if (corpdir_tool::RunCommandLine(argc, argv, {keep, keep, keep, keep}, VersionText,
+                                    kDefaultSettings) != 0)
     {
         throw corpdir_tool::ExitError(corpdir_tool::kExitArguments,
                                       "the settings file cannot be used, see standard error");
@@ -77,7 +80,7 @@ int Run(int argc, char** argv)
         },
         [](const Options& options) { return corpdir_tool::RunCheck(options, KnownCiphers); },
         ListCiphers};
-    return corpdir_tool::RunCommandLine(argc, argv, commands, VersionText);
+    return corpdir_tool::RunCommandLine(argc, argv, commands, VersionText, kDefaultSettings);
 }
 
 // A success whose output could not be written is a failure.

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <vector>
 
 #include "cli/duration.h"
@@ -27,7 +28,7 @@ const char kStatusText[] = R"(Exit status:
   6  a local file or directory cannot be written
   128 + N  stopped by signal N)";
 
-const char kProgramText[] = R"(Options can also be read from a file, with --config FILE:
+const char kProgramText[] = R"(Options can also be read from a settings file:
   servers = "dir1.example;dir2.example"
   user = "phone"
   password-file = "/etc/phone/password"
@@ -340,15 +341,23 @@ std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
 
 }  // namespace
 
-int RunCommandLine(int argc, char** argv, const Commands& commands, std::string (*versionText)())
+int RunCommandLine(int argc, char** argv, const Commands& commands, std::string (*versionText)(),
+                   const std::string& defaultSettings)
 {
     CLI::App program("Fetches a corporate directory from FTP and FTPS servers.", "corpdir");
     program.require_subcommand(1);  // "corpdir" alone is a mistake
     program.failure_message(ParseProblem);
     program.footer(kProgramText);
     program.set_version_flag("-V,--version", versionText, "Print versions and exit");
-    AddSettingsFile(program);
     Options options;
+    AddSettingsFile(program, defaultSettings,
+                    [&options](const std::string& notice)
+                    {
+                        if (!options.quiet)
+                        {
+                            (void)std::fprintf(stderr, "corpdir: %s\n", notice.c_str());
+                        }
+                    });
     int status = 0;
     AddFetch(program, options, commands.fetch, status);
     AddWatch(program, options, commands.watch, status);

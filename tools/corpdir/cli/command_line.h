@@ -21,9 +21,11 @@ struct Commands
     Runner ciphers;
 };
 
-// Reads the command line and the settings file, and runs the command. Help, version and mistakes
-// are printed here. Returns the exit status.
-int RunCommandLine(int argc, char** argv, const Commands& commands, std::string (*versionText)());
+// Reads the command line and the settings file, and runs the command. Help, version, mistakes and
+// notices are printed here. defaultSettings: the settings file without --config. Returns the exit
+// status.
+int RunCommandLine(int argc, char** argv, const Commands& commands, std::string (*versionText)(),
+                   const std::string& defaultSettings);
 
 }  // namespace corpdir_tool
 

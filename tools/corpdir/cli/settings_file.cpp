@@ -1,9 +1,12 @@
 #include "cli/settings_file.h"
 
+#include <errno.h>
 #include <toml++/toml.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 #include "cli/suggestion.h"
 #include "exit_error.h"
@@ -122,7 +125,29 @@ void Collect(const toml::table& table, const std::string& section, std::vector<S
     }
 }
 
-// Passes each setting to the chosen command, as an item of the parser.
+// Options that must not be given together; see CheckProtection in options.cpp.
+constexpr std::pair<const char*, const char*> kConflicts[] = {{"plain", "ca"},
+                                                              {"plain", "verify-name"},
+                                                              {"plain", "ciphers"},
+                                                              {"no-verify", "ca"},
+                                                              {"no-verify", "verify-name"}};
+
+// False for a flag that is switched off, and for the default of --ca.
+bool HasEffect(const std::string& name, const std::string& value)
+{
+    return value != "false" && (name != "ca" || value != "system");
+}
+
+bool IsGiven(const CLI::App& command, const std::string& name)
+{
+    const CLI::Option* const option = command.get_option_no_throw("--" + name);
+    return option != nullptr &&
+           std::any_of(option->results().begin(), option->results().end(),
+                       [&name](const std::string& value) { return HasEffect(name, value); });
+}
+
+// Passes each setting to the chosen command, as an item of the parser. Called after the command
+// line has been read.
 class SettingsFormat final : public CLI::ConfigBase
 {
 public:
@@ -130,18 +155,67 @@ public:
 
     std::vector<CLI::ConfigItem> from_config(std::istream& input) const override
     {
+        const bool given = m_program.get_config_ptr()->count() != 0;
+        if (given && IsExcluded())
+        {
+            throw ExitError(kExitArguments, "--config and --no-config exclude each other");
+        }
+        if (IsExcluded())
+        {
+            return {};
+        }
         try
         {
             return Items(ReadSettings(input));
         }
         catch (const ExitError& error)
         {
-            const auto path = m_program.get_config_ptr()->as<std::string>();
-            throw ExitError(kExitArguments, "--config " + Printable(path) + ", " + error.what());
+            throw ExitError(kExitArguments,
+                            (given ? "--config " : "") + Path() + ", " + error.what());
         }
     }
 
+    // Settings that are not used, and why.
+    std::vector<std::string> Notices() const
+    {
+        std::vector<std::string> notices = m_notices;
+        const auto path = m_program.get_config_ptr()->as<std::string>();
+        // The parser ignores a default file that cannot be opened.
+        if (!IsExcluded() && access(path.c_str(), R_OK) != 0 && errno != ENOENT)
+        {
+            notices.push_back(Path() + " is not used: " + SystemMessage(errno));
+        }
+        return notices;
+    }
+
 private:
+    bool IsExcluded() const
+    {
+        return m_program.get_option("--no-config")->count() != 0;
+    }
+
+    std::string Path() const
+    {
+        return Printable(m_program.get_config_ptr()->as<std::string>());
+    }
+
+    // The option of the command line that rules out this setting; empty when there is none.
+    static std::string RuledOutBy(const CLI::App& command, const Setting& setting)
+    {
+        for (const auto& [one, other] : kConflicts)
+        {
+            const std::string opposite = setting.name == one     ? other
+                                         : setting.name == other ? one
+                                                                 : "";
+            if (!opposite.empty() && HasEffect(setting.name, setting.value) &&
+                IsGiven(command, opposite) && !IsGiven(command, setting.name))
+            {
+                return "--" + opposite;
+            }
+        }
+        return "";
+    }
+
     std::vector<CLI::ConfigItem> Items(const std::vector<Setting>& settings) const
     {
         std::vector<CLI::ConfigItem> ofCommand;
@@ -165,14 +239,10 @@ private:
             if (meant && option != nullptr && option->get_configurable())
             {
                 known = true;
-                const bool isFlag = option->get_expected_max() == 0;
-                if (command->parsed() && IsSet(setting, isFlag))
+                CheckFlag(setting, option->get_expected_max() == 0);
+                if (command->parsed())
                 {
-                    CLI::ConfigItem item;
-                    item.parents = {command->get_name()};
-                    item.name = setting.name;
-                    item.inputs = {setting.value};
-                    sorted.push_back(item);
+                    Add(*command, setting, sorted);
                 }
             }
         }
@@ -180,6 +250,23 @@ private:
         {
             RefuseUnknown(setting);
         }
+    }
+
+    void Add(const CLI::App& command, const Setting& setting,
+             std::vector<CLI::ConfigItem>& sorted) const
+    {
+        const std::string opposite = RuledOutBy(command, setting);
+        if (!opposite.empty())
+        {
+            m_notices.push_back("the setting '" + setting.name + "' of " + Path() +
+                                " is not used, because the command line has " + opposite);
+            return;
+        }
+        CLI::ConfigItem item;
+        item.parents = {command.get_name()};
+        item.name = setting.name;
+        item.inputs = {setting.value};
+        sorted.push_back(item);
     }
 
     [[noreturn]] void RefuseUnknown(const Setting& setting) const
@@ -201,19 +288,20 @@ private:
                                  Shown(setting.name) + Suggestion(setting.name, names));
     }
 
-    // A flag that is false is the same as no flag. Any value but true and false is a mistake: an
-    // empty one may come from a template, and must not switch a protection off.
-    static bool IsSet(const Setting& setting, bool isFlag)
+    // Any value of a flag but true and false is a mistake: an empty one may come from a template,
+    // and must not switch a protection off.
+    static void CheckFlag(const Setting& setting, bool isFlag)
     {
         if (isFlag && setting.value != "true" && setting.value != "false")
         {
             Refuse(setting.line,
                    setting.name + " must be true or false, not " + Shown(setting.value));
         }
-        return !isFlag || setting.value == "true";
     }
 
     const CLI::App& m_program;
+    // The parser reads through a constant object.
+    mutable std::vector<std::string> m_notices;
 };
 
 }  // namespace
@@ -242,12 +330,23 @@ CLI::Validator NotEmpty()
                           "");
 }
 
-void AddSettingsFile(CLI::App& program)
+void AddSettingsFile(CLI::App& program, const std::string& defaultPath,
+                     std::function<void(const std::string& notice)> print)
 {
-    program.config_formatter(std::make_shared<SettingsFormat>(program));
-    program.set_config("--config", "", "Read options from this file; see the manual page")
+    const auto format = std::make_shared<SettingsFormat>(program);
+    program.config_formatter(format);
+    program.set_config("--config", defaultPath, "Read options from this file; see the manual page")
         ->check(NotEmpty())
         ->type_name("FILE");
+    program.add_flag("--no-config", "Read no settings file");
+    program.parse_complete_callback(
+        [format, print = std::move(print)]
+        {
+            for (const std::string& notice : format->Notices())
+            {
+                print(notice);
+            }
+        });
 }
 
 }  // namespace corpdir_tool

@@ -1,8 +1,9 @@
-// The file of --config.
+// The file of --config, or the system's settings file.
 #ifndef CORPDIR_TOOL_SETTINGS_FILE_H
 #define CORPDIR_TOOL_SETTINGS_FILE_H
 
 #include <CLI/CLI.hpp>
+#include <functional>
 #include <istream>
 #include <string>
 #include <vector>
@@ -25,10 +26,15 @@ std::vector<Setting> ReadSettings(std::istream& input);
 // An empty value comes from an unset variable in a script; it is not a request for the default.
 CLI::Validator NotEmpty();
 
+// Adds --config and --no-config. Without either, the file of defaultPath is read when it exists.
+//
 // One file serves all commands. Settings before the first section apply to each command that has
 // the option. A section applies to its command and overrides them; the command line overrides both.
-// An option that no command has is an error: a misspelt protection must not be ignored.
-void AddSettingsFile(CLI::App& program);
+// An option that no command has is an error: a misspelt protection must not be ignored. A setting
+// that an option of the command line rules out is left out. print: called for each notice, before
+// the command runs.
+void AddSettingsFile(CLI::App& program, const std::string& defaultPath,
+                     std::function<void(const std::string& notice)> print);
 
 }  // namespace corpdir_tool
 

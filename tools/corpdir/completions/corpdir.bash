@@ -5,7 +5,7 @@ _corpdir()
     local request="--servers --port --local-ip --user --password-file --version-file
         --directory-file --output-dir --version-name --directory-name --ca --verify-name
         --no-verify --plain --ciphers --connect-timeout --max-size --log-dir --log-level
-        --log-size --log-files --json --quiet --config --help -h"
+        --log-size --log-files --json --quiet --config --no-config --help -h"
     local word=${COMP_WORDS[COMP_CWORD]} option=${COMP_WORDS[COMP_CWORD - 1]} command="" index
     COMPREPLY=()
 
@@ -60,13 +60,13 @@ _corpdir()
     case $command in
         "")
             case $word in
-                -*) _corpdir_words "--config --version -V --help -h" "$word" ;;
+                -*) _corpdir_words "--config --no-config --version -V --help -h" "$word" ;;
                 *) _corpdir_words "fetch watch check ciphers" "$word" ;;
             esac ;;
         fetch) _corpdir_words "$request --if-changed --timeout --max-time --no-progress" "$word" ;;
         watch) _corpdir_words "$request --retry --splay --exec --on-failure --exec-timeout" "$word" ;;
         check) _corpdir_words "$request --timeout --max-time" "$word" ;;
-        ciphers) _corpdir_words "--config --json --help -h" "$word" ;;
+        ciphers) _corpdir_words "--config --no-config --json --help -h" "$word" ;;
     esac
 }
 

@@ -41,6 +41,7 @@ end
 complete -c corpdir -f
 complete -c corpdir -s h -l help -d 'Print the help and exit'
 complete -c corpdir -l config -rF -d 'Read options from this file'
+complete -c corpdir -l no-config -d 'Read no settings file'
 
 set -l none __corpdir_command
 complete -c corpdir -n $none -s V -l version -d 'Print versions and exit'
