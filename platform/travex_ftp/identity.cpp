@@ -1,6 +1,7 @@
 #include "identity.h"
 
 #include <arpa/inet.h>
+#include <openssl/err.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <iterator>
 
 #include "base/resolved_names.h"
+#include "openssl_ptr.h"
 
 namespace travex_ftp
 {
@@ -37,6 +39,43 @@ bool ReadAddress(const char* listed, std::string& normalized)
     normalized =
         AddressText(v6 ? base::AddressKey(AF_INET6, bytes) : base::AddressKey(AF_INET, &v4));
     return true;
+}
+
+std::string BytesOf(const ASN1_STRING* text)
+{
+    return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(text)),
+            static_cast<size_t>(ASN1_STRING_length(text))};
+}
+
+// With the escapes of RFC 4514 for all that could be mistaken for something else in a list.
+std::string EscapedName(const std::string& name)
+{
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string escaped;
+    for (const char each : name)
+    {
+        const auto byte = static_cast<unsigned char>(each);
+        if (byte > ' ' && byte < 0x7f && byte != '\\' && byte != ',')
+        {
+            escaped += each;
+        }
+        else
+        {
+            escaped.append({'\\', kDigits[byte >> 4], kDigits[byte & 0x0f]});
+        }
+    }
+    return escaped;
+}
+
+// Empty for other kinds of names, and for an address of another length.
+std::string TextOf(const GENERAL_NAME* name)
+{
+    if (name->type == GEN_DNS)
+    {
+        return EscapedName(BytesOf(name->d.dNSName));
+    }
+    const std::string key = name->type == GEN_IPADD ? BytesOf(name->d.iPAddress) : "";
+    return key.size() == 4 || key.size() == 16 ? AddressText(key) : "";
 }
 
 }  // namespace
@@ -81,6 +120,27 @@ bool CertificateIsFor(X509* certificate, const Identity& identity)
                                       : X509_check_host(certificate, one.data(), one.size(),
                                                         kDnsEntriesOnly, nullptr) == 1;
                        });
+}
+
+std::string NamesOf(X509* certificate, size_t limit)
+{
+    ERR_set_mark();  // an error left behind would look like one of the handshake
+    const OpensslPtr<GENERAL_NAMES> names(static_cast<GENERAL_NAMES*>(
+        X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
+    ERR_pop_to_mark();
+    std::string joined;
+    const int count = names != nullptr ? sk_GENERAL_NAME_num(names.get()) : 0;
+    for (int i = 0; i != count; ++i)
+    {
+        const std::string text = TextOf(sk_GENERAL_NAME_value(names.get(), i));
+        const std::string separator = joined.empty() || text.empty() ? "" : ", ";
+        if (joined.size() + separator.size() + text.size() > limit)
+        {
+            break;
+        }
+        joined += separator + text;
+    }
+    return joined;
 }
 
 std::string JoinNames(const Identity& identity)

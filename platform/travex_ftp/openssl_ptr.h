@@ -4,6 +4,7 @@
 
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 
 #include <memory>
 
@@ -38,6 +39,10 @@ struct OpensslFree
     void operator()(EVP_MD_CTX* context) const
     {
         EVP_MD_CTX_free(context);
+    }
+    void operator()(GENERAL_NAMES* names) const
+    {
+        GENERAL_NAMES_free(names);
     }
     void operator()(BIO* bio) const
     {

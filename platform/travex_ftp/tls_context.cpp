@@ -152,6 +152,7 @@ void TlsContext::Describe(Timings& timings) const
     (void)snprintf(timings.acTlsVersion, sizeof timings.acTlsVersion, "%s", m_version);
     (void)snprintf(timings.acTlsSuite, sizeof timings.acTlsSuite, "%s", m_suite);
     (void)snprintf(timings.acSubject, sizeof timings.acSubject, "%s", m_subject.c_str());
+    (void)snprintf(timings.acNames, sizeof timings.acNames, "%s", m_names.c_str());
     timings.llCertificateUntil = m_validUntil;
 }
 
@@ -203,6 +204,7 @@ bool TlsContext::Accept(X509_STORE_CTX* presented)
 void TlsContext::RecordCertificate(X509* certificate)
 {
     m_subject = SubjectOf(certificate);
+    m_names = NamesOf(certificate, sizeof Timings::acNames - 1);
     std::tm until{};
     if (ASN1_TIME_to_tm(X509_get0_notAfter(certificate), &until) == 1)
     {

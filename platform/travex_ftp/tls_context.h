@@ -64,6 +64,7 @@ private:
     const char* m_version = "";  // OpenSSL's static text, like the suite
     const char* m_suite = "";
     std::string m_subject;
+    std::string m_names;
     int64_t m_validUntil = 0;
 };
 

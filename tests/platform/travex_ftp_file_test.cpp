@@ -594,6 +594,7 @@ TEST_F(ObserverTest, SeesTheTimingsOfATransferInClear)
     EXPECT_STREQ("", first.acTlsVersion);
     EXPECT_STREQ("", first.acTlsSuite);
     EXPECT_STREQ("", first.acSubject);
+    EXPECT_STREQ("", first.acNames);
     EXPECT_EQ(0, first.llCertificateUntil);
     const tagTRAVEX_FTP_S_TIMINGS& second = m_watch.timings[1];
     EXPECT_EQ(1u, second.ulReused);
@@ -627,6 +628,7 @@ TEST_F(ObserverTest, SeesVersionSuiteAndCertificate)
         EXPECT_STREQ("TLSv1.2", each.acTlsVersion);
         EXPECT_STREQ("TLS_RSA_WITH_AES_256_CBC_SHA256", each.acTlsSuite);
         EXPECT_STREQ("CN=server", each.acSubject);
+        EXPECT_STREQ("127.0.0.1, ::1, directory.test", each.acNames);
         EXPECT_LT(std::time(nullptr), each.llCertificateUntil);
         EXPECT_EQ(1u, each.ulDataResumed);
     }
@@ -646,6 +648,7 @@ TEST_F(ObserverTest, SeesARejectedCertificate)
     ASSERT_EQ(1u, m_watch.timings.size());
     const tagTRAVEX_FTP_S_TIMINGS& refused = m_watch.timings[0];
     EXPECT_STREQ("CN=server", refused.acSubject);
+    EXPECT_STREQ("127.0.0.1, ::1, directory.test", refused.acNames);
     EXPECT_LT(std::time(nullptr), refused.llCertificateUntil);
     EXPECT_LT(0u, refused.ullConnected);
     EXPECT_EQ(0u, refused.ullSecured);

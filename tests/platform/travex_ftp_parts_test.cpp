@@ -1,6 +1,8 @@
 // Parts of the FTP layer that need no server: parsers, and the outcome of a transfer.
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 #include <unistd.h>
 
 #include <climits>
@@ -14,6 +16,7 @@
 #include "travex_ftp/failure.h"
 #include "travex_ftp/identity.h"
 #include "travex_ftp/limits.h"
+#include "travex_ftp/openssl_ptr.h"
 #include "travex_ftp/replies.h"
 #include "travex_ftp/retrieve.h"
 #include "travex_ftp/task.h"
@@ -528,6 +531,85 @@ std::string Printable(std::string text)
 {
     travex_ftp::MakePrintable(text.data());
     return text;
+}
+
+// A certificate with these names only, each of a kind of GENERAL_NAME.
+class NamedCertificate
+{
+public:
+    void Add(int kind, const std::string& bytes)
+    {
+        ASN1_STRING* const text =
+            ASN1_STRING_type_new(kind == GEN_IPADD ? V_ASN1_OCTET_STRING : V_ASN1_IA5STRING);
+        ASN1_STRING_set(text, bytes.data(), static_cast<int>(bytes.size()));
+        GENERAL_NAME* const name = GENERAL_NAME_new();
+        GENERAL_NAME_set0_value(name, kind, text);
+        sk_GENERAL_NAME_push(m_names.get(), name);
+    }
+
+    std::string Names(size_t limit = 511)
+    {
+        const std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), X509_free);
+        EXPECT_EQ(1, X509_add1_ext_i2d(certificate.get(), NID_subject_alt_name, m_names.get(), 0,
+                                       X509V3_ADD_REPLACE));
+        return travex_ftp::NamesOf(certificate.get(), limit);
+    }
+
+private:
+    const travex_ftp::OpensslPtr<GENERAL_NAMES> m_names{GENERAL_NAMES_new()};
+};
+
+TEST(CertificateNamesTest, AreItsDnsNamesAndAddressesInItsOrder)
+{
+    NamedCertificate certificate;
+    certificate.Add(GEN_EMAIL, "root@dir.example");
+    certificate.Add(GEN_DNS, "dir.example");
+    certificate.Add(GEN_IPADD, std::string("\xC0\0\x02\x01", 4));
+    certificate.Add(GEN_URI, "ftp://dir.example/");
+    certificate.Add(GEN_IPADD, "\x20\x01\x0D\xB8" + std::string(11, '\0') + "\x01");
+    certificate.Add(GEN_IPADD, "\x0A\x01");
+    certificate.Add(GEN_DNS, "*.dir.example");
+    EXPECT_EQ("dir.example, 192.0.2.1, 2001:db8::1, *.dir.example", certificate.Names());
+    const std::unique_ptr<X509, decltype(&X509_free)> bare(X509_new(), X509_free);
+    EXPECT_EQ("", travex_ftp::NamesOf(bare.get(), 511));
+}
+
+TEST(CertificateNamesTest, AreEscaped)
+{
+    NamedCertificate certificate;
+    certificate.Add(GEN_DNS, std::string("a\0b\n\x1B[m", 7));
+    certificate.Add(GEN_DNS, "c, d");
+    certificate.Add(GEN_DNS, "e\\2C\x7F\xC3\xA4");
+    EXPECT_EQ("a\\00b\\0A\\1B[m, c\\2C\\20d, e\\5C2C\\7F\\C3\\A4", certificate.Names());
+}
+
+TEST(CertificateNamesTest, AreCutAfterAWholeName)
+{
+    NamedCertificate certificate;
+    certificate.Add(GEN_DNS, "one.example");
+    certificate.Add(GEN_DNS, "two.example");
+    certificate.Add(GEN_DNS, "x");
+    EXPECT_EQ("one.example, two.example, x", certificate.Names(27));
+    EXPECT_EQ("one.example, two.example", certificate.Names(26));
+    EXPECT_EQ("one.example, two.example", certificate.Names(24));
+    EXPECT_EQ("one.example", certificate.Names(23));
+    EXPECT_EQ("", certificate.Names(10));
+}
+
+// An error that stays would look like one of the handshake.
+TEST(CertificateNamesTest, AreEmptyAndLeaveNoErrorWhenTheyAreMalformed)
+{
+    const std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), X509_free);
+    const std::unique_ptr<ASN1_OCTET_STRING, decltype(&ASN1_OCTET_STRING_free)> value(
+        ASN1_OCTET_STRING_new(), ASN1_OCTET_STRING_free);
+    const unsigned char noSequence[] = {0x04, 0x01, 0xFF};
+    ASSERT_EQ(1, ASN1_OCTET_STRING_set(value.get(), noSequence, sizeof noSequence));
+    const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
+        X509_EXTENSION_create_by_NID(nullptr, NID_subject_alt_name, 0, value.get()),
+        X509_EXTENSION_free);
+    ASSERT_EQ(1, X509_add_ext(certificate.get(), extension.get(), -1));
+    EXPECT_EQ("", travex_ftp::NamesOf(certificate.get(), 511));
+    EXPECT_EQ(0u, ERR_peek_error());
 }
 
 TEST(FailureTest, TextsBecomePrintable)
