@@ -63,31 +63,6 @@ void CommandProcess::CleanUp() noexcept
     }
 }
 
-TimeLimits::TimeLimits(const Plan& plan)
-    : m_plan(plan),
-      m_end(plan.maxTimeSeconds == 0 ? Clock::time_point::max()
-                                     : Clock::now() + std::chrono::seconds(plan.maxTimeSeconds))
-{
-    Progress();
-}
-
-void TimeLimits::Progress()
-{
-    m_idleEnd = Clock::now() + std::chrono::seconds(m_plan.timeoutSeconds);
-}
-
-TimeLimits::Clock::time_point TimeLimits::Deadline() const
-{
-    return std::min(m_end, m_idleEnd);
-}
-
-std::string TimeLimits::Reason() const
-{
-    return m_end < m_idleEnd
-               ? "not done within " + std::to_string(m_plan.maxTimeSeconds) + " s (--max-time)"
-               : "no progress for " + std::to_string(m_plan.timeoutSeconds) + " s (--timeout)";
-}
-
 std::vector<Server> FindServers(const Plan& plan, EventQueue& events, const TimeLimits& limits,
                                 Report& report, std::vector<std::string>& leftOut)
 {

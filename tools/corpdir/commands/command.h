@@ -10,6 +10,7 @@
 #include "cli/options.h"
 #include "cli/servers.h"
 #include "commands/events.h"
+#include "commands/time_limits.h"
 #include "os/signals.h"
 #include "os/terminal.h"
 #include "ui/report.h"
@@ -63,28 +64,6 @@ public:
 
 private:
     CommandProcess& m_process;
-};
-
-// The time limits of a command, from its construction on. One thread only.
-class TimeLimits
-{
-public:
-    using Clock = EventQueue::Clock;
-
-    explicit TimeLimits(const Plan& plan);
-
-    // Restarts --timeout.
-    void Progress();
-
-    Clock::time_point Deadline() const;
-
-    // Which limit ends first: "no progress for 120 s (--timeout)".
-    std::string Reason() const;
-
-private:
-    const Plan& m_plan;
-    const Clock::time_point m_end;
-    Clock::time_point m_idleEnd;
 };
 
 // Looks up the servers' names. Each name without an address is reported, and added to leftOut with

@@ -111,10 +111,9 @@ Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter
     const LastResort lastResort(process, [&session] { session.RemoveStaged(); });
     RunLog log("fetch", plan);
     Outcome outcome = session.Run();
-    log.End(outcome.status, outcome.unchanged ? "unchanged, version " + outcome.version
-                            : outcome.error.empty()
-                                ? "fetched version " + outcome.version
-                                : outcome.error);
+    log.End(outcome.status, outcome.unchanged       ? "unchanged, version " + outcome.version
+                            : outcome.error.empty() ? "fetched version " + outcome.version
+                                                    : outcome.error);
     return outcome;
 }
 

@@ -27,11 +27,6 @@ const char* TextOf(Next next)
                                        : "";
 }
 
-std::string Seconds(unsigned int seconds)
-{
-    return std::to_string(seconds) + " s";
-}
-
 }  // namespace
 
 Session::Session(IFtpCorpDir& service, const Plan& plan, Lookup lookup, PasswordSource& password,
@@ -40,7 +35,8 @@ Session::Session(IFtpCorpDir& service, const Plan& plan, Lookup lookup, Password
       m_password(password),
       m_events(events),
       m_report(report),
-      m_client(service, std::move(lookup))
+      m_client(service, std::move(lookup)),
+      m_limits(plan)
 {
     m_events.SetWake([this] { m_client.Wake(); });
 }
@@ -80,19 +76,18 @@ Outcome Session::Run()
 
 Session::Settled Session::Step()
 {
-    Clock::time_point deadline = m_progress + std::chrono::seconds(m_plan.timeoutSeconds);
-    if (m_plan.maxTimeSeconds != 0)
-    {
-        deadline = std::min(deadline, m_begun + std::chrono::seconds(m_plan.maxTimeSeconds));
-    }
+    const Clock::time_point deadline = m_limits.Deadline();
     const std::optional<client::Event> event = m_client.Next(deadline);
     if (event)
     {
-        m_progress = Clock::now();
+        m_limits.Progress();
         return Handle(*event);
     }
     const Settled status = HandleOwn();
-    return status || Clock::now() < deadline ? status : OnTimeOver();
+    return status || Clock::now() < deadline
+               ? status
+               : Fail(kExitNoOutcome, m_limits.Reason() + ", while " + Activity(),
+                      "raise that limit to allow more time");
 }
 
 Session::Settled Session::Handle(const client::Event& event)
@@ -212,20 +207,6 @@ Session::Settled Session::OnAllFailed()
     (void)Fail(status, AllFailed(ServersAsked()));
     Hint();
     return status;
-}
-
-Session::Settled Session::OnTimeOver()
-{
-    const bool whole = m_plan.maxTimeSeconds != 0 &&
-                       Clock::now() >= m_begun + std::chrono::seconds(m_plan.maxTimeSeconds);
-    return whole
-               ? Fail(kExitNoOutcome,
-                      "not done within " + Seconds(m_plan.maxTimeSeconds) + ", while " + Activity(),
-                      "raise --max-time to allow more time")
-               : Fail(kExitNoOutcome,
-                      "timed out after " + Seconds(m_plan.timeoutSeconds) +
-                          " without progress, while " + Activity(),
-                      "raise --timeout to allow more time");
 }
 
 Session::Settled Session::Fail(int status, const std::string& message, const std::string& hint)

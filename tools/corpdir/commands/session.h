@@ -12,6 +12,7 @@
 #include "client.h"
 #include "commands/client_settings.h"
 #include "commands/events.h"
+#include "commands/time_limits.h"
 #include "ui/hints.h"
 #include "ui/report.h"
 
@@ -69,7 +70,6 @@ private:
     Settled OnInvalidVersion(const client::Event& event);
     Settled OnFailed(const client::Event& event);
     Settled OnAllFailed();
-    Settled OnTimeOver();
     Settled Fail(int status, const std::string& message, const std::string& hint = "");
     void Hint() const;
     void Begin(const Server& server);
@@ -83,8 +83,7 @@ private:
     Report& m_report;
     client::Client m_client;
 
-    const Clock::time_point m_begun = Clock::now();
-    Clock::time_point m_progress = m_begun;   // the last one
+    TimeLimits m_limits;
     Server m_server;                          // asked now; no address: the names are looked up
     std::optional<std::string> m_newVersion;  // its directory file is being fetched
     std::uint64_t m_bytes = 0;                // of the current file
