@@ -205,27 +205,16 @@ Commit LocalFiles::Replace(const Arrival& arrival)
     commit.size = arrived.size;
     commit.unchanged = state.version == *arrival.version.version && state.size == arrived.size &&
                        DigestOf(m_settings.DirectoryPath()) == arrived;
-    const bool versionFirst = LocalVersionIsNewer(arrival.read);
-    if (versionFirst)
-    {
-        WriteVersion(arrival.version, arrival.read);
-    }
     if (commit.unchanged)
     {
         (void)unlink(arrival.path.c_str());
+        RestoreVersion(arrival);
     }
     else
     {
-        const base::Descriptor file(open(arrival.path.c_str(), O_RDONLY | O_CLOEXEC));
-        CopyPermissions(m_settings.DirectoryPath(), file.Number());
-        Rename(arrival.path, m_settings.DirectoryPath());
-        FlushFolder(m_settings.directoryFolder);
+        ReplaceBoth(arrival);
         state.server = arrival.server;
         state.fetched = Now();
-    }
-    if (!versionFirst)
-    {
-        WriteVersion(arrival.version, arrival.read);
     }
     state.version = *arrival.version.version;
     state.size = arrived.size;
@@ -235,8 +224,45 @@ Commit LocalFiles::Replace(const Arrival& arrival)
     state.failures = 0;
     const std::string problem = WriteState(state);
     commit.warning = problem.empty() ? commit.warning : problem;
-    FlushFolder(m_settings.directoryFolder);
+    FlushFolders();
     return commit;
+}
+
+// The version file at most as new as the directory file, at every moment.
+void LocalFiles::ReplaceBoth(const Arrival& arrival) const
+{
+    const bool versionFirst = LocalVersionIsNewer(arrival.read);
+    if (versionFirst)
+    {
+        WriteVersion(arrival);
+        FlushFolder(m_settings.versionFolder);
+    }
+    const base::Descriptor file(open(arrival.path.c_str(), O_RDONLY | O_CLOEXEC));
+    CopyPermissions(m_settings.DirectoryPath(), file.Number());
+    Rename(arrival.path, m_settings.DirectoryPath());
+    FlushFolder(m_settings.directoryFolder);
+    if (!versionFirst)
+    {
+        WriteVersion(arrival);
+    }
+}
+
+// Somebody else may have removed or changed the version file.
+void LocalFiles::RestoreVersion(const Arrival& arrival) const
+{
+    if (ReadVersionFile(m_settings.VersionPath()).bytes != arrival.version.bytes)
+    {
+        WriteVersion(arrival);
+    }
+}
+
+void LocalFiles::FlushFolders() const
+{
+    FlushFolder(m_settings.directoryFolder);
+    if (m_settings.versionFolder != m_settings.directoryFolder)
+    {
+        FlushFolder(m_settings.versionFolder);
+    }
 }
 
 std::string LocalFiles::NoteUnchanged(const VersionFile& version)
@@ -292,19 +318,18 @@ bool LocalFiles::LocalVersionIsNewer(const std::timespec& read) const
                                                : local.st_mtim.tv_nsec > read.tv_nsec;
 }
 
-void LocalFiles::WriteVersion(const VersionFile& version, const std::timespec& read) const
+void LocalFiles::WriteVersion(const Arrival& arrival) const
 {
     const std::string path = m_versions.Path(File::kNew);
     const base::Descriptor file = Create(path);
-    WriteAll(file.Number(), version.bytes, path);
+    WriteAll(file.Number(), arrival.version.bytes, path);
     CopyPermissions(m_settings.VersionPath(), file.Number());
-    const std::timespec times[2] = {read, read};
+    const std::timespec times[2] = {arrival.read, arrival.read};
     if (futimens(file.Number(), times) != 0 || fsync(file.Number()) != 0)
     {
         Fail("cannot write " + Quoted(path));
     }
     Rename(path, m_settings.VersionPath());
-    FlushFolder(m_settings.versionFolder);
 }
 
 // Not flushed: a state that is lost or old only means one fetch more. Returns a warning.

@@ -72,7 +72,10 @@ private:
     class Lock;
 
     State Known(std::string& warning) const;
-    void WriteVersion(const VersionFile& version, const std::timespec& read) const;
+    void ReplaceBoth(const Arrival& arrival) const;
+    void RestoreVersion(const Arrival& arrival) const;
+    void FlushFolders() const;
+    void WriteVersion(const Arrival& arrival) const;
     bool LocalVersionIsNewer(const std::timespec& read) const;
     std::string WriteState(const State& state) const;
 
