@@ -49,15 +49,18 @@ def described_options(page):
     text = section(page, "Sh", "OPTIONS")
     request, rest = text.split("are required", 1)
     required = named_options(request.split("\n.Sq = .\n")[1])
-    of_ciphers = named_options(re.search(r"^\.Cm ciphers\ntakes\n(.*?)only\.$", rest, re.M | re.S).group(1))
+    own = {name: named_options(re.search(r"^\.Cm %s\ntakes\n(.*?)only" % name, rest, re.M | re.S).group(1))
+           for name in ("status", "ciphers")}
+    required_by_status = named_options(re.search(r"^only, and requires\n(.*?)\.$", rest, re.M | re.S).group(1))
     exempt = set(re.findall(r"^\.Cm (\w+)\nneeds no\n\.Fl -output-dir \.$", text, re.M))
-    found = {name: {} for name in ("fetch", "watch", "check", "ciphers")}
+    found = {name: {} for name in ("fetch", "watch", "check", "status", "ciphers")}
     names = []
     for name, value, marked in re.findall(r"^\.It Fl (?:\w , )?(-[a-z-]+)( Ar)?.*\n(?:\.Pq Cm (.+)\n)?", text, re.M):
         names.append("-" + name)
         takers = marked.split(" , ") if marked else ["fetch", "watch", "check"]
-        for command in takers + (["ciphers"] if names[-1] in of_ciphers else []):
-            needed = names[-1] in required and not (names[-1] == "--output-dir" and command in exempt)
+        for command in dict.fromkeys(takers + [name for name in own if names[-1] in own[name]]):
+            needed = names[-1] in (required_by_status if command == "status" else required)
+            needed = needed and not (names[-1] == "--output-dir" and command in exempt)
             found[command][names[-1]] = Option(bool(value), needed)
     return found, names
 
@@ -113,11 +116,13 @@ def check_json(page, program, root):
                    "directory.csv", "--output-dir", folder, "--json"]
         printed = {"Object of fetch": run(program, "fetch", *request).stdout,
                    "Object of check": run(program, "check", *request).stdout,
+                   "Object of status": run(program, "status", "--json", "--output-dir", folder,
+                                           "--directory-name", "directory.csv").stdout,
                    "Array of ciphers": run(program, "ciphers", "--json").stdout}
         lines, status = watch_until('"waiting"', program, "watch", *request)
     common = named_members(section(page, "Ss", "Objects of fetch and check"))
     for title, text in printed.items():
-        named = named_members(section(page, "Ss", title)) | (common if "Object" in title else set())
+        named = named_members(section(page, "Ss", title)) | (common if "check" in title or "fetch" in title else set())
         yield from compare(title, named, members(json.loads(text)))
     if status != 0:
         yield "watch ended with status %d" % status
@@ -137,8 +142,8 @@ def check_json(page, program, root):
 
 
 def check_numbers(page, program, root):
-    statuses = section(page, "Sh", "EXIT STATUS").split("\n.Cm watch :\n")
-    for name, text in zip(("fetch", "watch"), statuses):
+    statuses = re.split(r"\n\.Cm (?:watch|status) :\n", section(page, "Sh", "EXIT STATUS"))
+    for name, text in zip(("fetch", "watch", "status"), statuses):
         listed = help_of(program, name).split("Exit status:\n")[1]
         yield from compare("exit statuses of " + name,
                            set(re.findall(r"^\.It (.+)$", text, re.M)),

@@ -44,7 +44,7 @@ Parsed Parse(const std::vector<std::string>& words, const std::string& defaultSe
     try
     {
         parsed.status = RunCommandLine(
-            static_cast<int>(arguments.size()), arguments.data(), {Keep, Keep, Keep, Keep},
+            static_cast<int>(arguments.size()), arguments.data(), {Keep, Keep, Keep, Keep, Keep},
             [] { return std::string("the versions"); }, defaultSettings);
     }
     catch (const ExitError& error)  // as main() does

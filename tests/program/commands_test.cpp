@@ -7,6 +7,7 @@
 
 #include <array>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -770,6 +771,149 @@ TEST_F(ProgramWatch, ABadArgumentEndsIt)
 {
     Watch({"--ciphers=0x0001"});
     EXPECT_EQ(m_process->Wait(seconds(30)), kBadArguments) << Said();
+}
+
+// The state file is written here as docs/program.md describes it.
+class ProgramStatus : public Program
+{
+protected:
+    ProgramStatus()
+    {
+        WriteFile(m_output.File("d.csv"), "directory\n");
+        m_state = {{"format", 1},
+                   {"version", "edition 17"},
+                   {"size", 10},
+                   {"sha256", std::string(64, 'a')},
+                   {"server", "192.0.2.1 (dir.example)"},
+                   {"fetched", "2026-01-01T10:00:00Z"},
+                   {"confirmed", "2026-01-02T10:00:00Z"},
+                   {"checked", "2026-01-03T10:00:00Z"},
+                   {"outcome", "failed"},
+                   {"failures", 3}};
+    }
+
+    void Keep() const
+    {
+        WriteFile(m_output.File(".d.csv.corpdir.json"), m_state.dump());
+    }
+
+    static std::string Utc(std::time_t time)
+    {
+        char text[32] = "";
+        (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&time));
+        return text;
+    }
+
+    CommandResult Status(const std::vector<std::string>& more = {}) const
+    {
+        std::vector<std::string> arguments = {CORPDIR_TEST_PROGRAM, "status", "--no-config",
+                                              "--output-dir=" + m_output.Path(),
+                                              "--directory-name=" + m_name};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return RunCommand({arguments, Environment(""), ""});
+    }
+
+    json m_state;
+    std::string m_name = "d.csv";
+};
+
+TEST_F(ProgramStatus, ShowsWhatIsKnown)
+{
+    Keep();
+    const CommandResult result = Status();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "version:  edition 17\nfile:     " + m_output.Path() +
+                                 "/d.csv (10 bytes)\n"
+                                 "server:   192.0.2.1 (dir.example)\n"
+                                 "fetched:  2026-01-01T10:00:00Z\n"
+                                 "checked:  2026-01-03T10:00:00Z\n"
+                                 "outcome:  failed\n"
+                                 "failures: 3\n");
+}
+
+TEST_F(ProgramStatus, IsReadByPrograms)
+{
+    Keep();
+    json expected = m_state;
+    expected.erase("format");
+    expected.erase("confirmed");
+    EXPECT_EQ(ObjectIn(Status({"--json"}).output), expected);
+}
+
+TEST_F(ProgramStatus, WithoutAStateItIsUnknown)
+{
+    const std::string state = m_output.File(".d.csv.corpdir.json");
+    CommandResult result = Status();
+    EXPECT_EQ(result.status, kNoState);
+    EXPECT_EQ(result.output, "corpdir: nothing is known about '" + m_output.File("d.csv") +
+                                 "': there is no '" + state + "'; run 'corpdir fetch'\n");
+    const json object = ObjectIn(Status({"--json"}).output);
+    EXPECT_EQ(object["version"], nullptr);
+    EXPECT_EQ(object["size"], nullptr);
+    WriteFile(state, "{\"format\": 2}");
+    result = Status();
+    EXPECT_EQ(result.status, kNoState);
+    EXPECT_THAT(result.output,
+                HasSubstr("'" + state + "' cannot be used: format 2 is not supported; run"));
+    m_state["version"] = nullptr;
+    Keep();
+    result = Status({"--json"});
+    EXPECT_EQ(result.status, kNoState);
+    EXPECT_THAT(result.output, HasSubstr("no check has fetched it yet"));
+    EXPECT_EQ(ObjectIn(result.output)["failures"], 3);
+}
+
+TEST_F(ProgramStatus, TheFileMustBeThereAsItWasFetched)
+{
+    Keep();
+    WriteFile(m_output.File("d.csv"), "director\n");
+    CommandResult result = Status();
+    EXPECT_EQ(result.status, kNoState);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("version:  edition 17\n"),
+                      HasSubstr("corpdir: '" + m_output.File("d.csv") +
+                                "' has 9 bytes, but the file that was fetched has 10; run")));
+    std::filesystem::remove(m_output.File("d.csv"));
+    result = Status();
+    EXPECT_EQ(result.status, kNoState);
+    EXPECT_THAT(result.output, HasSubstr("/d.csv': No such file or directory; run"));
+    std::filesystem::create_directory(m_output.File("d.csv"));
+    EXPECT_THAT(Status().output, HasSubstr("/d.csv' is not a regular file; run"));
+}
+
+TEST_F(ProgramStatus, TheLastConfirmationMayBeTooOld)
+{
+    const std::time_t now = std::time(nullptr);
+    m_state["confirmed"] = Utc(now - 3600);
+    Keep();
+    EXPECT_EQ(Status({"--max-age=2h"}).status, 0);
+    const CommandResult result = Status({"--max-age=1h"});
+    EXPECT_EQ(result.status, kStale);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("version:  edition 17\n"),
+                      HasSubstr("corpdir: the last check that fetched the file or found it "
+                                "unchanged was 36"),
+                      HasSubstr(" s ago, --max-age is 3600 s: ")));
+    m_state["confirmed"] = Utc(now + 36000);
+    Keep();
+    EXPECT_EQ(Status({"--max-age=1m"}).status, 0) << "a time in the future counts as now";
+    m_state["confirmed"] = nullptr;
+    Keep();
+    EXPECT_EQ(Status().status, 0);
+    EXPECT_EQ(Status({"--max-age=366d"}).status, kStale);
+}
+
+TEST_F(ProgramStatus, NamesAreChecked)
+{
+    for (const std::string& name : {std::string(), std::string("a/b"), std::string(242, 'x')})
+    {
+        m_name = name;
+        EXPECT_EQ(Status().status, kBadArguments) << name;
+        EXPECT_THAT(Status().output, HasSubstr("--directory-name"));
+    }
+    EXPECT_THAT(
+        RunCommand({{CORPDIR_TEST_PROGRAM, "--no-config", "status"}, Environment(""), ""}).output,
+        HasSubstr("--output-dir and --directory-name are required"));
 }
 
 TEST(ProgramVersion, NamesTheLibraries)

@@ -26,7 +26,9 @@ enum Status
     kNoServer = 3,
     kBadVersion = 4,
     kNoOutcome = 5,
-    kLocalFile = 6
+    kLocalFile = 6,
+    kNoState = 7,
+    kStale = 8
 };
 
 inline const std::string kVersion = "edition 17\n";

@@ -18,6 +18,8 @@ enum ExitStatus : int
     kExitBadVersion = 4,  // the version file is not valid
     kExitNoOutcome = 5,   // timed out (--timeout)
     kExitLocalFile = 6,   // a local file or directory cannot be written
+    kExitNoState = 7,     // status: the directory file is not known, missing or changed
+    kExitStale = 8,       // status: not confirmed within --max-age
     kExitSignal = 128
 };
 

@@ -61,8 +61,8 @@ Options ReadAgain(int argc, char** argv)
         read = options;
         return 0;
     };
-    if (corpdir_tool::RunCommandLine(argc, argv, {keep, keep, keep, keep}, VersionText,
-                                    kDefaultSettings) != 0)
+    if (corpdir_tool::RunCommandLine(argc, argv, {keep, keep, keep, keep, keep}, VersionText,
+                                     kDefaultSettings) != 0)
     {
         throw corpdir_tool::ExitError(corpdir_tool::kExitArguments,
                                       "the settings file cannot be used, see standard error");
@@ -79,7 +79,7 @@ int Run(int argc, char** argv)
                                           [=] { return ReadAgain(argc, argv); });
         },
         [](const Options& options) { return corpdir_tool::RunCheck(options, KnownCiphers); },
-        ListCiphers};
+        [](const Options& options) { return corpdir_tool::RunStatus(options); }, ListCiphers};
     return corpdir_tool::RunCommandLine(argc, argv, commands, VersionText, kDefaultSettings);
 }
 

@@ -63,6 +63,18 @@ started and then cancelled; nothing is written to --output-dir, which may be lef
 
 The exit status is that of 'corpdir fetch' with the same options.)";
 
+const char kStatusCommandText[] = R"(Example:
+  corpdir status --output-dir /var/lib/phone --directory-name directory.csv --max-age 1h
+
+Reads what 'fetch' and 'watch' keep beside the directory file; asks no server.
+
+Exit status:
+  0  the directory file is there, as it was fetched
+  2  invalid arguments
+  6  standard output cannot be written
+  7  nothing is known about the directory file, or it is missing or has another size
+  8  the last check that fetched it or found it unchanged is --max-age ago or more)";
+
 const char kServers[] = "Servers";
 const char kFiles[] = "Files";
 const char kProtection[] = "Protection (default: FTPS, certificate verified)";
@@ -262,6 +274,21 @@ void AddCheck(CLI::App& program, Options& options, const Runner& run, int& statu
     check->callback([&] { status = run(options); });
 }
 
+void AddStatus(CLI::App& program, Options& options, const Runner& run, int& status)
+{
+    CLI::App* command = program.add_subcommand("status", "Show what is known about a local file");
+    command->footer(kStatusCommandText);
+    command->fallthrough();
+    AddOutputDir(*command, options, "Directory of the directory file")->required();
+    Add(*command, kFiles, "--directory-name", options.directoryName, "LOCAL",
+        "Local name of the directory file")
+        ->required();
+    AddDuration(*command, kLimits, "--max-age", options.maxAgeSeconds,
+                "Longest time since the last successful check (none)", 1, 366 * kDay);
+    AddFlag(*command, kMessages, "--json", options.json, "Print one JSON object");
+    command->callback([&] { status = run(options); });
+}
+
 void AddCiphers(CLI::App& program, Options& options, const Runner& run, int& status)
 {
     CLI::App* ciphers = program.add_subcommand("ciphers", "List the available cipher suites");
@@ -362,6 +389,7 @@ int RunCommandLine(int argc, char** argv, const Commands& commands, std::string 
     AddFetch(program, options, commands.fetch, status);
     AddWatch(program, options, commands.watch, status);
     AddCheck(program, options, commands.check, status);
+    AddStatus(program, options, commands.status, status);
     AddCiphers(program, options, commands.ciphers, status);
     try
     {

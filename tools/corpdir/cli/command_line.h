@@ -18,6 +18,7 @@ struct Commands
     Runner fetch;
     Runner watch;
     Runner check;
+    Runner status;
     Runner ciphers;
 };
 

@@ -94,13 +94,18 @@ std::string Tidied(std::string path)
     return path;
 }
 
-void PlanOutput(Plan& plan)
+std::string OutputDirectory(const Options& options)
 {
-    if (plan.outputDir.empty())
+    if (options.outputDir.empty())
     {
         Refuse("--output-dir is empty");
     }
-    plan.outputDir = Tidied(plan.outputDir + "/");
+    return Tidied(options.outputDir + "/");
+}
+
+void PlanOutput(Plan& plan)
+{
+    plan.outputDir = OutputDirectory(plan);
     CheckLength("--output-dir with its trailing '/'", plan.outputDir.size(), kMaxDirectory);
     if (plan.outputDir.front() != '/')
     {
@@ -112,6 +117,17 @@ void PlanOutput(Plan& plan)
                             "the working directory cannot be determined: " + error.message() +
                                 "; give --output-dir as an absolute path");
         }
+    }
+}
+
+// The name of the state file must fit.
+void CheckDirectoryName(const std::string& name)
+{
+    if (name.size() > client::kMaxDirectoryName)
+    {
+        Refuse("the local name of the directory file is " + std::to_string(name.size()) +
+               " bytes long; at most " + std::to_string(client::kMaxDirectoryName) +
+               " are allowed: give a shorter --directory-name");
     }
 }
 
@@ -132,13 +148,7 @@ void PlanFiles(Plan& plan)
         Refuse("both files would be stored as '" + plan.versionName +
                "'; give --version-name or --directory-name");
     }
-    if (plan.directoryName.size() > client::kMaxDirectoryName)
-    {
-        Refuse("the local name of the directory file is " +
-               std::to_string(plan.directoryName.size()) + " bytes long; at most " +
-               std::to_string(client::kMaxDirectoryName) +
-               " are allowed: give a shorter --directory-name");
-    }
+    CheckDirectoryName(plan.directoryName);
 }
 
 void PlanServers(Plan& plan)
@@ -265,6 +275,16 @@ Plan MakePlan(const Options& options, const CipherSource& ciphers, Output output
         CheckWritableDirectory("--log-dir", plan.logDir);
     }
     return plan;
+}
+
+std::string PlanStatus(const Options& options)
+{
+    if (options.directoryName.empty())
+    {
+        Refuse("--directory-name is empty");
+    }
+    CheckDirectoryName(LocalName("--directory-name", options.directoryName, "", ""));
+    return OutputDirectory(options);
 }
 
 }  // namespace corpdir_tool

@@ -47,6 +47,7 @@ struct Options
     std::string execute;                   // watch: shell command; empty: none
     std::string onFailure;                 // watch: shell command; empty: none
     unsigned int execTimeoutSeconds = 0;   // watch: of either command; 0: no limit
+    unsigned int maxAgeSeconds = 0;        // status; 0: no limit
     std::string logDir;                    // empty: standard error
     std::optional<unsigned int> logLevel;  // not set: no log
     unsigned int logSize = 0;              // bytes of one log file; 0: the log's default
@@ -93,6 +94,9 @@ enum class Output
 };
 Plan MakePlan(const Options& options, const CipherSource& ciphers,
               Output output = Output::kRequired);
+
+// Checks the options of `status`; returns outputDir, ending in "/". Throws ExitError.
+std::string PlanStatus(const Options& options);
 
 }  // namespace corpdir_tool
 

@@ -81,6 +81,7 @@ int RunFetch(const Options& options, const CipherSource& ciphers);
 int RunWatch(const Options& options, const CipherSource& ciphers,
              const std::function<Options()>& again);
 int RunCheck(const Options& options, const CipherSource& ciphers);
+int RunStatus(const Options& options);
 
 }  // namespace corpdir_tool
 

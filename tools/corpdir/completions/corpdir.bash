@@ -53,7 +53,8 @@ _corpdir()
             return ;;
         --servers | --port | --local-ip | --user | --version-file | --directory-file | \
             --version-name | --directory-name | --verify-name | --connect-timeout | --max-size | \
-            --log-size | --log-files | --timeout | --max-time | --retry | --splay | --exec-timeout)
+            --log-size | --log-files | --timeout | --max-time | --max-age | --retry | --splay |\
+            --exec-timeout)
             return ;;
     esac
 
@@ -61,11 +62,13 @@ _corpdir()
         "")
             case $word in
                 -*) _corpdir_words "--config --no-config --version -V --help -h" "$word" ;;
-                *) _corpdir_words "fetch watch check ciphers" "$word" ;;
+                *) _corpdir_words "fetch watch check status ciphers" "$word" ;;
             esac ;;
         fetch) _corpdir_words "$request --if-changed --timeout --max-time --no-progress" "$word" ;;
         watch) _corpdir_words "$request --retry --splay --exec --on-failure --exec-timeout" "$word" ;;
         check) _corpdir_words "$request --timeout --max-time" "$word" ;;
+        status) _corpdir_words "--output-dir --directory-name --max-age --json --config --no-config
+            --help -h" "$word" ;;
         ciphers) _corpdir_words "--config --no-config --json --help -h" "$word" ;;
     esac
 }
