@@ -23,17 +23,25 @@ constexpr std::size_t kStackText = 1024;  // longer texts are formatted again on
 // No text can end like this: its own backslashes are escaped.
 constexpr std::string_view kCutMark = " \\[cut: memory ran out]";
 
-thread_local unsigned int t_threadNumber = 0;  // 0: not known yet
+// The column of process and thread; empty: not known yet.
+thread_local char t_numbers[32] = "";
 
-// The number that ps and gdb show. Asking the system costs more than the rest of a record's
+// The numbers that ps and gdb show. Asking the system costs more than the rest of a record's
 // columns.
-unsigned int ThreadNumber()
+const char* Numbers()
 {
-    if (t_threadNumber == 0)
+    if (t_numbers[0] == '\0')
     {
-        t_threadNumber = static_cast<unsigned int>(gettid());
+        (void)snprintf(t_numbers, sizeof t_numbers, "%d/%d", static_cast<int>(getpid()),
+                       static_cast<int>(gettid()));
     }
-    return t_threadNumber;
+    return t_numbers;
+}
+
+const char* WithoutFolders(const char* file)
+{
+    const char* const slash = file == nullptr ? nullptr : strrchr(file, '/');
+    return slash == nullptr ? file : slash + 1;
 }
 
 std::string_view LevelWord(unsigned int level)
@@ -68,13 +76,13 @@ std::string Assemble(const Place& place, unsigned int level, std::string_view te
     line.reserve(kOtherColumns + text.size());
     line += LevelWord(level);
     line += ' ';
-    line += std::to_string(ThreadNumber());
+    line += Numbers();
     line += ' ';
     AppendEscaped(Column(place.module), Blanks::kEscape, &line);
     line += ' ';
     AppendEscaped(Column(place.function), Blanks::kEscape, &line);
     line += ' ';
-    AppendEscaped(Column(place.file), Blanks::kEscape, &line);
+    AppendEscaped(Column(WithoutFolders(place.file)), Blanks::kEscape, &line);
     line += ':';
     line += std::to_string(place.line);
     line += ' ';
@@ -131,7 +139,7 @@ void AfterForkInParent() CORPDIR_ANNOTATE(no_thread_safety_analysis)
 void AfterForkInChild() CORPDIR_ANNOTATE(no_thread_safety_analysis)
 {
     g_zone.Unlock();
-    t_threadNumber = 0;
+    t_numbers[0] = '\0';
 }
 
 std::tm LocalTime(std::time_t second)

@@ -22,7 +22,8 @@ struct Record
     std::string text;
 };
 
-// Where a record was written in the source. Null texts count as empty.
+// Where a record was written in the source; the file's folders are not shown. Null texts count as
+// empty.
 struct Place
 {
     const char* module;
@@ -31,8 +32,9 @@ struct Place
     unsigned int line;
 };
 
-// Makes a record with the current time and thread. When memory is short the text is cut, and says
-// so; throws std::bad_alloc when there is no memory for that either. Any thread; nothing is locked.
+// Makes a record with the current time, process and thread. When memory is short the text is cut,
+// and says so; throws std::bad_alloc when there is no memory for that either. Any thread; nothing
+// is locked.
 Record MakeRecord(const Place& place, unsigned int level, const char* format, va_list arguments)
     __attribute__((format(printf, 3, 0)));
 

@@ -3,12 +3,13 @@
 ///
 /// Each record is one line. Its columns are separated by one blank:
 ///
-///     2025-03-01T09:30:00.125+01:00 error 4711 MODULE FUNCTION FILE:LINE TEXT
+///     2025-03-01T09:30:00.125+01:00 error 4711/4712 MODULE FUNCTION FILE:LINE TEXT
 ///
-/// Time with milliseconds and offset, level (error, notice, info), thread, place, text. A line feed
-/// in the text is written as `\n`, a backslash as `\\`. Each byte of a control character, of an
-/// invisible character, of one that changes the direction of text, and of anything that is not
-/// UTF-8 is written as `\x` and two hexadecimal digits; so are blanks in the other columns.
+/// Time with milliseconds and offset, level (error, notice, info), process and thread, place (the
+/// file without its folders), text. A line feed in the text is written as `\n`, a backslash as
+/// `\\`. Each byte of a control character, of an invisible character, of one that changes the
+/// direction of text, and of anything that is not UTF-8 is written as `\x` and two hexadecimal
+/// digits; so are blanks in the other columns.
 ///
 /// Files: corpdir.log, renamed to corpdir.1.log and so on when full, mode 0600. A second process
 /// that logs into the same directory writes corpdir-2.log; .corpdir.lock, which is not removed,

@@ -290,7 +290,7 @@ TEST_F(LogProcess, AForkWhileALineIsFormattedLeavesTheChildAbleToFormat)
 }
 #endif
 
-TEST_F(LogProcess, AForkedChildThatOpensGetsAFileOfItsOwnWithItsOwnThreadNumber)
+TEST_F(LogProcess, AForkedChildThatOpensGetsAFileOfItsOwnWithItsOwnNumbers)
 {
     ASSERT_EQ(Open(Info(Directory())), 0U);
     Write(0, "of the parent");
@@ -308,7 +308,7 @@ TEST_F(LogProcess, AForkedChildThatOpensGetsAFileOfItsOwnWithItsOwnThreadNumber)
     const std::string number = std::to_string(child.Id());
     EXPECT_EQ(child.Wait(), 0);
     EXPECT_EQ(AfterColumns(support::ReadFile(File("corpdir-2.log")), 2),
-              number + " mod func file.cpp:7 " + number + '\n');
+              number + "/" + number + " mod func file.cpp:7 " + number + '\n');
     EXPECT_THAT(ClosedTexts(), ElementsAre("of the parent"));
 }
 

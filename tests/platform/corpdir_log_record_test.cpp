@@ -36,7 +36,7 @@ protected:
     }
 };
 
-TEST_F(LogRecord, HasTimeLevelThreadModuleFunctionPlaceAndText)
+TEST_F(LogRecord, HasTimeLevelProcessThreadModuleFunctionPlaceAndText)
 {
     g_LogOne->WriteLog("ZepCorpDirectory", "CorpDirInit", "src/unit.cpp", 4294967295U, 1,
                        "ftp init fail, ret:%u of %s ", 7U, "two words");
@@ -45,8 +45,8 @@ TEST_F(LogRecord, HasTimeLevelThreadModuleFunctionPlaceAndText)
     EXPECT_TRUE(std::regex_match(
         text, std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}"
                          "[+-][0-9]{2}:[0-9]{2} notice " +
-                         std::to_string(gettid()) +
-                         " ZepCorpDirectory CorpDirInit src/unit\\.cpp:4294967295 "
+                         std::to_string(getpid()) + "/" + std::to_string(gettid()) +
+                         " ZepCorpDirectory CorpDirInit unit\\.cpp:4294967295 "
                          "ftp init fail, ret:7 of two words \n")))
         << text;
 }
@@ -78,7 +78,21 @@ TEST_F(LogRecord, CarriesTheNumberOfItsThread)
         .join();
     CorpDir_CloseLog();
     const std::string rest = log_test::AfterColumns(support::ReadFile(File()), 2);
-    EXPECT_EQ(rest, std::to_string(number) + " mod func file.cpp:7 from a thread\n");
+    EXPECT_NE(number, getpid());
+    EXPECT_EQ(rest, std::to_string(getpid()) + "/" + std::to_string(number) +
+                        " mod func file.cpp:7 from a thread\n");
+}
+
+TEST_F(LogRecord, NamesItsFileWithoutFolders)
+{
+    for (const char* const file :
+         {"unit.cpp", "src/unit.cpp", "/a/b\n/c d/unit.cpp", "./unit.cpp", "/unit.cpp", "a/"})
+    {
+        g_LogOne->WriteLog("m", "f", file, 1, 0, "text");
+    }
+    EXPECT_THAT(ClosedTexts(3),
+                ElementsAre("m f unit.cpp:1 text", "m f unit.cpp:1 text", "m f unit.cpp:1 text",
+                            "m f unit.cpp:1 text", "m f unit.cpp:1 text", "m f -:1 text"));
 }
 
 // In a child, so that the zone of this process stays as it is.
@@ -225,11 +239,10 @@ TEST_F(LogRecord, EscapingLosesNothing)
 
 TEST_F(LogRecord, EscapesTheOtherColumnsBlanksIncluded)
 {
-    g_LogOne->WriteLog("a module", "operator bool", "my dir/f\n.cpp", 1, 0, "text");
+    g_LogOne->WriteLog("a module", "operator bool", "my f\n.cpp", 1, 0, "text");
     g_LogOne->WriteLog("gr\xC3\xBCn", "~x", "\xFF", 0, 0, "text");
-    EXPECT_THAT(ClosedTexts(3),
-                ElementsAre("a\\x20module operator\\x20bool my\\x20dir/f\\n.cpp:1 text",
-                            "gr\xC3\xBCn ~x \\xff:0 text"));
+    EXPECT_THAT(ClosedTexts(3), ElementsAre("a\\x20module operator\\x20bool my\\x20f\\n.cpp:1 text",
+                                            "gr\xC3\xBCn ~x \\xff:0 text"));
 }
 
 TEST_F(LogRecord, EmptyAndNullColumnsKeepTheirPlace)

@@ -74,9 +74,10 @@ struct Arrived
 Arrived CountArrived(const std::string& text)
 {
     static const std::regex kLine(
-        "[-0-9]{10}T[:.0-9]{12}[+-][:0-9]{5} info [0-9]+ mod func file\\.cpp:7 ([0-9]+) ([0-9]+)");
+        "[-0-9]{10}T[:.0-9]{12}[+-][:0-9]{5} info [0-9]+/[0-9]+ mod func file\\.cpp:7 ([0-9]+) "
+        "([0-9]+)");
     static const std::regex kNotice(
-        ".* error [0-9]+ corpdir_log .*:[0-9]+ ([0-9]+) records are "
+        ".* error [0-9]+/[0-9]+ corpdir_log .*:[0-9]+ ([0-9]+) records are "
         "missing here: they came faster than they could be written");
     Arrived arrived;
     std::map<int, int> next;
