@@ -64,13 +64,17 @@ packages."
 corpdir_package(tools corpdir-tools net
   SYNOPSIS "corporate directory download service - command-line program"
   DESCRIPTION "${_about}" "This package contains the corpdir program, which fetches the directory once
-or keeps it current, and checks servers."
-  SETTINGS SHLIBDEPS=ON)
+or keeps it current, and checks servers. It also contains a unit for systemd,
+corpdir-watch@.service, which keeps a directory current as a service."
+  SETTINGS SHLIBDEPS=ON "DEPENDS=systemd-standalone-sysusers | systemd-sysusers")
 corpdir_package(python python3-corpdir python
   SYNOPSIS "corporate directory download service - Python module"
   DESCRIPTION "${_about}" "This package contains the module for Python 3."
   SETTINGS ARCHITECTURE=all "DEPENDS=python3:any, ${_library} (>= ${PROJECT_VERSION})")
 
+# They create the service's user, restart and stop the service.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
+  "${_debian}/tools/postinst;${_debian}/tools/prerm;${_debian}/tools/postrm")
 # They compile the module and remove the compiled files.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
   "${_debian}/python/postinst;${_debian}/python/prerm")

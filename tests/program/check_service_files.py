@@ -14,23 +14,24 @@ import tempfile
 from closed_port import closed_port, run, watch_until
 
 NO_SERVER_LEFT = 3
-SETTINGS = "/etc/corpdir/corpdir.conf"
-STATE = "/var/lib/corpdir"
+INSTANCE = "phone"  # in the example settings
+SETTINGS = "/etc/corpdir/%i.conf"
+PASSWORD_FILE = "/etc/corpdir/phone.password"
 
 
 class Machine:
     """A directory in place of the machine's own ones."""
 
     def __init__(self, folder, example, port):
-        self.folder = folder
-        (folder / "state/log").mkdir(parents=True)
-        (folder / "credentials").mkdir()
-        (folder / "credentials/password").write_text("secret\n")
+        self.password_file = folder / "password"
+        self.password_file.write_text("secret\n")
         text, count = re.subn(r'^servers = .*$', 'servers = "127.0.0.1"\nport = %d' % port, example, flags=re.M)
         if count != 1:
             raise SystemExit("the example settings name their servers %d times" % count)
-        text = text.replace(STATE, str(folder / "state"))
-        text = text.replace("/etc/corpdir/password", str(folder / "credentials/password"))
+        for place in ("/var/lib/corpdir/" + INSTANCE, "/var/log/corpdir/" + INSTANCE):
+            (folder / place[1:]).mkdir(parents=True)
+            text = text.replace(place, str(folder / place[1:]))
+        text = text.replace(PASSWORD_FILE, str(self.password_file))
         self.settings = folder / "corpdir.conf"
         self.settings.write_text(text)
         # With what the example only proposes.
@@ -48,35 +49,31 @@ def unit_of(path):
 def start_of(unit, program, machine):
     """ExecStart, with this machine's paths."""
     words = shlex.split(unit["Service"]["ExecStart"])
-    if words[0] != "/usr/bin/corpdir" or SETTINGS not in words:
+    if words != ["/usr/bin/corpdir", "watch", "--config", SETTINGS]:
         raise SystemExit("the unit starts something else: %s" % words)
-    paths = {words[0]: program, SETTINGS: str(machine.settings)}
-    words = [paths.get(word, word).replace("%d/", "%s/credentials/" % machine.folder) for word in words]
-    if any("%" in word for word in words):
-        raise SystemExit("the unit has a specifier that is not known here: %s" % words)
-    return words
+    return [program, *words[1:-1], str(machine.settings)]
 
 
 def check_unit(unit, example):
+    """The settings fit the unit's instance."""
     service = unit["Service"]
-    credential = service["LoadCredential"].split(":")[0]
-    if "--password-file %%d/%s" % credential not in service["ExecStart"]:
-        yield "the unit loads '%s' and reads something else" % credential
-    if 'output-dir = "/var/lib/%s"' % service["StateDirectory"] not in example:
-        yield "the settings' output-dir is not the unit's StateDirectory"
+    for option, setting, place in (("output-dir", "StateDirectory", "/var/lib"),
+                                   ("log-dir", "LogsDirectory", "/var/log")):
+        folder = service[setting].replace("%i", INSTANCE)
+        if '%s = "%s/%s"' % (option, place, folder) not in example:
+            yield "the settings' %s is not the unit's %s" % (option, setting)
+    if 'password-file = "%s"' % PASSWORD_FILE not in example:
+        yield "the settings have no password file"
 
 
 def check_runs(program, unit, machine):
-    password = ["--password-file", str(machine.folder / "credentials/password")]
     start = start_of(unit, program, machine)
-    same_check = ["check" if word == "watch" else word for word in start]
-    for call in (same_check, [program, "check", "--config", str(machine.settings), *password],
-                 [program, "fetch", "--config", str(machine.settings), *password],
-                 [program, "check", "--config", str(machine.everything)],
-                 [program, "fetch", "--config", str(machine.everything)]):
-        result = run(*call)
-        if result.returncode != NO_SERVER_LEFT or "Connection refused" not in result.stdout + result.stderr:
-            yield "%s: status %d\n%s" % (" ".join(call), result.returncode, result.stdout + result.stderr)
+    for settings in (machine.settings, machine.everything):
+        for command in ("check", "fetch"):
+            call = [program, command, "--config", str(settings)]
+            result = run(*call)
+            if result.returncode != NO_SERVER_LEFT or "Connection refused" not in result.stdout + result.stderr:
+                yield "%s: status %d\n%s" % (" ".join(call), result.returncode, result.stdout + result.stderr)
     for call in (start, [program, "watch", "--config", str(machine.everything)]):
         lines, status = watch_until("retrying in", *call)
         if status != 0 or "stopped by SIGTERM" not in lines:
@@ -86,7 +83,7 @@ def check_runs(program, unit, machine):
 def main():
     program, folder = sys.argv[1], pathlib.Path(sys.argv[2]) / "tools/corpdir"
     example = (folder / "corpdir.conf.example").read_text()
-    unit = unit_of(folder / "corpdir-watch.service")
+    unit = unit_of(folder / "corpdir-watch@.service")
     with closed_port() as port, tempfile.TemporaryDirectory() as scratch:
         machine = Machine(pathlib.Path(scratch), example, port)
         wrong = [*check_unit(unit, example), *check_runs(program, unit, machine)]
