@@ -20,8 +20,6 @@ namespace client
 namespace
 {
 
-constexpr unsigned int kErrorLevel = 0;
-
 // Bytes of an invalid version that are reported.
 constexpr std::size_t kMaxVersionText = 30;
 
@@ -374,7 +372,7 @@ void Client::OnLookedUp()
     {
         Event& event = Say(Event::Kind::kNameFailed, {"", entry.text, {}});
         event.transfer.reason = entry.problem;
-        CLIENT_LOG(kErrorLevel, "No address for server %s: %s", entry.text.c_str(),
+        CLIENT_LOG(CORPDIR_LOG_ERROR, "No address for server %s: %s", entry.text.c_str(),
                    entry.problem.c_str());
     }
     const bool asked = m_state == State::kResolving;
@@ -525,7 +523,7 @@ void Client::OnInvalidVersion(const TransferEvent& transfer, const VersionFile& 
     event.transfer.reason = file.problem;
     event.version = file.bytes.substr(0, file.bytes.find('\n')).substr(0, kMaxVersionText);
     event.next = OthersFailed() ? Next::kNothing : Next::kOtherServer;
-    CLIENT_LOG(kErrorLevel, "The version file %s from server %s is not valid: %s",
+    CLIENT_LOG(CORPDIR_LOG_ERROR, "The version file %s from server %s is not valid: %s",
                transfer.file.c_str(), server.Label().c_str(), file.problem.c_str());
     GoOn(server);
 }

@@ -16,6 +16,7 @@ import re
 import sys
 
 SERVICE, FTP, OSAK, LOG = "ZepCorpDirectory", "travex_ftp", "osak", "corpdir_log"
+CLIENT, TOOL = "client", "corpdir"
 SERVICE_FOLDER = "service/im/imcorpdirectory/ftpcorpdirectory/src"
 
 # Folder, macro or function, component, and the positions of level and format among its arguments.
@@ -26,11 +27,14 @@ DOORS = [
     ("platform/travex_ftp", "TRAVEX_FTP_LOG", FTP, -1, 0, 1),
     ("platform/osak", "OSAK_LOG", OSAK, -1, 0, 1),
     ("platform/corpdir_log", "MakeOwnRecord", LOG, -1, 1, 2),
+    ("client", "CLIENT_LOG", CLIENT, -1, 0, 1),
+    ("tools/corpdir", "TOOL_LOG", TOOL, -1, 0, 1),
 ]
 
 # Files that define the doors, and what their own calls of WriteLog look like from outside.
 DEFINITIONS = {SERVICE_FOLDER + "/ftpcorpdirimpl.cpp": 1, "platform/travex_ftp/log.h": 1,
                "platform/osak/osak_log.h": 1, "platform/include/corpdir_log.h": 1,
+               "client/client_log.h": 1, "tools/corpdir/commands/run_log.cpp": 1,
                "platform/corpdir_log/corpdir_log.cpp": 2}
 
 # Functions of the FTP layer that make a reason, and the arguments that hold a text of their own.
@@ -122,7 +126,7 @@ class Sources:
         self.reasons = set()  # shown texts
         self.literals = set()  # of the FTP layer, shown: what a reason may be made of
         self.wrong = []
-        for path in sorted(p for top in ("service", "platform", "tools")
+        for path in sorted(p for top in ("service", "platform", "client", "bindings", "tools")
                            for p in (root / top).rglob("*") if p.suffix in (".h", ".cpp")):
             self.read(path)
 

@@ -1,7 +1,5 @@
 #include "commands/run_log.h"
 
-#include <cstdio>
-
 #include "commands/layer_settings.h"
 #include "corpdir_log.h"
 #include "exit_error.h"
@@ -12,17 +10,16 @@ namespace corpdir_tool
 namespace
 {
 
-constexpr unsigned int kError = 0;
-constexpr unsigned int kNotice = 1;
-
-void Write(unsigned int level, const char* function, unsigned int line, const std::string& text)
-{
-    CCorpDirLog* const log = __atomic_load_n(&g_LogOne, __ATOMIC_ACQUIRE);
-    if (log != nullptr)
-    {
-        log->WriteLog("corpdir", function, "run_log.cpp", line, level, "%s", text.c_str());
-    }
-}
+// One record of the program.
+#define TOOL_LOG(level, ...)                                                                  \
+    do                                                                                        \
+    {                                                                                         \
+        CCorpDirLog* const toolLog = __atomic_load_n(&g_LogOne, __ATOMIC_ACQUIRE);            \
+        if (toolLog != nullptr && __atomic_load_n(&g_LogMode, __ATOMIC_RELAXED) == 0)         \
+        {                                                                                     \
+            toolLog->WriteLog("corpdir", __func__, __FILE__, __LINE__, (level), __VA_ARGS__); \
+        }                                                                                     \
+    } while (false)
 
 // What tells one run from another; nothing secret.
 std::string SettingsText(const Plan& plan)
@@ -51,9 +48,8 @@ RunLog::RunLog(const char* command, const Plan& plan) : m_command(command), m_pl
     {
         throw LogError(m_plan, code);
     }
-    Write(kNotice, __func__, __LINE__,
-          std::string("corpdir " CORPDIR_VERSION " begins ") + m_command + ": " +
-              SettingsText(m_plan));
+    TOOL_LOG(CORPDIR_LOG_NOTICE, "Begin of corpdir %s, version %s: %s", m_command, CORPDIR_VERSION,
+             SettingsText(m_plan).c_str());
 }
 
 RunLog::~RunLog()
@@ -67,12 +63,18 @@ RunLog::~RunLog()
 void RunLog::End(int status, const std::string& outcome)
 {
     tag_CORPDIR_LOGINFO info = LogSettingsOf(m_plan);
-    if (m_plan.logLevel && CorpDir_OpenLog(&info) == 0)
+    if (!m_plan.logLevel || CorpDir_OpenLog(&info) != 0)
     {
-        Write(status == kExitFetched ? kNotice : kError, __func__, __LINE__,
-              std::string("corpdir ends ") + m_command + " with status " + std::to_string(status) +
-                  ": " + outcome);
+        return;
     }
+    if (status == kExitFetched)
+    {
+        TOOL_LOG(CORPDIR_LOG_NOTICE, "End of corpdir %s with status 0: %s", m_command,
+                 outcome.c_str());
+        return;
+    }
+    TOOL_LOG(CORPDIR_LOG_ERROR, "End of corpdir %s with status %d: %s", m_command, status,
+             outcome.c_str());
 }
 
 }  // namespace corpdir_tool
