@@ -180,10 +180,9 @@ private:
 
     void PutAside(Input& input) const
     {
-        const std::string received = m_staging.NewReceivedPath();
-        if (rename(m_staging.Path(Staging::File::kDirectory).c_str(), received.c_str()) == 0)
+        input.path = m_staging.PutDirectoryAside();
+        if (!input.path.empty())
         {
-            input.path = received;
             return;
         }
         input.transfer.code = TRAVEX_FTP_ERR_LOCAL_FILE;
@@ -562,6 +561,7 @@ void Client::OnDirectory(const Input& input)
     }
     catch (const std::runtime_error& error)  // std::system_error too
     {
+        (void)remove(input.path.c_str());
         transfer.code = TRAVEX_FTP_ERR_LOCAL_FILE;
         transfer.reason = error.what();
         OnLocalFileFailed(transfer);

@@ -50,22 +50,6 @@ void FlushFolder(const std::string& folder)
     }
 }
 
-// Gives the open file the permissions, and where permitted the owner, of the file that it replaces.
-void CopyPermissions(const std::string& from, int to)
-{
-    struct stat replaced = {};
-    if (lstat(from.c_str(), &replaced) != 0 || !S_ISREG(replaced.st_mode))
-    {
-        return;
-    }
-    // The owner first: a change of owner may clear bits of the mode.
-    (void)!fchown(to, replaced.st_uid, replaced.st_gid);
-    if (fchmod(to, replaced.st_mode & 0777) != 0)
-    {
-        Fail("cannot set the permissions of the new " + Quoted(from));
-    }
-}
-
 void WriteAll(int file, const std::string& text, const std::string& path)
 {
     for (std::size_t written = 0; written != text.size();)
@@ -89,7 +73,7 @@ void Rename(const std::string& from, const std::string& to)
 
 base::Descriptor Create(const std::string& path)
 {
-    base::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    base::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!file.IsOpen())
     {
         Fail("cannot create " + Quoted(path));
@@ -140,8 +124,13 @@ public:
 private:
     bool Try(const std::string& path)
     {
-        m_file = base::Descriptor(
-            open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+        constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+        m_file = base::Descriptor(open(path.c_str(), O_RDWR | O_CREAT | kFlags, 0600));
+        if (!m_file.IsOpen() &&
+            errno == EACCES)  // another user's; the folder decides who may replace it
+        {
+            m_file = base::Descriptor(open(path.c_str(), O_RDONLY | kFlags));
+        }
         if (!m_file.IsOpen())
         {
             Fail("cannot open " + Quoted(path));
@@ -238,7 +227,7 @@ void LocalFiles::ReplaceBoth(const Arrival& arrival) const
         FlushFolder(m_settings.versionFolder);
     }
     const base::Descriptor file(open(arrival.path.c_str(), O_RDONLY | O_CLOEXEC));
-    CopyPermissions(m_settings.DirectoryPath(), file.Number());
+    SetPermissions(file.Number(), m_settings.DirectoryPath());
     Rename(arrival.path, m_settings.DirectoryPath());
     FlushFolder(m_settings.directoryFolder);
     if (!versionFirst)
@@ -323,13 +312,31 @@ void LocalFiles::WriteVersion(const Arrival& arrival) const
     const std::string path = m_versions.Path(File::kNew);
     const base::Descriptor file = Create(path);
     WriteAll(file.Number(), arrival.version.bytes, path);
-    CopyPermissions(m_settings.VersionPath(), file.Number());
+    SetPermissions(file.Number(), m_settings.VersionPath());
     const std::timespec times[2] = {arrival.read, arrival.read};
     if (futimens(file.Number(), times) != 0 || fsync(file.Number()) != 0)
     {
         Fail("cannot write " + Quoted(path));
     }
     Rename(path, m_settings.VersionPath());
+}
+
+// The permissions, and where permitted the owner, of the file at this path; those of a new file
+// when there is none.
+void LocalFiles::SetPermissions(int file, const std::string& path) const
+{
+    struct stat replaced = {};
+    mode_t mode = m_directories.NewFileMode();
+    if (lstat(path.c_str(), &replaced) == 0 && S_ISREG(replaced.st_mode))
+    {
+        // The owner first: a change of owner may clear bits of the mode.
+        (void)!fchown(file, replaced.st_uid, replaced.st_gid);
+        mode = replaced.st_mode & 0777;
+    }
+    if (fchmod(file, mode) != 0)
+    {
+        Fail("cannot set the permissions of the new " + Quoted(path));
+    }
 }
 
 // Not flushed: a state that is lost or old only means one fetch more. Returns a warning.
@@ -340,7 +347,7 @@ std::string LocalFiles::WriteState(const State& state) const
         const std::string path = m_directories.Path(File::kNew);
         const base::Descriptor file = Create(path);
         WriteAll(file.Number(), StateText(state), path);
-        CopyPermissions(m_settings.DirectoryPath(), file.Number());
+        SetPermissions(file.Number(), m_settings.DirectoryPath());
         Rename(path, m_statePath);
         return {};
     }

@@ -75,6 +75,7 @@ private:
     void ReplaceBoth(const Arrival& arrival) const;
     void RestoreVersion(const Arrival& arrival) const;
     void FlushFolders() const;
+    void SetPermissions(int file, const std::string& path) const;
     void WriteVersion(const Arrival& arrival) const;
     bool LocalVersionIsNewer(const std::timespec& read) const;
     std::string WriteState(const State& state) const;

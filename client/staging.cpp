@@ -145,6 +145,8 @@ Staging::Staging(std::string folder) : m_folder(std::move(folder))
     while (!MakeLockFile())
     {
     }
+    MakePrivate(File::kVersion);
+    MakePrivate(File::kDirectory);
     for (const auto& [id, names] : FilesIn(m_folder))
     {
         base::Descriptor lock;
@@ -170,11 +172,23 @@ std::string Staging::Path(File file) const
     return m_folder + Name(file);
 }
 
-std::string Staging::NewReceivedPath()
+std::string Staging::PutDirectoryAside()
 {
     char number[16];
     (void)std::snprintf(number, sizeof number, "%08x", m_received++);
-    return m_folder + kPrefix + m_id + ".received-" + number;
+    std::string path = m_folder + kPrefix + m_id + ".received-" + number;
+    if (std::rename(Path(File::kDirectory).c_str(), path.c_str()) != 0)
+    {
+        return {};
+    }
+    MakePrivate(File::kDirectory);
+    return path;
+}
+
+// Without it the next file is readable while it is received; the transfer itself reports errors.
+void Staging::MakePrivate(File file) const noexcept
+{
+    const base::Descriptor made(open(Path(file).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
 }
 
 void Staging::Remove() const noexcept
@@ -194,7 +208,7 @@ bool Staging::MakeLockFile()
 {
     m_id = RandomId();
     m_lock = base::Descriptor(
-        open(Path(File::kLock).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        open(Path(File::kLock).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!m_lock.IsOpen())
     {
         if (errno == EEXIST)
@@ -213,8 +227,14 @@ bool Staging::MakeLockFile()
             throw std::system_error(errno, std::generic_category(),
                                     "cannot lock a file in '" + m_folder + "'");
         default:
-            return fstat(m_lock.Number(), &state) == 0 && state.st_nlink != 0;
+            break;
     }
+    if (fstat(m_lock.Number(), &state) != 0 || state.st_nlink == 0)
+    {
+        return false;
+    }
+    m_newFileMode = state.st_mode & 0777;
+    return true;
 }
 
 }  // namespace client

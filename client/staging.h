@@ -3,6 +3,8 @@
 #ifndef CORPDIR_CLIENT_STAGING_H
 #define CORPDIR_CLIENT_STAGING_H
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <string>
 
@@ -23,6 +25,9 @@ enum class LockResult
 LockResult TryLock(int descriptor) noexcept;
 
 // Names of one run in one folder: ".corpdir-", 16 random hexadecimal digits, and what the file is.
+//
+// A transfer gives its file the permissions of the one that it replaces. So empty files that only
+// this user can read lie there first: the local files may be private too.
 //
 // The run holds a lock on its lock file. What belongs to a lock file that nobody holds, or to none,
 // was left by a process that is gone, and the next run in the folder removes it. Neither age nor
@@ -52,18 +57,27 @@ public:
     std::string Name(File file) const;
     std::string Path(File file) const;
 
-    // A new name for a complete directory file, which no transfer writes. Any thread.
-    std::string NewReceivedPath();
+    // Moves a complete directory file to a new name, which no transfer writes, and returns it.
+    // Empty with errno when that fails. Any thread.
+    std::string PutDirectoryAside();
+
+    // Permissions of a new file, as the process's umask leaves them.
+    mode_t NewFileMode() const
+    {
+        return m_newFileMode;
+    }
 
     // Removes this run's files. Any thread.
     void Remove() const noexcept;
 
 private:
     bool MakeLockFile();
+    void MakePrivate(File file) const noexcept;
 
     const std::string m_folder;
     std::string m_id;  // of this run
     base::Descriptor m_lock;
+    mode_t m_newFileMode = 0600;
     std::atomic<unsigned int> m_received{0};
 };
 

@@ -40,7 +40,7 @@ protected:
         Arrival arrival;
         arrival.version = ParseVersion(version);
         arrival.read.tv_sec = 1'700'000'000 + second;
-        arrival.path = staging.NewReceivedPath();
+        arrival.path = folder.File(".arrived-" + std::to_string(second));
         arrival.server = "192.0.2.1";
         WriteFile(arrival.path, text);
         return arrival;
@@ -105,7 +105,7 @@ TEST_F(LocalFilesTest, VersionFileThatIsMissingComesBack)
     std::filesystem::remove(folder.File("version.txt"));
     EXPECT_TRUE(files.Replace(Arrived("V0001", "one", 1)).unchanged);
     EXPECT_EQ("V0001 one", Both());
-    EXPECT_THAT(support::FilesIn(folder.Path()), testing::SizeIs(4)) << "with the lock file";
+    EXPECT_THAT(support::FilesIn(folder.Path()), testing::SizeIs(3 + 3)) << "with those of the run";
 }
 
 TEST_F(LocalFilesTest, KeepsPermissions)
@@ -116,6 +116,22 @@ TEST_F(LocalFilesTest, KeepsPermissions)
     (void)files.Replace(Arrived("V0002", "two", 2));
     EXPECT_EQ(0640U, ModeOf("directory.csv"));
     EXPECT_EQ(0604U, ModeOf("version.txt"));
+    EXPECT_EQ(0640U, ModeOf(".directory.csv.corpdir.json"));
+}
+
+TEST_F(LocalFilesTest, NewFilesFollowTheUmask)
+{
+    const mode_t before = umask(027);
+    {
+        const Staging own(folder.Path() + "/");
+        LocalFiles mine(settings, own, own);
+        const Arrival arrival = Arrived("V0001", "one", 1);
+        ASSERT_EQ(0, chmod(arrival.path.c_str(), 0600));  // as it is received
+        (void)mine.Replace(arrival);
+    }
+    umask(before);
+    EXPECT_EQ(0640U, ModeOf("directory.csv"));
+    EXPECT_EQ(0640U, ModeOf("version.txt"));
     EXPECT_EQ(0640U, ModeOf(".directory.csv.corpdir.json"));
 }
 
@@ -194,7 +210,6 @@ TEST_F(LocalFilesTest, EightProcessesNeverPutTheVersionAhead)
             {
                 const long now = ++*published;
                 Arrival arrival = Arrived(std::to_string(100000 + now), "", now);
-                arrival.path = own.NewReceivedPath();
                 WriteFile(arrival.path, std::to_string(100000 + now));
                 (void)mine.Replace(arrival);
             }

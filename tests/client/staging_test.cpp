@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,17 +17,19 @@ namespace
 {
 
 using File = Staging::File;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
 void MakeAll(Staging& staging)
 {
-    for (const std::string& path :
-         {staging.Path(File::kVersion), staging.Path(File::kDirectory), staging.Path(File::kNew),
-          staging.NewReceivedPath(), staging.NewReceivedPath()})
+    for (const File file : {File::kVersion, File::kNew})
     {
-        support::WriteFile(path, "text");
+        support::WriteFile(staging.Path(file), "text");
+    }
+    for (int i = 0; i != 2; ++i)
+    {
+        support::WriteFile(staging.Path(File::kDirectory), "text");
+        EXPECT_EQ("text", support::ReadFile(staging.PutDirectoryAside()));
     }
 }
 
@@ -39,7 +42,6 @@ TEST(Staging, NamesHaveAFixedLength)
     EXPECT_THAT(one.Name(File::kVersion),
                 testing::MatchesRegex("\\.corpdir-[0-9a-f]{16}\\.version"));
     EXPECT_EQ(one.Path(File::kDirectory), folder.Path() + "/" + one.Name(File::kDirectory));
-    EXPECT_NE(one.NewReceivedPath(), one.NewReceivedPath());
 }
 
 TEST(Staging, RemovesItsFilesAtTheEnd)
@@ -68,7 +70,9 @@ TEST(Staging, RemovesFilesOfARunThatIsGone)
     ASSERT_EQ(0, status);
     ASSERT_THAT(support::FilesIn(folder.Path()), SizeIs(6));
     const Staging next(folder.Path() + "/");
-    EXPECT_THAT(support::FilesIn(folder.Path()), ElementsAre(next.Name(File::kLock)));
+    EXPECT_THAT(support::FilesIn(folder.Path()),
+                testing::UnorderedElementsAre(next.Name(File::kLock), next.Name(File::kVersion),
+                                              next.Name(File::kDirectory)));
 }
 
 TEST(Staging, LeavesFilesOfARunThatLives)
@@ -77,7 +81,7 @@ TEST(Staging, LeavesFilesOfARunThatLives)
     Staging living(folder.Path() + "/");
     MakeAll(living);
     const Staging next(folder.Path() + "/");
-    EXPECT_THAT(support::FilesIn(folder.Path()), SizeIs(7));
+    EXPECT_THAT(support::FilesIn(folder.Path()), SizeIs(6 + 3));
 }
 
 // The lock file is made first and removed last.
@@ -86,7 +90,7 @@ TEST(Staging, RemovesFilesWithoutALockFile)
     const support::TemporaryDirectory folder;
     support::WriteFile(folder.File(".corpdir-0123456789abcdef.directory"), "text");
     const Staging next(folder.Path() + "/");
-    EXPECT_THAT(support::FilesIn(folder.Path()), SizeIs(1));
+    EXPECT_THAT(support::FilesIn(folder.Path()), SizeIs(3));
 }
 
 TEST(Staging, LeavesFilesOfOthers)
@@ -100,7 +104,27 @@ TEST(Staging, LeavesFilesOfOthers)
         support::WriteFile(folder.File(name), "text");
     }
     const Staging next(folder.Path() + "/");
-    EXPECT_THAT(support::FilesIn(folder.Path()), SizeIs(names.size() + 1));
+    EXPECT_THAT(support::FilesIn(folder.Path()), SizeIs(names.size() + 3));
+}
+
+// The transfer keeps the permissions of the file that it replaces.
+TEST(Staging, FilesToBeReplacedArePrivate)
+{
+    const support::TemporaryDirectory folder;
+    const mode_t before = umask(022);
+    Staging staging(folder.Path() + "/");
+    EXPECT_EQ(0644U, staging.NewFileMode());
+    for (int i = 0; i != 2; ++i)
+    {
+        for (const File file : {File::kVersion, File::kDirectory})
+        {
+            struct stat state = {};
+            ASSERT_EQ(0, stat(staging.Path(file).c_str(), &state));
+            EXPECT_EQ(0600U, state.st_mode & 0777U);
+        }
+        EXPECT_NE("", staging.PutDirectoryAside());
+    }
+    umask(before);
 }
 
 TEST(Staging, FolderThatCannotBeWrittenIsAnError)
