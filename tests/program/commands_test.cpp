@@ -418,6 +418,7 @@ TEST_F(ProgramCheck, ShowsEachStep)
             "  connect +[0-9.]+ ms  ok\n"
             "  TLS +[0-9.]+ ms  TLSv1\\.3, TLS_AES_256_GCM_SHA384\n"
             "  certificate +CN=server, valid until 20[0-9-]+ \\([0-9]+ days left\\)\n"
+            "  names +127\\.0\\.0\\.1, ::1, directory\\.test\n"
             "  login +[0-9.]+ ms  ok as ftp\n"
             "  version file +[0-9.]+ ms  'edition 17', 11 bytes; the data channel resumed the "
             "TLS session\n"
@@ -440,6 +441,9 @@ TEST_F(ProgramCheck, IsReadByPrograms)
     EXPECT_EQ(server["works"], true);
     EXPECT_EQ(server["tls_version"], "TLSv1.3");
     EXPECT_EQ(server["certificate_subject"], "CN=server");
+    EXPECT_EQ(server["certificate_names"], json({"127.0.0.1", "::1", "directory.test"}));
+    EXPECT_EQ(server["warnings"], json::array());
+    EXPECT_EQ(object["servers"][0]["certificate_names"], nullptr);
     EXPECT_EQ(server["session_resumed"], true);
     EXPECT_EQ(server["version"], "edition 17");
     EXPECT_EQ(server["directory_bytes"], 200000);
@@ -534,6 +538,7 @@ TEST_F(ProgramCheck, ShowsACertificateThatIsNotAccepted)
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr("certificate                failed: "), HasSubstr("expired"),
                       HasSubstr("CN=server, valid until"), HasSubstr("(expired)"),
+                      HasSubstr("names                      127.0.0.1, ::1, directory.test\n"),
                       HasSubstr("hint: renew the certificate")));
 }
 
@@ -574,6 +579,55 @@ TEST_F(ProgramCheck, ShowsAnInvalidVersionFile)
     EXPECT_EQ(result.status, kBadVersion);
     EXPECT_THAT(result.output, HasSubstr("failed: its first line 'oops' is shorter than 5 bytes"));
     ExpectNoDownload();
+}
+
+TEST_F(ProgramCheck, WarnsOfAVersionThatIsNotWhatItSeems)
+{
+    const std::string mark = "\xef\xbb\xbf";
+    const std::pair<std::string, const char*> cases[] = {
+        {"0123456789012345678901234567890\n",
+         "the version line has 31 bytes; only the first 30 are compared"},
+        {"edition 17\r\n", "the version ends with a carriage return, which is compared too"},
+        {mark + "edition 17\n",
+         "the version begins with a UTF-8 byte-order mark, which is compared too"}};
+    Serve();
+    for (const auto& [text, warning] : cases)
+    {
+        m_server->AddFile("version.txt", text);
+        const CommandResult result = Check();
+        EXPECT_EQ(result.status, kFetched) << result.output;
+        EXPECT_THAT(result.output,
+                    HasSubstr(std::string("  warning                    ") + warning + "\n"));
+        EXPECT_EQ(ObjectIn(Check({"--json"}).output)["servers"][0]["warnings"], json({warning}));
+    }
+    m_server->AddFile("version.txt", "012345678901234567890123456789\n");
+    EXPECT_THAT(Check().output, Not(HasSubstr("warning")));
+}
+
+TEST_F(ProgramCheck, WarnsOfACertificateThatEndsSoon)
+{
+    m_options.certificate = m_certificates.EndingIn(29);
+    Serve();
+    EXPECT_THAT(Check().output, HasSubstr("warning                    the certificate expires "
+                                          "within 29 days: renew it\n"));
+    m_options.certificate = m_certificates.EndingIn(31);
+    Serve();
+    EXPECT_THAT(Check().output, Not(HasSubstr("warning")));
+}
+
+// The server's file is sparse.
+TEST_F(ProgramCheck, WarnsOfTooLittleSpace)
+{
+    m_options.tls = Tls::kNone;
+    Serve();
+    const std::string sparse = m_server->Root() + "/directory.csv";
+    const auto free = std::filesystem::space(m_output.Path()).available;
+    std::filesystem::resize_file(sparse, free + (1U << 30));
+    const CommandResult result = Check();
+    EXPECT_EQ(result.status, kFetched) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("  warning                    --output-dir has "));
+    EXPECT_THAT(result.output, HasSubstr(" bytes free, the directory file has "));
+    EXPECT_THAT(Check({"--output-dir=" + kLeftOut}).output, Not(HasSubstr("warning")));
 }
 
 TEST_F(ProgramCheck, ReportsNamesThatDoNotResolve)

@@ -58,8 +58,8 @@ const Case kCases[] = {
      "the server accepts none of the default cipher suites: 'corpdir ciphers' lists others for "
      "--ciphers"},
     {"Name", TRAVEX_FTP_ERR_CERT, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_CERT_NAME,
-     "if this is the right server, list it by the name in its certificate, or give that name with "
-     "--verify-name; 'corpdir check' shows the certificate"},
+     "the certificate has no names: the server needs one with the name or address by which it is "
+     "listed"},
     {"Dates", TRAVEX_FTP_ERR_CERT, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_CERT_DATES,
      "renew the certificate on the server, or correct this machine's clock; 'corpdir check' shows "
      "the "
@@ -67,7 +67,8 @@ const Case kCases[] = {
     {"Authority", TRAVEX_FTP_ERR_CERT, TRAVEX_FTP_STEP_TLS, 0, 0,
      "check that --ca has the authority that issued the certificate; 'corpdir check' shows the "
      "certificate"},
-    {"Login", TRAVEX_FTP_ERR_LOGIN, TRAVEX_FTP_STEP_LOGIN, 530, 0, "check --user and the password"},
+    {"Login", TRAVEX_FTP_ERR_LOGIN, TRAVEX_FTP_STEP_LOGIN, 530, 0,
+     "check --user and the password, and on the server that the account is not locked"},
     {"NoFile", TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 550, 0,
      "check --version-file; without a leading '/' it is relative to the login directory"},
     {"BusyFile", TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 450, 0,
@@ -75,7 +76,7 @@ const Case kCases[] = {
     {"NoDataChannel", TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 425, 0,
      "the server could not use the data channel; the server's log may say why"},
     {"BadReply", TRAVEX_FTP_ERR_REPLY, TRAVEX_FTP_STEP_PASSIVE, 227, 0,
-     "--log-dir DIR writes a log of every step"},
+     "log every step: corpdir fetch '--user=o'\\''neill' --log-level 2"},
     {"ConnectTime", TRAVEX_FTP_ERR_TIMEOUT, TRAVEX_FTP_STEP_CONNECT, 0, 0,
      "a firewall may drop packets to port 21, or the server is down; raise --connect-timeout if "
      "the network is slow"},
@@ -98,11 +99,13 @@ const Case kCases[] = {
     {"TooLarge", TRAVEX_FTP_ERR_TOO_LARGE, TRAVEX_FTP_STEP_RECEIVE, 0, 0,
      "raise --max-size if the file should be this large"},
     {"LocalFile", TRAVEX_FTP_ERR_LOCAL_FILE, TRAVEX_FTP_STEP_LOCAL_FILE, 0, 0,
-     "check free space and permissions of --output-dir"},
+     "check free space and permissions of --output-dir: df -h '/var/a b/'; ls -ld '/var/a b/'"},
     {"LostAtOnce", TRAVEX_FTP_ERR_TRANSFER, TRAVEX_FTP_STEP_GREETING, 0, 0,
      "the server closes connections at once: connection limit reached, or --port 21 is wrong"},
     {"LostLater", TRAVEX_FTP_ERR_TRANSFER, TRAVEX_FTP_STEP_LOGIN, 0, 0,
-     "--log-dir DIR writes a log of every step"},
+     "log every step: corpdir fetch '--user=o'\\''neill' --log-level 2"},
+    {"InvalidVersion", 0, 0, 0, 0,
+     "the version file must be ASCII or UTF-8 text with 5 to 30 bytes in its first line"},
     {"NoMemory", TRAVEX_FTP_ERR_SYSTEM, TRAVEX_FTP_STEP_NONE, 0, 0, ""},
 };
 
@@ -114,10 +117,12 @@ TEST_P(ToolHint, FollowsFromTheStructureOfTheFailure)
 {
     Plan plan;
     plan.versionFile = "version.txt";
+    plan.outputDir = "/var/a b/";
+    plan.words = {"fetch", "--user=o'neill", "--log-level", "0"};
     plan.suites = client::SuitesOf(client::SuiteSet::kCompatible);
     const Case& one = GetParam();
-    EXPECT_EQ(HintFor({one.code, one.step, one.reply, one.detail, "version.txt", kReason}, plan),
-              one.says);
+    const Failure failure = {one.code, one.step, one.reply, one.detail, "version.txt", kReason};
+    EXPECT_EQ(HintFor(failure, plan), one.says);
 }
 
 INSTANTIATE_TEST_SUITE_P(Failures, ToolHint, testing::ValuesIn(kCases),
@@ -127,9 +132,9 @@ std::string VersionHintWith(std::vector<int> ciphers)
 {
     Plan plan;
     plan.suites = std::move(ciphers);
-    return HintFor(
-        {TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_TLS_VERSION, "", kReason},
-        plan);
+    const Failure failure = {
+        TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_TLS_VERSION, "", kReason};
+    return HintFor(failure, plan);
 }
 
 TEST(ToolHints, TheVersionRequiredFollowsFromWhatWasOffered)
@@ -140,22 +145,72 @@ TEST(ToolHints, TheVersionRequiredFollowsFromWhatWasOffered)
     EXPECT_THAT(VersionHintWith({0x03001301, 0x03000035}), HasSubstr("update the server"));
 }
 
-TEST(ToolHints, SuitesThatWereChosenCanBeLeftOut)
+TEST(ToolHints, OtherSuitesComeWithTheCommandLine)
 {
     Plan plan;
     plan.suites = {0x03000035};
-    EXPECT_EQ(HintFor({TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_TLS_SUITES, "",
-                       kReason},
-                      plan),
-              "the server accepts none of the suites of --ciphers: remove --ciphers, or give "
-              "--ciphers compatible");
+    plan.words = {"--config", "/etc/a.conf", "fetch", "--ciphers", "53", "--ciphers=61", "--quiet"};
+    const Failure failure = {
+        TRAVEX_FTP_ERR_TLS, TRAVEX_FTP_STEP_TLS, 0, TRAVEX_FTP_DETAIL_TLS_SUITES, "", kReason};
+    EXPECT_EQ(HintFor(failure, plan),
+              "the server accepts none of the suites of --ciphers: corpdir --config /etc/a.conf "
+              "fetch --quiet --ciphers compatible");
+}
+
+std::string NameHintWith(const std::string& names)
+{
+    Plan plan;
+    plan.words = {"fetch", "--servers", "a;b"};
+    const Failure failure = {TRAVEX_FTP_ERR_CERT,
+                             TRAVEX_FTP_STEP_TLS,
+                             0,
+                             TRAVEX_FTP_DETAIL_CERT_NAME,
+                             "",
+                             kReason,
+                             names};
+    return HintFor(failure, plan);
+}
+
+TEST(ToolHints, NamesThatWouldFitAreNamed)
+{
+    EXPECT_EQ(
+        NameHintWith("192.0.2.9, *.example, a.example"),
+        "the certificate is for 192.0.2.9, *.example, a.example; if this is the right server, "
+        "list it by that name, or: corpdir fetch --servers 'a;b' --verify-name a.example");
+    EXPECT_EQ(NameHintWith("192.0.2.9, *.example"),
+              "the certificate is for 192.0.2.9, *.example; if this is the right server, list it "
+              "by a name or address of the certificate");
+    EXPECT_THAT(NameHintWith("a.x, b.x, c.x, d.x, e.x, f.x"),
+                HasSubstr("is for a.x, b.x, c.x, d.x, e.x, ...; if"));
+}
+
+// A server chooses the names in its certificate.
+TEST(ToolHints, ANameCannotAddToTheCommandLine)
+{
+    EXPECT_THAT(NameHintWith("$(reboot), a;b, --plain, -x.example"),
+                Not(HasSubstr("--verify-name")));
+}
+
+TEST(ToolHints, TheFailureThatCameFurthestGetsTheHint)
+{
+    const Plan plan;
+    const Failure down = {TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0, "", kReason};
+    const Failure login = {TRAVEX_FTP_ERR_LOGIN, TRAVEX_FTP_STEP_LOGIN, 530, 0, "", kReason};
+    const Failure invalid = {0, 0, 0, 0, "version.txt", kReason};
+    const Failure none = {TRAVEX_FTP_ERR_SYSTEM, TRAVEX_FTP_STEP_CONFIRM, 0, 0, "", kReason};
+    const std::vector<Failure> both = {down, login, down, none};
+    EXPECT_EQ(HintFor(both, plan), HintFor(login, plan));
+    const std::vector<Failure> all = {invalid, login};
+    EXPECT_EQ(HintFor(all, plan), HintFor(invalid, plan));
+    EXPECT_EQ(HintFor(std::vector<Failure>{none, {}}, plan), "");
 }
 
 TEST(ToolHints, OptionsOfTheCallChangeTheAdvice)
 {
     Plan plan;
     plan.plain = true;
-    EXPECT_EQ(HintFor({TRAVEX_FTP_ERR_LOGIN, TRAVEX_FTP_STEP_LOGIN, 530, 0, "", kReason}, plan),
+    const Failure login = {TRAVEX_FTP_ERR_LOGIN, TRAVEX_FTP_STEP_LOGIN, 530, 0, "", kReason};
+    EXPECT_EQ(HintFor(login, plan),
               "the server may refuse logins without TLS: remove --plain; otherwise check --user "
               "and the password");
     const Failure silent = {TRAVEX_FTP_ERR_TIMEOUT, TRAVEX_FTP_STEP_GREETING, 0, 0, "", kReason};
@@ -163,8 +218,8 @@ TEST(ToolHints, OptionsOfTheCallChangeTheAdvice)
     plan.plain = false;
     plan.port = 990;
     EXPECT_THAT(HintFor(silent, plan), Not(HasSubstr("990")));
-    EXPECT_EQ(HintFor({TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0, "", kReason}, plan),
-              "check that the server is running and that --port 990 is right");
+    const Failure down = {TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0, "", kReason};
+    EXPECT_EQ(HintFor(down, plan), "check that the server is running and that --port 990 is right");
     const Failure directory = {
         TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 550, 0, "other", kReason};
     EXPECT_THAT(HintFor(directory, plan), HasSubstr("check --directory-file;"));

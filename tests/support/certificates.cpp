@@ -1,5 +1,6 @@
 #include "certificates.h"
 
+#include <ctime>
 #include <stdexcept>
 #include <vector>
 
@@ -90,6 +91,14 @@ ServerCertificate TestCertificates::Expired() const
 ServerCertificate TestCertificates::NotYetValid() const
 {
     return Leaf("authority", kNames, {"20980101000000Z", "20991231000000Z"});
+}
+
+ServerCertificate TestCertificates::EndingIn(int days) const
+{
+    const std::time_t end = std::time(nullptr) + days * std::time_t{86400};
+    char text[32] = "";
+    (void)std::strftime(text, sizeof text, "%Y%m%d%H%M%SZ", std::gmtime(&end));
+    return Leaf("authority", kNames, {kValidNow.from, text});
 }
 
 ServerCertificate TestCertificates::FromOtherAuthority() const

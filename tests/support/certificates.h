@@ -36,6 +36,7 @@ public:
     ServerCertificate WrongName() const;  // for another address and another name
     ServerCertificate Expired() const;
     ServerCertificate NotYetValid() const;
+    ServerCertificate EndingIn(int days) const;
     ServerCertificate FromOtherAuthority() const;
     ServerCertificate SelfSigned() const;
     ServerCertificate ViaIntermediate() const;

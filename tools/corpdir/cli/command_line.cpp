@@ -377,6 +377,7 @@ int RunCommandLine(int argc, char** argv, const Commands& commands, std::string 
     program.footer(kProgramText);
     program.set_version_flag("-V,--version", versionText, "Print versions and exit");
     Options options;
+    options.words.assign(argv + 1, argv + argc);
     AddSettingsFile(program, defaultSettings,
                     [&options](const std::string& notice)
                     {

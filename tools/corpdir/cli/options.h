@@ -18,6 +18,8 @@ namespace corpdir_tool
 // does not have keep their defaults.
 struct Options
 {
+    std::vector<std::string> words;  // of the command line, without the program's name
+
     std::string servers;
     unsigned int port = 0;  // 0: not given
     std::string localIp;    // empty: chosen by the system

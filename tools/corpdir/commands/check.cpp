@@ -125,7 +125,8 @@ private:
         {
             failures.push_back(result.failure);
         }
-        for (const std::string& hint : HintsFor(failures, m_plan))
+        const std::string hint = HintFor(failures, m_plan);
+        if (!hint.empty())
         {
             m_report.Hint(hint);
         }

@@ -1,6 +1,9 @@
 #include "commands/checker.h"
 
 #include <arpa/inet.h>
+#include <sys/statvfs.h>
+
+#include <ctime>
 
 #include <memory>
 
@@ -142,6 +145,7 @@ CheckResult Checker::Check(const Server& server)
                               : Download(fresh.get(), m_plan.directoryFile, kDirectoryName, server);
         }
         CheckDirectoryFile(event, result);
+        AddWarnings(result);
     }
     return result;
 }
@@ -162,6 +166,10 @@ void Checker::CheckVersionFile(const Event& event, CheckResult& result) const
         return;
     }
     result.version = *file.version;
+    if (!file.warning.empty())
+    {
+        result.warnings.push_back(file.warning);
+    }
 }
 
 void Checker::CheckDirectoryFile(const Event& event, CheckResult& result) const
@@ -181,6 +189,29 @@ void Checker::CheckDirectoryFile(const Event& event, CheckResult& result) const
              {TRAVEX_FTP_ERR_TOO_LARGE, TRAVEX_FTP_STEP_RECEIVE, 0, 0, m_plan.directoryFile,
               "the file has " + std::to_string(result.directoryBytes) +
                   " bytes, --max-size allows " + std::to_string(m_plan.maxSize)});
+    }
+}
+
+// What may fail soon.
+void Checker::AddWarnings(CheckResult& result) const
+{
+    constexpr std::int64_t kDay = 86400;  // seconds
+    constexpr std::int64_t kSoon = 30;    // days
+    const std::int64_t until = result.timings.llCertificateUntil;
+    const std::int64_t left = until - std::time(nullptr);
+    if (until != 0 && left >= 0 && left < kSoon * kDay)
+    {
+        result.warnings.push_back("the certificate expires within " +
+                                  std::to_string(left / kDay + 1) + " days: renew it");
+    }
+    struct statvfs space = {};
+    if (!m_plan.outputDir.empty() && result.directoryBytes != TRAVEX_FTP_SIZE_UNKNOWN &&
+        statvfs(m_plan.outputDir.c_str(), &space) == 0 &&
+        space.f_bavail * space.f_frsize < result.directoryBytes)
+    {
+        result.warnings.push_back(
+            "--output-dir has " + std::to_string(space.f_bavail * space.f_frsize) +
+            " bytes free, the directory file has " + std::to_string(result.directoryBytes));
     }
 }
 

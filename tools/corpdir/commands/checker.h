@@ -42,6 +42,7 @@ public:
 private:
     void CheckVersionFile(const Event& event, CheckResult& result) const;
     void CheckDirectoryFile(const Event& event, CheckResult& result) const;
+    void AddWarnings(CheckResult& result) const;
     unsigned int SetParameters(TRAVEX_FTP_HANDLE handle, const Server& server) const;
     Event Download(TRAVEX_FTP_HANDLE handle, const std::string& file, const std::string& localName,
                    const Server& server);

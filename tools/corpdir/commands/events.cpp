@@ -10,7 +10,8 @@ namespace corpdir_tool
 
 Failure FailureOf(const client::TransferEvent& event)
 {
-    return {event.code, event.step, event.reply, event.detail, event.file, event.reason};
+    return {event.code, event.step,   event.reply,          event.detail,
+            event.file, event.reason, event.timings.acNames};
 }
 
 bool IsArgumentRefusal(unsigned int code)

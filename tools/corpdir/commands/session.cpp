@@ -227,7 +227,6 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
     return status;
 }
 
-// Each hint once.
 void Session::Hint() const
 {
     std::vector<Failure> failures;
@@ -235,7 +234,8 @@ void Session::Hint() const
     {
         failures.push_back(attempt.failure);
     }
-    for (const std::string& hint : HintsFor(failures, m_plan))
+    const std::string hint = HintFor(failures, m_plan);
+    if (!hint.empty())
     {
         m_report.Hint(hint);
     }

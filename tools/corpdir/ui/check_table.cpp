@@ -76,6 +76,7 @@ std::vector<Row> RowsOf(const CheckResult& result, const Plan& plan, std::time_t
                         since(timings.ullSecured, timings.ullConnected)});
         rows.push_back({CheckStep::kCertificate, "certificate",
                         CertificateText(result, now) + (plan.verify ? "" : "; not verified"), 0});
+        rows.push_back({CheckStep::kCertificate, "names", timings.acNames, 0});
     }
     rows.push_back(
         {CheckStep::kLogin, "login", "ok as " + plan.user, since(timings.ullLoggedIn, ready)});
@@ -118,6 +119,8 @@ Json JsonOf(const CheckResult& result)
             {"certificate_subject", OrNull(timings.acSubject)},
             {"certificate_until",
              certificate ? Json(DateOf(timings.llCertificateUntil)) : Json(nullptr)},
+            {"certificate_names",
+             certificate ? Json(CertificateNames(timings.acNames)) : Json(nullptr)},
             {"session_resumed", timings.ulDataResumed == 1},
             {"seconds",
              {{"connected", time(timings.ullConnected)},
@@ -128,7 +131,8 @@ Json JsonOf(const CheckResult& result)
             {"version", OrNull(result.version)},
             {"directory_bytes", result.directoryBytes == TRAVEX_FTP_SIZE_UNKNOWN
                                     ? Json(nullptr)
-                                    : Json(result.directoryBytes)}};
+                                    : Json(result.directoryBytes)},
+            {"warnings", result.warnings}};
 }
 
 }  // namespace
@@ -151,6 +155,7 @@ void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
             if (row.step == CheckStep::kCertificate && !certificate.empty())
             {
                 PrintRow("", Printable(certificate), "", output);
+                PrintRow("names", Printable(result.timings.acNames), "", output);
             }
             return;
         }
@@ -160,6 +165,10 @@ void PrintCheck(const CheckResult& result, const Plan& plan, std::time_t now,
             PrintRow(row.name, Printable(row.result),
                      row.microseconds == 0 ? "" : Milliseconds(row.microseconds), output);
         }
+    }
+    for (const std::string& warning : result.warnings)
+    {
+        PrintRow("warning", output.Styled(Style::kWarn, Printable(warning)), "", output);
     }
 }
 

@@ -38,6 +38,7 @@ struct CheckResult
     std::string version;
     std::uint64_t versionBytes = 0;
     std::uint64_t directoryBytes = TRAVEX_FTP_SIZE_UNKNOWN;  // as announced by the server
+    std::vector<std::string> warnings;                       // of a server that may work
 };
 
 // A table of the steps, with result and time. now: to compute the remaining validity of the

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "suites.h"
+#include "text.h"
 #include "travex_ftp.h"
 
 namespace corpdir_tool
@@ -17,8 +18,46 @@ constexpr unsigned int kImplicitPort = 990;
 constexpr unsigned int kServiceClosed = 421;
 constexpr unsigned int kNoDataConnection = 425;
 
-const char kLogHint[] = "--log-dir DIR writes a log of every step";
 const char kServerLogHint[] = "the server's log may say why";
+
+// The word as a POSIX shell reads it.
+std::string Quoted(const std::string& word)
+{
+    const char* const plain =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./:=,@%+";
+    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos)
+    {
+        return word;
+    }
+    std::string quoted;
+    for (const char letter : Printable(word))
+    {
+        quoted += letter == '\'' ? "'\\''" : std::string(1, letter);
+    }
+    return "'" + quoted + "'";
+}
+
+// The command line with another value for an option.
+std::string CommandWith(const Plan& plan, const std::string& option, const std::string& value)
+{
+    std::string line = "corpdir";
+    bool isOldValue = false;
+    for (const std::string& word : plan.words)
+    {
+        if (!isOldValue && word != option && word.rfind(option + "=", 0) != 0)
+        {
+            line += " " + Quoted(word);
+        }
+        isOldValue = !isOldValue && word == option;
+    }
+    return line + " " + option + " " + Quoted(value);
+}
+
+// For failures that only a log explains.
+std::string LogHint(const Plan& plan)
+{
+    return "log every step: " + CommandWith(plan, "--log-level", "2");
+}
 
 std::string PortOf(const Plan& plan)
 {
@@ -63,8 +102,8 @@ std::string VersionHint(const Plan& plan)
         return "the server has no TLS 1.2 or later: update the server";
     }
     return std::string("the server requires ") + (count == 0 ? "TLS 1.3" : "TLS 1.2") +
-           ", which the suites of --ciphers exclude: remove --ciphers, or give --ciphers "
-           "compatible";
+           ", which the suites of --ciphers exclude: " +
+           CommandWith(plan, "--ciphers", "compatible");
 }
 
 std::string SuitesHint(const Plan& plan)
@@ -74,8 +113,8 @@ std::string SuitesHint(const Plan& plan)
         return "the server accepts none of the default cipher suites: 'corpdir ciphers' lists "
                "others for --ciphers";
     }
-    return "the server accepts none of the suites of --ciphers: remove --ciphers, or give "
-           "--ciphers compatible";
+    return "the server accepts none of the suites of --ciphers: " +
+           CommandWith(plan, "--ciphers", "compatible");
 }
 
 std::string TlsHint(const Failure& failure, const Plan& plan)
@@ -106,15 +145,39 @@ std::string TlsHint(const Failure& failure, const Plan& plan)
     }
 }
 
-std::string CertificateHint(const Failure& failure)
+// The names are the server's claim: it may be an impostor, and they are only shown and quoted.
+std::string NameHint(const Failure& failure, const Plan& plan)
+{
+    constexpr std::size_t kMostShown = 5;
+    const std::vector<std::string> names = CertificateNames(failure.certificateNames);
+    if (names.empty())
+    {
+        return "the certificate has no names: the server needs one with the name or address by "
+               "which it is listed";
+    }
+    std::string shown;
+    for (std::size_t i = 0; i != std::min(names.size(), kMostShown); ++i)
+    {
+        shown += (i == 0 ? "" : ", ") + names[i];
+    }
+    const std::string hint = "the certificate is for " + shown +
+                             (names.size() > kMostShown ? ", ..." : "") +
+                             "; if this is the right server, ";
+    const auto usable = std::find_if(names.begin(), names.end(),
+                                     [](const std::string& name)
+                                     { return IsHostName(name) && name.front() != '-'; });
+    return usable == names.end()
+               ? hint + "list it by a name or address of the certificate"
+               : hint + "list it by that name, or: " + CommandWith(plan, "--verify-name", *usable);
+}
+
+std::string CertificateHint(const Failure& failure, const Plan& plan)
 {
     const std::string rest = "; 'corpdir check' shows the certificate";
     switch (failure.detail)
     {
         case TRAVEX_FTP_DETAIL_CERT_NAME:
-            return "if this is the right server, list it by the name in its certificate, or give "
-                   "that name with --verify-name" +
-                   rest;
+            return NameHint(failure, plan);
         case TRAVEX_FTP_DETAIL_CERT_DATES:
             return "renew the certificate on the server, or correct this machine's clock" + rest;
         default:
@@ -154,7 +217,8 @@ std::string LoginHint(const Plan& plan)
 {
     return plan.plain ? "the server may refuse logins without TLS: remove --plain; otherwise check "
                         "--user and the password"
-                      : "check --user and the password";
+                      : "check --user and the password, and on the server that the account is not "
+                        "locked";
 }
 
 std::string FileHint(const Failure& failure, const Plan& plan)
@@ -187,7 +251,7 @@ std::string HintFor(const Failure& failure, const Plan& plan)
         case TRAVEX_FTP_ERR_TLS:
             return TlsHint(failure, plan);
         case TRAVEX_FTP_ERR_CERT:
-            return CertificateHint(failure);
+            return CertificateHint(failure, plan);
         case TRAVEX_FTP_ERR_LOGIN:
             return LoginHint(plan);
         case TRAVEX_FTP_ERR_FILE:
@@ -200,31 +264,55 @@ std::string HintFor(const Failure& failure, const Plan& plan)
         case TRAVEX_FTP_ERR_TOO_LARGE:
             return "raise --max-size if the file should be this large";
         case TRAVEX_FTP_ERR_LOCAL_FILE:
-            return "check free space and permissions of --output-dir";
+            return "check free space and permissions of --output-dir: df -h " +
+                   Quoted(plan.outputDir) + "; ls -ld " + Quoted(plan.outputDir);
         case TRAVEX_FTP_ERR_TRANSFER:
             return failure.step == TRAVEX_FTP_STEP_GREETING
                        ? "the server closes connections at once: connection limit reached, or --" +
                              PortOf(plan) + " is wrong"
-                       : kLogHint;
+                       : LogHint(plan);
         case TRAVEX_FTP_ERR_REPLY:
-            return kLogHint;
+            return LogHint(plan);
+        case TRAVEX_FTP_OK:
+            return failure.file.empty() || failure.reason.empty()
+                       ? ""
+                       : "the version file must be ASCII or UTF-8 text with 5 to 30 bytes in its "
+                         "first line";
         default:
             return "";
     }
 }
 
-std::vector<std::string> HintsFor(const std::vector<Failure>& failures, const Plan& plan)
+std::string HintFor(const std::vector<Failure>& failures, const Plan& plan)
 {
-    std::vector<std::string> hints;
+    std::string best;
+    unsigned int furthest = 0;
     for (const Failure& failure : failures)
     {
         const std::string hint = HintFor(failure, plan);
-        if (!hint.empty() && std::find(hints.begin(), hints.end(), hint) == hints.end())
+        // An invalid version file has arrived.
+        const unsigned int step =
+            failure.code == TRAVEX_FTP_OK ? TRAVEX_FTP_STEP_CONFIRM + 1 : failure.step;
+        if (!hint.empty() && (best.empty() || step > furthest))
         {
-            hints.push_back(hint);
+            best = hint;
+            furthest = step;
         }
     }
-    return hints;
+    return best;
+}
+
+std::vector<std::string> CertificateNames(const std::string& list)
+{
+    const std::string separator = ", ";
+    std::vector<std::string> names;
+    for (std::size_t begin = 0; begin < list.size();)
+    {
+        const std::size_t end = std::min(list.find(separator, begin), list.size());
+        names.push_back(list.substr(begin, end - begin));
+        begin = end + separator.size();
+    }
+    return names;
 }
 
 std::string WithFile(const Failure& failure)

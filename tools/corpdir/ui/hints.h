@@ -19,13 +19,19 @@ struct Failure
     unsigned int detail = 0;  // tagTRAVEX_FTP_DETAIL
     std::string file;         // on the server; empty when not known
     std::string reason;       // for people; nothing is decided by its words
+    // Of the server's certificate, separated by ", "; see tagTRAVEX_FTP_S_TIMINGS.
+    std::string certificateNames{};
 };
 
-// The advice on a failure; empty when there is none.
+// The advice on a failure; empty when there is none. A code of 0 with a file and a reason: the
+// version file is not valid.
 std::string HintFor(const Failure& failure, const Plan& plan);
 
-// The hints for several failures, each once, in order.
-std::vector<std::string> HintsFor(const std::vector<Failure>& failures, const Plan& plan);
+// The advice on several failures: on the one that came furthest in the dialogue.
+std::string HintFor(const std::vector<Failure>& failures, const Plan& plan);
+
+// The elements of a list of certificate names.
+std::vector<std::string> CertificateNames(const std::string& list);
 
 // The reason, after the file name when the failure is about a file.
 std::string WithFile(const Failure& failure);
