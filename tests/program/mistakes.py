@@ -12,6 +12,7 @@ import argparse
 import difflib
 import pathlib
 import re
+import resource
 import shlex
 import subprocess
 import sys
@@ -21,7 +22,7 @@ from certificates import EXPIRED
 
 BLOCK = re.compile(r"^```console\n(.*?)^```\n", re.M | re.S)
 HEADING = re.compile(r"^## (?:\d+\. )?(.*)\n", re.M)
-COUNT = range(20, 23)
+COUNT = range(20, 29)
 
 # The resolver's message for a name that does not exist, and its messages without a network, with a
 # network that does not answer, or without a name service.
@@ -33,6 +34,12 @@ RESOLVER_WORDS = ["Temporary failure in name resolution", "Non-recoverable failu
 SHORT = {"CORPDIR_FTP_RESPONSE_MS": "1000", "CORPDIR_FTP_CONNECT_MS": "1000"}
 PATIENCE = [("no greeting within 1 s", "no greeting within 20 s")]
 
+# Files cannot exceed a limit in the test, and the disk is full in the document. Python ignores the
+# signal of the limit, and so does the program then.
+FULL_DISK = [("File too large", "No space left on device")]
+
+STAGED = re.compile(r"\.corpdir-[0-9a-f]{16}\.")  # names of files that are not complete
+
 TLS_LIBRARY = re.compile(r"OpenSSL/3\.0\.\d+")
 
 
@@ -43,6 +50,7 @@ class Mistakes:
         self.scene = scene
         scene.write("srv/version.txt", "2026-11-21 17:30\n")
         scene.write("srv/short.txt", "1.2\n")
+        scene.write("srv/utf16.txt", "2026-11-21 17:30\r\n".encode("utf-16"))
         scene.write("srv/directory.csv", b"number,name\n" * 40000)
         scene.write("out/old", "")
         scene.write("etc/password", PASSWORD + "\n")
@@ -64,8 +72,17 @@ class Mistakes:
             "renamed": scene.serve(root, scene.make_certificate("renamed", "DNS:old.example.com")),
             "expired": scene.serve(root, scene.make_certificate("expired", "IP:127.0.0.1", EXPIRED)),
             "modern": scene.serve(root, good, "--tls", "explicit", "--ciphers", "ECDHE+AESGCM"),
+            "tls13": scene.serve(root, good, "--tls", "explicit", "--tls-min", "1.3"),
             "mute": scene.start("faulty_ftp_server.py", "--fault", "hang:GREETING"),
+            "locked": self.start_faulty(good, "reply:PASS:530 Account is locked."),
+            "noprot": self.start_faulty(good, "reply:PROT:534 Request denied for policy reasons."),
+            "nodata": self.start_faulty(good, "reply:EPSV:229 Extended (|||1|) + "
+                                              "reply:PASV:227 (127,0,0,1,0,1)"),
         }
+
+    def start_faulty(self, certificate, fault):
+        return self.scene.start("faulty_ftp_server.py", "--fault", fault, "--tls", "explicit",
+                                "--cert", certificate, "--key", self.scene.key)
 
     def write_settings(self, document):
         """The document's settings file, and what its mistakes make of it."""
@@ -101,8 +118,9 @@ class Mistakes:
         text = re.sub(r"\b%d\b" % port, "2121", text)
         for words in RESOLVER_WORDS:
             text = text.replace(words, UNKNOWN_NAME)
-        for actual, stand_in in PATIENCE:
+        for actual, stand_in in PATIENCE + FULL_DISK:
             text = text.replace(actual, stand_in)
+        text = STAGED.sub(".corpdir-0123456789abcdef.", text)
         text = TLS_LIBRARY.sub("OpenSSL/3.0.19", text)
         if str(self.scene.folder) in text:
             raise SystemExit("a path of this run is left in:\n" + text)
@@ -120,15 +138,22 @@ class Mistakes:
         done = subprocess.run([program, *words[1:]], env=environment(**SHORT, **variables),
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, text=True, timeout=60, check=False,
-                              start_new_session=True)
+                              start_new_session=True, restore_signals=not mistake.full_disk,
+                              preexec_fn=limit_files if mistake.full_disk else None)
         return "$ %s\n%s[exit status %d]\n" % (mistake.command, self.shown(done.stdout, port),
                                                done.returncode)
 
 
+def limit_files():
+    """A limit on the size of files takes the place of a full disk."""
+    resource.setrlimit(resource.RLIMIT_FSIZE, (100000, 100000))
+
+
 class Mistake:
-    def __init__(self, command, server="good"):
+    def __init__(self, command, server="good", full_disk=False):
         self.command = command
         self.server = server
+        self.full_disk = full_disk
 
 
 FETCH = "corpdir --config /etc/corpdir/corpdir.conf fetch"
@@ -149,7 +174,7 @@ MISTAKES = {
     "The certificate is for another name": [Mistake(FETCH, "renamed")],
     "The certificate has expired": [Mistake(FETCH, "expired")],
     "The server shares no cipher suite": [
-        Mistake(FETCH + " --ciphers AES256-SHA", "modern"),
+        Mistake(FETCH + " --ciphers service", "modern"),
         Mistake(FETCH + " --ciphers AES256-SHA1")],
     "The password is wrong": [Mistake(FETCH + " --password-file /etc/corpdir/old-password")],
     "There is no password": [
@@ -166,6 +191,12 @@ MISTAKES = {
     "An option is misspelt on the command line": [Mistake(FETCH + " --server ftp1.example.com")],
     "An option is misspelt in the settings file": [
         Mistake("corpdir --config /etc/corpdir/misspelt.conf fetch")],
+    "The server requires another TLS version": [Mistake(FETCH + " --ciphers service", "tls13")],
+    "The version file is UTF-16": [Mistake(FETCH + " --version-file utf16.txt")],
+    "The account is locked": [Mistake(FETCH, "locked")],
+    "The server refuses PROT": [Mistake(FETCH, "noprot")],
+    "The server's data ports are closed": [Mistake(FETCH, "nodata")],
+    "The disk is full": [Mistake(FETCH, full_disk=True)],
 }
 
 
