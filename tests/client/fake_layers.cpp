@@ -3,11 +3,21 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 
+#include <mutex>
+
 #include "osak.h"
 #include "osak/timers.h"
 
 namespace corpdir_tool
 {
+
+namespace
+{
+
+// Held during each call of the observer: as in the FTP layer, it is not replaced meanwhile.
+std::mutex g_observing;
+
+}  // namespace
 
 FakeLayers& Layers()
 {
@@ -27,7 +37,11 @@ void FakeLayers::Observe(unsigned int kind, unsigned int task, const std::string
     seen.ullTotal = 48;
     seen.ulRet = code;
     seen.pcReason = reason;
-    observer(user, &seen);
+    const std::lock_guard<std::mutex> lock(g_observing);
+    if (observer != nullptr)
+    {
+        observer(user, &seen);
+    }
 }
 
 }  // namespace corpdir_tool
@@ -36,6 +50,7 @@ using corpdir_tool::Layers;
 
 void TRAVEX_FTP_SetObserver(TRAVEX_FTP_OBSERVER_CB observer, void* user)
 {
+    const std::lock_guard<std::mutex> lock(corpdir_tool::g_observing);
     Layers().observer = observer;
     Layers().user = user;
 }

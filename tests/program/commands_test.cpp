@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
@@ -13,6 +12,7 @@
 #include <sstream>
 
 #include "program_fixture.h"
+#include "silent_address.h"
 
 namespace integration
 {
@@ -156,53 +156,10 @@ TEST_F(ProgramLimits, AnOptionOverridesTheEnvironment)
     EXPECT_EQ(RunCommand(command).status, kNoServer);
 }
 
-// A listening socket whose queue is full neither accepts nor refuses a connection.
-class FullQueue
-{
-public:
-    FullQueue()
-    {
-        m_address.sin_family = AF_INET;
-        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof m_address;
-        auto* const address = reinterpret_cast<sockaddr*>(&m_address);
-        EXPECT_EQ(bind(m_sockets[0], address, length), 0);
-        EXPECT_EQ(getsockname(m_sockets[0], address, &length), 0);
-        EXPECT_EQ(listen(m_sockets[0], 0), 0);
-        for (std::size_t i = 1; i != m_sockets.size(); ++i)
-        {
-            (void)connect(m_sockets[i], address, length);  // the later ones will not be done
-        }
-    }
-    ~FullQueue()
-    {
-        for (const int socket : m_sockets)
-        {
-            (void)close(socket);
-        }
-    }
-    FullQueue(const FullQueue&) = delete;
-    FullQueue& operator=(const FullQueue&) = delete;
-
-    int Port() const
-    {
-        return ntohs(m_address.sin_port);
-    }
-
-private:
-    static int NewSocket()
-    {
-        return socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    }
-
-    std::array<int, 4> m_sockets{NewSocket(), NewSocket(), NewSocket(), NewSocket()};
-    sockaddr_in m_address{};
-};
-
 TEST_F(ProgramLimits, AConnectionTimesOut)
 {
-    const FullQueue queue;
-    m_port = queue.Port();
+    const support::SilentAddress silent;
+    m_port = static_cast<int>(silent.Port());
     const CommandResult result = Run({"--connect-timeout=1"});
     EXPECT_EQ(result.status, kNoServer);
     EXPECT_EQ(result.output,
@@ -652,7 +609,11 @@ protected:
 
     void Watch(const std::vector<std::string>& more = {})
     {
-        Command command = Line("watch", more, CORPDIR_STAGED_PROGRAM);
+        Start(Line("watch", more, CORPDIR_STAGED_PROGRAM));
+    }
+
+    void Start(Command command)
+    {
         command.output_file = m_files.File("said");
         m_process = std::make_unique<Process>(command);
     }
@@ -771,7 +732,7 @@ TEST_P(ProgramWatchStops, WithinASecond)
     EXPECT_LT(spent, seconds(1));
 #endif
     EXPECT_THAT(Said(), HasSubstr("stopped by SIG"));
-    EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
+    ExpectFiles({kState, "directory.csv", "version.txt"});
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, ProgramWatchStops, ::testing::Values(SIGTERM, SIGINT),
@@ -788,7 +749,7 @@ TEST_F(ProgramWatch, StopsInTheMiddleOfADownload)
     m_process->Signal(SIGTERM);
     EXPECT_EQ(m_process->Wait(seconds(10)), 0) << Said();
     EXPECT_EQ(ReadFile(m_output.File("directory.csv")), kOlder);
-    EXPECT_THAT(support::FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
+    ExpectFiles({"directory.csv"});
 }
 
 TEST_F(ProgramWatch, ACommandInheritsNoPassword)
@@ -803,6 +764,93 @@ TEST_F(ProgramWatch, ACommandInheritsNoPassword)
                 AllOf(HasSubstr("CORPDIR_VERSION=edition 17"), Not(HasSubstr(m_options.password)),
                       Not(HasSubstr("CORPDIR_FTP_"))))
         << "limits are set by function, not in the environment";
+}
+
+// After a restart the service fetches the directory file in any case.
+TEST_F(ProgramWatch, AnEqualFileAfterARestartIsNoUpdate)
+{
+    Serve();
+    Fetched();
+    const std::string given = m_files.File("given");
+    Watch({"--exec=echo run >>" + given});
+    ASSERT_TRUE(Await("unchanged: version 'edition 17'", 3)) << Said();
+    EXPECT_EQ(Count("downloaded "), 0U);
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 2U);
+    EXPECT_FALSE(support::FileExists(given));
+}
+
+// The program without the faster timer: the next check would come after ten minutes.
+class ProgramWatchRequest : public ProgramWatch
+{
+protected:
+    void Watch(const std::vector<std::string>& more = {})
+    {
+        Start(Line("watch", more));
+    }
+};
+
+TEST_F(ProgramWatchRequest, ChecksAtOnce)
+{
+    Serve();
+    Watch();
+    ASSERT_TRUE(Await("downloaded ")) << Said();
+    m_process->Signal(SIGUSR1);
+    ASSERT_TRUE(Await("unchanged")) << Said();
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 1U);
+    m_server->AddFile("version.txt", "edition 18\n");
+    m_process->Signal(SIGUSR1);
+    ASSERT_TRUE(Await("version 'edition 18', 200000 bytes")) << Said();
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 2U);
+}
+
+TEST_F(ProgramWatchRequest, ChecksAtOnceInAPause)
+{
+    Watch({"--retry=3600"});
+    ASSERT_TRUE(Await("retrying in 3600 s")) << Said();
+    m_process->Signal(SIGUSR1);
+    ASSERT_TRUE(Await("retrying in 3600 s", 2)) << Said();
+}
+
+TEST_F(ProgramWatchRequest, TakesAChangedPassword)
+{
+    Serve();
+    const std::string password = m_files.File("password");
+    WriteFile(password, "not-the-password");
+    Watch({"--retry=3600", "--password-file=" + password});
+    ASSERT_TRUE(Await("retrying in 3600 s")) << Said();
+    WriteFile(password, m_options.password);
+    m_process->Signal(SIGHUP);
+    ASSERT_TRUE(Await("downloaded ")) << Said();
+    EXPECT_EQ(Count("settings reloaded"), 1U);
+    ExpectFiles({kState, "directory.csv", "version.txt"});
+}
+
+TEST_F(ProgramWatchRequest, TakesAChangedSettingsFile)
+{
+    Serve();
+    const std::string settings = m_files.File("corpdir.conf");
+    WriteFile(settings, "servers = \"127.0.0.2\"\n");
+    Watch({"--retry=3600", "--servers=" + kLeftOut, "--config=" + settings});
+    ASSERT_TRUE(Await("retrying in 3600 s")) << Said();
+    WriteFile(settings, "servers = \"127.0.0.1\"\n");
+    m_process->Signal(SIGHUP);
+    ASSERT_TRUE(Await("downloaded ")) << Said();
+    EXPECT_EQ(Count("settings reloaded"), 1U);
+
+    WriteFile(settings, "servers = \"127.0.0.1;\"\n");
+    m_process->Signal(SIGHUP);
+    ASSERT_TRUE(Await("settings not reloaded: --servers: entry 2 of '127.0.0.1;' is empty"))
+        << Said();
+    WriteFile(settings, "serverz = 1\n");
+    m_process->Signal(SIGHUP);
+    ASSERT_TRUE(
+        Await("settings not reloaded: the settings file cannot be used, see standard "
+              "error"))
+        << Said();
+    m_process->Signal(SIGUSR1);
+    ASSERT_TRUE(Await("unchanged: version 'edition 17' at 127.0.0.1")) << Said();
+    m_process->Signal(SIGTERM);
+    EXPECT_EQ(m_process->Wait(seconds(10)), 0) << Said();
 }
 
 // With standard output closed, the program must not write to another descriptor.

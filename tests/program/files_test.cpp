@@ -1,10 +1,9 @@
-// The rule of the version file, the sources of the password, and the report.
+// The sources of the password, and the report.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "commands/version_file.h"
 #include "os/output_files.h"
 #include "os/password.h"
 #include "parts_support.h"
@@ -18,51 +17,6 @@ namespace
 {
 
 using testing::HasSubstr;
-
-std::optional<std::string> VersionOf(const std::string& text)
-{
-    const TemporaryDirectory directory;
-    return ReadVersionFile(directory.Write("version.txt", text)).version;
-}
-
-TEST(ToolVersionFile, TheFirstLineIsTheVersion)
-{
-    EXPECT_EQ(VersionOf("1.2.3\nsecond line\n"), "1.2.3");
-    EXPECT_EQ(VersionOf("1.2.3"), "1.2.3");
-    EXPECT_EQ(VersionOf(" 1.2.3 \r\n"), " 1.2.3 \r");
-}
-
-TEST(ToolVersionFile, ItHasAtLeastFiveBytes)
-{
-    EXPECT_EQ(VersionOf("12345\n"), "12345");
-    EXPECT_EQ(VersionOf("1234\n"), std::nullopt);
-    EXPECT_EQ(VersionOf(""), std::nullopt);
-    EXPECT_EQ(VersionOf("\n1.2.3\n"), std::nullopt);
-}
-
-TEST(ToolVersionFile, AtMostThirtyBytesCount)
-{
-    const std::string thirty(30, 'v');
-    EXPECT_EQ(VersionOf(thirty), thirty);
-    EXPECT_EQ(VersionOf(thirty + "\n"), thirty);
-    EXPECT_EQ(VersionOf(thirty + "w"), thirty);
-    EXPECT_EQ(VersionOf(std::string(4000, 'v')), thirty);
-}
-
-TEST(ToolVersionFile, AZeroByteEndsIt)
-{
-    EXPECT_EQ(VersionOf(std::string("12345\0006", 7)), "12345");
-    EXPECT_EQ(VersionOf(std::string("1234\0005678", 9)), std::nullopt);
-}
-
-TEST(ToolVersionFile, TheProblemIsTold)
-{
-    const TemporaryDirectory directory;
-    EXPECT_EQ(ReadVersionFile(directory.Path() + "/none").problem,
-              "cannot be opened: No such file or directory");
-    EXPECT_EQ(ReadVersionFile(directory.Write("short", "a\x01\n")).problem,
-              "its first line 'a\\x01' is shorter than 5 bytes");
-}
 
 TEST(ToolOutputFiles, OnlyOurOwnTemporaryFilesAreRemoved)
 {

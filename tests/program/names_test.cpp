@@ -192,7 +192,7 @@ TEST_F(ProgramNames, AStopDoesNotWaitForALookup)
     EXPECT_EQ(program.Wait(seconds(20)), 128 + SIGTERM);
     EXPECT_LT(steady_clock::now() - begun, seconds(5));
     EXPECT_EQ(ReadFile(command.output_file),
-              "corpdir: stopped while looking up the names of the servers\n");
+              "corpdir: stopped by SIGTERM while looking up the names of the servers\n");
 }
 
 TEST_F(ProgramNames, TheTimeOfTheProgramGoesBeforeThatOfALookup)

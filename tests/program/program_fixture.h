@@ -32,6 +32,7 @@ enum Status
 };
 
 inline const std::string kVersion = "edition 17\n";
+inline const std::string kState = ".directory.csv.corpdir.json";
 inline const std::string kLeftOut = "(left out)";
 inline const std::string kOlder = "the directory that was there before\n";
 
@@ -135,8 +136,13 @@ protected:
         EXPECT_EQ(support::ReadFile(m_output.File("version.txt")), kVersion);
         EXPECT_EQ(support::Sha256(support::ReadFile(m_output.File("directory.csv"))),
                   support::Sha256(m_directory));
-        EXPECT_THAT(support::FilesIn(m_output.Path()),
-                    ::testing::ElementsAre("directory.csv", "version.txt"));
+        ExpectFiles({kState, "directory.csv", "version.txt"});
+    }
+
+    // Nothing else is left in the output directory.
+    void ExpectFiles(const std::vector<std::string>& names) const
+    {
+        EXPECT_THAT(support::FilesIn(m_output.Path()), ::testing::ElementsAreArray(names));
     }
 
     support::TestCertificates m_certificates;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "program_fixture.h"
+#include "silent_address.h"
 
 namespace integration
 {
@@ -315,12 +316,13 @@ protected:
         WriteFile(m_output.File("directory.csv"), kOlder);
     }
 
+    // The version file never comes without its directory file.
     void ExpectOlderDirectory() const
     {
         EXPECT_EQ(ReadFile(m_output.File("directory.csv")), kOlder);
         for (const std::string& name : support::FilesIn(m_output.Path()))
         {
-            EXPECT_THAT(name, AnyOf("directory.csv", "version.txt"));
+            EXPECT_THAT(name, AnyOf("directory.csv", kState));
         }
     }
 };
@@ -390,19 +392,90 @@ TEST_F(ProgramFailure, AnotherTlsVersionIsWanted)
 TEST_F(ProgramFailure, VersionFileTooShort)
 {
     Serve().AddFile("version.txt", "1.2\n");
-    const CommandResult result = Run();
+    CommandResult result = Run();
     EXPECT_EQ(result.status, kBadVersion) << result.output;
+    EXPECT_EQ(result.output,
+              "127.0.0.1: the version file is not valid: its first line '1.2' is shorter than 5 "
+              "bytes\n"
+              "corpdir: the server failed\n");
+    ExpectOlderDirectory();
+    result = Run({"--servers=127.0.0.1;127.0.0.2"});
+    EXPECT_EQ(result.status, kBadVersion) << result.output;
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("is shorter than 5 bytes; trying next server\n127.0.0.2: "),
+                      HasSubstr("corpdir: all 2 servers failed\n")));
     ExpectOlderDirectory();
 }
 
-TEST_F(ProgramFailure, NoOutcomeInTime)
+TEST_F(Program, AsksTheNextServerForAVersionThatIsNotValid)
 {
-    m_options.bytes_per_second = 100000;
-    m_directory = PatternBytes(20000000, 2);
+    m_options.certificate = m_certificates.WithNames("IP:127.0.0.1,IP:127.0.0.2");
     Serve();
+    FtpServerOptions options = m_options;
+    options.host = "127.0.0.2";
+    options.port = m_port;
+    PyFtpServer other(options);
+    other.AddFile("version.txt", "");
+    Fetched({"--servers=127.0.0.2;127.0.0.1"});
+    EXPECT_EQ(other.CountCommands("RETR version.txt"), 1u);
+}
+
+TEST_F(Program, ANewDirectoryFileKeepsTheModeOfTheOld)
+{
+    Serve();
+    WriteFile(m_output.File("directory.csv"), kOlder);
+    std::filesystem::permissions(m_output.File("directory.csv"), std::filesystem::perms(0640));
+    Fetched();
+    for (const std::string& name : {std::string("directory.csv"), kState})
+    {
+        EXPECT_EQ(std::filesystem::status(m_output.File(name)).permissions(),
+                  std::filesystem::perms(0640))
+            << name;
+    }
+}
+
+TEST_F(Program, FetchesOnlyAChangeWhenAsked)
+{
+    const CommandResult help = RunCommand({{CORPDIR_TEST_PROGRAM, "fetch", "--help"}, {}, ""});
+    if (help.output.find("--if-changed") == std::string::npos)
+    {
+        GTEST_SKIP() << "this build has no --if-changed";
+    }
+    Serve();
+    Fetched({"--if-changed"});
+    CommandResult result = Fetched({"--if-changed"});
+    EXPECT_EQ(result.output, "unchanged: edition 17\n");
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 1u);
+    result = Fetched({"--if-changed", "--json"});
+    EXPECT_THAT(result.output, AllOf(HasSubstr("\"unchanged\":true"), HasSubstr("\"status\":0"),
+                                     HasSubstr("\"fetched\":false")));
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 1u);
+    WriteFile(m_output.File("directory.csv"), kOlder);
+    Fetched({"--if-changed"});
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 2u);
+}
+
+TEST_F(ProgramFailure, NoProgressInTime)
+{
+    const support::SilentAddress silent;
+    m_port = static_cast<int>(silent.Port());
     const CommandResult result = Run({"--timeout=2"});
     EXPECT_EQ(result.status, kNoOutcome) << result.output;
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("corpdir: timed out after 2 s without progress, while fetching "
+                                "version file 'version.txt' from 127.0.0.1: 0 bytes\n"),
+                      HasSubstr("hint: raise --timeout")));
     ExpectOlderDirectory();
+}
+
+// The whole download takes longer than the timeout.
+TEST_F(Program, ProgressExtendsTheTimeout)
+{
+    m_options.bytes_per_second = 50000;
+    Serve();
+    const auto begun = std::chrono::steady_clock::now();
+    Fetched({"--timeout=2"});
+    EXPECT_GT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
 }
 
 TEST_F(ProgramFailure, OutputDirectoryThatIsNotThere)
@@ -442,14 +515,24 @@ TEST_P(ProgramSignal, StopsCleanlyInTheMiddle)
     Command command = Fetch();
     command.output_file = messages.File("output");
     Process program(command);
-    // Version file, directory file and the temporary one.
-    ASSERT_TRUE(WaitUntil([this] { return support::FilesIn(m_output.Path()).size() == 3; }))
-        << ReadFile(command.output_file);
+    const auto downloading = [this]
+    {
+        const std::vector<std::string> names = support::FilesIn(m_output.Path());
+        const auto has = [&names](const char* text)
+        {
+            return std::any_of(names.begin(), names.end(),
+                               [text](const std::string& name)
+                               { return name.find(text) != std::string::npos; });
+        };
+        return has(".version") && has(".part");
+    };
+    ASSERT_TRUE(WaitUntil(downloading)) << ReadFile(command.output_file);
     program.Signal(GetParam());
     const auto status = program.Wait(std::chrono::seconds(5));
     ASSERT_TRUE(status.has_value()) << "still running";
     EXPECT_EQ(*status, 128 + GetParam()) << ReadFile(command.output_file);
-    ExpectOlderDirectory();
+    ExpectFiles({"directory.csv"});
+    EXPECT_EQ(ReadFile(m_output.File("directory.csv")), kOlder);
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, ProgramSignal, ::testing::Values(SIGINT, SIGTERM),

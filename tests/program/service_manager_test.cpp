@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "notify_receiver.h"
 #include "parts_support.h"
 
 namespace corpdir_tool
@@ -20,45 +21,6 @@ namespace
 {
 
 using ::testing::StartsWith;
-
-// The receiving end: a path, or with "@" in front a name in the abstract namespace.
-class Receiver
-{
-public:
-    explicit Receiver(const std::string& name)
-        : m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        name.copy(address.sun_path, sizeof address.sun_path);
-        std::size_t length = offsetof(sockaddr_un, sun_path) + name.size();
-        if (name[0] == '@')
-        {
-            address.sun_path[0] = '\0';
-        }
-        else
-        {
-            ++length;
-        }
-        EXPECT_EQ(bind(m_socket.Number(), reinterpret_cast<const sockaddr*>(&address),
-                       static_cast<socklen_t>(length)),
-                  0)
-            << std::strerror(errno);
-        EXPECT_EQ(setenv("NOTIFY_SOCKET", name.c_str(), 1), 0);
-    }
-
-    // The next datagram; a datagram of a local socket arrives within the send.
-    std::optional<std::string> Next() const
-    {
-        char bytes[4096];
-        const ssize_t got = recv(m_socket.Number(), bytes, sizeof bytes, 0);
-        return got < 0 ? std::nullopt
-                       : std::optional(std::string(bytes, static_cast<std::size_t>(got)));
-    }
-
-private:
-    base::Descriptor m_socket;
-};
 
 long MonotonicSeconds()
 {
@@ -83,7 +45,7 @@ TEST_F(ToolServiceManager, EachReportIsOneDatagram)
     for (const std::string& name :
          {m_folder.Path() + "/notify", "@corpdir-test-" + std::to_string(getpid())})
     {
-        const Receiver receiver(name);
+        const NotifyReceiver receiver(name);
         const ServiceManager manager;
         manager.Ready();
         manager.Status("version 'a' from dir1, checked 12:00");
@@ -97,7 +59,7 @@ TEST_F(ToolServiceManager, EachReportIsOneDatagram)
 
 TEST_F(ToolServiceManager, AReloadHasItsTime)
 {
-    const Receiver receiver(m_folder.Path() + "/notify");
+    const NotifyReceiver receiver(m_folder.Path() + "/notify");
     const ServiceManager manager;
     const long before = MonotonicSeconds();
     manager.Reloading();
@@ -112,14 +74,14 @@ TEST_F(ToolServiceManager, AReloadHasItsTime)
 // A server's text must not become another variable of the protocol.
 TEST_F(ToolServiceManager, AStatusIsOneLine)
 {
-    const Receiver receiver(m_folder.Path() + "/notify");
+    const NotifyReceiver receiver(m_folder.Path() + "/notify");
     ServiceManager().Status("failed: no\nSTOPPING=1\r\x1b\xff");
     EXPECT_EQ(receiver.Next(), "STATUS=failed: no\\x0aSTOPPING=1\\x0d\\x1b\\xff");
 }
 
 TEST_F(ToolServiceManager, TheVariableIsTakenOnce)
 {
-    const Receiver receiver(m_folder.Path() + "/notify");
+    const NotifyReceiver receiver(m_folder.Path() + "/notify");
     const ServiceManager first;
     EXPECT_EQ(getenv("NOTIFY_SOCKET"), nullptr);
     ServiceManager().Ready();
@@ -139,7 +101,7 @@ TEST_F(ToolServiceManager, FailuresAreIgnored)
         ASSERT_EQ(setenv("NOTIFY_SOCKET", name.c_str(), 1), 0);
         ServiceManager().Ready();
     }
-    const Receiver receiver(m_folder.Path() + "/notify");
+    const NotifyReceiver receiver(m_folder.Path() + "/notify");
     const ServiceManager manager;
     const int more = 100000;  // than any queue has
     for (int count = 0; count < more; ++count)

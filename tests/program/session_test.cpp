@@ -3,13 +3,12 @@
 #include <signal.h>
 #include <string.h>
 
-#include <functional>
-#include <map>
+#include <atomic>
+#include <memory>
 #include <sstream>
 #include <thread>
 
 #include "commands/session.h"
-#include "fake_layers.h"
 #include "fake_service.h"
 #include "parts_support.h"
 #include "suites.h"
@@ -19,210 +18,78 @@ namespace corpdir_tool
 namespace
 {
 
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using support::FilesIn;
+using support::ReadFile;
+using support::WriteFile;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
-// The result of each transfer from a server. Codes: tagTRAVEX_FTP_RESULT.
-struct ServerScript
-{
-    unsigned int refuseRequest = 0;  // the request itself is refused, observed
-    bool refuseUnseen = false;       // the same without an observation
-    unsigned int versionFails = 0;
-    int versionFailures = 1000;  // how often
-    std::string version = "2024-01-01\n";
-    bool hangVersion = false;
-    unsigned int refuseDirectory = 0;
-    unsigned int directoryFails = 0;
-    bool hangDirectory = false;
-    bool versionFailsLate = false;  // a repeated check fails while the directory file comes
-};
+constexpr std::chrono::hours kForever{1};
 
-// Rotates as the service does: after each version failure to the next server, a single server is
-// tried twice, and the rotation ends with the list.
-class RotatingService final : public FakeService
-{
-public:
-    ~RotatingService()
-    {
-        CorpDirUninit();
-    }
-
-    void WaitUntilHanging()
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_hanging; });
-    }
-
-    std::map<std::string, ServerScript> scripts;
-
-private:
-    unsigned int Refuse() override
-    {
-        const std::string& all = requests.back();
-        m_current = all.substr(0, all.find(';'));
-        m_working = all.find(';') == std::string::npos ? all : all.substr(all.find(';') + 1);
-        const ServerScript& script = scripts[m_current];
-        if (script.refuseUnseen)
-        {
-            return 7;
-        }
-        if (script.refuseRequest != 0)
-        {
-            Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", script.refuseRequest, "refused: bad suite");
-            return 1;
-        }
-        return 0;
-    }
-
-    void Play() override
-    {
-        while (!Version())
-        {
-            if (m_working.empty())
-            {
-                return;  // the pass ends without a retry
-            }
-            const std::size_t end = m_working.find(';');
-            m_current = m_working.substr(0, end);
-            m_working = end == std::string::npos ? "" : m_working.substr(end + 1);
-        }
-        const std::string version = scripts[m_current].version;
-        if (version.find('\n') >= 5)
-        {
-            Directory();
-        }
-    }
-
-    bool Version()
-    {
-        ServerScript& script = scripts[m_current];
-        if (script.hangVersion)
-        {
-            Hang();
-            return true;
-        }
-        if (script.versionFails != 0 && script.versionFailures-- > 0)
-        {
-            Observe(TRAVEX_FTP_OBSERVED_FAILED, lastRequest.szVersionServerFile,
-                    script.versionFails, "version refused");
-            m_callback(1, 1, nullptr, nullptr);
-            return false;
-        }
-        Store(lastRequest.szVersionLocalDir, lastRequest.szVersionLocalFileName, script.version);
-        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, lastRequest.szVersionServerFile, 0, "");
-        return true;
-    }
-
-    void Directory()
-    {
-        const ServerScript& script = scripts[m_current];
-        if (script.refuseDirectory != 0)
-        {
-            Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", script.refuseDirectory, "directory not begun");
-            return;
-        }
-        Observe(TRAVEX_FTP_OBSERVED_PROGRESS, lastRequest.szCorpDirServerFile, 0, "");
-        if (script.versionFailsLate)
-        {
-            Observe(TRAVEX_FTP_OBSERVED_FAILED, lastRequest.szVersionServerFile,
-                    TRAVEX_FTP_ERR_CONNECT, "late");
-        }
-        if (script.hangDirectory)
-        {
-            Hang();
-            return;
-        }
-        if (script.directoryFails != 0)
-        {
-            Observe(TRAVEX_FTP_OBSERVED_FAILED, lastRequest.szCorpDirServerFile,
-                    script.directoryFails, "directory refused");
-            m_callback(1, 1, nullptr, nullptr);
-            return;
-        }
-        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, lastRequest.szCorpDirServerFile, 0, "");
-        m_callback(1, 0, nullptr, nullptr);
-    }
-
-    static void Store(const std::string& directory, const std::string& name,
-                      const std::string& text)
-    {
-        std::ofstream(directory + name, std::ios::binary) << text;
-    }
-
-    void Observe(unsigned int kind, const char* file, unsigned int code, const char* reason) const
-    {
-        const bool known = kind != TRAVEX_FTP_OBSERVED_REFUSED;
-        const std::string endpoint =
-            m_current.find(':') == std::string::npos ? m_current + ":21" : "[" + m_current + "]:21";
-        Layers().Observe(kind, known ? 1U : 0U, known ? endpoint : "", file, code, reason);
-    }
-
-    void Hang()
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_hanging = true;
-        m_changed.notify_all();
-        m_changed.wait(lock, [this] { return m_stop; });
-    }
-
-    std::string m_current;
-    std::string m_working;
-    bool m_hanging = false;
-};
+const char A[] = "192.0.2.1";
+const char B[] = "192.0.2.2";
+const char C[] = "192.0.2.3";
 
 class ToolSession : public testing::Test
 {
 protected:
     ToolSession()
     {
+        Layers() = {};
+        WriteFile(m_secrets.Path() + "/password", "secret\n");
         m_options.user = "phone";
         m_options.versionFile = "pub/version.txt";
         m_options.directoryFile = "pub/directory.csv";
         m_options.outputDir = m_directory.Path();
-        for (const char byte : std::string("secret"))
-        {
-            EXPECT_TRUE(m_password.Append(byte));
-        }
+        m_options.servers = "192.0.2.1;192.0.2.2";
     }
 
     ~ToolSession() override
     {
         EXPECT_EQ(Layers().observer, nullptr) << "the observer was left behind";
-        EXPECT_EQ(m_service.starts, m_service.stops) << "each start wants a stop";
+        EXPECT_FALSE(m_service.running);
+        EXPECT_EQ(m_service.starts, m_service.stops) << "each start needs a stop";
+        for (const std::string& name : FilesIn(m_directory.Path()))
+        {
+            EXPECT_NE(name.rfind(".corpdir-", 0), 0U) << name << " was left behind";
+        }
     }
 
-    Outcome Run(const std::string& list)
+    // One request.
+    Outcome Run(const FakeService::Script& script)
     {
-        m_options.servers = list;
+        return Run(std::vector<FakeService::Script>{script});
+    }
+
+    // One script for each request.
+    Outcome Run(std::vector<FakeService::Script> scripts)
+    {
+        m_service.scripts = std::move(scripts);
         const Plan plan = MakePlan(m_options, SomeCiphers);
-        const Lookup lookup = [](const std::string&, int) {
-            return LookupResult{{"192.0.2.10", "192.0.2.11"}, ""};
-        };
+        const Lookup lookup = [this](const std::string&, int) { return m_found; };
         const Terminal terminal(m_messages.Get(), m_progress ? 60 : 0, false);
-        Report report({false, m_progress}, terminal);
-        client::ServerLookup servers(plan.entries, plan.family, lookup);
-        Session session(m_service, plan, servers.Wait().servers, m_password, m_events, report);
-        return session.Run(m_deadline);
+        PasswordSource password(m_secrets.Path() + "/password");
+        Report report({m_options.quiet, m_progress}, terminal);
+        Session session(m_service, plan, lookup, password, m_events, report);
+        return session.Run();
     }
 
-    // Calls the function once the service hangs; returns the exit status.
-    int RunUntilHanging(const std::string& list, const std::function<void()>& action)
+    // A signal comes as soon as this has been shown.
+    int RunUntilShown(const std::string& text, const FakeService::Script& script)
     {
-        std::thread other(
-            [this, &action]
-            {
-                m_service.WaitUntilHanging();
-                action();
-            });
-        const Outcome outcome = Run(list);
-        other.join();
-        return outcome.status;
+        m_progress = true;
+        m_messages.When(text, [this] { m_events.Push(EventKind::kSignal, SIGTERM); });
+        return Run(script).status;
     }
 
-    int RunUntilSignal(const std::string& list)
+    static void Deliver(FakeService& service)
     {
-        return RunUntilHanging(list, [this] { m_events.Push(EventKind::kSignal, SIGTERM); });
+        service.Deliver(service.requests.back().substr(0, service.requests.back().find(';')),
+                        "edition 1");
     }
 
     // The messages without hints.
@@ -237,25 +104,32 @@ protected:
         return kept;
     }
 
+    std::string Local(const std::string& name) const
+    {
+        return ReadFile(m_directory.Path() + "/" + name);
+    }
+
     TemporaryDirectory m_directory;
+    TemporaryDirectory m_secrets;
     Options m_options;
-    Secret m_password;
+    LookupResult m_found{{"192.0.2.10", "192.0.2.11"}, ""};
     EventQueue m_events;
-    EventQueue::Clock::time_point m_deadline = EventQueue::Clock::now() + std::chrono::minutes(1);
-    TextStream m_output;
-    TextStream m_messages;
+    FollowedStream m_messages;
     bool m_progress = false;
-    RotatingService m_service;
+    FakeService m_service;
 };
 
 TEST_F(ToolSession, TheFirstServerDelivers)
 {
-    const Outcome outcome = Run("192.0.2.1;192.0.2.2");
+    const Outcome outcome = Run(Deliver);
     EXPECT_EQ(outcome.status, kExitFetched);
-    EXPECT_EQ(outcome.version, "2024-01-01");
-    EXPECT_EQ(outcome.bytes, 24U);
+    EXPECT_FALSE(outcome.unchanged);
+    EXPECT_EQ(outcome.version, "edition 1");
+    EXPECT_EQ(outcome.bytes, 9U);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
     EXPECT_EQ(Messages(), "");
+    EXPECT_EQ(Local("version.txt"), "edition 1\n");
+    EXPECT_EQ(Local("directory.csv"), "edition 1");
 }
 
 TEST_F(ToolSession, TheRequestHoldsWhatWasAskedFor)
@@ -263,7 +137,7 @@ TEST_F(ToolSession, TheRequestHoldsWhatWasAskedFor)
     m_options.port = 2121;
     m_options.localIp = "192.0.2.100";
     m_options.versionName = "v";
-    Run("192.0.2.1");
+    Run(Deliver);
     const tag_CORPDIR_DOWNLOADINFO& request = m_service.lastRequest;
     EXPECT_STREQ(request.szFtpCtrlInfo, "ca=system");
     EXPECT_STREQ(request.szUserName, "phone");
@@ -272,27 +146,34 @@ TEST_F(ToolSession, TheRequestHoldsWhatWasAskedFor)
     EXPECT_STREQ(request.szCorpDirServerFile, "pub/directory.csv");
     EXPECT_EQ(request.szVersionLocalDir, m_directory.Path() + "/");
     EXPECT_EQ(request.szCorpDirLocalDir, m_directory.Path() + "/");
-    EXPECT_STREQ(request.szVersionLocalFileName, "v");
-    EXPECT_STREQ(request.szCorpDirLocalFileName, "directory.csv");
     EXPECT_EQ(request.ulPort, 2121U);
     EXPECT_EQ(request.ulFtpMode, 0U);
     EXPECT_EQ(request.ulCertVerify, 1U);
+    EXPECT_THAT(FilesIn(m_directory.Path()),
+                UnorderedElementsAre("v", "directory.csv", ".directory.csv.corpdir.json"));
 }
 
 TEST_F(ToolSession, TheNamesOfEachAddressAreRegistered)
 {
-    m_service.scripts["192.0.2.10"].directoryFails = TRAVEX_FTP_ERR_FILE;
-    EXPECT_EQ(Run("dir.example;192.0.2.11;192.0.2.12").status, kExitFetched);
+    m_options.servers = "dir.example;192.0.2.11;192.0.2.12";
+    const Outcome outcome = Run({[](FakeService& service)
+                                 {
+                                     service.Version("192.0.2.10", "edition 1\n");
+                                     service.DirectoryFails("192.0.2.10", TRAVEX_FTP_ERR_FILE);
+                                 },
+                                 Deliver});
+    EXPECT_EQ(outcome.status, kExitFetched);
     EXPECT_STREQ(m_service.lastRequest.szFtpCtrlInfo, "ca=system") << "names go to the layer alone";
-    EXPECT_THAT(Layers().names, ElementsAre("192.0.2.11=dir.example", "192.0.2.11=192.0.2.11",
-                                            "192.0.2.12=192.0.2.12"))
-        << "the servers of the request that came last";
+    EXPECT_THAT(Layers().names,
+                UnorderedElementsAre("192.0.2.10=dir.example", "192.0.2.11=dir.example",
+                                     "192.0.2.11=192.0.2.11", "192.0.2.12=192.0.2.12"));
 }
 
 TEST_F(ToolSession, NamesToVerifyTakeThePlaceOfTheListedOnes)
 {
+    m_options.servers = "dir.example";
     m_options.verifyNames = {"a.example", "b.example"};
-    EXPECT_EQ(Run("dir.example").status, kExitFetched);
+    EXPECT_EQ(Run(Deliver).status, kExitFetched);
     EXPECT_THAT(Layers().names, ElementsAre("192.0.2.10=a.example", "192.0.2.10=b.example",
                                             "192.0.2.11=a.example", "192.0.2.11=b.example"));
 }
@@ -300,8 +181,7 @@ TEST_F(ToolSession, NamesToVerifyTakeThePlaceOfTheListedOnes)
 TEST_F(ToolSession, NamesThatCannotBeRegisteredEndIt)
 {
     Layers().nameResult = TRAVEX_FTP_ERR_SYSTEM;
-    const Thrown thrown = ExitErrorOf([this] { Run("192.0.2.1"); });
-    Layers().nameResult = 0;
+    const Thrown thrown = ExitErrorOf([this] { Run(Deliver); });
     EXPECT_EQ(thrown.status, kExitInternal);
     EXPECT_EQ(thrown.message, "the names of the servers could not be registered (code 7)");
     EXPECT_THAT(m_service.requests, IsEmpty());
@@ -311,7 +191,7 @@ TEST_F(ToolSession, LimitsAreSetByFunction)
 {
     m_options.maxSize = 5000;
     m_options.connectTimeout = 3600;
-    EXPECT_EQ(Run("192.0.2.1").status, kExitFetched);
+    EXPECT_EQ(Run(Deliver).status, kExitFetched);
     EXPECT_EQ(Layers().limits.ullFileBytes, 5000U);
     EXPECT_EQ(Layers().limits.ulConnectMs, 3600000U);
     tagTRAVEX_FTP_S_LIMITS others = Layers().limits;
@@ -322,15 +202,14 @@ TEST_F(ToolSession, LimitsAreSetByFunction)
 
     m_options.maxSize = 0;
     m_options.connectTimeout = 0;
-    EXPECT_EQ(Run("192.0.2.1").status, kExitFetched);
+    EXPECT_EQ(Run(Deliver).status, kExitFetched);
     EXPECT_EQ(memcmp(&Layers().limits, &none, sizeof none), 0);
 }
 
 TEST_F(ToolSession, LimitsThatCannotBeSetEndIt)
 {
     Layers().limitsResult = TRAVEX_FTP_ERR_SYSTEM;
-    const Thrown thrown = ExitErrorOf([this] { Run("192.0.2.1"); });
-    Layers().limitsResult = 0;
+    const Thrown thrown = ExitErrorOf([this] { Run(Deliver); });
     EXPECT_EQ(thrown.status, kExitInternal);
     EXPECT_EQ(thrown.message, "the limits could not be set (code 7)");
 }
@@ -338,31 +217,37 @@ TEST_F(ToolSession, LimitsThatCannotBeSetEndIt)
 TEST_F(ToolSession, PlainAndUnverifiedReachTheRequest)
 {
     m_options.plain = true;
-    Run("192.0.2.1");
+    Run(Deliver);
     EXPECT_EQ(m_service.lastRequest.ulFtpMode, 1U);
     EXPECT_EQ(m_service.lastRequest.ulCertVerify, 0U);
     EXPECT_STREQ(m_service.lastRequest.szFtpCtrlInfo, "system");
     m_options.plain = false;
     m_options.noVerify = true;
-    Run("192.0.2.1");
+    Run(Deliver);
     EXPECT_EQ(m_service.lastRequest.ulFtpMode, 0U);
     EXPECT_EQ(m_service.lastRequest.ulCertVerify, 0U);
 }
 
 TEST_F(ToolSession, TheLogSettingsReachTheService)
 {
-    m_options.logDir = m_directory.Path();
+    m_options.logDir = m_secrets.Path();
     m_options.logLevel = 1;
-    Run("192.0.2.1");
-    EXPECT_EQ(m_service.lastLog.szLogDir, m_directory.Path());
+    Run(Deliver);
+    EXPECT_EQ(m_service.lastLog.szLogDir, m_secrets.Path());
     EXPECT_EQ(m_service.lastLog.ulLogLevel, 1U);
 }
 
 TEST_F(ToolSession, EachServerThatFailsIsNamedAsTheServiceMovesOn)
 {
-    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    m_service.scripts["192.0.2.10"].versionFails = TRAVEX_FTP_ERR_LOGIN;
-    EXPECT_EQ(Run("192.0.2.1;dir.example").status, kExitFetched);
+    m_options.servers = "192.0.2.1;dir.example";
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.VersionFails(A);
+            service.VersionFails("192.0.2.10", TRAVEX_FTP_ERR_LOGIN);
+            service.Deliver("192.0.2.11", "edition 1");
+        });
+    EXPECT_EQ(outcome.status, kExitFetched);
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.10;192.0.2.11"));
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
@@ -371,11 +256,16 @@ TEST_F(ToolSession, EachServerThatFailsIsNamedAsTheServiceMovesOn)
 
 TEST_F(ToolSession, AfterTheLastServerNoneIsLeft)
 {
-    for (const char* address : {"192.0.2.1", "2001:db8::2", "192.0.2.3"})
-    {
-        m_service.scripts[address].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    }
-    EXPECT_EQ(Run("192.0.2.1;2001:db8::2;192.0.2.3").status, kExitNoServer);
+    m_options.servers = "192.0.2.1;2001:db8::2;192.0.2.3";
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            for (const char* server : {A, "2001:db8::2", C})
+            {
+                service.VersionFails(server);
+            }
+        });
+    EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
               "2001:db8::2: version refused; trying next server\n"
@@ -386,8 +276,14 @@ TEST_F(ToolSession, AfterTheLastServerNoneIsLeft)
 
 TEST_F(ToolSession, TheOnlyServerIsAskedTwice)
 {
-    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    EXPECT_EQ(Run("192.0.2.1").status, kExitNoServer);
+    m_options.servers = A;
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.VersionFails(A);
+            service.VersionFails(A);
+        });
+    EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying again\n"
               "192.0.2.1: version refused\n"
@@ -396,18 +292,30 @@ TEST_F(ToolSession, TheOnlyServerIsAskedTwice)
 
 TEST_F(ToolSession, TheOnlyServerMayRecover)
 {
-    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    m_service.scripts["192.0.2.1"].versionFailures = 1;
-    EXPECT_EQ(Run("192.0.2.1").status, kExitFetched);
+    m_options.servers = A;
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.VersionFails(A);
+            service.Deliver(A, "edition 1");
+        });
+    EXPECT_EQ(outcome.status, kExitFetched);
+    EXPECT_EQ(Messages(), "192.0.2.1: version refused; trying again\n");
 }
 
 TEST_F(ToolSession, ADirectoryFileThatFailsIsAskedFromTheNextServer)
 {
-    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    m_service.scripts["192.0.2.2"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4").status, kExitFetched);
-    EXPECT_THAT(m_service.requests,
-                ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4", "192.0.2.3;192.0.2.4"));
+    m_options.servers = "192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4";
+    const Outcome outcome = Run({[](FakeService& service)
+                                 {
+                                     service.VersionFails(A);
+                                     service.Version(B, "edition 1\n");
+                                     service.DirectoryFails(B);
+                                 },
+                                 Deliver});
+    EXPECT_EQ(outcome.status, kExitFetched);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3;192.0.2.4",
+                                                "192.0.2.3;192.0.2.4;192.0.2.1;192.0.2.2"));
     EXPECT_EQ(Messages(),
               "192.0.2.1: version refused; trying next server\n"
               "192.0.2.2: pub/directory.csv: directory refused; trying next server\n");
@@ -415,19 +323,38 @@ TEST_F(ToolSession, ADirectoryFileThatFailsIsAskedFromTheNextServer)
 
 TEST_F(ToolSession, ADirectoryFileThatFailsEverywhereLeavesNoServer)
 {
-    m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
-    m_service.scripts["192.0.2.2"].directoryFails = TRAVEX_FTP_ERR_FILE;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitNoServer);
-    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2"));
-    EXPECT_THAT(Messages(), HasSubstr("192.0.2.2: pub/directory.csv: directory refused\n"));
+    const Outcome outcome = Run({[](FakeService& service)
+                                 {
+                                     service.Version(A, "edition 1\n");
+                                     service.DirectoryFails(A);
+                                 },
+                                 [](FakeService& service)
+                                 {
+                                     service.Version(B, "edition 1\n");
+                                     service.DirectoryFails(B, TRAVEX_FTP_ERR_FILE);
+                                 }});
+    EXPECT_EQ(outcome.status, kExitNoServer);
+    EXPECT_EQ(m_service.requests.size(), 2U);
+    EXPECT_EQ(Messages(),
+              "192.0.2.1: pub/directory.csv: directory refused; trying next server\n"
+              "192.0.2.2: pub/directory.csv: directory refused\n"
+              "corpdir: all 2 servers failed\n");
 }
 
 TEST_F(ToolSession, TheRemainingServersAreRotatedAgain)
 {
-    m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
-    m_service.scripts["192.0.2.2"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    m_service.scripts["192.0.2.3"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, kExitNoServer);
+    m_options.servers = "192.0.2.1;192.0.2.2;192.0.2.3";
+    const Outcome outcome = Run({[](FakeService& service)
+                                 {
+                                     service.Version(A, "edition 1\n");
+                                     service.DirectoryFails(A);
+                                 },
+                                 [](FakeService& service)
+                                 {
+                                     service.VersionFails(B);
+                                     service.VersionFails(C);
+                                 }});
+    EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_EQ(Messages(),
               "192.0.2.1: pub/directory.csv: directory refused; trying next server\n"
               "192.0.2.2: version refused; trying next server\n"
@@ -435,29 +362,19 @@ TEST_F(ToolSession, TheRemainingServersAreRotatedAgain)
               "corpdir: all 3 servers failed\n");
 }
 
-TEST_F(ToolSession, ADirectoryTransferThatDoesNotBeginCountsAsAFailure)
+// The cause is on this machine.
+TEST_F(ToolSession, ATransferThatDoesNotBeginEndsIt)
 {
-    m_service.scripts["192.0.2.1"].refuseDirectory = TRAVEX_FTP_ERR_SYSTEM;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitFetched);
-    EXPECT_EQ(Messages(), "192.0.2.1: directory not begun; trying next server\n");
-}
-
-TEST_F(ToolSession, ARequestThatIsNotStartedIsRepeatedWithTheNextServer)
-{
-    m_service.scripts["192.0.2.1"].refuseUnseen = true;
-    m_service.scripts["192.0.2.2"].refuseRequest = TRAVEX_FTP_ERR_SYSTEM;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2;192.0.2.3").status, kExitFetched);
-    EXPECT_THAT(m_service.requests,
-                ElementsAre("192.0.2.1;192.0.2.2;192.0.2.3", "192.0.2.2;192.0.2.3", "192.0.2.3"));
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.Version(A, "edition 1\n");
+            service.Refuse(A, TRAVEX_FTP_ERR_SYSTEM);
+        });
+    EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_EQ(Messages(),
-              "192.0.2.1: the request could not be started (code 7); trying next server\n"
-              "192.0.2.2: refused: bad suite; trying next server\n");
-}
-
-TEST_F(ToolSession, NoRequestStartedLeavesNoServer)
-{
-    m_service.scripts["192.0.2.1"].refuseUnseen = true;
-    EXPECT_EQ(Run("192.0.2.1").status, kExitNoServer);
+              "192.0.2.1: bad suite\n"
+              "corpdir: the server failed\n");
 }
 
 TEST_F(ToolSession, ARefusedArgumentIsNotTriedElsewhere)
@@ -465,121 +382,250 @@ TEST_F(ToolSession, ARefusedArgumentIsNotTriedElsewhere)
     for (const unsigned int code :
          {TRAVEX_FTP_ERR_PARAM, TRAVEX_FTP_ERR_CIPHER, TRAVEX_FTP_ERR_TRUST})
     {
-        m_service.scripts["192.0.2.1"].refuseRequest = code;
-        EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitArguments);
+        const Outcome outcome = Run(
+            [code](FakeService& service)
+            {
+                service.Refuse("", code);
+                service.requestResult = 1;
+            });
+        EXPECT_EQ(outcome.status, kExitArguments);
     }
     EXPECT_EQ(m_service.requests.size(), 3U);
-    EXPECT_THAT(Messages(), HasSubstr("corpdir: --ciphers: refused: bad suite\n"));
-    EXPECT_THAT(Messages(), HasSubstr("corpdir: --ca: refused: bad suite\n"));
+    EXPECT_EQ(Messages(),
+              "corpdir: bad suite\n"
+              "corpdir: --ciphers: bad suite\n"
+              "corpdir: --ca: bad suite\n");
 }
 
 TEST_F(ToolSession, ARefusedArgumentOfTheDirectoryTransferEndsIt)
 {
-    m_service.scripts["192.0.2.1"].refuseDirectory = TRAVEX_FTP_ERR_PARAM;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitArguments);
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.Version(A, "edition 1\n");
+            service.Refuse(A, TRAVEX_FTP_ERR_PARAM);
+        });
+    EXPECT_EQ(outcome.status, kExitArguments);
 }
 
 TEST_F(ToolSession, AFileThatCannotBeWrittenEndsIt)
 {
-    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_LOCAL_FILE;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitLocalFile);
-    m_service.scripts["192.0.2.1"].versionFails = 0;
-    m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_LOCAL_FILE;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitLocalFile);
+    const Outcome version =
+        Run([](FakeService& service) { service.VersionFails(A, TRAVEX_FTP_ERR_LOCAL_FILE); });
+    EXPECT_EQ(version.status, kExitLocalFile);
+    const Outcome directory = Run(
+        [](FakeService& service)
+        {
+            service.Version(A, "edition 1\n");
+            service.DirectoryFails(A, TRAVEX_FTP_ERR_LOCAL_FILE);
+        });
+    EXPECT_EQ(directory.status, kExitLocalFile);
+    EXPECT_EQ(m_service.requests.size(), 2U);
+    EXPECT_EQ(Messages(),
+              "corpdir: version refused\n"
+              "corpdir: directory refused\n");
 }
 
-TEST_F(ToolSession, AnInvalidVersionEndsIt)
+TEST_F(ToolSession, AnInvalidVersionIsFollowedByTheNextServer)
 {
-    m_service.scripts["192.0.2.1"].version = "1.2\nlater lines do not count\n";
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitBadVersion);
-    EXPECT_EQ(Messages(), "corpdir: version file '" + m_directory.Path() +
-                              "/version.txt' from 192.0.2.1 is not valid: its first line "
-                              "'1.2' is shorter than 5 bytes\n");
+    const Outcome outcome =
+        Run({[](FakeService& service) { service.Version(A, "1.\x01\nlater lines do not count\n"); },
+             Deliver});
+    EXPECT_EQ(outcome.status, kExitFetched);
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
+    EXPECT_EQ(Messages(),
+              "192.0.2.1: the version file is not valid: its first line '1.\\x01' is shorter than "
+              "5 bytes; trying next server\n");
+    ASSERT_EQ(outcome.attempts.size(), 2U);
+    EXPECT_EQ(outcome.attempts[0].failure.file, "pub/version.txt");
+    EXPECT_EQ(outcome.attempts[0].failure.reason,
+              "the version file is not valid: its first line '1.\x01' is shorter than 5 bytes");
 }
 
-TEST_F(ToolSession, ALateVersionFailureDoesNotMatter)
+// Of all servers that were asked: the invalid version is the one to report.
+TEST_F(ToolSession, AnInvalidVersionOfAnyServerDecidesTheStatus)
 {
-    m_service.scripts["192.0.2.1"].versionFailsLate = true;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitFetched);
-    EXPECT_EQ(Messages(), "");
+    const Outcome outcome = Run({[](FakeService& service) { service.Version(A, "\xFF\xFE"); },
+                                 [](FakeService& service) { service.VersionFails(B); }});
+    EXPECT_EQ(outcome.status, kExitBadVersion);
+    EXPECT_EQ(outcome.error, "all 2 servers failed");
+    EXPECT_EQ(Messages(),
+              "192.0.2.1: the version file is not valid: it is UTF-16 text; store it as ASCII or "
+              "UTF-8; trying next server\n"
+              "192.0.2.2: version refused\n"
+              "corpdir: all 2 servers failed\n");
+}
+
+TEST_F(ToolSession, AVersionThatIsNotWhatItSeemsIsAWarning)
+{
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.Version(A, "edition 1\r\n");
+            service.DirectoryArrives(A, "a,b\n", service.DirectoryBegins(A));
+        });
+    EXPECT_EQ(outcome.status, kExitFetched);
+    EXPECT_EQ(outcome.version, "edition 1\r");
+    EXPECT_EQ(Messages(),
+              "warning: the version ends with a carriage return, which is compared too\n");
 }
 
 TEST_F(ToolSession, ASignalStopsTheVersionFile)
 {
-    m_service.scripts["192.0.2.1"].hangVersion = true;
-    EXPECT_EQ(RunUntilSignal("192.0.2.1"), 128 + SIGTERM);
-    EXPECT_EQ(Messages(),
-              "corpdir: stopped by SIGTERM while fetching version file 'pub/version.txt' from "
-              "192.0.2.1: 0 bytes\n");
+    const int status = RunUntilShown("24 bytes of 48",
+                                     [](FakeService& service)
+                                     {
+                                         service.VersionBegins(A);
+                                         service.VersionProgress(A);
+                                     });
+    EXPECT_EQ(status, 128 + SIGTERM);
+    EXPECT_THAT(Messages(), HasSubstr("corpdir: stopped by SIGTERM while fetching version file "
+                                      "'pub/version.txt' from 192.0.2.1: 24 of 48 bytes (50%)\n"));
 }
 
 TEST_F(ToolSession, ASignalStopsTheDirectoryFile)
 {
-    m_service.scripts["192.0.2.2"].hangDirectory = true;
-    EXPECT_EQ(RunUntilSignal("192.0.2.2"), 128 + SIGTERM);
-    EXPECT_EQ(Messages(),
-              "corpdir: stopped by SIGTERM while fetching directory file 'pub/directory.csv' from "
-              "192.0.2.2: 24 of 48 bytes (50%)\n");
-}
-
-TEST_F(ToolSession, TimeRunsOut)
-{
-    m_service.scripts["192.0.2.1"].hangVersion = true;
-    m_deadline = EventQueue::Clock::now();
-    EXPECT_EQ(Run("192.0.2.1").status, kExitNoOutcome);
-}
-
-TEST_F(ToolSession, TheMessageSaysWhatWasGoingOn)
-{
-    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    m_service.scripts["192.0.2.10"].hangDirectory = true;
-    EXPECT_EQ(
-        RunUntilHanging("192.0.2.1;dir.example", [this] { m_events.Push(EventKind::kDeadline); }),
-        kExitNoOutcome);
+    WriteFile(m_directory.Path() + "/directory.csv", "older");
+    const int status = RunUntilShown("24 bytes of 48",
+                                     [](FakeService& service)
+                                     {
+                                         service.Version(B, "edition 1\n");
+                                         (void)service.DirectoryBegins(B);
+                                         service.DirectoryProgress(B);
+                                     });
+    EXPECT_EQ(status, 128 + SIGTERM);
     EXPECT_THAT(Messages(),
-                HasSubstr("corpdir: timed out after 120 s while fetching directory file "
-                          "'pub/directory.csv' from 192.0.2.10 (dir.example): 24 of 48 bytes"));
+                HasSubstr("corpdir: stopped by SIGTERM while fetching directory file "
+                          "'pub/directory.csv' from 192.0.2.2: 24 of 48 bytes (50%)\n"));
+    EXPECT_THAT(FilesIn(m_directory.Path()), ElementsAre("directory.csv"));
+    EXPECT_EQ(Local("directory.csv"), "older");
+}
+
+TEST_F(ToolSession, TimeWithoutProgressRunsOut)
+{
+    m_options.timeoutSeconds = 1;
+    m_options.servers = "192.0.2.1;dir.example";
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.VersionFails(A);
+            service.Version("192.0.2.10", "edition 1\n");
+            (void)service.DirectoryBegins("192.0.2.10");
+            service.DirectoryProgress("192.0.2.10");
+        });
+    EXPECT_EQ(outcome.status, kExitNoOutcome);
+    EXPECT_EQ(m_messages.Text(),
+              "192.0.2.1: version refused; trying next server\n"
+              "corpdir: timed out after 1 s without progress, while fetching directory file "
+              "'pub/directory.csv' from 192.0.2.10 (dir.example): 24 of 48 bytes (50%)\n"
+              "hint: raise --timeout to allow more time\n");
+    ASSERT_EQ(outcome.attempts.size(), 2U);
+    EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.10");
+    EXPECT_EQ(outcome.attempts[1].failure.reason, outcome.error);
+}
+
+// The directory file makes progress, on another thread, for this time or until the service stops.
+FakeService::Script DeliverSlowly(milliseconds time)
+{
+    return [time](FakeService& service)
+    {
+        service.Version(A, "edition 1\n");
+        (void)service.DirectoryBegins(A);
+        const auto stopped = std::make_shared<std::atomic<bool>>(false);
+        const auto layer = std::make_shared<std::thread>(
+            [&service, stopped, end = EventQueue::Clock::now() + time]
+            {
+                while (!*stopped && EventQueue::Clock::now() < end)
+                {
+                    std::this_thread::sleep_for(milliseconds(50));
+                    service.DirectoryProgress(A);
+                }
+            });
+        service.onStop = [stopped, layer]
+        {
+            *stopped = true;
+            layer->join();
+        };
+    };
+}
+
+TEST_F(ToolSession, ProgressExtendsTheTimeout)
+{
+    m_options.timeoutSeconds = 1;
+    const auto begun = EventQueue::Clock::now();
+    const Outcome outcome = Run(DeliverSlowly(milliseconds(1500)));
+    EXPECT_EQ(outcome.status, kExitNoOutcome);
+    EXPECT_GE(EventQueue::Clock::now() - begun, milliseconds(2500));
+}
+
+TEST_F(ToolSession, TheWholeTimeRunsOutInSpiteOfProgress)
+{
+    m_options.maxTimeSeconds = 1;
+    const auto begun = EventQueue::Clock::now();
+    const Outcome outcome = Run(DeliverSlowly(kForever));
+    const auto spent = EventQueue::Clock::now() - begun;
+    EXPECT_EQ(outcome.status, kExitNoOutcome);
+    EXPECT_GE(spent, seconds(1));
+    EXPECT_LT(spent, seconds(20));
+    EXPECT_EQ(m_messages.Text(),
+              "corpdir: not done within 1 s, while fetching directory file 'pub/directory.csv' "
+              "from 192.0.2.1: 24 of 48 bytes (50%)\n"
+              "hint: raise --max-time to allow more time\n");
 }
 
 TEST_F(ToolSession, TheCipherListIsSetAfterEachStart)
 {
     m_options.ciphers = {"0x0035", "61"};
-    m_service.scripts["192.0.2.1"].directoryFails = TRAVEX_FTP_ERR_PARTIAL;
-    EXPECT_EQ(Run("192.0.2.1;192.0.2.2").status, kExitFetched);
+    const FakeService::Script failing = [](FakeService& service)
+    {
+        service.Version(A, "edition 1\n");
+        service.DirectoryFails(A);
+    };
+    EXPECT_EQ(Run({failing, Deliver}).status, kExitFetched);
     EXPECT_THAT(m_service.cipherLists, ElementsAre(ElementsAre(0x03000035, 0x0300003d),
                                                    ElementsAre(0x03000035, 0x0300003d)));
     m_options.ciphers.clear();
     m_service.cipherLists.clear();
-    EXPECT_EQ(Run("192.0.2.2").status, kExitFetched);
+    EXPECT_EQ(Run(Deliver).status, kExitFetched);
     EXPECT_THAT(m_service.cipherLists,
                 ElementsAre(client::SuitesOf(client::SuiteSet::kCompatible)));
 }
 
 TEST_F(ToolSession, AStartThatFailsIsStopped)
 {
-    m_service.initResult = 9;
-    const Thrown start = ExitErrorOf([this] { Run("192.0.2.1"); });
+    m_service.initResult = 1;
+    const Thrown start = ExitErrorOf([this] { Run(Deliver); });
     EXPECT_EQ(start.status, kExitInternal);
-    EXPECT_EQ(start.message, "the service could not be started (code 9)");
+    EXPECT_EQ(start.message, "the service could not be started (code 1)");
     m_service.initResult = 0;
     m_service.cipherResult = 1;
-    m_options.ciphers = {"53"};
-    EXPECT_EQ(ExitErrorOf([this] { Run("192.0.2.1"); }).message,
+    EXPECT_EQ(ExitErrorOf([this] { Run(Deliver); }).message,
               "the cipher list could not be set (code 1)");
 }
 
-TEST_F(ToolSession, MemoryThatRunsOutEndsIt)
+TEST_F(ToolSession, ALogThatCannotBeOpenedIsNamed)
 {
-    m_service.scripts["192.0.2.1"].hangVersion = true;
-    m_events.Push(EventKind::kOutOfMemory);
-    // Pushed before the start, which discards only events of the service.
-    EXPECT_EQ(Run("192.0.2.1").status, kExitInternal);
+    m_options.logDir = m_secrets.Path();
+    m_options.logLevel = 1;
+    m_service.initResult = ENOSPC;
+    const Thrown start = ExitErrorOf([this] { Run(Deliver); });
+    EXPECT_EQ(start.status, kExitLocalFile);
+    EXPECT_EQ(start.message, "cannot write the log to --log-dir '" + m_secrets.Path() +
+                                 "': No space left on device");
 }
 
 TEST_F(ToolSession, ProgressIsShownByFile)
 {
     m_progress = true;
-    EXPECT_EQ(Run("192.0.2.1").status, kExitFetched);
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.Version(A, "edition 1\n");
+            const unsigned int task = service.DirectoryBegins(A);
+            service.DirectoryProgress(A);
+            service.DirectoryArrives(A, "a,b\n", task);
+        });
+    EXPECT_EQ(outcome.status, kExitFetched);
     EXPECT_EQ(
         m_messages.Text(),
         "\r\033[K\033[Jdirectory [==========>         ]  50%  24 bytes of 48 bytes\r\033[K\033[J");
@@ -587,13 +633,17 @@ TEST_F(ToolSession, ProgressIsShownByFile)
 
 TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
 {
-    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    m_service.scripts["192.0.2.2"].versionFails = TRAVEX_FTP_ERR_LOGIN;
-    m_service.scripts["192.0.2.3"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    const Outcome outcome = Run("192.0.2.1;192.0.2.2;192.0.2.3");
+    m_options.servers = "192.0.2.1;192.0.2.2;192.0.2.3";
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.VersionFails(A);
+            service.VersionFails(B, TRAVEX_FTP_ERR_LOGIN);
+            service.VersionFails(C);
+        });
     EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_EQ(outcome.error, "all 3 servers failed");
-    const std::string text = m_messages.Text();
+    const std::string& text = m_messages.Text();
     EXPECT_EQ(text.substr(text.find("hint: ")),
               "hint: check that the server is running and that --port 21 is right\n"
               "hint: check --user and the password\n");
@@ -605,12 +655,103 @@ TEST_F(ToolSession, AFailureIsFollowedByAdviceOnceForEachKind)
 
 TEST_F(ToolSession, TheServerThatGaveTheFileIsTheLastAttempt)
 {
-    m_service.scripts["192.0.2.1"].versionFails = TRAVEX_FTP_ERR_CONNECT;
-    const Outcome outcome = Run("192.0.2.1;192.0.2.2");
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.VersionFails(A);
+            service.Deliver(B, "edition 1");
+        });
     ASSERT_EQ(outcome.attempts.size(), 2U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
     EXPECT_EQ(outcome.attempts[1].failure.reason, "");
     EXPECT_EQ(outcome.error, "");
+}
+
+TEST_F(ToolSession, ANameWithoutAnAddressIsSkipped)
+{
+    m_options.servers = "dir.example;192.0.2.1";
+    m_found = {{}, "no such name"};
+    const Outcome outcome = Run(Deliver);
+    EXPECT_EQ(outcome.status, kExitFetched);
+    EXPECT_THAT(outcome.leftOut, ElementsAre("dir.example: no such name"));
+    EXPECT_EQ(Messages(), "corpdir: dir.example: no such name; skipped\n");
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1"));
+}
+
+TEST_F(ToolSession, NoNameWithAnAddressEndsIt)
+{
+    m_options.servers = "dir.example";
+    m_found = {{}, "no such name"};
+    const Outcome outcome = Run(Deliver);
+    EXPECT_EQ(outcome.status, kExitNoServer);
+    EXPECT_THAT(outcome.leftOut, ElementsAre("dir.example: no such name"));
+    EXPECT_EQ(m_messages.Text(),
+              "corpdir: dir.example: no such name; skipped\n"
+              "corpdir: no name in --servers could be resolved: check the spelling; 'getent hosts "
+              "NAME' asks this machine's resolver\n");
+    EXPECT_THAT(m_service.requests, IsEmpty());
+}
+
+// The service is stopped within the observer, which must not be called within the request.
+TEST_F(ToolSession, AVersionThatIsUnchangedIsNotFetchedWhenOnlyAChangeIsWanted)
+{
+    EXPECT_EQ(Run(Deliver).status, kExitFetched);
+    m_options.ifChanged = true;
+    std::thread layer;
+    const auto check = [&layer](const std::string& version)
+    {
+        return [&layer, version](FakeService& service)
+        {
+            layer = std::thread(
+                [&service, version]
+                {
+                    service.Version(A, version + "\n");
+                    if (service.running)
+                    {
+                        service.DirectoryArrives(A, version, service.DirectoryBegins(A));
+                    }
+                });
+        };
+    };
+    const Outcome unchanged = Run(check("edition 1"));
+    layer.join();
+    EXPECT_EQ(unchanged.status, kExitFetched);
+    EXPECT_TRUE(unchanged.unchanged);
+    EXPECT_EQ(unchanged.version, "edition 1");
+    EXPECT_EQ(unchanged.bytes, 0U);
+    ASSERT_EQ(unchanged.attempts.size(), 1U);
+    EXPECT_EQ(unchanged.attempts[0].server.address, A);
+    EXPECT_EQ(unchanged.attempts[0].failure.reason, "");
+
+    const Outcome changed = Run(check("edition 2"));
+    layer.join();
+    EXPECT_EQ(changed.status, kExitFetched);
+    EXPECT_FALSE(changed.unchanged);
+    EXPECT_EQ(changed.version, "edition 2");
+    EXPECT_EQ(changed.bytes, 9U);
+    EXPECT_EQ(Local("directory.csv"), "edition 2");
+    EXPECT_EQ(Messages(), "");
+}
+
+// Without --if-changed a fetch is a fetch, also of an equal file.
+TEST_F(ToolSession, AnEqualFileCountsAsFetched)
+{
+    EXPECT_EQ(Run(Deliver).status, kExitFetched);
+    const Outcome again = Run(Deliver);
+    EXPECT_EQ(again.status, kExitFetched);
+    EXPECT_FALSE(again.unchanged);
+    EXPECT_EQ(again.bytes, 9U);
+}
+
+TEST_F(ToolSession, AStateThatCannotBeUsedIsAWarning)
+{
+    m_options.ifChanged = true;
+    WriteFile(m_directory.Path() + "/.directory.csv.corpdir.json", "{");
+    const Outcome outcome = Run(Deliver);
+    EXPECT_EQ(outcome.status, kExitFetched);
+    EXPECT_FALSE(outcome.unchanged);
+    EXPECT_THAT(Messages(), testing::StartsWith("warning: '" + m_directory.Path() +
+                                                "/.directory.csv.corpdir.json' is not used: "));
 }
 
 TEST(ToolEvents, EndpointsLoseTheirPort)

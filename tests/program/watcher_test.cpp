@@ -2,13 +2,15 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <functional>
+#include <condition_variable>
+#include <mutex>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "commands/watcher.h"
-#include "fake_layers.h"
 #include "fake_service.h"
+#include "notify_receiver.h"
 #include "parts_support.h"
 
 namespace corpdir_tool
@@ -18,281 +20,150 @@ namespace
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using support::FileExists;
+using support::FilesIn;
+using support::ReadFile;
+using support::WriteFile;
+using testing::Contains;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+using Script = FakeService::Script;
 
 constexpr seconds kPatience{20};
-
-// The output of the watcher so far; may be read while it runs.
-class Said
-{
-public:
-    Said() : m_stream(std::fopen((m_directory.Path() + "/said").c_str(), "w")) {}
-    ~Said()
-    {
-        (void)std::fclose(m_stream);
-    }
-    Said(const Said&) = delete;
-    Said& operator=(const Said&) = delete;
-
-    std::FILE* Get() const
-    {
-        return m_stream;
-    }
-
-    std::string Text() const
-    {
-        std::ifstream file(m_directory.Path() + "/said", std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
-private:
-    TemporaryDirectory m_directory;
-    std::FILE* m_stream;
-};
-
-class ScriptedService;
-
-// The events after a request; the last script is used for all later requests.
-using Script = std::function<void(ScriptedService& service)>;
-
-// The functions below do what the service and the FTP layer would do, and end the script when the
-// service is stopped.
-class ScriptedService final : public FakeService
-{
-public:
-    struct Stopped
-    {
-    };
-
-    explicit ScriptedService(const Said& output) : m_output(output) {}
-    ~ScriptedService()
-    {
-        CorpDirUninit();
-    }
-
-    // The version file arrives.
-    void Version(const std::string& server, const std::string& firstLine)
-    {
-        Begin(server, lastRequest.szVersionServerFile);
-        const std::string path =
-            std::string(lastRequest.szVersionLocalDir) + lastRequest.szVersionLocalFileName;
-        std::ofstream(path, std::ios::binary) << firstLine << "\n";
-        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, lastRequest.szVersionServerFile, 0, "");
-    }
-
-    void VersionFails(const std::string& server)
-    {
-        Begin(server, lastRequest.szVersionServerFile);
-        Observe(TRAVEX_FTP_OBSERVED_FAILED, server, lastRequest.szVersionServerFile,
-                TRAVEX_FTP_ERR_CONNECT, "no connection");
-        m_callback(1, 1, nullptr, nullptr);
-    }
-
-    void DirectoryBegins(const std::string& server)
-    {
-        Begin(server, lastRequest.szCorpDirServerFile);
-    }
-
-    void DirectoryArrives(const std::string& server, unsigned int task)
-    {
-        DirectoryIsInPlace(server, task);
-        m_callback(1, 0, nullptr, nullptr);
-    }
-
-    // The service has forgotten the task, and calls no callback.
-    void DirectoryIsInPlace(const std::string& server, unsigned int task)
-    {
-        m_task = task;
-        Observe(TRAVEX_FTP_OBSERVED_SUCCESS, server, lastRequest.szCorpDirServerFile, 0, "");
-    }
-
-    void Directory(const std::string& server)
-    {
-        DirectoryBegins(server);
-        DirectoryArrives(server, m_task);
-    }
-
-    void DirectoryFails(const std::string& server, unsigned int code = TRAVEX_FTP_ERR_PARTIAL)
-    {
-        DirectoryBegins(server);
-        DirectoryEndsEarly(server, m_task, code);
-    }
-
-    void DirectoryEndsEarly(const std::string& server, unsigned int task,
-                            unsigned int code = TRAVEX_FTP_ERR_PARTIAL)
-    {
-        m_task = task;
-        Observe(TRAVEX_FTP_OBSERVED_FAILED, server, lastRequest.szCorpDirServerFile, code,
-                "ended early");
-        m_callback(1, 1, nullptr, nullptr);
-    }
-
-    void TransferRefused()
-    {
-        Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", "", TRAVEX_FTP_ERR_TRUST, "no such file");
-    }
-
-    // Both files arrive.
-    void Update(const std::string& server, const std::string& firstLine)
-    {
-        Version(server, firstLine);
-        Directory(server);
-    }
-
-    // Waits until the output has this text so many times.
-    void Await(const std::string& text, std::size_t times = 1)
-    {
-        const auto said = [this, &text]
-        {
-            const std::string all = m_output.Text();
-            std::size_t count = 0;
-            for (std::size_t at = all.find(text); at != std::string::npos;
-                 at = all.find(text, at + 1))
-            {
-                ++count;
-            }
-            return count;
-        };
-        const auto end = std::chrono::steady_clock::now() + kPatience;
-        std::unique_lock<std::mutex> lock(m_mutex);
-        while (said() < times)
-        {
-            if (m_stop)
-            {
-                throw Stopped();
-            }
-            ASSERT_LT(std::chrono::steady_clock::now(), end) << "not said: " << text;
-            m_changed.wait_for(lock, milliseconds(1));
-        }
-    }
-
-    unsigned int Task() const
-    {
-        return m_task;
-    }
-
-    std::vector<Script> scripts;
-    unsigned int refuseWith = 0;
-
-private:
-    unsigned int Refuse() override
-    {
-        if (refuseWith == 0)
-        {
-            return 0;
-        }
-        Observe(TRAVEX_FTP_OBSERVED_REFUSED, "", "", refuseWith, "refused: bad suite");
-        return 1;
-    }
-
-    // After the script nothing happens until the stop.
-    void Play() override
-    {
-        try
-        {
-            scripts[std::min(requests.size(), scripts.size()) - 1](*this);
-        }
-        catch (const Stopped&)
-        {
-        }
-    }
-
-    void Begin(const std::string& server, const char* file)
-    {
-        ++m_task;
-        Observe(TRAVEX_FTP_OBSERVED_ACCEPTED, server, file, 0, "");
-    }
-
-    void Observe(unsigned int kind, const std::string& server, const char* file, unsigned int code,
-                 const char* reason) const
-    {
-        Layers().Observe(kind, m_task, server.empty() ? "" : server + ":21", file, code, reason);
-    }
-
-    const Said& m_output;
-    unsigned int m_task = 0;
-};
 
 const char A[] = "192.0.2.1";
 const char B[] = "192.0.2.2";
 const char C[] = "192.0.2.3";
+
+// Stops a watch that waits for something that does not come.
+class Guard
+{
+public:
+    explicit Guard(EventQueue& events) : m_thread([this, &events] { Watch(events); }) {}
+    ~Guard()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_over = true;
+        }
+        m_changed.notify_all();
+        m_thread.join();
+    }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+
+private:
+    void Watch(EventQueue& events)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_changed.wait_for(lock, kPatience, [this] { return m_over; }))
+        {
+            ADD_FAILURE() << "the watch did not end";
+            events.Push(EventKind::kSignal, SIGTERM);
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_over = false;
+    std::thread m_thread;
+};
 
 class ToolWatcher : public testing::Test
 {
 protected:
     ToolWatcher()
     {
+        Layers() = {};
         m_options.servers = "192.0.2.1;192.0.2.2";
         m_options.user = "phone";
         m_options.versionFile = "version.txt";
         m_options.directoryFile = "directory.csv";
         m_options.outputDir = m_directory.Path();
-        m_options.retrySeconds = 1;
-        EXPECT_TRUE(m_password.Append('s'));
+        m_options.retrySeconds = 3600;
+        WriteFile(m_secrets.Path() + "/password", "old");
+        (void)unsetenv("NOTIFY_SOCKET");
     }
 
     ~ToolWatcher() override
     {
         EXPECT_EQ(Layers().observer, nullptr) << "the observer was left behind";
+        EXPECT_FALSE(m_service.running);
+        EXPECT_THAT(m_output->Missing(), IsEmpty()) << m_output->Text();
+        for (const std::string& name : FilesIn(m_directory.Path()))
+        {
+            EXPECT_NE(name.rfind(".corpdir-", 0), 0U) << name << " was left behind";
+        }
     }
 
     // A script: both files arrive.
-    static Script Fetch(const std::string& server)
+    static Script Deliver(const std::string& server)
     {
-        return [server](ScriptedService& service)
-        {
-            service.Update(server, "edition 1");
-            service.Await("downloaded");
-        };
+        return [server](FakeService& service) { service.Deliver(server, "edition 1"); };
     }
 
-    // Runs the scripts; at the end of the last one a signal ends the watch, with success.
-    template <typename... Scripts>
-    void Watch(Scripts... scripts)
+    // After the line, while it is being written: the service goes on, or a request comes.
+    void When(const std::string& line, const std::function<void()>& action)
     {
-        std::vector<Script> all = {scripts...};
-        all.back() = [this, last = all.back()](ScriptedService& service)
-        {
-            last(service);
-            m_events.Push(EventKind::kSignal, SIGTERM);
-        };
-        EXPECT_EQ(Run(all), 0);
+        m_output->When(line, action);
+    }
+    void When(const std::string& line, EventKind kind)
+    {
+        When(line, [this, kind] { m_events.Push(kind); });
+    }
+    void StopWhen(const std::string& line)
+    {
+        When(line, [this] { Stop(); });
+    }
+    void Stop()
+    {
+        m_events.Push(EventKind::kSignal, SIGTERM);
+    }
+
+    // Runs until it is stopped, which is a success. One script for each request.
+    void Watch(std::vector<Script> scripts)
+    {
+        EXPECT_EQ(Run(std::move(scripts)), 0);
     }
 
     int Run(std::vector<Script> scripts)
     {
         m_service.scripts = std::move(scripts);
-        const Plan plan = MakePlan(m_options, SomeCiphers);
         const Lookup lookup = [this](const std::string&, int)
         {
-            const std::size_t number = std::min(m_lookups++, m_found.size() - 1);
-            return m_found[number];
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            return m_found[std::min(m_lookups++, m_found.size() - 1)];
         };
-        WatchOutput output(m_output.Get(), m_options.json, m_options.quiet);
-        std::optional<ChildCommand> command;
-        if (!m_options.execute.empty())
-        {
-            command.emplace(m_options.execute, STDERR_FILENO,
-                            [this](int status)
-                            { m_events.Push(EventKind::kCommandEnded, status); });
-        }
-        Watcher watcher(m_service, plan, lookup, m_password, m_events, output,
-                        command ? &*command : nullptr);
+        const ServiceManager manager;
+        const Guard guard(m_events);
+        Watcher watcher(
+            m_service, Settings(), [this] { return m_reload(); }, lookup, m_events, m_output->Get(),
+            manager);
         return watcher.Run();
+    }
+
+    WatchSettings Settings() const
+    {
+        return {MakePlan(m_options, SomeCiphers),
+                std::make_shared<PasswordSource>(m_secrets.Path() + "/password")};
     }
 
     // The output lines without their times.
     std::vector<std::string> Lines() const
     {
         static const std::regex time(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ )");
-        std::istringstream text(m_output.Text());
+        static const std::regex field(R"(^\{"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ",)");
+        std::istringstream text(m_output->Text());
         std::vector<std::string> lines;
         for (std::string line; std::getline(text, line);)
         {
-            EXPECT_TRUE(m_options.json || std::regex_search(line, time)) << line;
-            lines.push_back(std::regex_replace(line, time, ""));
+            EXPECT_TRUE(std::regex_search(line, line[0] == '{' ? field : time)) << line;
+            lines.push_back(std::regex_replace(std::regex_replace(line, time, ""), field, "{"));
         }
         return lines;
     }
@@ -300,31 +171,29 @@ protected:
     std::string Downloaded(const std::string& version, const std::string& server) const
     {
         return "downloaded " + m_directory.Path() + "/directory.csv, version '" + version +
-               "', 24 bytes from " + server;
+               "', 9 bytes from " + server;
     }
 
     TemporaryDirectory m_directory;
+    TemporaryDirectory m_secrets;
     Options m_options;
-    Secret m_password;
     EventQueue m_events;
-    Said m_output;
-    ScriptedService m_service{m_output};
+    std::unique_ptr<FollowedStream> m_output = std::make_unique<FollowedStream>();
+    FakeService m_service;
+    std::function<WatchSettings()> m_reload = [this] { return Settings(); };
     std::vector<LookupResult> m_found{{{A, B}, ""}};
+
+private:
+    std::mutex m_mutex;
     std::size_t m_lookups = 0;
 };
 
 TEST_F(ToolWatcher, ReportsEachCheckAndEachNewVersion)
 {
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Update(A, "edition 1");
-            service.Await("downloaded");
-            service.Version(A, "edition 1");
-            service.Await("unchanged");
-            service.Update(A, "edition 2");
-            service.Await("edition 2', 24 bytes");
-        });
+    When("downloaded", [this] { m_service.Version(A, "edition 1\n"); });
+    When("unchanged", [this] { m_service.Deliver(A, "edition 2"); });
+    StopWhen("edition 2', 9 bytes");
+    Watch({Deliver(A)});
     EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
                                      Downloaded("edition 1", A), "checking 192.0.2.1",
                                      "unchanged: version 'edition 1' at 192.0.2.1",
@@ -336,15 +205,14 @@ TEST_F(ToolWatcher, ReportsEachCheckAndEachNewVersion)
 
 TEST_F(ToolWatcher, ReportsTheNextServer)
 {
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.VersionFails(A);
-            service.Update(B, "edition 1");
-            service.Await("downloaded");
-        });
+    StopWhen("downloaded");
+    Watch({[](FakeService& service)
+           {
+               service.VersionFails(A);
+               service.Deliver(B, "edition 1");
+           }});
     EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1",
-                                     "failed: version.txt from 192.0.2.1: no connection",
+                                     "failed: version.txt from 192.0.2.1: version refused",
                                      "next server 192.0.2.2", "checking 192.0.2.2",
                                      "new version 'edition 1' at 192.0.2.2",
                                      Downloaded("edition 1", B), "stopped by SIGTERM"));
@@ -355,137 +223,129 @@ TEST_F(ToolWatcher, EventsAreJsonObjectsWhenAskedFor)
     m_options.json = true;
     m_options.servers = "dir.example";
     m_found = {{{A}, ""}};
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.VersionFails(A);
-            service.Update(A, "edition\t1\xff");
-            service.Await("downloaded");
-        });
-    const std::vector<std::string> lines = Lines();
-    ASSERT_EQ(lines.size(), 7U);
-    static const std::regex time(R"(^\{"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ",)");
-    std::vector<std::string> rests;
-    for (const std::string& line : lines)
-    {
-        EXPECT_TRUE(std::regex_search(line, time)) << line;
-        rests.push_back(std::regex_replace(line, time, "{"));
-    }
+    StopWhen("downloaded");
+    Watch({[](FakeService& service)
+           {
+               service.VersionFails(A);
+               service.Version(A, "edition\t1\xff\n");
+               service.DirectoryArrives(A, "a,b\n", service.DirectoryBegins(A));
+           }});
     const std::string server = R"("server":"192.0.2.1","name":"dir.example")";
     const std::string version = R"("version":"edition\t1)"
                                 "\xef\xbf\xbd\"";
     EXPECT_THAT(
-        rests,
+        Lines(),
         ElementsAre(
             R"({"event":"checking",)" + server + "}",
             R"({"event":"failed",)" + server +
-                R"(,"remote_file":"version.txt","code":16,"step":0,"reply":0,"reason":"no connection"})",
+                R"(,"remote_file":"version.txt","code":16,"step":0,"reply":0,"reason":"version refused"})",
             R"({"event":"next_server",)" + server + "}", R"({"event":"checking",)" + server + "}",
             R"({"event":"new_version",)" + server + "," + version + "}",
             R"({"event":"downloaded",)" + server + "," + version + R"(,"file":")" +
-                m_directory.Path() + R"(/directory.csv","bytes":24})",
+                m_directory.Path() + R"(/directory.csv","bytes":4})",
             R"({"event":"stopped","signal":"SIGTERM"})"));
 }
 
 TEST_F(ToolWatcher, QuietLeavesFailures)
 {
     m_options.quiet = true;
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.VersionFails(A);
-            service.Version(B, "oops");
-            service.Await("not valid");
-        });
-    EXPECT_THAT(Lines(), ElementsAre("failed: version.txt from 192.0.2.1: no connection",
+    StopWhen("retrying");
+    Watch({[](FakeService& service)
+           {
+               service.VersionFails(A);
+               service.Version(B, "oops\n");
+           }});
+    EXPECT_THAT(Lines(), ElementsAre("failed: version.txt from 192.0.2.1: version refused",
                                      "failed: version.txt from 192.0.2.2: the version file is not "
-                                     "valid: its first line 'oops' is shorter than 5 bytes"));
+                                     "valid: its first line 'oops' is shorter than 5 bytes",
+                                     "all servers failed", "retrying in 3600 s"));
 }
 
-// The service itself would only try the same server again.
-TEST_F(ToolWatcher, AVersionFileThatIsNotValidIsAskedForAtTheNextServerAtOnce)
+TEST_F(ToolWatcher, AVersionFileThatIsNotValidIsAnEvent)
 {
-    const Script bad = [](ScriptedService& service) { service.Version(A, "oops"); };
-    Watch(bad, Fetch(B));
+    const Script bad = [](FakeService& service) { service.Version(A, "oo\x01s\n"); };
+    StopWhen("downloaded");
+    Watch({bad, Deliver(B)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
+    EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1",
+                                     "failed: version.txt from 192.0.2.1: the version file is not "
+                                     "valid: its first line 'oo\\x01s' is shorter than 5 bytes",
+                                     "next server 192.0.2.2", "checking 192.0.2.2",
+                                     "new version 'edition 1' at 192.0.2.2",
+                                     Downloaded("edition 1", B), "stopped by SIGTERM"));
 }
 
-// The version is that of the file when it arrived, not when the event is handled.
-TEST_F(ToolWatcher, VersionsThatComeFastAreNotMixedUp)
+TEST_F(ToolWatcher, AVersionFileThatIsNotValidIsAJsonObject)
 {
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Update(A, "edition 1");
-            service.Update(A, "edition 2");
-            service.Await("downloaded", 2);
-        });
-    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)));
-    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
+    m_options.json = true;
+    const Script bad = [](FakeService& service) { service.Version(A, "oops\n"); };
+    StopWhen("downloaded");
+    Watch({bad, Deliver(B)});
+    EXPECT_THAT(Lines(),
+                Contains(R"({"event":"invalid_version","server":"192.0.2.1","name":null,)"
+                         R"("remote_file":"version.txt","version":"oops","reason":"the version )"
+                         R"(file is not valid: its first line 'oops' is shorter than 5 bytes"})"));
 }
 
-// The service starts the newer transfer after it has reported the old one.
-TEST_F(ToolWatcher, AFileThatArrivesWhenANewerVersionIsAnnouncedHasItsOwnVersion)
+TEST_F(ToolWatcher, AVersionThatIsNotWhatItSeemsIsAWarning)
 {
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Version(A, "edition 1");
-            service.DirectoryBegins(A);
-            const unsigned int old = service.Task();
-            service.Version(A, "edition 2");
-            service.DirectoryArrives(A, old);
-            service.Directory(A);
-            service.Await("downloaded", 2);
-        });
-    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)).Times(1));
-    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)).Times(1));
+    const Script carriageReturn = [](FakeService& service)
+    {
+        service.Version(A, "edition 1\r\n");
+        service.DirectoryArrives(A, "a,b\n", service.DirectoryBegins(A));
+    };
+    StopWhen("downloaded");
+    Watch({carriageReturn});
+    const std::string reason = "the version ends with a carriage return, which is compared too";
+    EXPECT_THAT(Lines(), Contains("warning: " + reason));
+    m_options.json = true;
+    StopWhen("unchanged");
+    Watch({carriageReturn});
+    EXPECT_THAT(Lines(), Contains(R"({"event":"warning","reason":")" + reason + "\"}"));
 }
 
-TEST_F(ToolWatcher, AnOldDirectoryFileThatEndsLastIsNotTakenForTheNewOne)
+// A restart: the service fetches the directory file in any case.
+TEST_F(ToolWatcher, AnEqualDirectoryFileAfterARestartIsUnchanged)
 {
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Version(A, "edition 1");
-            service.DirectoryBegins(A);
-            const unsigned int old = service.Task();
-            service.Update(A, "edition 2");
-            service.Await("downloaded");
-            service.DirectoryIsInPlace(A, old);
-            service.Version(A, "edition 2");
-            service.Await("unchanged");
-        });
-    EXPECT_THAT(Lines(), testing::Contains(HasSubstr("downloaded")).Times(1));
-    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
+    StopWhen("downloaded");
+    Watch({Deliver(A)});
+    m_output = std::make_unique<FollowedStream>();
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Lines(),
+                ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
+                            "unchanged: version 'edition 1' at 192.0.2.1", "stopped by SIGTERM"));
 }
 
 // A missing log directory must not end the watch.
 TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
 {
-    const Script failing = [this](ScriptedService& service)
+    const Script failing = [this](FakeService& service)
     {
-        service.Version(A, "edition 1");
-        m_service.initResult = 2;
+        service.Version(A, "edition 1\n");
         service.DirectoryFails(A);
+        m_service.initResult = 2;
+        m_service.initFailures = 1;
     };
-    m_service.initFailures = 1;
-    Watch(failing, Fetch(A));
-    EXPECT_THAT(Lines(), testing::Contains("failed: the service could not be started (code 2)"));
+    When("retrying in 3600 s", EventKind::kCheckNow);
+    StopWhen("downloaded");
+    Watch({failing, Deliver(A)});
+    EXPECT_THAT(Lines(), Contains("failed: the service could not be started (code 2)"));
 }
 
 // The service itself would retry the directory file only when the version changes.
 TEST_F(ToolWatcher, AFailedDirectoryFileIsAskedForAtTheNextServerAtOnce)
 {
-    const Script failing = [](ScriptedService& service)
+    const Script failing = [](FakeService& service)
     {
-        service.Version(A, "edition 1");
+        service.Version(A, "edition 1\n");
         service.DirectoryFails(A);
     };
-    Watch(failing, Fetch(B));
+    StopWhen("downloaded");
+    Watch({failing, Deliver(B)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1"));
     EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
-                                     "failed: directory.csv from 192.0.2.1: ended early",
+                                     "failed: directory.csv from 192.0.2.1: directory refused",
                                      "next server 192.0.2.2", "checking 192.0.2.2",
                                      "new version 'edition 1' at 192.0.2.2",
                                      Downloaded("edition 1", B), "stopped by SIGTERM"));
@@ -494,179 +354,177 @@ TEST_F(ToolWatcher, AFailedDirectoryFileIsAskedForAtTheNextServerAtOnce)
 // Otherwise a version would be missed. The retry is sooner than the next check.
 TEST_F(ToolWatcher, ADirectoryFileThatFailedEverywhereIsAskedForAgainAfterTheRetryTime)
 {
-    const Script first = [](ScriptedService& service)
+    m_options.retrySeconds = 1;
+    const auto failing = [](const std::string& server)
     {
-        service.Version(A, "edition 1");
-        service.DirectoryFails(A);
+        return [server](FakeService& service)
+        {
+            service.Version(server, "edition 1\n");
+            service.DirectoryFails(server);
+        };
     };
-    const Script second = [](ScriptedService& service)
-    {
-        service.Version(B, "edition 1");
-        service.DirectoryFails(B);
-        service.Version(B, "edition 1");  // the service's own check finds nothing new
-    };
+    StopWhen("downloaded");
     const auto begun = std::chrono::steady_clock::now();
-    Watch(first, second, Fetch(A));
+    Watch({failing(A), failing(B), Deliver(A)});
     EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.2;192.0.2.1", "192.0.2.1;192.0.2.2"));
-    EXPECT_THAT(Lines(), testing::Contains("retrying in 1 s"));
-    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 1", A)));
+    EXPECT_THAT(Lines(), Contains("retrying in 1 s"));
+    EXPECT_THAT(Lines(), Contains(Downloaded("edition 1", A)));
 }
 
 TEST_F(ToolWatcher, ADirectoryFileThatCannotBeWrittenIsNotTriedElsewhere)
 {
-    const Script full = [](ScriptedService& service)
+    const Script full = [](FakeService& service)
     {
-        service.Version(A, "edition 1");
+        service.Version(A, "edition 1\n");
         service.DirectoryFails(A, TRAVEX_FTP_ERR_LOCAL_FILE);
     };
-    Watch(full, Fetch(A));
+    When("retrying in 3600 s", EventKind::kCheckNow);
+    StopWhen("downloaded");
+    Watch({full, Deliver(A)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.1;192.0.2.2"));
 }
 
 // The failure of an outdated file is reported, without a retry.
 TEST_F(ToolWatcher, AnOldDirectoryFileThatFailsIsNotAskedForAgain)
 {
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Version(A, "edition 1");
-            service.DirectoryBegins(A);
-            const unsigned int old = service.Task();
-            service.Await("edition 1");
-            service.Version(A, "edition 2");
-            service.DirectoryBegins(A);
-            const unsigned int newer = service.Task();
-            service.Await("edition 2");
-            service.DirectoryEndsEarly(A, old);
-            service.Await("ended early");
-            service.DirectoryArrives(A, newer);
-            service.Await("downloaded");
-        });
+    StopWhen("downloaded");
+    Watch({[](FakeService& service)
+           {
+               service.Version(A, "edition 1\n");
+               const unsigned int old = service.DirectoryBegins(A);
+               service.Version(A, "edition 2\n");
+               const unsigned int newer = service.DirectoryBegins(A);
+               service.DirectoryEndsEarly(A, old);
+               service.DirectoryArrives(A, "edition 2", newer);
+           }});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
-    EXPECT_THAT(Lines(), testing::Contains(Downloaded("edition 2", A)));
+    EXPECT_THAT(Lines(), Contains("failed: directory.csv from 192.0.2.1: directory refused"));
+    EXPECT_THAT(Lines(), Contains(Downloaded("edition 2", A)));
 }
 
 // A failed check alone does not lead to a new request.
 TEST_F(ToolWatcher, AnOutageAfterAVersionIsLeftToTheService)
 {
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Update(A, "edition 1");
-            service.VersionFails(A);  // after a success, the first of the list again
-            service.VersionFails(A);
-            service.VersionFails(B);
-            service.Await("next check within 600 s");
-            service.Version(A, "edition 1");
-            service.Await("unchanged");
-        });
+    When("downloaded",
+         [this]
+         {
+             m_service.VersionFails(A);  // after a success, the first of the list again
+             m_service.VersionFails(A);
+             m_service.VersionFails(B);
+         });
+    When("next check within 600 s", [this] { m_service.Version(A, "edition 1\n"); });
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2"));
-    EXPECT_THAT(Lines(), testing::Contains("next check within 600 s"));
-    EXPECT_THAT(Lines(), testing::Contains(HasSubstr("next server")).Times(2));
+    EXPECT_THAT(Lines(), Contains(HasSubstr("next server")).Times(2));
+    EXPECT_THAT(Lines(), Contains("all servers failed").Times(1));
 }
 
 TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
 {
-    const Script down = [](ScriptedService& service)
+    m_options.retrySeconds = 1;
+    const Script down = [](FakeService& service)
     {
         service.VersionFails(A);
         service.VersionFails(B);
     };
-    Watch(down, down, Fetch(A));
+    StopWhen("downloaded");
+    const auto begun = std::chrono::steady_clock::now();
+    Watch({down, down, Deliver(A)});
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(2));
     EXPECT_EQ(m_service.requests.size(), 3U);
-    EXPECT_THAT(Lines(), testing::Contains("retrying in 1 s").Times(2));
+    EXPECT_THAT(Lines(), Contains("retrying in 1 s").Times(2));
 }
 
 TEST_F(ToolWatcher, OneServerIsTriedTwice)
 {
-    m_options.servers = "192.0.2.1";
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.VersionFails(A);
-            service.VersionFails(A);
-            service.Await("retrying in");
-        });
+    m_options.servers = A;
+    StopWhen("retrying in");
+    Watch({[](FakeService& service)
+           {
+               service.VersionFails(A);
+               service.VersionFails(A);
+           }});
     EXPECT_THAT(
         Lines(),
-        ElementsAre("checking 192.0.2.1", "failed: version.txt from 192.0.2.1: no connection",
+        ElementsAre("checking 192.0.2.1", "failed: version.txt from 192.0.2.1: version refused",
                     "next server 192.0.2.1", "checking 192.0.2.1",
-                    "failed: version.txt from 192.0.2.1: no connection", "all servers failed",
-                    "retrying in 1 s", "stopped by SIGTERM"));
+                    "failed: version.txt from 192.0.2.1: version refused", "all servers failed",
+                    "retrying in 3600 s", "stopped by SIGTERM"));
 }
 
 TEST_F(ToolWatcher, NewAddressesAreTakenWhenTheOldOnesFail)
 {
     m_options.servers = "dir.example";
     m_found = {{{A}, ""}, {{}, "no network"}, {{B, C}, ""}};
-    const Script moved = [](ScriptedService& service)
+    const auto failTwice = [this]
     {
-        service.Update(A, "edition 1");
-        service.VersionFails(A);
-        service.VersionFails(A);
-        service.Await("no network");
-        service.VersionFails(A);
-        service.VersionFails(A);
+        m_service.VersionFails(A);
+        m_service.VersionFails(A);
     };
-    const Script there = [](ScriptedService& service)
-    {
-        service.Update(B, "edition 1");
-        service.Await("bytes from 192.0.2.2");
-    };
-    Watch(moved, there);
+    When("downloaded", failTwice);
+    When("failed: dir.example: no network", failTwice);
+    StopWhen("unchanged");
+    Watch({Deliver(A), Deliver(B)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1", "192.0.2.2;192.0.2.3"));
-    EXPECT_THAT(Lines(), testing::Contains("failed: dir.example: no network"));
-    EXPECT_THAT(Lines(), testing::Contains("checking 192.0.2.2 (dir.example)"));
+    EXPECT_THAT(Lines(), Contains("checking 192.0.2.2 (dir.example)"));
 }
 
 TEST_F(ToolWatcher, WaitsForANameThatHasNoAddressYet)
 {
     m_options.servers = "dir.example";
     m_found = {{{}, "no network"}, {{A}, ""}};
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Version(A, "edition 1");
-            service.Await("new version");
-        });
-    EXPECT_THAT(Lines(), ElementsAre("failed: dir.example: no network", "retrying in 1 s",
-                                     "checking 192.0.2.1 (dir.example)",
+    When("retrying in 3600 s", EventKind::kCheckNow);
+    StopWhen("new version");
+    Watch({[](FakeService& service) { service.Version(A, "edition 1\n"); }});
+    EXPECT_THAT(Lines(), ElementsAre("failed: dir.example: no network", "all servers failed",
+                                     "retrying in 3600 s", "checking 192.0.2.1 (dir.example)",
                                      "new version 'edition 1' at 192.0.2.1 (dir.example)",
                                      "stopped by SIGTERM"));
 }
 
+Script Refuse(unsigned int code)
+{
+    return [code](FakeService& service)
+    {
+        service.Refuse("", code);
+        service.requestResult = 1;
+    };
+}
+
 TEST_F(ToolWatcher, ARefusedArgumentEndsItAtTheStartOnly)
 {
-    m_service.refuseWith = TRAVEX_FTP_ERR_CIPHER;
-    const Thrown thrown = ExitErrorOf([this] { Run({}); });
+    const Thrown thrown = ExitErrorOf([this] { Run({Refuse(TRAVEX_FTP_ERR_CIPHER)}); });
     EXPECT_EQ(thrown.status, kExitArguments);
-    EXPECT_EQ(thrown.message, "--ciphers: refused: bad suite");
+    EXPECT_EQ(thrown.message, "--ciphers: bad suite");
 }
 
 TEST_F(ToolWatcher, ATransferThatIsRefusedLaterIsAskedForAgain)
 {
-    const Script gone = [](ScriptedService& service)
+    const Script gone = [](FakeService& service)
     {
-        service.Version(A, "edition 1");
-        service.TransferRefused();
+        service.Version(A, "edition 1\n");
+        service.Refuse(A, TRAVEX_FTP_ERR_TRUST);
     };
-    Watch(gone, Fetch(A));
+    When("retrying in 3600 s", EventKind::kCheckNow);
+    StopWhen("downloaded");
+    Watch({gone, Deliver(A)});
     EXPECT_EQ(m_service.requests.size(), 2U);
-    EXPECT_THAT(Lines(), testing::Contains(HasSubstr("no such file")));
+    EXPECT_THAT(Lines(), Contains("failed: 192.0.2.1: bad suite"));
 }
 
 TEST_F(ToolWatcher, AServiceThatDoesNotStartEndsIt)
 {
-    m_service.initResult = 5;
+    m_service.initResult = 1;
     EXPECT_EQ(ExitErrorOf([this] { Run({}); }).status, kExitInternal);
 }
 
 TEST_F(ToolWatcher, LackOfMemoryEndsIt)
 {
-    const Thrown thrown = ExitErrorOf(
-        [this] { Run({[this](ScriptedService&) { m_events.Push(EventKind::kOutOfMemory); }}); });
+    const Script lost = [this](FakeService&) { m_events.Push(EventKind::kOutOfMemory); };
+    const Thrown thrown = ExitErrorOf([&] { Run({lost}); });
     EXPECT_EQ(thrown.status, kExitInternal);
     EXPECT_EQ(thrown.message, "out of memory");
 }
@@ -675,24 +533,287 @@ TEST_F(ToolWatcher, AnOutputThatCannotBeWrittenEndsIt)
 {
     std::FILE* const full = std::fopen("/dev/full", "w");
     ASSERT_NE(full, nullptr);
-    const Plan plan = MakePlan(m_options, SomeCiphers);
-    WatchOutput output(full, false, false);
-    m_service.scripts = {[](ScriptedService& service) { service.Version(A, "edition 1"); }};
+    m_service.scripts = {[](FakeService& service) { service.Version(A, "edition 1\n"); }};
     {
-        Watcher watcher(m_service, plan, SystemLookup, m_password, m_events, output, nullptr);
+        const ServiceManager manager;
+        Watcher watcher(m_service, Settings(), m_reload, SystemLookup, m_events, full, manager);
         const Thrown thrown = ExitErrorOf([&watcher] { watcher.Run(); });
         EXPECT_EQ(thrown.status, kExitLocalFile);
     }
     (void)std::fclose(full);
 }
 
+class ToolWatcherSplay : public ToolWatcher
+{
+};
+
+TEST_F(ToolWatcherSplay, WaitsBeforeTheFirstRequest)
+{
+    m_options.splaySeconds = 1;
+    StopWhen("downloaded");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Lines(), Contains(Downloaded("edition 1", A)));
+    EXPECT_THAT(Lines().front(), MatchesRegex("retrying in [01] s"));
+}
+
+TEST_F(ToolWatcherSplay, EndsWithASignal)
+{
+    m_options.splaySeconds = 1000000;
+    StopWhen("retrying in ");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Lines(), ElementsAre(StartsWith("retrying in "), "stopped by SIGTERM"));
+    EXPECT_EQ(m_service.starts, 0);
+}
+
+TEST_F(ToolWatcherSplay, EndsWithACheckAtOnce)
+{
+    m_options.splaySeconds = 1000000;
+    When("retrying in ", EventKind::kCheckNow);
+    StopWhen("downloaded");
+    Watch({Deliver(A)});
+}
+
+TEST_F(ToolWatcherSplay, TakesSettings)
+{
+    m_options.splaySeconds = 1000000;
+    When("retrying in ",
+         [this]
+         {
+             m_options.servers = C;
+             m_events.Push(EventKind::kReload);
+         });
+    When("settings reloaded", EventKind::kCheckNow);
+    StopWhen("downloaded");
+    Watch({Deliver(C)});
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.3"));
+}
+
+class ToolWatcherReload : public ToolWatcher
+{
+protected:
+    // Reloads after the first download, with the options as the function leaves them.
+    void ReloadWith(const std::function<void()>& change)
+    {
+        When("downloaded",
+             [this, change]
+             {
+                 change();
+                 m_events.Push(EventKind::kReload);
+             });
+    }
+};
+
+TEST_F(ToolWatcherReload, TakesNewSettingsAndChecks)
+{
+    ReloadWith(
+        [this]
+        {
+            m_options.servers = C;
+            m_options.user = "other";
+            m_options.json = true;
+            WriteFile(m_secrets.Path() + "/password", "new");
+        });
+    StopWhen("unchanged");
+    Watch({Deliver(A), Deliver(C)});
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.3"));
+    EXPECT_STREQ(m_service.lastRequest.szUserName, "other");
+    EXPECT_STREQ(m_service.lastRequest.szPassword, "new");
+    EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
+                                     Downloaded("edition 1", A), R"({"event":"reloaded"})",
+                                     R"({"event":"checking","server":"192.0.2.3","name":null})",
+                                     testing::_, StartsWith(R"({"event":"unchanged",)"),
+                                     StartsWith(R"({"event":"stopped",)")));
+}
+
+TEST_F(ToolWatcherReload, AMistakeKeepsTheOldSettings)
+{
+    ReloadWith(
+        [this]
+        {
+            m_options.servers = C;
+            m_options.localIp = "nowhere";
+        });
+    When("settings not reloaded", [this] { m_service.Version(A, "edition 1\n"); });
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    EXPECT_EQ(m_service.requests.size(), 1U);
+    EXPECT_THAT(Lines(), Contains(StartsWith("settings not reloaded: --local-ip")));
+    EXPECT_THAT(Lines(), Contains("unchanged: version 'edition 1' at 192.0.2.1"));
+}
+
+TEST_F(ToolWatcherReload, AMistakeIsAJsonObject)
+{
+    m_options.json = true;
+    ReloadWith([this] { std::filesystem::remove(m_secrets.Path() + "/password"); });
+    StopWhen("reload_failed");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Lines(),
+                Contains(R"({"event":"reload_failed","reason":"cannot read the password from ')" +
+                         m_secrets.Path() + R"(/password': No such file or directory"})"));
+}
+
+TEST_F(ToolWatcherReload, SettingsThatTheFirstRequestRefusesAreDropped)
+{
+    ReloadWith([this] { m_options.servers = C; });
+    StopWhen("unchanged");
+    Watch({Deliver(A), Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
+    EXPECT_THAT(m_service.requests,
+                ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.3", "192.0.2.1;192.0.2.2"));
+    EXPECT_THAT(Lines(), Contains("settings not reloaded: --ca: bad suite"));
+}
+
+TEST_F(ToolWatcherReload, SettingsWithWhichTheServiceDoesNotStartAreDropped)
+{
+    ReloadWith(
+        [this]
+        {
+            m_options.servers = C;
+            m_options.logDir = m_secrets.Path();
+            m_options.logLevel = 1;
+            m_service.initResult = ENOSPC;
+            m_service.initFailures = 1;
+        });
+    StopWhen("unchanged");
+    Watch({Deliver(A), Deliver(A)});
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.1;192.0.2.2"));
+    EXPECT_THAT(Lines(), Contains("settings not reloaded: cannot write the log to --log-dir '" +
+                                  m_secrets.Path() + "': No space left on device"));
+}
+
+// Settings that have worked are not given up for a later failure.
+TEST_F(ToolWatcherReload, ARefusalAfterTheFirstCheckKeepsTheNewSettings)
+{
+    const Script gone = [](FakeService& service)
+    {
+        service.Version(C, "edition 2\n");
+        service.Refuse(C, TRAVEX_FTP_ERR_TRUST);
+    };
+    ReloadWith([this] { m_options.servers = C; });
+    When("retrying in 3600 s", EventKind::kCheckNow);
+    StopWhen("downloaded");
+    Watch({Deliver(A), gone, [](FakeService& service) { service.Deliver(C, "edition 2"); }});
+    EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.3", "192.0.2.3"));
+}
+
+TEST_F(ToolWatcherReload, TheOutputDirectoryAndTheNamesCannotChange)
+{
+    const TemporaryDirectory other;
+    const std::function<void()> changes[] = {[&] { m_options.outputDir = other.Path(); },
+                                             [&]
+                                             {
+                                                 m_options.outputDir = m_directory.Path();
+                                                 m_options.versionName = "v";
+                                             },
+                                             [&]
+                                             {
+                                                 m_options.versionName.clear();
+                                                 m_options.directoryName = "d";
+                                             }};
+    ReloadWith(changes[0]);
+    for (const auto& change : {changes[1], changes[2]})
+    {
+        When(
+            "settings not reloaded: the output directory and the local names cannot change while "
+            "'watch' runs; restart it\n",
+            [this, change]
+            {
+                change();
+                m_events.Push(EventKind::kReload);
+            });
+    }
+    StopWhen("settings not reloaded: the output directory");
+    Watch({Deliver(A)});
+    EXPECT_EQ(m_service.requests.size(), 1U);
+    EXPECT_THAT(FilesIn(other.Path()), IsEmpty());
+}
+
+// Events of the service manager.
+class ToolWatcherStatus : public ToolWatcherReload
+{
+protected:
+    // The datagrams so far, each without what differs from run to run.
+    std::vector<std::string> Received() const
+    {
+        static const std::regex varying(R"((checked )\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ|(USEC=)\d+)");
+        std::vector<std::string> texts;
+        while (const std::optional<std::string> text = m_manager->Next())
+        {
+            texts.push_back(std::regex_replace(*text, varying, "$1$2..."));
+        }
+        return texts;
+    }
+
+    // Before the watch, which takes the address from the environment.
+    std::unique_ptr<NotifyReceiver> m_manager =
+        std::make_unique<NotifyReceiver>(m_secrets.Path() + "/notify");
+};
+
+TEST_F(ToolWatcherStatus, IsReported)
+{
+    When("downloaded",
+         [this]
+         {
+             for (const char* server : {A, A, B})
+             {
+                 m_service.VersionFails(server);
+             }
+         });
+    When("next check within", [this] { m_service.Version(B, "edition 1\n"); });
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Received(),
+                ElementsAre("READY=1", "STATUS=version edition 1 from 192.0.2.1, checked ...",
+                            "STATUS=failed: version refused",
+                            "STATUS=version edition 1 from 192.0.2.2, checked ...", "STOPPING=1"));
+}
+
+TEST_F(ToolWatcherStatus, HasTheReasonOfAnInvalidVersion)
+{
+    m_options.servers = A;
+    StopWhen("retrying in");
+    Watch({[](FakeService& service) { service.Version(A, "oops\n"); }});
+    EXPECT_THAT(Received(),
+                ElementsAre("READY=1",
+                            "STATUS=failed: the version file is not valid: its first line 'oops' "
+                            "is shorter than 5 bytes",
+                            "STOPPING=1"));
+}
+
+TEST_F(ToolWatcherStatus, EveryReloadEndsInReady)
+{
+    ReloadWith([this] { m_options.servers = C; });
+    When("unchanged",
+         [this]
+         {
+             m_options.localIp = "nowhere";
+             m_events.Push(EventKind::kReload);
+         });
+    StopWhen("settings not reloaded");
+    Watch({Deliver(A), Deliver(C)});
+    EXPECT_THAT(Received(),
+                ElementsAre("READY=1", HasSubstr("STATUS="), "RELOADING=1\nMONOTONIC_USEC=...",
+                            "READY=1", HasSubstr("STATUS="), "RELOADING=1\nMONOTONIC_USEC=...",
+                            "READY=1", "STOPPING=1"));
+}
+
+TEST_F(ToolWatcherStatus, IsReadyDuringTheSplay)
+{
+    m_options.splaySeconds = 1000000;
+    // Written before the wait begins.
+    When("retrying in ", EventKind::kReload);
+    StopWhen("settings reloaded");
+    Watch({});
+    EXPECT_THAT(Received(),
+                ElementsAre("READY=1", "RELOADING=1\nMONOTONIC_USEC=...", "READY=1", "STOPPING=1"));
+}
+
 // The command writes its variables to a file.
-class ToolWatcherCommand : public ToolWatcher
+class ToolWatcherCommand : public ToolWatcherReload
 {
 protected:
     std::vector<std::string> Given() const
     {
-        std::ifstream file(m_directory.Path() + "/given");
+        std::ifstream file(m_secrets.Path() + "/given");
         std::vector<std::string> lines;
         for (std::string line; std::getline(file, line);)
         {
@@ -701,23 +822,37 @@ protected:
         return lines;
     }
 
-    const std::string m_note = "echo \"$CORPDIR_FILE $CORPDIR_VERSION $CORPDIR_SERVER\" >>" +
-                               m_directory.Path() + "/given";
+    // Stops the watch when the command has written something.
+    void WatchUntilGiven()
+    {
+        std::thread reader(
+            [this]
+            {
+                const auto end = std::chrono::steady_clock::now() + kPatience;
+                while (Given().empty() && std::chrono::steady_clock::now() < end)
+                {
+                    std::this_thread::sleep_for(milliseconds(1));
+                }
+                Stop();
+            });
+        Watch({Deliver(A)});
+        reader.join();
+    }
+
+    const std::string m_given = m_secrets.Path() + "/given";
+    const std::string m_note =
+        "echo \"$CORPDIR_FILE $CORPDIR_VERSION $CORPDIR_SERVER\" >>" + m_given;
+    const std::string m_file = m_directory.Path() + "/directory.csv ";
 };
 
 TEST_F(ToolWatcherCommand, IsRunForEachNewVersion)
 {
     m_options.execute = m_note;
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Update(A, "edition 1");
-            service.Await("the command succeeded");
-            service.Update(A, "edition 2");
-            service.Await("the command succeeded", 2);
-        });
-    const std::string file = m_directory.Path() + "/directory.csv ";
-    EXPECT_THAT(Given(), ElementsAre(file + "edition 1 192.0.2.1", file + "edition 2 192.0.2.1"));
+    When("the command succeeded", [this] { m_service.Deliver(A, "edition 2"); });
+    StopWhen("the command succeeded");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Given(),
+                ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 2 192.0.2.1"));
 }
 
 TEST_F(ToolWatcherCommand, IsNotRunForTheSameVersionAgain)
@@ -725,104 +860,176 @@ TEST_F(ToolWatcherCommand, IsNotRunForTheSameVersionAgain)
     m_options.execute = m_note;
     m_options.servers = "dir.example";
     m_found = {{{A}, ""}, {{B}, ""}};
-    const Script first = [](ScriptedService& service)
-    {
-        service.Update(A, "edition 1");
-        service.Await("the command succeeded");
-        service.VersionFails(A);
-        service.VersionFails(A);
-    };
-    const Script moved = [](ScriptedService& service)
-    {
-        service.Update(B, "edition 1");
-        service.Await("bytes from 192.0.2.2");
-    };
-    Watch(first, moved);
+    When("the command succeeded",
+         [this]
+         {
+             m_service.VersionFails(A);
+             m_service.VersionFails(A);
+         });
+    StopWhen("unchanged: version 'edition 1' at 192.0.2.2 (dir.example)");
+    Watch({Deliver(A), Deliver(B)});
     EXPECT_EQ(Given().size(), 1U);
+}
+
+TEST_F(ToolWatcherCommand, IsNotRunForAnEqualFileAfterARestart)
+{
+    StopWhen("downloaded");
+    Watch({Deliver(A)});
+    m_options.execute = m_note;
+    // Two checks: a command of the first would have been started before the second.
+    When("unchanged", [this] { m_service.Version(A, "edition 1\n"); });
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Given(), IsEmpty());
+    EXPECT_THAT(Lines(), Not(Contains(HasSubstr("command"))));
 }
 
 TEST_F(ToolWatcherCommand, RunsOnceForSeveralVersionsDuringARun)
 {
-    const std::string gate = m_directory.Path() + "/gate";
+    const std::string gate = m_secrets.Path() + "/gate";
     m_options.execute = "while [ ! -e " + gate + " ]; do sleep 0.01; done; " + m_note;
-    Watch(
-        [&gate](ScriptedService& service)
-        {
-            for (const char* version : {"edition 1", "edition 2", "edition 3"})
-            {
-                service.Update(A, version);
-                service.Await("downloaded", static_cast<std::size_t>(version[8] - '0'));
-            }
-            std::ofstream(gate) << "open";
-            service.Await("the command succeeded", 2);
-        });
-    const std::string file = m_directory.Path() + "/directory.csv ";
-    EXPECT_THAT(Given(), ElementsAre(file + "edition 1 192.0.2.1", file + "edition 3 192.0.2.1"));
+    When("downloaded", [this] { m_service.Deliver(A, "edition 2"); });
+    When("downloaded", [this] { m_service.Deliver(A, "edition 3"); });
+    When("downloaded", [&gate] { WriteFile(gate, "open"); });
+    When("the command succeeded", [] {});
+    StopWhen("the command succeeded");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Given(),
+                ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 3 192.0.2.1"));
 }
 
-TEST_F(ToolWatcherCommand, AFailureIsReported)
+TEST_F(ToolWatcherCommand, AFailureIsReportedAndTriedAgainAfterTheNextCheck)
+{
+    m_options.execute = m_note + "; [ $(wc -l <" + m_given + ") = 2 ] || exit 3";
+    When("the command failed with status 3", [this] { m_service.Version(A, "edition 1\n"); });
+    When("the command succeeded", [this] { m_service.Version(A, "edition 1\n"); });
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Given(),
+                ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 1 192.0.2.1"));
+    EXPECT_THAT(Lines(), Contains("the command failed with status 3").Times(1));
+    EXPECT_THAT(Lines(), Contains("the command succeeded").Times(1));
+}
+
+// A check that failed says nothing about the file.
+TEST_F(ToolWatcherCommand, AFailureIsNotTriedAgainAfterACheckThatFailed)
+{
+    m_options.execute = m_note + "; exit 3";
+    When("the command failed",
+         [this]
+         {
+             for (const char* server : {A, A, B})
+             {
+                 m_service.VersionFails(server);
+             }
+         });
+    StopWhen("next check within");
+    Watch({Deliver(A)});
+    EXPECT_EQ(Given().size(), 1U);
+}
+
+TEST_F(ToolWatcherCommand, TakesTooLong)
+{
+    m_options.execute = "sleep 60";
+    m_options.execTimeoutSeconds = 1;
+    StopWhen("the command exceeded --exec-timeout and was ended");
+    Watch({Deliver(A)});
+}
+
+TEST_F(ToolWatcherCommand, TooLongIsAJsonObject)
+{
+    m_options.json = true;
+    m_options.execute = "sleep 60";
+    m_options.execTimeoutSeconds = 1;
+    StopWhen("\"command\"");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Lines(), Contains(R"({"event":"command","status":143,"reason":"timed out"})"));
+}
+
+TEST_F(ToolWatcherCommand, OfAFailureHasTheReason)
+{
+    m_options.execute = "echo update >>" + m_given;
+    m_options.onFailure = "echo \"$CORPDIR_FILE $CORPDIR_REASON\" >>" + m_given;
+    StopWhen("the command succeeded");
+    Watch({[](FakeService& service)
+           {
+               service.VersionFails(A);
+               service.Version(B, "oops\n");
+           }});
+    EXPECT_THAT(Given(), ElementsAre(m_file + "the version file is not valid: its first line "
+                                              "'oops' is shorter than 5 bytes"));
+}
+
+TEST_F(ToolWatcherCommand, OfAFailureRunsAfterEachCheckThatFailed)
+{
+    m_options.onFailure = "echo failed >>" + m_given + "; exit 1";
+    const Script down = [](FakeService& service)
+    {
+        service.VersionFails(A);
+        service.VersionFails(B);
+    };
+    When("the command failed with status 1", EventKind::kCheckNow);
+    When("the command failed with status 1", EventKind::kCheckNow);
+    StopWhen("downloaded");
+    Watch({down, down, Deliver(A)});
+    EXPECT_THAT(Given(), ElementsAre("failed", "failed"));
+}
+
+TEST_F(ToolWatcherCommand, IsTakenFromNewSettings)
 {
     m_options.execute = "exit 3";
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Update(A, "edition 1");
-            service.Await("the command failed");
-        });
-    EXPECT_THAT(Lines(), testing::Contains("the command failed with status 3"));
+    When("the command failed",
+         [this]
+         {
+             m_options.execute = m_note;
+             m_events.Push(EventKind::kReload);
+         });
+    StopWhen("the command succeeded");
+    Watch({Deliver(A), [](FakeService& service) { service.Deliver(A, "edition 2"); }});
+    EXPECT_THAT(Given(), ElementsAre(m_file + "edition 2 192.0.2.1"));
+}
+
+TEST_F(ToolWatcherCommand, ThatRunsKeepsTheOldSettings)
+{
+    const std::string gate = m_secrets.Path() + "/gate";
+    m_options.execute = "while [ ! -e " + gate + " ]; do sleep 0.01; done";
+    ReloadWith([this] { m_options.servers = C; });
+    When("settings not reloaded: a command is running; reload again when it has ended",
+         [&gate] { WriteFile(gate, "open"); });
+    When("the command succeeded", EventKind::kReload);
+    When("settings reloaded", [] {});
+    StopWhen("checking 192.0.2.3");
+    Watch({Deliver(A), Deliver(C)});
 }
 
 TEST_F(ToolWatcherCommand, IsEndedWithTheWatch)
 {
-    m_options.execute = "trap 'echo asked to end >>" + m_directory.Path() +
-                        "/given; exit' TERM; echo begun >>" + m_directory.Path() +
-                        "/given; while :; do sleep 0.01; done";
-    Watch(
-        [this](ScriptedService& service)
-        {
-            service.Update(A, "edition 1");
-            while (Given().empty())
-            {
-                std::this_thread::sleep_for(milliseconds(1));
-            }
-        });
+    m_options.execute = "trap 'echo asked to end >>" + m_given + "; exit' TERM; echo begun >>" +
+                        m_given + "; while :; do sleep 0.01; done";
+    WatchUntilGiven();
     EXPECT_THAT(Given(), ElementsAre("begun", "asked to end"));
 }
 
 TEST_F(ToolWatcherCommand, ThatDoesNotEndIsKilled)
 {
-    m_options.execute =
-        "trap '' TERM; echo begun >>" + m_directory.Path() + "/given; while :; do sleep 0.01; done";
+    m_options.execute = "trap '' TERM; echo begun >>" + m_given + "; while :; do sleep 0.01; done";
     const auto begun = std::chrono::steady_clock::now();
-    Watch(
-        [this](ScriptedService& service)
-        {
-            service.Update(A, "edition 1");
-            while (Given().empty())
-            {
-                std::this_thread::sleep_for(milliseconds(1));
-            }
-        });
+    WatchUntilGiven();
     EXPECT_LT(std::chrono::steady_clock::now() - begun, kPatience);
 }
 
 // The command inherits no signal settings of the watch.
 TEST_F(ToolWatcherCommand, InheritsNoSignalSettings)
 {
-    m_options.execute =
-        "grep -E '^Sig(Blk|Ign)' /proc/self/status >>" + m_directory.Path() + "/given";
+    m_options.execute = "grep -E '^Sig(Blk|Ign)' /proc/self/status >>" + m_given;
     sigset_t blocked;
     sigset_t saved;
     (void)sigemptyset(&blocked);
     (void)sigaddset(&blocked, SIGTERM);
     (void)pthread_sigmask(SIG_BLOCK, &blocked, &saved);
     const auto previous = signal(SIGPIPE, SIG_IGN);
-    Watch(
-        [](ScriptedService& service)
-        {
-            service.Update(A, "edition 1");
-            service.Await("the command succeeded");
-        });
+    StopWhen("the command succeeded");
+    Watch({Deliver(A)});
     (void)signal(SIGPIPE, previous);
     (void)pthread_sigmask(SIG_SETMASK, &saved, nullptr);
     // Bits above 31 are used by the C library.
