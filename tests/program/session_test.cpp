@@ -501,6 +501,13 @@ TEST_F(ToolSession, ASignalStopsTheDirectoryFile)
     EXPECT_EQ(Local("directory.csv"), "older");
 }
 
+TEST_F(ToolSession, ASignalBeforeTheFirstServerIsReported)
+{
+    m_events.Push(EventKind::kSignal, SIGINT);
+    EXPECT_EQ(Run([](FakeService&) {}).status, 128 + SIGINT);
+    EXPECT_EQ(Messages(), "corpdir: stopped by SIGINT while looking up the names of the servers\n");
+}
+
 TEST_F(ToolSession, TimeWithoutProgressRunsOut)
 {
     m_options.timeoutSeconds = 1;
@@ -612,6 +619,13 @@ TEST_F(ToolSession, ALogThatCannotBeOpenedIsNamed)
     EXPECT_EQ(start.status, kExitLocalFile);
     EXPECT_EQ(start.message, "cannot write the log to --log-dir '" + m_secrets.Path() +
                                  "': No space left on device");
+}
+
+TEST_F(ToolSession, MemoryThatRunsOutEndsIt)
+{
+    m_events.Push(EventKind::kOutOfMemory);
+    EXPECT_EQ(Run([](FakeService&) {}).status, kExitInternal);
+    EXPECT_EQ(Messages(), "corpdir: out of memory\n");
 }
 
 TEST_F(ToolSession, ProgressIsShownByFile)
@@ -794,6 +808,23 @@ TEST(ToolEvents, SignalsOutliveAService)
     EXPECT_EQ(taken[1].kind, EventKind::kFailed);
     EXPECT_EQ(events.WaitUntil({}).number, SIGINT);
     EXPECT_EQ(events.WaitUntil({}).kind, EventKind::kDeadline);
+}
+
+// An event that came before the other wait must not be missed.
+TEST(ToolEvents, WakesForEachEventAndForEarlierOnes)
+{
+    EventQueue events;
+    int wakes = 0;
+    const auto wake = [&wakes] { ++wakes; };
+    events.SetWake(wake);
+    EXPECT_EQ(wakes, 0);
+    events.Push(EventKind::kSignal, SIGINT);
+    EXPECT_EQ(wakes, 1);
+    events.SetWake(wake);
+    EXPECT_EQ(wakes, 2);
+    (void)events.WaitUntil({});
+    events.SetWake(wake);
+    EXPECT_EQ(wakes, 2);
 }
 
 }  // namespace

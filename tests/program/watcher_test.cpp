@@ -543,6 +543,37 @@ TEST_F(ToolWatcher, AnOutputThatCannotBeWrittenEndsIt)
     (void)std::fclose(full);
 }
 
+TEST_F(ToolWatcher, ACheckAtOnceLetsTheTimerOfTheServiceExpire)
+{
+    When("downloaded",
+         [this]
+         {
+             // One wake, two events.
+             m_events.Push(EventKind::kCheckNow);
+             Stop();
+         });
+    Watch({Deliver(A)});
+    EXPECT_EQ(Layers().expiries, 1);
+    EXPECT_EQ(m_service.requests.size(), 1U) << "a new request would fetch all again";
+}
+
+TEST_F(ToolWatcher, ACheckAtOnceLeavesATransferAlone)
+{
+    When("new version",
+         [this]
+         {
+             m_events.Push(EventKind::kCheckNow);
+             Stop();
+         });
+    Watch({[](FakeService& service)
+           {
+               service.Version(A, "edition 1\n");
+               (void)service.DirectoryBegins(A);
+           }});
+    EXPECT_EQ(Layers().expiries, 0);
+    EXPECT_EQ(m_service.requests.size(), 1U);
+}
+
 class ToolWatcherSplay : public ToolWatcher
 {
 };

@@ -54,6 +54,10 @@ void EventQueue::SetWake(std::function<void()> wake)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_wake = std::move(wake);
+    if (m_wake && (m_outOfMemory || !m_events.empty()))
+    {
+        m_wake();
+    }
 }
 
 Event EventQueue::WaitUntil(Clock::time_point deadline)
@@ -109,6 +113,10 @@ void EventQueue::SetOutOfMemory() noexcept
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_outOfMemory = true;
+        if (m_wake)
+        {
+            m_wake();
+        }
     }
     m_changed.notify_one();
 }

@@ -46,8 +46,8 @@ public:
     // The same for an observation.
     void PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept;
 
-    // Called after each event has been appended, on any thread, with the queue locked: it may set a
-    // flag. Null: none.
+    // Called after each event has been appended or lost, on any thread, with the queue locked: it
+    // may set a flag. Called at once when events are waiting. Null: none.
     void SetWake(std::function<void()> wake);
 
     // The next event, or kDeadline when none comes before that time. One thread waits at a time.

@@ -149,7 +149,24 @@ Watcher::Settled Watcher::Step(Clock::time_point deadline)
         KeepSettings(StartProblem(m_settings.plan, error).what());
         return std::nullopt;
     }
-    return HandleOwn(m_events.WaitUntil(Clock::now()));
+    return HandleAllOwn();
+}
+
+// One wake may stand for several events.
+Watcher::Settled Watcher::HandleAllOwn()
+{
+    for (;;)
+    {
+        const Event event = m_events.WaitUntil(Clock::now());
+        if (event.kind == EventKind::kDeadline)
+        {
+            return std::nullopt;
+        }
+        if (const Settled status = HandleOwn(event))
+        {
+            return status;
+        }
+    }
 }
 
 void Watcher::Handle(const client::Event& event)

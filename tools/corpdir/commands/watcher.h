@@ -57,9 +57,9 @@ private:
     using Command = std::unique_ptr<ChildCommand>;
 
     Settled Splay();
-    void Begin(const Plan& plan);
     Settled Step(Clock::time_point deadline);
     void Handle(const client::Event& event);
+    Settled HandleAllOwn();
     Settled HandleOwn(const Event& event);
     void OnRefused(const std::string& reason);
     void OnEnd(const client::Event& event);
