@@ -693,6 +693,26 @@ TEST_F(ToolWatcherReload, SettingsThatTheFirstRequestRefusesAreDropped)
     EXPECT_THAT(Lines(), Contains("settings not reloaded: --ca: bad suite"));
 }
 
+// The second one comes before the settings of the first have been tried.
+TEST_F(ToolWatcherReload, TwoReloadsKeepTheSettingsThatWorked)
+{
+    bool first = true;
+    m_reload = [this, &first]
+    {
+        if (std::exchange(first, false))
+        {
+            m_events.Push(EventKind::kReload);
+        }
+        return Settings();
+    };
+    ReloadWith([this] { m_options.servers = C; });
+    StopWhen("unchanged");
+    Watch({Deliver(A), Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
+    EXPECT_THAT(m_service.requests,
+                ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.3", "192.0.2.1;192.0.2.2"));
+    EXPECT_THAT(Lines(), Contains("settings reloaded").Times(2));
+}
+
 TEST_F(ToolWatcherReload, SettingsWithWhichTheServiceDoesNotStartAreDropped)
 {
     ReloadWith(

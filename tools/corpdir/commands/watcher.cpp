@@ -286,7 +286,10 @@ void Watcher::OnReload()
         {
             throw ExitError(kExitArguments, "a command is running; reload again when it has ended");
         }
-        m_previous = m_settings;
+        if (!m_previous)
+        {
+            m_previous = m_settings;
+        }
         TakeSettings(std::move(read));
         m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
         m_output->Reloaded();
