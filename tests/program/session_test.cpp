@@ -470,6 +470,26 @@ TEST_F(ToolSession, AVersionThatIsNotWhatItSeemsIsAWarning)
               "warning: the version ends with a carriage return, which is compared too\n");
 }
 
+// A download of more than ten minutes: the service's next check waits for its end.
+TEST_F(ToolSession, ACheckDuringTheDownloadDoesNotMatter)
+{
+    m_options.servers = A;
+    m_progress = true;
+    const Outcome outcome = Run(
+        [](FakeService& service)
+        {
+            service.Version(A, "edition 1\n");
+            const unsigned int task = service.DirectoryBegins(A);
+            service.VersionBegins(A);
+            service.DirectoryProgress(A);
+            service.DirectoryArrives(A, "a,b\n", task);
+        });
+    EXPECT_EQ(outcome.status, kExitFetched);
+    EXPECT_EQ(outcome.bytes, 4U);
+    // Not "version".
+    EXPECT_THAT(m_messages.Text(), HasSubstr("directory ["));
+}
+
 TEST_F(ToolSession, ASignalStopsTheVersionFile)
 {
     const int status = RunUntilShown("24 bytes of 48",

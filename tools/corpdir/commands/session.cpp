@@ -102,11 +102,12 @@ Session::Settled Session::Handle(const client::Event& event)
             m_total = event.transfer.total;
             if (event.transfer.kind == EventKind::kProgress)
             {
-                m_report.Progress(m_newVersion ? "directory" : "version", m_bytes, m_total);
+                m_directory = event.transfer.file == m_plan.directoryFile;
+                m_report.Progress(m_directory ? "directory" : "version", m_bytes, m_total);
             }
             break;
         case Kind::kNewVersion:
-            m_newVersion = event.version;
+            m_directory = true;
             m_bytes = 0;
             m_total = TRAVEX_FTP_SIZE_UNKNOWN;
             break;
@@ -244,7 +245,7 @@ void Session::Hint() const
 void Session::Begin(const Server& server)
 {
     m_server = server;
-    m_newVersion.reset();
+    m_directory = false;
     m_bytes = 0;
     m_total = TRAVEX_FTP_SIZE_UNKNOWN;
 }
@@ -261,8 +262,8 @@ std::string Session::Activity() const
     {
         return "looking up the names of the servers";
     }
-    const std::string file = m_newVersion ? "directory file '" + m_plan.directoryFile
-                                          : "version file '" + m_plan.versionFile;
+    const std::string file = m_directory ? "directory file '" + m_plan.directoryFile
+                                         : "version file '" + m_plan.versionFile;
     return "fetching " + file + "' from " + m_server.Label() + ": " + Amount(m_bytes, m_total);
 }
 
