@@ -653,8 +653,8 @@ void Client::OnDirectoryFailed(const TransferEvent& transfer)
 void Client::OnRefused(const TransferEvent& transfer)
 {
     const bool final = !m_taken && IsSettingsRefusal(transfer.code);
-    Say(final ? Event::Kind::kRefused : Event::Kind::kFailed, ServerOf(transfer)).transfer =
-        transfer;
+    const Server server = transfer.server.empty() ? m_servers.front() : ServerOf(transfer);
+    Say(final ? Event::Kind::kRefused : Event::Kind::kFailed, server).transfer = transfer;
     if (final)
     {
         Stop();

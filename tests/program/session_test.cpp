@@ -377,6 +377,15 @@ TEST_F(ToolSession, ATransferThatDoesNotBeginEndsIt)
               "corpdir: the server failed\n");
 }
 
+TEST_F(ToolSession, ARequestThatIsNotStartedIsReported)
+{
+    const Outcome outcome = Run([](FakeService& service) { service.requestResult = 7; });
+    EXPECT_EQ(outcome.status, kExitNoServer);
+    EXPECT_EQ(Messages(),
+              "192.0.2.1: the request could not be started (code 7)\n"
+              "corpdir: the server failed\n");
+}
+
 TEST_F(ToolSession, ARefusedArgumentIsNotTriedElsewhere)
 {
     for (const unsigned int code :
