@@ -595,7 +595,7 @@ TEST_F(ProgramCheck, ReportsNamesThatDoNotResolve)
     EXPECT_THAT(result.output, HasSubstr("no-such-host.invalid: "));
 }
 
-// The watch, with a service timer that runs three thousand times as fast.
+// The watch, with a service timer that runs a thousand times as fast.
 class ProgramWatch : public Program
 {
 protected:

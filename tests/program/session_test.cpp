@@ -533,7 +533,9 @@ TEST_F(ToolSession, ASignalStopsTheDirectoryFile)
 TEST_F(ToolSession, ASignalBeforeTheFirstServerIsReported)
 {
     m_events.Push(EventKind::kSignal, SIGINT);
+    const auto begun = EventQueue::Clock::now();
     EXPECT_EQ(Run([](FakeService&) {}).status, 128 + SIGINT);
+    EXPECT_LT(EventQueue::Clock::now() - begun, seconds(60)) << "not only at the timeout";
     EXPECT_EQ(Messages(), "corpdir: stopped by SIGINT while looking up the names of the servers\n");
 }
 
@@ -653,7 +655,9 @@ TEST_F(ToolSession, ALogThatCannotBeOpenedIsNamed)
 TEST_F(ToolSession, MemoryThatRunsOutEndsIt)
 {
     m_events.Push(EventKind::kOutOfMemory);
+    const auto begun = EventQueue::Clock::now();
     EXPECT_EQ(Run([](FakeService&) {}).status, kExitInternal);
+    EXPECT_LT(EventQueue::Clock::now() - begun, seconds(60)) << "not only at the timeout";
     EXPECT_EQ(Messages(), "corpdir: out of memory\n");
 }
 

@@ -1,6 +1,6 @@
-// Replaces functions of the OS layer in the program under test. A timer of ten minutes takes a
-// fifth of a second. CORPDIR_TEST_HOSTS defines names: "one.test=127.0.0.1,::1 two.test=hang"; the
-// lookup of a name with "hang" never ends.
+// Replaces functions of the OS layer in the program under test. A timer of ten minutes takes 0.6 s.
+// CORPDIR_TEST_HOSTS defines names: "one.test=127.0.0.1,::1 two.test=hang"; the lookup of a name with
+// "hang" never ends.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -48,7 +48,7 @@ extern "C"
 
     unsigned int __wrap_OSAK_StartRelTimer(OSAK_TIMER timer, unsigned int ms, void* param)
     {
-        return __real_OSAK_StartRelTimer(timer, ms / 3000, param);
+        return __real_OSAK_StartRelTimer(timer, ms / 1000, param);
     }
 
     // The entries of the system's lists are separate blocks, which can be linked.
