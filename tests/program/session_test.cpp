@@ -509,7 +509,7 @@ TEST_F(ToolSession, ASignalStopsTheVersionFile)
                                      });
     EXPECT_EQ(status, 128 + SIGTERM);
     EXPECT_THAT(Messages(), HasSubstr("corpdir: stopped by SIGTERM while fetching version file "
-                                      "'pub/version.txt' from 192.0.2.1: 24 of 48 bytes (50%)\n"));
+                                      "'pub/version.txt' from 192.0.2.1, 24 of 48 bytes (50%)\n"));
 }
 
 TEST_F(ToolSession, ASignalStopsTheDirectoryFile)
@@ -525,7 +525,7 @@ TEST_F(ToolSession, ASignalStopsTheDirectoryFile)
     EXPECT_EQ(status, 128 + SIGTERM);
     EXPECT_THAT(Messages(),
                 HasSubstr("corpdir: stopped by SIGTERM while fetching directory file "
-                          "'pub/directory.csv' from 192.0.2.2: 24 of 48 bytes (50%)\n"));
+                          "'pub/directory.csv' from 192.0.2.2, 24 of 48 bytes (50%)\n"));
     EXPECT_THAT(FilesIn(m_directory.Path()), ElementsAre("directory.csv"));
     EXPECT_EQ(Local("directory.csv"), "older");
 }
@@ -552,11 +552,12 @@ TEST_F(ToolSession, TimeWithoutProgressRunsOut)
             service.DirectoryProgress("192.0.2.10");
         });
     EXPECT_EQ(outcome.status, kExitNoOutcome);
-    EXPECT_EQ(m_messages.Text(),
-              "192.0.2.1: version refused; trying next server\n"
-              "corpdir: timed out after 1 s without progress, while fetching directory file "
-              "'pub/directory.csv' from 192.0.2.10 (dir.example): 24 of 48 bytes (50%)\n"
-              "hint: raise --timeout to allow more time\n");
+    EXPECT_EQ(
+        m_messages.Text(),
+        "192.0.2.1: version refused; trying next server\n"
+        "corpdir: timed out while fetching directory file 'pub/directory.csv' from 192.0.2.10 "
+        "(dir.example), 24 of 48 bytes (50%): no progress for 1 s (--timeout)\n"
+        "hint: raise that limit to allow more time\n");
     ASSERT_EQ(outcome.attempts.size(), 2U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.10");
     EXPECT_EQ(outcome.attempts[1].failure.reason, outcome.error);
@@ -605,10 +606,11 @@ TEST_F(ToolSession, TheWholeTimeRunsOutInSpiteOfProgress)
     EXPECT_EQ(outcome.status, kExitNoOutcome);
     EXPECT_GE(spent, seconds(1));
     EXPECT_LT(spent, seconds(20));
-    EXPECT_EQ(m_messages.Text(),
-              "corpdir: not done within 1 s, while fetching directory file 'pub/directory.csv' "
-              "from 192.0.2.1: 24 of 48 bytes (50%)\n"
-              "hint: raise --max-time to allow more time\n");
+    EXPECT_EQ(
+        m_messages.Text(),
+        "corpdir: timed out while fetching directory file 'pub/directory.csv' from 192.0.2.1, "
+        "24 of 48 bytes (50%): not done within 1 s (--max-time)\n"
+        "hint: raise that limit to allow more time\n");
 }
 
 TEST_F(ToolSession, TheCipherListIsSetAfterEachStart)

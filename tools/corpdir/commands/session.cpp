@@ -86,7 +86,7 @@ Session::Settled Session::Step()
     const Settled status = HandleOwn();
     return status || Clock::now() < deadline
                ? status
-               : Fail(kExitNoOutcome, m_limits.Reason() + ", while " + Activity(),
+               : Fail(kExitNoOutcome, "timed out while " + Activity() + ": " + m_limits.Reason(),
                       "raise that limit to allow more time");
 }
 
@@ -264,7 +264,7 @@ std::string Session::Activity() const
     }
     const std::string file = m_directory ? "directory file '" + m_plan.directoryFile
                                          : "version file '" + m_plan.versionFile;
-    return "fetching " + file + "' from " + m_server.Label() + ": " + Amount(m_bytes, m_total);
+    return "fetching " + file + "' from " + m_server.Label() + ", " + Amount(m_bytes, m_total);
 }
 
 }  // namespace corpdir_tool

@@ -84,8 +84,8 @@ private:
     client::Client m_client;
 
     TimeLimits m_limits;
-    Server m_server;           // asked now; no address: the names are looked up
-    bool m_directory = false;  // the current file is the directory file
+    Server m_server;            // asked now; no address: the names are looked up
+    bool m_directory = false;   // the current file is the directory file
     std::uint64_t m_bytes = 0;  // of the current file
     std::uint64_t m_total = TRAVEX_FTP_SIZE_UNKNOWN;
     bool m_invalidVersion = false;  // of any server

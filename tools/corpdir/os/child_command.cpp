@@ -99,6 +99,13 @@ int StatusOf(const siginfo_t& end)
     return end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
 }
 
+// Readable when the process has ended; none, and errno set, on failure.
+base::Descriptor EndOf(pid_t process)
+{
+    // By number: the C library's header of Debian 12 does not work in C++.
+    return base::Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+}
+
 }  // namespace
 
 ChildCommand::ChildCommand(std::string command, int output, std::function<void(int status)> onEnd,
@@ -143,9 +150,12 @@ int ChildCommand::Start(const Variables& variables)
     {
         return error;
     }
-    // By number: the C library's header of Debian 12 does not work in C++.
-    base::Descriptor childEnd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    if (!childEnd.IsOpen())
+    base::Descriptor childEnd;
+    if (m_limit)
+    {
+        childEnd = EndOf(child);
+    }
+    if (m_limit && !childEnd.IsOpen())
     {
         const int cause = errno;
         (void)kill(-child, SIGKILL);

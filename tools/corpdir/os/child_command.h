@@ -79,7 +79,7 @@ private:
     std::condition_variable m_changed;
     pid_t m_child = -1;  // written while no thread waits for it
     bool m_over = false;
-    base::Descriptor m_childEnd;  // readable when the command has ended; written as m_child
+    base::Descriptor m_childEnd;  // readable when the command has ended; only with a limit
     bool m_timedOut = false;      // belongs to m_thread while it runs
     std::thread m_thread;
 };
