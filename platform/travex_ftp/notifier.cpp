@@ -11,7 +11,7 @@ namespace travex_ftp
 {
 namespace
 {
-// An observation that tells the kind only.
+// The members that all kinds have.
 Observation ObservationOf(const Task& task, tagTRAVEX_FTP_OBSERVED kind)
 {
     Observation seen{};

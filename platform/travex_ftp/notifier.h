@@ -31,7 +31,7 @@ public:
     // A task has received bytes. Replaces a progress that was not reported yet.
     void Progress(const TaskPtr& task, uint64_t bytes, uint64_t total) CORPDIR_EXCLUDES(m_mutex);
 
-    // A task has ended. Reported once, in the order of the calls.
+    // A task has ended. Reported once; the tasks of a handle in the order of the calls.
     void Finished(const TaskPtr& task, const Task::Report& report) CORPDIR_EXCLUDES(m_mutex);
 
 private:

@@ -19,6 +19,8 @@ void PrintTo(const Event& event, std::ostream* stream)
 void RecordedEvents::OnEvent(void* user, const corpdir_event* event)
 {
     EXPECT_EQ(event->size, sizeof *event);
+    EXPECT_TRUE(event->kind >= CORPDIR_EVENT_PROGRESS && event->kind <= CORPDIR_EVENT_LOST)
+        << event->kind;
     auto& events = *static_cast<RecordedEvents*>(user);
     const Event copy = {static_cast<corpdir_event_kind>(event->kind),
                         static_cast<corpdir_code>(event->code),
