@@ -46,11 +46,15 @@ const char kWatchText[] = R"(Example:
 
 The command of --exec has CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
 environment. It runs for each new version, one run at a time, and its output goes to
-standard error. Each start of watch fetches the directory file and runs the command,
-even if the file is there already.
+standard error. It is run again after the next check if it failed. A start of watch
+runs it only if the directory file has changed since. The command of --on-failure has
+CORPDIR_FILE and CORPDIR_REASON.
+
+SIGUSR1 checks now. SIGHUP reads settings, password and authorities again, unless
+standard input is a terminal; it then stops the watch.
 
 Exit status:
-  0  stopped by SIGTERM, SIGINT or SIGHUP
+  0  stopped by SIGTERM or SIGINT
   1  the service could not be started, or the program ran out of memory
   2  invalid arguments
   6  a local directory or the events cannot be written)";
