@@ -300,6 +300,10 @@ void Watcher::OnReload()
         m_output->ReloadFailed(error.what());
         m_manager.Ready();
     }
+    catch (const client::StartError& error)
+    {
+        KeepSettings(StartProblem(m_settings.plan, error).what());
+    }
     catch (const std::system_error& error)
     {
         KeepSettings(error.what());
