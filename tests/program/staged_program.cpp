@@ -1,6 +1,6 @@
 // Replaces functions of the OS layer in the program under test. A timer of ten minutes takes 0.6 s.
-// CORPDIR_TEST_HOSTS defines names: "one.test=127.0.0.1,::1 two.test=hang"; the lookup of a name with
-// "hang" never ends.
+// CORPDIR_TEST_HOSTS defines names: "one.test=127.0.0.1,::1 two.test=hang"; the lookup of a name
+// with "hang" never ends.
 #include <unistd.h>
 
 #include <cstdlib>
