@@ -151,6 +151,8 @@ class Place:
         for name, (actual, address) in HOSTS.items():
             text = text.replace('"%s"' % actual, '"%s"' % address)
             text = re.sub(r"\b%s\b" % re.escape(actual), "%s (%s)" % (address, name), text)
+        # The names of a certificate are not servers of a list.
+        text = re.sub(r"^  names .*", lambda row: re.sub(r" \(\S+\)", "", row.group()), text, flags=re.M)
         text = re.sub(r"\bport %d\b" % self.port, "port 21", text)
         return text.replace(str(self.root), "")
 
