@@ -538,6 +538,28 @@ TEST_F(ProgramCheck, ShowsAnInvalidVersionFile)
     ExpectNoDownload();
 }
 
+TEST_F(ProgramCheck, GoesOnAfterAnInvalidVersionFile)
+{
+    m_options.tls = Tls::kNone;
+    Serve();
+    support::FtpServerOptions options = m_options;
+    options.host = "127.0.0.2";
+    options.port = m_port;
+    support::PyFtpServer invalid(options);
+    invalid.AddFile("version.txt", "oops\n");
+    const std::string both = "--servers=127.0.0.2;127.0.0.1";
+    const CommandResult works = Check({both});
+    EXPECT_EQ(works.status, kFetched) << works.output;
+    EXPECT_THAT(works.output, AllOf(HasSubstr("'oops' is shorter"), HasSubstr("'edition 17'")));
+    m_server->Stop();
+    const CommandResult fails = Check({both});
+    EXPECT_EQ(fails.status, kBadVersion) << fails.output;
+    EXPECT_THAT(fails.output,
+                HasSubstr("corpdir: all 2 servers failed\n"
+                          "hint: the version file must be ASCII or UTF-8 text with 5 to 30 bytes "
+                          "in its first line\n"));
+}
+
 TEST_F(ProgramCheck, WarnsOfAVersionThatIsNotWhatItSeems)
 {
     const std::string mark = "\xef\xbb\xbf";

@@ -56,22 +56,20 @@ private:
     std::string m_path;
 };
 
-// The exit status of `fetch`, which goes on to the next server except after an invalid version
-// file.
+// The exit status of `fetch`, which goes on to the next server after any failure.
 int StatusOf(const std::vector<CheckResult>& results)
 {
+    bool isInvalid = false;
     for (const CheckResult& result : results)
     {
         if (result.failedAt == CheckStep::kDone)
         {
             return kExitFetched;
         }
-        if (result.failedAt == CheckStep::kVersionFile && result.failure.code == 0)
-        {
-            return kExitBadVersion;
-        }
+        isInvalid =
+            isInvalid || (result.failedAt == CheckStep::kVersionFile && result.failure.code == 0);
     }
-    return kExitNoServer;
+    return isInvalid ? kExitBadVersion : kExitNoServer;
 }
 
 // Prints each result at once, or all as one JSON object.
@@ -140,11 +138,7 @@ private:
 
 std::string ErrorOf(const std::vector<CheckResult>& results, int status)
 {
-    if (status == kExitFetched)
-    {
-        return "";
-    }
-    return status == kExitBadVersion ? "the version file is not valid" : AllFailed(results.size());
+    return status == kExitFetched ? "" : AllFailed(results.size());
 }
 
 // A check that was stopped ends with success when a server works.
