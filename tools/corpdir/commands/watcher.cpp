@@ -69,9 +69,10 @@ void Watcher::Abandon() noexcept
 
 int Watcher::Run()
 {
-    Settled status = Splay();
+    Settled status;
     try
     {
+        status = Splay();
         if (!status)
         {
             m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
