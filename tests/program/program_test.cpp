@@ -397,7 +397,9 @@ TEST_F(ProgramFailure, VersionFileTooShort)
     EXPECT_EQ(result.output,
               "127.0.0.1: the version file is not valid: its first line '1.2' is shorter than 5 "
               "bytes\n"
-              "corpdir: the server failed\n");
+              "corpdir: the server failed\n"
+              "hint: the version file must be ASCII or UTF-8 text with 5 to 30 bytes in its first "
+              "line\n");
     ExpectOlderDirectory();
     result = Run({"--servers=127.0.0.1;127.0.0.2"});
     EXPECT_EQ(result.status, kBadVersion) << result.output;
