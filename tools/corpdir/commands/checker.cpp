@@ -202,7 +202,7 @@ void Checker::AddWarnings(CheckResult& result) const
     if (until != 0 && left >= 0 && left < kSoon * kDay)
     {
         result.warnings.push_back("the certificate expires within " +
-                                  std::to_string(left / kDay + 1) + " days: renew it");
+                                  std::to_string((left + kDay - 1) / kDay) + " days: renew it");
     }
     struct statvfs space = {};
     if (!m_plan.outputDir.empty() && result.directoryBytes != TRAVEX_FTP_SIZE_UNKNOWN &&
