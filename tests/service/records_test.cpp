@@ -56,15 +56,16 @@ TEST(ObservationRecord, IsWithoutGaps)
 TEST(TimingsRecord, IsWithoutGaps)
 {
     using Record = tagTRAVEX_FTP_S_TIMINGS;
-    EXPECT_EQ(sizeof(Record), 392U);
+    EXPECT_EQ(sizeof(Record), 904U);
     EXPECT_EQ(offsetof(Record, ullConnected), 0U);
     EXPECT_EQ(offsetof(Record, ullEnded), 32U);
     EXPECT_EQ(offsetof(Record, llCertificateUntil), 40U);
     EXPECT_EQ(offsetof(Record, acTlsVersion), 48U);
     EXPECT_EQ(offsetof(Record, acTlsSuite), 64U);
     EXPECT_EQ(offsetof(Record, acSubject), 128U);
-    EXPECT_EQ(offsetof(Record, ulReused), 384U);
-    EXPECT_EQ(offsetof(Record, ulDataResumed), 388U);
+    EXPECT_EQ(offsetof(Record, acNames), 384U);
+    EXPECT_EQ(offsetof(Record, ulReused), 896U);
+    EXPECT_EQ(offsetof(Record, ulDataResumed), 900U);
 }
 
 TEST(MutexRecord, Is72BytesAlignedForPointers)
