@@ -33,13 +33,6 @@ bool SameServers(const std::vector<Server>& one, const std::vector<Server>& othe
                       { return left.address == right.address && left.listed == right.listed; });
 }
 
-// True when every server would refuse the same settings.
-bool IsSettingsRefusal(unsigned int code)
-{
-    return code == TRAVEX_FTP_ERR_PARAM || code == TRAVEX_FTP_ERR_CIPHER ||
-           code == TRAVEX_FTP_ERR_TRUST;
-}
-
 std::string SystemMessage(int error)
 {
     return std::generic_category().message(error);
@@ -198,7 +191,7 @@ private:
 };
 
 Client::Client(IFtpCorpDir& service, Lookup lookup)
-    : m_findAddresses(std::move(lookup)), m_inbox(std::make_shared<Inbox>()), m_link(service)
+    : m_findAddresses(std::move(lookup)), m_inbox(std::make_unique<Inbox>()), m_link(service)
 {
 }
 
@@ -218,13 +211,7 @@ void Client::Start(Settings settings)
     Stop();
     TRAVEX_FTP_SetObserver(nullptr, nullptr);
     m_settings = std::move(settings);
-    if (m_directories == nullptr || m_directories->Folder() != m_settings.directoryFolder)
-    {
-        m_directories = std::make_unique<Staging>(m_settings.directoryFolder);
-    }
-    m_versions = m_settings.versionFolder == m_settings.directoryFolder
-                     ? nullptr
-                     : std::make_unique<Staging>(m_settings.versionFolder);
+    Stage();
     m_files = std::make_unique<LocalFiles>(m_settings, *m_directories,
                                            m_versions == nullptr ? *m_directories : *m_versions);
     std::string warning;
@@ -299,6 +286,27 @@ void Client::Stop()
     m_state = State::kStopped;
 }
 
+// Prepares the folders of these settings.
+void Client::Stage()
+{
+    std::unique_ptr<Staging> directories;
+    std::unique_ptr<Staging> versions;
+    if (m_directories == nullptr || m_directories->Folder() != m_settings.directoryFolder)
+    {
+        directories = std::make_unique<Staging>(m_settings.directoryFolder);
+    }
+    if (m_settings.versionFolder != m_settings.directoryFolder)
+    {
+        versions = std::make_unique<Staging>(m_settings.versionFolder);
+    }
+    const base::MutexLock lock(m_stagingMutex);
+    m_versions = std::move(versions);
+    if (directories != nullptr)
+    {
+        m_directories = std::move(directories);
+    }
+}
+
 // What a request that is over has left.
 void Client::ForgetInputs()
 {
@@ -313,6 +321,7 @@ void Client::ForgetInputs()
 
 void Client::RemoveStaged() const noexcept
 {
+    const base::MutexLock lock(m_stagingMutex);
     for (const Staging* staging : {m_directories.get(), m_versions.get()})
     {
         if (staging != nullptr)
@@ -357,9 +366,8 @@ bool Client::Try(const std::function<void()>& call)
 
 void Client::LookUp()
 {
-    const std::shared_ptr<Inbox> inbox = m_inbox;
     m_lookup = std::make_unique<ServerLookup>(m_settings.servers, m_settings.family,
-                                              m_findAddresses, [inbox] { inbox->Nudge(); });
+                                              m_findAddresses, [this] { m_inbox->Nudge(); });
     m_lookupEnds = Clock::now() + kLookupLimit;
 }
 

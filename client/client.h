@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "event.h"
 #include "ftpcorpdir.h"
 #include "local_files.h"
@@ -101,6 +102,7 @@ private:
 
     static void Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen);
 
+    void Stage();
     void BeginCheck();
     bool Try(const std::function<void()>& call);
     void ForgetInputs();
@@ -131,10 +133,12 @@ private:
     bool OthersFailed() const;
 
     const Lookup m_findAddresses;
-    const std::shared_ptr<Inbox> m_inbox;  // the lookups own it too
+    const std::unique_ptr<Inbox> m_inbox;
     Settings m_settings;
+    // Assigned under m_stagingMutex, for RemoveStaged().
     std::unique_ptr<Staging> m_directories;
     std::unique_ptr<Staging> m_versions;  // null: the same folder
+    mutable base::Mutex m_stagingMutex;
     std::unique_ptr<LocalFiles> m_files;
     std::unique_ptr<Observer> m_observer;
     ServiceLink m_link;

@@ -256,7 +256,7 @@ struct ServerLookup::Shared
 
     bool Done() const
     {
-        return givenUp || outOfMemory || results.size() == names.size();
+        return outOfMemory || results.size() == names.size();
     }
 
     const std::string* NextName()
@@ -282,10 +282,17 @@ struct ServerLookup::Shared
                 outOfMemory = true;
             }
             changed.notify_all();
-            if (onDone && IsDone())
-            {
-                onDone();
-            }
+            ReportDone();
+        }
+    }
+
+    // With the lock held, so that no call comes after the caller has given up.
+    void ReportDone()
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (onDone && !givenUp && Done())
+        {
+            onDone();
         }
     }
 
@@ -323,7 +330,8 @@ ServerLookup::ServerLookup(std::vector<ServerEntry> entries, int family, Lookup 
 
 ServerLookup::~ServerLookup()
 {
-    GiveUp();
+    const std::lock_guard<std::mutex> lock(m_shared->mutex);
+    m_shared->givenUp = true;
 }
 
 ResolvedServers ServerLookup::Wait(std::chrono::milliseconds limit)
@@ -378,15 +386,6 @@ ResolvedServers ServerLookup::Collect(std::chrono::milliseconds limit)
 bool ServerLookup::IsDone() const
 {
     return m_shared->IsDone();
-}
-
-void ServerLookup::GiveUp() noexcept
-{
-    {
-        const std::lock_guard<std::mutex> lock(m_shared->mutex);
-        m_shared->givenUp = true;
-    }
-    m_shared->changed.notify_all();
 }
 
 unsigned int RegisterNames(const std::vector<Server>& servers,

@@ -87,9 +87,10 @@ LookupResult SystemLookup(const std::string& name, int family);
 class ServerLookup
 {
 public:
-    // Begins the lookups. onDone is called on the last thread when Wait() would not wait any more;
-    // it may outlive the lookup, and must not throw. Throws std::system_error when no thread can be
-    // made, std::bad_alloc.
+    // Begins the lookups. onDone is called on a thread of the lookup when all names have an answer
+    // or memory ran out, but not after the destruction; it may set a flag, and must not throw. With
+    // no name to look up it is not called. Throws std::system_error when no thread can be made,
+    // std::bad_alloc.
     ServerLookup(std::vector<ServerEntry> entries, int family, Lookup lookup,
                  std::function<void()> onDone = nullptr);
     ~ServerLookup();  // gives up
@@ -105,9 +106,6 @@ public:
 
     // As Wait(), after kLookupLimit: for a caller that has waited in another way.
     ResolvedServers Take();
-
-    // Ends a wait at once. Any thread.
-    void GiveUp() noexcept;
 
 private:
     struct Shared;

@@ -48,6 +48,12 @@ TransferEvent EventOf(const tagTRAVEX_FTP_S_OBSERVATION& seen)
     return event;
 }
 
+bool IsSettingsRefusal(unsigned int code)
+{
+    return code == TRAVEX_FTP_ERR_PARAM || code == TRAVEX_FTP_ERR_CIPHER ||
+           code == TRAVEX_FTP_ERR_TRUST;
+}
+
 std::string AddressOfEndpoint(const std::string& endpoint)
 {
     if (!endpoint.empty() && endpoint.front() == '[')

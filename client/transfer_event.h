@@ -13,7 +13,6 @@ namespace client
 // The C interface has the same numbers, from kProgress to kOutOfMemory.
 enum class EventKind
 {
-    // From the service and the FTP layer:
     kStep = -1,    // a transfer has reached another step
     kAccepted,     // a transfer was accepted
     kProgress,     // bytes of a file have arrived
@@ -21,16 +20,7 @@ enum class EventKind
     kFailed,       // a transfer failed
     kRefused,      // a transfer was refused before it began
     kDelivered,    // the service reports that the directory file has arrived
-
-    // From elsewhere:
-    kOutOfMemory,   // events before this one are lost
-    kResolved,      // the names of the servers have been looked up
-    kCommandEnded,  // the program's command has ended
-    kFailureCommandEnded,
-    kSignal,    // a signal asks the program to stop
-    kCheckNow,  // a signal asks for a check
-    kReload,    // a signal asks for the settings to be read again
-    kDeadline   // the wait timed out
+    kOutOfMemory   // events before this one are lost
 };
 
 struct TransferEvent
@@ -52,6 +42,9 @@ struct TransferEvent
 // Copies everything: an observation is valid only during the observer's call. Throws
 // std::bad_alloc.
 TransferEvent EventOf(const tagTRAVEX_FTP_S_OBSERVATION& seen);
+
+// True for the code of a refusal that every server would repeat with the same settings.
+bool IsSettingsRefusal(unsigned int code);
 
 // An endpoint as in TransferEvent::server without brackets and port.
 std::string AddressOfEndpoint(const std::string& endpoint);

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -206,20 +207,59 @@ TEST(ServerNames, TheTimeOfAllLookupsIsLimited)
     gate->Open();  // the threads end after their lookup was destroyed
 }
 
-TEST(ServerNames, AWaitCanBeGivenUp)
+TEST(ServerNames, TheEndOfAllLookupsIsReported)
 {
     const auto gate = std::make_shared<Gate>();
-    const Lookup lookup = [gate](const std::string&, int)
+    const Lookup lookup = [gate](const std::string& name, int)
     {
-        gate->Pass();
-        return LookupResult{};
+        if (name == "slow.example")
+        {
+            gate->Pass();
+        }
+        return LookupResult{{"192.0.2.1"}, ""};
     };
-    ServerLookup servers(Entries({"slow.example"}), AF_UNSPEC, lookup);
+    std::promise<void> done;
+    ServerLookup servers(Entries({"quick.example", "slow.example"}), AF_UNSPEC, lookup,
+                         [&done] { done.set_value(); });  // a second call would throw
     gate->Await(1);
-    std::thread other([&servers] { servers.GiveUp(); });
-    EXPECT_THAT(servers.Wait(std::chrono::hours(1)).leftOut, SizeIs(1));
-    other.join();
+    EXPECT_FALSE(servers.IsDone());
     gate->Open();
+    done.get_future().wait();
+    EXPECT_TRUE(servers.IsDone());
+    EXPECT_THAT(servers.Take().leftOut, IsEmpty());
+}
+
+TEST(ServerNames, LackOfMemoryEndsAllLookups)
+{
+    const Lookup lookup = [](const std::string&, int) -> LookupResult { throw std::bad_alloc(); };
+    std::promise<void> done;
+    ServerLookup servers(Entries({"a.example"}), AF_UNSPEC, lookup, [&done] { done.set_value(); });
+    done.get_future().wait();
+    EXPECT_TRUE(servers.IsDone());
+    EXPECT_THROW((void)servers.Take(), std::bad_alloc);
+}
+
+TEST(ServerNames, NothingIsReportedAfterTheDestruction)
+{
+    const auto gate = std::make_shared<Gate>();
+    const auto ended = std::make_shared<std::promise<void>>();
+    std::future<void> end = ended->get_future();
+    std::atomic<bool> called{false};
+    {
+        // The thread destroys its copy when it has ended.
+        const std::shared_ptr<void> last(nullptr, [ended](void*) { ended->set_value(); });
+        const Lookup lookup = [gate, last](const std::string&, int)
+        {
+            gate->Pass();
+            return LookupResult{};
+        };
+        const ServerLookup servers(Entries({"slow.example"}), AF_UNSPEC, lookup,
+                                   [&called] { called = true; });
+        gate->Await(1);
+    }
+    gate->Open();
+    end.wait();
+    EXPECT_FALSE(called);
 }
 
 TEST(ServerNames, MemoryThatRunsOutIsThrownToTheCaller)

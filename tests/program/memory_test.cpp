@@ -64,8 +64,8 @@ TEST(ToolMemory, AnObservationThatDoesNotFitIsReported)
         complete = t_countdown >= 0;
         t_countdown = -1;
         const Event event = events.WaitUntil({});
-        EXPECT_EQ(event.kind, complete ? EventKind::kFailed : EventKind::kOutOfMemory);
-        EXPECT_EQ(event.reason, complete ? reason : "");
+        EXPECT_EQ(event.kind, complete ? Event::Kind::kTransfer : Event::Kind::kOutOfMemory);
+        EXPECT_EQ(event.transfer.reason, complete ? reason : "");
     }
     EXPECT_GT(failures, 3) << "each text and the queue's place can fail";
 }

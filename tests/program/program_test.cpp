@@ -1,7 +1,11 @@
 // The program `corpdir fetch` as a process, against real servers: exit statuses, files, messages.
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,6 +39,7 @@ using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 TEST_F(Program, FetchesOverFtps)
 {
@@ -221,6 +226,41 @@ TEST_F(Program, WritesALogThatOnlyItsOwnerCanRead)
     const std::string log = logs.File("corpdir.log");
     EXPECT_THAT(ReadFile(log), AllOf(HasSubstr("edition 17"), Not(HasSubstr(m_options.password))));
     EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0600));
+}
+
+TEST_F(Program, LogsTheBeginningAndTheOutcomeOfEachRun)
+{
+    Serve();
+    TemporaryDirectory logs;
+    for (const char* const command : {"fetch", "check"})
+    {
+        for (const char* const file : {"directory.csv", "none.csv"})
+        {
+            (void)RunCommand(Line(
+                command, {"--log-dir=" + logs.Path(), "--directory-file=" + std::string(file)}));
+        }
+    }
+    std::vector<std::string> records;
+    std::istringstream log(ReadFile(logs.File("corpdir.log")));
+    for (std::string line; std::getline(log, line);)
+    {
+        const std::size_t record =
+            std::min(line.find("Begin of corpdir "), line.find("End of corpdir "));
+        if (record != std::string::npos)
+        {
+            records.push_back(line.substr(record));
+        }
+    }
+    EXPECT_THAT(
+        records,
+        ElementsAre(StartsWith("Begin of corpdir fetch, version "),
+                    "End of corpdir fetch with status 0: fetched version edition 17",
+                    StartsWith("Begin of corpdir fetch, version "),
+                    StartsWith("End of corpdir fetch with status 3: "),
+                    StartsWith("Begin of corpdir check, version "),
+                    "End of corpdir check with status 0: version and directory file can be fetched",
+                    StartsWith("Begin of corpdir check, version "),
+                    StartsWith("End of corpdir check with status 3: ")));
 }
 
 TEST_F(Program, RotatesTheLogAsItIsAsked)

@@ -6,7 +6,6 @@
 #include <mutex>
 
 #include "cli/servers.h"
-#include "commands/name_resolver.h"
 #include "parts_support.h"
 
 namespace corpdir_tool
@@ -119,66 +118,6 @@ TEST(ToolServers, TheSystemSaysWhyThereIsNoAddress)
     const LookupResult zero = SystemLookup("0.0.0.0", AF_UNSPEC);
     EXPECT_THAT(zero.addresses, IsEmpty());
     EXPECT_EQ(zero.problem, "no usable address");
-}
-
-TEST(ToolNameResolver, PushesAnEventAndDoesNotBlockTheMainThread)
-{
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool answer = false;
-    const Lookup lookup = [&](const std::string&, int)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&answer] { return answer; });
-        return LookupResult{{"192.0.2.9"}, ""};
-    };
-    const std::vector<ServerEntry> entries = SplitServers("slow.example");
-    EventQueue events;
-    NameResolver resolver(entries, AF_UNSPEC, lookup, events);
-
-    events.Push(EventKind::kSignal, 15);
-    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::kSignal);
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        answer = true;
-    }
-    changed.notify_one();
-    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::kResolved);
-    EXPECT_EQ(resolver.Take().servers.at(0).Label(), "192.0.2.9 (slow.example)");
-}
-
-TEST(ToolNameResolver, DoesNotWaitForTheSystemsResolver)
-{
-    // Shared with the lookup, which outlives the test.
-    struct Answer
-    {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool given = false;
-    };
-    const auto answer = std::make_shared<Answer>();
-    const Lookup lookup = [answer](const std::string&, int)
-    {
-        std::unique_lock<std::mutex> lock(answer->mutex);
-        answer->changed.wait(lock, [&answer] { return answer->given; });
-        return LookupResult{};
-    };
-    {
-        EventQueue events;
-        const NameResolver resolver(SplitServers("slow.example"), AF_UNSPEC, lookup, events);
-    }
-    const std::lock_guard<std::mutex> lock(answer->mutex);
-    answer->given = true;
-    answer->changed.notify_all();
-}
-
-TEST(ToolNameResolver, TellsWhenMemoryRunsOut)
-{
-    const Lookup lookup = [](const std::string&, int) -> LookupResult { throw std::bad_alloc(); };
-    const std::vector<ServerEntry> entries = SplitServers("dir.example");
-    EventQueue events;
-    const NameResolver resolver(entries, AF_UNSPEC, lookup, events);
-    EXPECT_EQ(events.WaitUntil(EventQueue::Clock::time_point::max()).kind, EventKind::kOutOfMemory);
 }
 
 }  // namespace

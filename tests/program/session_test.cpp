@@ -82,7 +82,7 @@ protected:
     int RunUntilShown(const std::string& text, const FakeService::Script& script)
     {
         m_progress = true;
-        m_messages.When(text, [this] { m_events.Push(EventKind::kSignal, SIGTERM); });
+        m_messages.When(text, [this] { m_events.Push(Event::Kind::kSignal, SIGTERM); });
         return Run(script).status;
     }
 
@@ -532,7 +532,7 @@ TEST_F(ToolSession, ASignalStopsTheDirectoryFile)
 
 TEST_F(ToolSession, ASignalBeforeTheFirstServerIsReported)
 {
-    m_events.Push(EventKind::kSignal, SIGINT);
+    m_events.Push(Event::Kind::kSignal, SIGINT);
     const auto begun = EventQueue::Clock::now();
     EXPECT_EQ(Run([](FakeService&) {}).status, 128 + SIGINT);
     EXPECT_LT(EventQueue::Clock::now() - begun, seconds(60)) << "not only at the timeout";
@@ -656,7 +656,7 @@ TEST_F(ToolSession, ALogThatCannotBeOpenedIsNamed)
 
 TEST_F(ToolSession, MemoryThatRunsOutEndsIt)
 {
-    m_events.Push(EventKind::kOutOfMemory);
+    m_events.Push(Event::Kind::kOutOfMemory);
     const auto begun = EventQueue::Clock::now();
     EXPECT_EQ(Run([](FakeService&) {}).status, kExitInternal);
     EXPECT_LT(EventQueue::Clock::now() - begun, seconds(60)) << "not only at the timeout";
@@ -822,7 +822,7 @@ TEST(ToolEvents, AFailureKeepsItsStructure)
     seen.ulDetail = TRAVEX_FTP_DETAIL_CERT_NAME;
     seen.pcReason = "login refused: 530 no";
     events.PushObservation(seen);
-    const Event event = events.WaitUntil({});
+    const client::TransferEvent event = events.WaitUntil({}).transfer;
     EXPECT_EQ(event.code, TRAVEX_FTP_ERR_LOGIN);
     EXPECT_EQ(event.step, TRAVEX_FTP_STEP_LOGIN);
     EXPECT_EQ(event.reply, 530U);
@@ -830,18 +830,24 @@ TEST(ToolEvents, AFailureKeepsItsStructure)
     EXPECT_EQ(event.reason, "login refused: 530 no");
 }
 
-TEST(ToolEvents, SignalsOutliveAService)
+TEST(ToolEvents, SignalsStayWhenTheObservationsAreTaken)
 {
     EventQueue events;
-    events.Push(EventKind::kDelivered);
-    events.Push(EventKind::kSignal, SIGINT);
-    events.Push(EventKind::kFailed);
-    const std::vector<Event> taken = events.TakeServiceEvents();
+    tagTRAVEX_FTP_S_OBSERVATION seen = {};
+    seen.pcServer = "192.0.2.1:21";
+    seen.pcServerFile = "v";
+    seen.pcReason = "";
+    seen.ulKind = TRAVEX_FTP_OBSERVED_SUCCESS;
+    events.PushObservation(seen);
+    events.Push(Event::Kind::kSignal, SIGINT);
+    seen.ulKind = TRAVEX_FTP_OBSERVED_FAILED;
+    events.PushObservation(seen);
+    const std::vector<client::TransferEvent> taken = events.TakeObservations();
     ASSERT_EQ(taken.size(), 2U);
-    EXPECT_EQ(taken[0].kind, EventKind::kDelivered);
-    EXPECT_EQ(taken[1].kind, EventKind::kFailed);
+    EXPECT_EQ(taken[0].kind, client::EventKind::kTransferred);
+    EXPECT_EQ(taken[1].kind, client::EventKind::kFailed);
     EXPECT_EQ(events.WaitUntil({}).number, SIGINT);
-    EXPECT_EQ(events.WaitUntil({}).kind, EventKind::kDeadline);
+    EXPECT_EQ(events.WaitUntil({}).kind, Event::Kind::kDeadline);
 }
 
 // An event that came before the other wait must not be missed.
@@ -852,7 +858,7 @@ TEST(ToolEvents, WakesForEachEventAndForEarlierOnes)
     const auto wake = [&wakes] { ++wakes; };
     events.SetWake(wake);
     EXPECT_EQ(wakes, 0);
-    events.Push(EventKind::kSignal, SIGINT);
+    events.Push(Event::Kind::kSignal, SIGINT);
     EXPECT_EQ(wakes, 1);
     events.SetWake(wake);
     EXPECT_EQ(wakes, 2);

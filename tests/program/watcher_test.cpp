@@ -64,7 +64,7 @@ private:
         if (!m_changed.wait_for(lock, kPatience, [this] { return m_over; }))
         {
             ADD_FAILURE() << "the watch did not end";
-            events.Push(EventKind::kSignal, SIGTERM);
+            events.Push(Event::Kind::kSignal, SIGTERM);
         }
     }
 
@@ -112,7 +112,7 @@ protected:
     {
         m_output->When(line, action);
     }
-    void When(const std::string& line, EventKind kind)
+    void When(const std::string& line, Event::Kind kind)
     {
         When(line, [this, kind] { m_events.Push(kind); });
     }
@@ -122,7 +122,7 @@ protected:
     }
     void Stop()
     {
-        m_events.Push(EventKind::kSignal, SIGTERM);
+        m_events.Push(Event::Kind::kSignal, SIGTERM);
     }
 
     // Runs until it is stopped, which is a success. One script for each request.
@@ -327,7 +327,7 @@ TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
         m_service.initResult = 2;
         m_service.initFailures = 1;
     };
-    When("retrying in 3600 s", EventKind::kCheckNow);
+    When("retrying in 3600 s", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({failing, Deliver(A)});
     EXPECT_THAT(Lines(), Contains("failed: the service could not be started (code 2)"));
@@ -380,7 +380,7 @@ TEST_F(ToolWatcher, ADirectoryFileThatCannotBeWrittenIsNotTriedElsewhere)
         service.Version(A, "edition 1\n");
         service.DirectoryFails(A, TRAVEX_FTP_ERR_LOCAL_FILE);
     };
-    When("retrying in 3600 s", EventKind::kCheckNow);
+    When("retrying in 3600 s", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({full, Deliver(A)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.1;192.0.2.2"));
@@ -476,7 +476,7 @@ TEST_F(ToolWatcher, WaitsForANameThatHasNoAddressYet)
 {
     m_options.servers = "dir.example";
     m_found = {{{}, "no network"}, {{A}, ""}};
-    When("retrying in 3600 s", EventKind::kCheckNow);
+    When("retrying in 3600 s", Event::Kind::kCheckNow);
     StopWhen("new version");
     Watch({[](FakeService& service) { service.Version(A, "edition 1\n"); }});
     EXPECT_THAT(Lines(), ElementsAre("failed: dir.example: no network", "all servers failed",
@@ -508,7 +508,7 @@ TEST_F(ToolWatcher, ATransferThatIsRefusedLaterIsAskedForAgain)
         service.Version(A, "edition 1\n");
         service.Refuse(A, TRAVEX_FTP_ERR_TRUST);
     };
-    When("retrying in 3600 s", EventKind::kCheckNow);
+    When("retrying in 3600 s", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({gone, Deliver(A)});
     EXPECT_EQ(m_service.requests.size(), 2U);
@@ -523,7 +523,7 @@ TEST_F(ToolWatcher, AServiceThatDoesNotStartEndsIt)
 
 TEST_F(ToolWatcher, LackOfMemoryEndsIt)
 {
-    const Script lost = [this](FakeService&) { m_events.Push(EventKind::kOutOfMemory); };
+    const Script lost = [this](FakeService&) { m_events.Push(Event::Kind::kOutOfMemory); };
     const Thrown thrown = ExitErrorOf([&] { Run({lost}); });
     EXPECT_EQ(thrown.status, kExitInternal);
     EXPECT_EQ(thrown.message, "out of memory");
@@ -549,7 +549,7 @@ TEST_F(ToolWatcher, ACheckAtOnceLetsTheTimerOfTheServiceExpire)
          [this]
          {
              // One wake, two events.
-             m_events.Push(EventKind::kCheckNow);
+             m_events.Push(Event::Kind::kCheckNow);
              Stop();
          });
     Watch({Deliver(A)});
@@ -562,7 +562,7 @@ TEST_F(ToolWatcher, ACheckAtOnceLeavesATransferAlone)
     When("new version",
          [this]
          {
-             m_events.Push(EventKind::kCheckNow);
+             m_events.Push(Event::Kind::kCheckNow);
              Stop();
          });
     Watch({[](FakeService& service)
@@ -599,7 +599,7 @@ TEST_F(ToolWatcherSplay, EndsWithASignal)
 TEST_F(ToolWatcherSplay, EndsWithACheckAtOnce)
 {
     m_options.splaySeconds = 1000000;
-    When("retrying in ", EventKind::kCheckNow);
+    When("retrying in ", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({Deliver(A)});
 }
@@ -611,9 +611,9 @@ TEST_F(ToolWatcherSplay, TakesSettings)
          [this]
          {
              m_options.servers = C;
-             m_events.Push(EventKind::kReload);
+             m_events.Push(Event::Kind::kReload);
          });
-    When("settings reloaded", EventKind::kCheckNow);
+    When("settings reloaded", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({Deliver(C)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.3"));
@@ -629,7 +629,7 @@ protected:
              [this, change]
              {
                  change();
-                 m_events.Push(EventKind::kReload);
+                 m_events.Push(Event::Kind::kReload);
              });
     }
 };
@@ -701,7 +701,7 @@ TEST_F(ToolWatcherReload, TwoReloadsKeepTheSettingsThatWorked)
     {
         if (std::exchange(first, false))
         {
-            m_events.Push(EventKind::kReload);
+            m_events.Push(Event::Kind::kReload);
         }
         return Settings();
     };
@@ -740,7 +740,7 @@ TEST_F(ToolWatcherReload, ARefusalAfterTheFirstCheckKeepsTheNewSettings)
         service.Refuse(C, TRAVEX_FTP_ERR_TRUST);
     };
     ReloadWith([this] { m_options.servers = C; });
-    When("retrying in 3600 s", EventKind::kCheckNow);
+    When("retrying in 3600 s", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({Deliver(A), gone, [](FakeService& service) { service.Deliver(C, "edition 2"); }});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.3", "192.0.2.3"));
@@ -769,7 +769,7 @@ TEST_F(ToolWatcherReload, TheOutputDirectoryAndTheNamesCannotChange)
             [this, change]
             {
                 change();
-                m_events.Push(EventKind::kReload);
+                m_events.Push(Event::Kind::kReload);
             });
     }
     StopWhen("settings not reloaded: the output directory");
@@ -837,7 +837,7 @@ TEST_F(ToolWatcherStatus, EveryReloadEndsInReady)
          [this]
          {
              m_options.localIp = "nowhere";
-             m_events.Push(EventKind::kReload);
+             m_events.Push(Event::Kind::kReload);
          });
     StopWhen("settings not reloaded");
     Watch({Deliver(A), Deliver(C)});
@@ -851,7 +851,7 @@ TEST_F(ToolWatcherStatus, IsReadyDuringTheSplay)
 {
     m_options.splaySeconds = 1000000;
     // Written before the wait begins.
-    When("retrying in ", EventKind::kReload);
+    When("retrying in ", Event::Kind::kReload);
     StopWhen("settings reloaded");
     Watch({});
     EXPECT_THAT(Received(),
@@ -1019,8 +1019,8 @@ TEST_F(ToolWatcherCommand, OfAFailureRunsAfterEachCheckThatFailed)
         service.VersionFails(A);
         service.VersionFails(B);
     };
-    When("the command failed with status 1", EventKind::kCheckNow);
-    When("the command failed with status 1", EventKind::kCheckNow);
+    When("the command failed with status 1", Event::Kind::kCheckNow);
+    When("the command failed with status 1", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({down, down, Deliver(A)});
     EXPECT_THAT(Given(), ElementsAre("failed", "failed"));
@@ -1033,7 +1033,7 @@ TEST_F(ToolWatcherCommand, IsTakenFromNewSettings)
          [this]
          {
              m_options.execute = m_note;
-             m_events.Push(EventKind::kReload);
+             m_events.Push(Event::Kind::kReload);
          });
     StopWhen("the command succeeded");
     Watch({Deliver(A), [](FakeService& service) { service.Deliver(A, "edition 2"); }});
@@ -1047,7 +1047,7 @@ TEST_F(ToolWatcherCommand, ThatRunsKeepsTheOldSettings)
     ReloadWith([this] { m_options.servers = C; });
     When("settings not reloaded: a command is running; reload again when it has ended",
          [&gate] { WriteFile(gate, "open"); });
-    When("the command succeeded", EventKind::kReload);
+    When("the command succeeded", Event::Kind::kReload);
     When("settings reloaded", [] {});
     StopWhen("checking 192.0.2.3");
     Watch({Deliver(A), Deliver(C)});

@@ -6,6 +6,7 @@
 
 #include "commands/checker.h"
 #include "commands/command.h"
+#include "commands/run_log.h"
 #include "exit_error.h"
 #include "os/password.h"
 #include "text.h"
@@ -76,7 +77,10 @@ int StatusOf(const std::vector<CheckResult>& results)
 class CheckPrinter
 {
 public:
-    CheckPrinter(const Plan& plan, Report& report) : m_plan(plan), m_report(report) {}
+    CheckPrinter(const Plan& plan, Report& report, RunLog& log)
+        : m_plan(plan), m_report(report), m_log(log)
+    {
+    }
 
     void Add(const CheckResult& result)
     {
@@ -94,9 +98,10 @@ public:
         return m_leftOut;
     }
 
-    // Prints the end; returns the status.
+    // Prints and logs the end; returns the status.
     int End(int status, const std::string& error) const
     {
+        m_log.End(status, error.empty() ? "version and directory file can be fetched" : error);
         if (m_plan.json)
         {
             PrintChecksAsJson(m_results, m_leftOut, m_plan.UsedPort(), status, error, stdout);
@@ -132,6 +137,7 @@ private:
 
     const Plan& m_plan;
     Report& m_report;
+    RunLog& m_log;
     std::vector<CheckResult> m_results;
     std::vector<std::string> m_leftOut;
 };
@@ -175,7 +181,8 @@ int Check(const Options& options, const CipherSource& ciphers)
     ReportSettings settings;
     settings.quiet = options.quiet;
     Report report(settings, process.Messages());
-    CheckPrinter printer(plan, report);
+    RunLog log("check", plan);
+    CheckPrinter printer(plan, report, log);
     TimeLimits limits(plan);
     try
     {

@@ -8,13 +8,15 @@
 #include <memory>
 
 #include "commands/layer_settings.h"
-#include "corpdir_log.h"
 #include "exit_error.h"
 #include "os/signals.h"
 #include "version_file.h"
 
 namespace corpdir_tool
 {
+
+using client::EventKind;
+using client::TransferEvent;
 
 namespace
 {
@@ -48,24 +50,6 @@ void Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
     static_cast<EventQueue*>(user)->PushObservation(*seen);
 }
 
-void StartLayers(const Plan& plan)
-{
-    if (plan.logLevel)
-    {
-        tag_CORPDIR_LOGINFO log = LogSettingsOf(plan);
-        if (const unsigned int code = CorpDir_OpenLog(&log); code != 0)
-        {
-            throw LogError(plan, code);
-        }
-    }
-    if (const unsigned int code = TRAVEX_FTP_Init(); code != 0)
-    {
-        CorpDir_CloseLog();
-        throw ExitError(kExitInternal,
-                        "the FTP layer could not be started (code " + std::to_string(code) + ")");
-    }
-}
-
 // 0: IPv4, 1: IPv6.
 unsigned int SetAddress(const std::string& text, unsigned char (&address)[16])
 {
@@ -75,7 +59,7 @@ unsigned int SetAddress(const std::string& text, unsigned char (&address)[16])
 }
 
 // The row of the version file's failure.
-CheckStep StepOf(const Event& event)
+CheckStep StepOf(const TransferEvent& event)
 {
     switch (event.step)
     {
@@ -106,7 +90,11 @@ Checker::Checker(const Plan& plan, const std::string& scratch, const client::Sec
                  EventQueue& events, TimeLimits& limits)
     : m_plan(plan), m_scratch(scratch), m_password(password), m_events(events), m_limits(limits)
 {
-    StartLayers(plan);
+    if (const unsigned int code = TRAVEX_FTP_Init(); code != 0)
+    {
+        throw ExitError(kExitInternal,
+                        "the FTP layer could not be started (code " + std::to_string(code) + ")");
+    }
     TRAVEX_FTP_SetObserver(&Observe, &m_events);
 }
 
@@ -114,7 +102,6 @@ Checker::~Checker()
 {
     (void)TRAVEX_FTP_UnInit();  // harmless in any state
     TRAVEX_FTP_SetObserver(nullptr, nullptr);
-    CorpDir_CloseLog();
 }
 
 CheckResult Checker::Check(const Server& server)
@@ -134,7 +121,7 @@ CheckResult Checker::Check(const Server& server)
     {
         constexpr std::uint64_t kSmallestLimit = 1;  // byte
         SetLimits(m_plan, kSmallestLimit);
-        Event event = Download(handle.get(), m_plan.directoryFile, kDirectoryName, server);
+        TransferEvent event = Download(handle.get(), m_plan.directoryFile, kDirectoryName, server);
         // The layer may have left out SIZE on the reused connection: ask again on a new one.
         if (m_plan.maxSize != 0 && event.code == TRAVEX_FTP_ERR_TOO_LARGE &&
             event.total == TRAVEX_FTP_SIZE_UNKNOWN && event.timings.ulReused == 1)
@@ -150,7 +137,7 @@ CheckResult Checker::Check(const Server& server)
     return result;
 }
 
-void Checker::CheckVersionFile(const Event& event, CheckResult& result) const
+void Checker::CheckVersionFile(const TransferEvent& event, CheckResult& result) const
 {
     result.timings = event.timings;
     if (event.kind != EventKind::kTransferred)
@@ -172,7 +159,7 @@ void Checker::CheckVersionFile(const Event& event, CheckResult& result) const
     }
 }
 
-void Checker::CheckDirectoryFile(const Event& event, CheckResult& result) const
+void Checker::CheckDirectoryFile(const TransferEvent& event, CheckResult& result) const
 {
     const bool exists =
         event.kind == EventKind::kTransferred || event.code == TRAVEX_FTP_ERR_TOO_LARGE;
@@ -239,8 +226,8 @@ unsigned int Checker::SetParameters(TRAVEX_FTP_HANDLE handle, const Server& serv
     return code != 0 ? code : TRAVEX_FTP_SetDataParam(handle, &data);
 }
 
-Event Checker::Download(TRAVEX_FTP_HANDLE handle, const std::string& file,
-                        const std::string& localName, const Server& server)
+TransferEvent Checker::Download(TRAVEX_FTP_HANDLE handle, const std::string& file,
+                                const std::string& localName, const Server& server)
 {
     unsigned int task = 0;
     const unsigned int code =
@@ -249,17 +236,17 @@ Event Checker::Download(TRAVEX_FTP_HANDLE handle, const std::string& file,
 }
 
 // A refusal is observed before the call returns. Throws ExitError when an argument is refused.
-Event Checker::Refusal(unsigned int code)
+TransferEvent Checker::Refusal(unsigned int code)
 {
-    Event refusal;
+    TransferEvent refusal;
     refusal.kind = EventKind::kRefused;
     refusal.code = code;
     refusal.reason = "the transfer could not be started (code " + std::to_string(code) + ")";
-    for (const Event& event : m_events.TakeServiceEvents())
+    for (const TransferEvent& event : m_events.TakeObservations())
     {
         refusal = event.kind == EventKind::kRefused ? event : refusal;
     }
-    if (IsArgumentRefusal(refusal.code))
+    if (client::IsSettingsRefusal(refusal.code))
     {
         throw ExitError(kExitArguments, ArgumentProblem(refusal));
     }
@@ -267,33 +254,37 @@ Event Checker::Refusal(unsigned int code)
 }
 
 // The end of the transfer under way.
-Event Checker::Outcome(const Server& server)
+TransferEvent Checker::Outcome(const Server& server)
 {
     for (;;)
     {
-        Event event = m_events.WaitUntil(m_limits.Deadline());
-        if (event.kind <= EventKind::kDelivered)  // from the FTP layer
-        {
-            m_limits.Progress();
-        }
+        const Event event = m_events.WaitUntil(m_limits.Deadline());
+        const TransferEvent& transfer = event.transfer;
         switch (event.kind)
         {
-            case EventKind::kFailed:
-                if (event.code == TRAVEX_FTP_ERR_LOCAL_FILE)
+            case Event::Kind::kTransfer:
+                m_limits.Progress();
+                if (transfer.kind == EventKind::kTransferred)
                 {
-                    throw ExitError(kExitLocalFile, event.reason);
+                    return transfer;
                 }
-                return event;
-            case EventKind::kTransferred:
-                return event;
-            case EventKind::kSignal:
+                if (transfer.kind == EventKind::kFailed)
+                {
+                    if (transfer.code == TRAVEX_FTP_ERR_LOCAL_FILE)
+                    {
+                        throw ExitError(kExitLocalFile, transfer.reason);
+                    }
+                    return transfer;
+                }
+                break;
+            case Event::Kind::kSignal:
                 throw CheckStopped{
                     kExitSignal + event.number,
                     "stopped by " + SignalName(event.number) + " while checking " + server.Label()};
-            case EventKind::kDeadline:
+            case Event::Kind::kDeadline:
                 throw CheckStopped{kExitNoOutcome, "timed out while checking " + server.Label() +
                                                        ": " + m_limits.Reason()};
-            case EventKind::kOutOfMemory:
+            case Event::Kind::kOutOfMemory:
                 throw ExitError(kExitInternal, "out of memory");
             default:
                 break;

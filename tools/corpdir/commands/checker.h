@@ -29,7 +29,7 @@ class Checker
 {
 public:
     // All references must outlive the checker. scratch: an empty directory, ending in "/".
-    // Throws ExitError when the log or the FTP layer cannot be started.
+    // Throws ExitError when the FTP layer cannot be started.
     Checker(const Plan& plan, const std::string& scratch, const client::Secret& password,
             EventQueue& events, TimeLimits& limits);
     ~Checker();  // cancels what is still under way
@@ -40,14 +40,14 @@ public:
     CheckResult Check(const Server& server);
 
 private:
-    void CheckVersionFile(const Event& event, CheckResult& result) const;
-    void CheckDirectoryFile(const Event& event, CheckResult& result) const;
+    void CheckVersionFile(const client::TransferEvent& event, CheckResult& result) const;
+    void CheckDirectoryFile(const client::TransferEvent& event, CheckResult& result) const;
     void AddWarnings(CheckResult& result) const;
     unsigned int SetParameters(TRAVEX_FTP_HANDLE handle, const Server& server) const;
-    Event Download(TRAVEX_FTP_HANDLE handle, const std::string& file, const std::string& localName,
-                   const Server& server);
-    Event Refusal(unsigned int code);
-    Event Outcome(const Server& server);
+    client::TransferEvent Download(TRAVEX_FTP_HANDLE handle, const std::string& file,
+                                   const std::string& localName, const Server& server);
+    client::TransferEvent Refusal(unsigned int code);
+    client::TransferEvent Outcome(const Server& server);
 
     const Plan& m_plan;
     const std::string m_scratch;

@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
-#include "commands/name_resolver.h"
 #include "corpdir_log.h"
 #include "exit_error.h"
 #include "os/output_files.h"
@@ -20,19 +20,55 @@ namespace
 // Time for a stop before the process exits without it.
 constexpr std::chrono::milliseconds kStopPatience{900};
 
+// Throws ExitError.
+ResolvedServers LookUp(const Plan& plan, EventQueue& events, const TimeLimits& limits)
+{
+    client::ServerLookup lookup(plan.entries, plan.family, SystemLookup,
+                                [&events] { events.Push(Event::Kind::kResolved); });
+    const EventQueue::Clock::time_point end = EventQueue::Clock::now() + client::kLookupLimit;
+    while (!lookup.IsDone() && EventQueue::Clock::now() < end)
+    {
+        const Event event = events.WaitUntil(std::min(end, limits.Deadline()));
+        switch (event.kind)
+        {
+            case Event::Kind::kSignal:
+                throw ExitError(kExitSignal + event.number,
+                                "stopped while looking up the names of the servers");
+            case Event::Kind::kOutOfMemory:
+                throw ExitError(kExitInternal, "out of memory");
+            default:
+                break;
+        }
+        if (EventQueue::Clock::now() >= limits.Deadline())
+        {
+            throw ExitError(
+                kExitNoOutcome,
+                "timed out while looking up the names of the servers: " + limits.Reason());
+        }
+    }
+    try
+    {
+        return lookup.Take();
+    }
+    catch (const std::bad_alloc&)
+    {
+        throw ExitError(kExitInternal, "out of memory");
+    }
+}
+
 }  // namespace
 
 CommandProcess::CommandProcess(const Plan& plan, int (*lastStatus)(int signalNumber),
                                bool takesRequests)
-    : m_watch([this](int number) { m_events.Push(EventKind::kSignal, number); },
+    : m_watch([this](int number) { m_events.Push(Event::Kind::kSignal, number); },
               [this, lastStatus](int number)
               {
                   CleanUp();
                   _exit(lastStatus(number));
               },
               kStopPatience,
-              takesRequests ? SignalRequests{[this] { m_events.Push(EventKind::kCheckNow); },
-                                             [this] { m_events.Push(EventKind::kReload); }}
+              takesRequests ? SignalRequests{[this] { m_events.Push(Event::Kind::kCheckNow); },
+                                             [this] { m_events.Push(Event::Kind::kReload); }}
                             : SignalRequests{})
 {
     // The service opens a log in any case; records of errors would go to standard error.
@@ -66,23 +102,7 @@ void CommandProcess::CleanUp() noexcept
 std::vector<Server> FindServers(const Plan& plan, EventQueue& events, const TimeLimits& limits,
                                 Report& report, std::vector<std::string>& leftOut)
 {
-    NameResolver resolver(plan.entries, plan.family, SystemLookup, events);
-    const Event event = events.WaitUntil(limits.Deadline());
-    switch (event.kind)
-    {
-        case EventKind::kResolved:
-            break;
-        case EventKind::kSignal:
-            throw ExitError(kExitSignal + event.number,
-                            "stopped while looking up the names of the servers");
-        case EventKind::kDeadline:
-            throw ExitError(
-                kExitNoOutcome,
-                "timed out while looking up the names of the servers: " + limits.Reason());
-        default:
-            throw ExitError(kExitInternal, "out of memory");
-    }
-    ResolvedServers resolved = resolver.Take();
+    ResolvedServers resolved = LookUp(plan, events, limits);
     for (const client::LeftOut& entry : resolved.leftOut)
     {
         leftOut.push_back(entry.text + ": " + entry.problem);

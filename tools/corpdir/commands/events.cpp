@@ -1,7 +1,5 @@
 #include "commands/events.h"
 
-#include <algorithm>
-#include <iterator>
 #include <new>
 #include <utility>
 
@@ -14,12 +12,6 @@ Failure FailureOf(const client::TransferEvent& event)
             event.file, event.reason, event.timings.acNames};
 }
 
-bool IsArgumentRefusal(unsigned int code)
-{
-    return code == TRAVEX_FTP_ERR_PARAM || code == TRAVEX_FTP_ERR_CIPHER ||
-           code == TRAVEX_FTP_ERR_TRUST;
-}
-
 std::string ArgumentProblem(const client::TransferEvent& event)
 {
     const char* const option = event.code == TRAVEX_FTP_ERR_CIPHER  ? "--ciphers: "
@@ -28,7 +20,7 @@ std::string ArgumentProblem(const client::TransferEvent& event)
     return option + event.reason;
 }
 
-void EventQueue::Push(EventKind kind, int number) noexcept
+void EventQueue::Push(Event::Kind kind, int number) noexcept
 {
     Event event;
     event.kind = kind;
@@ -40,8 +32,8 @@ void EventQueue::PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexce
 {
     try
     {
-        Event event{client::EventOf(seen), 0};
-        event.server = client::AddressOfEndpoint(event.server);
+        Event event{Event::Kind::kTransfer, 0, client::EventOf(seen)};
+        event.transfer.server = client::AddressOfEndpoint(event.transfer.server);
         Append(std::move(event));
     }
     catch (const std::bad_alloc&)
@@ -66,10 +58,9 @@ Event EventQueue::WaitUntil(Clock::time_point deadline)
     m_changed.wait_until(lock, deadline, [this] { return m_outOfMemory || !m_events.empty(); });
     // The event that was lost may be the one awaited, so this comes before all others.
     Event event;
-    event.kind = EventKind::kDeadline;
     if (m_outOfMemory)
     {
-        event.kind = EventKind::kOutOfMemory;
+        event.kind = Event::Kind::kOutOfMemory;
     }
     else if (!m_events.empty())
     {
@@ -79,14 +70,23 @@ Event EventQueue::WaitUntil(Clock::time_point deadline)
     return event;
 }
 
-std::vector<Event> EventQueue::TakeServiceEvents()
+std::vector<client::TransferEvent> EventQueue::TakeObservations()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto isOther = [](const Event& event) { return event.kind > EventKind::kDelivered; };
-    const auto first = std::stable_partition(m_events.begin(), m_events.end(), isOther);
-    std::vector<Event> taken(std::make_move_iterator(first),
-                             std::make_move_iterator(m_events.end()));
-    m_events.erase(first, m_events.end());
+    std::vector<client::TransferEvent> taken;
+    std::deque<Event> others;
+    for (Event& event : m_events)
+    {
+        if (event.kind == Event::Kind::kTransfer)
+        {
+            taken.push_back(std::move(event.transfer));
+        }
+        else
+        {
+            others.push_back(std::move(event));
+        }
+    }
+    m_events = std::move(others);
     return taken;
 }
 

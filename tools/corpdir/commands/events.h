@@ -17,18 +17,27 @@
 namespace corpdir_tool
 {
 
-using client::EventKind;
-
-// `server` is the address alone.
-struct Event : client::TransferEvent
+struct Event
 {
-    int number = 0;  // the signal, or the exit status of the command
+    enum class Kind
+    {
+        kTransfer,  // the FTP layer's observer was called
+        kResolved,  // the names of the servers have been looked up
+        kCommandEnded,
+        kFailureCommandEnded,
+        kSignal,       // a signal asks the program to stop
+        kCheckNow,     // a signal asks for a check
+        kReload,       // a signal asks for the settings to be read again
+        kOutOfMemory,  // events before this one are lost
+        kDeadline,     // the wait timed out
+    };
+
+    Kind kind = Kind::kDeadline;
+    int number = 0;                  // the signal, or the exit status of the command
+    client::TransferEvent transfer;  // its server is the address alone
 };
 
 Failure FailureOf(const client::TransferEvent& event);
-
-// True when every server would refuse the same arguments.
-bool IsArgumentRefusal(unsigned int code);
 
 // The reason of such a refusal, with the option that caused it.
 std::string ArgumentProblem(const client::TransferEvent& event);
@@ -41,9 +50,9 @@ public:
 
     // Appends an event. Runs in callbacks of other layers, so it never throws: when memory runs
     // out the waiting thread gets kOutOfMemory instead.
-    void Push(EventKind kind, int number = 0) noexcept;
+    void Push(Event::Kind kind, int number = 0) noexcept;
 
-    // The same for an observation.
+    // The same for an observation of the FTP layer.
     void PushObservation(const tagTRAVEX_FTP_S_OBSERVATION& seen) noexcept;
 
     // Called after each event has been appended or lost, on any thread, with the queue locked: it
@@ -53,8 +62,8 @@ public:
     // The next event, or kDeadline when none comes before that time. One thread waits at a time.
     Event WaitUntil(Clock::time_point deadline);
 
-    // Removes and returns the events of a service that has been stopped; the others stay.
-    std::vector<Event> TakeServiceEvents();
+    // Removes and returns the observations; the other events stay.
+    std::vector<client::TransferEvent> TakeObservations();
 
 private:
     void Append(Event event) noexcept;

@@ -31,8 +31,8 @@ std::string SettingsText(const Plan& plan)
     }
     return "servers " + plan.servers + ", port " + std::to_string(plan.UsedPort()) + ", user " +
            plan.user + ", " + protection + ", " + std::to_string(plan.suites.size()) +
-           " suites, files " + plan.versionFile + " and " + plan.directoryFile + ", to " +
-           plan.outputDir;
+           " suites, files " + plan.versionFile + " and " + plan.directoryFile +
+           (plan.outputDir.empty() ? "" : ", to " + plan.outputDir);
 }
 
 }  // namespace

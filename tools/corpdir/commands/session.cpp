@@ -100,7 +100,7 @@ Session::Settled Session::Handle(const client::Event& event)
         case Kind::kProgress:
             m_bytes = event.transfer.bytes;
             m_total = event.transfer.total;
-            if (event.transfer.kind == EventKind::kProgress)
+            if (event.transfer.kind == client::EventKind::kProgress)
             {
                 m_directory = event.transfer.file == m_plan.directoryFile;
                 m_report.Progress(m_directory ? "directory" : "version", m_bytes, m_total);
@@ -153,10 +153,10 @@ Session::Settled Session::HandleOwn()
     const Event event = m_events.WaitUntil(Clock::now());
     switch (event.kind)
     {
-        case EventKind::kSignal:
+        case Event::Kind::kSignal:
             return Fail(kExitSignal + event.number,
                         "stopped by " + SignalName(event.number) + " while " + Activity());
-        case EventKind::kOutOfMemory:
+        case Event::Kind::kOutOfMemory:
             throw std::bad_alloc();
         default:
             return std::nullopt;
@@ -188,7 +188,8 @@ Session::Settled Session::OnFailed(const client::Event& event)
     {
         return Fail(kExitLocalFile, failure.reason, HintFor(failure, m_plan));
     }
-    if (event.transfer.kind == EventKind::kRefused && IsArgumentRefusal(failure.code))
+    if (event.transfer.kind == client::EventKind::kRefused &&
+        client::IsSettingsRefusal(failure.code))
     {
         return Fail(kExitArguments, ArgumentProblem(event.transfer));
     }

@@ -120,7 +120,7 @@ Watcher::Settled Watcher::Splay()
     for (;;)
     {
         const Event event = m_events.WaitUntil(end);
-        if (event.kind == EventKind::kDeadline || event.kind == EventKind::kCheckNow)
+        if (event.kind == Event::Kind::kDeadline || event.kind == Event::Kind::kCheckNow)
         {
             return std::nullopt;
         }
@@ -159,7 +159,7 @@ Watcher::Settled Watcher::HandleAllOwn()
     for (;;)
     {
         const Event event = m_events.WaitUntil(Clock::now());
-        if (event.kind == EventKind::kDeadline)
+        if (event.kind == Event::Kind::kDeadline)
         {
             return std::nullopt;
         }
@@ -234,22 +234,22 @@ Watcher::Settled Watcher::HandleOwn(const Event& event)
 {
     switch (event.kind)
     {
-        case EventKind::kSignal:
+        case Event::Kind::kSignal:
             m_output->Stopped(SignalName(event.number));
             return kExitFetched;
-        case EventKind::kCheckNow:
+        case Event::Kind::kCheckNow:
             m_client.CheckNow();
             break;
-        case EventKind::kReload:
+        case Event::Kind::kReload:
             OnReload();
             break;
-        case EventKind::kCommandEnded:
+        case Event::Kind::kCommandEnded:
             OnUpdateEnded(event.number);
             break;
-        case EventKind::kFailureCommandEnded:
+        case Event::Kind::kFailureCommandEnded:
             OnFailureEnded(event.number);
             break;
-        case EventKind::kOutOfMemory:
+        case Event::Kind::kOutOfMemory:
             throw std::bad_alloc();
         default:
             break;
@@ -316,8 +316,8 @@ void Watcher::TakeSettings(WatchSettings settings)
     m_settings = std::move(settings);
     const Plan& plan = m_settings.plan;
     m_output.emplace(m_stream, plan.json, plan.quiet);
-    Command update = MakeCommand(plan.execute, EventKind::kCommandEnded);
-    Command failure = MakeCommand(plan.onFailure, EventKind::kFailureCommandEnded);
+    Command update = MakeCommand(plan.execute, Event::Kind::kCommandEnded);
+    Command failure = MakeCommand(plan.onFailure, Event::Kind::kFailureCommandEnded);
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_update.swap(update);
     m_failure.swap(failure);
@@ -332,7 +332,7 @@ void Watcher::KeepSettings(const std::string& reason)
     m_manager.Ready();
 }
 
-Watcher::Command Watcher::MakeCommand(const std::string& text, EventKind end)
+Watcher::Command Watcher::MakeCommand(const std::string& text, Event::Kind end)
 {
     if (text.empty())
     {

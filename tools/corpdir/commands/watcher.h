@@ -71,7 +71,7 @@ private:
     void RunUpdate();
     void RunFailure();
     void Run(ChildCommand& command, const Variables& variables);
-    Command MakeCommand(const std::string& text, EventKind end);
+    Command MakeCommand(const std::string& text, Event::Kind end);
 
     const Reload m_reload;
     EventQueue& m_events;
