@@ -64,6 +64,15 @@ protected:
         return Use(std::make_unique<support::VsftpdServer>(m_options));
     }
 
+    support::FtpServer& Use(std::unique_ptr<support::FtpServer> server)
+    {
+        m_server = std::move(server);
+        m_port = m_server->Port();
+        m_server->AddFile("version.txt", kVersion);
+        m_server->AddFile("directory.csv", m_directory);
+        return *m_server;
+    }
+
     // A complete command line. `more` replaces or adds options ("--name=value"), and removes those
     // whose value is kLeftOut.
     support::Command Fetch(const std::vector<std::string>& more = {}) const
@@ -152,16 +161,6 @@ protected:
     int m_port = 1;  // nothing listens there
     support::TemporaryDirectory m_output;
     support::TemporaryDirectory m_reports;
-
-private:
-    support::FtpServer& Use(std::unique_ptr<support::FtpServer> server)
-    {
-        m_server = std::move(server);
-        m_port = m_server->Port();
-        m_server->AddFile("version.txt", kVersion);
-        m_server->AddFile("directory.csv", m_directory);
-        return *m_server;
-    }
 };
 
 }  // namespace integration

@@ -24,6 +24,8 @@ using support::FtpServer;
 using support::FtpServerOptions;
 using support::PatternBytes;
 using support::Process;
+using support::ProftpdServer;
+using support::PureFtpdServer;
 using support::PyFtpServer;
 using support::ReadFile;
 using support::RunCommand;
@@ -62,13 +64,22 @@ TEST_F(Program, FetchesOverIpv6)
     Fetched();
 }
 
-// Servers that follow current defaults, and what the service's own default does there.
+template <typename Kind>
+std::unique_ptr<FtpServer> Make(const FtpServerOptions& options)
+{
+    return std::make_unique<Kind>(options);
+}
+
 struct Server
 {
     const char* name;
+    std::unique_ptr<FtpServer> (*make)(const FtpServerOptions& options);
     const char* minTls;
-    const char* ciphers;  // up to TLS 1.2
+    const char* maxTls;
+    const char* ciphers;  // up to TLS 1.2; empty: the server's default
     bool elliptic;        // the certificate has an ECDSA key
+    const char* agreed;   // TLS version and cipher suite, as `check` shows them
+    Status service;       // with the suites of the service alone
 };
 
 void PrintTo(const Server& server, std::ostream* stream)
@@ -83,30 +94,50 @@ class ProgramServer : public Program, public ::testing::WithParamInterface<Serve
 TEST_P(ProgramServer, IsReachedByDefault)
 {
     m_options.min_tls = GetParam().minTls;
+    m_options.max_tls = GetParam().maxTls;
     m_options.ciphers = GetParam().ciphers;
     m_options.certificate =
         GetParam().elliptic ? m_certificates.GoodElliptic() : m_certificates.Good();
-    Serve();
+    Use(GetParam().make(m_options));
     Fetched();
+    EXPECT_EQ(Fetched({"--if-changed"}).output, "unchanged: edition 17\n");
+    EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 1U);
+    const CommandResult check = RunCommand(Line("check"));
+    EXPECT_EQ(check.status, kFetched);
+    EXPECT_THAT(check.output, HasSubstr(GetParam().agreed));
     Fetched({"--ciphers=modern"});
-    EXPECT_EQ(RunCommand(Line("check")).status, kFetched);
-    EXPECT_EQ(Run({"--ciphers=service"}).status, kNoServer);
+    EXPECT_EQ(Run({"--ciphers=service"}).status, GetParam().service);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modern, ProgramServer,
-                         ::testing::Values(Server{"Tls13Only", "1.3", "", false},
-                                           Server{"EcdheOnly", "1.2", "ECDHE+AESGCM", false},
-                                           Server{"ChaCha20Only", "1.2", "ECDHE+CHACHA20", false},
-                                           Server{"EcdsaCertificate", "1.2", "", true}),
-                         [](const auto& test) { return std::string(test.param.name); });
+constexpr const char* kTls13 = "  TLSv1.3, TLS_AES_256_GCM_SHA384\n";
+constexpr const char* kEcdhe = "  TLSv1.2, TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384\n";
+// The default of Python 3.10 and later for servers (ssl.create_default_context).
+constexpr const char* kPythonSuites =
+    "@SECLEVEL=2:ECDH+AESGCM:ECDH+CHACHA20:ECDH+AES:DHE+AES:!aNULL:!eNULL:!aDSS:!SHA1:!AESCCM";
 
-TEST_F(Program, ReachesVsftpdWithoutOldSuitesByDefault)
+// They follow current defaults, which exclude the service's suites.
+const Server kModernServers[] = {
+    {"Vsftpd", Make<VsftpdServer>, "1.2", "1.3", "ECDHE+AESGCM", false, kTls13, kNoServer},
+    {"PythonDefault", Make<PyFtpServer>, "1.2", "1.3", kPythonSuites, false, kTls13, kNoServer},
+    {"EcdheOnly", Make<PyFtpServer>, "1.2", "1.2", "ECDHE+AESGCM", false, kEcdhe, kNoServer},
+    {"Tls13Only", Make<PyFtpServer>, "1.3", "1.3", "", false, kTls13, kNoServer},
+    {"EcdsaCertificate", Make<PyFtpServer>, "1.2", "1.3", "", true, kTls13, kNoServer},
+};
+const Server kClassicServers[] = {
+    {"Vsftpd", Make<VsftpdServer>, "1.2", "1.3", "", false, kTls13, kFetched},
+    {"Proftpd", Make<ProftpdServer>, "1.2", "1.3", "", false, kTls13, kFetched},
+    {"PureFtpd", Make<PureFtpdServer>, "1.2", "1.3", "", false, kTls13, kFetched},
+    {"Pyftpdlib", Make<PyFtpServer>, "1.2", "1.3", "", false, kTls13, kFetched},
+};
+
+std::string NameOfServer(const ::testing::TestParamInfo<Server>& server)
 {
-    m_options.ciphers = "ECDHE+AESGCM";
-    ServeWithVsftpd();
-    Fetched();
-    EXPECT_EQ(Run({"--ciphers=service"}).status, kNoServer);
+    return server.param.name;
 }
+
+INSTANTIATE_TEST_SUITE_P(Modern, ProgramServer, ::testing::ValuesIn(kModernServers), NameOfServer);
+INSTANTIATE_TEST_SUITE_P(Classic, ProgramServer, ::testing::ValuesIn(kClassicServers),
+                         NameOfServer);
 
 TEST_F(Program, ReachesAServerWithOldSuitesByDefault)
 {
