@@ -26,11 +26,16 @@ constexpr std::size_t kMaxVersionText = 30;
 // The service's interval between two checks.
 constexpr std::chrono::seconds kCheckInterval{600};
 
-bool SameServers(const std::vector<Server>& one, const std::vector<Server>& other)
+// The entries that gave each address. A resolver may give the addresses of a name in another order
+// each time.
+std::map<std::string, std::vector<std::string>> EntriesOf(const std::vector<Server>& servers)
 {
-    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
-                      [](const Server& left, const Server& right)
-                      { return left.address == right.address && left.listed == right.listed; });
+    std::map<std::string, std::vector<std::string>> entries;
+    for (const Server& server : servers)
+    {
+        entries[server.address] = server.listed;
+    }
+    return entries;
 }
 
 std::string SystemMessage(int error)
@@ -102,6 +107,12 @@ public:
     {
         const base::MutexLock lock(m_mutex);
         return std::exchange(m_inputs, {});
+    }
+
+    void ForgetLostInputs()
+    {
+        const base::MutexLock lock(m_mutex);
+        m_outOfMemory = false;
     }
 
 private:
@@ -206,10 +217,27 @@ void Client::Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
     static_cast<const Observer*>(user)->Observe(*seen);
 }
 
-void Client::Start(Settings settings)
+template <class Call>
+auto Client::OrStop(const Call& call)
+{
+    try
+    {
+        return call();
+    }
+    catch (...)
+    {
+        Stop();
+        throw;
+    }
+}
+
+void Client::Start(Settings settings, FirstFailure failure)
 {
     Stop();
     TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    m_inbox->ForgetLostInputs();
+    m_events.clear();
+    m_warning.clear();
     m_settings = std::move(settings);
     Stage();
     m_files = std::make_unique<LocalFiles>(m_settings, *m_directories,
@@ -217,14 +245,27 @@ void Client::Start(Settings settings)
     std::string warning;
     const std::string current = m_settings.onlyIfChanged ? m_files->Current(warning) : "";
     Warn(warning);
-    m_observer = std::make_unique<Observer>(m_settings, *m_directories, current, *m_inbox, m_link);
-    TRAVEX_FTP_SetObserver(&Observe, m_observer.get());
-    m_taken = false;
+    SetObserver(current);
+    m_mayRetry = failure == FirstFailure::kRetry;
     m_loginRefused = false;
-    BeginCheck();
+    OrStop([this] { BeginCheck(); });
+}
+
+// current: the version of the local files, of which no directory file is fetched; or empty.
+void Client::SetObserver(const std::string& current)
+{
+    auto observer =
+        std::make_unique<Observer>(m_settings, *m_directories, current, *m_inbox, m_link);
+    TRAVEX_FTP_SetObserver(&Observe, observer.get());
+    m_observer = std::move(observer);
 }
 
 std::optional<Event> Client::Next(Clock::time_point deadline)
+{
+    return OrStop([this, deadline] { return NextEvent(deadline); });
+}
+
+std::optional<Event> Client::NextEvent(Clock::time_point deadline)
 {
     for (;;)
     {
@@ -268,13 +309,21 @@ void Client::Wake() noexcept
 
 void Client::CheckNow()
 {
-    if (m_state == State::kIdle)
+    switch (m_state)
     {
-        osak::ExpireTimers();
-    }
-    else if (m_state == State::kPausing)
-    {
-        m_due = Clock::now();
+        case State::kIdle:
+            m_state = State::kChecking;
+            osak::ExpireTimers();
+            break;
+        case State::kPausing:
+            m_due = Clock::now();
+            break;
+        case State::kChecking:
+        case State::kFetching:  // the version was read already
+            m_checkAgain = true;
+            break;
+        default:
+            break;
     }
 }
 
@@ -283,28 +332,26 @@ void Client::Stop()
     m_link.Stop();
     m_lookup.reset();
     ForgetInputs();
+    m_checkAgain = false;
     m_state = State::kStopped;
 }
 
 // Prepares the folders of these settings.
 void Client::Stage()
 {
-    std::unique_ptr<Staging> directories;
-    std::unique_ptr<Staging> versions;
-    if (m_directories == nullptr || m_directories->Folder() != m_settings.directoryFolder)
+    const auto stage = [this](std::unique_ptr<Staging>& staging, const std::string& folder)
     {
-        directories = std::make_unique<Staging>(m_settings.directoryFolder);
-    }
-    if (m_settings.versionFolder != m_settings.directoryFolder)
-    {
-        versions = std::make_unique<Staging>(m_settings.versionFolder);
-    }
-    const base::MutexLock lock(m_stagingMutex);
-    m_versions = std::move(versions);
-    if (directories != nullptr)
-    {
-        m_directories = std::move(directories);
-    }
+        if (staging != nullptr && staging->Folder() == folder)
+        {
+            return;
+        }
+        auto made = folder.empty() ? nullptr : std::make_unique<Staging>(folder);
+        const base::MutexLock lock(m_stagingMutex);
+        staging.swap(made);
+    };
+    const bool oneFolder = m_settings.versionFolder == m_settings.directoryFolder;
+    stage(m_directories, m_settings.directoryFolder);
+    stage(m_versions, oneFolder ? "" : m_settings.versionFolder);
 }
 
 // What a request that is over has left.
@@ -334,16 +381,19 @@ void Client::RemoveStaged() const noexcept
 // With names looked up again, and a new request. The service is started first: it opens the log.
 void Client::BeginCheck()
 {
-    if (Try([this] { m_link.Start(m_settings); }))
+    const auto begin = [this]
+    {
+        m_link.Start(m_settings);
+        LookUp();
+    };
+    if (Try(begin))
     {
         m_state = State::kResolving;
-        LookUp();
     }
 }
 
 // Calls the service. At the start a service that does not start is the user's affair. Later the
-// cause may be temporary, such as a full disk: false then, and the client tries again after a
-// pause.
+// cause may be temporary, such as a full disk: the check has failed then, and it returns false.
 bool Client::Try(const std::function<void()>& call)
 {
     try
@@ -353,12 +403,14 @@ bool Client::Try(const std::function<void()>& call)
     }
     catch (const StartError& error)
     {
-        if (!m_taken)
+        if (!m_mayRetry)
         {
-            Stop();
             throw;
         }
-        Say(Event::Kind::kStartFailed, {}).transfer.reason = error.what();
+        TransferEvent& transfer = Say(Event::Kind::kStartFailed, {}).transfer;
+        transfer.reason = error.what();
+        transfer.code = static_cast<unsigned int>(error.Log());
+        FailCheck(error.what());
         Pause(m_settings.retry);
         return false;
     }
@@ -366,8 +418,15 @@ bool Client::Try(const std::function<void()>& call)
 
 void Client::LookUp()
 {
-    m_lookup = std::make_unique<ServerLookup>(m_settings.servers, m_settings.family,
-                                              m_findAddresses, [this] { m_inbox->Nudge(); });
+    try
+    {
+        m_lookup = std::make_unique<ServerLookup>(m_settings.servers, m_settings.family,
+                                                  m_findAddresses, [this] { m_inbox->Nudge(); });
+    }
+    catch (const std::system_error& error)
+    {
+        throw StartError(std::string("cannot look up the servers: ") + error.what());
+    }
     m_lookupEnds = Clock::now() + kLookupLimit;
 }
 
@@ -375,8 +434,18 @@ void Client::OnLookedUp()
 {
     ResolvedServers resolved = m_lookup->Take();
     m_lookup.reset();
+    for (const Server& server : resolved.servers)
+    {
+        if (!server.name.empty())
+        {
+            CLIENT_LOG(CORPDIR_LOG_NOTICE, "Server %s has the address %s", server.name.c_str(),
+                       server.address.c_str());
+        }
+    }
+    std::string problem;
     for (const LeftOut& entry : resolved.leftOut)
     {
+        problem = entry.text + ": " + entry.problem;
         Event& event = Say(Event::Kind::kNameFailed, {"", entry.text, {}});
         event.transfer.reason = entry.problem;
         CLIENT_LOG(CORPDIR_LOG_ERROR, "No address for server %s: %s", entry.text.c_str(),
@@ -387,19 +456,21 @@ void Client::OnLookedUp()
     {
         if (asked)
         {
-            FailCheck();
+            FailCheck(problem);
             Pause(m_settings.retry);
         }
         return;
     }
     // If a name has no address at the moment, the addresses of the current request stay in use.
     const bool moved = m_state == State::kIdle && resolved.leftOut.empty() &&
-                       !SameServers(resolved.servers, m_found);
+                       EntriesOf(resolved.servers) != EntriesOf(m_found);
     if (asked || moved)
     {
         m_found = std::move(resolved.servers);
         m_servers = m_found;
         m_failed.clear();
+        m_left.clear();
+        m_goesOn = client::Next::kNothing;
         Request(0);
     }
 }
@@ -412,7 +483,8 @@ void Client::Request(std::size_t first)
     m_version.clear();
     m_expected.clear();
     m_read.reset();
-    m_left = OthersLeft();
+    m_openChecks = 0;
+    m_asksNext = SecondServer();
     m_lookup.reset();
     unsigned int code = 0;
     const auto request = [this, &code]
@@ -450,6 +522,12 @@ void Client::OnRequestRefused(unsigned int code)
 void Client::Handle(const Input& input)
 {
     const TransferEvent& transfer = input.transfer;
+    const bool ended =
+        transfer.kind == EventKind::kTransferred || transfer.kind == EventKind::kFailed;
+    if (ended && IsVersionFile(transfer) && m_openChecks != 0)
+    {
+        --m_openChecks;
+    }
     switch (transfer.kind)
     {
         case EventKind::kAccepted:
@@ -472,48 +550,76 @@ void Client::Handle(const Input& input)
 
 void Client::OnAccepted(const TransferEvent& transfer)
 {
-    m_taken = true;
+    m_mayRetry = true;
     if (!IsVersionFile(transfer))
     {
         m_expected[transfer.task] = m_read;
         return;
     }
-    if (m_state == State::kIdle)
-    {
-        m_failed.clear();
-    }
+    ++m_openChecks;
     m_state = State::kChecking;
-    Event& event = Say(Event::Kind::kChecking, ServerOf(transfer));
-    event.next = m_failed.empty()        ? Next::kNothing
-                 : m_servers.size() == 1 ? Next::kSameServer
-                                         : Next::kOtherServer;
+    Say(Event::Kind::kChecking, ServerOf(transfer)).next = std::exchange(m_goesOn, Next::kNothing);
 }
 
 // The service reads the version by the same rule, and goes on to the directory file when it is
 // valid and new.
 void Client::OnVersion(const Input& input)
 {
-    const Server server = ServerOf(input.transfer);
     const VersionFile& file = input.version->file;
+    if (file.error != 0)
+    {
+        TransferEvent transfer = input.transfer;
+        transfer.code = TRAVEX_FTP_ERR_LOCAL_FILE;
+        transfer.reason = "the version file that arrived " + file.problem;
+        OnLocalFileFailed(transfer);
+        return;
+    }
     if (!file.version)
     {
         OnInvalidVersion(input.transfer, file);
         return;
     }
-    m_left = m_servers.size();
+    m_asksNext = 0;
+    if (input.stopped || *file.version == m_version)
+    {
+        OnUnchanged(input);
+        return;
+    }
     m_read = input.version;
-    const bool unchanged = input.stopped || *file.version == m_version;
     m_version = *file.version;
-    Event& event = Say(unchanged ? Event::Kind::kUnchanged : Event::Kind::kNewVersion, server);
+    Event& event = Say(Event::Kind::kNewVersion, ServerOf(input.transfer));
     event.version = m_version;
     event.transfer = input.transfer;
     Warn(file.warning);
-    if (!unchanged)
+    m_state = State::kFetching;
+}
+
+void Client::OnUnchanged(const Input& input)
+{
+    if (!m_expected.empty())
     {
-        m_state = State::kFetching;
+        m_state = State::kFetching;  // the directory file of this version is not there yet
         return;
     }
-    Warn(m_files->NoteUnchanged(file));
+    const Server server = ServerOf(input.transfer);
+    const Seen& seen = *input.version;
+    std::string warning;
+    const bool current = m_files->NoteUnchanged(seen.file, seen.read, warning);
+    Warn(seen.file.warning);
+    Warn(warning);
+    if (!current)
+    {
+        Warn("the local files are missing, or of another version; they are fetched again");
+        if (input.stopped)
+        {
+            SetObserver("");
+        }
+        Request(IndexOf(server));
+        return;
+    }
+    Event& event = Say(Event::Kind::kUnchanged, server);
+    event.version = *seen.file.version;
+    event.transfer = input.transfer;
     EndCheck();
     if (input.stopped)
     {
@@ -529,10 +635,10 @@ void Client::OnInvalidVersion(const TransferEvent& transfer, const VersionFile& 
     event.transfer = transfer;
     event.transfer.reason = file.problem;
     event.version = file.bytes.substr(0, file.bytes.find('\n')).substr(0, kMaxVersionText);
-    event.next = OthersFailed() ? Next::kNothing : Next::kOtherServer;
+    event.next = AllFailed() ? Next::kNothing : Next::kOtherServer;
     CLIENT_LOG(CORPDIR_LOG_ERROR, "The version file %s from server %s is not valid: %s",
                transfer.file.c_str(), server.Label().c_str(), file.problem.c_str());
-    GoOn(server);
+    GoOn(server, "the version file is not valid: " + file.problem);
 }
 
 void Client::OnDirectory(const Input& input)
@@ -540,7 +646,8 @@ void Client::OnDirectory(const Input& input)
     const auto expected = m_expected.find(input.transfer.task);
     if (expected == m_expected.end() || expected->second == nullptr)
     {
-        return;  // of no request of ours
+        (void)remove(input.path.c_str());  // no version belongs to it
+        return;
     }
     const std::shared_ptr<const Seen> seen = expected->second;
     m_expected.erase(expected);
@@ -555,12 +662,12 @@ void Client::OnDirectory(const Input& input)
         const Commit commit =
             m_files->Replace({seen->file, seen->read, input.path, server.Label()});
         transfer.bytes = commit.size;
+        Warn(commit.warning);
         Event& event =
             Say(commit.unchanged ? Event::Kind::kUnchanged : Event::Kind::kDelivered, server);
         event.version = *seen->file.version;
         event.path = m_settings.DirectoryPath();
         event.transfer = transfer;
-        Warn(commit.warning);
         EndCheck();
     }
     catch (const std::bad_alloc&)
@@ -572,6 +679,8 @@ void Client::OnDirectory(const Input& input)
         (void)remove(input.path.c_str());
         transfer.code = TRAVEX_FTP_ERR_LOCAL_FILE;
         transfer.reason = error.what();
+        CLIENT_LOG(CORPDIR_LOG_ERROR, "The files from server %s cannot be put into place: %s",
+                   server.Label().c_str(), error.what());
         OnLocalFileFailed(transfer);
     }
 }
@@ -597,7 +706,7 @@ void Client::OnFailed(const TransferEvent& transfer)
 void Client::OnLocalFileFailed(const TransferEvent& transfer)
 {
     Say(Event::Kind::kFailed, ServerOf(transfer)).transfer = transfer;
-    FailCheck();
+    FailCheck(transfer.reason);
     Pause(m_settings.retry);
 }
 
@@ -607,20 +716,21 @@ void Client::OnVersionFailed(const TransferEvent& transfer)
 {
     const Server server = ServerOf(transfer);
     m_failed.insert(server.address);
-    const bool usedUp = m_left == 0;
-    m_left = usedUp ? OthersLeft() : m_left - 1;
-    // It may still have servers to which the client had gone by itself.
-    const bool over = usedUp || (m_servers.size() > 1 && OthersFailed());
+    const bool usedUp = m_asksNext == m_servers.size();
+    const std::string next = usedUp ? "" : m_servers[m_asksNext].address;
+    m_asksNext = usedUp ? SecondServer() : m_asksNext + 1;
+    const bool over = usedUp || m_left.count(next) != 0;
+    m_goesOn = over                     ? Next::kNothing
+               : next == server.address ? Next::kSameServer
+                                        : Next::kOtherServer;
     Event& event = Say(Event::Kind::kFailed, server);
     event.transfer = transfer;
-    event.next = over                    ? Next::kNothing
-                 : m_servers.size() == 1 ? Next::kSameServer
-                                         : Next::kOtherServer;
+    event.next = m_goesOn;
     if (!over)
     {
         return;
     }
-    FailCheck();
+    FailCheck(server.Label() + ": " + transfer.reason);
     if (m_version.empty() || !usedUp)
     {
         Pause(m_settings.retry);
@@ -632,8 +742,10 @@ void Client::OnVersionFailed(const TransferEvent& transfer)
     else
     {
         m_state = State::kIdle;
+        m_failed.clear();
+        m_left.clear();
         Say(Event::Kind::kWaiting, {}).wait = kCheckInterval;
-        LookUp();
+        (void)Try([this] { LookUp(); });
     }
 }
 
@@ -647,12 +759,14 @@ void Client::OnDirectoryFailed(const TransferEvent& transfer)
     }
     const Server server = ServerOf(transfer);
     m_failed.insert(server.address);
+    // The service begins its list again after any failure when it is used up.
+    m_asksNext = m_asksNext == m_servers.size() ? SecondServer() : m_asksNext;
     Event& event = Say(Event::Kind::kFailed, server);
     event.transfer = transfer;
     if (isLatest)  // else a newer one follows
     {
-        event.next = OthersFailed() ? Next::kNothing : Next::kOtherServer;
-        GoOn(server);
+        event.next = AllFailed() ? Next::kNothing : Next::kOtherServer;
+        GoOn(server, transfer.reason);
     }
 }
 
@@ -660,7 +774,7 @@ void Client::OnDirectoryFailed(const TransferEvent& transfer)
 // file, or lack of memory.
 void Client::OnRefused(const TransferEvent& transfer)
 {
-    const bool final = !m_taken && IsSettingsRefusal(transfer.code);
+    const bool final = !m_mayRetry && IsSettingsRefusal(transfer.code);
     const Server server = transfer.server.empty() ? m_servers.front() : ServerOf(transfer);
     Say(final ? Event::Kind::kRefused : Event::Kind::kFailed, server).transfer = transfer;
     if (final)
@@ -668,39 +782,47 @@ void Client::OnRefused(const TransferEvent& transfer)
         Stop();
         return;
     }
-    FailCheck();
+    FailCheck(transfer.reason);
     Pause(m_settings.retry);
 }
 
 // To the next server that has not failed; the service itself would not go there.
-void Client::GoOn(const Server& failed)
+void Client::GoOn(const Server& failed, const std::string& reason)
 {
-    if (OthersFailed())
+    if (AllFailed())
     {
-        FailCheck();
+        FailCheck(failed.Label() + ": " + reason);
         Pause(m_settings.retry);
         return;
     }
-    const auto hasFailed = [this](const Server& server)
-    { return m_failed.count(server.address) != 0; };
-    const auto isFailed = [&failed](const Server& server)
-    { return server.address == failed.address; };
-    const auto from = std::find_if(m_servers.begin(), m_servers.end(), isFailed);
-    auto next = std::find_if_not(from, m_servers.end(), hasFailed);
-    next = next != m_servers.end() ? next : std::find_if_not(m_servers.begin(), from, hasFailed);
-    Request(static_cast<std::size_t>(next - m_servers.begin()));
+    std::size_t next = IndexOf(failed);
+    while (m_failed.count(m_servers[next].address) != 0)
+    {
+        next = (next + 1) % m_servers.size();
+    }
+    m_left = m_failed;
+    m_goesOn = Next::kOtherServer;
+    Request(next);
 }
 
 void Client::EndCheck()
 {
     m_failed.clear();
-    m_state = m_expected.empty() ? State::kIdle : State::kFetching;
+    m_left.clear();
+    m_loginRefused = false;
+    m_state = !m_expected.empty() ? State::kFetching
+              : m_openChecks != 0 ? State::kChecking
+                                  : State::kIdle;
+    if (m_state == State::kIdle && std::exchange(m_checkAgain, false))
+    {
+        CheckNow();
+    }
 }
 
-void Client::FailCheck()
+void Client::FailCheck(const std::string& reason)
 {
+    Warn(m_files->NoteFailure(reason));
     Say(Event::Kind::kPassFailed, {});
-    Warn(m_files->NoteFailure());
 }
 
 // Stops the service, and makes a new request after this time.
@@ -722,11 +844,17 @@ Event& Client::Say(Event::Kind kind, const Server& server)
     return event;
 }
 
-// Nothing for an empty text.
+// Nothing for an empty text. Each check of a watch may repeat a warning: it is said once.
 void Client::Warn(const std::string& reason)
 {
-    if (!reason.empty())
+    if (reason.empty())
     {
+        return;
+    }
+    CLIENT_LOG(CORPDIR_LOG_NOTICE, "Warning: %s", reason.c_str());
+    if (reason != m_warning)
+    {
+        m_warning = reason;
         Say(Event::Kind::kWarning, {}).transfer.reason = reason;
     }
 }
@@ -750,13 +878,24 @@ Server Client::ServerOf(const TransferEvent& transfer) const
     return {address, "", {}};
 }
 
-// The servers that the service asks after the first; a single one is asked twice.
-std::size_t Client::OthersLeft() const
+// Of a server of the request; else 0.
+std::size_t Client::IndexOf(const Server& server) const
 {
-    return std::max<std::size_t>(m_servers.size() - 1, 1);
+    std::size_t index = 0;
+    while (index != m_servers.size() && m_servers[index].address != server.address)
+    {
+        ++index;
+    }
+    return index == m_servers.size() ? 0 : index;
 }
 
-bool Client::OthersFailed() const
+// The server that the service asks after the first; a single one is asked twice.
+std::size_t Client::SecondServer() const
+{
+    return m_servers.size() == 1 ? 0 : 1;
+}
+
+bool Client::AllFailed() const
 {
     return m_failed.size() >= m_servers.size();
 }

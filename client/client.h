@@ -31,10 +31,12 @@ namespace client
 // transfer that could not be started, and never looks up names again. In these cases the client
 // stops the service and makes a new request:
 //   - at once, to the next server, when the directory file failed or the version is not valid;
+//   - at once, to the same server, when the version is unchanged and the local files are gone or
+//     another process has replaced them by those of another version;
 //   - after settings.retry, with names looked up again, when every server failed in this way, when
 //     a local file could not be written, or when no version was seen since the request;
 //   - when every server failed and their names have other addresses now.
-// A check ends with kUnchanged, kDelivered or kPassFailed.
+// A check ends with kUnchanged, kDelivered or kPassFailed; its warnings come before.
 //
 // Both files arrive under names of the client's own. The version that was read last before a
 // directory file was accepted belongs to it, and both are put into place together.
@@ -52,18 +54,28 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // Takes these settings and begins a check; an earlier one is given up. Throws StartError, and
-    // std::system_error when a folder cannot be written.
-    void Start(Settings settings);
+    // What becomes of settings that are refused, and of a service that does not start, before the
+    // first transfer. Later both may be temporary, and are always tried again.
+    enum class FirstFailure
+    {
+        kFinal,  // kRefused, or StartError
+        kRetry,  // a failed check; another follows after settings.retry
+    };
 
-    // Waits for the next event. Nothing at the deadline, and after Wake(). Throws StartError,
-    // std::bad_alloc and what settings.readPassword throws; the client is then stopped.
+    // Takes these settings and begins a check; an earlier one is given up. Throws StartError, and
+    // std::system_error when a folder cannot be written; the client is then stopped.
+    void Start(Settings settings, FirstFailure failure = FirstFailure::kFinal);
+
+    // Waits for the next event. Nothing at the deadline, and after Wake(). It may come late by the
+    // time of a stop of the service, or of up to 30 s in which other processes put their files into
+    // place. Throws StartError, std::bad_alloc and what settings.readPassword throws; the client is
+    // then stopped.
     std::optional<Event> Next(Clock::time_point deadline);
 
     // Ends the current Next(), or the one that follows. Any thread.
     void Wake() noexcept;
 
-    // Checks now. A check under way goes on.
+    // Checks now; a check under way goes on, and another one follows it.
     void CheckNow();
 
     // Stops the service. A transfer under way is cancelled; files in place stay.
@@ -102,7 +114,13 @@ private:
 
     static void Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen);
 
+    // Calls a function; stops when it throws.
+    template <class Call>
+    auto OrStop(const Call& call);
+
     void Stage();
+    void SetObserver(const std::string& current);
+    std::optional<Event> NextEvent(Clock::time_point deadline);
     void BeginCheck();
     bool Try(const std::function<void()>& call);
     void ForgetInputs();
@@ -113,6 +131,7 @@ private:
     void Handle(const Input& input);
     void OnAccepted(const TransferEvent& transfer);
     void OnVersion(const Input& input);
+    void OnUnchanged(const Input& input);
     void OnInvalidVersion(const TransferEvent& transfer, const VersionFile& file);
     void OnDirectory(const Input& input);
     void OnFailed(const TransferEvent& transfer);
@@ -120,17 +139,18 @@ private:
     void OnDirectoryFailed(const TransferEvent& transfer);
     void OnRefused(const TransferEvent& transfer);
     void OnLocalFileFailed(const TransferEvent& transfer);
-    void GoOn(const Server& failed);
+    void GoOn(const Server& failed, const std::string& reason);
     void EndCheck();
-    void FailCheck();
+    void FailCheck(const std::string& reason);
     void Pause(std::chrono::seconds time);
     Event& Say(Event::Kind kind, const Server& server);
     void Warn(const std::string& reason);
 
     bool IsVersionFile(const TransferEvent& transfer) const;
     Server ServerOf(const TransferEvent& transfer) const;
-    std::size_t OthersLeft() const;
-    bool OthersFailed() const;
+    std::size_t IndexOf(const Server& server) const;
+    std::size_t SecondServer() const;
+    bool AllFailed() const;
 
     const Lookup m_findAddresses;
     const std::unique_ptr<Inbox> m_inbox;
@@ -150,15 +170,20 @@ private:
     Clock::time_point m_lookupEnds;
 
     // The current request.
-    std::vector<Server> m_found;         // as looked up last, in the order of the list
-    std::vector<Server> m_servers;       // in the order of the request
-    std::size_t m_left = 0;              // servers that the service will still ask by itself
-    std::set<std::string> m_failed;      // addresses that have failed during this check
-    bool m_taken = false;                // a transfer has been accepted since Start()
-    bool m_loginRefused = false;         // since the password was read last
-    std::string m_version;               // accepted by the service last
-    std::shared_ptr<const Seen> m_read;  // the version file that was read last
+    std::vector<Server> m_found;     // as looked up last, in the order of the list
+    std::vector<Server> m_servers;   // in the order of the request
+    std::size_t m_asksNext = 0;      // server that the service asks after a failure; the end: none
+    std::set<std::string> m_failed;  // addresses that have failed during this check
+    std::set<std::string> m_left;    // those of them before the client went on by itself
+    client::Next m_goesOn = client::Next::kNothing;  // after the latest failure
+    bool m_mayRetry = false;                         // a first failure is not final
+    bool m_loginRefused = false;                     // since the password was read last
+    bool m_checkAgain = false;                       // as soon as the check under way has ended
+    std::size_t m_openChecks = 0;                    // transfers of the version file
+    std::string m_version;                           // accepted by the service last
+    std::shared_ptr<const Seen> m_read;              // the new version that was read last
     std::map<unsigned int, std::shared_ptr<const Seen>> m_expected;  // by directory task
+    std::string m_warning;                                           // the latest
 };
 
 }  // namespace client

@@ -33,8 +33,8 @@ struct Event
         kFailed,       // a transfer failed, could not be started, or a file could not be replaced
         kRefused,      // every server would refuse these settings: `code`, `reason`
         kNameFailed,   // a name in the list of servers has no address: `reason`
-        kPassFailed,   // the end of a check: every server failed
-        kStartFailed,  // the service could not be started again
+        kStartFailed,  // the service could not be started again: `code` as in StartError::Log()
+        kPassFailed,   // the end of a check: every server failed, or no server could help
         kWaiting,      // until the next check: `wait`
         kWarning,      // `reason`
     };

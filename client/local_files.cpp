@@ -20,7 +20,12 @@ namespace
 
 using File = Staging::File;
 
-constexpr std::chrono::seconds kLockPatience{60};
+// Time for the lock: a commit is worth a wait, a note is not.
+constexpr std::chrono::seconds kCommitPatience{30};
+constexpr std::chrono::seconds kNotePatience{1};
+
+// Bytes of the reason of a failure that are kept.
+constexpr std::size_t kMaxReason = 1000;
 
 [[noreturn]] void Fail(const std::string& what)
 {
@@ -71,14 +76,22 @@ void Rename(const std::string& from, const std::string& to)
     }
 }
 
+// A file of its own: what another user put there is neither followed nor written.
 base::Descriptor Create(const std::string& path)
 {
-    base::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    (void)unlink(path.c_str());
+    base::Descriptor file(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file.IsOpen())
     {
         Fail("cannot create " + Quoted(path));
     }
     return file;
+}
+
+bool IsBefore(const std::timespec& one, const std::timespec& other)
+{
+    return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
 }
 
 }  // namespace
@@ -107,9 +120,9 @@ Digest DigestOf(const std::string& path)
 class LocalFiles::Lock
 {
 public:
-    explicit Lock(const std::string& path)
+    Lock(const std::string& path, std::chrono::seconds patience)
     {
-        const base::Clock::time_point deadline = base::Clock::now() + kLockPatience;
+        const base::Clock::time_point deadline = base::Clock::now() + patience;
         while (!Try(path))
         {
             if (base::Clock::now() > deadline)
@@ -125,14 +138,20 @@ private:
     bool Try(const std::string& path)
     {
         constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-        m_file = base::Descriptor(open(path.c_str(), O_RDWR | O_CREAT | kFlags, 0600));
-        if (!m_file.IsOpen() &&
-            errno == EACCES)  // another user's; the folder decides who may replace it
+        m_file = base::Descriptor(open(path.c_str(), O_RDWR | O_CREAT | kFlags, 0666));
+        if (!m_file.IsOpen() && errno == EACCES)  // another user's
         {
             m_file = base::Descriptor(open(path.c_str(), O_RDONLY | kFlags));
         }
         if (!m_file.IsOpen())
         {
+            const int error = errno;
+            // The folder decides who may replace a state that cannot be read, or a link.
+            if ((error == EACCES || error == ELOOP) && unlink(path.c_str()) == 0)
+            {
+                return false;
+            }
+            errno = error;
             Fail("cannot open " + Quoted(path));
         }
         struct stat locked = {};
@@ -164,9 +183,16 @@ LocalFiles::LocalFiles(const Settings& settings, const Staging& directories,
 std::string LocalFiles::Current(std::string& warning) const
 {
     const State known = Known(warning);
-    const bool described = !known.version.empty() &&
-                           DigestOf(m_settings.DirectoryPath()) == Digest{known.size, known.sha256};
-    return described ? known.version : "";
+    if (known.version.empty())
+    {
+        return "";
+    }
+    if (DigestOf(m_settings.DirectoryPath()) == Digest{known.size, known.sha256})
+    {
+        return known.version;
+    }
+    warning = Quoted(m_settings.DirectoryPath()) + " is missing, or not the file that was fetched";
+    return "";
 }
 
 // An empty state when there is none.
@@ -188,7 +214,7 @@ Commit LocalFiles::Replace(const Arrival& arrival)
     {
         Fail("cannot read " + Quoted(arrival.path));
     }
-    const Lock lock(m_statePath);
+    const Lock lock(m_statePath, kCommitPatience);
     Commit commit;
     State state = Known(commit.warning);
     commit.size = arrived.size;
@@ -197,7 +223,7 @@ Commit LocalFiles::Replace(const Arrival& arrival)
     if (commit.unchanged)
     {
         (void)unlink(arrival.path.c_str());
-        RestoreVersion(arrival);
+        RestoreVersion(arrival.version, arrival.read);
     }
     else
     {
@@ -210,9 +236,14 @@ Commit LocalFiles::Replace(const Arrival& arrival)
     state.sha256 = arrived.sha256;
     state.checked = state.confirmed = Now();
     state.outcome = commit.unchanged ? "unchanged" : "fetched";
+    state.reason.clear();
     state.failures = 0;
     const std::string problem = WriteState(state);
-    commit.warning = problem.empty() ? commit.warning : problem;
+    if (!problem.empty())
+    {
+        commit.warning = problem;
+        (void)unlink(m_statePath.c_str());  // it describes the files of before
+    }
     FlushFolders();
     return commit;
 }
@@ -223,25 +254,25 @@ void LocalFiles::ReplaceBoth(const Arrival& arrival) const
     const bool versionFirst = LocalVersionIsNewer(arrival.read);
     if (versionFirst)
     {
-        WriteVersion(arrival);
+        WriteVersion(arrival.version, arrival.read);
         FlushFolder(m_settings.versionFolder);
     }
-    const base::Descriptor file(open(arrival.path.c_str(), O_RDONLY | O_CLOEXEC));
+    const base::Descriptor file(open(arrival.path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     SetPermissions(file.Number(), m_settings.DirectoryPath());
     Rename(arrival.path, m_settings.DirectoryPath());
     FlushFolder(m_settings.directoryFolder);
     if (!versionFirst)
     {
-        WriteVersion(arrival);
+        WriteVersion(arrival.version, arrival.read);
     }
 }
 
 // Somebody else may have removed or changed the version file.
-void LocalFiles::RestoreVersion(const Arrival& arrival) const
+void LocalFiles::RestoreVersion(const VersionFile& version, const std::timespec& read) const
 {
-    if (ReadVersionFile(m_settings.VersionPath()).bytes != arrival.version.bytes)
+    if (ReadVersionFile(m_settings.VersionPath()).bytes != version.bytes)
     {
-        WriteVersion(arrival);
+        WriteVersion(version, read);
     }
 }
 
@@ -254,37 +285,44 @@ void LocalFiles::FlushFolders() const
     }
 }
 
-std::string LocalFiles::NoteUnchanged(const VersionFile& version)
+bool LocalFiles::NoteUnchanged(const VersionFile& version, const std::timespec& read,
+                               std::string& warning)
 {
     try
     {
-        const Lock lock(m_statePath);
-        std::string warning;
+        const Lock lock(m_statePath, kNotePatience);
         State state = Known(warning);
-        if (state.version != *version.version)
+        struct stat local = {};
+        if (state.version != *version.version ||
+            stat(m_settings.DirectoryPath().c_str(), &local) != 0 || !S_ISREG(local.st_mode) ||
+            static_cast<std::uint64_t>(local.st_size) != state.size)
         {
-            return warning;  // another process has committed another version
+            return false;
         }
+        RestoreVersion(version, read);
         state.checked = state.confirmed = Now();
         state.outcome = "unchanged";
+        state.reason.clear();
         state.failures = 0;
-        return WriteState(state);
+        warning = WriteState(state);
     }
     catch (const std::system_error& error)
     {
-        return error.what();
+        warning = error.what();
     }
+    return true;
 }
 
-std::string LocalFiles::NoteFailure()
+std::string LocalFiles::NoteFailure(const std::string& reason)
 {
     try
     {
-        const Lock lock(m_statePath);
+        const Lock lock(m_statePath, kNotePatience);
         std::string warning;
         State state = Known(warning);
         state.checked = Now();
         state.outcome = "failed";
+        state.reason = reason.substr(0, kMaxReason);
         ++state.failures;
         const std::string problem = WriteState(state);
         return problem.empty() ? warning : problem;
@@ -295,25 +333,24 @@ std::string LocalFiles::NoteFailure()
     }
 }
 
-// The time of its version file is the time at which its version was read from the server.
+// The time of its version file is the time at which its version was read from the server. A time to
+// come is that of a clock that was wrong.
 bool LocalFiles::LocalVersionIsNewer(const std::timespec& read) const
 {
     struct stat local = {};
-    if (lstat(m_settings.VersionPath().c_str(), &local) != 0 || !S_ISREG(local.st_mode))
-    {
-        return false;
-    }
-    return local.st_mtim.tv_sec != read.tv_sec ? local.st_mtim.tv_sec > read.tv_sec
-                                               : local.st_mtim.tv_nsec > read.tv_nsec;
+    std::timespec now = {};
+    return lstat(m_settings.VersionPath().c_str(), &local) == 0 && S_ISREG(local.st_mode) &&
+           clock_gettime(CLOCK_REALTIME, &now) == 0 && IsBefore(read, local.st_mtim) &&
+           !IsBefore(now, local.st_mtim);
 }
 
-void LocalFiles::WriteVersion(const Arrival& arrival) const
+void LocalFiles::WriteVersion(const VersionFile& version, const std::timespec& read) const
 {
     const std::string path = m_versions.Path(File::kNew);
     const base::Descriptor file = Create(path);
-    WriteAll(file.Number(), arrival.version.bytes, path);
+    WriteAll(file.Number(), version.bytes, path);
     SetPermissions(file.Number(), m_settings.VersionPath());
-    const std::timespec times[2] = {arrival.read, arrival.read};
+    const std::timespec times[2] = {read, read};
     if (futimens(file.Number(), times) != 0 || fsync(file.Number()) != 0)
     {
         Fail("cannot write " + Quoted(path));
@@ -330,7 +367,10 @@ void LocalFiles::SetPermissions(int file, const std::string& path) const
     if (lstat(path.c_str(), &replaced) == 0 && S_ISREG(replaced.st_mode))
     {
         // The owner first: a change of owner may clear bits of the mode.
-        (void)!fchown(file, replaced.st_uid, replaced.st_gid);
+        if (fchown(file, replaced.st_uid, replaced.st_gid) != 0)
+        {
+            (void)!fchown(file, static_cast<uid_t>(-1), replaced.st_gid);
+        }
         mode = replaced.st_mode & 0777;
     }
     if (fchmod(file, mode) != 0)

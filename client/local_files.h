@@ -53,30 +53,33 @@ public:
     LocalFiles(const Settings& settings, const Staging& directories, const Staging& versions);
 
     // The version of the local directory file; empty when the state does not describe that file.
-    // warning: why the state cannot be used.
+    // warning: why it does not, when there is a state.
     std::string Current(std::string& warning) const;
 
     // Replaces the directory file, then version file and state. At every moment the version file is
     // at most as new as the directory file: when another process has committed a newer pair
-    // meanwhile, the version file goes first. The staged file is gone afterwards. Throws
-    // std::system_error; the files of before are then in place, or the directory file is new and
-    // the version file is not.
+    // meanwhile, the version file goes first. The staged file is gone afterwards. Waits up to 30 s
+    // for other processes. Throws std::system_error; the files of before are then in place, or one
+    // of the two is new and the version file is the older one, or the folder could not be flushed.
     Commit Replace(const Arrival& arrival);
 
-    // Notes the end of a check that found this version unchanged, or failed. Returns a warning, or
-    // an empty text.
-    std::string NoteUnchanged(const VersionFile& version);
-    std::string NoteFailure();
+    // Notes the end of a check that found this version unchanged. A version file that is missing or
+    // differs is put back. False, and nothing is done, when the local files are not of this version
+    // any more. Adds a warning. Waits up to a second for other processes.
+    bool NoteUnchanged(const VersionFile& version, const std::timespec& read, std::string& warning);
+
+    // Notes the end of a check that failed. Returns a warning, or an empty text. Waits as above.
+    std::string NoteFailure(const std::string& reason);
 
 private:
     class Lock;
 
     State Known(std::string& warning) const;
     void ReplaceBoth(const Arrival& arrival) const;
-    void RestoreVersion(const Arrival& arrival) const;
+    void RestoreVersion(const VersionFile& version, const std::timespec& read) const;
     void FlushFolders() const;
     void SetPermissions(int file, const std::string& path) const;
-    void WriteVersion(const Arrival& arrival) const;
+    void WriteVersion(const VersionFile& version, const std::timespec& read) const;
     bool LocalVersionIsNewer(const std::timespec& read) const;
     std::string WriteState(const State& state) const;
 

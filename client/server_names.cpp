@@ -275,21 +275,21 @@ struct ServerLookup::Shared
                 LookupResult found = lookup(*name, family);
                 const std::lock_guard<std::mutex> lock(mutex);
                 results.emplace(*name, std::move(found));
+                ReportDone();
             }
             catch (const std::bad_alloc&)
             {
                 const std::lock_guard<std::mutex> lock(mutex);
                 outOfMemory = true;
+                ReportDone();
             }
-            changed.notify_all();
-            ReportDone();
         }
     }
 
-    // With the lock held, so that no call comes after the caller has given up.
+    // Under the lock, so that no call comes after the caller has given up.
     void ReportDone()
     {
-        const std::lock_guard<std::mutex> lock(mutex);
+        changed.notify_all();
         if (onDone && !givenUp && Done())
         {
             onDone();

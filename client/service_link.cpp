@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <system_error>
 
 #include "travex_ftp.h"
 
@@ -84,8 +85,15 @@ void ServiceLink::Start(const Settings& settings)
     {
         Stop();
         constexpr unsigned int kNotTheLog = 1;
-        throw StartError("the service could not be started (code " + std::to_string(code) + ")",
-                         code == kNotTheLog ? 0 : static_cast<int>(code));
+        if (code == kNotTheLog)
+        {
+            throw StartError("the service could not be started (code 1)");
+        }
+        const std::string folder = log.szLogDir;
+        throw StartError(
+            "the log " + (folder.empty() ? "" : "in '" + folder + "' ") +
+                "cannot be written: " + std::generic_category().message(static_cast<int>(code)),
+            static_cast<int>(code));
     }
     const unsigned int code = m_service.CorpDirSetFtpCipherListToDirImpl(
         settings.suites.data(), static_cast<unsigned int>(settings.suites.size()));

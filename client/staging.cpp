@@ -134,6 +134,7 @@ LockResult TryLock(int descriptor) noexcept
         case EOPNOTSUPP:
         case ENOSYS:
         case EINVAL:
+        case EBADF:  // NFS locks only files that are open for writing
             return LockResult::kUnsupported;
         default:
             return LockResult::kFailed;
@@ -188,7 +189,8 @@ std::string Staging::PutDirectoryAside()
 // Without it the next file is readable while it is received; the transfer itself reports errors.
 void Staging::MakePrivate(File file) const noexcept
 {
-    const base::Descriptor made(open(Path(file).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const base::Descriptor made(
+        open(Path(file).c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
 void Staging::Remove() const noexcept

@@ -25,6 +25,7 @@ constexpr int kFormat = 1;
 constexpr std::size_t kMaxFile = 65536;  // bytes
 constexpr std::size_t kMaxVersion = 30;
 constexpr std::size_t kMaxServer = 512;
+constexpr std::size_t kMaxReason = 2048;
 constexpr std::size_t kHashDigits = 64;
 constexpr char kHexDigits[] = "0123456789abcdef";
 constexpr char kTimeFormat[] = "%Y-%m-%dT%H:%M:%SZ";
@@ -263,6 +264,10 @@ State StateOf(const Json& object, std::string& problem)
     state.confirmed = members.Time("confirmed");
     state.checked = members.Time("checked");
     state.outcome = members.Outcome();
+    if (object.contains("reason"))
+    {
+        state.reason = members.Text("reason", kMaxReason);
+    }
     state.failures = static_cast<std::uint32_t>(
         members.Number("failures", std::numeric_limits<std::uint32_t>::max()));
     return state;
@@ -324,6 +329,7 @@ std::string StateText(const State& state)
     object["confirmed"] = OrNull(TimeText(state.confirmed));
     object["checked"] = OrNull(TimeText(state.checked));
     object["outcome"] = OrNull(state.outcome);
+    object["reason"] = OrNull(state.reason);
     object["failures"] = state.failures;
     return Dumped(object, 2) + "\n";
 }

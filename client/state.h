@@ -23,6 +23,7 @@ struct State
         0;  // end of the last check that fetched it or found it unchanged; 0: none
     std::int64_t checked = 0;    // end of the last check; 0: none
     std::string outcome;         // of the last check: "fetched", "unchanged", "failed"; empty: none
+    std::string reason;          // why the last check failed; empty: it did not, or not known
     std::uint32_t failures = 0;  // failed checks in a row
 };
 

@@ -25,22 +25,30 @@ bool IsUtf16(const std::string& bytes)
            (bytes.size() > 1 && (bytes[0] == '\0') != (bytes[1] == '\0'));
 }
 
+// All that is unusual, in one text.
 std::string WarningOn(const std::string& line, const std::string& version)
 {
+    std::string warning;
+    const auto add = [&warning](const std::string& text)
+    { warning += (warning.empty() ? "" : "; ") + text; };
     if (version.compare(0, 3, "\xEF\xBB\xBF") == 0)
     {
-        return "the version begins with a UTF-8 byte-order mark, which is compared too";
+        add("the version begins with a UTF-8 byte-order mark, which is compared too");
     }
-    if (version.size() == kMaxVersion && line.size() > kMaxVersion)
+    if (version.size() < line.size())
     {
-        return "the version line has " + std::to_string(line.size()) +
-               " bytes; only the first 30 are compared";
+        add("the version line has " + std::to_string(line.size()) + " bytes; only the first " +
+            std::to_string(version.size()) + " are compared");
     }
     if (!version.empty() && version.back() == '\r')
     {
-        return "the version ends with a carriage return, which is compared too";
+        add("the version ends with a carriage return, which is compared too");
     }
-    return {};
+    else if (version.find('\r') != std::string::npos)
+    {
+        add("the version contains a carriage return, which is compared too");
+    }
+    return warning;
 }
 
 }  // namespace
@@ -72,11 +80,16 @@ VersionFile ParseVersion(std::string bytes)
 VersionFile ReadVersionFile(const std::string& path)
 {
     VersionFile refused;
+    const auto fail = [&refused](const std::string& what)
+    {
+        refused.error = errno;
+        refused.problem = what + ": " + std::generic_category().message(refused.error);
+        return refused;
+    };
     const base::Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.IsOpen())
     {
-        refused.problem = "cannot be opened: " + std::generic_category().message(errno);
-        return refused;
+        return fail("cannot be opened");
     }
     std::string bytes;
     char buffer[4096];
@@ -87,8 +100,7 @@ VersionFile ReadVersionFile(const std::string& path)
     }
     if (count < 0)
     {
-        refused.problem = "cannot be read: " + std::generic_category().message(errno);
-        return refused;
+        return fail("cannot be read");
     }
     if (bytes.size() > kMaxFile)
     {

@@ -16,6 +16,7 @@ struct VersionFile
     std::optional<std::string> version;  // nothing: not valid
     std::string problem;                 // why it is not valid; may quote it byte for byte
     std::string warning;  // a valid version that is not what its writer meant; empty: none
+    int error = 0;        // errno when the file could not be read
 };
 
 VersionFile ParseVersion(std::string bytes);

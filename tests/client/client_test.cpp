@@ -340,6 +340,85 @@ TEST_F(ClientTest, AsksAgainAfterAPauseWhenNoVersionWasSeen)
     EXPECT_THAT(service.requests, testing::SizeIs(2));
 }
 
+// The service goes through its list from the beginning, and asks the current server a second time.
+TEST_F(ClientTest, FollowsAnOutageThatBeginsWithTheLastServer)
+{
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    Fail("192.0.2.2", kVersionFile);
+    Deliver("192.0.2.3", "V0001", "a");
+    (void)Said();
+    for (const char* server : {"192.0.2.3", "192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    {
+        Fail(server, kVersionFile);
+    }
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.3", "failed 192.0.2.3 16 next",
+                                    "checking 192.0.2.1 next", "failed 192.0.2.1 16 next",
+                                    "checking 192.0.2.2 next", "failed 192.0.2.2 16 next",
+                                    "checking 192.0.2.3 next", "failed 192.0.2.3 16", "all failed",
+                                    "wait 600"));
+    EXPECT_THAT(service.requests, testing::SizeIs(1));
+}
+
+TEST_F(ClientTest, FirstServerIsAskedAgainAfterItHasWorked)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "failed 192.0.2.1 16 again"));
+}
+
+TEST_F(ClientTest, CheckDuringAFetchIsMadeAfterIt)
+{
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V0001");
+    (void)Said();
+    client.CheckNow();
+    client.CheckNow();
+    EXPECT_EQ(0, Layers().expiries);
+    Directory("192.0.2.1", "a");
+    EXPECT_THAT(Said(), ElementsAre("delivered 192.0.2.1 V0001"));
+    EXPECT_EQ(1, Layers().expiries);
+}
+
+// A slow directory file: the service checks again meanwhile.
+TEST_F(ClientTest, VersionWhoseDirectoryFileIsUnderWayIsNotUnchanged)
+{
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V0001");
+    Accept("192.0.2.1", kDirectoryFile);
+    const unsigned int directory = task;
+    Version("192.0.2.1", "V0001");
+    EXPECT_THAT(Said(),
+                ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001", "checking 192.0.2.1"));
+    Layers().Observe(TRAVEX_FTP_OBSERVED_FAILED, directory, "192.0.2.1:21", kDirectoryFile,
+                     TRAVEX_FTP_ERR_PARTIAL, "cut");
+    EXPECT_THAT(Said(), ElementsAre("failed 192.0.2.1 23 next"));
+    EXPECT_EQ("192.0.2.2;192.0.2.3;192.0.2.1", service.requests.back());
+}
+
+TEST_F(ClientTest, FilesThatAreGoneAreFetchedAgain)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    std::filesystem::remove(folder.Path() + "/directory.csv");
+    Version("192.0.2.1", "V0001");
+    EXPECT_THAT(Said(),
+                ElementsAre("checking 192.0.2.1", testing::StartsWith("warning: the local")));
+    EXPECT_THAT(service.requests, testing::SizeIs(2));
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    EXPECT_EQ("V0001\n", Local("version.txt"));
+    EXPECT_EQ("a", Local("directory.csv"));
+}
+
 // The service refills its list and checks again by itself.
 TEST_F(ClientTest, LeavesTheNextCheckToTheServiceWhenAVersionWasSeen)
 {
@@ -568,6 +647,23 @@ TEST_F(ClientTest, FollowsNamesThatMoveWhileTheirServersFail)
     EXPECT_EQ("192.0.2.7", service.requests.back());
 }
 
+TEST_F(ClientTest, OtherOrderOfTheSameAddressesIsNoMove)
+{
+    settings.servers = {{"a.example", false}};
+    addresses["a.example"].addresses = {"192.0.2.5", "192.0.2.6"};
+    Start();
+    AwaitRequests(1);
+    Deliver("192.0.2.5", "V0001", "a");
+    addresses["a.example"].addresses = {"192.0.2.6", "192.0.2.5"};
+    for (const char* server : {"192.0.2.5", "192.0.2.5", "192.0.2.6"})
+    {
+        Fail(server, kVersionFile);
+    }
+    (void)Said();
+    (void)client.Next(Client::Clock::now() + std::chrono::milliseconds(300));  // for the lookup
+    EXPECT_THAT(service.requests, testing::SizeIs(1));
+}
+
 TEST_F(ClientTest, RefusedSettingsAreFinalAtTheStartOnly)
 {
     service.refuseWith = TRAVEX_FTP_ERR_CIPHER;
@@ -601,7 +697,52 @@ TEST_F(ClientTest, ServiceThatCannotBeStartedIsAnErrorAtTheStartOnly)
     Version("192.0.2.1", "V1");
     service.initResult = 1;
     EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", testing::StartsWith("invalid"),
-                                    testing::StartsWith("start failed"), "retry 60"));
+                                    "start failed: the service could not be started (code 1)",
+                                    "all failed", "retry 60"));
+    EXPECT_EQ(1u, StateOfFile().failures);
+    EXPECT_EQ("the service could not be started (code 1)", StateOfFile().reason);
+}
+
+// For settings that have worked before.
+TEST_F(ClientTest, FirstFailureIsTriedAgainOnRequest)
+{
+    service.initResult = ENOENT;
+    client.Start(settings, Client::FirstFailure::kRetry);
+    EXPECT_THAT(Said(), ElementsAre("start failed: the log cannot be written: No such file or "
+                                    "directory",
+                                    "all failed", "retry 60"));
+    service.initResult = 0;
+    service.refuseWith = TRAVEX_FTP_ERR_TRUST;
+    client.CheckNow();
+    EXPECT_THAT(Said(), ElementsAre(testing::StartsWith("failed"), "all failed", "retry 60"));
+}
+
+TEST_F(ClientTest, PasswordThatCannotBeReadStopsTheService)
+{
+    settings.readPassword = [](Secret&, bool) { throw std::runtime_error("no password"); };
+    Start();
+    EXPECT_THROW((void)client.Next(Client::Clock::now()), std::runtime_error);
+    EXPECT_FALSE(service.running);
+}
+
+TEST_F(ClientTest, StartsAgainAfterLackOfMemory)
+{
+    bool lacks = true;
+    Client other(service,
+                 [&lacks](const std::string&, int) {
+                     return lacks ? throw std::bad_alloc() : LookupResult{{"192.0.2.5"}, ""};
+                 });
+    settings.servers = {{"a.example", false}};
+    other.Start(settings);
+    EXPECT_THROW((void)other.Next(Client::Clock::now() + std::chrono::seconds(20)), std::bad_alloc);
+    EXPECT_FALSE(service.running);
+    lacks = false;
+    other.Start(settings);
+    while (service.requests.empty())
+    {
+        (void)other.Next(Client::Clock::now() + std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ("192.0.2.5", service.requests.back());
 }
 
 TEST_F(ClientTest, ReadsThePasswordAgainAfterARefusedLogin)
@@ -621,6 +762,20 @@ TEST_F(ClientTest, ReadsThePasswordAgainAfterARefusedLogin)
     EXPECT_THAT(service.passwords, ElementsAre("old", "new"));
 }
 
+TEST_F(ClientTest, RefusedLoginIsForgottenWhenAServerDelivers)
+{
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile, TRAVEX_FTP_ERR_LOGIN);
+    Deliver("192.0.2.2", "V0001", "a");
+    for (const char* server : {"192.0.2.2", "192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    {
+        Fail(server, kVersionFile);
+    }
+    (void)Said();
+    EXPECT_TRUE(service.running);
+}
+
 TEST_F(ClientTest, FileThatCannotBeReplacedIsReported)
 {
     std::filesystem::create_directory(folder.Path() + "/directory.csv");
@@ -638,10 +793,19 @@ TEST_F(ClientTest, WarnsOfAVersionThatIsNotWhatItSeems)
     Start();
     (void)Said();
     Version("192.0.2.1", "0123456789012345678901234567890\n");
-    EXPECT_THAT(Said(),
-                ElementsAre("checking 192.0.2.1", "new 192.0.2.1 012345678901234567890123456789",
-                            "warning: the version line has 31 bytes; only the first 30 are "
-                            "compared"));
+    const std::string warning =
+        "warning: the version line has 31 bytes; only the first 30 are compared";
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1",
+                                    "new 192.0.2.1 012345678901234567890123456789", warning));
+    Directory("192.0.2.1", "a");
+    (void)Said();
+    // The end of a check comes after its warnings.
+    settings.onlyIfChanged = true;
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "0123456789012345678901234567890\n");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", warning,
+                                    "unchanged 192.0.2.1 012345678901234567890123456789"));
 }
 
 TEST_F(ClientTest, WakeEndsAWait)

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -61,6 +62,15 @@ protected:
     std::string StatePath() const
     {
         return folder.File(".directory.csv.corpdir.json");
+    }
+
+    bool NotedUnchanged(const std::string& version)
+    {
+        std::string warning;
+        const bool current =
+            files.NoteUnchanged(ParseVersion(version), {1'700'000'009, 0}, warning);
+        EXPECT_EQ("", warning);
+        return current;
     }
 
     support::TemporaryDirectory folder;
@@ -155,6 +165,8 @@ TEST_F(LocalFilesTest, CurrentNeedsTheVeryFile)
     EXPECT_EQ("", warning);
     WriteFile(folder.File("directory.csv"), "One");
     EXPECT_EQ("", files.Current(warning));
+    EXPECT_NE(std::string::npos, warning.find("not the file that was fetched")) << warning;
+    warning.clear();
     WriteFile(StatePath(), "no JSON");
     EXPECT_EQ("", files.Current(warning));
     EXPECT_NE("", warning);
@@ -163,8 +175,8 @@ TEST_F(LocalFilesTest, CurrentNeedsTheVeryFile)
 TEST_F(LocalFilesTest, StateCountsFailuresInARow)
 {
     std::string problem;
-    EXPECT_EQ("", files.NoteFailure());
-    EXPECT_EQ("", files.NoteFailure());
+    EXPECT_EQ("", files.NoteFailure("no luck"));
+    EXPECT_EQ("", files.NoteFailure("no luck"));
     std::optional<State> state = ReadState(StatePath(), problem);
     ASSERT_TRUE(state.has_value()) << problem;
     EXPECT_EQ(2U, state->failures);
@@ -172,22 +184,108 @@ TEST_F(LocalFilesTest, StateCountsFailuresInARow)
     EXPECT_EQ(0, state->confirmed);
     (void)files.Replace(Arrived("V0001", "one", 1));
     EXPECT_EQ(0U, ReadState(StatePath(), problem)->failures);
-    EXPECT_EQ("", files.NoteFailure());
+    EXPECT_EQ("", files.NoteFailure("no luck"));
     state = ReadState(StatePath(), problem);
     EXPECT_EQ("V0001", state->version);
     EXPECT_EQ("failed", state->outcome);
-    EXPECT_EQ("", files.NoteUnchanged(ParseVersion("V0001")));
+    EXPECT_EQ("no luck", state->reason);
+    EXPECT_TRUE(NotedUnchanged("V0001"));
     EXPECT_EQ("unchanged", ReadState(StatePath(), problem)->outcome);
+    EXPECT_EQ("", ReadState(StatePath(), problem)->reason);
 }
 
-// Another process has committed another version since.
-TEST_F(LocalFilesTest, UnchangedSaysNothingOfAnotherVersion)
+TEST_F(LocalFilesTest, NothingIsUnchangedWithoutItsFiles)
 {
+    EXPECT_FALSE(NotedUnchanged("V0001")) << "nothing was fetched";
     (void)files.Replace(Arrived("V0002", "two", 2));
-    EXPECT_EQ("", files.NoteFailure());
-    EXPECT_EQ("", files.NoteUnchanged(ParseVersion("V0001")));
+    EXPECT_EQ("", files.NoteFailure("no luck"));
+    EXPECT_FALSE(NotedUnchanged("V0001")) << "another process has committed another version";
+    WriteFile(folder.File("directory.csv"), "three");
+    EXPECT_FALSE(NotedUnchanged("V0002"));
+    std::filesystem::remove(folder.File("directory.csv"));
+    EXPECT_FALSE(NotedUnchanged("V0002"));
     std::string problem;
     EXPECT_EQ("failed", ReadState(StatePath(), problem)->outcome);
+}
+
+TEST_F(LocalFilesTest, UnchangedPutsTheVersionFileBack)
+{
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    std::filesystem::remove(folder.File("version.txt"));
+    EXPECT_TRUE(NotedUnchanged("V0001"));
+    EXPECT_EQ("V0001 one", Both());
+}
+
+TEST_F(LocalFilesTest, TimeToComeIsNoNewerVersion)
+{
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    const std::timespec future[2] = {{4'000'000'000, 0}, {4'000'000'000, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, folder.File("version.txt").c_str(), future, 0));
+    std::filesystem::remove(folder.File("directory.csv"));
+    std::filesystem::create_directories(folder.File("directory.csv/x"));
+    EXPECT_THROW((void)files.Replace(Arrived("V0002", "two", 2)), std::system_error);
+    EXPECT_EQ("V0001", ReadFile(folder.File("version.txt")));
+}
+
+TEST_F(LocalFilesTest, NotesDoNotWaitLongForTheLock)
+{
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    const base::Descriptor other(open(StatePath().c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(LockResult::kLocked, TryLock(other.Number()));
+    const std::string warning = files.NoteFailure("no luck");
+    EXPECT_NE(std::string::npos, warning.find("another process keeps")) << warning;
+}
+
+// The links are another user's.
+TEST_F(LocalFilesTest, LinksAreNotFollowed)
+{
+    WriteFile(folder.File("victim"), "untouched");
+    std::filesystem::create_symlink("victim", StatePath());
+    std::filesystem::create_symlink("victim", staging.Path(Staging::File::kNew));
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    EXPECT_EQ("V0001 one", Both());
+    EXPECT_EQ("untouched", ReadFile(folder.File("victim")));
+    EXPECT_FALSE(std::filesystem::is_symlink(folder.File("version.txt")));
+    EXPECT_FALSE(std::filesystem::is_symlink(StatePath()));
+}
+
+// The folder decides who may replace files in it.
+TEST_F(LocalFilesTest, AnotherUserReplacesFilesAndKeepsTheirGroup)
+{
+    constexpr uid_t kOther = 65534;
+    constexpr gid_t kGroup = 50;
+    if (geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    ASSERT_EQ(0, chmod(folder.Path().c_str(), 0777));
+    for (const char* const name : {"directory.csv", "version.txt"})
+    {
+        ASSERT_EQ(0, chown(folder.File(name).c_str(), 0, kGroup));
+        ASSERT_EQ(0, chmod(folder.File(name).c_str(), 0640));
+    }
+    ASSERT_EQ(0, chmod(StatePath().c_str(), 0600));
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        const bool changed =
+            setgroups(1, &kGroup) == 0 && setgid(kOther) == 0 && setuid(kOther) == 0;
+        const Staging own(folder.Path() + "/");
+        LocalFiles mine(settings, own, own);
+        Arrival arrival = Arrived("V0002", "two", 2);
+        (void)mine.Replace(arrival);
+        own.Remove();
+        _exit(changed ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("V0002 two", Both());
+    struct stat state = {};
+    ASSERT_EQ(0, stat(folder.File("directory.csv").c_str(), &state));
+    EXPECT_EQ(kGroup, state.st_gid);
+    EXPECT_EQ(0640U, state.st_mode & 07777);
 }
 
 // Each process replaces the file that is locked, so the others have to find the new one.

@@ -21,8 +21,8 @@ const std::string kHash(64, 'a');
 
 State SomeState()
 {
-    return {"edition 17", 167808,      kHash, "192.0.2.1 (dir.example)", 1763746200, 1763746300,
-            1763746400,   "unchanged", 2};
+    return {"edition 17", 167808,     kHash,    "192.0.2.1 (dir.example)",  1763746200,
+            1763746300,   1763746400, "failed", "192.0.2.1: login refused", 2};
 }
 
 json SomeObject()
@@ -65,7 +65,8 @@ TEST_F(ClientState, HasTheDocumentedForm)
                   "  \"fetched\": \"2025-11-21T17:30:00Z\",\n"
                   "  \"confirmed\": \"2025-11-21T17:31:40Z\",\n"
                   "  \"checked\": \"2025-11-21T17:33:20Z\",\n"
-                  "  \"outcome\": \"unchanged\",\n"
+                  "  \"outcome\": \"failed\",\n"
+                  "  \"reason\": \"192.0.2.1: login refused\",\n"
                   "  \"failures\": 2\n"
                   "}\n");
 }
@@ -80,6 +81,7 @@ void ExpectSame(const State& read, const State& written)
     EXPECT_EQ(read.confirmed, written.confirmed);
     EXPECT_EQ(read.checked, written.checked);
     EXPECT_EQ(read.outcome, written.outcome);
+    EXPECT_EQ(read.reason, written.reason);
     EXPECT_EQ(read.failures, written.failures);
 }
 

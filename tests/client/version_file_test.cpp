@@ -35,7 +35,8 @@ TEST(VersionFile, IsReadByTheRuleOfTheService)
          "\xEF\xBB\xBF"
          "12",
          "the version begins with a UTF-8"},
-        {std::string("1.2.3\0a\n", 8), "1.2.3", ""},
+        {"1.2\r.3\n", "1.2\r.3", "the version contains a carriage return"},
+        {std::string("1.2.3\0a\n", 8), "1.2.3", "the version line has 7 bytes; only the first 5"},
         {std::string("1.2\0.3\n", 7), nullptr, ""},
     };
     for (const Case& one : cases)
@@ -49,6 +50,14 @@ TEST(VersionFile, IsReadByTheRuleOfTheService)
         EXPECT_EQ(one.warning, file.warning.substr(0, std::string(one.warning).size()));
         EXPECT_EQ(*one.warning == '\0', file.warning.empty());
     }
+}
+
+TEST(VersionFile, SaysAllThatIsUnusual)
+{
+    EXPECT_EQ(
+        "the version begins with a UTF-8 byte-order mark, which is compared too; "
+        "the version line has 33 bytes; only the first 30 are compared",
+        ParseVersion("\xEF\xBB\xBF" + std::string(30, 'v') + "\n").warning);
 }
 
 TEST(VersionFile, NamesTheEncodingOfUtf16)
@@ -73,9 +82,12 @@ TEST(VersionFile, FileThatCannotBeReadIsNotValid)
     const support::TemporaryDirectory folder;
     EXPECT_EQ("cannot be opened: No such file or directory",
               ReadVersionFile(folder.File("none")).problem);
+    EXPECT_EQ(ENOENT, ReadVersionFile(folder.File("none")).error);
     EXPECT_EQ("cannot be read: Is a directory", ReadVersionFile(folder.Path()).problem);
+    EXPECT_EQ(EISDIR, ReadVersionFile(folder.Path()).error);
     support::WriteFile(folder.File("large"), std::string((1U << 20U) + 1, 'v'));
     EXPECT_EQ("it is larger than 1 MiB", ReadVersionFile(folder.File("large")).problem);
+    EXPECT_EQ(0, ReadVersionFile(folder.File("large")).error);
     support::WriteFile(folder.File("most"), std::string(1U << 20U, 'v'));
     EXPECT_TRUE(ReadVersionFile(folder.File("most")).version.has_value());
 }

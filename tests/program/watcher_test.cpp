@@ -330,7 +330,7 @@ TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
     When("retrying in 3600 s", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({failing, Deliver(A)});
-    EXPECT_THAT(Lines(), Contains("failed: the service could not be started (code 2)"));
+    EXPECT_THAT(Lines(), Contains("failed: the log cannot be written: No such file or directory"));
 }
 
 // The service itself would retry the directory file only when the version changes.
