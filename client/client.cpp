@@ -411,7 +411,7 @@ bool Client::Try(const std::function<void()>& call)
         transfer.reason = error.what();
         transfer.code = static_cast<unsigned int>(error.Log());
         FailCheck(error.what());
-        Pause(m_settings.retry);
+        Pause();
         return false;
     }
 }
@@ -457,7 +457,7 @@ void Client::OnLookedUp()
         if (asked)
         {
             FailCheck(problem);
-            Pause(m_settings.retry);
+            Pause();
         }
         return;
     }
@@ -687,7 +687,8 @@ void Client::OnDirectory(const Input& input)
 
 void Client::OnFailed(const TransferEvent& transfer)
 {
-    m_loginRefused = m_loginRefused || transfer.code == TRAVEX_FTP_ERR_LOGIN;
+    const bool isTemporary = transfer.reply / 100 == 4;
+    m_loginRefused = m_loginRefused || (transfer.code == TRAVEX_FTP_ERR_LOGIN && !isTemporary);
     if (transfer.code == TRAVEX_FTP_ERR_LOCAL_FILE)
     {
         OnLocalFileFailed(transfer);
@@ -707,7 +708,7 @@ void Client::OnLocalFileFailed(const TransferEvent& transfer)
 {
     Say(Event::Kind::kFailed, ServerOf(transfer)).transfer = transfer;
     FailCheck(transfer.reason);
-    Pause(m_settings.retry);
+    Pause();
 }
 
 // The service goes on to the next server by itself until its list is used up. Then it begins again
@@ -731,13 +732,10 @@ void Client::OnVersionFailed(const TransferEvent& transfer)
         return;
     }
     FailCheck(server.Label() + ": " + transfer.reason);
-    if (m_version.empty() || !usedUp)
+    // After a refused login the service would log in with the same password.
+    if (m_version.empty() || !usedUp || m_loginRefused)
     {
-        Pause(m_settings.retry);
-    }
-    else if (m_loginRefused)
-    {
-        Pause(kCheckInterval);  // the service would log in with the same password
+        Pause();
     }
     else
     {
@@ -783,7 +781,7 @@ void Client::OnRefused(const TransferEvent& transfer)
         return;
     }
     FailCheck(transfer.reason);
-    Pause(m_settings.retry);
+    Pause();
 }
 
 // To the next server that has not failed; the service itself would not go there.
@@ -792,7 +790,7 @@ void Client::GoOn(const Server& failed, const std::string& reason)
     if (AllFailed())
     {
         FailCheck(failed.Label() + ": " + reason);
-        Pause(m_settings.retry);
+        Pause();
         return;
     }
     std::size_t next = IndexOf(failed);
@@ -825,11 +823,14 @@ void Client::FailCheck(const std::string& reason)
     Say(Event::Kind::kPassFailed, {});
 }
 
-// Stops the service, and makes a new request after this time.
-void Client::Pause(std::chrono::seconds time)
+// Stops the service, and makes a new request after a while. A refused login is repeated as rarely
+// as the service checks: at one login a minute servers that count failures would lock the account.
+void Client::Pause()
 {
     Stop();
     m_state = State::kPausing;
+    const std::chrono::seconds time =
+        m_loginRefused ? std::max(m_settings.retry, kCheckInterval) : m_settings.retry;
     m_due = Clock::now() + time;
     Event& event = Say(Event::Kind::kWaiting, {});
     event.wait = time;

@@ -142,7 +142,7 @@ private:
     void GoOn(const Server& failed, const std::string& reason);
     void EndCheck();
     void FailCheck(const std::string& reason);
-    void Pause(std::chrono::seconds time);
+    void Pause();
     Event& Say(Event::Kind kind, const Server& server);
     void Warn(const std::string& reason);
 

@@ -221,10 +221,11 @@ protected:
         Arrive(server, text, task);
     }
     void Fail(const std::string& server, const char* file,
-              unsigned int code = TRAVEX_FTP_ERR_CONNECT)
+              unsigned int code = TRAVEX_FTP_ERR_CONNECT, unsigned int reply = 0)
     {
         Accept(server, file);
-        Layers().Observe(TRAVEX_FTP_OBSERVED_FAILED, task, server + ":21", file, code, "no luck");
+        Layers().Observe(TRAVEX_FTP_OBSERVED_FAILED, task, server + ":21", file, code, "no luck",
+                         reply);
     }
     // A check of one server that delivers.
     void Deliver(const std::string& server, const std::string& version, const std::string& text)
@@ -774,6 +775,46 @@ TEST_F(ClientTest, RefusedLoginIsForgottenWhenAServerDelivers)
     }
     (void)Said();
     EXPECT_TRUE(service.running);
+}
+
+// At one login a minute servers that count failures would lock the account.
+TEST_F(ClientTest, PausesLongerAfterARefusedLogin)
+{
+    Start();
+    (void)Said();
+    for (const char* server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    {
+        Fail(server, kVersionFile, TRAVEX_FTP_ERR_LOGIN);
+    }
+    EXPECT_THAT(Said(), testing::IsSupersetOf({"all failed", "retry 600"}));
+    client.CheckNow();
+    EXPECT_THAT(Said(), IsEmpty());
+    Fail("192.0.2.1", kVersionFile);
+    Fail("192.0.2.2", kVersionFile);
+    Fail("192.0.2.3", kVersionFile);
+    EXPECT_THAT(Said(), testing::IsSupersetOf({"all failed", "retry 60"}));
+}
+
+TEST_F(ClientTest, PausesLongerWhenOnlyOneOfTheServersRefusedTheLogin)
+{
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile, TRAVEX_FTP_ERR_LOGIN);
+    Fail("192.0.2.2", kVersionFile);
+    Version("192.0.2.3", "V1");
+    EXPECT_THAT(Said(), testing::IsSupersetOf({"all failed", "retry 600"}));
+}
+
+TEST_F(ClientTest, RefusalThatIsTemporaryGetsTheUsualPause)
+{
+    constexpr unsigned int kTemporary = 421;
+    Start();
+    (void)Said();
+    for (const char* server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    {
+        Fail(server, kVersionFile, TRAVEX_FTP_ERR_LOGIN, kTemporary);
+    }
+    EXPECT_THAT(Said(), testing::IsSupersetOf({"all failed", "retry 60"}));
 }
 
 TEST_F(ClientTest, FileThatCannotBeReplacedIsReported)

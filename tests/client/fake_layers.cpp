@@ -26,7 +26,8 @@ FakeLayers& Layers()
 }
 
 void FakeLayers::Observe(unsigned int kind, unsigned int task, const std::string& server,
-                         const char* file, unsigned int code, const char* reason) const
+                         const char* file, unsigned int code, const char* reason,
+                         unsigned int reply) const
 {
     tagTRAVEX_FTP_S_OBSERVATION seen = {};
     seen.ulKind = kind;
@@ -37,6 +38,7 @@ void FakeLayers::Observe(unsigned int kind, unsigned int task, const std::string
     seen.ullTotal = 48;
     seen.ulRet = code;
     seen.pcReason = reason;
+    seen.ulReply = reply;
     const std::lock_guard<std::mutex> lock(g_observing);
     if (observer != nullptr)
     {

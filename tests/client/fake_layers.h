@@ -22,7 +22,7 @@ struct FakeLayers
 
     // The FTP layer's report on a task.
     void Observe(unsigned int kind, unsigned int task, const std::string& server, const char* file,
-                 unsigned int code, const char* reason) const;
+                 unsigned int code, const char* reason, unsigned int reply = 0) const;
 };
 
 FakeLayers& Layers();
