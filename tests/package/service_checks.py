@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Checks the service of the package corpdir-tools on a machine that systemd has booted: start, reload,
-failure, upgrade, stop and removal. An FTPS server on port 21 of 127.0.0.1 has the directory.
+failure, refused login, upgrade, stop, removal and purge. An FTPS server on port 21 of 127.0.0.1 has the
+directory.
 
 It changes the machine: scripts/systemd-test runs it in a root of its own.
 
@@ -26,12 +27,15 @@ from certificates import make_certificates  # noqa: E402
 EXAMPLE = pathlib.Path("/usr/share/doc/corpdir-tools/examples/corpdir.conf.example")
 SETTINGS = pathlib.Path("/etc/corpdir")
 STATE = pathlib.Path("/var/lib/corpdir")
+LOGS = pathlib.Path("/var/log/corpdir")
 USER = "directory"
-PATIENCE = 30  # seconds
+PATIENCE = 60  # seconds; the unit is restarted after 30
+RETRY_SECONDS = 1
 STOP_SECONDS = 3
 JOURNAL_LINES = 20
 BAD_ARGUMENTS = 2
 BAD_LINE = 'no-such-option = "x"\n'
+OTHER_SERVER = "127.0.0.2"  # where none is
 UNITS = pathlib.Path("/etc/systemd/system")
 PHONE, OFFICE, WRONG = ("corpdir-watch@%s.service" % name for name in ("phone", "office", "wrong"))
 
@@ -95,9 +99,13 @@ class Server:
             [sys.executable, SOURCE / "tests/support/ftp_server.py", "--host", "127.0.0.1", "--port", "21",
              "--root", self.served, "--user", USER, "--password-file", self.folder / "password",
              "--tls", "explicit", "--tls-required", "--cert", self.folder / "server.pem",
-             "--key", self.folder / "server.key"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+             "--key", self.folder / "server.key", "--log", self.folder / "server.log"],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         if not self.process.stdout.readline().startswith(b"READY"):
             raise RuntimeError("the FTPS server did not start")
+
+    def logins(self):
+        return (self.folder / "server.log").read_text().count("COMMAND PASS ")
 
     def stop(self):
         if self.process:
@@ -107,10 +115,26 @@ class Server:
             self.process = None
 
 
-def write_settings(instance, more=""):
+def document_units():
+    """The path unit of docs/program.md, and the service that it starts."""
+    blocks = re.findall(r"^```ini\n(.*?)^```$", (SOURCE / "docs/program.md").read_text(), flags=re.M | re.S)
+    if len(blocks) != 2 or "[Path]" not in blocks[0] or "reload pbx" not in blocks[1]:
+        raise RuntimeError("the document has other units: %s" % blocks)
+    return blocks
+
+
+def files_named_corpdir():
+    """Without those of this test."""
+    return set(must("find", "/", "-xdev", "(", "-path", "/root", "-o", "-path", "/proc", "-o", "-path", "/tmp",
+                    ")", "-prune", "-o", "-name", "*corpdir*", "!", "-name", "corpdir-checks.*", "-prune",
+                    "-print").splitlines())
+
+
+def write_settings(instance, more="", servers="127.0.0.1"):
     """The example of the package, for the server here."""
     text = EXAMPLE.read_text().replace("corpdir/phone", "corpdir/" + instance)
-    for name, value in (("servers", "127.0.0.1"), ("user", USER), ("ca", SETTINGS / "authority.pem"),
+    for name, value in (("servers", servers), ("user", USER), ("ca", SETTINGS / "authority.pem"),
+                        ("log-dir", LOGS / instance), ("retry", "%ds" % RETRY_SECONDS),
                         ("exec", "env >%s/%s/environment" % (STATE, instance))):
         text, count = re.subn(r"^#?%s = .*$" % name, '%s = "%s"' % (name, value), text, flags=re.M)
         if count != 1:
@@ -169,6 +193,11 @@ class Checks:
     def check_current(self):
         self.check_status("version .?%s.? from .*127.0.0.1.*, checked " % self.server.edition)
 
+    @staticmethod
+    def ask():
+        """The command of docs/program.md for a check now."""
+        must("systemctl", "kill", "--kill-whom=main", "--signal=SIGUSR1", PHONE)
+
     def check_same_process(self, before):
         self.check("the unit stays active, in the same process",
                    (state(PHONE), shown(PHONE, "MainPID")) == ("active/running", before),
@@ -182,6 +211,8 @@ class Checks:
 
     def install(self):
         """installation"""
+        left = files_named_corpdir()
+        self.check("no earlier run has left anything", not left, left)
         must("dpkg", "--install", PACKAGE)
         self.check("the user is there", pwd.getpwnam("corpdir").pw_shell.endswith("/nologin"))
         listed = must("systemctl", "list-units", "--all", "--plain", "--no-legend", "corpdir-watch@*")
@@ -206,6 +237,9 @@ class Checks:
         file = (STATE / "phone/directory.csv").stat()
         self.check("it belongs to the service's user, and others may read it",
                    (pwd.getpwuid(file.st_uid).pw_name, file.st_mode & 0o777) == ("corpdir", 0o644), file)
+        log = LOGS / "phone/corpdir.log"
+        self.check("the log is there, readable by its owner only",
+                   log.exists() and log.stat().st_mode & 0o777 == 0o600, log)
         environment = STATE / "phone/environment"
         self.check_becomes("the command runs, and cannot report for the service",
                            lambda: environment.exists() and "CORPDIR_VERSION" in environment.read_text()
@@ -214,17 +248,21 @@ class Checks:
         self.check_current()
 
     def check_now(self):
-        """check now, with a path unit for the directory file"""
+        """check now, with the path unit of the document"""
         process = self.running()
-        marker = pathlib.Path("/run/phonebook-reloaded")
-        (UNITS / "phonebook.path").write_text("[Path]\nPathChanged=%s/phone/directory.csv\n" % STATE)
-        (UNITS / "phonebook.service").write_text("[Service]\nType=oneshot\nExecStart=touch %s\n" % marker)
+        marker = pathlib.Path("/run/pbx-reloaded")
+        path, service = document_units()
+        (UNITS / "phonebook.path").write_text(path)
+        (UNITS / "phonebook.service").write_text(service)
+        (UNITS / "pbx.service").write_text("[Service]\nExecStart=sleep infinity\nExecReload=touch %s\n" % marker)
         must("systemctl", "daemon-reload")
-        must("systemctl", "start", "phonebook.path")
+        must("systemctl", "start", "pbx.service")
+        must("systemctl", "enable", "--now", "phonebook.path")
+        self.check("the other service is not reloaded before", not marker.exists())
         self.server.publish("edition 2")
-        must("systemctl", "kill", "--kill-whom=main", "--signal=SIGUSR1", PHONE)
+        self.ask()
         self.check_fetched("SIGUSR1 brings the next edition")
-        self.check_becomes("the path unit starts its service", marker.exists,
+        self.check_becomes("the path unit reloads the other service", marker.exists,
                            lambda: must("systemctl", "status", "phonebook.path"))
         self.check_current()
         self.check_same_process(process)
@@ -247,11 +285,17 @@ class Checks:
     def wrong_reload(self):
         """reload with a mistake"""
         process = self.running()
-        write_settings("phone", BAD_LINE)
-        run("systemctl", "reload", PHONE)
-        self.check_becomes("the journal names the mistake", lambda: "no-such-option" in journal(PHONE),
+        write_settings("phone", BAD_LINE, OTHER_SERVER)
+        reloaded = run("systemctl", "reload", PHONE)
+        self.check("reload succeeds", reloaded.returncode == 0, reloaded.stdout)
+        self.check_becomes("the journal names the mistake",
+                           lambda: re.search("settings not reloaded: .*no-such-option", journal(PHONE)),
                            lambda: journal(PHONE))
         self.check_becomes("the reload ends", lambda: state(PHONE) == "active/running", lambda: state(PHONE))
+        self.server.publish("edition 4")
+        self.ask()
+        self.check_fetched("all settings of before stay in use")
+        self.check_current()
         self.check_same_process(process)
         write_settings("phone")
 
@@ -260,11 +304,33 @@ class Checks:
         process = self.running()
         self.server.stop()
         run("systemctl", "reload", PHONE)
-        self.check_status("failed: .")
+        self.check_status("failed: cannot connect: Connection refused$")
         self.check_same_process(process)
+        self.server.publish("edition 5")
         self.server.start(self.password)
-        must("systemctl", "kill", "--kill-whom=main", "--signal=SIGUSR1", PHONE)
+        self.check_fetched("it recovers by itself")
         self.check_current()
+
+    def refused_login(self):
+        """refused login"""
+        self.server.stop()
+        self.password = secrets.token_urlsafe(18)
+        self.server.publish("edition 6")
+        self.server.start(self.password)
+        before = self.server.logins()
+        must("systemctl", "restart", PHONE)
+        process = self.running()
+        self.check_status("failed: login refused: 530 ")
+        self.check_becomes("the journal names the reason", lambda: "login refused: 530 " in journal(PHONE),
+                           lambda: journal(PHONE))
+        time.sleep(5 * RETRY_SECONDS)
+        self.check("the login is not repeated", self.server.logins() == before + 1, journal(PHONE))
+        self.check_same_process(process)
+        write_password("phone", self.password)
+        self.ask()
+        self.check_fetched("a check now uses the new password, without a reload")
+        self.check_current()
+        self.check("systemd has not restarted the unit", shown(PHONE, "NRestarts") == "0")
 
     def wrong_settings(self):
         """start with a mistake"""
@@ -278,11 +344,15 @@ class Checks:
 
     def crash(self):
         """crash"""
-        self.running()
+        process = self.running()
+        self.server.publish("edition 7")
         must("systemctl", "kill", "--kill-whom=main", "--signal=SIGKILL", PHONE)
-        self.check_becomes("it is tried again", lambda: state(PHONE) == "activating/auto-restart",
-                           lambda: state(PHONE))
-        must("systemctl", "stop", PHONE)
+        self.check_becomes("it waits before it is tried again",
+                           lambda: state(PHONE) == "activating/auto-restart", lambda: state(PHONE))
+        self.check_becomes("it runs again", lambda: state(PHONE) == "active/running", lambda: state(PHONE))
+        self.check("it was restarted once, as another process",
+                   shown(PHONE, "NRestarts") == "1" and shown(PHONE, "MainPID") != process, journal(PHONE))
+        self.check_fetched("it fetches the next edition")
 
     def upgrade(self):
         """upgrade"""
@@ -291,6 +361,9 @@ class Checks:
         must("dpkg", "--install", PACKAGE)
         self.check("the instance that ran is restarted",
                    shown(PHONE, "ActiveState") == "active" and shown(PHONE, "MainPID") != process, state(PHONE))
+        program = os.readlink("/proc/%s/exe" % shown(PHONE, "MainPID"))
+        self.check("it runs the new program", program == "/usr/bin/corpdir", program)
+        self.check("it stays enabled", run("systemctl", "is-enabled", PHONE).stdout == "enabled\n")
         self.check("one that did not is not started", shown(WRONG, "ActiveState") == "inactive", state(WRONG))
         self.check_fetched("the directory file is there")
 
@@ -322,26 +395,36 @@ class Checks:
         must("systemctl", "daemon-reload")
 
     def remove(self):
-        """removal"""
+        """removal and purge"""
         self.prepare_office()
         for unit in (PHONE, OFFICE):
             must("systemctl", "start", unit)
         self.check_fetched("a second instance runs beside the first, with a credential", "office")
         processes = [pathlib.Path("/proc") / shown(unit, "MainPID") for unit in (PHONE, OFFICE)]
+        write_settings("wrong")
+        must("systemctl", "start", WRONG)
+        must("systemctl", "kill", "--kill-whom=main", "--signal=SIGKILL", WRONG)
+        self.check_becomes("a third one has crashed and waits for its restart",
+                           lambda: state(WRONG) == "activating/auto-restart", lambda: state(WRONG))
         must("dpkg", "--remove", "corpdir-tools")
         self.check("all instances are stopped", not any(path.exists() for path in processes))
         left = must("systemctl", "list-units", "--plain", "--no-legend", "--state=active,activating",
                     "corpdir-watch@*")
         self.check("no unit is left", not left, left)
+        self.check("the log stays", (LOGS / "phone/corpdir.log").exists())
         must("dpkg", "--purge", "corpdir-tools")
-        links = [path for path in UNITS.rglob("corpdir-watch@*") if path.is_symlink()]
-        self.check("no link is left of what was enabled", not links, links)
-        self.check("settings and directory stay",
-                   (SETTINGS / "phone.conf").exists() and self.has_edition("office"))
+        kept = {str(path) for path in (SETTINGS, STATE, UNITS / (OFFICE + ".d"))}
+        left = files_named_corpdir()
+        self.check("the purge leaves settings, directories and the drop-in, no link of what was enabled, no log",
+                   left == kept, left)
+        self.check("settings, directory and user are as they were",
+                   (SETTINGS / "phone.conf").exists() and (SETTINGS / "phone.password").exists()
+                   and self.has_edition("office") and pwd.getpwnam("corpdir"))
 
     def all(self):
         for function in (self.install, self.start, self.check_now, self.reload, self.wrong_reload,
-                         self.failure, self.wrong_settings, self.crash, self.upgrade, self.stop, self.remove):
+                         self.failure, self.refused_login, self.wrong_settings, self.crash, self.upgrade,
+                         self.stop, self.remove):
             self.step(function)
 
 
