@@ -26,6 +26,13 @@ extern "C" const char* __tsan_default_options()
     return "atexit_sleep_ms=0";
 }
 
+// A digest that the end of the process interrupts is not freed, since the library is gone.
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
+extern "C" const char* __lsan_default_suppressions()
+{
+    return "leak:libcrypto";
+}
+
 namespace
 {
 std::atomic<bool> g_holdReads{false};
