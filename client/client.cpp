@@ -483,7 +483,7 @@ void Client::Request(std::size_t first)
     m_version.clear();
     m_expected.clear();
     m_read.reset();
-    m_openChecks = 0;
+    m_checkTask = 0;
     m_asksNext = SecondServer();
     m_lookup.reset();
     unsigned int code = 0;
@@ -524,17 +524,22 @@ void Client::Handle(const Input& input)
     const TransferEvent& transfer = input.transfer;
     const bool ended =
         transfer.kind == EventKind::kTransferred || transfer.kind == EventKind::kFailed;
-    if (ended && IsVersionFile(transfer) && m_openChecks != 0)
-    {
-        --m_openChecks;
-    }
+    const bool endsCheck = ended && transfer.task == m_checkTask;
+    m_checkTask = endsCheck ? 0 : m_checkTask;
     switch (transfer.kind)
     {
         case EventKind::kAccepted:
             OnAccepted(transfer);
             break;
         case EventKind::kTransferred:
-            IsVersionFile(transfer) ? OnVersion(input) : OnDirectory(input);
+            if (!IsVersionFile(transfer))
+            {
+                OnDirectory(input);
+            }
+            else if (endsCheck || input.stopped)
+            {
+                OnVersion(input);
+            }
             break;
         case EventKind::kFailed:
             OnFailed(transfer);
@@ -556,13 +561,13 @@ void Client::OnAccepted(const TransferEvent& transfer)
         m_expected[transfer.task] = m_read;
         return;
     }
-    ++m_openChecks;
+    m_checkTask = transfer.task;
     m_state = State::kChecking;
     Say(Event::Kind::kChecking, ServerOf(transfer)).next = std::exchange(m_goesOn, Next::kNothing);
 }
 
-// The service reads the version by the same rule, and goes on to the directory file when it is
-// valid and new.
+// The service reads the version by the same rule, of its latest transfer alone, and goes on to the
+// directory file when it is valid and new.
 void Client::OnVersion(const Input& input)
 {
     const VersionFile& file = input.version->file;
@@ -596,7 +601,7 @@ void Client::OnVersion(const Input& input)
 
 void Client::OnUnchanged(const Input& input)
 {
-    if (!m_expected.empty())
+    if (!m_expected.empty() && !input.stopped)
     {
         m_state = State::kFetching;  // the directory file of this version is not there yet
         return;
@@ -809,7 +814,7 @@ void Client::EndCheck()
     m_left.clear();
     m_loginRefused = false;
     m_state = !m_expected.empty() ? State::kFetching
-              : m_openChecks != 0 ? State::kChecking
+              : m_checkTask != 0  ? State::kChecking
                                   : State::kIdle;
     if (m_state == State::kIdle && std::exchange(m_checkAgain, false))
     {

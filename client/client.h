@@ -179,7 +179,7 @@ private:
     bool m_mayRetry = false;                         // a first failure is not final
     bool m_loginRefused = false;                     // since the password was read last
     bool m_checkAgain = false;                       // as soon as the check under way has ended
-    std::size_t m_openChecks = 0;                    // transfers of the version file
+    unsigned int m_checkTask = 0;                    // latest transfer of a version file; 0: ended
     std::string m_version;                           // accepted by the service last
     std::shared_ptr<const Seen> m_read;              // the new version that was read last
     std::map<unsigned int, std::shared_ptr<const Seen>> m_expected;  // by directory task

@@ -403,6 +403,24 @@ TEST_F(ClientTest, VersionWhoseDirectoryFileIsUnderWayIsNotUnchanged)
     EXPECT_EQ("192.0.2.2;192.0.2.3;192.0.2.1", service.requests.back());
 }
 
+// Checks wait behind a slow directory file. The service looks at the latest of them alone.
+TEST_F(ClientTest, OnlyTheLatestOfSeveralChecksCounts)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    Accept("192.0.2.1", kVersionFile);
+    Accept("192.0.2.1", kVersionFile);
+    WriteFile(Staged(service.last.szVersionLocalFileName), "V0002");
+    Succeed("192.0.2.1", kVersionFile, task - 1);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "checking 192.0.2.1"));
+    Succeed("192.0.2.1", kVersionFile, task);
+    Directory("192.0.2.1", "b");
+    EXPECT_THAT(Said(), ElementsAre("new 192.0.2.1 V0002", "delivered 192.0.2.1 V0002"));
+    EXPECT_THAT(service.requests, testing::SizeIs(1));
+}
+
 TEST_F(ClientTest, FilesThatAreGoneAreFetchedAgain)
 {
     Start();
@@ -557,6 +575,22 @@ TEST_F(ClientTest, StopsBeforeTheDirectoryFileWhenOnlyAChangeIsWanted)
     EXPECT_FALSE(service.running) << "stopped within the observer";
     EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "unchanged 192.0.2.1 V0001"));
     EXPECT_EQ("unchanged", StateOfFile().outcome);
+}
+
+// The service is stopped then, and the directory file does not arrive any more.
+TEST_F(ClientTest, LocalVersionThatComesBackDuringAFetchIsUnchanged)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    settings.onlyIfChanged = true;
+    Start();
+    (void)Said();
+    Version("192.0.2.1", "V0002");
+    Accept("192.0.2.1", kDirectoryFile);
+    Version("192.0.2.1", "V0001");
+    EXPECT_THAT(Said(), testing::Contains("unchanged 192.0.2.1 V0001"));
 }
 
 TEST_F(ClientTest, FetchesWhenTheLocalFileIsNotTheOneOfTheState)
