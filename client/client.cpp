@@ -744,9 +744,10 @@ void Client::OnVersionFailed(const TransferEvent& transfer)
     }
     else
     {
-        m_state = State::kIdle;
-        m_failed.clear();
-        m_left.clear();
+        EndCheck();
+    }
+    if (m_state == State::kIdle)
+    {
         Say(Event::Kind::kWaiting, {}).wait = kCheckInterval;
         (void)Try([this] { LookUp(); });
     }
@@ -828,17 +829,19 @@ void Client::FailCheck(const std::string& reason)
     Say(Event::Kind::kPassFailed, {});
 }
 
-// Stops the service, and makes a new request after a while. A refused login is repeated as rarely
-// as the service checks: at one login a minute servers that count failures would lock the account.
+// Stops the service, and makes a new request after a while; at once when a check was asked for
+// during the one that has failed. A refused login is repeated as rarely as the service checks: at
+// one login a minute servers that count failures would lock the account.
 void Client::Pause()
 {
+    const std::chrono::seconds usual =
+        m_loginRefused ? std::max(m_settings.retry, kCheckInterval) : m_settings.retry;
+    const std::chrono::seconds wait = m_checkAgain ? std::chrono::seconds(0) : usual;
     Stop();
     m_state = State::kPausing;
-    const std::chrono::seconds time =
-        m_loginRefused ? std::max(m_settings.retry, kCheckInterval) : m_settings.retry;
-    m_due = Clock::now() + time;
+    m_due = Clock::now() + wait;
     Event& event = Say(Event::Kind::kWaiting, {});
-    event.wait = time;
+    event.wait = wait;
     event.retries = true;
 }
 

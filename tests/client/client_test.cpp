@@ -386,6 +386,27 @@ TEST_F(ClientTest, CheckDuringAFetchIsMadeAfterIt)
     EXPECT_EQ(1, Layers().expiries);
 }
 
+TEST_F(ClientTest, CheckDuringACheckThatFailsIsMadeAfterIt)
+{
+    settings.servers.resize(1);
+    Start();
+    (void)Said();
+    client.CheckNow();
+    Fail("192.0.2.1", kVersionFile);
+    Fail("192.0.2.1", kVersionFile);
+    EXPECT_THAT(Said(), testing::IsSupersetOf({"all failed", "retry 0"}));
+    EXPECT_THAT(service.requests, testing::SizeIs(2)) << "no version was seen";
+    Deliver("192.0.2.1", "V0001", "a");
+    Fail("192.0.2.1", kVersionFile);
+    (void)Said();
+    client.CheckNow();
+    Fail("192.0.2.1", kVersionFile);
+    EXPECT_THAT(Said(),
+                ElementsAre("checking 192.0.2.1 again", "failed 192.0.2.1 16", "all failed"));
+    EXPECT_EQ(1, Layers().expiries);
+    EXPECT_THAT(service.requests, testing::SizeIs(2)) << "the service checks again";
+}
+
 // A slow directory file: the service checks again meanwhile.
 TEST_F(ClientTest, VersionWhoseDirectoryFileIsUnderWayIsNotUnchanged)
 {
