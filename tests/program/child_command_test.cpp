@@ -31,21 +31,24 @@ class ToolChildCommand : public ::testing::Test
 {
 protected:
     // Runs the command to its end. It finds the folder in FOLDER.
-    Ended Run(ChildCommand& command)
+    Ended Run(ChildCommand& command, const std::string& text, ChildCommand::Limit limit)
     {
         m_status = {};
-        EXPECT_EQ(command.Start({{"FOLDER", m_folder.Path()}}), 0);
+        EXPECT_EQ(command.Start(text, {{"FOLDER", m_folder.Path()}}, limit), 0);
         const int status = m_status.get_future().get();
         command.Ended();
         return {status, command.TimedOut()};
     }
+    Ended Run(const std::string& text, ChildCommand::Limit limit, milliseconds patience = kLong)
+    {
+        const auto command = Make(patience);
+        return Run(*command, text, limit);
+    }
 
-    std::unique_ptr<ChildCommand> Make(const std::string& text, ChildCommand::Limit limit,
-                                       milliseconds patience = kLong)
+    std::unique_ptr<ChildCommand> Make(milliseconds patience = kLong)
     {
         return std::make_unique<ChildCommand>(
-            text, m_null.Number(), [this](int status) { m_status.set_value(status); }, limit,
-            patience);
+            m_null.Number(), [this](int status) { m_status.set_value(status); }, patience);
     }
 
     // Whether the process whose number the command wrote there ends.
@@ -85,8 +88,7 @@ TEST_F(ToolChildCommand, WithinItsLimitItEndsByItself)
 {
     for (const ChildCommand::Limit limit : {ChildCommand::Limit(kLong), ChildCommand::Limit()})
     {
-        const auto command = Make("exit 7", limit);
-        const Ended end = Run(*command);
+        const Ended end = Run("exit 7", limit);
         EXPECT_EQ(end.status, 7);
         EXPECT_FALSE(end.timedOut);
     }
@@ -94,24 +96,21 @@ TEST_F(ToolChildCommand, WithinItsLimitItEndsByItself)
 
 TEST_F(ToolChildCommand, AtItsLimitItGetsSigterm)
 {
-    const auto command = Make("exec sleep 3600", kShort);
-    const Ended end = Run(*command);
+    const Ended end = Run("exec sleep 3600", kShort);
     EXPECT_EQ(end.status, 128 + SIGTERM);
     EXPECT_TRUE(end.timedOut);
 }
 
 TEST_F(ToolChildCommand, ItMayCleanUpAfterSigterm)
 {
-    const auto command = Make("trap 'exit 9' TERM; while :; do sleep 0.01; done", kShort);
-    const Ended end = Run(*command);
+    const Ended end = Run("trap 'exit 9' TERM; while :; do sleep 0.01; done", kShort);
     EXPECT_EQ(end.status, 9);
     EXPECT_TRUE(end.timedOut);
 }
 
 TEST_F(ToolChildCommand, OneThatIgnoresSigtermIsKilled)
 {
-    const auto command = Make("trap '' TERM; sleep 3600", kShort, kShort);
-    const Ended end = Run(*command);
+    const Ended end = Run("trap '' TERM; sleep 3600", kShort, kShort);
     EXPECT_EQ(end.status, 128 + SIGKILL);
     EXPECT_TRUE(end.timedOut);
 }
@@ -119,19 +118,17 @@ TEST_F(ToolChildCommand, OneThatIgnoresSigtermIsKilled)
 // The shell ends at SIGTERM; the command that it waits for does not.
 TEST_F(ToolChildCommand, ItsGroupEndsWithIt)
 {
-    const auto command =
-        Make("(trap '' TERM; exec sleep 3600) & echo $! >$FOLDER/child; wait", milliseconds(500));
-    EXPECT_TRUE(Run(*command).timedOut);
+    EXPECT_TRUE(
+        Run("(trap '' TERM; exec sleep 3600) & echo $! >$FOLDER/child; wait", milliseconds(500))
+            .timedOut);
     EXPECT_TRUE(Ends("child"));
 }
 
 TEST_F(ToolChildCommand, TheNextRunHasItsOwnLimit)
 {
-    const auto command =
-        Make("if [ -e $FOLDER/second ]; then exit 3; fi; touch $FOLDER/second; exec sleep 3600",
-             milliseconds(500));
-    EXPECT_TRUE(Run(*command).timedOut);
-    const Ended end = Run(*command);
+    const auto command = Make();
+    EXPECT_TRUE(Run(*command, "exec sleep 3600", milliseconds(500)).timedOut);
+    const Ended end = Run(*command, "exit 3", kLong);
     EXPECT_EQ(end.status, 3);
     EXPECT_FALSE(end.timedOut);
 }
@@ -139,10 +136,12 @@ TEST_F(ToolChildCommand, TheNextRunHasItsOwnLimit)
 TEST_F(ToolChildCommand, TheEndOfTheProgramEndsIt)
 {
     {
-        const auto command =
-            Make("trap '' TERM; echo $$ >$FOLDER/new; mv $FOLDER/new $FOLDER/child; sleep 3600",
-                 ChildCommand::Limit());
-        ASSERT_EQ(command->Start({{"FOLDER", m_folder.Path()}}), 0);
+        const auto command = Make();
+        ASSERT_EQ(
+            command->Start(
+                "trap '' TERM; echo $$ >$FOLDER/new; mv $FOLDER/new $FOLDER/child; sleep 3600",
+                {{"FOLDER", m_folder.Path()}}),
+            0);
         while (access((m_folder.Path() + "/child").c_str(), F_OK) != 0)
         {
             std::this_thread::sleep_for(milliseconds(5));

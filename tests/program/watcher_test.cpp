@@ -604,7 +604,7 @@ TEST_F(ToolWatcherSplay, EndsWithACheckAtOnce)
     Watch({Deliver(A)});
 }
 
-TEST_F(ToolWatcherSplay, TakesSettings)
+TEST_F(ToolWatcherSplay, EndsWithAReload)
 {
     m_options.splaySeconds = 1000000;
     When("retrying in ",
@@ -613,7 +613,7 @@ TEST_F(ToolWatcherSplay, TakesSettings)
              m_options.servers = C;
              m_events.Push(Event::Kind::kReload);
          });
-    When("settings reloaded", Event::Kind::kCheckNow);
+    When("settings reloaded", [] {});
     StopWhen("downloaded");
     Watch({Deliver(C)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.3"));
@@ -691,6 +691,32 @@ TEST_F(ToolWatcherReload, SettingsThatTheFirstRequestRefusesAreDropped)
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.3", "192.0.2.1;192.0.2.2"));
     EXPECT_THAT(Lines(), Contains("settings not reloaded: --ca: bad suite"));
+    EXPECT_THAT(Lines(), Not(Contains("settings reloaded")));
+}
+
+// The content of a file of authorities has changed, not its name.
+TEST_F(ToolWatcherReload, SettingsOfBeforeThatAreRefusedAsWellAreTriedAgain)
+{
+    ReloadWith([] {});
+    When("settings not reloaded: --ca: bad suite", [] {});
+    When("retrying in 3600 s", Event::Kind::kCheckNow);
+    StopWhen("unchanged");
+    Watch({Deliver(A), Refuse(TRAVEX_FTP_ERR_TRUST), Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
+    EXPECT_EQ(m_service.requests.size(), 4U);
+}
+
+TEST_F(ToolWatcherReload, AServiceThatDoesNotStartWithTheSettingsOfBeforeIsTriedAgain)
+{
+    ReloadWith(
+        [this]
+        {
+            m_service.initResult = 1;
+            m_service.initFailures = 2;
+        });
+    When("settings not reloaded: the service could not be started (code 1)", [] {});
+    When("retrying in 3600 s", Event::Kind::kCheckNow);
+    StopWhen("unchanged");
+    Watch({Deliver(A), Deliver(A)});
 }
 
 // The second one comes before the settings of the first have been tried.
@@ -710,7 +736,7 @@ TEST_F(ToolWatcherReload, TwoReloadsKeepTheSettingsThatWorked)
     Watch({Deliver(A), Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
     EXPECT_THAT(m_service.requests,
                 ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.3", "192.0.2.1;192.0.2.2"));
-    EXPECT_THAT(Lines(), Contains("settings reloaded").Times(2));
+    EXPECT_THAT(Lines(), Not(Contains("settings reloaded")));
 }
 
 TEST_F(ToolWatcherReload, SettingsWithWhichTheServiceDoesNotStartAreDropped)
@@ -847,13 +873,33 @@ TEST_F(ToolWatcherStatus, EveryReloadEndsInReady)
                             "READY=1", "STOPPING=1"));
 }
 
+// A check begins only when a name has an address, which may take long.
+TEST_F(ToolWatcherStatus, AReloadWithNamesWithoutAddressEndsInReady)
+{
+    m_options.servers = "dir.example";
+    m_found = {{{A}, ""}, {{}, "no network"}, {{A}, ""}};
+    ReloadWith([] {});
+    When("retrying in 3600 s",
+         [this]
+         {
+             EXPECT_THAT(Received(), ElementsAre("READY=1", HasSubstr("STATUS="),
+                                                 "RELOADING=1\nMONOTONIC_USEC=...", "READY=1",
+                                                 HasSubstr("STATUS=failed: ")));
+             EXPECT_THAT(Lines(), Not(Contains("settings reloaded")));
+             m_events.Push(Event::Kind::kCheckNow);
+         });
+    When("settings reloaded", [] {});
+    StopWhen("unchanged");
+    Watch({Deliver(A), Deliver(A)});
+}
+
 TEST_F(ToolWatcherStatus, IsReadyDuringTheSplay)
 {
     m_options.splaySeconds = 1000000;
     // Written before the wait begins.
     When("retrying in ", Event::Kind::kReload);
     StopWhen("settings reloaded");
-    Watch({});
+    Watch({[](FakeService& service) { (void)service.VersionBegins(A); }});
     EXPECT_THAT(Received(),
                 ElementsAre("READY=1", "RELOADING=1\nMONOTONIC_USEC=...", "READY=1", "STOPPING=1"));
 }
@@ -1040,17 +1086,53 @@ TEST_F(ToolWatcherCommand, IsTakenFromNewSettings)
     EXPECT_THAT(Given(), ElementsAre(m_file + "edition 2 192.0.2.1"));
 }
 
-TEST_F(ToolWatcherCommand, ThatRunsKeepsTheOldSettings)
+TEST_F(ToolWatcherCommand, ThatRunsGoesOnThroughAReload)
 {
     const std::string gate = m_secrets.Path() + "/gate";
-    m_options.execute = "while [ ! -e " + gate + " ]; do sleep 0.01; done";
-    ReloadWith([this] { m_options.servers = C; });
-    When("settings not reloaded: a command is running; reload again when it has ended",
-         [&gate] { WriteFile(gate, "open"); });
-    When("the command succeeded", Event::Kind::kReload);
+    m_options.execute = "while [ ! -e " + gate + " ]; do sleep 0.01; done; " + m_note;
+    ReloadWith(
+        [this]
+        {
+            m_options.servers = C;
+            m_options.execute = "echo new >>" + m_given;
+        });
     When("settings reloaded", [] {});
-    StopWhen("checking 192.0.2.3");
-    Watch({Deliver(A), Deliver(C)});
+    When("downloaded", [&gate] { WriteFile(gate, "open"); });
+    When("the command succeeded", [] {});
+    StopWhen("the command succeeded");
+    Watch({Deliver(A), [](FakeService& service) { service.Deliver(C, "edition 2"); }});
+    EXPECT_THAT(Given(), ElementsAre(m_file + "edition 1 192.0.2.1", "new"));
+}
+
+TEST_F(ToolWatcherCommand, ThatRunsGoesOnThroughAReloadThatIsUndone)
+{
+    const std::string gate = m_secrets.Path() + "/gate";
+    const std::string wait = "while [ ! -e " + gate + " ]; do sleep 0.01; done; ";
+    m_options.onFailure = wait + "exit 4";
+    const Script down = [](FakeService& service)
+    {
+        service.VersionFails(A);
+        service.VersionFails(B);
+    };
+    When("retrying in 3600 s",
+         [this]
+         {
+             m_options.onFailure.clear();
+             m_events.Push(Event::Kind::kReload);
+         });
+    When("settings not reloaded", [] {});
+    When("downloaded", [&gate] { WriteFile(gate, "open"); });
+    StopWhen("the command failed with status 4");
+    Watch({down, Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
+}
+
+TEST_F(ToolWatcherCommand, ThatAnEarlierWatchHasEndedIsIgnored)
+{
+    m_events.Push(Event::Kind::kCommandEnded, 3);
+    m_events.Push(Event::Kind::kFailureCommandEnded, 3);
+    StopWhen("downloaded");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Lines(), Not(Contains(HasSubstr("command"))));
 }
 
 TEST_F(ToolWatcherCommand, IsEndedWithTheWatch)

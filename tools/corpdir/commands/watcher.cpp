@@ -41,7 +41,11 @@ Watcher::Watcher(IFtpCorpDir& service, WatchSettings settings, Reload reload, Lo
       m_events(events),
       m_stream(output),
       m_manager(manager),
-      m_client(service, std::move(lookup))
+      m_client(service, std::move(lookup)),
+      m_update(STDERR_FILENO,
+               [this](int status) { m_events.Push(Event::Kind::kCommandEnded, status); }),
+      m_failure(STDERR_FILENO,
+                [this](int status) { m_events.Push(Event::Kind::kFailureCommandEnded, status); })
 {
     TakeSettings(std::move(settings));
     m_events.SetWake([this] { m_client.Wake(); });
@@ -54,16 +58,8 @@ Watcher::~Watcher()
 
 void Watcher::Abandon() noexcept
 {
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        for (ChildCommand* const command : {m_update.get(), m_failure.get()})
-        {
-            if (command != nullptr)
-            {
-                command->Kill();
-            }
-        }
-    }
+    m_update.Kill();
+    m_failure.Kill();
     m_client.RemoveStaged();
 }
 
@@ -72,12 +68,7 @@ int Watcher::Run()
     Settled status;
     try
     {
-        status = Splay();
-        if (!status)
-        {
-            m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
-            m_manager.Ready();
-        }
+        status = Begin();
         while (!status)
         {
             status = Step(Clock::now() + kLongWait);
@@ -104,31 +95,39 @@ int Watcher::Run()
     return *status;
 }
 
-// Machines that start together do not all ask the server at once.
-Watcher::Settled Watcher::Splay()
+// Begins the first check, after the wait of --splay: machines that start together do not all ask
+// the server at once.
+Watcher::Settled Watcher::Begin()
 {
-    if (m_settings.plan.splaySeconds == 0)
+    Event event;
+    if (m_settings.plan.splaySeconds != 0)
     {
-        return std::nullopt;
+        std::random_device random;
+        const std::chrono::milliseconds wait(std::uniform_int_distribution<std::int64_t>(
+            0, std::int64_t{1000} * m_settings.plan.splaySeconds)(random));
+        m_output->Waiting(std::chrono::ceil<std::chrono::seconds>(wait), true);
+        m_manager.Ready();
+        const Clock::time_point end = Clock::now() + wait;
+        event = m_events.WaitUntil(end);
+        while (event.kind != Event::Kind::kDeadline && event.kind != Event::Kind::kCheckNow)
+        {
+            if (event.kind == Event::Kind::kReload)
+            {
+                if (OnReload())
+                {
+                    return std::nullopt;
+                }
+            }
+            else if (const Settled status = HandleOwn(event))
+            {
+                return status;
+            }
+            event = m_events.WaitUntil(end);
+        }
     }
-    std::random_device random;
-    const std::chrono::milliseconds wait(std::uniform_int_distribution<std::int64_t>(
-        0, std::int64_t{1000} * m_settings.plan.splaySeconds)(random));
-    m_output->Waiting(std::chrono::ceil<std::chrono::seconds>(wait), true);
+    m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
     m_manager.Ready();
-    const Clock::time_point end = Clock::now() + wait;
-    for (;;)
-    {
-        const Event event = m_events.WaitUntil(end);
-        if (event.kind == Event::Kind::kDeadline || event.kind == Event::Kind::kCheckNow)
-        {
-            return std::nullopt;
-        }
-        if (const Settled status = HandleOwn(event))
-        {
-            return status;
-        }
-    }
+    return std::nullopt;
 }
 
 Watcher::Settled Watcher::Step(Clock::time_point deadline)
@@ -175,7 +174,12 @@ void Watcher::Handle(const client::Event& event)
     switch (event.kind)
     {
         case Kind::kChecking:
-            m_previous.reset();
+            if (m_previous)
+            {
+                m_previous.reset();
+                m_output->Reloaded();
+                m_manager.Ready();
+            }
             if (event.next != client::Next::kNothing)
             {
                 m_output->NextServer(event.server);
@@ -197,7 +201,7 @@ void Watcher::Handle(const client::Event& event)
             break;
         case Kind::kDelivered:
             m_delivered = event;
-            m_updateDue = m_update != nullptr;
+            m_updateDue = !m_settings.plan.execute.empty();
             m_output->Downloaded(event.server, event.version, event.path, event.transfer.bytes);
             OnEnd(event);
             break;
@@ -213,6 +217,10 @@ void Watcher::Handle(const client::Event& event)
             m_output->NameFailed(m_reason);
             break;
         case Kind::kPassFailed:
+            if (m_previous)
+            {
+                m_manager.Ready();  // new names may have no address for long
+            }
             m_manager.Status("failed: " + m_reason);
             m_output->NoServerLeft();
             RunFailure();
@@ -241,7 +249,7 @@ Watcher::Settled Watcher::HandleOwn(const Event& event)
             m_client.CheckNow();
             break;
         case Event::Kind::kReload:
-            OnReload();
+            (void)OnReload();
             break;
         case Event::Kind::kCommandEnded:
             OnUpdateEnded(event.number);
@@ -275,31 +283,26 @@ void Watcher::OnEnd(const client::Event& event)
     RunUpdate();
 }
 
-void Watcher::OnReload()
+// A command that runs goes on. True when a check has begun.
+bool Watcher::OnReload()
 {
     m_manager.Reloading();
     try
     {
         WatchSettings read = m_reload();
         CheckSameFiles(m_settings.plan, read.plan);
-        if ((m_update != nullptr && m_update->Running()) ||
-            (m_failure != nullptr && m_failure->Running()))
-        {
-            throw ExitError(kExitArguments, "a command is running; reload again when it has ended");
-        }
         if (!m_previous)
         {
             m_previous = m_settings;
         }
         TakeSettings(std::move(read));
         m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
-        m_output->Reloaded();
-        m_manager.Ready();
     }
     catch (const ExitError& error)
     {
         m_output->ReloadFailed(error.what());
         m_manager.Ready();
+        return false;
     }
     catch (const client::StartError& error)
     {
@@ -309,88 +312,86 @@ void Watcher::OnReload()
     {
         KeepSettings(error.what());
     }
+    return true;
 }
 
 void Watcher::TakeSettings(WatchSettings settings)
 {
     m_settings = std::move(settings);
-    const Plan& plan = m_settings.plan;
-    m_output.emplace(m_stream, plan.json, plan.quiet);
-    Command update = MakeCommand(plan.execute, Event::Kind::kCommandEnded);
-    Command failure = MakeCommand(plan.onFailure, Event::Kind::kFailureCommandEnded);
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_update.swap(update);
-    m_failure.swap(failure);
+    m_output.emplace(m_stream, m_settings.plan.json, m_settings.plan.quiet);
 }
 
-// The new settings cannot be used.
+// The new settings cannot be used. Whatever is wrong with the previous ones by now, the watch goes
+// on.
 void Watcher::KeepSettings(const std::string& reason)
 {
     TakeSettings(*std::exchange(m_previous, std::nullopt));
     m_output->ReloadFailed(reason);
-    m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
+    m_client.Start(SettingsOf(m_settings.plan, *m_settings.password),
+                   client::Client::OnStartError::kRetry);
     m_manager.Ready();
-}
-
-Watcher::Command Watcher::MakeCommand(const std::string& text, Event::Kind end)
-{
-    if (text.empty())
-    {
-        return nullptr;
-    }
-    ChildCommand::Limit limit;
-    if (m_settings.plan.execTimeoutSeconds != 0)
-    {
-        limit = std::chrono::seconds(m_settings.plan.execTimeoutSeconds);
-    }
-    return std::make_unique<ChildCommand>(
-        text, STDERR_FILENO, [this, end](int status) { m_events.Push(end, status); }, limit);
 }
 
 // When several files arrive during a run, the next one is for the last of them.
 void Watcher::OnUpdateEnded(int status)
 {
-    m_update->Ended();
-    m_output->CommandEnded(status, m_update->TimedOut());
+    if (!m_update.Running())
+    {
+        return;  // the event is of an earlier watch
+    }
+    m_update.Ended();
+    m_output->CommandEnded(status, m_update.TimedOut());
     m_updateFailed = status != 0;
     RunUpdate();
 }
 
 void Watcher::OnFailureEnded(int status)
 {
-    m_failure->Ended();
-    m_output->CommandEnded(status, m_failure->TimedOut());
+    if (!m_failure.Running())
+    {
+        return;
+    }
+    m_failure.Ended();
+    m_output->CommandEnded(status, m_failure.TimedOut());
 }
 
 // One run at a time.
 void Watcher::RunUpdate()
 {
-    if (m_update == nullptr || !m_updateDue || m_update->Running())
+    const Plan& plan = m_settings.plan;
+    if (plan.execute.empty() || !m_updateDue || m_update.Running())
     {
         return;
     }
     m_updateDue = false;
     m_updateFailed = false;
-    Run(*m_update, {{"CORPDIR_FILE", m_settings.plan.AbsoluteDirectoryPath()},
-                    {"CORPDIR_VERSION", m_delivered.version},
-                    {"CORPDIR_SERVER", m_delivered.server.address}});
+    Run(m_update, plan.execute,
+        {{"CORPDIR_FILE", plan.AbsoluteDirectoryPath()},
+         {"CORPDIR_VERSION", m_delivered.version},
+         {"CORPDIR_SERVER", m_delivered.server.address}});
 }
 
 void Watcher::RunFailure()
 {
-    if (m_failure != nullptr && !m_failure->Running())
+    const Plan& plan = m_settings.plan;
+    if (!plan.onFailure.empty() && !m_failure.Running())
     {
-        Run(*m_failure, {{"CORPDIR_FILE", m_settings.plan.AbsoluteDirectoryPath()},
-                         {"CORPDIR_REASON", m_reason}});
+        Run(m_failure, plan.onFailure,
+            {{"CORPDIR_FILE", plan.AbsoluteDirectoryPath()}, {"CORPDIR_REASON", m_reason}});
     }
 }
 
-void Watcher::Run(ChildCommand& command, const Variables& variables)
+void Watcher::Run(ChildCommand& command, const std::string& text, const Variables& variables)
 {
-    if (const int error = command.Start(variables); error != 0)
+    ChildCommand::Limit limit;
+    if (m_settings.plan.execTimeoutSeconds != 0)
+    {
+        limit = std::chrono::seconds(m_settings.plan.execTimeoutSeconds);
+    }
+    if (const int error = command.Start(text, variables, limit); error != 0)
     {
         m_output->CommandFailed(SystemMessage(error));
-        m_updateFailed = m_updateFailed || &command == m_update.get();
+        m_updateFailed = m_updateFailed || &command == &m_update;
     }
 }
 

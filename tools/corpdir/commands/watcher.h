@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -54,37 +53,34 @@ private:
     using Clock = EventQueue::Clock;
     // These return the exit status when the watch ends.
     using Settled = std::optional<int>;
-    using Command = std::unique_ptr<ChildCommand>;
 
-    Settled Splay();
+    Settled Begin();
     Settled Step(Clock::time_point deadline);
     void Handle(const client::Event& event);
     Settled HandleAllOwn();
     Settled HandleOwn(const Event& event);
     void OnRefused(const std::string& reason);
     void OnEnd(const client::Event& event);
-    void OnReload();
+    bool OnReload();
     void TakeSettings(WatchSettings settings);
     void KeepSettings(const std::string& reason);
     void OnUpdateEnded(int status);
     void OnFailureEnded(int status);
     void RunUpdate();
     void RunFailure();
-    void Run(ChildCommand& command, const Variables& variables);
-    Command MakeCommand(const std::string& text, Event::Kind end);
+    void Run(ChildCommand& command, const std::string& text, const Variables& variables);
 
     const Reload m_reload;
     EventQueue& m_events;
     std::FILE* const m_stream;
     const ServiceManager& m_manager;
     WatchSettings m_settings;
-    std::optional<WatchSettings> m_previous;  // until the new ones have proved usable
+    std::optional<WatchSettings> m_previous;  // until a check with the new ones has begun
     std::optional<WatchOutput> m_output;
     client::Client m_client;
 
-    std::mutex m_mutex;           // guards the two pointers against Abandon()
-    Command m_update;             // after each new directory file; null: none
-    Command m_failure;            // after each check in which every server failed
+    ChildCommand m_update;        // after each new directory file
+    ChildCommand m_failure;       // after each check that failed
     client::Event m_delivered;    // the last one
     bool m_updateDue = false;     // the command is to be run for it
     bool m_updateFailed = false;  // the command is tried again after the next check

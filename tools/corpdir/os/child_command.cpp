@@ -108,13 +108,9 @@ base::Descriptor EndOf(pid_t process)
 
 }  // namespace
 
-ChildCommand::ChildCommand(std::string command, int output, std::function<void(int status)> onEnd,
-                           Limit limit, std::chrono::milliseconds patience)
-    : m_command(std::move(command)),
-      m_output(output),
-      m_onEnd(std::move(onEnd)),
-      m_limit(limit),
-      m_patience(patience)
+ChildCommand::ChildCommand(int output, std::function<void(int status)> onEnd,
+                           std::chrono::milliseconds patience)
+    : m_output(output), m_onEnd(std::move(onEnd)), m_patience(patience)
 {
 }
 
@@ -138,9 +134,9 @@ void ChildCommand::Kill() noexcept
     Signal(SIGKILL);
 }
 
-int ChildCommand::Start(const Variables& variables)
+int ChildCommand::Start(const std::string& command, const Variables& variables, Limit limit)
 {
-    std::vector<std::string> arguments = {"sh", "-c", m_command};
+    std::vector<std::string> arguments = {"sh", "-c", command};
     std::vector<std::string> environment = EnvironmentWith(variables);
     const SpawnSettings settings(m_output);
     pid_t child = -1;
@@ -151,11 +147,11 @@ int ChildCommand::Start(const Variables& variables)
         return error;
     }
     base::Descriptor childEnd;
-    if (m_limit)
+    if (limit)
     {
         childEnd = EndOf(child);
     }
-    if (m_limit && !childEnd.IsOpen())
+    if (limit && !childEnd.IsOpen())
     {
         const int cause = errno;
         (void)kill(-child, SIGKILL);
@@ -167,6 +163,7 @@ int ChildCommand::Start(const Variables& variables)
         m_child = child;
         m_over = false;
     }
+    m_limit = limit;
     m_childEnd = std::move(childEnd);
     m_timedOut = false;
     m_thread = std::thread(&ChildCommand::Wait, this);

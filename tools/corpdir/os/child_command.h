@@ -29,13 +29,11 @@ class ChildCommand
 public:
     using Limit = std::optional<std::chrono::milliseconds>;
 
-    // command: for /bin/sh -c. output: descriptor for its standard output and standard error, so
-    // that it does not write between the program's own lines. onEnd: called on the waiting thread
-    // with the exit status, 128 plus the number for a command that a signal ended; must not throw.
-    // limit: a command that runs longer gets SIGTERM with its process group; what is left of the
-    // group gets SIGKILL when the command has ended, at the latest after `patience`.
-    ChildCommand(std::string command, int output, std::function<void(int status)> onEnd,
-                 Limit limit = std::nullopt,
+    // output: descriptor for standard output and standard error of the command, so that it does not
+    // write between the program's own lines. onEnd: called on the waiting thread with the exit
+    // status, 128 plus the number for a command that a signal ended; must not throw. patience: time
+    // between SIGTERM and SIGKILL at the limit.
+    ChildCommand(int output, std::function<void(int status)> onEnd,
                  std::chrono::milliseconds patience = std::chrono::seconds(5));
 
     // A command that still runs gets SIGTERM, and SIGKILL a moment later, with its process group.
@@ -50,8 +48,11 @@ public:
         return m_thread.joinable();
     }
 
-    // Starts the command; only when none is running. 0, or an errno value.
-    [[nodiscard]] int Start(const Variables& variables);
+    // Starts a command for /bin/sh -c; only when none is running. 0, or an errno value. limit: a
+    // command that runs longer gets SIGTERM with its process group; what is left of the group gets
+    // SIGKILL when the command has ended, at the latest after the patience.
+    [[nodiscard]] int Start(const std::string& command, const Variables& variables,
+                            Limit limit = std::nullopt);
 
     // Kills the process group, for a process that is about to exit. Any thread.
     void Kill() noexcept;
@@ -70,16 +71,15 @@ private:
     bool EndsWithin(std::chrono::milliseconds time) const;
     void Signal(int signalNumber) noexcept;
 
-    const std::string m_command;
     const int m_output;
     const std::function<void(int status)> m_onEnd;
-    const Limit m_limit;
     const std::chrono::milliseconds m_patience;
     std::mutex m_mutex;  // guards the next three
     std::condition_variable m_changed;
     pid_t m_child = -1;  // written while no thread waits for it
     bool m_over = false;
     base::Descriptor m_childEnd;  // readable when the command has ended; only with a limit
+    Limit m_limit;                // this one too
     bool m_timedOut = false;      // belongs to m_thread while it runs
     std::thread m_thread;
 };
