@@ -687,7 +687,7 @@ TEST_F(ProgramWatch, FetchesEachNewVersionAndNothingElse)
     EXPECT_EQ(m_server->CountCommands("RETR directory.csv"), 2U);
     EXPECT_EQ(ReadFile(m_output.File("directory.csv")), newer);
     const std::string file = m_output.File("directory.csv");
-    ASSERT_TRUE(Await("the command succeeded", 2)) << Said();
+    ASSERT_TRUE(Await("the command of --exec succeeded", 2)) << Said();
     EXPECT_EQ(ReadFile(given), file + " edition 17\n" + file + " edition 18\n");
     EXPECT_THAT(Said(), Not(HasSubstr(m_options.password)));
 }
@@ -786,7 +786,7 @@ TEST_F(ProgramWatch, ACommandInheritsNoPassword)
     const std::string given = m_files.File("given");
     Watch({"--password-file=" + m_files.File("password"), "--connect-timeout=5", "--max-size=1mb",
            "--exec=(env; tr '\\0' '\\n' </proc/$PPID/environ; ls /proc/self/fd) >" + given});
-    ASSERT_TRUE(Await("the command succeeded")) << Said();
+    ASSERT_TRUE(Await("the command of --exec succeeded")) << Said();
     EXPECT_THAT(ReadFile(given),
                 AllOf(HasSubstr("CORPDIR_VERSION=edition 17"), Not(HasSubstr(m_options.password)),
                       Not(HasSubstr("CORPDIR_FTP_"))))

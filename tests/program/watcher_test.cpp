@@ -222,22 +222,22 @@ TEST_F(ToolWatcher, EventsAreJsonObjectsWhenAskedFor)
 {
     m_options.json = true;
     m_options.servers = "dir.example";
-    m_found = {{{A}, ""}};
     StopWhen("downloaded");
     Watch({[](FakeService& service)
            {
                service.VersionFails(A);
-               service.Version(A, "edition\t1\xff\n");
-               service.DirectoryArrives(A, "a,b\n", service.DirectoryBegins(A));
+               service.Version(B, "edition\t1\xff\n");
+               service.DirectoryArrives(B, "a,b\n", service.DirectoryBegins(B));
            }});
-    const std::string server = R"("server":"192.0.2.1","name":"dir.example")";
+    const std::string first = R"("server":"192.0.2.1","name":"dir.example")";
+    const std::string server = R"("server":"192.0.2.2","name":"dir.example")";
     const std::string version = R"("version":"edition\t1)"
                                 "\xef\xbf\xbd\"";
     EXPECT_THAT(
         Lines(),
         ElementsAre(
-            R"({"event":"checking",)" + server + "}",
-            R"({"event":"failed",)" + server +
+            R"({"event":"checking",)" + first + "}",
+            R"({"event":"failed",)" + first +
                 R"(,"remote_file":"version.txt","code":16,"step":0,"reply":0,"reason":"version refused"})",
             R"({"event":"next_server",)" + server + "}", R"({"event":"checking",)" + server + "}",
             R"({"event":"new_version",)" + server + "," + version + "}",
@@ -331,6 +331,8 @@ TEST_F(ToolWatcher, AStartThatFailsLaterIsTriedAgain)
     StopWhen("downloaded");
     Watch({failing, Deliver(A)});
     EXPECT_THAT(Lines(), Contains("failed: the log cannot be written: No such file or directory"));
+    EXPECT_THAT(Lines(), Contains("the check failed"));
+    EXPECT_THAT(Lines(), Not(Contains("all servers failed")));
 }
 
 // The service itself would retry the directory file only when the version changes.
@@ -384,6 +386,16 @@ TEST_F(ToolWatcher, ADirectoryFileThatCannotBeWrittenIsNotTriedElsewhere)
     StopWhen("downloaded");
     Watch({full, Deliver(A)});
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1;192.0.2.2", "192.0.2.1;192.0.2.2"));
+    EXPECT_THAT(Lines(), Contains("the check failed"));
+    EXPECT_THAT(Lines(), Not(Contains("all servers failed")));
+}
+
+TEST_F(ToolWatcher, ACheckThatFailedHereIsAJsonObject)
+{
+    m_options.json = true;
+    StopWhen("\"waiting\"");
+    Watch({[](FakeService& service) { service.VersionFails(A, TRAVEX_FTP_ERR_LOCAL_FILE); }});
+    EXPECT_THAT(Lines(), Contains(R"({"event":"check_failed"})"));
 }
 
 // The failure of an outdated file is reported, without a retry.
@@ -450,9 +462,8 @@ TEST_F(ToolWatcher, OneServerIsTriedTwice)
     EXPECT_THAT(
         Lines(),
         ElementsAre("checking 192.0.2.1", "failed: version.txt from 192.0.2.1: version refused",
-                    "next server 192.0.2.1", "checking 192.0.2.1",
-                    "failed: version.txt from 192.0.2.1: version refused", "all servers failed",
-                    "retrying in 3600 s", "stopped by SIGTERM"));
+                    "checking 192.0.2.1", "failed: version.txt from 192.0.2.1: version refused",
+                    "all servers failed", "retrying in 3600 s", "stopped by SIGTERM"));
 }
 
 TEST_F(ToolWatcher, NewAddressesAreTakenWhenTheOldOnesFail)
@@ -513,6 +524,7 @@ TEST_F(ToolWatcher, ATransferThatIsRefusedLaterIsAskedForAgain)
     Watch({gone, Deliver(A)});
     EXPECT_EQ(m_service.requests.size(), 2U);
     EXPECT_THAT(Lines(), Contains("failed: 192.0.2.1: bad suite"));
+    EXPECT_THAT(Lines(), Contains("the check failed"));
 }
 
 TEST_F(ToolWatcher, AServiceThatDoesNotStartEndsIt)
@@ -584,22 +596,22 @@ TEST_F(ToolWatcherSplay, WaitsBeforeTheFirstRequest)
     StopWhen("downloaded");
     Watch({Deliver(A)});
     EXPECT_THAT(Lines(), Contains(Downloaded("edition 1", A)));
-    EXPECT_THAT(Lines().front(), MatchesRegex("retrying in [01] s"));
+    EXPECT_THAT(Lines().front(), MatchesRegex("first check in [01] s"));
 }
 
 TEST_F(ToolWatcherSplay, EndsWithASignal)
 {
     m_options.splaySeconds = 1000000;
-    StopWhen("retrying in ");
+    StopWhen("first check in ");
     Watch({Deliver(A)});
-    EXPECT_THAT(Lines(), ElementsAre(StartsWith("retrying in "), "stopped by SIGTERM"));
+    EXPECT_THAT(Lines(), ElementsAre(StartsWith("first check in "), "stopped by SIGTERM"));
     EXPECT_EQ(m_service.starts, 0);
 }
 
 TEST_F(ToolWatcherSplay, EndsWithACheckAtOnce)
 {
     m_options.splaySeconds = 1000000;
-    When("retrying in ", Event::Kind::kCheckNow);
+    When("first check in ", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({Deliver(A)});
 }
@@ -607,7 +619,7 @@ TEST_F(ToolWatcherSplay, EndsWithACheckAtOnce)
 TEST_F(ToolWatcherSplay, EndsWithAReload)
 {
     m_options.splaySeconds = 1000000;
-    When("retrying in ",
+    When("first check in ",
          [this]
          {
              m_options.servers = C;
@@ -840,7 +852,7 @@ TEST_F(ToolWatcherStatus, IsReported)
     Watch({Deliver(A)});
     EXPECT_THAT(Received(),
                 ElementsAre("READY=1", "STATUS=version edition 1 from 192.0.2.1, checked ...",
-                            "STATUS=failed: version refused",
+                            "STATUS=failed: version.txt from 192.0.2.2: version refused",
                             "STATUS=version edition 1 from 192.0.2.2, checked ...", "STOPPING=1"));
 }
 
@@ -849,11 +861,11 @@ TEST_F(ToolWatcherStatus, HasTheReasonOfAnInvalidVersion)
     m_options.servers = A;
     StopWhen("retrying in");
     Watch({[](FakeService& service) { service.Version(A, "oops\n"); }});
-    EXPECT_THAT(Received(),
-                ElementsAre("READY=1",
-                            "STATUS=failed: the version file is not valid: its first line 'oops' "
-                            "is shorter than 5 bytes",
-                            "STOPPING=1"));
+    EXPECT_THAT(Received(), ElementsAre("READY=1",
+                                        "STATUS=failed: version.txt from 192.0.2.1: the version "
+                                        "file is not valid: its first line 'oops' "
+                                        "is shorter than 5 bytes",
+                                        "STOPPING=1"));
 }
 
 TEST_F(ToolWatcherStatus, EveryReloadEndsInReady)
@@ -871,6 +883,23 @@ TEST_F(ToolWatcherStatus, EveryReloadEndsInReady)
                 ElementsAre("READY=1", HasSubstr("STATUS="), "RELOADING=1\nMONOTONIC_USEC=...",
                             "READY=1", HasSubstr("STATUS="), "RELOADING=1\nMONOTONIC_USEC=...",
                             "READY=1", "STOPPING=1"));
+}
+
+TEST_F(ToolWatcherStatus, HasTheReasonWhenTheServiceDoesNotStart)
+{
+    m_options.onFailure = "echo \"$CORPDIR_REASON\" >" + m_secrets.Path() + "/reason";
+    StopWhen("the command of --on-failure succeeded");
+    Watch({[this](FakeService& service)
+           {
+               service.Version(A, "edition 1\n");
+               service.DirectoryFails(A);
+               m_service.initResult = 2;
+           }});
+    EXPECT_THAT(Received(),
+                ElementsAre("READY=1", "STATUS=failed: the service could not be started (code 2)",
+                            "STOPPING=1"));
+    EXPECT_EQ(ReadFile(m_secrets.Path() + "/reason"),
+              "the service could not be started (code 2)\n");
 }
 
 // A check begins only when a name has an address, which may take long.
@@ -897,7 +926,7 @@ TEST_F(ToolWatcherStatus, IsReadyDuringTheSplay)
 {
     m_options.splaySeconds = 1000000;
     // Written before the wait begins.
-    When("retrying in ", Event::Kind::kReload);
+    When("first check in ", Event::Kind::kReload);
     StopWhen("settings reloaded");
     Watch({[](FakeService& service) { (void)service.VersionBegins(A); }});
     EXPECT_THAT(Received(),
@@ -945,8 +974,8 @@ protected:
 TEST_F(ToolWatcherCommand, IsRunForEachNewVersion)
 {
     m_options.execute = m_note;
-    When("the command succeeded", [this] { m_service.Deliver(A, "edition 2"); });
-    StopWhen("the command succeeded");
+    When("the command of --exec succeeded", [this] { m_service.Deliver(A, "edition 2"); });
+    StopWhen("the command of --exec succeeded");
     Watch({Deliver(A)});
     EXPECT_THAT(Given(),
                 ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 2 192.0.2.1"));
@@ -957,7 +986,7 @@ TEST_F(ToolWatcherCommand, IsNotRunForTheSameVersionAgain)
     m_options.execute = m_note;
     m_options.servers = "dir.example";
     m_found = {{{A}, ""}, {{B}, ""}};
-    When("the command succeeded",
+    When("the command of --exec succeeded",
          [this]
          {
              m_service.VersionFails(A);
@@ -988,8 +1017,8 @@ TEST_F(ToolWatcherCommand, RunsOnceForSeveralVersionsDuringARun)
     When("downloaded", [this] { m_service.Deliver(A, "edition 2"); });
     When("downloaded", [this] { m_service.Deliver(A, "edition 3"); });
     When("downloaded", [&gate] { WriteFile(gate, "open"); });
-    When("the command succeeded", [] {});
-    StopWhen("the command succeeded");
+    When("the command of --exec succeeded", [] {});
+    StopWhen("the command of --exec succeeded");
     Watch({Deliver(A)});
     EXPECT_THAT(Given(),
                 ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 3 192.0.2.1"));
@@ -998,21 +1027,22 @@ TEST_F(ToolWatcherCommand, RunsOnceForSeveralVersionsDuringARun)
 TEST_F(ToolWatcherCommand, AFailureIsReportedAndTriedAgainAfterTheNextCheck)
 {
     m_options.execute = m_note + "; [ $(wc -l <" + m_given + ") = 2 ] || exit 3";
-    When("the command failed with status 3", [this] { m_service.Version(A, "edition 1\n"); });
-    When("the command succeeded", [this] { m_service.Version(A, "edition 1\n"); });
+    When("the command of --exec failed with status 3",
+         [this] { m_service.Version(A, "edition 1\n"); });
+    When("the command of --exec succeeded", [this] { m_service.Version(A, "edition 1\n"); });
     StopWhen("unchanged");
     Watch({Deliver(A)});
     EXPECT_THAT(Given(),
                 ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 1 192.0.2.1"));
-    EXPECT_THAT(Lines(), Contains("the command failed with status 3").Times(1));
-    EXPECT_THAT(Lines(), Contains("the command succeeded").Times(1));
+    EXPECT_THAT(Lines(), Contains("the command of --exec failed with status 3").Times(1));
+    EXPECT_THAT(Lines(), Contains("the command of --exec succeeded").Times(1));
 }
 
 // A check that failed says nothing about the file.
 TEST_F(ToolWatcherCommand, AFailureIsNotTriedAgainAfterACheckThatFailed)
 {
     m_options.execute = m_note + "; exit 3";
-    When("the command failed",
+    When("the command of --exec failed",
          [this]
          {
              for (const char* server : {A, A, B})
@@ -1029,7 +1059,7 @@ TEST_F(ToolWatcherCommand, TakesTooLong)
 {
     m_options.execute = "sleep 60";
     m_options.execTimeoutSeconds = 1;
-    StopWhen("the command exceeded --exec-timeout and was ended");
+    StopWhen("the command of --exec exceeded --exec-timeout and was ended");
     Watch({Deliver(A)});
 }
 
@@ -1040,21 +1070,26 @@ TEST_F(ToolWatcherCommand, TooLongIsAJsonObject)
     m_options.execTimeoutSeconds = 1;
     StopWhen("\"command\"");
     Watch({Deliver(A)});
-    EXPECT_THAT(Lines(), Contains(R"({"event":"command","status":143,"reason":"timed out"})"));
+    EXPECT_THAT(
+        Lines(),
+        Contains(R"({"event":"command","option":"--exec","status":143,"reason":"timed out"})"));
 }
 
 TEST_F(ToolWatcherCommand, OfAFailureHasTheReason)
 {
     m_options.execute = "echo update >>" + m_given;
     m_options.onFailure = "echo \"$CORPDIR_FILE $CORPDIR_REASON\" >>" + m_given;
-    StopWhen("the command succeeded");
+    StopWhen("the command of --on-failure succeeded");
     Watch({[](FakeService& service)
            {
                service.VersionFails(A);
                service.Version(B, "oops\n");
            }});
-    EXPECT_THAT(Given(), ElementsAre(m_file + "the version file is not valid: its first line "
-                                              "'oops' is shorter than 5 bytes"));
+    EXPECT_THAT(
+        Given(),
+        ElementsAre(m_file +
+                    "version.txt from 192.0.2.2: the version file is not valid: its first line "
+                    "'oops' is shorter than 5 bytes"));
 }
 
 TEST_F(ToolWatcherCommand, OfAFailureRunsAfterEachCheckThatFailed)
@@ -1065,8 +1100,8 @@ TEST_F(ToolWatcherCommand, OfAFailureRunsAfterEachCheckThatFailed)
         service.VersionFails(A);
         service.VersionFails(B);
     };
-    When("the command failed with status 1", Event::Kind::kCheckNow);
-    When("the command failed with status 1", Event::Kind::kCheckNow);
+    When("the command of --on-failure failed with status 1", Event::Kind::kCheckNow);
+    When("the command of --on-failure failed with status 1", Event::Kind::kCheckNow);
     StopWhen("downloaded");
     Watch({down, down, Deliver(A)});
     EXPECT_THAT(Given(), ElementsAre("failed", "failed"));
@@ -1075,13 +1110,13 @@ TEST_F(ToolWatcherCommand, OfAFailureRunsAfterEachCheckThatFailed)
 TEST_F(ToolWatcherCommand, IsTakenFromNewSettings)
 {
     m_options.execute = "exit 3";
-    When("the command failed",
+    When("the command of --exec failed",
          [this]
          {
              m_options.execute = m_note;
              m_events.Push(Event::Kind::kReload);
          });
-    StopWhen("the command succeeded");
+    StopWhen("the command of --exec succeeded");
     Watch({Deliver(A), [](FakeService& service) { service.Deliver(A, "edition 2"); }});
     EXPECT_THAT(Given(), ElementsAre(m_file + "edition 2 192.0.2.1"));
 }
@@ -1098,8 +1133,8 @@ TEST_F(ToolWatcherCommand, ThatRunsGoesOnThroughAReload)
         });
     When("settings reloaded", [] {});
     When("downloaded", [&gate] { WriteFile(gate, "open"); });
-    When("the command succeeded", [] {});
-    StopWhen("the command succeeded");
+    When("the command of --exec succeeded", [] {});
+    StopWhen("the command of --exec succeeded");
     Watch({Deliver(A), [](FakeService& service) { service.Deliver(C, "edition 2"); }});
     EXPECT_THAT(Given(), ElementsAre(m_file + "edition 1 192.0.2.1", "new"));
 }
@@ -1122,7 +1157,7 @@ TEST_F(ToolWatcherCommand, ThatRunsGoesOnThroughAReloadThatIsUndone)
          });
     When("settings not reloaded", [] {});
     When("downloaded", [&gate] { WriteFile(gate, "open"); });
-    StopWhen("the command failed with status 4");
+    StopWhen("the command of --on-failure failed with status 4");
     Watch({down, Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
 }
 
@@ -1161,7 +1196,7 @@ TEST_F(ToolWatcherCommand, InheritsNoSignalSettings)
     (void)sigaddset(&blocked, SIGTERM);
     (void)pthread_sigmask(SIG_BLOCK, &blocked, &saved);
     const auto previous = signal(SIGPIPE, SIG_IGN);
-    StopWhen("the command succeeded");
+    StopWhen("the command of --exec succeeded");
     Watch({Deliver(A)});
     (void)signal(SIGPIPE, previous);
     (void)pthread_sigmask(SIG_SETMASK, &saved, nullptr);

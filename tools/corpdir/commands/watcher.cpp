@@ -22,6 +22,10 @@ using Kind = client::Event::Kind;
 
 constexpr std::chrono::hours kLongWait{24};
 
+// Of the two commands.
+constexpr char kExec[] = "--exec";
+constexpr char kOnFailure[] = "--on-failure";
+
 // A reload cannot change where the files are.
 void CheckSameFiles(const Plan& before, const Plan& now)
 {
@@ -105,7 +109,7 @@ Watcher::Settled Watcher::Begin()
         std::random_device random;
         const std::chrono::milliseconds wait(std::uniform_int_distribution<std::int64_t>(
             0, std::int64_t{1000} * m_settings.plan.splaySeconds)(random));
-        m_output->Waiting(std::chrono::ceil<std::chrono::seconds>(wait), true);
+        m_output->FirstCheckIn(std::chrono::ceil<std::chrono::seconds>(wait));
         m_manager.Ready();
         const Clock::time_point end = Clock::now() + wait;
         event = m_events.WaitUntil(end);
@@ -180,7 +184,7 @@ void Watcher::Handle(const client::Event& event)
                 m_output->Reloaded();
                 m_manager.Ready();
             }
-            if (event.next != client::Next::kNothing)
+            if (event.next == client::Next::kOtherServer)
             {
                 m_output->NextServer(event.server);
             }
@@ -196,8 +200,7 @@ void Watcher::Handle(const client::Event& event)
             OnEnd(event);
             break;
         case Kind::kInvalidVersion:
-            m_reason = "the version file is not valid: " + event.transfer.reason;
-            m_output->InvalidVersion(event.server, event.transfer.file, event.version, m_reason);
+            OnFailed(event);
             break;
         case Kind::kDelivered:
             m_delivered = event;
@@ -206,26 +209,22 @@ void Watcher::Handle(const client::Event& event)
             OnEnd(event);
             break;
         case Kind::kFailed:
-            m_reason = event.transfer.reason;
-            m_output->Failed(event.server, FailureOf(event.transfer));
+            OnFailed(event);
             break;
         case Kind::kRefused:
             OnRefused(ArgumentProblem(event.transfer));
             break;
         case Kind::kNameFailed:
             m_reason = event.server.name + ": " + event.transfer.reason;
+            m_serverFailed = true;
             m_output->NameFailed(m_reason);
             break;
         case Kind::kPassFailed:
-            if (m_previous)
-            {
-                m_manager.Ready();  // new names may have no address for long
-            }
-            m_manager.Status("failed: " + m_reason);
-            m_output->NoServerLeft();
-            RunFailure();
+            OnPassFailed();
             break;
         case Kind::kStartFailed:
+            m_reason = event.transfer.reason;
+            m_serverFailed = false;
             m_output->StartFailed(event.transfer.reason);
             break;
         case Kind::kWaiting:
@@ -263,6 +262,37 @@ Watcher::Settled Watcher::HandleOwn(const Event& event)
             break;
     }
     return std::nullopt;
+}
+
+// A transfer that failed, or a version that is not valid.
+void Watcher::OnFailed(const client::Event& event)
+{
+    const client::TransferEvent& transfer = event.transfer;
+    const bool isVersion = event.kind == Kind::kInvalidVersion;
+    const std::string reason =
+        (isVersion ? "the version file is not valid: " : "") + transfer.reason;
+    m_reason = ProblemOf(event.server, transfer.file, reason);
+    m_serverFailed =
+        transfer.kind != client::EventKind::kRefused && transfer.code != TRAVEX_FTP_ERR_LOCAL_FILE;
+    if (isVersion)
+    {
+        m_output->InvalidVersion(event.server, transfer.file, event.version, reason);
+    }
+    else
+    {
+        m_output->Failed(event.server, FailureOf(transfer));
+    }
+}
+
+void Watcher::OnPassFailed()
+{
+    if (m_previous)
+    {
+        m_manager.Ready();  // new names may have no address for long
+    }
+    m_manager.Status("failed: " + m_reason);
+    m_serverFailed ? m_output->NoServerLeft() : m_output->CheckFailed();
+    RunFailure();
 }
 
 void Watcher::OnRefused(const std::string& reason)
@@ -340,7 +370,7 @@ void Watcher::OnUpdateEnded(int status)
         return;  // the event is of an earlier watch
     }
     m_update.Ended();
-    m_output->CommandEnded(status, m_update.TimedOut());
+    m_output->CommandEnded(kExec, status, m_update.TimedOut());
     m_updateFailed = status != 0;
     RunUpdate();
 }
@@ -352,7 +382,7 @@ void Watcher::OnFailureEnded(int status)
         return;
     }
     m_failure.Ended();
-    m_output->CommandEnded(status, m_failure.TimedOut());
+    m_output->CommandEnded(kOnFailure, status, m_failure.TimedOut());
 }
 
 // One run at a time.
@@ -364,11 +394,10 @@ void Watcher::RunUpdate()
         return;
     }
     m_updateDue = false;
-    m_updateFailed = false;
-    Run(m_update, plan.execute,
-        {{"CORPDIR_FILE", plan.AbsoluteDirectoryPath()},
-         {"CORPDIR_VERSION", m_delivered.version},
-         {"CORPDIR_SERVER", m_delivered.server.address}});
+    m_updateFailed = !Run(m_update, kExec, plan.execute,
+                          {{"CORPDIR_FILE", plan.AbsoluteDirectoryPath()},
+                           {"CORPDIR_VERSION", m_delivered.version},
+                           {"CORPDIR_SERVER", m_delivered.server.address}});
 }
 
 void Watcher::RunFailure()
@@ -376,23 +405,26 @@ void Watcher::RunFailure()
     const Plan& plan = m_settings.plan;
     if (!plan.onFailure.empty() && !m_failure.Running())
     {
-        Run(m_failure, plan.onFailure,
-            {{"CORPDIR_FILE", plan.AbsoluteDirectoryPath()}, {"CORPDIR_REASON", m_reason}});
+        (void)Run(m_failure, kOnFailure, plan.onFailure,
+                  {{"CORPDIR_FILE", plan.AbsoluteDirectoryPath()}, {"CORPDIR_REASON", m_reason}});
     }
 }
 
-void Watcher::Run(ChildCommand& command, const std::string& text, const Variables& variables)
+// False when it could not be started.
+bool Watcher::Run(ChildCommand& command, const char* option, const std::string& text,
+                  const Variables& variables)
 {
     ChildCommand::Limit limit;
     if (m_settings.plan.execTimeoutSeconds != 0)
     {
         limit = std::chrono::seconds(m_settings.plan.execTimeoutSeconds);
     }
-    if (const int error = command.Start(text, variables, limit); error != 0)
+    const int error = command.Start(text, variables, limit);
+    if (error != 0)
     {
-        m_output->CommandFailed(SystemMessage(error));
-        m_updateFailed = m_updateFailed || &command == &m_update;
+        m_output->CommandFailed(option, SystemMessage(error));
     }
+    return error == 0;
 }
 
 }  // namespace corpdir_tool

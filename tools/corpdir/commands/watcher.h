@@ -59,6 +59,8 @@ private:
     void Handle(const client::Event& event);
     Settled HandleAllOwn();
     Settled HandleOwn(const Event& event);
+    void OnFailed(const client::Event& event);
+    void OnPassFailed();
     void OnRefused(const std::string& reason);
     void OnEnd(const client::Event& event);
     bool OnReload();
@@ -68,7 +70,8 @@ private:
     void OnFailureEnded(int status);
     void RunUpdate();
     void RunFailure();
-    void Run(ChildCommand& command, const std::string& text, const Variables& variables);
+    [[nodiscard]] bool Run(ChildCommand& command, const char* option, const std::string& text,
+                           const Variables& variables);
 
     const Reload m_reload;
     EventQueue& m_events;
@@ -84,7 +87,8 @@ private:
     client::Event m_delivered;    // the last one
     bool m_updateDue = false;     // the command is to be run for it
     bool m_updateFailed = false;  // the command is tried again after the next check
-    std::string m_reason;         // of the latest failure
+    std::string m_reason;         // of the latest failure, with its server
+    bool m_serverFailed = true;   // the latest failure is a server's
 };
 
 }  // namespace corpdir_tool

@@ -31,7 +31,17 @@ std::string Quoted(const std::string& text)
     return "'" + text + "'";
 }
 
+std::string Seconds(std::chrono::seconds time)
+{
+    return std::to_string(time.count()) + " s";
+}
+
 }  // namespace
+
+std::string ProblemOf(const Server& server, const std::string& file, const std::string& reason)
+{
+    return (file.empty() ? "" : file + " from ") + server.Label() + ": " + reason;
+}
 
 template <typename Fields>
 void WatchOutput::Write(bool always, const char* event, const std::string& sentence,
@@ -109,10 +119,7 @@ void WatchOutput::Failed(const Server& server, const Failure& failure)
     fields["step"] = failure.step;
     fields["reply"] = failure.reply;
     fields["reason"] = failure.reason;
-    Write(true, "failed",
-          "failed: " + (failure.file.empty() ? "" : failure.file + " from ") + server.Label() +
-              ": " + failure.reason,
-          fields);
+    Write(true, "failed", "failed: " + ProblemOf(server, failure.file, failure.reason), fields);
 }
 
 void WatchOutput::NameFailed(const std::string& problem)
@@ -127,8 +134,7 @@ void WatchOutput::InvalidVersion(const Server& server, const std::string& file,
     fields["remote_file"] = file;
     fields["version"] = version;
     fields["reason"] = reason;
-    Write(true, "invalid_version", "failed: " + file + " from " + server.Label() + ": " + reason,
-          fields);
+    Write(true, "invalid_version", "failed: " + ProblemOf(server, file, reason), fields);
 }
 
 void WatchOutput::Warning(const std::string& reason)
@@ -151,6 +157,11 @@ void WatchOutput::NoServerLeft()
     Write(true, "no_server_left", "all servers failed", Json::object());
 }
 
+void WatchOutput::CheckFailed()
+{
+    Write(true, "check_failed", "the check failed", Json::object());
+}
+
 void WatchOutput::StartFailed(const std::string& reason)
 {
     Write(true, "start_failed", "failed: " + reason, Json({{"reason", reason}}));
@@ -158,24 +169,38 @@ void WatchOutput::StartFailed(const std::string& reason)
 
 void WatchOutput::Waiting(std::chrono::seconds time, bool own)
 {
-    const std::string seconds = std::to_string(time.count()) + " s";
-    Write(true, "waiting", own ? "retrying in " + seconds : "next check within " + seconds,
-          Json({{"seconds", time.count()}, {"asks_again", own}}));
+    WriteWaiting((own ? "retrying in " : "next check within ") + Seconds(time), time, own);
 }
 
-void WatchOutput::CommandEnded(int status, bool timedOut)
+void WatchOutput::FirstCheckIn(std::chrono::seconds time)
 {
-    const std::string failed = timedOut
-                                   ? "the command exceeded --exec-timeout and was ended"
-                                   : "the command failed with status " + std::to_string(status);
-    Write(status != 0, "command", status == 0 ? "the command succeeded" : failed,
-          Json({{"status", status}, {"reason", timedOut ? Json("timed out") : Json(nullptr)}}));
+    WriteWaiting("first check in " + Seconds(time), time, true);
 }
 
-void WatchOutput::CommandFailed(const std::string& reason)
+void WatchOutput::WriteWaiting(const std::string& sentence, std::chrono::seconds time, bool own)
 {
-    Write(true, "command", "the command could not be started: " + reason,
-          Json({{"status", nullptr}, {"reason", reason}}));
+    Write(true, "waiting", sentence, Json({{"seconds", time.count()}, {"asks_again", own}}));
+}
+
+void WatchOutput::CommandEnded(const char* option, int status, bool timedOut)
+{
+    std::string end = " succeeded";
+    if (status != 0)
+    {
+        end = timedOut ? " exceeded --exec-timeout and was ended"
+                       : " failed with status " + std::to_string(status);
+    }
+    Write(status != 0, "command", std::string("the command of ") + option + end,
+          Json({{"option", option},
+                {"status", status},
+                {"reason", timedOut ? Json("timed out") : Json(nullptr)}}));
+}
+
+void WatchOutput::CommandFailed(const char* option, const std::string& reason)
+{
+    Write(true, "command",
+          std::string("the command of ") + option + " could not be started: " + reason,
+          Json({{"option", option}, {"status", nullptr}, {"reason", reason}}));
 }
 
 }  // namespace corpdir_tool

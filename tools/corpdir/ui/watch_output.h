@@ -13,6 +13,9 @@
 namespace corpdir_tool
 {
 
+// With its server, and the file when one is concerned.
+std::string ProblemOf(const Server& server, const std::string& file, const std::string& reason);
+
 // Writes and flushes each event with its time (UTC, RFC 3339) as a sentence or as a JSON object.
 // Not thread-safe: belongs to the main thread. Does not own the stream.
 class WatchOutput
@@ -43,17 +46,21 @@ public:
     // The settings of before stay in use.
     void ReloadFailed(const std::string& reason);
 
+    // The end of a check.
     void NoServerLeft();
+    void CheckFailed();  // for another reason
 
     // A restart of the service failed.
     void StartFailed(const std::string& reason);
 
     // own: the program retries after this time; otherwise the service checks within it.
     void Waiting(std::chrono::seconds time, bool own);
+    void FirstCheckIn(std::chrono::seconds time);
 
-    // status: as a shell reports it; with --quiet a 0 is not written.
-    void CommandEnded(int status, bool timedOut);
-    void CommandFailed(const std::string& reason);
+    // option: the one that gives the command. status: as a shell reports it; with --quiet a 0 is
+    // not written.
+    void CommandEnded(const char* option, int status, bool timedOut);
+    void CommandFailed(const char* option, const std::string& reason);
 
     // True when a line could not be written.
     bool Lost() const
@@ -65,6 +72,7 @@ private:
     template <typename Fields>
     void Write(bool always, const char* event, const std::string& sentence, const Fields& fields);
     void WriteLine(const std::string& line);
+    void WriteWaiting(const std::string& sentence, std::chrono::seconds time, bool own);
 
     std::FILE* m_output;
     const bool m_json;
