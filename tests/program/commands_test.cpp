@@ -853,6 +853,40 @@ TEST_F(ProgramWatchRequest, TakesAChangedPassword)
     ExpectBothFiles();
 }
 
+TEST_F(ProgramWatchRequest, ChangesItsLog)
+{
+    Serve();
+    const TemporaryDirectory before;
+    const TemporaryDirectory after;
+    const std::string settings = m_files.File("corpdir.conf");
+    WriteFile(settings, "log-dir = \"" + before.Path() + "\"\n");
+    Watch({"--config=" + settings});
+    ASSERT_TRUE(Await("downloaded ")) << Said();
+    WriteFile(settings, "log-dir = \"" + after.Path() + "\"\nlog-level = 1\n");
+    m_process->Signal(SIGHUP);
+    ASSERT_TRUE(Await("unchanged")) << Said();
+    Stop();
+    EXPECT_THAT(ReadFile(before.File("corpdir.log")),
+                AllOf(HasSubstr("Begin of corpdir watch"), HasSubstr("Event: downloaded "),
+                      Not(HasSubstr("Event: unchanged")), Not(HasSubstr("End of"))));
+    EXPECT_THAT(ReadFile(after.File("corpdir.log")),
+                AllOf(HasSubstr("Settings of corpdir watch: servers 127.0.0.1"),
+                      HasSubstr("Event: settings reloaded"), HasSubstr("Event: unchanged"),
+                      HasSubstr("End of corpdir watch with status 0: stopped by SIGTERM"),
+                      Not(HasSubstr(" info "))));
+}
+
+TEST_F(ProgramWatchRequest, LogsItsFailures)
+{
+    const TemporaryDirectory logs;
+    Watch({"--retry=600", "--log-dir=" + logs.Path(), "--log-level=0"});
+    ASSERT_TRUE(Await("retrying in 600 s")) << Said();
+    Stop();
+    EXPECT_THAT(ReadFile(logs.File("corpdir.log")),
+                AllOf(HasSubstr("Event: failed: version.txt from 127.0.0.1: cannot connect"),
+                      HasSubstr("Event: all servers failed")));
+}
+
 TEST_F(ProgramWatchRequest, TakesAChangedSettingsFile)
 {
     Serve();

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "corpdir_log.h"
 #include "fake_layers.h"
 #include "files.h"
 #include "ftpcorpdir.h"
@@ -29,7 +30,12 @@ public:
         ++starts;
         running = true;
         lastLog = *log;
-        return initFailures != 0 && initFailures-- != 0 ? initResult : 0;
+        const unsigned int result = initFailures != 0 && initFailures-- != 0 ? initResult : 0;
+        if (result == 0)
+        {
+            (void)CorpDir_OpenLog(log);
+        }
+        return result;
     }
     void CorpDirUninit() override
     {
@@ -38,6 +44,7 @@ public:
         {
             std::exchange(onStop, nullptr)();
         }
+        CorpDir_CloseLog();
         ++stops;
     }
     unsigned int CorpDirDownloadNetaddr(tag_CORPDIR_DOWNLOADINFO* info,

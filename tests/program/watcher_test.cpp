@@ -8,6 +8,7 @@
 #include <sstream>
 #include <thread>
 
+#include "captured_log.h"
 #include "commands/watcher.h"
 #include "fake_service.h"
 #include "notify_receiver.h"
@@ -92,6 +93,7 @@ protected:
 
     ~ToolWatcher() override
     {
+        g_LogMode = 0;
         EXPECT_EQ(Layers().observer, nullptr) << "the observer was left behind";
         EXPECT_FALSE(m_service.running);
         EXPECT_THAT(m_output->Missing(), IsEmpty()) << m_output->Text();
@@ -125,10 +127,10 @@ protected:
         m_events.Push(Event::Kind::kSignal, SIGTERM);
     }
 
-    // Runs until it is stopped, which is a success. One script for each request.
+    // Runs until it is stopped. One script for each request.
     void Watch(std::vector<Script> scripts)
     {
-        EXPECT_EQ(Run(std::move(scripts)), 0);
+        EXPECT_EQ(Run(std::move(scripts)), SIGTERM);
     }
 
     int Run(std::vector<Script> scripts)
@@ -141,9 +143,11 @@ protected:
         };
         const ServiceManager manager;
         const Guard guard(m_events);
+        const WatchSettings settings = Settings();
+        RunLog log("watch", settings.plan);
         Watcher watcher(
-            m_service, Settings(), [this] { return m_reload(); }, lookup, m_events, m_output->Get(),
-            manager);
+            m_service, settings, [this] { return m_reload(); }, lookup, log, m_events,
+            m_output->Get(), manager);
         return watcher.Run();
     }
 
@@ -548,7 +552,9 @@ TEST_F(ToolWatcher, AnOutputThatCannotBeWrittenEndsIt)
     m_service.scripts = {[](FakeService& service) { service.Version(A, "edition 1\n"); }};
     {
         const ServiceManager manager;
-        Watcher watcher(m_service, Settings(), m_reload, SystemLookup, m_events, full, manager);
+        RunLog log("watch", Settings().plan);
+        Watcher watcher(m_service, Settings(), m_reload, SystemLookup, log, m_events, full,
+                        manager);
         const Thrown thrown = ExitErrorOf([&watcher] { watcher.Run(); });
         EXPECT_EQ(thrown.status, kExitLocalFile);
     }
@@ -814,6 +820,130 @@ TEST_F(ToolWatcherReload, TheOutputDirectoryAndTheNamesCannotChange)
     Watch({Deliver(A)});
     EXPECT_EQ(m_service.requests.size(), 1U);
     EXPECT_THAT(FilesIn(other.Path()), IsEmpty());
+}
+
+// What the watch writes into the log.
+class ToolWatcherLog : public ToolWatcherReload
+{
+protected:
+    ToolWatcherLog()
+    {
+        m_options.logDir = m_logs.Path();
+        captured_log::Clear();
+    }
+
+    // The program's records, each with its level; those of a closed log are marked.
+    std::vector<std::string> Records(const std::string& directory) const
+    {
+        std::vector<std::string> texts;
+        for (const captured_log::Record& record : captured_log::Records())
+        {
+            if (record.module == "corpdir" &&
+                (record.directory == directory || record.directory.empty()))
+            {
+                texts.push_back((record.directory.empty() ? "closed: " : "") +
+                                std::to_string(record.level) + " " + record.text);
+            }
+        }
+        return texts;
+    }
+
+    const TemporaryDirectory m_logs;
+    const TemporaryDirectory m_others;
+};
+
+TEST_F(ToolWatcherLog, HasTheEvents)
+{
+    m_options.quiet = true;
+    m_options.execute = "exit 3";
+    const Script down = [](FakeService& service)
+    {
+        service.VersionFails(A);
+        service.VersionFails(B);
+    };
+    When("retrying in 3600 s", Event::Kind::kCheckNow);
+    StopWhen("the command of --exec failed");
+    Watch({down, Deliver(A)});
+    EXPECT_THAT(
+        Records(m_logs.Path()),
+        ElementsAre(StartsWith("1 Begin of corpdir watch, version "), "2 Event: checking 192.0.2.1",
+                    "0 Event: failed: version.txt from 192.0.2.1: version refused",
+                    "2 Event: next server 192.0.2.2", "2 Event: checking 192.0.2.2",
+                    "0 Event: failed: version.txt from 192.0.2.2: version refused",
+                    "0 Event: all servers failed", "1 Event: retrying in 3600 s",
+                    "2 Event: checking 192.0.2.1", "2 Event: new version 'edition 1' at 192.0.2.1",
+                    "1 Event: " + Downloaded("edition 1", A),
+                    "1 Event: the check succeeded after 1 that failed",
+                    "0 Event: the command of --exec failed with status 3",
+                    "2 Event: stopped by SIGTERM"));
+}
+
+// The client logs them.
+TEST_F(ToolWatcherLog, HasNoEventTwice)
+{
+    m_options.servers = A;
+    StopWhen("retrying in");
+    Watch({[](FakeService& service) { service.Version(A, "oops\n"); }});
+    EXPECT_THAT(Records(m_logs.Path()),
+                ElementsAre(StartsWith("1 Begin of"), "2 Event: checking 192.0.2.1",
+                            "0 Event: all servers failed", "1 Event: retrying in 3600 s",
+                            "2 Event: stopped by SIGTERM"));
+}
+
+TEST_F(ToolWatcherLog, ChangesWithAReload)
+{
+    ReloadWith(
+        [this]
+        {
+            m_options.servers = C;
+            m_options.logDir = m_others.Path();
+        });
+    When("settings reloaded", [] {});
+    StopWhen("unchanged");
+    Watch({Deliver(A), Deliver(C)});
+    EXPECT_THAT(Records(m_logs.Path()).back(), "1 Event: " + Downloaded("edition 1", A));
+    EXPECT_THAT(Records(m_others.Path()),
+                ElementsAre(StartsWith("1 Settings of corpdir watch: servers 192.0.2.3, "),
+                            "1 Event: settings reloaded", "2 Event: checking 192.0.2.3",
+                            "2 Event: new version 'edition 1' at 192.0.2.3",
+                            "1 Event: unchanged: version 'edition 1' at 192.0.2.3",
+                            "2 Event: stopped by SIGTERM"));
+}
+
+TEST_F(ToolWatcherLog, BeginsWithAReload)
+{
+    m_options.logDir.clear();
+    ReloadWith([this] { m_options.logDir = m_logs.Path(); });
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Records(m_logs.Path()).front(), StartsWith("1 Settings of corpdir watch: "));
+}
+
+TEST_F(ToolWatcherLog, EndsWithAReload)
+{
+    ReloadWith([this] { m_options.logDir.clear(); });
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Records(m_logs.Path()).back(), "1 Event: " + Downloaded("edition 1", A));
+    EXPECT_NE(g_LogMode, 0U);
+}
+
+TEST_F(ToolWatcherLog, StaysWhenAReloadIsUndone)
+{
+    ReloadWith(
+        [this]
+        {
+            m_options.servers = C;
+            m_options.logDir = m_others.Path();
+        });
+    StopWhen("unchanged");
+    Watch({Deliver(A), Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
+    EXPECT_THAT(Records(m_others.Path()),
+                ElementsAre(StartsWith("1 Settings of corpdir watch: servers 192.0.2.3, ")));
+    EXPECT_THAT(Records(m_logs.Path()),
+                testing::IsSupersetOf(
+                    {StartsWith("1 Settings of corpdir watch: servers 192.0.2.1;192.0.2.2, "),
+                     StartsWith("0 Event: settings not reloaded: --ca: bad suite")}));
 }
 
 // Events of the service manager.

@@ -11,6 +11,7 @@ struct Store
 {
     std::mutex guard;
     std::vector<captured_log::Record> records;
+    std::string directory;
 };
 
 // Never destroyed: layers log while the process exits.
@@ -44,7 +45,22 @@ void CCorpDirLog::WriteLog(const char* module, const char* /*function*/, const c
     text.pop_back();
     Store& store = TheStore();
     const std::lock_guard<std::mutex> lock(store.guard);
-    store.records.push_back({module, level, text});
+    store.records.push_back({module, level, text, store.directory});
+}
+
+unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* info)
+{
+    Store& store = TheStore();
+    const std::lock_guard<std::mutex> lock(store.guard);
+    store.directory = info->szLogDir;
+    return 0;
+}
+
+void CorpDir_CloseLog()
+{
+    Store& store = TheStore();
+    const std::lock_guard<std::mutex> lock(store.guard);
+    store.directory.clear();
 }
 
 namespace captured_log

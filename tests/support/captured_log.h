@@ -1,8 +1,8 @@
 // Link-time fake of the log component: keeps every record for the tests.
 //
-// Link captured_log.cpp instead of the log component, with layers that write records and neither
-// open the log nor trace functions. Thread-safe. g_LogOne is set from the start; a test may set it
-// to null, or g_LogMode, as the component's users may see them.
+// Link captured_log.cpp instead of the log component, with layers that write records and do not
+// trace functions. Thread-safe. Records are kept while the log is closed too. g_LogOne is set from
+// the start; a test may set it to null, or g_LogMode, as the component's users may see them.
 #ifndef CAPTURED_LOG_H
 #define CAPTURED_LOG_H
 
@@ -19,6 +19,7 @@ struct Record
     std::string module;
     unsigned int level = 0;
     std::string text;
+    std::string directory;  // of the log that was open
 };
 
 // All records since the start or the last Clear, in order.

@@ -177,7 +177,7 @@ int Check(const Options& options, const CipherSource& ciphers)
     Secret password;
     ReadPassword(options.passwordFile, password);
 
-    CommandProcess process(plan, [](int number) { return kExitSignal + number; });
+    CommandProcess process([](int number) { return kExitSignal + number; });
     ReportSettings settings;
     settings.quiet = options.quiet;
     Report report(settings, process.Messages());

@@ -7,7 +7,6 @@
 #include <new>
 #include <utility>
 
-#include "corpdir_log.h"
 #include "exit_error.h"
 #include "os/output_files.h"
 
@@ -58,8 +57,7 @@ ResolvedServers LookUp(const Plan& plan, EventQueue& events, const TimeLimits& l
 
 }  // namespace
 
-CommandProcess::CommandProcess(const Plan& plan, int (*lastStatus)(int signalNumber),
-                               bool takesRequests)
+CommandProcess::CommandProcess(int (*lastStatus)(int signalNumber), bool takesRequests)
     : m_watch([this](int number) { m_events.Push(Event::Kind::kSignal, number); },
               [this, lastStatus](int number)
               {
@@ -71,8 +69,6 @@ CommandProcess::CommandProcess(const Plan& plan, int (*lastStatus)(int signalNum
                                              [this] { m_events.Push(Event::Kind::kReload); }}
                             : SignalRequests{})
 {
-    // The service opens a log in any case; records of errors would go to standard error.
-    g_LogMode = plan.logLevel ? 0 : 1;
     // A closed pipe on standard error must not end a transfer.
     (void)signal(SIGPIPE, SIG_IGN);
 }

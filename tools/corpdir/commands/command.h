@@ -18,16 +18,15 @@
 namespace corpdir_tool
 {
 
-// Prepares the process: signals become events, and records are logged only if asked for. Make it on
-// the main thread before any other exists; one at a time.
+// Prepares the process: signals become events. Make it on the main thread before any other exists;
+// one at a time.
 class CommandProcess
 {
 public:
     // When the stop that a signal asks for takes longer than a second, the process exits at once
     // with the status that `lastStatus` returns for the signal. takesRequests: SIGUSR1 and SIGHUP
     // become kCheckNow and kReload.
-    CommandProcess(const Plan& plan, int (*lastStatus)(int signalNumber),
-                   bool takesRequests = false);
+    explicit CommandProcess(int (*lastStatus)(int signalNumber), bool takesRequests = false);
 
     EventQueue& Events()
     {

@@ -105,7 +105,7 @@ Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter
     printer.SetPath(plan.DirectoryPath());
     PasswordSource password(options.passwordFile);
 
-    CommandProcess process(plan, [](int number) { return kExitSignal + number; });
+    CommandProcess process([](int number) { return kExitSignal + number; });
     Report report(ReportSettingsOf(plan), process.Messages());
     Session session(*GetCorpDirInstance(), plan, SystemLookup, password, process.Events(), report);
     const LastResort lastResort(process, [&session] { session.RemoveStaged(); });

@@ -3,6 +3,7 @@
 #include "commands/watcher.h"
 #include "exit_error.h"
 #include "ftpcorpdir.h"
+#include "os/signals.h"
 
 namespace corpdir_tool
 {
@@ -24,8 +25,7 @@ int RunWatch(const Options& options, const CipherSource& ciphers,
     const ServiceManager manager;
     const WatchSettings settings = SettingsFrom(options, ciphers);
     // A watch that is stopped by a signal ends with success.
-    CommandProcess process(
-        settings.plan, [](int) { return static_cast<int>(kExitFetched); }, true);
+    CommandProcess process([](int) { return static_cast<int>(kExitFetched); }, true);
     // Without a password file, the password of the start stays in use.
     const auto reload = [&]
     {
@@ -34,15 +34,15 @@ int RunWatch(const Options& options, const CipherSource& ciphers,
                    ? WatchSettings{MakePlan(read, ciphers), settings.password}
                    : SettingsFrom(read, ciphers);
     };
-    Watcher watcher(*GetCorpDirInstance(), settings, reload, SystemLookup, process.Events(), stdout,
-                    manager);
-    const LastResort lastResort(process, [&watcher] { watcher.Abandon(); });
     RunLog log("watch", settings.plan);
+    Watcher watcher(*GetCorpDirInstance(), settings, reload, SystemLookup, log, process.Events(),
+                    stdout, manager);
+    const LastResort lastResort(process, [&watcher] { watcher.Abandon(); });
     try
     {
-        const int status = watcher.Run();
-        log.End(status, "stopped");
-        return status;
+        const int signalNumber = watcher.Run();
+        log.End(kExitFetched, "stopped by " + SignalName(signalNumber));
+        return kExitFetched;
     }
     catch (const ExitError& error)
     {

@@ -40,8 +40,9 @@ void CheckSameFiles(const Plan& before, const Plan& now)
 }  // namespace
 
 Watcher::Watcher(IFtpCorpDir& service, WatchSettings settings, Reload reload, Lookup lookup,
-                 EventQueue& events, std::FILE* output, const ServiceManager& manager)
+                 RunLog& log, EventQueue& events, std::FILE* output, const ServiceManager& manager)
     : m_reload(std::move(reload)),
+      m_log(log),
       m_events(events),
       m_stream(output),
       m_manager(manager),
@@ -243,7 +244,7 @@ Watcher::Settled Watcher::HandleOwn(const Event& event)
     {
         case Event::Kind::kSignal:
             m_output->Stopped(SignalName(event.number));
-            return kExitFetched;
+            return event.number;
         case Event::Kind::kCheckNow:
             m_client.CheckNow();
             break;
@@ -291,6 +292,7 @@ void Watcher::OnPassFailed()
         m_manager.Ready();  // new names may have no address for long
     }
     m_manager.Status("failed: " + m_reason);
+    ++m_failures;
     m_serverFailed ? m_output->NoServerLeft() : m_output->CheckFailed();
     RunFailure();
 }
@@ -307,6 +309,12 @@ void Watcher::OnRefused(const std::string& reason)
 // The end of a check that found the directory current.
 void Watcher::OnEnd(const client::Event& event)
 {
+    if (m_failures != 0)
+    {
+        m_log.Write(CORPDIR_LOG_NOTICE,
+                    "the check succeeded after " + std::to_string(m_failures) + " that failed");
+        m_failures = 0;
+    }
     m_manager.Status("version " + event.version + " from " + event.server.Label() + ", checked " +
                      client::TimeText(std::time(nullptr)));
     m_updateDue = m_updateDue || std::exchange(m_updateFailed, false);
@@ -325,7 +333,7 @@ bool Watcher::OnReload()
         {
             m_previous = m_settings;
         }
-        TakeSettings(std::move(read));
+        ChangeSettings(std::move(read));
         m_client.Start(SettingsOf(m_settings.plan, *m_settings.password));
     }
     catch (const ExitError& error)
@@ -348,14 +356,22 @@ bool Watcher::OnReload()
 void Watcher::TakeSettings(WatchSettings settings)
 {
     m_settings = std::move(settings);
-    m_output.emplace(m_stream, m_settings.plan.json, m_settings.plan.quiet);
+    m_output.emplace(m_stream, m_settings.plan.json, m_settings.plan.quiet,
+                     [this](unsigned int level, const std::string& sentence)
+                     { m_log.Write(level, sentence); });
+}
+
+void Watcher::ChangeSettings(WatchSettings settings)
+{
+    TakeSettings(std::move(settings));
+    m_log.Change(m_settings.plan);
 }
 
 // The new settings cannot be used. Whatever is wrong with the previous ones by now, the watch goes
 // on.
 void Watcher::KeepSettings(const std::string& reason)
 {
-    TakeSettings(*std::exchange(m_previous, std::nullopt));
+    ChangeSettings(*std::exchange(m_previous, std::nullopt));
     m_output->ReloadFailed(reason);
     m_client.Start(SettingsOf(m_settings.plan, *m_settings.password),
                    client::Client::OnStartError::kRetry);

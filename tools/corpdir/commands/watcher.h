@@ -13,6 +13,7 @@
 #include "client.h"
 #include "commands/client_settings.h"
 #include "commands/events.h"
+#include "commands/run_log.h"
 #include "os/child_command.h"
 #include "os/service_manager.h"
 #include "ui/watch_output.h"
@@ -34,15 +35,15 @@ public:
     // Reads the settings again. Throws ExitError.
     using Reload = std::function<WatchSettings()>;
 
-    // service, events, output and manager must outlive the watcher.
-    Watcher(IFtpCorpDir& service, WatchSettings settings, Reload reload, Lookup lookup,
+    // service, log, events, output and manager must outlive the watcher. log: of these settings.
+    Watcher(IFtpCorpDir& service, WatchSettings settings, Reload reload, Lookup lookup, RunLog& log,
             EventQueue& events, std::FILE* output, const ServiceManager& manager);
     ~Watcher();
     Watcher(const Watcher&) = delete;
     Watcher& operator=(const Watcher&) = delete;
 
-    // Runs until a signal asks it to stop; returns the exit status. The service is stopped on
-    // return. Throws ExitError when the service cannot be started or the events cannot be written.
+    // Runs until a signal asks it to stop; returns its number. The service is stopped on return.
+    // Throws ExitError when the service cannot be started or the events cannot be written.
     int Run();
 
     // Kills the commands and removes the client's own files, for a process that ends without a
@@ -51,7 +52,7 @@ public:
 
 private:
     using Clock = EventQueue::Clock;
-    // These return the exit status when the watch ends.
+    // These return the number of the signal when the watch ends.
     using Settled = std::optional<int>;
 
     Settled Begin();
@@ -65,6 +66,7 @@ private:
     void OnEnd(const client::Event& event);
     bool OnReload();
     void TakeSettings(WatchSettings settings);
+    void ChangeSettings(WatchSettings settings);
     void KeepSettings(const std::string& reason);
     void OnUpdateEnded(int status);
     void OnFailureEnded(int status);
@@ -74,6 +76,7 @@ private:
                            const Variables& variables);
 
     const Reload m_reload;
+    RunLog& m_log;
     EventQueue& m_events;
     std::FILE* const m_stream;
     const ServiceManager& m_manager;
@@ -89,6 +92,7 @@ private:
     bool m_updateFailed = false;  // the command is tried again after the next check
     std::string m_reason;         // of the latest failure, with its server
     bool m_serverFailed = true;   // the latest failure is a server's
+    unsigned int m_failures = 0;  // checks that failed in a row
 };
 
 }  // namespace corpdir_tool

@@ -2,7 +2,9 @@
 
 #include <ctime>
 
+#include "corpdir_log.h"
 #include "text.h"
+#include "travex_ftp.h"
 #include "ui/json.h"
 
 namespace corpdir_tool
@@ -31,6 +33,9 @@ std::string Quoted(const std::string& text)
     return "'" + text + "'";
 }
 
+// A record of another layer says the same.
+constexpr std::nullopt_t kLoggedElsewhere = std::nullopt;
+
 std::string Seconds(std::chrono::seconds time)
 {
     return std::to_string(time.count()) + " s";
@@ -44,9 +49,13 @@ std::string ProblemOf(const Server& server, const std::string& file, const std::
 }
 
 template <typename Fields>
-void WatchOutput::Write(bool always, const char* event, const std::string& sentence,
+void WatchOutput::Write(Level level, bool always, const char* event, const std::string& sentence,
                         const Fields& fields)
 {
+    if (level)
+    {
+        m_log(*level, sentence);
+    }
     if (m_quiet && !always)
     {
         return;
@@ -70,22 +79,23 @@ void WatchOutput::WriteLine(const std::string& line)
 
 void WatchOutput::Checking(const Server& server)
 {
-    Write(false, "checking", "checking " + server.Label(), FieldsOf(server));
+    Write(CORPDIR_LOG_INFO, false, "checking", "checking " + server.Label(), FieldsOf(server));
 }
 
 void WatchOutput::Unchanged(const Server& server, const std::string& version)
 {
     Json fields = FieldsOf(server);
     fields["version"] = version;
-    Write(false, "unchanged", "unchanged: version " + Quoted(version) + " at " + server.Label(),
-          fields);
+    Write(CORPDIR_LOG_NOTICE, false, "unchanged",
+          "unchanged: version " + Quoted(version) + " at " + server.Label(), fields);
 }
 
 void WatchOutput::NewVersion(const Server& server, const std::string& version)
 {
     Json fields = FieldsOf(server);
     fields["version"] = version;
-    Write(false, "new_version", "new version " + Quoted(version) + " at " + server.Label(), fields);
+    Write(CORPDIR_LOG_INFO, false, "new_version",
+          "new version " + Quoted(version) + " at " + server.Label(), fields);
 }
 
 void WatchOutput::Downloaded(const Server& server, const std::string& version,
@@ -95,7 +105,7 @@ void WatchOutput::Downloaded(const Server& server, const std::string& version,
     fields["version"] = version;
     fields["file"] = file;
     fields["bytes"] = bytes;
-    Write(false, "downloaded",
+    Write(CORPDIR_LOG_NOTICE, false, "downloaded",
           "downloaded " + file + ", version " + Quoted(version) + ", " + std::to_string(bytes) +
               " bytes from " + server.Label(),
           fields);
@@ -103,12 +113,13 @@ void WatchOutput::Downloaded(const Server& server, const std::string& version,
 
 void WatchOutput::NextServer(const Server& server)
 {
-    Write(false, "next_server", "next server " + server.Label(), FieldsOf(server));
+    Write(CORPDIR_LOG_INFO, false, "next_server", "next server " + server.Label(),
+          FieldsOf(server));
 }
 
 void WatchOutput::Stopped(const std::string& signal)
 {
-    Write(false, "stopped", "stopped by " + signal, Json({{"signal", signal}}));
+    Write(CORPDIR_LOG_INFO, false, "stopped", "stopped by " + signal, Json({{"signal", signal}}));
 }
 
 void WatchOutput::Failed(const Server& server, const Failure& failure)
@@ -119,12 +130,16 @@ void WatchOutput::Failed(const Server& server, const Failure& failure)
     fields["step"] = failure.step;
     fields["reply"] = failure.reply;
     fields["reason"] = failure.reason;
-    Write(true, "failed", "failed: " + ProblemOf(server, failure.file, failure.reason), fields);
+    // The FTP layer and the client log that a local file cannot be written.
+    const Level level =
+        failure.code == TRAVEX_FTP_ERR_LOCAL_FILE ? Level(kLoggedElsewhere) : CORPDIR_LOG_ERROR;
+    Write(level, true, "failed", "failed: " + ProblemOf(server, failure.file, failure.reason),
+          fields);
 }
 
 void WatchOutput::NameFailed(const std::string& problem)
 {
-    Write(true, "name_failed", "failed: " + problem, Json({{"reason", problem}}));
+    Write(kLoggedElsewhere, true, "name_failed", "failed: " + problem, Json({{"reason", problem}}));
 }
 
 void WatchOutput::InvalidVersion(const Server& server, const std::string& file,
@@ -134,52 +149,56 @@ void WatchOutput::InvalidVersion(const Server& server, const std::string& file,
     fields["remote_file"] = file;
     fields["version"] = version;
     fields["reason"] = reason;
-    Write(true, "invalid_version", "failed: " + ProblemOf(server, file, reason), fields);
+    Write(kLoggedElsewhere, true, "invalid_version", "failed: " + ProblemOf(server, file, reason),
+          fields);
 }
 
 void WatchOutput::Warning(const std::string& reason)
 {
-    Write(true, "warning", "warning: " + reason, Json({{"reason", reason}}));
+    Write(kLoggedElsewhere, true, "warning", "warning: " + reason, Json({{"reason", reason}}));
 }
 
 void WatchOutput::Reloaded()
 {
-    Write(false, "reloaded", "settings reloaded", Json::object());
+    Write(CORPDIR_LOG_NOTICE, false, "reloaded", "settings reloaded", Json::object());
 }
 
 void WatchOutput::ReloadFailed(const std::string& reason)
 {
-    Write(true, "reload_failed", "settings not reloaded: " + reason, Json({{"reason", reason}}));
+    Write(CORPDIR_LOG_ERROR, true, "reload_failed", "settings not reloaded: " + reason,
+          Json({{"reason", reason}}));
 }
 
 void WatchOutput::NoServerLeft()
 {
-    Write(true, "no_server_left", "all servers failed", Json::object());
+    Write(CORPDIR_LOG_ERROR, true, "no_server_left", "all servers failed", Json::object());
 }
 
 void WatchOutput::CheckFailed()
 {
-    Write(true, "check_failed", "the check failed", Json::object());
+    Write(CORPDIR_LOG_ERROR, true, "check_failed", "the check failed", Json::object());
 }
 
 void WatchOutput::StartFailed(const std::string& reason)
 {
-    Write(true, "start_failed", "failed: " + reason, Json({{"reason", reason}}));
+    Write(CORPDIR_LOG_ERROR, true, "start_failed", "failed: " + reason, Json({{"reason", reason}}));
 }
 
 void WatchOutput::Waiting(std::chrono::seconds time, bool own)
 {
-    WriteWaiting((own ? "retrying in " : "next check within ") + Seconds(time), time, own);
+    WriteWaiting(own ? CORPDIR_LOG_NOTICE : CORPDIR_LOG_INFO,
+                 (own ? "retrying in " : "next check within ") + Seconds(time), time, own);
 }
 
 void WatchOutput::FirstCheckIn(std::chrono::seconds time)
 {
-    WriteWaiting("first check in " + Seconds(time), time, true);
+    WriteWaiting(CORPDIR_LOG_INFO, "first check in " + Seconds(time), time, true);
 }
 
-void WatchOutput::WriteWaiting(const std::string& sentence, std::chrono::seconds time, bool own)
+void WatchOutput::WriteWaiting(unsigned int level, const std::string& sentence,
+                               std::chrono::seconds time, bool own)
 {
-    Write(true, "waiting", sentence, Json({{"seconds", time.count()}, {"asks_again", own}}));
+    Write(level, true, "waiting", sentence, Json({{"seconds", time.count()}, {"asks_again", own}}));
 }
 
 void WatchOutput::CommandEnded(const char* option, int status, bool timedOut)
@@ -190,7 +209,8 @@ void WatchOutput::CommandEnded(const char* option, int status, bool timedOut)
         end = timedOut ? " exceeded --exec-timeout and was ended"
                        : " failed with status " + std::to_string(status);
     }
-    Write(status != 0, "command", std::string("the command of ") + option + end,
+    Write(status == 0 ? CORPDIR_LOG_INFO : CORPDIR_LOG_ERROR, status != 0, "command",
+          std::string("the command of ") + option + end,
           Json({{"option", option},
                 {"status", status},
                 {"reason", timedOut ? Json("timed out") : Json(nullptr)}}));
@@ -198,7 +218,7 @@ void WatchOutput::CommandEnded(const char* option, int status, bool timedOut)
 
 void WatchOutput::CommandFailed(const char* option, const std::string& reason)
 {
-    Write(true, "command",
+    Write(CORPDIR_LOG_ERROR, true, "command",
           std::string("the command of ") + option + " could not be started: " + reason,
           Json({{"option", option}, {"status", nullptr}, {"reason", reason}}));
 }

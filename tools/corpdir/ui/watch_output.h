@@ -5,7 +5,10 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "cli/servers.h"
 #include "ui/hints.h"
@@ -16,13 +19,17 @@ namespace corpdir_tool
 // With its server, and the file when one is concerned.
 std::string ProblemOf(const Server& server, const std::string& file, const std::string& reason);
 
-// Writes and flushes each event with its time (UTC, RFC 3339) as a sentence or as a JSON object.
+// Writes and flushes each event with its time (UTC, RFC 3339) as a sentence or as a JSON object,
+// and hands the sentence to the log.
 // Not thread-safe: belongs to the main thread. Does not own the stream.
 class WatchOutput
 {
 public:
-    WatchOutput(std::FILE* output, bool json, bool quiet)
-        : m_output(output), m_json(json), m_quiet(quiet)
+    // level: tagCORPDIR_LOG_LEVEL.
+    using Log = std::function<void(unsigned int level, const std::string& sentence)>;
+
+    WatchOutput(std::FILE* output, bool json, bool quiet, Log log)
+        : m_output(output), m_json(json), m_quiet(quiet), m_log(std::move(log))
     {
     }
 
@@ -69,14 +76,19 @@ public:
     }
 
 private:
+    using Level = std::optional<unsigned int>;
+
     template <typename Fields>
-    void Write(bool always, const char* event, const std::string& sentence, const Fields& fields);
+    void Write(Level level, bool always, const char* event, const std::string& sentence,
+               const Fields& fields);
     void WriteLine(const std::string& line);
-    void WriteWaiting(const std::string& sentence, std::chrono::seconds time, bool own);
+    void WriteWaiting(unsigned int level, const std::string& sentence, std::chrono::seconds time,
+                      bool own);
 
     std::FILE* m_output;
     const bool m_json;
     const bool m_quiet;
+    const Log m_log;
     bool m_lost = false;
 };
 
