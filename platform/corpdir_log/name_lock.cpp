@@ -9,6 +9,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
+#include <functional>
 #include <system_error>
 
 namespace corpdir_log
@@ -20,6 +22,11 @@ constexpr unsigned int kNames = 100;  // processes with a short name in one dire
 // The descriptors that hold locks, for the fork handler; 0: no lock, since none has that number.
 // Two: while the log is opened in another directory, its old and its new name are both taken.
 std::array<std::atomic<int>, 2> g_lockDescriptors;
+
+// The name that this process had last: number, and hash of the lock file's path. Atomic for the
+// fork handler.
+std::atomic<unsigned int> g_lastNumber{0};
+std::atomic<std::size_t> g_lastPath{0};
 
 void Replace(int before, int after)
 {
@@ -65,16 +72,28 @@ NameLock::~NameLock()
 bool NameLock::TakeNameIn(const std::string& directory, const std::string& lockName,
                           const std::string& prefix)
 {
-    m_file = OpenPrivate(directory + '/' + lockName);
+    const std::string path = directory + '/' + lockName;
+    m_file = OpenPrivate(path);
     if (!m_file.IsOpen() && (errno == ENOENT || errno == EMFILE || errno == ENFILE))
     {
         // The directory is missing, or descriptors ran out: no other name would help.
         throw std::system_error(errno, std::generic_category());
     }
-    for (unsigned int number = 1; IsOurs(m_file) && number <= kNames; ++number)
+    if (!IsOurs(m_file))
     {
-        if (TakeNumber(number))
+        m_file = base::Descriptor();
+        return false;
+    }
+    // First the last one: an application that starts the service again stays in one file.
+    const std::size_t hash = std::hash<std::string>()(path);
+    const unsigned int last = g_lastPath == hash ? g_lastNumber.load() : 0;
+    for (unsigned int at = 0; at <= kNames; ++at)
+    {
+        const unsigned int number = at == 0 ? last : at;
+        if (number != 0 && TakeNumber(number))
         {
+            g_lastNumber = number;
+            g_lastPath = hash;
             m_lockName = lockName;
             m_fileName = prefix + (number == 1 ? "" : '-' + std::to_string(number)) + ".log";
             Replace(0, m_file.Number());
@@ -104,6 +123,7 @@ bool NameLock::IsFor(const std::string& directory) const
 
 void NameLock::ReleaseInForkedChild()
 {
+    g_lastNumber = 0;
     for (std::atomic<int>& place : g_lockDescriptors)
     {
         const int descriptor = place.exchange(0);

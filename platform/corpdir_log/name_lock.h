@@ -9,12 +9,12 @@
 namespace corpdir_log
 {
 // Several processes may log into one directory: the first one gets corpdir.log, the next ones
-// corpdir-2.log and so on. A name is taken by a lock on one byte of the file .corpdir.lock, which
-// stays in the directory when the lock is released. The log file itself cannot carry the lock,
-// since rotation renames it. If the lock file belongs to another user, user UID has
-// .corpdir-UID.lock, and the names corpdir-uUID.log, corpdir-uUID-2.log and so on. If nothing can
-// be locked (a file system without locks, or all names taken), the name is corpdir-pPID.log. One
-// thread only.
+// corpdir-2.log and so on. A process that had a name there gets it again if it is free. A name is
+// taken by a lock on one byte of the file .corpdir.lock, which stays in the directory when the lock
+// is released. The log file itself cannot carry the lock, since rotation renames it. If the lock
+// file belongs to another user, user UID has .corpdir-UID.lock, and the names corpdir-uUID.log,
+// corpdir-uUID-2.log and so on. If nothing can be locked (a file system without locks, or all names
+// taken), the name is corpdir-pPID.log. One thread only.
 class NameLock
 {
 public:

@@ -355,10 +355,51 @@ TEST_F(LogFile, EachProcessGetsANameOfItsOwn)
     EXPECT_THAT(TextsIn(File("corpdir-3.log")), ElementsAre("the third"));
 
     first.reset();  // kills it: its name is free at once
-    ASSERT_EQ(Open(Info(Directory())), 0U);
-    Write(0, "the fourth");
-    EXPECT_THAT(ClosedTexts(), ElementsAre("the first", "the fourth"));
+    const Child fourth(hold("the fourth"));
+    ASSERT_TRUE(support::WaitUntil([&] { return Contains(File(), "the fourth"); }));
+    EXPECT_THAT(TextsIn(File()), ElementsAre("the first", "the fourth"));
     EXPECT_THAT(TextsIn(File("corpdir-2.log")), ElementsAre("the second"));
+}
+
+// A run that starts the service several times would be spread over several files.
+TEST_F(LogFile, AProcessGetsTheNameThatItHad)
+{
+    const auto hold = [this]
+    {
+        (void)Open(Info(Directory()));
+        Write(0, "the other");
+        pause();
+    };
+    std::optional<Child> other(std::in_place, hold);
+    ASSERT_TRUE(support::WaitUntil([&] { return Contains(File(), "the other"); }));
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "begin");
+    CorpDir_CloseLog();
+    other.reset();
+    ASSERT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "end");
+    CorpDir_CloseLog();
+    EXPECT_THAT(TextsIn(File("corpdir-2.log")), ElementsAre("begin", "end"));
+    EXPECT_THAT(TextsIn(File()), ElementsAre("the other"));
+
+    // In another directory it begins with the first name, and a name that is taken is left alone.
+    fs::create_directory(File("else"));
+    ASSERT_EQ(Open(Info(File("else"))), 0U);
+    CorpDir_CloseLog();
+    EXPECT_TRUE(support::FileExists(File("else/corpdir.log")));
+    const Child again(
+        [this]
+        {
+            (void)Open(Info(File("else")));
+            Write(0, "the other");
+            pause();
+        });
+    ASSERT_TRUE(
+        support::WaitUntil([&] { return Contains(File("else/corpdir.log"), "the other"); }));
+    ASSERT_EQ(Open(Info(File("else"))), 0U);
+    Write(0, "beside it");
+    CorpDir_CloseLog();
+    EXPECT_THAT(TextsIn(File("else/corpdir-2.log")), ElementsAre("beside it"));
 }
 
 TEST_F(LogFile, BesideALockOfAnotherUserItCarriesTheNumberOfItsUser)
