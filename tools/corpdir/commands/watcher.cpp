@@ -361,8 +361,10 @@ void Watcher::TakeSettings(WatchSettings settings)
                      { m_log.Write(level, sentence); });
 }
 
+// The service is stopped first: its last records belong to the previous log.
 void Watcher::ChangeSettings(WatchSettings settings)
 {
+    m_client.Stop();
     TakeSettings(std::move(settings));
     m_log.Change(m_settings.plan);
 }
