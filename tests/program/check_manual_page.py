@@ -101,7 +101,7 @@ def events_of_sources(root):
     found = {}
     text = (root / "tools/corpdir/ui/watch_output.cpp").read_text()
     for body in re.findall(r"^void WatchOutput::\w+\(.*?^}", text, re.M | re.S):
-        event = re.search(r'\bWrite\([^,]+, "(\w+)"', body)
+        event = re.search(r'\bWrite\([^,]+,[^,]+, "(\w+)"', body)
         if event:
             names = set(re.findall(r'(?:\{|fields\[)"(\w+)"', body))
             found[event.group(1)] = names | ({"server", "name"} if "FieldsOf(" in body else set())

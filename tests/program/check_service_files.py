@@ -74,8 +74,9 @@ def check_runs(program, unit, machine):
             result = run(*call)
             if result.returncode != NO_SERVER_LEFT or "Connection refused" not in result.stdout + result.stderr:
                 yield "%s: status %d\n%s" % (" ".join(call), result.returncode, result.stdout + result.stderr)
-    for call in (start, [program, "watch", "--config", str(machine.everything)]):
-        lines, status = watch_until("retrying in", *call)
+    for call, line in ((start, "retrying in"),
+                       ([program, "watch", "--config", str(machine.everything)], "first check in")):
+        lines, status = watch_until(line, *call)
         if status != 0 or "stopped by SIGTERM" not in lines:
             yield "%s: status %d\n%s" % (" ".join(call), status, lines)
 
