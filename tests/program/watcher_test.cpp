@@ -637,6 +637,21 @@ TEST_F(ToolWatcherSplay, EndsWithAReload)
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.3"));
 }
 
+TEST_F(ToolWatcherSplay, GoesOnAfterAReloadThatFailed)
+{
+    m_options.splaySeconds = 1000000;
+    When("first check in ",
+         [this]
+         {
+             m_options.localIp = "nowhere";
+             m_events.Push(Event::Kind::kReload);
+         });
+    When("settings not reloaded", Event::Kind::kCheckNow);
+    StopWhen("downloaded");
+    Watch({Deliver(A)});
+    EXPECT_EQ(m_service.requests.size(), 1U);
+}
+
 class ToolWatcherReload : public ToolWatcher
 {
 protected:
