@@ -376,7 +376,7 @@ void Watcher::KeepSettings(const std::string& reason)
     ChangeSettings(*std::exchange(m_previous, std::nullopt));
     m_output->ReloadFailed(reason);
     m_client.Start(SettingsOf(m_settings.plan, *m_settings.password),
-                   client::Client::OnStartError::kRetry);
+                   client::Client::FirstFailure::kRetry);
     m_manager.Ready();
 }
 
