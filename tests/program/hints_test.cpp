@@ -1,4 +1,5 @@
 // The hint for each kind of failure.
+#include "exit_error.h"
 #include "ui/hints.h"
 #include "suites.h"
 #include "travex_ftp.h"
@@ -229,6 +230,22 @@ TEST(ToolHints, AllServersAreCounted)
 {
     EXPECT_EQ(AllFailed(1), "the server failed");
     EXPECT_EQ(AllFailed(3), "all 3 servers failed");
+}
+
+TEST(ToolHints, TheOutcomeEndsWithTheServerThatFailedLast)
+{
+    Failure last;
+    EXPECT_EQ(OutcomeText(kExitNoServer, "no name", "", last), "no name");
+    last.code = TRAVEX_FTP_ERR_FILE;
+    last.file = "d.csv";
+    last.reason = "RETR refused";
+    EXPECT_EQ(OutcomeText(kExitNoServer, "all 2 servers failed", "192.0.2.1", last),
+              "all 2 servers failed; 192.0.2.1: d.csv: RETR refused");
+    EXPECT_EQ(OutcomeText(kExitBadVersion, "all 2 servers failed", "192.0.2.1", last),
+              "no server has a valid version; 192.0.2.1: d.csv: RETR refused");
+    EXPECT_EQ(OutcomeText(kExitLocalFile, "RETR refused", "192.0.2.1", last),
+              "192.0.2.1: d.csv: RETR refused");
+    EXPECT_EQ(OutcomeText(kExitArguments, "--ca: no", "192.0.2.1", last), "--ca: no");
 }
 
 }  // namespace

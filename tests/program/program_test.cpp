@@ -1,5 +1,8 @@
 // The program `corpdir fetch` as a process, against real servers: exit statuses, files, messages.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -259,39 +262,171 @@ TEST_F(Program, WritesALogThatOnlyItsOwnerCanRead)
     EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0600));
 }
 
-TEST_F(Program, LogsTheBeginningAndTheOutcomeOfEachRun)
+class ProgramLog : public Program
+{
+protected:
+    void RunLogged(const std::string& command, std::vector<std::string> more = {}) const
+    {
+        more.push_back("--log-dir=" + m_logs.Path());
+        (void)RunCommand(Line(command, more));
+    }
+
+    // "level text" of the program's own records, without those that begin a run.
+    std::vector<std::string> Records() const
+    {
+        std::vector<std::string> records;
+        std::istringstream log(ReadFile(m_logs.File("corpdir.log")));
+        for (std::string line; std::getline(log, line);)
+        {
+            std::istringstream words(line);
+            std::string time;
+            std::string level;
+            std::string number;
+            std::string component;
+            std::string function;
+            std::string place;
+            std::string text;
+            words >> time >> level >> number >> component >> function >> place;
+            std::getline(words, text);
+            if (component == "corpdir" && function != "RunLog")
+            {
+                records.push_back(level + text);
+            }
+        }
+        return records;
+    }
+
+    TemporaryDirectory m_logs;
+};
+
+TEST_F(ProgramLog, HasTheBeginningOfEachRun)
 {
     Serve();
-    TemporaryDirectory logs;
+    RunLogged("fetch");
+    EXPECT_THAT(ReadFile(m_logs.File("corpdir.log")),
+                HasSubstr("Begin of corpdir fetch, version "));
+}
+
+TEST_F(ProgramLog, HasTheOutcomeOfEachRun)
+{
+    Serve();
     for (const char* const command : {"fetch", "check"})
     {
         for (const char* const file : {"directory.csv", "none.csv"})
         {
-            (void)RunCommand(Line(
-                command, {"--log-dir=" + logs.Path(), "--directory-file=" + std::string(file)}));
-        }
-    }
-    std::vector<std::string> records;
-    std::istringstream log(ReadFile(logs.File("corpdir.log")));
-    for (std::string line; std::getline(log, line);)
-    {
-        const std::size_t record =
-            std::min(line.find("Begin of corpdir "), line.find("End of corpdir "));
-        if (record != std::string::npos)
-        {
-            records.push_back(line.substr(record));
+            RunLogged(command, {"--directory-file=" + std::string(file)});
         }
     }
     EXPECT_THAT(
-        records,
-        ElementsAre(StartsWith("Begin of corpdir fetch, version "),
-                    "End of corpdir fetch with status 0: fetched version edition 17",
-                    StartsWith("Begin of corpdir fetch, version "),
-                    StartsWith("End of corpdir fetch with status 3: "),
-                    StartsWith("Begin of corpdir check, version "),
-                    "End of corpdir check with status 0: version and directory file can be fetched",
-                    StartsWith("Begin of corpdir check, version "),
-                    StartsWith("End of corpdir check with status 3: ")));
+        Records(),
+        ElementsAre("notice End of corpdir fetch with status 0: fetched version edition 17",
+                    StartsWith("notice Hint: check --directory-file;"),
+                    StartsWith("error End of corpdir fetch with status 3: the server failed; "
+                               "127.0.0.1: none.csv: RETR refused: 550 "),
+                    "notice End of corpdir check with status 0: version and directory file can be "
+                    "fetched; each transfer of the directory file was cancelled at its first byte",
+                    StartsWith("notice Hint: check --directory-file;"),
+                    StartsWith("error End of corpdir check with status 3: the server failed; "
+                               "127.0.0.1: none.csv: RETR refused: 550 ")));
+}
+
+TEST_F(ProgramLog, NamesTheServerThatFailedLast)
+{
+    Serve();
+    m_server->AddFile("version.txt", "x\n");
+    for (const char* const command : {"fetch", "check"})
+    {
+        RunLogged(command, {"--servers=127.0.0.1;127.0.0.2", "--quiet"});
+    }
+    const std::string invalid =
+        "error The version file version.txt from server 127.0.0.1 is not "
+        "valid: ";
+    const auto end = [](const std::string& command)
+    {
+        return StartsWith("error End of corpdir " + command +
+                          " with status 4: no server has a valid version; 127.0.0.2: cannot "
+                          "connect: ");
+    };
+    EXPECT_THAT(Records(),
+                ElementsAre(StartsWith("notice Hint: "), end("fetch"), StartsWith(invalid),
+                            StartsWith("notice Hint: "), end("check")));
+}
+
+TEST_F(ProgramLog, NamesWhatStoppedTheOnlyServer)
+{
+    const support::SilentAddress silent;
+    m_port = static_cast<int>(silent.Port());
+    RunLogged("fetch", {"--timeout=1"});
+    EXPECT_THAT(Records(),
+                ElementsAre(StartsWith("notice Hint: "),
+                            StartsWith("error End of corpdir fetch with status 5: 127.0.0.1: timed "
+                                       "out while fetching version file 'version.txt' ")));
+}
+
+TEST_F(ProgramLog, HasNamesWithoutAnAddress)
+{
+    RunLogged("check", {"--servers=none.invalid"});
+    EXPECT_THAT(
+        Records(),
+        ElementsAre(StartsWith("error No address for server none.invalid: "),
+                    StartsWith("error End of corpdir check with status 3: no name in --servers")));
+}
+
+// With a result that cannot be written, the status is that of the process.
+TEST_F(ProgramLog, EndsOnceWithTheStatusOfTheProcess)
+{
+    Serve();
+    for (const char* const name : {"fetch", "check"})
+    {
+        for (const std::string json : {"--json=false", "--json"})
+        {
+            Command command = Line(name, {"--log-dir=" + m_logs.Path(), json});
+            std::vector<std::string> arguments = {"/bin/sh", "-c", "exec \"$@\" >/dev/full", "sh"};
+            arguments.insert(arguments.end(), command.arguments.begin(), command.arguments.end());
+            command.arguments = arguments;
+            const CommandResult result = RunCommand(command);
+            EXPECT_EQ(result.status, kLocalFile);
+            EXPECT_EQ(result.output, "corpdir: the result cannot be written to standard output\n");
+        }
+    }
+    const std::string unwritten = " with status 6: the result cannot be written to standard output";
+    EXPECT_THAT(Records(), ElementsAre("error End of corpdir fetch" + unwritten,
+                                       "error End of corpdir fetch" + unwritten,
+                                       "error End of corpdir check" + unwritten,
+                                       "error End of corpdir check" + unwritten));
+}
+
+// The directory disappears after it was checked.
+TEST_F(ProgramLog, HasTheEndOfARunThatCannotBeStarted)
+{
+    Serve();
+    for (const bool json : {false, true})
+    {
+        TemporaryDirectory output;
+        const std::string folder = output.File("folder");
+        const std::string fifo = output.File("password");
+        std::filesystem::create_directory(folder);
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        std::vector<std::string> more = {"--log-dir=" + m_logs.Path(), "--output-dir=" + folder,
+                                         "--password-file=" + fifo};
+        if (json)
+        {
+            more.push_back("--json");
+        }
+        Command command = Fetch(more);
+        command.output_file = output.File("said");
+        Process process(command);
+        const int writer = open(fifo.c_str(), O_WRONLY);  // waits for the program
+        std::filesystem::remove(folder);
+        EXPECT_EQ(write(writer, "secret\n", 7), 7);
+        (void)close(writer);
+        EXPECT_EQ(process.Wait(std::chrono::seconds(20)), kLocalFile);
+        const std::string said = ReadFile(output.File("said"));
+        EXPECT_THAT(said, HasSubstr("corpdir: "));
+        EXPECT_EQ(said.find("{\"status\":6") != std::string::npos, json);
+    }
+    EXPECT_THAT(Records(), ElementsAre(StartsWith("error End of corpdir fetch with status 6: "),
+                                       StartsWith("error End of corpdir fetch with status 6: ")));
 }
 
 TEST_F(Program, RotatesTheLogAsItIsAsked)
@@ -509,11 +644,6 @@ TEST_F(Program, ANewDirectoryFileKeepsTheModeOfTheOld)
 
 TEST_F(Program, FetchesOnlyAChangeWhenAsked)
 {
-    const CommandResult help = RunCommand({{CORPDIR_TEST_PROGRAM, "fetch", "--help"}, {}, ""});
-    if (help.output.find("--if-changed") == std::string::npos)
-    {
-        GTEST_SKIP() << "this build has no --if-changed";
-    }
     Serve();
     Fetched({"--if-changed"});
     CommandResult result = Fetched({"--if-changed"});

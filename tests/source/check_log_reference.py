@@ -34,7 +34,7 @@ DOORS = [
 # Files that define the doors, and what their own calls of WriteLog look like from outside.
 DEFINITIONS = {SERVICE_FOLDER + "/ftpcorpdirimpl.cpp": 1, "platform/travex_ftp/log.h": 1,
                "platform/osak/osak_log.h": 1, "platform/include/corpdir_log.h": 1,
-               "client/client_log.h": 1, "tools/corpdir/commands/run_log.cpp": 1,
+               "client/client_log.h": 1, "tools/corpdir/commands/tool_log.h": 1,
                "platform/corpdir_log/corpdir_log.cpp": 2}
 
 # Functions of the FTP layer that make a reason, and the arguments that hold a text of their own.

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <filesystem>
 
+#include "commands/advice.h"
 #include "commands/checker.h"
 #include "commands/command.h"
 #include "commands/run_log.h"
@@ -73,14 +74,29 @@ int StatusOf(const std::vector<CheckResult>& results)
     return isInvalid ? kExitBadVersion : kExitNoServer;
 }
 
+struct CheckEnd
+{
+    int status = kExitFetched;
+    std::string error;  // empty when a server works, unless the check was stopped
+};
+
+// For the last record of the run.
+std::string TextOf(const CheckEnd& end, const std::vector<CheckResult>& results)
+{
+    if (end.error.empty())
+    {
+        return "version and directory file can be fetched; each transfer of the directory file was "
+               "cancelled at its first byte";
+    }
+    const CheckResult last = results.empty() ? CheckResult() : results.back();
+    return OutcomeText(end.status, end.error, last.server.Label(), last.failure);
+}
+
 // Prints each result at once, or all as one JSON object.
 class CheckPrinter
 {
 public:
-    CheckPrinter(const Plan& plan, Report& report, RunLog& log)
-        : m_plan(plan), m_report(report), m_log(log)
-    {
-    }
+    CheckPrinter(const Plan& plan, Report& report) : m_plan(plan), m_report(report) {}
 
     void Add(const CheckResult& result)
     {
@@ -98,21 +114,20 @@ public:
         return m_leftOut;
     }
 
-    // Prints and logs the end; returns the status.
-    int End(int status, const std::string& error) const
+    // Throws ExitError when standard output cannot be written.
+    void PrintEnd(const CheckEnd& end) const
     {
-        m_log.End(status, error.empty() ? "version and directory file can be fetched" : error);
         if (m_plan.json)
         {
-            PrintChecksAsJson(m_results, m_leftOut, m_plan.UsedPort(), status, error, stdout);
+            PrintChecksAsJson(m_results, m_leftOut, m_plan.UsedPort(), end.status, end.error,
+                              stdout);
         }
         FlushResult();
-        if (!error.empty())
+        if (!end.error.empty())
         {
-            m_report.Error(error);
-            Hint();
+            m_report.Error(end.error);
+            GiveHint(HintFor(Failures(), m_plan), m_plan, m_report);
         }
-        return status;
     }
 
     const std::vector<CheckResult>& Results() const
@@ -121,23 +136,18 @@ public:
     }
 
 private:
-    void Hint() const
+    std::vector<Failure> Failures() const
     {
         std::vector<Failure> failures;
         for (const CheckResult& result : m_results)
         {
             failures.push_back(result.failure);
         }
-        const std::string hint = HintFor(failures, m_plan);
-        if (!hint.empty())
-        {
-            m_report.Hint(hint);
-        }
+        return failures;
     }
 
     const Plan& m_plan;
     Report& m_report;
-    RunLog& m_log;
     std::vector<CheckResult> m_results;
     std::vector<std::string> m_leftOut;
 };
@@ -148,8 +158,8 @@ std::string ErrorOf(const std::vector<CheckResult>& results, int status)
 }
 
 // A check that was stopped ends with success when a server works.
-int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret& password,
-             TimeLimits& limits, CommandProcess& process, CheckPrinter& printer)
+CheckEnd CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret& password,
+                  TimeLimits& limits, CommandProcess& process, CheckPrinter& printer)
 {
     const ScratchDirectory scratch;
     const LastResort lastResort(process, [&scratch] { scratch.Remove(); });
@@ -165,10 +175,10 @@ int CheckAll(const std::vector<Server>& servers, const Plan& plan, const Secret&
     {
         const bool works = StatusOf(printer.Results()) == kExitFetched;
         const bool timeOver = stopped.status == kExitNoOutcome;
-        return printer.End(works && timeOver ? kExitFetched : stopped.status, stopped.message);
+        return {works && timeOver ? kExitFetched : stopped.status, stopped.message};
     }
     const int status = StatusOf(printer.Results());
-    return printer.End(status, ErrorOf(printer.Results(), status));
+    return {status, ErrorOf(printer.Results(), status)};
 }
 
 int Check(const Options& options, const CipherSource& ciphers)
@@ -182,18 +192,30 @@ int Check(const Options& options, const CipherSource& ciphers)
     settings.quiet = options.quiet;
     Report report(settings, process.Messages());
     RunLog log("check", plan);
-    CheckPrinter printer(plan, report, log);
+    CheckPrinter printer(plan, report);
     TimeLimits limits(plan);
+    CheckEnd end;
     try
     {
         const std::vector<Server> servers =
             FindServers(plan, process.Events(), limits, report, printer.LeftOut());
-        return CheckAll(servers, plan, password, limits, process, printer);
+        end = CheckAll(servers, plan, password, limits, process, printer);
     }
     catch (const ExitError& error)
     {
-        return printer.End(error.Status(), error.what());
+        end = {error.Status(), error.what()};
     }
+    try
+    {
+        printer.PrintEnd(end);
+    }
+    catch (const ExitError& error)
+    {
+        log.End(error.Status(), error.what());
+        throw;
+    }
+    log.End(end.status, TextOf(end, printer.Results()));
+    return end.status;
 }
 
 }  // namespace
@@ -206,7 +228,7 @@ int RunCheck(const Options& options, const CipherSource& ciphers)
     }
     catch (const ExitError& error)
     {
-        if (options.json)
+        if (options.json && std::ferror(stdout) == 0)
         {
             PrintChecksAsJson({}, {}, options.UsedPort(), error.Status(), error.what(), stdout);
         }

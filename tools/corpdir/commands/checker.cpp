@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "commands/layer_settings.h"
+#include "commands/tool_log.h"
 #include "exit_error.h"
 #include "os/signals.h"
 #include "version_file.h"
@@ -149,6 +150,8 @@ void Checker::CheckVersionFile(const TransferEvent& event, CheckResult& result) 
     const client::VersionFile file = client::ReadVersionFile(m_scratch + kVersionName);
     if (!file.version)
     {
+        TOOL_LOG(CORPDIR_LOG_ERROR, "The version file %s from server %s is not valid: %s",
+                 m_plan.versionFile.c_str(), result.server.Label().c_str(), file.problem.c_str());
         Fail(result, CheckStep::kVersionFile, {0, 0, 0, 0, m_plan.versionFile, file.problem});
         return;
     }

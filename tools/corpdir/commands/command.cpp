@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "commands/tool_log.h"
 #include "exit_error.h"
 #include "os/output_files.h"
 
@@ -103,12 +104,12 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events, const Time
     {
         leftOut.push_back(entry.text + ": " + entry.problem);
         report.Error(leftOut.back() + "; skipped");
+        TOOL_LOG(CORPDIR_LOG_ERROR, "No address for server %s: %s", entry.text.c_str(),
+                 entry.problem.c_str());
     }
     if (resolved.servers.empty())
     {
-        throw ExitError(kExitNoServer,
-                        "no name in --servers could be resolved: check the spelling; 'getent hosts "
-                        "NAME' asks this machine's resolver");
+        throw ExitError(kExitNoServer, NoNameResolved());
     }
     return std::move(resolved.servers);
 }

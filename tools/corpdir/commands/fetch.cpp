@@ -99,22 +99,57 @@ void ResultPrinter::PrintObject(const Outcome& outcome) const
     (void)std::fprintf(stdout, "%s\n", TextOf(object).c_str());
 }
 
-Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& printer)
+// The progress is erased on return. An error that ends the session early becomes its outcome.
+Outcome RunSession(const Plan& plan, PasswordSource& password, CommandProcess& process)
+{
+    Report report(ReportSettingsOf(plan), process.Messages());
+    Session session(*GetCorpDirInstance(), plan, SystemLookup, password, process.Events(), report);
+    const LastResort lastResort(process, [&session] { session.RemoveStaged(); });
+    try
+    {
+        return session.Run();
+    }
+    catch (const ExitError& error)
+    {
+        report.Error(error.what());
+        Outcome outcome;
+        outcome.status = error.Status();
+        outcome.error = error.what();
+        return outcome;
+    }
+}
+
+// For the last record of the run.
+std::string TextOf(const Outcome& outcome)
+{
+    if (outcome.error.empty())
+    {
+        return (outcome.unchanged ? "unchanged, version " : "fetched version ") + outcome.version;
+    }
+    const Attempt last = outcome.attempts.empty() ? Attempt() : outcome.attempts.back();
+    return OutcomeText(outcome.status, outcome.error, last.server.Label(), last.failure);
+}
+
+int Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& printer)
 {
     const Plan plan = MakePlan(options, ciphers);
     printer.SetPath(plan.DirectoryPath());
     PasswordSource password(options.passwordFile);
 
     CommandProcess process([](int number) { return kExitSignal + number; });
-    Report report(ReportSettingsOf(plan), process.Messages());
-    Session session(*GetCorpDirInstance(), plan, SystemLookup, password, process.Events(), report);
-    const LastResort lastResort(process, [&session] { session.RemoveStaged(); });
     RunLog log("fetch", plan);
-    Outcome outcome = session.Run();
-    log.End(outcome.status, outcome.unchanged       ? "unchanged, version " + outcome.version
-                            : outcome.error.empty() ? "fetched version " + outcome.version
-                                                    : outcome.error);
-    return outcome;
+    const Outcome outcome = RunSession(plan, password, process);
+    try
+    {
+        printer.Print(outcome);
+    }
+    catch (const ExitError& error)
+    {
+        log.End(error.Status(), error.what());
+        throw;
+    }
+    log.End(outcome.status, TextOf(outcome));
+    return outcome.status;
 }
 
 }  // namespace
@@ -122,24 +157,24 @@ Outcome Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter
 int RunFetch(const Options& options, const CipherSource& ciphers)
 {
     ResultPrinter printer(options);
-    Outcome outcome;
     try
     {
-        outcome = Fetch(options, ciphers, printer);
+        return Fetch(options, ciphers, printer);
     }
     catch (const ExitError& error)
     {
-        if (!options.json)
+        if (!options.json || std::ferror(stdout) != 0)
         {
             throw;
         }
         // With --json the object is printed in any case, and the message as well.
         (void)std::fprintf(stderr, "corpdir: %s\n", error.what());
+        Outcome outcome;
         outcome.status = error.Status();
         outcome.error = error.what();
+        printer.Print(outcome);
+        return outcome.status;
     }
-    printer.Print(outcome);
-    return outcome.status;
 }
 
 }  // namespace corpdir_tool

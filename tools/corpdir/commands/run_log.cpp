@@ -1,6 +1,7 @@
 #include "commands/run_log.h"
 
 #include "commands/layer_settings.h"
+#include "commands/tool_log.h"
 #include "exit_error.h"
 
 namespace corpdir_tool
@@ -8,17 +9,6 @@ namespace corpdir_tool
 
 namespace
 {
-
-// One record of the program.
-#define TOOL_LOG(level, ...)                                                                  \
-    do                                                                                        \
-    {                                                                                         \
-        CCorpDirLog* const toolLog = __atomic_load_n(&g_LogOne, __ATOMIC_ACQUIRE);            \
-        if (toolLog != nullptr && __atomic_load_n(&g_LogMode, __ATOMIC_RELAXED) == 0)         \
-        {                                                                                     \
-            toolLog->WriteLog("corpdir", __func__, __FILE__, __LINE__, (level), __VA_ARGS__); \
-        }                                                                                     \
-    } while (false)
 
 // What tells one run from another; nothing secret.
 std::string SettingsText(const Plan& plan)

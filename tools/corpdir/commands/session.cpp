@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "commands/advice.h"
 #include "exit_error.h"
 #include "os/signals.h"
 #include "text.h"
@@ -201,14 +202,15 @@ Session::Settled Session::OnAllFailed()
 {
     if (m_outcome.attempts.empty())
     {
-        return Fail(kExitNoServer,
-                    "no name in --servers could be resolved: check the spelling; 'getent hosts "
-                    "NAME' asks this machine's resolver");
+        return Fail(kExitNoServer, NoNameResolved());
     }
     const int status = m_invalidVersion ? kExitBadVersion : kExitNoServer;
-    (void)Fail(status, AllFailed(ServersAsked()));
-    Hint();
-    return status;
+    std::vector<Failure> failures;
+    for (const Attempt& attempt : m_outcome.attempts)
+    {
+        failures.push_back(attempt.failure);
+    }
+    return Fail(status, AllFailed(ServersAsked()), HintFor(failures, m_plan));
 }
 
 Session::Settled Session::Fail(int status, const std::string& message, const std::string& hint)
@@ -222,25 +224,8 @@ Session::Settled Session::Fail(int status, const std::string& message, const std
     {
         m_outcome.attempts.push_back({m_server, {0, 0, 0, 0, "", message}});
     }
-    if (!hint.empty())
-    {
-        m_report.Hint(hint);
-    }
+    GiveHint(hint, m_plan, m_report);
     return status;
-}
-
-void Session::Hint() const
-{
-    std::vector<Failure> failures;
-    for (const Attempt& attempt : m_outcome.attempts)
-    {
-        failures.push_back(attempt.failure);
-    }
-    const std::string hint = HintFor(failures, m_plan);
-    if (!hint.empty())
-    {
-        m_report.Hint(hint);
-    }
 }
 
 void Session::Begin(const Server& server)

@@ -71,7 +71,6 @@ private:
     Settled OnFailed(const client::Event& event);
     Settled OnAllFailed();
     Settled Fail(int status, const std::string& message, const std::string& hint = "");
-    void Hint() const;
     void Begin(const Server& server);
     void ReportServer(const Server& server, const Failure& failure, client::Next next);
     std::size_t ServersAsked() const;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "exit_error.h"
 #include "suites.h"
 #include "text.h"
 #include "travex_ftp.h"
@@ -328,6 +329,28 @@ std::string AllFailed(std::size_t servers)
 {
     return servers == 1 ? "the server failed"
                         : "all " + std::to_string(servers) + " servers failed";
+}
+
+std::string NoNameResolved()
+{
+    return "no name in --servers could be resolved: check the spelling; 'getent hosts NAME' asks "
+           "this machine's resolver";
+}
+
+std::string OutcomeText(int status, const std::string& message, const std::string& server,
+                        const Failure& last)
+{
+    const std::string reason = server + ": " + WithFile(last);
+    if (message == last.reason)
+    {
+        return reason;
+    }
+    const bool allFailed = status == kExitNoServer || status == kExitBadVersion;
+    if (!allFailed || last.reason.empty())
+    {
+        return message;
+    }
+    return (status == kExitBadVersion ? "no server has a valid version" : message) + "; " + reason;
 }
 
 }  // namespace corpdir_tool

@@ -39,6 +39,14 @@ std::string WithFile(const Failure& failure);
 // "all 3 servers failed"
 std::string AllFailed(std::size_t servers);
 
+// Why no server could be asked.
+std::string NoNameResolved();
+
+// The outcome of a failed run, for its last record in the log: the message, and the server that
+// failed last with its reason. status: of the run. last: no reason when no server has failed.
+std::string OutcomeText(int status, const std::string& message, const std::string& server,
+                        const Failure& last);
+
 }  // namespace corpdir_tool
 
 #endif
