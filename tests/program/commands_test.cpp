@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -885,6 +886,20 @@ TEST_F(ProgramWatchRequest, LogsItsFailures)
     EXPECT_THAT(ReadFile(logs.File("corpdir.log")),
                 AllOf(HasSubstr("Event: failed: version.txt from 127.0.0.1: cannot connect"),
                       HasSubstr("Event: all servers failed")));
+}
+
+TEST_F(ProgramWatchRequest, KeepsThePasswordOfAFifo)
+{
+    Serve();
+    const std::string password = m_files.File("password");
+    ASSERT_EQ(mkfifo(password.c_str(), 0600), 0);
+    Watch({"--password-file=" + password});
+    WriteFile(password, m_options.password);
+    ASSERT_TRUE(Await("downloaded ")) << Said();
+    m_process->Signal(SIGHUP);
+    ASSERT_TRUE(Await("unchanged: version 'edition 17'")) << Said();
+    EXPECT_EQ(Count("settings reloaded"), 1U);
+    Stop();
 }
 
 TEST_F(ProgramWatchRequest, TakesAChangedSettingsFile)

@@ -2,8 +2,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <thread>
+
+#include "commands/client_settings.h"
 #include "os/output_files.h"
 #include "os/password.h"
 #include "parts_support.h"
@@ -158,6 +162,51 @@ TEST(ToolPassword, ADashIsStandardInput)
     password.Wipe();
     EXPECT_EQ(ExitErrorOf([&password] { ReadPassword("-", password); }).message,
               "the password from standard input is empty");
+}
+
+std::string Given(PasswordSource& source, bool again)
+{
+    Secret password;
+    source.Get(password, again);
+    return std::string(password.View());
+}
+
+TEST(ToolPassword, AFileIsReadAgain)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory.Write("password", "old\n");
+    PasswordSource source(path);
+    directory.Write("password", "new\n");
+    EXPECT_EQ(Given(source, false), "old");
+    EXPECT_EQ(Given(source, true), "new");
+    directory.Write("password", "newer\n");
+    PasswordSource reloaded(path, source);
+    EXPECT_EQ(Given(reloaded, false), "newer");
+    directory.Write("password", "");
+    EXPECT_EQ(Given(reloaded, true), "newer") << "it may be replaced at this moment";
+    EXPECT_EQ(ExitErrorOf([&] { PasswordSource(path, source); }).status, kExitArguments);
+    PasswordSource kept("-", reloaded);
+    EXPECT_EQ(Given(kept, true), "newer");
+}
+
+// Waiting for a writer would last forever.
+TEST(ToolPassword, AFifoIsReadOnce)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory.Path() + "/fifo";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    std::thread writer(
+        [&path]
+        {
+            const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+            EXPECT_EQ(write(file, "secret\n", 7), 7);
+            (void)close(file);
+        });
+    PasswordSource source(path);
+    writer.join();
+    EXPECT_EQ(Given(source, true), "secret");
+    PasswordSource reloaded(path, source);
+    EXPECT_EQ(Given(reloaded, true), "secret");
 }
 
 TEST(ToolSecret, WipesWhatItHeld)

@@ -25,15 +25,25 @@ PasswordSource::PasswordSource(std::string file) : m_file(std::move(file))
     ReadPassword(m_file, m_password);
 }
 
+PasswordSource::PasswordSource(std::string file, PasswordSource& earlier) : m_file(std::move(file))
+{
+    if (!CanBeReadAgain() || !ReadPasswordAgain(m_file, m_password))
+    {
+        earlier.Get(m_password, false);
+    }
+}
+
 void PasswordSource::Get(client::Secret& password, bool again)
 {
-    if (again && !m_file.empty() && m_file != "-")
+    if (again && CanBeReadAgain())
     {
         try
         {
             client::Secret read;
-            ReadPassword(m_file, read);
-            Copy(read, m_password);
+            if (ReadPasswordAgain(m_file, read))
+            {
+                Copy(read, m_password);
+            }
         }
         catch (const ExitError&)
         {

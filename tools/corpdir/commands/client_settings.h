@@ -21,11 +21,20 @@ public:
     // Reads the password; see ReadPassword().
     explicit PasswordSource(std::string file);
 
+    // For settings that are read again: takes the earlier password when there is no regular file to
+    // read. Throws ExitError when there is one that cannot be used.
+    PasswordSource(std::string file, PasswordSource& earlier);
+
     // Appends the password to an empty one. again: a password file is read again first. One that
-    // cannot be read leaves the password as it was.
+    // cannot be read, or is no regular file, leaves the password as it was.
     void Get(client::Secret& password, bool again);
 
 private:
+    bool CanBeReadAgain() const
+    {
+        return !m_file.empty() && m_file != "-";
+    }
+
     const std::string m_file;
     client::Secret m_password;
 };

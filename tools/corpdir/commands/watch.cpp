@@ -8,31 +8,20 @@
 namespace corpdir_tool
 {
 
-namespace
-{
-
-WatchSettings SettingsFrom(const Options& options, const CipherSource& ciphers)
-{
-    const Plan plan = MakePlan(options, ciphers);
-    return {plan, std::make_shared<PasswordSource>(options.passwordFile)};
-}
-
-}  // namespace
-
 int RunWatch(const Options& options, const CipherSource& ciphers,
              const std::function<Options()>& again)
 {
     const ServiceManager manager;
-    const WatchSettings settings = SettingsFrom(options, ciphers);
+    const WatchSettings settings = {MakePlan(options, ciphers),
+                                    std::make_shared<PasswordSource>(options.passwordFile)};
     // A watch that is stopped by a signal ends with success.
     CommandProcess process([](int) { return static_cast<int>(kExitFetched); }, true);
-    // Without a password file, the password of the start stays in use.
+    // Without a password file that can be read again, the password of the start stays in use.
     const auto reload = [&]
     {
         const Options read = again();
-        return read.passwordFile.empty() || read.passwordFile == "-"
-                   ? WatchSettings{MakePlan(read, ciphers), settings.password}
-                   : SettingsFrom(read, ciphers);
+        return WatchSettings{MakePlan(read, ciphers), std::make_shared<PasswordSource>(
+                                                          read.passwordFile, *settings.password)};
     };
     RunLog log("watch", settings.plan);
     Watcher watcher(*GetCorpDirInstance(), settings, reload, SystemLookup, log, process.Events(),

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -108,6 +109,11 @@ void CheckPassword(const Secret& password, const std::string& source)
     {
         Refuse(source, "contains a control byte, such as a newline");
     }
+}
+
+std::string NameOf(const std::string& passwordFile)
+{
+    return passwordFile == "-" ? "standard input" : "'" + Printable(passwordFile) + "'";
 }
 
 void ReadFile(const std::string& path, const std::string& source, Secret& password)
@@ -222,6 +228,27 @@ void Prompt(const std::string& source, Secret& password)
 
 }  // namespace
 
+bool ReadPasswordAgain(const std::string& passwordFile, Secret& password)
+{
+    const std::string source = NameOf(passwordFile);
+    // Opening a FIFO without O_NONBLOCK would wait for a writer.
+    const base::Descriptor file(
+        open(passwordFile.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    struct stat status = {};
+    if (!file.IsOpen() || fstat(file.Number(), &status) != 0)
+    {
+        RefuseUnreadable(source);
+    }
+    if (!S_ISREG(status.st_mode))
+    {
+        return false;
+    }
+    ReadDescriptor(file.Number(), false, source, password);
+    RemoveNewline(password);
+    CheckPassword(password, source);
+    return true;
+}
+
 void ReadPassword(const std::string& passwordFile, Secret& password)
 {
     std::string source;
@@ -233,7 +260,7 @@ void ReadPassword(const std::string& passwordFile, Secret& password)
         {
             ForgetVariable(variable);  // not used, and a command must not inherit it
         }
-        source = passwordFile == "-" ? "standard input" : "'" + Printable(passwordFile) + "'";
+        source = NameOf(passwordFile);
         ReadFile(passwordFile, source, password);
     }
     else if (variable != nullptr)

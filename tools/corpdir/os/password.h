@@ -24,6 +24,10 @@ constexpr std::size_t kMaxPasswordLength = 127;
 // unreadable, empty, too long, or with a control byte.
 void ReadPassword(const std::string& passwordFile, Secret& password);
 
+// Fills `password` from a file that was read before. False when it is not a regular file: a FIFO
+// gives its password once, and is not waited for. Throws ExitError as above. Any thread.
+bool ReadPasswordAgain(const std::string& passwordFile, Secret& password);
+
 }  // namespace corpdir_tool
 
 #endif
