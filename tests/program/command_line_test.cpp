@@ -255,6 +255,50 @@ TEST_F(ToolSettingsFile, AMistakeInTheDefaultOneIsReportedWithItsPath)
                 HasSubstr("corpdir: --config " + m_path + ", line 6: "));
 }
 
+TEST_F(ToolSettingsFile, HelpVersionAndCiphersWorkInSpiteOfAMistake)
+{
+    Write("prot = 1");
+    const Parsed version = Parse({"-V"}, m_path);
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.output, "the versions\n");
+    for (const auto& words : {std::vector<std::string>{"--help"},
+                              {"fetch", "--help"},
+                              {"status", "-h"},
+                              {"--config=" + m_path, "fetch", "--help"}})
+    {
+        const Parsed help = Parse(words, m_path);
+        EXPECT_EQ(help.status, 0) << words[0];
+        EXPECT_THAT(help.output, HasSubstr("--help")) << words[0];
+    }
+    const Parsed ciphers = Parse({"ciphers"}, m_path);
+    EXPECT_EQ(ciphers.status, 0);
+    EXPECT_TRUE(ciphers.options.has_value());
+    EXPECT_EQ(
+        ciphers.output,
+        "corpdir: " + m_path + ", line 6: no command has an option 'prot'; did you mean 'port'?\n");
+}
+
+TEST_F(ToolSettingsFile, AProblemOfASettingNamesTheFile)
+{
+    const auto problem = [this](const std::vector<std::string>& words)
+    {
+        const Parsed parsed = Parse(words, m_path);
+        return ExitErrorOf([&] { (void)MakePlan(parsed.options.value(), SomeCiphers); }).message;
+    };
+    Write("local-ip = '192.0.2.9'\nport = 77\n[fetch]\nlocal-ip = '192.0.2.8'");
+    EXPECT_EQ(problem({"fetch", "--servers=::1"}),
+              "server ::1 of --servers cannot be reached from --local-ip 192.0.2.8: one is IPv4, "
+              "the other IPv6 (" +
+                  m_path + " has local-ip)");
+    Write("plain = true\nca = '/ca.pem'");
+    EXPECT_EQ(problem({"fetch"}),
+              "--plain does not use TLS; remove --ca, --verify-name and --ciphers (" + m_path +
+                  " has plain, ca)");
+    Write("version-name = 'a'");
+    EXPECT_EQ(problem({"fetch", "--version-name=b", "--directory-name=b"}),
+              "both files would be stored as 'b'; give --version-name or --directory-name");
+}
+
 TEST_F(ToolSettingsFile, ADefaultOneThatCannotBeReadIsReported)
 {
     // A loop cannot be opened, by root either.

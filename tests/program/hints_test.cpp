@@ -1,6 +1,6 @@
 // The hint for each kind of failure.
-#include "exit_error.h"
 #include "ui/hints.h"
+#include "exit_error.h"
 #include "suites.h"
 #include "travex_ftp.h"
 

@@ -372,7 +372,8 @@ TEST_F(ToolOptions, TheLocalAddressIsAnAddress)
 TEST_F(ToolOptions, TheLocalAddressIsOfTheServersFamily)
 {
     m_options.localIp = "::1";
-    EXPECT_THAT(Message(), HasSubstr("server 192.0.2.1 cannot be reached from --local-ip ::1"));
+    EXPECT_THAT(Message(),
+                HasSubstr("server 192.0.2.1 of --servers cannot be reached from --local-ip ::1"));
     m_options.localIp = "127.0.0.1";
     EXPECT_EQ(MadePlan().family, AF_INET);
 }

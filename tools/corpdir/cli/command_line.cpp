@@ -302,6 +302,14 @@ void AddCiphers(CLI::App& program, Options& options, const Runner& run, int& sta
     ciphers->callback([&] { status = run(options); });
 }
 
+void Print(const std::string& notice, bool quiet)
+{
+    if (!quiet)
+    {
+        (void)std::fprintf(stderr, "corpdir: %s\n", notice.c_str());
+    }
+}
+
 // A message on the first word that the parser did not understand, with a suggestion; else empty.
 std::string UnknownWord(const CLI::App& program, const CLI::App* chosen)
 {
@@ -383,11 +391,13 @@ int RunCommandLine(int argc, char** argv, const Commands& commands, std::string 
     Options options;
     options.words.assign(argv + 1, argv + argc);
     AddSettingsFile(program, defaultSettings,
-                    [&options](const std::string& notice)
+                    [&options](const UsedSettings& used)
                     {
-                        if (!options.quiet)
+                        options.settingsFile = used.path;
+                        options.settings = used.names;
+                        for (const std::string& notice : used.notices)
                         {
-                            (void)std::fprintf(stderr, "corpdir: %s\n", notice.c_str());
+                            Print(notice, options.quiet);
                         }
                     });
     int status = 0;

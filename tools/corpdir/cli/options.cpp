@@ -169,8 +169,8 @@ void PlanServers(Plan& plan)
     {
         if (entry.isAddress && client::FamilyOf(entry.text.c_str()) != plan.family)
         {
-            Refuse("server " + entry.text + " cannot be reached from --local-ip " + plan.localIp +
-                   ": one is IPv4, the other IPv6");
+            Refuse("server " + entry.text + " of --servers cannot be reached from --local-ip " +
+                   plan.localIp + ": one is IPv4, the other IPv6");
         }
     }
 }
@@ -240,15 +240,7 @@ void PlanLog(Plan& plan)
     }
 }
 
-}  // namespace
-
-std::string Plan::AbsoluteDirectoryPath() const
-{
-    return outputDir.front() == '/' ? DirectoryPath()
-                                    : Tidied(workingDirectory + "/" + DirectoryPath());
-}
-
-Plan MakePlan(const Options& options, const CipherSource& ciphers, Output output)
+Plan Checked(const Options& options, const CipherSource& ciphers, Output output)
 {
     Plan plan;
     static_cast<Options&>(plan) = options;
@@ -277,7 +269,7 @@ Plan MakePlan(const Options& options, const CipherSource& ciphers, Output output
     return plan;
 }
 
-std::string PlanStatus(const Options& options)
+std::string CheckedDirectory(const Options& options)
 {
     if (options.directoryName.empty())
     {
@@ -285,6 +277,55 @@ std::string PlanStatus(const Options& options)
     }
     CheckDirectoryName(LocalName("--directory-name", options.directoryName, "", ""));
     return OutputDirectory(options);
+}
+
+// For a message on options: which of them the settings file gave.
+std::string FromFile(const Options& options, const std::string& message)
+{
+    std::string names;
+    for (const std::string& name : options.settings)
+    {
+        const std::size_t at = message.find("--" + name);
+        const std::size_t end = at + 2 + name.size();
+        if (at != std::string::npos &&
+            (end == message.size() || message.find_first_of(" ,;:", end) == end))
+        {
+            names += (names.empty() ? "" : ", ") + name;
+        }
+    }
+    return names.empty() ? "" : " (" + options.settingsFile + " has " + names + ")";
+}
+
+}  // namespace
+
+std::string Plan::AbsoluteDirectoryPath() const
+{
+    return outputDir.front() == '/' ? DirectoryPath()
+                                    : Tidied(workingDirectory + "/" + DirectoryPath());
+}
+
+Plan MakePlan(const Options& options, const CipherSource& ciphers, Output output)
+{
+    try
+    {
+        return Checked(options, ciphers, output);
+    }
+    catch (const ExitError& error)
+    {
+        throw ExitError(error.Status(), error.what() + FromFile(options, error.what()));
+    }
+}
+
+std::string PlanStatus(const Options& options)
+{
+    try
+    {
+        return CheckedDirectory(options);
+    }
+    catch (const ExitError& error)
+    {
+        throw ExitError(error.Status(), error.what() + FromFile(options, error.what()));
+    }
 }
 
 }  // namespace corpdir_tool

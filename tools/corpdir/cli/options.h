@@ -19,6 +19,8 @@ namespace corpdir_tool
 struct Options
 {
     std::vector<std::string> words;  // of the command line, without the program's name
+    std::string settingsFile;
+    std::vector<std::string> settings;  // names of the options that the file gave
 
     std::string servers;
     unsigned int port = 0;  // 0: not given
@@ -87,7 +89,8 @@ struct Plan : Options
 };
 
 // Checks the options one by one. Uses no network, and only tests whether files and directories are
-// usable. Throws ExitError with a message that names the option. ciphers: called when a suite is
+// usable. Throws ExitError with a message that names the option, and the settings file when it gave
+// the option. ciphers: called when a suite is
 // given by name. output: whether there must be an outputDir.
 enum class Output
 {

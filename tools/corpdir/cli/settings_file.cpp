@@ -160,7 +160,7 @@ public:
         {
             throw ExitError(kExitArguments, "--config and --no-config exclude each other");
         }
-        if (IsExcluded())
+        if (IsExcluded() || OnlyPrints())
         {
             return {};
         }
@@ -170,25 +170,41 @@ public:
         }
         catch (const ExitError& error)
         {
-            throw ExitError(kExitArguments,
-                            (given ? "--config " : "") + Path() + ", " + error.what());
+            const std::string problem = Path() + ", " + error.what();
+            if (m_program.got_subcommand("ciphers"))
+            {
+                m_used.notices.push_back(problem);
+                return {};
+            }
+            throw ExitError(kExitArguments, (given ? "--config " : "") + problem);
         }
     }
 
-    // Settings that are not used, and why.
-    std::vector<std::string> Notices() const
+    UsedSettings Used() const
     {
-        std::vector<std::string> notices = m_notices;
+        UsedSettings used = m_used;
         const auto path = m_program.get_config_ptr()->as<std::string>();
+        used.path = Path();
         // The parser ignores a default file that cannot be opened.
         if (!IsExcluded() && access(path.c_str(), R_OK) != 0 && errno != ENOENT)
         {
-            notices.push_back(Path() + " is not used: " + SystemMessage(errno));
+            used.notices.push_back(Path() + " is not used: " + SystemMessage(errno));
         }
-        return notices;
+        return used;
     }
 
 private:
+    // Help or version is asked for.
+    bool OnlyPrints() const
+    {
+        const std::vector<CLI::App*> commands = m_program.get_subcommands();
+        return m_program.get_version_ptr()->count() != 0 ||
+               m_program.get_help_ptr()->count() != 0 ||
+               std::any_of(commands.begin(), commands.end(),
+                           [](const CLI::App* command)
+                           { return command->get_help_ptr()->count() != 0; });
+    }
+
     bool IsExcluded() const
     {
         return m_program.get_option("--no-config")->count() != 0;
@@ -258,14 +274,20 @@ private:
         const std::string opposite = RuledOutBy(command, setting);
         if (!opposite.empty())
         {
-            m_notices.push_back("the setting '" + setting.name + "' of " + Path() +
-                                " is not used, because the command line has " + opposite);
+            m_used.notices.push_back("the setting '" + setting.name + "' of " + Path() +
+                                     " is not used, because the command line has " + opposite);
             return;
         }
         CLI::ConfigItem item;
         item.parents = {command.get_name()};
         item.name = setting.name;
         item.inputs = {setting.value};
+        std::vector<std::string>& names = m_used.names;
+        if (command.count("--" + setting.name) == 0 &&
+            std::find(names.begin(), names.end(), setting.name) == names.end())
+        {
+            names.push_back(setting.name);
+        }
         sorted.push_back(item);
     }
 
@@ -301,7 +323,7 @@ private:
 
     const CLI::App& m_program;
     // The parser reads through a constant object.
-    mutable std::vector<std::string> m_notices;
+    mutable UsedSettings m_used;
 };
 
 }  // namespace
@@ -331,7 +353,7 @@ CLI::Validator NotEmpty()
 }
 
 void AddSettingsFile(CLI::App& program, const std::string& defaultPath,
-                     std::function<void(const std::string& notice)> print)
+                     std::function<void(const UsedSettings& used)> use)
 {
     const auto format = std::make_shared<SettingsFormat>(program);
     program.config_formatter(format);
@@ -339,14 +361,7 @@ void AddSettingsFile(CLI::App& program, const std::string& defaultPath,
         ->check(NotEmpty())
         ->type_name("FILE");
     program.add_flag("--no-config", "Read no settings file");
-    program.parse_complete_callback(
-        [format, print = std::move(print)]
-        {
-            for (const std::string& notice : format->Notices())
-            {
-                print(notice);
-            }
-        });
+    program.parse_complete_callback([format, use = std::move(use)] { use(format->Used()); });
 }
 
 }  // namespace corpdir_tool

@@ -19,6 +19,14 @@ struct Setting
     std::size_t line = 0;
 };
 
+// What the program took from the file.
+struct UsedSettings
+{
+    std::string path;
+    std::vector<std::string> names;    // of the settings that the command uses, without "--"
+    std::vector<std::string> notices;  // settings that are not used, and why
+};
+
 // Reads TOML 1.0 (toml.io): strings, integers and booleans, in sections that are not nested.
 // Returns them in the order of the lines. Throws ExitError with the line number for anything else.
 std::vector<Setting> ReadSettings(std::istream& input);
@@ -31,10 +39,10 @@ CLI::Validator NotEmpty();
 // One file serves all commands. Settings before the first section apply to each command that has
 // the option. A section applies to its command and overrides them; the command line overrides both.
 // An option that no command has is an error: a misspelt protection must not be ignored. A setting
-// that an option of the command line rules out is left out. print: called for each notice, before
-// the command runs.
+// that an option of the command line rules out is left out. Help and version do not need the file,
+// and for `ciphers` a mistake in it is a notice. use: called before the command runs.
 void AddSettingsFile(CLI::App& program, const std::string& defaultPath,
-                     std::function<void(const std::string& notice)> print);
+                     std::function<void(const UsedSettings& used)> use);
 
 }  // namespace corpdir_tool
 
