@@ -258,11 +258,15 @@ protected:
     CommandResult RunWith(const std::string& top, const std::string& sections = "")
     {
         std::string text = "# settings\n";
-        const Command line = Fetch();
+        const Command line = Fetch({"--config=" + m_files.File("corpdir.conf")});
         for (std::size_t i = 2; i < line.arguments.size(); ++i)
         {
             const std::string option = line.arguments[i].substr(2);
             const std::size_t equals = option.find('=');
+            if (option.substr(0, equals) == "config")
+            {
+                continue;
+            }
             text += option.substr(0, equals) + " = \"" + option.substr(equals + 1) + "\"\n";
         }
         WriteFile(m_files.File("corpdir.conf"), text + top + "\n" + sections + "\n");
@@ -966,6 +970,7 @@ protected:
                    {"confirmed", "2026-01-02T10:00:00Z"},
                    {"checked", "2026-01-03T10:00:00Z"},
                    {"outcome", "failed"},
+                   {"reason", "login refused"},
                    {"failures", 3}};
     }
 
@@ -1005,7 +1010,12 @@ TEST_F(ProgramStatus, ShowsWhatIsKnown)
                                  "fetched:  2026-01-01T10:00:00Z\n"
                                  "checked:  2026-01-03T10:00:00Z\n"
                                  "outcome:  failed\n"
+                                 "reason:   login refused\n"
                                  "failures: 3\n");
+    m_state["reason"] = nullptr;
+    Keep();
+    EXPECT_THAT(Status().output, HasSubstr("outcome:  failed\nfailures: 3\n"));
+    EXPECT_EQ(ObjectIn(Status({"--json"}).output)["reason"], nullptr);
 }
 
 TEST_F(ProgramStatus, IsReadByPrograms)
@@ -1027,6 +1037,11 @@ TEST_F(ProgramStatus, WithoutAStateItIsUnknown)
     const json object = ObjectIn(Status({"--json"}).output);
     EXPECT_EQ(object["version"], nullptr);
     EXPECT_EQ(object["size"], nullptr);
+    std::filesystem::create_symlink(".d.csv.corpdir.json", state);  // root cannot open it either
+    result = Status();
+    EXPECT_EQ(result.status, kNoState);
+    EXPECT_THAT(result.output, HasSubstr("cannot be used: Too many levels of symbolic links\n"));
+    std::filesystem::remove(state);
     WriteFile(state, "{\"format\": 2}");
     result = Status();
     EXPECT_EQ(result.status, kNoState);

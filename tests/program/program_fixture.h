@@ -109,6 +109,13 @@ protected:
             }
         }
         std::vector<std::string> arguments = {program, name};
+        // The machine may have settings of its own.
+        if (std::none_of(options.begin(), options.end(),
+                         [](const std::string& option)
+                         { return option.rfind("--config", 0) == 0; }))
+        {
+            arguments.push_back("--no-config");
+        }
         arguments.insert(arguments.end(), options.begin(), options.end());
         return {arguments, Environment(m_options.password), ""};
     }

@@ -245,8 +245,8 @@ void AddWatch(CLI::App& program, Options& options, const Runner& run, int& statu
     AddRequestOptions(*watch, options);
     AddOutputDir(*watch, options, kOutputText)->required();
     AddDuration(*watch, kLimits, "--retry", options.retrySeconds,
-                "Time until the next try when all servers failed and the\n"
-                "directory file is missing (1m)",
+                "Time until the next try when no server gave a usable file, or\n"
+                "a local file cannot be written (1m)",
                 1, 600);
     AddDuration(*watch, kLimits, "--splay", options.splaySeconds,
                 "Wait a random time, at most this, before the first check (none)", 1, kDay);

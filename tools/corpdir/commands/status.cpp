@@ -1,4 +1,6 @@
+#include <errno.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <ctime>
 
@@ -63,6 +65,10 @@ void PrintText(const client::State& state, const std::string& path)
     print("fetched:", OrNever(state.fetched));
     print("checked:", OrNever(state.checked));
     print("outcome:", state.outcome);
+    if (!state.reason.empty())
+    {
+        print("reason:", state.reason);
+    }
     print("failures:", std::to_string(state.failures));
 }
 
@@ -76,6 +82,7 @@ void PrintJson(const client::State& state)
                          {"fetched", OrNull(client::TimeText(state.fetched))},
                          {"checked", OrNull(client::TimeText(state.checked))},
                          {"outcome", OrNull(state.outcome)},
+                         {"reason", OrNull(state.reason)},
                          {"failures", state.failures}};
     (void)std::fprintf(stdout, "%s\n", TextOf(object).c_str());
 }
@@ -116,7 +123,10 @@ int RunStatus(const Options& options)
     problem = known ? FileProblem(path, *state) : StateProblem(path, statePath, state, problem);
     if (!problem.empty())
     {
-        throw ExitError(kExitNoState, problem + "; run 'corpdir fetch'");
+        // A fetch does not help where a file may not be read.
+        const bool fetchHelps =
+            access((known ? path : statePath).c_str(), R_OK) == 0 || errno == ENOENT;
+        throw ExitError(kExitNoState, problem + (fetchHelps ? "; run 'corpdir fetch'" : ""));
     }
     CheckAge(*state, options.maxAgeSeconds);
     return kExitFetched;
