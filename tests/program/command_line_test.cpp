@@ -293,10 +293,17 @@ TEST_F(ToolSettingsFile, AProblemOfASettingNamesTheFile)
     Write("plain = true\nca = '/ca.pem'");
     EXPECT_EQ(problem({"fetch"}),
               "--plain does not use TLS; remove --ca, --verify-name and --ciphers (" + m_path +
-                  " has plain, ca)");
-    Write("version-name = 'a'");
-    EXPECT_EQ(problem({"fetch", "--version-name=b", "--directory-name=b"}),
-              "both files would be stored as 'b'; give --version-name or --directory-name");
+                  " has plain)");
+    const std::string same =
+        "both files would be stored as 'b' (--version-name, --directory-name); give one of them "
+        "another name";
+    Write("version-name = 'b'");
+    EXPECT_EQ(problem({"fetch", "--directory-name=b"}),
+              same + " (" + m_path + " has version-name)");
+    EXPECT_EQ(problem({"fetch", "--version-name=b", "--directory-name=b"}), same);
+    Write("port = 77");
+    EXPECT_THAT(problem({"fetch", "--servers=a.example:1"}),
+                testing::EndsWith("give the port with --port"));
 }
 
 TEST_F(ToolSettingsFile, ADefaultOneThatCannotBeReadIsReported)

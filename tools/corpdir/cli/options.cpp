@@ -146,7 +146,7 @@ void PlanFiles(Plan& plan)
     if (plan.versionName == plan.directoryName)
     {
         Refuse("both files would be stored as '" + plan.versionName +
-               "'; give --version-name or --directory-name");
+               "' (--version-name, --directory-name); give one of them another name");
     }
     CheckDirectoryName(plan.directoryName);
 }
@@ -279,16 +279,17 @@ std::string CheckedDirectory(const Options& options)
     return OutputDirectory(options);
 }
 
-// For a message on options: which of them the settings file gave.
+// For a message on options: which of them the settings file gave. Advice follows a ';'.
 std::string FromFile(const Options& options, const std::string& message)
 {
+    const std::string problem = message.substr(0, message.find(';'));
     std::string names;
     for (const std::string& name : options.settings)
     {
-        const std::size_t at = message.find("--" + name);
+        const std::size_t at = problem.find("--" + name);
         const std::size_t end = at + 2 + name.size();
         if (at != std::string::npos &&
-            (end == message.size() || message.find_first_of(" ,;:", end) == end))
+            (end == problem.size() || problem.find_first_of(" ,:)", end) == end))
         {
             names += (names.empty() ? "" : ", ") + name;
         }
