@@ -63,11 +63,6 @@ void CorpDir_CloseLog()
     store.directory.clear();
 }
 
-unsigned int CorpDir_OpenLog(tag_CORPDIR_LOGINFO* /*info*/)
-{
-    return 0;
-}
-
 namespace captured_log
 {
 std::vector<Record> Records()
