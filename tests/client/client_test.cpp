@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 
+#include "captured_log.h"
 #include "fake_layers.h"
 #include "files.h"
 #include "state.h"
@@ -513,6 +514,24 @@ TEST_F(ClientTest, GoesToTheNextServerAfterAnInvalidVersion)
     EXPECT_THAT(service.requests, testing::SizeIs(2));
 }
 
+TEST_F(ClientTest, LogHasInvalidVersionsAndNamesWithoutAnAddress)
+{
+    captured_log::Clear();
+    settings.servers = {{"a.example", false}, {"b.example", false}};
+    addresses["a.example"].problem = "no such name";
+    addresses["b.example"].addresses = {"192.0.2.5"};
+    Start();
+    AwaitRequests(1);
+    Version("192.0.2.5", "V1");
+    (void)Said();
+    EXPECT_THAT(captured_log::Texts(CORPDIR_LOG_ERROR),
+                ElementsAre("No address for server a.example: no such name",
+                            "The version file /dir/version.txt from server 192.0.2.5 (b.example) "
+                            "is not valid: its first line 'V1' is shorter than 5 bytes"));
+    EXPECT_THAT(captured_log::Texts(CORPDIR_LOG_NOTICE),
+                ElementsAre("Server b.example has the address 192.0.2.5"));
+}
+
 // The service would go on to a server that the client has left already.
 TEST_F(ClientTest, AsksNoServerTwiceInACheckOfSeveral)
 {
@@ -882,6 +901,38 @@ TEST_F(ClientTest, FileThatCannotBeReplacedIsReported)
                                     "failed 192.0.2.1 " + std::to_string(TRAVEX_FTP_ERR_LOCAL_FILE),
                                     "all failed", "retry 60"));
     EXPECT_FALSE(FileExists(folder.Path() + "/version.txt"));
+}
+
+TEST_F(ClientTest, VersionFileThatCannotBeReadIsReported)
+{
+    Start();
+    (void)Said();
+    Accept("192.0.2.1", kVersionFile);
+    std::filesystem::remove(Staged(service.last.szVersionLocalFileName));
+    Succeed("192.0.2.1", kVersionFile, task);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1",
+                                    "failed 192.0.2.1 " + std::to_string(TRAVEX_FTP_ERR_LOCAL_FILE),
+                                    "all failed", "retry 60"));
+}
+
+TEST_F(ClientTest, EachFileGoesToItsFolder)
+{
+    const support::TemporaryDirectory other;
+    settings.versionFolder = other.Path() + "/";
+    for (const std::string& version : std::vector<std::string>{"V0001", "V0002"})
+    {
+        Start();  // again with the folders of before
+        (void)Said();
+        Deliver("192.0.2.1", version, version);
+        (void)Said();
+        EXPECT_EQ(version, Local("directory.csv"));
+        EXPECT_EQ(version + "\n", ReadFile(other.File("version.txt")));
+        EXPECT_FALSE(FileExists(folder.File("version.txt")));
+        EXPECT_THAT(support::FilesIn(other.Path()), testing::SizeIs(1 + 3)) << "the run's own";
+    }
+    settings.versionFolder = settings.directoryFolder;
+    Start();
+    EXPECT_THAT(support::FilesIn(other.Path()), ElementsAre("version.txt"));
 }
 
 TEST_F(ClientTest, WarnsOfAVersionThatIsNotWhatItSeems)

@@ -4,17 +4,40 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <grp.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <system_error>
 
+#include "base/mutex.h"
 #include "files.h"
+
+namespace
+{
+
+// As on a file system without locks.
+bool g_noLocks = false;
+
+}  // namespace
+
+// In place of the C library's.
+extern "C" int flock(int file, int operation) noexcept
+{
+    if (g_noLocks)
+    {
+        errno = ENOLCK;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_flock, file, operation));
+}
 
 namespace client
 {
@@ -129,6 +152,27 @@ TEST_F(LocalFilesTest, KeepsPermissions)
     EXPECT_EQ(0640U, ModeOf(".directory.csv.corpdir.json"));
 }
 
+TEST_F(LocalFilesTest, KeepsTheOwner)
+{
+    if (geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can give files away";
+    }
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    for (const char* const name : {"directory.csv", "version.txt"})
+    {
+        ASSERT_EQ(0, chown(folder.File(name).c_str(), 65534, 50));
+    }
+    (void)files.Replace(Arrived("V0002", "two", 2));
+    for (const char* const name : {"directory.csv", "version.txt", ".directory.csv.corpdir.json"})
+    {
+        struct stat state = {};
+        ASSERT_EQ(0, stat(folder.File(name).c_str(), &state));
+        EXPECT_EQ(65534U, state.st_uid) << name;
+        EXPECT_EQ(50U, state.st_gid) << name;
+    }
+}
+
 TEST_F(LocalFilesTest, NewFilesFollowTheUmask)
 {
     const mode_t before = umask(027);
@@ -154,6 +198,35 @@ TEST_F(LocalFilesTest, TwoFoldersWork)
     (void)split.Replace(Arrived("V0001", "one", 1));
     EXPECT_EQ("V0001", ReadFile(other.File("version.txt")));
     EXPECT_EQ("one", ReadFile(folder.File("directory.csv")));
+}
+
+// It would describe the files of before.
+TEST_F(LocalFilesTest, StateThatCannotBeWrittenIsRemoved)
+{
+    const support::TemporaryDirectory other;
+    settings.versionFolder = other.Path() + "/";
+    const Staging versions(settings.versionFolder);
+    LocalFiles split(settings, staging, versions);
+    EXPECT_EQ("", split.Replace(Arrived("V0001", "one", 1)).warning);
+    std::filesystem::create_directory(staging.Path(Staging::File::kNew));
+    const Commit commit = split.Replace(Arrived("V0002", "two", 2));
+    EXPECT_NE(std::string::npos, commit.warning.find("cannot create")) << commit.warning;
+    EXPECT_FALSE(commit.unchanged);
+    EXPECT_EQ("two", ReadFile(folder.File("directory.csv")));
+    EXPECT_EQ("V0002", ReadFile(other.File("version.txt")));
+    EXPECT_FALSE(support::FileExists(StatePath()));
+}
+
+// Unprotected there, but not refused.
+TEST_F(LocalFilesTest, FileSystemWithoutLocksWorks)
+{
+    g_noLocks = true;
+    const Staging own(folder.Path() + "/");
+    LocalFiles mine(settings, own, own);
+    (void)mine.Replace(Arrived("V0001", "one", 1));
+    g_noLocks = false;
+    EXPECT_EQ("V0001 one", Both());
+    EXPECT_TRUE(support::FileExists(staging.Path(Staging::File::kLock))) << "its owner may live";
 }
 
 TEST_F(LocalFilesTest, CurrentNeedsTheVeryFile)
@@ -232,7 +305,9 @@ TEST_F(LocalFilesTest, NotesDoNotWaitLongForTheLock)
     (void)files.Replace(Arrived("V0001", "one", 1));
     const base::Descriptor other(open(StatePath().c_str(), O_RDWR | O_CLOEXEC));
     ASSERT_EQ(LockResult::kLocked, TryLock(other.Number()));
+    const base::Clock::time_point begin = base::Clock::now();
     const std::string warning = files.NoteFailure("no luck");
+    EXPECT_LT(base::Clock::now() - begin, std::chrono::seconds(15)) << "a commit waits for 30 s";
     EXPECT_NE(std::string::npos, warning.find("another process keeps")) << warning;
 }
 
