@@ -9,6 +9,7 @@
 #include <map>
 
 #include "captured_log.h"
+#include "failing_new.h"
 #include "fake_layers.h"
 #include "files.h"
 #include "state.h"
@@ -819,6 +820,24 @@ TEST_F(ClientTest, StartsAgainAfterLackOfMemory)
     }
     EXPECT_EQ("192.0.2.5", service.requests.back());
 }
+
+#ifdef CORPDIR_NEW_CAN_FAIL
+TEST_F(ClientTest, LostObservationEndsTheRequestAndNotTheNext)
+{
+    Start();
+    (void)Said();
+    const std::string server = "192.0.2.1:21";
+    failing_new::t_fails = true;
+    Layers().Observe(TRAVEX_FTP_OBSERVED_ACCEPTED, ++task, server, kVersionFile, 0, "");
+    failing_new::t_fails = false;
+    EXPECT_THROW((void)client.Next(Client::Clock::now()), std::bad_alloc);
+    EXPECT_FALSE(service.running);
+    Start();
+    EXPECT_THAT(Said(), IsEmpty());
+    Deliver("192.0.2.1", "V0001", "a");
+    EXPECT_THAT(Said(), testing::Contains("delivered 192.0.2.1 V0001"));
+}
+#endif
 
 TEST_F(ClientTest, ReadsThePasswordAgainAfterARefusedLogin)
 {
