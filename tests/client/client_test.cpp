@@ -461,6 +461,26 @@ TEST_F(ClientTest, FilesThatAreGoneAreFetchedAgain)
     EXPECT_EQ("a", Local("directory.csv"));
 }
 
+// The version is that of the start, at which the service was stopped.
+TEST_F(ClientTest, FilesThatAreGoneSinceTheStartAreFetchedAgain)
+{
+    Start();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    (void)Said();
+    settings.onlyIfChanged = true;
+    Start();
+    (void)Said();
+    std::filesystem::remove(folder.Path() + "/directory.csv");
+    Version("192.0.2.1", "V0001");
+    EXPECT_THAT(Said(),
+                ElementsAre("checking 192.0.2.1", testing::StartsWith("warning: the local")));
+    EXPECT_THAT(service.requests, testing::SizeIs(3));
+    Deliver("192.0.2.1", "V0001", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001",
+                                    "delivered 192.0.2.1 V0001"));
+}
+
 // The service refills its list and checks again by itself.
 TEST_F(ClientTest, LeavesTheNextCheckToTheServiceWhenAVersionWasSeen)
 {
@@ -972,6 +992,68 @@ TEST_F(ClientTest, WarnsOfAVersionThatIsNotWhatItSeems)
     Version("192.0.2.1", "0123456789012345678901234567890\n");
     EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", warning,
                                     "unchanged 192.0.2.1 012345678901234567890123456789"));
+}
+
+TEST_F(ClientTest, WarningsComeOnceAndBeforeTheEndOfACheck)
+{
+    const std::string state = folder.Path() + "/.directory.csv.corpdir.json";
+    const auto warning = testing::HasSubstr("is not used: not a JSON object");
+    Start();
+    (void)Said();
+    WriteFile(state, "{");
+    Deliver("192.0.2.1", "V0001", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001", warning,
+                                    "delivered 192.0.2.1 V0001"));
+    WriteFile(state, "{");
+    Deliver("192.0.2.1", "V0002", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0002",
+                                    "delivered 192.0.2.1 V0002"));
+    settings.servers.resize(1);
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    (void)Said();
+    WriteFile(state, "{");
+    Fail("192.0.2.1", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1 again", "failed 192.0.2.1 16", warning,
+                                    "all failed", "retry 60"));
+}
+
+TEST_F(ClientTest, StartForgetsWhatWasNotSaid)
+{
+    settings.servers.resize(1);
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    (void)client.Next(Client::Clock::now());
+    EXPECT_EQ("failed 192.0.2.1 16", TextOf(client.Next(Client::Clock::now()).value_or(Event())));
+    Start();
+    EXPECT_THAT(Said(), IsEmpty());
+}
+
+TEST_F(ClientTest, NewRequestGoesOnFromNoServer)
+{
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    Layers().Observe(TRAVEX_FTP_OBSERVED_REFUSED, 0, "", "", TRAVEX_FTP_ERR_TRUST, "no file");
+    (void)Said();
+    client.CheckNow();
+    (void)Said();
+    Accept("192.0.2.1", kVersionFile);
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1"));
+}
+
+TEST_F(ClientTest, DirectoryFileWithoutAVersionIsRemoved)
+{
+    Start();
+    (void)Said();
+    Directory("192.0.2.1", "a");
+    EXPECT_THAT(Said(), IsEmpty());
+    EXPECT_THAT(support::FilesIn(folder.Path()),
+                testing::Each(testing::Not(testing::HasSubstr("received"))));
 }
 
 TEST_F(ClientTest, WakeEndsAWait)

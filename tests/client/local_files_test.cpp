@@ -257,6 +257,7 @@ TEST_F(LocalFilesTest, StateCountsFailuresInARow)
     EXPECT_EQ(0, state->confirmed);
     (void)files.Replace(Arrived("V0001", "one", 1));
     EXPECT_EQ(0U, ReadState(StatePath(), problem)->failures);
+    EXPECT_EQ("", ReadState(StatePath(), problem)->reason);
     EXPECT_EQ("", files.NoteFailure("no luck"));
     state = ReadState(StatePath(), problem);
     EXPECT_EQ("V0001", state->version);
