@@ -481,6 +481,27 @@ TEST_F(ClientTest, FilesThatAreGoneSinceTheStartAreFetchedAgain)
                                     "delivered 192.0.2.1 V0001"));
 }
 
+TEST_F(ClientTest, StateThatCannotBeWrittenMeansOneFetchForEachCheck)
+{
+    const support::TemporaryDirectory other;
+    settings.versionFolder = other.Path() + "/";
+    Start();
+    (void)Said();
+    const std::string staged = Staged(service.last.szVersionLocalFileName);
+    std::filesystem::create_directory(staged.substr(0, staged.rfind('.')) + ".new");
+    Deliver("192.0.2.1", "V0001", "a");
+    EXPECT_THAT(Said(), testing::Contains("delivered 192.0.2.1 V0001"));
+    for (std::size_t requests = 2; requests != 4; ++requests)
+    {
+        Version("192.0.2.1", "V0001");
+        EXPECT_THAT(Said(), testing::Contains(testing::StartsWith("warning: the local")));
+        EXPECT_THAT(service.requests, testing::SizeIs(requests));
+        Deliver("192.0.2.1", "V0001", "a");
+        EXPECT_THAT(Said(), testing::Contains("delivered 192.0.2.1 V0001"));
+        EXPECT_THAT(service.requests, testing::SizeIs(requests));
+    }
+}
+
 // The service refills its list and checks again by itself.
 TEST_F(ClientTest, LeavesTheNextCheckToTheServiceWhenAVersionWasSeen)
 {
