@@ -3,7 +3,6 @@
 #define CORPDIR_TOOL_OPTIONS_H
 
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
