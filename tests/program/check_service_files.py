@@ -17,6 +17,7 @@ NO_SERVER_LEFT = 3
 INSTANCE = "phone"  # in the example settings
 SETTINGS = "/etc/corpdir/%i.conf"
 PASSWORD_FILE = "/etc/corpdir/phone.password"
+AUTHORITIES = "/etc/corpdir/ca.pem"
 
 
 class Machine:
@@ -31,7 +32,7 @@ class Machine:
         for place in ("/var/lib/corpdir/" + INSTANCE, "/var/log/corpdir/" + INSTANCE):
             (folder / place[1:]).mkdir(parents=True)
             text = text.replace(place, str(folder / place[1:]))
-        text = text.replace(PASSWORD_FILE, str(self.password_file))
+        text = text.replace(PASSWORD_FILE, str(self.password_file)).replace(AUTHORITIES, "system")
         self.settings = folder / "corpdir.conf"
         self.settings.write_text(text)
         # With what the example only proposes.

@@ -178,6 +178,28 @@ TEST(ToolCommandLine, AllMissingOptionsAreNamed)
     EXPECT_THAT(Parse({}).output, HasSubstr("Try 'corpdir --help'"));
 }
 
+TEST(ToolCommandLine, AnUnknownCommandIsReportedBeforeItsOptions)
+{
+    EXPECT_EQ(Parse({"fech", "--port", "1"}).output,
+              "corpdir: unknown command 'fech'; did you mean 'fetch'?\nTry 'corpdir --help'.\n");
+    EXPECT_THAT(Parse({"fech"}).output, HasSubstr("unknown command 'fech'"));
+    EXPECT_THAT(Parse({"--prot", "fech"}).output, HasSubstr("unknown option '--prot'"));
+    EXPECT_THAT(Parse({"fetch", "more", "--prot=1"}).output, HasSubstr("unknown option '--prot'"));
+}
+
+TEST(ToolCommandLine, AnOptionThatIsRepeatedIsNamed)
+{
+    EXPECT_EQ(ParseFull("fetch", {"--ca=a", "--ca=b"}).output,
+              "corpdir: --ca is given twice\nTry 'corpdir fetch --help'.\n");
+    EXPECT_THAT(ParseFull("fetch", {"--config=a", "--config=b"}).output,
+                HasSubstr("corpdir: --config is given twice\n"));
+    EXPECT_THAT(ParseFull("fetch", {"--port=1", "--port=2", "--port=3"}).output,
+                HasSubstr("corpdir: --port is given 3 times\n"));
+    const Parsed list = ParseFull("fetch", {"--verify-name=a", "--verify-name=b"});
+    EXPECT_EQ(list.output, "");
+    EXPECT_EQ(list.options->verifyNames.size(), 2U);
+}
+
 TEST(ToolCommandLine, CheckNeedsNoOutputDirectory)
 {
     const std::vector<std::string> words = {"check", "--servers=192.0.2.1", "--user=phone",
@@ -316,6 +338,52 @@ TEST_F(ToolSettingsFile, ADefaultOneThatCannotBeReadIsReported)
               "corpdir: " + m_path + " is not used: Too many levels of symbolic links\n");
     EXPECT_EQ(ParseFull("fetch", {"--quiet"}, m_path).output, "");
     EXPECT_EQ(ParseFull("fetch", {"--no-config"}, m_path).output, "");
+}
+
+TEST_F(ToolSettingsFile, ADefaultOneThatIsADirectoryIsReportedBeforeMissingOptions)
+{
+    const Parsed parsed = Parse({"fetch"}, m_directory.Path());
+    EXPECT_EQ(parsed.status, kExitArguments);
+    EXPECT_THAT(parsed.output,
+                testing::StartsWith("corpdir: " + m_directory.Path() +
+                                    " is not used: Is a directory\ncorpdir: --servers, --user"));
+}
+
+TEST_F(ToolSettingsFile, OneThatCannotBeReadIsReportedWithTheReason)
+{
+    const std::string loop = m_directory.Path() + "/loop.conf";
+    std::filesystem::create_symlink("loop.conf", loop);
+    const std::pair<std::string, const char*> cases[] = {
+        {m_path, "No such file or directory"},
+        {m_directory.Path(), "Is a directory"},
+        {loop, "Too many levels of symbolic links"}};
+    for (const auto& [path, reason] : cases)
+    {
+        const Parsed parsed = ParseFull("fetch", {"--config=" + path});
+        EXPECT_EQ(parsed.status, kExitArguments);
+        EXPECT_EQ(parsed.output,
+                  "corpdir: --config '" + path + "' cannot be read: " + reason + "\n");
+    }
+    EXPECT_EQ(ParseFull("fetch", {"--config="}).status, kExitArguments)
+        << "it may come from an unset variable";
+}
+
+TEST_F(ToolSettingsFile, AnUnknownSectionIsReportedWithASuggestion)
+{
+    Write("[fech]\nport = 1");
+    EXPECT_EQ(
+        Parse({"fetch"}, m_path).output,
+        "corpdir: " + m_path + ", line 7: there is no section [fech]; did you mean '[fetch]'?\n");
+}
+
+TEST_F(ToolSettingsFile, AValueThatIsRefusedIsReportedWithItsLine)
+{
+    Write("port = 70000");
+    const Parsed parsed = Parse({"fetch"}, m_path);
+    EXPECT_EQ(parsed.status, kExitArguments);
+    EXPECT_THAT(parsed.output,
+                testing::StartsWith("corpdir: " + m_path + ", line 6: --port: Value 70000 "));
+    EXPECT_EQ(Parse({"fetch", "--port=1"}, m_path).options->port, 1U);
 }
 
 TEST_F(ToolSettingsFile, ASettingGivesWayToTheCommandLine)

@@ -318,10 +318,11 @@ TEST_F(ProgramSettings, AMisspeltOptionIsRefused)
     const std::pair<const char*, const char*> cases[] = {
         {"verify-nmae = \"dir.example\"",
          "no command has an option 'verify-nmae'; did you mean 'verify-name'?\n"},
-        {"password = \"x\"", "no command has an option 'password'\n"},
+        {"password = \"x\"",
+         "no command has an option 'password'; did you mean 'password-file'?\n"},
         {"config = \"x\"", "no command has an option 'config'\n"},
         {"[fetch]\nexec = \"true\"", "section [fetch] has no option 'exec'\n"},
-        {"[no-such]\nuser = \"x\"", "section [no-such] has no option 'user'\n"}};
+        {"[no-such]\nuser = \"x\"", "there is no section [no-such]\n"}};
     for (const auto& [lines, problem] : cases)
     {
         const CommandResult result = RunWith("", lines);
@@ -988,9 +989,15 @@ protected:
 
     CommandResult Status(const std::vector<std::string>& more = {}) const
     {
+        std::vector<std::string> arguments = {"--directory-name=" + m_name};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return StatusWith(arguments);
+    }
+
+    CommandResult StatusWith(const std::vector<std::string>& more) const
+    {
         std::vector<std::string> arguments = {CORPDIR_TEST_PROGRAM, "status", "--no-config",
-                                              "--output-dir=" + m_output.Path(),
-                                              "--directory-name=" + m_name};
+                                              "--output-dir=" + m_output.Path()};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return RunCommand({arguments, Environment(""), ""});
     }
@@ -1095,6 +1102,18 @@ TEST_F(ProgramStatus, TheLastConfirmationMayBeTooOld)
     EXPECT_EQ(Status({"--max-age=366d"}).status, kStale);
 }
 
+TEST_F(ProgramStatus, TheNameIsThatOfTheDirectoryFileAsForFetch)
+{
+    Keep();
+    EXPECT_EQ(StatusWith({"--directory-file=/dir/d.csv"}).output, Status().output);
+    EXPECT_EQ(StatusWith({"--directory-file=other", "--directory-name=d.csv"}).status, 0);
+    const CommandResult other = StatusWith({"--directory-file=/dir/other"});
+    EXPECT_EQ(other.status, kNoState);
+    EXPECT_THAT(other.output, HasSubstr(m_output.File("other") + "'"));
+    EXPECT_THAT(StatusWith({"--directory-file=/dir/"}).output,
+                HasSubstr("--directory-file '/dir/' does not end in a file name"));
+}
+
 TEST_F(ProgramStatus, NamesAreChecked)
 {
     for (const std::string& name : {std::string(), std::string("a/b"), std::string(242, 'x')})
@@ -1103,9 +1122,7 @@ TEST_F(ProgramStatus, NamesAreChecked)
         EXPECT_EQ(Status().status, kBadArguments) << name;
         EXPECT_THAT(Status().output, HasSubstr("--directory-name"));
     }
-    EXPECT_THAT(
-        RunCommand({{CORPDIR_TEST_PROGRAM, "--no-config", "status"}, Environment(""), ""}).output,
-        HasSubstr("--output-dir and --directory-name are required"));
+    EXPECT_EQ(StatusWith({}).output, "corpdir: --directory-file or --directory-name is required\n");
 }
 
 TEST(ProgramVersion, NamesTheLibraries)

@@ -5,6 +5,7 @@
 #include "travex_ftp.h"
 
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 
 namespace corpdir_tool
 {
@@ -30,7 +31,7 @@ struct Case
 
 const Case kCases[] = {
     {"Refused", TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0,
-     "check that the server is running and that --port 21 is right"},
+     "check that the server is running and can be reached, and that --port 21 is right"},
     {"LimitAtTheGreeting", TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_GREETING, 421, 0,
      "connection limit reached or service closed; try again later"},
     {"LimitAtTheLogin", TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_LOGIN, 421, 0,
@@ -220,10 +221,30 @@ TEST(ToolHints, OptionsOfTheCallChangeTheAdvice)
     plan.port = 990;
     EXPECT_THAT(HintFor(silent, plan), Not(HasSubstr("990")));
     const Failure down = {TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0, "", kReason};
-    EXPECT_EQ(HintFor(down, plan), "check that the server is running and that --port 990 is right");
+    EXPECT_EQ(HintFor(down, plan),
+              "check that the server is running and can be reached, and that --port 990 is right");
     const Failure directory = {
         TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 550, 0, "other", kReason};
     EXPECT_THAT(HintFor(directory, plan), HasSubstr("check --directory-file;"));
+}
+
+TEST(ToolHints, ALocalAddressMayBeTheMistake)
+{
+    Plan plan;
+    const Failure down = {TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0, "", kReason};
+    EXPECT_THAT(HintFor(down, plan), Not(HasSubstr("--local-ip")));
+    EXPECT_THAT(NoAddress(plan), testing::EndsWith("resolved: check the spelling; 'getent hosts "
+                                                   "NAME' asks this machine's resolver"));
+    plan.localIp = "::1";
+    plan.family = AF_INET6;
+    EXPECT_EQ(HintFor(down, plan),
+              "check that the server is running and can be reached, and that --port 21 is right; "
+              "--local-ip must be an address of this machine");
+    EXPECT_EQ(NoAddress(plan),
+              "no name in --servers has an IPv6 address, which --local-ip ::1 requires: leave "
+              "--local-ip out, or check the spelling");
+    plan.family = AF_INET;
+    EXPECT_THAT(NoAddress(plan), HasSubstr("has an IPv4 address, "));
 }
 
 TEST(ToolHints, AllServersAreCounted)

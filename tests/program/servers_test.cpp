@@ -71,6 +71,17 @@ TEST(ToolServers, RefusesWhatIsNeitherAddressNorName)
     }
 }
 
+TEST(ToolServers, NamesTheSeparator)
+{
+    for (const char* entry : {"a.example,b.example", "a.example b.example", "192.0.2.1\tb",
+                              "a.example:21, b.example:21"})
+    {
+        EXPECT_THAT(ExitErrorOf([entry] { SplitServers(entry); }).message,
+                    testing::EndsWith("name; servers are separated by ';'"))
+            << entry;
+    }
+}
+
 TEST(ToolServers, NamesTheOptionForThePort)
 {
     for (const char* entry : {"192.0.2.1:2121", "dir.example:21", "[::1]:21"})

@@ -693,8 +693,9 @@ TEST_F(ToolSession, FailuresAreFollowedByOneHint)
     EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_EQ(outcome.error, "all 3 servers failed");
     const std::string& text = m_messages.Text();
-    EXPECT_EQ(text.substr(text.find("hint: ")),
-              "hint: check that the server is running and that --port 21 is right\n");
+    EXPECT_EQ(
+        text.substr(text.find("hint: ")),
+        "hint: check that the server is running and can be reached, and that --port 21 is right\n");
     ASSERT_EQ(outcome.attempts.size(), 3U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
     EXPECT_EQ(outcome.attempts[1].failure.code, TRAVEX_FTP_ERR_LOGIN);

@@ -75,6 +75,20 @@ TEST(ToolSettings, ValuesAreTextsWholeNumbersAndTruthValues)
     }
 }
 
+TEST(ToolSettings, AnArrayIsReportedWithItsListAsAString)
+{
+    EXPECT_EQ(Problem("\nservers = ['dir1.example', \"dir2.example\"]"),
+              "line 2: 'servers' must be a string, an integer, true or false; write servers = "
+              "\"dir1.example;dir2.example\"");
+    EXPECT_THAT(Problem("verify-name = ['a', 'b']"),
+                testing::EndsWith("; write verify-name = \"a,b\""));
+    for (const char* const other : {"ca = ['a', 'b']", "servers = [1, 2]", "servers = ['a', 1]",
+                                    "servers = []", "servers = 1.5"})
+    {
+        EXPECT_THAT(Problem(other), testing::EndsWith("true or false")) << other;
+    }
+}
+
 TEST(ToolSettings, ATextWithoutQuotesIsToldWithThem)
 {
     EXPECT_THAT(
@@ -111,6 +125,9 @@ TEST(ToolSuggestion, IsTheClosestWord)
     EXPECT_EQ(Suggestion("sue", words), "");
     EXPECT_EQ(Suggestion("uses", words), "; did you mean 'user'?");
     EXPECT_EQ(Suggestion("", words), "");
+    EXPECT_EQ(Suggestion("version", words), "; did you mean 'version-file'?");
+    EXPECT_EQ(Suggestion("output", {"outputs", "output-dir"}), "; did you mean 'outputs'?");
+    EXPECT_EQ(Suggestion("vers", words), "") << "no whole part of a word";
     EXPECT_EQ(Suggestion("servers", {}), "");
 }
 

@@ -19,7 +19,7 @@ namespace
 {
 
 const char kStatusText[] = R"(Exit status:
-  0  the directory file was fetched
+  0  the directory file was fetched, or --if-changed found it unchanged
   1  the service could not be started, or the program ran out of memory
   2  invalid arguments
   3  every server failed
@@ -31,7 +31,7 @@ const char kStatusText[] = R"(Exit status:
 const char kProgramText[] = R"(Options can also be read from a settings file:
   servers = "dir1.example;dir2.example"
   user = "phone"
-  password-file = "/etc/phone/password"
+  password-file = "/etc/corpdir/phone.password"
 
 'corpdir COMMAND --help' lists the options of a command.
 The manual page is corpdir(1).)";
@@ -39,16 +39,18 @@ The manual page is corpdir(1).)";
 const char kFetchText[] = R"(Example:
   corpdir fetch --servers 'dir1.example;dir2.example' --user phone \
       --version-file /dir/version.txt --directory-file /dir/directory.csv \
-      --output-dir /var/lib/phone --ca /etc/phone/ca.pem --password-file /etc/phone/password)";
+      --output-dir /var/lib/phone --password-file /etc/corpdir/phone.password)";
 
 const char kWatchText[] = R"(Example:
-  corpdir --config /etc/phone/corpdir.conf watch --exec 'systemctl reload phone'
+  corpdir watch --config /etc/corpdir/phone.conf --exec 'logger "$CORPDIR_VERSION"'
 
 The command of --exec has CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
 environment. It runs for each new version, one run at a time, and its output goes to
 standard error. It is run again after the next check if it failed. A start of watch
 runs it only if the directory file has changed since. The command of --on-failure has
-CORPDIR_FILE and CORPDIR_REASON.
+CORPDIR_FILE and CORPDIR_REASON. In the service corpdir-watch@ both run as the user
+corpdir, and may write only to the two directories of the service; the manual page
+has units that reload another service.
 
 SIGUSR1 checks now. SIGHUP reads settings, password and authorities again, unless
 standard input is a terminal; it then stops the watch.
@@ -60,7 +62,7 @@ Exit status:
   6  a local directory or the events cannot be written)";
 
 const char kCheckText[] = R"(Example:
-  corpdir --config /etc/phone/corpdir.conf check
+  corpdir check --config /etc/corpdir/phone.conf
 
 From each server the version file is fetched, and the transfer of the directory file is
 started and then cancelled; nothing is written to --output-dir, which may be left out.
@@ -68,7 +70,7 @@ started and then cancelled; nothing is written to --output-dir, which may be lef
 The exit status is that of 'corpdir fetch' with the same options.)";
 
 const char kStatusCommandText[] = R"(Example:
-  corpdir status --output-dir /var/lib/phone --directory-name directory.csv --max-age 1h
+  corpdir status --config /etc/corpdir/phone.conf --max-age 25m
 
 Reads what 'fetch' and 'watch' keep beside the directory file; asks no server.
 
@@ -186,7 +188,9 @@ void AddLimitOptions(CLI::App& command, Options& options)
 void AddTimeLimits(CLI::App& command, Options& options)
 {
     AddDuration(command, kLimits, "--timeout", options.timeoutSeconds,
-                "Longest time without progress (2m)", 1, 7 * kDay);
+                "Longest time without progress (2m); it ends the whole command, so\n"
+                "choose more than 20s, after which a silent server is given up",
+                1, 7 * kDay);
     AddDuration(command, kLimits, "--max-time", options.maxTimeSeconds,
                 "Time limit for the whole command (none)", 1, 7 * kDay);
 }
@@ -219,7 +223,7 @@ void AddRequestOptions(CLI::App& command, Options& options)
 
 // One function for each command: its options.
 
-void AddFetch(CLI::App& program, Options& options, const Runner& run, int& status)
+CLI::App* AddFetch(CLI::App& program, Options& options)
 {
     CLI::App* fetch = program.add_subcommand("fetch", "Fetch the directory file once");
     fetch->footer(std::string(kFetchText) + "\n\n" + kStatusText);
@@ -234,10 +238,10 @@ void AddFetch(CLI::App& program, Options& options, const Runner& run, int& statu
     AddFlag(*fetch, kMessages, "--quiet", options.quiet,
             "Print errors only, including failed servers");
     AddFlag(*fetch, kMessages, "--no-progress", options.noProgress, "Show no progress");
-    fetch->callback([&] { status = run(options); });
+    return fetch;
 }
 
-void AddWatch(CLI::App& program, Options& options, const Runner& run, int& status)
+CLI::App* AddWatch(CLI::App& program, Options& options)
 {
     CLI::App* watch = program.add_subcommand(
         "watch", "Check every ten minutes, and fetch each new directory file");
@@ -254,17 +258,17 @@ void AddWatch(CLI::App& program, Options& options, const Runner& run, int& statu
         "Run this shell command for each new directory file")
         ->check(NotEmpty());
     Add(*watch, kCommand, "--on-failure", options.onFailure, "COMMAND",
-        "Run this shell command when all servers failed")
+        "Run this shell command when a check failed")
         ->check(NotEmpty());
     AddDuration(*watch, kCommand, "--exec-timeout", options.execTimeoutSeconds,
                 "Time limit for one run of either command (none)", 1, kDay);
     AddFlag(*watch, kMessages, "--json", options.json,
             "Print each event as a JSON object on its own line");
     AddFlag(*watch, kMessages, "--quiet", options.quiet, "Print failures only");
-    watch->callback([&] { status = run(options); });
+    return watch;
 }
 
-void AddCheck(CLI::App& program, Options& options, const Runner& run, int& status)
+CLI::App* AddCheck(CLI::App& program, Options& options)
 {
     CLI::App* check = program.add_subcommand(
         "check", "Test these options without downloading the directory file");
@@ -275,39 +279,34 @@ void AddCheck(CLI::App& program, Options& options, const Runner& run, int& statu
     AddTimeLimits(*check, options);
     AddFlag(*check, kMessages, "--json", options.json, "Print the outcome as one JSON object");
     AddFlag(*check, kMessages, "--quiet", options.quiet, "Print only servers that fail");
-    check->callback([&] { status = run(options); });
+    return check;
 }
 
-void AddStatus(CLI::App& program, Options& options, const Runner& run, int& status)
+CLI::App* AddStatus(CLI::App& program, Options& options)
 {
     CLI::App* command = program.add_subcommand("status", "Show what is known about a local file");
     command->footer(kStatusCommandText);
     command->fallthrough();
     AddOutputDir(*command, options, "Directory of the directory file")->required();
+    Add(*command, kFiles, "--directory-file", options.directoryFile, "REMOTE",
+        "Directory file on the server, as for 'fetch' and 'watch'")
+        ->check(NotEmpty());
     Add(*command, kFiles, "--directory-name", options.directoryName, "LOCAL",
-        "Local name of the directory file")
-        ->required();
+        "Local name of the directory file (default: as on the server)")
+        ->check(NotEmpty());
     AddDuration(*command, kLimits, "--max-age", options.maxAgeSeconds,
                 "Longest time since the last successful check (none)", 1, 366 * kDay);
     AddFlag(*command, kMessages, "--json", options.json, "Print one JSON object");
-    command->callback([&] { status = run(options); });
+    return command;
 }
 
-void AddCiphers(CLI::App& program, Options& options, const Runner& run, int& status)
+CLI::App* AddCiphers(CLI::App& program, Options& options)
 {
     CLI::App* ciphers = program.add_subcommand("ciphers", "List the available cipher suites");
     ciphers->footer("The default suites are offered when --ciphers is not given.");
     ciphers->fallthrough();
     AddFlag(*ciphers, kMessages, "--json", options.json, "Print them as a JSON array");
-    ciphers->callback([&] { status = run(options); });
-}
-
-void Print(const std::string& notice, bool quiet)
-{
-    if (!quiet)
-    {
-        (void)std::fprintf(stderr, "corpdir: %s\n", notice.c_str());
-    }
+    return ciphers;
 }
 
 // A message on the first word that the parser did not understand, with a suggestion; else empty.
@@ -318,7 +317,8 @@ std::string UnknownWord(const CLI::App& program, const CLI::App* chosen)
         std::find_if(rest.begin(), rest.end(),
                      [](const std::string& word) { return !word.empty() && word.front() == '-'; });
     std::vector<std::string> names;
-    if (option != rest.end())
+    const bool isCommandWrong = chosen == nullptr && option != rest.begin();
+    if (option != rest.end() && !isCommandWrong)
     {
         const std::string word = option->substr(0, option->find('='));
         for (const CLI::App* app : {&program, chosen != nullptr ? chosen : &program})
@@ -343,24 +343,61 @@ std::string UnknownWord(const CLI::App& program, const CLI::App* chosen)
            (chosen == nullptr ? Suggestion(word, names) : "");
 }
 
-// CLI11 names only the first one.
-std::string MissingOptions(const CLI::App& command)
+// Takes the required options from the parser, which would ask for them before the settings file is
+// read. The help still marks them.
+std::vector<const CLI::Option*> TakeRequired(CLI::App& command)
+{
+    std::vector<const CLI::Option*> required;
+    for (CLI::Option* option :
+         command.get_options([](const CLI::Option* known) { return known->get_required(); }))
+    {
+        option->required(false)->type_name(option->get_type_name() + " REQUIRED");
+        required.push_back(option);
+    }
+    return required;
+}
+
+// Throws unless each has been given.
+void CheckRequired(const std::vector<const CLI::Option*>& required)
 {
     std::vector<std::string> names;
-    for (const CLI::Option* option : command.get_options())
+    for (const CLI::Option* option : required)
     {
-        if (option->get_required() && option->count() == 0)
+        if (option->count() == 0)
         {
             names.push_back(option->get_name());
         }
+    }
+    if (names.empty())
+    {
+        return;
     }
     std::string list;
     for (std::size_t i = 0; i != names.size(); ++i)
     {
         list += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
     }
-    return list + (names.size() == 1 ? " is required" : " are required") +
-           ", on the command line or in a settings file";
+    throw CLI::ParseError(list + (names.size() == 1 ? " is required" : " are required") +
+                              ", on the command line or in a settings file",
+                          kExitArguments);
+}
+
+// A message on an option that is given more than once and must not be; else empty.
+std::string Repeated(const CLI::App& program, const CLI::App* chosen)
+{
+    for (const CLI::App* app : {&program, chosen != nullptr ? chosen : &program})
+    {
+        for (const CLI::Option* option : app->get_options())
+        {
+            const std::size_t times = option->count();
+            if (option->get_items_expected_max() == 1 && times > 1)
+            {
+                return option->get_name() + " is given " +
+                       (times == 2 ? "twice" : std::to_string(times) + " times");
+            }
+        }
+    }
+    return "";
 }
 
 std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
@@ -371,11 +408,25 @@ std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
     std::string problem = UnknownWord(*program, chosen);
     if (problem.empty())
     {
-        const bool missing = chosen != nullptr && error.get_name() == "RequiredError";
-        problem = missing ? MissingOptions(*chosen) : error.what();
+        problem = Repeated(*program, chosen);
+    }
+    if (problem.empty())
+    {
+        problem = error.what();
     }
     return "corpdir: " + problem + "\nTry 'corpdir " +
            (chosen == nullptr ? "" : chosen->get_name() + " ") + "--help'.\n";
+}
+
+void PrintNotices(const std::vector<std::string>& notices, const Options& options)
+{
+    for (const std::string& notice : notices)
+    {
+        if (!options.quiet)
+        {
+            (void)std::fprintf(stderr, "corpdir: %s\n", notice.c_str());
+        }
+    }
 }
 
 }  // namespace
@@ -390,32 +441,40 @@ int RunCommandLine(int argc, char** argv, const Commands& commands, std::string 
     program.set_version_flag("-V,--version", versionText, "Print versions and exit");
     Options options;
     options.words.assign(argv + 1, argv + argc);
-    AddSettingsFile(program, defaultSettings,
-                    [&options](const UsedSettings& used)
-                    {
-                        options.settingsFile = used.path;
-                        options.settings = used.names;
-                        for (const std::string& notice : used.notices)
-                        {
-                            Print(notice, options.quiet);
-                        }
-                    });
-    int status = 0;
-    AddFetch(program, options, commands.fetch, status);
-    AddWatch(program, options, commands.watch, status);
-    AddCheck(program, options, commands.check, status);
-    AddStatus(program, options, commands.status, status);
-    AddCiphers(program, options, commands.ciphers, status);
+    const SettingsFile settings(program, defaultSettings);
+    struct Command
+    {
+        CLI::App* parser;
+        const Runner* run;
+        std::vector<const CLI::Option*> required;
+    };
+    std::vector<Command> all = {{AddFetch(program, options), &commands.fetch, {}},
+                                {AddWatch(program, options), &commands.watch, {}},
+                                {AddCheck(program, options), &commands.check, {}},
+                                {AddStatus(program, options), &commands.status, {}},
+                                {AddCiphers(program, options), &commands.ciphers, {}}};
+    for (Command& command : all)
+    {
+        command.required = TakeRequired(*command.parser);
+    }
+    const Command* chosen = nullptr;
     try
     {
         program.parse(argc, argv);
+        chosen = &*std::find_if(all.begin(), all.end(),
+                                [](const Command& command) { return command.parser->parsed(); });
+        const UsedSettings used = settings.Apply(*chosen->parser);
+        options.settingsFile = used.path;
+        options.settings = used.names;
+        PrintNotices(used.notices, options);
+        CheckRequired(chosen->required);
     }
     catch (const CLI::ParseError& error)
     {
         // The parser has its own statuses; 0 means that help or version was shown.
         return program.exit(error) == 0 ? 0 : kExitArguments;
     }
-    return status;
+    return (*chosen->run)(options);
 }
 
 }  // namespace corpdir_tool

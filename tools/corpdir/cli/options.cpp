@@ -269,14 +269,19 @@ Plan Checked(const Options& options, const CipherSource& ciphers, Output output)
     return plan;
 }
 
-std::string CheckedDirectory(const Options& options)
+Plan CheckedForStatus(const Options& options)
 {
-    if (options.directoryName.empty())
+    Plan plan;
+    static_cast<Options&>(plan) = options;
+    if (plan.directoryName.empty() && plan.directoryFile.empty())
     {
-        Refuse("--directory-name is empty");
+        Refuse("--directory-file or --directory-name is required");
     }
-    CheckDirectoryName(LocalName("--directory-name", options.directoryName, "", ""));
-    return OutputDirectory(options);
+    plan.directoryName =
+        LocalName("--directory-name", plan.directoryName, "--directory-file", plan.directoryFile);
+    CheckDirectoryName(plan.directoryName);
+    plan.outputDir = OutputDirectory(plan);
+    return plan;
 }
 
 // For a message on options: which of them the settings file gave. Advice follows a ';'.
@@ -317,11 +322,11 @@ Plan MakePlan(const Options& options, const CipherSource& ciphers, Output output
     }
 }
 
-std::string PlanStatus(const Options& options)
+Plan PlanStatus(const Options& options)
 {
     try
     {
-        return CheckedDirectory(options);
+        return CheckedForStatus(options);
     }
     catch (const ExitError& error)
     {

@@ -99,8 +99,8 @@ enum class Output
 Plan MakePlan(const Options& options, const CipherSource& ciphers,
               Output output = Output::kRequired);
 
-// Checks the options of `status`; returns outputDir, ending in "/". Throws ExitError.
-std::string PlanStatus(const Options& options);
+// Checks the options of `status`; sets directoryName and outputDir only. Throws ExitError.
+Plan PlanStatus(const Options& options);
 
 }  // namespace corpdir_tool
 

@@ -17,9 +17,11 @@ namespace
     const bool hasPort =
         std::count(text.begin(), text.end(), ':') == 1 || text.find("]:") != std::string::npos;
     const bool hasZone = text.find('%') != std::string::npos;
+    const bool isList = text.find_first_of(", \t") != std::string::npos;
     throw ExitError(kExitArguments, "--servers: '" + Printable(text) +
                                         "' is neither an address nor a host name" +
-                                        (hasPort   ? "; give the port with --port"
+                                        (isList    ? "; servers are separated by ';'"
+                                         : hasPort ? "; give the port with --port"
                                          : hasZone ? "; addresses with a zone are not supported"
                                                    : ""));
 }

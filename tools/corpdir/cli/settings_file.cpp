@@ -2,10 +2,12 @@
 
 #include <errno.h>
 #include <toml++/toml.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <memory>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
 #include <utility>
 
 #include "cli/suggestion.h"
@@ -93,6 +95,24 @@ std::string InQuotes(const std::string& text, std::size_t number)
            Printable(error.description()) + (quoted.empty() ? "" : "; write " + Printable(quoted)));
 }
 
+// The setting with its array of strings as one string, if the option takes a list; otherwise empty.
+std::string JoinedList(const toml::node& node, const std::string& name)
+{
+    const bool takesList = name == "servers" || name == "verify-name" || name == "ciphers";
+    const toml::array* const array = node.as_array();
+    if (!takesList || array == nullptr || !array->is_homogeneous<std::string>())
+    {
+        return "";
+    }
+    const std::string separator = name == "servers" ? ";" : ",";
+    std::string list;
+    for (const toml::node& element : *array)
+    {
+        list += (list.empty() ? "" : separator) + element.value_or(std::string());
+    }
+    return name + " = \"" + Printable(list) + "\"";
+}
+
 // Integers and booleans mean the same with and without quotes.
 std::string TextOf(const toml::node& node, const std::string& name)
 {
@@ -108,7 +128,9 @@ std::string TextOf(const toml::node& node, const std::string& name)
     {
         return *truth ? "true" : "false";
     }
-    Refuse(node.source().begin.line, Shown(name) + " must be a string, an integer, true or false");
+    const std::string joined = JoinedList(node, name);
+    Refuse(node.source().begin.line, Shown(name) + " must be a string, an integer, true or false" +
+                                         (joined.empty() ? "" : "; write " + joined));
 }
 
 void Collect(const toml::table& table, const std::string& section, std::vector<Setting>& settings)
@@ -146,185 +168,120 @@ bool IsGiven(const CLI::App& command, const std::string& name)
                        [&name](const std::string& value) { return HasEffect(name, value); });
 }
 
-// Passes each setting to the chosen command, as an item of the parser. Called after the command
-// line has been read.
-class SettingsFormat final : public CLI::ConfigBase
+// The option of the command line that rules out this setting; empty when there is none.
+std::string RuledOutBy(const CLI::App& command, const Setting& setting)
 {
-public:
-    explicit SettingsFormat(const CLI::App& program) : m_program(program) {}
-
-    std::vector<CLI::ConfigItem> from_config(std::istream& input) const override
+    for (const auto& [one, other] : kConflicts)
     {
-        const bool given = m_program.get_config_ptr()->count() != 0;
-        if (given && IsExcluded())
+        const std::string opposite = setting.name == one ? other : setting.name == other ? one : "";
+        if (!opposite.empty() && HasEffect(setting.name, setting.value) &&
+            IsGiven(command, opposite) && !IsGiven(command, setting.name))
         {
-            throw ExitError(kExitArguments, "--config and --no-config exclude each other");
+            return "--" + opposite;
         }
-        if (IsExcluded() || OnlyPrints())
+    }
+    return "";
+}
+
+[[noreturn]] void RefuseUnknown(const CLI::App& program, const Setting& setting)
+{
+    std::vector<std::string> names;
+    std::vector<std::string> sections;
+    for (const CLI::App* command : program.get_subcommands(nullptr))
+    {
+        sections.push_back("[" + command->get_name() + "]");
+        for (const CLI::Option* option : command->get_options())
         {
-            return {};
-        }
-        try
-        {
-            return Items(ReadSettings(input));
-        }
-        catch (const ExitError& error)
-        {
-            const std::string problem = Path() + ", " + error.what();
-            if (m_program.got_subcommand("ciphers"))
+            if (setting.section.empty() || setting.section == command->get_name())
             {
-                m_used.notices.push_back(problem);
-                return {};
-            }
-            throw ExitError(kExitArguments, (given ? "--config " : "") + problem);
-        }
-    }
-
-    UsedSettings Used() const
-    {
-        UsedSettings used = m_used;
-        const auto path = m_program.get_config_ptr()->as<std::string>();
-        used.path = Path();
-        // The parser ignores a default file that cannot be opened.
-        if (!IsExcluded() && access(path.c_str(), R_OK) != 0 && errno != ENOENT)
-        {
-            used.notices.push_back(Path() + " is not used: " + SystemMessage(errno));
-        }
-        return used;
-    }
-
-private:
-    // Help or version is asked for.
-    bool OnlyPrints() const
-    {
-        const std::vector<CLI::App*> commands = m_program.get_subcommands();
-        return m_program.get_version_ptr()->count() != 0 ||
-               m_program.get_help_ptr()->count() != 0 ||
-               std::any_of(commands.begin(), commands.end(),
-                           [](const CLI::App* command)
-                           { return command->get_help_ptr()->count() != 0; });
-    }
-
-    bool IsExcluded() const
-    {
-        return m_program.get_option("--no-config")->count() != 0;
-    }
-
-    std::string Path() const
-    {
-        return Printable(m_program.get_config_ptr()->as<std::string>());
-    }
-
-    // The option of the command line that rules out this setting; empty when there is none.
-    static std::string RuledOutBy(const CLI::App& command, const Setting& setting)
-    {
-        for (const auto& [one, other] : kConflicts)
-        {
-            const std::string opposite = setting.name == one     ? other
-                                         : setting.name == other ? one
-                                                                 : "";
-            if (!opposite.empty() && HasEffect(setting.name, setting.value) &&
-                IsGiven(command, opposite) && !IsGiven(command, setting.name))
-            {
-                return "--" + opposite;
+                names.push_back(option->get_single_name());
             }
         }
-        return "";
     }
-
-    std::vector<CLI::ConfigItem> Items(const std::vector<Setting>& settings) const
+    const std::string section = "[" + setting.section + "]";
+    if (!setting.section.empty() &&
+        std::find(sections.begin(), sections.end(), section) == sections.end())
     {
-        std::vector<CLI::ConfigItem> ofCommand;
-        std::vector<CLI::ConfigItem> ofAll;
-        for (const Setting& setting : settings)
-        {
-            Sort(setting, setting.section.empty() ? ofAll : ofCommand);
-        }
-        // The parser takes the first setting of an option.
-        ofCommand.insert(ofCommand.end(), ofAll.begin(), ofAll.end());
-        return ofCommand;
+        Refuse(setting.line,
+               "there is no section " + Printable(section) + Suggestion(section, sections));
     }
+    Refuse(setting.line, (setting.section.empty()
+                              ? "no command has an option "
+                              : "section [" + Printable(setting.section) + "] has no option ") +
+                             Shown(setting.name) + Suggestion(setting.name, names));
+}
 
-    void Sort(const Setting& setting, std::vector<CLI::ConfigItem>& sorted) const
+// Any value of a flag but true and false is a mistake: an empty one may come from a template, and
+// must not switch a protection off.
+void CheckFlag(const Setting& setting, bool isFlag)
+{
+    if (isFlag && setting.value != "true" && setting.value != "false")
     {
-        bool known = false;
-        for (const CLI::App* command : m_program.get_subcommands(nullptr))
-        {
-            const CLI::Option* const option = command->get_option_no_throw("--" + setting.name);
-            const bool meant = setting.section.empty() || setting.section == command->get_name();
-            if (meant && option != nullptr && option->get_configurable())
-            {
-                known = true;
-                CheckFlag(setting, option->get_expected_max() == 0);
-                if (command->parsed())
-                {
-                    Add(*command, setting, sorted);
-                }
-            }
-        }
-        if (!known)
-        {
-            RefuseUnknown(setting);
-        }
+        Refuse(setting.line, setting.name + " must be true or false, not " + Shown(setting.value));
     }
+}
 
-    void Add(const CLI::App& command, const Setting& setting,
-             std::vector<CLI::ConfigItem>& sorted) const
+// Throws unless some command has such a setting.
+void CheckSetting(const CLI::App& program, const Setting& setting)
+{
+    bool known = false;
+    for (const CLI::App* command : program.get_subcommands(nullptr))
     {
-        const std::string opposite = RuledOutBy(command, setting);
-        if (!opposite.empty())
+        const CLI::Option* const option = command->get_option_no_throw("--" + setting.name);
+        const bool meant = setting.section.empty() || setting.section == command->get_name();
+        if (meant && option != nullptr && option->get_configurable())
         {
-            m_used.notices.push_back("the setting '" + setting.name + "' of " + Path() +
-                                     " is not used, because the command line has " + opposite);
-            return;
+            known = true;
+            CheckFlag(setting, option->get_expected_max() == 0);
         }
-        CLI::ConfigItem item;
-        item.parents = {command.get_name()};
-        item.name = setting.name;
-        item.inputs = {setting.value};
-        std::vector<std::string>& names = m_used.names;
-        if (command.count("--" + setting.name) == 0 &&
-            std::find(names.begin(), names.end(), setting.name) == names.end())
-        {
-            names.push_back(setting.name);
-        }
-        sorted.push_back(item);
     }
-
-    [[noreturn]] void RefuseUnknown(const Setting& setting) const
+    if (!known)
     {
-        std::vector<std::string> names;
-        for (const CLI::App* command : m_program.get_subcommands(nullptr))
-        {
-            for (const CLI::Option* option : command->get_options())
-            {
-                if (setting.section.empty() || setting.section == command->get_name())
-                {
-                    names.push_back(option->get_single_name());
-                }
-            }
-        }
-        Refuse(setting.line, (setting.section.empty()
-                                  ? "no command has an option "
-                                  : "section [" + Printable(setting.section) + "] has no option ") +
-                                 Shown(setting.name) + Suggestion(setting.name, names));
+        RefuseUnknown(program, setting);
     }
+}
 
-    // Any value of a flag but true and false is a mistake: an empty one may come from a template,
-    // and must not switch a protection off.
-    static void CheckFlag(const Setting& setting, bool isFlag)
+// Those of the command, in the order of precedence.
+std::vector<Setting> SettingsOf(const CLI::App& command, const std::vector<Setting>& settings)
+{
+    std::vector<Setting> found;
+    for (const std::string& section : {command.get_name(), std::string()})
     {
-        if (isFlag && setting.value != "true" && setting.value != "false")
-        {
-            Refuse(setting.line,
-                   setting.name + " must be true or false, not " + Shown(setting.value));
-        }
+        std::copy_if(settings.begin(), settings.end(), std::back_inserter(found),
+                     [&](const Setting& setting)
+                     {
+                         return setting.section == section &&
+                                command.get_option_no_throw("--" + setting.name) != nullptr;
+                     });
     }
+    return found;
+}
 
-    const CLI::App& m_program;
-    // The parser reads through a constant object.
-    mutable UsedSettings m_used;
-};
+void SetOption(CLI::Option& option, const Setting& setting)
+{
+    try
+    {
+        option.add_result(setting.value);
+        option.run_callback();
+    }
+    catch (const CLI::ParseError& error)
+    {
+        Refuse(setting.line, error.what());
+    }
+}
+
+// Returns zero, or the error number with the reason why the file cannot be read.
+int OpenFile(const std::string& path, std::ifstream& input)
+{
+    errno = 0;
+    input.open(path, std::ios::binary);
+    if (!input.is_open())
+    {
+        return errno;
+    }
+    std::error_code ignored;
+    return std::filesystem::is_directory(path, ignored) ? EISDIR : 0;
+}
 
 }  // namespace
 
@@ -352,16 +309,91 @@ CLI::Validator NotEmpty()
                           "");
 }
 
-void AddSettingsFile(CLI::App& program, const std::string& defaultPath,
-                     std::function<void(const UsedSettings& used)> use)
+SettingsFile::SettingsFile(CLI::App& program, std::string defaultPath)
+    : m_program(program), m_defaultPath(std::move(defaultPath))
 {
-    const auto format = std::make_shared<SettingsFormat>(program);
-    program.config_formatter(format);
-    program.set_config("--config", defaultPath, "Read options from this file; see the manual page")
+    program.add_option("--config", m_path, "Read options from this file; see the manual page")
         ->check(NotEmpty())
         ->type_name("FILE");
-    program.add_flag("--no-config", "Read no settings file");
-    program.parse_complete_callback([format, use = std::move(use)] { use(format->Used()); });
+    program.add_flag("--no-config", m_none, "Read no settings file");
+}
+
+UsedSettings SettingsFile::Apply(CLI::App& command) const
+{
+    const bool given = !m_path.empty();
+    if (given && m_none)
+    {
+        throw ExitError(kExitArguments, "--config and --no-config exclude each other");
+    }
+    if (m_none)
+    {
+        return {};
+    }
+    const std::string& path = given ? m_path : m_defaultPath;
+    std::ifstream input;
+    const int error = OpenFile(path, input);
+    if (error != 0 && given)
+    {
+        throw ExitError(kExitArguments, "--config '" + Printable(path) +
+                                            "' cannot be read: " + SystemMessage(error));
+    }
+    if (error == ENOENT)
+    {
+        return {};
+    }
+    if (error != 0)
+    {
+        return {"", {}, {Printable(path) + " is not used: " + SystemMessage(error)}};
+    }
+    try
+    {
+        return ApplyTo(command, Printable(path), ReadSettings(input));
+    }
+    catch (const ExitError& mistake)
+    {
+        const std::string problem = Printable(path) + ", " + mistake.what();
+        if (command.get_name() == "ciphers")
+        {
+            return {"", {}, {problem}};
+        }
+        throw ExitError(kExitArguments, (given ? "--config " : "") + problem);
+    }
+}
+
+UsedSettings SettingsFile::ApplyTo(CLI::App& command, const std::string& path,
+                                   const std::vector<Setting>& settings) const
+{
+    for (const Setting& setting : settings)
+    {
+        CheckSetting(m_program, setting);
+    }
+    // All are compared with the command line before one is set.
+    UsedSettings used{path};
+    std::vector<Setting> kept;
+    for (const Setting& setting : SettingsOf(command, settings))
+    {
+        const std::string opposite = RuledOutBy(command, setting);
+        if (opposite.empty())
+        {
+            kept.push_back(setting);
+        }
+        else
+        {
+            used.notices.push_back("the setting '" + setting.name);
+            used.notices.back() += "' of " + path;
+            used.notices.back() += " is not used, because the command line has " + opposite;
+        }
+    }
+    for (const Setting& setting : kept)
+    {
+        CLI::Option& option = *command.get_option("--" + setting.name);
+        if (option.count() == 0)
+        {
+            SetOption(option, setting);
+            used.names.push_back(setting.name);
+        }
+    }
+    return used;
 }
 
 }  // namespace corpdir_tool

@@ -37,11 +37,12 @@ std::string Suggestion(const std::string& word, const std::vector<std::string>& 
     const auto closest = std::min_element(candidates.begin(), candidates.end(),
                                           [&word](const std::string& one, const std::string& other)
                                           { return Distance(word, one) < Distance(word, other); });
-    if (closest == candidates.end() || Distance(word, *closest) > kMaxDistance)
-    {
-        return "";
-    }
-    return "; did you mean '" + *closest + "'?";
+    const bool isClose = closest != candidates.end() && Distance(word, *closest) <= kMaxDistance;
+    const auto longer = std::find_if(candidates.begin(), candidates.end(),
+                                     [&word](const std::string& candidate)
+                                     { return candidate.rfind(word + "-", 0) == 0; });
+    const auto found = isClose ? closest : longer;
+    return found == candidates.end() ? "" : "; did you mean '" + *found + "'?";
 }
 
 }  // namespace corpdir_tool

@@ -8,7 +8,8 @@
 namespace corpdir_tool
 {
 
-// "; did you mean 'candidate'?" for the candidate closest to the word; empty when none is close.
+// "; did you mean 'candidate'?" for the candidate closest to the word, otherwise for one that
+// begins with the word and a "-"; empty when there is none.
 std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates);
 
 }  // namespace corpdir_tool

@@ -109,7 +109,7 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events, const Time
     }
     if (resolved.servers.empty())
     {
-        throw ExitError(kExitNoServer, NoNameResolved());
+        throw ExitError(kExitNoServer, NoAddress(plan));
     }
     return std::move(resolved.servers);
 }

@@ -202,7 +202,7 @@ Session::Settled Session::OnAllFailed()
 {
     if (m_outcome.attempts.empty())
     {
-        return Fail(kExitNoServer, NoNameResolved());
+        return Fail(kExitNoServer, NoAddress(m_plan));
     }
     const int status = m_invalidVersion ? kExitBadVersion : kExitNoServer;
     std::vector<Failure> failures;

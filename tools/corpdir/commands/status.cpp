@@ -105,9 +105,9 @@ void CheckAge(const client::State& state, unsigned int maxAge)
 
 int RunStatus(const Options& options)
 {
-    const std::string directory = PlanStatus(options);
-    const std::string path = directory + options.directoryName;
-    const std::string statePath = directory + client::StateName(options.directoryName);
+    const Plan plan = PlanStatus(options);
+    const std::string path = plan.DirectoryPath();
+    const std::string statePath = plan.outputDir + client::StateName(plan.directoryName);
     std::string problem;
     const std::optional<client::State> state = client::ReadState(statePath, problem);
     const bool known = state && !state->version.empty();

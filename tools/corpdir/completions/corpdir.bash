@@ -67,8 +67,8 @@ _corpdir()
         fetch) _corpdir_words "$request --if-changed --timeout --max-time --no-progress" "$word" ;;
         watch) _corpdir_words "$request --retry --splay --exec --on-failure --exec-timeout" "$word" ;;
         check) _corpdir_words "$request --timeout --max-time" "$word" ;;
-        status) _corpdir_words "--output-dir --directory-name --max-age --json --config --no-config
-            --help -h" "$word" ;;
+        status) _corpdir_words "--output-dir --directory-file --directory-name --max-age --json --config
+            --no-config --help -h" "$word" ;;
         ciphers) _corpdir_words "--config --no-config --json --help -h" "$word" ;;
     esac
 }

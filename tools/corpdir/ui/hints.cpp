@@ -1,5 +1,7 @@
 #include "ui/hints.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 
 #include "exit_error.h"
@@ -83,7 +85,9 @@ std::string ConnectHint(const Failure& failure, const Plan& plan)
             return std::string("the server refuses connections from this machine; ") +
                    kServerLogHint;
         default:
-            return "check that the server is running and that --" + PortOf(plan) + " is right";
+            return "check that the server is running and can be reached, and that --" +
+                   PortOf(plan) + " is right" +
+                   (plan.localIp.empty() ? "" : "; --local-ip must be an address of this machine");
     }
 }
 
@@ -325,16 +329,22 @@ std::string WithFile(const Failure& failure)
                                                 : failure.reason;
 }
 
+std::string NoAddress(const Plan& plan)
+{
+    if (plan.localIp.empty())
+    {
+        return "no name in --servers could be resolved: check the spelling; 'getent hosts NAME' "
+               "asks this machine's resolver";
+    }
+    return std::string("no name in --servers has an ") +
+           (plan.family == AF_INET6 ? "IPv6" : "IPv4") + " address, which --local-ip " +
+           plan.localIp + " requires: leave --local-ip out, or check the spelling";
+}
+
 std::string AllFailed(std::size_t servers)
 {
     return servers == 1 ? "the server failed"
                         : "all " + std::to_string(servers) + " servers failed";
-}
-
-std::string NoNameResolved()
-{
-    return "no name in --servers could be resolved: check the spelling; 'getent hosts NAME' asks "
-           "this machine's resolver";
 }
 
 std::string OutcomeText(int status, const std::string& message, const std::string& server,

@@ -36,11 +36,11 @@ std::vector<std::string> CertificateNames(const std::string& list);
 // The reason, after the file name when the failure is about a file.
 std::string WithFile(const Failure& failure);
 
+// The message when no name in --servers has an address.
+std::string NoAddress(const Plan& plan);
+
 // "all 3 servers failed"
 std::string AllFailed(std::size_t servers);
-
-// Why no server could be asked.
-std::string NoNameResolved();
 
 // The outcome of a failed run, for its last record in the log: the message, and the server that
 // failed last with its reason. status: of the run. last: no reason when no server has failed.
