@@ -11,6 +11,7 @@
 #include "captured_log.h"
 #include "commands/watcher.h"
 #include "fake_service.h"
+#include "local_files.h"
 #include "notify_receiver.h"
 #include "parts_support.h"
 
@@ -1127,6 +1128,35 @@ protected:
         "echo \"$CORPDIR_FILE $CORPDIR_VERSION $CORPDIR_SERVER\" >>" + m_given;
     const std::string m_file = m_directory.Path() + "/directory.csv ";
 };
+
+// By hand, or by a second watch.
+TEST_F(ToolWatcherCommand, IsRunForAFileThatAnotherProcessHasFetched)
+{
+    m_options.execute = m_note;
+    const auto fetchElsewhere = [this]
+    {
+        client::Settings settings;
+        settings.versionFolder = settings.directoryFolder = m_directory.Path() + "/";
+        settings.versionName = "version.txt";
+        settings.directoryName = "directory.csv";
+        const client::Staging staging(settings.directoryFolder);
+        client::LocalFiles files(settings, staging, staging);
+        const std::string path = m_secrets.Path() + "/arrived";
+        WriteFile(path, "edition 2");
+        (void)files.Replace({client::ParseVersion("edition 2\n"), {}, path, B});
+    };
+    When("the command of --exec succeeded",
+         [&]
+         {
+             fetchElsewhere();
+             m_service.Deliver(A, "edition 2");
+         });
+    StopWhen("the command of --exec succeeded");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Lines(), Contains("unchanged: version 'edition 2' at 192.0.2.1"));
+    EXPECT_THAT(Given(),
+                ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 2 192.0.2.1"));
+}
 
 TEST_F(ToolWatcherCommand, IsRunForEachNewVersion)
 {

@@ -46,8 +46,8 @@ const char kWatchText[] = R"(Example:
 
 The command of --exec has CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
 environment. It runs for each new version, one run at a time, and its output goes to
-standard error. It is run again after the next check if it failed. A start of watch
-runs it only if the directory file has changed since. The command of --on-failure has
+standard error. It is run again after the next check if it failed. The first check of
+a watch runs it only when it replaces the directory file. The command of --on-failure has
 CORPDIR_FILE and CORPDIR_REASON. In the service corpdir-watch@ both run as the user
 corpdir, and may write only to the two directories of the service; the manual page
 has units that reload another service.

@@ -198,14 +198,18 @@ void Watcher::Handle(const client::Event& event)
             break;
         case Kind::kUnchanged:
             m_output->Unchanged(event.server, event.version);
+            // Another process may have put this version into place since the last check.
+            if (!m_version.empty() && event.version != m_version)
+            {
+                BeginUpdate(event);
+            }
             OnEnd(event);
             break;
         case Kind::kInvalidVersion:
             OnFailed(event);
             break;
         case Kind::kDelivered:
-            m_delivered = event;
-            m_updateDue = !m_settings.plan.execute.empty();
+            BeginUpdate(event);
             m_output->Downloaded(event.server, event.version, event.path, event.transfer.bytes);
             OnEnd(event);
             break;
@@ -317,8 +321,15 @@ void Watcher::OnEnd(const client::Event& event)
     }
     m_manager.Status("version " + event.version + " from " + event.server.Label() + ", checked " +
                      client::TimeText(std::time(nullptr)));
+    m_version = event.version;
     m_updateDue = m_updateDue || std::exchange(m_updateFailed, false);
     RunUpdate();
+}
+
+void Watcher::BeginUpdate(const client::Event& event)
+{
+    m_delivered = event;
+    m_updateDue = !m_settings.plan.execute.empty();
 }
 
 // A command that runs goes on. True when a check has begun.

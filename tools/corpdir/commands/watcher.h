@@ -64,6 +64,7 @@ private:
     void OnPassFailed();
     void OnRefused(const std::string& reason);
     void OnEnd(const client::Event& event);
+    void BeginUpdate(const client::Event& event);
     bool OnReload();
     void TakeSettings(WatchSettings settings);
     void ChangeSettings(WatchSettings settings);
@@ -87,6 +88,7 @@ private:
 
     ChildCommand m_update;        // after each new directory file
     ChildCommand m_failure;       // after each check that failed
+    std::string m_version;        // of the last check that succeeded
     client::Event m_delivered;    // the last one
     bool m_updateDue = false;     // the command is to be run for it
     bool m_updateFailed = false;  // the command is tried again after the next check
