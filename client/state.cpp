@@ -137,7 +137,7 @@ public:
         {
             return "";
         }
-        const std::string text = value->is_string() ? value->get<std::string>() : "";
+        std::string text = value->is_string() ? value->get<std::string>() : "";
         if (text.empty() || text.size() > longest)
         {
             Refuse(name);
@@ -175,7 +175,7 @@ public:
     {
         constexpr char kName[] = "version_hex";
         // A byte that is not UTF-8 is shown as three.
-        const std::string shown = Text("version", 3 * kMaxVersion);
+        std::string shown = Text("version", 3 * kMaxVersion);
         if (m_object.contains(kName))
         {
             const std::string digits = Text(kName, 2 * kMaxVersion);
@@ -195,7 +195,7 @@ public:
 
     std::string Hash()
     {
-        const std::string hash = Text("sha256", kHashDigits);
+        std::string hash = Text("sha256", kHashDigits);
         if (!hash.empty() && (hash.size() != kHashDigits || !IsHex(hash)))
         {
             Refuse("sha256");
@@ -205,7 +205,7 @@ public:
 
     std::string Outcome()
     {
-        const std::string outcome = Text("outcome", kMaxFile);
+        std::string outcome = Text("outcome", kMaxFile);
         if (!outcome.empty() && outcome != "fetched" && outcome != "unchanged" &&
             outcome != "failed")
         {

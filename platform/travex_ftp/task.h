@@ -40,6 +40,7 @@ public:
             static_cast<size_t>(std::remove(first, first + m_count, TRAVEX_FTP_STEP_NONE) - first);
     }
 
+    // NOLINTBEGIN(readability-identifier-naming): the names of a range
     const tagTRAVEX_FTP_STEP* begin() const
     {
         return m_steps.data();
@@ -48,6 +49,7 @@ public:
     {
         return m_steps.data() + m_count;
     }
+    // NOLINTEND(readability-identifier-naming)
 
 private:
     // A transfer has at most three attempts, and reaches at most 20 steps in each.

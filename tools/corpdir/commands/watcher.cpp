@@ -197,13 +197,7 @@ void Watcher::Handle(const client::Event& event)
             m_output->NewVersion(event.server, event.version);
             break;
         case Kind::kUnchanged:
-            m_output->Unchanged(event.server, event.version);
-            // Another process may have put this version into place since the last check.
-            if (!m_version.empty() && event.version != m_version)
-            {
-                BeginUpdate(event);
-            }
-            OnEnd(event);
+            OnUnchanged(event);
             break;
         case Kind::kInvalidVersion:
             OnFailed(event);
@@ -324,6 +318,17 @@ void Watcher::OnEnd(const client::Event& event)
     m_version = event.version;
     m_updateDue = m_updateDue || std::exchange(m_updateFailed, false);
     RunUpdate();
+}
+
+// Another process may have put this version into place since the last check.
+void Watcher::OnUnchanged(const client::Event& event)
+{
+    m_output->Unchanged(event.server, event.version);
+    if (!m_version.empty() && event.version != m_version)
+    {
+        BeginUpdate(event);
+    }
+    OnEnd(event);
 }
 
 void Watcher::BeginUpdate(const client::Event& event)

@@ -64,6 +64,7 @@ private:
     void OnPassFailed();
     void OnRefused(const std::string& reason);
     void OnEnd(const client::Event& event);
+    void OnUnchanged(const client::Event& event);
     void BeginUpdate(const client::Event& event);
     bool OnReload();
     void TakeSettings(WatchSettings settings);

@@ -19,7 +19,7 @@ constexpr char kVariable[] = "NOTIFY_SOCKET";
 std::string TakeVariable()
 {
     const char* const value = getenv(kVariable);  // NOLINT(concurrency-mt-unsafe): the only thread
-    const std::string path = value == nullptr ? "" : value;
+    std::string path = value == nullptr ? "" : value;
     (void)unsetenv(kVariable);  // NOLINT(concurrency-mt-unsafe): fails for an invalid name only
     return path;
 }

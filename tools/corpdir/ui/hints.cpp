@@ -350,7 +350,7 @@ std::string AllFailed(std::size_t servers)
 std::string OutcomeText(int status, const std::string& message, const std::string& server,
                         const Failure& last)
 {
-    const std::string reason = server + ": " + WithFile(last);
+    std::string reason = server + ": " + WithFile(last);
     if (message == last.reason)
     {
         return reason;
