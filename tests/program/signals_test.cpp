@@ -4,7 +4,10 @@
 #include <pty.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <future>
+#include <mutex>
+#include <queue>
 #include <string>
 #include <thread>
 
@@ -162,23 +165,35 @@ protected:
     // "check", "reload", or the number of the stop signal.
     std::string Next()
     {
-        std::future<std::string> next = m_next.get_future();
-        const bool came = next.wait_for(kLimit) == std::future_status::ready;
-        m_next = {};
-        return came ? next.get() : "nothing";
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_came.wait_for(lock, kLimit, [this] { return !m_requests.empty(); }))
+        {
+            return "nothing";
+        }
+        std::string next = std::move(m_requests.front());
+        m_requests.pop();
+        return next;
     }
 
     SignalWatch Watch()
     {
-        return SignalWatch(
-            [this](int number) { m_next.set_value(SignalName(number)); },
-            [this](int) { m_lastResort.set_value(); }, kForever,
-            {[this] { m_next.set_value("check"); }, [this] { m_next.set_value("reload"); }});
+        return SignalWatch([this](int number) { Add(SignalName(number)); },
+                           [this](int) { m_lastResort.set_value(); }, kForever,
+                           {[this] { Add("check"); }, [this] { Add("reload"); }});
+    }
+
+    void Add(std::string request)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_requests.push(std::move(request));
+        m_came.notify_one();
     }
 
     const base::Descriptor m_null{open("/dev/null", O_RDONLY | O_CLOEXEC)};
     const StandardInput m_input{m_null.Number()};
-    std::promise<std::string> m_next;
+    std::mutex m_mutex;
+    std::condition_variable m_came;
+    std::queue<std::string> m_requests;
     std::promise<void> m_lastResort;
 };
 
