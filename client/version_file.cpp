@@ -69,6 +69,10 @@ VersionFile ParseVersion(std::string bytes)
     {
         file.problem = "it is UTF-16 text; store it as ASCII or UTF-8";
     }
+    else if (version.empty())
+    {
+        file.problem = file.bytes.empty() ? "it is empty" : "its first line is empty";
+    }
     else
     {
         file.problem = "its first line '" + version + "' is shorter than " +

@@ -77,6 +77,13 @@ TEST(VersionFile, NamesTheEncodingOfUtf16)
     }
 }
 
+TEST(VersionFile, SaysWhatIsMissing)
+{
+    EXPECT_EQ("it is empty", ParseVersion("").problem);
+    EXPECT_EQ("its first line is empty", ParseVersion("\n1.2.3").problem);
+    EXPECT_EQ("its first line '1.23' is shorter than 5 bytes", ParseVersion("1.23\n").problem);
+}
+
 TEST(VersionFile, FileThatCannotBeReadIsNotValid)
 {
     const support::TemporaryDirectory folder;

@@ -305,7 +305,7 @@ class Checks:
         process = self.running()
         self.server.stop()
         run("systemctl", "reload", PHONE)
-        self.check_status("failed: cannot connect: Connection refused$")
+        self.check_status("failed: cannot connect: Connection refused; version edition 4 is in place$")
         self.check_same_process(process)
         self.server.publish("edition 5")
         self.server.start(self.password)

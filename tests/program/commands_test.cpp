@@ -1011,17 +1011,18 @@ TEST_F(ProgramStatus, ShowsWhatIsKnown)
     Keep();
     const CommandResult result = Status();
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "version:  edition 17\nfile:     " + m_output.Path() +
+    EXPECT_EQ(result.output, "version:   edition 17\nfile:      " + m_output.Path() +
                                  "/d.csv (10 bytes)\n"
-                                 "server:   192.0.2.1 (dir.example)\n"
-                                 "fetched:  2026-01-01T10:00:00Z\n"
-                                 "checked:  2026-01-03T10:00:00Z\n"
-                                 "outcome:  failed\n"
-                                 "reason:   login refused\n"
-                                 "failures: 3\n");
+                                 "server:    192.0.2.1 (dir.example)\n"
+                                 "fetched:   2026-01-01T10:00:00Z\n"
+                                 "confirmed: 2026-01-02T10:00:00Z\n"
+                                 "checked:   2026-01-03T10:00:00Z\n"
+                                 "outcome:   failed\n"
+                                 "reason:    login refused\n"
+                                 "failures:  3\n");
     m_state["reason"] = nullptr;
     Keep();
-    EXPECT_THAT(Status().output, HasSubstr("outcome:  failed\nfailures: 3\n"));
+    EXPECT_THAT(Status().output, HasSubstr("outcome:   failed\nfailures:  3\n"));
     EXPECT_EQ(ObjectIn(Status({"--json"}).output)["reason"], nullptr);
 }
 
@@ -1030,7 +1031,6 @@ TEST_F(ProgramStatus, IsReadByPrograms)
     Keep();
     json expected = m_state;
     expected.erase("format");
-    expected.erase("confirmed");
     EXPECT_EQ(ObjectIn(Status({"--json"}).output), expected);
 }
 
@@ -1039,8 +1039,8 @@ TEST_F(ProgramStatus, WithoutAStateItIsUnknown)
     const std::string state = m_output.File(".d.csv.corpdir.json");
     CommandResult result = Status();
     EXPECT_EQ(result.status, kNoState);
-    EXPECT_EQ(result.output, "corpdir: nothing is known about '" + m_output.File("d.csv") +
-                                 "': there is no '" + state + "'; run 'corpdir fetch'\n");
+    EXPECT_EQ(result.output, "corpdir: nothing is known about '" + m_output.File("d.csv") + "': '" +
+                                 state + "' is missing or empty; run 'corpdir fetch'\n");
     const json object = ObjectIn(Status({"--json"}).output);
     EXPECT_EQ(object["version"], nullptr);
     EXPECT_EQ(object["size"], nullptr);
@@ -1069,7 +1069,7 @@ TEST_F(ProgramStatus, TheFileMustBeThereAsItWasFetched)
     CommandResult result = Status();
     EXPECT_EQ(result.status, kNoState);
     EXPECT_THAT(result.output,
-                AllOf(HasSubstr("version:  edition 17\n"),
+                AllOf(HasSubstr("version:   edition 17\n"),
                       HasSubstr("corpdir: '" + m_output.File("d.csv") +
                                 "' has 9 bytes, but the file that was fetched has 10; run")));
     std::filesystem::remove(m_output.File("d.csv"));
@@ -1089,7 +1089,7 @@ TEST_F(ProgramStatus, TheLastConfirmationMayBeTooOld)
     const CommandResult result = Status({"--max-age=1h"});
     EXPECT_EQ(result.status, kStale);
     EXPECT_THAT(result.output,
-                AllOf(HasSubstr("version:  edition 17\n"),
+                AllOf(HasSubstr("version:   edition 17\n"),
                       HasSubstr("corpdir: the last check that fetched the file or found it "
                                 "unchanged was 36"),
                       HasSubstr(" s ago, --max-age is 3600 s: ")));

@@ -723,7 +723,7 @@ TEST_F(ToolSession, ANameWithoutAnAddressIsSkipped)
     const Outcome outcome = Run(Deliver);
     EXPECT_EQ(outcome.status, kExitFetched);
     EXPECT_THAT(outcome.leftOut, ElementsAre("dir.example: no such name"));
-    EXPECT_EQ(Messages(), "corpdir: dir.example: no such name; skipped\n");
+    EXPECT_EQ(Messages(), "dir.example: no such name; skipped\n");
     EXPECT_THAT(m_service.requests, ElementsAre("192.0.2.1"));
 }
 
@@ -735,7 +735,7 @@ TEST_F(ToolSession, NoNameWithAnAddressEndsIt)
     EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_THAT(outcome.leftOut, ElementsAre("dir.example: no such name"));
     EXPECT_EQ(m_messages.Text(),
-              "corpdir: dir.example: no such name; skipped\n"
+              "dir.example: no such name; skipped\n"
               "corpdir: no name in --servers could be resolved: check the spelling; 'getent hosts "
               "NAME' asks this machine's resolver\n");
     EXPECT_THAT(m_service.requests, IsEmpty());

@@ -1009,7 +1009,8 @@ TEST_F(ToolWatcherStatus, IsReported)
     Watch({Deliver(A)});
     EXPECT_THAT(Received(),
                 ElementsAre("READY=1", "STATUS=version edition 1 from 192.0.2.1, checked ...",
-                            "STATUS=failed: version.txt from 192.0.2.2: version refused",
+                            "STATUS=failed: version.txt from 192.0.2.2: version refused; version "
+                            "edition 1 is in place",
                             "STATUS=version edition 1 from 192.0.2.2, checked ...", "STOPPING=1"));
 }
 

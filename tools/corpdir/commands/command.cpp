@@ -103,7 +103,7 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events, const Time
     for (const client::LeftOut& entry : resolved.leftOut)
     {
         leftOut.push_back(entry.text + ": " + entry.problem);
-        report.Error(leftOut.back() + "; skipped");
+        report.ServerFailed(entry.text, entry.problem, "skipped");
         TOOL_LOG(CORPDIR_LOG_ERROR, "No address for server %s: %s", entry.text.c_str(),
                  entry.problem.c_str());
     }

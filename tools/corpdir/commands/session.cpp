@@ -123,7 +123,7 @@ Session::Settled Session::Handle(const client::Event& event)
             return Fail(kExitArguments, ArgumentProblem(event.transfer));
         case Kind::kNameFailed:
             m_outcome.leftOut.push_back(event.server.name + ": " + event.transfer.reason);
-            m_report.Error(m_outcome.leftOut.back() + "; skipped");
+            m_report.ServerFailed(event.server.name, event.transfer.reason, "skipped");
             break;
         case Kind::kPassFailed:
             return OnAllFailed();

@@ -40,7 +40,7 @@ std::string StateProblem(const std::string& path, const std::string& statePath,
 {
     const std::string reason = !problem.empty() ? "'" + statePath + "' cannot be used: " + problem
                                : state          ? "no check has fetched it yet"
-                                                : "there is no '" + statePath + "'";
+                                                : "'" + statePath + "' is missing or empty";
     return "nothing is known about '" + path + "': " + reason;
 }
 
@@ -58,11 +58,12 @@ std::string OrNever(std::int64_t time)
 void PrintText(const client::State& state, const std::string& path)
 {
     const auto print = [](const char* name, const std::string& value)
-    { (void)std::fprintf(stdout, "%-9s %s\n", name, Printable(value).c_str()); };
+    { (void)std::fprintf(stdout, "%-10s %s\n", name, Printable(value).c_str()); };
     print("version:", state.version);
     print("file:", path + " (" + std::to_string(state.size) + " bytes)");
     print("server:", state.server);
     print("fetched:", OrNever(state.fetched));
+    print("confirmed:", OrNever(state.confirmed));
     print("checked:", OrNever(state.checked));
     print("outcome:", state.outcome);
     if (!state.reason.empty())
@@ -80,6 +81,7 @@ void PrintJson(const client::State& state)
                          {"sha256", OrNull(state.sha256)},
                          {"server", OrNull(state.server)},
                          {"fetched", OrNull(client::TimeText(state.fetched))},
+                         {"confirmed", OrNull(client::TimeText(state.confirmed))},
                          {"checked", OrNull(client::TimeText(state.checked))},
                          {"outcome", OrNull(state.outcome)},
                          {"reason", OrNull(state.reason)},

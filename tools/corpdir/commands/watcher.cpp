@@ -289,7 +289,8 @@ void Watcher::OnPassFailed()
     {
         m_manager.Ready();  // new names may have no address for long
     }
-    m_manager.Status("failed: " + m_reason);
+    m_manager.Status("failed: " + m_reason +
+                     (m_version.empty() ? "" : "; version " + m_version + " is in place"));
     ++m_failures;
     m_serverFailed ? m_output->NoServerLeft() : m_output->CheckFailed();
     RunFailure();
