@@ -80,8 +80,8 @@ def compete(contestants, job, served, rounds, peaks=True):
                 figures[name].wall.append(wall)
                 figures[name].cpu.append(cpu)
                 continue
-            for file in os.listdir(job.output):
-                if digest(job.output / file) != wanted[file]:
+            for file in wanted:
+                if (job.output / file).exists() and digest(job.output / file) != wanted[file]:
                     sys.exit("%s has fetched a wrong %s" % (name, file))
             if not (job.output / job.files[-1]).exists():
                 sys.exit("%s has fetched nothing" % name)
