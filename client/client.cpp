@@ -251,6 +251,17 @@ void Client::Start(Settings settings, FirstFailure failure)
     OrStop([this] { BeginCheck(); });
 }
 
+void Client::GiveUp(const std::string& reason)
+{
+    Stop();
+    Warn(m_files->NoteFailure(reason));
+}
+
+void Client::NoteCommand(bool due)
+{
+    Warn(m_files->NoteCommand(due));
+}
+
 // current: the version of the local files, of which no directory file is fetched; or empty.
 void Client::SetObserver(const std::string& current)
 {
@@ -594,6 +605,7 @@ void Client::OnVersion(const Input& input)
     m_version = *file.version;
     Event& event = Say(Event::Kind::kNewVersion, ServerOf(input.transfer));
     event.version = m_version;
+    event.known = m_files->HasVersion(m_version);
     event.transfer = input.transfer;
     Warn(file.warning);
     m_state = State::kFetching;
@@ -614,7 +626,8 @@ void Client::OnUnchanged(const Input& input)
     Warn(warning);
     if (!current)
     {
-        Warn("the local files are missing, or of another version; they are fetched again");
+        m_warning.clear();  // repeated each time
+        Warn("the local files are missing or not those that were fetched; they are fetched again");
         if (input.stopped)
         {
             SetObserver("");
@@ -860,9 +873,9 @@ void Client::Warn(const std::string& reason)
     {
         return;
     }
-    CLIENT_LOG(CORPDIR_LOG_NOTICE, "Warning: %s", reason.c_str());
     if (reason != m_warning)
     {
+        CLIENT_LOG(CORPDIR_LOG_NOTICE, "Warning: %s", reason.c_str());
         m_warning = reason;
         Say(Event::Kind::kWarning, {}).transfer.reason = reason;
     }

@@ -42,6 +42,7 @@ struct Event
     Kind kind = Kind::kChecking;
     Server server;           // empty when none is concerned
     std::string version;     // byte for byte
+    bool known = false;      // of a new version: the local files have it already
     std::string path;        // of the local file, when delivered
     TransferEvent transfer;  // file, bytes, code, step, reply, detail, reason, timings
     std::chrono::seconds wait{0};

@@ -285,6 +285,20 @@ void LocalFiles::FlushFolders() const
     }
 }
 
+bool LocalFiles::HasVersion(const std::string& version) const
+{
+    std::string warning;
+    return IsOf(Known(warning), version);
+}
+
+// True when the state has this version, and the local directory file the state's size.
+bool LocalFiles::IsOf(const State& state, const std::string& version) const
+{
+    struct stat local = {};
+    return state.version == version && stat(m_settings.DirectoryPath().c_str(), &local) == 0 &&
+           S_ISREG(local.st_mode) && static_cast<std::uint64_t>(local.st_size) == state.size;
+}
+
 bool LocalFiles::NoteUnchanged(const VersionFile& version, const std::timespec& read,
                                std::string& warning)
 {
@@ -292,10 +306,7 @@ bool LocalFiles::NoteUnchanged(const VersionFile& version, const std::timespec& 
     {
         const Lock lock(m_statePath, kNotePatience);
         State state = Known(warning);
-        struct stat local = {};
-        if (state.version != *version.version ||
-            stat(m_settings.DirectoryPath().c_str(), &local) != 0 || !S_ISREG(local.st_mode) ||
-            static_cast<std::uint64_t>(local.st_size) != state.size)
+        if (!IsOf(state, *version.version))
         {
             return false;
         }
@@ -313,17 +324,33 @@ bool LocalFiles::NoteUnchanged(const VersionFile& version, const std::timespec& 
     return true;
 }
 
+std::string LocalFiles::NoteCommand(bool due)
+{
+    return Note([due](State& state) { state.commandDue = due; });
+}
+
 std::string LocalFiles::NoteFailure(const std::string& reason)
+{
+    return Note(
+        [&reason](State& state)
+        {
+            state.checked = Now();
+            state.outcome = "failed";
+            state.reason = reason.substr(0, kMaxReason);
+            ++state.failures;
+        });
+}
+
+// Changes the state. Returns a warning, or an empty text.
+template <typename Change>
+std::string LocalFiles::Note(const Change& change)
 {
     try
     {
         const Lock lock(m_statePath, kNotePatience);
         std::string warning;
         State state = Known(warning);
-        state.checked = Now();
-        state.outcome = "failed";
-        state.reason = reason.substr(0, kMaxReason);
-        ++state.failures;
+        change(state);
         const std::string problem = WriteState(state);
         return problem.empty() ? warning : problem;
     }

@@ -56,6 +56,9 @@ public:
     // warning: why it does not, when there is a state.
     std::string Current(std::string& warning) const;
 
+    // True when state and size of the local directory file are those of this version.
+    bool HasVersion(const std::string& version) const;
+
     // Replaces the directory file, then version file and state. At every moment the version file is
     // at most as new as the directory file: when another process has committed a newer pair
     // meanwhile, the version file goes first. The staged file is gone afterwards. Waits up to 30 s
@@ -68,13 +71,20 @@ public:
     // any more. Adds a warning. Waits up to a second for other processes.
     bool NoteUnchanged(const VersionFile& version, const std::timespec& read, std::string& warning);
 
+    // Notes whether a command is still to be run for the local directory file. Returns a warning,
+    // or an empty text. Waits as above.
+    std::string NoteCommand(bool due);
+
     // Notes the end of a check that failed. Returns a warning, or an empty text. Waits as above.
     std::string NoteFailure(const std::string& reason);
 
 private:
     class Lock;
 
+    template <typename Change>
+    std::string Note(const Change& change);
     State Known(std::string& warning) const;
+    bool IsOf(const State& state, const std::string& version) const;
     void ReplaceBoth(const Arrival& arrival) const;
     void RestoreVersion(const VersionFile& version, const std::timespec& read) const;
     void FlushFolders() const;

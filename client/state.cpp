@@ -268,6 +268,7 @@ State StateOf(const Json& object, std::string& problem)
     {
         state.reason = members.Text("reason", kMaxReason);
     }
+    state.commandDue = object.value("command_due", Json()) == Json(true);
     state.failures = static_cast<std::uint32_t>(
         members.Number("failures", std::numeric_limits<std::uint32_t>::max()));
     return state;
@@ -331,6 +332,10 @@ std::string StateText(const State& state)
     object["outcome"] = OrNull(state.outcome);
     object["reason"] = OrNull(state.reason);
     object["failures"] = state.failures;
+    if (state.commandDue)
+    {
+        object["command_due"] = true;
+    }
     return Dumped(object, 2) + "\n";
 }
 

@@ -25,6 +25,7 @@ struct State
     std::string outcome;         // of the last check: "fetched", "unchanged", "failed"; empty: none
     std::string reason;          // why the last check failed; empty: it did not, or not known
     std::uint32_t failures = 0;  // failed checks in a row
+    bool commandDue = false;     // the command for this version has not succeeded yet
 };
 
 constexpr std::string_view kStatePrefix = ".";

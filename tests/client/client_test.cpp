@@ -100,7 +100,7 @@ std::string TextOf(const Event& event)
         case Event::Kind::kProgress:
             return "progress";
         case Event::Kind::kNewVersion:
-            return "new " + server + " " + event.version;
+            return (event.known ? "known " : "new ") + server + " " + event.version;
         case Event::Kind::kUnchanged:
             return "unchanged " + server + " " + event.version;
         case Event::Kind::kInvalidVersion:
@@ -709,7 +709,7 @@ TEST_F(ClientTest, EqualDirectoryFileIsNoUpdate)
     Start();
     (void)Said();
     Deliver("192.0.2.1", "V0001", "a");
-    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001",
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "known 192.0.2.1 V0001",
                                     "unchanged 192.0.2.1 V0001"));
     EXPECT_EQ("unchanged", StateOfFile().outcome);
     EXPECT_EQ(fetched, StateOfFile().fetched);

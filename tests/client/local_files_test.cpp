@@ -282,6 +282,16 @@ TEST_F(LocalFilesTest, NothingIsUnchangedWithoutItsFiles)
     EXPECT_EQ("failed", ReadState(StatePath(), problem)->outcome);
 }
 
+TEST_F(LocalFilesTest, AVersionIsThatOfTheFileBesideTheState)
+{
+    EXPECT_FALSE(files.HasVersion("V0001"));
+    (void)files.Replace(Arrived("V0001", "one", 1));
+    EXPECT_TRUE(files.HasVersion("V0001"));
+    EXPECT_FALSE(files.HasVersion("V0002"));
+    WriteFile(folder.File("directory.csv"), "longer");
+    EXPECT_FALSE(files.HasVersion("V0001"));
+}
+
 TEST_F(LocalFilesTest, UnchangedPutsTheVersionFileBack)
 {
     (void)files.Replace(Arrived("V0001", "one", 1));

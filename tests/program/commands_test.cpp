@@ -560,10 +560,12 @@ TEST_F(ProgramCheck, GoesOnAfterAnInvalidVersionFile)
     m_server->Stop();
     const CommandResult fails = Check({both});
     EXPECT_EQ(fails.status, kBadVersion) << fails.output;
-    EXPECT_THAT(fails.output,
-                HasSubstr("corpdir: all 2 servers failed\n"
-                          "hint: the version file must be ASCII or UTF-8 text with 5 to 30 bytes "
-                          "in its first line\n"));
+    EXPECT_THAT(
+        fails.output,
+        HasSubstr(
+            "corpdir: all 2 servers failed\n"
+            "hint: 127.0.0.2: the version file must be ASCII or UTF-8 text with 5 to 30 bytes "
+            "in its first line\n"));
 }
 
 TEST_F(ProgramCheck, WarnsOfAVersionThatIsNotWhatItSeems)
@@ -876,7 +878,7 @@ TEST_F(ProgramWatchRequest, ChangesItsLog)
                 AllOf(HasSubstr("Begin of corpdir watch"), HasSubstr("Event: downloaded "),
                       Not(HasSubstr("Event: unchanged")), Not(HasSubstr("End of"))));
     EXPECT_THAT(ReadFile(after.File("corpdir.log")),
-                AllOf(HasSubstr("Settings of corpdir watch: servers 127.0.0.1"),
+                AllOf(HasSubstr("--servers 127.0.0.1 --port "),
                       HasSubstr("Event: settings reloaded"), HasSubstr("Event: unchanged"),
                       HasSubstr("End of corpdir watch with status 0: stopped by SIGTERM"),
                       Not(HasSubstr(" info "))));

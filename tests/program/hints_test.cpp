@@ -193,6 +193,17 @@ TEST(ToolHints, ANameCannotAddToTheCommandLine)
                 Not(HasSubstr("--verify-name")));
 }
 
+// Each of another server: 192.0.2.1, 192.0.2.2 and so on.
+std::vector<Attempt> FailedInTurn(const std::vector<Failure>& failures)
+{
+    std::vector<Attempt> attempts;
+    for (const Failure& failure : failures)
+    {
+        attempts.push_back({{"192.0.2." + std::to_string(attempts.size() + 1), "", {}}, failure});
+    }
+    return attempts;
+}
+
 TEST(ToolHints, TheFailureThatCameFurthestGetsTheHint)
 {
     const Plan plan;
@@ -200,11 +211,20 @@ TEST(ToolHints, TheFailureThatCameFurthestGetsTheHint)
     const Failure login = {TRAVEX_FTP_ERR_LOGIN, TRAVEX_FTP_STEP_LOGIN, 530, 0, "", kReason};
     const Failure invalid = {0, 0, 0, 0, "version.txt", kReason};
     const Failure none = {TRAVEX_FTP_ERR_SYSTEM, TRAVEX_FTP_STEP_CONFIRM, 0, 0, "", kReason};
-    const std::vector<Failure> both = {down, login, down, none};
-    EXPECT_EQ(HintFor(both, plan), HintFor(login, plan));
-    const std::vector<Failure> all = {invalid, login};
-    EXPECT_EQ(HintFor(all, plan), HintFor(invalid, plan));
-    EXPECT_EQ(HintFor(std::vector<Failure>{none, {}}, plan), "");
+    EXPECT_EQ(HintFor(FailedInTurn({down, login, down, none}), plan),
+              "192.0.2.2: " + HintFor(login, plan));
+    EXPECT_EQ(HintFor(FailedInTurn({invalid, login}), plan),
+              "192.0.2.1: " + HintFor(invalid, plan));
+    EXPECT_EQ(HintFor(FailedInTurn({none, {}}), plan), "");
+    EXPECT_EQ(HintFor(std::vector<Attempt>(), plan), "");
+}
+
+TEST(ToolHints, TheOnlyServerIsNotNamed)
+{
+    const Plan plan;
+    const Failure down = {TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0, "", kReason};
+    const Attempt attempt = {{"192.0.2.1", "", {}}, down};
+    EXPECT_EQ(HintFor({attempt, attempt}, plan), HintFor(down, plan));
 }
 
 TEST(ToolHints, OptionsOfTheCallChangeTheAdvice)
@@ -253,20 +273,21 @@ TEST(ToolHints, AllServersAreCounted)
     EXPECT_EQ(AllFailed(3), "all 3 servers failed");
 }
 
-TEST(ToolHints, TheOutcomeEndsWithTheServerThatFailedLast)
+TEST(ToolHints, TheOutcomeEndsWithTheServerOfTheHint)
 {
-    Failure last;
-    EXPECT_EQ(OutcomeText(kExitNoServer, "no name", "", last), "no name");
-    last.code = TRAVEX_FTP_ERR_FILE;
-    last.file = "d.csv";
-    last.reason = "RETR refused";
-    EXPECT_EQ(OutcomeText(kExitNoServer, "all 2 servers failed", "192.0.2.1", last),
-              "all 2 servers failed; 192.0.2.1: d.csv: RETR refused");
-    EXPECT_EQ(OutcomeText(kExitBadVersion, "all 2 servers failed", "192.0.2.1", last),
-              "no server has a valid version; 192.0.2.1: d.csv: RETR refused");
-    EXPECT_EQ(OutcomeText(kExitLocalFile, "RETR refused", "192.0.2.1", last),
-              "192.0.2.1: d.csv: RETR refused");
-    EXPECT_EQ(OutcomeText(kExitArguments, "--ca: no", "192.0.2.1", last), "--ca: no");
+    const Plan plan;
+    const Failure file = {TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 550, 0, "d.csv",
+                          "RETR refused"};
+    const Failure down = {TRAVEX_FTP_ERR_CONNECT, TRAVEX_FTP_STEP_CONNECT, 0, 0, "", kReason};
+    const std::vector<Attempt> attempts = FailedInTurn({down, file, down});
+    EXPECT_EQ(OutcomeText(kExitNoServer, "all 3 servers failed", attempts, plan),
+              "all 3 servers failed; 192.0.2.2: d.csv: RETR refused");
+    EXPECT_EQ(OutcomeText(kExitBadVersion, "all 3 servers failed", attempts, plan),
+              "all 3 servers failed; 192.0.2.2: d.csv: RETR refused");
+    EXPECT_EQ(OutcomeText(kExitLocalFile, kReason, attempts, plan),
+              std::string("192.0.2.3: ") + kReason);
+    EXPECT_EQ(OutcomeText(kExitArguments, "--ca: no", attempts, plan), "--ca: no");
+    EXPECT_EQ(OutcomeText(kExitNoServer, "no name", {}, plan), "no name");
 }
 
 }  // namespace

@@ -68,7 +68,7 @@ TEST_F(ToolOptions, DefaultsAreFtpsWithVerificationOfWhatIsListed)
     EXPECT_EQ(plan.family, AF_UNSPEC);
     EXPECT_EQ(plan.timeoutSeconds, 120U);
     EXPECT_EQ(plan.suites, client::SuitesOf(client::SuiteSet::kCompatible));
-    EXPECT_FALSE(plan.logLevel.has_value());
+    EXPECT_FALSE(plan.UsedLogLevel().has_value());
 }
 
 TEST_F(ToolOptions, LocalNamesComeFromTheServer)
@@ -282,9 +282,9 @@ TEST_F(ToolOptions, TheLogDirectoryMustExist)
 TEST_F(ToolOptions, ALogDirectoryAloneGetsEverything)
 {
     m_options.logDir = m_directory.Path();
-    EXPECT_EQ(MadePlan().logLevel.value(), 2U);
+    EXPECT_EQ(MadePlan().UsedLogLevel(), 2U);
     m_options.logLevel = 0;
-    EXPECT_EQ(MadePlan().logLevel.value(), 0U);
+    EXPECT_EQ(MadePlan().UsedLogLevel(), 0U);
 }
 
 TEST_F(ToolOptions, VerifyNamesAreKeptBesideTheTrustText)

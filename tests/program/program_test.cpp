@@ -299,12 +299,40 @@ protected:
     TemporaryDirectory m_logs;
 };
 
-TEST_F(ProgramLog, HasTheBeginningOfEachRun)
+// All of them, so that the run can be repeated; but a command may have a secret in it.
+TEST_F(ProgramLog, BeginsWithTheOptionsOfTheRun)
 {
-    Serve();
-    RunLogged("fetch");
-    EXPECT_THAT(ReadFile(m_logs.File("corpdir.log")),
-                HasSubstr("Begin of corpdir fetch, version "));
+    const std::string settings = m_logs.File("settings.conf");
+    WriteFile(settings, "max-time = \"5m\"\nexec = 'wall --token s3cret'\nquiet = true\n");
+    std::vector<testing::Matcher<std::string>> begins;
+    for (const std::string command : {"fetch", "watch", "check"})
+    {
+        RunLogged(command, {"--config=" + settings, "--output-dir=/no ne"});
+        begins.push_back(testing::ContainsRegex("Begin of corpdir " + command +
+                                                ", version [^ ]+: --config " + settings +
+                                                " --servers 127.0.0.1 --port "));
+    }
+    const std::string log = ReadFile(m_logs.File("corpdir.log"));
+    EXPECT_THAT(log, testing::AllOfArray(begins));
+    EXPECT_THAT(log, AllOf(HasSubstr(" --output-dir '/no ne' --max-time 300 --quiet\n"),
+                           HasSubstr(" --exec ..."), Not(HasSubstr("s3cret"))));
+}
+
+TEST_F(ProgramLog, HasRunsThatAreRefusedBeforeTheyBegin)
+{
+    std::vector<std::string> ends;
+    for (const std::string command : {"fetch", "watch", "check"})
+    {
+        RunLogged(command, {"--output-dir=/none"});
+        RunLogged(command, {"--password-file=/none"});
+        ends.push_back("error End of corpdir " + command +
+                       " with status 6: --output-dir '/none/': No such file or directory; create "
+                       "it first");
+        ends.push_back("error End of corpdir " + command +
+                       " with status 2: cannot read the password from '/none': No such file or "
+                       "directory");
+    }
+    EXPECT_THAT(Records(), testing::ElementsAreArray(ends));
 }
 
 TEST_F(ProgramLog, HasTheOutcomeOfEachRun)
@@ -319,7 +347,8 @@ TEST_F(ProgramLog, HasTheOutcomeOfEachRun)
     }
     EXPECT_THAT(
         Records(),
-        ElementsAre("notice End of corpdir fetch with status 0: fetched version edition 17",
+        ElementsAre("notice End of corpdir fetch with status 0: fetched version edition 17 from "
+                    "127.0.0.1, 200000 bytes",
                     StartsWith("notice Hint: check --directory-file;"),
                     StartsWith("error End of corpdir fetch with status 3: the server failed; "
                                "127.0.0.1: none.csv: RETR refused: 550 "),
@@ -330,7 +359,7 @@ TEST_F(ProgramLog, HasTheOutcomeOfEachRun)
                                "127.0.0.1: none.csv: RETR refused: 550 ")));
 }
 
-TEST_F(ProgramLog, NamesTheServerThatFailedLast)
+TEST_F(ProgramLog, NamesTheServerOfTheHint)
 {
     Serve();
     m_server->AddFile("version.txt", "x\n");
@@ -344,8 +373,8 @@ TEST_F(ProgramLog, NamesTheServerThatFailedLast)
     const auto end = [](const std::string& command)
     {
         return StartsWith("error End of corpdir " + command +
-                          " with status 4: no server has a valid version; 127.0.0.2: cannot "
-                          "connect: ");
+                          " with status 4: all 2 servers failed; 127.0.0.1: "
+                          "the version file is not valid: its first line 'x' is");
     };
     EXPECT_THAT(Records(),
                 ElementsAre(StartsWith("notice Hint: "), end("fetch"), StartsWith(invalid),

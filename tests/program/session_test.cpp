@@ -557,7 +557,7 @@ TEST_F(ToolSession, TimeWithoutProgressRunsOut)
         "192.0.2.1: version refused; trying next server\n"
         "corpdir: timed out while fetching directory file 'pub/directory.csv' from 192.0.2.10 "
         "(dir.example), 24 of 48 bytes (50%): no progress for 1 s (--timeout)\n"
-        "hint: raise that limit to allow more time\n");
+        "hint: raise --timeout to allow more time\n");
     ASSERT_EQ(outcome.attempts.size(), 2U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.10");
     EXPECT_EQ(outcome.attempts[1].failure.reason, outcome.error);
@@ -610,7 +610,7 @@ TEST_F(ToolSession, TheWholeTimeRunsOutInSpiteOfProgress)
         m_messages.Text(),
         "corpdir: timed out while fetching directory file 'pub/directory.csv' from 192.0.2.1, "
         "24 of 48 bytes (50%): not done within 1 s (--max-time)\n"
-        "hint: raise that limit to allow more time\n");
+        "hint: raise --max-time to allow more time\n");
 }
 
 TEST_F(ToolSession, TheCipherListIsSetAfterEachStart)
@@ -693,9 +693,9 @@ TEST_F(ToolSession, FailuresAreFollowedByOneHint)
     EXPECT_EQ(outcome.status, kExitNoServer);
     EXPECT_EQ(outcome.error, "all 3 servers failed");
     const std::string& text = m_messages.Text();
-    EXPECT_EQ(
-        text.substr(text.find("hint: ")),
-        "hint: check that the server is running and can be reached, and that --port 21 is right\n");
+    EXPECT_EQ(text.substr(text.find("hint: ")),
+              "hint: 192.0.2.1: check that the server is running and can be reached, and that "
+              "--port 21 is right\n");
     ASSERT_EQ(outcome.attempts.size(), 3U);
     EXPECT_EQ(outcome.attempts[1].server.address, "192.0.2.2");
     EXPECT_EQ(outcome.attempts[1].failure.code, TRAVEX_FTP_ERR_LOGIN);

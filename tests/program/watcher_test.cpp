@@ -318,8 +318,8 @@ TEST_F(ToolWatcher, AnEqualDirectoryFileAfterARestartIsUnchanged)
     StopWhen("unchanged");
     Watch({Deliver(A)});
     EXPECT_THAT(Lines(),
-                ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
-                            "unchanged: version 'edition 1' at 192.0.2.1", "stopped by SIGTERM"));
+                ElementsAre("checking 192.0.2.1", "unchanged: version 'edition 1' at 192.0.2.1",
+                            "stopped by SIGTERM"));
 }
 
 // A missing log directory must not end the watch.
@@ -686,7 +686,7 @@ TEST_F(ToolWatcherReload, TakesNewSettingsAndChecks)
     EXPECT_THAT(Lines(), ElementsAre("checking 192.0.2.1", "new version 'edition 1' at 192.0.2.1",
                                      Downloaded("edition 1", A), R"({"event":"reloaded"})",
                                      R"({"event":"checking","server":"192.0.2.3","name":null})",
-                                     testing::_, StartsWith(R"({"event":"unchanged",)"),
+                                     StartsWith(R"({"event":"unchanged",)"),
                                      StartsWith(R"({"event":"stopped",)")));
 }
 
@@ -923,6 +923,7 @@ TEST_F(ToolWatcherLog, ChangesWithAReload)
         [this]
         {
             m_options.servers = C;
+            m_options.given = "--servers 192.0.2.3";
             m_options.logDir = m_others.Path();
         });
     When("settings reloaded", [] {});
@@ -930,9 +931,8 @@ TEST_F(ToolWatcherLog, ChangesWithAReload)
     Watch({Deliver(A), Deliver(C)});
     EXPECT_EQ(Last(m_logs.Path()), "1 Event: " + Downloaded("edition 1", A));
     EXPECT_THAT(Records(m_others.Path()),
-                ElementsAre(StartsWith("1 Settings of corpdir watch: servers 192.0.2.3, "),
+                ElementsAre("1 Settings of corpdir watch: --servers 192.0.2.3",
                             "1 Event: settings reloaded", "2 Event: checking 192.0.2.3",
-                            "2 Event: new version 'edition 1' at 192.0.2.3",
                             "1 Event: unchanged: version 'edition 1' at 192.0.2.3",
                             "2 Event: stopped by SIGTERM"));
 }
@@ -957,20 +957,22 @@ TEST_F(ToolWatcherLog, EndsWithAReload)
 
 TEST_F(ToolWatcherLog, StaysWhenAReloadIsUndone)
 {
+    m_options.given = "--servers 192.0.2.1";
     ReloadWith(
         [this]
         {
             m_options.servers = C;
+            m_options.given = "--servers 192.0.2.3";
             m_options.logDir = m_others.Path();
         });
     StopWhen("unchanged");
     Watch({Deliver(A), Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
     EXPECT_THAT(Records(m_others.Path()),
-                ElementsAre(StartsWith("1 Settings of corpdir watch: servers 192.0.2.3, ")));
-    EXPECT_THAT(Records(m_logs.Path()),
-                testing::IsSupersetOf(
-                    {StartsWith("1 Settings of corpdir watch: servers 192.0.2.1;192.0.2.2, "),
-                     StartsWith("0 Event: settings not reloaded: --ca: bad suite")}));
+                ElementsAre("1 Settings of corpdir watch: --servers 192.0.2.3"));
+    EXPECT_THAT(
+        Records(m_logs.Path()),
+        testing::IsSupersetOf({StartsWith("1 Settings of corpdir watch: --servers 192.0.2.1"),
+                               StartsWith("0 Event: settings not reloaded: --ca: bad suite")}));
 }
 
 // Events of the service manager.
@@ -1040,7 +1042,27 @@ TEST_F(ToolWatcherStatus, EveryReloadEndsInReady)
     EXPECT_THAT(Received(),
                 ElementsAre("READY=1", HasSubstr("STATUS="), "RELOADING=1\nMONOTONIC_USEC=...",
                             "READY=1", HasSubstr("STATUS="), "RELOADING=1\nMONOTONIC_USEC=...",
+                            "STATUS=version edition 1 from 192.0.2.3, checked ...; settings not "
+                            "reloaded: --local-ip 'nowhere' is not an IPv4 or IPv6 address",
                             "READY=1", "STOPPING=1"));
+}
+
+TEST_F(ToolWatcherStatus, HasACommandThatFailed)
+{
+    m_options.execute = "[ -e " + m_secrets.Path() + "/repaired ]";
+    When("the command of --exec failed",
+         [this]
+         {
+             WriteFile(m_secrets.Path() + "/repaired", "");
+             m_service.Version(A, "edition 1\n");
+         });
+    When("the command of --exec succeeded", [this] { m_service.Version(A, "edition 1\n"); });
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    const std::string current = "STATUS=version edition 1 from 192.0.2.1, checked ...";
+    const std::vector<std::string> received = Received();
+    EXPECT_THAT(received, Contains(current + "; the command of --exec failed"));
+    EXPECT_EQ(received[received.size() - 2], current);
 }
 
 TEST_F(ToolWatcherStatus, HasTheReasonWhenTheServiceDoesNotStart)
@@ -1107,6 +1129,19 @@ protected:
         return lines;
     }
 
+    void FetchElsewhere(const std::string& version)
+    {
+        client::Settings settings;
+        settings.versionFolder = settings.directoryFolder = m_directory.Path() + "/";
+        settings.versionName = "version.txt";
+        settings.directoryName = "directory.csv";
+        const client::Staging staging(settings.directoryFolder);
+        client::LocalFiles files(settings, staging, staging);
+        const std::string path = m_secrets.Path() + "/arrived";
+        WriteFile(path, version);
+        (void)files.Replace({client::ParseVersion(version + "\n"), {}, path, B});
+    }
+
     // Stops the watch when the command has written something.
     void WatchUntilGiven()
     {
@@ -1134,22 +1169,10 @@ protected:
 TEST_F(ToolWatcherCommand, IsRunForAFileThatAnotherProcessHasFetched)
 {
     m_options.execute = m_note;
-    const auto fetchElsewhere = [this]
-    {
-        client::Settings settings;
-        settings.versionFolder = settings.directoryFolder = m_directory.Path() + "/";
-        settings.versionName = "version.txt";
-        settings.directoryName = "directory.csv";
-        const client::Staging staging(settings.directoryFolder);
-        client::LocalFiles files(settings, staging, staging);
-        const std::string path = m_secrets.Path() + "/arrived";
-        WriteFile(path, "edition 2");
-        (void)files.Replace({client::ParseVersion("edition 2\n"), {}, path, B});
-    };
     When("the command of --exec succeeded",
          [&]
          {
-             fetchElsewhere();
+             FetchElsewhere("edition 2");
              m_service.Deliver(A, "edition 2");
          });
     StopWhen("the command of --exec succeeded");
@@ -1157,6 +1180,46 @@ TEST_F(ToolWatcherCommand, IsRunForAFileThatAnotherProcessHasFetched)
     EXPECT_THAT(Lines(), Contains("unchanged: version 'edition 2' at 192.0.2.1"));
     EXPECT_THAT(Given(),
                 ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 2 192.0.2.1"));
+}
+
+// Before the first check of this watch.
+TEST_F(ToolWatcherCommand, IsRunForAFileThatAnotherProcessFetchedMeanwhile)
+{
+    m_options.execute = m_note;
+    m_options.servers = A;
+    When("retrying in",
+         [this]
+         {
+             FetchElsewhere("edition 1");
+             m_events.Push(Event::Kind::kCheckNow);
+         });
+    StopWhen("the command of --exec succeeded");
+    Watch({[](FakeService& service)
+           {
+               service.VersionFails(A);
+               service.VersionFails(A);
+           },
+           Deliver(A)});
+    EXPECT_THAT(Lines(), Contains("unchanged: version 'edition 1' at 192.0.2.1"));
+    EXPECT_THAT(Given(), ElementsAre(m_file + "edition 1 192.0.2.1"));
+}
+
+TEST_F(ToolWatcherCommand, IsRunAgainAfterARestartUntilItSucceeds)
+{
+    m_options.execute = "exit 3";
+    StopWhen("the command of --exec failed");
+    Watch({Deliver(A)});
+    m_options.execute = m_note + "; sleep 60";
+    WatchUntilGiven();
+    m_options.execute = m_note;
+    m_output = std::make_unique<FollowedStream>();
+    StopWhen("the command of --exec succeeded");
+    Watch({Deliver(A)});
+    m_output = std::make_unique<FollowedStream>();
+    StopWhen("unchanged");
+    Watch({Deliver(A)});
+    EXPECT_THAT(Given(),
+                ElementsAre(m_file + "edition 1 192.0.2.1", m_file + "edition 1 192.0.2.1"));
 }
 
 TEST_F(ToolWatcherCommand, IsRunForEachNewVersion)

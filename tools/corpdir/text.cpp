@@ -36,6 +36,22 @@ std::string Trimmed(const std::string& text, const char* blanks)
                : text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
+std::string ShellWord(const std::string& word)
+{
+    const char* const plain =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./:=,@%+";
+    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos)
+    {
+        return word;
+    }
+    std::string quoted;
+    for (const char letter : Printable(word))
+    {
+        quoted += letter == '\'' ? "'\\''" : std::string(1, letter);
+    }
+    return "'" + quoted + "'";
+}
+
 std::string SystemMessage(int error)
 {
     return std::generic_category().message(error);

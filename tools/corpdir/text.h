@@ -14,6 +14,9 @@ std::string Printable(std::string_view text);
 // The text without blanks at both ends.
 std::string Trimmed(const std::string& text, const char* blanks = " \t");
 
+// The word, printable, as a POSIX shell reads it.
+std::string ShellWord(const std::string& word);
+
 // The system's message for an errno value.
 std::string SystemMessage(int error);
 

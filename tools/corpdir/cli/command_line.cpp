@@ -418,6 +418,31 @@ std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
            (chosen == nullptr ? "" : chosen->get_name() + " ") + "--help'.\n";
 }
 
+// The options that were given, on the command line or in the settings file. A command may have a
+// secret.
+std::string GivenOptions(const CLI::App& program, const CLI::App& chosen)
+{
+    std::string given;
+    for (const CLI::App* app : {&program, &chosen})
+    {
+        for (const CLI::Option* option : app->get_options())
+        {
+            const bool isCommand = option->get_type_name() == "COMMAND";
+            for (const std::string& value : option->results())
+            {
+                const bool isFlag = option->get_expected_max() == 0;
+                if (isFlag && value != "true")
+                {
+                    continue;
+                }
+                given += (given.empty() ? "" : " ") + option->get_name();
+                given += isFlag ? "" : " " + (isCommand ? "..." : ShellWord(value));
+            }
+        }
+    }
+    return given;
+}
+
 void PrintNotices(const std::vector<std::string>& notices, const Options& options)
 {
     for (const std::string& notice : notices)
@@ -468,6 +493,7 @@ int RunCommandLine(int argc, char** argv, const Commands& commands, std::string 
         options.settings = used.names;
         PrintNotices(used.notices, options);
         CheckRequired(chosen->required);
+        options.given = GivenOptions(program, *chosen->parser);
     }
     catch (const CLI::ParseError& error)
     {

@@ -28,8 +28,6 @@ constexpr std::size_t kMaxDirectory = 127;
 
 const std::string kTrustPrefix = "ca=";
 
-constexpr unsigned int kEverything = 2;  // log level of --log-dir without --log-level
-
 [[noreturn]] void Refuse(const std::string& message)
 {
     throw ExitError(kExitArguments, message);
@@ -231,15 +229,6 @@ void PlanProtection(const CipherSource& ciphers, Plan& plan)
     plan.suites = FindSuites(plan.ciphers, ciphers);
 }
 
-void PlanLog(Plan& plan)
-{
-    CheckLength("--log-dir", plan.logDir.size(), kMaxField);
-    if (!plan.logDir.empty() && !plan.logLevel)
-    {
-        plan.logLevel = kEverything;
-    }
-}
-
 Plan Checked(const Options& options, const CipherSource& ciphers, Output output)
 {
     Plan plan;
@@ -254,7 +243,7 @@ Plan Checked(const Options& options, const CipherSource& ciphers, Output output)
         PlanOutput(plan);
     }
     PlanProtection(ciphers, plan);
-    PlanLog(plan);
+    CheckLength("--log-dir", plan.logDir.size(), kMaxField);
     // Last, so that a mistake in an argument is reported first.
     if (hasOutput)
     {

@@ -18,6 +18,7 @@ namespace corpdir_tool
 struct Options
 {
     std::vector<std::string> words;  // of the command line, without the program's name
+    std::string given;               // all that were given, as words of a shell; no commands
     std::string settingsFile;
     std::vector<std::string> settings;  // names of the options that the file gave
 
@@ -52,7 +53,7 @@ struct Options
     unsigned int execTimeoutSeconds = 0;   // watch: of either command; 0: no limit
     unsigned int maxAgeSeconds = 0;        // status; 0: no limit
     std::string logDir;                    // empty: standard error
-    std::optional<unsigned int> logLevel;  // not set: no log
+    std::optional<unsigned int> logLevel;  // not set: see UsedLogLevel()
     unsigned int logSize = 0;              // bytes of one log file; 0: the log's default
     unsigned int logFiles = 0;             // rotated log files; 0: the log's default
     bool quiet = false;
@@ -63,10 +64,17 @@ struct Options
     {
         return port == 0 ? 21 : port;
     }
+
+    // Not set: no log.
+    std::optional<unsigned int> UsedLogLevel() const
+    {
+        constexpr unsigned int kEverything = 2;
+        return logLevel || logDir.empty() ? logLevel : kEverything;
+    }
 };
 
 // The options of a download after the checks: each value is within its limit, both local names are
-// set, outputDir ends in "/" unless it is empty, and the log has a level if it has a directory.
+// set, and outputDir ends in "/" unless it is empty.
 struct Plan : Options
 {
     std::vector<ServerEntry> entries;  // of --servers

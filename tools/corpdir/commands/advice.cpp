@@ -14,7 +14,7 @@ void GiveHint(const std::string& hint, const Plan& plan, Report& report)
     }
     report.Hint(hint);
     tag_CORPDIR_LOGINFO info = LogSettingsOf(plan);
-    if (plan.logLevel && CorpDir_OpenLog(&info) == 0)
+    if (plan.UsedLogLevel() && CorpDir_OpenLog(&info) == 0)
     {
         TOOL_LOG(CORPDIR_LOG_NOTICE, "Hint: %s", hint.c_str());
     }

@@ -80,16 +80,39 @@ struct CheckEnd
     std::string error;  // empty when a server works, unless the check was stopped
 };
 
-// For the last record of the run.
-std::string TextOf(const CheckEnd& end, const std::vector<CheckResult>& results)
+std::vector<Attempt> AttemptsOf(const std::vector<CheckResult>& results)
 {
-    if (end.error.empty())
+    std::vector<Attempt> attempts;
+    for (const CheckResult& result : results)
     {
-        return "version and directory file can be fetched; each transfer of the directory file was "
-               "cancelled at its first byte";
+        attempts.push_back({result.server, result.failure});
+        Failure& failure = attempts.back().failure;
+        if (result.failedAt == CheckStep::kVersionFile && failure.code == TRAVEX_FTP_OK)
+        {
+            failure.reason = "the version file is not valid: " + failure.reason;
+        }
     }
-    const CheckResult last = results.empty() ? CheckResult() : results.back();
-    return OutcomeText(end.status, end.error, last.server.Label(), last.failure);
+    return attempts;
+}
+
+// For the last record of the run.
+std::string TextOf(const CheckEnd& end, const std::vector<CheckResult>& results, const Plan& plan)
+{
+    if (!end.error.empty())
+    {
+        return OutcomeText(end.status, end.error, AttemptsOf(results), plan);
+    }
+    std::string text =
+        "version and directory file can be fetched; each transfer of the directory file was "
+        "cancelled at its first byte";
+    for (const CheckResult& result : results)
+    {
+        if (result.failedAt != CheckStep::kDone)
+        {
+            text += "; " + result.server.Label() + " failed: " + WithFile(result.failure);
+        }
+    }
+    return text;
 }
 
 // Prints each result at once, or all as one JSON object.
@@ -126,7 +149,7 @@ public:
         if (!end.error.empty())
         {
             m_report.Error(end.error);
-            GiveHint(HintFor(Failures(), m_plan), m_plan, m_report);
+            GiveHint(HintFor(AttemptsOf(m_results), m_plan), m_plan, m_report);
         }
     }
 
@@ -136,16 +159,6 @@ public:
     }
 
 private:
-    std::vector<Failure> Failures() const
-    {
-        std::vector<Failure> failures;
-        for (const CheckResult& result : m_results)
-        {
-            failures.push_back(result.failure);
-        }
-        return failures;
-    }
-
     const Plan& m_plan;
     Report& m_report;
     std::vector<CheckResult> m_results;
@@ -183,9 +196,10 @@ CheckEnd CheckAll(const std::vector<Server>& servers, const Plan& plan, const Se
 
 int Check(const Options& options, const CipherSource& ciphers)
 {
-    const Plan plan = MakePlan(options, ciphers, Output::kOptional);
+    const Plan plan =
+        OrLogged("check", options, [&] { return MakePlan(options, ciphers, Output::kOptional); });
     Secret password;
-    ReadPassword(options.passwordFile, password);
+    OrLogged("check", options, [&] { ReadPassword(options.passwordFile, password); });
 
     CommandProcess process([](int number) { return kExitSignal + number; });
     ReportSettings settings;
@@ -214,7 +228,7 @@ int Check(const Options& options, const CipherSource& ciphers)
         log.End(error.Status(), error.what());
         throw;
     }
-    log.End(end.status, TextOf(end, printer.Results()));
+    log.End(end.status, TextOf(end, printer.Results(), plan));
     return end.status;
 }
 

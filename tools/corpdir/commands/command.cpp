@@ -111,6 +111,14 @@ std::vector<Server> FindServers(const Plan& plan, EventQueue& events, const Time
     {
         throw ExitError(kExitNoServer, NoAddress(plan));
     }
+    for (const Server& server : resolved.servers)
+    {
+        if (!server.name.empty())
+        {
+            TOOL_LOG(CORPDIR_LOG_NOTICE, "Server %s has the address %s", server.name.c_str(),
+                     server.address.c_str());
+        }
+    }
     return std::move(resolved.servers);
 }
 

@@ -17,7 +17,7 @@ namespace
 
 ReportSettings ReportSettingsOf(const Plan& plan)
 {
-    const bool logBeside = plan.logLevel && plan.logDir.empty();
+    const bool logBeside = plan.UsedLogLevel() && plan.logDir.empty();
     ReportSettings settings;
     settings.quiet = plan.quiet;
     settings.progress = !plan.noProgress && !logBeside;
@@ -120,21 +120,24 @@ Outcome RunSession(const Plan& plan, PasswordSource& password, CommandProcess& p
 }
 
 // For the last record of the run.
-std::string TextOf(const Outcome& outcome)
+std::string TextOf(const Outcome& outcome, const Plan& plan)
 {
-    if (outcome.error.empty())
+    if (!outcome.error.empty())
     {
-        return (outcome.unchanged ? "unchanged, version " : "fetched version ") + outcome.version;
+        return OutcomeText(outcome.status, outcome.error, outcome.attempts, plan);
     }
-    const Attempt last = outcome.attempts.empty() ? Attempt() : outcome.attempts.back();
-    return OutcomeText(outcome.status, outcome.error, last.server.Label(), last.failure);
+    const std::string source = outcome.version + " from " + outcome.attempts.back().server.Label();
+    return outcome.unchanged
+               ? "unchanged, version " + source
+               : "fetched version " + source + ", " + std::to_string(outcome.bytes) + " bytes";
 }
 
 int Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& printer)
 {
-    const Plan plan = MakePlan(options, ciphers);
+    const Plan plan = OrLogged("fetch", options, [&] { return MakePlan(options, ciphers); });
     printer.SetPath(plan.DirectoryPath());
-    PasswordSource password(options.passwordFile);
+    PasswordSource password =
+        OrLogged("fetch", options, [&] { return PasswordSource(options.passwordFile); });
 
     CommandProcess process([](int number) { return kExitSignal + number; });
     RunLog log("fetch", plan);
@@ -148,7 +151,7 @@ int Fetch(const Options& options, const CipherSource& ciphers, ResultPrinter& pr
         log.End(error.Status(), error.what());
         throw;
     }
-    log.End(outcome.status, TextOf(outcome));
+    log.End(outcome.status, TextOf(outcome, plan));
     return outcome.status;
 }
 

@@ -8,20 +8,20 @@
 namespace corpdir_tool
 {
 
-tag_CORPDIR_LOGINFO LogSettingsOf(const Plan& plan)
+tag_CORPDIR_LOGINFO LogSettingsOf(const Options& options)
 {
     tag_CORPDIR_LOGINFO log = {};
-    CopyText(log.szLogDir, plan.logDir);
-    log.ulLogLevel = plan.logLevel.value_or(0);
-    log.ulMaxFileSize = plan.logSize;
-    log.ulMaxFileCount = plan.logFiles;
+    CopyText(log.szLogDir, options.logDir);
+    log.ulLogLevel = options.UsedLogLevel().value_or(0);
+    log.ulMaxFileSize = options.logSize;
+    log.ulMaxFileCount = options.logFiles;
     return log;
 }
 
-ExitError LogError(const Plan& plan, unsigned int code)
+ExitError LogError(const Options& options, unsigned int code)
 {
     const std::string place =
-        plan.logDir.empty() ? "standard error" : "--log-dir '" + Printable(plan.logDir) + "'";
+        options.logDir.empty() ? "standard error" : "--log-dir '" + Printable(options.logDir) + "'";
     return {kExitLocalFile,
             "cannot write the log to " + place + ": " + SystemMessage(static_cast<int>(code))};
 }

@@ -24,10 +24,10 @@ void CopyText(char (&field)[kSize], std::string_view text)
     memcpy(field, text.data(), std::min(text.size(), kSize - 1));
 }
 
-tag_CORPDIR_LOGINFO LogSettingsOf(const Plan& plan);
+tag_CORPDIR_LOGINFO LogSettingsOf(const Options& options);
 
 // The error for a log that cannot be opened. code: an errno value.
-ExitError LogError(const Plan& plan, unsigned int code);
+ExitError LogError(const Options& options, unsigned int code);
 
 // Sets the limits of the FTP layer. fileBytes: 0 for the layer's own limit. Throws ExitError.
 void SetLimits(const Plan& plan, std::uint64_t fileBytes);

@@ -1,5 +1,7 @@
 #include "commands/run_log.h"
 
+#include <exception>
+
 #include "commands/layer_settings.h"
 #include "commands/tool_log.h"
 #include "exit_error.h"
@@ -7,34 +9,15 @@
 namespace corpdir_tool
 {
 
-namespace
+RunLog::RunLog(const char* command, const Options& options) : m_command(command)
 {
-
-// What tells one run from another; nothing secret.
-std::string SettingsText(const Plan& plan)
-{
-    std::string protection = "FTP without TLS";
-    if (!plan.plain)
-    {
-        protection = plan.verify ? "FTPS, certificates of " + plan.ca : "FTPS, not verified";
-    }
-    return "servers " + plan.servers + ", port " + std::to_string(plan.UsedPort()) + ", user " +
-           plan.user + ", " + protection + ", " + std::to_string(plan.suites.size()) +
-           " suites, files " + plan.versionFile + " and " + plan.directoryFile +
-           (plan.outputDir.empty() ? "" : ", to " + plan.outputDir);
-}
-
-}  // namespace
-
-RunLog::RunLog(const char* command, const Plan& plan) : m_command(command)
-{
-    Take(plan);
+    Take(options);
     if (const unsigned int code = Open(); code != 0)
     {
-        throw LogError(plan, code);
+        throw LogError(options, code);
     }
     TOOL_LOG(CORPDIR_LOG_NOTICE, "Begin of corpdir %s, version %s: %s", m_command, CORPDIR_VERSION,
-             SettingsText(plan).c_str());
+             options.given.c_str());
 }
 
 RunLog::~RunLog()
@@ -45,17 +28,16 @@ RunLog::~RunLog()
     }
 }
 
-void RunLog::Change(const Plan& plan)
+void RunLog::Change(const Options& options)
 {
     const bool hadLog = m_settings.has_value();
-    Take(plan);
+    Take(options);
     if (hadLog && !m_settings)
     {
         CorpDir_CloseLog();
     }
     (void)Open();
-    TOOL_LOG(CORPDIR_LOG_NOTICE, "Settings of corpdir %s: %s", m_command,
-             SettingsText(plan).c_str());
+    TOOL_LOG(CORPDIR_LOG_NOTICE, "Settings of corpdir %s: %s", m_command, options.given.c_str());
 }
 
 void RunLog::Write(unsigned int level, const std::string& sentence)
@@ -90,12 +72,12 @@ void RunLog::End(int status, const std::string& outcome)
 
 // The service opens a log in any case; without one here, records of errors would go to standard
 // error.
-void RunLog::Take(const Plan& plan)
+void RunLog::Take(const Options& options)
 {
     m_settings.reset();
-    if (plan.logLevel)
+    if (options.UsedLogLevel())
     {
-        m_settings = LogSettingsOf(plan);
+        m_settings = LogSettingsOf(options);
     }
     __atomic_store_n(&g_LogMode, m_settings ? 0U : 1U, __ATOMIC_RELAXED);
 }
@@ -104,6 +86,18 @@ void RunLog::Take(const Plan& plan)
 unsigned int RunLog::Open()
 {
     return m_settings ? CorpDir_OpenLog(&*m_settings) : 0;
+}
+
+void LogRefusal(const char* command, const Options& options, const ExitError& error) noexcept
+{
+    try
+    {
+        RunLog(command, options).End(error.Status(), error.what());
+    }
+    catch (const std::exception&)
+    {
+        // The message is on standard error.
+    }
 }
 
 }  // namespace corpdir_tool

@@ -7,6 +7,7 @@
 
 #include "cli/options.h"
 #include "corpdir_log.h"
+#include "exit_error.h"
 
 namespace corpdir_tool
 {
@@ -15,16 +16,16 @@ namespace corpdir_tool
 class RunLog
 {
 public:
-    // Opens the log and writes the version and the settings, without the password. Throws ExitError
+    // Opens the log and writes the version and the options, which have no secret. Throws ExitError
     // when the log cannot be written. command: static text.
-    RunLog(const char* command, const Plan& plan);
+    RunLog(const char* command, const Options& options);
     ~RunLog();  // closes the log
     RunLog(const RunLog&) = delete;
     RunLog& operator=(const RunLog&) = delete;
 
     // Takes other settings, and writes them. When their log cannot be opened, the one before is
     // used until the start of the service fails for the same reason.
-    void Change(const Plan& plan);
+    void Change(const Options& options);
 
     // level: tagCORPDIR_LOG_LEVEL.
     void Write(unsigned int level, const std::string& sentence);
@@ -33,12 +34,30 @@ public:
     void End(int status, const std::string& outcome);
 
 private:
-    void Take(const Plan& plan);
+    void Take(const Options& options);
     unsigned int Open();
 
     const char* const m_command;
     std::optional<tag_CORPDIR_LOGINFO> m_settings;  // none: no log
 };
+
+// Logs a run that ends before it begins, if possible. error: why.
+void LogRefusal(const char* command, const Options& options, const ExitError& error) noexcept;
+
+// What make() returns. An ExitError of it is logged.
+template <typename Make>
+auto OrLogged(const char* command, const Options& options, const Make& make)
+{
+    try
+    {
+        return make();
+    }
+    catch (const ExitError& error)
+    {
+        LogRefusal(command, options, error);
+        throw;
+    }
+}
 
 }  // namespace corpdir_tool
 

@@ -85,10 +85,13 @@ Session::Settled Session::Step()
         return Handle(*event);
     }
     const Settled status = HandleOwn();
-    return status || Clock::now() < deadline
-               ? status
-               : Fail(kExitNoOutcome, "timed out while " + Activity() + ": " + m_limits.Reason(),
-                      "raise that limit to allow more time");
+    if (status || Clock::now() < deadline)
+    {
+        return status;
+    }
+    const std::string message = "timed out while " + Activity() + ": " + m_limits.Reason();
+    m_client.GiveUp(message);
+    return Fail(kExitNoOutcome, message, "raise " + m_limits.Option() + " to allow more time");
 }
 
 Session::Settled Session::Handle(const client::Event& event)
@@ -204,13 +207,8 @@ Session::Settled Session::OnAllFailed()
     {
         return Fail(kExitNoServer, NoAddress(m_plan));
     }
-    const int status = m_invalidVersion ? kExitBadVersion : kExitNoServer;
-    std::vector<Failure> failures;
-    for (const Attempt& attempt : m_outcome.attempts)
-    {
-        failures.push_back(attempt.failure);
-    }
-    return Fail(status, AllFailed(ServersAsked()), HintFor(failures, m_plan));
+    return Fail(m_invalidVersion ? kExitBadVersion : kExitNoServer, AllFailed(ServersAsked()),
+                HintFor(m_outcome.attempts, m_plan));
 }
 
 Session::Settled Session::Fail(int status, const std::string& message, const std::string& hint)

@@ -19,13 +19,6 @@
 namespace corpdir_tool
 {
 
-// A server that was tried, and its failure.
-struct Attempt
-{
-    Server server;
-    Failure failure;  // no reason: the download succeeded
-};
-
 struct Outcome
 {
     int status = 0;                    // exit status

@@ -23,11 +23,17 @@ TimeLimits::Clock::time_point TimeLimits::Deadline() const
     return std::min(m_end, m_idleEnd);
 }
 
+std::string TimeLimits::Option() const
+{
+    return m_end < m_idleEnd ? "--max-time" : "--timeout";
+}
+
 std::string TimeLimits::Reason() const
 {
-    return m_end < m_idleEnd
-               ? "not done within " + std::to_string(m_plan.maxTimeSeconds) + " s (--max-time)"
-               : "no progress for " + std::to_string(m_plan.timeoutSeconds) + " s (--timeout)";
+    const std::string problem = m_end < m_idleEnd
+                                    ? "not done within " + std::to_string(m_plan.maxTimeSeconds)
+                                    : "no progress for " + std::to_string(m_plan.timeoutSeconds);
+    return problem + " s (" + Option() + ")";
 }
 
 }  // namespace corpdir_tool

@@ -23,7 +23,10 @@ public:
 
     Clock::time_point Deadline() const;
 
-    // Which limit ends first: "no progress for 120 s (--timeout)".
+    // The option whose limit ends first.
+    std::string Option() const;
+
+    // "no progress for 120 s (--timeout)"
     std::string Reason() const;
 
 private:

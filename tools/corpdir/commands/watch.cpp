@@ -12,8 +12,13 @@ int RunWatch(const Options& options, const CipherSource& ciphers,
              const std::function<Options()>& again)
 {
     const ServiceManager manager;
-    const WatchSettings settings = {MakePlan(options, ciphers),
-                                    std::make_shared<PasswordSource>(options.passwordFile)};
+    const WatchSettings settings =
+        OrLogged("watch", options,
+                 [&]
+                 {
+                     return WatchSettings{MakePlan(options, ciphers),
+                                          std::make_shared<PasswordSource>(options.passwordFile)};
+                 });
     // A watch that is stopped by a signal ends with success.
     CommandProcess process([](int) { return static_cast<int>(kExitFetched); }, true);
     // Without a password file that can be read again, the password of the start stays in use.

@@ -53,6 +53,13 @@ Watcher::Watcher(IFtpCorpDir& service, WatchSettings settings, Reload reload, Lo
                 [this](int status) { m_events.Push(Event::Kind::kFailureCommandEnded, status); })
 {
     TakeSettings(std::move(settings));
+    const Plan& plan = m_settings.plan;
+    std::string problem;  // the client reports it
+    const client::State state =
+        client::ReadState(plan.outputDir + client::StateName(plan.directoryName), problem)
+            .value_or(client::State());
+    m_version = state.version;
+    m_commandDue = state.commandDue;
     m_events.SetWake([this] { m_client.Wake(); });
 }
 
@@ -182,6 +189,7 @@ void Watcher::Handle(const client::Event& event)
             if (m_previous)
             {
                 m_previous.reset();
+                m_notReloaded.clear();
                 m_output->Reloaded();
                 m_manager.Ready();
             }
@@ -194,7 +202,10 @@ void Watcher::Handle(const client::Event& event)
         case Kind::kProgress:
             break;
         case Kind::kNewVersion:
-            m_output->NewVersion(event.server, event.version);
+            if (!event.known)  // else the service reads it for the first time since its start
+            {
+                m_output->NewVersion(event.server, event.version);
+            }
             break;
         case Kind::kUnchanged:
             OnUnchanged(event);
@@ -289,8 +300,9 @@ void Watcher::OnPassFailed()
     {
         m_manager.Ready();  // new names may have no address for long
     }
-    m_manager.Status("failed: " + m_reason +
-                     (m_version.empty() ? "" : "; version " + m_version + " is in place"));
+    m_current = "failed: " + m_reason +
+                (m_version.empty() ? "" : "; version " + m_version + " is in place");
+    ShowStatus();
     ++m_failures;
     m_serverFailed ? m_output->NoServerLeft() : m_output->CheckFailed();
     RunFailure();
@@ -310,22 +322,30 @@ void Watcher::OnEnd(const client::Event& event)
 {
     if (m_failures != 0)
     {
-        m_log.Write(CORPDIR_LOG_NOTICE,
-                    "the check succeeded after " + std::to_string(m_failures) + " that failed");
+        m_output->Recovered(m_failures);
         m_failures = 0;
     }
-    m_manager.Status("version " + event.version + " from " + event.server.Label() + ", checked " +
-                     client::TimeText(std::time(nullptr)));
+    m_current = "version " + event.version + " from " + event.server.Label() + ", checked " +
+                client::TimeText(std::time(nullptr));
+    ShowStatus();
     m_version = event.version;
     m_updateDue = m_updateDue || std::exchange(m_updateFailed, false);
     RunUpdate();
 }
 
-// Another process may have put this version into place since the last check.
+// For systemd: what is in place, and what went wrong beside it.
+void Watcher::ShowStatus()
+{
+    m_manager.Status(m_current + (m_notReloaded.empty() ? "" : "; settings not reloaded: ") +
+                     m_notReloaded + (m_updateFailed ? "; the command of --exec failed" : ""));
+}
+
+// Another process may have put this version into place since the last check. The command for it may
+// have failed, or been ended by a stop, in an earlier process.
 void Watcher::OnUnchanged(const client::Event& event)
 {
     m_output->Unchanged(event.server, event.version);
-    if (!m_version.empty() && event.version != m_version)
+    if (event.version != m_version || m_commandDue)
     {
         BeginUpdate(event);
     }
@@ -335,7 +355,12 @@ void Watcher::OnUnchanged(const client::Event& event)
 void Watcher::BeginUpdate(const client::Event& event)
 {
     m_delivered = event;
+    m_commandDue = false;
     m_updateDue = !m_settings.plan.execute.empty();
+    if (m_updateDue)
+    {
+        m_client.NoteCommand(true);
+    }
 }
 
 // A command that runs goes on. True when a check has begun.
@@ -355,7 +380,7 @@ bool Watcher::OnReload()
     }
     catch (const ExitError& error)
     {
-        m_output->ReloadFailed(error.what());
+        NotReloaded(error.what());
         m_manager.Ready();
         return false;
     }
@@ -368,6 +393,13 @@ bool Watcher::OnReload()
         KeepSettings(error.what());
     }
     return true;
+}
+
+void Watcher::NotReloaded(const std::string& reason)
+{
+    m_output->ReloadFailed(reason);
+    m_notReloaded = reason;
+    ShowStatus();
 }
 
 void Watcher::TakeSettings(WatchSettings settings)
@@ -391,7 +423,7 @@ void Watcher::ChangeSettings(WatchSettings settings)
 void Watcher::KeepSettings(const std::string& reason)
 {
     ChangeSettings(*std::exchange(m_previous, std::nullopt));
-    m_output->ReloadFailed(reason);
+    NotReloaded(reason);
     m_client.Start(SettingsOf(m_settings.plan, *m_settings.password),
                    client::Client::FirstFailure::kRetry);
     m_manager.Ready();
@@ -407,6 +439,11 @@ void Watcher::OnUpdateEnded(int status)
     m_update.Ended();
     m_output->CommandEnded(kExec, status, m_update.TimedOut());
     m_updateFailed = status != 0;
+    if (status == 0 && !m_updateDue)
+    {
+        m_client.NoteCommand(false);
+    }
+    ShowStatus();
     RunUpdate();
 }
 
@@ -441,7 +478,9 @@ void Watcher::RunFailure()
     if (!plan.onFailure.empty() && !m_failure.Running())
     {
         (void)Run(m_failure, kOnFailure, plan.onFailure,
-                  {{"CORPDIR_FILE", plan.AbsoluteDirectoryPath()}, {"CORPDIR_REASON", m_reason}});
+                  {{"CORPDIR_FILE", plan.AbsoluteDirectoryPath()},
+                   {"CORPDIR_REASON", m_reason},
+                   {"CORPDIR_FAILURES", std::to_string(m_failures)}});
     }
 }
 

@@ -62,6 +62,8 @@ private:
     Settled HandleOwn(const Event& event);
     void OnFailed(const client::Event& event);
     void OnPassFailed();
+    void ShowStatus();
+    void NotReloaded(const std::string& reason);
     void OnRefused(const std::string& reason);
     void OnEnd(const client::Event& event);
     void OnUnchanged(const client::Event& event);
@@ -89,7 +91,10 @@ private:
 
     ChildCommand m_update;        // after each new directory file
     ChildCommand m_failure;       // after each check that failed
-    std::string m_version;        // of the last check that succeeded
+    std::string m_version;        // of the local files when this process looked last
+    bool m_commandDue = false;    // at the start: the command has not succeeded for that version
+    std::string m_current;        // for systemd: the end of the last check
+    std::string m_notReloaded;    // why the last reload failed
     client::Event m_delivered;    // the last one
     bool m_updateDue = false;     // the command is to be run for it
     bool m_updateFailed = false;  // the command is tried again after the next check

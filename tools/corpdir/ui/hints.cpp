@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "exit_error.h"
 #include "suites.h"
@@ -23,23 +24,6 @@ constexpr unsigned int kNoDataConnection = 425;
 
 const char kServerLogHint[] = "the server's log may say why";
 
-// The word as a POSIX shell reads it.
-std::string Quoted(const std::string& word)
-{
-    const char* const plain =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./:=,@%+";
-    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos)
-    {
-        return word;
-    }
-    std::string quoted;
-    for (const char letter : Printable(word))
-    {
-        quoted += letter == '\'' ? "'\\''" : std::string(1, letter);
-    }
-    return "'" + quoted + "'";
-}
-
 // The command line with another value for an option.
 std::string CommandWith(const Plan& plan, const std::string& option, const std::string& value)
 {
@@ -49,17 +33,20 @@ std::string CommandWith(const Plan& plan, const std::string& option, const std::
     {
         if (!isOldValue && word != option && word.rfind(option + "=", 0) != 0)
         {
-            line += " " + Quoted(word);
+            line += " " + ShellWord(word);
         }
         isOldValue = !isOldValue && word == option;
     }
-    return line + " " + option + " " + Quoted(value);
+    return line + " " + option + " " + ShellWord(value);
 }
 
 // For failures that only a log explains.
 std::string LogHint(const Plan& plan)
 {
-    return "log every step: " + CommandWith(plan, "--log-level", "2");
+    constexpr unsigned int kEverything = 2;
+    return plan.UsedLogLevel() == kEverything
+               ? ""
+               : "log every step: " + CommandWith(plan, "--log-level", "2");
 }
 
 std::string PortOf(const Plan& plan)
@@ -270,7 +257,7 @@ std::string HintFor(const Failure& failure, const Plan& plan)
             return "raise --max-size if the file should be this large";
         case TRAVEX_FTP_ERR_LOCAL_FILE:
             return "check free space and permissions of --output-dir: df -h " +
-                   Quoted(plan.outputDir) + "; ls -ld " + Quoted(plan.outputDir);
+                   ShellWord(plan.outputDir) + "; ls -ld " + ShellWord(plan.outputDir);
         case TRAVEX_FTP_ERR_TRANSFER:
             return failure.step == TRAVEX_FTP_STEP_GREETING
                        ? "the server closes connections at once: connection limit reached, or --" +
@@ -288,23 +275,45 @@ std::string HintFor(const Failure& failure, const Plan& plan)
     }
 }
 
-std::string HintFor(const std::vector<Failure>& failures, const Plan& plan)
+namespace
 {
-    std::string best;
-    unsigned int furthest = 0;
-    for (const Failure& failure : failures)
+
+// The failure that came furthest in the dialogue: its server is the closest to working. One without
+// a hint counts less. Null when no server failed.
+const Attempt* Furthest(const std::vector<Attempt>& attempts, const Plan& plan)
+{
+    const Attempt* best = nullptr;
+    std::pair<bool, unsigned int> most;
+    for (const Attempt& attempt : attempts)
     {
-        const std::string hint = HintFor(failure, plan);
+        const Failure& failure = attempt.failure;
         // An invalid version file has arrived.
         const unsigned int step =
             failure.code == TRAVEX_FTP_OK ? TRAVEX_FTP_STEP_CONFIRM + 1 : failure.step;
-        if (!hint.empty() && (best.empty() || step > furthest))
+        const std::pair<bool, unsigned int> rank(!HintFor(failure, plan).empty(), step);
+        if (!failure.reason.empty() && (best == nullptr || rank > most))
         {
-            best = hint;
-            furthest = step;
+            best = &attempt;
+            most = rank;
         }
     }
     return best;
+}
+
+}  // namespace
+
+std::string HintFor(const std::vector<Attempt>& attempts, const Plan& plan)
+{
+    const Attempt* const attempt = Furthest(attempts, plan);
+    if (attempt == nullptr)
+    {
+        return "";
+    }
+    const std::string hint = HintFor(attempt->failure, plan);
+    const bool several = std::any_of(attempts.begin(), attempts.end(),
+                                     [attempt](const Attempt& other)
+                                     { return other.server.address != attempt->server.address; });
+    return several && !hint.empty() ? attempt->server.Label() + ": " + hint : hint;
 }
 
 std::vector<std::string> CertificateNames(const std::string& list)
@@ -347,20 +356,18 @@ std::string AllFailed(std::size_t servers)
                         : "all " + std::to_string(servers) + " servers failed";
 }
 
-std::string OutcomeText(int status, const std::string& message, const std::string& server,
-                        const Failure& last)
+std::string OutcomeText(int status, const std::string& message,
+                        const std::vector<Attempt>& attempts, const Plan& plan)
 {
-    std::string reason = server + ": " + WithFile(last);
-    if (message == last.reason)
+    const auto text = [](const Attempt& attempt)
+    { return attempt.server.Label() + ": " + WithFile(attempt.failure); };
+    if (!attempts.empty() && attempts.back().failure.reason == message)
     {
-        return reason;
+        return text(attempts.back());
     }
+    const Attempt* const attempt = Furthest(attempts, plan);
     const bool allFailed = status == kExitNoServer || status == kExitBadVersion;
-    if (!allFailed || last.reason.empty())
-    {
-        return message;
-    }
-    return (status == kExitBadVersion ? "no server has a valid version" : message) + "; " + reason;
+    return allFailed && attempt != nullptr ? message + "; " + text(*attempt) : message;
 }
 
 }  // namespace corpdir_tool

@@ -27,8 +27,16 @@ struct Failure
 // version file is not valid.
 std::string HintFor(const Failure& failure, const Plan& plan);
 
-// The advice on several failures: on the one that came furthest in the dialogue.
-std::string HintFor(const std::vector<Failure>& failures, const Plan& plan);
+// A server that was asked, and its failure.
+struct Attempt
+{
+    Server server;
+    Failure failure;  // no reason: it did not fail
+};
+
+// The advice on the failure that came furthest in the dialogue, with the server's name when there
+// are several.
+std::string HintFor(const std::vector<Attempt>& attempts, const Plan& plan);
 
 // The elements of a list of certificate names.
 std::vector<std::string> CertificateNames(const std::string& list);
@@ -42,10 +50,10 @@ std::string NoAddress(const Plan& plan);
 // "all 3 servers failed"
 std::string AllFailed(std::size_t servers);
 
-// The outcome of a failed run, for its last record in the log: the message, and the server that
-// failed last with its reason. status: of the run. last: no reason when no server has failed.
-std::string OutcomeText(int status, const std::string& message, const std::string& server,
-                        const Failure& last);
+// The outcome of a failed run, for its last record in the log: the message, and the server and the
+// reason that the hint is about. status: of the run.
+std::string OutcomeText(int status, const std::string& message,
+                        const std::vector<Attempt>& attempts, const Plan& plan);
 
 }  // namespace corpdir_tool
 

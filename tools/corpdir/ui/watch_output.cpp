@@ -174,6 +174,13 @@ void WatchOutput::NoServerLeft()
     Write(CORPDIR_LOG_ERROR, true, "no_server_left", "all servers failed", Json::object());
 }
 
+void WatchOutput::Recovered(unsigned int failures)
+{
+    Write(CORPDIR_LOG_NOTICE, false, "recovered",
+          "the check succeeded after " + std::to_string(failures) + " that failed",
+          Json({{"failures", failures}}));
+}
+
 void WatchOutput::CheckFailed()
 {
     Write(CORPDIR_LOG_ERROR, true, "check_failed", "the check failed", Json::object());

@@ -55,6 +55,7 @@ public:
 
     // The end of a check.
     void NoServerLeft();
+    void Recovered(unsigned int failures);
     void CheckFailed();  // for another reason
 
     // A restart of the service failed.
