@@ -396,6 +396,7 @@ TEST_F(ToolSettingsFile, ASettingGivesWayToTheCommandLine)
         const char* opposite;  // the option that rules it out
     };
     const Case cases[] = {{"ca = '/ca.pem'", {"--plain"}, "ca", "--plain"},
+                          {"ca = 'system'", {"--plain"}, "ca", "--plain"},
                           {"verify-name = 'a.example'", {"--plain"}, "verify-name", "--plain"},
                           {"ciphers = 'modern'", {"--plain"}, "ciphers", "--plain"},
                           {"plain = true", {"--ca=/ca.pem"}, "plain", "--ca"},
@@ -425,7 +426,7 @@ TEST_F(ToolSettingsFile, ASettingGivesWayToTheCommandLine)
             const bool plainGiven = one.line[0] == "--plain";
             EXPECT_EQ(parsed.options->plain, plainGiven);
             EXPECT_EQ(parsed.options->noVerify, one.line[0] == "--no-verify");
-            EXPECT_EQ(parsed.options->ca, one.line[0] == "--ca=/ca.pem" ? "/ca.pem" : "system");
+            EXPECT_EQ(parsed.options->ca, one.line[0] == "--ca=/ca.pem" ? "/ca.pem" : "");
         }
     }
 }

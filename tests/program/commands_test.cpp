@@ -1062,6 +1062,8 @@ TEST_F(ProgramStatus, WithoutAStateItIsUnknown)
     EXPECT_EQ(result.status, kNoState);
     EXPECT_THAT(result.output, HasSubstr("no check has fetched it yet"));
     EXPECT_EQ(ObjectIn(result.output)["failures"], 3);
+    EXPECT_THAT(Status().output, AllOf(Not(HasSubstr("version:")),
+                                       HasSubstr("outcome:   failed\nreason:    login refused\n")));
 }
 
 TEST_F(ProgramStatus, TheFileMustBeThereAsItWasFetched)
@@ -1094,7 +1096,10 @@ TEST_F(ProgramStatus, TheLastConfirmationMayBeTooOld)
                 AllOf(HasSubstr("version:   edition 17\n"),
                       HasSubstr("corpdir: the last check that fetched the file or found it "
                                 "unchanged was 36"),
-                      HasSubstr(" s ago, --max-age is 3600 s: ")));
+                      HasSubstr(" s ago, --max-age is 3600 s: the last check failed, see")));
+    m_state["outcome"] = "unchanged";
+    Keep();
+    EXPECT_THAT(Status({"--max-age=1h"}).output, HasSubstr(" s: check that 'corpdir watch' or "));
     m_state["confirmed"] = Utc(now + 36000);
     Keep();
     EXPECT_EQ(Status({"--max-age=1m"}).status, 0) << "a time in the future counts as now";

@@ -173,7 +173,6 @@ TEST_F(ToolOptions, RequiredTextsAreNotEmpty)
         {"--directory-file", &Options::directoryFile},
         {"--output-dir", &Options::outputDir},
         {"--servers", &Options::servers},
-        {"--ca", &Options::ca},
     };
     for (const auto& [option, member] : texts)
     {
@@ -348,8 +347,11 @@ TEST_F(ToolOptions, WithoutVerificationTheTrustTextIsStillThere)
 
 TEST_F(ToolOptions, ProtectionThatWouldHaveNoEffectIsRefused)
 {
-    m_options.verifyNames = {"a.example"};
+    m_options.ca = "system";
     m_options.noVerify = true;
+    EXPECT_THAT(Message(), HasSubstr("--no-verify checks no certificate"));
+    m_options.ca.clear();
+    m_options.verifyNames = {"a.example"};
     EXPECT_THAT(Message(), HasSubstr("--no-verify checks no certificate"));
     m_options.noVerify = false;
     m_options.plain = true;

@@ -11,6 +11,7 @@
 #include "commands/session.h"
 #include "fake_service.h"
 #include "parts_support.h"
+#include "state.h"
 #include "suites.h"
 
 namespace corpdir_tool
@@ -611,6 +612,12 @@ TEST_F(ToolSession, TheWholeTimeRunsOutInSpiteOfProgress)
         "corpdir: timed out while fetching directory file 'pub/directory.csv' from 192.0.2.1, "
         "24 of 48 bytes (50%): not done within 1 s (--max-time)\n"
         "hint: raise --max-time to allow more time\n");
+    std::string problem;
+    const std::optional<client::State> state =
+        client::ReadState(m_options.outputDir + "/.directory.csv.corpdir.json", problem);
+    ASSERT_TRUE(state.has_value()) << problem;
+    EXPECT_EQ(state->outcome, "failed");
+    EXPECT_THAT(state->reason, testing::HasSubstr("not done within 1 s (--max-time)"));
 }
 
 TEST_F(ToolSession, TheCipherListIsSetAfterEachStart)

@@ -158,7 +158,8 @@ void AddProtectionOptions(CLI::App& command, Options& options)
 {
     Add(command, kProtection, "--ca", options.ca, "FILE|DIR|system",
         "Certification authorities to trust: PEM file, directory, or 'system'\n"
-        "(default)");
+        "(default)")
+        ->check(NotEmpty());
     Add(command, kProtection, "--verify-name", options.verifyNames, "DNS",
         "Name that every certificate must have; if repeated, one of them is\n"
         "enough (default: the name or address in --servers)")

@@ -176,7 +176,7 @@ void PlanServers(Plan& plan)
 // Options without effect are refused: a user may rely on the protection that they suggest.
 void CheckProtection(const Options& options)
 {
-    const bool trustGiven = options.ca != "system" || !options.verifyNames.empty();
+    const bool trustGiven = !options.ca.empty() || !options.verifyNames.empty();
     if (options.plain && (trustGiven || !options.ciphers.empty()))
     {
         Refuse("--plain does not use TLS; remove --ca, --verify-name and --ciphers");
@@ -189,10 +189,6 @@ void CheckProtection(const Options& options)
 
 void CheckAuthorities(const std::string& ca)
 {
-    if (ca.empty())
-    {
-        Refuse("--ca is empty");
-    }
     CheckLength("--ca", ca.size(), kMaxField - kTrustPrefix.size());
     if (ca.find(';') != std::string::npos)
     {
@@ -222,9 +218,10 @@ void PlanProtection(const CipherSource& ciphers, Plan& plan)
     plan.trust = "system";  // the service requires one even when nothing is verified
     if (plan.verify)
     {
-        CheckAuthorities(plan.ca);
+        const std::string ca = plan.ca.empty() ? "system" : plan.ca;
+        CheckAuthorities(ca);
         CheckNames(plan.verifyNames);
-        plan.trust = kTrustPrefix + plan.ca;
+        plan.trust = kTrustPrefix + ca;
     }
     plan.suites = FindSuites(plan.ciphers, ciphers);
 }

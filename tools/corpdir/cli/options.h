@@ -37,7 +37,7 @@ struct Options
 
     bool plain = false;
     bool noVerify = false;
-    std::string ca = "system";
+    std::string ca;  // empty: "system"
     std::vector<std::string> verifyNames;
     std::vector<std::string> ciphers;
 

@@ -154,18 +154,17 @@ constexpr std::pair<const char*, const char*> kConflicts[] = {{"plain", "ca"},
                                                               {"no-verify", "ca"},
                                                               {"no-verify", "verify-name"}};
 
-// False for a flag that is switched off, and for the default of --ca.
-bool HasEffect(const std::string& name, const std::string& value)
+// False for a flag that is switched off.
+bool HasEffect(const std::string& value)
 {
-    return value != "false" && (name != "ca" || value != "system");
+    return value != "false";
 }
 
 bool IsGiven(const CLI::App& command, const std::string& name)
 {
     const CLI::Option* const option = command.get_option_no_throw("--" + name);
     return option != nullptr &&
-           std::any_of(option->results().begin(), option->results().end(),
-                       [&name](const std::string& value) { return HasEffect(name, value); });
+           std::any_of(option->results().begin(), option->results().end(), HasEffect);
 }
 
 // The option of the command line that rules out this setting; empty when there is none.
@@ -174,8 +173,8 @@ std::string RuledOutBy(const CLI::App& command, const Setting& setting)
     for (const auto& [one, other] : kConflicts)
     {
         const std::string opposite = setting.name == one ? other : setting.name == other ? one : "";
-        if (!opposite.empty() && HasEffect(setting.name, setting.value) &&
-            IsGiven(command, opposite) && !IsGiven(command, setting.name))
+        if (!opposite.empty() && HasEffect(setting.value) && IsGiven(command, opposite) &&
+            !IsGiven(command, setting.name))
         {
             return "--" + opposite;
         }

@@ -59,9 +59,12 @@ void PrintText(const client::State& state, const std::string& path)
 {
     const auto print = [](const char* name, const std::string& value)
     { (void)std::fprintf(stdout, "%-10s %s\n", name, Printable(value).c_str()); };
-    print("version:", state.version);
-    print("file:", path + " (" + std::to_string(state.size) + " bytes)");
-    print("server:", state.server);
+    if (!state.version.empty())
+    {
+        print("version:", state.version);
+        print("file:", path + " (" + std::to_string(state.size) + " bytes)");
+        print("server:", state.server);
+    }
     print("fetched:", OrNever(state.fetched));
     print("confirmed:", OrNever(state.confirmed));
     print("checked:", OrNever(state.checked));
@@ -95,11 +98,14 @@ void CheckAge(const client::State& state, unsigned int maxAge)
     const std::int64_t age = AgeOf(state.confirmed, std::time(nullptr));
     if (maxAge != 0 && age >= maxAge)
     {
-        throw ExitError(kExitStale,
-                        "the last check that fetched the file or found it unchanged was " +
-                            (state.confirmed == 0 ? "never" : std::to_string(age) + " s ago") +
-                            ", --max-age is " + std::to_string(maxAge) +
-                            " s: check that 'corpdir watch' or the job that fetches the file runs");
+        throw ExitError(
+            kExitStale,
+            "the last check that fetched the file or found it unchanged was " +
+                (state.confirmed == 0 ? "never" : std::to_string(age) + " s ago") +
+                ", --max-age is " + std::to_string(maxAge) + " s: " +
+                (state.outcome == "failed"
+                     ? "the last check failed, see its reason"
+                     : "check that 'corpdir watch' or the job that fetches the file runs"));
     }
 }
 
@@ -117,7 +123,7 @@ int RunStatus(const Options& options)
     {
         PrintJson(state.value_or(client::State()));
     }
-    else if (known)
+    else if (state)
     {
         PrintText(*state, path);
     }
