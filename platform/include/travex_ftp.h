@@ -170,7 +170,8 @@ typedef void (*TRAVEX_FTP_NOTIFY_CB)(void* pUserData, tagTRAVEX_FTP_S_NOTIFY_DAT
 /// Kinds of observation.
 enum tagTRAVEX_FTP_OBSERVED
 {
-    TRAVEX_FTP_OBSERVED_PROGRESS = 0,  ///< bytes have arrived; at most ten a second per task
+    TRAVEX_FTP_OBSERVED_PROGRESS = 0,  ///< bytes have arrived, at most 0.1 s ago; at most ten a
+                                       ///< second per task
     TRAVEX_FTP_OBSERVED_SUCCESS = 1,   ///< before the task's 0
     TRAVEX_FTP_OBSERVED_FAILED = 2,    ///< before the task's 3
     TRAVEX_FTP_OBSERVED_REFUSED = 3,   ///< parameters or a download were refused: there is no task
