@@ -64,9 +64,9 @@ enum tagTRAVEX_FTP_STEP
 /// Details of a failure beyond code, step and reply.
 enum tagTRAVEX_FTP_DETAIL
 {
-    TRAVEX_FTP_DETAIL_NONE = 0,         ///< nothing
-    TRAVEX_FTP_DETAIL_CERT_NAME = 1,    ///< the certificate is for another name or address
-    TRAVEX_FTP_DETAIL_CERT_DATES = 2,   ///< the certificate has expired, or is not yet valid
+    TRAVEX_FTP_DETAIL_NONE = 0,        ///< nothing
+    TRAVEX_FTP_DETAIL_CERT_NAME = 1,   ///< the certificate is for another name or address
+    TRAVEX_FTP_DETAIL_CERT_DATES = 2,  ///< the server's certificate has expired or is not yet valid
     TRAVEX_FTP_DETAIL_TLS_VERSION = 3,  ///< the server requires another version of TLS
     TRAVEX_FTP_DETAIL_TLS_SUITES = 4    ///< no cipher suite or other parameter in common
 };
