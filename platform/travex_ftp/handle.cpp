@@ -283,7 +283,8 @@ void Handle::CloseConnection()
     }
 }
 
-// Fails with the reason of an earlier 530: repeated failures may lock the account.
+// Fails like an earlier 530, and says that nothing was sent: repeated failures may lock the
+// account.
 bool Handle::KnownRefusal(Transfer& transfer)
 {
     const Clock::time_point now = Clock::now();
@@ -296,7 +297,10 @@ bool Handle::KnownRefusal(Transfer& transfer)
     {
         if (one.settings->SameLogin(settings))
         {
-            transfer.report.failure = one.failure;
+            Failure& failure = transfer.report.failure;
+            SetStep(failure, one.failure.ulStep);
+            failure.ulReply = one.failure.ulReply;
+            (void)Fail(failure, one.failure.ulRet, "%s (not sent again)", one.failure.acReason);
             return true;
         }
     }
