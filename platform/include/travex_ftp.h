@@ -233,7 +233,8 @@ typedef void (*TRAVEX_FTP_OBSERVER_CB)(void* pUser, const tagTRAVEX_FTP_S_OBSERV
 /// (docs/library.md), else the layer's default.
 struct tagTRAVEX_FTP_S_LIMITS
 {
-    uint64_t ullFileBytes;       ///< largest file, bytes; default 16 GiB
+    uint64_t ullFileBytes;       ///< largest file, bytes; default 16 GiB. 1: only asks whether the
+                                 ///< server sends the file, and logs a larger one as a notice
     uint64_t ullReplyBytes;      ///< all replies to one transfer, bytes; default 65,536
     uint64_t ullReplyLines;      ///< the same, lines; default 1,000
     uint64_t ullStallBytes;      ///< least that must arrive in ulStallMs, bytes; default 1,024

@@ -259,7 +259,14 @@ void Handle::Finish(Transfer& transfer)
 {
     const Task& task = *transfer.task;
     const char* const server = task.settings->serverText.c_str();
-    if (Failed(transfer.report.failure))
+    if (transfer.report.failure.ulRet == TRAVEX_FTP_ERR_TOO_LARGE &&
+        transfer.limits.fileBytes == kProbe)
+    {
+        TRAVEX_FTP_LOG(CORPDIR_LOG_NOTICE,
+                       "%s: task %u: %s cancelled at its first byte, as the limit of 1 byte asks",
+                       server, task.id, task.serverFile.c_str());
+    }
+    else if (Failed(transfer.report.failure))
     {
         TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s (task %u, %s)", server,
                        transfer.report.failure.acReason, task.id, task.serverFile.c_str());

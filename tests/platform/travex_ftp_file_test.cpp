@@ -319,6 +319,26 @@ TEST_F(FileTest, ARefusedFileIsNotReportedAsTooLarge)
     EXPECT_EQ("3 24/RECEIVE/0 the file is larger than 1 bytes", Fetch("f", "f"));
 }
 
+// With a limit of 1 byte a program only asks whether the file is there.
+TEST_F(FileTest, ALimitOfOneByteIsNoErrorInTheLog)
+{
+    for (const char* kind : {"none", "unknown_size"})
+    {
+        FaultyServer server(kind);
+        Use(RecordFor(server));
+        for (const uint64_t limit : {1ull, 2ull})
+        {
+            const ftp_test::Limits limits([=](auto& each) { each.ullFileBytes = limit; });
+            captured_log::Clear();
+            EXPECT_THAT(Fetch("f", "f"), testing::StartsWith("3 24/RECEIVE/0 "));
+            const std::string cancelled =
+                "f cancelled at its first byte, as the limit of 1 byte asks";
+            EXPECT_EQ(limit == 1 ? 1u : 0u, captured_log::CountWith(cancelled));
+            EXPECT_EQ(limit == 1 ? 0u : 1u, captured_log::Texts(CORPDIR_LOG_ERROR).size());
+        }
+    }
+}
+
 // Recorded observations; for one task at a time.
 struct Watch
 {
