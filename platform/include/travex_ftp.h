@@ -64,9 +64,9 @@ enum tagTRAVEX_FTP_STEP
 /// Details of a failure beyond code, step and reply.
 enum tagTRAVEX_FTP_DETAIL
 {
-    TRAVEX_FTP_DETAIL_NONE = 0,         ///< nothing
-    TRAVEX_FTP_DETAIL_CERT_NAME = 1,    ///< the certificate is for another name or address
-    TRAVEX_FTP_DETAIL_CERT_DATES = 2,   ///< the certificate has expired, or is not yet valid
+    TRAVEX_FTP_DETAIL_NONE = 0,        ///< nothing
+    TRAVEX_FTP_DETAIL_CERT_NAME = 1,   ///< the certificate is for another name or address
+    TRAVEX_FTP_DETAIL_CERT_DATES = 2,  ///< the server's certificate has expired or is not yet valid
     TRAVEX_FTP_DETAIL_TLS_VERSION = 3,  ///< the server requires another version of TLS
     TRAVEX_FTP_DETAIL_TLS_SUITES = 4    ///< no cipher suite or other parameter in common
 };
@@ -170,7 +170,8 @@ typedef void (*TRAVEX_FTP_NOTIFY_CB)(void* pUserData, tagTRAVEX_FTP_S_NOTIFY_DAT
 /// Kinds of observation.
 enum tagTRAVEX_FTP_OBSERVED
 {
-    TRAVEX_FTP_OBSERVED_PROGRESS = 0,  ///< bytes have arrived; at most ten a second per task
+    TRAVEX_FTP_OBSERVED_PROGRESS = 0,  ///< bytes have arrived, at most 0.1 s ago; at most ten a
+                                       ///< second per task
     TRAVEX_FTP_OBSERVED_SUCCESS = 1,   ///< before the task's 0
     TRAVEX_FTP_OBSERVED_FAILED = 2,    ///< before the task's 3
     TRAVEX_FTP_OBSERVED_REFUSED = 3,   ///< parameters or a download were refused: there is no task
@@ -232,7 +233,8 @@ typedef void (*TRAVEX_FTP_OBSERVER_CB)(void* pUser, const tagTRAVEX_FTP_S_OBSERV
 /// (docs/library.md), else the layer's default.
 struct tagTRAVEX_FTP_S_LIMITS
 {
-    uint64_t ullFileBytes;       ///< largest file, bytes; default 16 GiB
+    uint64_t ullFileBytes;       ///< largest file, bytes; default 16 GiB. 1: only asks whether the
+                                 ///< server sends the file, and logs a larger one as a notice
     uint64_t ullReplyBytes;      ///< all replies to one transfer, bytes; default 65,536
     uint64_t ullReplyLines;      ///< the same, lines; default 1,000
     uint64_t ullStallBytes;      ///< least that must arrive in ulStallMs, bytes; default 1,024

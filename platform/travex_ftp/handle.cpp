@@ -259,7 +259,14 @@ void Handle::Finish(Transfer& transfer)
 {
     const Task& task = *transfer.task;
     const char* const server = task.settings->serverText.c_str();
-    if (Failed(transfer.report.failure))
+    if (transfer.report.failure.ulRet == TRAVEX_FTP_ERR_TOO_LARGE &&
+        transfer.limits.fileBytes == kProbe)
+    {
+        TRAVEX_FTP_LOG(CORPDIR_LOG_NOTICE,
+                       "%s: task %u: %s cancelled at its first byte, as the limit of 1 byte asks",
+                       server, task.id, task.serverFile.c_str());
+    }
+    else if (Failed(transfer.report.failure))
     {
         TRAVEX_FTP_LOG(CORPDIR_LOG_ERROR, "%s: %s (task %u, %s)", server,
                        transfer.report.failure.acReason, task.id, task.serverFile.c_str());
@@ -283,7 +290,8 @@ void Handle::CloseConnection()
     }
 }
 
-// Fails with the reason of an earlier 530: repeated failures may lock the account.
+// Fails like an earlier 530, and says that nothing was sent: repeated failures may lock the
+// account.
 bool Handle::KnownRefusal(Transfer& transfer)
 {
     const Clock::time_point now = Clock::now();
@@ -296,7 +304,10 @@ bool Handle::KnownRefusal(Transfer& transfer)
     {
         if (one.settings->SameLogin(settings))
         {
-            transfer.report.failure = one.failure;
+            Failure& failure = transfer.report.failure;
+            SetStep(failure, one.failure.ulStep);
+            failure.ulReply = one.failure.ulReply;
+            (void)Fail(failure, one.failure.ulRet, "%s (not sent again)", one.failure.acReason);
             return true;
         }
     }

@@ -42,6 +42,10 @@ struct Limits
 // Implements TRAVEX_FTP_SetLimits. Thread-safe.
 void SetLimits(const tagTRAVEX_FTP_S_LIMITS* limits);
 
+// Limits::fileBytes of a program that only asks whether the server sends a file. Exceeding it is no
+// error in the log.
+constexpr uint64_t kProbe = 1;
+
 // Grace period: for the server to close the data channel after the 226, and for the reply that
 // explains a broken one.
 constexpr milliseconds kGracePeriod{1000};

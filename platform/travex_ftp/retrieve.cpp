@@ -476,6 +476,7 @@ Io Retrieval::ReadSome()
         (void)FailTooLarge();
         return Io::kFailed;
     }
+    m_unreported = m_unreported || length != 0;
     if (length != 0 && !m_file.Arrived(length, m_attempt.failure))
     {
         return Io::kFailed;
@@ -495,7 +496,7 @@ Io Retrieval::AwaitData()
         complete ? std::min(m_periodEnd, Clock::now() + kGracePeriod) : m_periodEnd;
     Deadline deadline = m_attempt.Until(until);
     deadline.other = ControlSocket();
-    const Io io = m_data.AwaitReadable(deadline);
+    const Io io = AwaitReadable(m_data, deadline);
     m_evidence.periodBytes = m_evidence.received - m_bytesAtPeriodStart;
     const bool keepsPace = !complete && m_evidence.periodBytes >= m_limits.stallBytes;
     if (io == Io::kTimedOut && keepsPace && !m_attempt.EndedBy(io))
@@ -544,7 +545,7 @@ Io Retrieval::AwaitFinal(milliseconds limit)
     while (!IsFinal(m_evidence.last))
     {
         Io io = m_control.PollReply(m_attempt, m_evidence.last);
-        io = io == Io::kAgain ? m_control.TheChannel().AwaitReadable(deadline) : io;
+        io = io == Io::kAgain ? AwaitReadable(m_control.TheChannel(), deadline) : io;
         RecordControlLoss(io);
         if (io != Io::kDone)
         {
@@ -567,13 +568,33 @@ bool Retrieval::Conclude()
     return true;
 }
 
+// Waits as the channel does, and reports bytes that no progress has reported when the interval is
+// over: otherwise a server that then sends nothing would leave the observer with an old number.
+Io Retrieval::AwaitReadable(Channel& channel, const Deadline& deadline)
+{
+    Deadline due = deadline;
+    due.at = m_unreported ? std::min(deadline.at, m_reported + m_limits.observe) : deadline.at;
+    const Io io = channel.AwaitReadable(due);
+    if (io != Io::kTimedOut || due.at == deadline.at)
+    {
+        return io;
+    }
+    Report();
+    return channel.AwaitReadable(deadline);
+}
+
 // Checks the clock first: Observed() takes a lock.
 void Retrieval::Report()
 {
     const Clock::time_point now = Clock::now();
-    if (now - m_reported >= m_limits.observe && Observed())
+    if (now - m_reported < m_limits.observe)
     {
-        m_reported = now;
+        return;
+    }
+    m_reported = now;
+    m_unreported = false;
+    if (Observed())
+    {
         m_notifier.Progress(m_task, m_evidence.received, m_evidence.announced);
     }
 }

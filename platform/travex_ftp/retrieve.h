@@ -96,6 +96,7 @@ private:
     bool AwaitConfirmation();
     Io AwaitFinal(milliseconds limit);
     bool Conclude();
+    Io AwaitReadable(Channel& channel, const Deadline& deadline);
     void Report();
     bool MayUsePasv() const;
 
@@ -119,6 +120,7 @@ private:
     Clock::time_point m_periodEnd;      // of the current period of Limits::stall
     uint64_t m_bytesAtPeriodStart = 0;  // bytes received when it began
     Clock::time_point m_reported;
+    bool m_unreported = false;  // bytes have arrived since then
 };
 
 }  // namespace travex_ftp

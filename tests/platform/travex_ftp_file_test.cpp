@@ -319,6 +319,26 @@ TEST_F(FileTest, ARefusedFileIsNotReportedAsTooLarge)
     EXPECT_EQ("3 24/RECEIVE/0 the file is larger than 1 bytes", Fetch("f", "f"));
 }
 
+// With a limit of 1 byte a program only asks whether the file is there.
+TEST_F(FileTest, ALimitOfOneByteIsNoErrorInTheLog)
+{
+    for (const char* kind : {"none", "unknown_size"})
+    {
+        FaultyServer server(kind);
+        Use(RecordFor(server));
+        for (const uint64_t limit : {1ull, 2ull})
+        {
+            const ftp_test::Limits limits([=](auto& each) { each.ullFileBytes = limit; });
+            captured_log::Clear();
+            EXPECT_THAT(Fetch("f", "f"), testing::StartsWith("3 24/RECEIVE/0 "));
+            const std::string cancelled =
+                "f cancelled at its first byte, as the limit of 1 byte asks";
+            EXPECT_EQ(limit == 1 ? 1u : 0u, captured_log::CountWith(cancelled));
+            EXPECT_EQ(limit == 1 ? 0u : 1u, captured_log::Texts(CORPDIR_LOG_ERROR).size());
+        }
+    }
+}
+
 // Recorded observations; for one task at a time.
 struct Watch
 {
@@ -370,8 +390,11 @@ struct Watch
 // Whether progress is seen depends on the time.
 std::string WithoutProgress(std::string sequence)
 {
-    const size_t progress = sequence.find("* ");
-    return progress == std::string::npos ? sequence : sequence.erase(progress, 2);
+    for (size_t at = 0; (at = sequence.find("* ")) != std::string::npos;)
+    {
+        sequence.erase(at, 2);
+    }
+    return sequence;
 }
 
 class ObserverTest : public LayerTest
@@ -496,18 +519,43 @@ TEST_F(ObserverTest, SeesNoStepWhenOnlyRepliesArrive)
     EXPECT_EQ("LOCAL_FILE CONNECT GREETING .", Steps());
 }
 
-// Progress lies between the receiving and the confirmation.
+// Progress follows the beginning of the receiving. The last bytes may be reported while the
+// confirmation is awaited.
 TEST_F(ObserverTest, SeesStepsAndProgressInOrder)
 {
     FaultyServer server("slow_226", {"--size", "30000000"});
     Use(RecordFor(server));
     TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
     ASSERT_EQ("0 12", Fetch("f", "f"));
-    EXPECT_EQ(
-        "LOCAL_FILE CONNECT GREETING LOGIN TYPE PASSIVE DATA_CONNECT SIZE RETRIEVE RECEIVE * "
-        "CONFIRM "
-        "LOCAL_FILE .",
-        Sequence());
+    EXPECT_THAT(
+        Sequence(),
+        testing::AnyOf("LOCAL_FILE CONNECT GREETING LOGIN TYPE PASSIVE DATA_CONNECT SIZE RETRIEVE "
+                       "RECEIVE * CONFIRM LOCAL_FILE .",
+                       "LOCAL_FILE CONNECT GREETING LOGIN TYPE PASSIVE DATA_CONNECT SIZE RETRIEVE "
+                       "RECEIVE * CONFIRM * LOCAL_FILE ."));
+}
+
+// All bytes arrive before the first progress is due, and then nothing more.
+TEST_F(ObserverTest, SeesTheBytesBeforeAServerHangs)
+{
+    const ftp_test::Limits limits([](auto& each) { each.ulObserveMs = 500; });
+    TRAVEX_FTP_SetObserver(Watch::See, &m_watch);
+    const std::pair<const char*, uint64_t> cases[] = {{"stall", 50000}, {"hang:CLOSING", 100000}};
+    for (const auto& one : cases)
+    {
+        FaultyServer server(one.first);
+        const TRAVEX_FTP_HANDLE handle = ftp_test::HandleWith(RecordFor(server));
+        ASSERT_NE(0u, ftp_test::StartOn(handle, "f", "f"));
+        EXPECT_TRUE(support::WaitUntil(
+            [&]
+            {
+                const std::lock_guard<std::mutex> lock(m_watch.mutex);
+                return m_watch.last == one.second;
+            },
+            std::chrono::seconds(5)))
+            << one.first;
+        EXPECT_EQ(0u, TRAVEX_FTP_CloseHandle(handle));
+    }
 }
 
 // Waits in its first call on the notification thread until the file is in place.

@@ -364,14 +364,16 @@ protected:
     }
 
     const std::string m_refused = "3 19/LOGIN/530 login refused: 530 no";
+    const std::string m_notSent = m_refused + " (not sent again)";
     FaultyServer m_server{"reply:PASS:530 no"};
 };
 
 TEST_F(RefusedLogin, IsNotRepeatedForAMinute)
 {
-    for (int i = 0; i != 3; ++i)
+    EXPECT_EQ(m_refused, FetchAs("ftp", "wrong-one"));
+    for (int i = 0; i != 2; ++i)
     {
-        EXPECT_EQ(m_refused, FetchAs("ftp", "wrong-one"));
+        EXPECT_EQ(m_notSent, FetchAs("ftp", "wrong-one"));
         EXPECT_EQ(1u, m_server.Count("CONNECT"));
     }
 }
@@ -383,7 +385,7 @@ TEST_F(RefusedLogin, IsRepeatedWithAnotherPasswordOrUser)
     EXPECT_EQ(2u, m_server.Count("CONNECT"));
     EXPECT_EQ(m_refused, FetchAs("other", "wrong-two"));
     EXPECT_EQ(3u, m_server.Count("CONNECT"));
-    EXPECT_EQ(m_refused, FetchAs("other", "wrong-two"));
+    EXPECT_EQ(m_notSent, FetchAs("other", "wrong-two"));
     EXPECT_EQ(3u, m_server.Count("CONNECT"));
 }
 

@@ -347,6 +347,8 @@ TEST_F(CertificateTest, EachRejectionHasItsReason)
     EXPECT_EQ("0 12", FetchFrom(all.ViaIntermediate()));
     EXPECT_EQ("3 18/TLS/0/2 certificate has expired", FetchFrom(all.Expired()));
     EXPECT_EQ("3 18/TLS/0/2 certificate is not yet valid", FetchFrom(all.NotYetValid()));
+    EXPECT_EQ("3 18/TLS/0 the authority's certificate: certificate has expired",
+              FetchFrom(all.ViaExpiredIntermediate()));
     EXPECT_EQ("3 18/TLS/0/1 certificate is not valid for host 127.0.0.1",
               FetchFrom(all.WrongName()));
     EXPECT_EQ("3 18/TLS/0 self-signed certificate", FetchFrom(all.SelfSigned()));

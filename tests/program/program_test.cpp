@@ -335,6 +335,16 @@ TEST_F(ProgramLog, HasRunsThatAreRefusedBeforeTheyBegin)
     EXPECT_THAT(Records(), testing::ElementsAreArray(ends));
 }
 
+// check cancels the transfer of the directory file on purpose.
+TEST_F(ProgramLog, HasNoErrorOfASuccessfulCheck)
+{
+    Serve();
+    RunLogged("check");
+    EXPECT_THAT(
+        ReadFile(m_logs.File("corpdir.log")),
+        AllOf(HasSubstr("directory.csv cancelled at its first byte"), Not(HasSubstr(" error "))));
+}
+
 TEST_F(ProgramLog, HasTheOutcomeOfEachRun)
 {
     Serve();

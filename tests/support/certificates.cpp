@@ -11,6 +11,8 @@ namespace support
 
 const TestCertificates::Validity TestCertificates::kValidNow = {"20240101000000Z",
                                                                 "20991231000000Z"};
+const TestCertificates::Validity TestCertificates::kExpired = {"20200101000000Z",
+                                                               "20210101000000Z"};
 
 namespace
 {
@@ -85,7 +87,7 @@ ServerCertificate TestCertificates::WrongName() const
 
 ServerCertificate TestCertificates::Expired() const
 {
-    return Leaf("authority", kNames, {"20200101000000Z", "20210101000000Z"});
+    return Leaf("authority", kNames, kExpired);
 }
 
 ServerCertificate TestCertificates::NotYetValid() const
@@ -116,9 +118,19 @@ ServerCertificate TestCertificates::SelfSigned() const
 
 ServerCertificate TestCertificates::ViaIntermediate() const
 {
+    return ViaIntermediate(kValidNow);
+}
+
+ServerCertificate TestCertificates::ViaExpiredIntermediate() const
+{
+    return ViaIntermediate(kExpired);
+}
+
+ServerCertificate TestCertificates::ViaIntermediate(Validity validity) const
+{
     const std::string base = m_directory.File("intermediate");
     Sign("authority", "/CN=intermediate", MakeEllipticKey(base), base + ".pem",
-         "basicConstraints=critical,CA:TRUE\nkeyUsage=critical,keyCertSign\n", kValidNow);
+         "basicConstraints=critical,CA:TRUE\nkeyUsage=critical,keyCertSign\n", validity);
     PrepareAuthority(base);
     const ServerCertificate leaf = Leaf("intermediate", kNames, kValidNow);
     WriteFile(leaf.certificate_file, ReadFile(leaf.certificate_file) + ReadFile(base + ".pem"));

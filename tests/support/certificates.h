@@ -40,6 +40,7 @@ public:
     ServerCertificate FromOtherAuthority() const;
     ServerCertificate SelfSigned() const;
     ServerCertificate ViaIntermediate() const;
+    ServerCertificate ViaExpiredIntermediate() const;
 
 private:
     struct Validity
@@ -49,12 +50,14 @@ private:
     };
 
     static const Validity kValidNow;
+    static const Validity kExpired;
 
     std::string NewFile(const std::string& suffix) const;
     std::string MakeRootAuthority(const std::string& name) const;
     void Sign(const std::string& authority, const std::string& subject, const std::string& key,
               const std::string& certificate, const std::string& extensions,
               Validity validity) const;
+    ServerCertificate ViaIntermediate(Validity validity) const;
     ServerCertificate Leaf(const std::string& authority, const std::string& names,
                            Validity validity) const;
     ServerCertificate Leaf(const std::string& authority, const std::string& names,

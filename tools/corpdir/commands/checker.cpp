@@ -120,8 +120,8 @@ CheckResult Checker::Check(const Server& server)
     CheckVersionFile(Download(handle.get(), m_plan.versionFile, kVersionName, server), result);
     if (result.failedAt == CheckStep::kDone)
     {
-        constexpr std::uint64_t kSmallestLimit = 1;  // byte
-        SetLimits(m_plan, kSmallestLimit);
+        constexpr std::uint64_t kProbe = 1;  // byte: only asks whether the server sends the file
+        SetLimits(m_plan, kProbe);
         TransferEvent event = Download(handle.get(), m_plan.directoryFile, kDirectoryName, server);
         // The layer may have left out SIZE on the reused connection: ask again on a new one.
         if (m_plan.maxSize != 0 && event.code == TRAVEX_FTP_ERR_TOO_LARGE &&
