@@ -196,7 +196,7 @@ struct tagTRAVEX_FTP_S_TIMINGS
     char acTlsSuite[64];         ///< the suite's name in RFCs and the IANA registry
     char acSubject[256];         ///< the certificate's (RFC 4514), also of one not accepted
     char acNames[512];           ///< DNS names and addresses of its subjectAltName, in its order,
-                                 ///< separated by ", "; cut after a whole name if they do not fit.
+                                 ///< separated by ", "; ends in ", ..." if not all of them fit.
                                  ///< Backslash, comma and bytes that are not visible ASCII are
                                  ///< written as a backslash and two hexadecimal digits
     unsigned int ulReused;       ///< 1: the control connection served an earlier transfer

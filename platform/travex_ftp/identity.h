@@ -29,7 +29,7 @@ bool CertificateIsFor(X509* certificate, const Identity& identity);
 
 // The certificate's DNS names and addresses, in its order: "dir.example, 192.0.2.1". A backslash, a
 // comma and bytes that are not visible ASCII are written as a backslash and two hexadecimal digits.
-// Cut after the last name that fits into `limit` bytes. Throws std::bad_alloc.
+// Those that do not fit into `limit` bytes become ", ...". Throws std::bad_alloc.
 std::string NamesOf(X509* certificate, size_t limit);
 
 // "192.0.2.1 or dir.example".

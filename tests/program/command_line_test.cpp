@@ -438,8 +438,6 @@ TEST_F(ToolSettingsFile, NothingElseGivesWay)
     const Parsed harmless = Parse({"fetch", "--plain=false"}, m_path);
     EXPECT_EQ(harmless.output, "");
     EXPECT_EQ(harmless.options->verifyNames.size(), 1U);
-    Write("ca = 'system'");
-    EXPECT_EQ(Parse({"fetch", "--plain"}, m_path).output, "");
     Write("ca = '/ca.pem'\nplain = true");
     const Parsed both = Parse({"fetch"}, m_path);
     EXPECT_EQ(both.output, "");

@@ -86,7 +86,7 @@ const Case kCases[] = {
      "a firewall may drop packets to the server's passive ports; raise --connect-timeout if the "
      "network is slow"},
     {"NoGreeting", TRAVEX_FTP_ERR_TIMEOUT, TRAVEX_FTP_STEP_GREETING, 0, 0,
-     "the server accepted the connection but sent nothing: implicit FTPS needs --port 990; "
+     "the server accepted the connection but sent no FTP greeting: implicit FTPS needs --port 990; "
      "otherwise check the server"},
     {"HandshakeTime", TRAVEX_FTP_ERR_TIMEOUT, TRAVEX_FTP_STEP_TLS, 0, 0,
      "the server accepted the connection but did not answer the TLS handshake: check the server"},

@@ -186,18 +186,7 @@ void Watcher::Handle(const client::Event& event)
     switch (event.kind)
     {
         case Kind::kChecking:
-            if (m_previous)
-            {
-                m_previous.reset();
-                m_notReloaded.clear();
-                m_output->Reloaded();
-                m_manager.Ready();
-            }
-            if (event.next == client::Next::kOtherServer)
-            {
-                m_output->NextServer(event.server);
-            }
-            m_output->Checking(event.server);
+            OnChecking(event);
             break;
         case Kind::kProgress:
             break;
@@ -272,6 +261,22 @@ Watcher::Settled Watcher::HandleOwn(const Event& event)
             break;
     }
     return std::nullopt;
+}
+
+void Watcher::OnChecking(const client::Event& event)
+{
+    if (m_previous)
+    {
+        m_previous.reset();
+        m_notReloaded.clear();
+        m_output->Reloaded();
+        m_manager.Ready();
+    }
+    if (event.next == client::Next::kOtherServer)
+    {
+        m_output->NextServer(event.server);
+    }
+    m_output->Checking(event.server);
 }
 
 // A transfer that failed, or a version that is not valid.

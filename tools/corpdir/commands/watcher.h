@@ -61,6 +61,7 @@ private:
     Settled HandleAllOwn();
     Settled HandleOwn(const Event& event);
     void OnFailed(const client::Event& event);
+    void OnChecking(const client::Event& event);
     void OnPassFailed();
     void ShowStatus();
     void NotReloaded(const std::string& reason);

@@ -179,7 +179,7 @@ std::string CertificateHint(const Failure& failure, const Plan& plan)
 
 std::string TimeHint(const Failure& failure, const Plan& plan)
 {
-    const std::string silent = "the server accepted the connection but sent nothing: ";
+    const std::string silent = "the server accepted the connection but sent no FTP greeting: ";
     switch (failure.step)
     {
         case TRAVEX_FTP_STEP_CONNECT:
