@@ -251,10 +251,12 @@ void Client::Start(Settings settings, FirstFailure failure)
     OrStop([this] { BeginCheck(); });
 }
 
-void Client::GiveUp(const std::string& reason)
+std::string Client::GiveUp(const std::string& reason)
 {
+    std::string warning = m_files->NoteFailure(reason);
+    Warn(warning);
     Stop();
-    Warn(m_files->NoteFailure(reason));
+    return warning;
 }
 
 void Client::NoteCommand(bool due)

@@ -81,8 +81,9 @@ public:
     // Stops the service. A transfer under way is cancelled; files in place stay.
     void Stop();
 
-    // Stops, and notes in the state file that the check under way has failed.
-    void GiveUp(const std::string& reason);
+    // Stops, and notes in the state file that the check under way has failed. Returns a warning, or
+    // an empty text.
+    std::string GiveUp(const std::string& reason);
 
     // Notes in the state file, for the next process, whether a command that is run for each new
     // directory file is still to be run for the local one.

@@ -128,19 +128,20 @@ std::string NamesOf(X509* certificate, size_t limit)
     const OpensslPtr<GENERAL_NAMES> names(static_cast<GENERAL_NAMES*>(
         X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
     ERR_pop_to_mark();
-    const std::string cut = ", ...";
     std::string joined;
+    const std::string separator = ", ";
     const int count = names != nullptr ? sk_GENERAL_NAME_num(names.get()) : 0;
     for (int i = 0; i != count; ++i)
     {
         const std::string text = TextOf(sk_GENERAL_NAME_value(names.get(), i));
-        const std::string separator = joined.empty() || text.empty() ? "" : ", ";
-        if (joined.size() + separator.size() + text.size() + cut.size() > limit)
-        {
-            joined += joined.empty() ? "" : cut;
-            break;
-        }
-        joined += separator + text;
+        joined += (joined.empty() || text.empty() ? "" : separator) + text;
+    }
+    if (joined.size() > limit)
+    {
+        const std::string mark = separator + "...";
+        const std::size_t end =
+            limit < mark.size() ? std::string::npos : joined.rfind(separator, limit - mark.size());
+        joined = end == std::string::npos ? "" : joined.substr(0, end) + mark;
     }
     return joined;
 }

@@ -237,7 +237,9 @@ bool TlsContext::CheckChain(X509_STORE_CTX* presented)
     const int error = X509_STORE_CTX_get_error(check.get());
     X509_STORE_CTX_set_error(presented, error);
     const bool dates = IsDatesError(error);
-    const bool authority = X509_STORE_CTX_get_error_depth(check.get()) != 0;
+    // One that is not yet valid speaks for a wrong clock here.
+    const bool authority =
+        error == X509_V_ERR_CERT_HAS_EXPIRED && X509_STORE_CTX_get_error_depth(check.get()) != 0;
     m_certificate.ulDetail =
         dates && !authority ? TRAVEX_FTP_DETAIL_CERT_DATES : TRAVEX_FTP_DETAIL_NONE;
     return Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "%s%s",

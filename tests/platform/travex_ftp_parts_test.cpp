@@ -589,12 +589,14 @@ TEST(CertificateNamesTest, AreCutAfterAWholeName)
     certificate.Add(GEN_DNS, "one.example");
     certificate.Add(GEN_DNS, "two.example");
     certificate.Add(GEN_DNS, "x");
-    EXPECT_EQ("one.example, two.example, x", certificate.Names(32));
-    EXPECT_EQ("one.example, two.example, ...", certificate.Names(31));
-    EXPECT_EQ("one.example, two.example, ...", certificate.Names(29));
-    EXPECT_EQ("one.example, ...", certificate.Names(28));
+    EXPECT_EQ("one.example, two.example, x", certificate.Names(27));
+    EXPECT_EQ("one.example, ...", certificate.Names(26));
     EXPECT_EQ("one.example, ...", certificate.Names(16));
     EXPECT_EQ("", certificate.Names(15));
+    EXPECT_EQ("", certificate.Names(4));
+    certificate.Add(GEN_DNS, "three.example");
+    EXPECT_EQ("one.example, two.example, ...", certificate.Names(31));
+    EXPECT_EQ("one.example, two.example, x, ...", certificate.Names(32));
 }
 
 // An error that stays would look like one of the handshake.

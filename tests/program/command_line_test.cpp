@@ -435,9 +435,12 @@ TEST_F(ToolSettingsFile, ASettingGivesWayToTheCommandLine)
 TEST_F(ToolSettingsFile, NothingElseGivesWay)
 {
     Write("ca = 'system'\nverify-name = 'a.example'");
-    const Parsed harmless = Parse({"fetch", "--plain=false"}, m_path);
-    EXPECT_EQ(harmless.output, "");
-    EXPECT_EQ(harmless.options->verifyNames.size(), 1U);
+    for (const char* const off : {"--plain=false", "--plain=no"})
+    {
+        const Parsed harmless = Parse({"fetch", off}, m_path);
+        EXPECT_EQ(harmless.output, "");
+        EXPECT_EQ(harmless.options->verifyNames.size(), 1U);
+    }
     Write("ca = '/ca.pem'\nplain = true");
     const Parsed both = Parse({"fetch"}, m_path);
     EXPECT_EQ(both.output, "");

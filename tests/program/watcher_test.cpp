@@ -439,6 +439,25 @@ TEST_F(ToolWatcher, AnOutageAfterAVersionIsLeftToTheService)
     EXPECT_THAT(Lines(), Contains("all servers failed").Times(1));
 }
 
+// It may have begun in an earlier process.
+TEST_F(ToolWatcher, TheEndOfAnOutageIsAnEvent)
+{
+    m_options.servers = A;
+    m_options.json = true;
+    const Script down = [](FakeService& service)
+    {
+        service.VersionFails(A);
+        service.VersionFails(A);
+    };
+    StopWhen("no_server_left");
+    Watch({down});
+    m_output = std::make_unique<FollowedStream>();
+    When("\"recovered\"", [this] { m_service.Version(A, "edition 1\n"); });
+    StopWhen("\"unchanged\"");
+    Watch({down, Deliver(A)});  // the second script: this is the second request
+    EXPECT_THAT(Lines(), Contains(R"({"event":"recovered","failures":1})").Times(1));
+}
+
 TEST_F(ToolWatcher, ServersThatNeverGaveAVersionAreAskedAgainAfterTheRetryTime)
 {
     m_options.retrySeconds = 1;
@@ -1067,7 +1086,8 @@ TEST_F(ToolWatcherStatus, HasACommandThatFailed)
 
 TEST_F(ToolWatcherStatus, HasTheReasonWhenTheServiceDoesNotStart)
 {
-    m_options.onFailure = "echo \"$CORPDIR_REASON\" >" + m_secrets.Path() + "/reason";
+    m_options.onFailure =
+        "echo \"$CORPDIR_FAILURES $CORPDIR_REASON\" >" + m_secrets.Path() + "/reason";
     StopWhen("the command of --on-failure succeeded");
     Watch({[this](FakeService& service)
            {
@@ -1080,7 +1100,7 @@ TEST_F(ToolWatcherStatus, HasTheReasonWhenTheServiceDoesNotStart)
                             "STATUS=failed: the log cannot be written: No such file or directory",
                             "STOPPING=1"));
     EXPECT_EQ(ReadFile(m_secrets.Path() + "/reason"),
-              "the log cannot be written: No such file or directory\n");
+              "1 the log cannot be written: No such file or directory\n");
 }
 
 // A check begins only when a name has an address, which may take long.

@@ -46,9 +46,9 @@ const char kWatchText[] = R"(Example:
 
 The command of --exec has CORPDIR_FILE, CORPDIR_VERSION and CORPDIR_SERVER in its
 environment. It runs for each new version, one run at a time, and its output goes to
-standard error. It is run again after the next check if it failed. The first check of
-a watch runs it only when it replaces the directory file. The command of --on-failure has
-CORPDIR_FILE and CORPDIR_REASON. In the service corpdir-watch@ both run as the user
+standard error. If it failed, or was ended with the watch, it is run again after the
+next check, also that of the next start. The command of --on-failure has CORPDIR_FILE,
+CORPDIR_REASON and CORPDIR_FAILURES. In the service corpdir-watch@ both run as the user
 corpdir, and may write only to the two directories of the service; the manual page
 has units that reload another service.
 
@@ -183,7 +183,7 @@ void AddLimitOptions(CLI::App& command, Options& options)
     Add(command, kLimits, "--max-size", options.maxSize, "SIZE",
         "Largest file to accept, such as 500000, 20kb or 1gb (16gib)")
         ->transform(CLI::AsSizeValue(true).description(""))
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 60).description(""));
+        ->check(CLI::Range(std::uint64_t{2}, std::uint64_t{1} << 60).description(""));
 }
 
 void AddTimeLimits(CLI::App& command, Options& options)
@@ -424,20 +424,24 @@ std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
 std::string GivenOptions(const CLI::App& program, const CLI::App& chosen)
 {
     std::string given;
+    const auto add = [&given](const std::string& words)
+    { given += (given.empty() ? "" : " ") + words; };
     for (const CLI::App* app : {&program, &chosen})
     {
         for (const CLI::Option* option : app->get_options())
         {
+            if (option->get_expected_max() == 0)
+            {
+                if (option->as<bool>())
+                {
+                    add(option->get_name());
+                }
+                continue;
+            }
             const bool isCommand = option->get_type_name() == "COMMAND";
             for (const std::string& value : option->results())
             {
-                const bool isFlag = option->get_expected_max() == 0;
-                if (isFlag && value != "true")
-                {
-                    continue;
-                }
-                given += (given.empty() ? "" : " ") + option->get_name();
-                given += isFlag ? "" : " " + (isCommand ? "..." : ShellWord(value));
+                add(option->get_name() + " " + (isCommand ? "..." : ShellWord(value)));
             }
         }
     }

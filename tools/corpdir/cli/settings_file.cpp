@@ -164,7 +164,7 @@ bool IsGiven(const CLI::App& command, const std::string& name)
 {
     const CLI::Option* const option = command.get_option_no_throw("--" + name);
     return option != nullptr &&
-           std::any_of(option->results().begin(), option->results().end(), HasEffect);
+           (option->get_expected_max() == 0 ? option->as<bool>() : option->count() != 0);
 }
 
 // The option of the command line that rules out this setting; empty when there is none.

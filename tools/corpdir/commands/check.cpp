@@ -105,11 +105,11 @@ std::string TextOf(const CheckEnd& end, const std::vector<CheckResult>& results,
     std::string text =
         "version and directory file can be fetched; each transfer of the directory file was "
         "cancelled at its first byte";
-    for (const CheckResult& result : results)
+    for (const Attempt& attempt : AttemptsOf(results))
     {
-        if (result.failedAt != CheckStep::kDone)
+        if (!attempt.failure.reason.empty())
         {
-            text += "; " + result.server.Label() + " failed: " + WithFile(result.failure);
+            text += "; " + attempt.server.Label() + " failed: " + WithFile(attempt.failure);
         }
     }
     return text;

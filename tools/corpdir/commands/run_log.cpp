@@ -92,7 +92,10 @@ void LogRefusal(const char* command, const Options& options, const ExitError& er
 {
     try
     {
-        RunLog(command, options).End(error.Status(), error.what());
+        if (options.logDir.size() < sizeof tag_CORPDIR_LOGINFO::szLogDir)  // else it would be cut
+        {
+            RunLog(command, options).End(error.Status(), error.what());
+        }
     }
     catch (const std::exception&)
     {

@@ -90,7 +90,10 @@ Session::Settled Session::Step()
         return status;
     }
     const std::string message = "timed out while " + Activity() + ": " + m_limits.Reason();
-    m_client.GiveUp(message);
+    if (const std::string warning = m_client.GiveUp(message); !warning.empty())
+    {
+        m_report.Warning(warning);
+    }
     return Fail(kExitNoOutcome, message, "raise " + m_limits.Option() + " to allow more time");
 }
 

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <new>
 #include <random>
 #include <system_error>
@@ -22,7 +23,6 @@ using Kind = client::Event::Kind;
 
 constexpr std::chrono::hours kLongWait{24};
 
-// Of the two commands.
 constexpr char kExec[] = "--exec";
 constexpr char kOnFailure[] = "--on-failure";
 
@@ -58,8 +58,13 @@ Watcher::Watcher(IFtpCorpDir& service, WatchSettings settings, Reload reload, Lo
     const client::State state =
         client::ReadState(plan.outputDir + client::StateName(plan.directoryName), problem)
             .value_or(client::State());
-    m_version = state.version;
-    m_commandDue = state.commandDue;
+    std::error_code error;
+    if (std::filesystem::file_size(plan.DirectoryPath(), error) == state.size && !error)
+    {
+        m_version = state.version;
+        m_commandDue = state.commandDue;
+    }
+    m_failures = state.failures;
     m_events.SetWake([this] { m_client.Wake(); });
 }
 
@@ -341,8 +346,18 @@ void Watcher::OnEnd(const client::Event& event)
 // For systemd: what is in place, and what went wrong beside it.
 void Watcher::ShowStatus()
 {
-    m_manager.Status(m_current + (m_notReloaded.empty() ? "" : "; settings not reloaded: ") +
-                     m_notReloaded + (m_updateFailed ? "; the command of --exec failed" : ""));
+    std::string status = m_current;
+    const auto add = [&status](const std::string& part)
+    { status += (status.empty() ? "" : "; ") + part; };
+    if (!m_notReloaded.empty())
+    {
+        add("settings not reloaded: " + m_notReloaded);
+    }
+    if (m_updateFailed && !m_settings.plan.execute.empty())
+    {
+        add("the command of --exec failed");
+    }
+    m_manager.Status(status);
 }
 
 // Another process may have put this version into place since the last check. The command for it may
@@ -360,10 +375,10 @@ void Watcher::OnUnchanged(const client::Event& event)
 void Watcher::BeginUpdate(const client::Event& event)
 {
     m_delivered = event;
-    m_commandDue = false;
     m_updateDue = !m_settings.plan.execute.empty();
     if (m_updateDue)
     {
+        m_commandDue = false;
         m_client.NoteCommand(true);
     }
 }

@@ -45,7 +45,7 @@ std::string LogHint(const Plan& plan)
 {
     constexpr unsigned int kEverything = 2;
     return plan.UsedLogLevel() == kEverything
-               ? ""
+               ? "the log has every step"
                : "log every step: " + CommandWith(plan, "--log-level", "2");
 }
 
@@ -323,7 +323,10 @@ std::vector<std::string> CertificateNames(const std::string& list)
     for (std::size_t begin = 0; begin < list.size();)
     {
         const std::size_t end = std::min(list.find(separator, begin), list.size());
-        names.push_back(list.substr(begin, end - begin));
+        if (list.compare(begin, std::string::npos, "...") != 0)  // not all of them fitted
+        {
+            names.push_back(list.substr(begin, end - begin));
+        }
         begin = end + separator.size();
     }
     return names;
