@@ -67,7 +67,8 @@ const Case kCases[] = {
      "the "
      "certificate"},
     {"Authority", TRAVEX_FTP_ERR_CERT, TRAVEX_FTP_STEP_TLS, 0, 0,
-     "check that --ca has the authority that issued the certificate; 'corpdir check' shows the "
+     "check that --ca has the authority that issued the certificate, and that it has not expired; "
+     "'corpdir check' shows the "
      "certificate"},
     {"Login", TRAVEX_FTP_ERR_LOGIN, TRAVEX_FTP_STEP_LOGIN, 530, 0,
      "check --user and the password, and on the server that the account is not locked"},
@@ -78,7 +79,7 @@ const Case kCases[] = {
     {"NoDataChannel", TRAVEX_FTP_ERR_FILE, TRAVEX_FTP_STEP_RETRIEVE, 425, 0,
      "the server could not use the data channel; the server's log may say why"},
     {"BadReply", TRAVEX_FTP_ERR_REPLY, TRAVEX_FTP_STEP_PASSIVE, 227, 0,
-     "log every step: corpdir fetch '--user=o'\\''neill' --log-level 2"},
+     "log every step: corpdir fetch '--user=o'\"'\"'neill' --log-level 2"},
     {"ConnectTime", TRAVEX_FTP_ERR_TIMEOUT, TRAVEX_FTP_STEP_CONNECT, 0, 0,
      "a firewall may drop packets to port 21, or the server is down; raise --connect-timeout if "
      "the network is slow"},
@@ -105,7 +106,7 @@ const Case kCases[] = {
     {"LostAtOnce", TRAVEX_FTP_ERR_TRANSFER, TRAVEX_FTP_STEP_GREETING, 0, 0,
      "the server closes connections at once: connection limit reached, or --port 21 is wrong"},
     {"LostLater", TRAVEX_FTP_ERR_TRANSFER, TRAVEX_FTP_STEP_LOGIN, 0, 0,
-     "log every step: corpdir fetch '--user=o'\\''neill' --log-level 2"},
+     "log every step: corpdir fetch '--user=o'\"'\"'neill' --log-level 2"},
     {"InvalidVersion", 0, 0, 0, 0,
      "the version file must be ASCII or UTF-8 text with 5 to 30 bytes in its first line"},
     {"NoMemory", TRAVEX_FTP_ERR_SYSTEM, TRAVEX_FTP_STEP_NONE, 0, 0, ""},

@@ -950,7 +950,7 @@ TEST_F(ToolWatcherLog, ChangesWithAReload)
     Watch({Deliver(A), Deliver(C)});
     EXPECT_EQ(Last(m_logs.Path()), "1 Event: " + Downloaded("edition 1", A));
     EXPECT_THAT(Records(m_others.Path()),
-                ElementsAre("1 Settings of corpdir watch: --servers 192.0.2.3",
+                ElementsAre("1 Settings of corpdir watch, settings file none: --servers 192.0.2.3",
                             "1 Event: settings reloaded", "2 Event: checking 192.0.2.3",
                             "1 Event: unchanged: version 'edition 1' at 192.0.2.3",
                             "2 Event: stopped by SIGTERM"));
@@ -962,7 +962,8 @@ TEST_F(ToolWatcherLog, BeginsWithAReload)
     ReloadWith([this] { m_options.logDir = m_logs.Path(); });
     StopWhen("unchanged");
     Watch({Deliver(A)});
-    EXPECT_THAT(First(m_logs.Path()), StartsWith("1 Settings of corpdir watch: "));
+    EXPECT_THAT(First(m_logs.Path()),
+                StartsWith("1 Settings of corpdir watch, settings file none: "));
 }
 
 TEST_F(ToolWatcherLog, EndsWithAReload)
@@ -986,12 +987,14 @@ TEST_F(ToolWatcherLog, StaysWhenAReloadIsUndone)
         });
     StopWhen("unchanged");
     Watch({Deliver(A), Refuse(TRAVEX_FTP_ERR_TRUST), Deliver(A)});
-    EXPECT_THAT(Records(m_others.Path()),
-                ElementsAre("1 Settings of corpdir watch: --servers 192.0.2.3"));
+    EXPECT_THAT(
+        Records(m_others.Path()),
+        ElementsAre("1 Settings of corpdir watch, settings file none: --servers 192.0.2.3"));
     EXPECT_THAT(
         Records(m_logs.Path()),
-        testing::IsSupersetOf({StartsWith("1 Settings of corpdir watch: --servers 192.0.2.1"),
-                               StartsWith("0 Event: settings not reloaded: --ca: bad suite")}));
+        testing::IsSupersetOf(
+            {StartsWith("1 Settings of corpdir watch, settings file none: --servers 192.0.2.1"),
+             StartsWith("0 Event: settings not reloaded: --ca: bad suite")}));
 }
 
 // Events of the service manager.

@@ -47,7 +47,7 @@ std::string ShellWord(const std::string& word)
     std::string quoted;
     for (const char letter : Printable(word))
     {
-        quoted += letter == '\'' ? "'\\''" : std::string(1, letter);
+        quoted += letter == '\'' ? "'\"'\"'" : std::string(1, letter);
     }
     return "'" + quoted + "'";
 }

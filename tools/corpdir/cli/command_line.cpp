@@ -419,29 +419,22 @@ std::string ParseProblem(const CLI::App* program, const CLI::Error& error)
            (chosen == nullptr ? "" : chosen->get_name() + " ") + "--help'.\n";
 }
 
-// The options that were given, on the command line or in the settings file. A command may have a
-// secret.
-std::string GivenOptions(const CLI::App& program, const CLI::App& chosen)
+// The options of the run, from the command line and the settings file, to repeat it without that
+// file. A command may have a secret in it, and is left out.
+std::string GivenOptions(const CLI::App& chosen)
 {
-    std::string given;
-    const auto add = [&given](const std::string& words)
-    { given += (given.empty() ? "" : " ") + words; };
-    for (const CLI::App* app : {&program, &chosen})
+    std::string given = "--no-config";
+    for (const CLI::Option* option : chosen.get_options())
     {
-        for (const CLI::Option* option : app->get_options())
+        if (option->get_expected_max() == 0)
         {
-            if (option->get_expected_max() == 0)
-            {
-                if (option->as<bool>())
-                {
-                    add(option->get_name());
-                }
-                continue;
-            }
-            const bool isCommand = option->get_type_name() == "COMMAND";
+            given += option->as<bool>() ? " " + option->get_name() : "";
+        }
+        else if (option->get_type_name() != "COMMAND")
+        {
             for (const std::string& value : option->results())
             {
-                add(option->get_name() + " " + (isCommand ? "..." : ShellWord(value)));
+                given += " " + option->get_name() + " " + ShellWord(value);
             }
         }
     }
@@ -498,7 +491,7 @@ int RunCommandLine(int argc, char** argv, const Commands& commands, std::string 
         options.settings = used.names;
         PrintNotices(used.notices, options);
         CheckRequired(chosen->required);
-        options.given = GivenOptions(program, *chosen->parser);
+        options.given = GivenOptions(*chosen->parser);
     }
     catch (const CLI::ParseError& error)
     {

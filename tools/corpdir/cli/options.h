@@ -18,7 +18,7 @@ namespace corpdir_tool
 struct Options
 {
     std::vector<std::string> words;  // of the command line, without the program's name
-    std::string given;               // all that were given, as words of a shell; no commands
+    std::string given;               // those of the run, as words of a shell; no commands
     std::string settingsFile;
     std::vector<std::string> settings;  // names of the options that the file gave
 

@@ -9,6 +9,16 @@
 namespace corpdir_tool
 {
 
+namespace
+{
+
+const char* FileOf(const Options& options)
+{
+    return options.settingsFile.empty() ? "none" : options.settingsFile.c_str();
+}
+
+}  // namespace
+
 RunLog::RunLog(const char* command, const Options& options) : m_command(command)
 {
     Take(options);
@@ -16,8 +26,8 @@ RunLog::RunLog(const char* command, const Options& options) : m_command(command)
     {
         throw LogError(options, code);
     }
-    TOOL_LOG(CORPDIR_LOG_NOTICE, "Begin of corpdir %s, version %s: %s", m_command, CORPDIR_VERSION,
-             options.given.c_str());
+    TOOL_LOG(CORPDIR_LOG_NOTICE, "Begin of corpdir %s, version %s, settings file %s: %s", m_command,
+             CORPDIR_VERSION, FileOf(options), options.given.c_str());
 }
 
 RunLog::~RunLog()
@@ -37,7 +47,8 @@ void RunLog::Change(const Options& options)
         CorpDir_CloseLog();
     }
     (void)Open();
-    TOOL_LOG(CORPDIR_LOG_NOTICE, "Settings of corpdir %s: %s", m_command, options.given.c_str());
+    TOOL_LOG(CORPDIR_LOG_NOTICE, "Settings of corpdir %s, settings file %s: %s", m_command,
+             FileOf(options), options.given.c_str());
 }
 
 void RunLog::Write(unsigned int level, const std::string& sentence)

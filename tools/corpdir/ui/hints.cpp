@@ -173,7 +173,9 @@ std::string CertificateHint(const Failure& failure, const Plan& plan)
         case TRAVEX_FTP_DETAIL_CERT_DATES:
             return "renew the certificate on the server, or correct this machine's clock" + rest;
         default:
-            return "check that --ca has the authority that issued the certificate" + rest;
+            return "check that --ca has the authority that issued the certificate, and that it has "
+                   "not expired" +
+                   rest;
     }
 }
 
