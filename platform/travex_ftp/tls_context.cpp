@@ -236,14 +236,13 @@ bool TlsContext::CheckChain(X509_STORE_CTX* presented)
     // OpenSSL derives the alert from this error.
     const int error = X509_STORE_CTX_get_error(check.get());
     X509_STORE_CTX_set_error(presented, error);
-    const bool dates = IsDatesError(error);
     // One that is not yet valid speaks for a wrong clock here.
     const bool authority =
         error == X509_V_ERR_CERT_HAS_EXPIRED && X509_STORE_CTX_get_error_depth(check.get()) != 0;
     m_certificate.ulDetail =
-        dates && !authority ? TRAVEX_FTP_DETAIL_CERT_DATES : TRAVEX_FTP_DETAIL_NONE;
+        IsDatesError(error) && !authority ? TRAVEX_FTP_DETAIL_CERT_DATES : TRAVEX_FTP_DETAIL_NONE;
     return Fail(m_certificate, TRAVEX_FTP_ERR_CERT, "%s%s",
-                dates && authority ? "the authority's certificate: " : "",
+                authority ? "the authority's certificate: " : "",
                 X509_verify_cert_error_string(error));
 }
 

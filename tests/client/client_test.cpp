@@ -868,9 +868,9 @@ TEST_F(ClientTest, LostObservationEndsTheRequestAndNotTheNext)
     Start();
     (void)Said();
     const std::string server = "192.0.2.1:21";
-    failing_new::t_fails = true;
+    support::t_allocationsLeft = 0;
     Layers().Observe(TRAVEX_FTP_OBSERVED_ACCEPTED, ++task, server, kVersionFile, 0, "");
-    failing_new::t_fails = false;
+    support::t_allocationsLeft = -1;
     EXPECT_THROW((void)client.Next(Client::Clock::now()), std::bad_alloc);
     EXPECT_FALSE(service.running);
     Start();

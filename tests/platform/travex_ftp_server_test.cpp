@@ -349,6 +349,8 @@ TEST_F(CertificateTest, EachRejectionHasItsReason)
     EXPECT_EQ("3 18/TLS/0/2 certificate is not yet valid", FetchFrom(all.NotYetValid()));
     EXPECT_EQ("3 18/TLS/0 the authority's certificate: certificate has expired",
               FetchFrom(all.ViaExpiredIntermediate()));
+    EXPECT_EQ("3 18/TLS/0/2 certificate is not yet valid",
+              FetchFrom(all.ViaIntermediateNotYetValid()));
     EXPECT_EQ("3 18/TLS/0/1 certificate is not valid for host 127.0.0.1",
               FetchFrom(all.WrongName()));
     EXPECT_EQ("3 18/TLS/0 self-signed certificate", FetchFrom(all.SelfSigned()));

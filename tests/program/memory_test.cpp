@@ -1,45 +1,9 @@
 // The event queue when memory runs out in a callback: nothing is thrown, and the waiting thread
 // gets an event.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <new>
 
 #include "commands/events.h"
-
-namespace
-{
-
-// Allocations of this thread until one fails; below 0: none fails.
-thread_local int t_countdown = -1;
-
-bool FailsNow()
-{
-    return t_countdown >= 0 && t_countdown-- == 0;
-}
-
-}  // namespace
-
-// Not inlined: gcc would see free() on memory of operator new, and warn.
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    void* const block = FailsNow() ? nullptr : malloc(size);
-    if (block == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    return block;
-}
-
-[[gnu::noinline]] void operator delete(void* block) noexcept
-{
-    free(block);
-}
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept
-{
-    free(block);
-}
+#include "failing_new.h"
 
 namespace corpdir_tool
 {
@@ -59,10 +23,10 @@ TEST(ToolMemory, AnObservationThatDoesNotFitIsReported)
     for (bool complete = false; !complete; ++failures)
     {
         EventQueue events;
-        t_countdown = failures;
+        support::t_allocationsLeft = failures;
         events.PushObservation(seen);
-        complete = t_countdown >= 0;
-        t_countdown = -1;
+        complete = support::t_allocationsLeft >= 0;
+        support::t_allocationsLeft = -1;
         const Event event = events.WaitUntil({});
         EXPECT_EQ(event.kind, complete ? Event::Kind::kTransfer : Event::Kind::kOutOfMemory);
         EXPECT_EQ(event.transfer.reason, complete ? reason : "");

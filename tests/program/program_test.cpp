@@ -346,6 +346,18 @@ TEST_F(ProgramLog, HasNoErrorOfASuccessfulCheck)
         AllOf(HasSubstr("directory.csv cancelled at its first byte"), Not(HasSubstr(" error "))));
 }
 
+// A field of the log's settings has 255 bytes: the name must not be cut to that of another folder.
+TEST_F(ProgramLog, IsNotWrittenToAnotherFolderWhenTheNameIsTooLong)
+{
+    std::string folder = m_logs.Path() + "/";
+    folder += std::string(255 - folder.size(), 'l');
+    std::filesystem::create_directory(folder);
+    const CommandResult result = RunCommand(Fetch({"--log-dir=" + folder + "more"}));
+    EXPECT_EQ(result.status, kBadArguments);
+    EXPECT_THAT(result.output, HasSubstr("--log-dir is 259 bytes long; at most 255 are allowed"));
+    EXPECT_TRUE(std::filesystem::is_empty(folder));
+}
+
 TEST_F(ProgramLog, HasTheOutcomeOfEachRun)
 {
     Serve();

@@ -13,6 +13,8 @@ const TestCertificates::Validity TestCertificates::kValidNow = {"20240101000000Z
                                                                 "20991231000000Z"};
 const TestCertificates::Validity TestCertificates::kExpired = {"20200101000000Z",
                                                                "20210101000000Z"};
+const TestCertificates::Validity TestCertificates::kNotYetValid = {"20980101000000Z",
+                                                                   "20991231000000Z"};
 
 namespace
 {
@@ -92,7 +94,7 @@ ServerCertificate TestCertificates::Expired() const
 
 ServerCertificate TestCertificates::NotYetValid() const
 {
-    return Leaf("authority", kNames, {"20980101000000Z", "20991231000000Z"});
+    return Leaf("authority", kNames, kNotYetValid);
 }
 
 ServerCertificate TestCertificates::EndingIn(int days) const
@@ -124,6 +126,11 @@ ServerCertificate TestCertificates::ViaIntermediate() const
 ServerCertificate TestCertificates::ViaExpiredIntermediate() const
 {
     return ViaIntermediate(kExpired);
+}
+
+ServerCertificate TestCertificates::ViaIntermediateNotYetValid() const
+{
+    return ViaIntermediate(kNotYetValid);
 }
 
 ServerCertificate TestCertificates::ViaIntermediate(Validity validity) const

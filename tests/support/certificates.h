@@ -41,6 +41,7 @@ public:
     ServerCertificate SelfSigned() const;
     ServerCertificate ViaIntermediate() const;
     ServerCertificate ViaExpiredIntermediate() const;
+    ServerCertificate ViaIntermediateNotYetValid() const;
 
 private:
     struct Validity
@@ -51,6 +52,7 @@ private:
 
     static const Validity kValidNow;
     static const Validity kExpired;
+    static const Validity kNotYetValid;
 
     std::string NewFile(const std::string& suffix) const;
     std::string MakeRootAuthority(const std::string& name) const;

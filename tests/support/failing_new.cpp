@@ -4,12 +4,22 @@
 
 #include <new>
 
-thread_local bool failing_new::t_fails = false;
+thread_local int support::t_allocationsLeft = -1;
+
+namespace
+{
+
+bool FailsNow()
+{
+    return support::t_allocationsLeft >= 0 && support::t_allocationsLeft-- == 0;
+}
+
+}  // namespace
 
 // Not inlined: gcc would see free() on memory of operator new, and warn.
 [[gnu::noinline]] void* operator new(std::size_t size)
 {
-    void* const block = failing_new::t_fails ? nullptr : malloc(size);
+    void* const block = FailsNow() ? nullptr : malloc(size);
     if (block == nullptr)
     {
         throw std::bad_alloc();

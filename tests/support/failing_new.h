@@ -3,11 +3,12 @@
 #ifndef CORPDIR_TESTS_FAILING_NEW_H
 #define CORPDIR_TESTS_FAILING_NEW_H
 
-namespace failing_new
+namespace support
 {
 
-extern thread_local bool t_fails;
+// Allocations of this thread that succeed before one fails; below 0: none fails.
+extern thread_local int t_allocationsLeft;
 
-}  // namespace failing_new
+}  // namespace support
 
 #endif
