@@ -12,6 +12,7 @@
 #include "base/mutex.h"
 #include "client_log.h"
 #include "osak/timers.h"
+#include "settings_check.h"
 #include "travex_ftp.h"
 
 namespace client
@@ -36,6 +37,14 @@ std::map<std::string, std::vector<std::string>> EntriesOf(const std::vector<Serv
         entries[server.address] = server.listed;
     }
     return entries;
+}
+
+// Those of this folder; null when they are there, or there is no folder.
+std::unique_ptr<Staging> StagingIn(const std::string& folder,
+                                   const std::unique_ptr<Staging>& present)
+{
+    const bool none = folder.empty() || (present != nullptr && present->Folder() == folder);
+    return none ? nullptr : std::make_unique<Staging>(folder);
 }
 
 std::string SystemMessage(int error)
@@ -204,6 +213,7 @@ private:
 Client::Client(IFtpCorpDir& service, Lookup lookup)
     : m_findAddresses(std::move(lookup)), m_inbox(std::make_unique<Inbox>()), m_link(service)
 {
+    TRAVEX_FTP_SetObserver(&Observe, nullptr);
 }
 
 Client::~Client()
@@ -214,7 +224,10 @@ Client::~Client()
 
 void Client::Observe(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
 {
-    static_cast<const Observer*>(user)->Observe(*seen);
+    if (!IsOfSettingsCheck(*seen) && user != nullptr)
+    {
+        static_cast<const Observer*>(user)->Observe(*seen);
+    }
 }
 
 template <class Call>
@@ -231,24 +244,51 @@ auto Client::OrStop(const Call& call)
     }
 }
 
+void Client::Open(const Settings& settings)
+{
+    m_link.Start(settings);
+}
+
+void Client::Check(const Settings& settings)
+{
+    m_link.StartWhenStopped(m_state == State::kPausing ? m_settings : settings);
+    CheckSettings(settings);
+}
+
 void Client::Start(Settings settings, FirstFailure failure)
 {
+    const bool oneFolder = settings.versionFolder == settings.directoryFolder;
+    const std::string versionFolder = oneFolder ? "" : settings.versionFolder;
+    std::unique_ptr<Staging> directories = StagingIn(settings.directoryFolder, m_directories);
+    std::unique_ptr<Staging> versions = StagingIn(versionFolder, m_versions);
     Stop();
-    TRAVEX_FTP_SetObserver(nullptr, nullptr);
+    TRAVEX_FTP_SetObserver(&Observe, nullptr);
     m_inbox->ForgetLostInputs();
     m_events.clear();
     m_warning.clear();
     m_settings = std::move(settings);
-    Stage();
+    {
+        const base::MutexLock lock(m_stagingMutex);
+        if (directories != nullptr)
+        {
+            m_directories.swap(directories);
+        }
+        if (versions != nullptr || oneFolder)
+        {
+            m_versions.swap(versions);
+        }
+    }
     m_files = std::make_unique<LocalFiles>(m_settings, *m_directories,
                                            m_versions == nullptr ? *m_directories : *m_versions);
     std::string warning;
     const std::string current = m_settings.onlyIfChanged ? m_files->Current(warning) : "";
     Warn(warning);
     SetObserver(current);
+    m_failures = m_files->Failures();
     m_mayRetry = failure == FirstFailure::kRetry;
     m_loginRefused = false;
     OrStop([this] { BeginCheck(); });
+    m_mayRetry = failure != FirstFailure::kFinal;
 }
 
 std::string Client::GiveUp(const std::string& reason)
@@ -349,24 +389,6 @@ void Client::Stop()
     m_state = State::kStopped;
 }
 
-// Prepares the folders of these settings.
-void Client::Stage()
-{
-    const auto stage = [this](std::unique_ptr<Staging>& staging, const std::string& folder)
-    {
-        if (staging != nullptr && staging->Folder() == folder)
-        {
-            return;
-        }
-        auto made = folder.empty() ? nullptr : std::make_unique<Staging>(folder);
-        const base::MutexLock lock(m_stagingMutex);
-        staging.swap(made);
-    };
-    const bool oneFolder = m_settings.versionFolder == m_settings.directoryFolder;
-    stage(m_directories, m_settings.directoryFolder);
-    stage(m_versions, oneFolder ? "" : m_settings.versionFolder);
-}
-
 // What a request that is over has left.
 void Client::ForgetInputs()
 {
@@ -420,9 +442,10 @@ bool Client::Try(const std::function<void()>& call)
         {
             throw;
         }
-        TransferEvent& transfer = Say(Event::Kind::kStartFailed, {}).transfer;
+        TransferEvent transfer;
         transfer.reason = error.what();
         transfer.code = static_cast<unsigned int>(error.Log());
+        (void)SayFailed(Event::Kind::kStartFailed, {}, transfer);
         FailCheck(error.what());
         Pause();
         return false;
@@ -459,8 +482,9 @@ void Client::OnLookedUp()
     for (const LeftOut& entry : resolved.leftOut)
     {
         problem = entry.text + ": " + entry.problem;
-        Event& event = Say(Event::Kind::kNameFailed, {"", entry.text, {}});
-        event.transfer.reason = entry.problem;
+        TransferEvent transfer;
+        transfer.reason = entry.problem;
+        (void)SayFailed(Event::Kind::kNameFailed, {"", entry.text, {}}, transfer);
         CLIENT_LOG(CORPDIR_LOG_ERROR, "No address for server %s: %s", entry.text.c_str(),
                    entry.problem.c_str());
     }
@@ -576,7 +600,9 @@ void Client::OnAccepted(const TransferEvent& transfer)
     }
     m_checkTask = transfer.task;
     m_state = State::kChecking;
-    Say(Event::Kind::kChecking, ServerOf(transfer)).next = std::exchange(m_goesOn, Next::kNothing);
+    Event& event = Say(Event::Kind::kChecking, ServerOf(transfer));
+    event.transfer = transfer;
+    event.next = std::exchange(m_goesOn, Next::kNothing);
 }
 
 // The service reads the version by the same rule, of its latest transfer alone, and goes on to the
@@ -639,8 +665,10 @@ void Client::OnUnchanged(const Input& input)
     }
     Event& event = Say(Event::Kind::kUnchanged, server);
     event.version = *seen.file.version;
+    event.path = m_settings.DirectoryPath();
+    event.size = m_files->Size();
     event.transfer = input.transfer;
-    EndCheck();
+    Succeed();
     if (input.stopped)
     {
         Stop();
@@ -651,9 +679,9 @@ void Client::OnInvalidVersion(const TransferEvent& transfer, const VersionFile& 
 {
     const Server server = ServerOf(transfer);
     m_failed.insert(server.address);
-    Event& event = Say(Event::Kind::kInvalidVersion, server);
-    event.transfer = transfer;
-    event.transfer.reason = file.problem;
+    TransferEvent read = transfer;
+    read.reason = file.problem;
+    Event& event = SayFailed(Event::Kind::kInvalidVersion, server, read);
     event.version = file.bytes.substr(0, file.bytes.find('\n')).substr(0, kMaxVersionText);
     event.next = AllFailed() ? Next::kNothing : Next::kOtherServer;
     CLIENT_LOG(CORPDIR_LOG_ERROR, "The version file %s from server %s is not valid: %s",
@@ -681,14 +709,15 @@ void Client::OnDirectory(const Input& input)
         }
         const Commit commit =
             m_files->Replace({seen->file, seen->read, input.path, server.Label()});
-        transfer.bytes = commit.size;
         Warn(commit.warning);
         Event& event =
             Say(commit.unchanged ? Event::Kind::kUnchanged : Event::Kind::kDelivered, server);
         event.version = *seen->file.version;
         event.path = m_settings.DirectoryPath();
+        event.size = commit.size;
+        event.fetched = true;
         event.transfer = transfer;
-        EndCheck();
+        Succeed();
     }
     catch (const std::bad_alloc&)
     {
@@ -726,7 +755,7 @@ void Client::OnFailed(const TransferEvent& transfer)
 // Another server would not help.
 void Client::OnLocalFileFailed(const TransferEvent& transfer)
 {
-    Say(Event::Kind::kFailed, ServerOf(transfer)).transfer = transfer;
+    (void)SayFailed(Event::Kind::kFailed, ServerOf(transfer), transfer);
     FailCheck(transfer.reason);
     Pause();
 }
@@ -744,9 +773,7 @@ void Client::OnVersionFailed(const TransferEvent& transfer)
     m_goesOn = over                     ? Next::kNothing
                : next == server.address ? Next::kSameServer
                                         : Next::kOtherServer;
-    Event& event = Say(Event::Kind::kFailed, server);
-    event.transfer = transfer;
-    event.next = m_goesOn;
+    SayFailed(Event::Kind::kFailed, server, transfer).next = m_goesOn;
     if (!over)
     {
         return;
@@ -780,8 +807,7 @@ void Client::OnDirectoryFailed(const TransferEvent& transfer)
     m_failed.insert(server.address);
     // The service begins its list again after any failure when it is used up.
     m_asksNext = m_asksNext == m_servers.size() ? SecondServer() : m_asksNext;
-    Event& event = Say(Event::Kind::kFailed, server);
-    event.transfer = transfer;
+    Event& event = SayFailed(Event::Kind::kFailed, server, transfer);
     if (isLatest)  // else a newer one follows
     {
         event.next = AllFailed() ? Next::kNothing : Next::kOtherServer;
@@ -795,7 +821,7 @@ void Client::OnRefused(const TransferEvent& transfer)
 {
     const bool final = !m_mayRetry && IsSettingsRefusal(transfer.code);
     const Server server = transfer.server.empty() ? m_servers.front() : ServerOf(transfer);
-    Say(final ? Event::Kind::kRefused : Event::Kind::kFailed, server).transfer = transfer;
+    (void)SayFailed(final ? Event::Kind::kRefused : Event::Kind::kFailed, server, transfer);
     if (final)
     {
         Stop();
@@ -824,6 +850,16 @@ void Client::GoOn(const Server& failed, const std::string& reason)
     Request(next);
 }
 
+// The directory file is current.
+void Client::Succeed()
+{
+    if (m_failures != 0)
+    {
+        Say(Event::Kind::kRecovered, {}).failures = std::exchange(m_failures, 0);
+    }
+    EndCheck();
+}
+
 void Client::EndCheck()
 {
     m_failed.clear();
@@ -841,7 +877,9 @@ void Client::EndCheck()
 void Client::FailCheck(const std::string& reason)
 {
     Warn(m_files->NoteFailure(reason));
-    Say(Event::Kind::kPassFailed, {});
+    Event& event = m_events.emplace_back(m_failure);
+    event.failure = std::exchange(event.kind, Event::Kind::kPassFailed);
+    event.failures = ++m_failures;
 }
 
 // Stops the service, and makes a new request after a while; at once when a check was asked for
@@ -865,6 +903,17 @@ Event& Client::Say(Event::Kind kind, const Server& server)
     Event& event = m_events.emplace_back();
     event.kind = kind;
     event.server = server;
+    return event;
+}
+
+Event& Client::SayFailed(Event::Kind kind, const Server& server, const TransferEvent& transfer)
+{
+    Event& event = Say(kind, server);
+    event.transfer = transfer;
+    event.serverFailed = kind != Event::Kind::kStartFailed &&
+                         transfer.kind != EventKind::kRefused &&
+                         transfer.code != TRAVEX_FTP_ERR_LOCAL_FILE;
+    m_failure = event;
     return event;
 }
 

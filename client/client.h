@@ -36,7 +36,8 @@ namespace client
 //   - after settings.retry, with names looked up again, when every server failed in this way, when
 //     a local file could not be written, or when no version was seen since the request;
 //   - when every server failed and their names have other addresses now.
-// A check ends with kUnchanged, kDelivered or kPassFailed; its warnings come before.
+// A check ends with kUnchanged, kDelivered or kPassFailed; its warnings come before. kRecovered and
+// kWaiting may follow.
 //
 // Both files arrive under names of the client's own. The version that was read last before a
 // directory file was accepted belongs to it, and both are put into place together.
@@ -58,12 +59,21 @@ public:
     // first transfer. Later both may be temporary, and are always tried again.
     enum class FirstFailure
     {
-        kFinal,  // kRefused, or StartError
-        kRetry,  // a failed check; another follows after settings.retry
+        kFinal,       // kRefused, or StartError
+        kStartFinal,  // Start() throws StartError; else as kRetry
+        kRetry,       // a failed check; another follows after settings.retry
     };
 
-    // Takes these settings and begins a check; an earlier one is given up. Throws StartError, and
-    // std::system_error when a folder cannot be written; the client is then stopped.
+    // Starts the service without a request, which opens its log. Throws StartError.
+    void Open(const Settings& settings);
+
+    // Throws SettingsError when every server would refuse these settings. A check under way goes
+    // on. Throws StartError when the service, which is needed for it, cannot be started.
+    void Check(const Settings& settings);
+
+    // Takes these settings and begins a check; an earlier one is given up. Throws
+    // std::system_error when a folder cannot be written: an earlier check goes on then. Throws
+    // StartError; the client is then stopped.
     void Start(Settings settings, FirstFailure failure = FirstFailure::kFinal);
 
     // Waits for the next event. Nothing at the deadline, and after Wake(). It may come late by the
@@ -126,7 +136,6 @@ private:
     template <class Call>
     auto OrStop(const Call& call);
 
-    void Stage();
     void SetObserver(const std::string& current);
     std::optional<Event> NextEvent(Clock::time_point deadline);
     void BeginCheck();
@@ -148,10 +157,12 @@ private:
     void OnRefused(const TransferEvent& transfer);
     void OnLocalFileFailed(const TransferEvent& transfer);
     void GoOn(const Server& failed, const std::string& reason);
+    void Succeed();
     void EndCheck();
     void FailCheck(const std::string& reason);
     void Pause();
     Event& Say(Event::Kind kind, const Server& server);
+    Event& SayFailed(Event::Kind kind, const Server& server, const TransferEvent& transfer);
     void Warn(const std::string& reason);
 
     bool IsVersionFile(const TransferEvent& transfer) const;
@@ -192,6 +203,8 @@ private:
     std::shared_ptr<const Seen> m_read;              // the new version that was read last
     std::map<unsigned int, std::shared_ptr<const Seen>> m_expected;  // by directory task
     std::string m_warning;                                           // the latest
+    Event m_failure;                                                 // the latest
+    unsigned int m_failures = 0;                                     // checks that failed in a row
 };
 
 }  // namespace client

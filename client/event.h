@@ -34,7 +34,9 @@ struct Event
         kRefused,      // every server would refuse these settings: `code`, `reason`
         kNameFailed,   // a name in the list of servers has no address: `reason`
         kStartFailed,  // the service could not be started again: `code` as in StartError::Log()
-        kPassFailed,   // the end of a check: every server failed, or no server could help
+        kPassFailed,   // the end of a check: every server failed, or no server could help;
+                       // `server` and `transfer` of the last failure
+        kRecovered,    // after a check that succeeded: `failures` before it
         kWaiting,      // until the next check: `wait`
         kWarning,      // `reason`
     };
@@ -43,11 +45,16 @@ struct Event
     Server server;           // empty when none is concerned
     std::string version;     // byte for byte
     bool known = false;      // of a new version: the local files have it already
-    std::string path;        // of the local file, when delivered
+    std::string path;        // of the local directory file, at the end of a check
+    std::uint64_t size = 0;  // of it
     TransferEvent transfer;  // file, bytes, code, step, reply, detail, reason, timings
     std::chrono::seconds wait{0};
-    Next next = Next::kNothing;  // of a failure, an invalid version, and the check after one
-    bool retries = false;        // of a wait: the client makes a new request after it
+    Next next = Next::kNothing;    // of a failure, an invalid version, and the check after one
+    bool retries = false;          // of a wait: the client makes a new request after it
+    bool serverFailed = false;     // of a failure: another server may help
+    Kind failure = Kind::kFailed;  // of kPassFailed: the last failure
+    bool fetched = false;          // of kUnchanged: the directory file was fetched and compared
+    unsigned int failures = 0;     // checks that failed in a row
 };
 
 }  // namespace client

@@ -285,6 +285,20 @@ void LocalFiles::FlushFolders() const
     }
 }
 
+unsigned int LocalFiles::Failures() const
+{
+    std::string warning;
+    return Known(warning).failures;
+}
+
+std::uint64_t LocalFiles::Size() const
+{
+    struct stat local = {};
+    return stat(m_settings.DirectoryPath().c_str(), &local) == 0
+               ? static_cast<std::uint64_t>(local.st_size)
+               : 0;
+}
+
 bool LocalFiles::HasVersion(const std::string& version) const
 {
     std::string warning;

@@ -56,6 +56,12 @@ public:
     // warning: why it does not, when there is a state.
     std::string Current(std::string& warning) const;
 
+    // Checks that failed in a row, as the state has it.
+    unsigned int Failures() const;
+
+    // The local directory file's size; 0 when it is missing.
+    std::uint64_t Size() const;
+
     // True when state and size of the local directory file are those of this version.
     bool HasVersion(const std::string& version) const;
 

@@ -146,6 +146,25 @@ std::vector<std::string> SplitList(const std::string& list)
     return texts;
 }
 
+EntryProblem ReadEntry(const std::string& text, ServerEntry& entry)
+{
+    constexpr char kBlanks[] = " \t";
+    const std::size_t begin = text.find_first_not_of(kBlanks);
+    entry = {};
+    if (begin == std::string::npos)
+    {
+        return EntryProblem::kEmpty;
+    }
+    entry.text = text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+    const std::string address = NormalAddress(entry.text);
+    if (address.empty())
+    {
+        return IsHostName(entry.text) ? EntryProblem::kNone : EntryProblem::kNeither;
+    }
+    entry = {address, true};
+    return IsZeroAddress(address) ? EntryProblem::kZeroAddress : EntryProblem::kNone;
+}
+
 int FamilyOf(const char* text)
 {
     unsigned char bytes[16];

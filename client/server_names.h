@@ -62,6 +62,19 @@ struct ResolvedServers
 // The texts between the ";" of a list, at least one.
 std::vector<std::string> SplitList(const std::string& list);
 
+// Why a text is no entry of a list.
+enum class EntryProblem
+{
+    kNone,
+    kEmpty,
+    kZeroAddress,
+    kNeither,  // address nor host name
+};
+
+// Reads an entry. Blanks around it are ignored, and brackets around an IPv6 address. entry.text is
+// set also when it is no entry.
+EntryProblem ReadEntry(const std::string& text, ServerEntry& entry);
+
 // AF_INET or AF_INET6 for the text of an address, else AF_UNSPEC. Takes no memory.
 int FamilyOf(const char* text);
 

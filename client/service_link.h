@@ -47,6 +47,15 @@ public:
     // taken a request is stopped first. Throws StartError; the service is stopped then.
     void Start(const Settings& settings);
 
+    // As Start(), when the service does not run.
+    void StartWhenStopped(const Settings& settings)
+    {
+        if (Current() == State::kStopped)
+        {
+            Start(settings);
+        }
+    }
+
     // Requests the files from these servers, in this order, under these local names, and registers
     // the names that their certificates may carry. Returns 0 when the first check was started. It
     // throws what settings.readPassword throws.

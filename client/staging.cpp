@@ -173,6 +173,12 @@ std::string Staging::Path(File file) const
     return m_folder + Name(file);
 }
 
+bool Staging::IsReserved(const std::string& name)
+{
+    constexpr char kTransferPrefix[] = ".travex_ftp-";
+    return name.rfind(kPrefix, 0) == 0 || name.rfind(kTransferPrefix, 0) == 0;
+}
+
 std::string Staging::PutDirectoryAside()
 {
     char number[16];

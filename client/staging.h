@@ -61,6 +61,9 @@ public:
     // Empty with errno when that fails. Any thread.
     std::string PutDirectoryAside();
 
+    // True for a name that this or the FTP layer may give to a file of its own, and remove.
+    static bool IsReserved(const std::string& name);
+
     // Permissions of a new file, as the process's umask leaves them.
     mode_t NewFileMode() const
     {

@@ -10,17 +10,14 @@
 namespace client
 {
 
-// The C interface has the same numbers, from kProgress to kOutOfMemory.
 enum class EventKind
 {
-    kStep = -1,    // a transfer has reached another step
+    kStep,         // a transfer has reached another step
     kAccepted,     // a transfer was accepted
     kProgress,     // bytes of a file have arrived
     kTransferred,  // a file is complete and in place
     kFailed,       // a transfer failed
-    kRefused,      // a transfer was refused before it began
-    kDelivered,    // the service reports that the directory file has arrived
-    kOutOfMemory   // events before this one are lost
+    kRefused       // a transfer was refused before it began
 };
 
 struct TransferEvent

@@ -4,26 +4,34 @@
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include "corpdir_c.h"
 
-/* Runs on the library's thread. A pipe carries the news to the thread that waits. */
-static void on_event(void* user, const corpdir_event* event)
+/* Takes the events that wait. Returns 0 when the directory is current, 1 when the check failed, -1
+ * while it is under way. */
+static int take_events(corpdir_client* client)
 {
-    const int* news = user;
-    if (event->kind == CORPDIR_EVENT_DELIVERED && write(*news, "", 1) != 1)
-        perror("fetch_directory_c");
-    else if (event->kind == CORPDIR_EVENT_FAILED || event->kind == CORPDIR_EVENT_REFUSED)
-        fprintf(stderr, "%s: %s: %s\n", event->server, event->file, event->reason);
+    corpdir_event event = {0};
+    int status = -1;
+    event.size = sizeof event;
+    while (status < 0 && corpdir_next_event(client, &event) == CORPDIR_OK)
+    {
+        if (event.kind == CORPDIR_EVENT_DELIVERED || event.kind == CORPDIR_EVENT_UNCHANGED)
+            status = 0;
+        else if (event.kind == CORPDIR_EVENT_NO_SERVER_LEFT ||
+                 event.kind == CORPDIR_EVENT_CHECK_FAILED)
+            status = 1;
+        else if (event.code != CORPDIR_OK)
+            fprintf(stderr, "%s: %s\n", event.server, event.reason);
+    }
+    return status;
 }
 
 int main(int argc, char** argv)
 {
     const char* password = getenv("CORPDIR_PASSWORD");
     const char* port = getenv("CORPDIR_PORT");
-    int news[2];
-    if (argc != 5 || password == NULL || pipe(news) != 0)
+    if (argc != 5 || password == NULL)
         return 2;
 
     corpdir_request request = {0};
@@ -36,18 +44,24 @@ int main(int argc, char** argv)
     request.version_file = "version.txt";
     request.directory_file = "directory.csv";
     request.directory_dir = argv[3];
-    request.on_event = on_event;
-    request.user_data = &news[1];
 
     corpdir_client* client;
     corpdir_code code = corpdir_open(NULL, &client);
     if (code == CORPDIR_OK)
         code = corpdir_start(client, &request);
     if (code != CORPDIR_OK)
-        fprintf(stderr, "%s\n", corpdir_error_text(code));
+    {
+        char reason[512];
+        const char* text = corpdir_start_reason(client, reason, sizeof reason) > 0
+                               ? reason
+                               : corpdir_error_text(code);
+        fprintf(stderr, "%s\n", text);
+    }
 
-    struct pollfd delivered = {news[0], POLLIN, 0};
-    int fetched = code == CORPDIR_OK && poll(&delivered, 1, 60 * 1000) == 1;
+    struct pollfd ready = {corpdir_event_fd(client), POLLIN, 0};
+    int status = -1;
+    while (code == CORPDIR_OK && status < 0 && poll(&ready, 1, 60 * 1000) == 1)
+        status = take_events(client);
     corpdir_close(client);
-    return fetched ? 0 : 1;
+    return status == 0 ? 0 : 1;
 }

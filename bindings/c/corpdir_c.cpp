@@ -1,24 +1,25 @@
 #include "corpdir_c.h"
 
 #include <string.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <new>
-#include <string_view>
+#include <optional>
+#include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "base/handle.h"
 #include "base/mutex.h"
-#include "event_thread.h"
-#include "ftpcorpdir.h"
 #include "request.h"
-#include "server_list.h"
-#include "travex_ftp.h"
+#include "state.h"
+#include "worker.h"
 
 namespace corpdir_c
 {
@@ -26,433 +27,197 @@ namespace
 {
 constexpr std::uint32_t kCipherPrefix = 0x03000000;  // of the service's identifiers
 constexpr std::size_t kMaxCiphers = 65536;
+constexpr std::uint32_t kDefaultLevel = 2;
 
-// Why a check was refused while the calling thread started it.
-struct Refusal
-{
-    corpdir_code code = CORPDIR_ERR_NOT_STARTED;
-    char reason[512] = "";
-
-    void Say(std::string_view words)
-    {
-        const std::size_t length = words.copy(reason, sizeof reason - 1);
-        reason[length] = '\0';
-    }
-};
-
-thread_local Refusal* t_refusal = nullptr;
-
-// Where the service's callback queues its events: it has no user pointer.
-std::atomic<EventThread*> g_events{nullptr};
-
-// Failures are left to the observer, which gives the reason.
-void OnResult(unsigned int /*kind*/, unsigned int result, const char* /*text*/, void* /*reserved*/)
-{
-    EventThread* const events = g_events;
-    if (result == 0 && events != nullptr)
-    {
-        events->PushDelivered();
-    }
-}
-
-void OnObservation(void* user, const tagTRAVEX_FTP_S_OBSERVATION* seen)
-{
-    if (seen->ulKind == TRAVEX_FTP_OBSERVED_ACCEPTED || seen->ulKind == TRAVEX_FTP_OBSERVED_STEP)
-    {
-        return;  // a transfer is reported to the client when it has bytes or a result
-    }
-    if (seen->ulKind != TRAVEX_FTP_OBSERVED_REFUSED || t_refusal == nullptr)
-    {
-        static_cast<EventThread*>(user)->Push(*seen);
-        return;
-    }
-    t_refusal->code = CodeOf(seen->ulRet);
-    t_refusal->Say(seen->pcReason);
-}
-
-// The one client of the process and the service under it. Thread-safe.
-//
-// m_mutex guards all members. It is held while the service is called, which waits for the service's
-// threads: these take the event queue's lock only. It is not held while a callback of the client is
-// waited for, which may call any function of the interface.
-//
-// Never destroyed: calls may come until the process is gone.
-class Binding
+// The one client of the process. Thread-safe: the mutex guards all members, and is not held while
+// a worker is called. Never destroyed: calls may come until the process is gone.
+class Clients
 {
 public:
-    static Binding& Get();
+    static Clients& Get()
+    {
+        static Clients* const s_clients = new Clients;
+        return *s_clients;
+    }
 
-    corpdir_code Open(const corpdir_log_settings* log, corpdir_client*& client)
-        CORPDIR_EXCLUDES(m_mutex);
-    void Close(corpdir_client* client) CORPDIR_EXCLUDES(m_mutex);
-    corpdir_code Start(corpdir_client* client, const corpdir_request& record)
-        CORPDIR_EXCLUDES(m_mutex);
-    std::size_t StartReason(corpdir_client* client, char* buffer, std::size_t capacity)
-        CORPDIR_EXCLUDES(m_mutex);
-    corpdir_code SetCiphers(corpdir_client* client, const std::uint16_t* suites, std::size_t count)
-        CORPDIR_EXCLUDES(m_mutex);
-    corpdir_code AddCipher(corpdir_client* client, std::uint16_t suite) CORPDIR_EXCLUDES(m_mutex);
+    corpdir_code Open(const tag_CORPDIR_LOGINFO& log, corpdir_client*& client);
+    void Close(corpdir_client* client);
+    std::shared_ptr<Worker> Find(corpdir_client* client);  // null: not open
+
+    // The outcome of the last start in words.
+    void NoteStart(corpdir_client* client, const std::string& reason);
+    std::string StartReason(corpdir_client* client);
 
 private:
-    bool IsOpen(corpdir_client* client) const CORPDIR_REQUIRES(m_mutex);
-    corpdir_code OpenService() CORPDIR_REQUIRES(m_mutex);
-    void StopService() CORPDIR_REQUIRES(m_mutex);
-    void Detach() CORPDIR_REQUIRES(m_mutex);
-    void Retire() CORPDIR_REQUIRES(m_mutex);
-    void ForgetEnded() CORPDIR_REQUIRES(m_mutex);
-    void WaitForEnd(corpdir_client* client) CORPDIR_REQUIRES(m_mutex);
-    bool MakeWay(corpdir_client* client) CORPDIR_REQUIRES(m_mutex);
-    corpdir_code RegisterServers(Request& request, ServerList& list, Refusal& refusal)
-        CORPDIR_REQUIRES(m_mutex);
-    corpdir_code StartStopped(Request& request, Refusal& refusal) CORPDIR_REQUIRES(m_mutex);
-    corpdir_code ApplyCiphers() CORPDIR_REQUIRES(m_mutex);
-    corpdir_code Failed(corpdir_code code, const char* reason) CORPDIR_REQUIRES(m_mutex);
+    struct Entry
+    {
+        corpdir_client* client = nullptr;
+        std::shared_ptr<Worker> worker;
+        std::string startReason;
+    };
+
+    void Remove(corpdir_client* client) CORPDIR_REQUIRES(m_mutex);
 
     base::Mutex m_mutex;
-    base::CondVar m_closed;
-
-    corpdir_client* m_client CORPDIR_GUARDED_BY(m_mutex) = nullptr;  // the open one
-    bool m_closing CORPDIR_GUARDED_BY(m_mutex) = false;  // on another thread than its event thread
-    std::shared_ptr<EventThread> m_events CORPDIR_GUARDED_BY(m_mutex);
-    std::shared_ptr<EventThread> m_ended
-        CORPDIR_GUARDED_BY(m_mutex);  // list: clients closed within their callbacks
-
-    bool m_hasLog CORPDIR_GUARDED_BY(m_mutex) = false;
-    tag_CORPDIR_LOGINFO m_log CORPDIR_GUARDED_BY(m_mutex) = {};
-    std::vector<int> m_ciphers CORPDIR_GUARDED_BY(m_mutex);
-    bool m_defaultCiphersFirst CORPDIR_GUARDED_BY(m_mutex) = false;  // the list only adds
-    bool m_running CORPDIR_GUARDED_BY(m_mutex) = false;   // the service was started and not stopped
-    bool m_asked CORPDIR_GUARDED_BY(m_mutex) = false;     // a request is under way
-    char m_reason[512] CORPDIR_GUARDED_BY(m_mutex) = "";  // why the last start failed
+    bool m_busy CORPDIR_GUARDED_BY(m_mutex) = false;  // an open client, or an open under way
+    Entry m_open CORPDIR_GUARDED_BY(m_mutex);
+    // Closed within their callbacks, which may go on.
+    std::vector<std::pair<corpdir_client*, std::weak_ptr<Worker>>> m_ended
+        CORPDIR_GUARDED_BY(m_mutex);
 };
 
-Binding& Binding::Get()
+corpdir_code Clients::Open(const tag_CORPDIR_LOGINFO& log, corpdir_client*& client)
 {
-    static Binding* const s_binding = new Binding;
-    return *s_binding;
-}
-
-bool Binding::IsOpen(corpdir_client* client) const
-{
-    return client != nullptr && client == m_client && !m_closing;
-}
-
-corpdir_code Binding::OpenService()
-{
-    constexpr unsigned int kNotTheLog = 1;
-    tag_CORPDIR_LOGINFO log = m_log;
-    const unsigned int result = GetCorpDirInstance()->CorpDirInit(m_hasLog ? &log : nullptr);
-    m_running = result == 0;
-    if (!m_running)
     {
-        GetCorpDirInstance()->CorpDirUninit();  // required between a failed start and the next one
-        return result == kNotTheLog ? CORPDIR_ERR_SERVICE : CORPDIR_ERR_LOG;
-    }
-    return CORPDIR_OK;
-}
-
-void Binding::StopService()
-{
-    if (m_running)
-    {
-        GetCorpDirInstance()->CorpDirUninit();
-    }
-    m_running = false;
-    m_asked = false;
-}
-
-// After this the layers below do not use the event thread any more.
-void Binding::Detach()
-{
-    StopService();
-    TRAVEX_FTP_SetObserver(nullptr, nullptr);
-    g_events = nullptr;
-    m_events->Stop();
-    m_ciphers.clear();
-}
-
-// An event thread that closes its client cannot be joined before its callback has returned.
-void Binding::Retire()
-{
-    m_events->nextEnded = std::move(m_ended);
-    m_ended = std::move(m_events);
-    m_client = nullptr;
-}
-
-// Joins the threads that have ended since, without waiting.
-void Binding::ForgetEnded()
-{
-    for (std::shared_ptr<EventThread>* link = &m_ended; *link != nullptr;)
-    {
-        if ((*link)->HasEnded())
+        const base::MutexLock lock(m_mutex);
+        if (m_busy)
         {
-            (*link)->Join();
-            std::shared_ptr<EventThread> next = std::move((*link)->nextEnded);
-            *link = std::move(next);
+            return CORPDIR_ERR_BUSY;
         }
-        else
-        {
-            link = &(*link)->nextEnded;
-        }
+        m_busy = true;
     }
-}
-
-// Waits for the callback in which this client was closed.
-void Binding::WaitForEnd(corpdir_client* client)
-{
-    std::shared_ptr<EventThread> ended = m_ended;
-    while (ended != nullptr && ended->Client() != client)
+    corpdir_code code = CORPDIR_ERR_MEMORY;
+    const auto worker = std::make_shared<Worker>();
+    try
     {
-        ended = ended->nextEnded;
+        code = worker->Open(log).code;
     }
-    if (ended != nullptr)
+    catch (const std::exception&)
     {
-        m_mutex.Unlock();
-        ended->Join();
-        m_mutex.Lock();
-    }
-    ForgetEnded();
-}
-
-corpdir_code Binding::Open(const corpdir_log_settings* log, corpdir_client*& client)
-{
-    tag_CORPDIR_LOGINFO info = {};
-    const corpdir_code usable = log == nullptr ? CORPDIR_OK : ReadLogSettings(*log, info);
-    if (usable != CORPDIR_OK)
-    {
-        return usable;
+        code = CORPDIR_ERR_MEMORY;
     }
     const base::MutexLock lock(m_mutex);
-    ForgetEnded();
-    if (m_client != nullptr)
+    m_busy = code == CORPDIR_OK;
+    if (m_busy)
     {
-        return CORPDIR_ERR_BUSY;
+        client = base::NewHandle<corpdir_client*>();
+        m_open = {client, worker, ""};
     }
-    m_hasLog = log != nullptr;
-    m_log = info;
-    m_reason[0] = '\0';
-    auto* const opened = base::NewHandle<corpdir_client*>();
-    auto events = std::make_shared<EventThread>(opened);
-    events->Start();
-    m_events = std::move(events);
-    g_events = m_events.get();
-    TRAVEX_FTP_SetObserver(&OnObservation, m_events.get());
-    const corpdir_code code = OpenService();
-    if (code != CORPDIR_OK)
-    {
-        Detach();
-        m_events->Join();  // it had no callback to wait for
-        m_events.reset();
-        return code;
-    }
-    m_client = opened;
-    client = opened;
-    return CORPDIR_OK;
-}
-
-void Binding::Close(corpdir_client* client)
-{
-    const base::MutexLock lock(m_mutex);
-    if (IsOpen(client))
-    {
-        Detach();
-        if (m_events->IsCaller())
-        {
-            Retire();
-            return;
-        }
-        m_closing = true;
-        const std::shared_ptr<EventThread> events = m_events;
-        m_mutex.Unlock();
-        events->Join();
-        m_mutex.Lock();
-        m_events.reset();
-        m_client = nullptr;
-        m_closing = false;
-        m_closed.NotifyAll();
-    }
-    // A callback waits neither for itself nor for another callback, which may wait for it.
-    if (EventThread::CallerIsOne())
-    {
-        return;
-    }
-    while (m_client == client)
-    {
-        m_closed.Wait(m_mutex);
-    }
-    WaitForEnd(client);
-}
-
-// Stops an earlier request and waits for its callback. False when the client was closed meanwhile.
-bool Binding::MakeWay(corpdir_client* client)
-{
-    while (IsOpen(client))
-    {
-        if (m_asked)
-        {
-            StopService();
-        }
-        m_events->Hold();
-        if (m_events->IsCaller() || !m_events->InCallback())
-        {
-            return true;
-        }
-        // That callback may make a request itself, which is then the earlier one.
-        const std::shared_ptr<EventThread> events = m_events;
-        m_mutex.Unlock();
-        events->WaitForCallback();
-        m_mutex.Lock();
-    }
-    return false;
-}
-
-corpdir_code Binding::ApplyCiphers()
-{
-    if (m_ciphers.empty())
-    {
-        return CORPDIR_OK;
-    }
-    IFtpCorpDir* const service = GetCorpDirInstance();
-    const auto count = static_cast<unsigned int>(m_ciphers.size());
-    const unsigned int result =
-        m_defaultCiphersFirst ? service->CorpDirAddFtpCipherListToDirImpl(m_ciphers.data(), count)
-                              : service->CorpDirSetFtpCipherListToDirImpl(m_ciphers.data(), count);
-    return result == 0 ? CORPDIR_OK : CORPDIR_ERR_MEMORY;
-}
-
-// A name without an address counts as a server that failed: the others are asked.
-corpdir_code Binding::RegisterServers(Request& request, ServerList& list, Refusal& refusal)
-{
-    tag_CORPDIR_DOWNLOADINFO& info = request.Info();
-    list = FindServers(info.pszFtpIPs, info.pszLocalIP);
-    for (const client::LeftOut& entry : list.leftOut)
-    {
-        tagTRAVEX_FTP_S_OBSERVATION failure = {};
-        failure.ulKind = TRAVEX_FTP_OBSERVED_FAILED;
-        failure.pcServer = entry.text.c_str();
-        failure.pcServerFile = info.szVersionServerFile;
-        failure.ullTotal = TRAVEX_FTP_SIZE_UNKNOWN;
-        failure.ulRet = TRAVEX_FTP_ERR_CONNECT;
-        failure.pcReason = entry.problem.c_str();
-        m_events->Push(failure);
-    }
-    if (list.servers.empty())
-    {
-        refusal.Say(list.leftOut.front().text + ": " + list.leftOut.front().problem);
-        return CORPDIR_ERR_NOT_STARTED;
-    }
-    info.pszFtpIPs = list.forService.c_str();
-    return CodeOf(client::RegisterNames(list.servers, {}));
-}
-
-corpdir_code Binding::StartStopped(Request& request, Refusal& refusal)
-{
-    ServerList servers;
-    corpdir_code code = m_running ? CORPDIR_OK : OpenService();
-    if (code == CORPDIR_OK)
-    {
-        code = ApplyCiphers();
-    }
-    if (code == CORPDIR_OK)
-    {
-        code = RegisterServers(request, servers, refusal);
-    }
-    if (code != CORPDIR_OK)
-    {
-        return code;
-    }
-    t_refusal = &refusal;
-    const unsigned int result =
-        GetCorpDirInstance()->CorpDirDownloadNetaddr(&request.Info(), &OnResult);
-    t_refusal = nullptr;
-    return result == 0 ? CORPDIR_OK : refusal.code;
-}
-
-corpdir_code Binding::Failed(corpdir_code code, const char* reason)
-{
-    const std::size_t length = std::min(strlen(reason), sizeof m_reason - 1);
-    memcpy(m_reason, reason, length);
-    m_reason[length] = '\0';
     return code;
 }
 
-corpdir_code Binding::Start(corpdir_client* client, const corpdir_request& record)
+std::shared_ptr<Worker> Clients::Find(corpdir_client* client)
 {
+    const base::MutexLock lock(m_mutex);
+    return client != nullptr && client == m_open.client ? m_open.worker : nullptr;
+}
+
+void Clients::Remove(corpdir_client* client)
+{
+    if (m_open.client == client)
+    {
+        m_open = {};
+        m_busy = false;
+    }
+}
+
+void Clients::Close(corpdir_client* client)
+{
+    if (const std::shared_ptr<Worker> worker = Find(client))
+    {
+        const bool over = worker->Close();
+        const base::MutexLock lock(m_mutex);
+        Remove(client);
+        if (!over)
+        {
+            m_ended.erase(std::remove_if(m_ended.begin(), m_ended.end(),
+                                         [](const auto& one) { return one.second.expired(); }),
+                          m_ended.end());
+            m_ended.emplace_back(client, worker);
+        }
+        return;
+    }
+    // A callback waits neither for itself nor for another callback, which may wait for it.
+    if (Worker::CallerIsOne())
+    {
+        return;
+    }
+    std::shared_ptr<Worker> ended;
+    {
+        const base::MutexLock lock(m_mutex);
+        for (const auto& [one, worker] : m_ended)
+        {
+            ended = one == client ? worker.lock() : ended;
+        }
+    }
+    if (ended != nullptr)
+    {
+        ended->WaitForEnd();
+    }
+}
+
+void Clients::NoteStart(corpdir_client* client, const std::string& reason)
+{
+    const base::MutexLock lock(m_mutex);
+    if (m_open.client == client)
+    {
+        m_open.startReason = reason;
+    }
+}
+
+std::string Clients::StartReason(corpdir_client* client)
+{
+    const base::MutexLock lock(m_mutex);
+    return client != nullptr && m_open.client == client ? m_open.startReason : "";
+}
+
+corpdir_code Start(corpdir_client* client, const corpdir_request& record)
+{
+    const std::shared_ptr<Worker> worker = Clients::Get().Find(client);
+    if (worker == nullptr)
+    {
+        return CORPDIR_ERR_CLIENT;
+    }
     Request request;
-    const corpdir_code usable = request.Read(record);
-    const base::MutexLock lock(m_mutex);
-    if (!IsOpen(client))
+    Answer answer = ReadRequest(record, request);
+    if (answer.code == CORPDIR_OK)
     {
-        return CORPDIR_ERR_CLIENT;
+        answer = worker->Start(std::move(request));
     }
-    if (usable != CORPDIR_OK)
+    if (answer.code != CORPDIR_OK && answer.reason.empty())
     {
-        return Failed(usable, corpdir_error_text(usable));
+        answer.reason = corpdir_error_text(answer.code);
     }
-    if (!MakeWay(client))
-    {
-        return CORPDIR_ERR_CLIENT;
-    }
-    Refusal refusal;
-    const corpdir_code code = StartStopped(request, refusal);
-    if (code != CORPDIR_OK)
-    {
-        StopService();  // wipes the service's copy of the request
-        m_events->Hold();
-        return Failed(code, *refusal.reason != '\0' ? refusal.reason : corpdir_error_text(code));
-    }
-    m_asked = true;
-    m_reason[0] = '\0';
-    m_events->Release(record.on_event, record.user_data);
-    return CORPDIR_OK;
+    Clients::Get().NoteStart(client, answer.reason);
+    return answer.code;
 }
 
-std::size_t Binding::StartReason(corpdir_client* client, char* buffer, std::size_t capacity)
+// Cut to fit and terminated.
+template <std::size_t kSize>
+void Copy(const std::string& text, char (&field)[kSize])
 {
-    const base::MutexLock lock(m_mutex);
-    const char* const reason = IsOpen(client) ? m_reason : "";
-    const std::size_t length = strlen(reason);
-    if (capacity > 0)
-    {
-        const std::size_t copied = std::min(length, capacity - 1);
-        memcpy(buffer, reason, copied);
-        buffer[copied] = '\0';
-    }
-    return length;
+    field[text.copy(field, kSize - 1)] = '\0';
 }
 
-corpdir_code Binding::SetCiphers(corpdir_client* client, const std::uint16_t* suites,
-                                 std::size_t count)
+corpdir_code Status(const std::string& path, corpdir_state& record)
 {
-    std::vector<int> ciphers;
-    ciphers.reserve(count);
-    for (std::size_t i = 0; i < count; ++i)
+    const std::size_t name = path.rfind('/') + 1;  // 0 when there is none
+    std::string problem;
+    const std::optional<client::State> state =
+        client::ReadState(path.substr(0, name) + client::StateName(path.substr(name)), problem);
+    const std::size_t size = record.size;
+    record = {};
+    record.size = size;
+    if (!state)
     {
-        ciphers.push_back(static_cast<int>(kCipherPrefix | suites[i]));
+        Copy(problem, record.reason);
+        return problem.empty() ? CORPDIR_ERR_NO_STATE : CORPDIR_ERR_LOCAL_FILE;
     }
-    const base::MutexLock lock(m_mutex);
-    if (!IsOpen(client))
-    {
-        return CORPDIR_ERR_CLIENT;
-    }
-    m_ciphers.swap(ciphers);
-    m_defaultCiphersFirst = false;
-    return CORPDIR_OK;
-}
-
-corpdir_code Binding::AddCipher(corpdir_client* client, std::uint16_t suite)
-{
-    const base::MutexLock lock(m_mutex);
-    if (!IsOpen(client))
-    {
-        return CORPDIR_ERR_CLIENT;
-    }
-    const int cipher = static_cast<int>(kCipherPrefix | suite);
-    if (std::find(m_ciphers.begin(), m_ciphers.end(), cipher) == m_ciphers.end())
-    {
-        m_defaultCiphersFirst = m_defaultCiphersFirst || m_ciphers.empty();
-        m_ciphers.push_back(cipher);
-    }
+    struct stat local = {};
+    record.bytes = state->size;
+    record.fetched = state->fetched;
+    record.confirmed = state->confirmed;
+    record.checked = state->checked;
+    record.failed = state->outcome == "failed" ? 1 : 0;
+    record.failures = state->failures;
+    record.in_place = !state->version.empty() && stat(path.c_str(), &local) == 0 &&
+                              static_cast<std::uint64_t>(local.st_size) == state->size
+                          ? 1
+                          : 0;
+    Copy(state->version, record.version);
+    Copy(state->sha256, record.sha256);
+    Copy(state->server, record.server);
+    Copy(state->reason, record.reason);
     return CORPDIR_OK;
 }
 
@@ -464,14 +229,22 @@ corpdir_code Guarded(Body body) noexcept
     {
         return body();
     }
-    catch (const std::bad_alloc&)
+    catch (const std::exception&)
     {
         return CORPDIR_ERR_MEMORY;
     }
-    catch (const std::system_error&)
-    {
-        return CORPDIR_ERR_MEMORY;
-    }
+}
+
+// Calls a function of the worker of an open client.
+template <class Body>
+corpdir_code OfClient(corpdir_client* client, Body body) noexcept
+{
+    return Guarded(
+        [&]
+        {
+            const std::shared_ptr<Worker> worker = Clients::Get().Find(client);
+            return worker == nullptr ? CORPDIR_ERR_CLIENT : body(*worker);
+        });
 }
 
 struct CodeText
@@ -487,8 +260,10 @@ constexpr CodeText kCodeTexts[] = {
     {CORPDIR_ERR_BUSY, "the process has an open client already"},
     {CORPDIR_ERR_MEMORY, "memory or threads ran out"},
     {CORPDIR_ERR_LOG, "the log's directory cannot be used"},
-    {CORPDIR_ERR_SERVICE, "the service could not be started; the log says why"},
-    {CORPDIR_ERR_NOT_STARTED, "the first check could not be started; the log says why"},
+    {CORPDIR_ERR_SERVICE, "the service could not be started"},
+    {CORPDIR_ERR_NOT_STARTED, "no request is under way"},
+    {CORPDIR_ERR_NO_EVENT, "no event waits"},
+    {CORPDIR_ERR_NO_STATE, "no check of this directory file has ended yet"},
     {CORPDIR_ERR_CONNECT, "no connection to the server"},
     {CORPDIR_ERR_TLS, "TLS was refused, or its handshake failed"},
     {CORPDIR_ERR_CERTIFICATE, "the server's certificate was not accepted"},
@@ -498,14 +273,16 @@ constexpr CodeText kCodeTexts[] = {
     {CORPDIR_ERR_TIMEOUT, "a time limit was reached"},
     {CORPDIR_ERR_PARTIAL, "the file ended early, or its size is not the one announced"},
     {CORPDIR_ERR_TOO_LARGE, "the file is larger than the limit"},
-    {CORPDIR_ERR_LOCAL_FILE, "the local file cannot be written"},
+    {CORPDIR_ERR_LOCAL_FILE, "a local file or directory cannot be used"},
     {CORPDIR_ERR_TRANSFER, "the transfer failed"},
+    {CORPDIR_ERR_NAME, "the server's name has no address"},
+    {CORPDIR_ERR_VERSION, "the version file is not valid"},
     {CORPDIR_ERR_REFUSED, "the transfer was refused for one of its parameters"},
     {CORPDIR_ERR_CIPHER, "a cipher suite is unknown or not allowed"},
     {CORPDIR_ERR_AUTHORITIES, "an entry, a file or a certificate of trust cannot be used"},
     {CORPDIR_ERR_SYSTEM, "memory or another resource of the system ran out"},
     {CORPDIR_ERR_SERVERS,
-     "servers: missing, or not a list separated by \";\" of names and addresses of 1 to 255 bytes"},
+     "servers: missing, or not a list of names and addresses that are separated by \";\""},
     {CORPDIR_ERR_USER, "user: not 1 to 127 bytes without control bytes"},
     {CORPDIR_ERR_PASSWORD, "password: not 1 to 127 bytes without control bytes"},
     {CORPDIR_ERR_VERSION_FILE,
@@ -515,23 +292,29 @@ constexpr CodeText kCodeTexts[] = {
      "file"},
     {CORPDIR_ERR_VERSION_DIR, "version_dir: not 1 to 127 bytes with a closing \"/\""},
     {CORPDIR_ERR_VERSION_NAME,
-     "version_name: not a plain name of 1 to 255 bytes, or the directory file's place"},
+     "version_name: not a plain name of 1 to 255 bytes, or that of the directory file or its "
+     "state"},
     {CORPDIR_ERR_DIRECTORY_DIR, "directory_dir: not 1 to 127 bytes with a closing \"/\""},
-    {CORPDIR_ERR_DIRECTORY_NAME, "directory_name: not a plain name of 1 to 255 bytes"},
-    {CORPDIR_ERR_LOCAL_ADDRESS, "local_address: not an IPv4 or IPv6 address"},
+    {CORPDIR_ERR_DIRECTORY_NAME, "directory_name: not a plain name of 1 to 241 bytes"},
+    {CORPDIR_ERR_LOCAL_ADDRESS,
+     "local_address: not an IPv4 or IPv6 address, or of another family than a server"},
     {CORPDIR_ERR_TRUST, "trust: not 1 to 255 bytes without control bytes"},
     {CORPDIR_ERR_PORT, "port: above 65535"},
     {CORPDIR_ERR_MODE, "mode: neither FTPS nor FTP"},
     {CORPDIR_ERR_VERIFICATION, "without_verification: neither 0 nor 1"},
     {CORPDIR_ERR_LOG_DIR, "log directory: longer than 255 bytes, or with a control byte"},
     {CORPDIR_ERR_LOG_LEVEL, "log level: above 2"},
+    {CORPDIR_ERR_NAMES, "certificate_names: not a list of host names that are separated by \";\""},
+    {CORPDIR_ERR_TIMES, "connect_seconds: above 3600, or retry_seconds: above 86400"},
 };
 
 }  // namespace
 }  // namespace corpdir_c
 
-using corpdir_c::Binding;
+using corpdir_c::Clients;
 using corpdir_c::Guarded;
+using corpdir_c::OfClient;
+using corpdir_c::Worker;
 
 corpdir_code corpdir_open(const corpdir_log_settings* log, corpdir_client** client)
 {
@@ -540,20 +323,20 @@ corpdir_code corpdir_open(const corpdir_log_settings* log, corpdir_client** clie
         return CORPDIR_ERR_ARGUMENT;
     }
     *client = nullptr;
-    return Guarded([=] { return Binding::Get().Open(log, *client); });
+    tag_CORPDIR_LOGINFO info = {};
+    info.ulLogLevel = corpdir_c::kDefaultLevel;
+    const corpdir_code code = log == nullptr ? CORPDIR_OK : corpdir_c::ReadLogSettings(*log, info);
+    return code != CORPDIR_OK ? code : Guarded([&] { return Clients::Get().Open(info, *client); });
 }
 
 void corpdir_close(corpdir_client* client)
 {
-    if (client != nullptr)
-    {
-        (void)Guarded(
-            [=]
-            {
-                Binding::Get().Close(client);
-                return CORPDIR_OK;
-            });
-    }
+    (void)Guarded(
+        [=]
+        {
+            Clients::Get().Close(client);
+            return CORPDIR_OK;
+        });
 }
 
 corpdir_code corpdir_start(corpdir_client* client, const corpdir_request* request)
@@ -562,7 +345,7 @@ corpdir_code corpdir_start(corpdir_client* client, const corpdir_request* reques
     {
         return CORPDIR_ERR_ARGUMENT;
     }
-    return Guarded([=] { return Binding::Get().Start(client, *request); });
+    return Guarded([=] { return corpdir_c::Start(client, *request); });
 }
 
 size_t corpdir_start_reason(corpdir_client* client, char* buffer, size_t capacity)
@@ -571,10 +354,55 @@ size_t corpdir_start_reason(corpdir_client* client, char* buffer, size_t capacit
     (void)Guarded(
         [&]
         {
-            length = Binding::Get().StartReason(client, buffer, buffer == nullptr ? 0 : capacity);
+            const std::string reason = Clients::Get().StartReason(client);
+            length = reason.size();
+            if (buffer != nullptr && capacity > 0)
+            {
+                buffer[reason.copy(buffer, capacity - 1)] = '\0';
+            }
             return CORPDIR_OK;
         });
     return length;
+}
+
+corpdir_code corpdir_stop(corpdir_client* client)
+{
+    return OfClient(client, [](Worker& worker) { return worker.Stop().code; });
+}
+
+corpdir_code corpdir_check_now(corpdir_client* client)
+{
+    return OfClient(client, [](Worker& worker) { return worker.CheckNow(); });
+}
+
+int corpdir_event_fd(corpdir_client* client)
+{
+    int descriptor = -1;
+    (void)OfClient(client,
+                   [&](Worker& worker)
+                   {
+                       descriptor = worker.EventDescriptor();
+                       return CORPDIR_OK;
+                   });
+    return descriptor;
+}
+
+corpdir_code corpdir_next_event(corpdir_client* client, corpdir_event* event)
+{
+    if (event == nullptr || !corpdir_c::HasRoom(event->size, sizeof *event))
+    {
+        return CORPDIR_ERR_ARGUMENT;
+    }
+    return OfClient(client, [=](Worker& worker) { return worker.NextEvent(*event); });
+}
+
+corpdir_code corpdir_status(const char* path, corpdir_state* state)
+{
+    if (path == nullptr || state == nullptr || !corpdir_c::HasRoom(state->size, sizeof *state))
+    {
+        return CORPDIR_ERR_ARGUMENT;
+    }
+    return Guarded([=] { return corpdir_c::Status(path, *state); });
 }
 
 corpdir_code corpdir_set_ciphers(corpdir_client* client, const uint16_t* suites, size_t count)
@@ -583,12 +411,25 @@ corpdir_code corpdir_set_ciphers(corpdir_client* client, const uint16_t* suites,
     {
         return CORPDIR_ERR_ARGUMENT;
     }
-    return Guarded([=] { return Binding::Get().SetCiphers(client, suites, count); });
+    return OfClient(
+        client,
+        [=](Worker& worker)
+        {
+            std::vector<int> ciphers;
+            ciphers.reserve(count);
+            for (std::size_t i = 0; i < count; ++i)
+            {
+                ciphers.push_back(static_cast<int>(corpdir_c::kCipherPrefix | suites[i]));
+            }
+            return worker.SetSuites(std::move(ciphers));
+        });
 }
 
 corpdir_code corpdir_add_cipher(corpdir_client* client, uint16_t suite)
 {
-    return Guarded([=] { return Binding::Get().AddCipher(client, suite); });
+    return OfClient(
+        client, [=](Worker& worker)
+        { return worker.AddSuite(static_cast<int>(corpdir_c::kCipherPrefix | suite)); });
 }
 
 const char* corpdir_error_text(uint32_t code)
@@ -601,6 +442,17 @@ const char* corpdir_error_text(uint32_t code)
         }
     }
     return "unknown code";
+}
+
+const char* corpdir_event_name(uint32_t kind)
+{
+    constexpr const char* kNames[] = {
+        "unknown",     "progress",       "transferred",  "failed",
+        "refused",     "delivered",      "lost",         "checking",
+        "next_server", "new_version",    "unchanged",    "invalid_version",
+        "name_failed", "no_server_left", "check_failed", "recovered",
+        "waiting",     "warning",        "start_failed"};
+    return kNames[kind < std::size(kNames) ? kind : 0];
 }
 
 const char* corpdir_version(void)

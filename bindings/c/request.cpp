@@ -4,10 +4,17 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
 
 #include "base/printable.h"
+#include "sealed_password.h"
 #include "server_names.h"
+#include "staging.h"
+#include "state.h"
 
 namespace corpdir_c
 {
@@ -15,104 +22,229 @@ namespace corpdir_c
 namespace
 {
 
-// Bytes that fit, without the terminator: a field of the service's record, and the FTP layer's own
-// narrower ones.
+// Bytes that fit: a field of the service's record, and the FTP layer's own narrower ones.
 constexpr std::size_t kMaxField = 255;
 constexpr std::size_t kMaxLogin = 127;
 constexpr std::size_t kMaxDirectory = 127;
 
 constexpr std::uint32_t kMaxPort = 65535;
 constexpr std::uint32_t kMaxLevel = 2;
+constexpr std::uint32_t kMaxConnectSeconds = 3600;
+constexpr std::uint32_t kMaxRetrySeconds = 86400;
+constexpr std::uint32_t kUsualRetrySeconds = 60;
 constexpr std::size_t kMaxGrowth = 1024;  // a larger size of a record was not set
 
-// True for a record of this header, and for a longer one of a later header whose further members
-// are zero, which asks for this library's defaults.
+// The record in version 1.0.
+constexpr std::size_t kFirstRequest = offsetof(corpdir_request, certificate_names);
+
+// True for a record of this header, or of an earlier one with at least `first` bytes, and for a
+// longer one of a later header whose further members are zero, which asks for this library's
+// defaults.
 template <class T>
-bool IsKnown(const T& record)
+bool IsKnown(const T& record, std::size_t first = sizeof(T))
 {
-    if (record.size < sizeof record || record.size > sizeof record + kMaxGrowth)
+    if (record.size < first || record.size > sizeof record + kMaxGrowth)
     {
         return false;
     }
     const auto* const bytes = reinterpret_cast<const unsigned char*>(&record);
-    return std::all_of(bytes + sizeof record, bytes + record.size,
+    return std::all_of(bytes + std::min(sizeof record, record.size), bytes + record.size,
                        [](unsigned char byte) { return byte == 0; });
 }
 
-// Copies a text of 1 to limit bytes without control bytes; false for any other text.
-bool Fill(char (&field)[256], const char* text, std::size_t limit)
+// A text of 1 to limit bytes without control bytes; empty for any other one.
+std::string_view TextOf(const char* text, std::size_t limit)
 {
     const std::size_t length = text == nullptr ? 0 : strnlen(text, limit + 1);
-    if (length == 0 || length > limit || std::any_of(text, text + length, base::IsControlByte))
+    const bool usable = length <= limit && std::none_of(text, text + length, base::IsControlByte);
+    return usable ? std::string_view(text, length) : std::string_view();
+}
+
+bool Take(const char* text, std::size_t limit, std::string& to)
+{
+    to = TextOf(text, limit);
+    return !to.empty();
+}
+
+// With a closing "/".
+bool TakeFolder(const char* text, std::string& to)
+{
+    const bool usable = Take(text, kMaxDirectory, to);
+    to += usable && to.back() != '/' ? "/" : "";
+    return usable && to.size() <= kMaxDirectory;
+}
+
+bool TakeServerFile(const char* text, std::string& to)
+{
+    return Take(text, kMaxField, to) && to.back() != '/';
+}
+
+// A local name; a null one is the last part of the server's.
+bool TakeName(const char* text, const std::string& serverFile, std::size_t limit, std::string& to)
+{
+    const std::string last = serverFile.substr(serverFile.rfind('/') + 1);
+    return Take(text != nullptr ? text : last.c_str(), limit, to) &&
+           to.find('/') == std::string::npos && to != "." && to != ".." &&
+           !client::Staging::IsReserved(to);
+}
+
+// "'a b' is neither ...", or nothing for a text that cannot be shown.
+std::string Unusable(const char* member, const std::string& text, const char* problem)
+{
+    const bool shown = std::none_of(text.begin(), text.end(), base::IsControlByte);
+    return shown ? std::string(member) + ": '" + text + "' " + problem : "";
+}
+
+Answer ReadServers(const corpdir_request& record, client::Settings& settings)
+{
+    if (record.servers == nullptr)
     {
-        return false;
+        return {CORPDIR_ERR_SERVERS, ""};
     }
-    memcpy(field, text, length);
-    return true;
-}
-
-bool EndsInSlash(const char* text)
-{
-    return text[strlen(text) - 1] == '/';
-}
-
-const char* LastPart(const char* path)
-{
-    const char* const slash = strrchr(path, '/');
-    return slash == nullptr ? path : slash + 1;
-}
-
-bool IsPlainName(const char* name)
-{
-    return strchr(name, '/') == nullptr && strcmp(name, ".") != 0 && strcmp(name, "..") != 0;
-}
-
-// Counts the closing "/", which the service adds.
-bool FillDirectory(char (&field)[256], const char* directory)
-{
-    return Fill(field, directory, kMaxDirectory) &&
-           strlen(field) + (EndsInSlash(field) ? 0 : 1) <= kMaxDirectory;
-}
-
-bool IsServer(const char* begin, const char* end)
-{
-    return begin != end && static_cast<std::size_t>(end - begin) <= kMaxField &&
-           std::none_of(begin, end,
-                        [](char byte) { return byte == ' ' || base::IsControlByte(byte); });
-}
-
-bool IsServerList(const char* servers)
-{
-    if (servers == nullptr)
+    for (const std::string& text : client::SplitList(record.servers))
     {
-        return false;
-    }
-    for (const char* begin = servers;;)
-    {
-        const char* const end = strchrnul(begin, ';');
-        if (!IsServer(begin, end))
+        client::ServerEntry entry;
+        switch (client::ReadEntry(text, entry))
         {
-            return false;
+            case client::EntryProblem::kEmpty:
+                return {CORPDIR_ERR_SERVERS, ""};
+            case client::EntryProblem::kZeroAddress:
+                return {CORPDIR_ERR_SERVERS,
+                        "servers: " + entry.text + " is the unspecified address, not a server"};
+            case client::EntryProblem::kNeither:
+                return {CORPDIR_ERR_SERVERS,
+                        Unusable("servers", entry.text, "is neither an address nor a host name")};
+            case client::EntryProblem::kNone:
+                settings.servers.push_back(entry);
         }
-        if (*end == '\0')
-        {
-            return true;
-        }
-        begin = end + 1;
     }
+    if (record.local_address == nullptr || *record.local_address == '\0')
+    {
+        return {};
+    }
+    settings.localAddress = record.local_address;
+    settings.family = client::FamilyOf(record.local_address);
+    if (settings.family == AF_UNSPEC)
+    {
+        return {CORPDIR_ERR_LOCAL_ADDRESS, ""};
+    }
+    for (const client::ServerEntry& entry : settings.servers)
+    {
+        if (entry.isAddress && client::FamilyOf(entry.text.c_str()) != settings.family)
+        {
+            return {CORPDIR_ERR_LOCAL_ADDRESS,
+                    "local_address: not of the family of the server " + entry.text};
+        }
+    }
+    return {};
 }
 
-bool SamePlace(const tag_CORPDIR_DOWNLOADINFO& info)
+Answer ReadLogin(const corpdir_request& record, client::Settings& settings)
 {
-    const auto length = [](const char* directory)
-    { return strlen(directory) - (EndsInSlash(directory) ? 1 : 0); };
-    const std::size_t common = length(info.szVersionLocalDir);
-    return common == length(info.szCorpDirLocalDir) &&
-           memcmp(info.szVersionLocalDir, info.szCorpDirLocalDir, common) == 0 &&
-           strcmp(info.szVersionLocalFileName, info.szCorpDirLocalFileName) == 0;
+    if (!Take(record.user, kMaxLogin, settings.user))
+    {
+        return {CORPDIR_ERR_USER, ""};
+    }
+    const std::string_view password = TextOf(record.password, kMaxLogin);
+    if (password.empty())
+    {
+        return {CORPDIR_ERR_PASSWORD, ""};
+    }
+    settings.readPassword = [sealed = std::make_shared<const client::SealedPassword>(password)](
+                                client::Secret& to, bool) { sealed->Open(to); };
+    return {};
+}
+
+Answer ReadFiles(const corpdir_request& record, client::Settings& settings)
+{
+    if (!TakeServerFile(record.version_file, settings.versionFile))
+    {
+        return {CORPDIR_ERR_VERSION_FILE, ""};
+    }
+    // The service distinguishes the two by their names.
+    if (!TakeServerFile(record.directory_file, settings.directoryFile) ||
+        settings.directoryFile == settings.versionFile)
+    {
+        return {CORPDIR_ERR_DIRECTORY_FILE, ""};
+    }
+    if (!TakeFolder(record.directory_dir, settings.directoryFolder))
+    {
+        return {CORPDIR_ERR_DIRECTORY_DIR, ""};
+    }
+    if (!TakeName(record.directory_name, settings.directoryFile, client::kMaxDirectoryName,
+                  settings.directoryName))
+    {
+        return {CORPDIR_ERR_DIRECTORY_NAME, ""};
+    }
+    if (!TakeFolder(record.version_dir != nullptr ? record.version_dir : record.directory_dir,
+                    settings.versionFolder))
+    {
+        return {CORPDIR_ERR_VERSION_DIR, ""};
+    }
+    if (!TakeName(record.version_name, settings.versionFile, kMaxField, settings.versionName) ||
+        settings.VersionPath() == settings.DirectoryPath() ||
+        settings.VersionPath() ==
+            settings.directoryFolder + client::StateName(settings.directoryName))
+    {
+        return {CORPDIR_ERR_VERSION_NAME, ""};
+    }
+    return {};
+}
+
+Answer ReadTrust(const corpdir_request& record, client::Settings& settings)
+{
+    if (!Take(record.trust != nullptr ? record.trust : "system", kMaxField, settings.trust))
+    {
+        return {CORPDIR_ERR_TRUST, ""};
+    }
+    if (record.port > kMaxPort)
+    {
+        return {CORPDIR_ERR_PORT, ""};
+    }
+    if (record.mode != CORPDIR_MODE_FTPS && record.mode != CORPDIR_MODE_FTP)
+    {
+        return {CORPDIR_ERR_MODE, ""};
+    }
+    if (record.without_verification > 1)
+    {
+        return {CORPDIR_ERR_VERIFICATION, ""};
+    }
+    settings.port = record.port;
+    settings.plain = record.mode == CORPDIR_MODE_FTP;
+    settings.verify = record.without_verification == 0;
+    if (record.certificate_names != nullptr && *record.certificate_names != '\0')
+    {
+        settings.names = client::SplitList(record.certificate_names);
+    }
+    for (const std::string& name : settings.names)
+    {
+        if (!client::IsHostName(name))
+        {
+            return {CORPDIR_ERR_NAMES, Unusable("certificate_names", name, "is not a host name")};
+        }
+    }
+    return {};
+}
+
+Answer ReadLimits(const corpdir_request& record, client::Settings& settings)
+{
+    if (record.connect_seconds > kMaxConnectSeconds || record.retry_seconds > kMaxRetrySeconds)
+    {
+        return {CORPDIR_ERR_TIMES, ""};
+    }
+    settings.connectMs = record.connect_seconds * 1000;
+    settings.retry =
+        std::chrono::seconds(record.retry_seconds != 0 ? record.retry_seconds : kUsualRetrySeconds);
+    settings.maxFileBytes = record.max_file_bytes;
+    return {};
 }
 
 }  // namespace
+
+bool HasRoom(std::size_t size, std::size_t needed)
+{
+    return size >= needed && size <= needed + kMaxGrowth;
+}
 
 corpdir_code ReadLogSettings(const corpdir_log_settings& settings, tag_CORPDIR_LOGINFO& info)
 {
@@ -120,10 +252,14 @@ corpdir_code ReadLogSettings(const corpdir_log_settings& settings, tag_CORPDIR_L
     {
         return CORPDIR_ERR_ARGUMENT;
     }
-    const bool named = settings.directory != nullptr && *settings.directory != '\0';
-    if (named && !Fill(info.szLogDir, settings.directory, kMaxField))
+    if (settings.directory != nullptr && *settings.directory != '\0')
     {
-        return CORPDIR_ERR_LOG_DIR;
+        const std::string_view directory = TextOf(settings.directory, kMaxField);
+        if (directory.empty())
+        {
+            return CORPDIR_ERR_LOG_DIR;
+        }
+        directory.copy(info.szLogDir, sizeof info.szLogDir - 1);
     }
     if (settings.level > kMaxLevel)
     {
@@ -135,116 +271,27 @@ corpdir_code ReadLogSettings(const corpdir_log_settings& settings, tag_CORPDIR_L
     return CORPDIR_OK;
 }
 
-Request::~Request()
+Answer ReadRequest(const corpdir_request& record, Request& request)
 {
-    explicit_bzero(&m_info, sizeof m_info);
-}
-
-corpdir_code Request::Read(const corpdir_request& request) noexcept
-{
-    if (!IsKnown(request) || request.reserved != 0)
+    if (!IsKnown(record, kFirstRequest) || record.reserved != 0)
     {
-        return CORPDIR_ERR_ARGUMENT;
+        return {CORPDIR_ERR_ARGUMENT, ""};
     }
-    for (const auto step : {&Request::ReadServer, &Request::ReadFiles, &Request::ReadDirectories,
-                            &Request::ReadOptions})
+    // The members that an earlier record lacks are zero.
+    corpdir_request whole = {};
+    memcpy(&whole, &record, std::min(record.size, sizeof whole));
+    for (const auto read : {ReadServers, ReadLogin, ReadFiles, ReadTrust, ReadLimits})
     {
-        const corpdir_code code = (this->*step)(request);
-        if (code != CORPDIR_OK)
+        Answer answer = read(whole, request.settings);
+        if (answer.code != CORPDIR_OK)
         {
-            return code;
+            return answer;
         }
     }
-    return CORPDIR_OK;
-}
-
-corpdir_code Request::ReadServer(const corpdir_request& request)
-{
-    if (!IsServerList(request.servers))
-    {
-        return CORPDIR_ERR_SERVERS;
-    }
-    m_info.pszFtpIPs = request.servers;
-    if (!Fill(m_info.szUserName, request.user, kMaxLogin))
-    {
-        return CORPDIR_ERR_USER;
-    }
-    return Fill(m_info.szPassword, request.password, kMaxLogin) ? CORPDIR_OK : CORPDIR_ERR_PASSWORD;
-}
-
-corpdir_code Request::ReadFiles(const corpdir_request& request)
-{
-    if (!Fill(m_info.szVersionServerFile, request.version_file, kMaxField) ||
-        EndsInSlash(m_info.szVersionServerFile))
-    {
-        return CORPDIR_ERR_VERSION_FILE;
-    }
-    // The service distinguishes the two by their names.
-    if (!Fill(m_info.szCorpDirServerFile, request.directory_file, kMaxField) ||
-        EndsInSlash(m_info.szCorpDirServerFile) ||
-        strcmp(m_info.szCorpDirServerFile, m_info.szVersionServerFile) == 0)
-    {
-        return CORPDIR_ERR_DIRECTORY_FILE;
-    }
-    return CORPDIR_OK;
-}
-
-corpdir_code Request::ReadDirectories(const corpdir_request& request)
-{
-    const auto orElse = [](const char* given, const char* usual)
-    { return given != nullptr ? given : usual; };
-    if (!FillDirectory(m_info.szCorpDirLocalDir, request.directory_dir))
-    {
-        return CORPDIR_ERR_DIRECTORY_DIR;
-    }
-    if (!Fill(m_info.szCorpDirLocalFileName,
-              orElse(request.directory_name, LastPart(m_info.szCorpDirServerFile)), kMaxField) ||
-        !IsPlainName(m_info.szCorpDirLocalFileName))
-    {
-        return CORPDIR_ERR_DIRECTORY_NAME;
-    }
-    if (!FillDirectory(m_info.szVersionLocalDir,
-                       orElse(request.version_dir, m_info.szCorpDirLocalDir)))
-    {
-        return CORPDIR_ERR_VERSION_DIR;
-    }
-    if (!Fill(m_info.szVersionLocalFileName,
-              orElse(request.version_name, LastPart(m_info.szVersionServerFile)), kMaxField) ||
-        !IsPlainName(m_info.szVersionLocalFileName) || SamePlace(m_info))
-    {
-        return CORPDIR_ERR_VERSION_NAME;
-    }
-    return CORPDIR_OK;
-}
-
-corpdir_code Request::ReadOptions(const corpdir_request& request)
-{
-    // Null would keep the earlier request's address.
-    m_info.pszLocalIP = request.local_address != nullptr ? request.local_address : "";
-    if (*m_info.pszLocalIP != '\0' && client::FamilyOf(m_info.pszLocalIP) == AF_UNSPEC)
-    {
-        return CORPDIR_ERR_LOCAL_ADDRESS;
-    }
-    if (!Fill(m_info.szFtpCtrlInfo, request.trust != nullptr ? request.trust : "system", kMaxField))
-    {
-        return CORPDIR_ERR_TRUST;
-    }
-    if (request.port > kMaxPort)
-    {
-        return CORPDIR_ERR_PORT;
-    }
-    if (request.mode != CORPDIR_MODE_FTPS && request.mode != CORPDIR_MODE_FTP)
-    {
-        return CORPDIR_ERR_MODE;
-    }
-    if (request.without_verification > 1)
-    {
-        return CORPDIR_ERR_VERIFICATION;
-    }
-    m_info.ulPort = request.port;
-    m_info.ulFtpMode = request.mode;
-    m_info.ulCertVerify = 1 - request.without_verification;
-    return CORPDIR_OK;
+    request.edition = record.size == kFirstRequest ? Edition::kFirst : Edition::kCurrent;
+    request.callback = whole.on_event;
+    request.user = whole.user_data;
+    return {};
 }
 
 }  // namespace corpdir_c

@@ -1,9 +1,10 @@
-// The records of the C interface, checked and converted to the service's records.
+// The records of the C interface, checked and converted to the client's settings.
 #ifndef CORPDIR_C_REQUEST_H
 #define CORPDIR_C_REQUEST_H
 
 #include "corpdir_c.h"
-#include "ftpcorpdir.h"
+#include "corpdir_loginfo.h"
+#include "worker.h"
 
 namespace corpdir_c
 {
@@ -11,33 +12,13 @@ namespace corpdir_c
 // Copies settings into the service's record. CORPDIR_OK, or the code of the bad member.
 corpdir_code ReadLogSettings(const corpdir_log_settings& settings, tag_CORPDIR_LOGINFO& info);
 
-// The service's record of a request, filled for one call. It holds the password and is wiped when
-// it goes.
-class Request
-{
-public:
-    Request() = default;
-    ~Request();
-    Request(const Request&) = delete;
-    Request& operator=(const Request&) = delete;
+// Reads a request. The password is sealed at once. CORPDIR_OK, or the code of the bad member; a
+// reason when there is more to say than corpdir_error_text does. Throws std::bad_alloc, and
+// std::runtime_error when the password cannot be sealed.
+Answer ReadRequest(const corpdir_request& record, Request& request);
 
-    // CORPDIR_OK, or the code of the bad member. Allocates nothing: a start that runs out of memory
-    // has then stopped the earlier request. Server list and local address are not copied.
-    corpdir_code Read(const corpdir_request& request) noexcept;
-
-    tag_CORPDIR_DOWNLOADINFO& Info()
-    {
-        return m_info;
-    }
-
-private:
-    corpdir_code ReadServer(const corpdir_request& request);
-    corpdir_code ReadFiles(const corpdir_request& request);
-    corpdir_code ReadDirectories(const corpdir_request& request);
-    corpdir_code ReadOptions(const corpdir_request& request);
-
-    tag_CORPDIR_DOWNLOADINFO m_info = {};
-};
+// True for a record of at least this header's size; a size that was not set is mostly a larger one.
+bool HasRoom(std::size_t size, std::size_t needed);
 
 }  // namespace corpdir_c
 

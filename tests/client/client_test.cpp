@@ -1,5 +1,6 @@
 // The client on a scripted service: the test plays the service and the FTP layer on its own thread.
 #include "client.h"
+#include "settings_check.h"
 
 #include <gmock/gmock.h>
 
@@ -116,6 +117,8 @@ std::string TextOf(const Event& event)
             return "no address " + event.server.name + ": " + event.transfer.reason;
         case Event::Kind::kPassFailed:
             return "all failed";
+        case Event::Kind::kRecovered:
+            return "recovered " + std::to_string(event.failures);
         case Event::Kind::kStartFailed:
             return "start failed: " + event.transfer.reason;
         case Event::Kind::kWaiting:
@@ -521,8 +524,41 @@ TEST_F(ClientTest, LeavesTheNextCheckToTheServiceWhenAVersionWasSeen)
     client.CheckNow();
     EXPECT_EQ(1, Layers().expiries);
     Version("192.0.2.1", "V0001");
-    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "unchanged 192.0.2.1 V0001"));
+    EXPECT_THAT(Said(),
+                ElementsAre("checking 192.0.2.1", "unchanged 192.0.2.1 V0001", "recovered 1"));
     EXPECT_EQ(0u, StateOfFile().failures);
+}
+
+// Of an earlier process too.
+TEST_F(ClientTest, CountsTheChecksThatFailBeforeARecovery)
+{
+    WriteFile(folder.Path() + "/.directory.csv.corpdir.json", StateText(
+                                                                  []
+                                                                  {
+                                                                      State state;
+                                                                      state.failures = 2;
+                                                                      return state;
+                                                                  }()));
+    settings.servers.resize(1);
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    Fail("192.0.2.1", kVersionFile, TRAVEX_FTP_ERR_LOGIN);
+    std::optional<Event> event = client.Next(Client::Clock::now());
+    while (event && event->kind != Event::Kind::kPassFailed)
+    {
+        event = client.Next(Client::Clock::now());
+    }
+    ASSERT_TRUE(event);
+    EXPECT_EQ(3u, event->failures);
+    EXPECT_EQ("192.0.2.1", event->server.address);
+    EXPECT_EQ(unsigned{TRAVEX_FTP_ERR_LOGIN}, event->transfer.code);
+    EXPECT_TRUE(event->serverFailed);
+    client.CheckNow();
+    (void)Said();
+    Deliver("192.0.2.1", "V0001", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001",
+                                    "delivered 192.0.2.1 V0001", "recovered 3"));
 }
 
 TEST_F(ClientTest, AsksASingleServerTwice)
@@ -818,6 +854,66 @@ TEST_F(ClientTest, ServiceThatCannotBeStartedIsAnErrorAtTheStartOnly)
                                     "all failed", "retry 60"));
     EXPECT_EQ(1u, StateOfFile().failures);
     EXPECT_EQ("the service could not be started (code 1)", StateOfFile().reason);
+}
+
+// The request under way goes on.
+TEST_F(ClientTest, SettingsThatEveryServerWouldRefuseAreFoundWithoutARequest)
+{
+    Start();
+    (void)Said();
+    Settings others = settings;
+    others.trust = "ca=/gone.pem";
+    Layers().refuseWith = TRAVEX_FTP_ERR_TRUST;
+    try
+    {
+        client.Check(others);
+        ADD_FAILURE() << "no exception";
+    }
+    catch (const SettingsError& error)
+    {
+        EXPECT_STREQ("no such file", error.what());
+        EXPECT_EQ(unsigned{TRAVEX_FTP_ERR_TRUST}, error.Code());
+    }
+    EXPECT_EQ("ca=/gone.pem", Layers().trust);
+    Layers().refuseWith = 0;
+    client.Check(others);
+    others.versionFolder = others.directoryFolder = "/nonexistent/";
+    EXPECT_THROW(client.Start(others), std::system_error);
+    EXPECT_TRUE(service.running);
+    Deliver("192.0.2.1", "V0001", "a");
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1", "new 192.0.2.1 V0001",
+                                    "delivered 192.0.2.1 V0001"));
+    EXPECT_THAT(service.requests, testing::SizeIs(1));
+}
+
+// In a pause the service does not run.
+TEST_F(ClientTest, ACheckOfSettingsStartsTheServiceInAPause)
+{
+    settings.servers.resize(1);
+    Start();
+    (void)Said();
+    Fail("192.0.2.1", kVersionFile);
+    Fail("192.0.2.1", kVersionFile);
+    (void)Said();
+    ASSERT_FALSE(service.running);
+    service.initResult = 1;
+    EXPECT_THROW(client.Check(settings), StartError);
+    service.initResult = 0;
+    client.Check(settings);
+    EXPECT_TRUE(service.running);
+    client.CheckNow();
+    (void)Said();
+    EXPECT_THAT(service.requests, testing::SizeIs(2));
+}
+
+TEST_F(ClientTest, AStartMayFailButLaterRefusalsAreTriedAgain)
+{
+    service.initResult = ENOENT;
+    EXPECT_THROW(client.Start(settings, Client::FirstFailure::kStartFinal), StartError);
+    service.initResult = 0;
+    service.refuseWith = TRAVEX_FTP_ERR_TRUST;
+    client.Start(settings, Client::FirstFailure::kStartFinal);
+    EXPECT_THAT(Said(), ElementsAre(testing::StartsWith("failed"), "all failed", "retry 60"));
 }
 
 // For settings that have worked before.

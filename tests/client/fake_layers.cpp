@@ -77,6 +77,27 @@ unsigned int TRAVEX_FTP_SetServerName(unsigned int ipType, const unsigned char* 
     return Layers().nameResult;
 }
 
+TRAVEX_FTP_HANDLE TRAVEX_FTP_CreateHandle()
+{
+    return reinterpret_cast<TRAVEX_FTP_HANDLE>(&Layers());
+}
+
+unsigned int TRAVEX_FTP_CloseHandle(TRAVEX_FTP_HANDLE)
+{
+    return 0;
+}
+
+unsigned int TRAVEX_FTP_SetCtrlParam(TRAVEX_FTP_HANDLE, const tagTRAVEX_FTP_S_CTRL_PARAM* param)
+{
+    Layers().trust = param->pcFtpCtrlInfo;
+    if (Layers().refuseWith != 0)
+    {
+        Layers().Observe(TRAVEX_FTP_OBSERVED_REFUSED, 0, "", "", Layers().refuseWith,
+                         "no such file");
+    }
+    return Layers().refuseWith;
+}
+
 int OSAK_GetAddrInfo(const char* node, const char* service, const struct addrinfo* hints,
                      struct addrinfo** result)
 {

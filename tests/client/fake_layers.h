@@ -18,7 +18,9 @@ struct FakeLayers
     unsigned int nameResult = 0;     // of every name
     tagTRAVEX_FTP_S_LIMITS limits = {};
     unsigned int limitsResult = 0;
-    int expiries = 0;  // of all timers
+    int expiries = 0;             // of all timers
+    std::string trust;            // of the parameters that were set last
+    unsigned int refuseWith = 0;  // the code for parameters
 
     // The FTP layer's report on a task.
     void Observe(unsigned int kind, unsigned int task, const std::string& server, const char* file,

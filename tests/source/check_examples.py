@@ -8,7 +8,9 @@ import pathlib
 import sys
 
 EXAMPLES = [("docs/library.md", "cpp", "examples/fetch_directory.cpp"),
-            ("docs/bindings.md", "c", "examples/fetch_directory.c"),
+            ("docs/bindings.md", "c", "examples/keep_current.c"),
+            ("docs/bindings.md", "cpp", "examples/keep_current.cpp"),
+            ("docs/bindings.md", "python", "examples/keep_current.py"),
             ("docs/bindings.md", "python", "examples/fetch_directory.py")]
 
 root = pathlib.Path(sys.argv[1])

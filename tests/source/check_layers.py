@@ -17,7 +17,8 @@ TEXT = {"base/printable.h"}
 BASE = {"base/" + name + ".h" for name in (
     "changes", "descriptor", "gate", "handle", "linked_queue", "mutex", "never_destroyed", "process_end",
     "resolved_names", "thread")} | TEXT
-SHARED = {"client.h", "event.h", "secret.h", "server_names.h", "service_link.h", "settings.h", "state.h", "suites.h",
+SHARED = {"client.h", "event.h", "sealed_password.h", "secret.h", "server_names.h", "service_link.h", "settings.h",
+          "settings_check.h", "staging.h", "state.h", "suites.h",
           "transfer_event.h", "version_file.h"}
 SERVICE = "service/im/imcorpdirectory/ftpcorpdirectory"
 
@@ -31,9 +32,9 @@ ALLOWED = {
     "platform/travex_ftp": {"travex_ftp.h", "corpdir_log.h"} | BASE,
     SERVICE + "/include": {"corpdir_loginfo.h"},
     SERVICE + "/src": PLATFORM_HEADERS | {"ftpcorpdir.h"},
-    "client": CLIENT_HEADERS | {"corpdir_log.h", "osak.h", "osak/timers.h", "travex_ftp.h", "zep/digest.h"} | BASE,
+    "client": CLIENT_HEADERS | {"corpdir_log.h", "osak.h", "osak/timers.h", "travex_ftp.h", "zep.h", "zep/digest.h"} | BASE,
     "tools/corpdir": CLIENT_HEADERS | {"corpdir_log.h", "travex_ftp.h", "osak/timers.h", "base/descriptor.h"} | SHARED | TEXT,
-    "bindings/c": {"ftpcorpdir.h", "travex_ftp.h"} | SHARED | BASE,
+    "bindings/c": {"ftpcorpdir.h", "corpdir_loginfo.h", "travex_ftp.h"} | SHARED | BASE,
     "examples": {"ftpcorpdir.h", "corpdir_c.h"},
 }
 

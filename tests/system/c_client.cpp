@@ -19,7 +19,7 @@ void PrintTo(const Event& event, std::ostream* stream)
 void RecordedEvents::OnEvent(void* user, const corpdir_event* event)
 {
     EXPECT_EQ(event->size, sizeof *event);
-    EXPECT_TRUE(event->kind >= CORPDIR_EVENT_PROGRESS && event->kind <= CORPDIR_EVENT_LOST)
+    EXPECT_TRUE(event->kind >= CORPDIR_EVENT_PROGRESS && event->kind <= CORPDIR_EVENT_START_FAILED)
         << event->kind;
     auto& events = *static_cast<RecordedEvents*>(user);
     const Event copy = {static_cast<corpdir_event_kind>(event->kind),
@@ -28,7 +28,15 @@ void RecordedEvents::OnEvent(void* user, const corpdir_event* event)
                         event->file,
                         event->reason,
                         event->bytes,
-                        event->total};
+                        event->total,
+                        event->name,
+                        event->version,
+                        event->path,
+                        event->time,
+                        event->step,
+                        event->reply,
+                        event->failures,
+                        event->seconds};
     std::function<void(const Event&)> action;
     {
         const std::lock_guard<std::mutex> lock(events.m_mutex);

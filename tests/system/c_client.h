@@ -24,6 +24,14 @@ struct Event
     std::string reason;
     std::uint64_t bytes;
     std::uint64_t total;
+    std::string name;
+    std::string version;
+    std::string path;
+    std::int64_t time;
+    std::uint32_t step;
+    std::uint32_t reply;
+    std::uint32_t failures;
+    std::uint32_t seconds;
 };
 
 // How GoogleTest shows one.

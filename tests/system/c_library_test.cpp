@@ -1,12 +1,17 @@
 // The C library, linked as its users link it, against real FTPS servers.
 #include <netdb.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <set>
 #include <thread>
 
@@ -14,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "c_client.h"
+#include "lifecycle_counts.h"
 
 namespace integration
 {
@@ -135,6 +141,7 @@ protected:
     // Fetches the directory and closes the client.
     void ExpectFetch()
     {
+        std::filesystem::remove(m_output.File("directory.csv"));
         RecordedEvents events;
         StartUntil(CORPDIR_EVENT_DELIVERED, events);
         corpdir_close(m_client);
@@ -175,13 +182,27 @@ protected:
     }
 };
 
+// Without progress.
+std::vector<corpdir_event_kind> KindsIn(const RecordedEvents& events)
+{
+    std::vector<corpdir_event_kind> kinds;
+    for (const Event& event : events.All())
+    {
+        if (event.kind != CORPDIR_EVENT_PROGRESS)
+        {
+            kinds.push_back(event.kind);
+        }
+    }
+    return kinds;
+}
+
 TEST(CLibraryTexts, NameTheVersionAndEveryCode)
 {
     EXPECT_STREQ(corpdir_version(), CORPDIR_TEST_VERSION);
     std::set<std::string> texts;
     std::size_t codes = 0;
-    for (const auto& range : {std::make_pair(0u, 7u), std::make_pair(16u, 26u),
-                              std::make_pair(32u, 35u), std::make_pair(48u, 63u)})
+    for (const auto& range : {std::make_pair(0u, 9u), std::make_pair(16u, 28u),
+                              std::make_pair(32u, 35u), std::make_pair(48u, 65u)})
     {
         for (std::uint32_t code = range.first; code <= range.second; ++code, ++codes)
         {
@@ -190,8 +211,17 @@ TEST(CLibraryTexts, NameTheVersionAndEveryCode)
     }
     EXPECT_THAT(texts, SizeIs(codes));
     EXPECT_THAT(texts, Not(Contains("unknown code")));
-    EXPECT_STREQ(corpdir_error_text(8), "unknown code");
+    EXPECT_STREQ(corpdir_error_text(10), "unknown code");
     EXPECT_STREQ(corpdir_error_text(UINT32_MAX), "unknown code");
+}
+
+TEST(CLibraryTexts, NameEveryKindOfEvent)
+{
+    EXPECT_STREQ(corpdir_event_name(CORPDIR_EVENT_PROGRESS), "progress");
+    EXPECT_STREQ(corpdir_event_name(CORPDIR_EVENT_NEW_VERSION), "new_version");
+    EXPECT_STREQ(corpdir_event_name(CORPDIR_EVENT_START_FAILED), "start_failed");
+    EXPECT_STREQ(corpdir_event_name(CORPDIR_EVENT_START_FAILED + 1), "unknown");
+    EXPECT_STREQ(corpdir_event_name(0), "unknown");
 }
 
 TEST(CLibraryOpen, RefusesUnusableSettings)
@@ -230,6 +260,50 @@ TEST_F(CLibrary, OpensAgainAfterAClose)
         Open();
         EXPECT_NE(m_client, first);
     }
+}
+
+std::size_t EntriesOf(const char* folder)
+{
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
+                                                  std::filesystem::directory_iterator()));
+}
+
+// Bytes of the process in memory.
+std::size_t ResidentBytes()
+{
+    std::ifstream file("/proc/self/statm");
+    std::size_t pages = 0;
+    file >> pages >> pages;
+    return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+// Descriptors, threads and memory. CORPDIR_OPENS: how often.
+TEST_F(CLibrary, ManyOpensLeaveNothing)
+{
+    const std::size_t opens = Count("CORPDIR_OPENS", 500, 50);
+    const auto cycle = [this]
+    {
+        corpdir_close(m_client);
+        m_client = nullptr;
+        ASSERT_EQ(corpdir_open(nullptr, &m_client), CORPDIR_OK);
+    };
+    for (int i = 0; i < 50; ++i)
+    {
+        ASSERT_NO_FATAL_FAILURE(cycle());
+    }
+    const std::size_t descriptors = EntriesOf("/proc/self/fd");
+    const std::size_t threads = EntriesOf("/proc/self/task");
+    const std::size_t bytes = ResidentBytes();
+    for (std::size_t i = 0; i < opens; ++i)
+    {
+        ASSERT_NO_FATAL_FAILURE(cycle());
+    }
+    EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
+    EXPECT_TRUE(WaitUntil([&] { return EntriesOf("/proc/self/task") == threads; }));
+    RecordProperty("bytes_grown", static_cast<int>(ResidentBytes() - bytes));
+#ifndef CORPDIR_TESTS_UNDER_SANITIZERS
+    EXPECT_LT(ResidentBytes(), bytes + 200 * opens + 1000000);
+#endif
 }
 
 TEST_F(CLibrary, ASecondOneIsRefusedWhileTheFirstIsOpen)
@@ -275,6 +349,7 @@ struct BadMember
     const char* name;
     corpdir_code code;
     std::function<void(corpdir_request&)> change;
+    const char* reason = nullptr;  // null: that of the code
 };
 
 void PrintTo(const BadMember& member, std::ostream* stream)
@@ -286,20 +361,29 @@ const std::string kDots256(256, '.');
 const std::string kDots255(255, '.');
 const std::string kDots128(128, '.');
 const std::string kDots127(127, '.');
-const std::string kServers = "127.0.0.1;" + std::string(256, 'a');
+const std::string kName242(242, 'n');
 
 const BadMember kBadMembers[] = {
     {"SizeZero", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.size = 0; }},
-    {"SizeOfAnOlderOne", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.size -= 1; }},
+    {"SizeOfAnOlderOne", CORPDIR_ERR_ARGUMENT,
+     [](corpdir_request& r) { r.size = offsetof(corpdir_request, certificate_names) - 1; }},
     {"SizeNotSet", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.size = 1u << 30; }},
     {"Reserved", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.reserved = 1; }},
     {"ServersMissing", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = nullptr; }},
     {"ServersEmpty", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = ""; }},
     {"ServersWithAGap", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a;;b"; }},
     {"ServersWithATail", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a;"; }},
-    {"ServersWithABlank", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a; b"; }},
-    {"ServerTooLong", CORPDIR_ERR_SERVERS,
-     [](corpdir_request& r) { r.servers = kServers.c_str(); }},
+    {"ServersWithABlankEntry", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a; "; }},
+    {"ServersWithAControlByte", CORPDIR_ERR_SERVERS,
+     [](corpdir_request& r) { r.servers = "a\nb"; }},
+    {"ServerNeitherNameNorAddress", CORPDIR_ERR_SERVERS,
+     [](corpdir_request& r) { r.servers = "127.0.0.1;10.1"; },
+     "servers: '10.1' is neither an address nor a host name"},
+    {"ServerWithAPort", CORPDIR_ERR_SERVERS,
+     [](corpdir_request& r) { r.servers = "dir.example:21"; },
+     "servers: 'dir.example:21' is neither an address nor a host name"},
+    {"ServerUnspecified", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "[::]"; },
+     "servers: :: is the unspecified address, not a server"},
     {"UserMissing", CORPDIR_ERR_USER, [](corpdir_request& r) { r.user = nullptr; }},
     {"UserEmpty", CORPDIR_ERR_USER, [](corpdir_request& r) { r.user = ""; }},
     {"UserTooLong", CORPDIR_ERR_USER, [](corpdir_request& r) { r.user = kDots128.c_str(); }},
@@ -330,7 +414,11 @@ const BadMember kBadMembers[] = {
     {"DirectoryNameEmpty", CORPDIR_ERR_DIRECTORY_NAME,
      [](corpdir_request& r) { r.directory_name = ""; }},
     {"DirectoryNameTooLong", CORPDIR_ERR_DIRECTORY_NAME,
-     [](corpdir_request& r) { r.directory_name = kDots256.c_str(); }},
+     [](corpdir_request& r) { r.directory_name = kName242.c_str(); }},
+    {"DirectoryNameReserved", CORPDIR_ERR_DIRECTORY_NAME,
+     [](corpdir_request& r) { r.directory_name = ".travex_ftp-0123456789abcdef.part"; }},
+    {"DirectoryNameOfTheClient", CORPDIR_ERR_DIRECTORY_NAME,
+     [](corpdir_request& r) { r.directory_name = ".corpdir-0123456789abcdef.new"; }},
     {"DirectoryNameElsewhere", CORPDIR_ERR_DIRECTORY_NAME,
      [](corpdir_request& r) { r.directory_name = "../x"; }},
     {"DirectoryNameTheParent", CORPDIR_ERR_DIRECTORY_NAME,
@@ -344,14 +432,27 @@ const BadMember kBadMembers[] = {
      [](corpdir_request& r) { r.version_name = kDots256.c_str(); }},
     {"BothInOnePlace", CORPDIR_ERR_VERSION_NAME,
      [](corpdir_request& r) { r.version_name = "directory.csv"; }},
+    {"VersionNameOfTheState", CORPDIR_ERR_VERSION_NAME,
+     [](corpdir_request& r) { r.version_name = ".directory.csv.corpdir.json"; }},
     {"LocalAddressAName", CORPDIR_ERR_LOCAL_ADDRESS,
      [](corpdir_request& r) { r.local_address = "localhost"; }},
+    {"LocalAddressOfAnotherFamily", CORPDIR_ERR_LOCAL_ADDRESS,
+     [](corpdir_request& r) { r.local_address = "::1"; },
+     "local_address: not of the family of the server 127.0.0.1"},
     {"TrustEmpty", CORPDIR_ERR_TRUST, [](corpdir_request& r) { r.trust = ""; }},
     {"TrustTooLong", CORPDIR_ERR_TRUST, [](corpdir_request& r) { r.trust = kDots256.c_str(); }},
     {"PortTooLarge", CORPDIR_ERR_PORT, [](corpdir_request& r) { r.port = 65536; }},
     {"ModeUnknown", CORPDIR_ERR_MODE, [](corpdir_request& r) { r.mode = 2; }},
     {"VerificationUnknown", CORPDIR_ERR_VERIFICATION,
      [](corpdir_request& r) { r.without_verification = 2; }},
+    {"CertificateNameAnAddress", CORPDIR_ERR_NAMES,
+     [](corpdir_request& r) { r.certificate_names = "a.test;127.0.0.1"; },
+     "certificate_names: '127.0.0.1' is not a host name"},
+    {"ConnectSecondsTooMany", CORPDIR_ERR_TIMES,
+     [](corpdir_request& r) { r.connect_seconds = 3601; }},
+    {"RetrySecondsTooMany", CORPDIR_ERR_TIMES, [](corpdir_request& r) { r.retry_seconds = 86401; }},
+    {"DirectoryMissing", CORPDIR_ERR_LOCAL_FILE, [](corpdir_request&) {},
+     "cannot create a file in '/nonexistent/': No such file or directory"},
 };
 
 corpdir_request PlainRequest()
@@ -376,7 +477,8 @@ TEST_P(CLibraryMember, IsRefusedWithItsCode)
     corpdir_request request = PlainRequest();
     GetParam().change(request);
     EXPECT_EQ(corpdir_start(m_client, &request), GetParam().code);
-    EXPECT_EQ(StartReason(), corpdir_error_text(GetParam().code));
+    const char* const reason = GetParam().reason;
+    EXPECT_EQ(StartReason(), reason != nullptr ? reason : corpdir_error_text(GetParam().code));
 }
 
 INSTANTIATE_TEST_SUITE_P(Request, CLibraryMember, ::testing::ValuesIn(kBadMembers),
@@ -386,22 +488,34 @@ INSTANTIATE_TEST_SUITE_P(Request, CLibraryMember, ::testing::ValuesIn(kBadMember
 TEST_F(CLibrary, TextsAtTheirLimitsAreTaken)
 {
     RecordedEvents events;
-    const std::string port_servers = "127.0.0.1;" + std::string(255, 'a');
-    const std::string directory = "/" + std::string(125, 'd');
+    const std::string label(62, 'a');
+    const std::string servers =
+        " [::1] ;" + label + "." + label + "." + label + "." + label + ".a;127.0.0.1";
+    const std::string parent = m_output.Path() + "/";
+    const std::string directory = parent + std::string(126 - parent.size(), 'd');
+    const std::string name(241, 'n');
     const std::string ca = "ca=system;name=" + std::string(240, 'n');
+    ASSERT_EQ(directory.size(), 126u);
+    std::filesystem::create_directory(directory);
     corpdir_request request = PlainRequest();
-    request.servers = port_servers.c_str();
+    request.servers = servers.c_str();
     request.port = static_cast<std::uint32_t>(support::FreePort("127.0.0.1"));
     request.user = kDots127.c_str();
     request.password = kDots127.c_str();
     request.directory_dir = directory.c_str();
-    request.directory_name = kDots255.c_str();
+    request.directory_name = name.c_str();
+    request.version_name = kDots255.c_str();
     request.trust = ca.c_str();
-    request.local_address = "127.0.0.1";
+    request.certificate_names = "a.test;b.test";
+    request.max_file_bytes = UINT64_MAX;
+    request.connect_seconds = 3600;
+    request.retry_seconds = 86400;
     request.on_event = &RecordedEvents::OnEvent;
     request.user_data = &events;
     EXPECT_EQ(corpdir_start(m_client, &request), CORPDIR_OK) << StartReason();
-    EXPECT_TRUE(events.WaitFor(CORPDIR_EVENT_FAILED));
+    EXPECT_TRUE(events.WaitFor(CORPDIR_EVENT_NO_SERVER_LEFT));
+    EXPECT_THAT(events.OfKind(CORPDIR_EVENT_FAILED), SizeIs(2));
+    EXPECT_THAT(events.OfKind(CORPDIR_EVENT_NAME_FAILED), SizeIs(1));
     corpdir_close(m_client);
 }
 
@@ -413,18 +527,24 @@ TEST_F(CLibraryFetch, DeliversTheFileAndReportsIt)
     corpdir_close(m_client);
     EXPECT_EQ(ReadFile(m_output.File("directory.csv")), m_bytes);
     EXPECT_EQ(ReadFile(m_output.File("version.txt")), "edition 17\n");
-    const auto transferred = m_events.OfKind(CORPDIR_EVENT_TRANSFERRED);
-    ASSERT_THAT(transferred, SizeIs(2));
-    EXPECT_EQ(transferred[0].file, "version.txt");
-    EXPECT_EQ(transferred[1].file, "directory.csv");
+    EXPECT_THAT(KindsIn(m_events), ElementsAre(CORPDIR_EVENT_CHECKING, CORPDIR_EVENT_NEW_VERSION,
+                                               CORPDIR_EVENT_DELIVERED));
+    for (const Event& event : m_events.All())
+    {
+        EXPECT_EQ(event.code, CORPDIR_OK);
+        EXPECT_EQ(event.server, Endpoint());
+        EXPECT_EQ(event.name, "");
+        EXPECT_EQ(event.reason, "");
+        EXPECT_NEAR(static_cast<double>(event.time), static_cast<double>(std::time(nullptr)), 60);
+    }
+    const Event version = m_events.OfKind(CORPDIR_EVENT_NEW_VERSION).front();
+    EXPECT_EQ(version.file, "version.txt");
+    EXPECT_EQ(version.version, "edition 17");
     const Event last = m_events.All().back();
-    EXPECT_EQ(last.kind, CORPDIR_EVENT_DELIVERED);
-    EXPECT_EQ(last.code, CORPDIR_OK);
-    EXPECT_EQ(last.server, Endpoint());
     EXPECT_EQ(last.file, "directory.csv");
+    EXPECT_EQ(last.version, "edition 17");
+    EXPECT_EQ(last.path, m_output.File("directory.csv"));
     EXPECT_EQ(last.bytes, m_bytes.size());
-    EXPECT_EQ(last.reason, "");
-    EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_FAILED), IsEmpty());
 }
 
 TEST_F(CLibraryFetch, PutsTheFilesWhereTheRequestSays)
@@ -439,17 +559,279 @@ TEST_F(CLibraryFetch, PutsTheFilesWhereTheRequestSays)
                                            request.record.directory_name = "people.csv";
                                        }));
     corpdir_close(m_client);
-    EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre("people.csv"));
+    EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre(".people.csv.corpdir.json", "people.csv"));
     EXPECT_THAT(FilesIn(versions.Path()), ElementsAre("edition"));
 }
 
-TEST_F(CLibraryFetch, WithoutACallbackItFetchesAllTheSame)
+// --- Checks ---
+
+TEST_F(CLibraryFetch, ACheckThatIsAskedForFindsANewVersion)
 {
-    ASSERT_EQ(Start(m_events, [](CRequest& request) { request.record.on_event = nullptr; }),
-              CORPDIR_OK);
-    EXPECT_TRUE(WaitUntil([this] { return FilesIn(m_output.Path()).size() == 2; }));
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_DELIVERED, m_events));
+    ASSERT_EQ(corpdir_check_now(m_client), CORPDIR_OK);
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_UNCHANGED));
+    m_server->AddFile("directory.csv", "newer");
+    m_server->AddFile("version.txt", "edition 18\n");
+    ASSERT_EQ(corpdir_check_now(m_client), CORPDIR_OK);
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED, 2));
+    EXPECT_EQ(ReadFile(m_output.File("directory.csv")), "newer");
     corpdir_close(m_client);
+    EXPECT_THAT(KindsIn(m_events), ElementsAre(CORPDIR_EVENT_CHECKING, CORPDIR_EVENT_NEW_VERSION,
+                                               CORPDIR_EVENT_DELIVERED, CORPDIR_EVENT_CHECKING,
+                                               CORPDIR_EVENT_UNCHANGED, CORPDIR_EVENT_CHECKING,
+                                               CORPDIR_EVENT_NEW_VERSION, CORPDIR_EVENT_DELIVERED));
+    const Event unchanged = m_events.OfKind(CORPDIR_EVENT_UNCHANGED).front();
+    EXPECT_EQ(unchanged.version, "edition 17");
+    EXPECT_EQ(unchanged.path, m_output.File("directory.csv"));
+    EXPECT_EQ(unchanged.bytes, m_bytes.size());
+}
+
+TEST_F(CLibraryFetch, AnOutageEndsWithARecovery)
+{
+    std::filesystem::remove(m_server->Root() + "/version.txt");
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_WAITING, m_events,
+                                       [](CRequest& request)
+                                       { request.record.retry_seconds = 1; }));
+    m_server->AddFile("version.txt", "edition 17\n");
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_RECOVERED));
+    corpdir_close(m_client);
+    const Event failed = m_events.OfKind(CORPDIR_EVENT_FAILED).front();
+    EXPECT_EQ(failed.code, CORPDIR_ERR_FILE);
+    EXPECT_EQ(failed.reply, 550u);
+    EXPECT_EQ(failed.step, static_cast<unsigned int>(CORPDIR_STEP_RETRIEVE));
+    EXPECT_EQ(failed.file, "version.txt");
+    const Event left = m_events.OfKind(CORPDIR_EVENT_NO_SERVER_LEFT).front();
+    EXPECT_EQ(left.code, CORPDIR_ERR_FILE);
+    EXPECT_EQ(left.server, Endpoint());
+    EXPECT_EQ(left.reason, failed.reason);
+    EXPECT_EQ(m_events.OfKind(CORPDIR_EVENT_RECOVERED).front().failures,
+              m_events.OfKind(CORPDIR_EVENT_NO_SERVER_LEFT).size());
+}
+
+TEST_F(CLibraryFetch, AnInvalidVersionIsReportedWithItsText)
+{
+    m_server->AddFile("version.txt", "17\n");
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_WAITING, m_events));
+    EXPECT_THAT(KindsIn(m_events),
+                ElementsAre(CORPDIR_EVENT_CHECKING, CORPDIR_EVENT_INVALID_VERSION,
+                            CORPDIR_EVENT_NO_SERVER_LEFT, CORPDIR_EVENT_WAITING));
+    const Event invalid = m_events.All()[1];
+    EXPECT_EQ(invalid.code, CORPDIR_ERR_VERSION);
+    EXPECT_EQ(invalid.version, "17");
+    EXPECT_EQ(invalid.server, Endpoint());
+    EXPECT_NE(invalid.reason, "");
+    EXPECT_EQ(m_events.All()[2].code, CORPDIR_ERR_VERSION);
+}
+
+TEST_F(CLibraryFetch, TheNextServerIsAnnounced)
+{
+    const std::string servers = "127.0.0.2;" + m_server->Host();
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_DELIVERED, m_events,
+                                       [&](CRequest& request)
+                                       { request.record.servers = servers.c_str(); }));
+    EXPECT_THAT(KindsIn(m_events), ElementsAre(CORPDIR_EVENT_CHECKING, CORPDIR_EVENT_FAILED,
+                                               CORPDIR_EVENT_NEXT_SERVER, CORPDIR_EVENT_CHECKING,
+                                               CORPDIR_EVENT_NEW_VERSION, CORPDIR_EVENT_DELIVERED));
+    EXPECT_EQ(m_events.All()[1].step, static_cast<unsigned int>(CORPDIR_STEP_CONNECT));
+}
+
+TEST_F(CLibrary, WithoutARequestThereIsNothingToCheckOrToStop)
+{
+    EXPECT_EQ(corpdir_check_now(m_client), CORPDIR_ERR_NOT_STARTED);
+    EXPECT_EQ(corpdir_stop(m_client), CORPDIR_ERR_NOT_STARTED);
+}
+
+TEST_F(CLibraryTransfer, AStopCancelsAndTheClientStaysOpen)
+{
+    StartTransfer();
+    EXPECT_EQ(corpdir_stop(m_client), CORPDIR_OK);
+    const std::size_t count = m_events.All().size();
+    EXPECT_EQ(corpdir_check_now(m_client), CORPDIR_ERR_NOT_STARTED);
+    EXPECT_THAT(FilesIn(m_output.Path()), Not(Contains("directory.csv")));
+    RecordedEvents second;
+    ASSERT_EQ(Start(second), CORPDIR_OK);
+    EXPECT_TRUE(WaitUntil([&] { return UnderWay(second); }));
+    EXPECT_THAT(m_events.All(), SizeIs(count));
+}
+
+// --- The state ---
+
+TEST(CLibraryStatus, ChecksItsArguments)
+{
+    corpdir_state state = {};
+    EXPECT_EQ(corpdir_status("directory.csv", &state), CORPDIR_ERR_ARGUMENT);
+    state.size = sizeof state;
+    EXPECT_EQ(corpdir_status(nullptr, &state), CORPDIR_ERR_ARGUMENT);
+    EXPECT_EQ(corpdir_status("directory.csv", nullptr), CORPDIR_ERR_ARGUMENT);
+}
+
+TEST(CLibraryStatus, ReportsWhatCannotBeRead)
+{
+    const TemporaryDirectory directory;
+    corpdir_state state = {};
+    state.size = sizeof state;
+    EXPECT_EQ(corpdir_status(directory.File("directory.csv").c_str(), &state),
+              CORPDIR_ERR_NO_STATE);
+    WriteFile(directory.File(".directory.csv.corpdir.json"), "no state");
+    EXPECT_EQ(corpdir_status(directory.File("directory.csv").c_str(), &state),
+              CORPDIR_ERR_LOCAL_FILE);
+    EXPECT_STRNE(state.reason, "");
+}
+
+TEST_F(CLibraryFetch, TheStateTellsWhatIsKnown)
+{
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_DELIVERED, m_events));
+    std::filesystem::remove(m_server->Root() + "/version.txt");
+    ASSERT_EQ(corpdir_check_now(m_client), CORPDIR_OK);
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_NO_SERVER_LEFT));
+    corpdir_close(m_client);
+    corpdir_state state = {};
+    state.size = sizeof state;
+    ASSERT_EQ(corpdir_status(m_output.File("directory.csv").c_str(), &state), CORPDIR_OK);
+    EXPECT_STREQ(state.version, "edition 17");
+    EXPECT_EQ(state.bytes, m_bytes.size());
+    EXPECT_STREQ(state.server, m_server->Host().c_str());
+    EXPECT_EQ(std::string(state.sha256).size(), 64u);
+    EXPECT_NEAR(static_cast<double>(state.fetched), static_cast<double>(std::time(nullptr)), 60);
+    EXPECT_EQ(state.confirmed, state.fetched);
+    EXPECT_GE(state.checked, state.fetched);
+    EXPECT_EQ(state.failed, 1u);
+    EXPECT_EQ(state.failures, 1u);
+    EXPECT_EQ(state.in_place, 1u);
+    EXPECT_STRNE(state.reason, "");
+    WriteFile(m_output.File("directory.csv"), "shorter");
+    ASSERT_EQ(corpdir_status(m_output.File("directory.csv").c_str(), &state), CORPDIR_OK);
+    EXPECT_EQ(state.in_place, 0u);
+}
+
+// --- Events that wait ---
+
+class CLibraryEventLoop : public CLibraryFetch
+{
+protected:
+    // Starts a request without a callback.
+    void StartWaiting()
+    {
+        ASSERT_EQ(Start(m_events, [](CRequest& request) { request.record.on_event = nullptr; }),
+                  CORPDIR_OK)
+            << StartReason();
+    }
+
+    bool IsReadable(int milliseconds)
+    {
+        pollfd descriptor = {corpdir_event_fd(m_client), POLLIN, 0};
+        return poll(&descriptor, 1, milliseconds) == 1 && descriptor.revents == POLLIN;
+    }
+
+    // The kinds of the events up to this one, without progress.
+    std::vector<corpdir_event_kind> TakeUntil(corpdir_event_kind last)
+    {
+        std::vector<corpdir_event_kind> kinds;
+        while ((kinds.empty() || kinds.back() != last) && IsReadable(30000))
+        {
+            corpdir_event event = {};
+            event.size = sizeof event;
+            EXPECT_EQ(corpdir_next_event(m_client, &event), CORPDIR_OK);
+            if (event.kind != CORPDIR_EVENT_PROGRESS)
+            {
+                kinds.push_back(static_cast<corpdir_event_kind>(event.kind));
+            }
+        }
+        return kinds;
+    }
+};
+
+TEST_F(CLibraryEventLoop, EventsWaitUntilTheyAreTaken)
+{
+    EXPECT_FALSE(IsReadable(0));
+    StartWaiting();
+    EXPECT_THAT(
+        TakeUntil(CORPDIR_EVENT_DELIVERED),
+        ElementsAre(CORPDIR_EVENT_CHECKING, CORPDIR_EVENT_NEW_VERSION, CORPDIR_EVENT_DELIVERED));
+    EXPECT_FALSE(IsReadable(0));
+    corpdir_event event = {};
+    EXPECT_EQ(corpdir_next_event(m_client, &event), CORPDIR_ERR_ARGUMENT);
+    event.size = sizeof event;
+    EXPECT_EQ(corpdir_next_event(m_client, &event), CORPDIR_ERR_NO_EVENT);
+    ASSERT_EQ(corpdir_check_now(m_client), CORPDIR_OK);
+    EXPECT_THAT(TakeUntil(CORPDIR_EVENT_UNCHANGED),
+                ElementsAre(CORPDIR_EVENT_CHECKING, CORPDIR_EVENT_UNCHANGED));
     EXPECT_THAT(m_events.All(), IsEmpty());
+    corpdir_close(m_client);
+    EXPECT_EQ(corpdir_event_fd(m_client), -1);
+    EXPECT_EQ(corpdir_next_event(m_client, &event), CORPDIR_ERR_CLIENT);
+}
+
+TEST_F(CLibraryEventLoop, AnotherRequestDropsTheEventsOfTheEarlierOne)
+{
+    StartWaiting();
+    ASSERT_TRUE(IsReadable(30000));
+    ASSERT_TRUE(
+        WaitUntil([this] { return std::filesystem::exists(m_output.File("version.txt")); }));
+    StartWaiting();
+    EXPECT_THAT(TakeUntil(CORPDIR_EVENT_UNCHANGED),
+                ElementsAre(CORPDIR_EVENT_CHECKING, CORPDIR_EVENT_UNCHANGED));
+    ASSERT_EQ(corpdir_check_now(m_client), CORPDIR_OK);
+    ASSERT_TRUE(IsReadable(30000));
+    ASSERT_EQ(corpdir_stop(m_client), CORPDIR_OK);
+    EXPECT_FALSE(IsReadable(0));
+}
+
+TEST_F(CLibraryEventLoop, ALoopThatTakesNoEventsLosesTheOldest)
+{
+    StartWaiting();
+    const auto requests = [this] { return m_server->CountCommands("RETR version.txt"); };
+    for (std::size_t checks = 1; checks < 520; ++checks)
+    {
+        ASSERT_TRUE(WaitUntil([&] { return requests() >= checks; }));
+        ASSERT_EQ(corpdir_check_now(m_client), CORPDIR_OK);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return requests() >= 520; }));
+    corpdir_event event = {};
+    event.size = sizeof event;
+    ASSERT_EQ(corpdir_next_event(m_client, &event), CORPDIR_OK);
+    EXPECT_EQ(event.kind, static_cast<unsigned int>(CORPDIR_EVENT_LOST));
+    std::size_t count = 0;
+    while (corpdir_next_event(m_client, &event) == CORPDIR_OK)
+    {
+        EXPECT_NE(event.kind, static_cast<unsigned int>(CORPDIR_EVENT_LOST));
+        ++count;
+    }
+    EXPECT_THAT(count, ::testing::AllOf(::testing::Ge(1000u), ::testing::Le(1004u)));
+}
+
+// --- Records of other headers ---
+
+// The events of version 1.0: a directory file is delivered at each start.
+TEST_F(CLibraryFetch, AProgramOfTheFirstVersionGetsItsEvents)
+{
+    const auto first = [](CRequest& request)
+    {
+        request.record.size = offsetof(corpdir_request, certificate_names);
+        request.record.certificate_names = "not read";
+    };
+    RecordedEvents second;
+    for (RecordedEvents* events : {&m_events, &second})
+    {
+        ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_DELIVERED, *events, first));
+        EXPECT_THAT(KindsIn(*events),
+                    ElementsAre(CORPDIR_EVENT_TRANSFERRED, CORPDIR_EVENT_TRANSFERRED,
+                                CORPDIR_EVENT_DELIVERED));
+        EXPECT_EQ(events->OfKind(CORPDIR_EVENT_TRANSFERRED)[0].file, "version.txt");
+        EXPECT_EQ(events->OfKind(CORPDIR_EVENT_TRANSFERRED)[1].file, "directory.csv");
+        EXPECT_EQ(events->All().back().bytes, m_bytes.size());
+    }
+    ASSERT_EQ(corpdir_check_now(m_client), CORPDIR_OK);
+    ASSERT_TRUE(second.WaitFor(CORPDIR_EVENT_TRANSFERRED, 3));
+    RecordedEvents third;
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_FAILED, third,
+                                       [&](CRequest& request)
+                                       {
+                                           first(request);
+                                           request.record.servers = "nowhere.invalid";
+                                       }));
+    EXPECT_EQ(third.All().front().code, CORPDIR_ERR_CONNECT);
+    EXPECT_EQ(third.All().front().server, "nowhere.invalid");
 }
 
 // A longer record comes from a later header: members that this library does not know must be zero.
@@ -475,22 +857,26 @@ TEST_F(CLibraryFetch, TheSuitesThatWereSetAreOffered)
     RecordedEvents later;
     for (RecordedEvents* events : {&m_events, &later})  // the second start finds them again
     {
-        ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_DELIVERED, *events));
+        ASSERT_NO_FATAL_FAILURE(StartUntil(
+            events == &later ? CORPDIR_EVENT_UNCHANGED : CORPDIR_EVENT_DELIVERED, *events));
         EXPECT_THAT(m_server->Log(), HasSubstr("TLS control TLSv1.3 TLS_AES_256_GCM_SHA384"));
         EXPECT_THAT(m_server->Log(), Not(HasSubstr("TLSv1.2")));
     }
     corpdir_close(m_client);
 }
 
-TEST_F(CLibraryFetch, AnAddedSuiteIsOfferedBesideTheUsualThree)
+// An added suite comes after the usual ones, or after those that were set.
+TEST_F(CLibraryFetch, AnAddedSuiteIsOfferedBesideTheOthers)
 {
-    ASSERT_EQ(corpdir_add_cipher(m_client, 0x1302), CORPDIR_OK);
-    ASSERT_EQ(corpdir_add_cipher(m_client, 0x1302), CORPDIR_OK);
+    ASSERT_EQ(corpdir_add_cipher(m_client, 0xC0AC), CORPDIR_OK);  // ECDHE-ECDSA-AES128-CCM
     ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_DELIVERED, m_events));
     EXPECT_THAT(m_server->Log(), HasSubstr("TLSv1.3"));
-    corpdir_close(m_client);  // until then the log's thread may be behind
-    const std::string log = ReadFile(m_log.File("corpdir.log"));
-    EXPECT_THAT(log, HasSubstr("CorpDirAddFtpCipherListToDirImplByOne"));
+    const std::uint16_t suite = 0x009D;  // AES256-GCM-SHA384
+    ASSERT_EQ(corpdir_set_ciphers(m_client, &suite, 1), CORPDIR_OK);
+    ASSERT_EQ(corpdir_add_cipher(m_client, 0x009D), CORPDIR_OK);
+    ASSERT_EQ(corpdir_add_cipher(m_client, 0xC030), CORPDIR_OK);
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_UNCHANGED, m_events));
+    EXPECT_THAT(m_server->Log(), HasSubstr("TLS control TLSv1.2"));
 }
 
 // --- Failures ---
@@ -510,7 +896,7 @@ TEST_F(CLibraryFetch, AWrongPasswordIsReportedInWords)
         EXPECT_THAT(event.reason, Not(HasSubstr("not-this-one")));
     }
     EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_DELIVERED), IsEmpty());
-    EXPECT_THAT(FilesIn(m_output.Path()), IsEmpty());
+    EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre(".directory.csv.corpdir.json"));
 }
 
 TEST_F(CLibraryFetch, AnUnknownAuthorityFailsBeforeThePasswordIsSent)
@@ -552,36 +938,52 @@ TEST_F(CLibraryFetch, AStartThatFailsGivesItsReason)
     EXPECT_THAT(StartReason(), HasSubstr("0x0300FFFE"));
     ASSERT_EQ(corpdir_set_ciphers(m_client, nullptr, 0), CORPDIR_OK);
 
-    EXPECT_EQ(
-        Start(m_events, [](CRequest& request) { request.record.servers = "nowhere.invalid"; }),
-        CORPDIR_ERR_NOT_STARTED);
-    EXPECT_THAT(StartReason(), StartsWith("nowhere.invalid: "));
+    EXPECT_EQ(Start(m_events, [](CRequest& request) { request.record.servers = "a b"; }),
+              CORPDIR_ERR_SERVERS);
     EXPECT_THAT(m_events.All(), IsEmpty());
 
     char cut[4];
     EXPECT_GT(corpdir_start_reason(m_client, cut, sizeof cut), 3u);
-    EXPECT_STREQ(cut, "now");
+    EXPECT_STREQ(cut, "ser");
     EXPECT_GT(corpdir_start_reason(m_client, nullptr, 0), 3u);
 
     ExpectFetch();
 }
 
-TEST_F(CLibraryFetch, AServerWithoutAnAddressFailsAndTheOthersAreAsked)
+TEST_F(CLibraryFetch, ANameWithoutAnAddressFailsAndTheOthersAreAsked)
 {
-    const std::string servers =
-        "nowhere.invalid;" + m_server->Host() + ";" + std::string(255, 'a') + ";10.1";
+    const std::string servers = "nowhere.invalid;" + m_server->Host();
     ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_DELIVERED, m_events,
                                        [&](CRequest& request)
                                        { request.record.servers = servers.c_str(); }));
-    const std::vector<Event> failed = m_events.OfKind(CORPDIR_EVENT_FAILED);
-    ASSERT_EQ(failed.size(), 3u);
-    EXPECT_THAT(failed, Each(AllOf(Field(&Event::code, CORPDIR_ERR_CONNECT),
-                                   Field(&Event::file, "version.txt"))));
-    EXPECT_EQ(failed[0].server, std::string(255, 'a'));
-    EXPECT_EQ(failed[1].server, "10.1");
-    EXPECT_EQ(failed[1].reason, "neither an address nor a host name");
-    EXPECT_EQ(failed[2].server, "nowhere.invalid");
-    EXPECT_NE(failed[2].reason, "");
+    EXPECT_THAT(KindsIn(m_events), ElementsAre(CORPDIR_EVENT_NAME_FAILED, CORPDIR_EVENT_CHECKING,
+                                               CORPDIR_EVENT_NEW_VERSION, CORPDIR_EVENT_DELIVERED));
+    const Event failed = m_events.All().front();
+    EXPECT_EQ(failed.code, CORPDIR_ERR_NAME);
+    EXPECT_EQ(failed.server, "nowhere.invalid");
+    EXPECT_EQ(failed.name, "nowhere.invalid");
+    EXPECT_NE(failed.reason, "");
+}
+
+// An application may start before the network does.
+TEST_F(CLibraryFetch, WithoutAnyAddressTheNamesAreLookedUpAgain)
+{
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_WAITING, m_events,
+                                       [](CRequest& request)
+                                       {
+                                           request.record.servers = "nowhere.invalid";
+                                           request.record.retry_seconds = 1;
+                                       }));
+    EXPECT_THAT(KindsIn(m_events),
+                ElementsAre(CORPDIR_EVENT_NAME_FAILED, CORPDIR_EVENT_NO_SERVER_LEFT,
+                            CORPDIR_EVENT_WAITING));
+    const Event left = m_events.All()[1];
+    EXPECT_EQ(left.code, CORPDIR_ERR_NAME);
+    EXPECT_EQ(left.name, "nowhere.invalid");
+    EXPECT_EQ(left.reason, m_events.All()[0].reason);
+    EXPECT_EQ(left.failures, 1u);
+    EXPECT_EQ(m_events.All()[2].seconds, 1u);
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_NAME_FAILED, 2));
 }
 
 // The certificate has both loopback addresses, one of which is that of the name.
@@ -626,22 +1028,27 @@ TEST_F(CLibraryFetch, ALogThatIsGoneFailsTheRestart)
     ExpectFetch();
 }
 
-// The event comes on the thread that was to begin the transfer, and a close in the callback joins
-// it.
-TEST_F(CLibraryFetch, ALaterTransferThatIsRefusedIsReported)
+// The authorities may go while the client runs.
+TEST_F(CLibraryFetch, ALaterRefusalIsReportedAndTriedAgain)
 {
-    m_events.On(CORPDIR_EVENT_REFUSED, [this] { corpdir_close(m_client); });
-    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_REFUSED, m_events,
-                                       [](CRequest& request) {
-                                           request.record.directory_name =
-                                               ".travex_ftp-0123456789abcdef.part";
+    const std::string authority = m_output.File("authority.pem");
+    const std::string bytes = ReadFile(m_certificates.Authority());
+    WriteFile(authority, bytes);
+    m_server->AddFile("version.txt", "17\n");  // not valid: another request follows
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_WAITING, m_events,
+                                       [&](CRequest& request)
+                                       {
+                                           request.record.trust = authority.c_str();
+                                           request.record.retry_seconds = 1;
                                        }));
-    corpdir_close(m_client);
-    const Event last = m_events.All().back();
-    EXPECT_EQ(last.kind, CORPDIR_EVENT_REFUSED);
-    EXPECT_EQ(last.code, CORPDIR_ERR_REFUSED);
-    EXPECT_EQ(last.file, "directory.csv");
-    EXPECT_THAT(last.reason, HasSubstr("is reserved for temporary files"));
+    std::filesystem::remove(authority);
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_CHECK_FAILED));
+    const Event failed = m_events.OfKind(CORPDIR_EVENT_FAILED).front();
+    EXPECT_EQ(failed.code, CORPDIR_ERR_AUTHORITIES);
+    EXPECT_THAT(failed.reason, HasSubstr(authority));
+    WriteFile(authority, bytes);
+    m_server->AddFile("version.txt", "edition 17\n");
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
 }
 
 TEST_F(CLibraryTransfer, AServerThatDiesLeavesTheOlderFile)
@@ -686,7 +1093,7 @@ TEST_F(CLibraryTransfer, ACloseDuringATransferLeavesNothingAndReportsNothingMore
     EXPECT_LT(steady_clock::now() - before, seconds(5));
     const std::size_t count = m_events.All().size();
     EXPECT_EQ(ReadFile(m_output.File("directory.csv")), "older");
-    EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre("directory.csv", "version.txt"));
+    EXPECT_THAT(FilesIn(m_output.Path()), ElementsAre("directory.csv"));
     EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_DELIVERED), IsEmpty());
     EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_FAILED), IsEmpty());
     Open();
@@ -802,12 +1209,17 @@ TEST_F(CLibraryTransfer, ASecondStartReplacesTheFirst)
     EXPECT_THAT(m_events.OfKind(CORPDIR_EVENT_FAILED), IsEmpty());
 }
 
-TEST_F(CLibraryTransfer, ARequestWithABadMemberLeavesTheEarlierOneAlone)
+TEST_F(CLibraryTransfer, ARequestThatCannotBeUsedLeavesTheEarlierOneAlone)
 {
     StartTransfer();
     const std::size_t count = m_events.All().size();
     EXPECT_EQ(Start(m_events, [](CRequest& request) { request.record.port = 70000; }),
               CORPDIR_ERR_PORT);
+    EXPECT_EQ(Start(m_events, [](CRequest& request) { request.record.trust = "/nonexistent"; }),
+              CORPDIR_ERR_AUTHORITIES);
+    EXPECT_EQ(
+        Start(m_events, [](CRequest& request) { request.record.directory_dir = "/nonexistent"; }),
+        CORPDIR_ERR_LOCAL_FILE);
     EXPECT_TRUE(WaitUntil([&] { return m_events.All().size() > count + 1; }));
 }
 
@@ -817,7 +1229,7 @@ TEST_F(CLibraryFetch, TheCallbackMayStartAgain)
     std::atomic<int> code{-1};
     m_events.On(CORPDIR_EVENT_DELIVERED, [&] { code = Start(second); });
     ASSERT_EQ(Start(m_events), CORPDIR_OK);
-    EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_UNCHANGED));
     EXPECT_EQ(code, CORPDIR_OK);
     corpdir_close(m_client);
     EXPECT_EQ(m_events.All().back().kind, CORPDIR_EVENT_DELIVERED);
@@ -839,7 +1251,7 @@ TEST_F(CLibraryFetch, AStartWaitsForTheEarlierCallback)
     RecordedEvents second;
     ASSERT_EQ(Start(second), CORPDIR_OK);
     EXPECT_TRUE(left);
-    EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_TRUE(second.WaitFor(CORPDIR_EVENT_UNCHANGED));
     corpdir_close(m_client);
 }
 
@@ -892,6 +1304,13 @@ TEST_F(CLibraryFetch, ManyThreadsAtOnce)
 
 constexpr int kEnded = 7;
 
+// The same in the process that ends.
+std::string ExitFolder()
+{
+    return ::testing::TempDir() + "corpdir-" +
+           ::testing::UnitTest::GetInstance()->current_test_info()->name();
+}
+
 // Starts a request that fails again and again: no server listens on the port.
 void StartFailing(RecordedEvents& events)
 {
@@ -899,6 +1318,8 @@ void StartFailing(RecordedEvents& events)
     corpdir_log_settings log = {};
     log.size = sizeof log;
     corpdir_request request = PlainRequest();
+    const std::string folder = ExitFolder();
+    request.directory_dir = folder.c_str();
     request.port = static_cast<std::uint32_t>(support::FreePort("127.0.0.1"));
     request.on_event = &RecordedEvents::OnEvent;
     request.user_data = &events;
@@ -922,6 +1343,11 @@ protected:
     CLibraryExitDeathTest()
     {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
+        std::filesystem::create_directory(ExitFolder());
+    }
+    ~CLibraryExitDeathTest() override
+    {
+        std::filesystem::remove_all(ExitFolder());
     }
 };
 
@@ -968,7 +1394,7 @@ TEST_F(CLibraryExitDeathTest, BesideACallbackThatStays)
     EXPECT_EXIT(
         {
             RecordedEvents& events = NewEvents();
-            events.Then([] { std::this_thread::sleep_for(seconds(60)); });
+            events.On(CORPDIR_EVENT_FAILED, [] { std::this_thread::sleep_for(seconds(60)); });
             StartFailing(events);
             (void)alarm(20);
             std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)

@@ -114,6 +114,18 @@ TEST_F(CMemory, ACloseLeavesNoPassword)
     EXPECT_THAT(PlacesInMemory(m_secret), IsEmpty());
 }
 
+// A request that waits for its next check keeps the password sealed.
+TEST_F(CMemory, BetweenTwoChecksThePasswordIsSealed)
+{
+    EXPECT_EQ(Start([](corpdir_request&) {}), CORPDIR_OK);
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_WAITING));
+    EXPECT_THAT(PlacesInMemory(m_secret), IsEmpty());
+    ASSERT_EQ(corpdir_check_now(m_client), CORPDIR_OK);
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_WAITING, 2));
+    EXPECT_EQ(m_events.OfKind(CORPDIR_EVENT_FAILED).back().code, CORPDIR_ERR_LOGIN);
+    EXPECT_THAT(PlacesInMemory(m_secret), IsEmpty());
+}
+
 TEST_F(CMemory, EventsThatAreLostAreReported)
 {
     g_no_memory = true;
@@ -121,10 +133,9 @@ TEST_F(CMemory, EventsThatAreLostAreReported)
     EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_LOST));
     g_no_memory = false;
     EXPECT_EQ(code, CORPDIR_OK);
-    const Event first = m_events.All().front();
-    EXPECT_EQ(first.kind, CORPDIR_EVENT_LOST);
-    EXPECT_EQ(first.server + first.file + first.reason, "");
-    EXPECT_EQ(first.total, CORPDIR_SIZE_UNKNOWN);
+    const Event lost = m_events.OfKind(CORPDIR_EVENT_LOST).front();
+    EXPECT_EQ(lost.server + lost.file + lost.reason, "");
+    EXPECT_EQ(lost.total, CORPDIR_SIZE_UNKNOWN);
     m_server->AddFile("directory.csv", "number,name\n");
     EXPECT_EQ(Start([this](corpdir_request& request)
                     { request.password = m_server->Options().password.c_str(); }),

@@ -26,21 +26,6 @@ namespace
                                                    : ""));
 }
 
-ServerEntry MakeEntry(const std::string& text)
-{
-    const std::string address = client::NormalAddress(text);
-    if (client::IsZeroAddress(address))
-    {
-        throw ExitError(kExitArguments,
-                        "--servers: " + text + " is the unspecified address, not a server");
-    }
-    if (address.empty() && !IsHostName(text))
-    {
-        RefuseEntry(text);
-    }
-    return address.empty() ? ServerEntry{text, false} : ServerEntry{address, true};
-}
-
 }  // namespace
 
 std::vector<ServerEntry> SplitServers(const std::string& list)
@@ -49,16 +34,23 @@ std::vector<ServerEntry> SplitServers(const std::string& list)
     const std::vector<std::string> pieces = client::SplitList(list);
     for (const std::string& piece : pieces)
     {
-        const std::string text = Trimmed(piece);
-        if (text.empty())
+        ServerEntry entry;
+        switch (client::ReadEntry(piece, entry))
         {
-            throw ExitError(kExitArguments, pieces.size() == 1
-                                                ? "--servers is empty"
-                                                : "--servers: entry " +
-                                                      std::to_string(entries.size() + 1) + " of '" +
-                                                      Printable(list) + "' is empty");
+            case client::EntryProblem::kEmpty:
+                throw ExitError(kExitArguments, pieces.size() == 1
+                                                    ? "--servers is empty"
+                                                    : "--servers: entry " +
+                                                          std::to_string(entries.size() + 1) +
+                                                          " of '" + Printable(list) + "' is empty");
+            case client::EntryProblem::kZeroAddress:
+                throw ExitError(kExitArguments, "--servers: " + entry.text +
+                                                    " is the unspecified address, not a server");
+            case client::EntryProblem::kNeither:
+                RefuseEntry(entry.text);
+            case client::EntryProblem::kNone:
+                entries.push_back(entry);
         }
-        entries.push_back(MakeEntry(text));
     }
     return entries;
 }

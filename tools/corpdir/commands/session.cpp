@@ -138,6 +138,7 @@ Session::Settled Session::Handle(const client::Event& event)
         case Kind::kWarning:
             m_report.Warning(event.transfer.reason);
             break;
+        case Kind::kRecovered:
         case Kind::kWaiting:
             break;  // the session has ended before
     }
@@ -175,7 +176,7 @@ Session::Settled Session::OnEnd(const client::Event& event)
     m_outcome.attempts.push_back({event.server, {}});
     m_outcome.version = event.version;
     m_outcome.unchanged = m_plan.ifChanged && event.kind == Kind::kUnchanged;
-    m_outcome.bytes = m_outcome.unchanged ? 0 : event.transfer.bytes;
+    m_outcome.bytes = m_outcome.unchanged ? 0 : event.size;
     return kExitFetched;
 }
 

@@ -64,7 +64,6 @@ Watcher::Watcher(IFtpCorpDir& service, WatchSettings settings, Reload reload, Lo
         m_version = state.version;
         m_commandDue = state.commandDue;
     }
-    m_failures = state.failures;
     m_events.SetWake([this] { m_client.Wake(); });
 }
 
@@ -209,7 +208,7 @@ void Watcher::Handle(const client::Event& event)
             break;
         case Kind::kDelivered:
             BeginUpdate(event);
-            m_output->Downloaded(event.server, event.version, event.path, event.transfer.bytes);
+            m_output->Downloaded(event.server, event.version, event.path, event.size);
             OnEnd(event);
             break;
         case Kind::kFailed:
@@ -220,15 +219,16 @@ void Watcher::Handle(const client::Event& event)
             break;
         case Kind::kNameFailed:
             m_reason = event.server.name + ": " + event.transfer.reason;
-            m_serverFailed = true;
             m_output->NameFailed(m_reason);
             break;
         case Kind::kPassFailed:
-            OnPassFailed();
+            OnPassFailed(event);
+            break;
+        case Kind::kRecovered:
+            m_output->Recovered(event.failures);
             break;
         case Kind::kStartFailed:
             m_reason = event.transfer.reason;
-            m_serverFailed = false;
             m_output->StartFailed(event.transfer.reason);
             break;
         case Kind::kWaiting:
@@ -292,8 +292,6 @@ void Watcher::OnFailed(const client::Event& event)
     const std::string reason =
         (isVersion ? "the version file is not valid: " : "") + transfer.reason;
     m_reason = ProblemOf(event.server, transfer.file, reason);
-    m_serverFailed =
-        transfer.kind != client::EventKind::kRefused && transfer.code != TRAVEX_FTP_ERR_LOCAL_FILE;
     if (isVersion)
     {
         m_output->InvalidVersion(event.server, transfer.file, event.version, reason);
@@ -304,7 +302,7 @@ void Watcher::OnFailed(const client::Event& event)
     }
 }
 
-void Watcher::OnPassFailed()
+void Watcher::OnPassFailed(const client::Event& event)
 {
     if (m_previous)
     {
@@ -313,8 +311,8 @@ void Watcher::OnPassFailed()
     m_current = "failed: " + m_reason +
                 (m_version.empty() ? "" : "; version " + m_version + " is in place");
     ShowStatus();
-    ++m_failures;
-    m_serverFailed ? m_output->NoServerLeft() : m_output->CheckFailed();
+    m_failures = event.failures;
+    event.serverFailed ? m_output->NoServerLeft() : m_output->CheckFailed();
     RunFailure();
 }
 
@@ -330,11 +328,6 @@ void Watcher::OnRefused(const std::string& reason)
 // The end of a check that found the directory current.
 void Watcher::OnEnd(const client::Event& event)
 {
-    if (m_failures != 0)
-    {
-        m_output->Recovered(m_failures);
-        m_failures = 0;
-    }
     m_current = "version " + event.version + " from " + event.server.Label() + ", checked " +
                 client::TimeText(std::time(nullptr));
     ShowStatus();

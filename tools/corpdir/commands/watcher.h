@@ -62,7 +62,7 @@ private:
     Settled HandleOwn(const Event& event);
     void OnFailed(const client::Event& event);
     void OnChecking(const client::Event& event);
-    void OnPassFailed();
+    void OnPassFailed(const client::Event& event);
     void ShowStatus();
     void NotReloaded(const std::string& reason);
     void OnRefused(const std::string& reason);
@@ -100,7 +100,6 @@ private:
     bool m_updateDue = false;     // the command is to be run for it
     bool m_updateFailed = false;  // the command is tried again after the next check
     std::string m_reason;         // of the latest failure, with its server
-    bool m_serverFailed = true;   // the latest failure is a server's
     unsigned int m_failures = 0;  // checks that failed in a row
 };
 
