@@ -17,7 +17,9 @@ from served_directory import ServedDirectory, be_allowed_to_listen  # noqa: E402
 
 HERE = SOURCE / "tests/package"
 EXAMPLE = SOURCE / "examples/fetch_directory.cpp"
+STAYING = SOURCE / "examples/keep_current.cpp"
 STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Werror"]
+STRICTER = [*STRICT, "-Wconversion", "-Wsign-conversion", "-Wshadow", "-Wold-style-cast"]
 VERSION = re.search(r"project\(corpdir VERSION ([\d.]+)",
                     (SOURCE / "CMakeLists.txt").read_text())[1]
 MAJOR, MINOR, _ = map(int, VERSION.split("."))
@@ -62,22 +64,22 @@ class Installed:
         return run("pkg-config", *arguments,
                    env={**os.environ, variable: str(self.lib / "pkgconfig")}).split()
 
-    def cmake(self, *settings):
+    def cmake(self, *settings, example=EXAMPLE):
         """An application's build folder, configured. The library's folders are given as the prefix
         alone, which a cross build looks for within roots."""
         folder = self.work / "consumer"
-        command = ["cmake", "-S", HERE / "consumer", "-B", folder, "-DEXAMPLE=%s" % EXAMPLE,
+        command = ["cmake", "-S", HERE / "consumer", "-B", folder, "-DEXAMPLE=%s" % example,
                    "-DCMAKE_PREFIX_PATH=%s" % self.prefix, "-DCMAKE_FIND_ROOT_PATH=%s" % self.prefix,
                    "-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_STANDARD=11",
                    "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", *settings]
         return folder, command
 
-    def build(self, *settings):
-        folder, command = self.cmake(*settings)
+    def build(self, *settings, example=EXAMPLE, standard_kept=True):
+        folder, command = self.cmake(*settings, example=example)
         run(*command)
         run("cmake", "--build", folder)
         flags = (folder / "compile_commands.json").read_text()
-        require("-std=gnu++11" in flags, "an application is compiled as it chose")
+        require(("-std=gnu++11" in flags) == standard_kept, "an application is compiled as it chose")
         for ours in ("-Werror", "-Wall", "_FORTIFY_SOURCE", str(SOURCE / "service")):
             require(ours not in flags, "an application inherits %s" % ours)
         return folder / "consumer"
@@ -102,6 +104,11 @@ def fetch(work, program, **environment):
         served.fetch([*EMULATOR, program], environment)
 
 
+def stay_current(work, program, **environment):
+    with ServedDirectory(work).serving() as served:
+        served.stay_current([*EMULATOR, program], environment)
+
+
 def headers(installed):
     for header in ("ftpcorpdir.h", "corpdir_loginfo.h"):
         for compiler in ("g++", "clang++"):
@@ -111,6 +118,10 @@ def headers(installed):
     for compiler in ("gcc", "clang"):
         run(compiler, "-std=c99", *STRICT, "-I", installed.include, "-x", "c", "-fsyntax-only", "-",
             input="#include <corpdir_c.h>\n")
+    for compiler in ("g++", "clang++"):
+        for standard in ("17", "20", "2b"):
+            run(compiler, "-std=c++" + standard, "-O2", *STRICTER, "-I", installed.include, "-c", STAYING,
+                "-o", installed.work / "keep_current.o")
     found = sorted(path.name for path in installed.include.iterdir())
     print("compiled alone: " + " ".join(found))
 
@@ -127,6 +138,13 @@ def cmake_static(installed):
     program = installed.build("-DVERSION=%d.0" % MAJOR, "-DCOMPONENTS=static")
     require_static(program)
     fetch(installed.work, program)
+
+
+def cmake_cpp(installed):
+    """The interface for C++17 asks for its standard, whatever the application chose."""
+    program = installed.build("-DVERSION=%d.0" % MAJOR, "-DTARGET=corpdir::corpdir_cpp",
+                              example=STAYING, standard_kept=False)
+    stay_current(installed.work, program)
 
 
 def cmake_versions(installed):
@@ -180,6 +198,14 @@ def pkgconfig_c(installed):
     fetch(installed.work, program, LD_LIBRARY_PATH=str(installed.lib))
 
 
+def pkgconfig_cpp(installed):
+    flags = installed.pkg_config("--cflags", "--libs", "corpdir_c", alone=True)
+    program = installed.work / "client"
+    run(*CXX, "-std=c++17", *STRICTER, STAYING, "-o", program, *flags, "-pthread")
+    require("[libcorpdir_c.so.%d]" % MAJOR in dynamic(program), "linked with the C library")
+    stay_current(installed.work, program, LD_LIBRARY_PATH=str(installed.lib))
+
+
 def python(installed):
     module = next(installed.prefix.rglob("corpdir.py")).parent
     with ServedDirectory(installed.work).serving() as served:
@@ -219,8 +245,8 @@ def size(installed):
 
 
 CASES = {case.__name__: case for case in (
-    headers, cmake_shared, cmake_static, cmake_versions, pkgconfig_shared, pkgconfig_static,
-    pkgconfig_static_alone, pkgconfig_c, python, unloaded, relocatable, size)}
+    headers, cmake_shared, cmake_static, cmake_cpp, cmake_versions, pkgconfig_shared, pkgconfig_static,
+    pkgconfig_static_alone, pkgconfig_c, pkgconfig_cpp, python, unloaded, relocatable, size)}
 
 
 def main():

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Uses the installed Debian packages: the program, by the commands of its documents too; the example
-clients in C++ and C, built with pkg-config; the Python module. scripts/package-test runs it.
+clients in C++, C++17 and C, built with pkg-config; the Python module. scripts/package-test runs it.
 
 Usage: packaged_test.py SOURCE_DIR
 """
@@ -52,6 +52,7 @@ def main():
             [compile_example(folder, ["gcc", "-std=c99"], "fetch_directory.c", "corpdir_c")],
             [served_directory.PYTHON, SOURCE / "examples/fetch_directory.py"],
         ]
+        staying = compile_example(folder, ["g++", "-std=c++17"], "keep_current.cpp", "corpdir_c")
         with served_directory.ServedDirectory(folder).serving() as served:
             size = len(served.files["directory.csv"])
             served.fetch_with_program("/usr/bin/corpdir")
@@ -60,6 +61,8 @@ def main():
                 served.fetch(client)
                 print("used: %s fetched %d bytes over FTPS, the same as served"
                       % (pathlib.Path(client[-1]).name, size))
+            served.stay_current([staying])
+            print("used: %s fetched the same, and stopped" % staying.name)
 
 
 if __name__ == "__main__":

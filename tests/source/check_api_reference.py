@@ -19,8 +19,8 @@ import xml.etree.ElementTree as ElementTree
 
 HEADERS = ["service/im/imcorpdirectory/ftpcorpdirectory/include/ftpcorpdir.h",
            "service/im/imcorpdirectory/ftpcorpdirectory/include/corpdir_loginfo.h",
-           "bindings/c/corpdir_c.h", "platform/include/travex_ftp.h", "platform/include/osak.h",
-           "platform/include/zep.h", "platform/include/corpdir_log.h"]
+           "bindings/c/corpdir_c.h", "bindings/cpp/corpdir.hpp", "platform/include/travex_ftp.h",
+           "platform/include/osak.h", "platform/include/zep.h", "platform/include/corpdir_log.h"]
 
 COMMENT = re.compile(r"///<?([^\n]*)|/\*\*<?(.*?)\*/", re.S)
 COMMAND = re.compile(r"@(?:file|name|\{|\})")

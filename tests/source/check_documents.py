@@ -20,7 +20,7 @@ import unicodedata
 
 NOT_OURS = {".git", ".cache", "build", "__pycache__"}
 # Names with these endings are files of the tree, wherever they occur.
-ENDINGS = (".cpp", ".h", ".c", ".py", ".md", ".cmake", ".map", ".service", ".supp")
+ENDINGS = (".cpp", ".hpp", ".h", ".c", ".py", ".md", ".cmake", ".map", ".service", ".supp")
 
 LINK = re.compile(r"\[[^\]]*\]\(([^()\s]+)\)|^\[[^\]]+\]:\s*(\S+)$", re.M)
 QUOTED = re.compile(r"(?<!`)`([^`]+)`(?!`)")

@@ -35,7 +35,8 @@ ALLOWED = {
     "client": CLIENT_HEADERS | {"corpdir_log.h", "osak.h", "osak/timers.h", "travex_ftp.h", "zep.h", "zep/digest.h"} | BASE,
     "tools/corpdir": CLIENT_HEADERS | {"corpdir_log.h", "travex_ftp.h", "osak/timers.h", "base/descriptor.h"} | SHARED | TEXT,
     "bindings/c": {"ftpcorpdir.h", "corpdir_loginfo.h", "travex_ftp.h"} | SHARED | BASE,
-    "examples": {"ftpcorpdir.h", "corpdir_c.h"},
+    "bindings/cpp": {"corpdir_c.h"},
+    "examples": {"ftpcorpdir.h", "corpdir_c.h", "corpdir.hpp"},
 }
 
 # The program's folders, and the others of them that each may include.
@@ -81,7 +82,7 @@ def wrong_includes(root, path):
 def main():
     root = pathlib.Path(sys.argv[1])
     sources = [p for top in ("platform", "service", "client", "bindings", "tools", "examples")
-               for p in sorted((root / top).rglob("*")) if p.suffix in (".h", ".c", ".cpp")]
+               for p in sorted((root / top).rglob("*")) if p.suffix in (".h", ".hpp", ".c", ".cpp")]
     unplaced = [str(p.relative_to(root)) for p in sources if folder_of(p.relative_to(root)) is None]
     wrong = [w for p in sources if folder_of(p.relative_to(root)) for w in wrong_includes(root, p)]
     for line in wrong + [u + ": a folder without rules" for u in unplaced]:

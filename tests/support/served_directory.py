@@ -13,6 +13,7 @@ import socket
 import struct
 import subprocess
 import sys
+import threading
 
 from certificates import make_certificates
 
@@ -93,6 +94,22 @@ class ServedDirectory:
         return self.fetch_as(client, [self.address, USER, self.fetched(), self.authority],
                              environment)
 
+    def stay_current(self, client, environment=None):
+        """Runs the example client that stays until the end of its input, and ends that after the
+        delivery. A failure, other bytes, or a client that does not stop raise."""
+        self.empty_fetched()
+        with subprocess.Popen([*client, self.address, USER, self.fetched(), self.authority],
+                              env=self.environment(environment), stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
+            watchdog = threading.Timer(60, process.kill)
+            watchdog.start()
+            printed = b""
+            while b"delivered" not in printed and (line := process.stdout.readline()):
+                printed += line
+            output, errors = process.communicate()  # closes the input
+            watchdog.cancel()
+        self.check(process.returncode, printed + output, errors)
+
     def fetch_with_program(self, program):
         """The same with the command-line program."""
         return self.fetch_as(
@@ -104,16 +121,23 @@ class ServedDirectory:
         return self.folder / "fetched"
 
     def fetch_as(self, client, arguments, environment=None):
+        self.empty_fetched()
+        done = subprocess.run([*client, *arguments], env=self.environment(environment),
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=90)
+        return self.check(done.returncode, done.stdout, done.stderr)
+
+    def environment(self, more):
+        return {**os.environ, **(more or {}), "CORPDIR_PASSWORD": self.password}
+
+    def empty_fetched(self):
         shutil.rmtree(self.fetched(), ignore_errors=True)
         self.fetched().mkdir()
-        done = subprocess.run(
-            [*client, *arguments],
-            env={**os.environ, **(environment or {}), "CORPDIR_PASSWORD": self.password},
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=90)
-        if done.returncode != 0:
+
+    def check(self, status, output, errors):
+        if status != 0:
             raise RuntimeError("the client's status is %d\n%s%s" % (
-                done.returncode, done.stdout.decode(), done.stderr.decode()))
+                status, output.decode(), errors.decode()))
         for name, content in self.files.items():
             if (self.fetched() / name).read_bytes() != content:
                 raise RuntimeError("%s is not what is served" % name)
-        return done.stdout.decode()
+        return output.decode()
