@@ -43,8 +43,12 @@ std::map<std::string, std::vector<std::string>> EntriesOf(const std::vector<Serv
 std::unique_ptr<Staging> StagingIn(const std::string& folder,
                                    const std::unique_ptr<Staging>& present)
 {
-    const bool none = folder.empty() || (present != nullptr && present->Folder() == folder);
-    return none ? nullptr : std::make_unique<Staging>(folder);
+    std::unique_ptr<Staging> staging;
+    if (!folder.empty() && (present == nullptr || present->Folder() != folder))
+    {
+        staging = std::make_unique<Staging>(folder);
+    }
+    return staging;
 }
 
 std::string SystemMessage(int error)

@@ -68,14 +68,15 @@ or keeps it current, and checks servers. It also contains a unit for systemd,
 corpdir-watch@.service, which keeps a directory current as a service."
   SETTINGS SHLIBDEPS=ON "DEPENDS=systemd-standalone-sysusers | systemd-sysusers")
 corpdir_package(python python3-corpdir python
-  SYNOPSIS "corporate directory download service - Python module"
-  DESCRIPTION "${_about}" "This package contains the module for Python 3."
+  SYNOPSIS "corporate directory download service - Python package"
+  DESCRIPTION "${_about}" "This package contains the Python 3 package corpdir: a blocking client
+and one for asyncio."
   SETTINGS ARCHITECTURE=all "DEPENDS=python3:any, ${_library} (>= ${PROJECT_VERSION})")
 
 # They create the service's user, restart and stop the service.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
   "${_debian}/tools/postinst;${_debian}/tools/prerm;${_debian}/tools/postrm")
-# They compile the module and remove the compiled files.
+# They compile the modules and remove the compiled files.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
   "${_debian}/python/postinst;${_debian}/python/prerm")
 

@@ -7,7 +7,7 @@ import sys
 import corpdir
 
 
-def main():
+def main() -> int:
     if len(sys.argv) != 5 or "CORPDIR_PASSWORD" not in os.environ:
         return 2
     servers, user, output_dir, ca_file = sys.argv[1:]
@@ -20,7 +20,8 @@ def main():
     except corpdir.CorpdirError as error:
         print(error, file=sys.stderr)
         return 1
-    print("%s: %d bytes from %s" % (result.path, result.bytes, result.server))
+    print("%s: %d bytes from %s, version %s" % (result.path, result.bytes, result.server,
+                                                result.version))
     return 0
 
 

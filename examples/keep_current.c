@@ -69,8 +69,10 @@ int main(int argc, char** argv)
     request.directory_file = "directory.csv";
     request.directory_dir = argv[3];
 
+    corpdir_log_settings log = {0}; /* errors, to standard error */
+    log.size = sizeof log;
     corpdir_client* client;
-    corpdir_code code = corpdir_open(NULL, &client);
+    corpdir_code code = corpdir_open(&log, &client);
     if (code != CORPDIR_OK)
     {
         fprintf(stderr, "%s\n", corpdir_error_text(code));

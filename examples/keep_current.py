@@ -40,11 +40,13 @@ async def main() -> int:
         if os.read(0, 64):
             client.check_now()
         else:
+            loop.remove_reader(0)
             watching.cancel()
 
+    loop = asyncio.get_running_loop()
     async with corpdir.AsyncClient() as client:
         watching = asyncio.ensure_future(watch())
-        asyncio.get_running_loop().add_reader(0, on_input)
+        loop.add_reader(0, on_input)
         try:
             await watching
         except asyncio.CancelledError:

@@ -25,7 +25,9 @@
  * wait for the network.
  *
  * The end of a process. A process may end without corpdir_close: from exit() on no callback begins,
- * and one in progress is waited for at most 1 s. In the child of a fork nothing here may be called.
+ * and one in progress is waited for at most 1 s. Destructors of static objects, which exit() runs,
+ * may call corpdir_close: it returns at once then. In the child of a fork nothing here may be
+ * called.
  *
  * Files. The directory file and the version file are replaced whole, one right after the other, and
  * only when the directory file is complete. Beside the directory file there is its state,
@@ -129,8 +131,8 @@ typedef enum corpdir_mode
 } corpdir_mode;
 
 /** Kinds of event. A check begins with CHECKING and ends with DELIVERED, UNCHANGED, NO_SERVER_LEFT
- * or CHECK_FAILED. In brackets: the members that are set, beside time. "Server" is server and
- * name. */
+ * or CHECK_FAILED; when no name has an address there is no CHECKING. In brackets: the members that
+ * are set, beside time. "Server" is server and name. */
 typedef enum corpdir_event_kind
 {
     CORPDIR_EVENT_PROGRESS = 1,    /**< bytes of a file have arrived, at most ten times a second for

@@ -132,6 +132,10 @@ Answer Worker::Open(const tag_CORPDIR_LOGINFO& log)
 
 bool Worker::Close()
 {
+    if (base::ProcessEnd::IsCaller())
+    {
+        return true;  // a static object of the application: the thread is held
+    }
     if (t_worker == this)
     {
         {
@@ -271,6 +275,10 @@ Answer Worker::Ask(std::function<Answer()> work)
     if (t_worker == this)
     {
         return IsClosing() ? Closed() : work();
+    }
+    if (base::ProcessEnd::IsCaller())
+    {
+        return Closed();
     }
     Call call;
     call.work = std::move(work);

@@ -159,7 +159,7 @@ private:
 struct LogSettings
 {
     std::string directory;           ///< for corpdir.log; empty: standard error
-    std::uint32_t level = 2;         ///< highest level written: 0 errors, 1 fallbacks, 2 everything
+    std::uint32_t level = 0;         ///< highest level written: 0 errors, 1 fallbacks, 2 everything
     std::uint32_t maxFileBytes = 0;  ///< size at which a file is rotated; 0: 10 MiB
     std::uint32_t maxFiles = 0;      ///< rotated files kept beside the current one; 0: 5
 };

@@ -310,11 +310,11 @@ TEST_F(CppHeader, PassesTheLogSettings)
     EXPECT_EQ(m_library.log.max_files, 3u);
 }
 
-TEST_F(CppHeader, TheDefaultLogIsThatOfTheLibrary)
+TEST_F(CppHeader, TheDefaultLogHasErrorsAlone)
 {
     const Client client;
     EXPECT_EQ(m_library.texts["log"], "");
-    EXPECT_EQ(m_library.log.level, 2u);
+    EXPECT_EQ(m_library.log.level, 0u);
     EXPECT_EQ(m_library.log.max_file_bytes, 0u);
     EXPECT_EQ(m_library.log.max_files, 0u);
 }

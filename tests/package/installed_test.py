@@ -7,6 +7,7 @@ Usage: installed_test.py SOURCE_DIR BUILD_DIR CASE
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -206,12 +207,63 @@ def pkgconfig_cpp(installed):
     stay_current(installed.work, program, LD_LIBRARY_PATH=str(installed.lib))
 
 
+PYTHON_EXAMPLE = SOURCE / "examples/fetch_directory.py"
+LOADED = "import corpdir; corpdir.version(); print(open('/proc/self/maps').read())"
+
+
 def python(installed):
-    module = next(installed.prefix.rglob("corpdir.py")).parent
+    package = next(installed.prefix.rglob("corpdir/__init__.py")).parent
+    require((package / "py.typed").is_file(), "the annotations are announced")
+    require(not list(package.rglob("*.so*")), "the installed package has no library of its own")
     with ServedDirectory(installed.work).serving() as served:
-        served.fetch([sys.executable, SOURCE / "examples/fetch_directory.py"],
-                     {"LD_LIBRARY_PATH": str(installed.lib), "PYTHONPATH": str(module),
+        served.fetch([sys.executable, PYTHON_EXAMPLE],
+                     {"LD_LIBRARY_PATH": str(installed.lib), "PYTHONPATH": str(package.parent),
                       "PYTHONDONTWRITEBYTECODE": "1"})
+
+
+def install_with_pip(work, *arguments):
+    """The interpreter of a new virtual environment in which pip has installed a package. Debian's
+    own, whose setuptools scripts/setup installs."""
+    run("/usr/bin/python3", "-m", "venv", "--system-site-packages", work / "venv")
+    interpreter = work / "venv/bin/python"
+    run(interpreter, "-m", "pip", "--no-cache-dir", "install", "--no-index", *arguments)
+    found = run(interpreter, "-c",
+                "from importlib import metadata; print(metadata.version('corpdir'))")
+    require(found.strip() == VERSION, "pip shows version " + VERSION)
+    return interpreter
+
+
+def pip(installed):
+    """The source folder, in a copy of the tree's part that it needs; it uses the library of the
+    system."""
+    folder = installed.work / "tree/bindings/python"
+    shutil.copytree(SOURCE / "bindings/python", folder)
+    shutil.copy(SOURCE / "CMakeLists.txt", installed.work / "tree")
+    interpreter = install_with_pip(installed.work, "--no-build-isolation", folder)
+    missing = subprocess.run([interpreter, "-c", LOADED], capture_output=True, text=True)
+    require("set CORPDIR_LIBRARY" in missing.stderr, "without a library: " + missing.stderr)
+    with ServedDirectory(installed.work).serving() as served:
+        served.fetch([interpreter, PYTHON_EXAMPLE], {"LD_LIBRARY_PATH": str(installed.lib)})
+
+
+def wheel(installed):
+    """Carries the library, the same to the byte each time, under a tag that is true."""
+    made = []
+    for name, mask in (("one", 0o022), ("two", 0o077)):
+        folder = installed.work / name
+        folder.mkdir()
+        run(SOURCE / "packaging/python/wheel", installed.lib / "libcorpdir_c.so.1", folder,
+            env={**os.environ, "SOURCE_DATE_EPOCH": "1700000000"},
+            preexec_fn=lambda mask=mask: os.umask(mask))
+        made.extend(folder.iterdir())
+    require(len(made) == 2 and made[0].read_bytes() == made[1].read_bytes(), "reproducible")
+    expected = "corpdir-%s-py3-none-linux_%s.whl" % (VERSION, os.uname().machine)
+    require(made[0].name == expected, "%s is %s" % (made[0].name, expected))
+    interpreter = install_with_pip(installed.work, made[0])
+    require(re.search(r"site-packages/corpdir/libcorpdir_c\.so\.1$", run(interpreter, "-c", LOADED),
+                      re.M), "the library beside the modules is loaded")
+    with ServedDirectory(installed.work).serving() as served:
+        served.fetch([interpreter, PYTHON_EXAMPLE])
 
 
 def unloaded(installed):
@@ -246,11 +298,13 @@ def size(installed):
 
 CASES = {case.__name__: case for case in (
     headers, cmake_shared, cmake_static, cmake_cpp, cmake_versions, pkgconfig_shared, pkgconfig_static,
-    pkgconfig_static_alone, pkgconfig_c, pkgconfig_cpp, python, unloaded, relocatable, size)}
+    pkgconfig_static_alone, pkgconfig_c, pkgconfig_cpp, python, pip, wheel, unloaded, relocatable, size)}
 
 
 def main():
     be_allowed_to_listen()
+    for variable in ("CORPDIR_LIBRARY", "PYTHONPATH"):  # would hide what is installed
+        os.environ.pop(variable, None)
     with tempfile.TemporaryDirectory(prefix="corpdir-installed-") as work:
         CASES[sys.argv[3]](Installed(pathlib.Path(work)))
 

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Uses the installed Debian packages: the program, by the commands of its documents too; the example
-clients in C++, C++17 and C, built with pkg-config; the Python module. scripts/package-test runs it.
+clients in C++, C++17 and C, built with pkg-config; the Python package. Then the wheel, in a virtual
+environment. scripts/package-test runs it.
 
-Usage: packaged_test.py SOURCE_DIR
+Usage: packaged_test.py SOURCE_DIR WHEEL
 """
 
 import pathlib
@@ -40,6 +41,18 @@ def run_documents():
                         SOURCE / document, "/usr/bin/corpdir", "--show"], check=True)
 
 
+def install_wheel(folder):
+    """The interpreter of a new virtual environment with the wheel in it."""
+    environment = folder / "environment"
+    subprocess.run(["/usr/bin/python3", "-m", "venv", environment], check=True)
+    interpreter = environment / "bin/python"
+    subprocess.run([interpreter, "-m", "pip", "--quiet", "--no-cache-dir", "install", "--no-index",
+                    sys.argv[2]], check=True)
+    print("the wheel is installed: " + output(interpreter, "-c", "import corpdir; print(corpdir.__file__)"),
+          end="")
+    return interpreter
+
+
 def main():
     served_directory.be_allowed_to_listen()
     if "fetch" not in output("corpdir", "--help"):
@@ -51,6 +64,7 @@ def main():
             [compile_example(folder, ["g++", "-std=c++11"], "fetch_directory.cpp", "corpdir")],
             [compile_example(folder, ["gcc", "-std=c99"], "fetch_directory.c", "corpdir_c")],
             [served_directory.PYTHON, SOURCE / "examples/fetch_directory.py"],
+            [install_wheel(folder), SOURCE / "examples/fetch_directory.py"],
         ]
         staying = compile_example(folder, ["g++", "-std=c++17"], "keep_current.cpp", "corpdir_c")
         with served_directory.ServedDirectory(folder).serving() as served:
@@ -60,7 +74,7 @@ def main():
             for client in clients:
                 served.fetch(client)
                 print("used: %s fetched %d bytes over FTPS, the same as served"
-                      % (pathlib.Path(client[-1]).name, size))
+                      % (" ".join(pathlib.Path(part).name for part in client), size))
             served.stay_current([staying])
             print("used: %s fetched the same, and stopped" % staying.name)
 

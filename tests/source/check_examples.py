@@ -7,7 +7,8 @@ Usage: check_examples.py SOURCE_DIR
 import pathlib
 import sys
 
-EXAMPLES = [("docs/library.md", "cpp", "examples/fetch_directory.cpp"),
+EXAMPLES = [("README.md", "cpp", "examples/minimal.cpp"),
+            ("docs/library.md", "cpp", "examples/fetch_directory.cpp"),
             ("docs/bindings.md", "c", "examples/keep_current.c"),
             ("docs/bindings.md", "cpp", "examples/keep_current.cpp"),
             ("docs/bindings.md", "python", "examples/keep_current.py"),

@@ -1304,12 +1304,8 @@ TEST_F(CLibraryFetch, ManyThreadsAtOnce)
 
 constexpr int kEnded = 7;
 
-// The same in the process that ends.
-std::string ExitFolder()
-{
-    return ::testing::TempDir() + "corpdir-" +
-           ::testing::UnitTest::GetInstance()->current_test_info()->name();
-}
+// For the files; the process that ends inherits it.
+constexpr char kExitFolder[] = "CORPDIR_EXIT_FOLDER";
 
 // Starts a request that fails again and again: no server listens on the port.
 void StartFailing(RecordedEvents& events)
@@ -1318,8 +1314,7 @@ void StartFailing(RecordedEvents& events)
     corpdir_log_settings log = {};
     log.size = sizeof log;
     corpdir_request request = PlainRequest();
-    const std::string folder = ExitFolder();
-    request.directory_dir = folder.c_str();
+    request.directory_dir = std::getenv(kExitFolder);  // NOLINT(concurrency-mt-unsafe)
     request.port = static_cast<std::uint32_t>(support::FreePort("127.0.0.1"));
     request.on_event = &RecordedEvents::OnEvent;
     request.user_data = &events;
@@ -1343,12 +1338,10 @@ protected:
     CLibraryExitDeathTest()
     {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
-        std::filesystem::create_directory(ExitFolder());
+        (void)setenv(kExitFolder, m_folder.Path().c_str(), 0);  // NOLINT(concurrency-mt-unsafe)
     }
-    ~CLibraryExitDeathTest() override
-    {
-        std::filesystem::remove_all(ExitFolder());
-    }
+
+    TemporaryDirectory m_folder;
 };
 
 // Other threads run meanwhile on purpose.
