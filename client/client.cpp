@@ -116,10 +116,17 @@ public:
         return input;
     }
 
-    std::deque<Input> TakeAll()
+    // What has arrived, one at a time. Takes no memory.
+    std::optional<Input> TakeNow() noexcept
     {
         const base::MutexLock lock(m_mutex);
-        return std::exchange(m_inputs, {});
+        if (m_inputs.empty())
+        {
+            return std::nullopt;
+        }
+        Input input = std::move(m_inputs.front());
+        m_inputs.pop_front();
+        return input;
     }
 
     void ForgetLostInputs()
@@ -267,7 +274,6 @@ void Client::Start(Settings settings, FirstFailure failure)
     std::unique_ptr<Staging> versions = StagingIn(versionFolder, m_versions);
     Stop();
     TRAVEX_FTP_SetObserver(&Observe, nullptr);
-    m_inbox->ForgetLostInputs();
     m_events.clear();
     m_warning.clear();
     m_settings = std::move(settings);
@@ -389,6 +395,7 @@ void Client::Stop()
     m_link.Stop();
     m_lookup.reset();
     ForgetInputs();
+    m_inbox->ForgetLostInputs();
     m_checkAgain = false;
     m_state = State::kStopped;
 }
@@ -396,11 +403,11 @@ void Client::Stop()
 // What a request that is over has left.
 void Client::ForgetInputs()
 {
-    for (const Input& input : m_inbox->TakeAll())
+    while (const std::optional<Input> input = m_inbox->TakeNow())
     {
-        if (!input.path.empty())
+        if (!input->path.empty())
         {
-            (void)remove(input.path.c_str());
+            (void)remove(input->path.c_str());
         }
     }
 }
@@ -553,9 +560,9 @@ void Client::OnRequestRefused(unsigned int code)
     TransferEvent refusal;
     refusal.kind = EventKind::kRefused;
     refusal.reason = "the request could not be started (code " + std::to_string(code) + ")";
-    for (const Input& input : m_inbox->TakeAll())
+    while (const std::optional<Input> input = m_inbox->TakeNow())
     {
-        refusal = input.transfer.kind == EventKind::kRefused ? input.transfer : refusal;
+        refusal = input->transfer.kind == EventKind::kRefused ? input->transfer : refusal;
     }
     OnRefused(refusal);
 }

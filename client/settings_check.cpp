@@ -25,10 +25,8 @@ bool IsOfSettingsCheck(const tagTRAVEX_FTP_S_OBSERVATION& seen)
 
 void CheckSettings(const Settings& settings)
 {
-    tagTRAVEX_FTP_S_CTRL_PARAM parameters = {};
+    tagTRAVEX_FTP_S_CTRL_PARAM parameters = {};  // no address: nothing is sent
     parameters.ulServerType = settings.plain ? 0 : 1;
-    parameters.aucServerIp[0] = 127;  // any address; nothing is sent
-    parameters.aucServerIp[3] = 1;
     parameters.ulServerPort = settings.port;
     (void)strncpy(parameters.acUserName, settings.user.c_str(), sizeof parameters.acUserName - 1);
     parameters.acPassword[0] = '-';  // the real one stays sealed

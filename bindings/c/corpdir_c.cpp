@@ -17,6 +17,7 @@
 
 #include "base/handle.h"
 #include "base/mutex.h"
+#include "base/printable.h"
 #include "request.h"
 #include "state.h"
 #include "worker.h"
@@ -40,12 +41,12 @@ public:
         return *s_clients;
     }
 
-    corpdir_code Open(const tag_CORPDIR_LOGINFO& log, corpdir_client*& client);
+    corpdir_code Open(const corpdir_log_settings* log, corpdir_client*& client);
     void Close(corpdir_client* client);
     std::shared_ptr<Worker> Find(corpdir_client* client);  // null: not open
 
-    // The outcome of the last start in words.
-    void NoteStart(corpdir_client* client, const std::string& reason);
+    // The outcome of the last start in words; of no client, that of the last open that failed.
+    void NoteStart(corpdir_client* client, std::string reason);
     std::string StartReason(corpdir_client* client);
 
 private:
@@ -61,39 +62,50 @@ private:
     base::Mutex m_mutex;
     bool m_busy CORPDIR_GUARDED_BY(m_mutex) = false;  // an open client, or an open under way
     Entry m_open CORPDIR_GUARDED_BY(m_mutex);
+    std::string m_openReason CORPDIR_GUARDED_BY(m_mutex);
     // Closed within their callbacks, which may go on.
     std::vector<std::pair<corpdir_client*, std::weak_ptr<Worker>>> m_ended
         CORPDIR_GUARDED_BY(m_mutex);
 };
 
-corpdir_code Clients::Open(const tag_CORPDIR_LOGINFO& log, corpdir_client*& client)
+corpdir_code Clients::Open(const corpdir_log_settings* log, corpdir_client*& client)
 {
+    tag_CORPDIR_LOGINFO info = {};
+    info.ulLogLevel = kDefaultLevel;
+    const corpdir_code usable = log == nullptr ? CORPDIR_OK : ReadLogSettings(*log, info);
+    const auto worker = std::make_shared<Worker>();
     {
         const base::MutexLock lock(m_mutex);
+        m_openReason.clear();
+        if (usable != CORPDIR_OK)
+        {
+            return usable;
+        }
         if (m_busy)
         {
             return CORPDIR_ERR_BUSY;
         }
+        m_ended.reserve(m_ended.size() + 1);  // for the close
         m_busy = true;
     }
-    corpdir_code code = CORPDIR_ERR_MEMORY;
-    const auto worker = std::make_shared<Worker>();
+    Answer answer;
     try
     {
-        code = worker->Open(log).code;
+        answer = worker->Open(info);
     }
     catch (const std::exception&)
     {
-        code = CORPDIR_ERR_MEMORY;
+        answer.code = CORPDIR_ERR_MEMORY;
     }
     const base::MutexLock lock(m_mutex);
-    m_busy = code == CORPDIR_OK;
+    m_busy = answer.code == CORPDIR_OK;
+    m_openReason.swap(answer.reason);
     if (m_busy)
     {
         client = base::NewHandle<corpdir_client*>();
         m_open = {client, worker, ""};
     }
-    return code;
+    return answer.code;
 }
 
 std::shared_ptr<Worker> Clients::Find(corpdir_client* client)
@@ -146,39 +158,53 @@ void Clients::Close(corpdir_client* client)
     }
 }
 
-void Clients::NoteStart(corpdir_client* client, const std::string& reason)
+void Clients::NoteStart(corpdir_client* client, std::string reason)
 {
     const base::MutexLock lock(m_mutex);
     if (m_open.client == client)
     {
-        m_open.startReason = reason;
+        m_open.startReason.swap(reason);
     }
 }
 
 std::string Clients::StartReason(corpdir_client* client)
 {
     const base::MutexLock lock(m_mutex);
-    return client != nullptr && m_open.client == client ? m_open.startReason : "";
+    return client == nullptr ? m_openReason : m_open.client == client ? m_open.startReason : "";
 }
 
-corpdir_code Start(corpdir_client* client, const corpdir_request& record)
+Answer Begin(Worker& worker, const corpdir_request* record)
+{
+    if (record == nullptr)
+    {
+        return {CORPDIR_ERR_ARGUMENT, ""};
+    }
+    try
+    {
+        Request request;
+        Answer answer = ReadRequest(*record, request);
+        return answer.code == CORPDIR_OK ? worker.Start(std::move(request)) : answer;
+    }
+    catch (const std::exception&)
+    {
+        return {CORPDIR_ERR_MEMORY, ""};
+    }
+}
+
+corpdir_code Start(corpdir_client* client, const corpdir_request* record)
 {
     const std::shared_ptr<Worker> worker = Clients::Get().Find(client);
     if (worker == nullptr)
     {
-        return CORPDIR_ERR_CLIENT;
+        return record == nullptr ? CORPDIR_ERR_ARGUMENT : CORPDIR_ERR_CLIENT;
     }
-    Request request;
-    Answer answer = ReadRequest(record, request);
-    if (answer.code == CORPDIR_OK)
-    {
-        answer = worker->Start(std::move(request));
-    }
+    Answer answer = Begin(*worker, record);
+    Clients::Get().NoteStart(client, "");  // what remains when memory runs out
     if (answer.code != CORPDIR_OK && answer.reason.empty())
     {
         answer.reason = corpdir_error_text(answer.code);
     }
-    Clients::Get().NoteStart(client, answer.reason);
+    Clients::Get().NoteStart(client, std::move(answer.reason));
     return answer.code;
 }
 
@@ -258,7 +284,7 @@ constexpr CodeText kCodeTexts[] = {
     {CORPDIR_ERR_ARGUMENT, "a null pointer, or a record whose size or reserved member is wrong"},
     {CORPDIR_ERR_CLIENT, "the client is not open"},
     {CORPDIR_ERR_BUSY, "the process has an open client already"},
-    {CORPDIR_ERR_MEMORY, "memory or threads ran out"},
+    {CORPDIR_ERR_MEMORY, "memory, threads or descriptors ran out"},
     {CORPDIR_ERR_LOG, "the log's directory cannot be used"},
     {CORPDIR_ERR_SERVICE, "the service could not be started"},
     {CORPDIR_ERR_NOT_STARTED, "no request is under way"},
@@ -286,15 +312,16 @@ constexpr CodeText kCodeTexts[] = {
     {CORPDIR_ERR_USER, "user: not 1 to 127 bytes without control bytes"},
     {CORPDIR_ERR_PASSWORD, "password: not 1 to 127 bytes without control bytes"},
     {CORPDIR_ERR_VERSION_FILE,
-     "version_file: not 1 to 255 bytes without control bytes and a closing \"/\""},
+     "version_file: empty, longer than 255 bytes, with a control byte, or ending in \"/\""},
     {CORPDIR_ERR_DIRECTORY_FILE,
-     "directory_file: not 1 to 255 bytes without control bytes and a closing \"/\", or the version "
-     "file"},
-    {CORPDIR_ERR_VERSION_DIR, "version_dir: not 1 to 127 bytes with a closing \"/\""},
+     "directory_file: empty, longer than 255 bytes, with a control byte, or ending in \"/\""},
+    {CORPDIR_ERR_VERSION_DIR,
+     "version_dir: empty, longer than 127 bytes with its closing \"/\", or with a control byte"},
     {CORPDIR_ERR_VERSION_NAME,
      "version_name: not a plain name of 1 to 255 bytes, or that of the directory file or its "
      "state"},
-    {CORPDIR_ERR_DIRECTORY_DIR, "directory_dir: not 1 to 127 bytes with a closing \"/\""},
+    {CORPDIR_ERR_DIRECTORY_DIR,
+     "directory_dir: empty, longer than 127 bytes with its closing \"/\", or with a control byte"},
     {CORPDIR_ERR_DIRECTORY_NAME, "directory_name: not a plain name of 1 to 241 bytes"},
     {CORPDIR_ERR_LOCAL_ADDRESS,
      "local_address: not an IPv4 or IPv6 address, or of another family than a server"},
@@ -323,10 +350,7 @@ corpdir_code corpdir_open(const corpdir_log_settings* log, corpdir_client** clie
         return CORPDIR_ERR_ARGUMENT;
     }
     *client = nullptr;
-    tag_CORPDIR_LOGINFO info = {};
-    info.ulLogLevel = corpdir_c::kDefaultLevel;
-    const corpdir_code code = log == nullptr ? CORPDIR_OK : corpdir_c::ReadLogSettings(*log, info);
-    return code != CORPDIR_OK ? code : Guarded([&] { return Clients::Get().Open(info, *client); });
+    return Guarded([&] { return Clients::Get().Open(log, *client); });
 }
 
 void corpdir_close(corpdir_client* client)
@@ -341,11 +365,7 @@ void corpdir_close(corpdir_client* client)
 
 corpdir_code corpdir_start(corpdir_client* client, const corpdir_request* request)
 {
-    if (request == nullptr)
-    {
-        return CORPDIR_ERR_ARGUMENT;
-    }
-    return Guarded([=] { return corpdir_c::Start(client, *request); });
+    return Guarded([=] { return corpdir_c::Start(client, request); });
 }
 
 size_t corpdir_start_reason(corpdir_client* client, char* buffer, size_t capacity)
@@ -398,7 +418,9 @@ corpdir_code corpdir_next_event(corpdir_client* client, corpdir_event* event)
 
 corpdir_code corpdir_status(const char* path, corpdir_state* state)
 {
-    if (path == nullptr || state == nullptr || !corpdir_c::HasRoom(state->size, sizeof *state))
+    if (path == nullptr || *path == '\0' ||
+        std::any_of(path, path + strlen(path), base::IsControlByte) || state == nullptr ||
+        !corpdir_c::HasRoom(state->size, sizeof *state))
     {
         return CORPDIR_ERR_ARGUMENT;
     }

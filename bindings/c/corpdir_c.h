@@ -18,21 +18,21 @@
  * Threads. Every function may be called on any thread, also on several at once, and within the
  * callback. The callback runs on the client's own thread, one call at a time, in the order of the
  * events. A transfer under way goes on meanwhile; the next event, and putting a complete file into
- * place, wait for the callback's return. That thread blocks all signals.
+ * place, wait for the callback's return. That thread blocks all signals except those of faults.
  *
- * Waiting. corpdir_close and corpdir_start wait for a callback in progress unless they are called
- * within a callback. So do not call them while holding a lock that the callback takes. They do not
- * wait for the network.
+ * Waiting. corpdir_close, corpdir_start and corpdir_stop wait for a callback in progress unless
+ * they are called within a callback. So do not call them while holding a lock that the callback
+ * takes. They do not wait for the network.
  *
- * The end of a process. A process may end without corpdir_close: from exit() on no callback begins,
- * and one in progress is waited for at most 1 s. Destructors of static objects, which exit() runs,
- * may call corpdir_close: it returns at once then. In the child of a fork nothing here may be
- * called.
+ * The end of a process. A process may end without corpdir_close. The first corpdir_open registers a
+ * handler with atexit: from its run on no callback begins, one in progress is waited for at most
+ * 1 s, and calls return at once. In the child of a fork nothing here may be called;
+ * corpdir_close, for destructors, returns at once there.
  *
  * Files. The directory file and the version file are replaced whole, one right after the other, and
  * only when the directory file is complete. Beside the directory file there is its state,
- * .NAME.corpdir.json (corpdir_status). Files that begin with .corpdir- are the client's own; those
- * that a process left behind when it was killed are removed by the next one.
+ * .NAME.corpdir.json (corpdir_status). Files that begin with .corpdir- or .travex_ftp- are the
+ * client's own; those that a process left behind when it was killed are removed by the next one.
  *
  * Texts are NUL-terminated byte strings, file names in the encoding of the system and the server.
  * Records begin with their size, so that they can grow at their end. Zero a record first: every
@@ -60,7 +60,7 @@ typedef enum corpdir_code
     CORPDIR_ERR_ARGUMENT = 1,    /**< a null pointer, or a record of a size that is unknown */
     CORPDIR_ERR_CLIENT = 2,      /**< the client is not open, or another thread is closing it */
     CORPDIR_ERR_BUSY = 3,        /**< the process has an open client already */
-    CORPDIR_ERR_MEMORY = 4,      /**< memory or threads ran out */
+    CORPDIR_ERR_MEMORY = 4,      /**< memory, threads or descriptors ran out */
     CORPDIR_ERR_LOG = 5,         /**< the log's directory cannot be used */
     CORPDIR_ERR_SERVICE = 6,     /**< the service could not be started */
     CORPDIR_ERR_NOT_STARTED = 7, /**< no request is under way */
@@ -130,8 +130,8 @@ typedef enum corpdir_mode
     CORPDIR_MODE_FTP = 1   /**< nothing is encrypted, not even the password */
 } corpdir_mode;
 
-/** Kinds of event. A check begins with CHECKING and ends with DELIVERED, UNCHANGED, NO_SERVER_LEFT
- * or CHECK_FAILED; when no name has an address there is no CHECKING. In brackets: the members that
+/** Kinds of event. CHECKING comes with each server that is asked. A check ends with DELIVERED,
+ * UNCHANGED, NO_SERVER_LEFT or CHECK_FAILED. In brackets: the members that
  * are set, beside time. "Server" is server and name. */
 typedef enum corpdir_event_kind
 {
@@ -148,7 +148,8 @@ typedef enum corpdir_event_kind
     CORPDIR_EVENT_LOST = 6,        /**< events before this one are missing: memory ran out, or more
                                     * than 1,000 waited for corpdir_next_event */
     CORPDIR_EVENT_CHECKING = 7,    /**< a server is asked for the version file (server, file) */
-    CORPDIR_EVENT_NEXT_SERVER = 8, /**< the server before failed; CHECKING follows (server) */
+    CORPDIR_EVENT_NEXT_SERVER = 8, /**< the server before failed; CHECKING follows. A single server
+                                    * is asked twice, without this event (server) */
     CORPDIR_EVENT_NEW_VERSION = 9, /**< the version file was read, and the local directory file has
                                     * another version: the directory file follows (server, file,
                                     * version) */
@@ -256,9 +257,10 @@ typedef struct corpdir_request
                                     * of them, whatever is listed; NULL or "": as listed */
     uint64_t max_file_bytes;       /**< largest file that is accepted; 0: 16 GiB */
     uint32_t connect_seconds;      /**< for each connection, at most 3600; 0: 10 */
-    uint32_t retry_seconds; /**< until the next check when one failed and the service does not
-                             * check again by itself, at most 86400; 0: 60. After a refused
-                             * login 600 at least */
+    uint32_t retry_seconds; /**< until the next check when one failed before a version was read,
+                             * for a version that is not valid, a directory file or a local file;
+                             * at most 86400; 0: 60. After a refused login 600 at least. When later
+                             * all servers fail, the check of every ten minutes is the next one */
 } corpdir_request;
 
 /** What is known of a local directory file. */
@@ -298,9 +300,10 @@ CORPDIR_API corpdir_code corpdir_open(const corpdir_log_settings* log, corpdir_c
  * progress has returned, the log is written (5 s at most) and the service's threads have ended. */
 CORPDIR_API void corpdir_close(corpdir_client* client);
 
-/** Takes a request and starts its first check; a check follows every ten minutes. The record and
- * its texts are copied during the call, and remain the caller's; wipe the password. It is kept in
- * sealed form only.
+/** Takes a request and starts its first check; a check follows every ten minutes. The first check
+ * transfers the directory file in any case; when the local one is the same, UNCHANGED follows. The
+ * record and its texts are copied during the call, and remain the caller's; wipe the password. It
+ * is kept in sealed form only.
  *
  * An earlier request ends: its transfer is cancelled and its events that were not delivered are
  * dropped. Once the new request is accepted, the earlier callback no longer runs and its user_data
@@ -318,8 +321,9 @@ CORPDIR_API void corpdir_close(corpdir_client* client);
 CORPDIR_API corpdir_code corpdir_start(corpdir_client* client, const corpdir_request* request);
 
 /** Copies a sentence about the client's last corpdir_start into buffer, cut to fit and terminated;
- * "" after a success. Returns the sentence's length, 0 also for a client that is not open. buffer:
- * may be NULL when capacity is 0. Any thread. Does not block. */
+ * "" after a success. client NULL: about the last corpdir_open, when its log or service failed.
+ * Returns the sentence's length, 0 also for a client that is not open. buffer: may be NULL when
+ * capacity is 0. Any thread. Does not block. */
 CORPDIR_API size_t corpdir_start_reason(corpdir_client* client, char* buffer, size_t capacity);
 
 /** Ends the request under way: its transfer is cancelled, its events that were not delivered are
@@ -327,8 +331,9 @@ CORPDIR_API size_t corpdir_start_reason(corpdir_client* client, char* buffer, si
  * CORPDIR_ERR_CLIENT, _MEMORY, _NOT_STARTED. */
 CORPDIR_API corpdir_code corpdir_stop(corpdir_client* client);
 
-/** Checks now. A check under way goes on, and another one follows it. Any thread. Does not block.
- * CORPDIR_ERR_CLIENT, _NOT_STARTED. */
+/** Checks now, also after a refused login, which is sent again: some servers lock an account after
+ * a few. A check under way goes on, and another one follows it, unless that check still looks up
+ * names. Any thread. Does not block. CORPDIR_ERR_CLIENT, _NOT_STARTED. */
 CORPDIR_API corpdir_code corpdir_check_now(corpdir_client* client);
 
 /** Returns a descriptor that can be read while an event waits for corpdir_next_event: for poll,

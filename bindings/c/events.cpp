@@ -35,7 +35,8 @@ EventData Common(const client::Event& event, corpdir_event_kind kind)
 {
     EventData data;
     data.kind = kind;
-    data.server = event.transfer.server;
+    // A name that has no address was not asked.
+    data.server = event.server.address.empty() ? event.server.name : event.transfer.server;
     data.file = event.transfer.file;
     data.name = event.server.name;
     data.version = event.version;
@@ -52,7 +53,8 @@ EventData Failure(const client::Event& event, corpdir_event_kind kind, corpdir_c
 {
     EventData data = Common(event, kind);
     data.code = code;
-    data.reason = event.transfer.reason;
+    data.reason = (code == CORPDIR_ERR_VERSION ? "the version file is not valid: " : "") +
+                  event.transfer.reason;
     data.step = event.transfer.step;
     data.reply = event.transfer.reply;
     return data;
@@ -66,17 +68,10 @@ EventData End(const client::Event& event, corpdir_event_kind kind)
     return data;
 }
 
-EventData NameFailure(const client::Event& event, corpdir_event_kind kind, corpdir_code code)
+// The code of a failure, or of the one that ended a check.
+corpdir_code CodeOfFailure(const client::Event& event)
 {
-    EventData data = Failure(event, kind, code);
-    data.server = event.server.name;
-    return data;
-}
-
-// The code of the failure that ended a check.
-corpdir_code CodeOfLast(const client::Event& event)
-{
-    switch (event.failure)
+    switch (event.kind == Kind::kPassFailed ? event.failure : event.kind)
     {
         case Kind::kNameFailed:
             return CORPDIR_ERR_NAME;
@@ -122,14 +117,14 @@ std::vector<EventData> CurrentEvents(const client::Event& event)
         case Kind::kRefused:
             return {Failure(event, CORPDIR_EVENT_FAILED, CodeOf(event.transfer.code))};
         case Kind::kNameFailed:
-            return {NameFailure(event, CORPDIR_EVENT_NAME_FAILED, CORPDIR_ERR_NAME)};
+            return {Failure(event, CORPDIR_EVENT_NAME_FAILED, CORPDIR_ERR_NAME)};
         case Kind::kStartFailed:
-            return {Failure(event, CORPDIR_EVENT_START_FAILED, CodeOfLast(event))};
+            return {Failure(event, CORPDIR_EVENT_START_FAILED, CodeOfFailure(event))};
         case Kind::kPassFailed:
             return {Failure(
                 event,
                 event.serverFailed ? CORPDIR_EVENT_NO_SERVER_LEFT : CORPDIR_EVENT_CHECK_FAILED,
-                CodeOfLast(event))};
+                CodeOfFailure(event))};
         case Kind::kRecovered:
             return {Common(event, CORPDIR_EVENT_RECOVERED)};
         case Kind::kWaiting:
@@ -164,7 +159,7 @@ std::vector<EventData> FirstEvents(const client::Event& event)
         case Kind::kDelivered:
             return {End(event, CORPDIR_EVENT_TRANSFERRED), End(event, CORPDIR_EVENT_DELIVERED)};
         case Kind::kNameFailed:
-            return {NameFailure(event, CORPDIR_EVENT_FAILED, CORPDIR_ERR_CONNECT)};
+            return {Failure(event, CORPDIR_EVENT_FAILED, CORPDIR_ERR_CONNECT)};
         default:
             return {};
     }

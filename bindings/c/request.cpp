@@ -104,10 +104,14 @@ Answer ReadServers(const corpdir_request& record, client::Settings& settings)
     for (const std::string& text : client::SplitList(record.servers))
     {
         client::ServerEntry entry;
+        if (std::any_of(text.begin(), text.end(), base::IsControlByte))
+        {
+            return {CORPDIR_ERR_SERVERS, ""};
+        }
         switch (client::ReadEntry(text, entry))
         {
             case client::EntryProblem::kEmpty:
-                return {CORPDIR_ERR_SERVERS, ""};
+                return {CORPDIR_ERR_SERVERS, "servers: an entry is empty"};
             case client::EntryProblem::kZeroAddress:
                 return {CORPDIR_ERR_SERVERS,
                         "servers: " + entry.text + " is the unspecified address, not a server"};
@@ -162,10 +166,13 @@ Answer ReadFiles(const corpdir_request& record, client::Settings& settings)
         return {CORPDIR_ERR_VERSION_FILE, ""};
     }
     // The service distinguishes the two by their names.
-    if (!TakeServerFile(record.directory_file, settings.directoryFile) ||
-        settings.directoryFile == settings.versionFile)
+    if (!TakeServerFile(record.directory_file, settings.directoryFile))
     {
         return {CORPDIR_ERR_DIRECTORY_FILE, ""};
+    }
+    if (settings.directoryFile == settings.versionFile)
+    {
+        return {CORPDIR_ERR_DIRECTORY_FILE, "directory_file: the same as version_file"};
     }
     if (!TakeFolder(record.directory_dir, settings.directoryFolder))
     {
@@ -174,7 +181,11 @@ Answer ReadFiles(const corpdir_request& record, client::Settings& settings)
     if (!TakeName(record.directory_name, settings.directoryFile, client::kMaxDirectoryName,
                   settings.directoryName))
     {
-        return {CORPDIR_ERR_DIRECTORY_NAME, ""};
+        return {CORPDIR_ERR_DIRECTORY_NAME,
+                record.directory_name != nullptr
+                    ? ""
+                    : "directory_file: its last part is not a local name of 1 to 241 bytes; set "
+                      "directory_name"};
     }
     if (!TakeFolder(record.version_dir != nullptr ? record.version_dir : record.directory_dir,
                     settings.versionFolder))
@@ -230,7 +241,9 @@ Answer ReadLimits(const corpdir_request& record, client::Settings& settings)
 {
     if (record.connect_seconds > kMaxConnectSeconds || record.retry_seconds > kMaxRetrySeconds)
     {
-        return {CORPDIR_ERR_TIMES, ""};
+        return {CORPDIR_ERR_TIMES, record.connect_seconds > kMaxConnectSeconds
+                                       ? "the time for a connection is above 3600 s"
+                                       : "the time until the next check is above 86400 s"};
     }
     settings.connectMs = record.connect_seconds * 1000;
     settings.retry =

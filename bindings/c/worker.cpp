@@ -31,6 +31,7 @@ thread_local const Worker* t_worker = nullptr;
 // The end of the process. Workers are inside the gate while they do anything.
 base::Gate g_gate;
 std::atomic<bool> g_ending{false};
+std::atomic<bool> g_forked{false};  // this process is a child: its workers are the parent's
 base::Mutex g_currentMutex;
 Worker* g_current CORPDIR_GUARDED_BY(g_currentMutex) = nullptr;
 
@@ -56,6 +57,10 @@ Answer Closed()
 // At exit the worker's thread does not return from here on: the layers below go away.
 void Worker::EndAtExit(base::Clock::time_point deadline)
 {
+    if (g_forked)
+    {
+        return;
+    }
     g_ending = true;
     const base::MutexLock lock(g_currentMutex);
     if (g_current != nullptr)
@@ -79,9 +84,21 @@ void Worker::EndAtExit(base::Clock::time_point deadline)
 
 bool Worker::PrepareForExit()
 {
-    static const bool s_registered = base::ProcessEnd::Register<base::EndStage::kEvents>(
-        EndAtExit, [] { g_gate.ForgetInside(); });
+    static bool s_registered = false;  // one worker is opened at a time
+    s_registered = s_registered || base::ProcessEnd::Register<base::EndStage::kEvents>(
+                                       EndAtExit, [] { g_forked = true; });
     return s_registered;
+}
+
+// Stops the thread for good, outside the gate. Others do not wait for it.
+void Worker::Hold()
+{
+    {
+        const base::MutexLock lock(m_mutex);
+        m_held = true;
+        m_changed.NotifyAll();
+    }
+    base::ProcessEnd::HoldCaller();
 }
 
 bool Worker::CallerIsOne()
@@ -101,15 +118,15 @@ Answer Worker::Open(const tag_CORPDIR_LOGINFO& log)
         throw std::bad_alloc();
     }
     m_log = log;
+    client::Settings settings;
+    settings.log = log;
+    settings.suites = client::SuitesOf(client::SuiteSet::kCompatible);
     m_client.emplace(*GetCorpDirInstance());
     {
         const base::MutexLock lock(m_mutex);
         m_readable = std::move(readable);
         m_thread = base::Thread("corpdir-client", [self = shared_from_this()] { self->Run(); });
     }
-    client::Settings settings;
-    settings.log = log;
-    settings.suites = client::SuitesOf(client::SuiteSet::kCompatible);
     Answer answer = Ask(
         [this, &settings]
         {
@@ -132,9 +149,9 @@ Answer Worker::Open(const tag_CORPDIR_LOGINFO& log)
 
 bool Worker::Close()
 {
-    if (base::ProcessEnd::IsCaller())
+    if (g_forked || base::ProcessEnd::IsCaller())
     {
-        return true;  // a static object of the application: the thread is held
+        return true;  // called by a destructor, in a child or at exit
     }
     if (t_worker == this)
     {
@@ -167,11 +184,11 @@ bool Worker::Close()
 void Worker::WaitForEnd()
 {
     const base::MutexLock lock(m_mutex);
-    while (!m_over)
+    while (!m_over && !m_held)
     {
         m_changed.Wait(m_mutex);
     }
-    if (m_thread.Joinable())
+    if (m_over && m_thread.Joinable())
     {
         m_thread.Join();
     }
@@ -189,7 +206,7 @@ void Worker::Run() noexcept
     {
         if (g_ending || !g_gate.Enter())
         {
-            base::ProcessEnd::HoldCaller();
+            Hold();
         }
         goOn = Step();
         if (!goOn)
@@ -241,8 +258,8 @@ bool Worker::Step()
     }
     catch (const std::exception&)  // memory, or the security layer's resources
     {
-        Deliver(Lost());
         m_restart = base::Clock::now() + kRestartAfter;
+        Deliver(Lost());
     }
     return true;
 }
@@ -272,32 +289,32 @@ bool Worker::TakeCheckNow()
 // Has the thread do some work, and waits for its answer.
 Answer Worker::Ask(std::function<Answer()> work)
 {
+    if (g_forked || base::ProcessEnd::IsCaller())
+    {
+        return Closed();
+    }
     if (t_worker == this)
     {
         return IsClosing() ? Closed() : work();
     }
-    if (base::ProcessEnd::IsCaller())
-    {
-        return Closed();
-    }
     Call call;
     call.work = std::move(work);
     const base::MutexLock lock(m_mutex);
-    while (m_call != nullptr && !m_closing)
+    while (m_call != nullptr && !m_closing && !m_held)
     {
         m_changed.Wait(m_mutex);
     }
-    if (m_closing)
+    if (m_closing || m_held)
     {
         return Closed();
     }
     m_call = &call;
     m_client->Wake();
-    while (!call.done)
+    while (!call.done && !m_held)
     {
         m_changed.Wait(m_mutex);
     }
-    return std::move(call.answer);
+    return call.done ? std::move(call.answer) : Closed();
 }
 
 void Worker::AnswerCall()
@@ -311,7 +328,14 @@ void Worker::AnswerCall()
     {
         return;
     }
-    call->answer = call->work();
+    try
+    {
+        call->answer = call->work();
+    }
+    catch (const std::exception&)
+    {
+        call->answer = {CORPDIR_ERR_MEMORY, ""};
+    }
     const base::MutexLock lock(m_mutex);
     call->done = true;
     m_call = nullptr;
@@ -476,7 +500,7 @@ void Worker::Deliver(const EventData& event)
     if (g_ending)
     {
         g_gate.Leave();
-        base::ProcessEnd::HoldCaller();
+        Hold();
     }
     const corpdir_event record = event.Record();
     m_request->callback(m_request->user, &record);
@@ -489,12 +513,8 @@ void Worker::Wait(const EventData& event)
     const auto isProgress = [](const EventData& one) { return one.kind == CORPDIR_EVENT_PROGRESS; };
     try
     {
-        if (event.kind == CORPDIR_EVENT_LOST)
-        {
-            m_lost = true;
-        }
-        else if (!m_waiting.empty() && isProgress(event) && isProgress(m_waiting.back()) &&
-                 m_waiting.back().file == event.file)
+        if (!m_waiting.empty() && isProgress(event) && isProgress(m_waiting.back()) &&
+            m_waiting.back().file == event.file)
         {
             m_waiting.back() = event;
         }

@@ -84,6 +84,7 @@ private:
     };
 
     static bool PrepareForExit();
+    [[noreturn]] void Hold();
     static void EndAtExit(base::Clock::time_point deadline);
 
     void Run() noexcept;
@@ -115,6 +116,7 @@ private:
     bool m_checkNow CORPDIR_GUARDED_BY(m_mutex) = false;
     bool m_started CORPDIR_GUARDED_BY(m_mutex) = false;  // a request is under way
     bool m_closing CORPDIR_GUARDED_BY(m_mutex) = false;
+    bool m_held CORPDIR_GUARDED_BY(m_mutex) = false;        // the process ends
     bool m_over CORPDIR_GUARDED_BY(m_mutex) = false;        // the thread does nothing more
     std::vector<int> m_suites CORPDIR_GUARDED_BY(m_mutex);  // empty: the default ones
     base::Descriptor m_readable CORPDIR_GUARDED_BY(m_mutex);

@@ -25,6 +25,10 @@
 #ifndef CORPDIR_CORPDIR_HPP
 #define CORPDIR_CORPDIR_HPP
 
+#if __cplusplus < 201703L
+#error "corpdir.hpp needs C++17; corpdir_c.h serves C99 and C++11"
+#endif
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -299,8 +303,8 @@ struct Request
     std::string localAddress;   ///< address to connect from; empty: the system's choice
     std::uint64_t maxFileBytes = 0;             ///< largest file that is accepted; 0: 16 GiB
     std::chrono::seconds connectTimeout{0};     ///< for each connection, at most an hour; 0: 10 s
-    std::chrono::seconds retryInterval{0};      ///< until the next check after one that failed, at
-                                                ///< most a day; 0: 60 s
+    std::chrono::seconds retryInterval{0};      ///< as retry_seconds in corpdir_c.h, at most a day;
+                                                ///< 0: 60 s
     std::function<void(const Event&)> onEvent;  ///< see Client::Start; empty: the events wait for
                                                 ///< Client::NextEvent
 };
@@ -530,7 +534,8 @@ public:
         record.level = log.level;
         record.max_file_bytes = log.maxFileBytes;
         record.max_files = log.maxFiles;
-        detail::Report(corpdir_open(&record, &m_session->client), error);
+        const corpdir_code code = corpdir_open(&record, &m_session->client);
+        detail::Report(code, error, code == CORPDIR_OK ? "" : detail::StartReason(m_session));
     }
 
     /// Does not disturb a running onEvent.

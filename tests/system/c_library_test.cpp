@@ -1,6 +1,7 @@
 // The C library, linked as its users link it, against real FTPS servers.
 #include <netdb.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -248,6 +249,9 @@ TEST(CLibraryOpen, RefusesUnusableSettings)
               CORPDIR_ERR_LOG_DIR);
     EXPECT_EQ(opened([&](corpdir_log_settings& log) { log.directory = missing.c_str(); }),
               CORPDIR_ERR_LOG);
+    char reason[512] = "";
+    (void)corpdir_start_reason(nullptr, reason, sizeof reason);
+    EXPECT_EQ(reason, "the log in '" + missing + "' cannot be written: No such file or directory");
     EXPECT_EQ(corpdir_open(nullptr, nullptr), CORPDIR_ERR_ARGUMENT);
 }
 
@@ -370,10 +374,14 @@ const BadMember kBadMembers[] = {
     {"SizeNotSet", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.size = 1u << 30; }},
     {"Reserved", CORPDIR_ERR_ARGUMENT, [](corpdir_request& r) { r.reserved = 1; }},
     {"ServersMissing", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = nullptr; }},
-    {"ServersEmpty", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = ""; }},
-    {"ServersWithAGap", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a;;b"; }},
-    {"ServersWithATail", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a;"; }},
-    {"ServersWithABlankEntry", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a; "; }},
+    {"ServersEmpty", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = ""; },
+     "servers: an entry is empty"},
+    {"ServersWithAGap", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a;;b"; },
+     "servers: an entry is empty"},
+    {"ServersWithATail", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a;"; },
+     "servers: an entry is empty"},
+    {"ServersWithABlankEntry", CORPDIR_ERR_SERVERS, [](corpdir_request& r) { r.servers = "a; "; },
+     "servers: an entry is empty"},
     {"ServersWithAControlByte", CORPDIR_ERR_SERVERS,
      [](corpdir_request& r) { r.servers = "a\nb"; }},
     {"ServerNeitherNameNorAddress", CORPDIR_ERR_SERVERS,
@@ -406,7 +414,8 @@ const BadMember kBadMembers[] = {
     {"DirectoryFileTooLong", CORPDIR_ERR_DIRECTORY_FILE,
      [](corpdir_request& r) { r.directory_file = kDots256.c_str(); }},
     {"DirectoryFileTheVersionFile", CORPDIR_ERR_DIRECTORY_FILE,
-     [](corpdir_request& r) { r.directory_file = "version.txt"; }},
+     [](corpdir_request& r) { r.directory_file = "version.txt"; },
+     "directory_file: the same as version_file"},
     {"DirectoryDirMissing", CORPDIR_ERR_DIRECTORY_DIR,
      [](corpdir_request& r) { r.directory_dir = nullptr; }},
     {"DirectoryDirTooLong", CORPDIR_ERR_DIRECTORY_DIR,
@@ -422,7 +431,8 @@ const BadMember kBadMembers[] = {
     {"DirectoryNameElsewhere", CORPDIR_ERR_DIRECTORY_NAME,
      [](corpdir_request& r) { r.directory_name = "../x"; }},
     {"DirectoryNameTheParent", CORPDIR_ERR_DIRECTORY_NAME,
-     [](corpdir_request& r) { r.directory_file = "a/.."; }},
+     [](corpdir_request& r) { r.directory_file = "a/.."; },
+     "directory_file: its last part is not a local name of 1 to 241 bytes; set directory_name"},
     {"VersionDirEmpty", CORPDIR_ERR_VERSION_DIR, [](corpdir_request& r) { r.version_dir = ""; }},
     {"VersionDirTooLong", CORPDIR_ERR_VERSION_DIR,
      [](corpdir_request& r) { r.version_dir = kDots127.c_str(); }},
@@ -449,8 +459,10 @@ const BadMember kBadMembers[] = {
      [](corpdir_request& r) { r.certificate_names = "a.test;127.0.0.1"; },
      "certificate_names: '127.0.0.1' is not a host name"},
     {"ConnectSecondsTooMany", CORPDIR_ERR_TIMES,
-     [](corpdir_request& r) { r.connect_seconds = 3601; }},
-    {"RetrySecondsTooMany", CORPDIR_ERR_TIMES, [](corpdir_request& r) { r.retry_seconds = 86401; }},
+     [](corpdir_request& r) { r.connect_seconds = 3601; },
+     "the time for a connection is above 3600 s"},
+    {"RetrySecondsTooMany", CORPDIR_ERR_TIMES, [](corpdir_request& r) { r.retry_seconds = 86401; },
+     "the time until the next check is above 86400 s"},
     {"DirectoryMissing", CORPDIR_ERR_LOCAL_FILE, [](corpdir_request&) {},
      "cannot create a file in '/nonexistent/': No such file or directory"},
 };
@@ -619,7 +631,7 @@ TEST_F(CLibraryFetch, AnInvalidVersionIsReportedWithItsText)
     EXPECT_EQ(invalid.code, CORPDIR_ERR_VERSION);
     EXPECT_EQ(invalid.version, "17");
     EXPECT_EQ(invalid.server, Endpoint());
-    EXPECT_NE(invalid.reason, "");
+    EXPECT_THAT(invalid.reason, StartsWith("the version file is not valid: "));
     EXPECT_EQ(m_events.All()[2].code, CORPDIR_ERR_VERSION);
 }
 
@@ -1051,6 +1063,26 @@ TEST_F(CLibraryFetch, ALaterRefusalIsReportedAndTriedAgain)
     EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
 }
 
+// The service opens its log again for each request.
+TEST_F(CLibraryFetch, AServiceThatCannotStartAgainIsReported)
+{
+    m_server->AddFile("version.txt", "17\n");  // not valid: another request follows
+    ASSERT_NO_FATAL_FAILURE(StartUntil(CORPDIR_EVENT_WAITING, m_events,
+                                       [](CRequest& request)
+                                       { request.record.retry_seconds = 1; }));
+    std::filesystem::remove_all(m_log.Path());
+    ASSERT_TRUE(m_events.WaitFor(CORPDIR_EVENT_CHECK_FAILED));
+    std::filesystem::create_directory(m_log.Path());
+    m_server->AddFile("version.txt", "edition 17\n");
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
+    for (const corpdir_event_kind kind : {CORPDIR_EVENT_START_FAILED, CORPDIR_EVENT_CHECK_FAILED})
+    {
+        const Event failed = m_events.OfKind(kind).front();
+        EXPECT_EQ(failed.code, CORPDIR_ERR_LOG);
+        EXPECT_THAT(failed.reason, HasSubstr(m_log.Path()));
+    }
+}
+
 TEST_F(CLibraryTransfer, AServerThatDiesLeavesTheOlderFile)
 {
     WriteFile(m_output.File("directory.csv"), "older");
@@ -1197,6 +1229,27 @@ TEST_F(CLibraryFetch, TheCallbackMayCloseAndOpenAgain)
     EXPECT_THAT(m_events.All(), SizeIs(1));
 }
 
+#ifndef CORPDIR_TESTS_UNDER_SANITIZERS
+// The files of the transfer are the parent's.
+TEST_F(CLibraryTransfer, AChildThatExitsRemovesNothing)
+{
+    StartTransfer();
+    const std::vector<std::string> before = FilesIn(m_output.Path());
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        (void)alarm(20);
+        corpdir_close(m_client);
+        std::exit(0);  // NOLINT(concurrency-mt-unsafe)
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(before, Contains(StartsWith(".corpdir-")));
+    EXPECT_THAT(FilesIn(m_output.Path()), before);
+}
+#endif
+
 TEST_F(CLibraryTransfer, ASecondStartReplacesTheFirst)
 {
     StartTransfer();
@@ -1308,7 +1361,7 @@ constexpr int kEnded = 7;
 constexpr char kExitFolder[] = "CORPDIR_EXIT_FOLDER";
 
 // Starts a request that fails again and again: no server listens on the port.
-void StartFailing(RecordedEvents& events)
+corpdir_client* StartFailing(RecordedEvents& events)
 {
     corpdir_client* client = nullptr;
     corpdir_log_settings log = {};
@@ -1323,6 +1376,7 @@ void StartFailing(RecordedEvents& events)
     {
         _exit(1);
     }
+    return client;
 }
 
 // Never destroyed: threads use it until the process is gone.
@@ -1339,6 +1393,10 @@ protected:
     {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         (void)setenv(kExitFolder, m_folder.Path().c_str(), 0);  // NOLINT(concurrency-mt-unsafe)
+    }
+    ~CLibraryExitDeathTest() override
+    {
+        (void)unsetenv(kExitFolder);  // NOLINT(concurrency-mt-unsafe)
     }
 
     TemporaryDirectory m_folder;
@@ -1376,6 +1434,35 @@ TEST_F(CLibraryExitDeathTest, BesideACallback)
             RecordedEvents& events = NewEvents();
             events.Then([] { std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
             StartFailing(events);
+            std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)
+        },
+        ::testing::ExitedWithCode(kEnded), "");
+}
+
+// A static object, destroyed after the library's exit handler, waits for a thread that closes.
+TEST_F(CLibraryExitDeathTest, WithAThreadThatCloses)
+{
+    EXPECT_EXIT(
+        {
+            struct Owner
+            {
+                ~Owner()
+                {
+                    go.set_value();
+                    thread.join();
+                }
+                std::promise<void> go;
+                std::thread thread;
+            };
+            static Owner owner;
+            corpdir_client* const client = StartFailing(NewEvents());
+            owner.thread = std::thread(
+                [client]
+                {
+                    owner.go.get_future().wait();
+                    corpdir_close(client);
+                });
+            (void)alarm(20);
             std::exit(kEnded);  // NOLINT(concurrency-mt-unsafe)
         },
         ::testing::ExitedWithCode(kEnded), "");

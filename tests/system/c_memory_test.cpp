@@ -14,15 +14,22 @@
 #include "c_client.h"
 #include "memory_search.h"
 
-static std::atomic<bool> g_no_memory{false};
+// The thread that has no memory; null: none.
+static std::atomic<const char*> g_no_memory{nullptr};
+// Allocations of this thread until one fails; negative: none does.
+static thread_local int t_left = -1;
 
-// Events are made on the FTP layer's notification thread. The library's calls come here too: a
-// program's definition goes first.
+// The library's calls come here too: a program's definition goes first.
 static bool FailsNow()
 {
+    if (t_left >= 0 && t_left-- == 0)
+    {
+        return true;
+    }
+    const char* const thread = g_no_memory;
     char name[16] = "";
-    return g_no_memory && pthread_getname_np(pthread_self(), name, sizeof name) == 0 &&
-           strcmp(name, "corpdir-notify") == 0;
+    return thread != nullptr && pthread_getname_np(pthread_self(), name, sizeof name) == 0 &&
+           strcmp(name, thread) == 0;
 }
 
 void* operator new(std::size_t size)
@@ -128,10 +135,10 @@ TEST_F(CMemory, BetweenTwoChecksThePasswordIsSealed)
 
 TEST_F(CMemory, EventsThatAreLostAreReported)
 {
-    g_no_memory = true;
+    g_no_memory = "corpdir-notify";
     const corpdir_code code = Start([](corpdir_request&) {});
     EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_LOST));
-    g_no_memory = false;
+    g_no_memory = nullptr;
     EXPECT_EQ(code, CORPDIR_OK);
     const Event lost = m_events.OfKind(CORPDIR_EVENT_LOST).front();
     EXPECT_EQ(lost.server + lost.file + lost.reason, "");
@@ -141,6 +148,64 @@ TEST_F(CMemory, EventsThatAreLostAreReported)
                     { request.password = m_server->Options().password.c_str(); }),
               CORPDIR_OK);
     EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
+}
+
+// Another check begins a second later.
+TEST_F(CMemory, AfterALossTheClientGoesOnByItself)
+{
+    m_server->AddFile("directory.csv", "number,name\n");
+    g_no_memory = "corpdir-notify";
+    EXPECT_EQ(Start([this](corpdir_request& request)
+                    { request.password = m_server->Options().password.c_str(); }),
+              CORPDIR_OK);
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_LOST));
+    g_no_memory = nullptr;
+    EXPECT_TRUE(m_events.WaitFor(CORPDIR_EVENT_DELIVERED));
+    EXPECT_LE(m_events.OfKind(CORPDIR_EVENT_LOST).size(), 3u);
+}
+
+TEST_F(CMemory, AStopNeedsNoMemory)
+{
+    for (int i = 0; i < 2; ++i)
+    {
+        // The callback of these tests needs memory.
+        EXPECT_EQ(Start([](corpdir_request& request) { request.on_event = nullptr; }), CORPDIR_OK);
+        g_no_memory = "corpdir-client";
+        i == 0 ? (void)corpdir_stop(m_client) : corpdir_close(m_client);
+        g_no_memory = nullptr;
+    }
+}
+
+TEST_F(CMemory, AStartWithoutMemoryGivesItsCode)
+{
+    g_no_memory = "corpdir-client";
+    const corpdir_code code = Start([](corpdir_request& request) { request.on_event = nullptr; });
+    g_no_memory = nullptr;
+    EXPECT_EQ(code, CORPDIR_ERR_MEMORY);
+    char reason[64] = "";
+    (void)corpdir_start_reason(m_client, reason, sizeof reason);
+    EXPECT_STREQ(reason, "memory, threads or descriptors ran out");
+}
+
+// Whatever allocation fails, the next open succeeds.
+TEST_F(CMemory, AnOpenWithoutMemoryLeavesNothing)
+{
+    corpdir_close(m_client);
+    corpdir_code code = CORPDIR_ERR_MEMORY;
+    for (int allocations = 0; code != CORPDIR_OK; ++allocations)
+    {
+        ASSERT_LT(allocations, 200);
+        t_left = allocations;
+        code = corpdir_open(nullptr, &m_client);
+        t_left = -1;
+        if (code != CORPDIR_OK)
+        {
+            EXPECT_EQ(code, CORPDIR_ERR_MEMORY);
+            EXPECT_EQ(m_client, nullptr);
+            EXPECT_EQ(corpdir_open(nullptr, &m_client), CORPDIR_OK) << allocations;
+            corpdir_close(m_client);
+        }
+    }
 }
 
 }  // namespace

@@ -361,7 +361,7 @@ TEST_P(CppLibraryMember, IsRefusedWithItsCode)
     {
         EXPECT_EQ(error.code(), GetParam().code);
         EXPECT_EQ(error.what(), m_client.StartReason());
-        EXPECT_EQ(error.what(), error.code().message());
+        EXPECT_STRNE(error.what(), "");
     }
 }
 

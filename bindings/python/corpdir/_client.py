@@ -187,7 +187,9 @@ class Client:
         each certificate must carry one of them, whatever is listed. port: 0 is 21. plain: FTP
         without encryption. verify: check the server's certificate. max_file_bytes: largest file
         that is accepted; 0: 16 GiB. connect_seconds: for each connection; 0: 10. retry_seconds:
-        until the next check after one that failed; 0: 60.
+        until the next check when one failed before a version was read, or for a version, a
+        directory file or a local file; 0: 60. When later all servers fail, and after a refused
+        login, it is ten minutes.
 
         on_event: called with each Event on a daemon thread of this client, one call at a time;
         every method may be called within. The thread ends with the request, at close() at the
