@@ -691,13 +691,13 @@ void Client::OnInvalidVersion(const TransferEvent& transfer, const VersionFile& 
     const Server server = ServerOf(transfer);
     m_failed.insert(server.address);
     TransferEvent read = transfer;
-    read.reason = file.problem;
+    read.reason = "the version file is not valid: " + file.problem;
     Event& event = SayFailed(Event::Kind::kInvalidVersion, server, read);
     event.version = file.bytes.substr(0, file.bytes.find('\n')).substr(0, kMaxVersionText);
     event.next = AllFailed() ? Next::kNothing : Next::kOtherServer;
     CLIENT_LOG(CORPDIR_LOG_ERROR, "The version file %s from server %s is not valid: %s",
                transfer.file.c_str(), server.Label().c_str(), file.problem.c_str());
-    GoOn(server, "the version file is not valid: " + file.problem);
+    GoOn(server, read.reason);
 }
 
 void Client::OnDirectory(const Input& input)

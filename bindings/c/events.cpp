@@ -53,8 +53,7 @@ EventData Failure(const client::Event& event, corpdir_event_kind kind, corpdir_c
 {
     EventData data = Common(event, kind);
     data.code = code;
-    data.reason = (code == CORPDIR_ERR_VERSION ? "the version file is not valid: " : "") +
-                  event.transfer.reason;
+    data.reason = event.transfer.reason;
     data.step = event.transfer.step;
     data.reply = event.transfer.reply;
     return data;

@@ -17,7 +17,7 @@ sys.path.insert(0, str(SOURCE / "tests/support"))
 from served_directory import ServedDirectory, be_allowed_to_listen  # noqa: E402
 
 HERE = SOURCE / "tests/package"
-EXAMPLE = SOURCE / "examples/fetch_directory.cpp"
+EXAMPLE = SOURCE / "examples/service_fetch.cpp"
 STAYING = SOURCE / "examples/keep_current.cpp"
 STRICT = ["-Wall", "-Wextra", "-Wpedantic", "-Werror"]
 STRICTER = [*STRICT, "-Wconversion", "-Wsign-conversion", "-Wshadow", "-Wold-style-cast"]

@@ -61,7 +61,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="corpdir-packaged-") as work:
         folder = pathlib.Path(work)
         clients = [
-            [compile_example(folder, ["g++", "-std=c++11"], "fetch_directory.cpp", "corpdir")],
+            [compile_example(folder, ["g++", "-std=c++11"], "service_fetch.cpp", "corpdir")],
             [compile_example(folder, ["gcc", "-std=c99"], "fetch_directory.c", "corpdir_c")],
             [served_directory.PYTHON, SOURCE / "examples/fetch_directory.py"],
             [install_wheel(folder), SOURCE / "examples/fetch_directory.py"],

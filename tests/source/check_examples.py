@@ -8,7 +8,7 @@ import pathlib
 import sys
 
 EXAMPLES = [("README.md", "cpp", "examples/minimal.cpp"),
-            ("docs/library.md", "cpp", "examples/fetch_directory.cpp"),
+            ("docs/library.md", "cpp", "examples/service_fetch.cpp"),
             ("docs/bindings.md", "c", "examples/keep_current.c"),
             ("docs/bindings.md", "cpp", "examples/keep_current.cpp"),
             ("docs/bindings.md", "python", "examples/keep_current.py"),

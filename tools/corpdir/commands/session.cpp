@@ -183,9 +183,7 @@ Session::Settled Session::OnEnd(const client::Event& event)
 Session::Settled Session::OnInvalidVersion(const client::Event& event)
 {
     m_invalidVersion = true;
-    Failure failure = FailureOf(event.transfer);
-    failure.reason = "the version file is not valid: " + failure.reason;
-    ReportServer(event.server, failure, event.next);
+    ReportServer(event.server, FailureOf(event.transfer), event.next);
     return std::nullopt;
 }
 

@@ -288,13 +288,10 @@ void Watcher::OnChecking(const client::Event& event)
 void Watcher::OnFailed(const client::Event& event)
 {
     const client::TransferEvent& transfer = event.transfer;
-    const bool isVersion = event.kind == Kind::kInvalidVersion;
-    const std::string reason =
-        (isVersion ? "the version file is not valid: " : "") + transfer.reason;
-    m_reason = ProblemOf(event.server, transfer.file, reason);
-    if (isVersion)
+    m_reason = ProblemOf(event.server, transfer.file, transfer.reason);
+    if (event.kind == Kind::kInvalidVersion)
     {
-        m_output->InvalidVersion(event.server, transfer.file, event.version, reason);
+        m_output->InvalidVersion(event.server, transfer.file, event.version, transfer.reason);
     }
     else
     {

@@ -1,4 +1,4 @@
-// Fetches the directory once over FTPS: fetch_directory SERVERS USER OUTPUT_DIR CA_FILE
+// Fetches the directory once over FTPS: service_fetch SERVERS USER OUTPUT_DIR CA_FILE
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
