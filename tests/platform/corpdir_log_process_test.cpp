@@ -319,16 +319,24 @@ TEST_F(LogProcess, AForkedChildDoesNotKeepItsParentsName)
     const support::TemporaryDirectory other;
     ASSERT_EQ(mkdir(other.File("corpdir.log").c_str(), 0700), 0);
     EXPECT_EQ(Open(Info(other.Path())), static_cast<unsigned int>(EISDIR));  // changes nothing
-    const Child child([] { pause(); });
-    CorpDir_CloseLog();
-    ASSERT_TRUE(support::WaitUntil(
-        [&]
+    int runs[2] = {-1, -1};
+    ASSERT_EQ(pipe(runs), 0);
+    const Child child(
+        [&runs]
         {
-            EXPECT_EQ(Open(Info(Directory())), 0U);
-            Write(0, "text");
-            CorpDir_CloseLog();
-            return Contains(File(), "text");
-        }));
+            (void)!write(runs[1], "", 1);
+            pause();
+        });
+    // Its fork handler has run. Otherwise the next open takes another name, and keeps it.
+    char byte = 'x';
+    ASSERT_EQ(read(runs[0], &byte, 1), 1);
+    CorpDir_CloseLog();
+    EXPECT_EQ(Open(Info(Directory())), 0U);
+    Write(0, "text");
+    CorpDir_CloseLog();
+    EXPECT_TRUE(Contains(File(), "text"));
+    (void)close(runs[0]);
+    (void)close(runs[1]);
 }
 
 #ifndef CORPDIR_TESTS_UNDER_SANITIZERS
