@@ -578,15 +578,16 @@ TEST_F(ClientTest, GoesToTheNextServerAfterAnInvalidVersion)
     Start();
     (void)Said();
     Version("192.0.2.1", "V1\n");
-    EXPECT_THAT(Said(),
-                ElementsAre("checking 192.0.2.1",
-                            "invalid 192.0.2.1: the version file is not valid: its first line 'V1' is shorter than 5 bytes next"));
+    EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.1",
+                                    "invalid 192.0.2.1: the version file is not valid: its first "
+                                    "line 'V1' is shorter than 5 bytes next"));
     EXPECT_EQ("192.0.2.2;192.0.2.3;192.0.2.1", service.requests.back());
     Fail("192.0.2.2", kVersionFile);
     EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.2 next", "failed 192.0.2.2 16 next"));
     Version("192.0.2.3", std::string("\xFF\xFE\x31\0\x32\0\x33\0", 8));
     EXPECT_THAT(Said(), ElementsAre("checking 192.0.2.3 next",
-                                    "invalid 192.0.2.3: the version file is not valid: it is UTF-16 text; store it as ASCII or "
+                                    "invalid 192.0.2.3: the version file is not valid: it is "
+                                    "UTF-16 text; store it as ASCII or "
                                     "UTF-8",
                                     "all failed", "retry 60"));
     EXPECT_THAT(service.requests, testing::SizeIs(2));
