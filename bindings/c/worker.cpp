@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
 #include <new>
 #include <system_error>
@@ -72,6 +73,16 @@ void Worker::EndAtExit(base::Clock::time_point deadline)
         }
     }
     g_gate.Close(CallerIsOne() ? 1 : 0, deadline);
+}
+
+// When no transfer and no service uses them any more.
+void Worker::RemoveFilesAtExit()
+{
+    if (g_forked)
+    {
+        return;
+    }
+    const base::MutexLock lock(g_currentMutex);
     if (g_current != nullptr)
     {
         const base::MutexLock workerLock(g_current->m_mutex);
@@ -84,9 +95,11 @@ void Worker::EndAtExit(base::Clock::time_point deadline)
 
 bool Worker::PrepareForExit()
 {
-    static bool s_registered = false;  // one worker is opened at a time
-    s_registered = s_registered || base::ProcessEnd::Register<base::EndStage::kEvents>(
-                                       EndAtExit, [] { g_forked = true; });
+    // One worker is opened at a time. The first handler runs last, after those of all layers.
+    static bool s_registered = false;
+    s_registered = s_registered || (std::atexit(RemoveFilesAtExit) == 0 &&
+                                    base::ProcessEnd::Register<base::EndStage::kEvents>(
+                                        EndAtExit, [] { g_forked = true; }));
     return s_registered;
 }
 

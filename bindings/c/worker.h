@@ -86,6 +86,7 @@ private:
     static bool PrepareForExit();
     [[noreturn]] void Hold();
     static void EndAtExit(base::Clock::time_point deadline);
+    static void RemoveFilesAtExit();
 
     void Run() noexcept;
     bool Step();
